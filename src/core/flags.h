@@ -1,0 +1,13 @@
+// The process flags: words that outlive the state block's zeroing. The signal handlers write some
+// of them and touch nothing else.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+
+extern volatile sig_atomic_t parent_waiting; // 1 while a daemonizing start's parent waits
+extern volatile sig_atomic_t pending_signal; // the exit signal to act on, 0 = none
+extern volatile sig_atomic_t initialising;   // 1 = an exit signal ends the process at once
+extern volatile sig_atomic_t running;        // 1 while the event loop shall run
+
+extern uint32_t pkt_count; // packets seen by the capture callback

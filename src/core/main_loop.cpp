@@ -1,0 +1,65 @@
+#include "core/main_loop.h"
+
+#include "core/flags.h"
+#include "core/log.h"
+#include "core/signals.h"
+
+#include <algorithm>
+#include <sys/select.h>
+
+namespace {
+
+constexpr time_t WAIT_SECONDS = 5;
+
+// The descriptors of one wait; -1 leaves one out.
+struct read_set {
+    fd_set descriptors;
+    int highest = -1;
+
+    read_set() { FD_ZERO(&descriptors); }
+    void add(int fd) {
+        if (fd < 0 || fd >= FD_SETSIZE)
+            return;
+        FD_SET(fd, &descriptors);
+        highest = std::max(highest, fd);
+    }
+    bool ready(int fd) const { return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, &descriptors); }
+};
+
+// One packet a wake-up keeps the time between two looks at the other descriptors short. A capture
+// interface that was deleted yields one error and stays silent ever after.
+void serve_capture(capture_context *capture_ctx) {
+    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_main_loop", 0, "\n\n\ncapture the packet, let's process \n");
+    static bool failed;
+    const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
+                                     reinterpret_cast<u_char *>(capture_ctx));
+    if (result == PCAP_ERROR && !failed) {
+        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_main_loop", 0, "capture on %s failed: %s\n",
+                    capture_ctx->device, pcap_geterr(capture_ctx->handle));
+    }
+    failed = result == PCAP_ERROR;
+}
+
+} // namespace
+
+int jorn_main_loop(capture_context *capture_ctx) {
+    while (running != 0) {
+        const int capture_fd =
+            capture_ctx->handle != nullptr ? pcap_fileno(capture_ctx->handle) : -1;
+        read_set wanted;
+        wanted.add(capture_fd);
+        timeval time_out = {WAIT_SECONDS, 0};
+        const int ready =
+            select(wanted.highest + 1, &wanted.descriptors, nullptr, nullptr, &time_out);
+        log_handled_signals();
+        if (ready == -1) {
+            JORN_ERROR("select return -1, something wrong!!\n");
+            jorn_signal_handle(capture_ctx);
+            return -1;
+        }
+        if (ready > 0 && wanted.ready(capture_fd))
+            serve_capture(capture_ctx);
+        jorn_signal_handle(capture_ctx);
+    }
+    return 0;
+}

@@ -1,0 +1,9 @@
+// The event loop: one select over the capture (and, as they join, the command socket and the bus),
+// each ready descriptor served before the next wait.
+#pragma once
+
+#include "packet/capture.h"
+
+// Runs until `running` is cleared (returns 0) or the wait fails (returns -1; an interrupted wait
+// counts as failed).
+int jorn_main_loop(capture_context *capture_ctx);

@@ -1,0 +1,52 @@
+#include "core/options.h"
+
+#include "core/state.h"
+#include "core/text.h"
+
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+template <size_t N>
+bool take_argument(char (&field)[N], char option, const char *argument) {
+    if (strlen(argument) >= N) {
+        fprintf(stderr, "jorn: the argument of -%c is longer than %zu characters: %s\n", option,
+                N - 1, argument);
+        return false;
+    }
+    copy_text(field, argument);
+    return true;
+}
+
+} // namespace
+
+int jorn_parse_options(int argc, char *argv[]) {
+    daemon_settings &settings = jorn_state.settings;
+    int result = 0;
+    opterr = 0; // the message for an unknown option is ours
+    for (int option; (option = getopt(argc, argv, "i:c:dD")) != -1;) {
+        switch (option) {
+        case 'D':
+            settings.daemonize = 1;
+            break;
+        case 'd':
+            settings.debug = 1;
+            break;
+        case 'i':
+            if (!take_argument(settings.ifname, 'i', optarg))
+                return OPTIONS_ERR_TOO_LONG;
+            break;
+        case 'c':
+            if (!take_argument(settings.conf_path, 'c', optarg))
+                return OPTIONS_ERR_TOO_LONG;
+            break;
+        default:
+            fputs("unknown options directive \n", stderr);
+            result = OPTIONS_ERR_UNKNOWN;
+            break;
+        }
+    }
+    return result;
+}

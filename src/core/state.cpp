@@ -1,0 +1,3 @@
+#include "core/state.h"
+
+daemon_state jorn_state;

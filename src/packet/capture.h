@@ -1,0 +1,34 @@
+// The capture: the libpcap handle on the interface where the kernel module hands over packets, and
+// the callback through which each of them enters.
+//
+// Start-up opens it and chooses the packet processor by the link type; the event loop dispatches
+// one packet a wake-up; the exit path closes it.
+#pragma once
+
+#include "packet/records.h"
+
+#include <cstdint>
+#include <pcap/pcap.h>
+
+struct capture_context {
+    char device[32];
+    uint32_t snaplen; // bytes
+    pcap_t *handle;
+    char errbuf[PCAP_ERRBUF_SIZE];
+    uint32_t promisc;
+    int32_t timeout_ms;
+};
+static_assert(PCAP_ERRBUF_SIZE == 256);
+
+inline constexpr int CAPTURE_ERR_OPEN = -3;
+inline constexpr int CAPTURE_ERR_LINK_TYPE = -4;
+
+// Opens the configured interface, non-blocking. Returns 0, or -3 after a message on standard error.
+int jorn_capture_open(capture_context *capture_ctx);
+
+// Chooses the packet processor for the capture's link type. Returns 0, or -4 when it is not
+// Ethernet.
+int jorn_set_pkt_processor(capture_context *capture_ctx);
+
+// libpcap's callback: runs one packet through the chain. `user` is the capture context.
+void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes);

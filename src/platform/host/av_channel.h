@@ -1,0 +1,38 @@
+// The AV channel's client: one UNIX socket of type SOCK_SEQPACKET over which the platform
+// operations reach whatever plays the platform.
+//
+// A message is `u32 op`, `u32 seq` and a body without gaps, integers in host byte order. The
+// channel connects at its first call and keeps the connection. A call without one tries to connect
+// if the last try is a second old and otherwise fails at once, so an absent platform costs a packet
+// next to nothing. Nothing here blocks but the wait for an answer, which is half a second at most.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+enum class av_op : uint32_t {
+    ioctl = 1,
+    rflow_reset_app_policy = 3,
+    log_syslog = 6,
+    platform_value = 36,
+};
+
+using av_bytes = std::span<const std::byte>;
+
+// Sends one message whose body is the parts, one behind the other. Returns 0 when it was sent, -1
+// when it could not be; the connection stays when the message just doesn't fit now.
+int av_send(av_op op, std::span<const av_bytes> parts);
+
+// Sends a question and waits for its answer. Returns true and the answer's return code when one
+// came; `body` is filled only when the code is 0, and an answer that falls short of it counts as
+// none.
+bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body);
+
+// Whether the channel is connected, after a try to connect where one is due.
+bool av_connected();
+
+template <typename T>
+av_bytes av_part(const T &value) {
+    return std::as_bytes(std::span<const T, 1>(&value, 1));
+}

@@ -1,0 +1,87 @@
+// The system manager's operations on a plain Linux machine: platform values, or what the machine
+// itself says.
+#include "platform/psm.h"
+
+#include "host/av_channel.h"
+#include "host/platform_value.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint64_t ENOUGH_MEMORY_BYTES = 100u * 1024u * 1024u;
+constexpr size_t MAC_TEXT_SIZE = 18;
+
+bool hardware_address(int fd, unsigned if_index, uint8_t (&mac)[6]) {
+    ifreq request = {};
+    if (if_indextoname(if_index, request.ifr_name) == nullptr ||
+        ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_LOOPBACK) != 0 ||
+        ioctl(fd, SIOCGIFHWADDR, &request) != 0)
+        return false;
+    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
+    return std::any_of(mac, mac + sizeof mac, [](uint8_t byte) { return byte != 0; });
+}
+
+// The interface of the lowest index that isn't loopback and has an address. Asked of the kernel
+// through a socket: /sys may show another network namespace.
+bool first_hardware_address(uint8_t (&mac)[6]) {
+    struct if_nameindex *interfaces = if_nameindex();
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    unsigned lowest = 0;
+    if (interfaces != nullptr && fd >= 0) {
+        for (const struct if_nameindex *i = interfaces; i->if_index != 0; ++i) {
+            uint8_t candidate[6];
+            if ((lowest == 0 || i->if_index < lowest) &&
+                hardware_address(fd, i->if_index, candidate)) {
+                lowest = i->if_index;
+                memcpy(mac, candidate, sizeof mac);
+            }
+        }
+    }
+    if (interfaces != nullptr)
+        if_freenameindex(interfaces);
+    if (fd >= 0)
+        close(fd);
+    return lowest != 0;
+}
+
+} // namespace
+
+int psm_jor_mem_support() {
+    char value[PLATFORM_VALUE_SIZE];
+    if (read_platform_value("mem_support", value))
+        return strcmp(value, "0") == 0 ? 0 : 1;
+    struct sysinfo memory = {};
+    if (sysinfo(&memory) != 0)
+        return 1;
+    return uint64_t{memory.totalram} * memory.mem_unit >= ENOUGH_MEMORY_BYTES ? 0 : 1;
+}
+
+int psm_bsp_getMACBase(char *text) {
+    text[0] = '\0';
+    char value[PLATFORM_VALUE_SIZE];
+    if (read_platform_value("base_mac", value)) {
+        snprintf(text, MAC_TEXT_SIZE, "%.17s", value);
+        return 0;
+    }
+    uint8_t mac[6];
+    if (!first_hardware_address(mac))
+        return -1;
+    snprintf(text, MAC_TEXT_SIZE, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
+             mac[4], mac[5]);
+    return 0;
+}
+
+int psm_log_syslog(int level, const char *line) {
+    const int32_t level_word = level;
+    const av_bytes parts[] = {av_part(level_word), std::as_bytes(std::span(line, strlen(line)))};
+    return av_send(av_op::log_syslog, parts);
+}

@@ -1,0 +1,24 @@
+// The system manager's operations, as the platform's C library exports them.
+//
+// Declarations only: a device links its vendor's library, any other Linux machine links
+// platform/host, and a test links functions of its own under the same names. All of them are
+// called from the daemon's one thread.
+#pragma once
+
+#include <cstddef>
+
+extern "C" {
+
+// Whether the platform has the memory that application visibility needs (100 MB).
+// Returns 0 when it has, nonzero when its memory is too small.
+int psm_jor_mem_support();
+
+// Writes the access point's base MAC address as text, like 00:1A:2B:3C:4D:5E in capitals, with its
+// NUL into `text`, a buffer of 18 bytes. Returns 0, nonzero when there is no such address (the
+// buffer then holds an empty text).
+int psm_bsp_getMACBase(char *text);
+
+// Writes one line to the platform's application-visibility syslog stream at the given syslog level
+// (6, information). Returns 0 when the line was handed over, nonzero otherwise.
+int psm_log_syslog(int level, const char *line);
+}
