@@ -1,0 +1,46 @@
+#include "fake_platform.h"
+
+#include "platform/crashdump.h"
+#include "platform/psm.h"
+#include "platform/psms.h"
+
+#include <cstring>
+
+fake_platform platform;
+
+int psm_jor_mem_support() {
+    platform.calls.emplace_back("psm_jor_mem_support()");
+    return platform.mem_support;
+}
+
+int psm_bsp_getMACBase(char *text) {
+    strcpy(text, platform.base_mac.c_str());
+    return 0;
+}
+
+int psm_log_syslog(int level, const char *line) {
+    platform.calls.push_back("psm_log_syslog(" + std::to_string(level) + ")");
+    platform.syslog_lines.emplace_back(line);
+    return 0;
+}
+
+int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
+    platform.calls.push_back("psms_wdl_ioctl(" + std::to_string(command) + ", " +
+                             std::to_string(arg) + ", " + std::to_string(length) + ")");
+    const auto *bytes = static_cast<const uint8_t *>(record);
+    platform.ioctl_records.emplace_back(bytes, bytes + length);
+    return platform.ioctl_result;
+}
+
+int psms_rflow_reset_app_policy() {
+    platform.calls.emplace_back("psms_rflow_reset_app_policy()");
+    return 0;
+}
+
+void crashdump_init(const char *process_name) {
+    platform.calls.push_back(std::string("crashdump_init(") + process_name + ")");
+}
+
+void crashdump_out_init(const char *path) {
+    platform.calls.push_back(std::string("crashdump_out_init(") + path + ")");
+}

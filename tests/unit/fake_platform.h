@@ -1,0 +1,19 @@
+// The platform of the unit tests: records what the daemon's code asks of it, in order, and answers
+// what the test has set.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct fake_platform {
+    std::vector<std::string> calls; // "operation(arguments)"
+    std::vector<std::vector<uint8_t>> ioctl_records;
+    std::vector<std::string> syslog_lines;
+    int ioctl_result = 0;
+    int mem_support = 0;
+    std::string base_mac = "00:1A:2B:3C:4D:5E";
+};
+
+// The one instance; a test's set-up assigns a fresh one.
+extern fake_platform platform;
