@@ -27,6 +27,10 @@ fail() {
     exit 1
 }
 
+# The exit status of a check that could not be made, for want of something that isn't ours.
+# shellcheck disable=SC2034
+SKIPPED=77
+
 have() {
     command -v "$1" >/dev/null
 }
