@@ -1,12 +1,14 @@
 // Frame bytes and trailer through the whole packet path, with debugging off and on (the lines
 // are formatted and dropped), against policies that fit some of what comes.
 #include "control/arc_tables.h"
+#include "core/dns_cache.h"
 #include "core/state.h"
 #include "packet/capture.h"
 #include "packet/decode.h"
 #include "packet/process.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <syslog.h>
@@ -28,7 +30,10 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
 void set_up() {
     jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
+    jorn_state.settings.tm_engine_enabled = 1;
     jorn_pkt_processor = jorn_decode_eth_pkt;
+    if (jorn_dnscache_hash_table_init() != 0)
+        abort();
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
 }
