@@ -1,5 +1,6 @@
 #include "core/main_loop.h"
 
+#include "control/cmdsock.h"
 #include "core/flags.h"
 #include "core/log.h"
 #include "core/signals.h"
@@ -43,11 +44,13 @@ void serve_capture(capture_context *capture_ctx) {
 } // namespace
 
 int jorn_main_loop(capture_context *capture_ctx) {
+    const int command_fd = jorn_cmdsock_init();
     while (running != 0) {
         const int capture_fd =
             capture_ctx->handle != nullptr ? pcap_fileno(capture_ctx->handle) : -1;
         read_set wanted;
         wanted.add(capture_fd);
+        wanted.add(command_fd);
         timeval time_out = {WAIT_SECONDS, 0};
         const int ready =
             select(wanted.highest + 1, &wanted.descriptors, nullptr, nullptr, &time_out);
@@ -59,6 +62,10 @@ int jorn_main_loop(capture_context *capture_ctx) {
         }
         if (ready > 0 && wanted.ready(capture_fd))
             serve_capture(capture_ctx);
+        if (ready > 0 && wanted.ready(command_fd)) {
+            JORN_DEBUG("receive the ipc message, let's process \n");
+            cmdsock_accept(command_fd);
+        }
         jorn_signal_handle(capture_ctx);
     }
     return 0;

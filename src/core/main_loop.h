@@ -1,5 +1,5 @@
-// The event loop: one select over the capture (and, as they join, the command socket and the bus),
-// each ready descriptor served before the next wait.
+// The event loop: one select over the capture and the command socket, each ready descriptor served
+// to completion, in that order, before the next wait.
 #pragma once
 
 #include "packet/capture.h"

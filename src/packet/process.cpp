@@ -1,13 +1,30 @@
 #include "packet/process.h"
 
+#include "classify/arc_policy.h"
 #include "classify/detect.h"
+#include "packet/app_visibility.h"
 #include "packet/flow_key.h"
 
 packet_processor jorn_pkt_processor;
+
+namespace {
+
+// A list hit is a decision already, and so is a Wi-Fi calling tag.
+void apply_policy(pkt_ctx *ctx) {
+    if (ctx->white_hit == WHITE_HIT || ctx->black_hit == BLACK_HIT || ctx->url_filter != 0)
+        return;
+    if (ctx->wfc_priority == WFC_PRIORITY_NONE)
+        jorn_apply_arc_policy(ctx);
+}
+
+} // namespace
 
 int jorn_process_pkt(pkt_ctx *ctx, uint8_t *, const pcap_pkthdr *pkthdr, const uint8_t *bytes) {
     jorn_pkt_processor(ctx, pkthdr, bytes);
     jorn_build_flow_key(ctx);
     jorn_detect_pkt(ctx, pkthdr, bytes);
-    return jorn_output(ctx);
+    apply_policy(ctx);
+    const int result = jorn_output(ctx);
+    report_app_visibility(*ctx);
+    return result;
 }

@@ -17,6 +17,10 @@ extern packet_processor jorn_pkt_processor;
 // delivered.
 int jorn_process_pkt(pkt_ctx *ctx, uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
 
+// Whether ARC is enabled and the source or the destination UTP id names a UTP in use. Returns 1 or
+// 0.
+int jorn_check_arc_enabled(const pkt_ctx *ctx);
+
 // Builds the verdict record from the context and hands it to the kernel module. Returns the ioctl's
 // result.
 int jorn_output(pkt_ctx *ctx);

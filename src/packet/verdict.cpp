@@ -1,6 +1,8 @@
 // The verdict: what the context says about a flow, turned into the record that the kernel module
 // acts on.
+#include "control/arc_tables.h"
 #include "core/log.h"
+#include "core/stats.h"
 #include "core/text.h"
 #include "packet/process.h"
 #include "platform/psms.h"
@@ -26,11 +28,79 @@ void copy_lower_case(char (&to)[64], const char (&name)[65]) {
         to[i] = ascii_lower(name[i]);
 }
 
+void deny(av_verdict &record) {
+    record.verdict = AV_VERDICT_DENY;
+    record.qos.deny = 1;
+}
+
+// Marking and classification first: rate limits, where there are any, name the verdict.
+void apply_arc_rule(const arc_rule &rule, av_verdict &record) {
+    av_qos &qos = record.qos;
+    if (arc_qos_marking(rule.qos)) {
+        record.verdict = AV_VERDICT_QOS;
+        record.policy_type = AV_POLICY_QOS;
+        qos.mark_pri = arc_qos_mark_kind(rule.qos);
+        qos.mark_type = arc_qos_mark_type(rule.qos);
+    }
+    if (arc_qos_classification(rule.qos)) {
+        record.verdict = AV_VERDICT_QOS;
+        record.policy_type = AV_POLICY_QOS;
+        qos.classify = 1;
+        qos.classify_type = arc_qos_classify_type(rule.qos);
+    }
+    if (rule.rate_up != 0 || rule.rate_down != 0) {
+        record.verdict = AV_VERDICT_RATE_LIMIT;
+        record.policy_type = AV_POLICY_RATE_LIMIT;
+        qos.ratelimit_up = rule.rate_up;
+        qos.ratelimit_down = rule.rate_down;
+    }
+}
+
+void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
+    constexpr char FUNCTION[] = "jorn_output";
+    if (ctx.arc_action == ARC_ACTION_BLOCK) {
+        deny(record);
+        jorn_stats_inc(STATS_DENIED);
+        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
+                    "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
+                    ctx.dst_port, ctx.app_name);
+        return;
+    }
+    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
+                "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
+                ctx.dst_port, ctx.app_name);
+    if (ctx.arc_action != ARC_ACTION_QOS) {
+        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "no policy \n");
+        return;
+    }
+    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "applying arc policy\n");
+    if (ctx.arc_rule != nullptr)
+        apply_arc_rule(*ctx.arc_rule, record);
+}
+
 } // namespace
+
+int jorn_check_arc_enabled(const pkt_ctx *ctx) {
+    if (jorn_state.settings.arc_enabled == 0)
+        return 0;
+    const auto src_utp_id = static_cast<int>(ctx->src_utp_id);
+    const auto dst_utp_id = static_cast<int>(ctx->dst_utp_id);
+    JORN_DEBUG("check utp id for %d src, %d dst domain: %s\n", src_utp_id, dst_utp_id,
+               ctx->app_name);
+    if (utp_lookup(jorn_state.arc_utp_table, ctx->src_utp_id) != nullptr) {
+        JORN_DEBUG("got utp id for %d src domain: %s\n", src_utp_id, ctx->app_name);
+        return 1;
+    }
+    if (utp_lookup(jorn_state.arc_utp_table, ctx->dst_utp_id) != nullptr) {
+        JORN_DEBUG("got utp id for %d dst domain: %s\n", dst_utp_id, ctx->app_name);
+        return 1;
+    }
+    return 0;
+}
 
 int jorn_output(pkt_ctx *ctx) {
     av_verdict record = default_verdict(*ctx);
-    JORN_DEBUG("no policy \n");
+    apply_arc_outcome(*ctx, record);
     record.default_policy = 1;
     record.app_id = ctx->app_id;
 

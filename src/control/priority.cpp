@@ -1,0 +1,86 @@
+#include "control/priority.h"
+
+#include "control/reply.h"
+#include "core/log.h"
+#include "core/text.h"
+
+namespace {
+
+constexpr size_t LISTING_SIZE = 20'480;
+constexpr const char *TRAFFIC_TYPES[] = {"Background", "BestEffort", "Video", "Voice"};
+constexpr const char *MARK_KINDS[] = {"dot1p", "dscp", "both"};
+
+const char *mark_kind_text(uint8_t kind) {
+    if (kind < std::size(MARK_KINDS))
+        return MARK_KINDS[kind];
+    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_check_priority", 0, "Not Applicable\n");
+    return "";
+}
+
+void list_rule(line_buffer &listing, const arc_rule &rule) {
+    char traffic_type[TRAFFIC_TYPE_SIZE];
+    listing.format("\tApp Id:%d\t", rule.app_id);
+    listing.format(rule.cat_id == CATEGORY_USER_DEFINED ? "Cat Id:%d (User Defined)\n"
+                                                        : "Cat Id:%d\n",
+                   rule.cat_id);
+    listing.format("\tApp Name:%s ", rule.app_name);
+    listing.format("\tCat Name:%s\n", rule.cat_name);
+    if (rule.deny != 0)
+        listing.append("\tRule:Deny \n");
+    if (arc_qos_marking(rule.qos)) {
+        listing.format("\tQoS mark pri:%s", mark_kind_text(arc_qos_mark_kind(rule.qos)));
+        jorn_check_traffic_type(traffic_type, arc_qos_mark_type(rule.qos));
+        listing.format("\tQoS mark type:%s\n", traffic_type);
+    }
+    if (arc_qos_classification(rule.qos)) {
+        listing.append("\tQoS classify pri:Priority");
+        jorn_check_traffic_type(traffic_type, arc_qos_classify_type(rule.qos));
+        listing.format("\tQoS classify type:%s\n", traffic_type);
+    }
+    if (rule.rate_up != 0 || rule.rate_down != 0) {
+        listing.format("\tRatelimit Uplink:%u", rule.rate_up);
+        listing.format("\tRatelimit Downlink:%u\n", rule.rate_down);
+    }
+    listing.append("\n");
+}
+
+const arc_policy *find_policy(uint32_t id) {
+    if (id < UTP_ID_MIN || id > UTP_ID_MAX)
+        return nullptr;
+    const arc_policy *policy = jorn_state.arc_policy_list;
+    while (policy != nullptr && policy->utp_id != id)
+        policy = policy->next;
+    return policy;
+}
+
+} // namespace
+
+void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
+    text[0] = '\0';
+    if (code < std::size(TRAFFIC_TYPES))
+        copy_text(text, TRAFFIC_TYPES[code]);
+    else
+        JORN_DEBUG("Not Applicable\n");
+}
+
+void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {
+    line_buffer listing(text, size);
+    for (const arc_rule &rule : policy->rules) {
+        if (rule.app_name[0] != '\0')
+            list_rule(listing, rule);
+    }
+}
+
+int jorn_process_cmd_check_priority(int fd, uint32_t arc_policy_id) {
+    line_buffer reply = start_reply();
+    if (const arc_policy *policy = find_policy(arc_policy_id); policy != nullptr) {
+        char listing[LISTING_SIZE];
+        jorn_check_priority(listing, sizeof listing, policy);
+        reply.format("\n ARC Policy Name: %s \n", policy->name);
+        reply.append(listing);
+    } else {
+        reply.append("\n Invalid ARC PCY ID \n");
+    }
+    send_reply(fd, reply);
+    return 0;
+}

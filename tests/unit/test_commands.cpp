@@ -1,0 +1,118 @@
+#include "control/arc_tables.h"
+#include "control/commands.h"
+#include "control/reply.h"
+#include "core/state.h"
+#include "fake_platform.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Runs one command as cmdsock_accept does and returns its reply.
+std::string run(uint32_t number, const std::vector<uint8_t> &payload = {}) {
+    std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
+    cmd_msg_hdr header = {};
+    header.cmd = number;
+    header.len = static_cast<uint32_t>(payload.size());
+    memcpy(message.data(), &header, sizeof header);
+    if (!payload.empty())
+        memcpy(message.data() + sizeof header, payload.data(), payload.size());
+
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    run_command(ends[0], message.data(), sizeof header + payload.size());
+    close(ends[0]);
+    std::string reply;
+    char piece[4096];
+    for (ssize_t n; (n = read(ends[1], piece, sizeof piece)) > 0;)
+        reply.append(piece, static_cast<size_t>(n));
+    close(ends[1]);
+    return reply;
+}
+
+std::vector<uint8_t> word(uint32_t value) {
+    std::vector<uint8_t> bytes(sizeof value);
+    memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
+
+class Commands : public testing::Test {
+protected:
+    void SetUp() override {
+        jorn_state = {};
+        platform = {};
+    }
+    void TearDown() override { jorn_process_arc_policy_flush(); }
+
+    void add_policy(const arc_policy_wire &policy) {
+        const auto *bytes = reinterpret_cast<const uint8_t *>(&policy);
+        run(23, {bytes, bytes + sizeof policy});
+    }
+};
+
+TEST_F(Commands, PriorityListingWordForWord) {
+    arc_policy_wire policy = {};
+    policy.utp_id = 12;
+    strcpy(policy.name, "Office");
+    policy.rules[0] = {1042, 7, {}, "Chat", "Messaging", 1, 0, 0, 0, {}};
+    // A free slot, then marking "both"/Voice with classification Video, then an inapplicable kind.
+    policy.rules[2] = {0, 0x8000, {}, "intranet", "User Defined", 0, 0xBB, 0, 500, {}};
+    policy.rules[3] = {0, 0, {}, "odd", "", 0, 0x0D, 0, 0, {}};
+    add_policy(policy);
+    EXPECT_EQ(run(4, word(12)),
+              "\n ARC Policy Name: Office \n"
+              "\tApp Id:1042\tCat Id:7\n\tApp Name:Chat \tCat Name:Messaging\n\tRule:Deny \n\n"
+              "\tApp Id:0\tCat Id:32768 (User Defined)\n"
+              "\tApp Name:intranet \tCat Name:User Defined\n"
+              "\tQoS mark pri:both\tQoS mark type:Voice\n"
+              "\tQoS classify pri:Priority\tQoS classify type:Video\n"
+              "\tRatelimit Uplink:0\tRatelimit Downlink:500\n\n"
+              "\tApp Id:0\tCat Id:0\n\tApp Name:odd \tCat Name:\n"
+              "\tQoS mark pri:\tQoS mark type:Background\n\n");
+    for (const uint32_t id : {0u, 13u, 65u})
+        EXPECT_EQ(run(4, word(id)), "\n Invalid ARC PCY ID \n");
+}
+
+TEST_F(Commands, ShortAndUnassignedMessagesChangeNothing) {
+    std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE, 23);
+    run_command(-1, message.data(), COMMAND_NUMBER_END - 1);
+    for (const uint32_t number : {0u, 3u, 5u, 27u, 40u, 0xFFFFFFFFu})
+        EXPECT_EQ(run(number, std::vector<uint8_t>(7352, 1)), "");
+    EXPECT_EQ(jorn_state.arc_policy_list, nullptr);
+    EXPECT_TRUE(platform.calls.empty());
+}
+
+TEST_F(Commands, ShortPayloadIsCompletedWithZeros) {
+    run(23, {});
+    ASSERT_NE(jorn_state.arc_policy_list, nullptr);
+    EXPECT_EQ(jorn_state.arc_policy_list->utp_id, 0u);
+    run(20, word(9));
+    EXPECT_EQ(jorn_state.arc_utp_table[8].id, 9u);
+    EXPECT_STREQ(jorn_state.arc_utp_table[8].uuid, "");
+}
+
+TEST_F(Commands, DebugTakesTheLowByteAndWriteAnswers) {
+    run(34, word(0x1200));
+    EXPECT_EQ(jorn_state.settings.debug, 0);
+    run(34, word(0x1201));
+    EXPECT_EQ(jorn_state.settings.debug, 1);
+    EXPECT_EQ(run(17), "\n====JORN write configuration====\n");
+}
+
+TEST(Reply, IsCutAtAWholeLineAndStaysCut) {
+    char text[16];
+    line_buffer reply(text, sizeof text);
+    reply.append("one\n");
+    reply.append("two ");
+    reply.append("is much too long\n");
+    reply.append("x\n");
+    EXPECT_EQ(reply.text(), "one\n");
+    EXPECT_STREQ(text, "one\n");
+}
+
+} // namespace
