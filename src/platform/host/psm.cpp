@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr uint64_t ENOUGH_MEMORY_BYTES = 100u * 1024u * 1024u;
+constexpr uint64_t ENOUGH_MEMORY_BYTES = uint64_t{100} * 1024 * 1024;
 constexpr size_t MAC_TEXT_SIZE = 18;
 
 bool hardware_address(int fd, unsigned if_index, uint8_t (&mac)[6]) {
