@@ -78,8 +78,11 @@ int run_daemon(int argc, char *argv[]) {
 
     install_exit_handlers();
     capture_context capture_ctx;
-    if (jorn_init(argc, argv, &capture_ctx) != 0)
+    if (jorn_init(argc, argv, &capture_ctx) != 0) {
+        if (capture_ctx.handle != nullptr)
+            pcap_close(capture_ctx.handle);
         return EXIT_FAILURE;
+    }
     if (jorn_state.settings.daemonize != 0)
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);

@@ -227,7 +227,8 @@ class SyslogListener:
         self.lines = Record("syslog lines")
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind("/dev/log")
-        threading.Thread(target=self._receive, daemon=True).start()
+        self._thread = threading.Thread(target=self._receive)
+        self._thread.start()
 
     def _receive(self):
         while line := self._socket.recv(4096):
@@ -236,6 +237,8 @@ class SyslogListener:
     def close(self):
         os.unlink("/dev/log")
         self._socket.shutdown(socket.SHUT_RDWR)
+        self._thread.join()
+        self._socket.close()
 
 
 class Platform:
@@ -415,7 +418,7 @@ class SystemTest(unittest.TestCase):
             with open(path) as report:
                 reports += report.read()
             os.unlink(path)
-        self.assertEqual(reports, "", "a sanitizer reported")
+        self.assertFalse(reports, reports)
 
     def platform(self, **values):
         self._platform = Platform(**values)
