@@ -2,6 +2,7 @@
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
 #include "control/arc_tables.h"
+#include "core/dns_cache.h"
 #include "core/state.h"
 
 #include <cstdlib>
@@ -15,6 +16,7 @@ namespace {
 int set_up() {
     jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
+    jorn_dnscache_hash_table_init();
     return open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 
