@@ -2,13 +2,13 @@
 // are formatted and dropped), against policies that fit some of what comes.
 #include "control/arc_tables.h"
 #include "core/dns_cache.h"
+#include "core/hash_table.h"
 #include "core/state.h"
 #include "packet/capture.h"
 #include "packet/decode.h"
 #include "packet/process.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <syslog.h>
@@ -30,10 +30,9 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
 void set_up() {
     jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
-    jorn_state.settings.tm_engine_enabled = 1;
     jorn_pkt_processor = jorn_decode_eth_pkt;
-    if (jorn_dnscache_hash_table_init() != 0)
-        abort();
+    jorn_dnscache_hash_table_init();
+    jorn_state.settings.tm_engine_enabled = 1;
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
 }
@@ -54,5 +53,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         jorn_state.settings.debug = debug;
         jorn_pkt_callback(nullptr, &header, captured.get());
     }
+    hash_table_clear(jorn_state.dns_cache); // what was learnt
     return 0;
 }
