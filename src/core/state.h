@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+struct hash_table;
+
 struct daemon_settings {
     uint8_t daemonize; // "-D"
     uint8_t debug;     // "-d"; command 34 sets it
@@ -41,6 +43,8 @@ struct daemon_state {
 
     userdef_table userdef_apps;
     port_app_list port_apps; // owned
+
+    hash_table *dns_cache; // owned; core/dns_cache.h
 };
 
 extern daemon_state jorn_state;

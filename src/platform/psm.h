@@ -13,6 +13,10 @@ extern "C" {
 // Returns 0 when it has, nonzero when its memory is too small.
 int psm_jor_mem_support();
 
+// Whether the platform has the DPI engine and the memory that it needs. Returns nonzero when it
+// has.
+int psm_mem_support_tm();
+
 // Writes the access point's base MAC address as text, like 00:1A:2B:3C:4D:5E in capitals, with its
 // NUL into `text`, a buffer of 18 bytes. Returns 0, nonzero when there is no such address (the
 // buffer then holds an empty text).

@@ -3,8 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
+
+// What the platform's DNS cache says about an address.
+struct fake_dns_answer {
+    std::string name;
+    int result = 0;
+    uint32_t words[3] = {1, 1, 1};
+};
 
 struct fake_platform {
     std::vector<std::string> calls; // "operation(arguments)"
@@ -12,6 +20,8 @@ struct fake_platform {
     std::vector<std::string> syslog_lines;
     int ioctl_result = 0;
     int mem_support = 0;
+    int tm_support = 0;
+    std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
     std::string base_mac = "00:1A:2B:3C:4D:5E";
 };
 

@@ -65,6 +65,11 @@ int psm_jor_mem_support() {
     return uint64_t{memory.totalram} * memory.mem_unit >= ENOUGH_MEMORY_BYTES ? 0 : 1;
 }
 
+int psm_mem_support_tm() {
+    char value[PLATFORM_VALUE_SIZE];
+    return read_platform_value("tm_support", value) && strcmp(value, "1") == 0 ? 1 : 0;
+}
+
 int psm_bsp_getMACBase(char *text) {
     text[0] = '\0';
     char value[PLATFORM_VALUE_SIZE];
