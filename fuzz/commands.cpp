@@ -16,7 +16,8 @@ namespace {
 int set_up() {
     jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
-    jorn_dnscache_hash_table_init();
+    if (jorn_dnscache_hash_table_init() != 0 || learn_dns_name(0x0100007F, "name") != 0)
+        abort();
     return open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 

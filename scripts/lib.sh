@@ -35,14 +35,14 @@ have() {
     command -v "$1" >/dev/null
 }
 
-# Which of the packages are not installed. A package that is there for two architectures prints
-# two lines.
+# Which of the packages are not installed.
 missing_packages() {
+    local installed
+    # shellcheck disable=SC2016 # the format is dpkg-query's
+    installed=$(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
     local package
     for package in "$@"; do
-        # shellcheck disable=SC2016 # the format is dpkg-query's
-        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
-            printf '%s\n' "$package"
+        [[ $'\n'$installed$'\n' == *$'\n'"$package installed"$'\n'* ]] || printf '%s\n' "$package"
     done
 }
 

@@ -33,8 +33,8 @@ class AvChannel(SystemTest):
         daemon = self.daemon()
         self.wait_until_judging()
         platform.reading.clear()
-        for n in range(20 * BURST):
-            self.send(udp_frame(3, n))
+        for _ in range(20 * BURST):  # a frame whose flow nobody is asked about
+            self.send(ethernet(0x9000, bytes(46)))
             if any("SET failed" in line for line in daemon.lines.items):
                 break
         daemon.wait_line("SET failed")

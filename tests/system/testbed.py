@@ -181,7 +181,8 @@ class Verdict:
 
 
 def flow(src_port=0, dst_port=0, protocol=0, *, src=CLIENT, dst=SERVER, **fields):
-    """The verdict on an IPv4 flow that no policy knows."""
+    """The verdict on an IPv4 flow that no policy and, unless `app_name` is given, nobody knows."""
+    fields.setdefault("app_name", f"{src} {dst}:{dst_port}")
     return Verdict(src_ip=src, dst_ip=dst, src_port=src_port, dst_port=dst_port, protocol=protocol,
                    **fields)
 
@@ -315,9 +316,7 @@ class Platform:
 
     def _domain(self, body):
         found = self.domains.get(socket.inet_ntoa(body[:4]))
-        if found is None:
-            return -1, b""
-        *words, name = found
+        *words, name = found or (0, 0, 0, "")
         return 0, struct.pack("=III256s", *words, name.encode())
 
 
