@@ -18,7 +18,6 @@ std::string address_text(const flow_row &row, const endpoint &side) {
     char text[INET_ADDRSTRLEN];
     if (row.ipv4)
         return inet_ntop(AF_INET, &side.ip_be, text, sizeof text);
-    snprintf(text, sizeof text, "%02X:", side.mac[0]);
     std::string mac;
     for (const uint8_t byte : side.mac) {
         snprintf(text, sizeof text, mac.empty() ? "%02X" : ":%02X", byte);
