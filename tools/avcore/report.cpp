@@ -153,6 +153,15 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         if (remark.count != 0)
             out << remark.what << ": " << remark.count << '\n';
     }
+    const char *separator = "switched by the daemon: ";
+    for (const auto &[name, value] : totals.switches) {
+        out << separator << name << " = " << value;
+        separator = ", ";
+    }
+    if (!totals.switches.empty())
+        out << '\n';
+    if (totals.engine_unasked)
+        out << "no daemon asked for the DPI engine: a daemon asks once, at its start\n";
 }
 
 } // namespace avcore
