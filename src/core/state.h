@@ -8,6 +8,7 @@
 
 #include "control/records.h"
 #include "userapps/records.h"
+#include "userapps/settled.h"
 
 #include <cstdint>
 
@@ -43,6 +44,7 @@ struct daemon_state {
 
     userdef_table userdef_apps;
     port_app_list port_apps; // owned
+    settled_apps settled_userapps;
 
     hash_table *dns_cache; // owned; core/dns_cache.h
 };

@@ -1,0 +1,113 @@
+#include "core/text.h"
+#include "core/text_file.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+texts read_lines(const std::string &content, size_t length) {
+    FILE *file = tmpfile();
+    fwrite(content.data(), 1, content.size(), file);
+    rewind(file);
+    line_reader reader(file, "test file", length);
+    texts lines;
+    for (std::string_view line; reader.next(line);) {
+        EXPECT_EQ(line.data()[line.size()], '\0');
+        lines.emplace_back(line.data()); // as a log line sees it
+        EXPECT_EQ(reader.line_number(), lines.size());
+        if (reader.was_cut())
+            lines.back() += " (cut)";
+    }
+    EXPECT_EQ(reader.read_error(), 0);
+    fclose(file);
+    return lines;
+}
+
+TEST(LineReader, LinesOfEveryShape) {
+    using std::string_literals::operator""s;
+    const struct {
+        const char *what;
+        std::string content;
+        texts lines;
+    } rows[] = {
+        {"empty file", "", {}},
+        {"no line feed at the end", "a\nb", {"a", "b"}},
+        {"empty lines, carriage returns stay", "\n\r\n", {"", "\r"}},
+        {"exactly full", "1234567\n12345678\nx\n", {"1234567", "12345678", "x"}},
+        {"too long: the rest doesn't become a line",
+         "123456789abcdefghijklm\nx",
+         {"12345678 (cut)", "x"}},
+        {"too long at the end", "123456789", {"12345678 (cut)"}},
+        {"NUL first, inside, and behind a full line",
+         "\0a\nb\0c\n12345678\0\nx"s,
+         {" (cut)", "b (cut)", "12345678 (cut)", "x"}},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(read_lines(row.content, 8), row.lines) << row.what;
+    const std::string longest(line_reader::LENGTH_MAX, 'x');
+    EXPECT_EQ(read_lines(longest + "y\n" + longest + "\n", SIZE_MAX),
+              (texts{longest + " (cut)", longest}));
+}
+
+TEST(FieldSplitter, PlacesOfEmptyFields) {
+    const struct {
+        const char *text;
+        field_format format;
+        texts fields;
+    } rows[] = {
+        {"", {';'}, {}},
+        {"a;;b;", {';'}, {"a", "", "b"}},
+        {" a ;\t\r;\r\n", {';'}, {" a ", "\t\r", "\r\n"}},
+        {" a ;\t\r;\r\n", {.separator = ';', .trimmed = true}, {"a", "\t", ""}},
+        {",,a,,,b,,", {.separator = ',', .empties_vanish = true}, {"a", "b"}},
+        {"a, ,b", {',', true, true}, {"a", "", "b"}},
+    };
+    for (const auto &row : rows) {
+        texts fields;
+        field_splitter splitter(row.text, row.format);
+        std::string_view field;
+        while (splitter.next(field))
+            fields.emplace_back(field);
+        EXPECT_EQ(fields, row.fields) << row.text;
+        EXPECT_TRUE(field.empty());
+    }
+}
+
+TEST(Text, TrimsInPlace) {
+    for (const auto &[text, expected] :
+         {std::pair{" \r\n", ""}, {"\tX \n", "\tX"}, {"", ""}, {"\n  a b\r", "a b"}}) {
+        char buffer[16];
+        strcpy(buffer, text);
+        jorn_strtrim(buffer);
+        EXPECT_STREQ(buffer, expected);
+    }
+}
+
+TEST(Text, AppendsBelowCapacityOnly) {
+    char buffer[12] = "0123456789";
+    size_t length = 10;
+    EXPECT_EQ(jorn_buf_append(buffer, "ab", &length, 12), -1);
+    EXPECT_EQ(jorn_buf_append(buffer, "a", &length, 9), -1);
+    EXPECT_EQ(jorn_buf_append(buffer, nullptr, &length, 12), -1);
+    EXPECT_EQ(jorn_buf_append(buffer, "a", &length, 12), 0);
+    EXPECT_STREQ(buffer, "0123456789a");
+    EXPECT_EQ(length, 11u);
+}
+
+TEST(Text, ReadsLeadingDecimals) {
+    for (const auto &[text, number] : {std::pair<const char *, int64_t>{" \t-7;", -7},
+                                       {"+5x", 5},
+                                       {"x5", 0},
+                                       {"+-5", 0},
+                                       {"99999999999999999999", INT64_MAX},
+                                       {"-99999999999999999999", INT64_MIN}})
+        EXPECT_EQ(leading_decimal(text), number) << text;
+    EXPECT_TRUE(contains_ignoring_case("x [APPPOLICY end]\r", "[appPolicy END]"));
+    EXPECT_FALSE(contains_ignoring_case("[appPolicy en", "[appPolicy end]"));
+}
+
+} // namespace

@@ -1,0 +1,143 @@
+#include "userapps_fixture.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t INSIDE = 0x0A010203;
+constexpr uint32_t OUTSIDE = 0x0B010203;
+
+// `network` is the first byte of one with a mask of 8 bits.
+userdef_app definition(const char *name, uint8_t network = 0, uint16_t port = 0,
+                       uint32_t protocol = 0) {
+    userdef_app app = {};
+    copy_text(app.app_name, name);
+    app.dst_family = network != 0 ? 2 : 3;
+    app.dst_ip[0] = network;
+    app.dst_ip[3] = 77; // outside the mask
+    app.netmask = htonl(0xFF000000);
+    app.dst_port = port;
+    app.protocol = protocol;
+    app.app_id = 1201;
+    app.cat_id = 0x8000;
+    return app;
+}
+
+TEST_F(UserApps, EachCriterionOnBothSides) {
+    userdef_app source_only = definition("app");
+    source_only.src_family = 2;
+    source_only.src_ip[0] = 99;
+    source_only.src_port = 99;
+    userdef_app ipv6 = definition("app", 10);
+    ipv6.dst_family = 10;
+    userdef_app any_network = definition("app", 99);
+    any_network.netmask = 0;
+    pkt_ctx to_net = packet(6, 40000, 8080);
+    pkt_ctx from_net = packet(6, 8080, 40000);
+    pkt_ctx elsewhere = packet(17, 40000, 8081);
+    to_net.src_ip = from_net.dst_ip = elsewhere.src_ip = elsewhere.dst_ip = htonl(OUTSIDE);
+    to_net.dst_ip = from_net.src_ip = htonl(INSIDE);
+    const struct {
+        const char *what;
+        userdef_app app;
+        int to_net, from_net, elsewhere;
+        uint8_t bitmap;
+    } rows[] = {
+        {"no criteria", definition("app"), 1, 1, 1, 0},
+        {"network", definition("app", 10), 1, 1, 0, 0x04},
+        {"any network", any_network, 1, 1, 1, 0x04},
+        {"IPv6 counts by its first word", ipv6, 1, 1, 0, 0x04},
+        {"port", definition("app", 0, 8080), 1, 1, 0, 0x08},
+        {"TCP", definition("app", 0, 0, 6), 1, 1, 0, 0x10},
+        {"another protocol is none", definition("app", 0, 0, 1), 1, 1, 1, 0},
+        {"all, the protocol fails", definition("app", 10, 8080, 17), 0, 0, 0, 0x1C},
+        {"source restricts nothing", source_only, 1, 1, 1, 0x03},
+    };
+    for (const auto &row : rows) {
+        userdef_app app = row.app;
+        app.bitmap = 0xFF; // what a payload claims doesn't count
+        ASSERT_EQ(set_definitions({app}), 0);
+        const userdef_app &stored = jorn_state.userdef_apps.records[0];
+        EXPECT_EQ(stored.bitmap, row.bitmap) << row.what;
+        for (const auto &[pkt, expected] : {std::pair{to_net, row.to_net},
+                                            {from_net, row.from_net},
+                                            {elsewhere, row.elsewhere}}) {
+            EXPECT_EQ(jorn_is_pkt_match_userdef_app(&pkt, &stored), expected) << row.what;
+            EXPECT_EQ(find_userdef_app(pkt) != nullptr, expected == 1) << row.what;
+        }
+    }
+}
+
+TEST_F(UserApps, DefinitionsNeedTheirPolicy) {
+    set_definitions({definition("a"), definition("b")});
+    add_policy(1, {{"User Defined", "b"}});
+    add_policy(2, {{"Streaming", "a"}, {"user defined", "a"}, {"User Defined", "A"}});
+    add_policy(63, {{"", ""}, {"User Defined", "a"}, {"User Defined", "b"}});
+    add_policy(64, {});
+    const struct {
+        uint32_t src_utp, dst_utp;
+        const char *name; // none: no match
+    } rows[] = {
+        {0, 0, "a"},  {1, 0, "b"},  {2, 0, "a"},          {2, 2, nullptr},
+        {2, 1, "b"},  {1, 63, "b"}, {63, 1, "a"},         {2, 64, "a"},
+        {64, 2, "a"}, {5, 2, "a"},  {2, 0xFFFFFFFF, "a"},
+    };
+    for (const auto &row : rows) {
+        for (const bool debug : {false, true}) {
+            pkt_ctx pkt = packet(6, 1, 2, row.src_utp, row.dst_utp);
+            jorn_state.settings.debug = debug;
+            EXPECT_EQ(jorn_detect_pkt_userdef_app(&pkt), row.name != nullptr);
+            EXPECT_STREQ(pkt.app_name, row.name != nullptr ? row.name : "")
+                << row.src_utp << " to " << row.dst_utp;
+            if (row.name == nullptr)
+                continue;
+            EXPECT_EQ(pkt.detect_flags, DETECT_CLASSIFIED);
+            EXPECT_EQ(pkt.app_source, APP_SOURCE_USERDEF);
+            EXPECT_EQ(pkt.app_id, 1201);
+            EXPECT_EQ(pkt.app_cat_id, 0x8000);
+            EXPECT_EQ(pkt.match_info, 1u);
+        }
+    }
+}
+
+TEST_F(UserApps, EveryChangeOfTablesShowsInTheNextPacket) {
+    const pkt_ctx pkt = packet(6, 1, 2, 1, 1);
+    const auto found = [&pkt] {
+        const userdef_app *app = find_userdef_app(pkt);
+        return std::string(app != nullptr ? app->app_name : "-");
+    };
+    jorn_state.userdef_apps.records[0] = definition("restored"); // as start-up does
+    jorn_state.userdef_apps.count = 1;
+    EXPECT_EQ(found(), "restored");
+    set_definitions({definition("a"), definition("b")});
+    EXPECT_EQ(found(), "a");
+    add_policy(1, {{"User Defined", "b"}});
+    EXPECT_EQ(found(), "b");
+    add_policy(1, {{"User Defined", "c"}});
+    EXPECT_EQ(found(), "-");
+    set_definitions({definition("c")});
+    EXPECT_EQ(found(), "c");
+    jorn_process_utp_flush();
+    set_definitions({});
+    EXPECT_EQ(found(), "-");
+    EXPECT_EQ(jorn_state.userdef_apps.records[0].app_name[0], '\0');
+}
+
+TEST_F(UserApps, Command6AtItsLimits) {
+    std::vector<uint8_t> payload(1 + 4 + 33 * sizeof(userdef_app), 'n'); // unaligned, no NUL
+    const auto send = [&payload](int32_t count) {
+        memcpy(payload.data() + 1, &count, sizeof count);
+        return jorn_process_cmd_userdef_policy_cfg_req(payload.data() + 1);
+    };
+    EXPECT_EQ(send(32), 0);
+    EXPECT_EQ(platform.calls, std::vector<std::string>{"psms_rflow_reset_app_policy()"});
+    EXPECT_EQ(jorn_state.userdef_apps.count, 32);
+    EXPECT_EQ(strlen(jorn_state.userdef_apps.records[31].app_name), 65u);
+    for (const int32_t count : {33, -1, INT32_MIN})
+        EXPECT_EQ(send(count), -1);
+    EXPECT_EQ(jorn_state.userdef_apps.count, 32);
+    EXPECT_EQ(platform.calls.size(), 1u);
+}
+
+} // namespace
