@@ -158,7 +158,7 @@ void add_apply(CLI::App &app, request &asked) {
 }
 
 void add_verbs(CLI::App &group, std::span<const verb> verbs, request &asked, bool answered) {
-    group.require_subcommand(1);
+    group.require_subcommand(0, 1);
     for (const verb &each : verbs) {
         CLI::App *app = group.add_subcommand(each.word, each.help);
         if (each.argument != nullptr)
@@ -220,8 +220,8 @@ void add_plumbing(CLI::App &app, request &asked) {
 }
 
 void describe(CLI::App &app, request &asked) {
-    app.fallthrough(); // --socket may stand behind the subcommand
-    app.require_subcommand(1);
+    app.fallthrough();            // --socket may stand behind the subcommand
+    app.require_subcommand(0, 1); // run() says better what is missing
     app.add_option("--socket", asked.socket, "The daemon's command socket")
         ->type_name("PATH")
         ->capture_default_str();
@@ -233,8 +233,7 @@ void describe(CLI::App &app, request &asked) {
     CLI::App *show = app.add_subcommand("show", "Print one of the daemon's tables");
     add_verbs(*show, SHOWS, asked, true);
     CLI::App *flush = app.add_subcommand("flush", "Empty tables of the daemon");
-    flush->footer("In memory only: the daemon's files keep the old state until the next change of
-                  "
+    flush->footer("In memory only: the daemon's files keep the old state until the next change of\n"
                   "their tables, or \"jornctl write\".");
     add_verbs(*flush, FLUSHES, asked, false);
     add_port_services(app, asked);
@@ -260,6 +259,8 @@ int run(int argc, char **argv) {
     describe(app, asked);
     try {
         app.parse(argc, argv);
+        if (!asked.action)
+            throw refused("what to do is missing (--help lists the subcommands)");
         const int status = asked.action();
         if (!std::cout.flush())
             throw refused(std::string("standard output: ") + strerror(errno));
