@@ -1,6 +1,6 @@
 """The vocabulary of the system tests.
 
-A test class derives from SystemTest, which runs inside `isolated`: names and paths are the
+A test class derives from SystemTest, which runs inside `scripts/private`: names and paths are the
 daemon's own, nothing else uses them, and what a test leaves behind is swept up before the next.
 
     platform = self.platform(mem_support="0")      the stand-in behind the AV channel
