@@ -1,0 +1,52 @@
+// Command messages through the dispatcher, one after the other against one state: an input is a
+// row of messages, each with its length before it (u16).
+#include "control/commands.h"
+#include "control/arc_tables.h"
+#include "core/state.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <syslog.h>
+#include <vector>
+
+namespace {
+
+int set_up() {
+    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    setlogmask(LOG_MASK(LOG_EMERG));
+    return open("/dev/null", O_WRONLY | O_CLOEXEC);
+}
+
+void check_links() {
+    for (const utp_entry &entry : jorn_state.arc_utp_table) {
+        const arc_policy *policy = jorn_state.arc_policy_list;
+        while (policy != nullptr && policy != entry.policy)
+            policy = policy->next;
+        if (policy != entry.policy)
+            abort();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const int reply_fd = set_up();
+    static std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
+    while (size >= sizeof(uint16_t)) {
+        uint16_t length;
+        memcpy(&length, data, sizeof length);
+        data += sizeof length;
+        size -= sizeof length;
+        const size_t received = length < size ? length : size;
+        memset(message.data(), 0, message.size());
+        memcpy(message.data(), data, received);
+        run_command(reply_fd, message.data(), received);
+        check_links();
+        data += received;
+        size -= received;
+    }
+    jorn_process_arc_policy_flush();
+    jorn_process_utp_flush();
+    return 0;
+}

@@ -1,0 +1,46 @@
+// The platform of the fuzz targets: answers at once, keeps nothing, and checks what it is handed.
+#include "platform/crashdump.h"
+#include "platform/psm.h"
+#include "platform/psms.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// Reads every byte, so that the sanitizers see what the daemon hands over.
+void read_all(const void *bytes, size_t size) {
+    for (size_t i = 0; i < size; ++i)
+        (void)static_cast<const volatile uint8_t *>(bytes)[i];
+}
+
+} // namespace
+
+int psm_jor_mem_support() {
+    return 0;
+}
+
+int psm_bsp_getMACBase(char *text) {
+    strcpy(text, "00:1A:2B:3C:4D:5E");
+    return 0;
+}
+
+int psm_log_syslog(int, const char *line) {
+    read_all(line, strlen(line));
+    return 0;
+}
+
+int psms_wdl_ioctl(int, int, unsigned int length, void *record) {
+    if (length != 232)
+        abort();
+    read_all(record, length);
+    return 0;
+}
+
+int psms_rflow_reset_app_policy() {
+    return 0;
+}
+
+void crashdump_init(const char *) {}
+void crashdump_out_init(const char *) {}

@@ -1,0 +1,53 @@
+// Frame bytes and trailer through the whole packet path, with debugging off and on (the lines
+// are formatted and dropped), against policies that fit some of what comes.
+#include "control/arc_tables.h"
+#include "core/state.h"
+#include "packet/capture.h"
+#include "packet/decode.h"
+#include "packet/process.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <syslog.h>
+
+namespace {
+
+void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
+    arc_policy_wire policy = {};
+    policy.utp_id = utp_id;
+    policy.log_enable = 1;
+    strcpy(policy.rules[0].app_name, domain);
+    policy.rules[0].deny = 1;
+    strcpy(policy.rules[1].app_name, "id");
+    policy.rules[1].app_id = app_id;
+    policy.rules[1].qos = 0xFF;
+    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
+}
+
+void set_up() {
+    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    setlogmask(LOG_MASK(LOG_EMERG));
+    jorn_pkt_processor = jorn_decode_eth_pkt;
+    add_policy(1, "com", 1);
+    add_policy(2, "a", 2);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const bool ready = (set_up(), true);
+    (void)ready;
+    if (size > 65535)
+        return 0;
+    // A copy of exactly the captured size: a read beyond it is caught.
+    const auto captured = std::make_unique<uint8_t[]>(size);
+    memcpy(captured.get(), data, size);
+    pcap_pkthdr header = {};
+    header.caplen = header.len = static_cast<uint32_t>(size);
+    for (const uint8_t debug : {uint8_t{0}, uint8_t{1}}) {
+        jorn_state.settings.debug = debug;
+        jorn_pkt_callback(nullptr, &header, captured.get());
+    }
+    return 0;
+}
