@@ -14,6 +14,7 @@
 enum class av_op : uint32_t {
     ioctl = 1,
     rflow_reset_app_policy = 3,
+    set_switch = 4,
     log_syslog = 6,
     platform_value = 36,
 };
