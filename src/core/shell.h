@@ -1,0 +1,16 @@
+// The shell commands that the daemon runs: directories, spoilt files, the rule agent.
+//
+// Nothing that came from the network is ever put into one. A name found in the file system is
+// checked first, for the shell would read some characters of it as its own.
+#pragma once
+
+#include <string_view>
+
+// Whether a text holds nothing but letters, digits and `._+~-`, and so means itself to the shell.
+bool is_plain_to_shell(std::string_view text);
+
+// Runs the command and waits for its end. How it ends is of no interest to the daemon.
+void run_shell(const char *command);
+
+// "rm -rf PATH": the way in which a file that can't be opened is got rid of.
+void remove_by_shell(const char *path);
