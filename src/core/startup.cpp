@@ -1,5 +1,6 @@
 #include "core/startup.h"
 
+#include "control/configuration.h"
 #include "core/daemonize.h"
 #include "core/flags.h"
 #include "core/log.h"
@@ -80,6 +81,7 @@ int run_daemon(int argc, char *argv[]) {
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();
+    jorn_load_configurations();
 
     jorn_main_loop(&capture_ctx);
     jorn_print_stats();

@@ -1,0 +1,330 @@
+#include "control/arc_tables.h"
+#include "control/configuration.h"
+#include "core/saved_file.h"
+#include "core/shell.h"
+#include "core/state.h"
+#include "fake_platform.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using std::string_literals::operator""s;
+
+const std::string EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end]\n";
+
+std::string policies(const std::string &blocks) {
+    return "[appPolicy]\n" + blocks + "[appPolicy end]\n[userdef]\n[userdef end]\n";
+}
+std::string userdefs(const std::string &lines) {
+    return "[appPolicy]\n[appPolicy end]\n[userdef]\n" + lines + "[userdef end]\n";
+}
+std::string repeated(const std::string &text, int times) {
+    std::string all;
+    while (times-- > 0)
+        all += text;
+    return all;
+}
+size_t occurrences(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+        ++count;
+    return count;
+}
+
+class Configuration : public testing::Test {
+protected:
+    void SetUp() override { reset(); }
+    void TearDown() override { reset(); }
+
+    static void reset() {
+        jorn_process_arc_policy_flush();
+        jorn_state = {};
+        jorn_state.settings.debug = 1; // the log goes to standard error
+        platform = {};
+    }
+    // Restores the content into an empty state and returns the log.
+    static std::string restore(const std::string &content) {
+        reset();
+        FILE *file = tmpfile();
+        fwrite(content.data(), 1, content.size(), file);
+        rewind(file);
+        testing::internal::CaptureStderr();
+        restore_configuration(file, "the file");
+        fclose(file);
+        return testing::internal::GetCapturedStderr();
+    }
+    static std::string written() {
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *file = open_memstream(&text, &size);
+        EXPECT_EQ(jorn_write_arc_policy_configuration(file), 0);
+        EXPECT_EQ(jorn_write_userdef_configuration(file), 0);
+        fclose(file);
+        std::string content(text, size);
+        free(text);
+        return content;
+    }
+    static arc_policy *add_policy(const arc_policy_wire &policy) {
+        __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
+        arc_policy *last = jorn_state.arc_policy_list;
+        while (last->next != nullptr)
+            last = last->next;
+        return last;
+    }
+    static size_t policy_count() {
+        size_t count = 0;
+        for (const arc_policy *p = jorn_state.arc_policy_list; p != nullptr; p = p->next)
+            ++count;
+        return count;
+    }
+};
+
+TEST_F(Configuration, ByteForByteAndBack) {
+    EXPECT_EQ(written(), EMPTY);
+    arc_policy_wire policy = {};
+    policy.attr1 = 255;
+    policy.attr3 = 3;
+    policy.attr4 = 4;
+    policy.log_enable = 1;
+    policy.utp_id = 63;
+    policy.rules[1] = {.app_id = 65535,
+                       .cat_id = 32768,
+                       .app_name = "A;b",
+                       .cat_name = "",
+                       .deny = 200,
+                       .qos = 0xB6,
+                       .rate_up = 65535,
+                       .rate_down = 7};
+    policy.rules[63] = {.app_name = "example.com", .cat_name = "User Defined", .qos = 0x49};
+    add_policy(policy);
+    policy = {.utp_id = 0xFFFFFFFF};
+    add_policy(policy);
+    userdef_table &table = jorn_state.userdef_apps;
+    table.count = 2;
+    table.records[0] = {.src_family = 2,
+                        .src_ip = {10, 0, 0, 1},
+                        .dst_family = 2,
+                        .dst_ip = {192, 168, 0, 255},
+                        .netmask = 0x00FFFFFF,
+                        .src_port = 65535,
+                        .dst_port = 8080,
+                        .protocol = 17,
+                        .app_name = "My App, too",
+                        .app_id = 40000,
+                        .cat_id = 1,
+                        .bitmap = 31};
+    table.records[1] = {.src_family = 10,
+                        .src_ip = {1},
+                        .dst_family = 10,
+                        .dst_ip = {1},
+                        .netmask = 0x80000000,
+                        .protocol = 0xFFFFFFFF,
+                        .bitmap = 200};
+
+    const std::string head = "[appPolicy]\n"
+                             "[policy]\n255;3;4;1;63;\n"
+                             "65535,32768,A;b,,200,0,1,1,3,2,65535,7;\n"
+                             "0,0,example.com,User Defined,0,1,0,2,0,1,0,0;\n"
+                             "[policy end]\n\n";
+    const std::string tail =
+        "[appPolicy end]\n[userdef]\n"
+        "2;16777226;2;-16734016;16777215;65535;8080;17;40000;1;My App, too;31;\n"
+        "10;10;10;";
+    const std::string text = written();
+    EXPECT_EQ(text, head + "[policy]\n0;0;0;0;-1;\n[policy end]\n\n" + tail +
+                        "1;-2147483648;0;0;-1;0;0;;200;\n[userdef end]\n");
+
+    // The policy without rules goes, and so does the address that isn't IPv4.
+    const std::string log = restore(text);
+    EXPECT_EQ(occurrences(log, "userdef : 2\n"), 1u);
+    EXPECT_EQ(occurrences(log, "ends early"), 0u);
+    EXPECT_EQ(written(), head + tail + "0;-2147483648;0;0;-1;0;0;;200;\n[userdef end]\n");
+    EXPECT_EQ(jorn_state.arc_policy_list->rules[0].qos, 0xB6);
+    EXPECT_EQ(jorn_state.arc_utp_table[62].policy, jorn_state.arc_policy_list);
+    EXPECT_EQ(memcmp(table.records[0].dst_ip, "\xC0\xA8\x00\xFF", 4), 0);
+}
+
+TEST_F(Configuration, FilesEditedByHand) {
+    const std::string block = "[policy]\n1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n[policy end]\n\n";
+    const std::string rule = "0,0,r,,0,0,0,0,0,0,0,0;\n";
+    const struct {
+        const char *what;
+        std::string content;
+        std::string result; // the file as it is written afterwards
+    } rows[] = {
+        {"letter case and text around markers",
+         "x[APPPOLICY]\r\n [pOLICY] x\n1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n<[POLICY END]>\n"
+         "[APPPOLICY END]\n[USERDEF]\n0;0;0;0;0;0;80;6;1;2;n;24;\n[userDEF end]\nx",
+         "[appPolicy]\n" + block +
+             "[appPolicy end]\n[userdef]\n0;0;0;0;0;0;80;6;1;2;n;24;\n[userdef end]\n"},
+        {"no [appPolicy]: nothing counts", block + "[appPolicy end]\n[userdef]\n1;\n[userdef end]",
+         EMPTY},
+        {"no [policy]", policies("1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n[policy end]\n"), EMPTY},
+        {"no [policy end]: the next block becomes rules",
+         policies("[policy]\n0;0;0;0;1;\n" + rule + block),
+         policies("[policy]\n0;0;0;0;1;\n" + rule + block.substr(block.find("6,7")))},
+        {"no [appPolicy end]: no section of applications",
+         "[appPolicy]\n" + block + "[userdef]\n1;\n[userdef end]\n", policies(block)},
+        {"70 rules, and the counter starts anew",
+         policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 70) + "[policy end]\n" + block),
+         policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 64) + "[policy end]\n\n" + block)},
+        {"spaces, short header, values too large, words for numbers",
+         policies("[policy]\n 257 ;\r;3\n 65537, x ,\r n ,c , 256,3,2,7,-1,four,99999,1x\n"
+                  "[policy end]\n"),
+         policies("[policy]\n1;0;3;0;0;\n1,0,n,c,0,1,0,3,3,0,34463,1;\n[policy end]\n\n")},
+        {"a header line of any kind, an empty line among rules",
+         policies("[policy]\n[policy end]\n\n" + rule + "[policy end]\n"),
+         policies("[policy]\n0;0;0;0;0;\n" + rule + "[policy end]\n\n")},
+        {"applications: wrong types, too few and too many fields",
+         userdefs("2;x;2;-1;1e3;0;0;0;0;0; n \r;9;9;9\n\n3;7;4;7;5\n"),
+         userdefs("2;0;2;-1;1;0;0;0;0;0;n;9;\n0;0;0;0;0;0;0;0;0;0;;0;\n3;3;4;0;5;0;0;0;0;0;;0;\n")},
+        {"a line of 9,000 characters, NUL bytes",
+         policies("[policy]\n0;0;0;0;1;\n0,0," + std::string(9000, 'x') + ",c,1\n0,0,a\0b,c,1\n"s +
+                  "[policy end]\n"),
+         policies("[policy]\n0;0;0;0;1;\n0,0," + std::string(63, 'x') +
+                  ",,0,0,0,0,0,0,0,0;\n0,0,a,,0,0,0,0,0,0,0,0;\n[policy end]\n\n")},
+    };
+    for (const auto &row : rows) {
+        restore(row.content);
+        EXPECT_EQ(written(), row.result) << row.what;
+    }
+}
+
+TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
+    const std::string block = "[policy]\n0;0;0;0;1;\n1,2,n,c,0,0,0,0,0,0,0,0;\n[policy end]\n\n";
+    const std::string whole = "[appPolicy]\n" + block + block + "[appPolicy end]\n[userdef]\n" +
+                              repeated("0;0;0;0;0;0;80;6;1;2;n;24;\n", 2) + "[userdef end]";
+    for (size_t length = 0; length <= whole.size(); ++length) {
+        const std::string content = whole.substr(0, length);
+        const bool complete = length == whole.size();
+        const std::string log = restore(content);
+        EXPECT_EQ(policy_count(), occurrences(content, "[policy end]")) << length;
+        EXPECT_EQ(jorn_state.userdef_apps.count, complete ? 2 : 0) << length;
+        EXPECT_EQ(jorn_state.userdef_apps.records[0].dst_port, complete ? 80 : 0) << length;
+        EXPECT_EQ(occurrences(log, "jorn_load_configurations"s) > 0 &&
+                      occurrences(log, "the file ends early") == 1,
+                  !complete)
+            << length;
+    }
+}
+
+TEST_F(Configuration, The33rdApplicationIsIgnoredWithOneLine) {
+    const std::string line = "0;0;0;0;0;0;80;6;1;2;n;24;\n";
+    const std::string log = restore(userdefs(repeated(line, 35)));
+    EXPECT_EQ(occurrences(log, "more than 32 user-defined applications"), 1u);
+    EXPECT_EQ(jorn_state.port_apps.head, nullptr); // what follows the table in the state block
+    EXPECT_EQ(written(), userdefs(repeated(line, 32)));
+}
+
+TEST_F(Configuration, BlockStaysBelow8096Characters) {
+    arc_policy_wire policy = {};
+    for (int i = 0; i < 60; ++i) {
+        memset(policy.rules[i].app_name, 'a', 63);
+        memset(policy.rules[i].cat_name, 'c', 31);
+    }
+    policy.rules[60].app_name[0] = 'a';
+    char text[ARC_BLOCK_LIMIT + 1] = {};
+    size_t length = 0;
+    ASSERT_EQ(jorn_format_arc_policy(text, &policy, &length, sizeof text), 0);
+    // The rest of the room is a longer name and a longer number.
+    ASSERT_LT(length, ARC_BLOCK_LIMIT - 1);
+    ASSERT_LT(ARC_BLOCK_LIMIT - 1 - length, 2 * 62u);
+    for (int i = 60; length < ARC_BLOCK_LIMIT - 1; ++length) {
+        char *name = policy.rules[i].app_name;
+        if (strlen(name) == 63)
+            name = policy.rules[i].cat_name;
+        name[strlen(name)] = 'a';
+    }
+    arc_policy *full = add_policy(policy);
+    add_policy({.utp_id = 7});
+    EXPECT_EQ(written().size(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n").size() + 8095);
+    full->utp_id = 10;
+    EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
+
+    const userdef_app record = {};
+    char line[32] = {};
+    for (const auto &[capacity, result] : {std::pair<size_t, int>{24, -1}, {25, 0}}) {
+        length = 0;
+        EXPECT_EQ(jorn_format_userdef_entry(line, &record, &length, capacity), result);
+    }
+    EXPECT_EQ(length, 24u);
+}
+
+TEST_F(Configuration, FullDiskIsNoticedAtTheFirstWrite) {
+    testing::internal::CaptureStderr();
+    FILE *file = fopen("/dev/full", "w");
+    EXPECT_EQ(jorn_write_arc_policy_configuration(file), -9);
+    EXPECT_EQ(jorn_write_userdef_configuration(file), -9);
+    fclose(file);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(occurrences(log, "(No space left on device) write configuration file error!\n"), 1u);
+    EXPECT_EQ(occurrences(log, "(No space left on device) write to configuration file error!\n"),
+              1u);
+}
+
+TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
+    char root[] = "/tmp/jorn_saved_XXXXXX";
+    ASSERT_NE(mkdtemp(root), nullptr);
+    const std::string directory = root + "/a/b"s;
+    const std::string path = directory + "/file";
+    for (const char *text : {"longer", "short"}) {
+        FILE *file = create_saved_file(directory.c_str(), path.c_str(), "f");
+        ASSERT_NE(file, nullptr);
+        EXPECT_TRUE(write_flushed(file, text));
+        fclose(file);
+    }
+    EXPECT_EQ(std::filesystem::file_size(path), 5u);
+
+    unlink(path.c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0); // nobody can open one, not even root
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    close(fd);
+    EXPECT_EQ(open_saved_file(path.c_str(), "f"), nullptr);
+    EXPECT_FALSE(saved_file_exists(path.c_str()));
+    std::filesystem::remove_all(root);
+}
+
+TEST_F(Configuration, VisibilityGoesOnWhereItIsAskedFor) {
+    const auto switched = [](const fake_platform &answers) {
+        platform = answers;
+        enable_visibility();
+        std::string calls;
+        for (const std::string &call : platform.calls) {
+            if (!call.starts_with("psm_wlan_pgetAvcEn"))
+                calls += call + " ";
+        }
+        return calls;
+    };
+    const fake_platform asking = {.avc_enable = {{"wlan0", 1}, {"wlan63", 2}, {"wlan64", 1}}};
+    EXPECT_EQ(switched(asking),
+              "psm_beginXact() psm_jor_mem_support() psms_av_set_dev_av(wlan0, 1) "
+              "psm_jor_mem_support() psms_av_set_dev_av(wlan63, 2) "
+              "psm_cancelXact() ");
+    fake_platform small = asking;
+    small.mem_support = 1;
+    EXPECT_EQ(switched(small), "psm_beginXact() psm_jor_mem_support() psm_jor_mem_support() "
+                               "psm_cancelXact() ");
+    fake_platform absent = asking;
+    absent.begin_xact_result = -1;
+    EXPECT_EQ(switched(absent), "psm_beginXact() ");
+}
+
+TEST(Shell, TakesOnlyTextThatMeansItself) {
+    for (const char *plain : {"", "Wendle_1.2~rc+3-A.bin", "6.1.0-18-amd64"})
+        EXPECT_TRUE(is_plain_to_shell(plain)) << plain;
+    for (const char *odd :
+         {"a b", "a;b", "$(x)", "`x`", "a/b", "a\n", "a'b", "\xC3\xA9", "a>b", "*"})
+        EXPECT_FALSE(is_plain_to_shell(odd)) << odd;
+}
+
+} // namespace
