@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "core/text_file.h"
+#include "userapps/settle.h"
 
 #include <cstring>
 #include <sys/socket.h>
@@ -160,6 +161,7 @@ void take_userdef(std::string_view line, unfinished &pending) {
 
 void finish_userdefs(const unfinished &pending) {
     jorn_state.userdef_apps = pending.userdefs;
+    settle_userapps();
     LOADER_DEBUG("userdef : %d\n", pending.userdefs.count);
 }
 

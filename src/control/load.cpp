@@ -5,6 +5,7 @@
 #include "core/saved_file.h"
 #include "platform/psm.h"
 #include "platform/psms.h"
+#include "userapps/port_service.h"
 
 namespace {
 
@@ -32,6 +33,7 @@ void jorn_load_configurations() {
         restore_configuration(file, APPLICATION_POLICY_PATH);
         fclose(file);
     }
+    jorn_parse_port_service_conf_file(PORT_SERVICE_PATH, &jorn_state.port_apps);
     enable_visibility();
     start_dpi_engine();
 }

@@ -1,5 +1,7 @@
 #include "core/shell.h"
 
+#include "core/log.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -10,12 +12,13 @@ bool is_plain_to_shell(std::string_view text) {
     return text.find_first_not_of(PLAIN) == std::string_view::npos;
 }
 
-void run_shell(const char *command) {
-    [[maybe_unused]] const int status = system(command);
+bool run_shell(const char *command) {
+    return system(command) == 0;
 }
 
 void remove_by_shell(const char *path) {
     char command[256];
     snprintf(command, sizeof command, "rm -rf %s", path);
-    run_shell(command);
+    if (!run_shell(command))
+        JORN_ERROR("%s: can't be removed\n", path);
 }

@@ -9,8 +9,9 @@
 // Whether a text holds nothing but letters, digits and `._+~-`, and so means itself to the shell.
 bool is_plain_to_shell(std::string_view text);
 
-// Runs the command and waits for its end. How it ends is of no interest to the daemon.
-void run_shell(const char *command);
+// Runs the command and waits for its end. Returns whether it ran and succeeded.
+bool run_shell(const char *command);
 
-// "rm -rf PATH": the way in which a file that can't be opened is got rid of.
+// "rm -rf PATH": the way in which a file that can't be opened is got rid of. A failure is reported
+// in the log.
 void remove_by_shell(const char *path);

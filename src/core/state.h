@@ -8,6 +8,7 @@
 
 #include "control/records.h"
 #include "userapps/records.h"
+#include "userapps/settled.h"
 
 #include <cstdint>
 
@@ -41,6 +42,7 @@ struct daemon_state {
 
     userdef_table userdef_apps;
     port_app_list port_apps; // owned
+    settled_apps settled_userapps;
 };
 
 extern daemon_state jorn_state;

@@ -39,6 +39,12 @@ size_t occurrences(const std::string &text, const std::string &part) {
     return count;
 }
 
+arc_policy_wire policy_of(uint32_t utp_id) {
+    arc_policy_wire policy = {};
+    policy.utp_id = utp_id;
+    return policy;
+}
+
 class Configuration : public testing::Test {
 protected:
     void SetUp() override { reset(); }
@@ -89,45 +95,36 @@ protected:
 
 TEST_F(Configuration, ByteForByteAndBack) {
     EXPECT_EQ(written(), EMPTY);
-    arc_policy_wire policy = {};
+    arc_policy_wire policy = policy_of(63);
     policy.attr1 = 255;
     policy.attr3 = 3;
     policy.attr4 = 4;
     policy.log_enable = 1;
-    policy.utp_id = 63;
-    policy.rules[1] = {.app_id = 65535,
-                       .cat_id = 32768,
-                       .app_name = "A;b",
-                       .cat_name = "",
-                       .deny = 200,
-                       .qos = 0xB6,
-                       .rate_up = 65535,
-                       .rate_down = 7};
-    policy.rules[63] = {.app_name = "example.com", .cat_name = "User Defined", .qos = 0x49};
+    policy.rules[1] = {65535, 32768, {}, "A;b", "", 200, 0xB6, 65535, 7, {}};
+    policy.rules[63] = {0, 0, {}, "example.com", "User Defined", 0, 0x49, 0, 0, {}};
     add_policy(policy);
-    policy = {.utp_id = 0xFFFFFFFF};
-    add_policy(policy);
+    add_policy(policy_of(0xFFFFFFFF));
     userdef_table &table = jorn_state.userdef_apps;
     table.count = 2;
-    table.records[0] = {.src_family = 2,
-                        .src_ip = {10, 0, 0, 1},
-                        .dst_family = 2,
-                        .dst_ip = {192, 168, 0, 255},
-                        .netmask = 0x00FFFFFF,
-                        .src_port = 65535,
-                        .dst_port = 8080,
-                        .protocol = 17,
-                        .app_name = "My App, too",
-                        .app_id = 40000,
-                        .cat_id = 1,
-                        .bitmap = 31};
-    table.records[1] = {.src_family = 10,
-                        .src_ip = {1},
-                        .dst_family = 10,
-                        .dst_ip = {1},
-                        .netmask = 0x80000000,
-                        .protocol = 0xFFFFFFFF,
-                        .bitmap = 200};
+    table.records[0] = {2,
+                        {},
+                        {10, 0, 0, 1},
+                        {},
+                        2,
+                        {},
+                        {192, 168, 0, 255},
+                        {},
+                        0x00FFFFFF,
+                        65535,
+                        8080,
+                        17,
+                        "My App, too",
+                        40000,
+                        1,
+                        31,
+                        0};
+    table.records[1] = {10, {}, {1},        {}, 10, {}, {1}, {}, 0x80000000,
+                        0,  0,  0xFFFFFFFF, "", 0,  0,  200, 0};
 
     const std::string head = "[appPolicy]\n"
                              "[policy]\n255;3;4;1;63;\n"
@@ -226,25 +223,28 @@ TEST_F(Configuration, The33rdApplicationIsIgnoredWithOneLine) {
 
 TEST_F(Configuration, BlockStaysBelow8096Characters) {
     arc_policy_wire policy = {};
-    for (int i = 0; i < 60; ++i) {
-        memset(policy.rules[i].app_name, 'a', 63);
-        memset(policy.rules[i].cat_name, 'c', 31);
+    for (arc_rule &rule : policy.rules) {
+        memset(rule.app_name, 'a', 63);
+        memset(rule.cat_name, 'c', 31);
     }
-    policy.rules[60].app_name[0] = 'a';
     char text[ARC_BLOCK_LIMIT + 1] = {};
     size_t length = 0;
-    ASSERT_EQ(jorn_format_arc_policy(text, &policy, &length, sizeof text), 0);
-    // The rest of the room is a longer name and a longer number.
-    ASSERT_LT(length, ARC_BLOCK_LIMIT - 1);
-    ASSERT_LT(ARC_BLOCK_LIMIT - 1 - length, 2 * 62u);
-    for (int i = 60; length < ARC_BLOCK_LIMIT - 1; ++length) {
-        char *name = policy.rules[i].app_name;
-        if (strlen(name) == 63)
-            name = policy.rules[i].cat_name;
-        name[strlen(name)] = 'a';
+    ASSERT_EQ(jorn_format_arc_policy(text, &policy, &length, ARC_BLOCK_LIMIT), 0);
+    // Longer numbers fill the rest of the room.
+    size_t missing = ARC_BLOCK_LIMIT - 1 - length;
+    for (arc_rule &rule : policy.rules) {
+        for (uint16_t *number : {&rule.app_id, &rule.cat_id, &rule.rate_up}) {
+            if (missing >= 4) {
+                *number = 10000;
+                missing -= 4;
+            }
+        }
     }
+    const uint16_t last[] = {0, 10, 100, 1000};
+    ASSERT_LT(missing, std::size(last));
+    policy.rules[0].rate_down = last[missing];
     arc_policy *full = add_policy(policy);
-    add_policy({.utp_id = 7});
+    add_policy(policy_of(7));
     EXPECT_EQ(written().size(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n").size() + 8095);
     full->utp_id = 10;
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
@@ -285,7 +285,7 @@ TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
 
     unlink(path.c_str());
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0); // nobody can open one, not even root
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    sockaddr_un address = {AF_UNIX, {}};
     strcpy(address.sun_path, path.c_str());
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     close(fd);
@@ -305,7 +305,8 @@ TEST_F(Configuration, VisibilityGoesOnWhereItIsAskedFor) {
         }
         return calls;
     };
-    const fake_platform asking = {.avc_enable = {{"wlan0", 1}, {"wlan63", 2}, {"wlan64", 1}}};
+    fake_platform asking;
+    asking.avc_enable = {{"wlan0", 1}, {"wlan63", 2}, {"wlan64", 1}};
     EXPECT_EQ(switched(asking),
               "psm_beginXact() psm_jor_mem_support() psms_av_set_dev_av(wlan0, 1) "
               "psm_jor_mem_support() psms_av_set_dev_av(wlan63, 2) "

@@ -1,0 +1,9 @@
+// The platform of the in-memory benchmarks: it answers at once and keeps nothing, so that what is
+// timed is the daemon's own work.
+#pragma once
+
+#include <cstdint>
+
+// The last verdict's first word: what the benchmarks read to see that verdicts really came.
+extern uint32_t bench_last_verdict;
+extern uint64_t bench_verdicts;

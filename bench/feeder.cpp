@@ -1,0 +1,227 @@
+#include "feeder.h"
+
+#include "lab.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t OP_IOCTL = 1;
+constexpr uint32_t OP_FIRST_QUESTION = 33;
+constexpr uint32_t OP_NAME_OF_ADDRESS = 34;
+constexpr uint32_t OP_PLATFORM_VALUE = 36;
+constexpr size_t KEY_SIZE = 64;
+constexpr size_t VERDICT_SIZE = sizeof(av_verdict);
+constexpr int SILENCE_MS = 200;
+constexpr int FIRST_VERDICT_TRIES = 50;
+constexpr size_t BATCH = 64;
+constexpr size_t MESSAGE_SIZE = 512;
+
+struct message_header {
+    uint32_t op;
+    uint32_t seq;
+};
+
+struct name_answer {
+    message_header header;
+    int32_t rc;
+    uint32_t words[3];
+    char name[256];
+};
+static_assert(sizeof(name_answer) == 280);
+
+struct value_answer {
+    message_header header;
+    int32_t rc;
+    char value[128];
+};
+
+struct bare_answer {
+    message_header header;
+    int32_t rc;
+};
+
+template <typename Answer>
+void answer(int fd, const Answer &record) {
+    // A peer that has gone needs no answer.
+    [[maybe_unused]] const ssize_t sent = send(fd, &record, sizeof record, MSG_NOSIGNAL);
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+int open_packet_socket() {
+    const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_ifindex = static_cast<int>(if_nametoindex(LAB_FEEDER_IFACE));
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        lab_fail("the feeder's packet socket");
+    return fd;
+}
+
+int open_listener() {
+    unlink(LAB_SOCKET_PATH);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, LAB_SOCKET_PATH, sizeof LAB_SOCKET_PATH);
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        listen(fd, 8) != 0)
+        lab_fail(LAB_SOCKET_PATH);
+    return fd;
+}
+
+} // namespace
+
+feeder::feeder(feeder_options options)
+    : options_(options), packet_socket_(open_packet_socket()), listener_(open_listener()) {}
+
+feeder::~feeder() {
+    for (const int fd : connections_)
+        close(fd);
+    close(listener_);
+    close(packet_socket_);
+}
+
+bool feeder::wait_for_consumer(const frame_bytes &frame) {
+    for (int attempt = 0; attempt < FIRST_VERDICT_TRIES; ++attempt) {
+        send_frame(frame);
+        const auto sent = std::chrono::steady_clock::now();
+        unsigned verdicts = 0;
+        while (seconds_since(sent) * 1000 < SILENCE_MS)
+            verdicts += wait_readable(SILENCE_MS) ? receive() : 0;
+        if (verdicts != 0)
+            return true;
+    }
+    return false;
+}
+
+feed_result feeder::feed(std::span<const frame_bytes> frames, uint64_t count) {
+    feed_result result;
+    questions_ = 0;
+    const auto start = std::chrono::steady_clock::now();
+    uint64_t sent = 0;
+    uint64_t outstanding = 0;
+    while (result.answered + result.lost < count) {
+        unsigned verdicts = 0;
+        if (sent < count && outstanding < WINDOW && send_frame(frames[sent % frames.size()])) {
+            ++sent;
+            ++outstanding;
+            verdicts = receive();
+        } else if (wait_readable(SILENCE_MS)) {
+            verdicts = receive();
+        } else {
+            result.lost += outstanding;
+            outstanding = 0;
+        }
+        result.answered += verdicts;
+        outstanding -= std::min<uint64_t>(verdicts, outstanding);
+    }
+    result.seconds = seconds_since(start);
+    result.questions = questions_;
+    return result;
+}
+
+bool feeder::send_frame(const frame_bytes &frame) const {
+    return send(packet_socket_, frame.data(), frame.size(), 0) ==
+           static_cast<ssize_t>(frame.size());
+}
+
+bool feeder::wait_readable(int timeout_ms) {
+    std::vector<pollfd> wanted = {{listener_, POLLIN, 0}};
+    for (const int fd : connections_)
+        wanted.push_back({fd, POLLIN, 0});
+    return poll(wanted.data(), wanted.size(), timeout_ms) > 0;
+}
+
+// Takes everything that is waiting. Returns the number of verdicts among it.
+unsigned feeder::receive() {
+    // New connections come while nothing is measured: only then is the listener asked each time.
+    if (connections_.empty())
+        accept_connection();
+    unsigned verdicts = 0;
+    for (size_t i = 0; i < connections_.size(); ++i)
+        verdicts += receive_from(connections_[i]);
+    return verdicts;
+}
+
+unsigned feeder::receive_from(int fd) {
+    static std::array<std::array<uint8_t, MESSAGE_SIZE>, BATCH> buffers;
+    std::array<iovec, BATCH> pieces = {};
+    std::array<mmsghdr, BATCH> messages = {};
+    for (size_t i = 0; i < BATCH; ++i) {
+        pieces[i] = {buffers[i].data(), MESSAGE_SIZE};
+        messages[i].msg_hdr.msg_iov = &pieces[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int received = recvmmsg(fd, messages.data(), BATCH, MSG_DONTWAIT, nullptr);
+    if (received <= 0)
+        return 0;
+    unsigned verdicts = 0;
+    for (size_t i = 0; i < static_cast<size_t>(received); ++i) {
+        if (messages[i].msg_len == 0) { // the peer has gone
+            close(fd);
+            std::erase(connections_, fd);
+            break;
+        }
+        verdicts += handle(fd, buffers[i].data(), messages[i].msg_len) ? 1 : 0;
+    }
+    return verdicts;
+}
+
+// Returns whether the message is a verdict. The bare loop sends the record without a header.
+bool feeder::handle(int fd, const uint8_t *message, size_t size) {
+    if (size == VERDICT_SIZE)
+        return true;
+    message_header header = {};
+    if (size < sizeof header)
+        return false;
+    memcpy(&header, message, sizeof header);
+    if (header.op < OP_FIRST_QUESTION)
+        return header.op == OP_IOCTL;
+
+    if (header.op == OP_NAME_OF_ADDRESS) {
+        ++questions_;
+        name_answer record = {};
+        record.header = header;
+        if (options_.names_known) {
+            std::fill(std::begin(record.words), std::end(record.words), 1);
+            strcpy(record.name, "www.example.com");
+        }
+        answer(fd, record);
+        return false;
+    }
+    constexpr char engine_key[] = "tm_support";
+    if (header.op == OP_PLATFORM_VALUE && options_.engine_present &&
+        size >= sizeof header + KEY_SIZE &&
+        memcmp(message + sizeof header, engine_key, sizeof engine_key) == 0) {
+        value_answer record = {};
+        record.header = header;
+        record.value[0] = '1';
+        answer(fd, record);
+        return false;
+    }
+    answer(fd, bare_answer{header, -1});
+    return false;
+}
+
+void feeder::accept_connection() {
+    for (;;) {
+        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0)
+            return;
+        connections_.push_back(fd);
+    }
+}

@@ -1,0 +1,38 @@
+// User-defined applications: what the administrator calls traffic to a network, on a port, over a
+// protocol.
+//
+// Command 6 replaces the whole table; start-up restores it from the application-policy file. The
+// packet path asks for the first definition that a packet fits. A UTP with an ARC policy allows
+// only the definitions that the policy lists as "User Defined": those of the source's UTP are tried
+// first, in table order, then those of the destination's.
+#pragma once
+
+#include "control/records.h"
+#include "packet/records.h"
+#include "userapps/records.h"
+
+// Command 6: a count (int32) and as many records of userdef_app. Returns what
+// jorn_update_user_def_policy_cfg does.
+int jorn_process_cmd_userdef_policy_cfg_req(const uint8_t *payload);
+
+// Replaces the table by `count` records, which need no alignment, and has the platform forget its
+// flows' policies. Returns 0, or -1 with nothing changed for a count outside 0 to 32.
+int jorn_update_user_def_policy_cfg(const uint8_t *records, int32_t count);
+
+// Works out which criteria a record gives.
+void userdef_build_bitmap(userdef_app *record);
+
+// Names the packet after the first definition that it fits. Returns 1 when there is one, else 0.
+int jorn_detect_pkt_userdef_app(pkt_ctx *pkt);
+
+// The definition that names a packet, or none: by the settled criteria, and by walking the table
+// with a line of the log for each step. Both find the same.
+const userdef_app *find_userdef_app(const pkt_ctx &pkt);
+const userdef_app *walk_userdef_apps(const pkt_ctx &pkt);
+
+// 1 when the packet fits the record's criteria, else 0. The record's destination is looked for on
+// both sides of the packet, its source restricts nothing.
+int jorn_is_pkt_match_userdef_app(const pkt_ctx *pkt, const userdef_app *record);
+
+// 1 when the policy lists the record's application as "User Defined", else 0.
+int __is_userdef_attached_to_arc(const arc_policy *policy, const userdef_app *record);
