@@ -26,6 +26,17 @@ protected:
         port_app_list_clear(&jorn_state.port_apps);
     }
 
+    static pkt_ctx packet(uint8_t protocol, uint16_t src_port, uint16_t dst_port,
+                          uint32_t src_utp_id = 0, uint32_t dst_utp_id = 0) {
+        pkt_ctx pkt = {};
+        pkt.ip_proto = protocol;
+        pkt.src_port = src_port;
+        pkt.dst_port = dst_port;
+        pkt.src_utp_id = src_utp_id;
+        pkt.dst_utp_id = dst_utp_id;
+        return pkt;
+    }
+
     // Gives a UTP a policy, as command 23 does.
     static void add_policy(uint32_t utp_id, const rule_names &rules) {
         arc_policy_wire policy = {};
