@@ -21,6 +21,7 @@ namespace {
 
 constexpr unsigned WARM_UP = 20'000;
 constexpr unsigned FLOWS = 64;
+constexpr int SEND_BUFFER = 1 << 20; // like the AV channel's client
 constexpr char DAEMON_LOG[] = "/run/bench_jorn.log";
 
 int connect_to_sink() {
@@ -28,6 +29,7 @@ int connect_to_sink() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, LAB_SOCKET_PATH, sizeof LAB_SOCKET_PATH);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER);
     if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         lab_fail("the bare loop's connection");
     return fd;

@@ -21,6 +21,10 @@ int psm_jor_mem_support() {
     return 0;
 }
 
+int psm_mem_support_tm() {
+    return 1;
+}
+
 int psm_bsp_getMACBase(char *text) {
     strcpy(text, "00:1A:2B:3C:4D:5E");
     return 0;
@@ -35,6 +39,25 @@ int psms_wdl_ioctl(int, int, unsigned int length, void *record) {
     if (length != 232)
         abort();
     read_all(record, length);
+    return 0;
+}
+
+// The address decides: an error, no name, or a name of every length and any bytes, its end unmarked
+// when it fills the buffer.
+int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
+                               uint32_t *word2, uint32_t *word3) {
+    uint8_t octets[4];
+    memcpy(octets, &address_be, sizeof octets);
+    const unsigned length = octets[3] < size ? octets[3] : size;
+    memset(name, 0, size);
+    memset(name, octets[2], length);
+    *word1 = 0;
+    *word2 = octets[1] & 1u;
+    *word3 = octets[1] & 2u;
+    return octets[1] == 0xFF ? -1 : 0;
+}
+
+int psms_av_set_tm_en(int) {
     return 0;
 }
 

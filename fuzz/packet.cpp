@@ -1,6 +1,8 @@
 // Frame bytes and trailer through the whole packet path, with debugging off and on (the lines
 // are formatted and dropped), against policies that fit some of what comes.
 #include "control/arc_tables.h"
+#include "core/dns_cache.h"
+#include "core/hash_table.h"
 #include "core/state.h"
 #include "packet/capture.h"
 #include "packet/decode.h"
@@ -29,6 +31,8 @@ void set_up() {
     jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
     jorn_pkt_processor = jorn_decode_eth_pkt;
+    jorn_dnscache_hash_table_init();
+    jorn_state.settings.tm_engine_enabled = 1;
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
 }
@@ -49,5 +53,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         jorn_state.settings.debug = debug;
         jorn_pkt_callback(nullptr, &header, captured.get());
     }
+    hash_table_clear(jorn_state.dns_cache); // what was learnt
     return 0;
 }

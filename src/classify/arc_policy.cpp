@@ -75,7 +75,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
         }
         if (name.contains(index.domain[n], index.domain_length[n])) {
             JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "__jorn_policy_match: Domain matched %s\n",
-                        ctx.app_name);
+                        printable_text(ctx.app_name).c_str());
             return rule;
         }
     }

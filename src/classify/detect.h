@@ -1,5 +1,8 @@
 // Detection: what flow is this packet of? Fills the names, ids and links of the packet context, one
 // step after the other; a step that decided ends the pipeline.
+//
+// A step that finds app_source set leaves app_name to whoever came first and puts its own finding
+// into orig_app.
 #pragma once
 
 #include "packet/records.h"
@@ -14,6 +17,10 @@ inline constexpr int JORN_DETECT_MATCH = 1;
 // step that decided, or of the last one.
 int jorn_detect_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
 
-// The step that the kernel's trailer drives: reads the trailer into the context. Returns 1 when it
-// decided the packet, else 0.
+// The step that the kernel's trailer drives: reads the trailer into the context and takes the DPI
+// engine's result where there is one. Returns 1 when it decided the packet, else 0.
 int jorn_detect_pkt_utp(pkt_ctx *ctx, const uint8_t *bytes, uint32_t captured);
+
+// The last resort: names the flow "SOURCE DESTINATION:PORT" after its addresses. Returns 1 when it
+// wrote app_name; app_source stays, for nobody knows what the flow is.
+int jorn_detect_pkt_flow_name(pkt_ctx *ctx);

@@ -4,6 +4,7 @@
 #include "control/configuration.h"
 #include "control/priority.h"
 #include "control/reply.h"
+#include "core/dns_cache.h"
 #include "core/log.h"
 
 #include <cstring>
@@ -64,7 +65,7 @@ constexpr command_row COMMANDS[] = {
     {7, "CMD_USERDEF_SHOW_REQ", NOT_YET, NOTHING},
     {8, "CMD_POLICY_CLEAN", [](const command &) { jorn_process_cmd_policy_clean(); }, NOTHING},
     {9, "CMD_ROAM_NOTIFY_REQ", NOT_YET, NOTHING},
-    {10, "CMD_DNS_CACHE_SHOW_REQ", NOT_YET, NOTHING},
+    {10, "CMD_DNS_CACHE_SHOW_REQ", [](const command &c) { jorn_dnscache_show(c.fd); }, NOTHING},
     {13, "CMD_PORT_SERVICE_CFG_REQ", NOT_YET, NOTHING},
     {14, "CMD_PORT_APP_SHOW_REQ", NOT_YET, NOTHING},
     {17, "CMD_WRITE_CFG_REQ", [](const command &c) { jorn_process_cmd_write_cfg(c.fd); }, NOTHING},

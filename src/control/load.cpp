@@ -1,5 +1,6 @@
 #include "control/arc_tables.h"
 #include "control/configuration.h"
+#include "control/dpi_engine.h"
 #include "control/dpi_rules.h"
 #include "core/log.h"
 #include "core/saved_file.h"
@@ -10,15 +11,6 @@
 namespace {
 
 constexpr int WLANS_MAX = 64;
-
-void start_dpi_engine() {
-    if (psm_mem_support_tm() == 0)
-        return;
-    jorn_state.settings.tm_engine_enabled = 1;
-    psms_av_set_tm_en(1);
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_load_configurations", 0, "Loading TM's engine...\n");
-    jorn_load_dpi_rules();
-}
 
 } // namespace
 
@@ -35,7 +27,8 @@ void jorn_load_configurations() {
     }
     jorn_parse_port_service_conf_file(PORT_SERVICE_PATH, &jorn_state.port_apps);
     enable_visibility();
-    start_dpi_engine();
+    if (enable_dpi_engine())
+        jorn_load_dpi_rules();
 }
 
 void enable_visibility() {

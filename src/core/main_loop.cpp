@@ -1,6 +1,7 @@
 #include "core/main_loop.h"
 
 #include "control/cmdsock.h"
+#include "core/dns_cache.h"
 #include "core/flags.h"
 #include "core/log.h"
 #include "core/signals.h"
@@ -60,6 +61,8 @@ int jorn_main_loop(capture_context *capture_ctx) {
             jorn_signal_handle(capture_ctx);
             return -1;
         }
+        if (ready == 0)
+            jorn_dnscache_age();
         if (ready > 0 && wanted.ready(capture_fd))
             serve_capture(capture_ctx);
         if (ready > 0 && wanted.ready(command_fd)) {

@@ -51,8 +51,7 @@ bool another_instance_runs() {
     char line[PS_LINE_SIZE];
     while (fgets(line, sizeof line, listing) != nullptr) {
         line[strcspn(line, "\r\n")] = '\0';
-        int number = 0;
-        if (sscanf(line, "%d", &number) == 1 && number == pid)
+        if (strtol(line, nullptr, 10) == pid)
             found = true;
     }
     pclose(listing);

@@ -2,6 +2,7 @@
 
 #include "control/configuration.h"
 #include "core/daemonize.h"
+#include "core/dns_cache.h"
 #include "core/flags.h"
 #include "core/log.h"
 #include "core/main_loop.h"
@@ -38,6 +39,8 @@ void register_crash_dump() {
 
 // The steps that can fail, in their order.
 int open_inputs(capture_context *capture_ctx) {
+    if (const int result = jorn_dnscache_hash_table_init(); result != 0)
+        return result;
     if (const int result = jorn_capture_open(capture_ctx); result != 0)
         return result;
     return jorn_set_pkt_processor(capture_ctx);
@@ -75,8 +78,11 @@ int run_daemon(int argc, char *argv[]) {
 
     install_exit_handlers();
     capture_context capture_ctx;
-    if (jorn_init(argc, argv, &capture_ctx) != 0)
+    if (jorn_init(argc, argv, &capture_ctx) != 0) {
+        if (capture_ctx.handle != nullptr)
+            pcap_close(capture_ctx.handle);
         return EXIT_FAILURE;
+    }
     if (jorn_state.settings.daemonize != 0)
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);

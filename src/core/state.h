@@ -12,6 +12,8 @@
 
 #include <cstdint>
 
+struct hash_table;
+
 struct daemon_settings {
     uint8_t daemonize; // "-D"
     uint8_t debug;     // "-d"; command 34 sets it
@@ -43,6 +45,8 @@ struct daemon_state {
     userdef_table userdef_apps;
     port_app_list port_apps; // owned
     settled_apps settled_userapps;
+
+    hash_table *dns_cache; // owned; core/dns_cache.h
 };
 
 extern daemon_state jorn_state;

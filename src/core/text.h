@@ -44,3 +44,23 @@ int64_t leading_decimal(std::string_view text);
 
 bool equals_ignoring_case(std::string_view a, std::string_view b);
 bool contains_ignoring_case(std::string_view text, std::string_view part);
+
+// A name that the platform or a peer has told, as logs, listings and files may show it: bounded,
+// and with a question mark for each control character, so that no name makes up a line of its own.
+// It may hold any other byte. Lives as long as the statement that shows it.
+class printable_text {
+public:
+    explicit printable_text(std::string_view name) {
+        name = name.substr(0, sizeof text_ - 1);
+        name = name.substr(0, name.find('\0'));
+        std::transform(name.begin(), name.end(), text_, [](char c) {
+            const auto byte = static_cast<unsigned char>(c);
+            return byte < 0x20 || byte == 0x7F ? '?' : c;
+        });
+        text_[name.size()] = '\0';
+    }
+    const char *c_str() const { return text_; }
+
+private:
+    char text_[129];
+};

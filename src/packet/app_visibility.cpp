@@ -2,6 +2,7 @@
 
 #include "control/records.h"
 #include "core/log.h"
+#include "core/text.h"
 #include "platform/psm.h"
 
 #include <arpa/inet.h>
@@ -21,6 +22,7 @@ void report_app_visibility(const pkt_ctx &ctx) {
              "\"ueMac\"=\"%02X:%02X:%02X:%02X:%02X:%02X\", \"srcIP\"=\"%s\", \"srcPort\"=\"%d\", "
              "\"destIP\"=\"%s\", \"destPort\"=\"%d\", \"proto\"=\"%s\", \"appName\"=\"%s\",",
              mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], src_ip, ctx.src_port, dst_ip,
-             ctx.dst_port, ctx.ip_proto == IPPROTO_TCP ? "TCP" : "UDP", ctx.app_name);
+             ctx.dst_port, ctx.ip_proto == IPPROTO_TCP ? "TCP" : "UDP",
+             printable_text(ctx.app_name).c_str());
     psm_log_syslog(JORN_LOG_INFO, line);
 }

@@ -66,7 +66,7 @@ int jorn_decode_ipv4_pkt(pkt_ctx *ctx, byte_view packet) {
         log_addresses(ctx);
 
     // Lengths that contradict each other lead nowhere: decoding ends with the addresses.
-    const size_t header_size = (packet.u8(0) & 0x0Fu) * 4u;
+    const size_t header_size = size_t{packet.u8(0) & 0x0Fu} * 4;
     const size_t total_size = packet.u16(2);
     if (header_size < IPV4_MIN_HEADER_SIZE || !packet.holds(header_size) ||
         total_size < header_size)
@@ -100,7 +100,7 @@ int jorn_decode_tcp_pkt(pkt_ctx *ctx, byte_view segment) {
     if (ctx->src_port != HTTP_PORT)
         return 0;
     jorn_stats_inc(STATS_HTTP_RESPONSE);
-    const size_t header_size = (segment.u8(12) >> 4) * 4u;
+    const size_t header_size = (size_t{segment.u8(12)} >> 4) * 4;
     if (header_size < TCP_MIN_HEADER_SIZE)
         return 0;
     return jorn_decode_http_pkt(ctx, segment.from(header_size));

@@ -63,12 +63,12 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
         jorn_stats_inc(STATS_DENIED);
         JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
                     "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                    ctx.dst_port, ctx.app_name);
+                    ctx.dst_port, printable_text(ctx.app_name).c_str());
         return;
     }
     JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
                 "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                ctx.dst_port, ctx.app_name);
+                ctx.dst_port, printable_text(ctx.app_name).c_str());
     if (ctx.arc_action != ARC_ACTION_QOS) {
         JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "no policy \n");
         return;
@@ -86,13 +86,15 @@ int jorn_check_arc_enabled(const pkt_ctx *ctx) {
     const auto src_utp_id = static_cast<int>(ctx->src_utp_id);
     const auto dst_utp_id = static_cast<int>(ctx->dst_utp_id);
     JORN_DEBUG("check utp id for %d src, %d dst domain: %s\n", src_utp_id, dst_utp_id,
-               ctx->app_name);
+               printable_text(ctx->app_name).c_str());
     if (utp_lookup(jorn_state.arc_utp_table, ctx->src_utp_id) != nullptr) {
-        JORN_DEBUG("got utp id for %d src domain: %s\n", src_utp_id, ctx->app_name);
+        JORN_DEBUG("got utp id for %d src domain: %s\n", src_utp_id,
+                   printable_text(ctx->app_name).c_str());
         return 1;
     }
     if (utp_lookup(jorn_state.arc_utp_table, ctx->dst_utp_id) != nullptr) {
-        JORN_DEBUG("got utp id for %d dst domain: %s\n", dst_utp_id, ctx->app_name);
+        JORN_DEBUG("got utp id for %d dst domain: %s\n", dst_utp_id,
+                   printable_text(ctx->app_name).c_str());
         return 1;
     }
     return 0;

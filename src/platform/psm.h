@@ -13,6 +13,10 @@ extern "C" {
 // Returns 0 when it has, nonzero when its memory is too small.
 int psm_jor_mem_support();
 
+// Whether the platform has the DPI engine and the memory that it needs. Returns nonzero when it
+// has.
+int psm_mem_support_tm();
+
 // Writes the access point's base MAC address as text, like 00:1A:2B:3C:4D:5E in capitals, with its
 // NUL into `text`, a buffer of 18 bytes. Returns 0, nonzero when there is no such address (the
 // buffer then holds an empty text).
@@ -29,9 +33,6 @@ int psm_cancelXact(psm_xact **xact);
 // Reads the application-visibility setting of a wireless interface; nonzero = on. Returns 0 and the
 // setting, which is 0 for an interface without one, or nonzero with `*enable` left as it was.
 int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable);
-
-// Returns nonzero when the platform supports the kernel's DPI engine.
-int psm_mem_support_tm();
 
 // Writes the running firmware's version as text with its NUL into `text`, a buffer of `size` bytes,
 // cut where it is full. Returns 0, nonzero when there is none.

@@ -1,7 +1,10 @@
-// The service library's operations: the kernel module's ioctl channel and its flow table.
+// The service library's operations: the kernel module's ioctl channel, its flow table and switches,
+// and the DNS cache of the platform.
 //
 // Declarations only; psm.h says who supplies them.
 #pragma once
+
+#include <cstdint>
 
 extern "C" {
 
@@ -10,14 +13,20 @@ extern "C" {
 // Returns 0 when the record was delivered, nonzero otherwise.
 int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record);
 
+// Asks the platform's DNS cache for the name of an IPv4 address, which is in network byte order.
+// Writes at most `size` bytes into `name`, the NUL included, and three words. A name was found when
+// the second and the third word are nonzero; what else the words say is the platform's. Returns 0
+// when the platform answered, nonzero on error. Blocks until the answer is there.
+int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
+                               uint32_t *word2, uint32_t *word3);
+
+// Switches the kernel's DPI engine on (1) or off (0). Returns 0 on success.
+int psms_av_set_tm_en(int enable);
+
 // Makes the kernel's flow table forget the application policy of every flow. Returns 0 on success.
 int psms_rflow_reset_app_policy();
 
 // Switches application visibility on or off for a network device. Returns 0 when the kernel was
 // told, nonzero otherwise.
 int psms_av_set_dev_av(const char *ifname, int enable);
-
-// Switches the kernel's DPI engine on or off. Returns 0 when the kernel was told, nonzero
-// otherwise.
-int psms_av_set_tm_en(int enable);
 }

@@ -4,6 +4,8 @@
 #include "platform/psm.h"
 #include "platform/psms.h"
 
+#include <algorithm>
+#include <arpa/inet.h>
 #include <cstring>
 
 fake_platform platform;
@@ -11,6 +13,11 @@ fake_platform platform;
 int psm_jor_mem_support() {
     platform.calls.emplace_back("psm_jor_mem_support()");
     return platform.mem_support;
+}
+
+int psm_mem_support_tm() {
+    platform.calls.emplace_back("psm_mem_support_tm()");
+    return platform.tm_support;
 }
 
 int psm_bsp_getMACBase(char *text) {
@@ -47,11 +54,6 @@ int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable) {
     return 0;
 }
 
-int psm_mem_support_tm() {
-    platform.calls.emplace_back("psm_mem_support_tm()");
-    return platform.tm_support;
-}
-
 int psm_sys_get_fw_version(char *text, size_t size) {
     platform.calls.emplace_back("psm_sys_get_fw_version()");
     snprintf(text, size, "%s", platform.fw_version.c_str());
@@ -66,6 +68,29 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
     return platform.ioctl_result;
 }
 
+int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
+                               uint32_t *word2, uint32_t *word3) {
+    char text[INET_ADDRSTRLEN];
+    platform.calls.push_back("psms_dnscache_get_dn_by_ip(" +
+                             std::string(inet_ntop(AF_INET, &address_be, text, sizeof text)) +
+                             ", " + std::to_string(size) + ")");
+    const auto found = platform.dns.find(address_be);
+    const fake_dns_answer answer =
+        found != platform.dns.end() ? found->second : fake_dns_answer{"", 0, {0, 0, 0}};
+    // As a platform may that doesn't think of the NUL.
+    memset(name, 0, size);
+    memcpy(name, answer.name.data(), std::min<size_t>(answer.name.size(), size));
+    *word1 = answer.words[0];
+    *word2 = answer.words[1];
+    *word3 = answer.words[2];
+    return answer.result;
+}
+
+int psms_av_set_tm_en(int enable) {
+    platform.calls.push_back("psms_av_set_tm_en(" + std::to_string(enable) + ")");
+    return 0;
+}
+
 int psms_rflow_reset_app_policy() {
     platform.calls.emplace_back("psms_rflow_reset_app_policy()");
     return 0;
@@ -74,11 +99,6 @@ int psms_rflow_reset_app_policy() {
 int psms_av_set_dev_av(const char *ifname, int enable) {
     platform.calls.push_back(std::string("psms_av_set_dev_av(") + ifname + ", " +
                              std::to_string(enable) + ")");
-    return 0;
-}
-
-int psms_av_set_tm_en(int enable) {
-    platform.calls.push_back("psms_av_set_tm_en(" + std::to_string(enable) + ")");
     return 0;
 }
 

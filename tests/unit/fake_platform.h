@@ -7,6 +7,13 @@
 #include <string>
 #include <vector>
 
+// What the platform's DNS cache says about an address.
+struct fake_dns_answer {
+    std::string name;
+    int result = 0;
+    uint32_t words[3] = {1, 1, 1};
+};
+
 struct fake_platform {
     std::vector<std::string> calls; // "operation(arguments)"
     std::vector<std::vector<uint8_t>> ioctl_records;
@@ -17,6 +24,7 @@ struct fake_platform {
     std::map<std::string, int> avc_enable; // by interface; the others are 0
     int tm_support = 0;
     std::string fw_version = "1.0";
+    std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
     std::string base_mac = "00:1A:2B:3C:4D:5E";
 };
 

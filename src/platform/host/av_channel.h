@@ -14,8 +14,9 @@
 enum class av_op : uint32_t {
     ioctl = 1,
     rflow_reset_app_policy = 3,
-    set_switch = 4,
+    av_set_device = 4,
     log_syslog = 6,
+    dnscache_get_name = 34,
     platform_value = 36,
 };
 

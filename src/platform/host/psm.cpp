@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr uint64_t ENOUGH_MEMORY_BYTES = 100u * 1024u * 1024u;
+constexpr uint64_t ENOUGH_MEMORY_BYTES = uint64_t{100} * 1024 * 1024;
 constexpr size_t MAC_TEXT_SIZE = 18;
 
 bool hardware_address(int fd, unsigned if_index, uint8_t (&mac)[6]) {
@@ -67,6 +67,11 @@ int psm_jor_mem_support() {
     return uint64_t{memory.totalram} * memory.mem_unit >= ENOUGH_MEMORY_BYTES ? 0 : 1;
 }
 
+int psm_mem_support_tm() {
+    char value[PLATFORM_VALUE_SIZE];
+    return read_platform_value("tm_support", value) && strcmp(value, "1") == 0 ? 1 : 0;
+}
+
 int psm_bsp_getMACBase(char *text) {
     text[0] = '\0';
     char value[PLATFORM_VALUE_SIZE];
@@ -100,11 +105,6 @@ int psm_wlan_pgetAvcEn(psm_xact *, const char *ifname, int *enable) {
     snprintf(key, sizeof key, "avc_enable/%s", ifname);
     *enable = read_platform_value(key, value) ? static_cast<int>(strtol(value, nullptr, 10)) : 0;
     return 0;
-}
-
-int psm_mem_support_tm() {
-    char value[PLATFORM_VALUE_SIZE];
-    return read_platform_value("tm_support", value) && strcmp(value, "1") == 0 ? 1 : 0;
 }
 
 int psm_sys_get_fw_version(char *text, size_t size) {

@@ -3,24 +3,29 @@
 
 #include "host/av_channel.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
+constexpr unsigned INTERFACE_NAME_SIZE = 24;
+
+// Which switch a message of av_op::av_set_device turns.
 enum class av_switch : uint32_t {
     av = 1,
     tm = 4,
 };
 
-int send_switch(av_switch which, int value, const char *ifname) {
-    const int32_t value_word = value;
-    char padded_ifname[24] = {};
-    const size_t length = strlen(ifname);
-    if (length >= sizeof padded_ifname)
-        return -1;
-    memcpy(padded_ifname, ifname, length);
-    const av_bytes parts[] = {av_part(which), av_part(value_word), av_part(padded_ifname)};
-    return av_send(av_op::set_switch, parts);
+// The body of a DNS answer.
+struct dns_answer {
+    uint32_t words[3];
+    char name[256];
+};
+static_assert(sizeof(dns_answer) == 268);
+
+int set_switch(av_switch which, int32_t value, const char (&interface_name)[INTERFACE_NAME_SIZE]) {
+    const av_bytes parts[] = {av_part(which), av_part(value), av_part(interface_name)};
+    return av_send(av_op::av_set_device, parts);
 }
 
 } // namespace
@@ -41,9 +46,39 @@ int psms_rflow_reset_app_policy() {
 }
 
 int psms_av_set_dev_av(const char *ifname, int enable) {
-    return send_switch(av_switch::av, enable, ifname);
+    char padded_ifname[INTERFACE_NAME_SIZE] = {};
+    const size_t length = strlen(ifname);
+    if (length >= sizeof padded_ifname)
+        return -1;
+    memcpy(padded_ifname, ifname, length);
+    return set_switch(av_switch::av, enable, padded_ifname);
 }
 
 int psms_av_set_tm_en(int enable) {
-    return send_switch(av_switch::tm, enable, "");
+    return set_switch(av_switch::tm, enable, {});
+}
+
+int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
+                               uint32_t *word2, uint32_t *word3) {
+    const uint32_t size_word = size;
+    const av_bytes parts[] = {av_part(address_be), av_part(size_word)};
+    dns_answer answer = {};
+    int32_t rc = 0;
+    // A platform that is silent or absent knows no name; that is not an error.
+    if (!av_ask(av_op::dnscache_get_name, parts, rc,
+                std::as_writable_bytes(std::span(&answer, 1)))) {
+        answer = {};
+        rc = 0;
+    }
+    if (rc != 0)
+        return rc;
+    *word1 = answer.words[0];
+    *word2 = answer.words[1];
+    *word3 = answer.words[2];
+    if (size != 0) {
+        const size_t length = std::min<size_t>(strnlen(answer.name, sizeof answer.name), size - 1);
+        memcpy(name, answer.name, length);
+        name[length] = '\0';
+    }
+    return 0;
 }

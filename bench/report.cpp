@@ -1,0 +1,35 @@
+#include "report.h"
+
+#include <cstdio>
+
+void goal_reporter::ReportRuns(const std::vector<Run> &runs) {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run &run : runs) {
+        if (run.aggregate_name == "median")
+            medians_ns_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+    }
+}
+
+double goal_reporter::yardstick_ns(const bench_goal &goal) const {
+    const std::string name = goal.yardstick;
+    if (name == "B")
+        return bare_ns_;
+    const auto found = medians_ns_.find(name);
+    return found != medians_ns_.end() ? found->second : 0;
+}
+
+void goal_reporter::Finalize() {
+    printf("\nGoals");
+    if (bare_ns_ > 0)
+        printf(" (B = %.0f ns, B/25 = %.1f ns)\n", bare_ns_, bare_ns_ / 25);
+    else
+        printf(" (B was not measured: run as root for it)\n");
+    for (const bench_goal &goal : goals_) {
+        const auto found = medians_ns_.find(goal.name);
+        const double limit = yardstick_ns(goal) * goal.factor;
+        if (found == medians_ns_.end() || limit <= 0)
+            continue;
+        printf("  %-40s %8.1f ns  at most %8.1f (%.3f x %s): %s\n", goal.name, found->second, limit,
+               goal.factor, goal.yardstick, found->second <= limit ? "met" : "MISSED");
+    }
+}

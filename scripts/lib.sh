@@ -1,0 +1,70 @@
+# shellcheck shell=bash
+# What the scripts share: messages, and the installation of what is missing. Sourced, not run.
+
+# shellcheck disable=SC2034 # the scripts choose from these lists
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohmann-json3-dev
+    libtomlplusplus-dev libndpi-dev)
+# shellcheck disable=SC2034 # the scripts choose from these lists
+TEST_PACKAGES=(libgtest-dev libbenchmark-dev iproute2 procps python3 dnsmasq-base)
+# shellcheck disable=SC2034
+DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl)
+
+BOLD='' DIM='' RED='' RESET=''
+if [[ -t 1 && ${TERM-dumb} != dumb && -z ${NO_COLOR-} ]]; then
+    BOLD=$'\e[1m' DIM=$'\e[2m' RED=$'\e[31m' RESET=$'\e[0m'
+fi
+
+heading() {
+    printf '\n%s== %s%s\n' "$BOLD" "$*" "$RESET"
+}
+
+note() {
+    printf '%s%s%s\n' "$DIM" "$*" "$RESET"
+}
+
+fail() {
+    printf '%s%s: %s%s\n' "$RED" "${0##*/}" "$*" "$RESET" >&2
+    exit 1
+}
+
+# The exit status of a check that could not be made, for want of something that isn't ours.
+# shellcheck disable=SC2034
+SKIPPED=77
+
+have() {
+    command -v "$1" >/dev/null
+}
+
+# Which of the packages are not installed.
+missing_packages() {
+    local installed
+    # shellcheck disable=SC2016 # the format is dpkg-query's
+    installed=$(dpkg-query -W -f '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
+    local package
+    for package in "$@"; do
+        [[ $'\n'$installed$'\n' == *$'\n'"$package installed"$'\n'* ]] || printf '%s\n' "$package"
+    done
+}
+
+# Installs what is missing; asks nothing, and asks for no privilege when nothing is missing.
+install_packages() {
+    if ! have dpkg-query || ! have apt-get; then
+        note "No apt-get here; these Debian packages have to be there by other names: $*"
+        return
+    fi
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    ((${#missing[@]} > 0)) || return 0
+
+    local privilege=()
+    if ((EUID != 0)); then
+        have sudo || fail "these packages are missing, and installing them takes root or sudo:" \
+            "apt-get install ${missing[*]}"
+        privilege=(sudo)
+    fi
+    heading "Installing ${missing[*]}"
+    local apt=("${privilege[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
+    "${apt[@]}" update >/dev/null || note "apt-get update failed; trying with the lists that are there"
+    "${apt[@]}" install --no-install-recommends "${missing[@]}" </dev/null ||
+        fail "apt-get could not install ${missing[*]}"
+}

@@ -1,0 +1,141 @@
+"""The process: its start, its one instance, its way into the background and its end."""
+import os
+import signal
+import unittest
+
+from testbed import *
+
+
+class Start(SystemTest):
+    def start_fails(self, status, *options, says, interface=CAPTURE):
+        daemon = self.daemon(*options, interface=interface)
+        self.assertEqual(daemon.status(), status)
+        self.assertIn(says, "\n".join(daemon.lines.items))
+        self.assertFalse(os.path.exists(PID_FILE) and pid_file() == daemon.pid)
+
+    def test_starts_that_fail(self):
+        for interface, says in (("nosuch0", 'Could not open device "nosuch0": '),
+                                ("i" * 31, f'Could not open device "{"i" * 31}": '),
+                                ("i" * 32, "-i is longer than 31 characters"),
+                                ("any", "the datalink layer type is 113, not ethernet!!")):
+            with self.subTest(interface):
+                self.start_fails(1, interface=interface, says=says)
+        self.start_fails(1, "-c", "/" + "c" * 63, says="-c is longer than 63 characters")
+
+    def test_too_little_memory(self):
+        self.platform(mem_support="1")
+        self.start_fails(0, says="The memory size is smaller than 100MB")
+
+    def test_unknown_option_and_longest_path_start_all_the_same(self):
+        self.platform()
+        daemon = self.daemon("-x", "-c", "/" + "c" * 62)
+        self.wait_until_judging()
+        self.assertEqual(daemon.lines.items, ["unknown options directive"])
+
+    def test_second_instance_leaves_the_first_alone(self):
+        self.platform()
+        first = self.daemon()
+        self.wait_until_judging()
+        self.assertEqual(pid_file(), first.pid)
+        self.assertEqual(os.stat(PID_FILE).st_mode & 0o777, 0o644)
+        self.start_fails(0, says="jorn is existing!")
+        self.assertEqual(pid_file(), first.pid)
+        self.wait_until_judging()
+
+    def test_pid_files_that_stop_nobody(self):
+        self.platform()
+        for content in (f"{os.getpid()}\n", "999999\n", "0\n", "-1\n", "jorn\n", "", "9" * 300):
+            with self.subTest(content):
+                with open(PID_FILE, "w") as file:
+                    file.write(content)
+                daemon = self.daemon()
+                self.wait_until_judging()
+                self.assertEqual(pid_file(), daemon.pid)
+                self.assertEqual(daemon.stop(), 0)
+
+
+class Background(SystemTest):
+    def assert_detached(self, pid):
+        self.assertEqual(os.getsid(pid), pid)
+        for descriptor in range(3):
+            self.assertEqual(os.readlink(f"/proc/{pid}/fd/{descriptor}"), "/dev/null")
+
+    def test_parent_leaves_once_the_child_is_up(self):
+        self.platform()
+        syslog = SyslogListener()
+        self.addCleanup(syslog.close)
+        parent = self.daemon("-d", "-D")
+        self.assertEqual(parent.status(), 0)
+        self.wait_until_judging()
+        self.assertNotEqual(pid_file(), parent.pid)
+        self.assert_detached(pid_file())
+        for pid, line in ((parent.pid, "jorn_child_notify_sig_handler"),
+                          (parent.pid, "parent process exit now"),
+                          (pid_file(), f"child send signal ({parent.pid}) to parent (17)"),
+                          (pid_file(), "no policy")):
+            syslog.lines.wait(lambda said: f"jorn[{pid}]: " in said and line in said)
+
+        end_background_daemon(pid_file())
+        syslog.lines.wait(lambda said: "signal SIGTERM caught" in said)
+
+    def test_child_of_process_1_detaches_without_a_fork(self):
+        self.platform()
+        orphan = ('( until read -r _ _ _ parent _ </proc/self/stat && [ "$parent" = 1 ]; do :; '
+                  'done; exec "$0" "$@" ) & echo $!')
+        launcher = self.daemon("-D", before=("/bin/sh", "-c", orphan))
+        pid = int(launcher.lines.wait(str.isdigit))
+        self.wait_until_judging()
+        self.assertEqual(pid_file(), pid)
+        self.assert_detached(pid)
+
+
+class End(SystemTest):
+    def test_stop_signals_are_reported_in_their_order(self):
+        platform = self.platform()
+        for number in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(number.name):
+                answered = len(platform.probes) + len(platform.verdicts)
+                daemon = self.daemon("-d")
+                self.judge([udp_frame(1, n) for n in range(3)])
+                answered = len(platform.probes) + len(platform.verdicts) - answered
+                self.assertEqual(daemon.stop(number), 0)
+                said = [text for line in daemon.lines.items
+                        if (text := line.partition(" (Debug) ")[2])]
+                said = said[len(said) - said[::-1].index("no policy"):]
+                if said[1] == "select return -1, something wrong!!":  # it waited when the signal came
+                    del said[1]
+                self.assertEqual(said,
+                                 [f"signal {number:d} happened",
+                                  f"signal {number.name} caught",
+                                  "in jorn_exit_clean, do the clean work",
+                                  "JORN statistics show:",
+                                  f"received packets number: {answered}",
+                                  "output packets number: 0",
+                                  "flow deny number: 0",
+                                  "in jorn_exit_clean, do the clean work"])
+
+
+class CaptureInterface(SystemTest):
+    def test_down_and_up_again(self):
+        self.platform()
+        daemon = self.daemon()
+        self.wait_until_judging()
+        for state in ("down", "up"):
+            run("ip", "link", "set", CAPTURE, state)
+        self.assertEqual(self.judge([udp_frame(1, 2)]), [flow(1, 2, 17)])
+        self.assertEqual([l for l in daemon.lines.items if "failed" in l], [])
+
+    def test_deleted(self):
+        self.platform()
+        daemon = self.daemon()
+        self.wait_until_judging()
+        run("ip", "link", "del", FEED)
+        daemon.wait_line(f"capture on {CAPTURE} failed: ")
+        self.assertEqual(daemon.stop(), 0)
+        said = [line.split(": ", 3)[3] for line in daemon.lines.items]
+        self.assertEqual(said, [f"capture on {CAPTURE} failed: The interface disappeared",
+                                "select return -1, something wrong!!"])
+
+
+if __name__ == "__main__":
+    unittest.main()

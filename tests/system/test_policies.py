@@ -1,0 +1,198 @@
+"""Commands over the socket of the real daemon, and what they do to the verdicts."""
+import random
+import unittest
+
+from testbed import *
+
+PRIORITY, CLEAN, WRITE, UTP, UTP_FLUSH, POLICY, POLICY_FLUSH, LOG, DEBUG, UT_CASE = \
+    4, 8, 17, 20, 22, 23, 24, 26, 34, 39
+VOICE, VIDEO = 3, 2
+
+
+def rule(name, *, app_id=0, cat_id=0, category="", deny=0, mark=None, classify=None, up=0, down=0):
+    """`mark` is a pair of kind and traffic type."""
+    qos = 0
+    if mark is not None:
+        qos |= 1 | mark[0] << 2 | mark[1] << 4
+    if classify is not None:
+        qos |= 2 | classify << 6
+    return struct.pack("=HH4x64s32sBBHHxx", app_id, cat_id, name.encode(), category.encode(), deny,
+                       qos, up, down)
+
+
+def policy(utp_id, *rules, name="", uuid="", log=0):
+    return struct.pack("=5xB42xI", log, utp_id) + b"".join(rules).ljust(64 * 112, b"\0") + \
+        struct.pack("=65s65sxx", name.encode(), uuid.encode())
+
+
+def utp(utp_id, uuid="", name="n"):
+    return struct.pack("=I4x65s65sxx", utp_id, name.encode(), uuid.encode())
+
+
+def ping_verdict(**fields):
+    return flow(protocol=1, app_name="icmp", **fields)
+
+
+PING = ipv4_frame(1, icmp_echo())
+DENIED = {"verdict": 3, "deny": 1, "policy_type": 3}
+
+# What it is, the rule of UTP 1's policy, the verdict's fields that differ from "allow".
+RULES = [
+    ("deny", rule("icmp", deny=1), DENIED),
+    ("deny wins over QoS", rule("icmp", deny=1, mark=(1, VOICE), up=5), DENIED),
+    ("no QoS at all", rule("icmp"), {}),
+    ("marking", rule("icmp", mark=(2, VOICE)),
+     {"verdict": 5, "policy_type": 5, "mark_pri": 2, "mark_type": VOICE}),
+    ("classification", rule("icmp", classify=VIDEO),
+     {"verdict": 5, "policy_type": 5, "classify": 1, "classify_type": VIDEO}),
+    ("a rate limit names the verdict", rule("icmp", mark=(0, 0), classify=1, down=500),
+     {"verdict": 4, "policy_type": 4, "mark_pri": 0, "mark_type": 0, "classify": 1,
+      "classify_type": 1, "ratelimit_up": 0, "ratelimit_down": 500}),
+    ("a word and .com", rule("ICMP.com", deny=1), DENIED),
+    ("an application id that isn't the flow's", rule("icmp", app_id=5, deny=1), None),
+    ("another name", rule("icmpv6", deny=1), None),
+]
+
+
+class Policies(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.av = self.platform()
+        self.jorn = self.daemon()
+        self.wait_until_judging()
+
+    def ping(self, src=0, dst=0):
+        return self.judge([PING], trailer(src_utp_id=src, dst_utp_id=dst))[0]
+
+    def test_what_rules_do_to_the_verdict(self):
+        for what, one_rule, fields in RULES:
+            with self.subTest(what):
+                command(POLICY_FLUSH)
+                command(POLICY, policy(1, one_rule))
+                expected = ping_verdict(**fields, arc_match_utp=1) if fields is not None else \
+                    ping_verdict()
+                self.assertEqual(self.ping(dst=1), expected)
+                if fields is not None:
+                    expected.arc_match_src = 1
+                self.assertEqual(self.ping(src=1), expected)
+
+    def test_the_source_side_comes_first(self):
+        command(POLICY, policy(1, rule("icmp", deny=1)))
+        command(POLICY, policy(2, rule("icmp", up=9)))
+        self.assertEqual(self.ping(1, 2).verdict, 3)
+        self.assertEqual(self.ping(2, 1).verdict, 4)
+        self.assertEqual(self.ping(3, 1).arc_match_utp, 1)
+
+    def test_orders_of_arrival(self):
+        block = policy(1, rule("icmp", deny=1), uuid="Ab")
+        command(UTP, utp(7, "aB"))
+        command(POLICY, block)
+        self.assertEqual(self.ping(7).verdict, 1)  # the entry came first: no link
+        command(UTP, utp(7, "aB"))
+        self.assertEqual(self.ping(7).verdict, 3)
+        command(POLICY, policy(7, rule("other")))  # replaces the entry
+        self.assertEqual(self.ping(7).verdict, 1)
+        command(UTP, utp(7, "ab"))
+        for release in (CLEAN, POLICY_FLUSH, UTP_FLUSH):
+            with self.subTest(release):
+                command(POLICY, block)
+                command(UTP, utp(7, "ab"))
+                self.assertEqual(self.ping(7).verdict, 3)
+                command(release)
+                self.assertEqual(self.ping(7).verdict, 1)
+                command(POLICY_FLUSH)
+
+    def test_id_63_is_found_and_64_is_not(self):
+        for utp_id, verdict in ((63, 3), (64, 1)):
+            command(POLICY, policy(utp_id, rule("icmp", deny=1)))
+            self.assertEqual(self.ping(utp_id).verdict, verdict)
+        for utp_id in (0, 65):
+            command(UTP, utp(utp_id))
+            self.assertIn("jorn_process_arc_config: ",
+                          self.jorn.wait_line(f"Error ARC UTP id: {utp_id}"))
+
+    def test_app_visibility_line(self):
+        command(POLICY, policy(1, rule("icmp"), name="logged"))
+        command(LOG, struct.pack("=68sI", b"logged", 1))
+        self.ping(1)
+        _, line = self.av.messages.wait(lambda message: message[0] == OP_SYSLOG)
+        self.assertEqual(struct.unpack("=i", line[:4])[0], 6)
+        self.assertEqual(
+            line[4:].decode(),
+            '"ueMac"="02:00:00:00:00:0C", "srcIP"="10.1.0.12", "srcPort"="0", '
+            '"destIP"="192.0.2.5", "destPort"="0", "proto"="UDP", "appName"="ICMP",')
+        command(LOG, struct.pack("=68sI", b"logged", 0x100))  # the low byte counts
+        self.ping(1)
+        lines = [body for op, body in self.av.messages.items if op == OP_SYSLOG]
+        self.assertEqual(len(lines), 1)
+
+    def test_replies_and_log_lines(self):
+        command(POLICY, policy(3, rule("Chat", up=1), name="Office"))
+        self.assertEqual(command(PRIORITY, struct.pack("=I", 3)),
+                         b"\n ARC Policy Name: Office \n\tApp Id:0\tCat Id:0\n\tApp Name:Chat "
+                         b"\tCat Name:\n\tRatelimit Uplink:1\tRatelimit Downlink:0\n\n")
+        self.assertEqual(command(PRIORITY), b"\n Invalid ARC PCY ID \n")
+        self.assertEqual(command(WRITE), b"\n====JORN write configuration====\n")
+        for number in (0, 3, 5, 40):
+            self.assertEqual(command(number), b"")
+        command(UT_CASE, struct.pack("=I", 7))
+        self.jorn.wait_line("Test Id = 7")
+        self.jorn.wait_line("Unknown testid = 7")
+        command(DEBUG, struct.pack("=I", 0x101))
+        self.ping()
+        self.assertIn("jorn_output", self.jorn.wait_line("the flow would be allowed, port 0:0"))
+
+    def test_platform_forgets_flows_when_policies_change(self):
+        command(POLICY, policy(1))
+        command(POLICY_FLUSH)
+        command(CLEAN)
+        self.ping()
+        resets = [op for op, _ in self.av.messages.items if op == 3]
+        self.assertEqual(len(resets), 2)
+
+
+class HostileClients(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.platform()
+        self.jorn = self.daemon()
+        self.wait_until_judging()
+
+    def connect(self):
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        client.settimeout(DEADLINE)
+        client.connect(COMMAND_SOCKET)
+        return client
+
+    def test_a_thousand_random_messages(self):
+        source = random.Random(20261124)
+        for _ in range(1000):
+            length = source.choice((0, 3, 7, 8, 19, 20, 24, 160, 7372, 30_000))
+            message = bytearray(source.randbytes(length))
+            # Shows are for other tests; a random debug word would flood the log.
+            message[4:8] = struct.pack("=I", source.choice((0, 3, 4, 6, 8, 20, 23, 26, 32, 99)))
+            with self.connect() as client:
+                client.sendall(message[:length])
+                client.shutdown(socket.SHUT_WR)
+                while client.recv(65536):
+                    pass
+        self.assertEqual(self.judge([PING], timeout=1)[0].app_name, "icmp")
+        self.assertTrue(self.jorn.runs())
+
+    def test_clients_that_neither_send_nor_read(self):
+        for message in (b"", b"\0\0\0\0", struct.pack("=II8xII", 0, PRIORITY, 4, 1)):
+            with self.subTest(message), self.connect() as client:
+                client.send(message)
+                started = time.monotonic()
+                self.assertEqual(self.judge([PING], timeout=3)[0].app_name, "icmp")
+                self.assertLess(time.monotonic() - started, 3)
+        self.connect().close()
+        client = self.connect()
+        client.send(struct.pack("=II8xII", 0, PRIORITY, 4, 1))
+        client.close()  # leaves before its reply
+        self.judge([PING], timeout=1)
+        self.assertTrue(self.jorn.runs())
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,472 @@
+"""The vocabulary of the system tests.
+
+A test class derives from SystemTest, which runs inside `isolated`: names and paths are the
+daemon's own, nothing else uses them, and what a test leaves behind is swept up before the next.
+
+    platform = self.platform(mem_support="0")      the stand-in behind the AV channel
+    daemon = self.daemon("-d")                     the built daemon on the capture pair
+    verdicts = self.judge([ipv4_frame(udp(53, 1024))])
+    daemon.stop()
+
+Waiting always has a deadline and never a fixed length.
+"""
+import dataclasses
+import glob
+import os
+import select
+import signal
+import socket
+import struct
+import subprocess
+import threading
+import time
+import unittest
+
+os.environ.pop("JORN_AV_SOCK", None)  # the daemon finds the channel where it is by default
+
+CAPTURE, FEED = "cap0", "feed0"
+AV_SOCKET = "/var/run/av_core.sock"
+COMMAND_SOCKET = "/var/run/jorn.sock"
+PID_FILE = "/var/run/jorn.pid"
+SANITIZER_LOG = "/tmp/sanitizer"
+
+OP_IOCTL, OP_SYSLOG = 1, 6
+OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
+
+CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
+CLIENT, SERVER = "10.1.0.12", "192.0.2.5"
+DEADLINE = 10  # seconds, for what takes milliseconds on an idle machine
+BURST = 100    # frames in a row: one or two blocks of the capture's ring, and the channel holds them
+
+
+def jorn_path(name="jorn"):
+    return os.path.join(os.environ["JORN_BIN_DIR"], name)
+
+
+def run(*command):
+    subprocess.run(command, check=True)
+
+
+def mac(text):
+    return bytes.fromhex(text.replace(":", ""))
+
+
+def text_of(field):
+    return field.split(b"\0")[0].decode()
+
+
+# Frames.
+
+def ethernet(ether_type, payload=b"", *, src=CLIENT_MAC, dst=SERVER_MAC, vlan=None):
+    tag = b"" if vlan is None else struct.pack(">HH", 0x8100, vlan)
+    return mac(dst) + mac(src) + tag + struct.pack(">H", ether_type) + payload
+
+
+def ipv4(protocol, payload=b"", *, src=CLIENT, dst=SERVER, options=b"", words=None, total=None,
+         more=False, offset=0):
+    """`words` and `total` lie about the header's and the packet's length; `offset` is in units of
+    8 bytes."""
+    words = 5 + len(options) // 4 if words is None else words
+    total = 20 + len(options) + len(payload) if total is None else total
+    return struct.pack(">BBHHHBBH4s4s", 0x40 | words, 0, total, 1, more << 13 | offset, 64, protocol,
+                       0, socket.inet_aton(src), socket.inet_aton(dst)) + options + payload
+
+
+def tcp(src_port, dst_port, data=b"", *, words=5):
+    return struct.pack(">HHIIBBHHH", src_port, dst_port, 0, 0, words << 4, 0x18, 512, 0, 0) + data
+
+
+def udp(src_port, dst_port, data=b""):
+    return struct.pack(">HHHH", src_port, dst_port, 8 + len(data), 0) + data
+
+
+def icmp_echo():
+    return struct.pack(">BBHHH", 8, 0, 0, 1, 1)
+
+
+def igmp_report(group="224.0.0.251"):
+    return struct.pack(">BBH4s", 0x16, 0, 0, socket.inet_aton(group))
+
+
+def arp_request(target=SERVER, sender=CLIENT, sender_mac=CLIENT_MAC):
+    return struct.pack(">HHBBH6s4s6x4s", 1, 0x0800, 6, 4, 1, mac(sender_mac),
+                       socket.inet_aton(sender), socket.inet_aton(target))
+
+
+def pppoe_session(packet, ppp_protocol=0x0021):
+    return struct.pack(">BBHHH", 0x11, 0, 1, len(packet) + 2, ppp_protocol) + packet
+
+
+def http_302(location):
+    return f"HTTP/1.1 302 Found\r\nLocation:{location}\r\nContent-Length: 0\r\n\r\n".encode()
+
+
+def ipv4_frame(protocol, payload=b"", **header):
+    return ethernet(0x0800, ipv4(protocol, payload, **header))
+
+
+def tcp_frame(src_port, dst_port, data=b"", **header):
+    return ipv4_frame(6, tcp(src_port, dst_port, data), **header)
+
+
+def udp_frame(src_port, dst_port, data=b"", **header):
+    return ipv4_frame(17, udp(src_port, dst_port, data), **header)
+
+
+TRAILER_FIELDS = {"dst_utp_id": 0, "src_utp_id": 0, "word2": 0, "word3": 0, "dst_if_index": 2,
+                  "src_if_index": 3, "dst_if_name": "eth0", "src_if_name": "wlan0", "flow_id": 0,
+                  "filter_type": 0, "dpi_retry": 0, "url_retry": 0, "dpi_status": 0,
+                  "dpi_app_id": 0, "dpi_cat_id": 0, "dpi_app_name": "", "kernel_domain": ""}
+TRAILER_SIZE = 276
+
+
+def trailer(**fields):
+    if unknown := fields.keys() - TRAILER_FIELDS:
+        raise TypeError(f"a trailer has no {unknown}")
+    values = (TRAILER_FIELDS | fields).values()
+    return struct.pack("=6I16s16sIIiiIHH128s68s",
+                       *(v.encode() if isinstance(v, str) else v for v in values))
+
+
+# Verdicts.
+
+@dataclasses.dataclass
+class Verdict:
+    """The 232 bytes, each of them in a field. The defaults are the verdict on a flow that no policy
+    knows, of a frame from the client to the server without an IPv4 header."""
+    verdict: int = 1
+    non_ip: int = 0
+    dst_mac: str = SERVER_MAC
+    src_mac: str = CLIENT_MAC
+    dst_port: int = 0
+    src_port: int = 0
+    protocol: int = 0
+    dst_ip: str = "0.0.0.0"
+    src_ip: str = "0.0.0.0"
+    default_policy: int = 1
+    app_name: str = ""
+    wfc_fqdn: str = ""
+    app_id: int = 0
+    app_cat_id: int = 0
+    deny: int = 255
+    mark_pri: int = 255
+    mark_type: int = 255
+    classify: int = 255
+    classify_type: int = 255
+    arc_match_src: int = 0
+    url_decided: int = 255
+    ratelimit_up: int = 65535
+    ratelimit_down: int = 65535
+    arc_match_utp: int = 0
+    match_info: int = 0
+    wificalling_f: int = 0
+    policy_type: int = 2
+    zeros: bytes = bytes(35)   # all padding: 4, 3 and 24 bytes of the flow key, 2 and 2 beside the
+    reserved_qos: int = 255    # application ids
+
+    @classmethod
+    def parse(cls, record):
+        (verdict, non_ip, zeros1, dst_mac, src_mac, dst_port, src_port, protocol, zeros2, dst_ip,
+         src_ip, zeros3, default_policy, app_name, wfc_fqdn, zeros4, app_id, app_cat_id, zeros5,
+         deny, mark_pri, mark_type, classify, classify_type, arc_match_src, url_decided,
+         reserved_qos, up, down, arc_match_utp, match_info, wificalling_f, policy_type) = \
+            struct.unpack("=II4s6s6s2s2sB3s4s4s24sI64s64s2sHH2s8BHHIIII", record)
+        return cls(verdict, non_ip, dst_mac.hex(":"), src_mac.hex(":"),
+                   int.from_bytes(dst_port, "big"), int.from_bytes(src_port, "big"), protocol,
+                   socket.inet_ntoa(dst_ip), socket.inet_ntoa(src_ip), default_policy,
+                   text_of(app_name), text_of(wfc_fqdn), app_id, app_cat_id, deny, mark_pri,
+                   mark_type, classify, classify_type, arc_match_src, url_decided, up, down,
+                   arc_match_utp, match_info, wificalling_f, policy_type,
+                   zeros1 + zeros2 + zeros3 + zeros4 + zeros5, reserved_qos)
+
+
+def flow(src_port=0, dst_port=0, protocol=0, *, src=CLIENT, dst=SERVER, **fields):
+    """The verdict on an IPv4 flow that no policy and, unless `app_name` is given, nobody knows."""
+    fields.setdefault("app_name", f"{src} {dst}:{dst_port}")
+    return Verdict(src_ip=src, dst_ip=dst, src_port=src_port, dst_port=dst_port, protocol=protocol,
+                   **fields)
+
+
+# What happens elsewhere, to be waited for.
+
+class Record:
+    """A list that grows in another thread."""
+
+    def __init__(self, what):
+        self.items = []
+        self._what = what
+        self._grown = threading.Condition()
+
+    def add(self, item):
+        with self._grown:
+            self.items.append(item)
+            self._grown.notify_all()
+
+    def __len__(self):
+        return len(self.items)
+
+    def wait(self, wanted, *, since=0, timeout=DEADLINE):
+        """The first item from `since` on that `wanted` accepts."""
+        return self._wait(lambda: next(((item,) for item in self.items[since:] if wanted(item)), ()),
+                          timeout, since)[0]
+
+    def wait_length(self, length, *, timeout=DEADLINE):
+        self._wait(lambda: len(self.items) >= length, timeout)
+
+    def _wait(self, found, timeout, since=0):
+        with self._grown:
+            if result := self._grown.wait_for(found, timeout):
+                return result
+        raise AssertionError(f"in {timeout} s not what was awaited of the {self._what}; the last "
+                             f"of {len(self.items) - since}: {self.items[since:][-20:]}")
+
+
+class SyslogListener:
+    """The syslog of the tests: `lines` holds what arrives at /dev/log."""
+
+    def __init__(self):
+        self.lines = Record("syslog lines")
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind("/dev/log")
+        self._thread = threading.Thread(target=self._receive)
+        self._thread.start()
+
+    def _receive(self):
+        while line := self._socket.recv(4096):
+            self.lines.add(line.decode(errors="replace"))
+
+    def close(self):
+        os.unlink("/dev/log")
+        self._socket.shutdown(socket.SHUT_RDWR)
+        self._thread.join()
+        self._socket.close()
+
+
+class Platform:
+    """The listener behind the AV channel. `verdicts`, `probes` (the verdicts on the frames that find
+    out whether the daemon judges) and `messages` (pairs of op and body of everything else) grow as
+    they come. Questions are answered from `values` (op 36: key to
+    text), `domains` (op 34: address to three words and a name) and `answers` (any op: a function
+    from the body to rc and body); to all others the answer is rc -1."""
+
+    def __init__(self, **values):
+        self.values = values
+        self.domains = {}
+        self.answers = {OP_VALUE: self._value, OP_DOMAIN: self._domain}
+        self.verdicts = Record("verdicts")
+        self.probes = Record("probes' verdicts")
+        self.messages = Record("AV messages")
+        self.connections = []
+        self.reading = threading.Event()  # cleared: it stays connected and reads nothing
+        self.reading.set()
+        self._listener = None
+        self.start()
+
+    def start(self):
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self._listener.bind(AV_SOCKET)
+        self._listener.listen()
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
+
+    def kill(self):
+        """Goes away as a killed process does: its connections close, the socket's name stays until
+        a restart removes it."""
+        for connection in (self._listener, *self.connections):
+            try:
+                connection.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass  # the daemon was faster
+            connection.close()
+        self.connections.clear()
+        self.reading.set()
+
+    def restart(self):
+        os.unlink(AV_SOCKET)
+        self.start()
+
+    def _accept(self, listener):
+        try:
+            while True:
+                connection = listener.accept()[0]
+                self.connections.append(connection)
+                threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+        except OSError:
+            pass  # killed
+
+    def _serve(self, connection):
+        try:
+            while message := connection.recv(65536):
+                op, seq = struct.unpack_from("=II", message)
+                body = message[8:]
+                if op == OP_IOCTL and body[:12] == struct.pack("=iiI", 8, 0, 232):
+                    verdict = Verdict.parse(body[12:])
+                    (self.probes if verdict.src_mac == PROBE_MAC else self.verdicts).add(verdict)
+                else:
+                    self.messages.add((op, body))
+                if op >= OP_ROAM:
+                    rc, answer = self.answers.get(op, lambda _: (-1, b""))(body)
+                    connection.send(struct.pack("=IIi", op, seq, rc) + answer)
+                self.reading.wait()
+        except OSError:
+            pass  # killed
+
+    def _value(self, body):
+        value = self.values.get(text_of(body[:64]))
+        return (-1, b"") if value is None else (0, struct.pack("128s", value.encode()))
+
+    def _domain(self, body):
+        found = self.domains.get(socket.inet_ntoa(body[:4]))
+        *words, name = found or (0, 0, 0, "")
+        return 0, struct.pack("=III256s", *words, name.encode())
+
+
+class Daemon:
+    """The daemon without a terminal, as an access point starts it; `lines` holds what it writes to
+    standard error and standard output, `status` waits for its end."""
+
+    def __init__(self, *options, before=()):
+        self.lines = Record("daemon's lines")
+        self._process = subprocess.Popen(
+            [*before, jorn_path(), *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, start_new_session=True, text=True, errors="replace",
+            env=os.environ | {f"{tool}_OPTIONS": f"log_path={SANITIZER_LOG}"
+                              for tool in ("ASAN", "UBSAN", "LSAN")})
+        self.pid = self._process.pid
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self._process.stdout:
+            if line.strip():
+                self.lines.add(line.strip())
+
+    def wait_line(self, text, **how):
+        return self.lines.wait(lambda line: text in line, **how)
+
+    def status(self):
+        """Its exit status, once it has ended and all that it wrote is in `lines`."""
+        status = self._process.wait(DEADLINE)
+        self._reader.join(DEADLINE)
+        return status
+
+    def runs(self):
+        return self._process.poll() is None
+
+    def send_signal(self, number):
+        self._process.send_signal(number)
+
+    def stop(self, number=signal.SIGTERM):
+        if self.runs():
+            self.send_signal(number)
+        return self.status()
+
+    def kill(self):
+        self._process.kill()
+        self._process.wait()
+        self._reader.join(DEADLINE)
+        self._process.stdout.close()
+
+
+def pid_file():
+    with open(PID_FILE) as file:
+        return int(file.read())
+
+
+def end_background_daemon(pid):
+    """Asks a daemon that isn't our child to stop, and waits for its end."""
+    try:
+        process = os.pidfd_open(pid)
+        signal.pidfd_send_signal(process, signal.SIGTERM)
+    except ProcessLookupError:
+        return
+    ended = select.select([process], [], [], DEADLINE)[0]
+    os.close(process)
+    assert ended, f"process {pid} still runs"
+
+
+def command(number, payload=b""):
+    """Sends one command to the daemon and returns its reply."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+        connection.settimeout(DEADLINE)
+        connection.connect(COMMAND_SOCKET)
+        connection.sendall(struct.pack("=II8xI", 0, number, len(payload)) + payload)
+        reply = b""
+        while piece := connection.recv(65536):
+            reply += piece
+        return reply
+
+
+class SystemTest(unittest.TestCase):
+    def setUp(self):
+        self._platform = self._feed = None
+        run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
+            "65535")
+        for end in (CAPTURE, FEED):
+            with open(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "w") as switch:
+                switch.write("1")
+            run("ip", "link", "set", end, "arp", "off", "up")
+        self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
+        self._feed = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+        self._feed.bind((FEED, 0))
+        self.addCleanup(self._feed.close)
+        self.addCleanup(self._check_sanitizers)
+
+    def _check_sanitizers(self):
+        reports = ""
+        for path in glob.glob(SANITIZER_LOG + ".*"):
+            with open(path) as report:
+                reports += report.read()
+            os.unlink(path)
+        self.assertFalse(reports, reports)
+
+    def platform(self, **values):
+        self._platform = Platform(**values)
+        self.addCleanup(os.unlink, AV_SOCKET)
+        self.addCleanup(self._platform.kill)
+        return self._platform
+
+    def daemon(self, *options, interface=CAPTURE, before=()):
+        daemon = Daemon("-i", interface, *options, before=before)
+        self.addCleanup(self._end, daemon)
+        return daemon
+
+    def _end(self, daemon):
+        try:
+            if daemon.runs():
+                self.assertEqual(daemon.stop(), 0, daemon.lines.items[-20:])
+            if os.path.exists(PID_FILE):
+                end_background_daemon(pid_file())
+        finally:
+            daemon.kill()
+            if os.path.exists(PID_FILE):
+                os.unlink(PID_FILE)
+
+    def send(self, frame, trailing=trailer()):
+        self._feed.send(frame + trailing)
+
+    def wait_until_judging(self):
+        """Repeats a frame until a verdict answers it: frames that come before the capture is open
+        vanish, and so do verdicts while the channel is down."""
+        probes = self._platform.probes
+        since = len(probes)
+        ends = time.monotonic() + DEADLINE
+        while len(probes) == since:
+            self.assertLess(time.monotonic(), ends, "the daemon judges nothing")
+            self.send(ethernet(0x9000, src=PROBE_MAC))
+            try:
+                probes.wait_length(since + 1, timeout=0.2)
+            except AssertionError:
+                pass
+
+    def judge(self, frames, trailing=trailer(), *, burst=1, timeout=DEADLINE):
+        """The verdicts on `frames`, one each and in their order. Sends a burst once the one before
+        is answered, so that neither the capture's ring nor the channel overflows."""
+        self.wait_until_judging()
+        verdicts = self._platform.verdicts
+        since = len(verdicts)
+        for first in range(0, len(frames), burst):
+            sent = frames[first:first + burst]
+            for frame in sent:
+                self.send(frame, trailing)
+            verdicts.wait_length(since + first + len(sent), timeout=timeout)
+        return verdicts.items[since:]

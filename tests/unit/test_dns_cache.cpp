@@ -1,0 +1,89 @@
+#include "dns_cache_fixture.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t FULL = 16385;
+
+class DnsCache : public DnsCacheFixture {
+protected:
+    static std::string listing() {
+        const int fd = memfd_create("listing", 0);
+        EXPECT_EQ(jorn_dnscache_show(fd), 0);
+        std::string text(1 << 18, '\0');
+        const ssize_t size = pread(fd, text.data(), text.size(), 0);
+        close(fd);
+        text.resize(static_cast<size_t>(size));
+        return text;
+    }
+    static dns_cache_entry *entry(uint32_t address_be) {
+        return static_cast<dns_cache_entry *>(
+            hash_table_find(jorn_state.dns_cache, &address_be, nullptr));
+    }
+};
+
+TEST_F(DnsCache, KeepsTheFirstNameOfAnAddressCutTo63Characters) {
+    EXPECT_EQ(learn_dns_name(ip("192.0.2.1"), std::string(64, 'a')), 0);
+    EXPECT_EQ(learn_dns_name(ip("192.0.2.1"), "later"), -7);
+    EXPECT_EQ(cached("192.0.2.1"), std::string(63, 'a'));
+    EXPECT_EQ(cached("192.0.2.2"), "-");
+    EXPECT_EQ(jorn_dnscache_add(nullptr), -1);
+    // A writer of its own that fills the field.
+    auto *raw = static_cast<dns_cache_entry *>(calloc(1, sizeof(dns_cache_entry)));
+    memset(raw->name, 'b', sizeof raw->name);
+    EXPECT_EQ(jorn_dnscache_add(raw), 0);
+    EXPECT_EQ(cached("0.0.0.0"), std::string(63, 'b'));
+}
+
+TEST_F(DnsCache, FindRestartsTheAgeAndFillsTheBuffer) {
+    learn_dns_name(ip("192.0.2.1"), "a.example");
+    jorn_dnscache_age();
+    jorn_dnscache_age();
+    EXPECT_EQ(entry(ip("192.0.2.1"))->age, 10u);
+    char buffer[100];
+    memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(jorn_dnscache_find(ip("192.0.2.1"), buffer, sizeof buffer), buffer);
+    EXPECT_EQ(std::string(buffer, sizeof buffer), "a.example" + std::string(91, '\0'));
+    jorn_dnscache_find(ip("192.0.2.1"), buffer, 4);
+    EXPECT_STREQ(buffer, "a.example");
+    EXPECT_EQ(entry(ip("192.0.2.1"))->age, 0u);
+}
+
+TEST_F(DnsCache, FullCacheRefusesUntilAgingMakesRoomForOne) {
+    for (uint32_t i = 1; i <= FULL; ++i)
+        ASSERT_EQ(learn_dns_name(i, "n"), 0);
+    EXPECT_EQ(learn_dns_name(FULL + 1, "n"), -8);
+    const auto set_age = [](void *object, void *age) {
+        static_cast<dns_cache_entry *>(object)->age = *static_cast<uint32_t *>(age);
+    };
+    uint32_t age = 599'995; // the next step reaches the limit without exceeding it
+    hash_table_walk(jorn_state.dns_cache, set_age, nullptr, &age);
+    jorn_dnscache_age();
+    EXPECT_EQ(jorn_state.dns_cache->count, static_cast<int32_t>(FULL));
+    jorn_dnscache_age();
+    jorn_dnscache_age();
+    EXPECT_EQ(jorn_state.dns_cache->count, static_cast<int32_t>(FULL) - 1);
+    EXPECT_EQ(learn_dns_name(FULL + 1, "n"), 0);
+    EXPECT_EQ(jorn_state.dns_cache->count, static_cast<int32_t>(FULL));
+
+    // What doesn't fit is left out, entry by entry.
+    const std::string text = listing();
+    EXPECT_LE(text.size(), 122'880u);
+    EXPECT_GT(text.size(), 122'880u - 100);
+    EXPECT_NE(text.find("\nTOTAL:16385\nNO:1\n"), text.npos);
+    EXPECT_EQ(text.substr(text.size() - 2), "\n\n");
+    EXPECT_GT(text.rfind("\t aging time: "), text.rfind("NO:"));
+}
+
+TEST_F(DnsCache, ListingWordForWord) {
+    EXPECT_EQ(listing(), "\n====JORN DNS CACHE====\nTOTAL:0\n");
+    learn_dns_name(ip("192.0.2.10"), "a\nTOTAL:9\x7F");
+    jorn_dnscache_age();
+    EXPECT_EQ(listing(), "\n====JORN DNS CACHE====\nTOTAL:1\n"
+                         "NO:1\n\t dst ip: 192.0.2.10\n\t application name: a?TOTAL:9?\n"
+                         "\t aging time: 5\n\n");
+}
+
+} // namespace

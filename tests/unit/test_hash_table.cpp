@@ -1,0 +1,163 @@
+#include "core/hash_table.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct item {
+    uint32_t other;
+    uint32_t key;
+};
+
+item *make_item(uint32_t key) {
+    auto *made = static_cast<item *>(calloc(1, sizeof(item)));
+    made->key = key;
+    return made;
+}
+
+hash_table *walked;
+
+class HashTable : public testing::Test {
+protected:
+    void SetUp() override {
+        table = hash_table_create("ITEMS", sizeof(item::key), offsetof(item, key), &error);
+        ASSERT_EQ(error, 0);
+    }
+    void TearDown() override {
+        hash_table_clear(table);
+        EXPECT_EQ(table->count, 0);
+        hash_table_free(table);
+    }
+    item *find(uint32_t key) { return static_cast<item *>(hash_table_find(table, &key, &error)); }
+    uint32_t bucket(uint32_t key) const {
+        return table->hash_fn(table, &key) & (HASH_TABLE_BUCKETS - 1);
+    }
+    // Keys that all fall into one chain, as somebody who knows the hash would choose them.
+    std::vector<uint32_t> crafted_keys(size_t count) const {
+        std::vector<uint32_t> keys;
+        for (uint32_t key = 0; keys.size() < count; ++key) {
+            if (bucket(key) == 7)
+                keys.push_back(key);
+        }
+        return keys;
+    }
+    void behaves_like_a_map(const std::vector<uint32_t> &keys, size_t steps);
+
+    hash_table *table = nullptr;
+    int error = -99;
+};
+
+void HashTable::behaves_like_a_map(const std::vector<uint32_t> &keys, size_t steps) {
+    std::mt19937 random(1);
+    std::map<uint32_t, item *> model;
+    testing::internal::CaptureStdout();
+    for (size_t step = 0; step < steps; ++step) {
+        const uint32_t key = keys[random() % keys.size()];
+        const auto known = model.find(key);
+        if (random() % 3 != 0) {
+            item *added = make_item(key);
+            ASSERT_EQ(hash_table_insert(table, added), known == model.end() ? 0 : -5);
+            if (known == model.end())
+                model[key] = added;
+            else
+                free(added);
+        } else if (known != model.end()) {
+            ASSERT_EQ(hash_table_delete(table, known->second), 0);
+            model.erase(known);
+        }
+        const uint32_t probe = keys[random() % keys.size()];
+        const auto expected = model.find(probe);
+        ASSERT_EQ(find(probe), expected == model.end() ? nullptr : expected->second);
+        ASSERT_EQ(error, expected == model.end() ? -4 : 0);
+    }
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(table->count, static_cast<int32_t>(model.size()));
+    for (const auto &[key, expected] : model)
+        ASSERT_EQ(find(key), expected);
+}
+
+TEST_F(HashTable, RandomKeysWhileItsIndexGrows) {
+    std::vector<uint32_t> keys(60'000);
+    std::mt19937 random(2);
+    std::generate(keys.begin(), keys.end(), random);
+    behaves_like_a_map(keys, 200'000);
+    EXPECT_GT(table->count, 30'000);
+}
+
+TEST_F(HashTable, CraftedKeys) {
+    behaves_like_a_map(crafted_keys(300), 20'000);
+    EXPECT_EQ(table->buckets[7].bucket_count, static_cast<uint32_t>(table->count));
+}
+
+TEST_F(HashTable, FunctionsOfTheCallerDecideWhatIsEqual) {
+    const auto all_equal = [](const void *, const void *, uint32_t) { return 0; };
+    const auto hash = [](const hash_table *, const void *) { return 2048u + 3; };
+    hash_table_set_options(table, hash, all_equal, nullptr, nullptr, &error);
+    ASSERT_EQ(hash_table_insert(table, make_item(11)), 0);
+    EXPECT_EQ(find(21)->key, 11u);
+    EXPECT_EQ(hash_table_insert(table, find(21)), -5);
+    EXPECT_EQ(table->buckets[3].bucket_count, 1u);
+}
+
+TEST_F(HashTable, NewestAtTheHeadOfTheChainThatTheSignedBytesChoose) {
+    const uint8_t address[] = {0xC0, 0xA8, 0x01, 0x01};
+    uint32_t key;
+    memcpy(&key, address, sizeof key);
+    ASSERT_EQ(table->hash_fn(table, &key), 2084077839u);
+
+    const std::vector<uint32_t> keys = crafted_keys(3);
+    for (const uint32_t k : keys)
+        ASSERT_EQ(hash_table_insert(table, make_item(k)), 0);
+    // A walk may delete what it is shown.
+    std::vector<uint32_t> seen;
+    const auto visit = [](void *object, void *argument) {
+        auto *to = static_cast<std::vector<uint32_t> *>(argument);
+        to->push_back(static_cast<item *>(object)->key);
+        if (to->size() == 2)
+            hash_table_delete(walked, object);
+    };
+    walked = table;
+    uint32_t counter = 5;
+    hash_table_walk(table, visit, &counter, &seen);
+    EXPECT_EQ(seen, (std::vector<uint32_t>{keys[2], keys[1], keys[0]}));
+    EXPECT_EQ(counter, 8u);
+    EXPECT_EQ(find(keys[1]), nullptr);
+    EXPECT_NE(find(keys[0]), nullptr);
+}
+
+TEST_F(HashTable, EqualKeyIsRefusedAndAnotherObjectWithItIsNotDeleted) {
+    ASSERT_EQ(hash_table_insert(table, make_item(1)), 0);
+    item *twin = make_item(1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(hash_table_insert(table, twin), -5);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "key confilictions\n");
+    EXPECT_EQ(hash_table_delete(table, twin), -4);
+    EXPECT_NE(find(1), twin);
+    free(twin);
+}
+
+TEST_F(HashTable, PrintsWordForWord) {
+    memset(table->name, 'n', sizeof table->name);
+    hash_table_insert(table, make_item(0));
+    const auto print = [](const void *object) {
+        printf("key %u\n", static_cast<const item *>(object)->key);
+    };
+    testing::internal::CaptureStdout();
+    hash_table_print(table);
+    hash_table_set_options(table, nullptr, nullptr, nullptr, print, &error);
+    hash_table_print(table);
+    const std::string head = "\n\n PRINT " + std::string(32, 'n') +
+                             " Details:\nthe number of the object is 1 \n\n\t\t the index is " +
+                             std::to_string(bucket(0)) + ", the number in the bucket is 1 \n\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              head + "no print object API designated\n" + head + "key 0\n");
+}
+
+} // namespace

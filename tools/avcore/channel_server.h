@@ -1,0 +1,48 @@
+// The listening end of the AV channel: a UNIX socket of type SOCK_SEQPACKET and its connections.
+//
+// Nothing here blocks. A client that doesn't read its answers loses them, one that floods the
+// channel gets its share of a turn and no more, and one that is gone is forgotten.
+#pragma once
+
+#include "avcore/messages.h"
+#include "avcore/unique_fd.h"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+class channel_server {
+public:
+    // Takes one datagram; returns the answer to send back, empty for none.
+    using handler = std::function<std::vector<std::byte>(byte_span datagram)>;
+
+    // Listens at `path`, in the place of a dead predecessor's socket. Throws std::runtime_error,
+    // also when somebody alive listens there.
+    explicit channel_server(std::string path);
+    ~channel_server();
+    channel_server(const channel_server &) = delete;
+    channel_server &operator=(const channel_server &) = delete;
+
+    // JORN_AV_SOCK, else the usual place.
+    static std::string default_path();
+
+    int fd() const { return epoll_.get(); } // readable when `serve` has work
+    void serve(const handler &handle);
+
+private:
+    void accept_clients();
+    void watch_listener(bool on);
+    bool serve_client(int fd, const handler &handle); // false: it is gone
+
+    std::string path_;
+    unique_fd epoll_;
+    unique_fd listener_;
+    bool listener_watched_ = false;
+    std::map<int, unique_fd> clients_;
+    std::vector<std::byte> buffer_;
+};
+
+} // namespace avcore

@@ -1,0 +1,257 @@
+#include "avcore/config.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <charconv>
+#include <fstream>
+#include <initializer_list>
+#include <limits>
+#include <net/if.h>
+#include <sstream>
+#include <toml++/toml.h>
+
+namespace avcore {
+namespace {
+
+constexpr size_t PLATFORM_KEY_MAX = 63;
+constexpr size_t PLATFORM_VALUE_MAX = 127;
+
+// One table of the file with the file's name at hand for messages.
+class reader {
+public:
+    reader(const toml::table &table, const std::string &file) : table_(table), file_(file) {}
+
+    [[noreturn]] void fail(const toml::node &where, const std::string &what) const {
+        std::ostringstream message;
+        message << file_ << ", line " << where.source().begin.line << ": " << what;
+        throw config_error(message.str());
+    }
+
+    // A misspelt key would otherwise be a setting that silently doesn't hold.
+    void expect_keys(std::initializer_list<std::string_view> known) const {
+        for (const auto &[key, node] : table_) {
+            if (std::find(known.begin(), known.end(), key.str()) == known.end())
+                fail(node, "unknown key " + quoted(key.str()));
+        }
+    }
+
+    const toml::node *find(std::string_view key) const { return table_.get(key); }
+
+    const toml::table *table(std::string_view key) const {
+        const toml::node *node = find(key);
+        if (node != nullptr && !node->is_table())
+            fail(*node, quoted(key) + " must be a table, [" + std::string(key) + "]");
+        return node != nullptr ? node->as_table() : nullptr;
+    }
+
+    std::optional<std::string> text(std::string_view key) const {
+        const toml::node *node = find(key);
+        if (node != nullptr && !node->is_string())
+            fail(*node, quoted(key) + " must be a text in quotes");
+        return node != nullptr ? node->value<std::string>() : std::nullopt;
+    }
+
+    void number(std::string_view key, uint32_t &value) const {
+        if (const toml::node *node = find(key); node != nullptr)
+            value = number_of(*node, key);
+    }
+
+    uint32_t number_of(const toml::node &node, std::string_view key) const {
+        const std::optional<int64_t> value = node.value_exact<int64_t>();
+        if (!value || *value < 0 || *value > std::numeric_limits<uint32_t>::max())
+            fail(node, quoted(key) + " must be a whole number from 0 to 4294967295");
+        return static_cast<uint32_t>(*value);
+    }
+
+    void interface_name(std::string_view key, std::string &name) const {
+        const std::optional<std::string> value = text(key);
+        if (!value)
+            return;
+        if (value->empty() || value->size() >= IFNAMSIZ)
+            fail(*find(key), quoted(key) + " must be an interface name of 1 to 15 characters");
+        name = *value;
+    }
+
+    static std::string quoted(std::string_view key) {
+        std::string text(1, '\'');
+        text.append(key).push_back('\'');
+        return text;
+    }
+
+private:
+    const toml::table &table_;
+    const std::string &file_;
+};
+
+std::optional<mac_address> parse_mac(std::string_view text) {
+    mac_address mac = {};
+    if (text.size() != 17)
+        return std::nullopt;
+    for (size_t i = 0; i < mac.size(); ++i) {
+        const char *digits = text.data() + i * 3;
+        const auto [end, error] = std::from_chars(digits, digits + 2, mac[i], 16);
+        if (error != std::errc() || end != digits + 2 || (i < 5 && digits[2] != ':'))
+            return std::nullopt;
+    }
+    return mac;
+}
+
+std::optional<ipv4_network> parse_network(const std::string &text) {
+    const size_t slash = text.find('/');
+    in_addr address = {};
+    if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1)
+        return std::nullopt;
+    unsigned bits = 32;
+    if (slash != text.npos) {
+        const char *end = text.data() + text.size();
+        const auto [stop, error] = std::from_chars(text.data() + slash + 1, end, bits);
+        if (error != std::errc() || stop != end || bits > 32)
+            return std::nullopt;
+    }
+    ipv4_network network;
+    network.mask_be = bits == 0 ? 0 : htonl(0xFFFFFFFFu << (32 - bits));
+    network.address_be = address.s_addr & network.mask_be;
+    return network;
+}
+
+void read_side(const reader &in, side_profile &side) {
+    in.interface_name("interface", side.if_name);
+    in.number("if_index", side.if_index);
+    in.number("utp_id", side.utp_id);
+}
+
+void read_web_utp(const reader &in, client_profile &profile) {
+    const toml::node *node = in.find("web_utp");
+    if (node == nullptr)
+        return;
+    const toml::array *words = node->as_array();
+    if (words == nullptr || words->size() != 2)
+        in.fail(*node, "'web_utp' must hold the two web UTP ids, as in [0, 7]");
+    for (size_t i = 0; i < 2; ++i)
+        profile.web_utp[i] = in.number_of(*words->get(i), "web_utp");
+}
+
+void read_filter_type(const reader &in, client_profile &profile) {
+    const toml::node *node = in.find("filter_type");
+    if (node == nullptr)
+        return;
+    const toml::array *names = node->as_array();
+    if (names == nullptr)
+        in.fail(*node, R"('filter_type' must be a list, as in ["url", "wificalling"])");
+    profile.filter_type = 0;
+    for (const toml::node &name : *names) {
+        const std::optional<std::string> text = name.value<std::string>();
+        if (text == "url")
+            profile.filter_type |= AV_FILTER_URL;
+        else if (text == "wificalling")
+            profile.filter_type |= AV_FILTER_WIFICALLING;
+        else
+            in.fail(name, "'filter_type' holds something other than \"url\" and \"wificalling\"");
+    }
+}
+
+void read_client(const reader &in, client_profile &profile) {
+    read_side(in, profile.side);
+    read_web_utp(in, profile);
+    read_filter_type(in, profile);
+}
+
+client_rule read_rule(const toml::table &table, const std::string &file,
+                      const client_profile &defaults) {
+    const reader in(table, file);
+    in.expect_keys({"mac", "network", "captured_on", "interface", "if_index", "utp_id", "web_utp",
+                    "filter_type"});
+    client_rule rule;
+    rule.profile = defaults;
+    if (const auto text = in.text("mac")) {
+        rule.mac = parse_mac(*text);
+        if (!rule.mac)
+            in.fail(*in.find("mac"), "'mac' must look like 00:1a:2b:3c:4d:5e");
+    }
+    if (const auto text = in.text("network")) {
+        rule.network = parse_network(*text);
+        if (!rule.network)
+            in.fail(*in.find("network"), "'network' must look like 192.168.1.0/24");
+    }
+    in.interface_name("captured_on", rule.captured_on);
+    if (!rule.mac && !rule.network && rule.captured_on.empty())
+        in.fail(table, "a rule needs 'mac', 'network' or 'captured_on'");
+    read_client(in, rule.profile);
+    return rule;
+}
+
+void read_rules(const reader &in, const std::string &file, config &settings) {
+    const toml::node *node = in.find("rule");
+    if (node == nullptr)
+        return;
+    if (!node->is_array_of_tables())
+        in.fail(*node, "'rule' must be a list of tables, [[rule]]");
+    for (const toml::node &rule : *node->as_array())
+        settings.rules.push_back(read_rule(*rule.as_table(), file, settings.client));
+}
+
+// Keys with a slash may also be written as a table: [platform.avc_enable], wlan0 = 1.
+void read_platform(const toml::table &table, const std::string &file, const std::string &prefix,
+                   config &settings) {
+    const reader in(table, file);
+    for (const auto &[name, node] : table) {
+        const std::string key = prefix + std::string(name.str());
+        if (const toml::table *inner = node.as_table(); inner != nullptr && prefix.empty()) {
+            read_platform(*inner, file, key + "/", settings);
+            continue;
+        }
+        std::optional<std::string> value = node.value_exact<std::string>();
+        if (const auto number = node.value_exact<int64_t>())
+            value = std::to_string(*number);
+        if (!value)
+            in.fail(node, reader::quoted(key) + " must be a text in quotes or a whole number");
+        if (key.size() > PLATFORM_KEY_MAX || value->size() > PLATFORM_VALUE_MAX)
+            in.fail(node, reader::quoted(key) + ": a key has at most 63 characters, a value 127");
+        if (key == "base_mac" && !parse_mac(*value))
+            in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
+        if (key == "base_mac")
+            std::transform(value->begin(), value->end(), value->begin(),
+                           [](char c) { return c >= 'a' && c <= 'f' ? char(c - 'a' + 'A') : c; });
+        settings.platform_values[key] = *value;
+    }
+}
+
+} // namespace
+
+config parse_config(std::string_view text, const std::string &name) {
+    toml::table root;
+    try {
+        root = toml::parse(text, name);
+    } catch (const toml::parse_error &error) {
+        std::ostringstream message;
+        message << name << ", line " << error.source().begin.line << ": " << error.description();
+        throw config_error(message.str());
+    }
+    const reader in(root, name);
+    in.expect_keys({"client", "uplink", "rule", "platform"});
+    config settings;
+    if (const toml::table *client = in.table("client")) {
+        const reader client_in(*client, name);
+        client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
+        read_client(client_in, settings.client);
+    }
+    if (const toml::table *uplink = in.table("uplink")) {
+        const reader uplink_in(*uplink, name);
+        uplink_in.expect_keys({"interface", "if_index", "utp_id"});
+        read_side(uplink_in, settings.uplink);
+    }
+    read_rules(in, name, settings);
+    if (const toml::table *platform = in.table("platform"))
+        read_platform(*platform, name, "", settings);
+    return settings;
+}
+
+config read_config(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf()))
+        throw config_error(path + ": can't be read");
+    return parse_config(text.str(), path);
+}
+
+} // namespace avcore

@@ -1,0 +1,63 @@
+// The TOML file: who gets which profile, and what the platform says of itself. Read once, at the
+// start; every mistake ends the start with a message that names the file, the line and the key.
+#pragma once
+
+#include "avcore/frame.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace avcore {
+
+// What the trailer says about one side of a flow.
+struct side_profile {
+    std::string if_name;
+    uint32_t if_index = 0;
+    uint32_t utp_id = 0;
+};
+
+// And what a flow takes from its client.
+struct client_profile {
+    side_profile side;
+    uint32_t web_utp[2] = {0, 0}; // the trailer's words 2 and 3
+    uint32_t filter_type = 0;     // AV_FILTER_URL and AV_FILTER_WIFICALLING; DPI is avcore's own
+};
+
+struct ipv4_network {
+    uint32_t address_be = 0;
+    uint32_t mask_be = 0;
+
+    bool holds(uint32_t ip_be) const { return (ip_be & mask_be) == address_be; }
+};
+
+// All selectors that a rule names must fit. A rule with neither MAC address nor network fits
+// whoever is the client of a flow captured on that interface.
+struct client_rule {
+    std::optional<mac_address> mac;
+    std::optional<ipv4_network> network;
+    std::string captured_on;
+    client_profile profile;
+};
+
+struct config {
+    client_profile client = {.side = {.if_name = "wlan0", .if_index = 1}};
+    side_profile uplink = {.if_name = "eth0", .if_index = 2};
+    std::vector<client_rule> rules; // the first that fits wins
+    std::map<std::string, std::string, std::less<>> platform_values;
+};
+
+class config_error : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Both throw config_error. `name` stands for the file in messages.
+config read_config(const std::string &path);
+config parse_config(std::string_view text, const std::string &name);
+
+} // namespace avcore

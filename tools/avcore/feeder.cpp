@@ -1,0 +1,189 @@
+#include "avcore/feeder.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace avcore {
+
+bool feeder::burst_open(int64_t now_ms) const {
+    return bursts_.size() < MAX_BURSTS || bursts_.back().sent_ms == now_ms;
+}
+
+bool feeder::has_room(int64_t now_ms) const {
+    if (!started_ && !frames_.empty())
+        return false;
+    return !draining_ && burst_open(now_ms) && frames_.size() < MAX_FRAMES &&
+           outstanding_bytes_ + MAX_FED_SIZE <= MAX_BYTES;
+}
+
+void feeder::add(fed_frame frame, int64_t now_ms) {
+    if (frames_.empty())
+        waiting_since_ms_ = now_ms;
+    outstanding_bytes_ += frame.bytes.size();
+    frames_.push_back({.frame = std::move(frame)});
+    queue(std::prev(frames_.end()));
+}
+
+void feeder::queue(frame_ref frame) {
+    if (frame->queued)
+        return;
+    frame->queued = true;
+    to_send_.push_back(frame);
+}
+
+const fed_frame *feeder::next_to_send(int64_t now_ms) const {
+    if (to_send_.empty() || (draining_ ? round_left_ == 0 : !burst_open(now_ms)))
+        return nullptr;
+    return &to_send_.front()->frame;
+}
+
+void feeder::sent(int64_t now_ms) {
+    const frame_ref frame = to_send_.front();
+    to_send_.pop_front();
+    if (round_left_ > 0)
+        --round_left_;
+    frame->queued = false;
+    if (!frame->sent) {
+        frame->sent = true;
+        ++counts_.sent;
+    } else if (started_) {
+        ++frame->resends;
+        ++counts_.resent;
+    } else {
+        ++counts_.start_repeats;
+    }
+    ++frame->copies;
+    copies_.push_back({frame->frame.key, frame, now_ms});
+    if (bursts_.empty() || bursts_.back().sent_ms != now_ms)
+        bursts_.push_back({now_ms, 0});
+    ++bursts_.back().copies;
+}
+
+feeder::copy feeder::pop_copy() {
+    const copy oldest = copies_.front();
+    copies_.pop_front();
+    if (--bursts_.front().copies == 0)
+        bursts_.pop_front();
+    return oldest;
+}
+
+// The frame is resolved: what is still on its way of it is superfluous.
+void feeder::finish(frame_ref frame, int64_t now_ms) {
+    if (frame->copies > 0) {
+        for (copy &one : copies_) {
+            if (one.frame == frame)
+                one.frame.reset();
+        }
+    }
+    if (frame->queued) {
+        const auto place = std::find(to_send_.begin(), to_send_.end(), frame);
+        if (static_cast<size_t>(place - to_send_.begin()) < round_left_)
+            --round_left_;
+        to_send_.erase(place);
+    }
+    outstanding_bytes_ -= frame->frame.bytes.size();
+    frames_.erase(frame);
+    if (frames_.empty())
+        waited_before_ms_ += now_ms - waiting_since_ms_;
+}
+
+void feeder::give_up(frame_ref frame, int64_t now_ms) {
+    ++counts_.unanswered;
+    finish(frame, now_ms);
+}
+
+// No verdict will come for this copy. The frame is lost unless a later copy is on its way.
+void feeder::drop_oldest_copy(int64_t now_ms) {
+    const std::optional<frame_ref> frame = pop_copy().frame;
+    if (!frame || --(*frame)->copies > 0)
+        return;
+    if ((*frame)->resends >= MAX_RESENDS)
+        give_up(*frame, now_ms);
+    else
+        queue(*frame);
+}
+
+feeder::answer feeder::take_verdict(const flow_key &key, int64_t now_ms) {
+    last_verdict_ms_ = now_ms;
+    waiting_since_ms_ = now_ms;
+    waited_before_ms_ = 0;
+    silent_rounds_ = 0;
+
+    const auto found = std::find_if(copies_.begin(), copies_.end(), [&key](const copy &one) {
+        return memcmp(&one.key, &key, sizeof key) == 0;
+    });
+    if (found == copies_.end()) {
+        ++counts_.overlooked;
+        return {};
+    }
+    for (auto lost = found - copies_.begin(); lost > 0; --lost)
+        drop_oldest_copy(now_ms);
+    started_ = true;
+    answer result;
+    const std::optional<frame_ref> frame = pop_copy().frame;
+    if (frame) {
+        --(*frame)->copies;
+        result = {true, (*frame)->frame.row};
+        ++counts_.answered;
+        finish(*frame, now_ms);
+    } else {
+        ++counts_.overlooked;
+    }
+    if (copies_.empty())
+        draining_ = false;
+    return result;
+}
+
+// Since when nothing came although something could have.
+int64_t feeder::quiet_since_ms() const {
+    const copy &youngest_awaited = draining_ ? copies_.back() : copies_.front();
+    return std::max(last_verdict_ms_, youngest_awaited.sent_ms);
+}
+
+void feeder::resend_outstanding(int64_t now_ms) {
+    const bool only_oldest = silent_rounds_++ == 0;
+    draining_ = true;
+    for (frame_ref frame = frames_.begin(); frame != frames_.end();) {
+        const frame_ref next = std::next(frame);
+        if (frame->resends >= MAX_RESENDS && started_)
+            give_up(frame, now_ms);
+        frame = next;
+    }
+    to_send_.clear();
+    for (outstanding &frame : frames_)
+        frame.queued = false;
+    for (frame_ref frame = frames_.begin(); frame != frames_.end(); ++frame) {
+        // Behind a round of one wait the frames that have no copy on its way.
+        if (!only_oldest || frame == frames_.begin() || frame->copies == 0)
+            queue(frame);
+    }
+    round_left_ = only_oldest ? std::min<size_t>(1, to_send_.size()) : to_send_.size();
+}
+
+void feeder::tick(int64_t now_ms) {
+    if (copies_.empty() || now_ms - quiet_since_ms() < SILENCE_MS)
+        return;
+    const bool heard_since_round = draining_ && silent_rounds_ == 0;
+    if (!heard_since_round && !frames_.empty()) {
+        resend_outstanding(now_ms);
+        return;
+    }
+    while (!copies_.empty())
+        drop_oldest_copy(now_ms);
+    draining_ = false;
+    round_left_ = 0;
+}
+
+std::optional<int64_t> feeder::next_tick_ms() const {
+    if (copies_.empty())
+        return std::nullopt;
+    return quiet_since_ms() + SILENCE_MS;
+}
+
+bool feeder::daemon_gone(int64_t now_ms) const {
+    const int64_t waited_ms = waited_before_ms_ + now_ms - waiting_since_ms_;
+    return busy() && waited_ms >= (started_ ? GONE_MS : START_MS);
+}
+
+} // namespace avcore

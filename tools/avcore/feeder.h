@@ -1,0 +1,128 @@
+// The pace: which frame goes out when, and what became of it. Logic only; the session moves the
+// bytes and tells the time, in milliseconds of a clock that never goes back.
+//
+// The daemon's capture drops what it has no room for, and only a verdict shows that a frame got
+// through. Verdicts come in the order of the frames and carry the flow key, so the queue holds
+// every copy on its way in the order of sending, and a verdict answers the first copy with its
+// key: whatever was sent before that copy was lost. After 200 ms without a verdict everything
+// outstanding is sent again, the oldest frame alone at first, for a daemon that was merely busy
+// still has the others. From then on copies may be on their way whose verdicts look like those of
+// later frames; no new frame is sent until all of them are answered or the daemon, heard again, has
+// been quiet for 200 ms.
+//
+// The daemon's capture keeps eight blocks and closes one after about a millisecond however few
+// frames are in it. So what is outstanding must also stem from few milliseconds: a trickle of one
+// frame a millisecond would overrun a daemon that is busy for ten.
+//
+// The first frame is sent alone and repeated without limit: before the daemon's capture is open,
+// frames vanish.
+#pragma once
+
+#include "avcore/flow_table.h"
+#include "packet/records.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <optional>
+#include <vector>
+
+namespace avcore {
+
+struct fed_frame {
+    std::vector<uint8_t> bytes; // frame and trailer
+    flow_key key = {};
+    flow_row *row = nullptr;
+};
+
+struct feeder_counts {
+    uint64_t sent = 0; // frames, however often each was sent
+    uint64_t answered = 0;
+    uint64_t resent = 0;
+    uint64_t start_repeats = 0; // of the first frame, before the first verdict
+    uint64_t unanswered = 0;    // given up
+    uint64_t overlooked = 0;    // verdicts that answered none of the frames
+};
+
+class feeder {
+public:
+    // A feeder may keep 400. But the verdicts of all of them must fit into the channel when this
+    // process doesn't get to read for a while, and Linux lets a sender have some 160 unread.
+    static constexpr size_t MAX_FRAMES = 128;
+    static constexpr size_t MAX_BYTES = 1024 * 1024;
+    static constexpr size_t MAX_BURSTS = 4; // milliseconds in which something outstanding was sent
+    static constexpr unsigned MAX_RESENDS = 10;
+    static constexpr int64_t SILENCE_MS = 200;
+    static constexpr int64_t GONE_MS = 5'000;
+    // Until the first verdict: the daemon may still have to be started.
+    static constexpr int64_t START_MS = 30'000;
+
+    // Whether one more frame of any size may be added now.
+    bool has_room(int64_t now_ms) const;
+    void add(fed_frame frame, int64_t now_ms);
+
+    // The frame to write next; null when there is none now. `sent` says that it was written.
+    const fed_frame *next_to_send(int64_t now_ms) const;
+    void sent(int64_t now_ms);
+
+    struct answer {
+        bool answered = false;   // false: a verdict to overlook
+        flow_row *row = nullptr; // of the frame, when it has one
+    };
+    answer take_verdict(const flow_key &key, int64_t now_ms);
+
+    // Looks for a silence. To be called at least whenever `next_tick_ms` has come.
+    void tick(int64_t now_ms);
+    std::optional<int64_t> next_tick_ms() const;
+
+    // Whether frames are waiting to be sent or answered.
+    bool busy() const { return !frames_.empty(); }
+    bool started() const { return started_; }
+    bool daemon_gone(int64_t now_ms) const;
+    const feeder_counts &counts() const { return counts_; }
+
+private:
+    struct outstanding {
+        fed_frame frame;
+        unsigned copies = 0; // in copies_
+        unsigned resends = 0;
+        bool sent = false;
+        bool queued = false; // in to_send_
+    };
+    using frame_ref = std::list<outstanding>::iterator;
+    struct copy {
+        flow_key key;
+        std::optional<frame_ref> frame; // none: its frame was answered or given up
+        int64_t sent_ms;
+    };
+
+    void queue(frame_ref frame);
+    void finish(frame_ref frame, int64_t now_ms);
+    void give_up(frame_ref frame, int64_t now_ms);
+    void drop_oldest_copy(int64_t now_ms);
+    void resend_outstanding(int64_t now_ms);
+    int64_t quiet_since_ms() const;
+    bool burst_open(int64_t now_ms) const;
+    copy pop_copy();
+
+    std::list<outstanding> frames_; // unresolved, in their order
+    std::deque<frame_ref> to_send_; // new ones and lost ones
+    std::deque<copy> copies_;       // on their way, in the order of sending
+    struct burst {
+        int64_t sent_ms;
+        size_t copies;
+    };
+    std::deque<burst> bursts_; // of copies_
+    size_t outstanding_bytes_ = 0;
+    bool started_ = false;
+    bool draining_ = false;      // after a silence: only the round's frames are sent
+    unsigned silent_rounds_ = 0; // since the last verdict
+    size_t round_left_ = 0;      // frames at the front of to_send_ that the round sends
+    int64_t last_verdict_ms_ = 0;
+    int64_t waiting_since_ms_ = 0; // while busy: the start of this wait for any verdict
+    int64_t waited_before_ms_ = 0; // and earlier waits since the last verdict
+    feeder_counts counts_;
+};
+
+} // namespace avcore

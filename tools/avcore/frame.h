@@ -1,0 +1,42 @@
+// What avcore knows about one frame from its headers. The daemon's own decoders do the work, so the
+// flow key is the one that the frame's verdict will carry.
+#pragma once
+
+#include "packet/records.h"
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace avcore {
+
+using mac_address = std::array<uint8_t, 6>;
+
+// A frame and its trailer must fit into one capture of the daemon.
+inline constexpr size_t MAX_FED_SIZE = 65535;
+inline constexpr size_t MAX_FRAME_SIZE = MAX_FED_SIZE - sizeof(av_pkt_trailer);
+
+// One side of a flow. Without an IPv4 header only the MAC address counts.
+struct endpoint {
+    mac_address mac = {};
+    uint32_t ip_be = 0;
+    uint16_t port = 0; // host byte order; 0 where the protocol has none
+
+    auto operator<=>(const endpoint &) const = default;
+};
+
+struct frame_facts {
+    flow_key key = {};
+    endpoint sender;
+    endpoint receiver;
+    uint16_t ether_type = 0;
+    uint8_t ip_proto = 0;
+    bool ipv4 = false;
+};
+
+// Decodes what the daemon will capture: a frame with the trailer's 276 bytes behind it.
+frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer);
+
+} // namespace avcore

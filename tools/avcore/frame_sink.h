@@ -1,0 +1,31 @@
+// The interface into which frames and their trailers are written: one end of a pair whose other end
+// the daemon captures.
+#pragma once
+
+#include "avcore/unique_fd.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace avcore {
+
+class frame_sink {
+public:
+    // Throws std::runtime_error, as does `write` when the interface is down or gone.
+    explicit frame_sink(const std::string &interface);
+
+    // Returns false when the kernel has no room now.
+    bool write(std::span<const uint8_t> bytes);
+
+    // The longest frame, trailer included, that the interface takes.
+    size_t max_size() const { return max_size_; }
+
+private:
+    std::string interface_;
+    unique_fd socket_;
+    size_t max_size_ = 0;
+};
+
+} // namespace avcore

@@ -1,0 +1,39 @@
+#include "avcore/config.h"
+#include "avcore/options.h"
+#include "avcore/session.h"
+
+#include <exception>
+#include <iostream>
+#include <sys/resource.h>
+#include <syslog.h>
+
+namespace {
+
+// The channel takes any number of connections.
+void raise_descriptor_limit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    int status = 0;
+    const std::optional<avcore::options> options = avcore::parse_options(argc, argv, status);
+    if (!options)
+        return status;
+    // The daemon's decoders log what they meet; here the daemon itself reports it.
+    setlogmask(LOG_UPTO(LOG_CRIT));
+    raise_descriptor_limit();
+    try {
+        const avcore::config settings =
+            options->config.empty() ? avcore::config() : avcore::read_config(options->config);
+        return avcore::session(*options, settings).run();
+    } catch (const std::exception &error) {
+        std::cerr << "avcore: " << error.what() << '\n';
+        return 1;
+    }
+}

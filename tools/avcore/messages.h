@@ -1,0 +1,47 @@
+// The AV channel's messages: from the bytes of one datagram to a checked message, and back to the
+// bytes of an answer. Whoever connects may send anything; what isn't exactly a message of its kind
+// is none.
+#pragma once
+
+#include "packet/records.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace avcore {
+
+using byte_span = std::span<const std::byte>;
+
+inline constexpr uint32_t OP_PLATFORM_VALUE = 36;
+
+// The verdicts of all flows are outdated.
+struct policy_reset {};
+
+struct syslog_line {
+    int32_t level;
+    std::string text;
+};
+
+// A one-way message that avcore takes and does nothing with.
+struct ignored_message {};
+
+struct question {
+    uint32_t op;
+    uint32_t seq;
+    byte_span body; // unchecked; lives as long as the datagram
+};
+
+using channel_message =
+    std::variant<av_verdict, policy_reset, syslog_line, ignored_message, question>;
+
+std::optional<channel_message> parse_message(byte_span datagram);
+
+// The body is sent only with return code 0.
+std::vector<std::byte> make_answer(const question &asked, int32_t rc, byte_span body = {});
+
+} // namespace avcore

@@ -1,0 +1,41 @@
+#include "avcore/options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace avcore {
+namespace {
+
+constexpr int USAGE_ERROR = 2;
+
+} // namespace
+
+std::optional<options> parse_options(int argc, char **argv, int &status) {
+    CLI::App app("Plays the access point's platform for jorn: feeds it frames with trailers, "
+                 "answers its questions and prints the flows with their verdicts.",
+                 "avcore");
+    options chosen;
+    app.add_option("-o", chosen.out_interface, "Interface to write into; jorn captures on its peer")
+        ->required()
+        ->type_name("IFACE");
+    CLI::Option_group *input = app.add_option_group("Input", "exactly one of");
+    input->add_option("-r", chosen.file, "Read frames from this pcap or pcapng file")
+        ->type_name("FILE");
+    input->add_option("-i", chosen.in_interface, "Capture frames on this interface, until SIGINT")
+        ->type_name("IFACE");
+    input->require_option(1);
+    app.add_option("-c", chosen.config, "TOML file: clients, profiles, platform values")
+        ->type_name("CONFIG");
+    app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
+    try {
+        app.parse(argc, argv);
+        if (chosen.in_interface == chosen.out_interface)
+            throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
+                                             "what it wrote");
+    } catch (const CLI::ParseError &error) {
+        status = app.exit(error) == 0 ? 0 : USAGE_ERROR;
+        return std::nullopt;
+    }
+    return chosen;
+}
+
+} // namespace avcore

@@ -1,0 +1,20 @@
+#include "avcore/platform_values.h"
+
+#include "core/text.h"
+
+namespace avcore {
+
+std::vector<std::byte> answer_platform_value(const config &settings, const question &asked) {
+    char key[64];
+    if (asked.body.size() < sizeof key)
+        return make_answer(asked, -1);
+    memcpy(key, asked.body.data(), sizeof key);
+    const auto found = settings.platform_values.find(field_text(key));
+    if (found == settings.platform_values.end())
+        return make_answer(asked, -1);
+    char value[128];
+    copy_text(value, found->second);
+    return make_answer(asked, 0, std::as_bytes(std::span(value)));
+}
+
+} // namespace avcore

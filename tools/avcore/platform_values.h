@@ -1,0 +1,12 @@
+// Op 36 of the AV channel: the platform's values, by key, as the TOML file gives them.
+#pragma once
+
+#include "avcore/config.h"
+#include "avcore/messages.h"
+
+namespace avcore {
+
+// A key without a value, or one that is no text, is answered with -1: the asker's default holds.
+std::vector<std::byte> answer_platform_value(const config &settings, const question &asked);
+
+} // namespace avcore

@@ -1,0 +1,158 @@
+#include "avcore/report.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <vector>
+
+namespace avcore {
+namespace {
+
+enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, COLUMNS };
+using table_line = std::array<std::string, COLUMNS>;
+
+std::string address_text(const flow_row &row, const endpoint &side) {
+    char text[INET_ADDRSTRLEN];
+    if (row.ipv4)
+        return inet_ntop(AF_INET, &side.ip_be, text, sizeof text);
+    snprintf(text, sizeof text, "%02X:", side.mac[0]);
+    std::string mac;
+    for (const uint8_t byte : side.mac) {
+        snprintf(text, sizeof text, mac.empty() ? "%02X" : ":%02X", byte);
+        mac += text;
+    }
+    return mac;
+}
+
+std::string endpoint_text(const flow_row &row, const endpoint &side) {
+    const std::string address = address_text(row, side);
+    return side.port != 0 ? address + ':' + std::to_string(side.port) : address;
+}
+
+struct protocol_name {
+    uint16_t number;
+    const char *name;
+};
+constexpr protocol_name IP_PROTOCOLS[] = {
+    {1, "ICMP"}, {2, "IGMP"}, {6, "TCP"}, {17, "UDP"}, {47, "GRE"}, {50, "ESP"}, {132, "SCTP"},
+};
+constexpr protocol_name ETHER_TYPES[] = {
+    {0x0800, "IPv4"},  {0x0806, "ARP"},   {0x8035, "RARP"},  {0x8100, "VLAN"}, {0x86DD, "IPv6"},
+    {0x8863, "PPPoE"}, {0x8864, "PPPoE"}, {0x888E, "EAPOL"}, {0x88CC, "LLDP"},
+};
+
+std::string protocol_text(const flow_row &row) {
+    const uint16_t number = row.ipv4 ? row.ip_proto : row.ether_type;
+    const std::span<const protocol_name> names =
+        row.ipv4 ? std::span<const protocol_name>(IP_PROTOCOLS) : ETHER_TYPES;
+    for (const protocol_name &entry : names) {
+        if (entry.number == number)
+            return entry.name;
+    }
+    char text[16];
+    snprintf(text, sizeof text, row.ipv4 ? "IP %u" : "0x%04X", unsigned{number});
+    return text;
+}
+
+std::string verdict_text(const flow_row &row) {
+    constexpr const char *words[] = {"none", "allow", "white list", "deny", "rate limit", "qos"};
+    std::string text =
+        row.verdict < std::size(words) ? words[row.verdict] : std::to_string(row.verdict);
+    return row.outdated ? text + " (outdated)" : text;
+}
+
+table_line line_of(const flow_row &row) {
+    table_line line;
+    line[CLIENT] = endpoint_text(row, row.client);
+    line[SERVER] = endpoint_text(row, row.server);
+    line[PROTOCOL] = protocol_text(row);
+    line[APPLICATION] = row.application.empty() ? "-" : printable(row.application);
+    line[VERDICT] = verdict_text(row);
+    line[PACKETS] = std::to_string(row.packets);
+    line[BYTES] = std::to_string(row.bytes);
+    return line;
+}
+
+} // namespace
+
+std::string printable(std::string_view text) {
+    std::string result(text);
+    std::replace_if(
+        result.begin(), result.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return result;
+}
+
+void print_table(std::ostream &out, const flow_table &flows) {
+    std::vector<table_line> lines = {
+        {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES"}};
+    for (const flow_row &row : flows.rows())
+        lines.push_back(line_of(row));
+    std::array<size_t, COLUMNS> width = {};
+    for (const table_line &line : lines) {
+        for (size_t i = 0; i < COLUMNS; ++i)
+            width[i] = std::max(width[i], line[i].size());
+    }
+    for (const table_line &line : lines) {
+        std::string text;
+        for (size_t i = 0; i < COLUMNS; ++i) {
+            const std::string padding(width[i] - line[i].size(), ' ');
+            text += i >= PACKETS ? padding + line[i] : line[i] + padding;
+            text += i + 1 < COLUMNS ? "  " : "\n";
+        }
+        out << text;
+    }
+}
+
+void print_json(std::ostream &out, const flow_table &flows) {
+    for (const flow_row &row : flows.rows()) {
+        nlohmann::ordered_json object = {
+            {"client", address_text(row, row.client)},
+            {"server", address_text(row, row.server)},
+            {"client_port", row.client.port},
+            {"server_port", row.server.port},
+            {"protocol", protocol_text(row)},
+            {"application", row.application},
+            {"verdict", row.verdict},
+            {"packets", row.packets},
+            {"bytes", row.bytes},
+        };
+        if (row.outdated)
+            object["outdated"] = true;
+        out << object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    }
+}
+
+void print_totals(std::ostream &out, const flow_table &flows, const totals &totals) {
+    uint64_t bytes = 0;
+    for (const flow_row &row : flows.rows())
+        bytes += row.bytes;
+    const feeder_counts &fed = totals.feeder;
+    out << flows.rows().size() << " flows, " << bytes << " bytes; frames: " << totals.source.read
+        << " read, " << fed.sent << " fed, " << fed.answered << " answered, " << fed.resent
+        << " resent, " << fed.unanswered << " unanswered\n";
+
+    const struct {
+        uint64_t count;
+        std::string what;
+    } remarks[] = {
+        {totals.source.other_link_type, "not carried, for the link type isn't Ethernet"},
+        {totals.source.too_long,
+         "not carried, longer than " + std::to_string(totals.max_frame_size) + " bytes"},
+        {totals.source.empty, "not carried, empty"},
+        {totals.source.cut_short, "carried as captured, without their ends"},
+        {totals.source.dropped, "dropped by the kernel before they were read"},
+        {flows.frames_without_row(), "of flows for which the table had no room"},
+        {fed.start_repeats, "repeats of the first frame until the daemon answered"},
+        {fed.overlooked, "verdicts that answered no frame"},
+        {totals.malformed_messages, "malformed messages on the AV channel"},
+    };
+    for (const auto &remark : remarks) {
+        if (remark.count != 0)
+            out << remark.what << ": " << remark.count << '\n';
+    }
+}
+
+} // namespace avcore

@@ -1,0 +1,31 @@
+// The closing report: the flows as an aligned table or as JSON, and the totals.
+//
+// Names come from the daemon and, behind it, from whoever sent the traffic: what is printed holds
+// no control characters.
+#pragma once
+
+#include "avcore/feeder.h"
+#include "avcore/flow_table.h"
+#include "avcore/source.h"
+
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace avcore {
+
+struct totals {
+    source_counts source;
+    feeder_counts feeder;
+    size_t max_frame_size = 0;
+    uint64_t malformed_messages = 0;
+};
+
+std::string printable(std::string_view text);
+
+void print_table(std::ostream &out, const flow_table &flows);
+// One object a flow and line.
+void print_json(std::ostream &out, const flow_table &flows);
+void print_totals(std::ostream &out, const flow_table &flows, const totals &totals);
+
+} // namespace avcore

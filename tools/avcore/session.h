@@ -1,0 +1,63 @@
+// One run of avcore: the loop that moves frames from the source through the feeder into the sink
+// and serves the AV channel meanwhile.
+#pragma once
+
+#include "avcore/channel_server.h"
+#include "avcore/client_rules.h"
+#include "avcore/config.h"
+#include "avcore/feeder.h"
+#include "avcore/flow_table.h"
+#include "avcore/frame_sink.h"
+#include "avcore/options.h"
+#include "avcore/progress.h"
+#include "avcore/report.h"
+#include "avcore/source.h"
+
+namespace avcore {
+
+class session {
+public:
+    // Opens everything; throws std::runtime_error. SIGINT and SIGTERM are blocked from here on.
+    session(const options &options, const config &settings);
+
+    // Runs until the input ends, a signal comes or the daemon is gone, and prints the report.
+    // Returns the exit status.
+    int run();
+
+private:
+    enum class ending { none, complete, stopped, failed };
+
+    ending turn();
+    void pull_frames();
+    void take_frame(const captured_frame &captured);
+    void send_frames();
+    void wait(int64_t now_ms);
+    std::vector<std::byte> take_datagram(byte_span datagram);
+    void take(const av_verdict &verdict);
+    void take(const syslog_line &line);
+    std::vector<std::byte> answer(const question &asked) const;
+    void explain_waiting(int64_t now_ms);
+    void report();
+
+    const options &options_;
+    const config &settings_;
+    client_rules rules_;
+    flow_table flows_;
+    feeder feeder_;
+    unique_fd signals_;
+    frame_source source_;
+    frame_sink sink_;
+    channel_server channel_;
+    progress_bar progress_;
+    size_t max_frame_size_ = 0;
+    uint64_t malformed_messages_ = 0;
+    int64_t first_frame_ms_ = -1;
+    bool input_ended_ = false;
+    bool more_input_ = false; // without waiting
+    bool sink_full_ = false;
+    bool stop_requested_ = false;
+    bool waiting_explained_ = false;
+    std::string error_;
+};
+
+} // namespace avcore

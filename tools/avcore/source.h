@@ -1,0 +1,68 @@
+// Where the frames come from: a pcap or pcapng file, or a live capture. What can't be carried is
+// counted here and goes no further.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <pcap/pcap.h>
+#include <span>
+#include <string>
+
+namespace avcore {
+
+struct captured_frame {
+    std::span<const uint8_t> bytes; // valid until the next read
+    int64_t time_us = 0;
+};
+
+struct source_counts {
+    uint64_t read = 0;
+    uint64_t other_link_type = 0;
+    uint64_t too_long = 0;
+    uint64_t empty = 0;
+    uint64_t cut_short = 0; // by the capture's snap length; carried as they are
+    uint64_t dropped = 0;   // by the kernel, before they could be read
+};
+
+class frame_source {
+public:
+    // Both throw std::runtime_error.
+    static frame_source open_file(const std::string &path);
+    static frame_source open_interface(const std::string &name);
+
+    // Frames longer than this are not carried.
+    void set_max_frame_size(size_t size) { max_frame_size_ = size; }
+
+    enum class result {
+        frame,
+        skipped, // one that can't be carried
+        nothing, // now; a live capture only
+        end,
+        failed, // `error` says why
+    };
+    result next(captured_frame &frame);
+
+    int fd() const { return fd_; } // to wait for in a live capture, -1 for a file
+    bool live() const { return fd_ >= 0; }
+    const std::string &error() const { return error_; }
+    double share_read() const; // of a file, 0 to 1
+    source_counts counts() const;
+    // Empty for Ethernet, else what the link type is.
+    std::string foreign_link_type() const;
+
+private:
+    struct closer {
+        void operator()(pcap_t *handle) const { pcap_close(handle); }
+    };
+    explicit frame_source(pcap_t *handle) : handle_(handle) {}
+
+    std::unique_ptr<pcap_t, closer> handle_;
+    int fd_ = -1;
+    size_t max_frame_size_ = 0;
+    int64_t file_size_ = 0;
+    std::string error_;
+    source_counts counts_;
+};
+
+} // namespace avcore
