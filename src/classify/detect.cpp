@@ -5,6 +5,9 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "packet/trailer.h"
+#include "userapps/builtin_ports.h"
+#include "userapps/port_service.h"
+#include "userapps/userdef.h"
 
 #include <algorithm>
 #include <charconv>
@@ -71,12 +74,23 @@ int jorn_detect_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *byte
         JORN_DEBUG("Match in DNS\n");
         return result;
     }
+    if (jorn_detect_pkt_builtin_port_service_app(ctx) == JORN_DETECT_MATCH) {
+        JORN_DEBUG("Match in Builtin Port Service\n");
+        return JORN_DETECT_MATCH;
+    }
     return jorn_detect_pkt_flow_name(ctx);
 }
 
 int jorn_detect_pkt_utp(pkt_ctx *ctx, const uint8_t *bytes, uint32_t captured) {
     av_pkt_trailer trailer;
-    if (!read_trailer(*ctx, bytes, captured, trailer) || jorn_state.settings.tm_engine_enabled == 0)
+    if (!read_trailer(*ctx, bytes, captured, trailer))
+        return JORN_DETECT_NO_MATCH;
+    // A definition of the administrator's names the flow and decides nothing.
+    if (jorn_detect_pkt_userdef_app(ctx) != JORN_DETECT_NO_MATCH)
+        JORN_DEBUG("User defined App\n");
+    else if (jorn_detect_pkt_userdef_port_service_app(ctx) != JORN_DETECT_NO_MATCH)
+        JORN_DEBUG("User defined Port App\n");
+    if (jorn_state.settings.tm_engine_enabled == 0)
         return JORN_DETECT_NO_MATCH;
     return take_dpi_result(*ctx, trailer);
 }

@@ -6,6 +6,8 @@
 #include "control/reply.h"
 #include "core/dns_cache.h"
 #include "core/log.h"
+#include "userapps/port_service.h"
+#include "userapps/userdef.h"
 
 #include <cstring>
 
@@ -14,7 +16,8 @@ namespace {
 // One command as its handler sees it.
 struct command {
     int fd;
-    const uint8_t *payload; // COMMAND_PAYLOAD_SIZE bytes
+    const uint8_t *payload; // COMMAND_PAYLOAD_SIZE bytes, zeros behind the received ones
+    size_t received;        // of the payload
 
     uint32_t word(size_t offset = 0) const {
         uint32_t value;
@@ -54,6 +57,18 @@ void process_ut_case(const command &c) {
     JORN_ERROR("Unknown testid = %d\n", test_id);
 }
 
+// A table that promises more records than came would be completed with empty ones.
+void process_userdef_policy_cfg(const command &c) {
+    const auto count = static_cast<int32_t>(c.word());
+    if (count > 0 && count <= USERDEF_APPS_MAX &&
+        c.received < sizeof count + static_cast<size_t>(count) * sizeof(userdef_app)) {
+        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_process_cmd_userdef_policy_cfg_req", 0,
+                    "%d user-defined applications don't fit into %zu bytes\n", count, c.received);
+        return;
+    }
+    jorn_process_cmd_userdef_policy_cfg_req(c.payload);
+}
+
 void process_arc_policy_log_cfg(const command &c) {
     jorn_process_arc_policy_log_cfg(c.fd, c.text(), c.word(LOG_CFG_VALUE_OFFSET));
 }
@@ -61,12 +76,13 @@ void process_arc_policy_log_cfg(const command &c) {
 constexpr command_row COMMANDS[] = {
     {4, "CMD_CHECK_PRIORITY_REQ",
      [](const command &c) { jorn_process_cmd_check_priority(c.fd, c.word()); }, NOTHING},
-    {6, "CMD_POLICY_USERDEF_CFG_REQ", NOT_YET, SAVE_APPLICATION_POLICIES},
+    {6, "CMD_POLICY_USERDEF_CFG_REQ", process_userdef_policy_cfg, SAVE_APPLICATION_POLICIES},
     {7, "CMD_USERDEF_SHOW_REQ", NOT_YET, NOTHING},
     {8, "CMD_POLICY_CLEAN", [](const command &) { jorn_process_cmd_policy_clean(); }, NOTHING},
     {9, "CMD_ROAM_NOTIFY_REQ", NOT_YET, NOTHING},
     {10, "CMD_DNS_CACHE_SHOW_REQ", [](const command &c) { jorn_dnscache_show(c.fd); }, NOTHING},
-    {13, "CMD_PORT_SERVICE_CFG_REQ", NOT_YET, NOTHING},
+    {13, "CMD_PORT_SERVICE_CFG_REQ",
+     [](const command &) { jorn_process_cmd_port_service_cfg_req(); }, NOTHING},
     {14, "CMD_PORT_APP_SHOW_REQ", NOT_YET, NOTHING},
     {17, "CMD_WRITE_CFG_REQ", [](const command &c) { jorn_process_cmd_write_cfg(c.fd); }, NOTHING},
     {20, "CMD_ARC_UTP_CFG_REQ", [](const command &c) { jorn_process_arc_config(c.payload); },
@@ -100,7 +116,8 @@ void run_command(int fd, const uint8_t *message, size_t received) {
         return;
     cmd_msg_hdr header;
     memcpy(&header, message, sizeof header);
-    const command request = {fd, message + sizeof header};
+    const size_t payload_size = received > sizeof header ? received - sizeof header : 0;
+    const command request = {fd, message + sizeof header, payload_size};
     for (const command_row &row : COMMANDS) {
         if (row.number != header.cmd || row.run == NOT_YET)
             continue;

@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "core/shell.h"
+#include "core/text.h"
 #include "platform/psm.h"
 
 #include <cstdio>
@@ -16,7 +17,8 @@ constexpr size_t VERSION_SIZE = 64;
 void run_rule_agent(const char *rule_file) {
     if (!is_plain_to_shell(rule_file)) {
         JORN_LOG_AS(JORN_LOG_ERROR, "jorn_load_dpi_rules", 0,
-                    "no rules are loaded, this file name is refused: %s\n", rule_file);
+                    "no rules are loaded, this file name is refused: %s\n",
+                    printable_text(rule_file).c_str());
         return;
     }
     char command[DPI_COMMAND_SIZE];
@@ -42,7 +44,7 @@ void write_version(const char *version) {
     if (!is_plain_to_shell(version)) {
         JORN_LOG_AS(JORN_LOG_ERROR, "jorn_load_dpi_rules", 0,
                     "%s isn't written, this firmware version is refused: %s\n", DPI_VERSION_PATH,
-                    version);
+                    printable_text(version).c_str());
         return;
     }
     char command[DPI_COMMAND_SIZE];

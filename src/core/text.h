@@ -28,23 +28,6 @@ void copy_text(char (&field)[N], std::string_view text) {
     memset(field + length, 0, N - length);
 }
 
-// Without the spaces, carriage returns and line feeds at both ends; a tab stays.
-std::string_view trimmed(std::string_view text);
-
-// The same in place: the rest moves to the start of the buffer.
-void jorn_strtrim(char *text);
-
-// Appends `text` to the `*length` characters in `buffer` and adds its length to `*length`. Returns
-// 0, or -1 with nothing changed when a pointer is missing or the sum would reach `capacity`.
-int jorn_buf_append(char *buffer, const char *text, size_t *length, size_t capacity);
-
-// The number at the start of a text, as atoi reads it: white space, a sign, digits; 0 when there
-// are none. What doesn't fit becomes the nearest number that does.
-int64_t leading_decimal(std::string_view text);
-
-bool equals_ignoring_case(std::string_view a, std::string_view b);
-bool contains_ignoring_case(std::string_view text, std::string_view part);
-
 // A name that the platform or a peer has told, as logs, listings and files may show it: bounded,
 // and with a question mark for each control character, so that no name makes up a line of its own.
 // It may hold any other byte. Lives as long as the statement that shows it.
@@ -64,3 +47,20 @@ public:
 private:
     char text_[129];
 };
+
+// Without the spaces, carriage returns and line feeds at both ends; a tab stays.
+std::string_view trimmed(std::string_view text);
+
+// The same in place: the rest moves to the start of the buffer.
+void jorn_strtrim(char *text);
+
+// Appends `text` to the `*length` characters in `buffer` and adds its length to `*length`. Returns
+// 0, or -1 with nothing changed when a pointer is missing or the sum would reach `capacity`.
+int jorn_buf_append(char *buffer, const char *text, size_t *length, size_t capacity);
+
+// The number at the start of a text, as atoi reads it: white space, a sign, digits; 0 when there
+// are none. What doesn't fit becomes the nearest number that does.
+int64_t leading_decimal(std::string_view text);
+
+bool equals_ignoring_case(std::string_view a, std::string_view b);
+bool contains_ignoring_case(std::string_view text, std::string_view part);

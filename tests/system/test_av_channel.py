@@ -7,7 +7,7 @@ from testbed import *
 class AvChannel(SystemTest):
     def test_absent_then_present_then_killed_and_restarted(self):
         daemon = self.daemon()
-        frame, verdict = udp_frame(1, 2), flow(1, 2, 17)
+        frame, verdict = udp_frame(40001, 40002), flow(40001, 40002, 17)
 
         def fails():
             lines = len(daemon.lines)

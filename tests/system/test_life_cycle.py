@@ -122,7 +122,7 @@ class CaptureInterface(SystemTest):
         self.wait_until_judging()
         for state in ("down", "up"):
             run("ip", "link", "set", CAPTURE, state)
-        self.assertEqual(self.judge([udp_frame(1, 2)]), [flow(1, 2, 17)])
+        self.assertEqual(self.judge([udp_frame(40001, 40002)]), [flow(40001, 40002, 17)])
         self.assertEqual([l for l in daemon.lines.items if "failed" in l], [])
 
     def test_deleted(self):
