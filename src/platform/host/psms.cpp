@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -47,10 +48,10 @@ int psms_rflow_reset_app_policy() {
 
 int psms_av_set_dev_av(const char *ifname, int enable) {
     char padded_ifname[INTERFACE_NAME_SIZE] = {};
-    const size_t length = strlen(ifname);
-    if (length >= sizeof padded_ifname)
+    const std::string_view name(ifname);
+    if (name.size() >= sizeof padded_ifname)
         return -1;
-    memcpy(padded_ifname, ifname, length);
+    memcpy(padded_ifname, name.data(), name.size());
     return set_switch(av_switch::av, enable, padded_ifname);
 }
 
