@@ -6,10 +6,15 @@
 
 #include <cstring>
 
+const char *(*bench_name_of)(uint32_t address_be);
 uint32_t bench_last_verdict;
 uint64_t bench_verdicts;
 
 int psm_jor_mem_support() {
+    return 0;
+}
+
+int psm_mem_support_tm() {
     return 0;
 }
 
@@ -25,6 +30,22 @@ int psm_log_syslog(int, const char *) {
 int psms_wdl_ioctl(int, int, unsigned int, void *record) {
     memcpy(&bench_last_verdict, record, sizeof bench_last_verdict);
     ++bench_verdicts;
+    return 0;
+}
+
+int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
+                               uint32_t *word2, uint32_t *word3) {
+    const char *known = bench_name_of != nullptr ? bench_name_of(address_be) : nullptr;
+    *word1 = *word2 = *word3 = known != nullptr ? 1 : 0;
+    if (known != nullptr && size > 0) {
+        const size_t length = strnlen(known, size - 1);
+        memcpy(name, known, length);
+        name[length] = '\0';
+    }
+    return 0;
+}
+
+int psms_av_set_tm_en(int) {
     return 0;
 }
 

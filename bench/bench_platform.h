@@ -4,6 +4,10 @@
 
 #include <cstdint>
 
+// What the platform's DNS cache says of an address in network byte order: a name, or none. Without
+// a function it knows no name at all.
+extern const char *(*bench_name_of)(uint32_t address_be);
+
 // The last verdict's first word: what the benchmarks read to see that verdicts really came.
 extern uint32_t bench_last_verdict;
 extern uint64_t bench_verdicts;

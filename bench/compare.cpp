@@ -12,6 +12,9 @@
 // "-q -l 11" less that of "-q -l 1", divided by ten, which leaves out its start. It reads the file
 // in every pass; what reading alone costs is shown beside it.
 #include "bench_platform.h"
+#include "core/dns_cache.h"
+#include "core/hash_table.h"
+#include "core/state.h"
 #include "dns_answers.h"
 #include "frames.h"
 #include "lab.h"
@@ -113,9 +116,17 @@ double median_of(unsigned runs, const std::function<double()> &measure) {
     return values[values.size() / 2];
 }
 
+name_table names_of_capture;
+
+const char *name_of_address(uint32_t address_be) {
+    const auto found = names_of_capture.find(address_be);
+    return found != names_of_capture.end() ? found->second.c_str() : nullptr;
+}
+
 // One pass of all frames through the daemon's packet path.
 double daemon_pass_ns(const std::vector<frame_bytes> &captured) {
     const double start = own_cpu_ns();
+    hash_table_clear(jorn_state.dns_cache);
     for (const frame_bytes &frame : captured) {
         const pcap_pkthdr header = capture_header(frame);
         jorn_pkt_callback(nullptr, &header, frame.data());
@@ -160,7 +171,7 @@ double reader_ns(const std::string &path, const char *loops) {
     return ns(used.ru_utime) + ns(used.ru_stime);
 }
 
-void print_mix(const std::vector<frame_bytes> &frames, const name_table &names) {
+void print_mix(const std::vector<frame_bytes> &frames) {
     size_t bytes = 0;
     size_t tcp = 0;
     size_t udp = 0;
@@ -176,7 +187,8 @@ void print_mix(const std::vector<frame_bytes> &frames, const name_table &names) 
     }
     const auto percent = [&](size_t part) { return 100 * part / frames.size(); };
     printf("%zu packets, %zu bytes on average, %zu%% TCP, %zu%% UDP; %zu addresses named by DNS\n",
-           frames.size(), bytes / frames.size(), percent(tcp), percent(udp), names.size());
+           frames.size(), bytes / frames.size(), percent(tcp), percent(udp),
+           names_of_capture.size());
 }
 
 } // namespace
@@ -193,9 +205,8 @@ int main(int argc, char *argv[]) {
         fputs("compare: no packets\n", stderr);
         return EXIT_FAILURE;
     }
-    name_table names;
     for (const frame_bytes &frame : frames)
-        collect_dns_names(frame, names);
+        collect_dns_names(frame, names_of_capture);
 
     char directory[] = "/tmp/jorn-compare-XXXXXX";
     if (mkdtemp(directory) == nullptr)
@@ -203,7 +214,7 @@ int main(int argc, char *argv[]) {
     const std::string path = std::string(directory) + "/capture.pcap";
     write_capture(path, frames);
     printf("%zu packets from files, %zu generated\n", from_files, frames.size() - from_files);
-    print_mix(frames, names);
+    print_mix(frames);
 
     const auto packets = static_cast<double>(frames.size());
     lab_pin(lab_choose_cpus().consumer);
@@ -217,6 +228,9 @@ int main(int argc, char *argv[]) {
     for (frame_bytes &frame : frames)
         append_trailer(frame, plain_trailer());
     jorn_pkt_processor = jorn_decode_eth_pkt;
+    bench_name_of = name_of_address;
+    if (jorn_dnscache_hash_table_init() != 0)
+        lab_fail("the DNS cache");
     const double daemon =
         median_of(options.runs * PASSES, [&] { return daemon_pass_ns(frames) / packets; });
 

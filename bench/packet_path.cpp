@@ -9,6 +9,7 @@
 #include "control/arc_tables.h"
 #include "core/state.h"
 #include "core/text.h"
+#include "dns_cases.h"
 #include "frames.h"
 #include "lab.h"
 #include "live_path.h"
@@ -26,15 +27,21 @@
 namespace {
 
 constexpr unsigned FLOWS = 64;
+static_assert(FLOWS <= DNS_CACHE_CAPACITY);
 constexpr unsigned BARE_RUNS = 5;
 constexpr uint64_t BARE_PACKETS = 200'000;
 constexpr uint32_t SRC_UTP = 5;
 constexpr uint32_t DST_UTP = 6;
 
 constexpr bench_goal GOALS[] = {
-    {"verdict/tcp", "B", 1.0 / 25},
+    {"verdict/tcp", "B", 1.0 / 20},
     {"arc/source", "arc/empty", 3},
     {"arc/both", "arc/empty", 3},
+    {"dns/by_destination", "B", 1.0 / 15},
+    {"dns/by_source", "B", 1.0 / 10},
+    {"dns/two_misses_full", "B", 1.0 / 8},
+    {"hash/find_crafted", "hash/find_random", 1, 1},
+    {"hash/insert_crafted", "hash/insert_random", 1, 1},
 };
 
 // A case: its frames and the daemon's state before them.
@@ -44,41 +51,28 @@ struct packet_case {
     void (*set_up)();
 };
 
-frame_words words_of(unsigned flow) {
-    frame_words words;
-    words.src_ip = 0x0A000002 + flow;
-    words.dst_ip = 0xC6120001 + flow;
-    words.src_port = static_cast<uint16_t>(40000 + flow);
-    words.dst_port = 443;
-    return words;
-}
-
 const std::string PAYLOAD(64, 'x');
 
-frame_bytes tcp_frame(unsigned flow) {
-    return make_frame(words_of(flow), PAYLOAD);
-}
-
 frame_bytes udp_frame(unsigned flow) {
-    frame_words words = words_of(flow);
+    frame_words words = flow_words(flow);
     words.protocol = PROTOCOL_UDP;
     return make_frame(words, PAYLOAD);
 }
 
 frame_bytes vlan_frame(unsigned flow) {
-    frame_words words = words_of(flow);
+    frame_words words = flow_words(flow);
     words.carried = encapsulation::vlan;
     return make_frame(words, PAYLOAD);
 }
 
 frame_bytes pppoe_frame(unsigned flow) {
-    frame_words words = words_of(flow);
+    frame_words words = flow_words(flow);
     words.carried = encapsulation::pppoe;
     return make_frame(words, PAYLOAD);
 }
 
 frame_bytes redirect_frame(unsigned flow) {
-    frame_words words = words_of(flow);
+    frame_words words = flow_words(flow);
     words.from_client = false;
     std::swap(words.src_ip, words.dst_ip);
     words.src_port = 80;
@@ -86,16 +80,16 @@ frame_bytes redirect_frame(unsigned flow) {
     return make_frame(words, http_redirect_to(0xC6130001 + flow));
 }
 
-// A frame that decoding names, so that policies have something to compare.
-frame_bytes icmp_frame(unsigned flow) {
-    frame_words words = words_of(flow);
-    words.protocol = PROTOCOL_ICMP;
-    return make_frame(words, PAYLOAD);
-}
-
 void empty_configuration() {
     jorn_process_arc_policy_flush();
     jorn_process_utp_flush();
+    empty_dns_cache();
+}
+
+// Without policies; the flows have names, so that policies have something to compare.
+void named_flows() {
+    empty_configuration();
+    fill_dns_cache(FLOWS, named_side::destination);
 }
 
 // 64 domain rules, none of which fits.
@@ -113,7 +107,7 @@ void add_full_policy(uint32_t utp_id) {
 }
 
 void policy_of_source() {
-    empty_configuration();
+    named_flows();
     add_full_policy(SRC_UTP);
 }
 
@@ -123,7 +117,7 @@ void policies_of_both() {
 }
 
 constexpr packet_case DECODE_CASES[] = {
-    {"decode/tcp", tcp_frame, empty_configuration},
+    {"decode/tcp", flow_frame, empty_configuration},
     {"decode/udp", udp_frame, empty_configuration},
     {"decode/vlan", vlan_frame, empty_configuration},
     {"decode/pppoe", pppoe_frame, empty_configuration},
@@ -131,14 +125,14 @@ constexpr packet_case DECODE_CASES[] = {
 };
 
 constexpr packet_case VERDICT_CASES[] = {
-    {"verdict/tcp", tcp_frame, empty_configuration},
+    {"verdict/tcp", flow_frame, empty_configuration},
     {"verdict/udp", udp_frame, empty_configuration},
     {"verdict/vlan", vlan_frame, empty_configuration},
     {"verdict/pppoe", pppoe_frame, empty_configuration},
     {"verdict/http_302", redirect_frame, empty_configuration},
-    {"arc/empty", icmp_frame, empty_configuration},
-    {"arc/source", icmp_frame, policy_of_source},
-    {"arc/both", icmp_frame, policies_of_both},
+    {"arc/empty", flow_frame, named_flows},
+    {"arc/source", flow_frame, policy_of_source},
+    {"arc/both", flow_frame, policies_of_both},
 };
 
 std::vector<frame_bytes> frames_of(const packet_case &wanted) {
@@ -202,6 +196,7 @@ int main(int argc, char *argv[]) {
         benchmark::RegisterBenchmark(wanted.name, time_decoding, wanted);
     for (const packet_case &wanted : VERDICT_CASES)
         benchmark::RegisterBenchmark(wanted.name, time_verdict, wanted);
+    register_dns_cases();
 
     const double bare_ns = measure_b();
     lab_pin(lab_choose_cpus().consumer);

@@ -61,6 +61,9 @@ int psm_sys_get_fw_version(char *text, size_t size) {
 }
 
 int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
+    ++platform.ioctl_count;
+    if (!platform.keeps_records)
+        return platform.ioctl_result;
     platform.calls.push_back("psms_wdl_ioctl(" + std::to_string(command) + ", " +
                              std::to_string(arg) + ", " + std::to_string(length) + ")");
     const auto *bytes = static_cast<const uint8_t *>(record);

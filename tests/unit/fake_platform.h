@@ -16,6 +16,8 @@ struct fake_dns_answer {
 
 struct fake_platform {
     std::vector<std::string> calls; // "operation(arguments)"
+    bool keeps_records = true;      // otherwise an ioctl is counted and leaves no other trace
+    size_t ioctl_count = 0;
     std::vector<std::vector<uint8_t>> ioctl_records;
     std::vector<std::string> syslog_lines;
     int ioctl_result = 0;

@@ -1,0 +1,204 @@
+#include "dns_cases.h"
+
+#include "bench_platform.h"
+#include "core/dns_cache.h"
+#include "core/hash_table.h"
+#include "core/state.h"
+#include "core/text.h"
+#include "packet/capture.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t CLIENTS = 0x0A000002;
+constexpr uint32_t SERVERS = 0xC6120001;
+constexpr uint32_t STRANGERS = 0x2D000001;
+constexpr size_t DST_IP_OFFSET = 30;
+constexpr uint32_t FLOWS = 1024; // more than one look-up's memory stays near
+
+struct dns_case {
+    const char *name;
+    uint32_t entries;
+    named_side side;
+};
+
+constexpr dns_case CASES[] = {
+    {"dns/by_destination", DNS_CACHE_CAPACITY, named_side::destination},
+    {"dns/by_source", DNS_CACHE_CAPACITY, named_side::source},
+    {"dns/two_misses_full", DNS_CACHE_CAPACITY, named_side::neither},
+};
+
+std::string name_of_flow(uint32_t flow) {
+    return "Media" + std::to_string(flow) + ".cdn-" + std::to_string(flow % 97) + ".example";
+}
+
+std::vector<frame_bytes> flow_frames() {
+    std::vector<frame_bytes> frames;
+    for (uint32_t flow = 0; flow < FLOWS; ++flow) {
+        frames.push_back(flow_frame(flow));
+        append_trailer(frames.back(), plain_trailer());
+    }
+    return frames;
+}
+
+void time_naming(benchmark::State &state, const dns_case &wanted) {
+    fill_dns_cache(wanted.entries, wanted.side);
+    const std::vector<frame_bytes> frames = flow_frames();
+    size_t next = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        const frame_bytes &frame = frames[next++ % FLOWS];
+        const pcap_pkthdr header = capture_header(frame);
+        jorn_pkt_callback(nullptr, &header, frame.data());
+    }
+    empty_dns_cache();
+}
+
+const char *always_named(uint32_t) {
+    return "www.learnt.example";
+}
+
+// Every packet has another destination, which the platform names and the cache takes in.
+void time_learning(benchmark::State &state) {
+    bench_name_of = always_named;
+    empty_dns_cache();
+    frame_bytes frame = flow_frame(0);
+    append_trailer(frame, plain_trailer());
+    const pcap_pkthdr header = capture_header(frame);
+    uint32_t learnt = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        if (learnt == DNS_CACHE_CAPACITY) {
+            state.PauseTiming();
+            empty_dns_cache();
+            learnt = 0;
+            state.ResumeTiming();
+        }
+        const uint32_t address_be = htonl(SERVERS + learnt++);
+        memcpy(frame.data() + DST_IP_OFFSET, &address_be, sizeof address_be);
+        jorn_pkt_callback(nullptr, &header, frame.data());
+    }
+    bench_name_of = nullptr;
+    empty_dns_cache();
+}
+
+// Distinct addresses in network byte order: any, or such as the table's public hash puts into one
+// chain.
+std::vector<uint32_t> make_keys(bool crafted) {
+    std::vector<uint32_t> keys;
+    std::mt19937 random(20250106);
+    while (keys.size() < DNS_CACHE_CAPACITY) {
+        const auto key = static_cast<uint32_t>(random());
+        uint32_t hash = 5381;
+        for (unsigned byte = 0; byte < 4; ++byte)
+            hash = hash * 33 + static_cast<uint32_t>(static_cast<int8_t>(key >> (8 * byte)));
+        if (!crafted || hash % HASH_TABLE_BUCKETS == 7)
+            keys.push_back(key);
+        if (keys.size() == DNS_CACHE_CAPACITY) {
+            std::sort(keys.begin(), keys.end());
+            keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+        }
+    }
+    std::shuffle(keys.begin(), keys.end(), random);
+    return keys;
+}
+
+std::vector<dns_cache_entry *> make_entries(const std::vector<uint32_t> &keys) {
+    std::vector<dns_cache_entry *> entries;
+    for (const uint32_t key : keys) {
+        auto *entry = static_cast<dns_cache_entry *>(calloc(1, sizeof(dns_cache_entry)));
+        entry->ip = key;
+        entries.push_back(entry);
+    }
+    return entries;
+}
+
+void time_find(benchmark::State &state, bool crafted) {
+    const std::vector<uint32_t> keys = make_keys(crafted);
+    empty_dns_cache();
+    hash_table *table = jorn_state.dns_cache;
+    for (dns_cache_entry *entry : make_entries(keys))
+        hash_table_insert(table, entry);
+    size_t next = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        int error = 0;
+        benchmark::DoNotOptimize(hash_table_find(table, &keys[next++ % keys.size()], &error));
+        if (error != 0)
+            state.SkipWithError("a key wasn't found");
+    }
+    empty_dns_cache();
+}
+
+void time_insert(benchmark::State &state, bool crafted) {
+    const std::vector<uint32_t> keys = make_keys(crafted);
+    empty_dns_cache();
+    std::vector<dns_cache_entry *> entries = make_entries(keys);
+    size_t next = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        if (next == entries.size()) {
+            state.PauseTiming();
+            empty_dns_cache();
+            entries = make_entries(keys);
+            next = 0;
+            state.ResumeTiming();
+        }
+        if (hash_table_insert(jorn_state.dns_cache, entries[next++]) != 0)
+            state.SkipWithError("an insert was refused");
+    }
+    for (; next < entries.size(); ++next)
+        free(entries[next]);
+    empty_dns_cache();
+}
+
+} // namespace
+
+frame_words flow_words(uint32_t flow) {
+    frame_words words;
+    words.src_ip = CLIENTS + flow;
+    words.dst_ip = SERVERS + flow;
+    words.src_port = static_cast<uint16_t>(40000 + flow);
+    words.dst_port = 443;
+    return words;
+}
+
+frame_bytes flow_frame(uint32_t flow) {
+    return make_frame(flow_words(flow), std::string(64, 'x'));
+}
+
+void empty_dns_cache() {
+    if (jorn_state.dns_cache != nullptr) {
+        hash_table_clear(jorn_state.dns_cache);
+    } else if (jorn_dnscache_hash_table_init() != 0) {
+        fputs("no memory for the DNS cache\n", stderr);
+        exit(EXIT_FAILURE);
+    }
+}
+
+void fill_dns_cache(uint32_t entries, named_side side) {
+    empty_dns_cache();
+    const uint32_t first = side == named_side::destination ? SERVERS
+                           : side == named_side::source    ? CLIENTS
+                                                           : STRANGERS;
+    for (uint32_t n = 0; n < entries; ++n) {
+        if (learn_dns_name(htonl(first + n), name_of_flow(n)) != 0) {
+            fputs("the DNS cache refused an entry\n", stderr);
+            exit(EXIT_FAILURE);
+        }
+    }
+}
+
+void register_dns_cases() {
+    for (const dns_case &wanted : CASES)
+        benchmark::RegisterBenchmark(wanted.name, time_naming, wanted);
+    benchmark::RegisterBenchmark("dns/learnt", time_learning);
+    benchmark::RegisterBenchmark("hash/find_random", time_find, false);
+    benchmark::RegisterBenchmark("hash/find_crafted", time_find, true);
+    benchmark::RegisterBenchmark("hash/insert_random", time_insert, false);
+    benchmark::RegisterBenchmark("hash/insert_crafted", time_insert, true);
+}

@@ -1,0 +1,112 @@
+// The packet path allocates nothing. Every call of the allocator is counted: through the
+// sanitizer's hooks where there is one, else by standing in for malloc and its kin, on which
+// operator new is built.
+#include "core/state.h"
+#include "fake_platform.h"
+#include "frames.h"
+#include "packet/capture.h"
+#include "packet/decode.h"
+#include "packet/process.h"
+
+#include <gtest/gtest.h>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define COUNT_BY_HOOKS
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define COUNT_BY_HOOKS
+#endif
+
+namespace {
+
+size_t allocator_calls;
+
+} // namespace
+
+#if defined(COUNT_BY_HOOKS)
+
+// Not every compiler brings the header that declares it.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t),
+                                                         void (*)(const volatile void *));
+
+namespace {
+
+void count_from_now_on() {
+    static const int installed = __sanitizer_install_malloc_and_free_hooks(
+        [](const volatile void *, size_t) { ++allocator_calls; }, [](const volatile void *) {});
+    ASSERT_NE(installed, 0);
+    allocator_calls = 0;
+}
+
+} // namespace
+
+#else
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *old, size_t size);
+void *__libc_memalign(size_t alignment, size_t size);
+
+void *malloc(size_t size) {
+    ++allocator_calls;
+    return __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size) {
+    ++allocator_calls;
+    return __libc_calloc(count, size);
+}
+void *realloc(void *old, size_t size) {
+    ++allocator_calls;
+    return __libc_realloc(old, size);
+}
+void *aligned_alloc(size_t alignment, size_t size) {
+    ++allocator_calls;
+    return __libc_memalign(alignment, size);
+}
+}
+
+namespace {
+
+void count_from_now_on() {
+    allocator_calls = 0;
+}
+
+} // namespace
+
+#endif
+
+namespace {
+
+TEST(Allocations, NoneInTenThousandPackets) {
+    jorn_state = {};
+    platform = {};
+    platform.keeps_records = false;
+    jorn_pkt_processor = jorn_decode_eth_pkt;
+    capture_context capture_ctx = {};
+    const octets frames[] = {
+        with_trailer(ethernet(0x0800, ipv4(6, tcp(40000, 443)))),
+        with_trailer(ethernet(0x0800, ipv4(6, tcp(80, 1, "HTTP/1.1 302\r\nLocation: x\r\n")))),
+        with_trailer(vlan(0x0800, ipv4(17, udp(1024, 53)))),
+        with_trailer(pppoe(0x0021, ipv4(1, octets(8, 0)))),
+        with_trailer(ethernet(0x0806, arp())),
+    };
+
+    count_from_now_on();
+    ::operator delete(::operator new(1)); // the counter counts
+    ASSERT_EQ(allocator_calls, 1u);
+    count_from_now_on();
+    for (int i = 0; i < 10'000; ++i) {
+        const octets &frame = frames[static_cast<size_t>(i) % std::size(frames)];
+        pcap_pkthdr header = {};
+        header.caplen = header.len = static_cast<uint32_t>(frame.size());
+        jorn_pkt_callback(reinterpret_cast<uint8_t *>(&capture_ctx), &header, frame.data());
+    }
+    const size_t calls = allocator_calls;
+    EXPECT_EQ(calls, 0u);
+    EXPECT_EQ(platform.ioctl_count, 10'000u);
+}
+
+} // namespace

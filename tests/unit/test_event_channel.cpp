@@ -1,0 +1,95 @@
+// Runs in namespaces of its own: the service's path is the machine's.
+#include "core/event_channel.h"
+#include "fake_platform.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+class EventService {
+public:
+    EventService() {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, EVENT_SERVICE_PATH);
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+            ADD_FAILURE() << strerror(errno);
+    }
+    ~EventService() {
+        close(fd_);
+        unlink(EVENT_SERVICE_PATH);
+    }
+    // The next datagram; "" when there is none.
+    std::string receive() {
+        char datagram[4096];
+        const ssize_t size = recv(fd_, datagram, sizeof datagram, MSG_DONTWAIT);
+        return {datagram, size > 0 ? static_cast<size_t>(size) : 0};
+    }
+
+private:
+    int fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
+};
+
+std::string datagram_of(const std::string &text) {
+    const uint32_t word = 100;
+    return std::string(reinterpret_cast<const char *>(&word), sizeof word) + text + '\0';
+}
+
+TEST(EventChannel, SendsWordTextAndNul) {
+    EventService service;
+    EXPECT_EQ(jorn_yrtevent("<3>now: @@8003,x"), 1);
+    EXPECT_EQ(service.receive(), datagram_of("<3>now: @@8003,x"));
+
+    EXPECT_EQ(jorn_yrtevent(nullptr), 0);
+    EXPECT_EQ(jorn_yrtevent("<3>now:@@8003,x"), 0);
+    EXPECT_EQ(jorn_yrtevent(""), 0);
+    EXPECT_EQ(service.receive(), "");
+}
+
+TEST(EventChannel, ServiceThatComesAndGoesCostsOneEventEach) {
+    EXPECT_EQ(jorn_yrtevent("a: @@1"), 0);
+    for (int round = 0; round < 2; ++round) {
+        EventService service;
+        EXPECT_EQ(jorn_yrtevent("b: @@2"), 1);
+        EXPECT_EQ(service.receive(), datagram_of("b: @@2"));
+    }
+    EXPECT_EQ(jorn_yrtevent("c: @@3"), 0);
+}
+
+TEST(EventChannel, FullQueueIsAFailedSendAndNoWait) {
+    EventService service;
+    alarm(20); // a send that blocks ends the test
+    int sent = 0;
+    while (sent < 100'000 && jorn_yrtevent("full: @@1") == 1)
+        ++sent;
+    EXPECT_GT(sent, 0);
+    EXPECT_LT(sent, 100'000);
+    while (service.receive() != "")
+        --sent;
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(jorn_yrtevent("room: @@2"), 1);
+    alarm(0);
+}
+
+TEST(EventChannel, LineHasStampNumberNameAndMacAndFits) {
+    platform = {};
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    char line[EVENT_LINE_SIZE];
+    jorn_format_event(line, 3, 1'000'000'000, 8003, "URLF_DOWN", "\"server\"=\"a.example\"");
+    EXPECT_STREQ(line, "<3>Sep  9 01:46:40: @@8003,URLF_DOWN,\"apMac\"=\"00:1A:2B:3C:4D:5E\","
+                       "\"server\"=\"a.example\"");
+
+    jorn_format_event(line, 3, 1'000'000'000, 8003, "URLF_DOWN", std::string(2000, 'x'));
+    EXPECT_EQ(strlen(line), 1023u);
+    EventService service;
+    EXPECT_EQ(jorn_yrtevent(line), 1);
+    EXPECT_EQ(service.receive(), datagram_of(line));
+}
+
+} // namespace
