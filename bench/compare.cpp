@@ -135,7 +135,6 @@ double daemon_pass_ns(const std::vector<frame_bytes> &captured) {
 }
 
 double reading_pass_ns(const std::string &path) {
-    std::vector<frame_bytes> unused;
     char errbuf[PCAP_ERRBUF_SIZE] = {};
     const double start = own_cpu_ns();
     pcap_t *file = pcap_open_offline(path.c_str(), errbuf);

@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -103,6 +104,7 @@ void lab_enter() {
         silence_ipv6(iface.c_str());
         run("ip link set " + iface + " arp off up");
     }
+    setpriority(PRIO_PROCESS, 0, -20); // the figures are valid without it
 }
 
 lab_cpus lab_choose_cpus() {

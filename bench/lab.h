@@ -18,8 +18,9 @@ struct lab_cpus {
     int count;
 };
 
-// Moves this process into the namespaces and makes the pair. Ends the program with a message when
-// that fails.
+// Moves this process into the namespaces, makes the pair, and raises the process's priority, so
+// that whatever else runs on the machine interrupts less. Ends the program with a message when that
+// fails.
 void lab_enter();
 
 // The first two CPUs on which this process may run.

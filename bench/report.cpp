@@ -1,13 +1,17 @@
 #include "report.h"
 
 #include <cstdio>
+#include <vector>
 
 void goal_reporter::ReportRuns(const std::vector<Run> &runs) {
-    ConsoleReporter::ReportRuns(runs);
+    std::vector<Run> shown;
     for (const Run &run : runs) {
         if (run.aggregate_name == "median")
             medians_ns_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+        if (run.run_type != Run::RT_Aggregate || run.aggregate_name == "median")
+            shown.push_back(run);
     }
+    ConsoleReporter::ReportRuns(shown);
 }
 
 double goal_reporter::yardstick_ns(const bench_goal &goal) const {

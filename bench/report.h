@@ -1,4 +1,5 @@
-// What the in-memory cases print: Google Benchmark's own lines, then every median beside its goal.
+// What the in-memory cases print: Google Benchmark's own lines, of several repetitions the median
+// alone, then every median beside its goal.
 #pragma once
 
 #include <benchmark/benchmark.h>

@@ -1,6 +1,6 @@
 """The vocabulary of the system tests.
 
-A test class derives from SystemTest, which runs inside `isolated`: names and paths are the
+A test class derives from SystemTest, which runs inside `scripts/private`: names and paths are the
 daemon's own, nothing else uses them, and what a test leaves behind is swept up before the next.
 
     platform = self.platform(mem_support="0")      the stand-in behind the AV channel
@@ -403,7 +403,7 @@ class SystemTest(unittest.TestCase):
         self._platform = self._feed = None
         # Nothing saved before; the port-service file is there, or its want would be reported.
         shutil.rmtree("/writable/jorn", ignore_errors=True)
-        os.mkdir("/writable/jorn")
+        os.makedirs("/writable/jorn")
         open(PORT_SERVICE_FILE, "w").close()
         run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
             "65535")

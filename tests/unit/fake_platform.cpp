@@ -74,9 +74,10 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
 int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
                                uint32_t *word2, uint32_t *word3) {
     char text[INET_ADDRSTRLEN];
-    platform.calls.push_back("psms_dnscache_get_dn_by_ip(" +
-                             std::string(inet_ntop(AF_INET, &address_be, text, sizeof text)) +
-                             ", " + std::to_string(size) + ")");
+    if (platform.keeps_records)
+        platform.calls.push_back("psms_dnscache_get_dn_by_ip(" +
+                                 std::string(inet_ntop(AF_INET, &address_be, text, sizeof text)) +
+                                 ", " + std::to_string(size) + ")");
     const auto found = platform.dns.find(address_be);
     const fake_dns_answer answer =
         found != platform.dns.end() ? found->second : fake_dns_answer{"", 0, {0, 0, 0}};

@@ -16,7 +16,7 @@ struct fake_dns_answer {
 
 struct fake_platform {
     std::vector<std::string> calls; // "operation(arguments)"
-    bool keeps_records = true;      // otherwise an ioctl is counted and leaves no other trace
+    bool keeps_records = true;      // otherwise what a packet asks leaves a count of the ioctls
     size_t ioctl_count = 0;
     std::vector<std::vector<uint8_t>> ioctl_records;
     std::vector<std::string> syslog_lines;

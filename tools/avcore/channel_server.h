@@ -5,7 +5,7 @@
 #pragma once
 
 #include "avcore/messages.h"
-#include "avcore/unique_fd.h"
+#include "unique_fd.h"
 
 #include <functional>
 #include <map>

@@ -228,8 +228,16 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"client", "uplink", "rule", "platform"});
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform"});
     config settings;
+    if (const toml::node *dpi = in.find("dpi")) {
+        const std::optional<bool> on = dpi->value_exact<bool>();
+        if (!on)
+            in.fail(*dpi, "'dpi' must be true or false");
+        settings.dpi = *on;
+        if (!*on)
+            settings.platform_values.clear(); // the daemon's default: no engine
+    }
     if (const toml::table *client = in.table("client")) {
         const reader client_in(*client, name);
         client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});

@@ -48,7 +48,8 @@ struct config {
     client_profile client = {.side = {.if_name = "wlan0", .if_index = 1}};
     side_profile uplink = {.if_name = "eth0", .if_index = 2};
     std::vector<client_rule> rules; // the first that fits wins
-    std::map<std::string, std::string, std::less<>> platform_values;
+    std::map<std::string, std::string, std::less<>> platform_values = {{"tm_support", "1"}};
+    bool dpi = true;
 };
 
 class config_error : public std::runtime_error {

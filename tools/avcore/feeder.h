@@ -50,7 +50,7 @@ public:
     // A feeder may keep 400. But the verdicts of all of them must fit into the channel when this
     // process doesn't get to read for a while, and Linux lets a sender have some 160 unread.
     static constexpr size_t MAX_FRAMES = 128;
-    static constexpr size_t MAX_BYTES = 1024 * 1024;
+    static constexpr size_t MAX_BYTES = size_t{1024} * 1024;
     static constexpr size_t MAX_BURSTS = 4; // milliseconds in which something outstanding was sent
     static constexpr unsigned MAX_RESENDS = 10;
     static constexpr int64_t SILENCE_MS = 200;

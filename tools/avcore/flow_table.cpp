@@ -2,26 +2,10 @@
 
 #include "core/text.h"
 
-#include <algorithm>
-
 namespace avcore {
 
-flow_table::flow_id flow_table::id_of(const frame_facts &frame) {
-    endpoint low = frame.sender;
-    endpoint high = frame.receiver;
-    if (frame.ipv4) {
-        // A routed flow changes its MAC addresses under way and stays the same flow.
-        low.mac = {};
-        high.mac = {};
-    }
-    if (high < low)
-        std::swap(low, high);
-    const uint16_t ether_type = frame.ipv4 ? uint16_t{0} : frame.ether_type;
-    return {frame.ipv4, ether_type, frame.ip_proto, low, high};
-}
-
 flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t size) {
-    const flow_id id = id_of(frame);
+    const flow_id id = flow_id_of(frame);
     auto found = index_.find(id);
     if (found == index_.end()) {
         const bool from_client = rules_.sender_is_client(frame);

@@ -7,7 +7,6 @@
 #include "avcore/client_rules.h"
 #include "avcore/frame.h"
 
-#include <compare>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -52,21 +51,10 @@ public:
     uint64_t frames_without_row() const { return frames_without_row_; }
 
 private:
-    // The sides in their own order, so that both directions meet. Ordered rather than hashed: who
-    // chooses the addresses doesn't choose the cost.
-    struct flow_id {
-        bool ipv4;
-        uint16_t ether_type; // only without IPv4
-        uint8_t ip_proto;
-        endpoint low;
-        endpoint high;
-        auto operator<=>(const flow_id &) const = default;
-    };
-    static flow_id id_of(const frame_facts &frame);
-
     const client_rules &rules_;
     size_t limit_;
     std::deque<flow_row> rows_;
+    // Ordered rather than hashed: who chooses the addresses doesn't choose the cost.
     std::map<flow_id, flow_row *> index_;
     uint64_t frames_without_row_ = 0;
 };

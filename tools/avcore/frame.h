@@ -36,7 +36,27 @@ struct frame_facts {
     bool ipv4 = false;
 };
 
+// The two sides in their own order, so that both directions of a flow have one id.
+struct flow_id {
+    bool ipv4 = false;
+    uint16_t ether_type = 0; // only without IPv4
+    uint8_t ip_proto = 0;
+    endpoint low; // without MAC address in IPv4: a routed flow changes them and stays one flow
+    endpoint high;
+
+    auto operator<=>(const flow_id &) const = default;
+};
+flow_id flow_id_of(const frame_facts &frame);
+
 // Decodes what the daemon will capture: a frame with the trailer's 276 bytes behind it.
 frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer);
+
+// The IPv4 packet in a frame (without trailer), found where the decoders find it, without the
+// frame's padding. Empty when there is none, its lengths contradict each other, or it is a later
+// fragment.
+std::span<const uint8_t> ipv4_packet(std::span<const uint8_t> frame);
+
+// The payload of the UDP datagram in such a packet; empty when there is none.
+std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4);
 
 } // namespace avcore

@@ -2,7 +2,7 @@
 // the daemon captures.
 #pragma once
 
-#include "avcore/unique_fd.h"
+#include "unique_fd.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,5 +1,7 @@
 #include "avcore/messages.h"
 
+#include "core/text.h"
+
 #include <cstring>
 
 namespace avcore {
@@ -7,6 +9,7 @@ namespace {
 
 constexpr uint32_t OP_IOCTL = 1;
 constexpr uint32_t OP_POLICY_RESET = 3;
+constexpr uint32_t OP_SWITCH = 4;
 constexpr uint32_t OP_SYSLOG = 6;
 constexpr uint32_t LAST_ONE_WAY_OP = 6;
 constexpr int32_t IOCTL_SET_VERDICT = 8;
@@ -35,6 +38,18 @@ std::optional<channel_message> parse_ioctl(byte_span body) {
     return verdict;
 }
 
+std::optional<channel_message> parse_switch(byte_span body) {
+    struct {
+        uint32_t which;
+        int32_t value;
+        char if_name[24];
+    } record;
+    if (body.size() != sizeof record || !read_record(body, 0, record) ||
+        record.which < switch_setting::AV || record.which > switch_setting::TM)
+        return std::nullopt;
+    return switch_setting{record.which, record.value, std::string(field_text(record.if_name))};
+}
+
 std::optional<channel_message> parse_syslog(byte_span body) {
     syslog_line line = {};
     if (!read_record(body, 0, line.level))
@@ -59,6 +74,8 @@ std::optional<channel_message> parse_message(byte_span datagram) {
         return parse_ioctl(body);
     case OP_POLICY_RESET:
         return body.empty() ? std::optional<channel_message>(policy_reset{}) : std::nullopt;
+    case OP_SWITCH:
+        return parse_switch(body);
     case OP_SYSLOG:
         return parse_syslog(body);
     default:

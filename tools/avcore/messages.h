@@ -17,10 +17,19 @@ namespace avcore {
 
 using byte_span = std::span<const std::byte>;
 
+inline constexpr uint32_t OP_DOMAIN_NAME = 34;
 inline constexpr uint32_t OP_PLATFORM_VALUE = 36;
 
 // The verdicts of all flows are outdated.
 struct policy_reset {};
+
+// The daemon switches one of the module's functions on or off.
+struct switch_setting {
+    enum which : uint32_t { AV = 1, URL, WFC, TM };
+    uint32_t which;
+    int32_t value;
+    std::string if_name; // empty for TM
+};
 
 struct syslog_line {
     int32_t level;
@@ -37,7 +46,7 @@ struct question {
 };
 
 using channel_message =
-    std::variant<av_verdict, policy_reset, syslog_line, ignored_message, question>;
+    std::variant<av_verdict, policy_reset, switch_setting, syslog_line, ignored_message, question>;
 
 std::optional<channel_message> parse_message(byte_span datagram);
 

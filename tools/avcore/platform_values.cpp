@@ -4,12 +4,16 @@
 
 namespace avcore {
 
-std::vector<std::byte> answer_platform_value(const config &settings, const question &asked) {
+std::string asked_key(const question &asked) {
     char key[64];
     if (asked.body.size() < sizeof key)
-        return make_answer(asked, -1);
+        return {};
     memcpy(key, asked.body.data(), sizeof key);
-    const auto found = settings.platform_values.find(field_text(key));
+    return std::string(field_text(key));
+}
+
+std::vector<std::byte> answer_platform_value(const config &settings, const question &asked) {
+    const auto found = settings.platform_values.find(asked_key(asked));
     if (found == settings.platform_values.end())
         return make_answer(asked, -1);
     char value[128];

@@ -6,6 +6,11 @@
 
 namespace avcore {
 
+inline constexpr std::string_view KEY_DPI_ENGINE = "tm_support";
+
+// The key that is asked for; empty when the question holds none.
+std::string asked_key(const question &asked);
+
 // A key without a value, or one that is no text, is answered with -1: the asker's default holds.
 std::vector<std::byte> answer_platform_value(const config &settings, const question &asked);
 

@@ -18,7 +18,6 @@ std::string address_text(const flow_row &row, const endpoint &side) {
     char text[INET_ADDRSTRLEN];
     if (row.ipv4)
         return inet_ntop(AF_INET, &side.ip_be, text, sizeof text);
-    snprintf(text, sizeof text, "%02X:", side.mac[0]);
     std::string mac;
     for (const uint8_t byte : side.mac) {
         snprintf(text, sizeof text, mac.empty() ? "%02X" : ":%02X", byte);
@@ -153,6 +152,15 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         if (remark.count != 0)
             out << remark.what << ": " << remark.count << '\n';
     }
+    const char *separator = "switched by the daemon: ";
+    for (const auto &[name, value] : totals.switches) {
+        out << separator << name << " = " << value;
+        separator = ", ";
+    }
+    if (!totals.switches.empty())
+        out << '\n';
+    if (totals.engine_unasked)
+        out << "no daemon asked for the DPI engine: a daemon asks once, at its start\n";
 }
 
 } // namespace avcore

@@ -9,6 +9,7 @@
 #include "avcore/source.h"
 
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,8 @@ struct totals {
     feeder_counts feeder;
     size_t max_frame_size = 0;
     uint64_t malformed_messages = 0;
+    std::map<std::string, int32_t> switches; // what the daemon switched, printable
+    bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
 };
 
 std::string printable(std::string_view text);

@@ -17,6 +17,8 @@ namespace avcore {
 namespace {
 
 constexpr int PULLS_A_TURN = 32; // then the channel gets its turn, or verdicts pile up in it
+constexpr uint16_t DNS_PORT = 53;
+constexpr size_t SWITCHES_MAX = 256; // clients name the interfaces
 constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
@@ -56,6 +58,7 @@ session::session(const options &options, const config &settings)
       sink_(options.out_interface),
       channel_(channel_server::default_path()),
       progress_(!options.file.empty()),
+      dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr),
       max_frame_size_(sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer))) {
     source_.set_max_frame_size(max_frame_size_);
     if (max_frame_size_ < MAX_FRAME_SIZE)
@@ -141,7 +144,13 @@ void session::take_frame(const captured_frame &captured) {
 
     const frame_facts frame = decode_frame(fed.bytes);
     const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
-    const av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
+    av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
+    frame_time_us_ = captured.time_us;
+    if (const auto packet = ipv4_packet(captured.bytes); !packet.empty()) {
+        learn_names(frame, packet, captured.time_us);
+        if (dpi_)
+            dpi_->inspect(frame, packet, captured.time_us, trailer);
+    }
     memcpy(fed.bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
     fed.key = frame.key;
     fed.row = flow.row;
@@ -149,6 +158,13 @@ void session::take_frame(const captured_frame &captured) {
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
     feeder_.add(std::move(fed), now_ms);
+}
+
+void session::learn_names(const frame_facts &frame, std::span<const uint8_t> packet,
+                          int64_t time_us) {
+    if (frame.sender.port != DNS_PORT)
+        return;
+    names_.learn(read_dns_answer(udp_payload(packet)), time_us);
 }
 
 void session::send_frames() {
@@ -195,6 +211,8 @@ std::vector<std::byte> session::take_datagram(byte_span datagram) {
         take(*verdict);
     else if (const auto *line = std::get_if<syslog_line>(&*message))
         take(*line);
+    else if (const auto *setting = std::get_if<switch_setting>(&*message))
+        take(*setting);
     else if (std::holds_alternative<policy_reset>(*message))
         flows_.outdate_verdicts();
     return {};
@@ -211,10 +229,25 @@ void session::take(const syslog_line &line) {
     std::cerr << "avcore: syslog, level " << line.level << ": " << printable(line.text) << '\n';
 }
 
-std::vector<std::byte> session::answer(const question &asked) const {
-    if (asked.op == OP_PLATFORM_VALUE)
+void session::take(const switch_setting &setting) {
+    constexpr const char *names[] = {"", "av", "url", "wfc", "tm"};
+    std::string name = names[setting.which];
+    if (!setting.if_name.empty())
+        name += ' ' + printable(setting.if_name);
+    if (switches_.size() < SWITCHES_MAX || switches_.contains(name))
+        switches_[name] = setting.value;
+}
+
+std::vector<std::byte> session::answer(const question &asked) {
+    switch (asked.op) {
+    case OP_DOMAIN_NAME:
+        return answer_domain_name(names_, frame_time_us_, asked);
+    case OP_PLATFORM_VALUE:
+        engine_asked_ |= asked_key(asked) == KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
-    return make_answer(asked, -1);
+    default:
+        return make_answer(asked, -1);
+    }
 }
 
 void session::explain_waiting(int64_t now_ms) {
@@ -227,8 +260,8 @@ void session::explain_waiting(int64_t now_ms) {
 }
 
 void session::report() {
-    const totals totals = {source_.counts(), feeder_.counts(), max_frame_size_,
-                           malformed_messages_};
+    const totals totals = {source_.counts(),    feeder_.counts(), max_frame_size_,
+                           malformed_messages_, switches_,        dpi_ && !engine_asked_};
     if (options_.json)
         print_json(std::cout, flows_);
     else

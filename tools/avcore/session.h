@@ -5,6 +5,8 @@
 #include "avcore/channel_server.h"
 #include "avcore/client_rules.h"
 #include "avcore/config.h"
+#include "avcore/dns_names.h"
+#include "avcore/dpi.h"
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
 #include "avcore/frame_sink.h"
@@ -35,7 +37,9 @@ private:
     std::vector<std::byte> take_datagram(byte_span datagram);
     void take(const av_verdict &verdict);
     void take(const syslog_line &line);
-    std::vector<std::byte> answer(const question &asked) const;
+    void take(const switch_setting &setting);
+    std::vector<std::byte> answer(const question &asked);
+    void learn_names(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us);
     void explain_waiting(int64_t now_ms);
     void report();
 
@@ -49,6 +53,11 @@ private:
     frame_sink sink_;
     channel_server channel_;
     progress_bar progress_;
+    std::unique_ptr<dpi_engine> dpi_; // null: switched off
+    dns_names names_;
+    int64_t frame_time_us_ = 0;               // of the last frame read
+    std::map<std::string, int32_t> switches_; // "av wlan0" and the like
+    bool engine_asked_ = false;
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;
     int64_t first_frame_ms_ = -1;

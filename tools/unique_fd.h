@@ -4,8 +4,6 @@
 #include <unistd.h>
 #include <utility>
 
-namespace avcore {
-
 class unique_fd {
 public:
     unique_fd() = default;
@@ -25,5 +23,3 @@ public:
 private:
     int fd_ = -1;
 };
-
-} // namespace avcore

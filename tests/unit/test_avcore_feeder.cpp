@@ -1,0 +1,180 @@
+// The feeder against a capture that loses, delays and repeats.
+#include "avcore/feeder.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using avcore::feeder;
+
+class Feeder : public testing::Test {
+protected:
+    using ports = std::vector<uint16_t>;
+
+    static flow_key key(uint16_t port) {
+        flow_key key = {};
+        key.src_port_be = port;
+        return key;
+    }
+    void add(uint16_t port, size_t size = 300) {
+        feeder_.add({std::vector<uint8_t>(size), key(port), nullptr}, now_ms);
+    }
+    // What goes out now.
+    ports send() {
+        ports sent;
+        while (const avcore::fed_frame *frame = feeder_.next_to_send(now_ms)) {
+            sent.push_back(frame->key.src_port_be);
+            feeder_.sent(now_ms);
+        }
+        return sent;
+    }
+    bool verdict(uint16_t port) { return feeder_.take_verdict(key(port), now_ms).answered; }
+    ports after(int64_t ms) {
+        now_ms += ms;
+        feeder_.tick(now_ms);
+        return send();
+    }
+    // Past the first frame, which goes out alone.
+    void start() {
+        add(99);
+        send();
+        verdict(99);
+    }
+    int64_t now_ms = 1000;
+    feeder feeder_;
+};
+
+TEST_F(Feeder, RepeatsTheFirstFrameUntilAnsweredAndThenWaitsForItsCopies) {
+    add(1);
+    EXPECT_EQ(send(), ports{1});
+    EXPECT_FALSE(feeder_.has_room(now_ms));
+    EXPECT_EQ(after(199), ports{});
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(after(200), ports{1});
+    EXPECT_TRUE(verdict(1));
+    EXPECT_FALSE(verdict(1)) << "of a superfluous copy";
+    EXPECT_FALSE(feeder_.has_room(now_ms)) << "more of them may come and look like a later frame's";
+    after(200);
+    EXPECT_TRUE(feeder_.has_room(now_ms));
+    EXPECT_EQ(feeder_.counts().resent, 0u);
+    EXPECT_EQ(feeder_.counts().start_repeats, 20u);
+    EXPECT_FALSE(feeder_.busy());
+}
+
+TEST_F(Feeder, ResendsWhatALaterVerdictOvertook) {
+    start();
+    for (const uint16_t port : ports{1, 2, 3})
+        add(port);
+    EXPECT_EQ(send(), (ports{1, 2, 3}));
+    EXPECT_TRUE(verdict(3));
+    EXPECT_EQ(send(), (ports{1, 2}));
+    EXPECT_TRUE(verdict(1));
+    EXPECT_TRUE(verdict(2));
+    EXPECT_FALSE(verdict(7)) << "nobody's";
+    EXPECT_EQ(feeder_.counts().resent, 2u);
+    EXPECT_EQ(feeder_.counts().answered, 4u);
+    EXPECT_EQ(feeder_.counts().overlooked, 1u);
+}
+
+TEST_F(Feeder, ASlowDaemonCostsOneCopyAndMixesUpNothing) {
+    start();
+    for (int i = 0; i < 3; ++i)
+        add(5); // one flow: the copies can't be told from the frames
+    send();
+    EXPECT_EQ(after(200), ports{5});
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(verdict(5));
+    EXPECT_FALSE(feeder_.has_room(now_ms));
+    EXPECT_FALSE(verdict(5));
+    EXPECT_TRUE(feeder_.has_room(now_ms));
+    EXPECT_EQ(feeder_.counts().resent, 1u);
+}
+
+TEST_F(Feeder, ResendsEverythingWhenAllWasLost) {
+    start();
+    for (const uint16_t port : ports{1, 2, 3})
+        add(port);
+    send();
+    EXPECT_EQ(after(200), ports{1});
+    EXPECT_TRUE(verdict(1));
+    EXPECT_EQ(after(200), (ports{2, 3}));
+    EXPECT_TRUE(verdict(2));
+    EXPECT_TRUE(verdict(3));
+    EXPECT_TRUE(feeder_.has_room(now_ms));
+}
+
+TEST_F(Feeder, GivesUpAFrameAfterTenMoreAndGoesOn) {
+    start();
+    add(1);
+    add(2);
+    send();
+    int resent = 0;
+    for (int i = 0; i < 15 && feeder_.busy(); ++i)
+        resent += static_cast<int>(after(200).size());
+    EXPECT_EQ(resent, 20);
+    EXPECT_EQ(feeder_.counts().unanswered, 2u);
+    after(200);
+    ASSERT_TRUE(feeder_.has_room(now_ms));
+    add(3);
+    EXPECT_EQ(send(), ports{3});
+    EXPECT_TRUE(verdict(3));
+}
+
+TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {
+    start();
+    add(1);
+    for (uint16_t other = 100; other < 111; ++other) {
+        add(other);
+        ASSERT_EQ(send().size(), 2u);
+        ASSERT_TRUE(verdict(other));
+    }
+    EXPECT_EQ(feeder_.counts().resent, 10u);
+    EXPECT_EQ(feeder_.counts().unanswered, 1u);
+    EXPECT_FALSE(feeder_.busy());
+}
+
+TEST_F(Feeder, DaemonIsGoneAfterFiveSecondsOfWaitingWhicheverFramesWaited) {
+    start();
+    now_ms += 60'000; // nothing to answer
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms));
+    const int64_t from_ms = now_ms;
+    while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
+        if (feeder_.has_room(now_ms))
+            add(1); // the frames before were given up
+        send();
+        after(100);
+    }
+    EXPECT_GE(now_ms - from_ms, 5'000);
+    EXPECT_LE(now_ms - from_ms, 5'200);
+}
+
+TEST_F(Feeder, KeepsItsBounds) {
+    start();
+    size_t frames = 0;
+    for (; feeder_.has_room(now_ms); ++frames) {
+        add(1);
+        send();
+    }
+    EXPECT_EQ(frames, feeder::MAX_FRAMES);
+    while (feeder_.busy())
+        ASSERT_TRUE(verdict(1));
+
+    size_t bytes = 0;
+    for (; feeder_.has_room(now_ms); bytes += 65'535) {
+        add(1, 65'535);
+        send();
+    }
+    EXPECT_GT(bytes, feeder::MAX_BYTES / 2);
+    EXPECT_LE(bytes, feeder::MAX_BYTES);
+    while (feeder_.busy())
+        ASSERT_TRUE(verdict(1));
+
+    size_t milliseconds = 0;
+    for (; feeder_.has_room(now_ms); ++now_ms, ++milliseconds) {
+        add(1);
+        send();
+    }
+    EXPECT_EQ(milliseconds, feeder::MAX_BURSTS);
+}
+
+} // namespace

@@ -1,0 +1,180 @@
+// What avcore learns about flows: names from DNS answers, hostile ones among them, and nDPI's
+// findings.
+#include "avcore/dns_names.h"
+#include "avcore/dpi.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace avcore;
+using bytes = std::string;
+
+bytes u16(unsigned value) {
+    return {static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
+bytes name(std::string_view text) {
+    bytes wire;
+    for (size_t dot; !text.empty(); text.remove_prefix(std::min(dot, text.size() - 1) + 1)) {
+        dot = text.find('.');
+        const std::string_view label = text.substr(0, dot);
+        wire += static_cast<char>(label.size());
+        wire += label;
+    }
+    return wire + '\0';
+}
+
+bytes record(const bytes &owner, unsigned type, const bytes &data, unsigned ttl_s = 60) {
+    return owner + u16(type) + u16(1) + u16(0) + u16(ttl_s) + u16(unsigned(data.size())) + data;
+}
+
+bytes address(const char *text, const bytes &owner, unsigned ttl_s = 60) {
+    const uint32_t address_be = inet_addr(text);
+    return record(owner, 1, bytes(reinterpret_cast<const char *>(&address_be), 4), ttl_s);
+}
+
+dns_answer read(std::initializer_list<bytes> records, const bytes &asked = name("www.example.org"),
+                unsigned flags = 0x8180, unsigned questions = 1) {
+    bytes wire = u16(7) + u16(flags) + u16(questions) + u16(unsigned(records.size())) + u16(0) +
+                 u16(0) + asked + u16(1) + u16(1);
+    for (const bytes &one : records)
+        wire += one;
+    return read_dns_answer({reinterpret_cast<const uint8_t *>(wire.data()), wire.size()});
+}
+
+const bytes ASKED = "\xC0\x0C"; // a pointer to the question's name
+
+TEST(AvcoreDns, FollowsAliasesBackToTheNameAsked) {
+    // In any order, in any letter case, and past addresses of other names.
+    const dns_answer answer = read({address("192.0.2.1", name("EDGE.example.net")),
+                                    record(name("cdn.example.net"), 5, name("edge.example.net")),
+                                    address("192.0.2.66", name("other.example.net")),
+                                    record(ASKED, 5, name("CDN.example.net")),
+                                    address("192.0.2.2", name("edge.example.net"))});
+    EXPECT_EQ(answer.name, "www.example.org");
+    ASSERT_EQ(answer.findings.size(), 2u);
+    EXPECT_EQ(answer.findings[1].address_be, inet_addr("192.0.2.2"));
+}
+
+TEST(AvcoreDns, HostileAnswersTeachNothing) {
+    const bytes good = address("192.0.2.1", ASKED);
+    EXPECT_EQ(read({good}).findings.size(), 1u);
+    const struct {
+        const char *what;
+        dns_answer answer;
+    } rows[] = {
+        {"a query", read({good}, name("a.b"), 0x0100)},
+        {"an error", read({good}, name("a.b"), 0x8183)},
+        {"two questions", read({good}, name("a.b"), 0x8180, 2)},
+        {"a name that points at itself", read({good}, ASKED)},
+        {"a name that points forward", read({good}, "\xC0\x20")},
+        {"a name with a loop behind a label", read({good}, "\1a\xC0\x0C")},
+        {"a reserved label type", read({good}, "\x80x")},
+        {"a control character", read({good}, bytes("\3a\nb\0", 5))},
+        {"a NUL", read({good}, bytes("\3a\0b\0", 5))},
+        {"a dot in a label", read({good}, bytes("\3a.b\0", 5))},
+        {"254 characters", read({good}, name(bytes(63, 'a') + '.' + bytes(63, 'b') + '.' +
+                                             bytes(63, 'c') + '.' + bytes(62, 'd')))},
+        {"aliases in a circle",
+         read({record(ASKED, 5, name("b.c")), record(name("b.c"), 5, ASKED)})},
+        {"an address of three bytes", read({record(ASKED, 1, "abc")})},
+        {"a record longer than the message", read({good.substr(0, good.size() - 1)})},
+    };
+    for (const auto &row : rows)
+        EXPECT_TRUE(row.answer.findings.empty()) << row.what;
+    // What precedes a record that is cut still counts.
+    EXPECT_EQ(read({good, good.substr(0, 8)}).findings.size(), 1u);
+}
+
+TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
+    dns_names names(2);
+    constexpr int64_t second_us = 1'000'000;
+    const uint32_t one = inet_addr("192.0.2.1");
+    names.learn(read({address("192.0.2.1", ASKED, 60)}), 0);
+    names.learn(read({address("192.0.2.1", ASKED, 10)}, name("new.example.org")), second_us);
+    ASSERT_NE(names.find(one, 11 * second_us - 1), nullptr);
+    EXPECT_EQ(*names.find(one, 2 * second_us), "new.example.org");
+    EXPECT_EQ(names.find(one, 11 * second_us), nullptr);
+
+    names.learn(read({address("192.0.2.2", ASKED), address("192.0.2.3", ASKED)}), second_us);
+    EXPECT_EQ(names.size(), 2u);
+    EXPECT_EQ(names.find(one, 2 * second_us), nullptr);
+
+    // A question of eight bytes: the address and room for four characters and their end.
+    const uint32_t body[] = {inet_addr("192.0.2.3"), 5};
+    const question asked = {34, 1, std::as_bytes(std::span(body))};
+    const std::vector<std::byte> answer = answer_domain_name(names, second_us, asked);
+    ASSERT_EQ(answer.size(), 12u + 12u + 256u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
+    EXPECT_EQ(answer_domain_name(names, second_us, {34, 1, asked.body.first(7)}).size(), 12u);
+}
+
+TEST(AvcoreDpi, NamesWhatTheDaemonExpects) {
+    constexpr uint16_t none = 0, dns = 5, http = 7, tls = 91, youtube = 124, quic = 188;
+    const struct {
+        uint16_t master, app, id;
+        const char *name;
+        bool host;
+    } rows[] = {
+        {none, tls, tls, "HTTP Protocol over TLS SSL", true},
+        {tls, none, tls, "HTTP Protocol over TLS SSL", true},
+        {none, quic, quic, "HTTP Protocol over TLS SSL", true},
+        {none, http, http, "HTTP", true},
+        {tls, youtube, youtube, nullptr, true},
+        {quic, youtube, youtube, nullptr, true},
+        {dns, youtube, dns, nullptr, false},
+        {none, dns, dns, nullptr, false},
+        {none, none, none, nullptr, false},
+    };
+    for (const auto &row : rows) {
+        const dpi_application found = dpi_application_of(row.master, row.app);
+        EXPECT_EQ(found.id, row.id) << row.master << ' ' << row.app;
+        EXPECT_STREQ(found.name, row.name) << row.master << ' ' << row.app;
+        EXPECT_EQ(found.names_host, row.host) << row.master << ' ' << row.app;
+    }
+}
+
+class AvcoreDpiEngine : public testing::Test {
+protected:
+    av_pkt_trailer inspect(uint16_t port, uint16_t to_port, const bytes &payload,
+                           int64_t time_us = 0) {
+        const bytes packet = bytes("\x45\0", 2) + u16(unsigned(28 + payload.size())) +
+                             bytes("\0\0\0\0\x40\x11\0\0\x0A\0\0\2\xC0\0\2\7", 16) + u16(port) +
+                             u16(to_port) + u16(unsigned(8 + payload.size())) + u16(0) + payload;
+        frame_facts frame;
+        frame.ipv4 = true;
+        frame.ip_proto = 17;
+        frame.sender = {{}, inet_addr("10.0.0.2"), port};
+        frame.receiver = {{}, inet_addr("192.0.2.7"), to_port};
+        av_pkt_trailer trailer = {};
+        engine.inspect(frame, {reinterpret_cast<const uint8_t *>(packet.data()), packet.size()},
+                       time_us, trailer);
+        return trailer;
+    }
+    dpi_engine engine{2};
+};
+
+TEST_F(AvcoreDpiEngine, NamesFlowsGivesUpAndForgets) {
+    const bytes query = u16(7) + u16(0x0100) + u16(1) + u16(0) + u16(0) + u16(0) +
+                        name("www.youtube.com") + u16(1) + u16(1);
+    const av_pkt_trailer named = inspect(1, 53, query);
+    EXPECT_EQ(named.dpi_status, AV_DPI_IDENTIFIED);
+    EXPECT_STREQ(named.dpi_app_name, "DNS");
+    EXPECT_EQ(named.filter_type, AV_FILTER_DPI);
+    EXPECT_EQ(named.kernel_domain[0], '\0');
+
+    for (int i = 1; i < 24; ++i)
+        ASSERT_EQ(inspect(2, 9999, bytes(50, '\xAA')).dpi_status, AV_DPI_MORE_PACKETS) << i;
+    EXPECT_EQ(inspect(2, 9999, bytes(50, '\xAA')).dpi_status, 3u);
+    EXPECT_EQ(inspect(1, 53, query).dpi_status, AV_DPI_IDENTIFIED);
+
+    inspect(3, 9999, "x"); // more flows than it keeps: the one seen longest ago starts anew
+    EXPECT_EQ(engine.flows(), 2u);
+    EXPECT_EQ(inspect(2, 9999, bytes(50, '\xAA')).dpi_status, AV_DPI_MORE_PACKETS);
+    inspect(4, 9999, "x", dpi_engine::MAX_IDLE_US + 1);
+    EXPECT_EQ(engine.flows(), 1u);
+}
+
+} // namespace

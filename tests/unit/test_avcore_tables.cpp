@@ -1,0 +1,156 @@
+// avcore's configuration, the client of a flow, and messages from whoever connects.
+#include "avcore/config.h"
+#include "avcore/flow_table.h"
+#include "avcore/messages.h"
+#include "avcore/trailer_builder.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace avcore;
+
+TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
+    const struct {
+        const char *text;
+        const char *message;
+    } rows[] = {
+        {"[client]\nutp = 3\n", "line 2: unknown key 'utp'"},
+        {"[client]\nutp_id = -1\n", "line 2: 'utp_id'"},
+        {"[client]\nutp_id = \"3\"\n", "line 2: 'utp_id'"},
+        {"[uplink]\ninterface = \"sixteen-letters-\"\n", "line 2: 'interface'"},
+        {"[[rule]]\nutp_id = 3\n", "line 1: a rule needs"},
+        {"[[rule]]\nmac = \"02:00:00:00:00:0\"\n", "line 2: 'mac'"},
+        {"[[rule]]\nmac = \"02:00:00:00:00:-1\"\n", "line 2: 'mac'"},
+        {"[[rule]]\nnetwork = \"10.0.0.0/33\"\n", "line 2: 'network'"},
+        {"[[rule]]\nnetwork = \"10.0.0.0/\"\n", "line 2: 'network'"},
+        {"[client]\nfilter_type = [\"url\",\n\"dpi\"]\n", "line 3: 'filter_type'"},
+        {"[client]\nweb_utp = [1]\n", "line 2: 'web_utp'"},
+        {"[platform]\nbase_mac = \"1\"\n", "line 2: 'base_mac'"},
+        {"dpi = 1\n", "line 1: 'dpi'"},
+        {"rule = 3\n", "line 1: 'rule'"},
+        {"[client\n", "line 1: "},
+    };
+    for (const auto &row : rows) {
+        try {
+            parse_config(row.text, "f.toml");
+            ADD_FAILURE() << "taken: " << row.text;
+        } catch (const config_error &error) {
+            EXPECT_EQ(std::string(error.what()).find(std::string("f.toml, ") + row.message), 0u)
+                << error.what();
+        }
+    }
+}
+
+TEST(AvcoreConfig, DpiOffTakesTheEngineFromThePlatform) {
+    EXPECT_EQ(parse_config("", "f").platform_values.at("tm_support"), "1");
+    EXPECT_FALSE(parse_config("dpi = false", "f").platform_values.contains("tm_support"));
+    const config given = parse_config("[platform]\nbase_mac = \"aa:bb:cc:dd:ee:0f\"\n"
+                                      "[platform.avc_enable]\nwlan3 = 1\n",
+                                      "f");
+    EXPECT_EQ(given.platform_values.at("base_mac"), "AA:BB:CC:DD:EE:0F");
+    EXPECT_EQ(given.platform_values.at("avc_enable/wlan3"), "1");
+}
+
+frame_facts tcp_frame(const char *from, uint16_t from_port, const char *to, uint16_t to_port) {
+    frame_facts frame;
+    frame.ipv4 = true;
+    frame.ip_proto = 6;
+    frame.ether_type = 0x0800;
+    frame.sender = {{2, 0, 0, 0, 0, 1}, inet_addr(from), from_port};
+    frame.receiver = {{2, 0, 0, 0, 0, 2}, inet_addr(to), to_port};
+    return frame;
+}
+
+class AvcoreFlows : public testing::Test {
+protected:
+    config settings = parse_config("[[rule]]\nnetwork = \"10.1.0.0/16\"\nutp_id = 5\n"
+                                   "interface = \"wlan7\"\nfilter_type = [\"url\"]\n"
+                                   "[[rule]]\ncaptured_on = \"br0\"\nutp_id = 9\n",
+                                   "f");
+    client_rules rules{settings, ""};
+    flow_table flows{rules, 2};
+};
+
+TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
+    const frame_facts reply = tcp_frame("192.0.2.7", 443, "10.1.0.2", 4000);
+    const frame_facts query = tcp_frame("10.1.0.2", 4000, "192.0.2.7", 443);
+    EXPECT_FALSE(flows.count_frame(reply, 100).from_client);
+    const flow_table::sighting second = flows.count_frame(query, 50);
+    EXPECT_TRUE(second.from_client);
+    EXPECT_EQ(second.row->bytes, 150u);
+    EXPECT_EQ(second.row->client.port, 4000);
+
+    // The trailer's source is the side that sent the frame.
+    const av_pkt_trailer up = build_trailer(rules, query, second);
+    const av_pkt_trailer down = build_trailer(rules, reply, {second.row, false});
+    EXPECT_STREQ(up.src_if_name, "wlan7");
+    EXPECT_STREQ(up.dst_if_name, "eth0");
+    EXPECT_EQ(up.src_utp_id, 5u);
+    EXPECT_STREQ(down.src_if_name, "eth0");
+    EXPECT_EQ(down.dst_utp_id, 5u);
+    EXPECT_EQ(down.src_utp_id, 0u);
+    EXPECT_EQ(down.filter_type, AV_FILTER_URL);
+
+    EXPECT_TRUE(flows.count_frame(tcp_frame("192.0.2.7", 443, "172.16.0.9", 1), 1).from_client);
+    EXPECT_EQ(client_rules(settings, "br0").client(reply.sender).side.utp_id, 9u);
+}
+
+TEST_F(AvcoreFlows, TurnedAwayFlowsAreCountedAndVerdictsGoOutOfDate) {
+    flow_row &row = *flows.count_frame(tcp_frame("10.1.0.2", 1, "192.0.2.7", 2), 1).row;
+    flows.count_frame(tcp_frame("10.1.0.2", 2, "192.0.2.7", 2), 1);
+    EXPECT_EQ(flows.count_frame(tcp_frame("10.1.0.2", 3, "192.0.2.7", 2), 1).row, nullptr);
+    EXPECT_EQ(flows.frames_without_row(), 1u);
+    EXPECT_EQ(flows.count_frame(tcp_frame("192.0.2.7", 2, "10.1.0.2", 1), 1).row, &row);
+
+    av_verdict verdict = {};
+    verdict.verdict = AV_VERDICT_DENY;
+    memset(verdict.app_name, 'x', sizeof verdict.app_name); // no end in the field
+    flows.set_verdict(row, verdict);
+    EXPECT_EQ(row.application.size(), 64u);
+    flows.outdate_verdicts();
+    EXPECT_TRUE(row.outdated);
+    EXPECT_FALSE(flows.rows()[1].outdated) << "never had one";
+    flows.set_verdict(row, verdict);
+    EXPECT_FALSE(row.outdated);
+}
+
+std::vector<std::byte> message(std::initializer_list<uint32_t> words, size_t padding) {
+    std::vector<std::byte> bytes(words.size() * 4);
+    memcpy(bytes.data(), words.begin(), bytes.size());
+    bytes.resize(bytes.size() + padding, std::byte{0x41});
+    return bytes;
+}
+
+TEST(AvcoreMessages, TakesOnlyWhatIsExactlyAMessage) {
+    EXPECT_TRUE(
+        std::holds_alternative<av_verdict>(*parse_message(message({1, 0, 8, 0, 232}, 232))));
+    EXPECT_TRUE(
+        std::holds_alternative<ignored_message>(*parse_message(message({1, 0, 9, 0, 3}, 3))));
+    const struct {
+        std::initializer_list<uint32_t> words;
+        size_t padding;
+    } malformed[] = {
+        {{1}, 0},                      // no sequence number
+        {{1, 0, 8, 0}, 0},             // no length
+        {{1, 0, 8, 0, 232}, 231},      // longer than it is
+        {{1, 0, 8, 0, 232}, 233},      //
+        {{1, 0, 8, 0, 0xFFFFFFFF}, 4}, //
+        {{1, 0, 8, 0, 8}, 8},          // no verdict
+        {{3, 0}, 1},                   // has no body
+        {{4, 0, 0, 1}, 24},            // no such switch
+        {{4, 0, 1, 1}, 23},            //
+        {{6, 0}, 3},                   // no level
+    };
+    for (const auto &row : malformed)
+        EXPECT_FALSE(parse_message(message(row.words, row.padding))) << *row.words.begin();
+
+    const std::vector<std::byte> unknown = message({77, 9}, 5);
+    const auto parsed = parse_message(unknown);
+    const auto &asked = std::get<question>(*parsed);
+    EXPECT_EQ(make_answer(asked, -1, asked.body).size(), 12u) << "no body with a failure";
+}
+
+} // namespace

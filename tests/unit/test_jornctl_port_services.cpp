@@ -1,0 +1,83 @@
+#include "jornctl/client.h"
+#include "jornctl/failure.h"
+#include "jornctl/files.h"
+#include "jornctl/port_services.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+using namespace jornctl;
+
+namespace {
+
+TEST(JornctlPortServices, LinesThatTheDaemonWouldSkip) {
+    const std::string name_field(2'000, 'n');
+    const struct {
+        std::string line;
+        std::string reason; // a part of it; empty: the daemon takes the line
+    } rows[] = {
+        {"8443,tcp,4,1201,Intranet-Portal", ""},
+        {" 8443 ,\tUDP", "has no application name"},
+        {"8443 , UdP ,4,1201, Portal \r", ""},
+        {",,8443,,tcp,4,,1201,Portal,more,fields", ""},
+        {"65534,tcp,4,70000,Portal", ""},
+        {"WDL_PORT_SERVICE_FILE_VER:1.0", ""},
+        {"65535,tcp,4,1201,Portal", "the port \"65535\""},
+        {"0,tcp,4,1201,Portal", "the port \"0\""},
+        {"4294967297,tcp,4,1201,Portal", "the port \"4294967297\""},
+        {"80x,tcp,4,1201,Portal", "the port \"80x\""},
+        {"80,icmp,4,1201,Portal", "the protocol \"icmp\""},
+        {"80,tcp,,1201,Portal", "has no application name"},
+        {"80,tcp,4,1201, ", "has no application name"},
+        {"80,tcp,x,1201,Portal", "the category id \"x\""},
+        {"80,tcp,4,-1,Portal", "the application id \"-1\""},
+        {"", "has no application name"},
+        {"80,tcp,4,1201," + name_field, "longer than 1023"},
+        {std::string("80,tcp,4,1201,a\0b", 17), "NUL"},
+    };
+    for (const auto &row : rows) {
+        // Between good lines, the last of them without a line feed.
+        const auto faults = check_port_services("1,tcp,1,1,a\n" + row.line + "\n2,tcp,1,1,b");
+        ASSERT_EQ(faults.size(), row.reason.empty() ? 0u : 1u) << row.line;
+        if (!row.reason.empty()) {
+            EXPECT_EQ(faults[0].line, 2u) << row.line;
+            EXPECT_NE(faults[0].reason.find(row.reason), std::string::npos) << faults[0].reason;
+        }
+    }
+}
+
+TEST(JornctlPortServices, UpdatesTakeNoEntryUntilTheListIsFull) {
+    std::string full = "1,udp,1,1,other-protocol\n1,UDP,2,2,update\n";
+    for (int port = 1; port <= 1024; ++port)
+        full += std::to_string(port) + ",tcp,1,1,a\n";
+    EXPECT_TRUE(check_port_services(full).empty());
+    EXPECT_EQ(check_port_services(full + "bad\n").size(), 1u);
+    for (const char *const extra : {"1025,tcp,1,1,new\n", "1,tcp,1,1,update\n"}) {
+        const auto faults = check_port_services(full + extra);
+        ASSERT_EQ(faults.size(), 1u) << extra;
+        EXPECT_EQ(faults[0].line, 1027u);
+        EXPECT_NE(faults[0].reason.find("after 1025 entries"), std::string::npos);
+    }
+}
+
+TEST(JornctlFiles, ReplacesWholeOrLeavesNothingBeside) {
+    const std::filesystem::path root = testing::TempDir() + "jornctl_files";
+    std::filesystem::remove_all(root);
+    const std::filesystem::path target = root / "a" / "file";
+    replace_file(target, "old");
+    replace_file(target, "new");
+    EXPECT_EQ(read_file(target), "new");
+    // A directory with something in it can't be renamed over.
+    EXPECT_THROW(replace_file(root / "a", "x"), refused);
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root))
+        EXPECT_TRUE(entry.path() == target || entry.path() == root / "a") << entry.path();
+}
+
+TEST(JornctlClient, MessageIsHeaderAndPayload) {
+    EXPECT_EQ(make_message({34, std::string("\1\0\0\0", 4)}),
+              std::string("\0\0\0\0\x22\0\0\0\0\0\0\0\0\0\0\0\4\0\0\0\1\0\0\0", 24));
+    EXPECT_NO_THROW(make_message({5, std::string(122'860, 'x')}));
+    EXPECT_THROW(make_message({5, std::string(122'861, 'x')}), refused);
+}
+
+} // namespace

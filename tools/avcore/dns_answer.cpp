@@ -1,0 +1,173 @@
+#include "avcore/dns_answer.h"
+
+#include "core/text.h"
+#include "packet/cursor.h"
+
+#include <algorithm>
+
+namespace avcore {
+namespace {
+
+constexpr size_t QUESTION_TAIL_SIZE = 4; // type and class
+constexpr size_t NAME_MAX_SIZE = 253;
+constexpr unsigned RECORDS_MAX = 256;
+constexpr unsigned CNAME_CHAIN_MAX = 16;
+constexpr uint16_t TYPE_A = 1;
+constexpr uint16_t TYPE_CNAME = 5;
+constexpr uint16_t CLASS_IN = 1;
+
+class reader {
+public:
+    explicit reader(std::span<const uint8_t> message) : message_(message.data(), message.size()) {}
+
+    bool failed() const { return failed_; }
+    size_t offset() const { return offset_; }
+    size_t left() const { return message_.size() - offset_; }
+    void skip(size_t size) {
+        if (size > left())
+            failed_ = true;
+        else
+            offset_ += size;
+    }
+    uint16_t u16() {
+        const uint16_t value = message_.u16(offset_);
+        skip(2);
+        return value;
+    }
+    uint32_t u32() {
+        const uint32_t high = u16();
+        return high << 16 | u16();
+    }
+    uint32_t address_be() {
+        uint32_t value = 0;
+        message_.copy(offset_, &value, sizeof value);
+        skip(sizeof value);
+        return value;
+    }
+
+    // Reads a name and stops behind it.
+    std::string name();
+
+private:
+    byte_view message_;
+    size_t offset_ = 0;
+    bool failed_ = false;
+};
+
+bool printable_label(std::string_view label) {
+    return std::all_of(label.begin(), label.end(),
+                       [](char c) { return c > ' ' && c <= '~' && c != '.'; });
+}
+
+std::string reader::name() {
+    std::string text;
+    size_t at = offset_;
+    size_t lowest = offset_; // each pointer leads below this: no loops
+    bool jumped = false;
+    while (at < message_.size()) {
+        const uint8_t length = message_.u8(at);
+        if ((length & 0xC0) == 0xC0) {
+            const size_t target = message_.u16(at) & 0x3FFFu;
+            if (!jumped)
+                skip(at + 2 - offset_);
+            if (target >= lowest || failed_)
+                break;
+            jumped = true;
+            at = lowest = target;
+            continue;
+        }
+        if (length == 0) {
+            if (!jumped)
+                skip(at + 1 - offset_);
+            return text;
+        }
+        const std::string_view label = message_.from(at + 1).first(length).text();
+        if ((length & 0xC0) != 0 || label.size() != length || !printable_label(label) ||
+            text.size() + 1 + length > NAME_MAX_SIZE)
+            break;
+        if (!text.empty())
+            text += '.';
+        text += label;
+        at += 1u + length;
+    }
+    failed_ = true;
+    return {};
+}
+
+std::string lower_case(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), ascii_lower);
+    return text;
+}
+
+struct records {
+    struct alias {
+        std::string owner, target;
+    };
+    struct address {
+        std::string owner;
+        dns_finding finding;
+    };
+    std::vector<alias> aliases;
+    std::vector<address> addresses;
+};
+
+// What was whole before a record that isn't still counts: an answer may be cut by its capture.
+records read_records(reader &in, unsigned count) {
+    records found;
+    for (unsigned i = 0; i < std::min(count, RECORDS_MAX); ++i) {
+        const std::string owner = lower_case(in.name());
+        const uint16_t type = in.u16();
+        const uint16_t record_class = in.u16();
+        const uint32_t ttl_s = in.u32();
+        const uint16_t size = in.u16();
+        if (in.failed() || size > in.left())
+            break;
+        const size_t end = in.offset() + size;
+        if (record_class == CLASS_IN && type == TYPE_A && size == 4)
+            found.addresses.push_back({owner, {in.address_be(), ttl_s}});
+        else if (record_class == CLASS_IN && type == TYPE_CNAME)
+            found.aliases.push_back({owner, lower_case(in.name())});
+        if (in.failed() || in.offset() > end)
+            break;
+        in.skip(end - in.offset());
+    }
+    return found;
+}
+
+} // namespace
+
+dns_answer read_dns_answer(std::span<const uint8_t> message) {
+    dns_answer answer;
+    reader in(message);
+    in.skip(2);
+    const uint16_t flags = in.u16();
+    const uint16_t questions = in.u16();
+    const uint16_t answers = in.u16();
+    in.skip(4);
+    const bool response = (flags & 0x8000) != 0;
+    const bool standard_query = (flags & 0x7800) == 0;
+    const bool success = (flags & 0x000F) == 0;
+    if (in.failed() || !response || !standard_query || !success || questions != 1)
+        return answer;
+    answer.name = in.name();
+    in.skip(QUESTION_TAIL_SIZE);
+    if (in.failed() || answer.name.empty())
+        return answer;
+
+    const records found = read_records(in, answers);
+    std::string owner = lower_case(answer.name);
+    for (unsigned step = 0; step < CNAME_CHAIN_MAX; ++step) {
+        for (const records::address &record : found.addresses) {
+            if (record.owner == owner)
+                answer.findings.push_back(record.finding);
+        }
+        const auto next = std::find_if(found.aliases.begin(), found.aliases.end(),
+                                       [&](const auto &alias) { return alias.owner == owner; });
+        if (!answer.findings.empty() || next == found.aliases.end())
+            break;
+        owner = next->target;
+    }
+    return answer;
+}
+
+} // namespace avcore

@@ -1,0 +1,27 @@
+// Reads a DNS answer (RFC 1035): which IPv4 addresses the name that was asked has.
+//
+// The message comes from the network and is believed in nothing: pointers lead backwards only,
+// lengths are checked, and a name that holds anything but printable characters is none.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+struct dns_finding {
+    uint32_t address_be;
+    uint32_t ttl_s;
+};
+
+struct dns_answer {
+    std::string name; // as asked, without the final dot
+    std::vector<dns_finding> findings;
+};
+
+// No findings when the message isn't an answer to one question, is malformed, or has no addresses.
+dns_answer read_dns_answer(std::span<const uint8_t> message);
+
+} // namespace avcore

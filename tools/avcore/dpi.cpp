@@ -1,0 +1,139 @@
+#include "avcore/dpi.h"
+
+#include "core/text.h"
+
+#include <ndpi_api.h>
+#include <stdexcept>
+
+namespace avcore {
+namespace {
+
+constexpr uint32_t DPI_FAILED = 3;
+constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
+
+} // namespace
+
+// In Debian's nDPI a bare TLS flow is (0, TLS), one whose server is known is (TLS, that server's):
+// either field may hold what matters.
+dpi_application dpi_application_of(uint16_t master, uint16_t application) {
+    const auto either = [&](uint16_t id) { return master == id || application == id; };
+    const auto bare = [&](uint16_t id) {
+        return application == id || (application == NDPI_PROTOCOL_UNKNOWN && master == id);
+    };
+    // nDPI names a query after what was asked.
+    if (either(NDPI_PROTOCOL_DNS))
+        return {NDPI_PROTOCOL_DNS, nullptr, false};
+    const bool web =
+        either(NDPI_PROTOCOL_HTTP) || either(NDPI_PROTOCOL_TLS) || either(NDPI_PROTOCOL_QUIC);
+    // Names that the daemon passes over, so that the server's name from DNS counts.
+    if (bare(NDPI_PROTOCOL_HTTP))
+        return {NDPI_PROTOCOL_HTTP, "HTTP", true};
+    if (bare(NDPI_PROTOCOL_TLS))
+        return {NDPI_PROTOCOL_TLS, "HTTP Protocol over TLS SSL", true};
+    if (bare(NDPI_PROTOCOL_QUIC))
+        return {NDPI_PROTOCOL_QUIC, "HTTP Protocol over TLS SSL", true};
+    return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
+}
+
+void dpi_engine::module_closer::operator()(ndpi_detection_module_struct *module) const {
+    ndpi_exit_detection_module(module);
+}
+
+void dpi_engine::flow_closer::operator()(ndpi_flow_struct *flow) const {
+    ndpi_free_flow(flow);
+}
+
+dpi_engine::dpi_engine(size_t max_flows)
+    : max_flows_(max_flows), module_(ndpi_init_detection_module(ndpi_no_prefs)) {
+    if (!module_)
+        throw std::runtime_error("the DPI engine doesn't start");
+    NDPI_PROTOCOL_BITMASK all;
+    NDPI_BITMASK_SET_ALL(all);
+    ndpi_set_protocol_detection_bitmask2(module_.get(), &all);
+    ndpi_finalize_initialization(module_.get());
+}
+
+dpi_engine::~dpi_engine() = default;
+
+dpi_engine::flow_state &dpi_engine::state_of(const flow_id &id, int64_t time_us) {
+    while (!flows_.empty() && time_us - flows_.back().last_us > MAX_IDLE_US) {
+        index_.erase(flows_.back().id);
+        flows_.pop_back();
+    }
+    auto found = index_.find(id);
+    if (found == index_.end()) {
+        if (flows_.size() >= max_flows_) {
+            index_.erase(flows_.back().id);
+            flows_.pop_back();
+        }
+        auto *flow = static_cast<ndpi_flow_struct *>(ndpi_flow_malloc(sizeof(ndpi_flow_struct)));
+        if (flow == nullptr)
+            throw std::runtime_error("out of memory");
+        memset(flow, 0, sizeof *flow);
+        flows_.emplace_front().id = id;
+        flows_.front().flow.reset(flow);
+        found = index_.emplace(id, flows_.begin()).first;
+    }
+    flows_.splice(flows_.begin(), flows_, found->second);
+    flows_.front().last_us = time_us;
+    return flows_.front();
+}
+
+// Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.
+bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) {
+    const ndpi_flow_struct &flow = *state.flow;
+    const dpi_application application = dpi_application_of(master, app);
+    if (application.names_host) {
+        const std::string_view host = field_text(flow.host_server_name);
+        state.found.host = host.substr(host.size() - std::min(host.size(), DOMAIN_MAX));
+    }
+    if (application.id == NDPI_PROTOCOL_UNKNOWN || flow.confidence != NDPI_CONFIDENCE_DPI)
+        return false;
+    const ndpi_protocol alone = {NDPI_PROTOCOL_UNKNOWN, application.id,
+                                 NDPI_PROTOCOL_CATEGORY_UNSPECIFIED};
+    state.found.status = AV_DPI_IDENTIFIED;
+    state.found.app_id = application.id;
+    state.found.cat_id = static_cast<uint16_t>(ndpi_get_proto_category(module_.get(), alone));
+    state.found.name = application.name != nullptr
+                           ? application.name
+                           : ndpi_get_proto_name(module_.get(), application.id);
+    return true;
+}
+
+void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us) {
+    ndpi_protocol seen = ndpi_detection_process_packet(
+        module_.get(), state.flow.get(), packet.data(), static_cast<unsigned short>(packet.size()),
+        static_cast<uint64_t>(time_us / 1000));
+    ++state.packets;
+    const bool named = take_finding(state, seen.master_protocol, seen.app_protocol);
+
+    const unsigned limit = state.id.ip_proto == IPPROTO_TCP ? MAX_TCP_PACKETS : MAX_OTHER_PACKETS;
+    const bool complete =
+        named && ndpi_extra_dissection_possible(module_.get(), state.flow.get()) == 0;
+    if (!complete && state.packets < limit)
+        return;
+    if (state.found.status != AV_DPI_IDENTIFIED) {
+        // Without guesses: ports and addresses the daemon knows itself.
+        uint8_t guessed = 0;
+        seen = ndpi_detection_giveup(module_.get(), state.flow.get(), 0, &guessed);
+        if (!take_finding(state, seen.master_protocol, seen.app_protocol))
+            state.found.status = DPI_FAILED;
+    }
+    state.flow.reset();
+}
+
+void dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
+                         av_pkt_trailer &trailer) {
+    flow_state &state = state_of(flow_id_of(frame), time_us);
+    if (state.flow)
+        feed(state, packet, time_us);
+    trailer.filter_type |= AV_FILTER_DPI;
+    trailer.dpi_retry = static_cast<int32_t>(state.packets);
+    trailer.dpi_status = state.found.status;
+    trailer.dpi_app_id = state.found.app_id;
+    trailer.dpi_cat_id = state.found.cat_id;
+    copy_text(trailer.dpi_app_name, state.found.name);
+    copy_text(trailer.kernel_domain, state.found.host);
+}
+
+} // namespace avcore

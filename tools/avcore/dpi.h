@@ -1,0 +1,79 @@
+// The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields.
+//
+// State per flow is bounded in number and, on the frames' time stamps, in age. nDPI's own share of
+// it ends with the inspection; the finding stays for the flow's later frames.
+#pragma once
+
+#include "avcore/frame.h"
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+struct ndpi_detection_module_struct;
+struct ndpi_flow_struct;
+
+namespace avcore {
+
+// How a pair of nDPI protocols is called towards the daemon.
+struct dpi_application {
+    uint16_t id = 0;
+    const char *name = nullptr; // null: nDPI's own name of `id`
+    bool names_host = false;    // the host name seen is the server's
+};
+dpi_application dpi_application_of(uint16_t master, uint16_t application);
+
+class dpi_engine {
+public:
+    static constexpr size_t MAX_FLOWS = 16'384;
+    static constexpr int64_t MAX_IDLE_US = 300'000'000;
+    // nDPI wants more of some protocols for as long as they last.
+    static constexpr unsigned MAX_TCP_PACKETS = 80;
+    static constexpr unsigned MAX_OTHER_PACKETS = 24;
+
+    explicit dpi_engine(size_t max_flows = MAX_FLOWS); // throws std::runtime_error
+    ~dpi_engine();
+
+    // Looks at one packet (what `ipv4_packet` found in the frame) and fills the trailer's DPI
+    // fields, bit 2 of filter_type and kernel_domain.
+    void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
+                 av_pkt_trailer &trailer);
+
+    size_t flows() const { return flows_.size(); }
+
+private:
+    struct module_closer {
+        void operator()(ndpi_detection_module_struct *module) const;
+    };
+    struct flow_closer {
+        void operator()(ndpi_flow_struct *flow) const;
+    };
+    struct finding {
+        uint32_t status = AV_DPI_MORE_PACKETS;
+        uint16_t app_id = 0;
+        uint16_t cat_id = 0;
+        std::string name;
+        std::string host;
+    };
+    struct flow_state {
+        flow_id id;
+        std::unique_ptr<ndpi_flow_struct, flow_closer> flow; // null: the inspection has ended
+        unsigned packets = 0;
+        int64_t last_us = 0;
+        finding found;
+    };
+
+    flow_state &state_of(const flow_id &id, int64_t time_us);
+    bool take_finding(flow_state &state, uint16_t master, uint16_t app);
+    void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
+
+    size_t max_flows_;
+    std::unique_ptr<ndpi_detection_module_struct, module_closer> module_;
+    std::list<flow_state> flows_; // the one seen last at the front
+    std::map<flow_id, std::list<flow_state>::iterator> index_;
+};
+
+} // namespace avcore

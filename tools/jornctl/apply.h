@@ -1,0 +1,22 @@
+// From a document to the commands that make the daemon's tables what it says.
+#pragma once
+
+#include "jornctl/client.h"
+#include "jornctl/documents.h"
+
+#include <vector>
+
+namespace jornctl {
+
+// In the order in which they have to be sent. Sent twice they leave what they leave when sent once:
+//
+//   6       the applications, a whole table in one command
+//   24, 22  the flushes of the tables that the document mentions
+//   23      each policy, which also makes a bare entry for its UTP
+//   20      each UTP entry; it replaces the bare one and finds its policy by uuid
+//
+// A policy behind its UTP entry would wipe that entry's name and uuid, hence 23 before 20; the UTP
+// flush behind the policies would take their entries, hence both flushes first.
+std::vector<command> commands_of(const document &wanted);
+
+} // namespace jornctl

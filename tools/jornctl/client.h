@@ -1,0 +1,46 @@
+// The daemon's command socket, seen from the client: one connection, one message, one answer.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace jornctl {
+
+inline constexpr char DEFAULT_SOCKET[] = "/var/run/jorn.sock";
+
+struct command {
+    uint32_t number;
+    std::string payload;
+};
+
+// The bytes of a record, as the daemon copies them in.
+template <typename Record>
+std::string record_bytes(const Record &record) {
+    return {reinterpret_cast<const char *>(&record), sizeof record};
+}
+
+// The message that carries `sent`: header and payload. Throws refused when the daemon can't take
+// that much.
+std::string make_message(const command &sent);
+
+// The text of an answer that refuses ("Invalid ARC PCY ID"), else empty. The daemon refuses in
+// words only what it was asked to show; a configuration command that it refuses gets no answer.
+std::string refusal_in(std::string_view reply);
+
+class client {
+public:
+    client(std::string socket_path, std::chrono::milliseconds patience)
+        : socket_path_(std::move(socket_path)), patience_(patience) {}
+
+    // Sends a command and returns the whole answer; configuration commands have an empty one.
+    // Throws no_daemon, at the latest when the patience for the whole exchange is used up.
+    std::string send(const command &sent) const;
+
+private:
+    std::string socket_path_;
+    std::chrono::milliseconds patience_;
+};
+
+} // namespace jornctl

@@ -1,0 +1,45 @@
+# Bash completion of jornctl. Kept by hand; a test compares its words with jornctl's own help.
+
+_jornctl_words() { # the words before the current one that are neither options nor their values
+    local i
+    for ((i = 1; i < COMP_CWORD; ++i)); do
+        case ${COMP_WORDS[i]} in
+        --socket | --timeout | --target) ((++i)) ;;
+        -?*) ;;
+        *) printf '%s ' "${COMP_WORDS[i]}" ;;
+        esac
+    done
+}
+
+_jornctl() {
+    local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+    local words options='--help --socket --timeout'
+    words=$(_jornctl_words)
+    COMPREPLY=()
+    case $before in
+    --socket | --target) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+    --timeout) return ;;
+    esac
+    case $words in
+    'apply '*) options+=' --check' ;;
+    'port-services '*) options+=' --target' ;;
+    esac
+    if [[ $current == -?* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+        return
+    fi
+    local choices=''
+    case $words in
+    '') choices='apply show flush port-services log-policy debug write raw' ;;
+    'show ') choices='priority dns' ;;
+    'flush ') choices='utps arc-policies policies' ;;
+    'debug ' | 'log-policy '?*' ') choices='on off' ;;
+    'apply ' | 'port-services ' | 'raw '?*' ')
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+        ;;
+    esac
+    mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$current")
+}
+
+complete -o filenames -F _jornctl jornctl

@@ -1,0 +1,128 @@
+#include "jornctl/cross_checks.h"
+
+#include "jornctl/failure.h"
+
+#include <cstdio>
+#include <map>
+#include <strings.h>
+
+namespace jornctl {
+namespace {
+
+// A policy's block in the daemon's file, from "[policy]" to the empty line, stays below this.
+constexpr size_t FILE_BLOCK_END = 8'096;
+
+std::string place(const char *table, size_t index, const char *key = "") {
+    return std::string("/") + table + '/' + std::to_string(index) + key;
+}
+
+// `id_of` gives a number that only one record of the table may have.
+template <typename Record>
+void check_unique(const std::vector<Record> &records, uint32_t Record::*id, const char *table,
+                  const char *key) {
+    std::map<uint32_t, size_t> owners;
+    for (size_t i = 0; i < records.size(); ++i) {
+        const auto [owner, is_first] = owners.try_emplace(records[i].*id, i);
+        if (!is_first)
+            throw refused(place(table, i, key) + ": is the same as in " +
+                          place(table, owner->second) + ", and only one of them would count");
+    }
+}
+
+const arc_policy_wire *find_by_uuid(const std::vector<arc_policy_wire> &policies,
+                                    const char *uuid) {
+    for (const arc_policy_wire &policy : policies) {
+        if (strcasecmp(policy.uuid, uuid) == 0)
+            return &policy;
+    }
+    return nullptr;
+}
+
+void check_policy_uuids(const std::vector<arc_policy_wire> &policies) {
+    for (size_t i = 0; i < policies.size(); ++i) {
+        const arc_policy_wire *const first = find_by_uuid(policies, policies[i].uuid);
+        if (policies[i].uuid[0] != '\0' && first != &policies[i])
+            throw refused(place("policies", i, "/uuid") + ": is the same as in " +
+                          place("policies", static_cast<size_t>(first - policies.data())) +
+                          ", and only the first would be found");
+    }
+}
+
+// How many characters the daemon's file needs for the policy.
+size_t file_block_size(const arc_policy_wire &policy) {
+    int size = snprintf(nullptr, 0, "[policy]\n%d;%d;%d;%d;%u;\n[policy end]\n\n", policy.attr1,
+                        policy.attr3, policy.attr4, policy.log_enable, policy.utp_id);
+    for (const arc_rule &rule : policy.rules) {
+        if (rule.app_name[0] != '\0')
+            size +=
+                snprintf(nullptr, 0, "%d,%d,%s,%s,%u,0,0,0,0,0,%d,%d;\n", rule.app_id, rule.cat_id,
+                         rule.app_name, rule.cat_name, rule.deny, rule.rate_up, rule.rate_down);
+    }
+    return static_cast<size_t>(size);
+}
+
+void warn_of_policies(document &read) {
+    for (size_t i = 0; i < read.policies->size(); ++i) {
+        const arc_policy_wire &policy = (*read.policies)[i];
+        if (policy.utp_id > UTP_ID_LOOKUP_MAX)
+            read.warnings.push_back(place("policies", i, "/utp_id") +
+                                    ": packets never find a UTP beyond 63");
+        if (policy.rules[0].app_name[0] == '\0')
+            read.warnings.push_back(place("policies", i) +
+                                    ": has no rules, so a restart of the daemon loses it");
+        else if (file_block_size(policy) >= FILE_BLOCK_END)
+            read.warnings.push_back(place("policies", i) + ": too much text for the daemon's file, "
+                                                           "so a restart of the daemon loses it");
+    }
+}
+
+void check_utps(document &read) {
+    for (size_t i = 0; i < read.utps->size(); ++i) {
+        const utp_entry_wire &utp = (*read.utps)[i];
+        if (utp.id > UTP_ID_LOOKUP_MAX)
+            read.warnings.push_back(place("utps", i, "/id") +
+                                    ": packets never find a UTP beyond 63");
+        if (!read.policies)
+            continue;
+        const arc_policy_wire *const named =
+            utp.uuid[0] == '\0' ? nullptr : find_by_uuid(*read.policies, utp.uuid);
+        if (utp.uuid[0] != '\0' && named == nullptr)
+            read.warnings.push_back(place("utps", i, "/uuid") +
+                                    ": no policy of the document has it, and the others go");
+        for (size_t j = 0; j < read.policies->size(); ++j) {
+            const arc_policy_wire &policy = (*read.policies)[j];
+            if (policy.utp_id == utp.id && &policy != named)
+                throw refused(place("utps", i) + ": takes UTP " + std::to_string(utp.id) +
+                              " away from " + place("policies", j) +
+                              "; give it that policy's uuid or another id");
+        }
+    }
+}
+
+void warn_of_applications(document &read) {
+    for (size_t i = 0; i < read.applications->size(); ++i) {
+        const userdef_app &app = (*read.applications)[i];
+        if (app.dst_family == 0 && app.dst_port == 0 && app.protocol == 0)
+            read.warnings.push_back(place("applications", i) +
+                                    ": every packet fits, for there is no dst_ip, dst_port or "
+                                    "protocol");
+    }
+}
+
+} // namespace
+
+void check_across(document &read) {
+    if (read.policies) {
+        check_unique(*read.policies, &arc_policy_wire::utp_id, "policies", "/utp_id");
+        check_policy_uuids(*read.policies);
+        warn_of_policies(read);
+    }
+    if (read.utps) {
+        check_unique(*read.utps, &utp_entry_wire::id, "utps", "/id");
+        check_utps(read);
+    }
+    if (read.applications)
+        warn_of_applications(read);
+}
+
+} // namespace jornctl

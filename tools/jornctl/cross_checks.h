@@ -1,0 +1,13 @@
+// What only shows when a document's records are seen together.
+#pragma once
+
+#include "jornctl/documents.h"
+
+namespace jornctl {
+
+// Throws refused where one record would hide another: the daemon takes the first policy with a
+// uuid, the last policy of a UTP, and a UTP entry in place of the one that a policy made. Adds
+// warnings for what the daemon takes and then makes no, or surprising, use of.
+void check_across(document &read);
+
+} // namespace jornctl

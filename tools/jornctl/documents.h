@@ -1,0 +1,30 @@
+// Documents of policies, UTP entries and user-defined applications: JSON in, checked records out.
+//
+// A document is read whole or refused. Its keys are the names of the records' members; one table
+// for each record (documents.cpp) says which it takes, of what kind and in what bounds. Words stand
+// for numbers where the field has words ("Voice", "dscp", "tcp").
+#pragma once
+
+#include "control/records.h"
+#include "userapps/records.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace jornctl {
+
+// A table that the document doesn't mention has no value; one that it empties has an empty one.
+struct document {
+    std::optional<std::vector<arc_policy_wire>> policies;
+    std::optional<std::vector<utp_entry_wire>> utps;
+    std::optional<std::vector<userdef_app>> applications;
+    // What the daemon takes but the author may not have meant, each with its JSON path.
+    std::vector<std::string> warnings;
+};
+
+// Throws refused with the JSON path and the reason; with line and column for bad syntax.
+document read_document(std::string_view text);
+
+} // namespace jornctl

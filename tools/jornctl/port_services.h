@@ -1,0 +1,28 @@
+// The port-service file: applications named by port and protocol, one a line,
+//
+//     8443,tcp,4,1201,Intranet-Portal        port, protocol, category id, application id, name
+//     WDL_PORT_SERVICE_FILE_VER:1.0          anywhere; not a record
+//
+// The daemon skips what it can't use in silence. Here the same rules run beforehand, with a reason
+// for each line.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace jornctl {
+
+inline constexpr char PORT_SERVICE_FILE[] = "/writable/jorn/uploadjorport_file_1.0";
+
+struct line_fault {
+    size_t line; // from 1
+    std::string reason;
+};
+
+// What of the file the daemon would skip, cut or not reach. A line for a port and protocol that an
+// earlier one has is an update and takes no new entry.
+std::vector<line_fault> check_port_services(std::string_view text);
+
+} // namespace jornctl
