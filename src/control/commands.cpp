@@ -1,6 +1,7 @@
 #include "control/commands.h"
 
 #include "control/arc_tables.h"
+#include "control/configuration.h"
 #include "control/priority.h"
 #include "control/reply.h"
 #include "core/dns_cache.h"
@@ -40,7 +41,7 @@ struct command_row {
 // unassigned number does.
 constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
-constexpr follow_up SAVE_APPLICATION_POLICIES = nullptr;
+constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = nullptr;
 constexpr follow_up SAVE_WIFICALLING = nullptr;
 
@@ -128,6 +129,7 @@ void run_command(int fd, const uint8_t *message, size_t received) {
 }
 
 int jorn_process_cmd_write_cfg(int fd) {
+    jorn_save_configuration();
     line_buffer reply = start_reply();
     reply.append("\n====JORN write configuration====\n");
     send_reply(fd, reply);
