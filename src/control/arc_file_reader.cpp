@@ -216,7 +216,7 @@ void restore_configuration(FILE *file, const char *path) {
     for (std::string_view line; current != section::complete && reader.next(line);)
         current = take_line(current, line, pending);
     if (reader.read_error() != 0)
-        LOADER_ERRNO(reader.read_error(), "File:%s read error\n", path);
+        LOADER_ERRNO(reader.read_error(), "%s can't be read to its end\n", path);
     else if (current != section::complete)
         LOADER_ERRNO(0, "%s ends early, after line %u: what isn't whole is left out\n", path,
                      reader.line_number());

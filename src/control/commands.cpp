@@ -51,7 +51,7 @@ void process_debug_cfg(const command &c) {
     jorn_state.settings.debug = static_cast<uint8_t>(c.word());
 }
 
-void process_ut_case(const command &c) {
+void jorn_process_ut_case(const command &c) {
     const auto test_id = static_cast<int>(c.word());
     JORN_INFO("Test Id = %d\n", test_id);
     JORN_ERROR("Unknown testid = %d\n", test_id);
@@ -106,7 +106,7 @@ constexpr command_row COMMANDS[] = {
     {36, "CMD_WIFICALLING_INTF_CFG_REQ", NOT_YET, SAVE_WIFICALLING},
     {37, "CMD_WIFICALLING_INTF_SHOW_REQ", NOT_YET, NOTHING},
     {38, "CMD_WIFICALLING_POLICY_FLUSH_REQ", NOT_YET, NOTHING},
-    {39, "CMD_UT_CASE_REQ", process_ut_case, NOTHING},
+    {39, "CMD_UT_CASE_REQ", jorn_process_ut_case, NOTHING},
 };
 
 } // namespace

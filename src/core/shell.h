@@ -6,7 +6,8 @@
 
 #include <string_view>
 
-// Whether a text holds nothing but letters, digits and `._+~-`, and so means itself to the shell.
+// Whether a text holds nothing but letters, digits and `._+~-`: none of what separates words, ends
+// a command or starts another one.
 bool is_plain_to_shell(std::string_view text);
 
 // Runs the command and waits for its end. Returns whether it ran and succeeded.
