@@ -5,6 +5,7 @@
 #include <charconv>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <limits>
 #include <net/if.h>
 #include <sstream>
@@ -256,10 +257,10 @@ config parse_config(std::string_view text, const std::string &name) {
 
 config read_config(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (!file || !(text << file.rdbuf()))
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    if (!file || file.bad())
         throw config_error(path + ": can't be read");
-    return parse_config(text.str(), path);
+    return parse_config(text, path);
 }
 
 } // namespace avcore

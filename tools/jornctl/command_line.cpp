@@ -84,7 +84,7 @@ document load_document(const std::string &file) {
     try {
         document read = read_document(text);
         for (const std::string &warning : read.warnings)
-            complain("warning: " + file + ": " + warning);
+            complain(std::string("warning: ").append(file).append(": ").append(warning));
         return read;
     } catch (const refused &reason) {
         throw refused(file + ": " + reason.what());

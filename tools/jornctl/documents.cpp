@@ -5,7 +5,7 @@
 #include "jornctl/fields.h"
 #include "jornctl/json.h"
 
-#include <bit>
+#include <algorithm>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -87,7 +87,7 @@ void read_rules(const node &from, const field<arc_policy_wire> &, arc_policy_wir
     for (arc_rule &rule : to.rules) {
         // Attachment looks at the name, so the id alone would attach nothing.
         if (rule.cat_id == CATEGORY_USER_DEFINED && rule.cat_name[0] == '\0')
-            strcpy(rule.cat_name, CATEGORY_NAME_USER_DEFINED);
+            memcpy(rule.cat_name, CATEGORY_NAME_USER_DEFINED, sizeof CATEGORY_NAME_USER_DEFINED);
     }
 }
 

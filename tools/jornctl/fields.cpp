@@ -41,6 +41,14 @@ uint32_t number_in(const node &from, uint32_t min, uint32_t max) {
     return static_cast<uint32_t>(*number);
 }
 
+bool flag_in(const node &from) {
+    if (from.value.is_boolean())
+        return from.value.get<bool>();
+    if (from.value != 0 && from.value != 1)
+        from.refuse("is " + from.described() + "; it must be true or false");
+    return from.value == 1;
+}
+
 std::string string_in(const node &from) {
     if (!from.value.is_string())
         from.refuse("is " + from.described() + "; it must be a text");

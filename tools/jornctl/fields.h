@@ -7,6 +7,7 @@
 
 #include "jornctl/json.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <span>
@@ -29,6 +30,7 @@ struct field {
 
 // Values without a record; each throws refused where the node holds something else.
 uint32_t number_in(const node &from, uint32_t min, uint32_t max);
+bool flag_in(const node &from); // true or false; 1 and 0, as the daemon prints them, too
 std::string string_in(const node &from);
 std::string text_in(const node &from, size_t min, size_t max);
 uint8_t word_number(const node &from, std::span<const char *const> words);
@@ -56,13 +58,9 @@ void read_number(const node &from, const field<record_of<Member>> &row, record_o
     to.*Member = static_cast<type_of<Member>>(number_in(from, row.min, std::min(row.max, FITS)));
 }
 
-// true and false, or the numbers of a record that was printed somewhere.
 template <auto Member>
 void read_flag(const node &from, const field<record_of<Member>> &, record_of<Member> &to) {
-    const bool is_true = from.value == true || from.value == 1;
-    if (!is_true && from.value != false && from.value != 0)
-        from.refuse("is " + from.described() + "; it must be true or false");
-    to.*Member = is_true;
+    to.*Member = flag_in(from);
 }
 
 template <auto Member, const auto &Words>

@@ -17,19 +17,19 @@ constexpr size_t SHOWN_VALUE_MAX = 60;
 class duplicate_key_check {
 public:
     void operator()(json::parse_event_t event, const json &parsed) {
-        using enum json::parse_event_t;
-        if (event == object_end || event == array_end) {
+        using kind = json::parse_event_t;
+        if (event == kind::object_end || event == kind::array_end) {
             open_.pop_back();
             return;
         }
-        if (event == key) {
+        if (event == kind::key) {
             enter_key(parsed.get<std::string>());
             return;
         }
         if (!open_.empty() && open_.back().is_array)
             open_.back().place = std::to_string(open_.back().elements++);
-        if (event != value)
-            open_.push_back({.is_array = event == array_start});
+        if (event != kind::value)
+            open_.push_back({.is_array = event == kind::array_start});
     }
 
 private:

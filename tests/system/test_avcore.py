@@ -1,0 +1,169 @@
+"""avcore and the daemon together: a capture file in, a table of named and judged flows out."""
+import json
+import ssl
+import unittest
+
+from testbed import *
+
+YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
+POLICY = 23
+
+
+def pcap(frames, link_type=1):
+    packets = b"".join(struct.pack("=IIII", 1_700_000_000 + n // 1000, n % 1000 * 1000, len(frame),
+                                   len(frame)) + frame for n, frame in enumerate(frames))
+    return struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, link_type) + packets
+
+
+def client_hello(server_name):
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    handshake = ssl.create_default_context().wrap_bio(incoming, outgoing,
+                                                      server_hostname=server_name)
+    try:
+        handshake.do_handshake()
+    except ssl.SSLWantReadError:
+        pass
+    return outgoing.read()
+
+
+def dns_name(name):
+    return b"".join(bytes([len(label)]) + label.encode() for label in name.split(".")) + b"\0"
+
+
+def dns_answer(asked, alias, address):
+    """The answer to a question for `asked`, which is an alias."""
+    question = dns_name(asked) + struct.pack(">HH", 1, 1)
+    target = dns_name(alias)
+    return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
+        b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
+        target + struct.pack(">HHIH", 1, 1, 300, 4) + socket.inet_aton(address)
+
+
+def from_server(address, port, to, payload):
+    return ethernet(0x0800, ipv4(17, udp(port, to, payload), src=address, dst=CLIENT),
+                    src=SERVER_MAC, dst=CLIENT_MAC)
+
+
+TRAFFIC = [
+    ipv4_frame(1, icmp_echo(), dst=PLAIN),
+    from_server(RESOLVER, 53, 40053, dns_answer("www.plain.example", "cdn.example", PLAIN)),
+    tcp_frame(40001, 8099, b"hello", dst=PLAIN),
+    tcp_frame(40002, 443, client_hello("www.youtube.com"), dst=YOUTUBE),
+    tcp_frame(443, 40002, b"\x16\x03\x03\x00\x02ok", src=YOUTUBE, dst=CLIENT),
+    ethernet(0x0806, arp_request()),
+]
+
+
+class Avcore(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.config = ""
+
+    def start(self, frames, *options, link_type=1):
+        with open("/tmp/capture.pcap", "wb") as file:
+            file.write(pcap(frames, link_type))
+        with open("/tmp/avcore.toml", "w") as file:
+            file.write(self.config)
+        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, "-r", "/tmp/capture.pcap",
+                                   "-c", "/tmp/avcore.toml", *options], text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self._end_avcore, avcore)
+        return avcore
+
+    def _end_avcore(self, avcore):
+        avcore.kill()
+        avcore.communicate()
+
+    def start_daemon(self):
+        """Starts the daemon once avcore listens (it asks for the engine at its start) and waits
+        until it takes commands."""
+        self.wait_for(AV_SOCKET)
+        daemon = self.daemon()
+        self.wait_for(COMMAND_SOCKET)
+        return daemon
+
+    def wait_for(self, path):
+        ends = time.monotonic() + DEADLINE
+        while not os.path.exists(path):
+            self.assertLess(time.monotonic(), ends, path)
+            time.sleep(0.01)
+
+    def feed(self, frames, *options, link_type=1, before=lambda: None):
+        """The rows of the flow table, and what was said beside them."""
+        avcore = self.start(frames, "--json", *options, link_type=link_type)
+        daemon = self.start_daemon()
+        before()
+        flows, totals = avcore.communicate(timeout=60)
+        self.assertEqual(avcore.returncode, 0, totals)
+        daemon.stop()
+        os.unlink(COMMAND_SOCKET)
+        return [json.loads(line) for line in flows.splitlines()], totals
+
+    def test_flows_are_named_and_judged(self):
+        self._trailers = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        self._trailers.bind((CAPTURE, 0))
+        self.addCleanup(self._trailers.close)
+        rows, _ = self.feed(TRAFFIC)
+        self.assertEqual(len(rows), 5, rows)
+        flows = {(row["server"], row["server_port"]): row for row in rows}
+        youtube = flows[YOUTUBE, 443]
+        self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
+                         ("youtube", 2, 1))
+        self.assertEqual((youtube["client"], youtube["client_port"]), (CLIENT, 40002))
+        self.assertEqual(flows[PLAIN, 8099]["application"], "www.plain.example")
+        self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
+        self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
+        self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
+
+        domains = set()
+        self._trailers.settimeout(0)
+        try:
+            while frame := self._trailers.recv(65535):
+                domains.add(text_of(frame[-68:]))
+        except BlockingIOError:
+            pass
+        self.assertIn("www.youtube.com", domains)
+
+    def test_the_file_says_who_is_the_client_and_which_profile(self):
+        self.config = """
+            [[rule]]
+            network = "198.51.100.2/32"
+            utp_id = 9
+            [platform]
+            tm_support = "0"
+        """
+
+        def block():
+            rule = struct.pack("=8x64s32sBBHHxx", PLAIN.encode(), b"", 1, 0, 0, 0)
+            command(POLICY, struct.pack("=48xI", 9) + rule.ljust(7168, b"\0") + bytes(132))
+
+        rows, totals = self.feed([TRAFFIC[2]] * 400, before=block)
+        [row] = rows
+        self.assertEqual((row["client"], row["client_port"], row["server"]), (PLAIN, 8099, CLIENT))
+        self.assertEqual((row["packets"], row["verdict"]), (400, 3))
+        self.assertNotIn("DPI engine on", totals)
+
+    def test_what_cannot_be_carried_is_counted(self):
+        frames = [ethernet(0x88B5, bytes(65259 - 14)), ethernet(0x88B5, bytes(65260 - 14))]
+        rows, totals = self.feed(frames)
+        self.assertEqual([row["packets"] for row in rows], [1])
+        self.assertIn("not carried, longer than 65259 bytes: 1\n", totals)
+
+    def test_a_killed_daemon_ends_it_with_the_totals(self):
+        avcore = self.start([udp_frame(1, n % 60000) for n in range(300_000)])
+        daemon = self.start_daemon()
+        daemon.kill()
+        table, totals = avcore.communicate(timeout=60)
+        self.assertEqual(avcore.returncode, 1, totals)
+        self.assertIn("client", table.lower())
+
+    def test_a_file_of_any_size_loses_nothing(self):
+        rows, totals = self.feed([udp_frame(1 + n % 50, 2 + n % 7) for n in range(20_000)])
+        self.assertEqual(sum(row["packets"] for row in rows), 20_000)
+        self.assertEqual({row["verdict"] for row in rows}, {1})
+        self.assertIn("20000 read, 20000 fed, 20000 answered", totals)
+        self.assertIn(" 0 unanswered", totals)
+
+
+if __name__ == "__main__":
+    unittest.main()
