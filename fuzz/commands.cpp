@@ -2,14 +2,24 @@
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
 #include "control/arc_tables.h"
+#include "control/configuration.h"
 #include "core/dns_cache.h"
 #include "core/state.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <syslog.h>
 #include <vector>
+
+// The file goes nowhere, but all of it is formatted.
+void jorn_save_configuration() {
+    static FILE *nowhere = fopen("/dev/null", "we");
+    if (nowhere == nullptr || jorn_write_arc_policy_configuration(nowhere) != 0 ||
+        jorn_write_userdef_configuration(nowhere) != 0)
+        abort();
+}
 
 namespace {
 

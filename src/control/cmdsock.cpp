@@ -17,13 +17,6 @@ constexpr timeval CLIENT_PATIENCE = {1, 0};
 
 uint8_t message_buffer[COMMAND_MESSAGE_SIZE];
 
-int fail_init(int fd, const char *message) {
-    JORN_LOG_AS(JORN_LOG_ERROR, "jorn_cmdsock_init", 0, "%s", message);
-    if (fd >= 0)
-        close(fd);
-    return -1;
-}
-
 } // namespace
 
 int jorn_cmdsock_init() {
@@ -32,15 +25,23 @@ int jorn_cmdsock_init() {
     static_assert(sizeof jorn_state.settings.sock_path <= sizeof address.sun_path);
 
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return fail_init(fd, "could not allocate UNIX Socket!");
+    if (fd < 0) {
+        JORN_ERROR("could not allocate UNIX Socket!");
+        return -1;
+    }
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, jorn_state.settings.sock_path, sizeof jorn_state.settings.sock_path);
     unlink(jorn_state.settings.sock_path);
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        return fail_init(fd, "could bind UNIX Socket!");
-    if (listen(fd, LISTEN_BACKLOG) != 0)
-        return fail_init(fd, "could listen to UNIX Socket!");
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        JORN_ERROR("could bind UNIX Socket!");
+        close(fd);
+        return -1;
+    }
+    if (listen(fd, LISTEN_BACKLOG) != 0) {
+        JORN_ERROR("could listen to UNIX Socket!");
+        close(fd);
+        return -1;
+    }
     return fd;
 }
 

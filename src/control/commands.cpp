@@ -1,6 +1,7 @@
 #include "control/commands.h"
 
 #include "control/arc_tables.h"
+#include "control/configuration.h"
 #include "control/priority.h"
 #include "control/reply.h"
 #include "core/dns_cache.h"
@@ -40,7 +41,7 @@ struct command_row {
 // unassigned number does.
 constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
-constexpr follow_up SAVE_APPLICATION_POLICIES = nullptr;
+constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = nullptr;
 constexpr follow_up SAVE_WIFICALLING = nullptr;
 
@@ -50,7 +51,7 @@ void process_debug_cfg(const command &c) {
     jorn_state.settings.debug = static_cast<uint8_t>(c.word());
 }
 
-void process_ut_case(const command &c) {
+void jorn_process_ut_case(const command &c) {
     const auto test_id = static_cast<int>(c.word());
     JORN_INFO("Test Id = %d\n", test_id);
     JORN_ERROR("Unknown testid = %d\n", test_id);
@@ -105,7 +106,7 @@ constexpr command_row COMMANDS[] = {
     {36, "CMD_WIFICALLING_INTF_CFG_REQ", NOT_YET, SAVE_WIFICALLING},
     {37, "CMD_WIFICALLING_INTF_SHOW_REQ", NOT_YET, NOTHING},
     {38, "CMD_WIFICALLING_POLICY_FLUSH_REQ", NOT_YET, NOTHING},
-    {39, "CMD_UT_CASE_REQ", process_ut_case, NOTHING},
+    {39, "CMD_UT_CASE_REQ", jorn_process_ut_case, NOTHING},
 };
 
 } // namespace
@@ -128,6 +129,7 @@ void run_command(int fd, const uint8_t *message, size_t received) {
 }
 
 int jorn_process_cmd_write_cfg(int fd) {
+    jorn_save_configuration();
     line_buffer reply = start_reply();
     reply.append("\n====JORN write configuration====\n");
     send_reply(fd, reply);

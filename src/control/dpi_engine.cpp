@@ -4,10 +4,11 @@
 #include "platform/psm.h"
 #include "platform/psms.h"
 
-void enable_dpi_engine() {
+bool enable_dpi_engine() {
     if (psm_mem_support_tm() == 0)
-        return;
+        return false;
     jorn_state.settings.tm_engine_enabled = 1;
     psms_av_set_tm_en(1);
     JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_load_configurations", 0, "Loading TM's engine...\n");
+    return true;
 }

@@ -2,5 +2,6 @@
 #pragma once
 
 // Asks the platform once, at the daemon's start, whether the engine is there. If it is, detection
-// takes the engine's results from now on and the platform is told to switch it on.
-void enable_dpi_engine();
+// takes the engine's results from now on and the platform is told to switch it on. Returns whether
+// it is.
+bool enable_dpi_engine();

@@ -58,8 +58,12 @@ void log_handled_signals() {
 }
 
 void jorn_signal_handle(capture_context *capture_ctx) {
-    log_handled_signals();
+    // Read before the handler's line is written, so that no signal is acted on without its line.
+    // One that arrives after this stays pending for the next look.
     const int sig = pending_signal;
+    log_handled_signals();
+    if (sig == 0)
+        return;
     if (sig == SIGINT || sig == SIGTERM) {
         if (sig == SIGINT)
             JORN_DEBUG("signal SIGINT caught\n");

@@ -1,6 +1,6 @@
 #include "core/startup.h"
 
-#include "control/dpi_engine.h"
+#include "control/configuration.h"
 #include "core/daemonize.h"
 #include "core/dns_cache.h"
 #include "core/flags.h"
@@ -87,7 +87,7 @@ int run_daemon(int argc, char *argv[]) {
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();
-    enable_dpi_engine();
+    jorn_load_configurations();
 
     jorn_main_loop(&capture_ctx);
     jorn_print_stats();

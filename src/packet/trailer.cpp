@@ -1,6 +1,7 @@
 #include "packet/trailer.h"
 
 #include "core/log.h"
+#include "core/text.h"
 
 namespace {
 
@@ -35,9 +36,9 @@ bool read_trailer(pkt_ctx &ctx, const uint8_t *bytes, uint32_t captured, av_pkt_
     ctx.src_if_index = trailer.src_if_index;
     memcpy(ctx.src_if_name, trailer.src_if_name, sizeof ctx.src_if_name);
     memcpy(ctx.dst_if_name, trailer.dst_if_name, sizeof ctx.dst_if_name);
-    JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0,
-                "The received indexes are SRC: %d %.16s, DST: %d %.16s\n",
-                static_cast<int>(ctx.src_if_index), ctx.src_if_name,
-                static_cast<int>(ctx.dst_if_index), ctx.dst_if_name);
+    JORN_LOG_AS(
+        JORN_LOG_DEBUG, DETECT_UTP, 0, "The received indexes are SRC: %d %s, DST: %d %s\n",
+        static_cast<int>(ctx.src_if_index), printable_text(field_text(ctx.src_if_name)).c_str(),
+        static_cast<int>(ctx.dst_if_index), printable_text(field_text(ctx.dst_if_name)).c_str());
     return true;
 }

@@ -22,6 +22,22 @@ int psm_mem_support_tm();
 // buffer then holds an empty text).
 int psm_bsp_getMACBase(char *text);
 
+// Opens a read-only transaction on the configuration store. Returns 0 and its handle, or nonzero
+// when the store can't be asked.
+struct psm_xact;
+int psm_beginXact(psm_xact **xact);
+
+// Ends a transaction and empties its handle. Returns 0 on success.
+int psm_cancelXact(psm_xact **xact);
+
+// Reads the application-visibility setting of a wireless interface; nonzero = on. Returns 0 and the
+// setting, which is 0 for an interface without one, or nonzero with `*enable` left as it was.
+int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable);
+
+// Writes the running firmware's version as text with its NUL into `text`, a buffer of `size` bytes,
+// cut where it is full. Returns 0, nonzero when there is none.
+int psm_sys_get_fw_version(char *text, size_t size);
+
 // Writes one line to the platform's application-visibility syslog stream at the given syslog level
 // (6, information). Returns 0 when the line was handed over, nonzero otherwise.
 int psm_log_syslog(int level, const char *line);

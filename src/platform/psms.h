@@ -25,4 +25,8 @@ int psms_av_set_tm_en(int enable);
 
 // Makes the kernel's flow table forget the application policy of every flow. Returns 0 on success.
 int psms_rflow_reset_app_policy();
+
+// Switches application visibility on or off for a network device. Returns 0 when the kernel was
+// told, nonzero otherwise.
+int psms_av_set_dev_av(const char *ifname, int enable);
 }

@@ -1,6 +1,7 @@
 #include "userapps/port_service.h"
 
 #include "core/log.h"
+#include "core/shell.h"
 #include "core/text.h"
 #include "core/text_file.h"
 #include "platform/psms.h"
@@ -9,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <netinet/in.h>
 #include <new>
 
@@ -73,13 +73,6 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
     return 0;
 }
 
-void remove_file(const char *path) {
-    char command[256];
-    snprintf(command, sizeof command, "rm -rf %s", path);
-    if (system(command) != 0)
-        JORN_ERROR("%s: can't be removed\n", path);
-}
-
 const port_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
     const arc_policy *policy = arc_policy_of(utp_id);
     for (const port_app *entry = jorn_state.port_apps.head; entry != nullptr; entry = entry->next) {
@@ -100,7 +93,7 @@ int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
     FILE *file = fopen(path, "re");
     if (file == nullptr) {
         JORN_ERROR("open %s fail \n", path);
-        remove_file(path);
+        remove_by_shell(path);
         return PORT_SERVICE_ERR_FILE;
     }
     port_app_list_clear(list);

@@ -14,6 +14,7 @@ import dataclasses
 import glob
 import os
 import select
+import shutil
 import signal
 import socket
 import struct
@@ -28,6 +29,7 @@ CAPTURE, FEED = "cap0", "feed0"
 AV_SOCKET = "/var/run/av_core.sock"
 COMMAND_SOCKET = "/var/run/jorn.sock"
 PID_FILE = "/var/run/jorn.pid"
+PORT_SERVICE_FILE = "/writable/jorn/uploadjorport_file_1.0"
 SANITIZER_LOG = "/tmp/sanitizer"
 
 OP_IOCTL, OP_SYSLOG = 1, 6
@@ -399,6 +401,10 @@ def command(number, payload=b""):
 class SystemTest(unittest.TestCase):
     def setUp(self):
         self._platform = self._feed = None
+        # Nothing saved before; the port-service file is there, or its want would be reported.
+        shutil.rmtree("/writable/jorn", ignore_errors=True)
+        os.makedirs("/writable/jorn")
+        open(PORT_SERVICE_FILE, "w").close()
         run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
             "65535")
         for end in (CAPTURE, FEED):

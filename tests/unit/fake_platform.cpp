@@ -31,6 +31,35 @@ int psm_log_syslog(int level, const char *line) {
     return 0;
 }
 
+// The transaction's handle is the fake itself, so that a reading outside of one is seen.
+int psm_beginXact(psm_xact **xact) {
+    platform.calls.emplace_back("psm_beginXact()");
+    if (platform.begin_xact_result == 0)
+        *xact = reinterpret_cast<psm_xact *>(&platform);
+    return platform.begin_xact_result;
+}
+
+int psm_cancelXact(psm_xact **xact) {
+    platform.calls.emplace_back("psm_cancelXact()");
+    *xact = nullptr;
+    return 0;
+}
+
+int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable) {
+    platform.calls.push_back(std::string("psm_wlan_pgetAvcEn(") + ifname + ")");
+    if (xact == nullptr)
+        return -1;
+    const auto found = platform.avc_enable.find(ifname);
+    *enable = found != platform.avc_enable.end() ? found->second : 0;
+    return 0;
+}
+
+int psm_sys_get_fw_version(char *text, size_t size) {
+    platform.calls.emplace_back("psm_sys_get_fw_version()");
+    snprintf(text, size, "%s", platform.fw_version.c_str());
+    return 0;
+}
+
 int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
     ++platform.ioctl_count;
     if (!platform.keeps_records)
@@ -68,6 +97,12 @@ int psms_av_set_tm_en(int enable) {
 
 int psms_rflow_reset_app_policy() {
     platform.calls.emplace_back("psms_rflow_reset_app_policy()");
+    return 0;
+}
+
+int psms_av_set_dev_av(const char *ifname, int enable) {
+    platform.calls.push_back(std::string("psms_av_set_dev_av(") + ifname + ", " +
+                             std::to_string(enable) + ")");
     return 0;
 }
 

@@ -22,7 +22,10 @@ struct fake_platform {
     std::vector<std::string> syslog_lines;
     int ioctl_result = 0;
     int mem_support = 0;
+    int begin_xact_result = 0;
+    std::map<std::string, int> avc_enable; // by interface; the others are 0
     int tm_support = 0;
+    std::string fw_version = "1.0";
     std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
     std::string base_mac = "00:1A:2B:3C:4D:5E";
 };

@@ -1,5 +1,6 @@
 #include "control/arc_tables.h"
 #include "control/commands.h"
+#include "control/configuration.h"
 #include "control/reply.h"
 #include "core/state.h"
 #include "fake_platform.h"
@@ -10,6 +11,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
+
+static int saves;
+
+void jorn_save_configuration() {
+    ++saves;
+}
 
 namespace {
 
@@ -102,6 +109,16 @@ TEST_F(Commands, DebugTakesTheLowByteAndWriteAnswers) {
     run(34, word(0x1201));
     EXPECT_EQ(jorn_state.settings.debug, 1);
     EXPECT_EQ(run(17), "\n====JORN write configuration====\n");
+}
+
+TEST_F(Commands, FileFollowsTheCommandsThatChangeItRefusedOnesToo) {
+    saves = 0;
+    for (const uint32_t number : {6u, 20u, 23u, 26u, 17u})
+        run(number);
+    EXPECT_EQ(saves, 5);
+    for (const uint32_t number : {8u, 22u, 24u, 34u})
+        run(number);
+    EXPECT_EQ(saves, 5);
 }
 
 TEST(Reply, IsCutAtAWholeLineAndStaysCut) {

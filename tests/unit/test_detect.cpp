@@ -1,6 +1,8 @@
 #include "classify/detect.h"
+#include "control/arc_tables.h"
 #include "control/dpi_engine.h"
 #include "dns_cache_fixture.h"
+#include "userapps/settle.h"
 
 namespace {
 
@@ -89,6 +91,63 @@ TEST_F(Detect, WhoNamesAFlow) {
     }
 }
 
+// Everything that can name a flow at once, taken away from the front.
+TEST_F(Detect, TheStepsInTheirOrder) {
+    arc_policy_wire lists_nothing = {};
+    lists_nothing.utp_id = 1;
+    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&lists_nothing));
+    userdef_app definition = {}; // fits every packet
+    strcpy(definition.app_name, "Till");
+    port_app service = {};
+    service.begin_port = service.end_port = 514;
+    service.tcp_flag = 1;
+    strcpy(service.app_name, "Portal");
+
+    enum from : unsigned { DEFINITION = 1, SERVICE = 2, ENGINE = 4, DNS = 8, TRAILER = 16 };
+    const struct {
+        const char *what;
+        unsigned sources;
+        uint16_t dst_port;
+        uint32_t utp_id;
+        const char *name, *second_name;
+        uint8_t source;
+    } rows[] = {
+        {"all of them", 31, 514, 0, "Till", "YouTube", APP_SOURCE_USERDEF},
+        {"engine absent", 31 & ~ENGINE, 514, 0, "Till", "d.example", APP_SOURCE_USERDEF},
+        {"no definition", SERVICE | ENGINE | DNS | TRAILER, 514, 0, "Portal", "YouTube",
+         APP_SOURCE_USER_PORT},
+        {"nor a service", ENGINE | DNS | TRAILER, 514, 0, "YouTube", "", APP_SOURCE_DPI},
+        {"nor an engine", DNS | TRAILER, 514, 0, "d.example", "", APP_SOURCE_DNS},
+        {"nor a name", TRAILER, 514, 0, "apple-shell", "", APP_SOURCE_BUILTIN_PORT},
+        {"nor a known port", TRAILER, 8080, 0, ADDRESSES, "", APP_SOURCE_NONE},
+        {"the trailer's UTP allows neither", DEFINITION | SERVICE | TRAILER, 514, 1, "apple-shell",
+         "", APP_SOURCE_BUILTIN_PORT},
+        {"a capture of a trailer's size holds none", 15, 514, 0, "d.example", "", APP_SOURCE_DNS},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        jorn_state.userdef_apps = {};
+        if ((row.sources & DEFINITION) != 0)
+            jorn_state.userdef_apps = {1, {definition}};
+        jorn_state.port_apps = {(row.sources & SERVICE) != 0 ? &service : nullptr, 1};
+        settle_userapps();
+        jorn_state.settings.tm_engine_enabled = (row.sources & ENGINE) != 0 ? 1 : 0;
+        hash_table_clear(jorn_state.dns_cache);
+        if ((row.sources & DNS) != 0)
+            learn_dns_name(ip("192.0.2.7"), "d.example");
+        av_pkt_trailer trailer = dpi_trailer("YouTube");
+        trailer.src_utp_id = trailer.dst_utp_id = row.utp_id;
+        pkt_ctx ctx = client_flow();
+        ctx.ip_proto = 6;
+        ctx.dst_port = row.dst_port;
+        EXPECT_EQ(detect(ctx, trailer, (row.sources & TRAILER) != 0 ? 60 : 0), 1);
+        EXPECT_STREQ(ctx.app_name, row.name);
+        EXPECT_STREQ(ctx.orig_app, row.second_name);
+        EXPECT_EQ(ctx.app_source, row.source);
+    }
+    jorn_process_arc_policy_flush();
+}
+
 TEST_F(Detect, TheEngineCountsOnlyWhereThePlatformHasIt) {
     for (const int support : {1, 0}) {
         jorn_state.settings.tm_engine_enabled = 0;
@@ -103,12 +162,6 @@ TEST_F(Detect, TheEngineCountsOnlyWhereThePlatformHasIt) {
         detect(ctx, dpi_trailer("YouTube"));
         EXPECT_STREQ(ctx.app_name, support != 0 ? "YouTube" : ADDRESSES);
     }
-}
-
-TEST_F(Detect, ACaptureOfATrailersSizeHoldsNone) {
-    pkt_ctx ctx = client_flow();
-    EXPECT_EQ(detect(ctx, dpi_trailer("YouTube"), 0), 1);
-    EXPECT_STREQ(ctx.app_name, ADDRESSES);
 }
 
 TEST(FlowName, Rows) {

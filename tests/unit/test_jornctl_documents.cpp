@@ -160,7 +160,7 @@ TEST(JornctlDocuments, ApplicationBecomesItsRecord) {
 
 TEST(JornctlDocuments, WarnsOfWhatMayNotBeMeant) {
     const std::string long_rule =
-        R"({"app_id": 10000, "rate_up": 10000,"rate_down": 10000, "cat_id": 10000, "app_name": ")" +
+        R"({"app_id": 10000, "rate_up": 10000, "rate_down": 10000, "cat_id": 10000, "app_name": ")" +
         std::string(63, 'a') + R"(", "cat_name": ")" + std::string(31, 'c') + R"("})";
     const struct {
         std::string text;

@@ -3,7 +3,7 @@
 //     8443,tcp,4,1201,Intranet-Portal        port, protocol, category id, application id, name
 //     WDL_PORT_SERVICE_FILE_VER:1.0          anywhere; not a record
 //
-// The daemon skips what it can't use in silence. Here the same rules run beforehand, with a reason
+// The daemon skips what it can't use in silence. Here its own parser runs beforehand, with a reason
 // for each line.
 #pragma once
 
@@ -21,7 +21,7 @@ struct line_fault {
     std::string reason;
 };
 
-// What of the file the daemon would skip, cut or not reach. A line for a port and protocol that an
+// What of the file the daemon would skip or not reach. A line for a port and protocol that an
 // earlier one has is an update and takes no new entry.
 std::vector<line_fault> check_port_services(std::string_view text);
 

@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 namespace {
@@ -83,6 +85,38 @@ int psm_bsp_getMACBase(char *text) {
     snprintf(text, MAC_TEXT_SIZE, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
              mac[4], mac[5]);
     return 0;
+}
+
+// There is no store to open: a transaction is the channel's being there, so that nobody asks a
+// platform that is absent for value after value.
+int psm_beginXact(psm_xact **xact) {
+    *xact = nullptr;
+    return av_connected() ? 0 : -1;
+}
+
+int psm_cancelXact(psm_xact **xact) {
+    *xact = nullptr;
+    return 0;
+}
+
+int psm_wlan_pgetAvcEn(psm_xact *, const char *ifname, int *enable) {
+    char key[PLATFORM_KEY_SIZE];
+    char value[PLATFORM_VALUE_SIZE];
+    snprintf(key, sizeof key, "avc_enable/%s", ifname);
+    *enable = read_platform_value(key, value) ? static_cast<int>(strtol(value, nullptr, 10)) : 0;
+    return 0;
+}
+
+int psm_sys_get_fw_version(char *text, size_t size) {
+    char value[PLATFORM_VALUE_SIZE];
+    if (read_platform_value("fw_version", value)) {
+        snprintf(text, size, "%s", value);
+        return 0;
+    }
+    utsname kernel = {};
+    const bool known = uname(&kernel) == 0;
+    snprintf(text, size, "%s", known ? kernel.release : "");
+    return known ? 0 : -1;
 }
 
 int psm_log_syslog(int level, const char *line) {

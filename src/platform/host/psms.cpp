@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -12,6 +13,7 @@ constexpr unsigned INTERFACE_NAME_SIZE = 24;
 
 // Which switch a message of av_op::av_set_device turns.
 enum class av_switch : uint32_t {
+    av = 1,
     tm = 4,
 };
 
@@ -42,6 +44,15 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
 
 int psms_rflow_reset_app_policy() {
     return av_send(av_op::rflow_reset_app_policy, {});
+}
+
+int psms_av_set_dev_av(const char *ifname, int enable) {
+    char padded_ifname[INTERFACE_NAME_SIZE] = {};
+    const std::string_view name(ifname);
+    if (name.size() >= sizeof padded_ifname)
+        return -1;
+    memcpy(padded_ifname, name.data(), name.size());
+    return set_switch(av_switch::av, enable, padded_ifname);
 }
 
 int psms_av_set_tm_en(int enable) {
