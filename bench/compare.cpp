@@ -118,6 +118,28 @@ double median_of(unsigned runs, const std::function<double()> &measure) {
 
 name_table names_of_capture;
 
+// A daemon's standard output is /dev/null. The hash table writes a line there for each redirect to
+// an address that has a name already.
+class silent_stdout {
+public:
+    silent_stdout() : kept_(dup(STDOUT_FILENO)) {
+        fflush(stdout);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(null, STDOUT_FILENO);
+        close(null);
+    }
+    ~silent_stdout() {
+        fflush(stdout);
+        dup2(kept_, STDOUT_FILENO);
+        close(kept_);
+    }
+    silent_stdout(const silent_stdout &) = delete;
+    silent_stdout &operator=(const silent_stdout &) = delete;
+
+private:
+    int kept_;
+};
+
 const char *name_of_address(uint32_t address_be) {
     const auto found = names_of_capture.find(address_be);
     return found != names_of_capture.end() ? found->second.c_str() : nullptr;
@@ -125,6 +147,7 @@ const char *name_of_address(uint32_t address_be) {
 
 // One pass of all frames through the daemon's packet path.
 double daemon_pass_ns(const std::vector<frame_bytes> &captured) {
+    const silent_stdout silence;
     const double start = own_cpu_ns();
     hash_table_clear(jorn_state.dns_cache);
     for (const frame_bytes &frame : captured) {

@@ -45,6 +45,7 @@ public:
 private:
     bool send_frame(const frame_bytes &frame) const;
     bool wait_readable(int timeout_ms);
+    void rest();
     unsigned receive();
     unsigned receive_from(int fd);
     bool handle(int fd, const uint8_t *message, size_t size);
