@@ -15,8 +15,8 @@ inline constexpr int JORN_LOG_DEBUG = 7;
 // Writes one line. `error_number` is 0 or an errno value whose text is added. The message is cut to
 // 255 bytes. In the foreground with debugging on it goes to standard error, otherwise to syslog
 // (which echoes it to standard error). Leaves errno as it was.
-[[gnu::format(printf, 5, 6)]] void jorn_log(int level, const char *function, int line,
-                                            int error_number, const char *format, ...);
+[[gnu::cold, gnu::format(printf, 5, 6)]] void jorn_log(int level, const char *function, int line,
+                                                       int error_number, const char *format, ...);
 
 inline bool jorn_log_enabled(int level) {
     return level != JORN_LOG_DEBUG || jorn_state.settings.debug != 0;
