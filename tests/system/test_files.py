@@ -40,7 +40,7 @@ def saved():
 
 
 def app(name, app_id, cat_id, **fields):
-    return dict(app_name=name, app_id=app_id, app_cat_id=cat_id, match_info=1, **fields)
+    return dict(app_name=name.lower(), app_id=app_id, app_cat_id=cat_id, match_info=1, **fields)
 
 
 DEFINITIONS = userdefs(
@@ -57,7 +57,7 @@ WHOLE = f"[appPolicy]\n{POLICY_LINES}[appPolicy end]\n[userdef]\n{DEFINITION_LIN
 PORT_LINES = [
     ("9000,TcP,4,1201,Portal", "Portal"), (" 9000\r, tcp ,4,1201, Portal \r", "Portal"),
     ("9000,,tcp,,4,1201,Portal,beyond,", "Portal"), ("9000,tcp,4,66737,Portal", "Portal"),
-    ("9000,tcp,4,1201," + "P" * 70, "P" * 64), ("9000,tcp,4,1201,Portal," + "x" * 1100, "Portal"),
+    ("9000,tcp,4,1201," + "P" * 70, "P" * 63), ("9000,tcp,4,1201,Portal," + "x" * 1100, "Portal"),
     ("9000,tcp,4,1201,Old\n9000,tcp,4,1201,Portal", "Portal"), ("9000,tcp,4,1201,Portal\0x", "Portal"),
     ("\n,,,,\nWDL_PORT_SERVICE_FILE_VER: 1.0,9000,tcp,1,2,No\n9000,tcp,4,1201,Portal", "Portal"),
     ("9000,tcp,4,1201", None), ("9000,tcp,4,1201, ", None), ("9000,icmp,4,1201,Portal", None),
@@ -104,8 +104,8 @@ class Files(SystemTest):
                                   arc_match_src=1, arc_match_utp=3))
             self.assertEqual(self.name(9000), flow(40000, 9000, 6, **app("Portal", 1201, 4)))
             # Policy 3 doesn't list it; the destination has none.
-            self.assertEqual(self.name(8080, src_utp_id=3).app_name, "Door")
-            self.assertNotIn(self.name(8080, src_utp_id=3, dst_utp_id=1).app_name, ("Door", "Clock"))
+            self.assertEqual(self.name(8080, src_utp_id=3).app_name, "door")
+            self.assertNotIn(self.name(8080, src_utp_id=3, dst_utp_id=1).app_name, ("door", "clock"))
             self.assertEqual(self.judge([PING], trailer(dst_utp_id=1))[0].ratelimit_down, 65535)
             self.start()
         for flush in (CLEAN, UTP_FLUSH, POLICY_FLUSH):
@@ -129,7 +129,7 @@ class Files(SystemTest):
             self.assertIn(f"[userdef]\n{DEFINITION_LINES}[", saved())
         command(USERDEF, userdefs(*[userdef("No", port=1)] * 31, userdef("Last", port=9000)))
         self.start()
-        self.assertEqual(self.name(9000).app_name, "Last")
+        self.assertEqual(self.name(9000).app_name, "last")
 
     def test_lines_of_the_port_service_file(self):
         self.start()
@@ -144,7 +144,7 @@ class Files(SystemTest):
         os.unlink(PORT_SERVICE_FILE)
         command(PORT_SERVICES)
         self.jorn.wait_line("parse the port/app configuration file fail")
-        self.assertEqual(self.name(9000).app_name, "Portal")
+        self.assertEqual(self.name(9000).app_name, "portal")
 
     def test_files_that_were_edited_or_cut(self):
         rules = "".join(f"0,0,rule{i},,0,0,0,0,0,0,0,0;\n" for i in range(63))
@@ -153,7 +153,7 @@ class Files(SystemTest):
                 (WHOLE[:-4], 4, None), (WHOLE[:WHOLE.index("65535;")], 1, None),
                 (WHOLE.replace("0,0,icmp", rules + "0,0,icmp"), 4, "Door"),
                 (WHOLE.replace("0,0,icmp", rules + "0,0,x\n0,0,icmp"), 1, "Door"),
-                (WHOLE.replace("Door;", "Door;\0" + "9" * 9000), 4, "Door"),
+                (WHOLE.replace("65535;\n", "65535;\0" + "9" * 9000 + "\n"), 4, "Door"),
                 (WHOLE.replace("0;0;0;1;1;", "a;;\xff;-1;1;"), 4, "Door"),
                 (WHOLE.replace("[userdef end]", "0;0;0;0;0;0;1;6;1;1;x;24;\n" * 40 + "[userdef end]"),
                  4, "Door"), ("", 1, None)):
@@ -161,7 +161,7 @@ class Files(SystemTest):
                 write_file(POLICY_FILE, text)
                 self.start()
                 self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, verdict)
-                self.assertEqual(self.name(8080).app_name == "Door", door is not None)
+                self.assertEqual(self.name(8080).app_name == "door", door is not None)
                 if "[userdef end]" not in text.lower():
                     self.jorn.wait_line("ends early")
 
@@ -178,7 +178,7 @@ class Files(SystemTest):
         run("mount", "-o", "remount,ro", FOLDER)
         command(WRITE)
         self.jorn.wait_line("create error", since=since)
-        self.assertEqual(self.name(8443).app_name, "Clock")
+        self.assertEqual(self.name(8443).app_name, "clock")
         run("mount", "-o", "remount,rw", FOLDER)
         command(WRITE)
         self.assertEqual(saved(), WHOLE)
@@ -186,6 +186,8 @@ class Files(SystemTest):
     def test_kill_9_at_any_moment_of_a_save(self):
         source = random.Random(8)
         for _ in range(12):
+            if os.path.exists(POLICY_FILE):
+                os.unlink(POLICY_FILE)
             self.start()
             self.configure()
             killer = threading.Timer(source.uniform(0, 0.02), self.jorn.kill)
@@ -201,7 +203,7 @@ class Files(SystemTest):
             self.start()
             self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict,
                              4 if found.count("[policy end]") == 2 else 1)
-            self.assertEqual(self.name(8080).app_name == "Door", found == WHOLE[:len(WHOLE) - 1] + "\n")
+            self.assertEqual(self.name(8080).app_name == "door", found == WHOLE[:len(WHOLE) - 1] + "\n")
 
     def test_start_up_calls_and_the_rule_agent(self):
         write_file("/tmp/sbin/tdts_rule_agent", '#!/bin/sh\necho "$@" >>/tmp/agent\n')
