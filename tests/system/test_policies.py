@@ -1,4 +1,5 @@
 """Commands over the socket of the real daemon, and what they do to the verdicts."""
+import json
 import random
 import unittest
 
@@ -31,6 +32,13 @@ def utp(utp_id, uuid="", name="n"):
 
 def ping_verdict(**fields):
     return flow(protocol=1, app_name="icmp", **fields)
+
+
+def jornctl(*arguments, document=None):
+    """Exit status and output."""
+    done = subprocess.run([jorn_path("jornctl"), *arguments], input=json.dumps(document), text=True,
+                          capture_output=True, timeout=DEADLINE)
+    return done.returncode, done.stdout
 
 
 PING = ipv4_frame(1, icmp_echo())
@@ -101,6 +109,28 @@ class Policies(SystemTest):
                 command(release)
                 self.assertEqual(self.ping(7).verdict, 1)
                 command(POLICY_FLUSH)
+
+    def test_a_document_is_applied_and_edited(self):
+        document = {"policies": [{"utp_id": 4, "name": "guests", "uuid": "g", "rules": [
+            {"app_name": "icmp", "deny": True},
+            {"app_name": "example.com", "qos": {"mark": {"kind": "dscp", "type": "Voice"}}}]}],
+            "utps": [{"id": 5, "name": "lobby", "uuid": "G"}]}
+        # First the policy serves UTP 4; the entry of UTP 5 then moves it there.
+        for action, verdict in ((True, 3), (True, 3), (False, 1), (True, 3)):
+            document["policies"][0]["rules"][0]["deny"] = action
+            self.assertEqual(jornctl("apply", "-", document=document), (0, ""))
+            self.assertEqual(self.ping(5).verdict, verdict)
+            self.assertEqual(self.ping(4).verdict, verdict)
+            listing = jornctl("show", "priority", "5")[1]
+            self.assertEqual(listing.count("App Name:"), 2)
+            self.assertEqual(jornctl("show", "priority", "4")[0], 1)
+        document["policies"][0]["rules"][1]["qos"]["mark"]["type"] = "Fast"
+        status, _ = jornctl("apply", "-", document=document)
+        self.assertEqual((status, self.ping(5).verdict), (1, 3))
+        self.assertEqual(jornctl("flush", "arc-policies")[0], 0)
+        self.assertEqual(self.ping(5).verdict, 1)
+        self.jorn.stop()
+        self.assertEqual(jornctl("write")[0], 2)
 
     def test_id_63_is_found_and_64_is_not(self):
         for utp_id, verdict in ((63, 3), (64, 1)):

@@ -19,7 +19,7 @@ constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
 constexpr uint8_t UDP = 17;
 
 size_t ipv4_header_size(byte_view packet) {
-    return (packet.u8(0) & 0x0Fu) * 4u;
+    return (packet.u8(0) & 0x0Fu) * size_t{4};
 }
 
 // What follows the Ethernet header of an IPv4 frame: at most one VLAN tag, then IPv4 or PPPoE.
