@@ -46,6 +46,8 @@ TEST(JornctlDocuments, RefusalsNamePathAndReason) {
     } rows[] = {
         {"{\n  \"policies\": [,]}", "parse error at line 2, column 16", "unexpected ','"},
         {"", "parse error at line 1, column 1", "end of input"},
+        {R"({"policies": [{"utp_id": 1e999}]})", "number overflow", "1e999"},
+        {std::string(100'000, '[') + std::string(100'000, ']'), "nested deeper than", "64"},
         {"[]", "the document", "must be an object"},
         {"{}", "the document", "has no table"},
         {R"({"policy": []})", "/policy", "the keys are policies, utps, applications"},

@@ -11,6 +11,7 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t SHOWN_VALUE_MAX = 60;
+constexpr size_t DEPTH_MAX = 64; // several times what a document needs; the library's writer recurses
 
 // Follows the parser through objects and arrays, for it drops the first of two equal keys in
 // silence.
@@ -28,8 +29,11 @@ public:
         }
         if (!open_.empty() && open_.back().is_array)
             open_.back().place = std::to_string(open_.back().elements++);
-        if (event != kind::value)
-            open_.push_back({.is_array = event == kind::array_start});
+        if (event == kind::value)
+            return;
+        if (open_.size() == DEPTH_MAX)
+            throw refused("is nested deeper than " + std::to_string(DEPTH_MAX) + " levels");
+        open_.push_back({.is_array = event == kind::array_start});
     }
 
 private:
@@ -63,7 +67,7 @@ json parse_json(std::string_view text) {
     };
     try {
         return json::parse(text, watch, true, true);
-    } catch (const json::parse_error &error) {
+    } catch (const json::exception &error) {    // a number beyond any double isn't a parse_error
         const std::string_view what = error.what(); // "[json.exception.parse_error.101] parse ..."
         throw refused(std::string(what.substr(what.find("] ") + 2)));
     }
