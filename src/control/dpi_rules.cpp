@@ -21,10 +21,11 @@ void run_rule_agent(const char *rule_file) {
                     printable_text(rule_file).c_str());
         return;
     }
+    // A name that is too long is cut: the agent then says that there is no such file.
     char command[DPI_COMMAND_SIZE];
-    snprintf(command, sizeof command, "/usr/sbin/tdts_rule_agent -r %s/%s", DPI_RULE_DIRECTORY,
-             rule_file);
-    run_shell(command);
+    if (snprintf(command, sizeof command, "/usr/sbin/tdts_rule_agent -r %s/%s", DPI_RULE_DIRECTORY,
+                 rule_file) > 0)
+        run_shell(command);
 }
 
 void load_first_rule_file() {
