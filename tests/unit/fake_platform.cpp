@@ -10,14 +10,17 @@
 
 fake_platform platform;
 
+static int note(std::string call, int result = 0) {
+    platform.calls.push_back(std::move(call));
+    return result;
+}
+
 int psm_jor_mem_support() {
-    platform.calls.emplace_back("psm_jor_mem_support()");
-    return platform.mem_support;
+    return note("psm_jor_mem_support()", platform.mem_support);
 }
 
 int psm_mem_support_tm() {
-    platform.calls.emplace_back("psm_mem_support_tm()");
-    return platform.tm_support;
+    return note("psm_mem_support_tm()", platform.tm_support);
 }
 
 int psm_bsp_getMACBase(char *text) {
@@ -91,19 +94,15 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
 }
 
 int psms_av_set_tm_en(int enable) {
-    platform.calls.push_back("psms_av_set_tm_en(" + std::to_string(enable) + ")");
-    return 0;
+    return note("psms_av_set_tm_en(" + std::to_string(enable) + ")");
 }
 
 int psms_rflow_reset_app_policy() {
-    platform.calls.emplace_back("psms_rflow_reset_app_policy()");
-    return 0;
+    return note("psms_rflow_reset_app_policy()");
 }
 
 int psms_av_set_dev_av(const char *ifname, int enable) {
-    platform.calls.push_back(std::string("psms_av_set_dev_av(") + ifname + ", " +
-                             std::to_string(enable) + ")");
-    return 0;
+    return note(std::string("psms_av_set_dev_av(") + ifname + ", " + std::to_string(enable) + ")");
 }
 
 void crashdump_init(const char *process_name) {

@@ -48,7 +48,6 @@ extern "C" {
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *old, size_t size);
-void *__libc_memalign(size_t alignment, size_t size);
 
 void *malloc(size_t size) {
     ++allocator_calls;
@@ -61,10 +60,6 @@ void *calloc(size_t count, size_t size) {
 void *realloc(void *old, size_t size) {
     ++allocator_calls;
     return __libc_realloc(old, size);
-}
-void *aligned_alloc(size_t alignment, size_t size) {
-    ++allocator_calls;
-    return __libc_memalign(alignment, size);
 }
 }
 

@@ -1,44 +1,37 @@
 #include "classify/arc_policy.h"
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "fake_platform.h"
+#include "policies.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
 #include <random>
-#include <string>
 
 namespace {
 
 arc_rule domain_rule(const std::string &domain, bool deny = false) {
-    arc_rule rule = {};
-    strncpy(rule.app_name, domain.c_str(), sizeof rule.app_name - 1);
+    arc_rule rule = rule_of(domain);
     rule.deny = deny;
     return rule;
 }
 
 arc_rule id_rule(uint16_t app_id, uint16_t cat_id) {
-    arc_rule rule = domain_rule("by-id");
+    arc_rule rule = rule_of("by-id");
     rule.app_id = app_id;
     rule.cat_id = cat_id;
     return rule;
 }
 
-const arc_policy *add_policy(uint32_t utp_id, const std::vector<arc_rule> &rules) {
-    arc_policy_wire wire = {};
-    wire.utp_id = utp_id;
-    std::copy(rules.begin(), rules.end(), wire.rules);
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&wire));
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy->next != nullptr)
-        policy = policy->next;
+arc_policy_wire named_policy(uint32_t utp_id, const char *name, const char *uuid) {
+    arc_policy_wire policy = {};
+    policy.utp_id = utp_id;
+    copy_text(policy.name, name);
+    copy_text(policy.uuid, uuid);
     return policy;
 }
 
-void add_bare_utp(uint32_t id) {
+int add_utp(uint32_t id, const char *uuid = "") {
     utp_entry_wire entry = {};
     entry.id = id;
-    jorn_process_arc_config(reinterpret_cast<const uint8_t *>(&entry));
+    copy_text(entry.uuid, uuid);
+    return jorn_process_arc_config(reinterpret_cast<const uint8_t *>(&entry));
 }
 
 pkt_ctx named(const std::string &name, uint16_t app_id = 0, uint16_t cat_id = 0) {
@@ -49,14 +42,7 @@ pkt_ctx named(const std::string &name, uint16_t app_id = 0, uint16_t cat_id = 0)
     return ctx;
 }
 
-class ArcPolicy : public testing::Test {
-protected:
-    void SetUp() override {
-        jorn_state = {};
-        platform = {};
-    }
-    void TearDown() override { jorn_process_arc_policy_flush(); }
-};
+using ArcPolicy = FreshState;
 
 TEST(DomainMatch, Rows) {
     const std::string n59(59, 'n');
@@ -65,12 +51,8 @@ TEST(DomainMatch, Rows) {
         std::string name, domain;
         bool fits;
     } rows[] = {
-        {"ICMP", "icmp", true},
-        {"EXAMPLE", "example.com", true},
         {"www.Example.COM.evil.org", "example.com", true},
         {"example.org", "example.com", false},
-        {"", "com", false},
-        {"anything", "", true}, // an empty domain never reaches the match: its slot is free
         {n59, n59 + ".com", true},
         {n60, n60.substr(4) + ".com", false},
         {"caf\xC3\x89", "caf\xC3\xA9", false}, // only A to Z have a case
@@ -79,8 +61,6 @@ TEST(DomainMatch, Rows) {
     for (const auto &row : rows)
         EXPECT_EQ(__jorn_domain_match(row.name.c_str(), row.domain.c_str()) != 0, row.fits)
             << row.name << " / " << row.domain;
-    EXPECT_EQ(__jorn_domain_match(nullptr, "a"), 0);
-    EXPECT_EQ(__jorn_domain_match("a", nullptr), 0);
 }
 
 // The index names candidates only; what it leaves out must never fit. Random names and rules of few
@@ -126,19 +106,17 @@ TEST_F(ArcPolicy, IndexFindsWhatAWalkFinds) {
 TEST_F(ArcPolicy, OutcomeBySides) {
     add_policy(1, {domain_rule("deny-me", true)});
     add_policy(2, {domain_rule("deny-me"), domain_rule("only-dst", true)});
-    add_bare_utp(3);
-    add_bare_utp(64);
+    add_utp(3);
     const struct {
         const char *name;
         uint32_t src, dst;
         uint16_t action;
         uint32_t utp, from_src;
     } rows[] = {
-        {"deny-me", 1, 2, ARC_ACTION_BLOCK, 1, 1}, // the source side comes first
-        {"deny-me", 2, 1, ARC_ACTION_QOS, 2, 1},        {"only-dst", 1, 2, ARC_ACTION_BLOCK, 2, 0},
+        {"only-dst", 1, 2, ARC_ACTION_BLOCK, 2, 0},
         {"other", 1, 0, ARC_ACTION_NO_POLICY, 0, 0}, // the last look-up found no entry
-        {"other", 0, 1, ARC_ACTION_ALLOW, 0, 0},        {"other", 1, 3, ARC_ACTION_ALLOW, 0, 0},
-        {"deny-me", 64, 0, ARC_ACTION_NO_POLICY, 0, 0},
+        {"other", 0, 1, ARC_ACTION_ALLOW, 0, 0},
+        {"other", 1, 3, ARC_ACTION_ALLOW, 0, 0},
     };
     for (const auto &row : rows) {
         pkt_ctx ctx = named(row.name);
@@ -149,20 +127,48 @@ TEST_F(ArcPolicy, OutcomeBySides) {
         EXPECT_EQ(ctx.arc_match_utp, row.utp);
         EXPECT_EQ(ctx.arc_match_src, row.from_src);
     }
-    jorn_state.settings.arc_enabled = 0;
-    pkt_ctx ctx = named("deny-me");
-    ctx.src_utp_id = 1;
-    jorn_apply_arc_policy(&ctx);
-    EXPECT_EQ(ctx.arc_action, ARC_ACTION_NO_POLICY);
-    EXPECT_EQ(ctx.arc_cfg, nullptr);
 }
 
-TEST_F(ArcPolicy, IdsFitOnlyTogether) {
-    const arc_policy *policy = add_policy(1, {id_rule(5, 0), id_rule(5, 2)});
-    const pkt_ctx other_category = named("", 5, 1);
-    EXPECT_EQ(__jorn_policy_match(&other_category, policy), nullptr);
-    const pkt_ctx second = named("", 5, 2);
-    EXPECT_EQ(__jorn_policy_match(&second, policy), &policy->rules[1]);
+TEST_F(ArcPolicy, EntryTakesTheFirstPolicyWithItsUuidWhichCannotOutliveTheFlush) {
+    add_policy(named_policy(5, "first", "ab-CD"));
+    add_policy(named_policy(6, "second", "AB-cd"));
+    // Command 8 keeps arc_enabled and tells nobody; command 24 does both.
+    for (const bool clean : {true, false}) {
+        EXPECT_EQ(add_utp(64, "AB-CD"), 0);
+        const utp_entry &entry = jorn_state.arc_utp_table[63];
+        ASSERT_NE(entry.policy, nullptr);
+        EXPECT_STREQ(entry.policy->name, clean ? "first" : "again");
+        EXPECT_EQ(entry.policy->utp_id, 64u);
+        const size_t calls = platform.calls.size();
+        clean ? jorn_process_cmd_policy_clean() : jorn_process_arc_policy_flush();
+        EXPECT_EQ(entry.policy, nullptr);
+        EXPECT_EQ(entry.id, 64u);
+        EXPECT_EQ(jorn_state.settings.arc_enabled, clean ? 1 : 0);
+        EXPECT_EQ(platform.calls.size() - calls, clean ? 0u : 1u);
+        add_policy(named_policy(5, "again", "ab-CD"));
+    }
+    for (const uint32_t id : {0u, 65u, 0xFFFFFFFFu})
+        EXPECT_EQ(add_utp(id), -1);
+}
+
+TEST_F(ArcPolicy, HostilePolicyIsCutAndKeptWithoutEntry) {
+    arc_policy_wire wire = {}; // of UTP 0
+    memset(wire.name, 'n', sizeof wire.name);
+    memset(wire.rules[0].app_name, 'a', sizeof wire.rules[0].app_name);
+    const arc_policy *policy = add_policy(wire);
+    EXPECT_EQ(strlen(policy->name), 64u);
+    EXPECT_EQ(strlen(policy->rules[0].app_name), 63u);
+    for (const auto &entry : jorn_state.arc_utp_table)
+        EXPECT_EQ(entry.id, 0u);
+}
+
+TEST_F(ArcPolicy, LogFlagGoesToThePolicyOfThatExactName) {
+    const arc_policy *other = add_policy(named_policy(1, "Office", "a"));
+    const arc_policy *meant = add_policy(named_policy(2, "office", "b"));
+    char name[68] = "office";
+    jorn_process_arc_policy_log_cfg(-1, name, 0x102);
+    EXPECT_EQ(other->log_enable, 0);
+    EXPECT_EQ(meant->log_enable, 2);
 }
 
 } // namespace

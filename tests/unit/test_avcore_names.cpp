@@ -111,31 +111,6 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     EXPECT_EQ(answer_domain_name(names, second_us, {34, 1, asked.body.first(7)}).size(), 12u);
 }
 
-TEST(AvcoreDpi, NamesWhatTheDaemonExpects) {
-    constexpr uint16_t none = 0, dns = 5, http = 7, tls = 91, youtube = 124, quic = 188;
-    const struct {
-        uint16_t master, app, id;
-        const char *name;
-        bool host;
-    } rows[] = {
-        {none, tls, tls, "HTTP Protocol over TLS SSL", true},
-        {tls, none, tls, "HTTP Protocol over TLS SSL", true},
-        {none, quic, quic, "HTTP Protocol over TLS SSL", true},
-        {none, http, http, "HTTP", true},
-        {tls, youtube, youtube, nullptr, true},
-        {quic, youtube, youtube, nullptr, true},
-        {dns, youtube, dns, nullptr, false},
-        {none, dns, dns, nullptr, false},
-        {none, none, none, nullptr, false},
-    };
-    for (const auto &row : rows) {
-        const dpi_application found = dpi_application_of(row.master, row.app);
-        EXPECT_EQ(found.id, row.id) << row.master << ' ' << row.app;
-        EXPECT_STREQ(found.name, row.name) << row.master << ' ' << row.app;
-        EXPECT_EQ(found.names_host, row.host) << row.master << ' ' << row.app;
-    }
-}
-
 class AvcoreDpiEngine : public testing::Test {
 protected:
     av_pkt_trailer inspect(uint16_t port, uint16_t to_port, const bytes &payload,

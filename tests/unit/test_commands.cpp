@@ -1,16 +1,11 @@
-#include "control/arc_tables.h"
 #include "control/commands.h"
 #include "control/configuration.h"
 #include "control/reply.h"
-#include "core/state.h"
-#include "fake_platform.h"
+#include "policies.h"
 
 #include <cstring>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 static int saves;
 
@@ -48,19 +43,7 @@ std::vector<uint8_t> word(uint32_t value) {
     return bytes;
 }
 
-class Commands : public testing::Test {
-protected:
-    void SetUp() override {
-        jorn_state = {};
-        platform = {};
-    }
-    void TearDown() override { jorn_process_arc_policy_flush(); }
-
-    void add_policy(const arc_policy_wire &policy) {
-        const auto *bytes = reinterpret_cast<const uint8_t *>(&policy);
-        run(23, {bytes, bytes + sizeof policy});
-    }
-};
+using Commands = FreshState;
 
 TEST_F(Commands, PriorityListingWordForWord) {
     arc_policy_wire policy = {};
@@ -92,23 +75,6 @@ TEST_F(Commands, ShortAndUnassignedMessagesChangeNothing) {
         EXPECT_EQ(run(number, std::vector<uint8_t>(7352, 1)), "");
     EXPECT_EQ(jorn_state.arc_policy_list, nullptr);
     EXPECT_TRUE(platform.calls.empty());
-}
-
-TEST_F(Commands, ShortPayloadIsCompletedWithZeros) {
-    run(23, {});
-    ASSERT_NE(jorn_state.arc_policy_list, nullptr);
-    EXPECT_EQ(jorn_state.arc_policy_list->utp_id, 0u);
-    run(20, word(9));
-    EXPECT_EQ(jorn_state.arc_utp_table[8].id, 9u);
-    EXPECT_STREQ(jorn_state.arc_utp_table[8].uuid, "");
-}
-
-TEST_F(Commands, DebugTakesTheLowByteAndWriteAnswers) {
-    run(34, word(0x1200));
-    EXPECT_EQ(jorn_state.settings.debug, 0);
-    run(34, word(0x1201));
-    EXPECT_EQ(jorn_state.settings.debug, 1);
-    EXPECT_EQ(run(17), "\n====JORN write configuration====\n");
 }
 
 TEST_F(Commands, FileFollowsTheCommandsThatChangeItRefusedOnesToo) {

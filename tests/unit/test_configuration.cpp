@@ -1,15 +1,11 @@
-#include "control/arc_tables.h"
 #include "control/configuration.h"
 #include "core/saved_file.h"
 #include "core/shell.h"
-#include "core/state.h"
-#include "fake_platform.h"
+#include "policies.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -37,12 +33,6 @@ size_t occurrences(const std::string &text, const std::string &part) {
     for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
         ++count;
     return count;
-}
-
-arc_policy_wire policy_of(uint32_t utp_id) {
-    arc_policy_wire policy = {};
-    policy.utp_id = utp_id;
-    return policy;
 }
 
 class Configuration : public testing::Test {
@@ -77,9 +67,6 @@ protected:
         std::string content(text, size);
         free(text);
         return content;
-    }
-    static void add_policy(const arc_policy_wire &policy) {
-        __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
     }
     static size_t policy_count() {
         size_t count = 0;
@@ -116,7 +103,7 @@ TEST_F(Configuration, ByteForByteAndBack) {
     // What the daemon holds and a restart doesn't bring back: free slots between rules, a policy
     // without rules, an address that isn't IPv4.
     std::swap(policy->rules[1], policy->rules[63]);
-    add_policy(policy_of(0xFFFFFFFF));
+    add_policy(0xFFFFFFFF);
     defined[1].dst_ip[0] = 1;
     const std::string fuller = written();
     EXPECT_EQ(fuller, head + rule + "[policy end]\n\n[policy]\n0;0;0;0;-1;\n[policy end]\n\n" +
@@ -142,12 +129,9 @@ TEST_F(Configuration, FilesEditedByHand) {
              "[appPolicy end]\n[userdef]\n0;0;0;0;0;0;80;6;1;2;n;24;\n[userdef end]\n"},
         {"no [appPolicy]: nothing counts", block + "[appPolicy end]\n[userdef]\n1;\n[userdef end]",
          EMPTY},
-        {"no [policy]", policies("1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n[policy end]\n"), EMPTY},
         {"no [policy end]: the next block becomes rules",
          policies("[policy]\n0;0;0;0;1;\n" + rule + block),
          policies("[policy]\n0;0;0;0;1;\n" + rule + block.substr(block.find("6,7")))},
-        {"no [appPolicy end]: no section of applications",
-         "[appPolicy]\n" + block + "[userdef]\n1;\n[userdef end]\n", policies(block)},
         {"70 rules, and the counter starts anew",
          policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 70) + "[policy end]\n" + block),
          policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 64) + "[policy end]\n\n" + block)},
@@ -155,9 +139,6 @@ TEST_F(Configuration, FilesEditedByHand) {
          policies("[policy]\n 257 ;\r;3\n 65537, x ,\r n ,c , 256,3,2,7,-1,four,99999,1x\n"
                   "[policy end]\n"),
          policies("[policy]\n1;0;3;0;0;\n1,0,n,c,0,1,0,3,3,0,34463,1;\n[policy end]\n\n")},
-        {"a header line of any kind, an empty line among rules",
-         policies("[policy]\n[policy end]\n\n" + rule + "[policy end]\n"),
-         policies("[policy]\n0;0;0;0;0;\n" + rule + "[policy end]\n\n")},
         {"applications: wrong types, too few and too many fields",
          userdefs("2;x;2;-1;1e3;0;0;0;0;0; n \r;9;9;9\n\n3;7;4;7;5\n"),
          userdefs("2;0;2;-1;1;0;0;0;0;0;n;9;\n0;0;0;0;0;0;0;0;0;0;;0;\n3;3;4;0;5;0;0;0;0;0;;0;\n")},
@@ -219,7 +200,7 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
     ASSERT_LT(missing, std::size(last));
     policy.rules[0].rate_down = last[missing];
     add_policy(policy);
-    add_policy(policy_of(7));
+    add_policy(7);
     EXPECT_EQ(written().size(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n").size() + 8095);
     jorn_state.arc_policy_list->utp_id = 10;
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));

@@ -41,7 +41,6 @@ TEST(Decode, CountsByKind) {
         {"another IP protocol", ethernet(0x0800, ipv4(47, octets(8, 0))), {2, 6, 15}},
         {"first UDP fragment", ethernet(0x0800, ipv4(17, udp(1, 2), MORE)), {2, 6, 8, 11}},
         {"first TCP fragment", ethernet(0x0800, ipv4(6, tcp(80, 2), MORE)), {2, 6, 8}},
-        {"middle fragment", ethernet(0x0800, ipv4(17, udp(1, 2), MORE | 1)), {2, 6, 8}},
         {"last fragment", ethernet(0x0800, ipv4(17, udp(1, 2), 0x1FFF)), {2, 6, 8}},
         {"don't fragment", ethernet(0x0800, ipv4(17, udp(1, 2), 0x4000)), {2, 6, 11}},
         {"fragment of nothing", ethernet(0x0800, ipv4(1, {}, 1)), {2, 6, 13}},
@@ -50,9 +49,6 @@ TEST(Decode, CountsByKind) {
         {"PPPoE IPv4", pppoe(0x0021, ipv4(6, tcp(1, 2))), {2, 6, 9}},
         {"PPPoE IPv6", pppoe(0x0057, octets(60, 0)), {2}},
         {"ARP", ethernet(0x0806, arp()), {2, 16}},
-        {"reverse ARP", ethernet(0x8035, arp()), {2, 16}},
-        {"IPv6", ethernet(0x86DD, octets(40, 0)), {2}},
-        {"IPX", ethernet(0x8137, octets(46, 0)), {2}},
         {"configuration testing", ethernet(0x9000, octets(46, 0)), {2}},
         {"unknown type", ethernet(0x88B5, octets(46, 0)), {2, 5}},
         {"cut in the Ethernet header", octets(13, 8), {2}},
@@ -104,32 +100,27 @@ TEST(Decode, HttpLocation) {
     } rows[] = {
         {"blank after the colon stays, bytes behind the line too",
          found + "Location: http://1.2.3.4/\r\n\r\n", 1, " http://1.2.3.4/\r\n\r\n"},
-        {"letter case", found + "lOCATION:x\r\n", 1, "x\r\n"},
         {"33 bytes and no NUL", found + "Location:" + DIGITS + "\r\n", 1, std::string(DIGITS, 33)},
         {"32 bytes", found + "Location:" + std::string(DIGITS, 30) + "\r\n", 1,
          std::string(DIGITS, 30) + "\r\n"},
         {"NUL in the value", found + "Location:ab\0cd\r\n"s, 1, "ab"},
         {"NUL as the value", found + "Location:\0\r\n"s, 1, ""},
-        {"empty value", found + "Location:\r\n", 1, "\r\n"},
         {"any header that ends so", found + "Content-Location: /a\r\nLocation: /b\r\n", 1,
          " /a\r\nLocation: /b\r\n"},
         {"no end of line", found + "Location: http://1.2.3.4/\n\r", 0, ""},
         {"end of line only before it", found + "Location:", 0, ""},
         {"no such header", found + "Server: x\r\n\r\n", 0, ""},
-        {"name without a colon", found + "Location http://1.2.3.4/\r\n", 0, ""},
         {"blanks around the pieces", "  HTTP/1.1   302\r\nLocation:x\r\n", 1, "x\r\n"},
         {"digits, then letters", "HTTP/1.1 302x\r\nLocation:x\r\n", 1, "x\r\n"},
         {"another status", "HTTP/1.1 301 302\r\nLocation:x\r\n", 0, ""},
         {"a longer number", "HTTP/1.1 3020\r\nLocation:x\r\n", 0, ""},
         {"a number that overflows", "HTTP/1.1 99999999999999999999302\r\nLocation:x\r\n", 0, ""},
-        {"one piece", "302\r\n302\r\nLocation:x\r\n", 0, ""},
         {"status behind the first 64 bytes", std::string(63, 'H') + " 302\r\nLocation:x\r\n", 0,
          ""},
         {"status cut by the first 64 bytes", std::string(61, 'H') + " 3020\r\nLocation:x\r\n", 0,
          ""},
         {"status ends with the first 64 bytes", std::string(60, 'H') + " 302\r\nLocation:x\r\n", 1,
          "x\r\n"},
-        {"nothing", "", 0, ""},
     };
     for (const auto &row : rows) {
         const pkt_ctx ctx = decode(ethernet(0x0800, ipv4(6, tcp(80, 1024, row.payload))));
@@ -155,18 +146,6 @@ TEST(Decode, HttpEndsWithThePacket) {
     EXPECT_EQ(
         decode(ethernet(0x0800, ipv4(6, tcp(1024, 80, "x 302\r\nLocation:x\r\n")))).http_redirect,
         0);
-}
-
-TEST(Decode, AddressText) {
-    sockaddr_storage address = {};
-    char text[128];
-    address.ss_family = AF_INET;
-    EXPECT_STREQ(jorn_addr_to_str(reinterpret_cast<sockaddr *>(&address), text, sizeof text),
-                 "0.0.0.0");
-    address.ss_family = AF_INET6;
-    EXPECT_STREQ(jorn_addr_to_str(reinterpret_cast<sockaddr *>(&address), text, sizeof text), "::");
-    address.ss_family = AF_UNIX;
-    EXPECT_STREQ(jorn_addr_to_str(reinterpret_cast<sockaddr *>(&address), text, 8), "Unknown");
 }
 
 } // namespace

@@ -1,16 +1,15 @@
 #include "classify/detect.h"
-#include "control/arc_tables.h"
 #include "control/dpi_engine.h"
 #include "dns_cache_fixture.h"
+#include "policies.h"
 #include "userapps/settle.h"
 
 namespace {
 
-av_pkt_trailer dpi_trailer(const std::string &name, uint32_t status = AV_DPI_IDENTIFIED,
-                           uint32_t filter = AV_FILTER_DPI) {
+av_pkt_trailer dpi_trailer(const std::string &name) {
     av_pkt_trailer trailer = {};
-    trailer.filter_type = filter;
-    trailer.dpi_status = status;
+    trailer.filter_type = AV_FILTER_DPI;
+    trailer.dpi_status = AV_DPI_IDENTIFIED;
     trailer.dpi_app_id = 124;
     trailer.dpi_cat_id = 9;
     memcpy(trailer.dpi_app_name, name.data(), name.size());
@@ -46,56 +45,9 @@ protected:
 
 constexpr char ADDRESSES[] = "10.0.0.2 192.0.2.7:8080";
 
-TEST_F(Detect, WhoNamesAFlow) {
-    const std::string full(128, 'f'); // fills the trailer's field
-    const std::string cut(64, 'f');
-    const uint8_t dns = APP_SOURCE_DNS;
-    const uint8_t dpi = APP_SOURCE_DPI;
-    const uint8_t user = APP_SOURCE_USERDEF;
-    const struct {
-        const char *what;
-        av_pkt_trailer trailer;
-        uint8_t source_before;
-        const char *dns;
-        std::string name, second_name;
-        uint8_t source;
-    } rows[] = {
-        {"the engine", dpi_trailer("YouTube"), 0, "d.example", "YouTube", "", dpi},
-        {"an unterminated name", dpi_trailer(full), 0, "", cut, "", dpi},
-        {"another letter case", dpi_trailer("Http"), 0, "", "Http", "", dpi},
-        {"engine after user", dpi_trailer("YouTube"), user, "", "Till", "YouTube", user},
-        {"HTTP", dpi_trailer("HTTP"), 0, "d.example", "d.example", "", dns},
-        {"TLS", dpi_trailer("HTTP Protocol over TLS SSL"), 0, "", ADDRESSES, "", 0},
-        {"web", dpi_trailer("World Wide Web HTTP"), 0, "", ADDRESSES, "", 0},
-        {"more packets needed", dpi_trailer("x", 1), 0, "d.example", "d.example", "", dns},
-        {"gave up", dpi_trailer("x", 3), 0, "", ADDRESSES, "", 0},
-        {"no result there", dpi_trailer("x", 2, AV_FILTER_URL), 0, "", ADDRESSES, "", 0},
-        {"DNS after user", dpi_trailer("x", 1), user, "d.example", "Till", "d.example", user},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
-        TearDown();
-        SetUp();
-        if (row.dns[0] != '\0')
-            learn_dns_name(ip("192.0.2.7"), row.dns);
-        pkt_ctx ctx = client_flow();
-        ctx.app_source = row.source_before;
-        if (ctx.app_source != 0)
-            strcpy(ctx.app_name, "Till");
-        EXPECT_EQ(detect(ctx, row.trailer), 1);
-        EXPECT_EQ(ctx.app_name, row.name);
-        EXPECT_EQ(ctx.orig_app, row.second_name);
-        EXPECT_EQ(ctx.app_source, row.source);
-        EXPECT_EQ(ctx.app_id, row.source == APP_SOURCE_DPI ? 124 : 0);
-        EXPECT_EQ(ctx.app_cat_id, row.source == APP_SOURCE_DPI ? 9 : 0);
-    }
-}
-
 // Everything that can name a flow at once, taken away from the front.
 TEST_F(Detect, TheStepsInTheirOrder) {
-    arc_policy_wire lists_nothing = {};
-    lists_nothing.utp_id = 1;
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&lists_nothing));
+    add_policy(1);
     userdef_app definition = {}; // fits every packet
     strcpy(definition.app_name, "Till");
     port_app service = {};
@@ -146,51 +98,6 @@ TEST_F(Detect, TheStepsInTheirOrder) {
         EXPECT_EQ(ctx.app_source, row.source);
     }
     jorn_process_arc_policy_flush();
-}
-
-TEST_F(Detect, TheEngineCountsOnlyWhereThePlatformHasIt) {
-    for (const int support : {1, 0}) {
-        jorn_state.settings.tm_engine_enabled = 0;
-        platform.calls.clear();
-        platform.tm_support = support;
-        enable_dpi_engine();
-        std::vector<std::string> calls = {"psm_mem_support_tm()"};
-        if (support != 0)
-            calls.emplace_back("psms_av_set_tm_en(1)");
-        EXPECT_EQ(platform.calls, calls);
-        pkt_ctx ctx = client_flow();
-        detect(ctx, dpi_trailer("YouTube"));
-        EXPECT_STREQ(ctx.app_name, support != 0 ? "YouTube" : ADDRESSES);
-    }
-}
-
-TEST(FlowName, Rows) {
-    const struct {
-        const char *src, *dst;
-        uint16_t port;
-        uint8_t non_ip, source;
-        const char *name, *second_name;
-    } rows[] = {
-        {"10.0.0.2", "192.0.2.7", 8080, 0, 0, ADDRESSES, ""},
-        {"255.99.9.100", "199.10.1.0", 65535, 0, 0, "255.99.9.100 199.10.1.0:65535", ""},
-        {"1.0.0.9", "", 0, 0, 0, "1.0.0.9 :0", ""},
-        {"", "192.0.2.7", 1, 0, 0, "", ""},
-        {"10.0.0.2", "192.0.2.7", 1, 1, 0, "", ""},
-        {"10.0.0.2", "192.0.2.7", 80, 0, APP_SOURCE_DNS, "", "10.0.0.2 192.0.2.7:80"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.src);
-        pkt_ctx ctx = {};
-        ctx.src_ip = ip(row.src);
-        ctx.dst_ip = ip(row.dst);
-        ctx.dst_port = row.port;
-        ctx.non_ip = row.non_ip;
-        ctx.app_source = row.source;
-        EXPECT_EQ(jorn_detect_pkt_flow_name(&ctx), row.name[0] != '\0' ? 1 : 0);
-        EXPECT_STREQ(ctx.app_name, row.name);
-        EXPECT_STREQ(ctx.orig_app, row.second_name);
-        EXPECT_EQ(ctx.app_source, row.source);
-    }
 }
 
 } // namespace

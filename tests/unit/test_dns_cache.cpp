@@ -77,13 +77,4 @@ TEST_F(DnsCache, FullCacheRefusesUntilAgingMakesRoomForOne) {
     EXPECT_GT(text.rfind("\t aging time: "), text.rfind("NO:"));
 }
 
-TEST_F(DnsCache, ListingWordForWord) {
-    EXPECT_EQ(listing(), "\n====JORN DNS CACHE====\nTOTAL:0\n");
-    learn_dns_name(ip("192.0.2.10"), "a\nTOTAL:9\x7F");
-    jorn_dnscache_age();
-    EXPECT_EQ(listing(), "\n====JORN DNS CACHE====\nTOTAL:1\n"
-                         "NO:1\n\t dst ip: 192.0.2.10\n\t application name: a?TOTAL:9?\n"
-                         "\t aging time: 5\n\n");
-}
-
 } // namespace

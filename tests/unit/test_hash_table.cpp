@@ -96,16 +96,6 @@ TEST_F(HashTable, CraftedKeys) {
     EXPECT_EQ(table->buckets[7].bucket_count, static_cast<uint32_t>(table->count));
 }
 
-TEST_F(HashTable, FunctionsOfTheCallerDecideWhatIsEqual) {
-    const auto all_equal = [](const void *, const void *, uint32_t) { return 0; };
-    const auto hash = [](const hash_table *, const void *) { return 2048u + 3; };
-    hash_table_set_options(table, hash, all_equal, nullptr, nullptr, &error);
-    ASSERT_EQ(hash_table_insert(table, make_item(11)), 0);
-    EXPECT_EQ(find(21)->key, 11u);
-    EXPECT_EQ(hash_table_insert(table, find(21)), -5);
-    EXPECT_EQ(table->buckets[3].bucket_count, 1u);
-}
-
 TEST_F(HashTable, NewestAtTheHeadOfTheChainThatTheSignedBytesChoose) {
     const uint8_t address[] = {0xC0, 0xA8, 0x01, 0x01};
     uint32_t key;
@@ -141,23 +131,6 @@ TEST_F(HashTable, EqualKeyIsRefusedAndAnotherObjectWithItIsNotDeleted) {
     EXPECT_EQ(hash_table_delete(table, twin), -4);
     EXPECT_NE(find(1), twin);
     free(twin);
-}
-
-TEST_F(HashTable, PrintsWordForWord) {
-    memset(table->name, 'n', sizeof table->name);
-    hash_table_insert(table, make_item(0));
-    const auto print = [](const void *object) {
-        printf("key %u\n", static_cast<const item *>(object)->key);
-    };
-    testing::internal::CaptureStdout();
-    hash_table_print(table);
-    hash_table_set_options(table, nullptr, nullptr, nullptr, print, &error);
-    hash_table_print(table);
-    const std::string head = "\n\n PRINT " + std::string(32, 'n') +
-                             " Details:\nthe number of the object is 1 \n\n\t\t the index is " +
-                             std::to_string(bucket(0)) + ", the number in the bucket is 1 \n\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              head + "no print object API designated\n" + head + "key 0\n");
 }
 
 } // namespace

@@ -36,9 +36,7 @@ TEST_F(PortService, LinesOfEveryShape) {
          " 8443 , UdP,65537 ,-1,  My Portal \r",
          {"My Portal 8443 udp 1 65535"}},
         {"version", "WDL_PORT_SERVICE_FILE_VER:1.0\n80,tcp,1,2,WDL_PORT_SERVICE_FILE_VER:\n", {}},
-        {"no name", "80,tcp,1,2\n80,tcp,1,2,\n80,tcp,1,2, \r\n,\n\n", {}},
         {"empty fields vanish, further ones too", ",80,,tcp,1,,,2,a,b,c\n", {"a 80 tcp 1 2"}},
-        {"a blank field doesn't", "80,tcp, ,2,a\n", {"a 80 tcp 0 2"}},
         {"ports",
          "0,tcp,1,2,a\n65535,tcp,1,2,b\n65534,tcp,1,2,c\n1,tcp,1,2,d\n-1,tcp,1,2,e\n"
          "65616,tcp,1,2,f\n4294967376,tcp,1,2,g\nx,tcp,1,2,h\n",
@@ -97,8 +95,8 @@ TEST_F(PortService, UnopenableFileIsRemovedAndTheListStays) {
 
 TEST_F(PortService, EntriesNameThePortsOfBothSidesAndNeedTheirPolicy) {
     load_ports("80,tcp,1,11,b\n90,tcp,1,12,a\n80,udp,1,13,u\n100,tcp,1,14,z\n");
-    add_policy(1, {{"User Defined", "b"}, {"Streaming", "z"}});
-    add_policy(2, {{"User Defined", "nothing"}});
+    add_policy(1, {rule_of("b", "User Defined"), rule_of("z", "Streaming")});
+    add_policy(2, {rule_of("nothing", "User Defined")});
     const struct {
         uint8_t protocol;
         uint16_t src_port, dst_port;
@@ -106,22 +104,15 @@ TEST_F(PortService, EntriesNameThePortsOfBothSidesAndNeedTheirPolicy) {
         uint16_t app_id; // 0 = no match
     } rows[] = {
         {6, 5000, 80, 0, 0, 11}, {6, 80, 5000, 0, 0, 11}, {17, 5000, 80, 0, 0, 13},
-        {1, 80, 80, 0, 0, 0},    {6, 80, 90, 0, 0, 12},   {6, 90, 80, 0, 0, 12},
-        {6, 90, 80, 1, 0, 11},   {6, 90, 80, 2, 1, 11},   {6, 90, 80, 2, 2, 0},
-        {6, 90, 80, 2, 0, 12},   {6, 100, 1, 1, 1, 0},    {6, 100, 1, 1, 3, 14},
-        {17, 90, 100, 0, 0, 0},  {6, 80, 80, 1, 1, 11},
+        {1, 80, 80, 0, 0, 0},    {6, 90, 80, 0, 0, 12},   {6, 90, 80, 1, 0, 11},
+        {6, 90, 80, 2, 1, 11},   {6, 90, 80, 2, 2, 0},    {6, 100, 1, 1, 3, 14},
     };
     for (const auto &row : rows) {
-        for (const bool debug : {false, true}) {
-            pkt_ctx pkt =
-                packet(row.protocol, row.src_port, row.dst_port, row.src_utp, row.dst_utp);
-            jorn_state.settings.debug = debug;
-            EXPECT_EQ(jorn_detect_pkt_userdef_port_service_app(&pkt), row.app_id != 0);
-            EXPECT_EQ(pkt.app_id, row.app_id) << row.src_port << " to " << row.dst_port;
-            EXPECT_EQ(pkt.app_source, row.app_id != 0 ? APP_SOURCE_USER_PORT : 0);
-            EXPECT_EQ(pkt.match_info, row.app_id != 0 ? 1u : 0u);
-            EXPECT_EQ(pkt.detect_flags, 0);
-        }
+        pkt_ctx pkt = packet(row.protocol, row.src_port, row.dst_port, row.src_utp, row.dst_utp);
+        EXPECT_EQ(jorn_detect_pkt_userdef_port_service_app(&pkt), row.app_id != 0);
+        EXPECT_EQ(pkt.app_id, row.app_id) << row.src_port << " to " << row.dst_port;
+        EXPECT_EQ(pkt.app_source, row.app_id != 0 ? APP_SOURCE_USER_PORT : 0);
+        EXPECT_EQ(pkt.match_info, row.app_id != 0 ? 1u : 0u);
     }
 }
 
@@ -152,9 +143,9 @@ TEST_F(PortService, LookUpsFindWhatTheWalksFind) {
                            (below(2) != 0 ? ",tcp,1,1," : ",udp,1,1,") + name() + "\n";
             load_ports(content);
         } else if (kind == 2) {
-            rule_names rules(64);
-            for (auto &[category, app] : rules)
-                std::tie(category, app) = std::pair(below(2) != 0 ? "User Defined" : "Web", name());
+            std::vector<arc_rule> rules(64);
+            for (arc_rule &rule : rules)
+                rule = rule_of(name(), below(2) != 0 ? "User Defined" : "Web");
             add_policy(1 + below(4), rules);
         } else if (below(4) == 0) {
             jorn_process_arc_policy_flush();
@@ -199,19 +190,6 @@ TEST_F(PortService, BuiltinLookUpReadsTheTableAsWritten) {
         ASSERT_EQ(jorn_detect_pkt_builtin_port_service_app(&pkt), row != &last) << dst_port;
         EXPECT_TRUE(equals_ignoring_case(field_text(pkt.app_name), row->app_name)) << dst_port;
     }
-}
-
-TEST_F(PortService, BuiltinNameGoesWhereThereIsRoom) {
-    pkt_ctx unnamed = packet(6, 40000, 514);
-    pkt_ctx named = packet(17, 514, 40000);
-    named.app_source = APP_SOURCE_DNS;
-    jorn_detect_pkt_builtin_port_service_app(&unnamed);
-    jorn_detect_pkt_builtin_port_service_app(&named);
-    EXPECT_STREQ(unnamed.app_name, "apple-shell");
-    EXPECT_EQ(unnamed.app_source, APP_SOURCE_BUILTIN_PORT);
-    EXPECT_STREQ(named.app_name, "");
-    EXPECT_STREQ(named.orig_app, "syslog");
-    EXPECT_EQ(named.app_source, APP_SOURCE_DNS);
 }
 
 } // namespace

@@ -77,27 +77,6 @@ TEST(FieldSplitter, PlacesOfEmptyFields) {
     }
 }
 
-TEST(Text, TrimsInPlace) {
-    for (const auto &[text, expected] :
-         {std::pair{" \r\n", ""}, {"\tX \n", "\tX"}, {"", ""}, {"\n  a b\r", "a b"}}) {
-        char buffer[16];
-        strcpy(buffer, text);
-        jorn_strtrim(buffer);
-        EXPECT_STREQ(buffer, expected);
-    }
-}
-
-TEST(Text, AppendsBelowCapacityOnly) {
-    char buffer[12] = "0123456789";
-    size_t length = 10;
-    EXPECT_EQ(jorn_buf_append(buffer, "ab", &length, 12), -1);
-    EXPECT_EQ(jorn_buf_append(buffer, "a", &length, 9), -1);
-    EXPECT_EQ(jorn_buf_append(buffer, nullptr, &length, 12), -1);
-    EXPECT_EQ(jorn_buf_append(buffer, "a", &length, 12), 0);
-    EXPECT_STREQ(buffer, "0123456789a");
-    EXPECT_EQ(length, 11u);
-}
-
 TEST(Text, ReadsLeadingDecimals) {
     for (const auto &[text, number] : {std::pair<const char *, int64_t>{" \t-7;", -7},
                                        {"+5x", 5},

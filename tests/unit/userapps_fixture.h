@@ -1,28 +1,14 @@
-// Empty tables, and short ways to fill them, for the tests of user-defined applications.
+// Short ways to fill the tables of user-defined applications.
 #pragma once
 
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
-#include "fake_platform.h"
+#include "policies.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
 
-#include <gtest/gtest.h>
-#include <string>
-#include <utility>
-#include <vector>
-
-class UserApps : public testing::Test {
+class UserApps : public FreshState {
 protected:
-    using rule_names = std::vector<std::pair<std::string, std::string>>; // category, application
-
-    void SetUp() override {
-        jorn_state = {};
-        platform = {};
-    }
     void TearDown() override {
-        jorn_process_arc_policy_flush();
+        FreshState::TearDown();
         port_app_list_clear(&jorn_state.port_apps);
     }
 
@@ -35,18 +21,6 @@ protected:
         pkt.src_utp_id = src_utp_id;
         pkt.dst_utp_id = dst_utp_id;
         return pkt;
-    }
-
-    // Gives a UTP a policy, as command 23 does.
-    static void add_policy(uint32_t utp_id, const rule_names &rules) {
-        arc_policy_wire policy = {};
-        policy.utp_id = utp_id;
-        copy_text(policy.name, "policy");
-        for (size_t i = 0; i < rules.size(); ++i) {
-            copy_text(policy.rules[i].cat_name, rules[i].first);
-            copy_text(policy.rules[i].app_name, rules[i].second);
-        }
-        __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
     }
 
     static int set_definitions(const std::vector<userdef_app> &records) {
