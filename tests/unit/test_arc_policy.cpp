@@ -129,28 +129,6 @@ TEST_F(ArcPolicy, OutcomeBySides) {
     }
 }
 
-TEST_F(ArcPolicy, EntryTakesTheFirstPolicyWithItsUuidWhichCannotOutliveTheFlush) {
-    add_policy(named_policy(5, "first", "ab-CD"));
-    add_policy(named_policy(6, "second", "AB-cd"));
-    // Command 8 keeps arc_enabled and tells nobody; command 24 does both.
-    for (const bool clean : {true, false}) {
-        EXPECT_EQ(add_utp(64, "AB-CD"), 0);
-        const utp_entry &entry = jorn_state.arc_utp_table[63];
-        ASSERT_NE(entry.policy, nullptr);
-        EXPECT_STREQ(entry.policy->name, clean ? "first" : "again");
-        EXPECT_EQ(entry.policy->utp_id, 64u);
-        const size_t calls = platform.calls.size();
-        clean ? jorn_process_cmd_policy_clean() : jorn_process_arc_policy_flush();
-        EXPECT_EQ(entry.policy, nullptr);
-        EXPECT_EQ(entry.id, 64u);
-        EXPECT_EQ(jorn_state.settings.arc_enabled, clean ? 1 : 0);
-        EXPECT_EQ(platform.calls.size() - calls, clean ? 0u : 1u);
-        add_policy(named_policy(5, "again", "ab-CD"));
-    }
-    for (const uint32_t id : {0u, 65u, 0xFFFFFFFFu})
-        EXPECT_EQ(add_utp(id), -1);
-}
-
 TEST_F(ArcPolicy, HostilePolicyIsCutAndKeptWithoutEntry) {
     arc_policy_wire wire = {}; // of UTP 0
     memset(wire.name, 'n', sizeof wire.name);

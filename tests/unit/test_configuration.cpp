@@ -1,6 +1,5 @@
 #include "control/configuration.h"
 #include "core/saved_file.h"
-#include "core/shell.h"
 #include "policies.h"
 
 #include <cstdlib>
@@ -18,9 +17,6 @@ const std::string EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end
 
 std::string policies(const std::string &blocks) {
     return "[appPolicy]\n" + blocks + "[appPolicy end]\n[userdef]\n[userdef end]\n";
-}
-std::string userdefs(const std::string &lines) {
-    return "[appPolicy]\n[appPolicy end]\n[userdef]\n" + lines + "[userdef end]\n";
 }
 std::string repeated(const std::string &text, int times) {
     std::string all;
@@ -114,46 +110,6 @@ TEST_F(Configuration, ByteForByteAndBack) {
     EXPECT_EQ(written(), EMPTY);
 }
 
-TEST_F(Configuration, FilesEditedByHand) {
-    const std::string block = "[policy]\n1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n[policy end]\n\n";
-    const std::string rule = "0,0,r,,0,0,0,0,0,0,0,0;\n";
-    const struct {
-        const char *what;
-        std::string content;
-        std::string result; // the file as it is written afterwards
-    } rows[] = {
-        {"letter case and text around markers",
-         "x[APPPOLICY]\r\n [pOLICY] x\n1;2;3;4;5;\n6,7,n,c,1,1,1,1,1,1,8,9;\n<[POLICY END]>\n"
-         "[APPPOLICY END]\n[USERDEF]\n0;0;0;0;0;0;80;6;1;2;n;24;\n[userDEF end]\nx",
-         "[appPolicy]\n" + block +
-             "[appPolicy end]\n[userdef]\n0;0;0;0;0;0;80;6;1;2;n;24;\n[userdef end]\n"},
-        {"no [appPolicy]: nothing counts", block + "[appPolicy end]\n[userdef]\n1;\n[userdef end]",
-         EMPTY},
-        {"no [policy end]: the next block becomes rules",
-         policies("[policy]\n0;0;0;0;1;\n" + rule + block),
-         policies("[policy]\n0;0;0;0;1;\n" + rule + block.substr(block.find("6,7")))},
-        {"70 rules, and the counter starts anew",
-         policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 70) + "[policy end]\n" + block),
-         policies("[policy]\n0;0;0;0;1;\n" + repeated(rule, 64) + "[policy end]\n\n" + block)},
-        {"spaces, short header, values too large, words for numbers",
-         policies("[policy]\n 257 ;\r;3\n 65537, x ,\r n ,c , 256,3,2,7,-1,four,99999,1x\n"
-                  "[policy end]\n"),
-         policies("[policy]\n1;0;3;0;0;\n1,0,n,c,0,1,0,3,3,0,34463,1;\n[policy end]\n\n")},
-        {"applications: wrong types, too few and too many fields",
-         userdefs("2;x;2;-1;1e3;0;0;0;0;0; n \r;9;9;9\n\n3;7;4;7;5\n"),
-         userdefs("2;0;2;-1;1;0;0;0;0;0;n;9;\n0;0;0;0;0;0;0;0;0;0;;0;\n3;3;4;0;5;0;0;0;0;0;;0;\n")},
-        {"a line of 9,000 characters, NUL bytes",
-         policies("[policy]\n0;0;0;0;1;\n0,0," + std::string(9000, 'x') + ",c,1\n0,0,a\0b,c,1\n"s +
-                  "[policy end]\n"),
-         policies("[policy]\n0;0;0;0;1;\n0,0," + std::string(63, 'x') +
-                  ",,0,0,0,0,0,0,0,0;\n0,0,a,,0,0,0,0,0,0,0,0;\n[policy end]\n\n")},
-    };
-    for (const auto &row : rows) {
-        restore(row.content);
-        EXPECT_EQ(written(), row.result) << row.what;
-    }
-}
-
 TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
     const std::string block = "[policy]\n0;0;0;0;1;\n1,2,n,c,0,0,0,0,0,0,0,0;\n[policy end]\n\n";
     const std::string whole = "[appPolicy]\n" + block + block + "[appPolicy end]\n[userdef]\n" +
@@ -167,14 +123,6 @@ TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
         EXPECT_EQ(jorn_state.userdef_apps.records[0].dst_port, complete ? 80 : 0) << length;
         EXPECT_EQ(occurrences(log, ") the file ends early"), complete ? 0u : 1u) << length;
     }
-}
-
-TEST_F(Configuration, The33rdApplicationIsIgnoredWithOneLine) {
-    const std::string line = "0;0;0;0;0;0;80;6;1;2;n;24;\n";
-    const std::string log = restore(userdefs(repeated(line, 35)));
-    EXPECT_EQ(occurrences(log, "more than 32 user-defined applications"), 1u);
-    EXPECT_EQ(jorn_state.port_apps.head, nullptr); // what follows the table in the state block
-    EXPECT_EQ(written(), userdefs(repeated(line, 32)));
 }
 
 TEST_F(Configuration, BlockStaysBelow8096Characters) {
@@ -206,18 +154,6 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
 }
 
-TEST_F(Configuration, FullDiskIsNoticedAtTheFirstWrite) {
-    testing::internal::CaptureStderr();
-    FILE *file = fopen("/dev/full", "w");
-    EXPECT_EQ(jorn_write_arc_policy_configuration(file), -9);
-    EXPECT_EQ(jorn_write_userdef_configuration(file), -9);
-    fclose(file);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(occurrences(log, "(No space left on device) write configuration file error!\n"), 1u);
-    EXPECT_EQ(occurrences(log, "(No space left on device) write to configuration file error!\n"),
-              1u);
-}
-
 TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
     char root[] = "/tmp/jorn_saved_XXXXXX";
     ASSERT_NE(mkdtemp(root), nullptr);
@@ -240,40 +176,6 @@ TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
     EXPECT_EQ(open_saved_file(path.c_str(), "f"), nullptr);
     EXPECT_FALSE(saved_file_exists(path.c_str()));
     std::filesystem::remove_all(root);
-}
-
-TEST_F(Configuration, VisibilityGoesOnWhereItIsAskedFor) {
-    const auto switched = [](const fake_platform &answers) {
-        platform = answers;
-        enable_visibility();
-        std::string calls;
-        for (const std::string &call : platform.calls) {
-            if (!call.starts_with("psm_wlan_pgetAvcEn"))
-                calls += call + " ";
-        }
-        return calls;
-    };
-    fake_platform asking;
-    asking.avc_enable = {{"wlan0", 1}, {"wlan63", 2}, {"wlan64", 1}};
-    EXPECT_EQ(switched(asking),
-              "psm_beginXact() psm_jor_mem_support() psms_av_set_dev_av(wlan0, 1) "
-              "psm_jor_mem_support() psms_av_set_dev_av(wlan63, 2) "
-              "psm_cancelXact() ");
-    fake_platform small = asking;
-    small.mem_support = 1;
-    EXPECT_EQ(switched(small), "psm_beginXact() psm_jor_mem_support() psm_jor_mem_support() "
-                               "psm_cancelXact() ");
-    fake_platform absent = asking;
-    absent.begin_xact_result = -1;
-    EXPECT_EQ(switched(absent), "psm_beginXact() ");
-}
-
-TEST(Shell, TakesOnlyTextThatMeansItself) {
-    for (const char *plain : {"", "Wendle_1.2~rc+3-A.bin", "6.1.0-18-amd64"})
-        EXPECT_TRUE(is_plain_to_shell(plain)) << plain;
-    for (const char *odd :
-         {"a b", "a;b", "$(x)", "`x`", "a/b", "a\n", "a'b", "\xC3\xA9", "a>b", "*"})
-        EXPECT_FALSE(is_plain_to_shell(odd)) << odd;
 }
 
 } // namespace

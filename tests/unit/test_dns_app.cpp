@@ -12,12 +12,6 @@ pkt_ctx flow(const char *src, uint16_t src_port, const char *dst, uint16_t dst_p
     return ctx;
 }
 
-pkt_ctx redirected(pkt_ctx ctx, const char *location) {
-    ctx.http_redirect = 1;
-    strncpy(ctx.http_location, location, sizeof ctx.http_location);
-    return ctx;
-}
-
 class DnsApp : public DnsCacheFixture {};
 
 const fake_dns_answer ERROR = {"never", -1, {1, 1, 1}};
@@ -82,25 +76,6 @@ TEST_F(DnsApp, ANameThatIsThereStaysAndTheNewOneGoesBeside) {
     platform.dns[ip("192.0.2.9")].result = -1;
     EXPECT_EQ(jorn_detect_pkt_dns_app(&icmp, 0), 1);
     EXPECT_EQ(icmp.app_source, APP_SOURCE_DNS);
-}
-
-TEST_F(DnsApp, ARedirectTeachesTheTargetsAddress) {
-    learn_dns_name(ip("10.0.0.2"), "shop.example");
-    pkt_ctx ctx =
-        redirected(flow("10.0.0.2", 80, "192.0.2.7", 2), " http://198.51.100.4/a/b/c/d/e/f");
-    jorn_detect_pkt_dns_app(&ctx, 0);
-    EXPECT_EQ(cached("198.51.100.4"), "shop.example");
-
-    // Neither side looked up: the name that is there is taken. Both asked in vain: none is.
-    ctx = redirected(flow("10.0.0.9", 8080, "10.0.0.8", 8080), "/198.51.100.5/");
-    strcpy(ctx.app_name, "decoded");
-    jorn_detect_pkt_dns_app(&ctx, 0);
-    EXPECT_EQ(cached("198.51.100.5"), "-");
-    jorn_detect_pkt_dns_app(&ctx, 1);
-    EXPECT_EQ(cached("198.51.100.5"), "decoded");
-    ctx = redirected(flow("", 80, "", 2), "/198.51.100.6/"); // no name to teach
-    jorn_detect_pkt_dns_app(&ctx, 0);
-    EXPECT_EQ(cached("198.51.100.6"), "-");
 }
 
 TEST(Ipv4String, Rows) {

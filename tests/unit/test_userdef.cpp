@@ -64,40 +64,4 @@ TEST_F(UserApps, EachCriterionOnBothSides) {
     }
 }
 
-TEST_F(UserApps, DefinitionsNeedTheirPolicy) {
-    set_definitions({definition("a"), definition("b")});
-    add_policy(1, {rule_of("b", "User Defined")});
-    add_policy(
-        2, {rule_of("a", "Streaming"), rule_of("a", "user defined"), rule_of("A", "User Defined")});
-    add_policy(63, {rule_of(""), rule_of("a", "User Defined"), rule_of("b", "User Defined")});
-    const struct {
-        uint32_t src_utp, dst_utp;
-        const char *name; // "": no match
-    } rows[] = {{0, 0, "a"}, {1, 0, "b"},  {2, 0, "a"}, {2, 2, ""},
-                {2, 1, "b"}, {1, 63, "b"}, {5, 2, "a"}, {2, 0xFFFFFFFF, "a"}};
-    for (const auto &row : rows) {
-        pkt_ctx pkt = packet(6, 1, 2, row.src_utp, row.dst_utp);
-        EXPECT_EQ(jorn_detect_pkt_userdef_app(&pkt), row.name[0] != '\0');
-        EXPECT_STREQ(pkt.app_name, row.name) << row.src_utp << " to " << row.dst_utp;
-        EXPECT_EQ(pkt.app_id, row.name[0] != '\0' ? 1201 : 0);
-        EXPECT_EQ(pkt.match_info, row.name[0] != '\0' ? 1u : 0u);
-    }
-}
-
-TEST_F(UserApps, Command6AtItsLimits) {
-    std::vector<uint8_t> payload(1 + 4 + 33 * sizeof(userdef_app), 'n'); // unaligned, no NUL
-    const auto send = [&payload](int32_t count) {
-        memcpy(payload.data() + 1, &count, sizeof count);
-        return jorn_process_cmd_userdef_policy_cfg_req(payload.data() + 1);
-    };
-    EXPECT_EQ(send(32), 0);
-    EXPECT_EQ(platform.calls, std::vector<std::string>{"psms_rflow_reset_app_policy()"});
-    EXPECT_EQ(jorn_state.userdef_apps.count, 32);
-    EXPECT_EQ(strlen(jorn_state.userdef_apps.records[31].app_name), 65u);
-    for (const int32_t count : {33, -1, INT32_MIN})
-        EXPECT_EQ(send(count), -1);
-    EXPECT_EQ(jorn_state.userdef_apps.count, 32);
-    EXPECT_EQ(platform.calls.size(), 1u);
-}
-
 } // namespace

@@ -11,7 +11,8 @@ namespace {
 using nlohmann::json;
 
 constexpr size_t SHOWN_VALUE_MAX = 60;
-constexpr size_t DEPTH_MAX = 64; // several times what a document needs; the library's writer recurses
+// Several times what a document needs: the library recurses where it writes and releases values.
+constexpr size_t DEPTH_MAX = 64;
 
 // Follows the parser through objects and arrays, for it drops the first of two equal keys in
 // silence.
@@ -67,7 +68,7 @@ json parse_json(std::string_view text) {
     };
     try {
         return json::parse(text, watch, true, true);
-    } catch (const json::exception &error) {    // a number beyond any double isn't a parse_error
+    } catch (const json::exception &error) { // a number beyond any double isn't a parse_error
         const std::string_view what = error.what(); // "[json.exception.parse_error.101] parse ..."
         throw refused(std::string(what.substr(what.find("] ") + 2)));
     }
