@@ -47,7 +47,14 @@ struct log_policy_payload {
 };
 static_assert(sizeof(log_policy_payload) == 72);
 
-void complain(const std::string &line) {
+// A complaint quotes documents and file names, which may hold anything: it stays one line of
+// bounded length and steers no terminal.
+void complain(std::string line) {
+    constexpr size_t shown_max = 1'000;
+    if (line.size() > shown_max)
+        line.replace(shown_max, std::string::npos, "...");
+    std::replace_if(
+        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
     std::cerr << "jornctl: " << line << '\n';
 }
 
