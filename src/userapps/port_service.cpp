@@ -143,6 +143,8 @@ const port_app *find_port_app(const pkt_ctx &pkt) {
     if (pkt.ip_proto != IPPROTO_TCP && pkt.ip_proto != IPPROTO_UDP)
         return nullptr;
     const settled_apps &apps = settled();
+    if (apps.port_app_count == 0) // the index would be cold memory, asked in vain
+        return nullptr;
     const bool udp = pkt.ip_proto == IPPROTO_UDP;
     const uint16_t by_dst = apps.ports.find(udp, pkt.dst_port);
     const uint16_t by_src = apps.ports.find(udp, pkt.src_port);
