@@ -5,12 +5,12 @@
 // Debugging is off. Goals: `tables` at most 2 times `empty`, `tables_and_policies` at most 1.5
 // times `policies`.
 #include "bench_platform.h"
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "frames.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "userapps/port_service.h"
 #include "userapps/settle.h"

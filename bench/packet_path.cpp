@@ -6,15 +6,15 @@
 // prints the figures beside the goals that are fractions of it. The platform is one that answers at
 // once; debugging is off.
 #include "bench_platform.h"
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "dns_cases.h"
 #include "frames.h"
 #include "lab.h"
 #include "live_path.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "report.h"
 

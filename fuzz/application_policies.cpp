@@ -1,9 +1,10 @@
 // The application-policy file as somebody may have left it. What was read of it is written, read
 // and written again: from the second writing on the file stays the same. (The first may hold a name
 // that was cut behind a space, and a policy that has no rule with a name.)
-#include "control/arc_tables.h"
-#include "control/configuration.h"
-#include "core/state.h"
+#include "control/files/configuration.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
 
 #include <cstdlib>
 #include <string>
@@ -12,8 +13,8 @@
 namespace {
 
 void set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
-    jorn_state.settings.debug = 1;
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.debug = 1;
     setlogmask(LOG_MASK(LOG_EMERG));
 }
 

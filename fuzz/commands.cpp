@@ -1,10 +1,11 @@
 // Command messages through the dispatcher, one after the other against one state: an input is a
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
-#include "control/arc_tables.h"
-#include "control/configuration.h"
-#include "core/dns_cache.h"
-#include "core/state.h"
+#include "control/files/configuration.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,7 @@ void jorn_save_configuration() {
 namespace {
 
 int set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
     if (jorn_dnscache_hash_table_init() != 0 || learn_dns_name(0x0100007F, "name") != 0)
         abort();

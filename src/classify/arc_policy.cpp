@@ -1,9 +1,10 @@
 #include "classify/arc_policy.h"
 
-#include "control/arc_index.h"
-#include "control/arc_tables.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "control/records/arc_index.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 #include <bit>
 #include <cstring>
@@ -118,7 +119,7 @@ bool match_sides(pkt_ctx &ctx) {
 } // namespace
 
 void jorn_apply_arc_policy(pkt_ctx *ctx) {
-    const bool has_entry = jorn_state.settings.arc_enabled != 0 && match_sides(*ctx);
+    const bool has_entry = jorn_settings.arc_enabled != 0 && match_sides(*ctx);
     if (ctx->arc_rule != nullptr)
         ctx->arc_action = ctx->arc_rule->deny != 0 ? ARC_ACTION_BLOCK : ARC_ACTION_QOS;
     else

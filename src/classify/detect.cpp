@@ -1,10 +1,10 @@
 #include "classify/detect.h"
 
 #include "classify/dns_app.h"
-#include "core/ipv4_text.h"
-#include "core/log.h"
-#include "core/text.h"
-#include "packet/trailer.h"
+#include "core/base/log.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
+#include "packet/decode/trailer.h"
 #include "userapps/builtin_ports.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
@@ -90,7 +90,7 @@ int jorn_detect_pkt_utp(pkt_ctx *ctx, const uint8_t *bytes, uint32_t captured) {
         JORN_DEBUG("User defined App\n");
     else if (jorn_detect_pkt_userdef_port_service_app(ctx) != JORN_DETECT_NO_MATCH)
         JORN_DEBUG("User defined Port App\n");
-    if (jorn_state.settings.tm_engine_enabled == 0)
+    if (jorn_settings.tm_engine_enabled == 0)
         return JORN_DETECT_NO_MATCH;
     return take_dpi_result(*ctx, trailer);
 }

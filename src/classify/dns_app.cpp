@@ -1,10 +1,10 @@
 #include "classify/dns_app.h"
 
 #include "classify/detect.h"
-#include "core/dns_cache.h"
-#include "core/ipv4_text.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/dns/dns_cache.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
 #include "platform/psms.h"
 
 #include <algorithm>

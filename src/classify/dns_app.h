@@ -4,7 +4,7 @@
 // Nothing remembers that an address has no name: the platform is asked with every packet.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <string_view>

@@ -1,11 +1,11 @@
 #include "control/commands.h"
 
-#include "control/arc_tables.h"
-#include "control/configuration.h"
+#include "control/files/configuration.h"
 #include "control/priority.h"
-#include "control/reply.h"
-#include "core/dns_cache.h"
-#include "core/log.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/base/reply.h"
+#include "core/dns/dns_cache.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
 
@@ -48,7 +48,7 @@ constexpr follow_up SAVE_WIFICALLING = nullptr;
 constexpr size_t LOG_CFG_VALUE_OFFSET = 68;
 
 void process_debug_cfg(const command &c) {
-    jorn_state.settings.debug = static_cast<uint8_t>(c.word());
+    jorn_settings.debug = static_cast<uint8_t>(c.word());
 }
 
 void jorn_process_ut_case(const command &c) {

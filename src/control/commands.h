@@ -7,7 +7,7 @@
 // A new command is a row in commands.cpp.
 #pragma once
 
-#include "control/message.h"
+#include "control/records/message.h"
 
 #include <cstddef>
 #include <cstdint>

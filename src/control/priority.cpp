@@ -1,8 +1,9 @@
 #include "control/priority.h"
 
-#include "control/reply.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/base/reply.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 namespace {
 

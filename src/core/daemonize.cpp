@@ -1,7 +1,7 @@
 #include "core/daemonize.h"
 
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 #include "core/signals.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
 #include "core/main_loop.h"
 
 #include "control/cmdsock.h"
-#include "core/dns_cache.h"
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
+#include "core/dns/dns_cache.h"
 #include "core/signals.h"
 
 #include <algorithm>

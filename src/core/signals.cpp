@@ -1,7 +1,7 @@
 #include "core/signals.h"
 
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 
 #include <csignal>
 #include <unistd.h>

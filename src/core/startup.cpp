@@ -1,16 +1,17 @@
 #include "core/startup.h"
 
-#include "control/configuration.h"
+#include "control/files/configuration.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 #include "core/daemonize.h"
-#include "core/dns_cache.h"
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/dns/dns_cache.h"
 #include "core/main_loop.h"
 #include "core/options.h"
 #include "core/pid_file.h"
 #include "core/signals.h"
-#include "core/stats.h"
-#include "core/text.h"
+#include "core/state/state.h"
+#include "core/state/stats.h"
+#include "core/text/text.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
 
@@ -50,10 +51,11 @@ int open_inputs(capture_context *capture_ctx) {
 
 int jorn_init(int argc, char *argv[], capture_context *capture_ctx) {
     initialising = 1;
+    jorn_settings = {};
     jorn_state = {};
     *capture_ctx = {};
     openlog("jorn", LOG_PID | LOG_PERROR, LOG_DAEMON);
-    set_defaults(jorn_state.settings);
+    set_defaults(jorn_settings);
 
     // An unknown option doesn't stop the start.
     const int options = jorn_parse_options(argc, argv);
@@ -83,7 +85,7 @@ int run_daemon(int argc, char *argv[]) {
             pcap_close(capture_ctx.handle);
         return EXIT_FAILURE;
     }
-    if (jorn_state.settings.daemonize != 0)
+    if (jorn_settings.daemonize != 0)
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();

@@ -1,9 +1,10 @@
 // The verdict: what the context says about a flow, turned into the record that the kernel module
 // acts on.
-#include "control/arc_tables.h"
-#include "core/log.h"
-#include "core/stats.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/state/stats.h"
+#include "core/text/text.h"
 #include "packet/process.h"
 #include "platform/psms.h"
 
@@ -83,7 +84,7 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
 } // namespace
 
 int jorn_check_arc_enabled(const pkt_ctx *ctx) {
-    if (jorn_state.settings.arc_enabled == 0)
+    if (jorn_settings.arc_enabled == 0)
         return 0;
     const auto src_utp_id = static_cast<int>(ctx->src_utp_id);
     const auto dst_utp_id = static_cast<int>(ctx->dst_utp_id);

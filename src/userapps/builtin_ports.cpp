@@ -1,6 +1,6 @@
 #include "userapps/builtin_ports.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 #include <algorithm>
 #include <array>

@@ -1,11 +1,12 @@
 #include "userapps/port_service.h"
 
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/text.h"
-#include "core/text_file.h"
+#include "core/base/log.h"
+#include "core/base/shell.h"
+#include "core/base/text_file.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "platform/psms.h"
-#include "userapps/port_service_line.h"
+#include "userapps/port_file/port_service_line.h"
 #include "userapps/settle.h"
 
 #include <algorithm>

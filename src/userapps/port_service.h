@@ -8,9 +8,9 @@
 // destination's.
 #pragma once
 
-#include "control/records.h"
-#include "packet/records.h"
-#include "userapps/records.h"
+#include "control/records/arc.h"
+#include "packet/records/context.h"
+#include "userapps/records/apps.h"
 
 inline constexpr char PORT_SERVICE_PATH[] = "/writable/jorn/uploadjorport_file_1.0";
 

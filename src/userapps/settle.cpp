@@ -1,7 +1,8 @@
 #include "userapps/settle.h"
 
-#include "control/arc_tables.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 #include <algorithm>
 #include <string_view>

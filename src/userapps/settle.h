@@ -12,7 +12,7 @@
 // every step of the walk is a line of the log.
 #pragma once
 
-#include "core/state.h"
+#include "userapps/records/settled.h"
 
 void settle_userapps();
 

@@ -1,7 +1,8 @@
 #include "userapps/userdef.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "platform/psms.h"
 #include "userapps/settle.h"
 

@@ -7,9 +7,9 @@
 // first, in table order, then those of the destination's.
 #pragma once
 
-#include "control/records.h"
-#include "packet/records.h"
-#include "userapps/records.h"
+#include "control/records/arc.h"
+#include "packet/records/context.h"
+#include "userapps/records/apps.h"
 
 // Command 6: a count (int32) and as many records of userdef_app. Returns what
 // jorn_update_user_def_policy_cfg does.

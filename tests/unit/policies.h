@@ -2,9 +2,10 @@
 // does.
 #pragma once
 
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "fake_platform.h"
 
 #include <gtest/gtest.h>
@@ -37,6 +38,7 @@ class FreshState : public testing::Test {
 protected:
     void SetUp() override {
         jorn_state = {};
+        jorn_settings = {};
         platform = {};
     }
     void TearDown() override { jorn_process_arc_policy_flush(); }

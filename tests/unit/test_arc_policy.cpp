@@ -1,4 +1,5 @@
 #include "classify/arc_policy.h"
+#include "core/state/state.h"
 #include "policies.h"
 
 #include <cstring>

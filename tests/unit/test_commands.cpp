@@ -1,6 +1,7 @@
 #include "control/commands.h"
-#include "control/configuration.h"
-#include "control/reply.h"
+#include "control/files/configuration.h"
+#include "core/base/reply.h"
+#include "core/state/state.h"
 #include "policies.h"
 
 #include <cstring>

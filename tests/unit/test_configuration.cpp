@@ -1,5 +1,7 @@
-#include "control/configuration.h"
-#include "core/saved_file.h"
+#include "control/files/configuration.h"
+#include "core/base/saved_file.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
 #include "policies.h"
 
 #include <cstdlib>
@@ -39,7 +41,8 @@ protected:
     static void reset() {
         jorn_process_arc_policy_flush();
         jorn_state = {};
-        jorn_state.settings.debug = 1; // the log goes to standard error
+        jorn_settings = {};
+        jorn_settings.debug = 1; // the log goes to standard error
         platform = {};
     }
     // Restores the content into an empty state and returns the log.

@@ -1,3 +1,4 @@
+#include "core/state/state.h"
 #include "userapps/builtin_ports.h"
 #include "userapps_fixture.h"
 

@@ -1,5 +1,6 @@
-#include "core/text.h"
-#include "core/text_file.h"
+#include "core/base/text_file.h"
+#include "core/text/fields.h"
+#include "core/text/text.h"
 
 #include <gtest/gtest.h>
 #include <string>

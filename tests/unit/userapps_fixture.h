@@ -1,6 +1,7 @@
 // Short ways to fill the tables of user-defined applications.
 #pragma once
 
+#include "core/state/state.h"
 #include "policies.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"

@@ -1,6 +1,6 @@
 #include "jornctl/command_line.h"
 
-#include "control/records.h"
+#include "control/records/arc.h"
 #include "jornctl/apply.h"
 #include "jornctl/client.h"
 #include "jornctl/documents.h"

@@ -5,8 +5,8 @@
 // for numbers where the field has words ("Voice", "dscp", "tcp").
 #pragma once
 
-#include "control/records.h"
-#include "userapps/records.h"
+#include "control/records/arc.h"
+#include "userapps/records/apps.h"
 
 #include <optional>
 #include <string>
