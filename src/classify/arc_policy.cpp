@@ -69,14 +69,13 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
         const auto n = static_cast<unsigned>(std::countr_zero(left));
         const arc_rule *rule = &policy.rules[n];
         if ((by_id >> n & 1) != 0) {
-            JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                        "__jorn_policy_match: matched appid: %d catid: %d\n", ctx.app_id,
-                        ctx.app_cat_id);
+            JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: matched appid: %d catid: %d\n",
+                          ctx.app_id, ctx.app_cat_id);
             return rule;
         }
         if (name.contains(index.domain[n], index.domain_length[n])) {
-            JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "__jorn_policy_match: Domain matched %s\n",
-                        printable_text(ctx.app_name).c_str());
+            JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: Domain matched %s\n",
+                          printable_text(ctx.app_name).c_str());
             return rule;
         }
     }
@@ -100,16 +99,16 @@ bool match_sides(pkt_ctx &ctx) {
     const searchable_name name(field_text(ctx.app_name));
     bool has_entry = match_side(ctx, name, ctx.src_utp_id);
     if (ctx.arc_rule != nullptr) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_apply_arc_policy", 0, "matched source policy: %d\n",
-                    static_cast<int>(ctx.src_utp_id));
+        JORN_DEBUG_AS("jorn_apply_arc_policy", "matched source policy: %d\n",
+                      static_cast<int>(ctx.src_utp_id));
         ctx.arc_match_utp = ctx.src_utp_id;
         ctx.arc_match_src = 1;
         return has_entry;
     }
     has_entry = match_side(ctx, name, ctx.dst_utp_id);
     if (ctx.arc_rule != nullptr) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_apply_arc_policy", 0, "matched destination policy: %d\n",
-                    static_cast<int>(ctx.dst_utp_id));
+        JORN_DEBUG_AS("jorn_apply_arc_policy", "matched destination policy: %d\n",
+                      static_cast<int>(ctx.dst_utp_id));
         ctx.arc_match_utp = ctx.dst_utp_id;
         ctx.arc_match_src = 0;
     }

@@ -31,8 +31,7 @@ int take_dpi_name(pkt_ctx &ctx, const av_pkt_trailer &trailer) {
     const string_view name = field_text(trailer.dpi_app_name);
     if (std::find(std::begin(GENERIC_WEB_NAMES), std::end(GENERIC_WEB_NAMES), name) !=
         std::end(GENERIC_WEB_NAMES)) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, ignore the dpi app: %s\n",
-                    printable_text(name).c_str());
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, ignore the dpi app: %s\n", printable_text(name).c_str());
         return JORN_DETECT_NO_MATCH;
     }
     if (ctx.app_source == APP_SOURCE_NONE) {
@@ -40,12 +39,12 @@ int take_dpi_name(pkt_ctx &ctx, const av_pkt_trailer &trailer) {
         ctx.app_source = APP_SOURCE_DPI;
         ctx.app_id = trailer.dpi_app_id;
         ctx.app_cat_id = trailer.dpi_cat_id;
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, retry = %d, app = %s\n",
-                    trailer.dpi_retry, printable_text(name).c_str());
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, retry = %d, app = %s\n", trailer.dpi_retry,
+                      printable_text(name).c_str());
     } else {
         copy_text(ctx.orig_app, name);
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, retry = %d, orig_app = %s\n",
-                    trailer.dpi_retry, printable_text(name).c_str());
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, retry = %d, orig_app = %s\n", trailer.dpi_retry,
+                      printable_text(name).c_str());
     }
     ctx.url_filter = 0;
     return JORN_DETECT_MATCH;
@@ -57,9 +56,9 @@ int take_dpi_result(pkt_ctx &ctx, const av_pkt_trailer &trailer) {
     if (trailer.dpi_status == AV_DPI_IDENTIFIED)
         return take_dpi_name(ctx, trailer);
     if (trailer.dpi_status == AV_DPI_MORE_PACKETS)
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, more, retry = %d\n", trailer.dpi_retry);
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, more, retry = %d\n", trailer.dpi_retry);
     else
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, failed, retry = %d\n", trailer.dpi_retry);
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, failed, retry = %d\n", trailer.dpi_retry);
     return JORN_DETECT_NO_MATCH;
 }
 

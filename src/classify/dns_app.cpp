@@ -37,7 +37,7 @@ look_up_result look_up(uint32_t address_be, name_buffer &name) {
     uint32_t word2 = 0;
     uint32_t word3 = 0;
     if (psms_dnscache_get_dn_by_ip(address_be, name, sizeof name, &word1, &word2, &word3) != 0) {
-        JORN_LOG_AS(JORN_LOG_ERROR, FUNCTION, 0, "psms_get_dn_by_ip return error\n");
+        JORN_ERROR_AS(FUNCTION, "psms_get_dn_by_ip return error\n");
         return look_up_result::failed;
     }
     if (word2 == 0 || word3 == 0) {
@@ -59,8 +59,8 @@ look_up_result look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name)
     if (is_looked_up(ctx.dst_ip, ctx.dst_port, web_mode))
         result = look_up(ctx.dst_ip, name);
     if (result == look_up_result::named) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "the dst ip is %s, the domain name is %s\n",
-                    ipv4_text(ctx.dst_ip).c_str(), printable_text(name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "the dst ip is %s, the domain name is %s\n",
+                      ipv4_text(ctx.dst_ip).c_str(), printable_text(name).c_str());
     }
     if (result == look_up_result::named || result == look_up_result::failed)
         return result;
@@ -69,8 +69,8 @@ look_up_result look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name)
         return look_up_result::not_asked;
     result = look_up(ctx.src_ip, name);
     if (result == look_up_result::named) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "the src ip is %s, the domain name is %s\n",
-                    ipv4_text(ctx.src_ip).c_str(), printable_text(name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "the src ip is %s, the domain name is %s\n",
+                      ipv4_text(ctx.src_ip).c_str(), printable_text(name).c_str());
     }
     return result;
 }
@@ -82,9 +82,8 @@ void learn_redirect(const pkt_ctx &ctx, const name_buffer &name) {
         jorn_parse_redirect_ip(field_text(ctx.http_location), &address_be) != 0)
         return;
     if (learn_dns_name(address_be, field_text(ctx.app_name)) == 0) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                    "http 302 update, the ip is 0x%x, %s, the dns is %s \n", address_be,
-                    ipv4_text(address_be).c_str(), printable_text(name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "http 302 update, the ip is 0x%x, %s, the dns is %s \n", address_be,
+                      ipv4_text(address_be).c_str(), printable_text(name).c_str());
     }
 }
 

@@ -62,8 +62,8 @@ void process_userdef_policy_cfg(const command &c) {
     const auto count = static_cast<int32_t>(c.word());
     if (count > 0 && count <= USERDEF_APPS_MAX &&
         c.received < sizeof count + static_cast<size_t>(count) * sizeof(userdef_app)) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_process_cmd_userdef_policy_cfg_req", 0,
-                    "%d user-defined applications don't fit into %zu bytes\n", count, c.received);
+        JORN_ERROR_AS("jorn_process_cmd_userdef_policy_cfg_req",
+                      "%d user-defined applications don't fit into %zu bytes\n", count, c.received);
         return;
     }
     jorn_process_cmd_userdef_policy_cfg_req(c.payload);

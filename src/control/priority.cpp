@@ -14,7 +14,7 @@ constexpr const char *MARK_KINDS[] = {"dot1p", "dscp", "both"};
 const char *mark_kind_text(uint8_t kind) {
     if (kind < std::size(MARK_KINDS))
         return MARK_KINDS[kind];
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_check_priority", 0, "Not Applicable\n");
+    JORN_DEBUG_AS("jorn_check_priority", "Not Applicable\n");
     return "";
 }
 

@@ -33,13 +33,13 @@ struct read_set {
 // One packet a wake-up keeps the time between two looks at the other descriptors short. A capture
 // interface that was deleted yields one error and stays silent ever after.
 void serve_capture(capture_context *capture_ctx) {
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_main_loop", 0, "\n\n\ncapture the packet, let's process \n");
+    JORN_DEBUG_AS("jorn_main_loop", "\n\n\ncapture the packet, let's process \n");
     static bool failed;
     const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR && !failed) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_main_loop", 0, "capture on %s failed: %s\n",
-                    capture_ctx->device, pcap_geterr(capture_ctx->handle));
+        JORN_ERROR_AS("jorn_main_loop", "capture on %s failed: %s\n", capture_ctx->device,
+                      pcap_geterr(capture_ctx->handle));
     }
     failed = result == PCAP_ERROR;
 }

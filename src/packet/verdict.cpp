@@ -64,19 +64,17 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
     if (ctx.arc_action == ARC_ACTION_BLOCK) {
         deny(record);
         jorn_stats_inc(STATS_DENIED);
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                    "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                    ctx.dst_port, printable_text(ctx.app_name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n",
+                      ctx.src_port, ctx.dst_port, printable_text(ctx.app_name).c_str());
         return;
     }
-    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                ctx.dst_port, printable_text(ctx.app_name).c_str());
+    JORN_DEBUG_AS(FUNCTION, "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n",
+                  ctx.src_port, ctx.dst_port, printable_text(ctx.app_name).c_str());
     if (ctx.arc_action != ARC_ACTION_QOS) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "no policy \n");
+        JORN_DEBUG_AS(FUNCTION, "no policy \n");
         return;
     }
-    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "applying arc policy\n");
+    JORN_DEBUG_AS(FUNCTION, "applying arc policy\n");
     if (ctx.arc_rule != nullptr)
         apply_arc_rule(*ctx.arc_rule, record);
 }

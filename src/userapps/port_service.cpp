@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr char READER[] = "jorn_parse_port_service_conf_file";
+
 port_app *find_same_port(const port_app_list &list, const port_service &row) {
     for (port_app *entry = list.head; entry != nullptr; entry = entry->next) {
         if (entry->begin_port == row.begin_port &&
@@ -28,7 +30,7 @@ port_app *find_same_port(const port_app_list &list, const port_service &row) {
 int insert_by_name(port_app_list &list, const port_service &row) {
     auto *entry = new (std::nothrow) port_app{row, nullptr};
     if (entry == nullptr) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_parse_port_service_conf_file", 0, "alloc memory failed");
+        JORN_ERROR_AS(READER, "alloc memory failed");
         return PORT_SERVICE_ERR_MEMORY;
     }
     port_app **link = &list.head;
@@ -42,8 +44,7 @@ int insert_by_name(port_app_list &list, const port_service &row) {
 
 int add_record(port_app_list &list, const port_service &row) {
     if (list.port_app_count >= PORT_APPS_MAX) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_parse_port_service_conf_file", 0,
-                    "MAX port/app entry number reached, cannot insert\n");
+        JORN_ERROR_AS(READER, "MAX port/app entry number reached, cannot insert\n");
         return PORT_SERVICE_ERR_LIMIT;
     }
     port_app *same = find_same_port(list, row);
@@ -54,21 +55,21 @@ int add_record(port_app_list &list, const port_service &row) {
 }
 
 int read_records(FILE *file, const char *path, port_app_list &list) {
-    line_reader reader(file, path, PORT_SERVICE_LINE_MAX);
+    line_reader reader(file, path, JORN_AS(READER), PORT_SERVICE_LINE_MAX);
     for (std::string_view line; reader.next(line);) {
         port_service row;
         std::string_view version;
         const port_service_line kind = parse_port_service_line(line, row, version);
         if (kind == port_service_line::VERSION)
-            JORN_DEBUG("port service file version: %.*s\n", static_cast<int>(version.size()),
-                       version.data());
+            JORN_DEBUG_AS(READER, "port service file version: %.*s\n",
+                          static_cast<int>(version.size()), version.data());
         if (kind != port_service_line::RECORD)
             continue;
         if (const int result = add_record(list, row); result != 0)
             return result;
     }
     if (reader.read_error() != 0) {
-        JORN_ERRNO(reader.read_error(), "%s: can't be read to its end\n", path);
+        JORN_ERRNO_AS(READER, reader.read_error(), "%s: can't be read to its end\n", path);
         return PORT_SERVICE_ERR_FILE;
     }
     return 0;
@@ -94,7 +95,7 @@ int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
     FILE *file = fopen(path, "re");
     if (file == nullptr) {
         JORN_ERROR("open %s fail \n", path);
-        remove_by_shell(path);
+        remove_by_shell(path, JORN_HERE);
         return PORT_SERVICE_ERR_FILE;
     }
     port_app_list_clear(list);

@@ -163,7 +163,7 @@ TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
     const std::string directory = root + "/a/b"s;
     const std::string path = directory + "/file";
     for (const char *text : {"longer", "short"}) {
-        FILE *file = create_saved_file(directory.c_str(), path.c_str(), "f");
+        FILE *file = create_saved_file(directory.c_str(), path.c_str(), JORN_AS("f"));
         ASSERT_NE(file, nullptr);
         EXPECT_TRUE(write_flushed(file, text));
         fclose(file);
@@ -176,7 +176,7 @@ TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
     strcpy(address.sun_path, path.c_str());
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     close(fd);
-    EXPECT_EQ(open_saved_file(path.c_str(), "f"), nullptr);
+    EXPECT_EQ(open_saved_file(path.c_str(), JORN_AS("f")), nullptr);
     EXPECT_FALSE(saved_file_exists(path.c_str()));
     std::filesystem::remove_all(root);
 }

@@ -14,7 +14,7 @@ texts read_lines(const std::string &content, size_t length) {
     FILE *file = tmpfile();
     fwrite(content.data(), 1, content.size(), file);
     rewind(file);
-    line_reader reader(file, "test file", length);
+    line_reader reader(file, "test file", JORN_HERE, length);
     texts lines;
     for (std::string_view line; reader.next(line);) {
         EXPECT_EQ(line.data()[line.size()], '\0');

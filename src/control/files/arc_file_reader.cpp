@@ -16,9 +16,7 @@ namespace {
 constexpr size_t USERDEF_NAME_MAX = 63; // of the 65 that the field could hold
 
 // The lines of the state machine stand in the log under the loader's name.
-#define LOADER_DEBUG(...) JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_load_configurations", 0, __VA_ARGS__)
-#define LOADER_ERRNO(error_number, ...)                                                            \
-    JORN_LOG_AS(JORN_LOG_ERROR, "jorn_load_configurations", error_number, __VA_ARGS__)
+constexpr char LOADER[] = "jorn_load_configurations";
 
 enum class section : uint8_t {
     before,
@@ -143,7 +141,7 @@ void set_userdef_field(userdef_app &record, int position, std::string_view token
 
 // A policy without a rule is not added: it could match nothing.
 void finish_policy(unfinished &pending) {
-    LOADER_DEBUG("Policy end...\n");
+    JORN_DEBUG_AS(LOADER, "Policy end...\n");
     if (pending.rule_count != 0)
         __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&pending.policy));
     pending.rule_count = 0;
@@ -156,15 +154,15 @@ void take_userdef(std::string_view line, unfinished &pending) {
         ++table.count;
     } else if (!pending.overflow) {
         pending.overflow = true;
-        LOADER_ERRNO(0, "more than %d user-defined applications, the others are ignored\n",
-                     USERDEF_APPS_MAX);
+        JORN_ERROR_AS(LOADER, "more than %d user-defined applications, the others are ignored\n",
+                      USERDEF_APPS_MAX);
     }
 }
 
 void finish_userdefs(const unfinished &pending) {
     jorn_state.userdef_apps = pending.userdefs;
     settle_userapps();
-    LOADER_DEBUG("userdef : %d\n", pending.userdefs.count);
+    JORN_DEBUG_AS(LOADER, "userdef : %d\n", pending.userdefs.count);
 }
 
 // Takes one line and returns the section of the next.
@@ -173,16 +171,16 @@ section take_line(section current, std::string_view line, unfinished &pending) {
     case section::before:
         if (!contains_ignoring_case(line, "[appPolicy]"))
             return section::before;
-        LOADER_DEBUG("appPolicy start...\n");
+        JORN_DEBUG_AS(LOADER, "appPolicy start...\n");
         return section::policies;
     case section::policies:
         if (contains_ignoring_case(line, "[appPolicy end]")) {
-            LOADER_DEBUG("appPolicy end...\n");
+            JORN_DEBUG_AS(LOADER, "appPolicy end...\n");
             return section::between;
         }
         if (!contains_ignoring_case(line, "[policy]"))
             return section::policies;
-        LOADER_DEBUG("Policy start...\n");
+        JORN_DEBUG_AS(LOADER, "Policy start...\n");
         return section::header;
     case section::header:
         __jorn_parse_policy_config_first(line, &pending.policy);
@@ -212,16 +210,16 @@ section take_line(section current, std::string_view line, unfinished &pending) {
 } // namespace
 
 void restore_configuration(FILE *file, const char *path) {
-    line_reader reader(file, path);
+    line_reader reader(file, path, JORN_AS(LOADER));
     unfinished pending = {};
     section current = section::before;
     for (std::string_view line; current != section::complete && reader.next(line);)
         current = take_line(current, line, pending);
     if (reader.read_error() != 0)
-        LOADER_ERRNO(reader.read_error(), "%s can't be read to its end\n", path);
+        JORN_ERRNO_AS(LOADER, reader.read_error(), "%s can't be read to its end\n", path);
     else if (current != section::complete)
-        LOADER_ERRNO(0, "%s ends early, after line %u: what isn't whole is left out\n", path,
-                     reader.line_number());
+        JORN_ERROR_AS(LOADER, "%s ends early, after line %u: what isn't whole is left out\n", path,
+                      reader.line_number());
 }
 
 void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy) {

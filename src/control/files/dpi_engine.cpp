@@ -9,6 +9,6 @@ bool enable_dpi_engine() {
         return false;
     jorn_settings.tm_engine_enabled = 1;
     psms_av_set_tm_en(1);
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_load_configurations", 0, "Loading TM's engine...\n");
+    JORN_DEBUG_AS("jorn_load_configurations", "Loading TM's engine...\n");
     return true;
 }

@@ -16,9 +16,8 @@ constexpr size_t VERSION_SIZE = 64;
 
 void run_rule_agent(const char *rule_file) {
     if (!is_plain_to_shell(rule_file)) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_load_dpi_rules", 0,
-                    "no rules are loaded, this file name is refused: %s\n",
-                    printable_text(rule_file).c_str());
+        JORN_ERROR_AS("jorn_load_dpi_rules", "no rules are loaded, this file name is refused: %s\n",
+                      printable_text(rule_file).c_str());
         return;
     }
     // A name that is too long is cut: the agent then says that there is no such file.
@@ -43,9 +42,9 @@ void load_first_rule_file() {
 
 void write_version(const char *version) {
     if (!is_plain_to_shell(version)) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_load_dpi_rules", 0,
-                    "%s isn't written, this firmware version is refused: %s\n", DPI_VERSION_PATH,
-                    printable_text(version).c_str());
+        JORN_ERROR_AS("jorn_load_dpi_rules",
+                      "%s isn't written, this firmware version is refused: %s\n", DPI_VERSION_PATH,
+                      printable_text(version).c_str());
         return;
     }
     char command[DPI_COMMAND_SIZE];

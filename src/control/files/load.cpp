@@ -20,7 +20,7 @@ void jorn_load_configurations() {
     jorn_process_utp_flush();
     jorn_process_arc_policy_flush();
     if (saved_file_exists(APPLICATION_POLICY_PATH)) {
-        FILE *file = open_saved_file(APPLICATION_POLICY_PATH, __func__);
+        FILE *file = open_saved_file(APPLICATION_POLICY_PATH, JORN_HERE);
         if (file == nullptr)
             return;
         restore_configuration(file, APPLICATION_POLICY_PATH);
@@ -43,8 +43,7 @@ void enable_visibility() {
         psm_wlan_pgetAvcEn(xact, name, &enable);
         if (enable == 0 || psm_jor_mem_support() != 0)
             continue;
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_load_configurations", 0, "set av_enable on interface: %s",
-                    name);
+        JORN_DEBUG_AS("jorn_load_configurations", "set av_enable on interface: %s", name);
         psms_av_set_dev_av(name, enable);
     }
     psm_cancelXact(&xact);

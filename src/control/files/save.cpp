@@ -4,7 +4,7 @@
 #include "core/base/saved_file.h"
 
 void jorn_save_configuration() {
-    FILE *file = create_saved_file(SAVED_FILES_DIRECTORY, APPLICATION_POLICY_PATH, __func__);
+    FILE *file = create_saved_file(SAVED_FILES_DIRECTORY, APPLICATION_POLICY_PATH, JORN_HERE);
     if (file == nullptr)
         return;
     if (jorn_write_arc_policy_configuration(file) != 0)

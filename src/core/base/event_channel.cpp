@@ -21,7 +21,7 @@ int event_socket = -1;
 void open_event_socket() {
     event_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (event_socket < 0)
-        JORN_LOG_AS(JORN_LOG_ERROR, "init_JORNYRTEvent", 0, "Unable to open yrt log!\n");
+        JORN_ERROR_AS("init_JORNYRTEvent", "Unable to open yrt log!\n");
 }
 
 } // namespace

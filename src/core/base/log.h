@@ -22,14 +22,32 @@ inline bool jorn_log_enabled(int level) {
     return level != JORN_LOG_DEBUG || jorn_settings.debug != 0;
 }
 
-#define JORN_LOG_AS(level, function, error_number, ...)                                            \
+// Where a line of the log comes from: a function of the system's interface, and the line of the
+// code that speaks for it. What serves several such functions takes the origin from its caller.
+struct log_origin {
+    const char *function;
+    int line;
+};
+#define JORN_HERE (log_origin{__func__, __LINE__})
+
+#define JORN_LOG(level, origin, error_number, ...)                                                 \
     do {                                                                                           \
-        if (jorn_log_enabled(level))                                                               \
-            jorn_log(level, function, __LINE__, error_number, __VA_ARGS__);                        \
+        if (jorn_log_enabled(level)) {                                                             \
+            const log_origin jorn_origin = origin;                                                 \
+            jorn_log(level, jorn_origin.function, jorn_origin.line, error_number, __VA_ARGS__);    \
+        }                                                                                          \
     } while (0)
 
-#define JORN_ERROR(...) JORN_LOG_AS(JORN_LOG_ERROR, __func__, 0, __VA_ARGS__)
-#define JORN_ERRNO(error_number, ...)                                                              \
-    JORN_LOG_AS(JORN_LOG_ERROR, __func__, error_number, __VA_ARGS__)
-#define JORN_INFO(...) JORN_LOG_AS(JORN_LOG_INFO, __func__, 0, __VA_ARGS__)
-#define JORN_DEBUG(...) JORN_LOG_AS(JORN_LOG_DEBUG, __func__, 0, __VA_ARGS__)
+// The calling function's own lines.
+#define JORN_ERROR(...) JORN_LOG(JORN_LOG_ERROR, JORN_HERE, 0, __VA_ARGS__)
+#define JORN_ERRNO(error_number, ...) JORN_LOG(JORN_LOG_ERROR, JORN_HERE, error_number, __VA_ARGS__)
+#define JORN_INFO(...) JORN_LOG(JORN_LOG_INFO, JORN_HERE, 0, __VA_ARGS__)
+#define JORN_DEBUG(...) JORN_LOG(JORN_LOG_DEBUG, JORN_HERE, 0, __VA_ARGS__)
+
+// A part of a function of the interface speaks in its name.
+#define JORN_AS(function) (log_origin{function, __LINE__})
+#define JORN_ERROR_AS(function, ...) JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), 0, __VA_ARGS__)
+#define JORN_ERRNO_AS(function, error_number, ...)                                                 \
+    JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), error_number, __VA_ARGS__)
+#define JORN_INFO_AS(function, ...) JORN_LOG(JORN_LOG_INFO, JORN_AS(function), 0, __VA_ARGS__)
+#define JORN_DEBUG_AS(function, ...) JORN_LOG(JORN_LOG_DEBUG, JORN_AS(function), 0, __VA_ARGS__)

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <unistd.h>
 
-FILE *create_saved_file(const char *directory, const char *path, const char *function) {
+FILE *create_saved_file(const char *directory, const char *path, log_origin from) {
     if (saved_file_exists(path)) {
         unlink(path);
     } else if (access(directory, F_OK) != 0) {
@@ -16,7 +16,7 @@ FILE *create_saved_file(const char *directory, const char *path, const char *fun
     }
     FILE *file = fopen(path, "we");
     if (file == nullptr)
-        JORN_LOG_AS(JORN_LOG_ERROR, function, errno, "File:%s create error\n", path);
+        JORN_LOG(JORN_LOG_ERROR, from, errno, "File:%s create error\n", path);
     return file;
 }
 
@@ -24,11 +24,11 @@ bool saved_file_exists(const char *path) {
     return access(path, F_OK) == 0;
 }
 
-FILE *open_saved_file(const char *path, const char *function) {
+FILE *open_saved_file(const char *path, log_origin from) {
     FILE *file = fopen(path, "re");
     if (file == nullptr) {
-        JORN_LOG_AS(JORN_LOG_ERROR, function, errno, "File:%s read error\n", path);
-        remove_by_shell(path);
+        JORN_LOG(JORN_LOG_ERROR, from, errno, "File:%s read error\n", path);
+        remove_by_shell(path, from);
     }
     return file;
 }

@@ -5,20 +5,22 @@
 // leaves no file or a cut one, and the readers live with both.
 #pragma once
 
+#include "core/base/log.h"
+
 #include <cstdio>
 #include <string_view>
 
 inline constexpr char SAVED_FILES_DIRECTORY[] = "/writable/jorn";
 
 // Deletes the file if it exists, otherwise makes sure of the directory, and opens the file for
-// writing. Returns none after a line in the log under `function`, the caller's name.
-FILE *create_saved_file(const char *directory, const char *path, const char *function);
+// writing. Returns none after a line in the log.
+FILE *create_saved_file(const char *directory, const char *path, log_origin from);
 
 bool saved_file_exists(const char *path);
 
-// Opens a file that exists for reading. One that can't be opened is reported under `function` and
-// removed, so that the next start begins clean; the result is none.
-FILE *open_saved_file(const char *path, const char *function);
+// Opens a file that exists for reading. One that can't be opened is reported and removed, so that
+// the next start begins clean; the result is none.
+FILE *open_saved_file(const char *path, log_origin from);
 
 // Writes a text and flushes it: stdio would otherwise hide a full disk until the file is closed.
 // Returns false, with the reason in errno, when not all of it went out.

@@ -1,7 +1,5 @@
 #include "core/base/shell.h"
 
-#include "core/base/log.h"
-
 #include <cstdio>
 #include <cstdlib>
 
@@ -16,9 +14,9 @@ bool run_shell(const char *command) {
     return system(command) == 0;
 }
 
-void remove_by_shell(const char *path) {
+void remove_by_shell(const char *path, log_origin from) {
     char command[256];
     snprintf(command, sizeof command, "rm -rf %s", path);
     if (!run_shell(command))
-        JORN_ERROR("%s: can't be removed\n", path);
+        JORN_LOG(JORN_LOG_ERROR, from, 0, "%s: can't be removed\n", path);
 }

@@ -4,6 +4,8 @@
 // checked first, for the shell would read some characters of it as its own.
 #pragma once
 
+#include "core/base/log.h"
+
 #include <string_view>
 
 // Whether a text holds nothing but letters, digits and `._+~-`: none of what separates words, ends
@@ -15,4 +17,4 @@ bool run_shell(const char *command);
 
 // "rm -rf PATH": the way in which a file that can't be opened is got rid of. A failure is reported
 // in the log.
-void remove_by_shell(const char *path);
+void remove_by_shell(const char *path, log_origin from);

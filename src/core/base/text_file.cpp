@@ -1,12 +1,10 @@
 #include "core/base/text_file.h"
 
-#include "core/base/log.h"
-
 #include <algorithm>
 #include <cerrno>
 
-line_reader::line_reader(FILE *file, const char *path, size_t length)
-    : file_(file), path_(path), capacity_(std::min(length, LENGTH_MAX)) {
+line_reader::line_reader(FILE *file, const char *path, log_origin from, size_t length)
+    : file_(file), path_(path), from_(from), capacity_(std::min(length, LENGTH_MAX)) {
     text_[0] = '\0';
 }
 
@@ -33,6 +31,7 @@ bool line_reader::next(std::string_view &line) {
         return false;
     ++line_number_;
     if (cut_)
-        JORN_ERROR("%s: line %u is cut after %zu characters\n", path_, line_number_, length);
+        JORN_LOG(JORN_LOG_ERROR, from_, 0, "%s: line %u is cut after %zu characters\n", path_,
+                 line_number_, length);
     return true;
 }

@@ -7,6 +7,8 @@
 // the caller's.
 #pragma once
 
+#include "core/base/log.h"
+
 #include <cstddef>
 #include <cstdio>
 #include <string_view>
@@ -16,8 +18,8 @@ public:
     static constexpr size_t LENGTH_MAX = 8096;
 
     // Lines of at most `length` characters (LENGTH_MAX at most), the line feed not counted. `path`
-    // names the file in the log.
-    line_reader(FILE *file, const char *path, size_t length = LENGTH_MAX);
+    // and `from` stand in the log where a line is cut.
+    line_reader(FILE *file, const char *path, log_origin from, size_t length = LENGTH_MAX);
 
     // Reads the next line, without its line feed; a last line need not have one. The view is
     // followed by a NUL and stands until the next call. Returns false at the end of the file and
@@ -31,6 +33,7 @@ public:
 private:
     FILE *file_;
     const char *path_;
+    log_origin from_;
     size_t capacity_;
     unsigned line_number_ = 0;
     int read_error_ = 0;

@@ -48,8 +48,8 @@ void log_addresses(const pkt_ctx *ctx) {
     jorn_addr_to_str(reinterpret_cast<const sockaddr *>(&address), src, sizeof src);
     address.sin_addr.s_addr = ctx->dst_ip;
     jorn_addr_to_str(reinterpret_cast<const sockaddr *>(&address), dst, sizeof dst);
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_decode_ipv4_pkt", 0, "%s->%s, the ip protocol is %d\n", src,
-                dst, ctx->ip_proto);
+    JORN_DEBUG_AS("jorn_decode_ipv4_pkt", "%s->%s, the ip protocol is %d\n", src, dst,
+                  ctx->ip_proto);
 }
 
 } // namespace
