@@ -1,5 +1,6 @@
 #include "control/priority.h"
 
+#include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/state/state.h"
@@ -46,12 +47,10 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
 }
 
 const arc_policy *find_policy(uint32_t id) {
-    if (id < UTP_ID_MIN || id > UTP_ID_MAX)
+    if (!is_utp_id(id))
         return nullptr;
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy != nullptr && policy->utp_id != id)
-        policy = policy->next;
-    return policy;
+    return jorn_state.arc_policy_list.find(
+        [id](const arc_policy &policy) { return policy.utp_id == id; });
 }
 
 } // namespace

@@ -12,6 +12,8 @@
 #include "packet/records/context.h"
 #include "userapps/records/apps.h"
 
+struct port_app_list; // core/state/state.h
+
 inline constexpr char PORT_SERVICE_PATH[] = "/writable/jorn/uploadjorport_file_1.0";
 
 inline constexpr int PORT_SERVICE_ERR_LIMIT = -1;

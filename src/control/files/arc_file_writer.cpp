@@ -43,11 +43,12 @@ int32_t address_word(const uint8_t (&address)[16]) {
 
 int jorn_write_arc_policy_configuration(FILE *file) {
     bool written = write_flushed(file, "[appPolicy]\n");
-    for (const arc_policy *policy = jorn_state.arc_policy_list; written && policy != nullptr;
-         policy = policy->next) {
+    for (const arc_policy &policy : jorn_state.arc_policy_list) {
+        if (!written)
+            break;
         char block[ARC_BLOCK_LIMIT + 1] = {};
         size_t length = 0;
-        if (jorn_format_arc_policy(block, policy, &length, ARC_BLOCK_LIMIT) == 0)
+        if (jorn_format_arc_policy(block, &policy, &length, ARC_BLOCK_LIMIT) == 0)
             written = write_flushed(file, {block, length});
     }
     if (!written || !write_flushed(file, "[appPolicy end]\n")) {

@@ -94,6 +94,7 @@ static_assert(sizeof(utp_entry_wire) == 140);
 static_assert(offsetof(utp_entry_wire, name) == 8);
 static_assert(offsetof(utp_entry_wire, uuid) == 73);
 
+template <typename Policy>
 struct utp_entry : utp_entry_wire {
-    arc_policy *policy; // of arc_policy_list, or none
+    Policy *policy; // of the list of its kind, or none
 };

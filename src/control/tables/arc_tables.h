@@ -11,7 +11,17 @@
 
 // The entry of a UTP id that is in use, or none. Finds ids 1 to 63; an entry stored under 64 is
 // shown but never found.
-const utp_entry *utp_lookup(const utp_entry (&table)[UTP_ID_MAX], uint32_t id);
+template <typename Policy>
+const utp_entry<Policy> *utp_lookup(const utp_entry<Policy> (&table)[UTP_ID_MAX], uint32_t id) {
+    if (id < UTP_ID_MIN || id > UTP_ID_LOOKUP_MAX)
+        return nullptr;
+    const utp_entry<Policy> &entry = table[id - 1];
+    return entry.id != 0 ? &entry : nullptr;
+}
+
+constexpr bool is_utp_id(uint32_t id) {
+    return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
+}
 
 // Command 20: adds or replaces one ARC UTP entry (utp_entry_wire). Returns 0, or -1 for an id
 // outside 1 to 64.
