@@ -15,11 +15,12 @@
 #include "core/base/record_list.h"
 #include "userapps/records/apps.h"
 #include "userapps/records/settled.h"
+#include "webfilter/records/web.h"
+#include "wificalling/records/wificalling.h"
 
 #include <cstdint>
 
 struct hash_table;
-struct web_policy;
 
 // The user port-service list, sorted by name.
 struct port_app_list : record_list<port_app> {
@@ -38,6 +39,14 @@ struct daemon_state {
     utp_entry<web_policy> web_utp_table[UTP_ID_MAX];
     record_list<arc_policy> arc_policy_list;
     uint32_t arc_generation; // changes with every change of what a UTP id leads to
+
+    record_list<web_policy> web_policy_list;
+    record_list<web_intf> web_intf_list;
+    uint32_t fail_cnt;      // answers in a row that the URL-filtering server can't be reached, 0..6
+    uint8_t reachable_flag; // 1 = it is held unreachable
+
+    record_list<wificalling_policy> wificalling_policy_list;
+    record_list<wificalling_intf> wificalling_intf_list;
 
     userdef_table userdef_apps;
     port_app_list port_apps;
