@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr size_t LOG_CFG_NAME_SIZE = 68;
-
 bool valid_utp_id(uint32_t id) {
     return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
 }
@@ -74,7 +72,7 @@ void build_index(arc_rule_index &index, const arc_policy_wire &policy) {
 }
 
 // A record with its index, or none when memory ran out.
-arc_policy *make_policy(const uint8_t *payload) {
+arc_policy *make_policy(const void *payload) {
     auto *policy = new (std::nothrow) arc_policy();
     auto *index = new (std::nothrow) arc_rule_index();
     if (policy == nullptr || index == nullptr) {
@@ -124,7 +122,7 @@ const utp_entry *utp_lookup(const utp_entry (&table)[UTP_ID_MAX], uint32_t id) {
     return entry.id != 0 ? &entry : nullptr;
 }
 
-int jorn_process_arc_config(const uint8_t *payload) {
+int jorn_process_arc_config(const void *payload) {
     utp_entry entry = {};
     memcpy(static_cast<utp_entry_wire *>(&entry), payload, sizeof(utp_entry_wire));
     if (!valid_utp_id(entry.id)) {
@@ -154,7 +152,7 @@ int jorn_process_utp_flush() {
     return 0;
 }
 
-int __arc_policy_add_end(const uint8_t *payload) {
+int __arc_policy_add_end(const void *payload) {
     arc_policy *policy = make_policy(payload);
     if (policy == nullptr)
         return -1;
@@ -200,7 +198,7 @@ void jorn_process_cmd_policy_clean() {
 }
 
 void jorn_process_arc_policy_log_cfg(int, const char *name, uint32_t value) {
-    const std::string_view wanted(name, strnlen(name, LOG_CFG_NAME_SIZE));
+    const std::string_view wanted(name, strnlen(name, sizeof arc_policy_log_cfg::name));
     for (arc_policy *policy = jorn_state.arc_policy_list; policy != nullptr;
          policy = policy->next) {
         if (field_text(policy->name) == wanted) {
