@@ -53,6 +53,18 @@ const arc_policy *find_policy(uint32_t id) {
         [id](const arc_policy &policy) { return policy.utp_id == id; });
 }
 
+void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
+    const arc_policy *policy = find_policy(arc_policy_id);
+    if (policy == nullptr) {
+        text.append("\n Invalid ARC PCY ID \n");
+        return;
+    }
+    char listing[LISTING_SIZE];
+    jorn_check_priority(listing, sizeof listing, policy);
+    text.format("\n ARC Policy Name: %s \n", policy->name);
+    text.append(listing);
+}
+
 } // namespace
 
 void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
@@ -72,15 +84,5 @@ void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {
 }
 
 int jorn_process_cmd_check_priority(int fd, uint32_t arc_policy_id) {
-    line_buffer reply = start_reply();
-    if (const arc_policy *policy = find_policy(arc_policy_id); policy != nullptr) {
-        char listing[LISTING_SIZE];
-        jorn_check_priority(listing, sizeof listing, policy);
-        reply.format("\n ARC Policy Name: %s \n", policy->name);
-        reply.append(listing);
-    } else {
-        reply.append("\n Invalid ARC PCY ID \n");
-    }
-    send_reply(fd, reply);
-    return 0;
+    return answer(fd, list_priorities, arc_policy_id);
 }

@@ -20,7 +20,7 @@ inline arc_rule rule_of(const std::string &app_name, const std::string &cat_name
 }
 
 inline const arc_policy *add_policy(const arc_policy_wire &wire) {
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&wire));
+    __arc_policy_add_end(&wire);
     return jorn_state.arc_policy_list.tail;
 }
 

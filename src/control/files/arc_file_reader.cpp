@@ -143,7 +143,7 @@ void set_userdef_field(userdef_app &record, int position, std::string_view token
 void finish_policy(unfinished &pending) {
     JORN_DEBUG_AS(LOADER, "Policy end...\n");
     if (pending.rule_count != 0)
-        __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&pending.policy));
+        __arc_policy_add_end(&pending.policy);
     pending.rule_count = 0;
 }
 

@@ -25,14 +25,14 @@ constexpr bool is_utp_id(uint32_t id) {
 
 // Command 20: adds or replaces one ARC UTP entry (utp_entry_wire). Returns 0, or -1 for an id
 // outside 1 to 64.
-int jorn_process_arc_config(const uint8_t *payload);
+int jorn_process_arc_config(const void *payload);
 
 // Command 22: clears both UTP tables. Returns 0.
 int jorn_process_utp_flush();
 
 // Command 23: adds one ARC policy (arc_policy_wire) and builds the UTP entry of its id. Returns 0,
 // or -1 when memory ran out and nothing was changed.
-int __arc_policy_add_end(const uint8_t *payload);
+int __arc_policy_add_end(const void *payload);
 
 // Points the ARC UTP entry of the policy's id at the policy; an id outside 1 to 64 has none.
 void __arc_policy_build_arc_utp(arc_policy *policy);
@@ -44,5 +44,5 @@ void jorn_process_arc_policy_flush();
 void jorn_process_cmd_policy_clean();
 
 // Command 26: sets the flow-logging flag of the first policy with exactly this name to the low byte
-// of `value`. `name` is a field of 68 bytes.
+// of `value`. `name` is the field of arc_policy_log_cfg.
 void jorn_process_arc_policy_log_cfg(int fd, const char *name, uint32_t value);
