@@ -11,13 +11,6 @@
 
 namespace {
 
-<<<<<<< HEAD
-constexpr size_t LOG_CFG_NAME_SIZE = 68;
-=======
-bool valid_utp_id(uint32_t id) {
-    return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
-}
->>>>>>> cmds
 
 template <size_t N>
 void terminate(char (&field)[N]) {
@@ -106,20 +99,8 @@ void release_policies(daemon_state &state) {
 
 } // namespace
 
-<<<<<<< HEAD
-int jorn_process_arc_config(const uint8_t *payload) {
-    utp_entry<arc_policy> entry = {};
-=======
-const utp_entry *utp_lookup(const utp_entry (&table)[UTP_ID_MAX], uint32_t id) {
-    if (id < UTP_ID_MIN || id > UTP_ID_LOOKUP_MAX)
-        return nullptr;
-    const utp_entry &entry = table[id - 1];
-    return entry.id != 0 ? &entry : nullptr;
-}
-
 int jorn_process_arc_config(const void *payload) {
-    utp_entry entry = {};
->>>>>>> cmds
+    utp_entry<arc_policy> entry = {};
     memcpy(static_cast<utp_entry_wire *>(&entry), payload, sizeof(utp_entry_wire));
     if (!is_utp_id(entry.id)) {
         JORN_ERROR("Error ARC UTP id: %d\n", static_cast<int>(entry.id));
@@ -188,20 +169,9 @@ void jorn_process_cmd_policy_clean() {
 }
 
 void jorn_process_arc_policy_log_cfg(int, const char *name, uint32_t value) {
-<<<<<<< HEAD
-    const std::string_view wanted(name, strnlen(name, LOG_CFG_NAME_SIZE));
+    const std::string_view wanted(name, strnlen(name, sizeof arc_policy_log_cfg::name));
     arc_policy *policy = jorn_state.arc_policy_list.find(
         [wanted](const arc_policy &listed) { return field_text(listed.name) == wanted; });
     if (policy != nullptr)
         policy->log_enable = static_cast<uint8_t>(value);
-=======
-    const std::string_view wanted(name, strnlen(name, sizeof arc_policy_log_cfg::name));
-    for (arc_policy *policy = jorn_state.arc_policy_list; policy != nullptr;
-         policy = policy->next) {
-        if (field_text(policy->name) == wanted) {
-            policy->log_enable = static_cast<uint8_t>(value);
-            return;
-        }
-    }
->>>>>>> cmds
 }
