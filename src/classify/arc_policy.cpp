@@ -28,21 +28,7 @@ public:
         }
     }
 
-    bool contains(const char *lower_case_domain, size_t length) const {
-        return length_ != 0 && memmem(text_, length_, lower_case_domain, length) != nullptr;
-    }
-
-    // The domain rules that may occur in the name, as a bit each; the others can't.
-    uint64_t candidates(const arc_rule_index &index) const {
-        uint64_t first = 0;
-        uint64_t second = 0;
-        for (size_t i = 0; i + 1 < length_; ++i) {
-            const unsigned bucket = arc_rule_index::bucket(text_[i], text_[i + 1]);
-            first |= index.first_pair[bucket];
-            second |= index.second_pair[bucket];
-        }
-        return (first & second) | index.always;
-    }
+    std::string_view text() const { return {text_, length_}; }
 
 private:
     char text_[FLOW_NAME_MAX + TOP_LEVEL_DOMAIN.size()];
@@ -65,7 +51,8 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
     constexpr char FUNCTION[] = "__jorn_policy_match";
     const arc_rule_index &index = *policy.index;
     const uint64_t by_id = rules_with_ids_of(ctx, index);
-    for (uint64_t left = by_id | name.candidates(index); left != 0; left &= left - 1) {
+    for (uint64_t left = by_id | index.domains.candidates(name.text()); left != 0;
+         left &= left - 1) {
         const auto n = static_cast<unsigned>(std::countr_zero(left));
         const arc_rule *rule = &policy.rules[n];
         if ((by_id >> n & 1) != 0) {
@@ -73,7 +60,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
                           ctx.app_id, ctx.app_cat_id);
             return rule;
         }
-        if (name.contains(index.domain[n], index.domain_length[n])) {
+        if (index.domains.occurs_in(name.text(), n)) {
             JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: Domain matched %s\n",
                           printable_text(ctx.app_name).c_str());
             return rule;
@@ -132,9 +119,6 @@ const arc_rule *__jorn_policy_match(const pkt_ctx *ctx, const arc_policy *policy
 int __jorn_domain_match(const char *flow_name, const char *rule_domain) {
     if (flow_name == nullptr || rule_domain == nullptr)
         return 0;
-    char domain[sizeof(arc_rule::app_name)];
-    const size_t length = strnlen(rule_domain, sizeof domain);
-    for (size_t i = 0; i < length; ++i)
-        domain[i] = ascii_lower(rule_domain[i]);
-    return searchable_name(flow_name).contains(domain, length) ? 1 : 0;
+    const searchable_name name(flow_name);
+    return !name.text().empty() && contains_ignoring_case(name.text(), rule_domain) ? 1 : 0;
 }

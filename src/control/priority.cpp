@@ -9,12 +9,10 @@
 namespace {
 
 constexpr size_t LISTING_SIZE = 20'480;
-constexpr const char *TRAFFIC_TYPES[] = {"Background", "BestEffort", "Video", "Voice"};
-constexpr const char *MARK_KINDS[] = {"dot1p", "dscp", "both"};
 
 const char *mark_kind_text(uint8_t kind) {
-    if (kind < std::size(MARK_KINDS))
-        return MARK_KINDS[kind];
+    if (kind < std::size(ARC_MARK_KINDS))
+        return ARC_MARK_KINDS[kind];
     JORN_DEBUG_AS("jorn_check_priority", "Not Applicable\n");
     return "";
 }
@@ -29,14 +27,14 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
     listing.format("\tCat Name:%s\n", rule.cat_name);
     if (rule.deny != 0)
         listing.append("\tRule:Deny \n");
-    if (arc_qos_marking(rule.qos)) {
-        listing.format("\tQoS mark pri:%s", mark_kind_text(arc_qos_mark_kind(rule.qos)));
-        jorn_check_traffic_type(traffic_type, arc_qos_mark_type(rule.qos));
+    if (ARC_QOS_MARKING.of(rule.qos) != 0) {
+        listing.format("\tQoS mark pri:%s", mark_kind_text(ARC_QOS_MARK_KIND.of(rule.qos)));
+        jorn_check_traffic_type(traffic_type, ARC_QOS_MARK_TYPE.of(rule.qos));
         listing.format("\tQoS mark type:%s\n", traffic_type);
     }
-    if (arc_qos_classification(rule.qos)) {
+    if (ARC_QOS_CLASSIFICATION.of(rule.qos) != 0) {
         listing.append("\tQoS classify pri:Priority");
-        jorn_check_traffic_type(traffic_type, arc_qos_classify_type(rule.qos));
+        jorn_check_traffic_type(traffic_type, ARC_QOS_CLASSIFY_TYPE.of(rule.qos));
         listing.format("\tQoS classify type:%s\n", traffic_type);
     }
     if (rule.rate_up != 0 || rule.rate_down != 0) {
@@ -69,8 +67,8 @@ void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
 
 void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
     text[0] = '\0';
-    if (code < std::size(TRAFFIC_TYPES))
-        copy_text(text, TRAFFIC_TYPES[code]);
+    if (code < std::size(ARC_TRAFFIC_TYPES))
+        copy_text(text, ARC_TRAFFIC_TYPES[code]);
     else
         JORN_DEBUG("Not Applicable\n");
 }

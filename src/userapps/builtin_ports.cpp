@@ -211,11 +211,6 @@ struct port_ranges {
 constexpr port_ranges TCP_RANGES(is_tcp);
 constexpr port_ranges UDP_RANGES(is_udp);
 
-void copy_lower_case(char (&field)[65], const char *name) {
-    copy_text(field, name);
-    std::transform(field, field + sizeof field, field, ascii_lower);
-}
-
 } // namespace
 
 int jorn_detect_pkt_builtin_port_service_app(pkt_ctx *pkt) {

@@ -118,8 +118,9 @@ void port_app_list_clear(port_app_list *list) {
 }
 
 int jorn_detect_pkt_userdef_port_service_app(pkt_ctx *pkt) {
-    const port_app *entry =
-        jorn_log_enabled(JORN_LOG_DEBUG) ? walk_port_apps(*pkt) : find_port_app(*pkt);
+    if (jorn_log_enabled(JORN_LOG_DEBUG))
+        walk_port_apps(*pkt);
+    const port_app *entry = find_port_app(*pkt);
     if (entry == nullptr)
         return 0;
     JORN_INFO("Match in Port-Mapping App\n");

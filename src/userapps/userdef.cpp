@@ -86,7 +86,7 @@ int jorn_update_user_def_policy_cfg(const void *records, int32_t count) {
         memcpy(table.records, records, static_cast<size_t>(count) * sizeof(userdef_app));
     for (int32_t i = 0; i < count; ++i) {
         userdef_app &record = table.records[i];
-        record.app_name[sizeof record.app_name - 1] = '\0';
+        terminate(record.app_name);
         userdef_build_bitmap(&record);
     }
     settle_userapps();
@@ -109,8 +109,9 @@ void userdef_build_bitmap(userdef_app *record) {
 }
 
 int jorn_detect_pkt_userdef_app(pkt_ctx *pkt) {
-    const userdef_app *record =
-        jorn_log_enabled(JORN_LOG_DEBUG) ? walk_userdef_apps(*pkt) : find_userdef_app(*pkt);
+    if (jorn_log_enabled(JORN_LOG_DEBUG))
+        walk_userdef_apps(*pkt);
+    const userdef_app *record = find_userdef_app(*pkt);
     if (record == nullptr)
         return 0;
     JORN_INFO("MATCH for User-Defined App\n");

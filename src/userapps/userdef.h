@@ -30,9 +30,11 @@ void userdef_build_bitmap(userdef_app *record);
 // Names the packet after the first definition that it fits. Returns 1 when there is one, else 0.
 int jorn_detect_pkt_userdef_app(pkt_ctx *pkt);
 
-// The definition that names a packet, or none: by the settled criteria, and by walking the table
-// with a line of the log for each step. Both find the same.
+// The definition that names a packet, or none, by the settled criteria.
 const userdef_app *find_userdef_app(const pkt_ctx &pkt);
+
+// The same by walking the table, with a line of the log for each step: debugging shows it, and
+// decides nothing by it.
 const userdef_app *walk_userdef_apps(const pkt_ctx &pkt);
 
 // 1 when the packet fits the record's criteria, else 0. The record's destination is looked for on

@@ -17,18 +17,14 @@ constexpr uint32_t PORT_MAX = 65'535;
 // The daemon's file keeps, and a rule can name, 63 characters; the record would hold two more.
 constexpr uint32_t APP_NAME_MAX = 63;
 
-// The order is the number.
-constexpr const char *MARK_KINDS[] = {"dot1p", "dscp", "both"};
-constexpr const char *TRAFFIC_TYPES[] = {"Background", "BestEffort", "Video", "Voice"};
-
 struct mark {
     uint8_t kind;
     uint8_t type;
 };
 
 constexpr field<mark> MARK_FIELDS[] = {
-    {"kind", read_word<&mark::kind, MARK_KINDS>, REQUIRED},
-    {"type", read_word<&mark::type, TRAFFIC_TYPES>, REQUIRED},
+    {"kind", read_word<&mark::kind, ARC_MARK_KINDS>, REQUIRED},
+    {"type", read_word<&mark::type, ARC_TRAFFIC_TYPES>, REQUIRED},
 };
 
 // arc_rule::qos before its bits are put together.
@@ -46,7 +42,7 @@ void read_mark(const node &from, const field<qos> &, qos &to) {
 
 void read_classify(const node &from, const field<qos> &, qos &to) {
     to.classification = true;
-    to.classify = word_number(from, TRAFFIC_TYPES);
+    to.classify = word_number(from, ARC_TRAFFIC_TYPES);
 }
 
 constexpr field<qos> QOS_FIELDS[] = {
@@ -56,9 +52,11 @@ constexpr field<qos> QOS_FIELDS[] = {
 
 void read_qos(const node &from, const field<arc_rule> &, arc_rule &to) {
     const qos read = read_record<qos>(from, QOS_FIELDS);
-    to.qos =
-        static_cast<uint8_t>((read.marking ? 0x01 : 0) | (read.classification ? 0x02 : 0) |
-                             read.marked.kind << 2 | read.marked.type << 4 | read.classify << 6);
+    to.qos = static_cast<uint8_t>(ARC_QOS_MARKING.in_place(read.marking) |
+                                  ARC_QOS_CLASSIFICATION.in_place(read.classification) |
+                                  ARC_QOS_MARK_KIND.in_place(read.marked.kind) |
+                                  ARC_QOS_MARK_TYPE.in_place(read.marked.type) |
+                                  ARC_QOS_CLASSIFY_TYPE.in_place(read.classify));
 }
 
 // A number, or the words that stand for the category of the administrator's own applications.

@@ -1,5 +1,7 @@
 #include "jornctl/fields.h"
 
+#include "core/text/text.h"
+
 #include <algorithm>
 #include <array>
 
@@ -17,13 +19,6 @@ std::string joined(std::span<const char *const> words) {
     for (const char *const word : words)
         list += (list.empty() ? "" : ", ") + std::string(word);
     return list;
-}
-
-std::string lower_case(std::string_view text) {
-    std::string lower(text);
-    for (char &c : lower)
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    return lower;
 }
 
 bool is_control(char c) {
@@ -81,9 +76,8 @@ void check_file_text(const node &from, std::string_view text) {
         from.refuse(std::string("holds a comma or a semicolon") + lost);
     if (text.starts_with(' ') || text.ends_with(' '))
         from.refuse(std::string("begins or ends with a blank") + lost);
-    const std::string lower = lower_case(text);
     for (const std::string_view marker : FILE_MARKERS) {
-        if (lower.find(marker) != std::string::npos)
+        if (contains_ignoring_case(text, marker))
             from.refuse("holds \"" + std::string(marker) + '"' + lost);
     }
 }

@@ -41,11 +41,6 @@ T decimal(std::string_view token) {
     return static_cast<T>(leading_decimal(token));
 }
 
-// A value of arc_rule::qos, `mask` wide, in its place.
-uint8_t qos_bits(std::string_view token, uint8_t mask, unsigned shift) {
-    return static_cast<uint8_t>((decimal<uint8_t>(token) & mask) << shift);
-}
-
 void take_address(uint8_t (&address)[16], std::string_view token) {
     const auto word = decimal<uint32_t>(token);
     memcpy(address, &word, sizeof word);
@@ -69,19 +64,19 @@ void set_rule_field(arc_rule &rule, int position, std::string_view token) {
         rule.deny = decimal<uint8_t>(token);
         break;
     case 6:
-        rule.qos |= qos_bits(token, 1, 0);
+        rule.qos |= ARC_QOS_MARKING.in_place(decimal<uint8_t>(token));
         break;
     case 7:
-        rule.qos |= qos_bits(token, 1, 1);
+        rule.qos |= ARC_QOS_CLASSIFICATION.in_place(decimal<uint8_t>(token));
         break;
     case 8:
-        rule.qos |= qos_bits(token, 3, 2);
+        rule.qos |= ARC_QOS_MARK_KIND.in_place(decimal<uint8_t>(token));
         break;
     case 9:
-        rule.qos |= qos_bits(token, 3, 4);
+        rule.qos |= ARC_QOS_MARK_TYPE.in_place(decimal<uint8_t>(token));
         break;
     case 10:
-        rule.qos |= qos_bits(token, 3, 6);
+        rule.qos |= ARC_QOS_CLASSIFY_TYPE.in_place(decimal<uint8_t>(token));
         break;
     case 11:
         rule.rate_up = decimal<uint16_t>(token);

@@ -25,11 +25,11 @@ constexpr size_t LINE_SIZE = 256; // holds the longest line there is
 }
 
 int append_rule(char *text, const arc_rule &rule, size_t *length, size_t capacity) {
-    return append_format(
-        text, length, capacity, "%d,%d,%.63s,%.31s,%u,%u,%u,%u,%u,%u,%d,%d;\n", rule.app_id,
-        rule.cat_id, rule.app_name, rule.cat_name, rule.deny, arc_qos_marking(rule.qos) ? 1u : 0u,
-        arc_qos_classification(rule.qos) ? 1u : 0u, arc_qos_mark_kind(rule.qos),
-        arc_qos_mark_type(rule.qos), arc_qos_classify_type(rule.qos), rule.rate_up, rule.rate_down);
+    return append_format(text, length, capacity, "%d,%d,%.63s,%.31s,%u,%u,%u,%u,%u,%u,%d,%d;\n",
+                         rule.app_id, rule.cat_id, rule.app_name, rule.cat_name, rule.deny,
+                         ARC_QOS_MARKING.of(rule.qos), ARC_QOS_CLASSIFICATION.of(rule.qos),
+                         ARC_QOS_MARK_KIND.of(rule.qos), ARC_QOS_MARK_TYPE.of(rule.qos),
+                         ARC_QOS_CLASSIFY_TYPE.of(rule.qos), rule.rate_up, rule.rate_down);
 }
 
 // An address as the file has it: its word in network byte order, printed as a signed number.

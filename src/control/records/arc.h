@@ -26,7 +26,7 @@ struct arc_rule {
     char app_name[64]; // of a domain rule: the domain; empty = the slot is free
     char cat_name[32];
     uint8_t deny;
-    uint8_t qos; // arc_qos_* below
+    uint8_t qos; // ARC_QOS_* below
     uint16_t rate_up;
     uint16_t rate_down; // the controller's unit, passed on as it is; 0 = none
     uint8_t reserved2[2];
@@ -37,22 +37,26 @@ static_assert(offsetof(arc_rule, cat_name) == 72);
 static_assert(offsetof(arc_rule, deny) == 104);
 static_assert(offsetof(arc_rule, rate_up) == 106);
 
-// arc_rule::qos, bit by bit.
-constexpr bool arc_qos_marking(uint8_t qos) {
-    return (qos & 0x01) != 0;
-}
-constexpr bool arc_qos_classification(uint8_t qos) {
-    return (qos & 0x02) != 0;
-}
-constexpr uint8_t arc_qos_mark_kind(uint8_t qos) {
-    return (qos >> 2) & 3;
-}
-constexpr uint8_t arc_qos_mark_type(uint8_t qos) {
-    return (qos >> 4) & 3;
-}
-constexpr uint8_t arc_qos_classify_type(uint8_t qos) {
-    return (qos >> 6) & 3;
-}
+// The parts of arc_rule::qos.
+struct arc_qos_bits {
+    uint8_t shift;
+    uint8_t mask;
+
+    constexpr uint8_t of(uint8_t qos) const { return static_cast<uint8_t>(qos >> shift & mask); }
+    constexpr uint8_t in_place(unsigned value) const {
+        return static_cast<uint8_t>((value & mask) << shift);
+    }
+};
+inline constexpr arc_qos_bits ARC_QOS_MARKING = {0, 1};
+inline constexpr arc_qos_bits ARC_QOS_CLASSIFICATION = {1, 1};
+inline constexpr arc_qos_bits ARC_QOS_MARK_KIND = {2, 3};
+inline constexpr arc_qos_bits ARC_QOS_MARK_TYPE = {4, 3};
+inline constexpr arc_qos_bits ARC_QOS_CLASSIFY_TYPE = {6, 3};
+
+// Their words; the order is the number. A kind of 3 has none. The traffic types are the access
+// categories of IEEE 802.11e.
+inline constexpr const char *ARC_MARK_KINDS[] = {"dot1p", "dscp", "both"};
+inline constexpr const char *ARC_TRAFFIC_TYPES[] = {"Background", "BestEffort", "Video", "Voice"};
 
 // What command 23 carries, 7,352 bytes:   1 attr1   3 attr3   4 attr4   5 log_enable   48 utp_id
 //                                        52 rules   7220 name   7285 uuid

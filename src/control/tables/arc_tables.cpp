@@ -6,65 +6,25 @@
 #include "core/text/text.h"
 #include "platform/psms.h"
 
+#include <array>
 #include <cstring>
 #include <new>
 
 namespace {
 
 
-template <size_t N>
-void terminate(char (&field)[N]) {
-    field[N - 1] = '\0';
-}
-
-// Chooses the two pairs of a domain that the fewest domains of the policy share; the same pair
-// twice when it holds only one.
-void index_domain(arc_rule_index &index, unsigned rule,
-                  const uint16_t (&popularity)[arc_rule_index::PAIR_BUCKETS]) {
-    const char *domain = index.domain[rule];
-    const unsigned length = index.domain_length[rule];
-    const uint64_t bit = uint64_t{1} << rule;
-    if (length < 2) {
-        index.always |= bit;
-        return;
-    }
-    unsigned rarest = arc_rule_index::bucket(domain[0], domain[1]);
-    unsigned second = rarest;
-    for (unsigned i = 1; i + 1 < length; ++i) {
-        const unsigned bucket = arc_rule_index::bucket(domain[i], domain[i + 1]);
-        if (bucket == rarest || bucket == second)
-            continue;
-        if (popularity[bucket] < popularity[rarest]) {
-            second = rarest;
-            rarest = bucket;
-        } else if (second == rarest || popularity[bucket] < popularity[second]) {
-            second = bucket;
-        }
-    }
-    index.first_pair[rarest] |= bit;
-    index.second_pair[second] |= bit;
-}
-
 void build_index(arc_rule_index &index, const arc_policy_wire &policy) {
-    uint16_t popularity[arc_rule_index::PAIR_BUCKETS] = {};
+    std::array<std::string_view, ARC_RULES_PER_POLICY> domains;
     for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
         const arc_rule &rule = policy.rules[n];
-        if (rule.app_id != 0) {
+        if (rule.app_id == 0) {
+            domains[n] = field_text(rule.app_name);
+        } else {
             index.id_rules |= uint64_t{1} << n;
             index.ids[n] = uint32_t{rule.app_id} << 16 | rule.cat_id;
-            continue;
         }
-        const std::string_view name = field_text(rule.app_name);
-        for (size_t i = 0; i < name.size(); ++i)
-            index.domain[n][i] = ascii_lower(name[i]);
-        index.domain_length[n] = static_cast<uint8_t>(name.size());
-        for (size_t i = 0; i + 1 < name.size(); ++i)
-            ++popularity[arc_rule_index::bucket(index.domain[n][i], index.domain[n][i + 1])];
     }
-    for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
-        if (index.domain_length[n] != 0)
-            index_domain(index, n, popularity);
-    }
+    index.domains.build(domains);
 }
 
 // A record with its index, or none when memory ran out.

@@ -81,7 +81,7 @@ int jorn_dnscache_add(dns_cache_entry *entry) {
         return DNS_CACHE_ERR_ARGUMENT;
     if (full(*jorn_state.dns_cache))
         return DNS_CACHE_ERR_FULL;
-    entry->name[sizeof entry->name - 1] = '\0';
+    terminate(entry->name);
     return hash_table_insert(jorn_state.dns_cache, entry) == 0 ? 0 : DNS_CACHE_ERR_TABLE;
 }
 
