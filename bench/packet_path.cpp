@@ -103,7 +103,7 @@ void add_full_policy(uint32_t utp_id) {
         copy_text(rule.app_name, domain);
         rule.deny = 1;
     }
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(policy.get()));
+    __arc_policy_add_end(policy.get());
 }
 
 void policy_of_source() {

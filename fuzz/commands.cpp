@@ -24,11 +24,10 @@ int set_up() {
 }
 
 void check_links() {
-    for (const utp_entry &entry : jorn_state.arc_utp_table) {
-        const arc_policy *policy = jorn_state.arc_policy_list;
-        while (policy != nullptr && policy != entry.policy)
-            policy = policy->next;
-        if (policy != entry.policy)
+    for (const utp_entry<arc_policy> &entry : jorn_state.arc_utp_table) {
+        if (entry.policy != nullptr &&
+            jorn_state.arc_policy_list.find(
+                [&entry](const arc_policy &policy) { return &policy == entry.policy; }) == nullptr)
             abort();
     }
 }

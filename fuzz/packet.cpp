@@ -25,7 +25,7 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     strcpy(policy.rules[1].app_name, "id");
     policy.rules[1].app_id = app_id;
     policy.rules[1].qos = 0xFF;
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
+    __arc_policy_add_end(&policy);
 }
 
 void set_up() {

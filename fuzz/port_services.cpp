@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         check_entry(*entry);
         ++count;
     }
-    if (count != jorn_state.port_apps.port_app_count || count > PORT_APPS_MAX)
+    if (count != jorn_state.port_apps.count || count > PORT_APPS_MAX)
         abort();
     port_app_list_clear(&jorn_state.port_apps);
     return 0;

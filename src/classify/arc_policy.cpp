@@ -84,7 +84,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
 
 // Looks one side's profile up. Returns whether it has a UTP entry.
 bool match_side(pkt_ctx &ctx, const searchable_name &name, uint32_t utp_id) {
-    const utp_entry *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
+    const utp_entry<arc_policy> *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
     if (entry == nullptr)
         return false;
     ctx.arc_cfg = entry->policy;

@@ -1,5 +1,6 @@
 #include "control/priority.h"
 
+#include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/state/state.h"
@@ -46,12 +47,22 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
 }
 
 const arc_policy *find_policy(uint32_t id) {
-    if (id < UTP_ID_MIN || id > UTP_ID_MAX)
+    if (!is_utp_id(id))
         return nullptr;
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy != nullptr && policy->utp_id != id)
-        policy = policy->next;
-    return policy;
+    return jorn_state.arc_policy_list.find(
+        [id](const arc_policy &policy) { return policy.utp_id == id; });
+}
+
+void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
+    const arc_policy *policy = find_policy(arc_policy_id);
+    if (policy == nullptr) {
+        text.append("\n Invalid ARC PCY ID \n");
+        return;
+    }
+    char listing[LISTING_SIZE];
+    jorn_check_priority(listing, sizeof listing, policy);
+    text.format("\n ARC Policy Name: %s \n", policy->name);
+    text.append(listing);
 }
 
 } // namespace
@@ -73,15 +84,5 @@ void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {
 }
 
 int jorn_process_cmd_check_priority(int fd, uint32_t arc_policy_id) {
-    line_buffer reply = start_reply();
-    if (const arc_policy *policy = find_policy(arc_policy_id); policy != nullptr) {
-        char listing[LISTING_SIZE];
-        jorn_check_priority(listing, sizeof listing, policy);
-        reply.format("\n ARC Policy Name: %s \n", policy->name);
-        reply.append(listing);
-    } else {
-        reply.append("\n Invalid ARC PCY ID \n");
-    }
-    send_reply(fd, reply);
-    return 0;
+    return answer(fd, list_priorities, arc_policy_id);
 }

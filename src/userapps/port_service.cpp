@@ -20,12 +20,10 @@ namespace {
 constexpr char READER[] = "jorn_parse_port_service_conf_file";
 
 port_app *find_same_port(const port_app_list &list, const port_service &row) {
-    for (port_app *entry = list.head; entry != nullptr; entry = entry->next) {
-        if (entry->begin_port == row.begin_port &&
-            (row.tcp_flag != 0 ? entry->tcp_flag : entry->udp_flag) != 0)
-            return entry;
-    }
-    return nullptr;
+    return list.find([&row](const port_app &entry) {
+        return entry.begin_port == row.begin_port &&
+               (row.tcp_flag != 0 ? entry.tcp_flag : entry.udp_flag) != 0;
+    });
 }
 
 int insert_by_name(port_app_list &list, const port_service &row) {
@@ -34,17 +32,14 @@ int insert_by_name(port_app_list &list, const port_service &row) {
         JORN_ERROR_AS(READER, "alloc memory failed");
         return PORT_SERVICE_ERR_MEMORY;
     }
-    port_app **link = &list.head;
-    while (*link != nullptr && strcmp((*link)->app_name, entry->app_name) < 0)
-        link = &(*link)->next;
-    entry->next = *link;
-    *link = entry;
-    ++list.port_app_count;
+    list.insert(entry, [entry](const port_app &listed) {
+        return strcmp(listed.app_name, entry->app_name) >= 0;
+    });
     return 0;
 }
 
 int add_record(port_app_list &list, const port_service &row) {
-    if (list.port_app_count >= PORT_APPS_MAX) {
+    if (list.port_app_count() >= PORT_APPS_MAX) {
         JORN_ERROR_AS(READER, "MAX port/app entry number reached, cannot insert\n");
         return PORT_SERVICE_ERR_LIMIT;
     }
@@ -78,14 +73,14 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
 
 const port_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
     const arc_policy *policy = arc_policy_of(utp_id);
-    for (const port_app *entry = jorn_state.port_apps.head; entry != nullptr; entry = entry->next) {
-        if (policy != nullptr && __is_userdef_port_attached_to_arc(policy, entry) == 0)
+    for (const port_app &entry : jorn_state.port_apps) {
+        if (policy != nullptr && __is_userdef_port_attached_to_arc(policy, &entry) == 0)
             continue;
-        if (entry->begin_port != pkt.dst_port && entry->begin_port != pkt.src_port)
+        if (entry.begin_port != pkt.dst_port && entry.begin_port != pkt.src_port)
             continue;
-        if ((entry->tcp_flag != 0 && pkt.ip_proto == IPPROTO_TCP) ||
-            (entry->udp_flag != 0 && pkt.ip_proto == IPPROTO_UDP))
-            return entry;
+        if ((entry.tcp_flag != 0 && pkt.ip_proto == IPPROTO_TCP) ||
+            (entry.udp_flag != 0 && pkt.ip_proto == IPPROTO_UDP))
+            return &entry;
     }
     return nullptr;
 }
@@ -120,12 +115,7 @@ int jorn_process_cmd_port_service_cfg_req() {
 }
 
 void port_app_list_clear(port_app_list *list) {
-    for (port_app *entry = list->head; entry != nullptr;) {
-        port_app *next = entry->next;
-        delete entry;
-        entry = next;
-    }
-    *list = {};
+    list->release_all();
     settle_userapps(); // nothing of it may point at what was released
 }
 

@@ -12,6 +12,8 @@
 #include "packet/records/context.h"
 #include "userapps/records/apps.h"
 
+struct port_app_list; // core/state/state.h
+
 // In the folder of the saved files, where the controller puts it.
 inline constexpr char PORT_SERVICE_FILE[] = "uploadjorport_file_1.0";
 

@@ -13,11 +13,16 @@
 
 // Command 6: a count (int32) and as many records of userdef_app. Returns what
 // jorn_update_user_def_policy_cfg does.
-int jorn_process_cmd_userdef_policy_cfg_req(const uint8_t *payload);
+int jorn_process_cmd_userdef_policy_cfg_req(const void *payload);
+
+// Whether the `received` bytes of command 6's payload hold the records that its count promises, or
+// the count is one that is refused anyway. Says in the log when they don't: completed with zeros
+// they would be applications that fit every packet.
+bool userdef_payload_complete(const void *payload, size_t received);
 
 // Replaces the table by `count` records, which need no alignment, and has the platform forget its
 // flows' policies. Returns 0, or -1 with nothing changed for a count outside 0 to 32.
-int jorn_update_user_def_policy_cfg(const uint8_t *records, int32_t count);
+int jorn_update_user_def_policy_cfg(const void *records, int32_t count);
 
 // Works out which criteria a record gives.
 void userdef_build_bitmap(userdef_app *record);

@@ -20,11 +20,8 @@ inline arc_rule rule_of(const std::string &app_name, const std::string &cat_name
 }
 
 inline const arc_policy *add_policy(const arc_policy_wire &wire) {
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&wire));
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy->next != nullptr)
-        policy = policy->next;
-    return policy;
+    __arc_policy_add_end(&wire);
+    return jorn_state.arc_policy_list.tail;
 }
 
 inline const arc_policy *add_policy(uint32_t utp_id, const std::vector<arc_rule> &rules = {}) {

@@ -69,7 +69,7 @@ TEST_F(Commands, ShortAndUnassignedMessagesChangeNothing) {
     run_command(-1, message.data(), COMMAND_NUMBER_END - 1);
     for (const uint32_t number : {0u, 3u, 5u, 27u, 40u, 0xFFFFFFFFu})
         EXPECT_EQ(run(number, std::vector<uint8_t>(7352, 1)), "");
-    EXPECT_EQ(jorn_state.arc_policy_list, nullptr);
+    EXPECT_TRUE(jorn_state.arc_policy_list.empty());
     EXPECT_TRUE(platform.calls.empty());
 }
 

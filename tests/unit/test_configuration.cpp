@@ -61,7 +61,7 @@ protected:
     }
     static size_t policy_count() {
         size_t count = 0;
-        for (const arc_policy *p = jorn_state.arc_policy_list; p != nullptr; p = p->next)
+        for (const arc_policy *p = jorn_state.arc_policy_list.head; p != nullptr; p = p->next)
             ++count;
         return count;
     }
@@ -81,7 +81,7 @@ TEST_F(Configuration, ByteForByteAndBack) {
     EXPECT_EQ(occurrences(log, "userdef : 2\n"), 1u);
     EXPECT_EQ(occurrences(log, "ends early"), 0u);
     EXPECT_EQ(written(), text);
-    arc_policy *policy = jorn_state.arc_policy_list;
+    arc_policy *policy = jorn_state.arc_policy_list.head;
     ASSERT_NE(policy, nullptr);
     EXPECT_EQ(jorn_state.arc_utp_table[62].policy, policy);
     EXPECT_EQ(policy->attr4, 4);
@@ -145,7 +145,7 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
     add_policy(policy);
     add_policy(7);
     EXPECT_EQ(written().size(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n").size() + 8095);
-    jorn_state.arc_policy_list->utp_id = 10;
+    jorn_state.arc_policy_list.head->utp_id = 10;
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
 }
 

@@ -83,7 +83,8 @@ TEST_F(Detect, TheStepsInTheirOrder) {
         jorn_state.userdef_apps = {};
         if ((row.sources & DEFINITION) != 0)
             jorn_state.userdef_apps = {1, {definition}};
-        jorn_state.port_apps = {(row.sources & SERVICE) != 0 ? &service : nullptr, 1};
+        port_app *listed = (row.sources & SERVICE) != 0 ? &service : nullptr;
+        jorn_state.port_apps = {{listed, listed, 1}};
         settle_userapps();
         jorn_settings.tm_engine_enabled = (row.sources & ENGINE) != 0 ? 1 : 0;
         hash_table_clear(jorn_state.dns_cache);

@@ -1,6 +1,7 @@
 #include "jornctl/command_line.h"
 
 #include "control/records/arc.h"
+#include "control/records/commands.h"
 #include "jornctl/apply.h"
 #include "jornctl/client.h"
 #include "jornctl/documents.h"
@@ -24,28 +25,24 @@ constexpr unsigned PATIENCE_SECONDS_MAX = 3'600;
 // The commands without a document. A new one is a row.
 struct verb {
     const char *word;
-    uint32_t command;
+    command_number command;
     const char *argument; // the number that is its payload; null for none
     const char *help;
 };
 
 constexpr verb SHOWS[] = {
-    {"priority", 4, "ID", "Rules, QoS and rate limits of the ARC policy of UTP ID"},
-    {"dns", 10, nullptr, "The DNS cache"},
+    {"priority", CMD_CHECK_PRIORITY_REQ, "ID",
+     "Rules, QoS and rate limits of the ARC policy of UTP ID"},
+    {"dns", CMD_DNS_CACHE_SHOW_REQ, nullptr, "The DNS cache"},
 };
 
 constexpr verb FLUSHES[] = {
-    {"utps", 22, nullptr, "Empty both UTP tables, ARC and web; the policies stay"},
-    {"arc-policies", 24, nullptr, "Delete the ARC policies and judge running flows anew"},
-    {"policies", 8, nullptr, "Delete the ARC policies; running flows keep their verdicts"},
+    {"utps", CMD_UTP_FLUSH_REQ, nullptr, "Empty both UTP tables, ARC and web; the policies stay"},
+    {"arc-policies", CMD_ARC_POLICY_FLUSH_REQ, nullptr,
+     "Delete the ARC policies and judge running flows anew"},
+    {"policies", CMD_POLICY_CLEAN, nullptr,
+     "Delete the ARC policies; running flows keep their verdicts"},
 };
-
-// Command 26's payload: whose flag, and the flag.
-struct log_policy_payload {
-    char name[68];
-    uint32_t enable;
-};
-static_assert(sizeof(log_policy_payload) == 72);
 
 // A complaint quotes documents and file names, which may hold anything: it stays one line of
 // bounded length and steers no terminal.
@@ -125,7 +122,7 @@ int install_port_services(const request &asked) {
         return STATUS_REFUSED;
     replace_file(asked.target, text);
     try {
-        asked.send({13, {}});
+        asked.send({CMD_PORT_SERVICE_CFG_REQ, {}});
     } catch (const no_daemon &reason) {
         throw no_daemon(reason.what() + std::string("; the file is in place for its next start"));
     }
@@ -133,14 +130,14 @@ int install_port_services(const request &asked) {
 }
 
 int log_policy(const request &asked) {
-    log_policy_payload payload = {};
+    arc_policy_log_cfg payload = {};
     const size_t name_max = sizeof(arc_policy_wire::name) - 1;
     if (asked.name.empty() || asked.name.size() > name_max)
         throw refused("a policy's name has 1 to " + std::to_string(name_max) + " characters: \"" +
                       asked.name + '"');
     memcpy(payload.name, asked.name.data(), asked.name.size());
-    payload.enable = asked.is_on();
-    asked.send({26, record_bytes(payload)});
+    payload.value = asked.is_on();
+    asked.send({CMD_ARC_POLICY_LOG_CFG_REQ, record_bytes(payload)});
     return STATUS_DONE;
 }
 
@@ -208,7 +205,7 @@ void add_switches(CLI::App &app, request &asked) {
     add_state(*debug, asked);
     debug->callback([&] {
         asked.action = [&] {
-            asked.send({34, record_bytes(asked.is_on())});
+            asked.send({CMD_DEBUG_CFG_REQ, record_bytes(asked.is_on())});
             return STATUS_DONE;
         };
     });
@@ -216,7 +213,9 @@ void add_switches(CLI::App &app, request &asked) {
 
 void add_plumbing(CLI::App &app, request &asked) {
     app.add_subcommand("write", "Have the configuration files written now")->callback([&] {
-        asked.action = [&] { return print_answer(asked.send({17, {}}), 17); };
+        asked.action = [&] {
+            return print_answer(asked.send({CMD_WRITE_CFG_REQ, {}}), CMD_WRITE_CFG_REQ);
+        };
     });
     CLI::App *raw_app =
         app.add_subcommand("raw", "Send any command and print the answer's bytes as they are");

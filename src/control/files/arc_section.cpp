@@ -19,7 +19,7 @@ void take_rule(std::string_view line, pending_arc_policy &pending) {
 // A policy without a rule is not added: it could match nothing.
 void finish_policy(std::string_view, pending_arc_policy &pending) {
     if (pending.rule_count != 0)
-        __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&pending.policy));
+        __arc_policy_add_end(&pending.policy);
     pending.rule_count = 0;
 }
 
@@ -41,11 +41,10 @@ constexpr std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION = 
 int jorn_write_arc_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(ARC_POLICIES_BEGIN);
-    for (const arc_policy *policy = jorn_state.arc_policy_list; policy != nullptr;
-         policy = policy->next) {
+    for (const arc_policy &policy : jorn_state.arc_policy_list) {
         char block[ARC_BLOCK_LIMIT + 1] = {};
         size_t length = 0;
-        if (jorn_format_arc_policy(block, policy, &length, ARC_BLOCK_LIMIT) == 0)
+        if (jorn_format_arc_policy(block, &policy, &length, ARC_BLOCK_LIMIT) == 0)
             writer.write({block, length});
     }
     writer.write_marker(ARC_POLICIES_END);

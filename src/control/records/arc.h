@@ -1,9 +1,10 @@
 // The records of application recognition and control (ARC): what the controller sends about user
 // traffic profiles (UTPs) and their policies, and the tables that keep it.
 //
-// The payloads of commands 20 (utp_entry_wire) and 23 (arc_policy_wire) have exactly these layouts,
-// in host byte order, and are copied in with memcpy. Texts in them are text only once a NUL was
-// seen inside their field; the commands cut them there. The stored records add the daemon's links.
+// The payloads of commands 20 (utp_entry_wire), 23 (arc_policy_wire) and 26 (arc_policy_log_cfg)
+// have exactly these layouts, in host byte order, and are copied in with memcpy. Texts in them are
+// text only once a NUL was seen inside their field; the commands cut them there. The stored records
+// add the daemon's links.
 #pragma once
 
 #include <cstddef>
@@ -94,6 +95,15 @@ static_assert(sizeof(utp_entry_wire) == 140);
 static_assert(offsetof(utp_entry_wire, name) == 8);
 static_assert(offsetof(utp_entry_wire, uuid) == 73);
 
+template <typename Policy>
 struct utp_entry : utp_entry_wire {
-    arc_policy *policy; // of arc_policy_list, or none
+    Policy *policy; // of the list of its kind, or none
 };
+
+// What command 26 carries, 72 bytes:   0 name   68 value
+struct arc_policy_log_cfg {
+    char name[68];  // of a policy
+    uint32_t value; // its log_enable is to be the low byte
+};
+static_assert(sizeof(arc_policy_log_cfg) == 72);
+static_assert(offsetof(arc_policy_log_cfg, value) == 68);

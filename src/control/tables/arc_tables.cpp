@@ -8,15 +8,9 @@
 
 #include <cstring>
 #include <new>
-#include <strings.h>
 
 namespace {
 
-constexpr size_t LOG_CFG_NAME_SIZE = 68;
-
-bool valid_utp_id(uint32_t id) {
-    return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
-}
 
 template <size_t N>
 void terminate(char (&field)[N]) {
@@ -74,7 +68,7 @@ void build_index(arc_rule_index &index, const arc_policy_wire &policy) {
 }
 
 // A record with its index, or none when memory ran out.
-arc_policy *make_policy(const uint8_t *payload) {
+arc_policy *make_policy(const void *payload) {
     auto *policy = new (std::nothrow) arc_policy();
     auto *index = new (std::nothrow) arc_rule_index();
     if (policy == nullptr || index == nullptr) {
@@ -94,40 +88,21 @@ arc_policy *make_policy(const uint8_t *payload) {
     return policy;
 }
 
-arc_policy *find_by_uuid(arc_policy *list, const char *uuid) {
-    for (arc_policy *policy = list; policy != nullptr; policy = policy->next) {
-        if (strcasecmp(policy->uuid, uuid) == 0)
-            return policy;
-    }
-    return nullptr;
-}
-
 void release_policies(daemon_state &state) {
-    for (utp_entry &entry : state.arc_utp_table)
+    for (utp_entry<arc_policy> &entry : state.arc_utp_table)
         entry.policy = nullptr;
-    for (arc_policy *policy = state.arc_policy_list; policy != nullptr;) {
-        arc_policy *next = policy->next;
-        delete policy->index;
-        delete policy;
-        policy = next;
-    }
-    state.arc_policy_list = nullptr;
+    for (arc_policy &policy : state.arc_policy_list)
+        delete policy.index;
+    state.arc_policy_list.release_all();
     ++state.arc_generation;
 }
 
 } // namespace
 
-const utp_entry *utp_lookup(const utp_entry (&table)[UTP_ID_MAX], uint32_t id) {
-    if (id < UTP_ID_MIN || id > UTP_ID_LOOKUP_MAX)
-        return nullptr;
-    const utp_entry &entry = table[id - 1];
-    return entry.id != 0 ? &entry : nullptr;
-}
-
-int jorn_process_arc_config(const uint8_t *payload) {
-    utp_entry entry = {};
+int jorn_process_arc_config(const void *payload) {
+    utp_entry<arc_policy> entry = {};
     memcpy(static_cast<utp_entry_wire *>(&entry), payload, sizeof(utp_entry_wire));
-    if (!valid_utp_id(entry.id)) {
+    if (!is_utp_id(entry.id)) {
         JORN_ERROR("Error ARC UTP id: %d\n", static_cast<int>(entry.id));
         return -1;
     }
@@ -154,21 +129,15 @@ int jorn_process_utp_flush() {
     return 0;
 }
 
-int __arc_policy_add_end(const uint8_t *payload) {
+int __arc_policy_add_end(const void *payload) {
     arc_policy *policy = make_policy(payload);
     if (policy == nullptr)
         return -1;
-    arc_policy **tail = &jorn_state.arc_policy_list;
-    const arc_policy *previous = nullptr;
-    while (*tail != nullptr) {
-        previous = *tail;
-        tail = &(*tail)->next;
-    }
-    *tail = policy;
-    if (previous == nullptr)
+    if (const arc_policy *last = jorn_state.arc_policy_list.tail; last == nullptr)
         JORN_DEBUG("policy add first\n");
     else
-        JORN_DEBUG("policy added after :%s\n", previous->name);
+        JORN_DEBUG("policy added after :%s\n", last->name);
+    jorn_state.arc_policy_list.append(policy);
     __arc_policy_build_arc_utp(policy);
     jorn_settings.arc_enabled = 1;
     psms_rflow_reset_app_policy();
@@ -176,11 +145,11 @@ int __arc_policy_add_end(const uint8_t *payload) {
 }
 
 void __arc_policy_build_arc_utp(arc_policy *policy) {
-    if (!valid_utp_id(policy->utp_id)) {
+    if (!is_utp_id(policy->utp_id)) {
         JORN_ERROR("Error arc policy id: %d\n", static_cast<int>(policy->utp_id));
         return;
     }
-    utp_entry &entry = jorn_state.arc_utp_table[policy->utp_id - 1];
+    utp_entry<arc_policy> &entry = jorn_state.arc_utp_table[policy->utp_id - 1];
     entry = {};
     entry.id = policy->utp_id;
     entry.policy = policy;
@@ -200,12 +169,9 @@ void jorn_process_cmd_policy_clean() {
 }
 
 void jorn_process_arc_policy_log_cfg(int, const char *name, uint32_t value) {
-    const std::string_view wanted(name, strnlen(name, LOG_CFG_NAME_SIZE));
-    for (arc_policy *policy = jorn_state.arc_policy_list; policy != nullptr;
-         policy = policy->next) {
-        if (field_text(policy->name) == wanted) {
-            policy->log_enable = static_cast<uint8_t>(value);
-            return;
-        }
-    }
+    const std::string_view wanted(name, strnlen(name, sizeof arc_policy_log_cfg::name));
+    arc_policy *policy = jorn_state.arc_policy_list.find(
+        [wanted](const arc_policy &listed) { return field_text(listed.name) == wanted; });
+    if (policy != nullptr)
+        policy->log_enable = static_cast<uint8_t>(value);
 }

@@ -11,18 +11,28 @@
 
 // The entry of a UTP id that is in use, or none. Finds ids 1 to 63; an entry stored under 64 is
 // shown but never found.
-const utp_entry *utp_lookup(const utp_entry (&table)[UTP_ID_MAX], uint32_t id);
+template <typename Policy>
+const utp_entry<Policy> *utp_lookup(const utp_entry<Policy> (&table)[UTP_ID_MAX], uint32_t id) {
+    if (id < UTP_ID_MIN || id > UTP_ID_LOOKUP_MAX)
+        return nullptr;
+    const utp_entry<Policy> &entry = table[id - 1];
+    return entry.id != 0 ? &entry : nullptr;
+}
+
+constexpr bool is_utp_id(uint32_t id) {
+    return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
+}
 
 // Command 20: adds or replaces one ARC UTP entry (utp_entry_wire). Returns 0, or -1 for an id
 // outside 1 to 64.
-int jorn_process_arc_config(const uint8_t *payload);
+int jorn_process_arc_config(const void *payload);
 
 // Command 22: clears both UTP tables. Returns 0.
 int jorn_process_utp_flush();
 
 // Command 23: adds one ARC policy (arc_policy_wire) and builds the UTP entry of its id. Returns 0,
 // or -1 when memory ran out and nothing was changed.
-int __arc_policy_add_end(const uint8_t *payload);
+int __arc_policy_add_end(const void *payload);
 
 // Points the ARC UTP entry of the policy's id at the policy; an id outside 1 to 64 has none.
 void __arc_policy_build_arc_utp(arc_policy *policy);
@@ -34,5 +44,5 @@ void jorn_process_arc_policy_flush();
 void jorn_process_cmd_policy_clean();
 
 // Command 26: sets the flow-logging flag of the first policy with exactly this name to the low byte
-// of `value`. `name` is a field of 68 bytes.
+// of `value`. `name` is the field of arc_policy_log_cfg.
 void jorn_process_arc_policy_log_cfg(int fd, const char *name, uint32_t value);

@@ -1,4 +1,6 @@
 // The text that a show command sends back: built piece by piece in one buffer, sent in one write.
+//
+// A show is one function that fills a line_buffer; `answer` has it filled and sends it.
 #pragma once
 
 #include <cstddef>
@@ -32,3 +34,13 @@ line_buffer start_reply();
 
 // Writes a reply to the connection in one write. A peer that went away or doesn't read loses it.
 void send_reply(int fd, const line_buffer &reply);
+
+// Answers on a connection with what `fill` writes, given the arguments behind it. Returns 0, as
+// every show does.
+template <typename... Parameters, typename... Arguments>
+int answer(int fd, void (*fill)(line_buffer &, Parameters...), const Arguments &...arguments) {
+    line_buffer reply = start_reply();
+    fill(reply, arguments...);
+    send_reply(fd, reply);
+    return 0;
+}

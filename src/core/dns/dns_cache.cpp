@@ -30,18 +30,24 @@ void age_entry(void *object, void *cache) {
 }
 
 struct listing {
-    line_buffer reply;
+    line_buffer &text;
     int number;
 };
 
-// In one piece: the reply ends with the last entry that fits.
+// In one piece: the listing ends with the last entry that fits.
 void list_entry(void *object, void *argument) {
     const auto *entry = static_cast<const dns_cache_entry *>(object);
     auto *list = static_cast<listing *>(argument);
-    list->reply.format("NO:%d\n\t dst ip: %s\n\t application name: %s\n\t aging time: %d\n\n",
-                       ++list->number, ipv4_text(entry->ip).c_str(),
-                       printable_text(field_text(entry->name)).c_str(),
-                       static_cast<int>(entry->age));
+    list->text.format("NO:%d\n\t dst ip: %s\n\t application name: %s\n\t aging time: %d\n\n",
+                      ++list->number, ipv4_text(entry->ip).c_str(),
+                      printable_text(field_text(entry->name)).c_str(),
+                      static_cast<int>(entry->age));
+}
+
+void list_cache(line_buffer &text) {
+    listing list = {text, 0};
+    text.format("\n====JORN DNS CACHE====\nTOTAL:%d\n", jorn_state.dns_cache->count);
+    hash_table_walk(jorn_state.dns_cache, list_entry, nullptr, &list);
 }
 
 } // namespace
@@ -62,6 +68,12 @@ int jorn_dnscache_hash_table_init() {
     }
     jorn_state.dns_cache = table;
     return 0;
+}
+
+void dns_cache_free() {
+    hash_table_clear(jorn_state.dns_cache);
+    hash_table_free(jorn_state.dns_cache);
+    jorn_state.dns_cache = nullptr;
 }
 
 int jorn_dnscache_add(dns_cache_entry *entry) {
@@ -105,9 +117,5 @@ void jorn_dnscache_age() {
 }
 
 int jorn_dnscache_show(int fd) {
-    listing list = {start_reply(), 0};
-    list.reply.format("\n====JORN DNS CACHE====\nTOTAL:%d\n", jorn_state.dns_cache->count);
-    hash_table_walk(jorn_state.dns_cache, list_entry, nullptr, &list);
-    send_reply(fd, list.reply);
-    return 0;
+    return answer(fd, list_cache);
 }

@@ -26,6 +26,9 @@ inline constexpr int DNS_CACHE_ERR_FULL = -8;
 // Creates the table. Returns 0 or -7.
 int jorn_dnscache_hash_table_init();
 
+// Releases the table, where there is one, with its entries.
+void dns_cache_free();
+
 // Takes an entry made by calloc and cuts its name to 63 characters. Returns 0, -1, -7 or -8; after
 // anything but 0 the caller keeps and frees its entry.
 int jorn_dnscache_add(dns_cache_entry *entry);

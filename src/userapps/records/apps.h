@@ -72,9 +72,3 @@ static_assert(offsetof(port_service, app_id) == 76);
 struct port_app : port_service {
     port_app *next;
 };
-
-// The user port-service list, sorted by name.
-struct port_app_list {
-    port_app *head;
-    uint32_t port_app_count;
-};
