@@ -51,14 +51,16 @@ int jorn_format_userdef_entry(char *text, const userdef_app *record, size_t *len
 
 // Start-up: empties the UTP tables and the policies, restores the file, reads the port-service
 // file, switches application visibility on and starts the DPI engine. A file that can't be opened
-// is removed and ends the start-up configuration there.
+// is removed and ends the start-up configuration there, and so does an exit signal between two
+// steps.
 void jorn_load_configurations();
 
 // Adds what the file holds to the policies and replaces the user-defined applications. `path` names
 // the file in the log.
 void restore_configuration(FILE *file, const char *path);
 
-// Switches application visibility on for every wireless interface whose configuration asks for it.
+// Switches application visibility on for every wireless interface whose configuration asks for it,
+// until an exit signal comes.
 void enable_visibility();
 
 // A policy's header line: clears the policy and sets its attributes. Fields that are missing are 0.
