@@ -3,8 +3,8 @@
 //
 // The payloads of commands 28 (web_policy_wire), 30 (web_intf_wire) and 31 (uf_agent_reply) have
 // exactly these layouts, in host byte order but for the addresses, and are copied in with memcpy.
-// Texts in them are text only once a NUL was seen inside their field. The stored records add the
-// daemon's links; their counts are within their lists.
+// Texts in them are text only once a NUL was seen inside their field. What the daemon keeps of them
+// is in web_policy.h.
 #pragma once
 
 #include "packet/records/kernel.h"
@@ -60,10 +60,6 @@ static_assert(offsetof(web_policy_wire, utp_id) == 2448);
 static_assert(offsetof(web_policy_wire, uuid) == 2452);
 static_assert(offsetof(web_policy_wire, name) == 2517);
 
-struct web_policy : web_policy_wire {
-    web_policy *next;
-};
-
 // Values of web_intf_wire::op; any other is refused.
 enum web_intf_op : uint32_t {
     WEB_INTF_DISABLE = 1,
@@ -85,11 +81,6 @@ static_assert(sizeof(web_intf_wire) == 96);
 static_assert(offsetof(web_intf_wire, intf_value) == 20);
 static_assert(offsetof(web_intf_wire, op) == 24);
 static_assert(offsetof(web_intf_wire, policy_uuid) == 28);
-
-struct web_intf : web_intf_wire {
-    web_policy *policy; // of web_policy_list, or none
-    web_intf *next;
-};
 
 // The category request, 184 bytes:
 //
