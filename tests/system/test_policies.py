@@ -212,6 +212,8 @@ class HostileClients(SystemTest):
 
     def test_silent_clients_hold_nobody_up(self):
         silent = [self.connect() for _ in range(9)]
+        for client in silent:
+            self.addCleanup(client.close)
         self.assertEqual(len(self.judge([PING] * 20)), 20)  # a second for each client would be too long
         self.assertEqual(silent[0].recv(1), b"")  # made room for the ninth
         silent[8].send(struct.pack("=II8xII", 0, PRIORITY, 4, 1))
