@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <poll.h>
@@ -13,25 +12,10 @@
 
 namespace {
 
-constexpr char DEFAULT_PATH[] = "/var/run/av_core.sock";
 constexpr int64_t RECONNECT_MS = 1000;
 constexpr int64_t ANSWER_MS = 500;
 // Every message fits; the longest one-way body is a log line.
 constexpr size_t MESSAGE_SIZE = 1024;
-// Room for the verdicts of all 400 frames that a feeder may have outstanding, even when the
-// listener is kept from running for a while: the default holds 167 of them.
-constexpr int SEND_BUFFER = 1 << 20;
-
-struct message_header {
-    uint32_t op;
-    uint32_t seq;
-};
-
-struct answer_header {
-    uint32_t op;
-    uint32_t seq;
-    int32_t rc;
-};
 
 struct channel_state {
     int fd = -1;
@@ -59,8 +43,7 @@ bool connect_channel() {
     channel.tried = true;
     channel.last_try_ms = now;
 
-    const char *chosen = getenv("JORN_AV_SOCK");
-    const char *path = chosen != nullptr && chosen[0] != '\0' ? chosen : DEFAULT_PATH;
+    const char *path = av_socket_path();
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (strlen(path) >= sizeof address.sun_path)
@@ -72,8 +55,9 @@ bool connect_channel() {
     if (channel.fd < 0)
         return false;
     // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
-    if (setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER) != 0)
-        setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
+    constexpr int room = AV_SEND_BUFFER;
+    if (setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0)
+        setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
     if (connect(channel.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         disconnect();
         return false;
@@ -83,13 +67,12 @@ bool connect_channel() {
 
 // Sends one message; a connection that is gone is closed, one that is merely full stays. The parts
 // are gathered here, for a system call with five pieces costs a packet more than the copy.
-bool send_message(av_op op, uint32_t seq, std::span<const av_bytes> parts) {
+bool send_message(av_message_head head, std::span<const av_bytes> parts) {
     if (!av_connected())
         return false;
     std::array<std::byte, MESSAGE_SIZE> message;
-    const message_header header = {static_cast<uint32_t>(op), seq};
-    memcpy(message.data(), &header, sizeof header);
-    size_t size = sizeof header;
+    memcpy(message.data(), &head, sizeof head);
+    size_t size = sizeof head;
     for (const av_bytes part : parts) {
         if (part.size() > message.size() - size)
             return false;
@@ -120,12 +103,11 @@ bool wait_readable(int64_t deadline_ms) {
 }
 
 // Receives until the answer to `wanted` comes; other messages are dropped and don't buy time.
-bool receive_answer(message_header wanted, int32_t &rc, std::span<std::byte> body) {
+bool receive_answer(av_message_head wanted, int32_t &rc, std::span<std::byte> body) {
     const int64_t deadline_ms = now_ms() + ANSWER_MS;
     while (wait_readable(deadline_ms)) {
-        answer_header header = {};
-        std::array<iovec, 2> pieces = {iovec{&header, sizeof header},
-                                       iovec{body.data(), body.size()}};
+        av_answer_head head = {};
+        std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
         msghdr message = {};
         message.msg_iov = pieces.data();
         message.msg_iovlen = pieces.size();
@@ -135,10 +117,10 @@ bool receive_answer(message_header wanted, int32_t &rc, std::span<std::byte> bod
         if (received <= 0)
             return false;
         const auto size = static_cast<size_t>(received);
-        if (size < sizeof header || header.op != wanted.op || header.seq != wanted.seq)
+        if (size < sizeof head || head.question.op != wanted.op || head.question.seq != wanted.seq)
             continue;
-        rc = header.rc;
-        return rc != 0 || size - sizeof header >= body.size();
+        rc = head.rc;
+        return rc != 0 || size - sizeof head >= body.size();
     }
     return false;
 }
@@ -150,12 +132,12 @@ bool av_connected() {
 }
 
 int av_send(av_op op, std::span<const av_bytes> parts) {
-    return send_message(op, channel.seq++, parts) ? 0 : -1;
+    return send_message({op, channel.seq++}, parts) ? 0 : -1;
 }
 
 bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body) {
-    const message_header question = {static_cast<uint32_t>(op), channel.seq++};
-    if (!send_message(op, question.seq, parts))
+    const av_message_head question = {op, channel.seq++};
+    if (!send_message(question, parts))
         return false;
     if (receive_answer(question, rc, body))
         return true;

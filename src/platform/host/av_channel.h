@@ -1,24 +1,17 @@
 // The AV channel's client: one UNIX socket of type SOCK_SEQPACKET over which the platform
 // operations reach whatever plays the platform.
 //
-// A message is `u32 op`, `u32 seq` and a body without gaps, integers in host byte order. The
-// channel connects at its first call and keeps the connection. A call without one tries to connect
-// if the last try is a second old and otherwise fails at once, so an absent platform costs a packet
-// next to nothing. Nothing here blocks but the wait for an answer, which is half a second at most.
+// The channel connects at its first call and keeps the connection. A call without one tries to
+// connect if the last try is a second old and otherwise fails at once, so an absent platform costs
+// a packet next to nothing. Nothing here blocks but the wait for an answer, which is half a second
+// at most.
 #pragma once
+
+#include "platform/host/av_messages.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
-
-enum class av_op : uint32_t {
-    ioctl = 1,
-    rflow_reset_app_policy = 3,
-    av_set_device = 4,
-    log_syslog = 6,
-    dnscache_get_name = 34,
-    platform_value = 36,
-};
 
 using av_bytes = std::span<const std::byte>;
 

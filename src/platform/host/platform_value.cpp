@@ -4,13 +4,13 @@
 
 #include <cstring>
 
-bool read_platform_value(std::string_view key, char (&value)[PLATFORM_VALUE_SIZE]) {
-    char padded_key[PLATFORM_KEY_SIZE] = {};
-    if (key.size() >= sizeof padded_key)
+bool read_platform_value(std::string_view key, platform_value &value) {
+    av_value_question question = {};
+    if (key.size() >= sizeof question.key)
         return false;
-    memcpy(padded_key, key.data(), key.size());
+    memcpy(question.key, key.data(), key.size());
 
-    const av_bytes parts[] = {av_part(padded_key)};
+    const av_bytes parts[] = {av_part(question)};
     int32_t rc = -1;
     if (!av_ask(av_op::platform_value, parts, rc, std::as_writable_bytes(std::span(value))) ||
         rc != 0)
