@@ -12,7 +12,6 @@
 namespace {
 
 using web_utp_entry = utp_entry<web_policy>;
-using pattern = char[65];
 
 const web_utp_entry *jorn_get_web_utp(uint32_t id) {
     return utp_lookup(jorn_state.web_utp_table, id);
@@ -51,7 +50,7 @@ const web_policy *policy_of_side(const pkt_ctx &ctx, std::string_view ifname) {
 constexpr char CHECK_LISTS[] = "jorn_check_white_black_list";
 
 // An empty pattern ends the search.
-void note_pattern(const pattern &examined, bool is_white) {
+void note_pattern(const web_pattern &examined, bool is_white) {
     JORN_DEBUG_AS(CHECK_LISTS, "UI Configured %s-list domain name %s\n",
                   is_white ? "white" : "black", printable_text(examined).c_str());
     if (examined[0] == '\0')
@@ -65,7 +64,7 @@ void note_pattern(const pattern &examined, bool is_white) {
 
 // Says of a list what was examined up to the pattern that decided. Returns whether the search went
 // on behind it.
-bool note_list(const pattern (&list)[WEB_PATTERNS_MAX], uint8_t count, bool is_white, int decided) {
+bool note_list(const web_pattern_list &list, uint8_t count, bool is_white, int decided) {
     const unsigned usable = usable_patterns(list, count);
     for (unsigned i = 0; i < usable; ++i) {
         note_pattern(list[i], is_white);

@@ -9,8 +9,6 @@
 
 namespace {
 
-using pattern_list = char[WEB_PATTERNS_MAX][65];
-
 constexpr int32_t BIT_CATEGORIES = 128;
 
 void add_category(web_category_set &set, int32_t category) {
@@ -24,7 +22,7 @@ void add_category(web_category_set &set, int32_t category) {
 
 } // namespace
 
-unsigned usable_patterns(const pattern_list &list, uint8_t count) {
+unsigned usable_patterns(const web_pattern_list &list, uint8_t count) {
     const auto *const end = std::begin(list) + std::min<size_t>(count, WEB_PATTERNS_MAX);
     const auto *const first_empty =
         std::find_if(std::begin(list), end, [](const auto &pattern) { return pattern[0] == '\0'; });
@@ -43,7 +41,7 @@ std::string_view pattern_core(std::string_view pattern) {
 void build_policy_index(web_policy_index &index, const web_policy_wire &policy) {
     index = {};
     std::array<std::string_view, 2 * WEB_PATTERNS_MAX> cores;
-    const auto add_list = [&](const pattern_list &list, unsigned count, unsigned number) {
+    const auto add_list = [&](const web_pattern_list &list, unsigned count, unsigned number) {
         for (unsigned i = 0; i < count; ++i) {
             cores[number + i] = pattern_core(field_text(list[i]));
             if (cores[number + i].empty())

@@ -12,7 +12,7 @@
 #include <string_view>
 
 // The patterns of a list that count.
-unsigned usable_patterns(const char (&list)[WEB_PATTERNS_MAX][65], uint8_t count);
+unsigned usable_patterns(const web_pattern_list &list, uint8_t count);
 
 // A pattern without a wildcard at either end and the dot that stands between; nothing is left of a
 // pattern that is wildcards and dots only, like "*" or "*.*".

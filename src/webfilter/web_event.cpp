@@ -37,7 +37,7 @@ void jorn_send_web_event(int number, const char *name) {
     if (!read_server_name(server))
         return;
     char server_url[128];
-    snprintf(server_url, sizeof server_url, "\"serverUrl\"=\"%s\" ",
+    snprintf(server_url, sizeof server_url, "\"serverUrl\"=\"%.64s\" ",
              printable_text(server).c_str());
     JORN_DEBUG("ALARM string %s\n", server_url);
     char line[EVENT_LINE_SIZE];

@@ -12,8 +12,6 @@
 
 namespace {
 
-using pattern_list = char[WEB_PATTERNS_MAX][65];
-
 // By filter_type.
 constexpr const char *FILTER_TYPES[] = {
     "NO_ADULT", "CLEAN_AND_SAFE", "CHILD_AND_STUDENT_FRIENDLY", "STRICT", "CUSTOM",
@@ -34,7 +32,8 @@ void list_categories(line_buffer &text, const web_policy_wire &policy) {
     text.append("\n");
 }
 
-void list_patterns(line_buffer &text, const char *what, const pattern_list &list, uint8_t count) {
+void list_patterns(line_buffer &text, const char *what, const web_pattern_list &list,
+                   uint8_t count) {
     if (count == 0) {
         text.format("%s-Domains: Not Configured\n", what);
         return;

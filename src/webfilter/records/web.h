@@ -17,6 +17,9 @@ inline constexpr size_t WEB_PATTERNS_MAX = 16;   // of one list
 inline constexpr uint32_t WEB_POLICIES_MAX = 1024;
 inline constexpr uint32_t WEB_INTFS_MAX = 1024;
 
+using web_pattern = char[65];
+using web_pattern_list = web_pattern[WEB_PATTERNS_MAX];
+
 // What command 28 carries, 2,584 bytes:
 //
 //      0 filter_type      340 num_whitelist    2424 google_safe_search    2448 utp_id
@@ -31,9 +34,9 @@ struct web_policy_wire {
     uint8_t padding1[3];
     int32_t categories[WEB_CATEGORIES_MAX]; // blocked; a decision compares all slots
     uint8_t num_whitelist;
-    char whitelist[WEB_PATTERNS_MAX][65];
+    web_pattern_list whitelist;
     uint8_t num_blacklist;
-    char blacklist[WEB_PATTERNS_MAX][65];
+    web_pattern_list blacklist;
     uint8_t padding2[2];
     uint8_t google_safe_search; // 1 = forced
     uint8_t padding3[3];

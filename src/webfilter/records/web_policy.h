@@ -28,7 +28,7 @@ struct web_policy_index {
     web_category_set blocked;
 };
 static_assert(2 * WEB_PATTERNS_MAX <= needle_index::NEEDLES_MAX);
-static_assert(sizeof(web_policy_wire::whitelist[0]) <= needle_index::NEEDLE_MAX + 1);
+static_assert(sizeof(web_pattern) <= needle_index::NEEDLE_MAX + 1);
 
 struct web_policy : web_policy_wire {
     web_policy_index index;
