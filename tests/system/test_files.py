@@ -65,7 +65,6 @@ PORT_LINES = [
     ("0,tcp,1,1,No\n65535,tcp,1,1,No\n-9000,tcp,4,1201,No\n74536,tcp,4,1201,No", None),
     ("x" * 1023 + "9000,tcp,4,1201,Portal", None), ("", None)]
 
-
 class Files(SystemTest):
     def setUp(self):
         super().setUp()
@@ -131,6 +130,27 @@ class Files(SystemTest):
         self.start()
         self.assertEqual(self.name(9000).app_name, "last")
 
+    def test_names_that_would_cut_the_file(self):
+        self.start()
+        self.configure()
+        command(POLICY, policy(2, rule("ok\0\n"), rule("", category="\n"), name="not\nsaved"))
+        whole = saved()
+        self.assertIn("0,0,ok,,", whole)
+        control = "holds a control character, 0x"
+        for number, payload, says in (
+                (POLICY, policy(1, rule("a"), rule("b\n[policy end]"), name="c\n"),
+                 f'ARC policy "c?" with its rule slot 1 is refused: app_name {control}0a, at byte 1'),
+                (POLICY, policy(1, rule("a", category="b\x7f")), f"cat_name {control}7f, at byte 1"),
+                (USERDEF, userdefs(userdef("New"), userdef("Do\tor")),
+                 f"user-defined application 2 of 2 is refused: app_name {control}09, at byte 2")):
+            os.unlink(POLICY_FILE)
+            calls = len(self.av.messages)
+            command(number, payload)
+            self.jorn.wait_line(says)
+            self.assertEqual(saved(), whole)
+            self.assertNotIn(OP_RESET, [op for op, _ in self.av.messages.items[calls:]])
+        self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, 4)
+
     def test_lines_of_the_port_service_file(self):
         self.start()
         for lines, name in PORT_LINES:
@@ -154,7 +174,8 @@ class Files(SystemTest):
                 (WHOLE.replace("0,0,icmp", rules + "0,0,icmp"), 4, "Door"),
                 (WHOLE.replace("0,0,icmp", rules + "0,0,x\n0,0,icmp"), 1, "Door"),
                 (WHOLE.replace("65535;\n", "65535;\0" + "9" * 9000 + "\n"), 4, "Door"),
-                (WHOLE.replace("0;0;0;1;1;", "a;;\xff;-1;1;"), 4, "Door"),
+                (WHOLE.replace("0;0;0;1;1;", "a;;\xff;-1;1;").replace("0,0,icmp", "0,0,\x7f\n0,0,icmp"),
+                 4, "Door"),
                 (WHOLE.replace("[userdef end]", "0;0;0;0;0;0;1;6;1;1;x;24;\n" * 40 + "[userdef end]"),
                  4, "Door"), ("", 1, None)):
             with self.subTest(text[-300:]):

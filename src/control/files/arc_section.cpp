@@ -4,9 +4,14 @@
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/files/saved_file.h"
+#include "core/files/storable.h"
 #include "core/state/state.h"
 
 namespace {
+
+bool is_written(const arc_rule &rule) {
+    return rule.app_name[0] != '\0';
+}
 
 void take_header(std::string_view line, pending_arc_policy &pending) {
     __jorn_parse_policy_config_first(line, &pending.policy);
@@ -38,6 +43,20 @@ constexpr section_row<pending_arc_policy> SECTION_ROWS[] = {
 
 constexpr std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION = SECTION_ROWS;
 
+bool is_storable(const arc_policy_wire &policy) {
+    for (size_t i = 0; i < ARC_RULES_PER_POLICY; ++i) {
+        const arc_rule &rule = policy.rules[i];
+        if (!is_written(rule))
+            continue;
+        char what[64 + sizeof policy.name];
+        snprintf(what, sizeof what, "ARC policy \"%s\" with its rule slot %zu",
+                 printable_text(field_text(policy.name)).c_str(), i);
+        if (!is_storable(rule, ARC_RULE_LINE, {}, what, JORN_AS("__arc_policy_add_end")))
+            return false;
+    }
+    return true;
+}
+
 int jorn_write_arc_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(ARC_POLICIES_BEGIN);
@@ -58,7 +77,7 @@ int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *le
     to.append("\n");
     write_line(to, ARC_HEADER_LINE, *policy);
     for (const arc_rule &rule : policy->rules) {
-        if (rule.app_name[0] != '\0')
+        if (is_written(rule))
             write_line(to, ARC_RULE_LINE, rule);
     }
     to.append(ARC_BLOCK_END);

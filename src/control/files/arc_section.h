@@ -20,6 +20,10 @@ struct pending_arc_policy {
 // Adds each policy where its block ends.
 extern const std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION;
 
+// Whether the file can keep the texts of a policy's rules. What can't be kept is reported as
+// command 23's.
+bool is_storable(const arc_policy_wire &policy);
+
 // Returns 0, or -9 after a line in the log when a write failed. A policy that doesn't fit its limit
 // is left out.
 int jorn_write_arc_policy_configuration(FILE *file);
