@@ -21,10 +21,13 @@ void take_rule(std::string_view line, pending_arc_policy &pending) {
     __jorn_parse_policy_config_rule(line, &pending.policy, &pending.rule_count);
 }
 
-// A policy without a rule is not added: it could match nothing.
+// A policy without a rule is not added: it could match nothing. The first for which there is no
+// room is reported, the others aren't.
 void finish_policy(std::string_view, pending_arc_policy &pending) {
-    if (pending.rule_count != 0)
+    if (pending.rule_count != 0 && !pending.overflow) {
+        pending.overflow = jorn_state.arc_policy_list.count >= ARC_POLICIES_MAX;
         __arc_policy_add_end(&pending.policy);
+    }
     pending.rule_count = 0;
 }
 

@@ -15,6 +15,7 @@ inline constexpr size_t ARC_BLOCK_LIMIT = 8096; // a policy's text stays below i
 struct pending_arc_policy {
     arc_policy_wire policy;
     unsigned rule_count;
+    bool overflow; // more policies came than there is room for
 };
 
 // Adds each policy where its block ends.
