@@ -65,6 +65,12 @@ PORT_LINES = [
     ("0,tcp,1,1,No\n65535,tcp,1,1,No\n-9000,tcp,4,1201,No\n74536,tcp,4,1201,No", None),
     ("x" * 1023 + "9000,tcp,4,1201,Portal", None), ("", None)]
 
+# What may stand in the place of a file.
+STRANGERS = {"FIFO": os.mkfifo, "device": lambda path: os.symlink("/dev/zero", path),
+             "folder": lambda path: os.makedirs(f"{path}/inside"),
+             "link that leads nowhere": lambda path: os.symlink("/nowhere/file", path)}
+
+
 class Files(SystemTest):
     def setUp(self):
         super().setUp()
@@ -80,6 +86,13 @@ class Files(SystemTest):
     def name(self, port, **utps):
         judged = self.judge([tcp_frame(40000, port)], trailer(**utps))[0]
         return judged
+
+    def assert_said(self, **times):
+        """How often the daemon has written each text, its blanks written as underscores."""
+        for text, count in ((text.replace("_", " "), count) for text, count in times.items()):
+            if count:
+                self.jorn.wait_line(text)
+            self.assertEqual(sum(text in line for line in self.jorn.lines.items), count, text)
 
     def configure(self):
         for block in POLICIES:
@@ -150,6 +163,33 @@ class Files(SystemTest):
             self.assertEqual(saved(), whole)
             self.assertNotIn(OP_RESET, [op for op, _ in self.av.messages.items[calls:]])
         self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, 4)
+
+    def test_something_else_in_the_place_of_a_file(self):
+        def put(path):
+            subprocess.run(["rm", "-rf", path], check=True)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            STRANGERS[what](path)
+
+        self.av.values |= {"tm_support": "1"}
+        for what in STRANGERS:
+            with self.subTest(what):
+                is_link = what.startswith("link")
+                for path in (PID_FILE, PORT_SERVICE_FILE, VERSION_FILE, f"{RULE_FOLDER}/aWendle"):
+                    put(path)
+                self.start()
+                self.addCleanup(run, "rm", "-rf", PID_FILE)
+                self.assertFalse(os.path.isfile(PID_FILE) or os.path.lexists(PORT_SERVICE_FILE))
+                self.assert_said(uploadjorport=1, a_regular_file=0 if is_link else 2)
+                put(POLICY_FILE)
+                command(WRITE)
+                self.assert_said(create_error=1 if what == "folder" else 0)
+                if what != "folder":
+                    self.assertFalse(os.path.islink(POLICY_FILE))
+                    self.assertEqual(saved(), EMPTY)
+                put(POLICY_FILE)
+                self.start()
+                self.assertEqual(os.path.lexists(POLICY_FILE), is_link)
+                self.assert_said(read_error=0 if is_link else 1)
 
     def test_lines_of_the_port_service_file(self):
         self.start()
