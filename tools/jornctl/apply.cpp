@@ -18,6 +18,9 @@ std::vector<command> commands_of(const document &wanted) {
         commands.push_back({23, record_bytes(policy)});
     for (const utp_entry_wire &utp : wanted.utps.value_or(std::vector<utp_entry_wire>()))
         commands.push_back({20, record_bytes(utp)});
+    const uint32_t last = commands.back().number;
+    if (wanted.policies && last != 23 && last != 20)
+        commands.push_back({WRITE_COMMAND, {}});
     return commands;
 }
 

@@ -7,6 +7,7 @@
 #include "jornctl/failure.h"
 #include "jornctl/files.h"
 #include "jornctl/port_services.h"
+#include "jornctl/printable.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -53,9 +54,7 @@ void complain(std::string line) {
     constexpr size_t shown_max = 1'000;
     if (line.size() > shown_max)
         line.replace(shown_max, std::string::npos, "...");
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    std::cerr << "jornctl: " << line << '\n';
+    std::cerr << "jornctl: " << printable(line) << '\n';
 }
 
 // What the user asked for. CLI11 fills the members; `action` is the chosen subcommand's.
@@ -68,6 +67,7 @@ struct request {
     std::string state;
     uint32_t number = 0;
     bool check_only = false;
+    bool strict = false;
     std::function<int()> action;
 
     std::string send(const command &sent) const {
@@ -76,36 +76,46 @@ struct request {
     uint32_t is_on() const { return state == "on" ? 1 : 0; }
 };
 
-int print_answer(const std::string &reply, uint32_t number) {
+void check_answer(const std::string &reply, uint32_t number) {
     const std::string refusal = refusal_in(reply);
     if (!refusal.empty())
         throw refused("the daemon answers: " + refusal);
     if (reply.empty())
         throw refused("the daemon has no answer to command " + std::to_string(number));
-    std::cout << reply;
+}
+
+// Names in a listing come from packets and from whoever configured the daemon.
+int print_answer(const std::string &reply, uint32_t number) {
+    check_answer(reply, number);
+    std::cout << printable(reply, "\n\t");
     return STATUS_DONE;
 }
 
-document load_document(const std::string &file) {
-    const std::string text = read_file(file);
+document load_document(const request &asked) {
+    const std::string text = read_file(asked.file);
     try {
         document read = read_document(text);
         for (const std::string &warning : read.warnings)
-            complain(std::string("warning: ").append(file).append(": ").append(warning));
+            complain(std::string("warning: ").append(asked.file).append(": ").append(warning));
+        if (asked.strict && !read.warnings.empty())
+            throw refused("--strict takes no warnings");
         return read;
     } catch (const refused &reason) {
-        throw refused(file + ": " + reason.what());
+        throw refused(asked.file + ": " + reason.what());
     }
 }
 
 int apply(const request &asked) {
-    const std::vector<command> commands = commands_of(load_document(asked.file));
+    const std::vector<command> commands = commands_of(load_document(asked));
     if (asked.check_only)
         return STATUS_DONE;
     size_t sent = 0;
     try {
-        for (; sent < commands.size(); ++sent)
-            asked.send(commands[sent]);
+        for (; sent < commands.size(); ++sent) {
+            const std::string reply = asked.send(commands[sent]);
+            if (commands[sent].number == WRITE_COMMAND)
+                check_answer(reply, WRITE_COMMAND);
+        }
     } catch (const no_daemon &reason) {
         if (sent == 0)
             throw;
@@ -118,10 +128,12 @@ int apply(const request &asked) {
 
 int install_port_services(const request &asked) {
     const std::string text = read_file(asked.file);
-    const std::vector<line_fault> faults = check_port_services(text);
-    for (const line_fault &fault : faults)
-        complain(asked.file + ':' + std::to_string(fault.line) + ": " + fault.reason);
-    if (!faults.empty())
+    bool is_faulty = false;
+    for (const skipped_line &each : check_port_services(text)) {
+        complain(asked.file + ':' + std::to_string(each.line) + ": " + each.reason);
+        is_faulty |= !each.is_meant;
+    }
+    if (is_faulty)
         return STATUS_REFUSED;
     replace_file(asked.target, text);
     try {
@@ -158,9 +170,11 @@ void add_apply(CLI::App &app, request &asked) {
         "Everything is checked before anything is sent. Each table that the document\n"
         "mentions is emptied first, then filled: \"policies\" deletes the ARC\n"
         "policies, \"utps\" empties both UTP tables, ARC and web, \"applications\"\n"
-        "replaces the user-defined applications. The other tables stay.");
+        "replaces the user-defined applications. The other tables stay. The daemon's\n"
+        "file holds in the end what the tables hold.");
     apply_app->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
     apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
+    apply_app->add_flag("--strict", asked.strict, "Refuse a document that is warned of");
     apply_app->callback([&] { asked.action = [&] { return apply(asked); }; });
 }
 
@@ -184,7 +198,8 @@ void add_verbs(CLI::App &group, std::span<const verb> verbs, request &asked, boo
 void add_port_services(CLI::App &app, request &asked) {
     CLI::App *ports = app.add_subcommand(
         "port-services", "Check a port-service file, install it and have the daemon read it");
-    ports->footer("Where the daemon would skip a line, it is reported and nothing changes.");
+    ports->footer("Where the daemon would skip a line, it is reported and nothing changes. Blank\n"
+                  "lines and lines that begin with # are reported, too, and do no harm.");
     ports->add_option("FILE", asked.file, "Lines like 8443,tcp,4,1201,Intranet-Portal")->required();
     ports->add_option("--target", asked.target, "Where the daemon reads it")->capture_default_str();
     ports->callback([&] { asked.action = [&] { return install_port_services(asked); }; });
@@ -216,7 +231,7 @@ void add_switches(CLI::App &app, request &asked) {
 
 void add_plumbing(CLI::App &app, request &asked) {
     app.add_subcommand("write", "Have the configuration files written now")->callback([&] {
-        asked.action = [&] { return print_answer(asked.send({17, {}}), 17); };
+        asked.action = [&] { return print_answer(asked.send({WRITE_COMMAND, {}}), WRITE_COMMAND); };
     });
     CLI::App *raw_app =
         app.add_subcommand("raw", "Send any command and print the answer's bytes as they are");

@@ -21,7 +21,7 @@ _jornctl() {
     --timeout) return ;;
     esac
     case $words in
-    'apply '*) options+=' --check' ;;
+    'apply '*) options+=' --check --strict' ;;
     'port-services '*) options+=' --target' ;;
     esac
     if [[ $current == -?* ]]; then

@@ -188,7 +188,7 @@ document read_document(std::string_view text) {
     document read = read_record<document>(root, DOCUMENT_FIELDS);
     if (parsed.empty())
         root.refuse("has no table: policies, utps or applications");
-    check_across(read);
+    check_across(read, root);
     return read;
 }
 

@@ -22,6 +22,10 @@ struct document {
     std::optional<std::vector<userdef_app>> applications;
     // What the daemon takes but the author may not have meant, each with its JSON path.
     std::vector<std::string> warnings;
+
+    void warn(const std::string &path, const std::string &reason) {
+        warnings.push_back(path + ": " + reason);
+    }
 };
 
 // Throws refused with the JSON path and the reason; with line and column for bad syntax.
