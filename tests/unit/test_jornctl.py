@@ -67,6 +67,52 @@ class Jornctl(unittest.TestCase):
             got, _, said = self.run_it("apply", "--check", *strict, "-", document=document)
             self.assertEqual((got, said.startswith("jornctl: warning: -: /utps: ")), (status, True))
 
+    def test_descriptions_of_payloads(self):
+        document = {"policies": [{"utp_id": 1, "name": "block", "rules": [
+            {"app_name": "ICMP", "deny": True, "qos": {"classify": "Background"}}]}]}
+        fields = """{
+    "utp_id": 1,
+    "name": "block",
+    "rules": [
+        {
+            "app_name": "ICMP",
+            "deny": true,
+            "qos": {
+                "classify": "Background"
+            }
+        }
+    ]
+}
+"""
+        _, said, _ = self.run_it("apply", "--dry-run", "-", document=document)
+        self.assertEqual(said.decode(), "24 CMD_ARC_POLICY_FLUSH_REQ, 0 bytes\n"
+                                        "23 CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n" + fields)
+        hostile = self.folder + "/payload"
+        for number, length, head, part in (
+                (26, 80, "CMD_ARC_POLICY_LOG_CFG_REQ, 80 bytes, 8 of them behind its end", "\ufffd"),
+                (6, 300, "CMD_POLICY_USERDEF_CFG_REQ, 300 bytes, 296 of them behind", '"count": -1'),
+                (20, 10, "CMD_ARC_UTP_CFG_REQ, 10 bytes of 140; the others", '"id": 4294967295'),
+                (23, 7352, "CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n", '"kind": 3'),
+                (8, 0, "CMD_POLICY_CLEAN, 0 bytes\n", "")):
+            with open(hostile, "wb") as file:
+                file.write(b"\xff" * length)
+            status, said, _ = self.run_it("decode", str(number), hostile)
+            self.assertEqual((status, said.decode().startswith(f"{number} {head}")), (0, True), said)
+            self.assertIn(part, said.decode())
+        self.assertEqual(self.run_it("decode", "5", hostile)[0], 1)
+
+    def test_what_is_not_understood(self):
+        for arguments, said in (
+                (("aply", "x"), '"aply" isn\'t expected here (did you mean "apply"?)'),
+                (("show", "dnz"), '"dnz" isn\'t expected here (did you mean "dns"?)'),
+                (("apply", "--chek"), '"--chek" isn\'t expected here (did you mean "--check"?)'),
+                (("apply", "x", "y"), '"y" isn\'t expected here;'),
+                ((), "What to do is required"), (("decode", "x", "y"), "Could not convert"),
+                (("apply", "--check", "--dry-run", "x"), "excludes"),
+                (("debug", "onn"), "not in")):
+            got, _, line = self.run_it(*arguments)
+            self.assertEqual((got, said in line, line.count("\n")), (2, True, 1), line)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -3,11 +3,13 @@
 #include "control/records.h"
 #include "jornctl/apply.h"
 #include "jornctl/client.h"
+#include "jornctl/commands.h"
 #include "jornctl/documents.h"
 #include "jornctl/failure.h"
 #include "jornctl/files.h"
 #include "jornctl/port_services.h"
 #include "jornctl/printable.h"
+#include "jornctl/suggestion.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -31,22 +33,18 @@ struct verb {
 };
 
 constexpr verb SHOWS[] = {
-    {"priority", 4, "ID", "Rules, QoS and rate limits of the ARC policy of UTP ID"},
-    {"dns", 10, nullptr, "The DNS cache"},
+    {"priority", CMD_CHECK_PRIORITY_REQ, "ID",
+     "Rules, QoS and rate limits of the ARC policy of UTP ID"},
+    {"dns", CMD_DNS_CACHE_SHOW_REQ, nullptr, "The DNS cache"},
 };
 
 constexpr verb FLUSHES[] = {
-    {"utps", 22, nullptr, "Empty both UTP tables, ARC and web; the policies stay"},
-    {"arc-policies", 24, nullptr, "Delete the ARC policies and judge running flows anew"},
-    {"policies", 8, nullptr, "Delete the ARC policies; running flows keep their verdicts"},
+    {"utps", CMD_UTP_FLUSH_REQ, nullptr, "Empty both UTP tables, ARC and web; the policies stay"},
+    {"arc-policies", CMD_ARC_POLICY_FLUSH_REQ, nullptr,
+     "Delete the ARC policies and judge running flows anew"},
+    {"policies", CMD_POLICY_CLEAN, nullptr,
+     "Delete the ARC policies; running flows keep their verdicts"},
 };
-
-// Command 26's payload: whose flag, and the flag.
-struct log_policy_payload {
-    char name[68];
-    uint32_t enable;
-};
-static_assert(sizeof(log_policy_payload) == 72);
 
 // A complaint quotes documents and file names, which may hold anything: it stays one line of
 // bounded length and steers no terminal.
@@ -67,6 +65,7 @@ struct request {
     std::string state;
     uint32_t number = 0;
     bool check_only = false;
+    bool dry_run = false;
     bool strict = false;
     std::function<int()> action;
 
@@ -109,12 +108,17 @@ int apply(const request &asked) {
     const std::vector<command> commands = commands_of(load_document(asked));
     if (asked.check_only)
         return STATUS_DONE;
+    if (asked.dry_run) {
+        for (const command &each : commands)
+            std::cout << printable(describe(each), "\n");
+        return STATUS_DONE;
+    }
     size_t sent = 0;
     try {
         for (; sent < commands.size(); ++sent) {
             const std::string reply = asked.send(commands[sent]);
-            if (commands[sent].number == WRITE_COMMAND)
-                check_answer(reply, WRITE_COMMAND);
+            if (commands[sent].number == CMD_WRITE_CFG_REQ)
+                check_answer(reply, CMD_WRITE_CFG_REQ);
         }
     } catch (const no_daemon &reason) {
         if (sent == 0)
@@ -137,7 +141,7 @@ int install_port_services(const request &asked) {
         return STATUS_REFUSED;
     replace_file(asked.target, text);
     try {
-        asked.send({13, {}});
+        asked.send({CMD_PORT_SERVICE_CFG_REQ, {}});
     } catch (const no_daemon &reason) {
         throw no_daemon(reason.what() + std::string("; the file is in place for its next start"));
     }
@@ -152,7 +156,7 @@ int log_policy(const request &asked) {
                       asked.name + '"');
     memcpy(payload.name, asked.name.data(), asked.name.size());
     payload.enable = asked.is_on();
-    asked.send({26, record_bytes(payload)});
+    asked.send({CMD_ARC_POLICY_LOG_CFG_REQ, record_bytes(payload)});
     return STATUS_DONE;
 }
 
@@ -161,6 +165,16 @@ int raw(const request &asked) {
     const std::string reply = asked.send({asked.number, payload});
     std::cout << reply;
     return refusal_in(reply).empty() ? STATUS_DONE : STATUS_REFUSED;
+}
+
+int decode(const request &asked) {
+    std::cout << printable(describe({asked.number, read_file(asked.file)}), "\n");
+    return STATUS_DONE;
+}
+
+int print_schema() {
+    std::cout << document_schema().dump(4) << '\n';
+    return STATUS_DONE;
 }
 
 void add_apply(CLI::App &app, request &asked) {
@@ -173,7 +187,10 @@ void add_apply(CLI::App &app, request &asked) {
         "replaces the user-defined applications. The other tables stay. The daemon's\n"
         "file holds in the end what the tables hold.");
     apply_app->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
-    apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
+    CLI::Option *check =
+        apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
+    apply_app->add_flag("--dry-run", asked.dry_run, "Print what would be sent, and send nothing")
+        ->excludes(check);
     apply_app->add_flag("--strict", asked.strict, "Refuse a document that is warned of");
     apply_app->callback([&] { asked.action = [&] { return apply(asked); }; });
 }
@@ -223,7 +240,7 @@ void add_switches(CLI::App &app, request &asked) {
     add_state(*debug, asked);
     debug->callback([&] {
         asked.action = [&] {
-            asked.send({34, record_bytes(asked.is_on())});
+            asked.send({CMD_DEBUG_CFG_REQ, record_bytes(asked.is_on())});
             return STATUS_DONE;
         };
     });
@@ -231,7 +248,9 @@ void add_switches(CLI::App &app, request &asked) {
 
 void add_plumbing(CLI::App &app, request &asked) {
     app.add_subcommand("write", "Have the configuration files written now")->callback([&] {
-        asked.action = [&] { return print_answer(asked.send({WRITE_COMMAND, {}}), WRITE_COMMAND); };
+        asked.action = [&] {
+            return print_answer(asked.send({CMD_WRITE_CFG_REQ, {}}), CMD_WRITE_CFG_REQ);
+        };
     });
     CLI::App *raw_app =
         app.add_subcommand("raw", "Send any command and print the answer's bytes as they are");
@@ -239,6 +258,17 @@ void add_plumbing(CLI::App &app, request &asked) {
     raw_app->add_option("FILE", asked.file,
                         "The payload's bytes; - is standard input; none: empty");
     raw_app->callback([&] { asked.action = [&] { return raw(asked); }; });
+}
+
+void add_descriptions(CLI::App &app, request &asked) {
+    app.add_subcommand("schema", "Print the JSON Schema of the documents that apply takes")
+        ->callback([&] { asked.action = print_schema; });
+    CLI::App *decode_app =
+        app.add_subcommand("decode", "Print a command's payload as \"apply --dry-run\" does");
+    decode_app->add_option("NUMBER", asked.number, "The command's number")->required();
+    decode_app->add_option("FILE", asked.file, "The payload's bytes; - is standard input")
+        ->required();
+    decode_app->callback([&] { asked.action = [&] { return decode(asked); }; });
 }
 
 void describe(CLI::App &app, request &asked) {
@@ -261,13 +291,34 @@ void describe(CLI::App &app, request &asked) {
     add_port_services(app, asked);
     add_switches(app, asked);
     add_plumbing(app, asked);
+    add_descriptions(app, asked);
 }
 
-int usage_error(const CLI::ParseError &error) {
+// The words that may stand where the command line wasn't understood any more.
+std::vector<std::string> words_known_there(const CLI::App &app) {
+    std::vector<std::string> known;
+    const CLI::App *level = &app;
+    while (true) {
+        for (const CLI::Option *option : level->get_options())
+            known.push_back(option->get_name());
+        if (level->get_subcommands().empty())
+            break;
+        level = level->get_subcommands().front();
+    }
+    for (const CLI::App *subcommand : level->get_subcommands({}))
+        known.push_back(subcommand->get_name());
+    return known;
+}
+
+int usage_error(const CLI::App &app, const CLI::ParseError &error) {
+    const std::vector<std::string> unknown = app.remaining(true);
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');
-    complain(line + " (--help says more)");
-    return STATUS_REFUSED;
+    if (!unknown.empty())
+        line = '"' + unknown.front() + "\" isn't expected here" +
+               did_you_mean(unknown.front(), words_known_there(app));
+    complain(line + "; --help says more");
+    return STATUS_USAGE;
 }
 
 } // namespace
@@ -275,20 +326,21 @@ int usage_error(const CLI::ParseError &error) {
 int run(int argc, char **argv) {
     request asked;
     CLI::App app("Configures jorn and shows what it knows, over its command socket.\n"
-                 "Exit status: 0 done, 1 refused, 2 no daemon. The daemon answers what it is\n"
-                 "asked to show; whether it took a configuration, only its log says.",
+                 "Exit status: 0 done, 1 refused, 2 no daemon or not understood. The daemon\n"
+                 "answers what it is asked to show; whether it took a configuration, only its\n"
+                 "log says.",
                  "jornctl");
     describe(app, asked);
     try {
         app.parse(argc, argv);
         if (!asked.action)
-            throw refused("what to do is missing (--help lists the subcommands)");
+            throw CLI::RequiredError("What to do");
         const int status = asked.action();
         if (!std::cout.flush())
             throw refused(std::string("standard output: ") + strerror(errno));
         return status;
     } catch (const CLI::ParseError &error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : usage_error(error);
+        return error.get_exit_code() == 0 ? app.exit(error) : usage_error(app, error);
     } catch (const no_daemon &error) {
         complain(error.what());
         return STATUS_NO_DAEMON;
