@@ -5,12 +5,12 @@
 // Debugging is off. Goals: `tables` at most 2 times `empty`, `tables_and_policies` at most 1.5
 // times `policies`.
 #include "bench_platform.h"
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "frames.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "userapps/port_service.h"
 #include "userapps/settle.h"
@@ -59,7 +59,7 @@ void add_definitions() {
         app.dst_ip[1] = static_cast<uint8_t>(i);
         app.netmask = 0x0000FFFF;
     }
-    jorn_update_user_def_policy_cfg(reinterpret_cast<const uint8_t *>(apps), USERDEF_APPS_MAX);
+    jorn_update_user_def_policy_cfg(apps, USERDEF_APPS_MAX);
 }
 
 std::string write_port_service_file() {
@@ -86,7 +86,7 @@ void add_policy(uint32_t utp_id) {
         copy_text(policy.rules[i].cat_name, CATEGORY_NAME_USER_DEFINED);
         copy_text(policy.rules[i].app_name, app_name(i < 16 ? 2 * i : 100 + 20 * i));
     }
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
+    __arc_policy_add_end(&policy);
 }
 
 std::vector<frame_bytes> make_frames() {

@@ -12,14 +12,14 @@
 // "-q -l 11" less that of "-q -l 1", divided by ten, which leaves out its start. It reads the file
 // in every pass; what reading alone costs is shown beside it.
 #include "bench_platform.h"
-#include "core/dns_cache.h"
-#include "core/hash_table.h"
-#include "core/state.h"
+#include "core/base/hash_table.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
 #include "dns_answers.h"
 #include "frames.h"
 #include "lab.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "traffic.h"
 

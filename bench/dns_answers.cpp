@@ -1,7 +1,7 @@
 #include "dns_answers.h"
 
-#include "packet/cursor.h"
-#include "packet/decode.h"
+#include "packet/decode/cursor.h"
+#include "packet/decode/decode.h"
 
 namespace {
 

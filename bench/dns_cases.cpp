@@ -1,10 +1,10 @@
 #include "dns_cases.h"
 
 #include "bench_platform.h"
-#include "core/dns_cache.h"
-#include "core/hash_table.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "core/base/hash_table.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "packet/capture.h"
 
 #include <algorithm>

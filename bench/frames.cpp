@@ -1,6 +1,6 @@
 #include "frames.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 #include <cstring>
 

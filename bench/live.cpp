@@ -5,7 +5,7 @@
 // JORN is the daemon's binary, by default the one beside this program. Both consumers run in turn,
 // so that a busy machine disturbs both; the figures are medians. CPU time is the consumer's own:
 // what the feeder's side costs runs on another CPU.
-#include "core/text.h"
+#include "core/text/text.h"
 #include "lab.h"
 #include "live_path.h"
 

@@ -6,15 +6,15 @@
 // prints the figures beside the goals that are fractions of it. The platform is one that answers at
 // once; debugging is off.
 #include "bench_platform.h"
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "dns_cases.h"
 #include "frames.h"
 #include "lab.h"
 #include "live_path.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "report.h"
 
@@ -103,7 +103,7 @@ void add_full_policy(uint32_t utp_id) {
         copy_text(rule.app_name, domain);
         rule.deny = 1;
     }
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(policy.get()));
+    __arc_policy_add_end(policy.get());
 }
 
 void policy_of_source() {

@@ -1,24 +1,38 @@
-# jorn_library(NAME FOLDER src/FOLDER [HEADERS ...] [SOURCES ...] [LINKS ...])
+# jorn_library(NAME FOLDER [HEADERS ...] [PRIVATE_HEADERS ...] [SOURCES ...]
+#              [LINKS ...] [PRIVATE_LINKS ...])
 #
-# One library of the house. Its public headers are offered as "FOLDER/header.h" through an include
-# directory of its own, so a file sees the headers of the libraries that it links and no others:
-# an include that the link line doesn't grant doesn't build. The directory holds symbolic links,
-# one per header. A library without sources is header-only.
-function(jorn_library name)
-  cmake_parse_arguments(arg "" "FOLDER" "HEADERS;SOURCES;LINKS" ${ARGN})
+# One library of the house: the folder src/FOLDER, whole. Its HEADERS are offered as
+# "FOLDER/header.h" through an include directory of its own, so a file sees the headers of the
+# libraries that it links and no others: an include that the link line doesn't grant doesn't build.
+# LINKS are the libraries whose headers its own HEADERS include; a user gets them, too. What only
+# its sources need are PRIVATE_LINKS, and PRIVATE_HEADERS are for its sources alone.
+#
+# The directory holds symbolic links, one per header, made afresh with every configuration: a header
+# that left the list is gone. A library without sources is header-only.
+function(jorn_library name folder)
+  cmake_parse_arguments(arg "" "" "HEADERS;PRIVATE_HEADERS;SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
   set(room ${CMAKE_BINARY_DIR}/rooms/${name})
-  get_filename_component(prefix ${arg_FOLDER} NAME)
-  file(MAKE_DIRECTORY ${room}/${prefix})
-  foreach(header IN LISTS arg_HEADERS)
-    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${room}/${prefix}/${header} SYMBOLIC)
-  endforeach()
+  set(back_room ${CMAKE_BINARY_DIR}/rooms/${name}.private)
+  file(REMOVE_RECURSE ${room} ${back_room})
+  _jorn_offer(${room} ${folder} ${arg_HEADERS})
   if(arg_SOURCES)
     add_library(${name} STATIC ${arg_SOURCES})
     target_include_directories(${name} PUBLIC ${room})
-    target_link_libraries(${name} PRIVATE jorn_daemon_flags PUBLIC ${arg_LINKS})
+    target_link_libraries(${name} PRIVATE jorn_daemon_flags ${arg_PRIVATE_LINKS} PUBLIC ${arg_LINKS})
+    if(arg_PRIVATE_HEADERS)
+      _jorn_offer(${back_room} ${folder} ${arg_PRIVATE_HEADERS})
+      target_include_directories(${name} PRIVATE ${back_room})
+    endif()
   else()
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${room})
     target_link_libraries(${name} INTERFACE ${arg_LINKS})
   endif()
+endfunction()
+
+function(_jorn_offer room folder)
+  file(MAKE_DIRECTORY ${room}/${folder})
+  foreach(header IN LISTS ARGN)
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${room}/${folder}/${header} SYMBOLIC)
+  endforeach()
 endfunction()

@@ -1,9 +1,11 @@
 // The application-policy file as somebody may have left it. What was read of it is written, read
 // and written again: from the second writing on the file stays the same. (The first may hold a name
 // that was cut behind a space, and a policy that has no rule with a name.)
-#include "control/arc_tables.h"
-#include "control/configuration.h"
-#include "core/state.h"
+#include "control/files/configuration.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "support/saved_folder.h"
 
 #include <cstdlib>
 #include <string>
@@ -11,9 +13,14 @@
 
 namespace {
 
+const saved_folder &folder() {
+    static const saved_folder own;
+    return own;
+}
+
 void set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
-    jorn_state.settings.debug = 1;
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.debug = 1;
     setlogmask(LOG_MASK(LOG_EMERG));
 }
 
@@ -23,24 +30,15 @@ void restore(const std::string &content) {
     jorn_state.userdef_apps = {};
     if (content.empty())
         return;
-    FILE *file = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
-    restore_configuration(file, "the file");
-    fclose(file);
-    if (jorn_state.userdef_apps.count < 0 || jorn_state.userdef_apps.count > USERDEF_APPS_MAX)
+    folder().write(APPLICATION_POLICY_FILE, content);
+    if (!restore_configuration() || jorn_state.userdef_apps.count < 0 ||
+        jorn_state.userdef_apps.count > USERDEF_APPS_MAX)
         abort();
 }
 
 std::string written() {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *file = open_memstream(&text, &size);
-    if (jorn_write_arc_policy_configuration(file) != 0 ||
-        jorn_write_userdef_configuration(file) != 0)
-        abort();
-    fclose(file);
-    std::string content(text, size);
-    free(text);
-    return content;
+    jorn_save_configuration();
+    return folder().read(APPLICATION_POLICY_FILE);
 }
 
 } // namespace

@@ -1,30 +1,22 @@
 // Command messages through the dispatcher, one after the other against one state: an input is a
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
-#include "control/arc_tables.h"
-#include "control/configuration.h"
-#include "core/dns_cache.h"
-#include "core/state.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
+#include "support/saved_folder.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <syslog.h>
 #include <vector>
 
-// The file goes nowhere, but all of it is formatted.
-void jorn_save_configuration() {
-    static FILE *nowhere = fopen("/dev/null", "we");
-    if (nowhere == nullptr || jorn_write_arc_policy_configuration(nowhere) != 0 ||
-        jorn_write_userdef_configuration(nowhere) != 0)
-        abort();
-}
-
 namespace {
 
 int set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
     if (jorn_dnscache_hash_table_init() != 0 || learn_dns_name(0x0100007F, "name") != 0)
         abort();
@@ -32,11 +24,10 @@ int set_up() {
 }
 
 void check_links() {
-    for (const utp_entry &entry : jorn_state.arc_utp_table) {
-        const arc_policy *policy = jorn_state.arc_policy_list;
-        while (policy != nullptr && policy != entry.policy)
-            policy = policy->next;
-        if (policy != entry.policy)
+    for (const utp_entry<arc_policy> &entry : jorn_state.arc_utp_table) {
+        if (entry.policy != nullptr &&
+            jorn_state.arc_policy_list.find(
+                [&entry](const arc_policy &policy) { return &policy == entry.policy; }) == nullptr)
             abort();
     }
 }
@@ -44,6 +35,7 @@ void check_links() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const saved_folder folder;
     static const int reply_fd = set_up();
     static std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
     while (size >= sizeof(uint16_t)) {

@@ -1,11 +1,12 @@
 // Frame bytes and trailer through the whole packet path, with debugging off and on (the lines
 // are formatted and dropped), against policies that fit some of what comes.
-#include "control/arc_tables.h"
-#include "core/dns_cache.h"
-#include "core/hash_table.h"
-#include "core/state.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/hash_table.h"
+#include "core/base/settings.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 
 #include <cstdint>
@@ -24,15 +25,15 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     strcpy(policy.rules[1].app_name, "id");
     policy.rules[1].app_id = app_id;
     policy.rules[1].qos = 0xFF;
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&policy));
+    __arc_policy_add_end(&policy);
 }
 
 void set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
     jorn_pkt_processor = jorn_decode_eth_pkt;
     jorn_dnscache_hash_table_init();
-    jorn_state.settings.tm_engine_enabled = 1;
+    jorn_settings.tm_engine_enabled = 1;
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
 }
@@ -50,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     pcap_pkthdr header = {};
     header.caplen = header.len = static_cast<uint32_t>(size);
     for (const uint8_t debug : {uint8_t{0}, uint8_t{1}}) {
-        jorn_state.settings.debug = debug;
+        jorn_settings.debug = debug;
         jorn_pkt_callback(nullptr, &header, captured.get());
     }
     hash_table_clear(jorn_state.dns_cache); // what was learnt

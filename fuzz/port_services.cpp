@@ -1,6 +1,7 @@
 // The port-service file: any content is read without harm, the list keeps its bounds, and the
 // settled look-up finds for each entry's port what a walk of the list finds.
-#include "core/state.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
 #include "userapps/port_service.h"
 
 #include <cstdio>
@@ -14,7 +15,7 @@
 namespace {
 
 void set_up() {
-    jorn_state.settings.daemonize = 1; // lines are formatted, then go nowhere
+    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
 }
 
@@ -45,15 +46,15 @@ void check_entry(const port_app &entry) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const int ready = (set_up(), 1);
     (void)ready;
-    jorn_state.settings.debug = 1;
+    jorn_settings.debug = 1;
     read_list(data, size);
-    jorn_state.settings.debug = 0;
+    jorn_settings.debug = 0;
     uint32_t count = 0;
     for (const port_app *entry = jorn_state.port_apps.head; entry != nullptr; entry = entry->next) {
         check_entry(*entry);
         ++count;
     }
-    if (count != jorn_state.port_apps.port_app_count || count > PORT_APPS_MAX)
+    if (count != jorn_state.port_apps.count || count > PORT_APPS_MAX)
         abort();
     port_app_list_clear(&jorn_state.port_apps);
     return 0;

@@ -1,9 +1,10 @@
 #include "classify/arc_policy.h"
 
-#include "control/arc_index.h"
-#include "control/arc_tables.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "control/records/arc_index.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 #include <bit>
 #include <cstring>
@@ -27,21 +28,7 @@ public:
         }
     }
 
-    bool contains(const char *lower_case_domain, size_t length) const {
-        return length_ != 0 && memmem(text_, length_, lower_case_domain, length) != nullptr;
-    }
-
-    // The domain rules that may occur in the name, as a bit each; the others can't.
-    uint64_t candidates(const arc_rule_index &index) const {
-        uint64_t first = 0;
-        uint64_t second = 0;
-        for (size_t i = 0; i + 1 < length_; ++i) {
-            const unsigned bucket = arc_rule_index::bucket(text_[i], text_[i + 1]);
-            first |= index.first_pair[bucket];
-            second |= index.second_pair[bucket];
-        }
-        return (first & second) | index.always;
-    }
+    std::string_view text() const { return {text_, length_}; }
 
 private:
     char text_[FLOW_NAME_MAX + TOP_LEVEL_DOMAIN.size()];
@@ -64,18 +51,18 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
     constexpr char FUNCTION[] = "__jorn_policy_match";
     const arc_rule_index &index = *policy.index;
     const uint64_t by_id = rules_with_ids_of(ctx, index);
-    for (uint64_t left = by_id | name.candidates(index); left != 0; left &= left - 1) {
+    for (uint64_t left = by_id | index.domains.candidates(name.text()); left != 0;
+         left &= left - 1) {
         const auto n = static_cast<unsigned>(std::countr_zero(left));
         const arc_rule *rule = &policy.rules[n];
         if ((by_id >> n & 1) != 0) {
-            JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                        "__jorn_policy_match: matched appid: %d catid: %d\n", ctx.app_id,
-                        ctx.app_cat_id);
+            JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: matched appid: %d catid: %d\n",
+                          ctx.app_id, ctx.app_cat_id);
             return rule;
         }
-        if (name.contains(index.domain[n], index.domain_length[n])) {
-            JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "__jorn_policy_match: Domain matched %s\n",
-                        printable_text(ctx.app_name).c_str());
+        if (index.domains.occurs_in(name.text(), n)) {
+            JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: Domain matched %s\n",
+                          printable_text(ctx.app_name).c_str());
             return rule;
         }
     }
@@ -84,7 +71,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
 
 // Looks one side's profile up. Returns whether it has a UTP entry.
 bool match_side(pkt_ctx &ctx, const searchable_name &name, uint32_t utp_id) {
-    const utp_entry *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
+    const utp_entry<arc_policy> *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
     if (entry == nullptr)
         return false;
     ctx.arc_cfg = entry->policy;
@@ -99,16 +86,16 @@ bool match_sides(pkt_ctx &ctx) {
     const searchable_name name(field_text(ctx.app_name));
     bool has_entry = match_side(ctx, name, ctx.src_utp_id);
     if (ctx.arc_rule != nullptr) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_apply_arc_policy", 0, "matched source policy: %d\n",
-                    static_cast<int>(ctx.src_utp_id));
+        JORN_DEBUG_AS("jorn_apply_arc_policy", "matched source policy: %d\n",
+                      static_cast<int>(ctx.src_utp_id));
         ctx.arc_match_utp = ctx.src_utp_id;
         ctx.arc_match_src = 1;
         return has_entry;
     }
     has_entry = match_side(ctx, name, ctx.dst_utp_id);
     if (ctx.arc_rule != nullptr) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_apply_arc_policy", 0, "matched destination policy: %d\n",
-                    static_cast<int>(ctx.dst_utp_id));
+        JORN_DEBUG_AS("jorn_apply_arc_policy", "matched destination policy: %d\n",
+                      static_cast<int>(ctx.dst_utp_id));
         ctx.arc_match_utp = ctx.dst_utp_id;
         ctx.arc_match_src = 0;
     }
@@ -118,7 +105,7 @@ bool match_sides(pkt_ctx &ctx) {
 } // namespace
 
 void jorn_apply_arc_policy(pkt_ctx *ctx) {
-    const bool has_entry = jorn_state.settings.arc_enabled != 0 && match_sides(*ctx);
+    const bool has_entry = jorn_settings.arc_enabled != 0 && match_sides(*ctx);
     if (ctx->arc_rule != nullptr)
         ctx->arc_action = ctx->arc_rule->deny != 0 ? ARC_ACTION_BLOCK : ARC_ACTION_QOS;
     else
@@ -132,9 +119,6 @@ const arc_rule *__jorn_policy_match(const pkt_ctx *ctx, const arc_policy *policy
 int __jorn_domain_match(const char *flow_name, const char *rule_domain) {
     if (flow_name == nullptr || rule_domain == nullptr)
         return 0;
-    char domain[sizeof(arc_rule::app_name)];
-    const size_t length = strnlen(rule_domain, sizeof domain);
-    for (size_t i = 0; i < length; ++i)
-        domain[i] = ascii_lower(rule_domain[i]);
-    return searchable_name(flow_name).contains(domain, length) ? 1 : 0;
+    const searchable_name name(flow_name);
+    return !name.text().empty() && contains_ignoring_case(name.text(), rule_domain) ? 1 : 0;
 }

@@ -5,8 +5,8 @@
 // ARC tables and changes nothing but the context.
 #pragma once
 
-#include "control/records.h"
-#include "packet/records.h"
+#include "control/records/arc.h"
+#include "packet/records/context.h"
 
 // Fills arc_cfg, arc_rule, arc_match_src, arc_match_utp and arc_action.
 void jorn_apply_arc_policy(pkt_ctx *ctx);

@@ -1,10 +1,10 @@
 #include "classify/detect.h"
 
 #include "classify/dns_app.h"
-#include "core/ipv4_text.h"
-#include "core/log.h"
-#include "core/text.h"
-#include "packet/trailer.h"
+#include "core/base/log.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
+#include "packet/decode/trailer.h"
 #include "userapps/builtin_ports.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
@@ -27,72 +27,139 @@ constexpr size_t FLOW_NAME_TEXT_MAX = IPV4_TEXT_MAX + 1 + IPV4_TEXT_MAX + 1 + 5;
 static_assert(FLOW_NAME_TEXT_MAX < sizeof(pkt_ctx::app_name));
 static_assert(sizeof(pkt_ctx::app_name) == sizeof(pkt_ctx::orig_app));
 
-int take_dpi_name(pkt_ctx &ctx, const av_pkt_trailer &trailer) {
-    const string_view name = field_text(trailer.dpi_app_name);
+// Where a packet goes on behind a step of the trailer.
+enum class after_step : uint8_t {
+    next,      // to the step behind it
+    matched,   // nowhere: the packet is decided
+    undecided, // to the steps that need no trailer
+};
+
+// The administrator's definitions and ports name the flow and decide nothing.
+after_step name_by_administrator(pkt_ctx &ctx, const trailer_view &) {
+    if (jorn_detect_pkt_userdef_app(&ctx) != JORN_DETECT_NO_MATCH)
+        JORN_DEBUG_AS(DETECT_UTP, "User defined App\n");
+    else if (jorn_detect_pkt_userdef_port_service_app(&ctx) != JORN_DETECT_NO_MATCH)
+        JORN_DEBUG_AS(DETECT_UTP, "User defined Port App\n");
+    return after_step::next;
+}
+
+after_step take_dpi_name(pkt_ctx &ctx, const trailer_view &trailer) {
+    const string_view name = trailer.dpi_app_name();
     if (std::find(std::begin(GENERIC_WEB_NAMES), std::end(GENERIC_WEB_NAMES), name) !=
         std::end(GENERIC_WEB_NAMES)) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, ignore the dpi app: %s\n",
-                    printable_text(name).c_str());
-        return JORN_DETECT_NO_MATCH;
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, ignore the dpi app: %s\n", printable_text(name).c_str());
+        return after_step::undecided;
     }
     if (ctx.app_source == APP_SOURCE_NONE) {
         copy_text(ctx.app_name, name);
         ctx.app_source = APP_SOURCE_DPI;
-        ctx.app_id = trailer.dpi_app_id;
-        ctx.app_cat_id = trailer.dpi_cat_id;
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, retry = %d, app = %s\n",
-                    trailer.dpi_retry, printable_text(name).c_str());
+        ctx.app_id = trailer.dpi_app_id();
+        ctx.app_cat_id = trailer.dpi_cat_id();
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, retry = %d, app = %s\n", trailer.dpi_retry(),
+                      printable_text(name).c_str());
     } else {
         copy_text(ctx.orig_app, name);
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, retry = %d, orig_app = %s\n",
-                    trailer.dpi_retry, printable_text(name).c_str());
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, retry = %d, orig_app = %s\n", trailer.dpi_retry(),
+                      printable_text(name).c_str());
     }
     ctx.url_filter = 0;
-    return JORN_DETECT_MATCH;
+    return after_step::matched;
 }
 
-int take_dpi_result(pkt_ctx &ctx, const av_pkt_trailer &trailer) {
-    if ((trailer.filter_type & AV_FILTER_DPI) == 0)
-        return JORN_DETECT_NO_MATCH;
-    if (trailer.dpi_status == AV_DPI_IDENTIFIED)
+after_step take_dpi_result(pkt_ctx &ctx, const trailer_view &trailer) {
+    const uint32_t status = trailer.dpi_status();
+    if (status == AV_DPI_IDENTIFIED)
         return take_dpi_name(ctx, trailer);
-    if (trailer.dpi_status == AV_DPI_MORE_PACKETS)
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, more, retry = %d\n", trailer.dpi_retry);
+    if (status == AV_DPI_MORE_PACKETS)
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, more, retry = %d\n", trailer.dpi_retry());
     else
-        JORN_LOG_AS(JORN_LOG_DEBUG, DETECT_UTP, 0, "tdts, failed, retry = %d\n", trailer.dpi_retry);
-    return JORN_DETECT_NO_MATCH;
+        JORN_DEBUG_AS(DETECT_UTP, "tdts, failed, retry = %d\n", trailer.dpi_retry());
+    return after_step::undecided;
 }
+
+struct trailer_step {
+    uint32_t asked_by; // av_filter bit of the trailer; 0 = not for the module to ask
+    bool needs_engine; // not taken while the DPI engine is off
+    after_step (*run)(pkt_ctx &ctx, const trailer_view &trailer);
+};
+
+// In their order: the administrator's own names, Wi-Fi calling, the web, the DPI engine's result.
+constexpr trailer_step TRAILER_STEPS[] = {
+    {0, false, name_by_administrator},
+    {AV_FILTER_DPI, true, take_dpi_result},
+};
+
+void read_trailer(pkt_ctx &ctx, const trailer_view &trailer) {
+    JORN_DEBUG_AS(DETECT_UTP,
+                  "The flow id is %d, dpi_retry = %d and url retry %d, filter type %d\n",
+                  static_cast<int>(trailer.flow_id()), trailer.dpi_retry(), trailer.url_retry(),
+                  static_cast<int>(trailer.filter_type()));
+    trailer.copy_sides(ctx);
+    JORN_DEBUG_AS(
+        DETECT_UTP, "The received indexes are SRC: %d %s, DST: %d %s\n",
+        static_cast<int>(ctx.src_if_index), printable_text(field_text(ctx.src_if_name)).c_str(),
+        static_cast<int>(ctx.dst_if_index), printable_text(field_text(ctx.dst_if_name)).c_str());
+}
+
+struct captured_packet {
+    const uint8_t *bytes;
+    uint32_t size;
+};
+
+struct detection_step {
+    int (*run)(pkt_ctx *ctx, const captured_packet &captured);
+    const char *decided; // the line of the log for a packet that it decided; none for the last
+};
+
+// In their order; the first that decides ends the pipeline.
+constexpr detection_step DETECTION_STEPS[] = {
+    {[](pkt_ctx *ctx, const captured_packet &captured) {
+         return jorn_detect_pkt_utp(ctx, captured.bytes, captured.size);
+     },
+     "Match in URL/ARC/WFC\n"},
+    {[](pkt_ctx *ctx, const captured_packet &) { return jorn_detect_pkt_dns_app(ctx, 0); },
+     "Match in DNS\n"},
+    {[](pkt_ctx *ctx, const captured_packet &) {
+         return jorn_detect_pkt_builtin_port_service_app(ctx);
+     },
+     "Match in Builtin Port Service\n"},
+    {[](pkt_ctx *ctx, const captured_packet &) { return jorn_detect_pkt_flow_name(ctx); }, nullptr},
+};
 
 } // namespace
 
 int jorn_detect_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *bytes) {
-    if (jorn_detect_pkt_utp(ctx, bytes, pkthdr->caplen) == JORN_DETECT_MATCH) {
-        JORN_DEBUG("Match in URL/ARC/WFC\n");
-        return JORN_DETECT_MATCH;
-    }
-    if (const int result = jorn_detect_pkt_dns_app(ctx, 0); result != JORN_DETECT_NO_MATCH) {
-        JORN_DEBUG("Match in DNS\n");
+    const captured_packet captured = {bytes, pkthdr->caplen};
+    for (const detection_step &step : DETECTION_STEPS) {
+        const int result = step.run(ctx, captured);
+        if (result == JORN_DETECT_NO_MATCH)
+            continue;
+        if (step.decided != nullptr)
+            JORN_DEBUG("%s", step.decided);
         return result;
     }
-    if (jorn_detect_pkt_builtin_port_service_app(ctx) == JORN_DETECT_MATCH) {
-        JORN_DEBUG("Match in Builtin Port Service\n");
-        return JORN_DETECT_MATCH;
-    }
-    return jorn_detect_pkt_flow_name(ctx);
+    return JORN_DETECT_NO_MATCH;
 }
 
 int jorn_detect_pkt_utp(pkt_ctx *ctx, const uint8_t *bytes, uint32_t captured) {
-    av_pkt_trailer trailer;
-    if (!read_trailer(*ctx, bytes, captured, trailer))
+    JORN_DEBUG("cap len %d and len %d\n", static_cast<int>(captured),
+               static_cast<int>(sizeof(av_pkt_trailer)));
+    if (!has_trailer(captured)) {
+        JORN_DEBUG("There is conflict in received packet len\n");
         return JORN_DETECT_NO_MATCH;
-    // A definition of the administrator's names the flow and decides nothing.
-    if (jorn_detect_pkt_userdef_app(ctx) != JORN_DETECT_NO_MATCH)
-        JORN_DEBUG("User defined App\n");
-    else if (jorn_detect_pkt_userdef_port_service_app(ctx) != JORN_DETECT_NO_MATCH)
-        JORN_DEBUG("User defined Port App\n");
-    if (jorn_state.settings.tm_engine_enabled == 0)
-        return JORN_DETECT_NO_MATCH;
-    return take_dpi_result(*ctx, trailer);
+    }
+    const trailer_view trailer(bytes, captured);
+    read_trailer(*ctx, trailer);
+    for (const trailer_step &step : TRAILER_STEPS) {
+        if (step.asked_by != 0 && (trailer.filter_type() & step.asked_by) == 0)
+            continue;
+        if (step.needs_engine && jorn_settings.tm_engine_enabled == 0)
+            continue;
+        const after_step result = step.run(*ctx, trailer);
+        if (result != after_step::next)
+            return result == after_step::matched ? JORN_DETECT_MATCH : JORN_DETECT_NO_MATCH;
+    }
+    return JORN_DETECT_NO_MATCH;
 }
 
 int jorn_detect_pkt_flow_name(pkt_ctx *ctx) {

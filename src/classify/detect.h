@@ -5,7 +5,7 @@
 // into orig_app.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <pcap/pcap.h>

@@ -1,11 +1,11 @@
 #include "classify/dns_app.h"
 
 #include "classify/detect.h"
-#include "core/dns_cache.h"
-#include "core/ipv4_text.h"
-#include "core/log.h"
-#include "core/text.h"
-#include "platform/psms.h"
+#include "core/base/log.h"
+#include "core/dns/dns_cache.h"
+#include "core/dns/dns_look_up.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -15,62 +15,32 @@ namespace {
 using std::string_view;
 
 constexpr char FUNCTION[] = "jorn_detect_pkt_dns_app";
-constexpr size_t CACHE_NAME_SIZE = sizeof(dns_cache_entry::name);
 constexpr uint16_t HTTP_PORT = 80;
 constexpr uint16_t HTTPS_PORT = 443;
 constexpr int REDIRECT_PIECES = 5;
 
 using name_buffer = char[65];
 
-enum class look_up_result {
-    not_asked, // this side of the flow isn't looked up
-    no_name,
-    named,
-    failed,
-};
-
-// The own cache first; what only the platform knows is learnt.
-look_up_result look_up(uint32_t address_be, name_buffer &name) {
-    if (jorn_dnscache_find(address_be, name, CACHE_NAME_SIZE) != nullptr)
-        return look_up_result::named;
-    uint32_t word1 = 0; // means nothing to us
-    uint32_t word2 = 0;
-    uint32_t word3 = 0;
-    if (psms_dnscache_get_dn_by_ip(address_be, name, sizeof name, &word1, &word2, &word3) != 0) {
-        JORN_LOG_AS(JORN_LOG_ERROR, FUNCTION, 0, "psms_get_dn_by_ip return error\n");
-        return look_up_result::failed;
-    }
-    if (word2 == 0 || word3 == 0) {
-        name[0] = '\0';
-        return look_up_result::no_name;
-    }
-    name[sizeof name - 1] = '\0';
-    learn_dns_name(address_be, name);
-    return look_up_result::named;
-}
-
-bool is_looked_up(uint32_t address_be, uint16_t port, int web_mode) {
-    return address_be != 0 && (web_mode == 0 || port == HTTP_PORT || port == HTTPS_PORT);
+dns_look_up look_up(uint32_t address_be, uint16_t port, int web_mode, name_buffer &name) {
+    if (web_mode != 0 && port != HTTP_PORT && port != HTTPS_PORT)
+        return dns_look_up::not_asked;
+    return look_up_dns_name(address_be, name, JORN_AS(FUNCTION));
 }
 
 // The destination, and the source when the destination has no name.
-look_up_result look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name) {
-    auto result = look_up_result::not_asked;
-    if (is_looked_up(ctx.dst_ip, ctx.dst_port, web_mode))
-        result = look_up(ctx.dst_ip, name);
-    if (result == look_up_result::named) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "the dst ip is %s, the domain name is %s\n",
-                    ipv4_text(ctx.dst_ip).c_str(), printable_text(name).c_str());
+dns_look_up look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name) {
+    dns_look_up result = look_up(ctx.dst_ip, ctx.dst_port, web_mode, name);
+    if (result == dns_look_up::named) {
+        JORN_DEBUG_AS(FUNCTION, "the dst ip is %s, the domain name is %s\n",
+                      ipv4_text(ctx.dst_ip).c_str(), printable_text(name).c_str());
     }
-    if (result == look_up_result::named || result == look_up_result::failed)
+    if (result == dns_look_up::named || result == dns_look_up::failed)
         return result;
 
-    if (!is_looked_up(ctx.src_ip, ctx.src_port, web_mode))
-        return look_up_result::not_asked;
-    result = look_up(ctx.src_ip, name);
-    if (result == look_up_result::named) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "the src ip is %s, the domain name is %s\n",
-                    ipv4_text(ctx.src_ip).c_str(), printable_text(name).c_str());
+    result = look_up(ctx.src_ip, ctx.src_port, web_mode, name);
+    if (result == dns_look_up::named) {
+        JORN_DEBUG_AS(FUNCTION, "the src ip is %s, the domain name is %s\n",
+                      ipv4_text(ctx.src_ip).c_str(), printable_text(name).c_str());
     }
     return result;
 }
@@ -82,9 +52,8 @@ void learn_redirect(const pkt_ctx &ctx, const name_buffer &name) {
         jorn_parse_redirect_ip(field_text(ctx.http_location), &address_be) != 0)
         return;
     if (learn_dns_name(address_be, field_text(ctx.app_name)) == 0) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                    "http 302 update, the ip is 0x%x, %s, the dns is %s \n", address_be,
-                    ipv4_text(address_be).c_str(), printable_text(name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "http 302 update, the ip is 0x%x, %s, the dns is %s \n", address_be,
+                      ipv4_text(address_be).c_str(), printable_text(name).c_str());
     }
 }
 
@@ -101,12 +70,12 @@ unsigned long take_number(string_view text, size_t *at) {
 
 int jorn_detect_pkt_dns_app(pkt_ctx *ctx, int web_mode) {
     name_buffer name = {};
-    const look_up_result result = look_up_flow(*ctx, web_mode, name);
-    if (result == look_up_result::named) {
+    const dns_look_up result = look_up_flow(*ctx, web_mode, name);
+    if (result == dns_look_up::named) {
         ctx->detect_flags |= DETECT_CLASSIFIED;
         copy_text(ctx->app_source == APP_SOURCE_NONE ? ctx->app_name : ctx->orig_app, name);
     }
-    if (result == look_up_result::named || result == look_up_result::not_asked)
+    if (result == dns_look_up::named || result == dns_look_up::not_asked)
         learn_redirect(*ctx, name);
 
     if (ctx->app_name[0] == '\0')

@@ -1,10 +1,8 @@
 // Naming a flow after the domain of one of its addresses, which the daemon's own DNS cache or the
 // platform knows, and learning the address that an HTTP redirect points to.
-//
-// Nothing remembers that an address has no name: the platform is asked with every packet.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <string_view>

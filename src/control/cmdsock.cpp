@@ -1,7 +1,7 @@
 #include "control/cmdsock.h"
 
 #include "control/commands.h"
-#include "core/log.h"
+#include "core/base/log.h"
 
 #include <cstdio>
 #include <cstring>
@@ -22,7 +22,7 @@ uint8_t message_buffer[COMMAND_MESSAGE_SIZE];
 int jorn_cmdsock_init() {
     sockaddr_un address = {};
     static_assert(sizeof address == 110);
-    static_assert(sizeof jorn_state.settings.sock_path <= sizeof address.sun_path);
+    static_assert(sizeof jorn_settings.sock_path <= sizeof address.sun_path);
 
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -30,8 +30,8 @@ int jorn_cmdsock_init() {
         return -1;
     }
     address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, jorn_state.settings.sock_path, sizeof jorn_state.settings.sock_path);
-    unlink(jorn_state.settings.sock_path);
+    memcpy(address.sun_path, jorn_settings.sock_path, sizeof jorn_settings.sock_path);
+    unlink(jorn_settings.sock_path);
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         JORN_ERROR("could bind UNIX Socket!");
         close(fd);

@@ -1,19 +1,19 @@
 #include "control/priority.h"
 
-#include "control/reply.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/base/reply.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 namespace {
 
 constexpr size_t LISTING_SIZE = 20'480;
-constexpr const char *TRAFFIC_TYPES[] = {"Background", "BestEffort", "Video", "Voice"};
-constexpr const char *MARK_KINDS[] = {"dot1p", "dscp", "both"};
 
 const char *mark_kind_text(uint8_t kind) {
-    if (kind < std::size(MARK_KINDS))
-        return MARK_KINDS[kind];
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_check_priority", 0, "Not Applicable\n");
+    if (kind < std::size(ARC_MARK_KINDS))
+        return ARC_MARK_KINDS[kind];
+    JORN_DEBUG_AS("jorn_check_priority", "Not Applicable\n");
     return "";
 }
 
@@ -27,14 +27,14 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
     listing.format("\tCat Name:%s\n", rule.cat_name);
     if (rule.deny != 0)
         listing.append("\tRule:Deny \n");
-    if (arc_qos_marking(rule.qos)) {
-        listing.format("\tQoS mark pri:%s", mark_kind_text(arc_qos_mark_kind(rule.qos)));
-        jorn_check_traffic_type(traffic_type, arc_qos_mark_type(rule.qos));
+    if (ARC_QOS_MARKING.of(rule.qos) != 0) {
+        listing.format("\tQoS mark pri:%s", mark_kind_text(ARC_QOS_MARK_KIND.of(rule.qos)));
+        jorn_check_traffic_type(traffic_type, ARC_QOS_MARK_TYPE.of(rule.qos));
         listing.format("\tQoS mark type:%s\n", traffic_type);
     }
-    if (arc_qos_classification(rule.qos)) {
+    if (ARC_QOS_CLASSIFICATION.of(rule.qos) != 0) {
         listing.append("\tQoS classify pri:Priority");
-        jorn_check_traffic_type(traffic_type, arc_qos_classify_type(rule.qos));
+        jorn_check_traffic_type(traffic_type, ARC_QOS_CLASSIFY_TYPE.of(rule.qos));
         listing.format("\tQoS classify type:%s\n", traffic_type);
     }
     if (rule.rate_up != 0 || rule.rate_down != 0) {
@@ -45,20 +45,30 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
 }
 
 const arc_policy *find_policy(uint32_t id) {
-    if (id < UTP_ID_MIN || id > UTP_ID_MAX)
+    if (!is_utp_id(id))
         return nullptr;
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy != nullptr && policy->utp_id != id)
-        policy = policy->next;
-    return policy;
+    return jorn_state.arc_policy_list.find(
+        [id](const arc_policy &policy) { return policy.utp_id == id; });
+}
+
+void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
+    const arc_policy *policy = find_policy(arc_policy_id);
+    if (policy == nullptr) {
+        text.append("\n Invalid ARC PCY ID \n");
+        return;
+    }
+    char listing[LISTING_SIZE];
+    jorn_check_priority(listing, sizeof listing, policy);
+    text.format("\n ARC Policy Name: %s \n", policy->name);
+    text.append(listing);
 }
 
 } // namespace
 
 void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
     text[0] = '\0';
-    if (code < std::size(TRAFFIC_TYPES))
-        copy_text(text, TRAFFIC_TYPES[code]);
+    if (code < std::size(ARC_TRAFFIC_TYPES))
+        copy_text(text, ARC_TRAFFIC_TYPES[code]);
     else
         JORN_DEBUG("Not Applicable\n");
 }
@@ -72,15 +82,5 @@ void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {
 }
 
 int jorn_process_cmd_check_priority(int fd, uint32_t arc_policy_id) {
-    line_buffer reply = start_reply();
-    if (const arc_policy *policy = find_policy(arc_policy_id); policy != nullptr) {
-        char listing[LISTING_SIZE];
-        jorn_check_priority(listing, sizeof listing, policy);
-        reply.format("\n ARC Policy Name: %s \n", policy->name);
-        reply.append(listing);
-    } else {
-        reply.append("\n Invalid ARC PCY ID \n");
-    }
-    send_reply(fd, reply);
-    return 0;
+    return answer(fd, list_priorities, arc_policy_id);
 }

@@ -1,7 +1,7 @@
 // Command 4: what quality-of-service treatment an ARC policy gives to each of its applications.
 #pragma once
 
-#include "control/records.h"
+#include "control/records/arc.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "core/daemonize.h"
 
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 #include "core/signals.h"
 
 #include <cerrno>
@@ -14,9 +14,9 @@
 namespace {
 
 [[noreturn]] void leave_when_child_is_up(pid_t child) {
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_daemonlize", 0, "in the parent process..\n");
+    JORN_DEBUG_AS("jorn_daemonlize", "in the parent process..\n");
     do {
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_daemonlize", 0, "Parent waiting \n");
+        JORN_DEBUG_AS("jorn_daemonlize", "Parent waiting \n");
         sleep(1);
         log_handled_signals();
     } while (parent_waiting != 0);
@@ -24,11 +24,11 @@ namespace {
     int status = 0;
     if (waitpid(child, &status, WNOHANG) == child) {
         if (WIFSIGNALED(status))
-            JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_daemonlize", 0, "the child terminated by signal\n");
+            JORN_DEBUG_AS("jorn_daemonlize", "the child terminated by signal\n");
         if (WTERMSIG(status) == 0)
-            JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_daemonlize", 0, "the child terminated normally\n");
+            JORN_DEBUG_AS("jorn_daemonlize", "the child terminated normally\n");
     }
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_daemonlize", 0, "parent process exit now\n");
+    JORN_DEBUG_AS("jorn_daemonlize", "parent process exit now\n");
     exit(EXIT_SUCCESS);
 }
 

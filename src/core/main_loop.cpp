@@ -1,19 +1,21 @@
 #include "core/main_loop.h"
 
 #include "control/cmdsock.h"
-#include "core/dns_cache.h"
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
+#include "core/dns/dns_cache.h"
 #include "core/signals.h"
 
 #include <algorithm>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/select.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr time_t WAIT_SECONDS = 5;
+constexpr int OWN_DESCRIPTOR_MIN = 64; // the capture's is lower
 
 // The descriptors of one wait; -1 leaves one out.
 struct read_set {
@@ -30,49 +32,97 @@ struct read_set {
     bool ready(int fd) const { return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, &descriptors); }
 };
 
+// What the loop waits for, beyond what the rooms keep themselves.
+struct loop_inputs {
+    capture_context *capture_ctx;
+    int command_fd; // listening
+};
+
+int capture_descriptor(const loop_inputs &in) {
+    return in.capture_ctx->handle != nullptr ? pcap_fileno(in.capture_ctx->handle) : -1;
+}
+
 // One packet a wake-up keeps the time between two looks at the other descriptors short. A capture
 // interface that was deleted yields one error and stays silent ever after.
-void serve_capture(capture_context *capture_ctx) {
-    JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_main_loop", 0, "\n\n\ncapture the packet, let's process \n");
+void serve_capture(const loop_inputs &in) {
+    capture_context *capture_ctx = in.capture_ctx;
     static bool failed;
     const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR && !failed) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_main_loop", 0, "capture on %s failed: %s\n",
-                    capture_ctx->device, pcap_geterr(capture_ctx->handle));
+        JORN_ERROR_AS("jorn_main_loop", "capture on %s failed: %s\n", capture_ctx->device,
+                      pcap_geterr(capture_ctx->handle));
     }
     failed = result == PCAP_ERROR;
 }
 
-// Gives a descriptor a number above the capture's. select looks in the order of the numbers and
-// stops registering with the descriptors once one is ready: under load, when the capture always is,
-// those behind it cost a packet half as much.
-int behind_capture(int fd, int capture_fd) {
-    if (fd < 0 || fd > capture_fd)
+int command_descriptor(const loop_inputs &in) {
+    return in.command_fd;
+}
+
+void serve_commands(const loop_inputs &in) {
+    cmdsock_accept(in.command_fd);
+}
+
+struct loop_row {
+    int (*descriptor)(const loop_inputs &); // asked before every wait; -1 is left out
+    const char *line;                       // for the debug log, when it is ready; none: no line
+    void (*serve)(const loop_inputs &);
+};
+
+// In the order of serving.
+constexpr loop_row ROWS[] = {
+    {capture_descriptor, "\n\n\ncapture the packet, let's process \n", serve_capture},
+    {command_descriptor, "receive the ipc message, let's process \n", serve_commands},
+};
+
+// The rows' descriptors of one pass, as one wait finds them.
+struct pass {
+    int descriptors[std::size(ROWS)];
+    read_set ready;
+
+    explicit pass(const loop_inputs &in) {
+        for (size_t i = 0; i < std::size(ROWS); ++i) {
+            descriptors[i] = ROWS[i].descriptor(in);
+            ready.add(descriptors[i]);
+        }
+    }
+    // What select returns.
+    int wait() {
+        timeval time_out = {WAIT_SECONDS, 0};
+        return select(ready.highest + 1, &ready.descriptors, nullptr, nullptr, &time_out);
+    }
+    void serve(const loop_inputs &in) const {
+        for (size_t i = 0; i < std::size(ROWS); ++i) {
+            if (!ready.ready(descriptors[i]))
+                continue;
+            if (ROWS[i].line != nullptr)
+                JORN_DEBUG_AS("jorn_main_loop", "%s", ROWS[i].line);
+            ROWS[i].serve(in);
+        }
+    }
+};
+
+// Gives a descriptor that the daemon opens itself a number above the capture's. select looks in the
+// order of the numbers and stops registering with the descriptors once one is ready: under load,
+// when the capture always is, those behind it cost a packet half as much.
+int behind_capture(int fd) {
+    if (fd < 0 || fd >= OWN_DESCRIPTOR_MIN)
         return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, capture_fd + 1);
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, OWN_DESCRIPTOR_MIN);
     if (moved < 0)
         return fd;
     close(fd);
     return moved;
 }
 
-int descriptor_of(const capture_context &capture_ctx) {
-    return capture_ctx.handle != nullptr ? pcap_fileno(capture_ctx.handle) : -1;
-}
-
 } // namespace
 
 int jorn_main_loop(capture_context *capture_ctx) {
-    const int command_fd = behind_capture(jorn_cmdsock_init(), descriptor_of(*capture_ctx));
+    const loop_inputs in = {capture_ctx, behind_capture(jorn_cmdsock_init())};
     while (running != 0) {
-        const int capture_fd = descriptor_of(*capture_ctx);
-        read_set wanted;
-        wanted.add(capture_fd);
-        wanted.add(command_fd);
-        timeval time_out = {WAIT_SECONDS, 0};
-        const int ready =
-            select(wanted.highest + 1, &wanted.descriptors, nullptr, nullptr, &time_out);
+        pass current(in);
+        const int ready = current.wait();
         log_handled_signals();
         if (ready == -1) {
             JORN_ERROR("select return -1, something wrong!!\n");
@@ -81,12 +131,8 @@ int jorn_main_loop(capture_context *capture_ctx) {
         }
         if (ready == 0)
             jorn_dnscache_age();
-        if (ready > 0 && wanted.ready(capture_fd))
-            serve_capture(capture_ctx);
-        if (ready > 0 && wanted.ready(command_fd)) {
-            JORN_DEBUG("receive the ipc message, let's process \n");
-            cmdsock_accept(command_fd);
-        }
+        else
+            current.serve(in);
         jorn_signal_handle(capture_ctx);
     }
     return 0;

@@ -1,5 +1,5 @@
 // The event loop: one select over the capture and the command socket, each ready descriptor served
-// to completion, in that order, before the next wait.
+// to completion, in that order, before the next wait. What is waited for is a row in main_loop.cpp.
 #pragma once
 
 #include "packet/capture.h"

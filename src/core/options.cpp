@@ -1,7 +1,7 @@
 #include "core/options.h"
 
-#include "core/state.h"
-#include "core/text.h"
+#include "core/base/settings.h"
+#include "core/text/text.h"
 
 #include <cstdio>
 #include <cstring>
@@ -23,7 +23,7 @@ bool take_argument(char (&field)[N], char option, const char *argument) {
 } // namespace
 
 int jorn_parse_options(int argc, char *argv[]) {
-    daemon_settings &settings = jorn_state.settings;
+    daemon_settings &settings = jorn_settings;
     int result = 0;
     opterr = 0; // the message for an unknown option is ours
     for (int option; (option = getopt(argc, argv, "i:c:dD")) != -1;) {

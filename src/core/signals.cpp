@@ -1,7 +1,7 @@
 #include "core/signals.h"
 
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 
 #include <csignal>
 #include <unistd.h>
@@ -48,12 +48,11 @@ void jorn_child_notify_sig_handler(int) {
 void log_handled_signals() {
     if (child_line_due != 0) {
         child_line_due = 0;
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_child_notify_sig_handler", 0,
-                    "child is up, notify parent to exit\n");
+        JORN_DEBUG_AS("jorn_child_notify_sig_handler", "child is up, notify parent to exit\n");
     }
     if (const int sig = exit_line_due; sig != 0) {
         exit_line_due = 0;
-        JORN_LOG_AS(JORN_LOG_DEBUG, "jorn_exit_sig_handler", 0, "signal %d happened \n", sig);
+        JORN_DEBUG_AS("jorn_exit_sig_handler", "signal %d happened \n", sig);
     }
 }
 

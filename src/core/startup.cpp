@@ -1,21 +1,23 @@
 #include "core/startup.h"
 
-#include "control/configuration.h"
+#include "control/files/configuration.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
 #include "core/daemonize.h"
-#include "core/dns_cache.h"
-#include "core/flags.h"
-#include "core/log.h"
+#include "core/dns/dns_cache.h"
 #include "core/main_loop.h"
 #include "core/options.h"
 #include "core/pid_file.h"
 #include "core/signals.h"
-#include "core/stats.h"
-#include "core/text.h"
+#include "core/state/state.h"
+#include "core/state/stats.h"
+#include "core/text/text.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <syslog.h>
 
 namespace {
@@ -25,6 +27,7 @@ void set_defaults(daemon_settings &settings) {
     settings.debug = 0;
     copy_text(settings.conf_path, DEFAULT_CONF_PATH);
     copy_text(settings.sock_path, DEFAULT_SOCK_PATH);
+    copy_text(settings.saved_files_folder, DEFAULT_SAVED_FILES_FOLDER);
     settings.tm_engine_enabled = 0;
     settings.reserved = 0;
     settings.arc_enabled = 0;
@@ -37,29 +40,80 @@ void register_crash_dump() {
     crashdump_out_init(path);
 }
 
-// The steps that can fail, in their order.
-int open_inputs(capture_context *capture_ctx) {
-    if (const int result = jorn_dnscache_hash_table_init(); result != 0)
+// What the steps of the initialisation work on.
+struct initialisation {
+    int options; // what reading them returned
+    capture_context *capture_ctx;
+};
+
+// An unknown option doesn't stop the start.
+int check_options(const initialisation &init) {
+    return init.options == OPTIONS_ERR_TOO_LONG ? init.options : 0;
+}
+
+int open_dns_cache(const initialisation &) {
+    return jorn_dnscache_hash_table_init();
+}
+
+void close_dns_cache(const initialisation &) {
+    dns_cache_free();
+}
+
+int open_capture(const initialisation &init) {
+    return jorn_capture_open(init.capture_ctx);
+}
+
+void close_capture(const initialisation &init) {
+    if (init.capture_ctx->handle != nullptr)
+        pcap_close(init.capture_ctx->handle);
+    init.capture_ctx->handle = nullptr;
+}
+
+int choose_processor(const initialisation &init) {
+    return jorn_set_pkt_processor(init.capture_ctx);
+}
+
+struct fallible_step {
+    int (*run)(const initialisation &);   // 0, or the negative code that ends the start
+    void (*undo)(const initialisation &); // of a whole step and of one that failed half-way
+};
+
+constexpr void (*NOTHING_TO_UNDO)(const initialisation &) = nullptr;
+
+// In their order; a step is run when all before it succeeded.
+constexpr fallible_step STEPS[] = {
+    {check_options, NOTHING_TO_UNDO},
+    {open_dns_cache, close_dns_cache},
+    {open_capture, close_capture},
+    {choose_processor, NOTHING_TO_UNDO},
+};
+
+// Returns 0, or the code of the step that failed, when what was done is undone.
+int run_steps(const initialisation &init) {
+    for (size_t i = 0; i < std::size(STEPS); ++i) {
+        const int result = STEPS[i].run(init);
+        if (result == 0)
+            continue;
+        for (size_t done = i + 1; done-- > 0;) {
+            if (STEPS[done].undo != NOTHING_TO_UNDO)
+                STEPS[done].undo(init);
+        }
         return result;
-    if (const int result = jorn_capture_open(capture_ctx); result != 0)
-        return result;
-    return jorn_set_pkt_processor(capture_ctx);
+    }
+    return 0;
 }
 
 } // namespace
 
 int jorn_init(int argc, char *argv[], capture_context *capture_ctx) {
     initialising = 1;
+    jorn_settings = {};
     jorn_state = {};
     *capture_ctx = {};
     openlog("jorn", LOG_PID | LOG_PERROR, LOG_DAEMON);
-    set_defaults(jorn_state.settings);
+    set_defaults(jorn_settings);
 
-    // An unknown option doesn't stop the start.
-    const int options = jorn_parse_options(argc, argv);
-    int result = options == OPTIONS_ERR_TOO_LONG ? options : 0;
-    if (result == 0)
-        result = open_inputs(capture_ctx);
+    const int result = run_steps({jorn_parse_options(argc, argv), capture_ctx});
     if (result == 0)
         JORN_DEBUG("JORn %s %d\n", "hello world", 100);
     initialising = 0;
@@ -78,12 +132,9 @@ int run_daemon(int argc, char *argv[]) {
 
     install_exit_handlers();
     capture_context capture_ctx;
-    if (jorn_init(argc, argv, &capture_ctx) != 0) {
-        if (capture_ctx.handle != nullptr)
-            pcap_close(capture_ctx.handle);
+    if (jorn_init(argc, argv, &capture_ctx) != 0)
         return EXIT_FAILURE;
-    }
-    if (jorn_state.settings.daemonize != 0)
+    if (jorn_settings.daemonize != 0)
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();

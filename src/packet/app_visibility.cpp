@@ -1,9 +1,9 @@
 #include "packet/app_visibility.h"
 
-#include "control/records.h"
-#include "core/ipv4_text.h"
-#include "core/log.h"
-#include "core/text.h"
+#include "control/records/arc.h"
+#include "core/base/log.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
 #include "platform/psm.h"
 
 #include <cstdio>

@@ -2,7 +2,7 @@
 // policy asks for it.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 // Writes the line when the context's ARC policy has its log flag set. A failed write isn't noticed.
 void report_app_visibility(const pkt_ctx &ctx);

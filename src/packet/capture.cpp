@@ -1,16 +1,16 @@
 #include "packet/capture.h"
 
-#include "core/flags.h"
-#include "core/log.h"
-#include "core/stats.h"
-#include "core/text.h"
-#include "packet/decode.h"
+#include "core/base/flags.h"
+#include "core/base/log.h"
+#include "core/state/stats.h"
+#include "core/text/text.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 
 #include <cstdio>
 
 int jorn_capture_open(capture_context *capture_ctx) {
-    copy_text(capture_ctx->device, field_text(jorn_state.settings.ifname));
+    copy_text(capture_ctx->device, field_text(jorn_settings.ifname));
     capture_ctx->snaplen = 65535;
     capture_ctx->promisc = 1;
     capture_ctx->timeout_ms = -1;

@@ -5,7 +5,7 @@
 // one packet a wake-up; the exit path closes it.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <pcap/pcap.h>

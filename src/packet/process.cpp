@@ -3,7 +3,7 @@
 #include "classify/arc_policy.h"
 #include "classify/detect.h"
 #include "packet/app_visibility.h"
-#include "packet/flow_key.h"
+#include "packet/decode/flow_key.h"
 
 packet_processor jorn_pkt_processor;
 

@@ -2,7 +2,7 @@
 // and nowhere else.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <pcap/pcap.h>

@@ -1,9 +1,10 @@
 // The verdict: what the context says about a flow, turned into the record that the kernel module
 // acts on.
-#include "control/arc_tables.h"
-#include "core/log.h"
-#include "core/stats.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/state/stats.h"
+#include "core/text/text.h"
 #include "packet/process.h"
 #include "platform/psms.h"
 
@@ -23,13 +24,6 @@ av_verdict default_verdict(const pkt_ctx &ctx) {
     return record;
 }
 
-void copy_lower_case(char (&to)[64], const char (&name)[65]) {
-    // Two loops without a branch on each letter: both are done by vector instructions.
-    const size_t length = strnlen(name, sizeof to - 1);
-    for (size_t i = 0; i < length; ++i)
-        to[i] = ascii_lower(name[i]);
-}
-
 void deny(av_verdict &record) {
     record.verdict = AV_VERDICT_DENY;
     record.qos.deny = 1;
@@ -38,17 +32,17 @@ void deny(av_verdict &record) {
 // Marking and classification first: rate limits, where there are any, name the verdict.
 void apply_arc_rule(const arc_rule &rule, av_verdict &record) {
     av_qos &qos = record.qos;
-    if (arc_qos_marking(rule.qos)) {
+    if (ARC_QOS_MARKING.of(rule.qos) != 0) {
         record.verdict = AV_VERDICT_QOS;
         record.policy_type = AV_POLICY_QOS;
-        qos.mark_pri = arc_qos_mark_kind(rule.qos);
-        qos.mark_type = arc_qos_mark_type(rule.qos);
+        qos.mark_pri = ARC_QOS_MARK_KIND.of(rule.qos);
+        qos.mark_type = ARC_QOS_MARK_TYPE.of(rule.qos);
     }
-    if (arc_qos_classification(rule.qos)) {
+    if (ARC_QOS_CLASSIFICATION.of(rule.qos) != 0) {
         record.verdict = AV_VERDICT_QOS;
         record.policy_type = AV_POLICY_QOS;
         qos.classify = 1;
-        qos.classify_type = arc_qos_classify_type(rule.qos);
+        qos.classify_type = ARC_QOS_CLASSIFY_TYPE.of(rule.qos);
     }
     if (rule.rate_up != 0 || rule.rate_down != 0) {
         record.verdict = AV_VERDICT_RATE_LIMIT;
@@ -63,19 +57,17 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
     if (ctx.arc_action == ARC_ACTION_BLOCK) {
         deny(record);
         jorn_stats_inc(STATS_DENIED);
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                    "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                    ctx.dst_port, printable_text(ctx.app_name).c_str());
+        JORN_DEBUG_AS(FUNCTION, "the flow would be blocked, port 0:%d, port 1: %d, domain: %s\n",
+                      ctx.src_port, ctx.dst_port, printable_text(ctx.app_name).c_str());
         return;
     }
-    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0,
-                "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n", ctx.src_port,
-                ctx.dst_port, printable_text(ctx.app_name).c_str());
+    JORN_DEBUG_AS(FUNCTION, "the flow would be allowed, port 0:%d, port 1: %d, domain: %s\n",
+                  ctx.src_port, ctx.dst_port, printable_text(ctx.app_name).c_str());
     if (ctx.arc_action != ARC_ACTION_QOS) {
-        JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "no policy \n");
+        JORN_DEBUG_AS(FUNCTION, "no policy \n");
         return;
     }
-    JORN_LOG_AS(JORN_LOG_DEBUG, FUNCTION, 0, "applying arc policy\n");
+    JORN_DEBUG_AS(FUNCTION, "applying arc policy\n");
     if (ctx.arc_rule != nullptr)
         apply_arc_rule(*ctx.arc_rule, record);
 }
@@ -83,7 +75,7 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
 } // namespace
 
 int jorn_check_arc_enabled(const pkt_ctx *ctx) {
-    if (jorn_state.settings.arc_enabled == 0)
+    if (jorn_settings.arc_enabled == 0)
         return 0;
     const auto src_utp_id = static_cast<int>(ctx->src_utp_id);
     const auto dst_utp_id = static_cast<int>(ctx->dst_utp_id);
@@ -108,7 +100,7 @@ int jorn_output(pkt_ctx *ctx) {
     record.default_policy = 1;
     record.app_id = ctx->app_id;
 
-    copy_lower_case(record.app_name, ctx->app_name);
+    copy_lower_case(record.app_name, field_text(ctx->app_name));
     if (record.qos.deny == 1)
         record.policy_type = AV_POLICY_DENY;
     record.flow_key = ctx->flow_key;

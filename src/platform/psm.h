@@ -34,6 +34,18 @@ int psm_cancelXact(psm_xact **xact);
 // setting, which is 0 for an interface without one, or nonzero with `*enable` left as it was.
 int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable);
 
+// Reads the name of the configured web-reputation server, at most `size` - 1 characters, with its
+// NUL into `text`. Returns 0, nonzero when none is configured.
+int psm_webroot_server_pgetName(struct psm_xact *xact, char *text, size_t size);
+
+// Asks the URL-filtering agent for a domain's web categories: a request of 184 bytes, an answer of
+// at most 148 (webfilter/records/web.h). Returns a negative value when there was no answer. Blocks
+// until the answer is there.
+int psm_urlfilter_get_category(const void *request, void *reply);
+
+// The names of the web categories by their ids 0 to 83; a name begins at its row's second byte.
+extern const char g_cat_map[84][66];
+
 // Writes the running firmware's version as text with its NUL into `text`, a buffer of `size` bytes,
 // cut where it is full. Returns 0, nonzero when there is none.
 int psm_sys_get_fw_version(char *text, size_t size);

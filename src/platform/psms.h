@@ -26,7 +26,26 @@ int psms_av_set_tm_en(int enable);
 // Makes the kernel's flow table forget the application policy of every flow. Returns 0 on success.
 int psms_rflow_reset_app_policy();
 
-// Switches application visibility on or off for a network device. Returns 0 when the kernel was
-// told, nonzero otherwise.
+// Switches application visibility, URL filtering or Wi-Fi calling on or off for a network device.
+// Each returns 0 when the kernel was told, nonzero otherwise.
 int psms_av_set_dev_av(const char *ifname, int enable);
+int psms_av_set_dev_url(const char *ifname, int enable);
+int psms_av_set_dev_wfc(const char *ifname, int enable);
+
+// Sets the application and the verdict of one flow: its key (60 bytes), an action block (16 bytes,
+// the QoS bytes of a verdict), the application's name, its web category and a verdict code. Returns
+// 0 on success.
+int psms_rflow_set_app(const void *flow_key, const void *action, const char *name, int a4,
+                       uint16_t category, uint32_t verdict, int a7, int a8);
+
+// The DNS spoofing service behind safe search. `mode` is 2 for a UTP (`ifname` is then none) and 1
+// for an interface (`utp_id` is then 0). They remove and add the mapping of a host name to an
+// address in network byte order, and switch the service on (1) or off (0) for an interface. Each
+// returns 0 on success.
+int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int mode,
+                                               uint32_t utp_id);
+int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *host,
+                                               const uint32_t *address_be, int a4, int a5, int a6,
+                                               int mode, uint32_t utp_id);
+int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable);
 }

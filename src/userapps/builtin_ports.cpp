@@ -1,6 +1,6 @@
 #include "userapps/builtin_ports.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 #include <algorithm>
 #include <array>
@@ -210,11 +210,6 @@ struct port_ranges {
 
 constexpr port_ranges TCP_RANGES(is_tcp);
 constexpr port_ranges UDP_RANGES(is_udp);
-
-void copy_lower_case(char (&field)[65], const char *name) {
-    copy_text(field, name);
-    std::transform(field, field + sizeof field, field, ascii_lower);
-}
 
 } // namespace
 

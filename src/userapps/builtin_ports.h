@@ -7,8 +7,8 @@
 // searched by halves. A new service is a row in builtin_ports.cpp.
 #pragma once
 
-#include "packet/records.h"
-#include "userapps/records.h"
+#include "packet/records/context.h"
+#include "userapps/records/apps.h"
 
 inline constexpr size_t BUILTIN_PORT_APPS = 111;
 

@@ -1,11 +1,13 @@
 #include "userapps/port_service.h"
 
-#include "core/log.h"
-#include "core/shell.h"
-#include "core/text.h"
-#include "core/text_file.h"
+#include "core/base/log.h"
+#include "core/base/shell.h"
+#include "core/files/saved_file.h"
+#include "core/files/text_file.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "platform/psms.h"
-#include "userapps/port_service_line.h"
+#include "userapps/port_file/port_service_line.h"
 #include "userapps/settle.h"
 
 #include <algorithm>
@@ -15,34 +17,30 @@
 
 namespace {
 
+constexpr char READER[] = "jorn_parse_port_service_conf_file";
+
 port_app *find_same_port(const port_app_list &list, const port_service &row) {
-    for (port_app *entry = list.head; entry != nullptr; entry = entry->next) {
-        if (entry->begin_port == row.begin_port &&
-            (row.tcp_flag != 0 ? entry->tcp_flag : entry->udp_flag) != 0)
-            return entry;
-    }
-    return nullptr;
+    return list.find([&row](const port_app &entry) {
+        return entry.begin_port == row.begin_port &&
+               (row.tcp_flag != 0 ? entry.tcp_flag : entry.udp_flag) != 0;
+    });
 }
 
 int insert_by_name(port_app_list &list, const port_service &row) {
     auto *entry = new (std::nothrow) port_app{row, nullptr};
     if (entry == nullptr) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_parse_port_service_conf_file", 0, "alloc memory failed");
+        JORN_ERROR_AS(READER, "alloc memory failed");
         return PORT_SERVICE_ERR_MEMORY;
     }
-    port_app **link = &list.head;
-    while (*link != nullptr && strcmp((*link)->app_name, entry->app_name) < 0)
-        link = &(*link)->next;
-    entry->next = *link;
-    *link = entry;
-    ++list.port_app_count;
+    list.insert(entry, [entry](const port_app &listed) {
+        return strcmp(listed.app_name, entry->app_name) >= 0;
+    });
     return 0;
 }
 
 int add_record(port_app_list &list, const port_service &row) {
-    if (list.port_app_count >= PORT_APPS_MAX) {
-        JORN_LOG_AS(JORN_LOG_ERROR, "jorn_parse_port_service_conf_file", 0,
-                    "MAX port/app entry number reached, cannot insert\n");
+    if (list.port_app_count() >= PORT_APPS_MAX) {
+        JORN_ERROR_AS(READER, "MAX port/app entry number reached, cannot insert\n");
         return PORT_SERVICE_ERR_LIMIT;
     }
     port_app *same = find_same_port(list, row);
@@ -53,21 +51,21 @@ int add_record(port_app_list &list, const port_service &row) {
 }
 
 int read_records(FILE *file, const char *path, port_app_list &list) {
-    line_reader reader(file, path, PORT_SERVICE_LINE_MAX);
+    line_reader reader(file, path, JORN_AS(READER), PORT_SERVICE_LINE_MAX);
     for (std::string_view line; reader.next(line);) {
         port_service row;
         std::string_view version;
         const port_service_line kind = parse_port_service_line(line, row, version);
         if (kind == port_service_line::VERSION)
-            JORN_DEBUG("port service file version: %.*s\n", static_cast<int>(version.size()),
-                       version.data());
+            JORN_DEBUG_AS(READER, "port service file version: %.*s\n",
+                          static_cast<int>(version.size()), version.data());
         if (kind != port_service_line::RECORD)
             continue;
         if (const int result = add_record(list, row); result != 0)
             return result;
     }
     if (reader.read_error() != 0) {
-        JORN_ERRNO(reader.read_error(), "%s: can't be read to its end\n", path);
+        JORN_ERRNO_AS(READER, reader.read_error(), "%s: can't be read to its end\n", path);
         return PORT_SERVICE_ERR_FILE;
     }
     return 0;
@@ -75,14 +73,14 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
 
 const port_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
     const arc_policy *policy = arc_policy_of(utp_id);
-    for (const port_app *entry = jorn_state.port_apps.head; entry != nullptr; entry = entry->next) {
-        if (policy != nullptr && __is_userdef_port_attached_to_arc(policy, entry) == 0)
+    for (const port_app &entry : jorn_state.port_apps) {
+        if (policy != nullptr && __is_userdef_port_attached_to_arc(policy, &entry) == 0)
             continue;
-        if (entry->begin_port != pkt.dst_port && entry->begin_port != pkt.src_port)
+        if (entry.begin_port != pkt.dst_port && entry.begin_port != pkt.src_port)
             continue;
-        if ((entry->tcp_flag != 0 && pkt.ip_proto == IPPROTO_TCP) ||
-            (entry->udp_flag != 0 && pkt.ip_proto == IPPROTO_UDP))
-            return entry;
+        if ((entry.tcp_flag != 0 && pkt.ip_proto == IPPROTO_TCP) ||
+            (entry.udp_flag != 0 && pkt.ip_proto == IPPROTO_UDP))
+            return &entry;
     }
     return nullptr;
 }
@@ -93,7 +91,7 @@ int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
     FILE *file = fopen(path, "re");
     if (file == nullptr) {
         JORN_ERROR("open %s fail \n", path);
-        remove_by_shell(path);
+        remove_by_shell(path, JORN_HERE);
         return PORT_SERVICE_ERR_FILE;
     }
     port_app_list_clear(list);
@@ -105,7 +103,8 @@ int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
 
 int jorn_process_cmd_port_service_cfg_req() {
     JORN_DEBUG("process the CMD_PORT_SERVICE_CFG_REQ \n");
-    const int result = jorn_parse_port_service_conf_file(PORT_SERVICE_PATH, &jorn_state.port_apps);
+    const int result = jorn_parse_port_service_conf_file(saved_file_path(PORT_SERVICE_FILE).c_str(),
+                                                         &jorn_state.port_apps);
     if (result != 0) {
         JORN_ERROR("parse the port/app configuration file fail\n");
         return result;
@@ -116,18 +115,14 @@ int jorn_process_cmd_port_service_cfg_req() {
 }
 
 void port_app_list_clear(port_app_list *list) {
-    for (port_app *entry = list->head; entry != nullptr;) {
-        port_app *next = entry->next;
-        delete entry;
-        entry = next;
-    }
-    *list = {};
+    list->release_all();
     settle_userapps(); // nothing of it may point at what was released
 }
 
 int jorn_detect_pkt_userdef_port_service_app(pkt_ctx *pkt) {
-    const port_app *entry =
-        jorn_log_enabled(JORN_LOG_DEBUG) ? walk_port_apps(*pkt) : find_port_app(*pkt);
+    if (jorn_log_enabled(JORN_LOG_DEBUG))
+        walk_port_apps(*pkt);
+    const port_app *entry = find_port_app(*pkt);
     if (entry == nullptr)
         return 0;
     JORN_INFO("Match in Port-Mapping App\n");

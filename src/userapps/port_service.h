@@ -8,11 +8,14 @@
 // destination's.
 #pragma once
 
-#include "control/records.h"
-#include "packet/records.h"
-#include "userapps/records.h"
+#include "control/records/arc.h"
+#include "packet/records/context.h"
+#include "userapps/records/apps.h"
 
-inline constexpr char PORT_SERVICE_PATH[] = "/writable/jorn/uploadjorport_file_1.0";
+struct port_app_list; // core/state/state.h
+
+// In the folder of the saved files, where the controller puts it.
+inline constexpr char PORT_SERVICE_FILE[] = "uploadjorport_file_1.0";
 
 inline constexpr int PORT_SERVICE_ERR_LIMIT = -1;
 inline constexpr int PORT_SERVICE_ERR_MEMORY = -2;
@@ -23,7 +26,7 @@ inline constexpr int PORT_SERVICE_ERR_FILE = -9;
 // when memory ran out. The entries read before a failure stay.
 int jorn_parse_port_service_conf_file(const char *path, port_app_list *list);
 
-// Command 13: reads PORT_SERVICE_PATH and, when all of it could be read, has the platform forget
+// Command 13: reads PORT_SERVICE_FILE and, when all of it could be read, has the platform forget
 // its flows' policies. Returns what the reading does.
 int jorn_process_cmd_port_service_cfg_req();
 
@@ -33,9 +36,11 @@ void port_app_list_clear(port_app_list *list);
 // Names the packet after the first entry that fits. Returns 1 when there is one, else 0.
 int jorn_detect_pkt_userdef_port_service_app(pkt_ctx *pkt);
 
-// The entry that names a packet, or none: by the settled index, and by walking the list with a line
-// of the log for each step. Both find the same.
+// The entry that names a packet, or none, by the settled index.
 const port_app *find_port_app(const pkt_ctx &pkt);
+
+// The same by walking the list, with a line of the log for each step: debugging shows it, and
+// decides nothing by it.
 const port_app *walk_port_apps(const pkt_ctx &pkt);
 
 // 1 when the policy lists the entry's application as "User Defined", else 0.

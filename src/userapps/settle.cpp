@@ -1,7 +1,8 @@
 #include "userapps/settle.h"
 
-#include "control/arc_tables.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 
 #include <algorithm>
 #include <string_view>
@@ -113,12 +114,13 @@ void settle_userapps() {
     for (unsigned i = 0; i < apps.userdef_count; ++i)
         apps.criteria[i] = criteria_of(jorn_state.userdef_apps.records[i]);
 
-    const port_app *head = jorn_state.port_apps.head;
-    apps.ports.build(head);
+    const port_app_list &list = jorn_state.port_apps;
+    apps.ports.build(list.head);
     apps.port_app_count = 0;
-    for (const port_app *entry = head; entry != nullptr && apps.port_app_count < PORT_APPS_MAX;
-         entry = entry->next)
-        apps.port_apps[apps.port_app_count++] = entry;
+    for (const port_app &entry : list) {
+        if (apps.port_app_count < PORT_APPS_MAX)
+            apps.port_apps[apps.port_app_count++] = &entry;
+    }
     sort_by_name(apps);
 }
 
@@ -129,7 +131,7 @@ const settled_apps &settled() {
 }
 
 const arc_policy *arc_policy_of(uint32_t utp_id) {
-    const utp_entry *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
+    const utp_entry<arc_policy> *entry = utp_lookup(jorn_state.arc_utp_table, utp_id);
     return entry != nullptr ? entry->policy : nullptr;
 }
 

@@ -8,11 +8,11 @@
 // policy's 64 rules are looked up among the sorted names, so that a packet waits for the rules of
 // two policies and never for those of all. The order of the list plays no part in it.
 //
-// The packet path uses this while debugging is off; with debugging on it walks the tables, because
-// every step of the walk is a line of the log.
+// The packet path decides by this. While debugging is on it walks the tables before, because every
+// step of the walk is a line of the log.
 #pragma once
 
-#include "core/state.h"
+#include "userapps/records/settled.h"
 
 void settle_userapps();
 

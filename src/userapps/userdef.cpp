@@ -1,11 +1,11 @@
 #include "userapps/userdef.h"
 
-#include "core/log.h"
-#include "core/text.h"
+#include "core/base/log.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "platform/psms.h"
 #include "userapps/settle.h"
 
-#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <netinet/in.h>
@@ -53,14 +53,26 @@ const userdef_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
 
 } // namespace
 
-int jorn_process_cmd_userdef_policy_cfg_req(const uint8_t *payload) {
+int jorn_process_cmd_userdef_policy_cfg_req(const void *payload) {
     JORN_DEBUG("process the CMD_POLICY_USERDEF_CFG_REQ \n");
     int32_t count;
     memcpy(&count, payload, sizeof count);
-    return jorn_update_user_def_policy_cfg(payload + sizeof count, count);
+    return jorn_update_user_def_policy_cfg(static_cast<const uint8_t *>(payload) + sizeof count,
+                                           count);
 }
 
-int jorn_update_user_def_policy_cfg(const uint8_t *records, int32_t count) {
+bool userdef_payload_complete(const void *payload, size_t received) {
+    int32_t count;
+    memcpy(&count, payload, sizeof count);
+    if (count <= 0 || count > USERDEF_APPS_MAX ||
+        received >= sizeof count + static_cast<size_t>(count) * sizeof(userdef_app))
+        return true;
+    JORN_ERROR_AS("jorn_process_cmd_userdef_policy_cfg_req",
+                  "%d user-defined applications don't fit into %zu bytes\n", count, received);
+    return false;
+}
+
+int jorn_update_user_def_policy_cfg(const void *records, int32_t count) {
     if (count < 0 || count > USERDEF_APPS_MAX) {
         JORN_ERROR("too many user define policies : %d\n", count);
         return -1;
@@ -70,11 +82,11 @@ int jorn_update_user_def_policy_cfg(const uint8_t *records, int32_t count) {
     userdef_table &table = jorn_state.userdef_apps;
     table = {};
     table.count = count;
-    std::copy_n(records, static_cast<size_t>(count) * sizeof(userdef_app),
-                reinterpret_cast<uint8_t *>(table.records));
+    if (count > 0)
+        memcpy(table.records, records, static_cast<size_t>(count) * sizeof(userdef_app));
     for (int32_t i = 0; i < count; ++i) {
         userdef_app &record = table.records[i];
-        record.app_name[sizeof record.app_name - 1] = '\0';
+        terminate(record.app_name);
         userdef_build_bitmap(&record);
     }
     settle_userapps();
@@ -97,8 +109,9 @@ void userdef_build_bitmap(userdef_app *record) {
 }
 
 int jorn_detect_pkt_userdef_app(pkt_ctx *pkt) {
-    const userdef_app *record =
-        jorn_log_enabled(JORN_LOG_DEBUG) ? walk_userdef_apps(*pkt) : find_userdef_app(*pkt);
+    if (jorn_log_enabled(JORN_LOG_DEBUG))
+        walk_userdef_apps(*pkt);
+    const userdef_app *record = find_userdef_app(*pkt);
     if (record == nullptr)
         return 0;
     JORN_INFO("MATCH for User-Defined App\n");

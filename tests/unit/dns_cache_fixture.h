@@ -1,9 +1,10 @@
 // A test with a fresh state block, platform and DNS cache.
 #pragma once
 
-#include "core/dns_cache.h"
-#include "core/hash_table.h"
-#include "core/state.h"
+#include "core/base/hash_table.h"
+#include "core/base/settings.h"
+#include "core/dns/dns_cache.h"
+#include "core/state/state.h"
 #include "fake_platform.h"
 
 #include <arpa/inet.h>
@@ -21,6 +22,7 @@ class DnsCacheFixture : public testing::Test {
 protected:
     void SetUp() override {
         jorn_state = {};
+        jorn_settings = {};
         platform = {};
         ASSERT_EQ(jorn_dnscache_hash_table_init(), 0);
     }
@@ -28,6 +30,7 @@ protected:
         hash_table_clear(jorn_state.dns_cache);
         hash_table_free(jorn_state.dns_cache);
         jorn_state = {};
+        jorn_settings = {};
     }
     // The cached name, or "-".
     static std::string cached(const std::string &address) {

@@ -1,7 +1,7 @@
 // Frames for the unit tests, built from the outside in: ethernet(0x0800, ipv4(17, udp(53, 1024))).
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/context.h"
 
 #include <cstdint>
 #include <string>

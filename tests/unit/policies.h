@@ -2,9 +2,10 @@
 // does.
 #pragma once
 
-#include "control/arc_tables.h"
-#include "core/state.h"
-#include "core/text.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "core/text/text.h"
 #include "fake_platform.h"
 
 #include <gtest/gtest.h>
@@ -19,11 +20,8 @@ inline arc_rule rule_of(const std::string &app_name, const std::string &cat_name
 }
 
 inline const arc_policy *add_policy(const arc_policy_wire &wire) {
-    __arc_policy_add_end(reinterpret_cast<const uint8_t *>(&wire));
-    const arc_policy *policy = jorn_state.arc_policy_list;
-    while (policy->next != nullptr)
-        policy = policy->next;
-    return policy;
+    __arc_policy_add_end(&wire);
+    return jorn_state.arc_policy_list.tail;
 }
 
 inline const arc_policy *add_policy(uint32_t utp_id, const std::vector<arc_rule> &rules = {}) {
@@ -37,6 +35,7 @@ class FreshState : public testing::Test {
 protected:
     void SetUp() override {
         jorn_state = {};
+        jorn_settings = {};
         platform = {};
     }
     void TearDown() override { jorn_process_arc_policy_flush(); }

@@ -1,11 +1,12 @@
 // The packet path allocates nothing. Every call of the allocator is counted: through the
 // sanitizer's hooks where there is one, else by standing in for malloc and its kin, on which
 // operator new is built.
-#include "core/state.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
 #include "fake_platform.h"
 #include "frames.h"
 #include "packet/capture.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 #include "packet/process.h"
 
 #include <gtest/gtest.h>
@@ -77,6 +78,7 @@ namespace {
 
 TEST(Allocations, NoneInTenThousandPackets) {
     jorn_state = {};
+    jorn_settings = {};
     platform = {};
     platform.keeps_records = false;
     jorn_pkt_processor = jorn_decode_eth_pkt;

@@ -1,4 +1,5 @@
 #include "classify/arc_policy.h"
+#include "core/state/state.h"
 #include "policies.h"
 
 #include <cstring>
@@ -31,7 +32,7 @@ int add_utp(uint32_t id, const char *uuid = "") {
     utp_entry_wire entry = {};
     entry.id = id;
     copy_text(entry.uuid, uuid);
-    return jorn_process_arc_config(reinterpret_cast<const uint8_t *>(&entry));
+    return jorn_process_arc_config(&entry);
 }
 
 pkt_ctx named(const std::string &name, uint16_t app_id = 0, uint16_t cat_id = 0) {

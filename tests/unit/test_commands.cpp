@@ -1,17 +1,13 @@
 #include "control/commands.h"
-#include "control/configuration.h"
-#include "control/reply.h"
+#include "control/files/configuration.h"
+#include "core/base/reply.h"
+#include "core/state/state.h"
 #include "policies.h"
+#include "support/saved_folder.h"
 
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
-
-static int saves;
-
-void jorn_save_configuration() {
-    ++saves;
-}
 
 namespace {
 
@@ -73,18 +69,21 @@ TEST_F(Commands, ShortAndUnassignedMessagesChangeNothing) {
     run_command(-1, message.data(), COMMAND_NUMBER_END - 1);
     for (const uint32_t number : {0u, 3u, 5u, 27u, 40u, 0xFFFFFFFFu})
         EXPECT_EQ(run(number, std::vector<uint8_t>(7352, 1)), "");
-    EXPECT_EQ(jorn_state.arc_policy_list, nullptr);
+    EXPECT_TRUE(jorn_state.arc_policy_list.empty());
     EXPECT_TRUE(platform.calls.empty());
 }
 
 TEST_F(Commands, FileFollowsTheCommandsThatChangeItRefusedOnesToo) {
-    saves = 0;
+    const saved_folder folder;
+    const auto saves = [&](uint32_t number) {
+        std::filesystem::remove(folder.path_of(APPLICATION_POLICY_FILE));
+        run(number);
+        return !folder.read(APPLICATION_POLICY_FILE).empty();
+    };
     for (const uint32_t number : {6u, 20u, 23u, 26u, 17u})
-        run(number);
-    EXPECT_EQ(saves, 5);
+        EXPECT_TRUE(saves(number)) << number;
     for (const uint32_t number : {8u, 22u, 24u, 34u})
-        run(number);
-    EXPECT_EQ(saves, 5);
+        EXPECT_FALSE(saves(number)) << number;
 }
 
 TEST(Reply, IsCutAtAWholeLineAndStaysCut) {

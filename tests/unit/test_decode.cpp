@@ -1,7 +1,9 @@
-#include "core/log.h"
-#include "core/stats.h"
+#include "core/base/log.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "core/state/stats.h"
 #include "frames.h"
-#include "packet/decode.h"
+#include "packet/decode/decode.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -56,6 +58,7 @@ TEST(Decode, CountsByKind) {
     };
     for (const auto &row : rows) {
         jorn_state = {};
+        jorn_settings = {};
         testing::internal::CaptureStderr();
         decode(with_trailer(row.frame));
         testing::internal::GetCapturedStderr();

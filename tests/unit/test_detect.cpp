@@ -1,5 +1,7 @@
 #include "classify/detect.h"
-#include "control/dpi_engine.h"
+#include "control/files/dpi_engine.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
 #include "dns_cache_fixture.h"
 #include "policies.h"
 #include "userapps/settle.h"
@@ -81,9 +83,10 @@ TEST_F(Detect, TheStepsInTheirOrder) {
         jorn_state.userdef_apps = {};
         if ((row.sources & DEFINITION) != 0)
             jorn_state.userdef_apps = {1, {definition}};
-        jorn_state.port_apps = {(row.sources & SERVICE) != 0 ? &service : nullptr, 1};
+        port_app *listed = (row.sources & SERVICE) != 0 ? &service : nullptr;
+        jorn_state.port_apps = {{listed, listed, 1}};
         settle_userapps();
-        jorn_state.settings.tm_engine_enabled = (row.sources & ENGINE) != 0 ? 1 : 0;
+        jorn_settings.tm_engine_enabled = (row.sources & ENGINE) != 0 ? 1 : 0;
         hash_table_clear(jorn_state.dns_cache);
         if ((row.sources & DNS) != 0)
             learn_dns_name(ip("192.0.2.7"), "d.example");

@@ -1,3 +1,4 @@
+#include "core/state/state.h"
 #include "dns_cache_fixture.h"
 
 #include <sys/mman.h>

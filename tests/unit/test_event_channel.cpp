@@ -1,5 +1,5 @@
 // Runs in namespaces of its own: the service's path is the machine's.
-#include "core/event_channel.h"
+#include "core/base/event_channel.h"
 #include "fake_platform.h"
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "core/hash_table.h"
+#include "core/base/hash_table.h"
 
 #include <algorithm>
 #include <cstdlib>

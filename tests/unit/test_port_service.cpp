@@ -1,3 +1,4 @@
+#include "core/state/state.h"
 #include "userapps/builtin_ports.h"
 #include "userapps_fixture.h"
 
@@ -15,11 +16,11 @@ TEST_F(PortService, Holds1025Entries) {
     for (int port = 1; port <= 1024; ++port)
         content += std::to_string(port) + ",tcp,1,2,a\n";
     EXPECT_EQ(load_ports(content + "1,tcp,9,9,b\n2000,udp,1,2,last\n"), 0);
-    EXPECT_EQ(jorn_state.port_apps.port_app_count, 1025u);
+    EXPECT_EQ(jorn_state.port_apps.count, 1025u);
     EXPECT_STREQ(find_port_app(packet(17, 7, 2000))->app_name, "last");
     // Full is full, also for a line that would only update.
     EXPECT_EQ(load_ports(content + "2000,udp,1,2,last\n1,tcp,9,9,b\n"), -1);
-    EXPECT_EQ(jorn_state.port_apps.port_app_count, 1025u);
+    EXPECT_EQ(jorn_state.port_apps.count, 1025u);
     EXPECT_STREQ(find_port_app(packet(6, 7, 1))->app_name, "a");
 }
 

@@ -1,3 +1,4 @@
+#include "core/state/state.h"
 #include "userapps_fixture.h"
 
 #include <arpa/inet.h>

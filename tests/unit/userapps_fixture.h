@@ -1,6 +1,7 @@
 // Short ways to fill the tables of user-defined applications.
 #pragma once
 
+#include "core/state/state.h"
 #include "policies.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
@@ -24,7 +25,7 @@ protected:
     }
 
     static int set_definitions(const std::vector<userdef_app> &records) {
-        return jorn_update_user_def_policy_cfg(reinterpret_cast<const uint8_t *>(records.data()),
+        return jorn_update_user_def_policy_cfg(records.data(),
                                                static_cast<int32_t>(records.size()));
     }
 

@@ -1,7 +1,7 @@
 #include "avcore/dns_answer.h"
 
-#include "core/text.h"
-#include "packet/cursor.h"
+#include "core/text/text.h"
+#include "packet/decode/cursor.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "avcore/dpi.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 #include <ndpi_api.h>
 #include <stdexcept>

@@ -19,7 +19,7 @@
 #pragma once
 
 #include "avcore/flow_table.h"
-#include "packet/records.h"
+#include "packet/records/kernel.h"
 
 #include <cstddef>
 #include <cstdint>

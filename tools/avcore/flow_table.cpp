@@ -1,6 +1,6 @@
 #include "avcore/flow_table.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 namespace avcore {
 

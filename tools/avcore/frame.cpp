@@ -1,8 +1,8 @@
 #include "avcore/frame.h"
 
-#include "packet/cursor.h"
-#include "packet/decode.h"
-#include "packet/flow_key.h"
+#include "packet/decode/cursor.h"
+#include "packet/decode/decode.h"
+#include "packet/decode/flow_key.h"
 
 #include <cstring>
 #include <utility>

@@ -2,7 +2,7 @@
 // flow key is the one that the frame's verdict will carry.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/kernel.h"
 
 #include <array>
 #include <compare>

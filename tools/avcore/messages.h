@@ -3,7 +3,7 @@
 // is none.
 #pragma once
 
-#include "packet/records.h"
+#include "packet/records/kernel.h"
 
 #include <cstddef>
 #include <cstdint>

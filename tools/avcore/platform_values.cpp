@@ -1,6 +1,6 @@
 #include "avcore/platform_values.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 namespace avcore {
 

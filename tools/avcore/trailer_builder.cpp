@@ -1,6 +1,6 @@
 #include "avcore/trailer_builder.h"
 
-#include "core/text.h"
+#include "core/text/text.h"
 
 namespace avcore {
 

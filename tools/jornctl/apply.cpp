@@ -31,7 +31,7 @@ void counted_records(const document &wanted, uint32_t number, std::vector<comman
 }
 
 struct step {
-    uint32_t number;
+    command_number number;
     void (*add)(const document &wanted, uint32_t number, std::vector<command> &commands);
 };
 

@@ -1,18 +1,21 @@
 // The fields of ARC policies and UTP entries. Their keys are the names of the records' members.
 #pragma once
 
-#include "control/records.h"
+#include "control/lines/arc_lines.h"
+#include "control/records/arc.h"
 #include "jornctl/fields.h"
+#include "userapps/lines/userdef_line.h"
 
 namespace jornctl {
 
-// What the application-policy file has room for between two separators, and gives back as it was.
-inline constexpr const char *POLICY_FILE_MARKERS[] = {"[policy end]", "[userdef end]"};
-inline constexpr file_format POLICY_FILE = {",;", POLICY_FILE_MARKERS};
+// The application-policy file. An application's name stands in rules, too, so what divides either
+// line is no part of any name.
+std::string policy_file_separators();
+inline constexpr const char *POLICY_FILE_MARKERS[] = {ARC_BLOCK_END, USERDEFS_END};
+inline constexpr file_format POLICY_FILE = {policy_file_separators, POLICY_FILE_MARKERS};
 
-inline constexpr named_number MARK_KINDS[] = {{"dot1p", 0}, {"dscp", 1}, {"both", 2}};
-inline constexpr named_number TRAFFIC_TYPES[] = {
-    {"Background", 0}, {"BestEffort", 1}, {"Video", 2}, {"Voice", 3}};
+inline constexpr auto MARK_KINDS = numbered(ARC_MARK_KINDS);
+inline constexpr auto TRAFFIC_TYPES = numbered(ARC_TRAFFIC_TYPES);
 // The category of the administrator's own applications goes by its name, too.
 inline constexpr named_number CATEGORIES[] = {{CATEGORY_NAME_USER_DEFINED, CATEGORY_USER_DEFINED}};
 

@@ -1,6 +1,6 @@
 #include "jornctl/client.h"
 
-#include "control/message.h"
+#include "control/records/message.h"
 #include "jornctl/failure.h"
 #include "unique_fd.h"
 

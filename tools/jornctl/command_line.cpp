@@ -1,6 +1,6 @@
 #include "jornctl/command_line.h"
 
-#include "control/records.h"
+#include "control/records/arc.h"
 #include "jornctl/apply.h"
 #include "jornctl/client.h"
 #include "jornctl/commands.h"
@@ -27,7 +27,7 @@ constexpr unsigned PATIENCE_SECONDS_MAX = 3'600;
 // The commands without a document. A new one is a row.
 struct verb {
     const char *word;
-    uint32_t command;
+    command_number command;
     const char *argument; // the number that is its payload; null for none
     const char *help;
 };
@@ -149,13 +149,13 @@ int install_port_services(const request &asked) {
 }
 
 int log_policy(const request &asked) {
-    log_policy_payload payload = {};
+    arc_policy_log_cfg payload = {};
     const size_t name_max = sizeof(arc_policy_wire::name) - 1;
     if (asked.name.empty() || asked.name.size() > name_max)
         throw refused("a policy's name has 1 to " + std::to_string(name_max) + " characters: \"" +
                       asked.name + '"');
     memcpy(payload.name, asked.name.data(), asked.name.size());
-    payload.enable = asked.is_on();
+    payload.value = asked.is_on();
     asked.send({CMD_ARC_POLICY_LOG_CFG_REQ, record_bytes(payload)});
     return STATUS_DONE;
 }

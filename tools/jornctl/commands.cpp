@@ -15,9 +15,9 @@ constexpr field<word_payload> ID_FIELDS[] = {
 constexpr field<word_payload> DEBUG_FIELDS[] = {
     {"debug", at<&word_payload::word, flag>, REQUIRED},
 };
-constexpr field<log_policy_payload> LOG_POLICY_FIELDS[] = {
-    {"name", at<&log_policy_payload::name, text<>>, REQUIRED},
-    {"enable", at<&log_policy_payload::enable, flag>, REQUIRED},
+constexpr field<arc_policy_log_cfg> LOG_POLICY_FIELDS[] = {
+    {"name", at<&arc_policy_log_cfg::name, text<>>, REQUIRED},
+    {"log_enable", at<&arc_policy_log_cfg::value, flag>, REQUIRED},
 };
 
 // How a payload is shown. A short one counts as filled up with zeros.
@@ -76,7 +76,7 @@ enum file_effect : uint8_t {
 };
 
 struct command_row {
-    uint32_t number;
+    command_number number;
     const char *name;
     payload_form payload;
     file_effect effect = LEAVES;
@@ -94,7 +94,7 @@ constexpr command_row COMMANDS[] = {
     {CMD_ARC_POLICY_CFG_REQ, "CMD_ARC_POLICY_CFG_REQ", ONE<arc_policy_wire, POLICY_FIELDS>, WRITES},
     {CMD_ARC_POLICY_FLUSH_REQ, "CMD_ARC_POLICY_FLUSH_REQ", EMPTY, OUTDATES},
     {CMD_ARC_POLICY_LOG_CFG_REQ, "CMD_ARC_POLICY_LOG_CFG_REQ",
-     ONE<log_policy_payload, LOG_POLICY_FIELDS>, WRITES},
+     ONE<arc_policy_log_cfg, LOG_POLICY_FIELDS>, WRITES},
     {CMD_DEBUG_CFG_REQ, "CMD_DEBUG_CFG_REQ", ONE<word_payload, DEBUG_FIELDS>},
     {CMD_UT_CASE_REQ, "CMD_UT_CASE_REQ", ONE<word_payload, ID_FIELDS>},
 };

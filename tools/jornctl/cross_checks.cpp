@@ -1,17 +1,15 @@
 #include "jornctl/cross_checks.h"
 
+#include "control/lines/arc_lines.h"
 #include "jornctl/failure.h"
 
-#include <cstdio>
+#include <array>
 #include <cstring>
 #include <map>
 #include <strings.h>
 
 namespace jornctl {
 namespace {
-
-// A policy's block in the daemon's file, from "[policy]" to the empty line, stays below this.
-constexpr size_t FILE_BLOCK_END = 8'096;
 
 std::string place(const char *table, size_t index, const char *key = "") {
     return std::string("/") + table + '/' + std::to_string(index) + key;
@@ -49,17 +47,20 @@ void check_policy_uuids(const std::vector<arc_policy_wire> &policies) {
     }
 }
 
-// How many characters the daemon's file needs for the policy.
-size_t file_block_size(const arc_policy_wire &policy) {
-    int size = snprintf(nullptr, 0, "[policy]\n%d;%d;%d;%d;%u;\n[policy end]\n\n", policy.attr1,
-                        policy.attr3, policy.attr4, policy.log_enable, policy.utp_id);
+bool fits_file(const arc_policy_wire &policy) {
+    std::array<char, ARC_BLOCK_LIMIT> block;
+    size_t length = 0;
+    text_appender to(block.data(), &length, block.size());
+    to.append(ARC_BLOCK_BEGIN);
+    to.append("\n");
+    write_line(to, ARC_HEADER_LINE, policy);
     for (const arc_rule &rule : policy.rules) {
         if (rule.app_name[0] != '\0')
-            size +=
-                snprintf(nullptr, 0, "%d,%d,%s,%s,%u,0,0,0,0,0,%d,%d;\n", rule.app_id, rule.cat_id,
-                         rule.app_name, rule.cat_name, rule.deny, rule.rate_up, rule.rate_down);
+            write_line(to, ARC_RULE_LINE, rule);
     }
-    return static_cast<size_t>(size);
+    to.append(ARC_BLOCK_END);
+    to.append("\n\n");
+    return to.result() == 0;
 }
 
 // Whether a flow that the later rule fits always fits the earlier one.
@@ -109,7 +110,7 @@ void warn_of_policies(document &read, const node &written) {
         warn_of_far_utp(policy.utp_id, place("policies", i, "/utp_id"), read);
         if (policy.rules[0].app_name[0] == '\0')
             read.warn(place("policies", i), "has no rules, so a restart of the daemon loses it");
-        else if (file_block_size(policy) >= FILE_BLOCK_END)
+        else if (!fits_file(policy))
             read.warn(place("policies", i), "too much text for the daemon's file, so a restart of "
                                             "the daemon loses it");
     }

@@ -5,9 +5,9 @@
 // together, by cross_checks.cpp.
 #pragma once
 
-#include "control/records.h"
+#include "control/records/arc.h"
 #include "jornctl/json.h"
-#include "userapps/records.h"
+#include "userapps/records/apps.h"
 
 #include <optional>
 #include <string>

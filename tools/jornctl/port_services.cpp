@@ -1,6 +1,6 @@
 #include "jornctl/port_services.h"
 
-#include "userapps/port_service_line.h"
+#include "userapps/port_file/port_service_line.h"
 
 #include <algorithm>
 #include <set>

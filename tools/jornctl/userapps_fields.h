@@ -2,7 +2,7 @@
 #pragma once
 
 #include "jornctl/arc_fields.h"
-#include "userapps/records.h"
+#include "userapps/records/apps.h"
 
 #include <netinet/in.h>
 

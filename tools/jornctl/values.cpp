@@ -1,5 +1,6 @@
 #include "jornctl/values.h"
 
+#include "core/text/text.h"
 #include "jornctl/suggestion.h"
 
 namespace jornctl {
@@ -9,16 +10,6 @@ constexpr char DELETE_CHARACTER = 0x7F;
 
 bool is_control(char c) {
     return (c >= 0 && c < ' ') || c == DELETE_CHARACTER;
-}
-
-char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-std::string lower_case(std::string_view text) {
-    std::string lowered(text);
-    std::transform(lowered.begin(), lowered.end(), lowered.begin(), lower);
-    return lowered;
 }
 
 std::vector<std::string> texts_of(std::span<const named_number> words) {
@@ -38,13 +29,12 @@ const named_number *find_word(const node &from, std::span<const named_number> wo
 
 void check_file_text(const node &from, std::string_view text, const file_format &format) {
     const char *const lost = "; the daemon couldn't read that back from its file";
-    if (text.find_first_of(format.separators) != std::string_view::npos)
-        from.refuse(std::string("holds one of \"") + format.separators + '"' + lost);
+    if (text.find_first_of(format.separators()) != std::string_view::npos)
+        from.refuse("holds one of \"" + format.separators() + '"' + lost);
     if (text.starts_with(' ') || text.ends_with(' '))
         from.refuse(std::string("begins or ends with a blank") + lost);
-    const std::string lowered = lower_case(text);
     for (const char *const marker : format.markers) {
-        if (lowered.find(marker) != std::string::npos)
+        if (contains_ignoring_case(text, marker))
             from.refuse("holds \"" + std::string(marker) + '"' + lost);
     }
 }
@@ -53,8 +43,9 @@ void check_file_text(const node &from, std::string_view text, const file_format 
 std::string pattern_of(std::string_view marker) {
     std::string pattern;
     for (const char c : marker) {
-        if (lower(c) >= 'a' && lower(c) <= 'z')
-            pattern += {'[', static_cast<char>(lower(c) - 'a' + 'A'), lower(c), ']'};
+        const char lower = ascii_lower(c);
+        if (lower >= 'a' && lower <= 'z')
+            pattern += {'[', static_cast<char>(lower - 'a' + 'A'), lower, ']'};
         else
             pattern += c == '[' || c == ']' ? std::string{'\\', c} : std::string{c};
     }
@@ -66,7 +57,7 @@ std::string forbidden_pattern(const file_format *format) {
     std::string pattern = "[\\u0000-\\u001f\\u007f";
     if (format == nullptr)
         return pattern + "]";
-    pattern += std::string(format->separators) + "]|^ | $";
+    pattern += format->separators() + "]|^ | $";
     for (const char *const marker : format->markers)
         pattern += '|' + pattern_of(marker);
     return pattern;

@@ -12,6 +12,7 @@
 #include "jornctl/json.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -27,9 +28,18 @@ struct named_number {
     uint32_t number;
 };
 
+// Words whose order is the number.
+template <size_t N>
+constexpr std::array<named_number, N> numbered(const char *const (&words)[N]) {
+    std::array<named_number, N> named = {};
+    for (uint32_t i = 0; i < N; ++i)
+        named[i] = {words[i], i};
+    return named;
+}
+
 // What the lines of a file of the daemon make of some texts.
 struct file_format {
-    const char *separators;
+    std::string (*separators)();
     // Lines that end a block, wherever they stand in a line and in whatever letter case.
     std::span<const char *const> markers;
 };

@@ -1,4 +1,4 @@
-#include "host/av_channel.h"
+#include "platform/host/av_channel.h"
 
 #include <array>
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "host/platform_value.h"
+#include "platform/host/platform_value.h"
 
-#include "host/av_channel.h"
+#include "platform/host/av_channel.h"
 
 #include <cstring>
 

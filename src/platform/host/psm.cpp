@@ -2,8 +2,8 @@
 // itself says.
 #include "platform/psm.h"
 
-#include "host/av_channel.h"
-#include "host/platform_value.h"
+#include "platform/host/av_channel.h"
+#include "platform/host/platform_value.h"
 
 #include <algorithm>
 #include <cstdint>

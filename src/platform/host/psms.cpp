@@ -1,7 +1,7 @@
 // The service library's operations on a plain Linux machine: each call becomes one message.
 #include "platform/psms.h"
 
-#include "host/av_channel.h"
+#include "platform/host/av_channel.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,0 +1,49 @@
+#include "core/base/reply.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t PIECE_SIZE = 2048;
+
+char reply_text[REPLY_SIZE];
+
+} // namespace
+
+line_buffer::line_buffer(char *text, size_t size) : text_(text), size_(size) {
+    text_[0] = '\0';
+}
+
+void line_buffer::append(std::string_view piece) {
+    if (full_)
+        return;
+    if (piece.size() < size_ - length_) {
+        memcpy(text_ + length_, piece.data(), piece.size());
+        length_ += piece.size();
+    } else {
+        full_ = true;
+        const size_t last_line_end = text().rfind('\n');
+        length_ = last_line_end == std::string_view::npos ? 0 : last_line_end + 1;
+    }
+    text_[length_] = '\0';
+}
+
+void line_buffer::format(const char *format, ...) {
+    char piece[PIECE_SIZE];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(piece, sizeof piece, format, arguments);
+    va_end(arguments);
+    append(piece);
+}
+
+line_buffer start_reply() {
+    return {reply_text, sizeof reply_text};
+}
+
+void send_reply(int fd, const line_buffer &reply) {
+    [[maybe_unused]] const ssize_t written = write(fd, reply.text().data(), reply.text().size());
+}

@@ -1,0 +1,46 @@
+// The text that a show command sends back: built piece by piece in one buffer, sent in one write.
+//
+// A show is one function that fills a line_buffer; `answer` has it filled and sends it.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+// A bounded text, built line by line. Once a piece doesn't fit, the text ends at its last whole
+// line and takes no more.
+class line_buffer {
+public:
+    // `text` holds `size` bytes, at least one, and is emptied.
+    line_buffer(char *text, size_t size);
+
+    void append(std::string_view piece);
+
+    // A piece formatted as by printf, cut to 2,048 bytes less its NUL.
+    [[gnu::format(printf, 2, 3)]] void format(const char *format, ...);
+
+    std::string_view text() const { return {text_, length_}; }
+
+private:
+    char *text_;
+    size_t size_;
+    size_t length_ = 0;
+    bool full_ = false;
+};
+
+inline constexpr size_t REPLY_SIZE = 122'880;
+
+// The one reply under construction: there is one command at a time. Emptied by each call.
+line_buffer start_reply();
+
+// Writes a reply to the connection in one write. A peer that went away or doesn't read loses it.
+void send_reply(int fd, const line_buffer &reply);
+
+// Answers on a connection with what `fill` writes, given the arguments behind it. Returns 0, as
+// every show does.
+template <typename... Parameters, typename... Arguments>
+int answer(int fd, void (*fill)(line_buffer &, Parameters...), const Arguments &...arguments) {
+    line_buffer reply = start_reply();
+    fill(reply, arguments...);
+    send_reply(fd, reply);
+    return 0;
+}

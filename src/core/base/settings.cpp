@@ -1,0 +1,3 @@
+#include "core/base/settings.h"
+
+daemon_settings jorn_settings;

@@ -1,3 +1,0 @@
-#include "core/state.h"
-
-daemon_state jorn_state;

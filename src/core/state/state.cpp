@@ -1,0 +1,3 @@
+#include "core/state/state.h"
+
+daemon_state jorn_state;

@@ -1,7 +1,0 @@
-// The kernel's flow key of a decoded packet.
-#pragma once
-
-#include "packet/records.h"
-
-// Zeroes the context's flow key and rebuilds it from the decoded header fields.
-void jorn_build_flow_key(pkt_ctx *ctx);

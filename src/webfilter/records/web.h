@@ -1,0 +1,148 @@
+// The records of web and URL filtering: what the controller sends about web policies and their
+// bindings, and what the daemon and the URL-filtering agent tell each other.
+//
+// The payloads of commands 28 (web_policy_wire), 30 (web_intf_wire) and 31 (uf_agent_reply) have
+// exactly these layouts, in host byte order but for the addresses, and are copied in with memcpy.
+// Texts in them are text only once a NUL was seen inside their field. The stored records add the
+// daemon's links; their counts are within their lists.
+#pragma once
+
+#include "packet/records/kernel.h"
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr size_t WEB_CATEGORIES_MAX = 83; // of one policy; the ids of our table are 0 to 83
+inline constexpr size_t WEB_PATTERNS_MAX = 16;   // of one list
+inline constexpr uint32_t WEB_POLICIES_MAX = 1024;
+inline constexpr uint32_t WEB_INTFS_MAX = 1024;
+
+// What command 28 carries, 2,584 bytes:
+//
+//      0 filter_type      340 num_whitelist    2424 google_safe_search    2448 utp_id
+//      4 num_categories   341 whitelist        2428 google_vip            2452 uuid
+//      8 categories      1381 num_blacklist    2432 bing_safe_search      2517 name
+//                        1382 blacklist        2436 bing_vip
+//                                              2440 youtube_safe_search
+//                                              2444 youtube_vip
+struct web_policy_wire {
+    uint32_t filter_type; // web_filter_type; shown, nothing else
+    uint8_t num_categories;
+    uint8_t padding1[3];
+    int32_t categories[WEB_CATEGORIES_MAX]; // blocked; a decision compares all slots
+    uint8_t num_whitelist;
+    char whitelist[WEB_PATTERNS_MAX][65];
+    uint8_t num_blacklist;
+    char blacklist[WEB_PATTERNS_MAX][65];
+    uint8_t padding2[2];
+    uint8_t google_safe_search; // 1 = forced
+    uint8_t padding3[3];
+    uint32_t google_vip; // network byte order: what the engine's search hosts resolve to
+    uint8_t bing_safe_search;
+    uint8_t padding4[3];
+    uint32_t bing_vip;
+    uint8_t youtube_safe_search;
+    uint8_t padding5[3];
+    uint32_t youtube_vip;
+    uint32_t utp_id; // the web UTP that uses the policy, 0 = none
+    char uuid[65];   // the key; compared without regard to letter case
+    char name[65];
+    uint8_t padding6[2];
+};
+static_assert(sizeof(web_policy_wire) == 2584);
+static_assert(offsetof(web_policy_wire, categories) == 8);
+static_assert(offsetof(web_policy_wire, num_whitelist) == 340);
+static_assert(offsetof(web_policy_wire, num_blacklist) == 1381);
+static_assert(offsetof(web_policy_wire, google_safe_search) == 2424);
+static_assert(offsetof(web_policy_wire, google_vip) == 2428);
+static_assert(offsetof(web_policy_wire, youtube_vip) == 2444);
+static_assert(offsetof(web_policy_wire, utp_id) == 2448);
+static_assert(offsetof(web_policy_wire, uuid) == 2452);
+static_assert(offsetof(web_policy_wire, name) == 2517);
+
+struct web_policy : web_policy_wire {
+    web_policy *next;
+};
+
+// Values of web_intf_wire::op; any other is refused.
+enum web_intf_op : uint32_t {
+    WEB_INTF_DISABLE = 1,
+    WEB_INTF_DELETE = 2,
+    WEB_INTF_ADD = 3,
+};
+
+// What command 30 carries, 96 bytes:   0 enable   1 ifname   20 intf_value   24 op   28 policy_uuid
+struct web_intf_wire {
+    uint8_t enable;
+    char ifname[17]; // compared with regard to letter case
+    uint8_t padding1[2];
+    uint32_t intf_value; // the controller's; logged and saved
+    uint32_t op;         // web_intf_op
+    char policy_uuid[65];
+    uint8_t padding2[3];
+};
+static_assert(sizeof(web_intf_wire) == 96);
+static_assert(offsetof(web_intf_wire, intf_value) == 20);
+static_assert(offsetof(web_intf_wire, op) == 24);
+static_assert(offsetof(web_intf_wire, policy_uuid) == 28);
+
+struct web_intf : web_intf_wire {
+    web_policy *policy; // of web_policy_list, or none
+    web_intf *next;
+};
+
+// The category request, 184 bytes:
+//
+//    0 request_type     68 src_if_index    80 dst_if_name   112 reserved
+//    4 flow_key         72 trailer_word2   96 src_if_name   116 domain_length
+//   64 dst_if_index     76 trailer_word3                    120 domain
+struct urlf_request {
+    uint32_t request_type; // URLF_REQUEST_CATEGORY
+    struct flow_key flow_key;
+    uint32_t dst_if_index;
+    uint32_t src_if_index;
+    uint32_t trailer_word2; // web UTP ids
+    uint32_t trailer_word3;
+    char dst_if_name[16]; // not terminated when full
+    char src_if_name[16];
+    uint32_t reserved;
+    uint32_t domain_length;
+    char domain[64]; // NUL-terminated
+};
+static_assert(sizeof(urlf_request) == 184);
+static_assert(offsetof(urlf_request, flow_key) == 4);
+static_assert(offsetof(urlf_request, dst_if_index) == 64);
+static_assert(offsetof(urlf_request, dst_if_name) == 80);
+static_assert(offsetof(urlf_request, domain_length) == 116);
+static_assert(offsetof(urlf_request, domain) == 120);
+
+inline constexpr uint32_t URLF_REQUEST_CATEGORY = 2;
+inline constexpr int32_t URLF_STATUS_NO_LIST = 5;     // the agent has no categories for the domain
+inline constexpr int32_t URLF_STATUS_UNREACHABLE = 7; // it could not reach its server
+inline constexpr size_t URLF_CATEGORIES = 5;
+
+// What an answer about a category begins with, 32 bytes:
+//   0 status   4 reputation   8 categories   28 category_count
+struct urlf_answer {
+    int32_t status;
+    int32_t reputation;
+    int32_t categories[URLF_CATEGORIES]; // the first is the main one
+    int32_t category_count; // entries 0 to the count, inclusive, are examined, within the five
+};
+static_assert(sizeof(urlf_answer) == 32);
+static_assert(offsetof(urlf_answer, categories) == 8);
+static_assert(offsetof(urlf_answer, category_count) == 28);
+
+// The category reply, 148 bytes; what follows the answer is the agent's.
+struct urlf_reply : urlf_answer {
+    uint8_t rest[116];
+};
+static_assert(sizeof(urlf_reply) == 148);
+
+// What command 31 carries, 216 bytes: a late answer and the request that it answers.
+struct uf_agent_reply {
+    urlf_answer answer;
+    urlf_request request;
+};
+static_assert(sizeof(uf_agent_reply) == 216);
+static_assert(offsetof(uf_agent_reply, request) == 32);
