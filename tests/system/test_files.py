@@ -6,7 +6,7 @@ import threading
 import time
 import unittest
 
-from test_policies import (CLEAN, POLICY, POLICY_FLUSH, UTP_FLUSH, WRITE, policy, rule, PING)
+from test_policies import (CLEAN, POLICY, POLICY_FLUSH, UTP_FLUSH, WRITE, jornctl, policy, rule, PING)
 from testbed import *
 
 USERDEF, PORT_SERVICES = 6, 13
@@ -127,6 +127,9 @@ class Files(SystemTest):
         self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
         command(USERDEF, userdefs())
         self.assertEqual(saved(), EMPTY)
+        self.configure()
+        self.assertEqual(jornctl("apply", "-", document={"policies": []})[0], 0)
+        self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
 
     def test_definitions_at_their_limits(self):
         self.start()

@@ -32,7 +32,7 @@ PID_FILE = "/var/run/jorn.pid"
 PORT_SERVICE_FILE = "/writable/jorn/uploadjorport_file_1.0"
 SANITIZER_LOG = "/tmp/sanitizer"
 
-OP_IOCTL, OP_SYSLOG = 1, 6
+OP_IOCTL, OP_SWITCH, OP_SYSLOG = 1, 4, 6
 OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
 
 CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
@@ -306,11 +306,16 @@ class Platform:
                 else:
                     self.messages.add((op, body))
                 if op >= OP_ROAM:
-                    rc, answer = self.answers.get(op, lambda _: (-1, b""))(body)
-                    connection.send(struct.pack("=IIi", op, seq, rc) + answer)
+                    for datagram in self.reply(op, seq, body):
+                        connection.send(datagram)
                 self.reading.wait()
         except OSError:
             pass  # killed
+
+    def reply(self, op, seq, body):
+        """The datagrams that answer a question."""
+        rc, answer = self.answers.get(op, lambda _: (-1, b""))(body)
+        return [struct.pack("=IIi", op, seq, rc) + answer]
 
     def _value(self, body):
         value = self.values.get(text_of(body[:64]))
@@ -405,17 +410,23 @@ class SystemTest(unittest.TestCase):
         shutil.rmtree("/writable/jorn", ignore_errors=True)
         os.makedirs("/writable/jorn")
         open(PORT_SERVICE_FILE, "w").close()
+        self.make_links()
+        self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
+        self.addCleanup(lambda: self._feed.close())
+        self.addCleanup(self._check_sanitizers)
+
+    def make_links(self):
+        """The capture's pair, and a socket at its far end."""
+        if self._feed:
+            self._feed.close()
         run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
             "65535")
         for end in (CAPTURE, FEED):
             with open(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "w") as switch:
                 switch.write("1")
             run("ip", "link", "set", end, "arp", "off", "up")
-        self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
         self._feed = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self._feed.bind((FEED, 0))
-        self.addCleanup(self._feed.close)
-        self.addCleanup(self._check_sanitizers)
 
     def _check_sanitizers(self):
         reports = ""

@@ -1,6 +1,5 @@
 #include "control/files/arc_section.h"
 
-#include "control/lines/arc_lines.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/files/saved_file.h"

@@ -2,6 +2,7 @@
 // marker, whatever becomes of the rest of the file.
 #pragma once
 
+#include "control/lines/arc_lines.h"
 #include "control/records/arc.h"
 #include "core/files/section.h"
 
@@ -9,8 +10,6 @@
 #include <cstdio>
 #include <span>
 #include <string_view>
-
-inline constexpr size_t ARC_BLOCK_LIMIT = 8096; // a policy's text stays below it
 
 struct pending_arc_policy {
     arc_policy_wire policy;

@@ -10,6 +10,7 @@ inline constexpr char ARC_POLICIES_BEGIN[] = "[appPolicy]";
 inline constexpr char ARC_POLICIES_END[] = "[appPolicy end]";
 inline constexpr char ARC_BLOCK_BEGIN[] = "[policy]";
 inline constexpr char ARC_BLOCK_END[] = "[policy end]";
+inline constexpr size_t ARC_BLOCK_LIMIT = 8096; // a block stays below it, or isn't written
 
 extern const line_format<arc_policy_wire> ARC_HEADER_LINE;
 extern const line_format<arc_rule> ARC_RULE_LINE;
