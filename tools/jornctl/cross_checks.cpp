@@ -50,17 +50,7 @@ void check_policy_uuids(const std::vector<arc_policy_wire> &policies) {
 bool fits_file(const arc_policy_wire &policy) {
     std::array<char, ARC_BLOCK_LIMIT> block;
     size_t length = 0;
-    text_appender to(block.data(), &length, block.size());
-    to.append(ARC_BLOCK_BEGIN);
-    to.append("\n");
-    write_line(to, ARC_HEADER_LINE, policy);
-    for (const arc_rule &rule : policy.rules) {
-        if (rule.app_name[0] != '\0')
-            write_line(to, ARC_RULE_LINE, rule);
-    }
-    to.append(ARC_BLOCK_END);
-    to.append("\n\n");
-    return to.result() == 0;
+    return jorn_format_arc_policy(block.data(), &policy, &length, block.size()) == 0;
 }
 
 // Whether a flow that the later rule fits always fits the earlier one.

@@ -8,9 +8,6 @@
 
 namespace jornctl {
 
-// The daemon's file keeps, and a rule can name, 63 characters; the record would hold two more.
-inline constexpr size_t APP_NAME_MAX = 63;
-
 inline constexpr named_number PROTOCOLS[] = {{"tcp", IPPROTO_TCP}, {"udp", IPPROTO_UDP}};
 
 // The addresses, each with its family.
@@ -27,7 +24,7 @@ ordered_json netmask_words(const userdef_app &from);
 ordered_json netmask_schema();
 
 inline constexpr field<userdef_app> APPLICATION_FIELDS[] = {
-    {"app_name", at<&userdef_app::app_name, file_text<POLICY_FILE, 1, APP_NAME_MAX>>, REQUIRED},
+    {"app_name", at<&userdef_app::app_name, file_text<POLICY_FILE, 1, USERDEF_NAME_MAX>>, REQUIRED},
     {"src_ip", {read_src_ip, src_ip_words, src_ip_schema}, OPTIONAL, "kept; restricts nothing"},
     {"src_port", at<&userdef_app::src_port, number<>>, OPTIONAL, "kept; restricts nothing"},
     {"dst_ip",

@@ -8,10 +8,6 @@
 
 namespace {
 
-bool is_written(const arc_rule &rule) {
-    return rule.app_name[0] != '\0';
-}
-
 void take_header(std::string_view line, pending_arc_policy &pending) {
     __jorn_parse_policy_config_first(line, &pending.policy);
 }
@@ -70,21 +66,6 @@ int jorn_write_arc_policy_configuration(FILE *file) {
     }
     writer.write_marker(ARC_POLICIES_END);
     return writer.result();
-}
-
-int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
-                           size_t capacity) {
-    text_appender to(text, length, capacity);
-    to.append(ARC_BLOCK_BEGIN);
-    to.append("\n");
-    write_line(to, ARC_HEADER_LINE, *policy);
-    for (const arc_rule &rule : policy->rules) {
-        if (is_written(rule))
-            write_line(to, ARC_RULE_LINE, rule);
-    }
-    to.append(ARC_BLOCK_END);
-    to.append("\n\n");
-    return to.result();
 }
 
 void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy) {

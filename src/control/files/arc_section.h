@@ -28,11 +28,6 @@ bool is_storable(const arc_policy_wire &policy);
 // is left out.
 int jorn_write_arc_policy_configuration(FILE *file);
 
-// Appends one policy's block to the `*length` characters in `text`. Returns 0, or -1 when that
-// would reach `capacity`; `text` then holds part of it.
-int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
-                           size_t capacity);
-
 // A policy's header line: clears the policy and sets its attributes. Fields that are missing are 0.
 void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy);
 
