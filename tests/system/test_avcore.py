@@ -51,6 +51,8 @@ TRAFFIC = [
     tcp_frame(40002, 443, client_hello("www.youtube.com"), dst=YOUTUBE),
     tcp_frame(443, 40002, b"\x16\x03\x03\x00\x02ok", src=YOUTUBE, dst=CLIENT),
     ethernet(0x0806, arp_request()),
+    # Read long before the daemon judges the flows above, and not to be believed before.
+    from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
 ]
 
 
@@ -104,7 +106,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 5, rows)
+        self.assertEqual(len(rows), 6, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),

@@ -28,7 +28,7 @@ protected:
         }
         return sent;
     }
-    bool verdict(uint16_t port) { return feeder_.take_verdict(key(port), now_ms).answered; }
+    bool verdict(uint16_t port) { return feeder_.take_verdict(key(port), now_ms).has_value(); }
     ports after(int64_t ms) {
         now_ms += ms;
         feeder_.tick(now_ms);
@@ -63,16 +63,21 @@ TEST_F(Feeder, RepeatsTheFirstFrameUntilAnsweredAndThenWaitsForItsCopies) {
 
 TEST_F(Feeder, ResendsWhatALaterVerdictOvertook) {
     start();
-    for (const uint16_t port : ports{1, 2, 3})
+    for (const uint16_t port : ports{1, 2, 3, 4})
         add(port);
-    EXPECT_EQ(send(), (ports{1, 2, 3}));
+    EXPECT_EQ(feeder_.judged(), 1u) << "nothing of them has left";
+    EXPECT_EQ(send(), (ports{1, 2, 3, 4}));
+    EXPECT_EQ(feeder_.judged(), 2u) << "the frame of the start was number 1";
     EXPECT_TRUE(verdict(3));
+    EXPECT_EQ(feeder_.judged(), 5u);
     EXPECT_EQ(send(), (ports{1, 2}));
+    EXPECT_TRUE(verdict(4));
+    EXPECT_EQ(feeder_.judged(), 5u) << "the overtaken ones are behind";
     EXPECT_TRUE(verdict(1));
     EXPECT_TRUE(verdict(2));
     EXPECT_FALSE(verdict(7)) << "nobody's";
     EXPECT_EQ(feeder_.counts().resent, 2u);
-    EXPECT_EQ(feeder_.counts().answered, 4u);
+    EXPECT_EQ(feeder_.counts().answered, 5u);
     EXPECT_EQ(feeder_.counts().overlooked, 1u);
 }
 
@@ -84,6 +89,7 @@ TEST_F(Feeder, ASlowDaemonCostsOneCopyAndMixesUpNothing) {
     EXPECT_EQ(after(200), ports{5});
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(verdict(5));
+    EXPECT_EQ(feeder_.judged(), 4u) << "the copy on its way is of an answered frame";
     EXPECT_FALSE(feeder_.has_room(now_ms));
     EXPECT_FALSE(verdict(5));
     EXPECT_TRUE(feeder_.has_room(now_ms));

@@ -111,6 +111,18 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     EXPECT_EQ(answer_domain_name(names, second_us, {34, 1, asked.body.first(7)}).size(), 12u);
 }
 
+TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
+    name_timeline timeline;
+    timeline.add(1, 10, read({address("192.0.2.1", ASKED)}));
+    timeline.add(2, 90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org")));
+    const uint32_t one = inet_addr("192.0.2.1");
+    timeline.advance(0);
+    EXPECT_EQ(timeline.names().find(one, timeline.time_us()), nullptr);
+    timeline.advance(1);
+    ASSERT_NE(timeline.names().find(one, timeline.time_us()), nullptr) << "60 seconds aren't over";
+    EXPECT_EQ(*timeline.names().find(one, timeline.time_us()), "www.example.org");
+}
+
 class AvcoreDpiEngine : public testing::Test {
 protected:
     av_pkt_trailer inspect(uint16_t port, uint16_t to_port, const bytes &payload,

@@ -36,6 +36,17 @@ const std::string *dns_names::find(uint32_t address_be, int64_t time_us) const {
     return &found->second->name;
 }
 
+void name_timeline::add(uint64_t frame, int64_t time_us, dns_answer answer) {
+    ahead_.push_back({frame, time_us, std::move(answer)});
+}
+
+void name_timeline::advance(uint64_t frame) {
+    for (; !ahead_.empty() && ahead_.front().frame <= frame; ahead_.pop_front()) {
+        time_us_ = ahead_.front().time_us;
+        names_.learn(ahead_.front().answer, time_us_);
+    }
+}
+
 std::vector<std::byte> answer_domain_name(const dns_names &names, int64_t time_us,
                                           const question &asked) {
     struct {

@@ -17,12 +17,23 @@ bool feeder::has_room(int64_t now_ms) const {
            outstanding_bytes_ + MAX_FED_SIZE <= MAX_BYTES;
 }
 
-void feeder::add(fed_frame frame, int64_t now_ms) {
+uint64_t feeder::add(fed_frame frame, int64_t now_ms) {
     if (frames_.empty())
         waiting_since_ms_ = now_ms;
     outstanding_bytes_ += frame.bytes.size();
-    frames_.push_back({.frame = std::move(frame)});
+    frames_.push_back({.frame = std::move(frame), .number = ++added_});
     queue(std::prev(frames_.end()));
+    return added_;
+}
+
+uint64_t feeder::judged() const {
+    const auto awaited =
+        std::find_if(frames_.begin(), frames_.end(), [this](const outstanding &frame) {
+            return frame.number > newest_answered_;
+        });
+    if (awaited == frames_.end())
+        return added_;
+    return awaited->sent ? awaited->number : awaited->number - 1;
 }
 
 void feeder::queue(frame_ref frame) {
@@ -69,7 +80,7 @@ feeder::copy feeder::pop_copy() {
 }
 
 // The frame is resolved: what is still on its way of it is superfluous.
-void feeder::finish(frame_ref frame, int64_t now_ms) {
+fed_frame feeder::finish(frame_ref frame, int64_t now_ms) {
     if (frame->copies > 0) {
         for (copy &one : copies_) {
             if (one.frame == frame)
@@ -82,10 +93,12 @@ void feeder::finish(frame_ref frame, int64_t now_ms) {
             --round_left_;
         to_send_.erase(place);
     }
-    outstanding_bytes_ -= frame->frame.bytes.size();
+    fed_frame resolved = std::move(frame->frame);
+    outstanding_bytes_ -= resolved.bytes.size();
     frames_.erase(frame);
     if (frames_.empty())
         waited_before_ms_ += now_ms - waiting_since_ms_;
+    return resolved;
 }
 
 void feeder::give_up(frame_ref frame, int64_t now_ms) {
@@ -104,7 +117,7 @@ void feeder::drop_oldest_copy(int64_t now_ms) {
         queue(*frame);
 }
 
-feeder::answer feeder::take_verdict(const flow_key &key, int64_t now_ms) {
+std::optional<fed_frame> feeder::take_verdict(const flow_key &key, int64_t now_ms) {
     last_verdict_ms_ = now_ms;
     waiting_since_ms_ = now_ms;
     waited_before_ms_ = 0;
@@ -115,24 +128,23 @@ feeder::answer feeder::take_verdict(const flow_key &key, int64_t now_ms) {
     });
     if (found == copies_.end()) {
         ++counts_.overlooked;
-        return {};
+        return std::nullopt;
     }
     for (auto lost = found - copies_.begin(); lost > 0; --lost)
         drop_oldest_copy(now_ms);
     started_ = true;
-    answer result;
-    const std::optional<frame_ref> frame = pop_copy().frame;
-    if (frame) {
+    std::optional<fed_frame> answered;
+    if (const std::optional<frame_ref> frame = pop_copy().frame) {
         --(*frame)->copies;
-        result = {true, (*frame)->frame.row};
+        newest_answered_ = std::max(newest_answered_, (*frame)->number);
         ++counts_.answered;
-        finish(*frame, now_ms);
+        answered = finish(*frame, now_ms);
     } else {
         ++counts_.overlooked;
     }
     if (copies_.empty())
         draining_ = false;
-    return result;
+    return answered;
 }
 
 // Since when nothing came although something could have.

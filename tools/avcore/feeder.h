@@ -60,17 +60,19 @@ public:
 
     // Whether one more frame of any size may be added now.
     bool has_room(int64_t now_ms) const;
-    void add(fed_frame frame, int64_t now_ms);
+    // Returns the frame's number; they are counted from 1.
+    uint64_t add(fed_frame frame, int64_t now_ms);
 
     // The frame to write next; null when there is none now. `sent` says that it was written.
     const fed_frame *next_to_send(int64_t now_ms) const;
     void sent(int64_t now_ms);
 
-    struct answer {
-        bool answered = false;   // false: a verdict to overlook
-        flow_row *row = nullptr; // of the frame, when it has one
-    };
-    answer take_verdict(const flow_key &key, int64_t now_ms);
+    // The frame that it answers; none: a verdict to overlook.
+    std::optional<fed_frame> take_verdict(const flow_key &key, int64_t now_ms);
+
+    // The number of the frame that the daemon is judging: the oldest that awaits a verdict and
+    // wasn't overtaken by a later frame's. Never goes back; between two frames it is the last one's.
+    uint64_t judged() const;
 
     // Looks for a silence. To be called at least whenever `next_tick_ms` has come.
     void tick(int64_t now_ms);
@@ -85,6 +87,7 @@ public:
 private:
     struct outstanding {
         fed_frame frame;
+        uint64_t number;
         unsigned copies = 0; // in copies_
         unsigned resends = 0;
         bool sent = false;
@@ -98,7 +101,7 @@ private:
     };
 
     void queue(frame_ref frame);
-    void finish(frame_ref frame, int64_t now_ms);
+    fed_frame finish(frame_ref frame, int64_t now_ms);
     void give_up(frame_ref frame, int64_t now_ms);
     void drop_oldest_copy(int64_t now_ms);
     void resend_outstanding(int64_t now_ms);
@@ -115,6 +118,8 @@ private:
     };
     std::deque<burst> bursts_; // of copies_
     size_t outstanding_bytes_ = 0;
+    uint64_t added_ = 0;
+    uint64_t newest_answered_ = 0;
     bool started_ = false;
     bool draining_ = false;      // after a silence: only the round's frames are sent
     unsigned silent_rounds_ = 0; // since the last verdict

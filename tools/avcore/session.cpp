@@ -145,9 +145,10 @@ void session::take_frame(const captured_frame &captured) {
     const frame_facts frame = decode_frame(fed.bytes);
     const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
-    frame_time_us_ = captured.time_us;
+    dns_answer named;
     if (const auto packet = ipv4_packet(captured.bytes); !packet.empty()) {
-        learn_names(frame, packet, captured.time_us);
+        if (frame.sender.port == DNS_PORT)
+            named = read_dns_answer(udp_payload(packet));
         if (dpi_)
             dpi_->inspect(frame, packet, captured.time_us, trailer);
     }
@@ -157,14 +158,8 @@ void session::take_frame(const captured_frame &captured) {
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    feeder_.add(std::move(fed), now_ms);
-}
-
-void session::learn_names(const frame_facts &frame, std::span<const uint8_t> packet,
-                          int64_t time_us) {
-    if (frame.sender.port != DNS_PORT)
-        return;
-    names_.learn(read_dns_answer(udp_payload(packet)), time_us);
+    names_.add(feeder_.add(std::move(fed), now_ms), captured.time_us, std::move(named));
+    names_.advance(feeder_.judged());
 }
 
 void session::send_frames() {
@@ -219,9 +214,9 @@ std::vector<std::byte> session::take_datagram(byte_span datagram) {
 }
 
 void session::take(const av_verdict &verdict) {
-    const feeder::answer answer = feeder_.take_verdict(verdict.flow_key, clock_ms());
-    if (answer.answered && answer.row != nullptr)
-        flows_.set_verdict(*answer.row, verdict);
+    const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, clock_ms());
+    if (frame && frame->row != nullptr)
+        flows_.set_verdict(*frame->row, verdict);
 }
 
 void session::take(const syslog_line &line) {
@@ -241,7 +236,8 @@ void session::take(const switch_setting &setting) {
 std::vector<std::byte> session::answer(const question &asked) {
     switch (asked.op) {
     case OP_DOMAIN_NAME:
-        return answer_domain_name(names_, frame_time_us_, asked);
+        names_.advance(feeder_.judged());
+        return answer_domain_name(names_.names(), names_.time_us(), asked);
     case OP_PLATFORM_VALUE:
         engine_asked_ |= asked_key(asked) == KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);

@@ -39,7 +39,6 @@ private:
     void take(const syslog_line &line);
     void take(const switch_setting &setting);
     std::vector<std::byte> answer(const question &asked);
-    void learn_names(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us);
     void explain_waiting(int64_t now_ms);
     void report();
 
@@ -54,8 +53,7 @@ private:
     channel_server channel_;
     progress_bar progress_;
     std::unique_ptr<dpi_engine> dpi_; // null: switched off
-    dns_names names_;
-    int64_t frame_time_us_ = 0;               // of the last frame read
+    name_timeline names_;
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
     size_t max_frame_size_ = 0;
