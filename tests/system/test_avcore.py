@@ -6,6 +6,7 @@ import unittest
 from testbed import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
+CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 POLICY = 23
 
 
@@ -50,6 +51,8 @@ TRAFFIC = [
     tcp_frame(40001, 8099, b"hello", dst=PLAIN),
     tcp_frame(40002, 443, client_hello("www.youtube.com"), dst=YOUTUBE),
     tcp_frame(443, 40002, b"\x16\x03\x03\x00\x02ok", src=YOUTUBE, dst=CLIENT),
+    tcp_frame(40003, 443, client_hello("www.example.org"), src=CLOUD, dst=PLAIN),
+    tcp_frame(40004, 443, client_hello("portal.azure.com"), dst=CLOUD),
     ethernet(0x0806, arp_request()),
     # Read long before the daemon judges the flows above, and not to be believed before.
     from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
@@ -106,7 +109,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 6, rows)
+        self.assertEqual(len(rows), 8, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
@@ -114,6 +117,8 @@ class Avcore(SystemTest):
         self.assertEqual((youtube["client"], youtube["client_port"]), (CLIENT, 40002))
         self.assertEqual(flows[PLAIN, 8099]["application"], "www.plain.example")
         self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
+        self.assertEqual(flows[PLAIN, 443]["application"], "www.plain.example")
+        self.assertEqual(flows[CLOUD, 443]["application"], "azure")
         self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
         self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
 

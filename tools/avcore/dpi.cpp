@@ -79,9 +79,21 @@ dpi_engine::flow_state &dpi_engine::state_of(const flow_id &id, int64_t time_us)
     return flows_.front();
 }
 
+bool dpi_engine::host_gives(std::string_view host, uint16_t app) {
+    std::string text(host);
+    ndpi_protocol_match_result match = {};
+    return !text.empty() &&
+           ndpi_match_string_subprotocol(module_.get(), text.data(),
+                                         static_cast<unsigned>(text.size()), &match) == app;
+}
+
 // Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.
 bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) {
     const ndpi_flow_struct &flow = *state.flow;
+    // nDPI's confidence is in the master protocol. The application may come from a list of address
+    // ranges, in which the client's own address stands as well as the server's.
+    if (app == flow.guessed_host_protocol_id && !host_gives(field_text(flow.host_server_name), app))
+        app = NDPI_PROTOCOL_UNKNOWN;
     const dpi_application application = dpi_application_of(master, app);
     if (application.names_host) {
         const std::string_view host = field_text(flow.host_server_name);

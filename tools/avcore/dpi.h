@@ -12,6 +12,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 struct ndpi_detection_module_struct;
 struct ndpi_flow_struct;
@@ -68,6 +69,7 @@ private:
 
     flow_state &state_of(const flow_id &id, int64_t time_us);
     bool take_finding(flow_state &state, uint16_t master, uint16_t app);
+    bool host_gives(std::string_view host, uint16_t app); // whether nDPI knows it as this one's
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
 
     size_t max_flows_;
