@@ -6,6 +6,7 @@ import unittest
 from testbed import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
+SHOWN, CLAIMED = "198.51.100.3", "198.51.100.4"
 CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 POLICY = 23
 
@@ -53,6 +54,13 @@ TRAFFIC = [
     tcp_frame(443, 40002, b"\x16\x03\x03\x00\x02ok", src=YOUTUBE, dst=CLIENT),
     tcp_frame(40003, 443, client_hello("www.example.org"), src=CLOUD, dst=PLAIN),
     tcp_frame(40004, 443, client_hello("portal.azure.com"), dst=CLOUD),
+    # Without DNS: one server takes the handshake, the other refuses the name with an alert.
+    tcp_frame(40005, 443, client_hello("www.shown.example"), dst=SHOWN),
+    tcp_frame(443, 40005, b"\x16\x03\x03\x00\x04\x02\x00\x00\x00", src=SHOWN, dst=CLIENT),
+    tcp_frame(40006, 8443, b"later", dst=SHOWN),
+    tcp_frame(40007, 443, client_hello("www.claimed.example"), dst=CLAIMED),
+    tcp_frame(443, 40007, b"\x15\x03\x03\x00\x02\x02\x70", src=CLAIMED, dst=CLIENT),
+    tcp_frame(40008, 8443, b"later", dst=CLAIMED),
     ethernet(0x0806, arp_request()),
     # Read long before the daemon judges the flows above, and not to be believed before.
     from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
@@ -109,7 +117,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 8, rows)
+        self.assertEqual(len(rows), 12, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
@@ -119,6 +127,10 @@ class Avcore(SystemTest):
         self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
         self.assertEqual(flows[PLAIN, 443]["application"], "www.plain.example")
         self.assertEqual(flows[CLOUD, 443]["application"], "azure")
+        for port in 443, 8443:
+            self.assertEqual(flows[SHOWN, port]["application"], "www.shown.example")
+            self.assertNotIn("claimed", flows[CLAIMED, port]["application"])
+        self.assertEqual(flows[CLAIMED, 443]["host"], "www.claimed.example")
         self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
         self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
 

@@ -22,16 +22,18 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application) {
     };
     // nDPI names a query after what was asked.
     if (either(NDPI_PROTOCOL_DNS))
-        return {NDPI_PROTOCOL_DNS, nullptr, false};
-    const bool web =
-        either(NDPI_PROTOCOL_HTTP) || either(NDPI_PROTOCOL_TLS) || either(NDPI_PROTOCOL_QUIC);
+        return {NDPI_PROTOCOL_DNS, nullptr, handshake::none};
+    const handshake web = either(NDPI_PROTOCOL_HTTP)   ? handshake::http
+                          : either(NDPI_PROTOCOL_TLS)  ? handshake::tls
+                          : either(NDPI_PROTOCOL_QUIC) ? handshake::quic
+                                                       : handshake::none;
     // Names that the daemon passes over, so that the server's name from DNS counts.
     if (bare(NDPI_PROTOCOL_HTTP))
-        return {NDPI_PROTOCOL_HTTP, "HTTP", true};
+        return {NDPI_PROTOCOL_HTTP, "HTTP", web};
     if (bare(NDPI_PROTOCOL_TLS))
-        return {NDPI_PROTOCOL_TLS, "HTTP Protocol over TLS SSL", true};
+        return {NDPI_PROTOCOL_TLS, "HTTP Protocol over TLS SSL", web};
     if (bare(NDPI_PROTOCOL_QUIC))
-        return {NDPI_PROTOCOL_QUIC, "HTTP Protocol over TLS SSL", true};
+        return {NDPI_PROTOCOL_QUIC, "HTTP Protocol over TLS SSL", web};
     return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
 }
 
@@ -90,14 +92,16 @@ bool dpi_engine::host_gives(std::string_view host, uint16_t app) {
 // Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.
 bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) {
     const ndpi_flow_struct &flow = *state.flow;
-    // nDPI's confidence is in the master protocol. The application may come from a list of address
-    // ranges, in which the client's own address stands as well as the server's.
-    if (app == flow.guessed_host_protocol_id && !host_gives(field_text(flow.host_server_name), app))
+    // nDPI's confidence is in the master protocol where there is one. The application may then come
+    // from a list of address ranges, in which the client's own address stands as well as the
+    // server's.
+    if (master != NDPI_PROTOCOL_UNKNOWN && app == flow.guessed_host_protocol_id &&
+        !host_gives(field_text(flow.host_server_name), app))
         app = NDPI_PROTOCOL_UNKNOWN;
     const dpi_application application = dpi_application_of(master, app);
-    if (application.names_host) {
-        const std::string_view host = field_text(flow.host_server_name);
-        state.found.host = host.substr(host.size() - std::min(host.size(), DOMAIN_MAX));
+    if (application.shows_host != handshake::none) {
+        state.found.host = field_text(flow.host_server_name);
+        state.found.shown_in = application.shows_host;
     }
     if (application.id == NDPI_PROTOCOL_UNKNOWN || flow.confidence != NDPI_CONFIDENCE_DPI)
         return false;
@@ -134,18 +138,33 @@ void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_
     state.flow.reset();
 }
 
-void dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
-                         av_pkt_trailer &trailer) {
+bool dpi_engine::just_taken(flow_state &state, const frame_facts &frame,
+                            std::span<const uint8_t> packet) {
+    if (!state.shown_to || state.shown_to->ip_be != frame.sender.ip_be ||
+        state.shown_to->port != frame.sender.port || !takes_handshake(state.found.shown_in, packet))
+        return false;
+    state.shown_to.reset();
+    return true;
+}
+
+shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
+                               int64_t time_us, av_pkt_trailer &trailer) {
     flow_state &state = state_of(flow_id_of(frame), time_us);
+    const bool host_known = !state.found.host.empty();
     if (state.flow)
         feed(state, packet, time_us);
+    const std::string_view host = state.found.host;
+    // An HTTP response may hold such a header, too.
+    if (!host_known && !host.empty() && !takes_handshake(state.found.shown_in, packet))
+        state.shown_to = frame.receiver;
     trailer.filter_type |= AV_FILTER_DPI;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);
     trailer.dpi_status = state.found.status;
     trailer.dpi_app_id = state.found.app_id;
     trailer.dpi_cat_id = state.found.cat_id;
     copy_text(trailer.dpi_app_name, state.found.name);
-    copy_text(trailer.kernel_domain, state.found.host);
+    copy_text(trailer.kernel_domain, host.substr(host.size() - std::min(host.size(), DOMAIN_MAX)));
+    return {host, just_taken(state, frame, packet)};
 }
 
 } // namespace avcore

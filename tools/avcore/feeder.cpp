@@ -28,9 +28,8 @@ uint64_t feeder::add(fed_frame frame, int64_t now_ms) {
 
 uint64_t feeder::judged() const {
     const auto awaited =
-        std::find_if(frames_.begin(), frames_.end(), [this](const outstanding &frame) {
-            return frame.number > newest_answered_;
-        });
+        std::find_if(frames_.begin(), frames_.end(),
+                     [this](const outstanding &frame) { return frame.number > newest_answered_; });
     if (awaited == frames_.end())
         return added_;
     return awaited->sent ? awaited->number : awaited->number - 1;

@@ -71,7 +71,8 @@ public:
     std::optional<fed_frame> take_verdict(const flow_key &key, int64_t now_ms);
 
     // The number of the frame that the daemon is judging: the oldest that awaits a verdict and
-    // wasn't overtaken by a later frame's. Never goes back; between two frames it is the last one's.
+    // wasn't overtaken by a later frame's. Never goes back; between two frames it is the last
+    // one's.
     uint64_t judged() const;
 
     // Looks for a silence. To be called at least whenever `next_tick_ms` has come.

@@ -26,6 +26,7 @@ struct flow_row {
     uint32_t verdict = 0; // the last one's av_verdict_code; 0 = none came
     bool outdated = false;
     std::string application; // any bytes, as the daemon sent them
+    std::string host;        // that the client showed in a handshake; any bytes, as sent
 };
 
 class flow_table {

@@ -118,6 +118,8 @@ void print_json(std::ostream &out, const flow_table &flows) {
             {"packets", row.packets},
             {"bytes", row.bytes},
         };
+        if (!row.host.empty())
+            object["host"] = row.host;
         if (row.outdated)
             object["outdated"] = true;
         out << object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';

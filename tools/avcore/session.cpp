@@ -145,21 +145,35 @@ void session::take_frame(const captured_frame &captured) {
     const frame_facts frame = decode_frame(fed.bytes);
     const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
-    dns_answer named;
-    if (const auto packet = ipv4_packet(captured.bytes); !packet.empty()) {
-        if (frame.sender.port == DNS_PORT)
-            named = read_dns_answer(udp_payload(packet));
-        if (dpi_)
-            dpi_->inspect(frame, packet, captured.time_us, trailer);
-    }
+    name_lesson lesson = inspect(frame, captured, flow.row, trailer);
     memcpy(fed.bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
     fed.key = frame.key;
     fed.row = flow.row;
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    names_.add(feeder_.add(std::move(fed), now_ms), captured.time_us, std::move(named));
+    names_.add(feeder_.add(std::move(fed), now_ms), std::move(lesson));
     names_.advance(feeder_.judged());
+}
+
+// Completes the row and the trailer with what the packet itself shows.
+name_lesson session::inspect(const frame_facts &frame, const captured_frame &captured,
+                             flow_row *row, av_pkt_trailer &trailer) {
+    name_lesson lesson;
+    lesson.time_us = captured.time_us;
+    const std::span<const uint8_t> packet = ipv4_packet(captured.bytes);
+    if (packet.empty())
+        return lesson;
+    if (frame.sender.port == DNS_PORT)
+        lesson.answer = read_dns_answer(udp_payload(packet));
+    if (!dpi_)
+        return lesson;
+    const shown_host shown = dpi_->inspect(frame, packet, captured.time_us, trailer);
+    if (row != nullptr)
+        row->host = shown.host;
+    if (shown.just_taken)
+        lesson.host = {frame.sender.ip_be, host_name_in(shown.host).value_or("")};
+    return lesson;
 }
 
 void session::send_frames() {

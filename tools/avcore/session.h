@@ -32,6 +32,8 @@ private:
     ending turn();
     void pull_frames();
     void take_frame(const captured_frame &captured);
+    name_lesson inspect(const frame_facts &frame, const captured_frame &captured, flow_row *row,
+                        av_pkt_trailer &trailer);
     void send_frames();
     void wait(int64_t now_ms);
     std::vector<std::byte> take_datagram(byte_span datagram);
