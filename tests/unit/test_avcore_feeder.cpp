@@ -17,7 +17,7 @@ protected:
         return key;
     }
     void add(uint16_t port, size_t size = 300) {
-        feeder_.add({std::vector<uint8_t>(size), key(port), nullptr}, now_ms);
+        feeder_.add({std::vector<uint8_t>(size), key(port), 0}, now_ms);
     }
     // What goes out now.
     ports send() {
@@ -58,7 +58,7 @@ TEST_F(Feeder, RepeatsTheFirstFrameUntilAnsweredAndThenWaitsForItsCopies) {
     EXPECT_TRUE(feeder_.has_room(now_ms));
     EXPECT_EQ(feeder_.counts().resent, 0u);
     EXPECT_EQ(feeder_.counts().start_repeats, 20u);
-    EXPECT_FALSE(feeder_.busy());
+    EXPECT_FALSE(feeder_.waiting());
 }
 
 TEST_F(Feeder, ResendsWhatALaterVerdictOvertook) {
@@ -115,7 +115,7 @@ TEST_F(Feeder, GivesUpAFrameAfterTenMoreAndGoesOn) {
     add(2);
     send();
     int resent = 0;
-    for (int i = 0; i < 15 && feeder_.busy(); ++i)
+    for (int i = 0; i < 15; ++i)
         resent += static_cast<int>(after(200).size());
     EXPECT_EQ(resent, 20);
     EXPECT_EQ(feeder_.counts().unanswered, 2u);
@@ -136,22 +136,54 @@ TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {
     }
     EXPECT_EQ(feeder_.counts().resent, 10u);
     EXPECT_EQ(feeder_.counts().unanswered, 1u);
-    EXPECT_FALSE(feeder_.busy());
+    EXPECT_FALSE(feeder_.waiting());
 }
 
 TEST_F(Feeder, DaemonIsGoneAfterFiveSecondsOfWaitingWhicheverFramesWaited) {
     start();
     now_ms += 60'000; // nothing to answer
     EXPECT_FALSE(feeder_.daemon_gone(now_ms));
-    const int64_t from_ms = now_ms;
-    while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
-        if (feeder_.has_room(now_ms))
-            add(1); // the frames before were given up
-        send();
-        after(100);
+    for (const bool busy_link : {true, false}) {
+        const int64_t from_ms = now_ms;
+        add(1);
+        while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
+            if (busy_link && feeder_.has_room(now_ms))
+                add(1); // the frames before were given up
+            send();
+            after(100);
+        }
+        EXPECT_GE(now_ms - from_ms, 5'000);
+        EXPECT_LE(now_ms - from_ms, 5'200);
+        for (verdict(7); feeder_.waiting(); verdict(1))
+            send();
     }
-    EXPECT_GE(now_ms - from_ms, 5'000);
-    EXPECT_LE(now_ms - from_ms, 5'200);
+}
+
+TEST_F(Feeder, ALostLinkIsNoGoneDaemon) {
+    start();
+    for (const uint16_t port : ports{1, 2, 3})
+        add(port);
+    send();
+    for (int i = 0; i < 300; ++i) { // a minute
+        now_ms += 200;
+        ASSERT_TRUE(feeder_.silent(now_ms));
+        feeder_.link_lost(now_ms);
+        ASSERT_FALSE(feeder_.daemon_gone(now_ms));
+    }
+    for (int i = 0; i < 100; ++i) // the daemon takes its time
+        ASSERT_EQ(after(200), ports{1});
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms));
+    EXPECT_TRUE(verdict(1));
+    EXPECT_EQ(after(200), (ports{2, 3}));
+    EXPECT_TRUE(verdict(2));
+    EXPECT_TRUE(verdict(3));
+    EXPECT_EQ(feeder_.counts().unanswered, 0u);
+
+    add(4);
+    send();
+    feeder_.link_lost(now_ms += 200);
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms + 29'999));
+    EXPECT_TRUE(feeder_.daemon_gone(now_ms + 30'000));
 }
 
 TEST_F(Feeder, KeepsItsBounds) {
@@ -162,7 +194,7 @@ TEST_F(Feeder, KeepsItsBounds) {
         send();
     }
     EXPECT_EQ(frames, feeder::MAX_FRAMES);
-    while (feeder_.busy())
+    while (feeder_.waiting())
         ASSERT_TRUE(verdict(1));
 
     size_t bytes = 0;

@@ -10,6 +10,9 @@ namespace {
 
 constexpr uint32_t DPI_FAILED = 3;
 constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
+// The daemon passes these over, so that the server's name from DNS counts.
+constexpr const char *BARE_HTTP = "HTTP";
+constexpr const char *BARE_TLS = "HTTP Protocol over TLS SSL";
 
 } // namespace
 
@@ -27,14 +30,21 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application) {
                           : either(NDPI_PROTOCOL_TLS)  ? handshake::tls
                           : either(NDPI_PROTOCOL_QUIC) ? handshake::quic
                                                        : handshake::none;
-    // Names that the daemon passes over, so that the server's name from DNS counts.
     if (bare(NDPI_PROTOCOL_HTTP))
-        return {NDPI_PROTOCOL_HTTP, "HTTP", web};
+        return {NDPI_PROTOCOL_HTTP, BARE_HTTP, web};
     if (bare(NDPI_PROTOCOL_TLS))
-        return {NDPI_PROTOCOL_TLS, "HTTP Protocol over TLS SSL", web};
+        return {NDPI_PROTOCOL_TLS, BARE_TLS, web};
     if (bare(NDPI_PROTOCOL_QUIC))
-        return {NDPI_PROTOCOL_QUIC, "HTTP Protocol over TLS SSL", web};
+        return {NDPI_PROTOCOL_QUIC, BARE_TLS, web};
     return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
+}
+
+bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict) {
+    const std::string_view found =
+        field_text(trailer.dpi_app_name).substr(0, sizeof verdict.app_name - 1);
+    const bool only_dpi = trailer.filter_type == AV_FILTER_DPI && verdict.match_info == 0;
+    return only_dpi && trailer.dpi_status == AV_DPI_IDENTIFIED && found != BARE_HTTP &&
+           found != BARE_TLS && !equals_ignoring_case(found, field_text(verdict.app_name));
 }
 
 void dpi_engine::module_closer::operator()(ndpi_detection_module_struct *module) const {
@@ -154,8 +164,9 @@ shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t
     if (state.flow)
         feed(state, packet, time_us);
     const std::string_view host = state.found.host;
-    // An HTTP response may hold such a header, too.
-    if (!host_known && !host.empty() && !takes_handshake(state.found.shown_in, packet))
+    const bool http_response = state.found.shown_in == handshake::http &&
+                               takes_handshake(handshake::http, packet); // with a header Host
+    if (!host_known && !host.empty() && !http_response)
         state.shown_to = frame.receiver;
     trailer.filter_type |= AV_FILTER_DPI;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);

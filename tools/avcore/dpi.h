@@ -30,6 +30,10 @@ struct dpi_application {
 };
 dpi_application dpi_application_of(uint16_t master, uint16_t application);
 
+// Whether a verdict can only come from a daemon that doesn't look at the engine's findings: the
+// trailer names an application, and nothing that goes before it in the daemon did.
+bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict);
+
 // The host that a flow's client has shown.
 struct shown_host {
     std::string_view host;   // empty: none so far; valid until the next packet
