@@ -234,6 +234,7 @@ class Avcore(SystemTest):
         with open("/dev/full", "w") as full:
             for options, streams, status, complaint in [
                 (["-i", CAPTURE], {}, 2, "can't be the peer"),
+                (["-r", "/tmp/capture.pcap", "-c", "/dev/zero"], {}, 1, "longer than 1048576"),
                 (["-r", "/dev/zero"], {}, 1, "can't read the capture"),
                 (["-r", "/tmp/capture.pcap"], {"stdout": full}, 1, "can't be written"),
             ]:

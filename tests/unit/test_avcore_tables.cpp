@@ -17,6 +17,9 @@ namespace {
 using namespace avcore;
 
 TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
+    std::string deep = "\nx";
+    for (int part = 1; part < 100'000; ++part)
+        deep += ".x";
     const struct {
         const char *text;
         const char *message;
@@ -29,6 +32,11 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[[rule]]\nnetwork = \"10.0.0.0/\"\n", "line 2: 'network'"},
         {"[client]\nfilter_type = [\"url\",\n\"dpi\"]\n", "line 3: 'filter_type'"},
         {"[platform]\nbase_mac = \"1\"\n", "line 2: 'base_mac'"},
+        {"[client]\nutp_id = 64\n", "line 2: 'utp_id' must be a whole number from 0 to 63"},
+        {"[platform]\nbus_port = 5670\n", "line 2: unknown key 'bus_port'"},
+        {"[platform.avc_enable]\nwlan0x = 1\n", "line 2: unknown key 'avc_enable/wlan0x'"},
+        {"\"\\u001B[31m\" = 1\n", "line 1: unknown key '?[31m'"},
+        {deep.c_str(), "line 2: more than 64 dots"},
         {"[client\n", "line 1: "},
     };
     for (const auto &row : rows) {
