@@ -57,22 +57,13 @@ int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable) {
     return 0;
 }
 
-int psm_webroot_server_pgetName(psm_xact *xact, char *text, size_t size) {
-    note(std::string("psm_webroot_server_pgetName(") + std::to_string(size) + ")");
-    if (xact == nullptr)
-        return -1;
-    snprintf(text, size, "%s", platform.url_server.c_str());
-    return platform.url_server.empty() ? -1 : 0;
+int psm_webroot_server_pgetName(psm_xact *, char *, size_t) {
+    return -1;
 }
 
-int psm_urlfilter_get_category(const void *request, void *reply) {
-    if (platform.keeps_records) {
-        const auto *bytes = static_cast<const uint8_t *>(request);
-        note("psm_urlfilter_get_category()");
-        platform.category_requests.emplace_back(bytes, bytes + 184);
-    }
-    memcpy(reply, platform.category_reply.data(), platform.category_reply.size());
-    return platform.category_result;
+// The agent knows every domain and no category.
+int psm_urlfilter_get_category(const void *, void *) {
+    return 0;
 }
 
 int psm_sys_get_fw_version(char *text, size_t size) {
@@ -123,33 +114,26 @@ int psms_av_set_dev_av(const char *ifname, int enable) {
     return note(std::string("psms_av_set_dev_av(") + ifname + ", " + std::to_string(enable) + ")");
 }
 
-int psms_av_set_dev_url(const char *ifname, int enable) {
-    return note(std::string("psms_av_set_dev_url(") + ifname + ", " + std::to_string(enable) + ")");
+int psms_av_set_dev_url(const char *, int) {
+    return 0;
 }
 
-int psms_rflow_set_app(const void *, const void *, const char *name, int, uint16_t category,
-                       uint32_t verdict, int, int) {
-    return note(std::string("psms_rflow_set_app(") + name + ", " + std::to_string(category) + ", " +
-                std::to_string(verdict) + ")");
+int psms_rflow_set_app(const void *, const void *, const char *, int, uint16_t, uint32_t, int,
+                       int) {
+    return 0;
 }
 
-static std::string side(const char *ifname, uint32_t utp_id) {
-    return ifname != nullptr ? ifname : "utp " + std::to_string(utp_id);
+int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *, const char *, int, uint32_t) {
+    return 0;
 }
 
-int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int,
-                                               uint32_t utp_id) {
-    return note("del " + side(ifname, utp_id) + " " + host);
+int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *, const char *, const uint32_t *, int,
+                                               int, int, int, uint32_t) {
+    return 0;
 }
 
-int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *host,
-                                               const uint32_t *, int, int, int, int,
-                                               uint32_t utp_id) {
-    return note("add " + side(ifname, utp_id) + " " + host);
-}
-
-int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable) {
-    return note(std::string("enable ") + ifname + " " + std::to_string(enable));
+int psms_dnsspoof_set_enable_for_safesearch(const char *, int) {
+    return 0;
 }
 
 void crashdump_init(const char *process_name) {

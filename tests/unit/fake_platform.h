@@ -27,10 +27,6 @@ struct fake_platform {
     int tm_support = 0;
     std::string fw_version = "1.0";
     std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
-    std::string url_server;                  // empty: none is configured
-    std::vector<std::vector<uint8_t>> category_requests;
-    std::vector<uint8_t> category_reply = {}; // its first bytes
-    int category_result = 0;
     std::string base_mac = "00:1A:2B:3C:4D:5E";
 };
 
