@@ -10,6 +10,8 @@
 #include "core/dns/dns_cache.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
+#include "wificalling/show_wificalling.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <algorithm>
 #include <cstring>
@@ -133,10 +135,12 @@ constexpr command_row COMMANDS[] = {
     {CMD_INTF_URL_POLICY_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_UTP_WEB_POLICY_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_DEBUG_CFG_REQ, completed<uint32_t, process_debug_cfg>, NOTHING},
-    {CMD_WIFICALLING_POLICY_CFG_REQ, NOT_YET, SAVE_WIFICALLING},
-    {CMD_WIFICALLING_INTF_CFG_REQ, NOT_YET, SAVE_WIFICALLING},
-    {CMD_WIFICALLING_INTF_SHOW_REQ, NOT_YET, NOTHING},
-    {CMD_WIFICALLING_POLICY_FLUSH_REQ, NOT_YET, NOTHING},
+    {CMD_WIFICALLING_POLICY_CFG_REQ,
+     completed<wificalling_policy_wire, jorn_process_wificalling_policy_cfg>, SAVE_WIFICALLING},
+    {CMD_WIFICALLING_INTF_CFG_REQ,
+     completed<wificalling_intf_wire, jorn_process_wificalling_intf_config>, SAVE_WIFICALLING},
+    {CMD_WIFICALLING_INTF_SHOW_REQ, bare<jorn_show_wificalling_intf>, NOTHING},
+    {CMD_WIFICALLING_POLICY_FLUSH_REQ, bare<jorn_process_wificalling_policy_flush>, NOTHING},
     {CMD_UT_CASE_REQ, completed<int32_t, jorn_process_ut_case>, NOTHING},
 };
 static_assert(std::ranges::adjacent_find(COMMANDS, std::greater_equal(), &command_row::number) ==
