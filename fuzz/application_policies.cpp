@@ -5,12 +5,18 @@
 #include "control/tables/arc_tables.h"
 #include "core/base/settings.h"
 #include "core/state/state.h"
+#include "support/saved_folder.h"
 
 #include <cstdlib>
 #include <string>
 #include <syslog.h>
 
 namespace {
+
+const saved_folder &folder() {
+    static const saved_folder own;
+    return own;
+}
 
 void set_up() {
     jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
@@ -24,24 +30,15 @@ void restore(const std::string &content) {
     jorn_state.userdef_apps = {};
     if (content.empty())
         return;
-    FILE *file = fmemopen(const_cast<char *>(content.data()), content.size(), "r");
-    restore_configuration(file, "the file");
-    fclose(file);
-    if (jorn_state.userdef_apps.count < 0 || jorn_state.userdef_apps.count > USERDEF_APPS_MAX)
+    folder().write(APPLICATION_POLICY_FILE, content);
+    if (!restore_configuration() || jorn_state.userdef_apps.count < 0 ||
+        jorn_state.userdef_apps.count > USERDEF_APPS_MAX)
         abort();
 }
 
 std::string written() {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *file = open_memstream(&text, &size);
-    if (jorn_write_arc_policy_configuration(file) != 0 ||
-        jorn_write_userdef_configuration(file) != 0)
-        abort();
-    fclose(file);
-    std::string content(text, size);
-    free(text);
-    return content;
+    jorn_save_configuration();
+    return folder().read(APPLICATION_POLICY_FILE);
 }
 
 } // namespace

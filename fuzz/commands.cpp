@@ -1,26 +1,17 @@
 // Command messages through the dispatcher, one after the other against one state: an input is a
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
-#include "control/files/configuration.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/settings.h"
 #include "core/dns/dns_cache.h"
 #include "core/state/state.h"
+#include "support/saved_folder.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <syslog.h>
 #include <vector>
-
-// The file goes nowhere, but all of it is formatted.
-void jorn_save_configuration() {
-    static FILE *nowhere = fopen("/dev/null", "we");
-    if (nowhere == nullptr || jorn_write_arc_policy_configuration(nowhere) != 0 ||
-        jorn_write_userdef_configuration(nowhere) != 0)
-        abort();
-}
 
 namespace {
 
@@ -44,6 +35,7 @@ void check_links() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const saved_folder folder;
     static const int reply_fd = set_up();
     static std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
     while (size >= sizeof(uint16_t)) {

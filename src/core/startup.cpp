@@ -27,6 +27,7 @@ void set_defaults(daemon_settings &settings) {
     settings.debug = 0;
     copy_text(settings.conf_path, DEFAULT_CONF_PATH);
     copy_text(settings.sock_path, DEFAULT_SOCK_PATH);
+    copy_text(settings.saved_files_folder, DEFAULT_SAVED_FILES_FOLDER);
     settings.tm_engine_enabled = 0;
     settings.reserved = 0;
     settings.arc_enabled = 0;

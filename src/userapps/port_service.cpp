@@ -2,7 +2,8 @@
 
 #include "core/base/log.h"
 #include "core/base/shell.h"
-#include "core/base/text_file.h"
+#include "core/files/saved_file.h"
+#include "core/files/text_file.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
 #include "platform/psms.h"
@@ -102,7 +103,8 @@ int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
 
 int jorn_process_cmd_port_service_cfg_req() {
     JORN_DEBUG("process the CMD_PORT_SERVICE_CFG_REQ \n");
-    const int result = jorn_parse_port_service_conf_file(PORT_SERVICE_PATH, &jorn_state.port_apps);
+    const int result = jorn_parse_port_service_conf_file(saved_file_path(PORT_SERVICE_FILE).c_str(),
+                                                         &jorn_state.port_apps);
     if (result != 0) {
         JORN_ERROR("parse the port/app configuration file fail\n");
         return result;

@@ -14,7 +14,8 @@
 
 struct port_app_list; // core/state/state.h
 
-inline constexpr char PORT_SERVICE_PATH[] = "/writable/jorn/uploadjorport_file_1.0";
+// In the folder of the saved files, where the controller puts it.
+inline constexpr char PORT_SERVICE_FILE[] = "uploadjorport_file_1.0";
 
 inline constexpr int PORT_SERVICE_ERR_LIMIT = -1;
 inline constexpr int PORT_SERVICE_ERR_MEMORY = -2;
@@ -25,7 +26,7 @@ inline constexpr int PORT_SERVICE_ERR_FILE = -9;
 // when memory ran out. The entries read before a failure stay.
 int jorn_parse_port_service_conf_file(const char *path, port_app_list *list);
 
-// Command 13: reads PORT_SERVICE_PATH and, when all of it could be read, has the platform forget
+// Command 13: reads PORT_SERVICE_FILE and, when all of it could be read, has the platform forget
 // its flows' policies. Returns what the reading does.
 int jorn_process_cmd_port_service_cfg_req();
 

@@ -1,19 +1,16 @@
+#include "control/files/arc_section.h"
 #include "control/files/configuration.h"
-#include "core/base/saved_file.h"
 #include "core/base/settings.h"
 #include "core/state/state.h"
 #include "policies.h"
+#include "support/saved_folder.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
-
-using std::string_literals::operator""s;
 
 const std::string EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end]\n";
 
@@ -38,34 +35,29 @@ protected:
     void SetUp() override { reset(); }
     void TearDown() override { reset(); }
 
+    static const saved_folder &folder() {
+        static const saved_folder own;
+        return own;
+    }
     static void reset() {
         jorn_process_arc_policy_flush();
         jorn_state = {};
         jorn_settings = {};
+        folder().use();
         jorn_settings.debug = 1; // the log goes to standard error
         platform = {};
     }
     // Restores the content into an empty state and returns the log.
     static std::string restore(const std::string &content) {
         reset();
-        FILE *file = tmpfile();
-        fwrite(content.data(), 1, content.size(), file);
-        rewind(file);
+        folder().write(APPLICATION_POLICY_FILE, content);
         testing::internal::CaptureStderr();
-        restore_configuration(file, "the file");
-        fclose(file);
+        EXPECT_TRUE(restore_configuration());
         return testing::internal::GetCapturedStderr();
     }
     static std::string written() {
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *file = open_memstream(&text, &size);
-        EXPECT_EQ(jorn_write_arc_policy_configuration(file), 0);
-        EXPECT_EQ(jorn_write_userdef_configuration(file), 0);
-        fclose(file);
-        std::string content(text, size);
-        free(text);
-        return content;
+        jorn_save_configuration();
+        return folder().read(APPLICATION_POLICY_FILE);
     }
     static size_t policy_count() {
         size_t count = 0;
@@ -124,7 +116,7 @@ TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
         EXPECT_EQ(policy_count(), occurrences(content, "[policy end]")) << length;
         EXPECT_EQ(jorn_state.userdef_apps.count, complete ? 2 : 0) << length;
         EXPECT_EQ(jorn_state.userdef_apps.records[0].dst_port, complete ? 80 : 0) << length;
-        EXPECT_EQ(occurrences(log, ") the file ends early"), complete ? 0u : 1u) << length;
+        EXPECT_EQ(occurrences(log, " ends early, "), complete ? 0u : 1u) << length;
     }
 }
 
@@ -157,18 +149,15 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
 }
 
-TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
-    char root[] = "/tmp/jorn_saved_XXXXXX";
-    ASSERT_NE(mkdtemp(root), nullptr);
-    const std::string directory = root + "/a/b"s;
-    const std::string path = directory + "/file";
-    for (const char *text : {"longer", "short"}) {
-        FILE *file = create_saved_file(directory.c_str(), path.c_str(), JORN_AS("f"));
-        ASSERT_NE(file, nullptr);
-        EXPECT_TRUE(write_flushed(file, text));
-        fclose(file);
-    }
-    EXPECT_EQ(std::filesystem::file_size(path), 5u);
+TEST_F(Configuration, FileIsCreatedAnewAndRemovedWhenUnreadable) {
+    const std::string deeper = folder().path_of("a/b");
+    copy_text(jorn_settings.saved_files_folder, deeper);
+    add_policy(1, {rule_of("longer")});
+    jorn_save_configuration();
+    jorn_process_arc_policy_flush();
+    jorn_save_configuration();
+    const std::string path = deeper + '/' + APPLICATION_POLICY_FILE;
+    EXPECT_EQ(std::filesystem::file_size(path), EMPTY.size());
 
     unlink(path.c_str());
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0); // nobody can open one, not even root
@@ -176,9 +165,9 @@ TEST_F(Configuration, SavedFilesAreCreatedAnewAndRemovedWhenUnreadable) {
     strcpy(address.sun_path, path.c_str());
     ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     close(fd);
-    EXPECT_EQ(open_saved_file(path.c_str(), JORN_AS("f")), nullptr);
-    EXPECT_FALSE(saved_file_exists(path.c_str()));
-    std::filesystem::remove_all(root);
+    EXPECT_FALSE(restore_configuration());
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_TRUE(restore_configuration());
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-#include "core/base/text_file.h"
+#include "core/files/storable.h"
+#include "core/files/text_file.h"
 #include "core/text/fields.h"
 #include "core/text/text.h"
 
@@ -75,6 +76,68 @@ TEST(FieldSplitter, PlacesOfEmptyFields) {
             fields.emplace_back(field);
         EXPECT_EQ(fields, row.fields) << row.text;
         EXPECT_TRUE(field.empty());
+    }
+}
+
+struct listed {
+    char name[8];
+    uint8_t count;
+    char items[3][4];
+};
+
+constexpr list_format CLOSED = {.separator = ',', .closed = true, .empty = "-"};
+
+constexpr line_field<listed> LISTED_FIELDS[] = {
+    text_field<&listed::name>("name"),
+    number_field<&listed::count>("count"),
+    {"items",
+     [](std::string_view text, listed &to) {
+         read_list(text, CLOSED, std::min<size_t>(to.count, 3),
+                   [&](size_t i, std::string_view item) { copy_text(to.items[i], item); });
+     },
+     [](text_appender &to, const listed &from) {
+         write_list(to, CLOSED, std::min<size_t>(from.count, 3),
+                    [&](size_t i) { to.append(field_text(from.items[i])); });
+     }},
+};
+constexpr line_format<listed> LISTED_LINE = {{';'}, LISTED_FIELDS};
+
+TEST(LineFormat, ListsKeepTheirPlacesAndNothingOutgrowsTheText) {
+    for (const char *line : {"n;0;-;\n", ";2;a,,;\n", "1234567;3;a,b,abc,;\n"}) {
+        listed record = {};
+        read_line(line, LISTED_LINE, record);
+        for (size_t capacity = 0; capacity <= strlen(line) + 1; ++capacity) {
+            char text[32];
+            size_t length = 0;
+            text_appender to(text, &length, capacity);
+            write_line(to, LISTED_LINE, record);
+            EXPECT_EQ(to.result(), capacity > strlen(line) ? 0 : -1) << capacity;
+            EXPECT_TRUE(length < capacity || length == 0);
+            EXPECT_TRUE(to.result() != 0 || std::string_view(text, length) == line);
+        }
+    }
+}
+
+TEST(Storable, TextsThatWouldTearAFileAreRefusedWithTheirPlace) {
+    constexpr std::string_view MARKERS[] = {"[x end]"};
+    const struct {
+        const char *line;
+        const char *says; // none: it may be stored
+    } rows[] = {
+        {"a b\xFF;1;\x80,;\n", nullptr},
+        {"ab\n;0;-;\n", "thing 1 is refused: name holds a control character, 0x0a, at byte 2\n"},
+        {";2;a,b\x7F,;\n", "items holds a control character, 0x7f, at byte 3\n"},
+        {"[X END];0;-;\n", "name holds \"[x end]\"\n"},
+    };
+    jorn_settings.debug = 1; // the log goes to standard error
+    for (const auto &row : rows) {
+        listed record = {};
+        read_line(row.line, LISTED_LINE, record);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(is_storable(record, LISTED_LINE, MARKERS, "thing 1", JORN_AS("f")),
+                  row.says == nullptr);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find(row.says == nullptr ? "" : row.says), std::string::npos) << log;
     }
 }
 

@@ -3,7 +3,7 @@
 #include "control/files/dpi_rules.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
-#include "core/base/saved_file.h"
+#include "core/files/saved_file.h"
 #include "core/state/state.h"
 #include "platform/psm.h"
 #include "platform/psms.h"
@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int WLANS_MAX = 64;
+constexpr char LOADER[] = "jorn_load_configurations";
 
 } // namespace
 
@@ -19,14 +20,10 @@ void jorn_load_configurations() {
     JORN_DEBUG("JORN loading configuration...\n");
     jorn_process_utp_flush();
     jorn_process_arc_policy_flush();
-    if (saved_file_exists(APPLICATION_POLICY_PATH)) {
-        FILE *file = open_saved_file(APPLICATION_POLICY_PATH, JORN_HERE);
-        if (file == nullptr)
-            return;
-        restore_configuration(file, APPLICATION_POLICY_PATH);
-        fclose(file);
-    }
-    jorn_parse_port_service_conf_file(PORT_SERVICE_PATH, &jorn_state.port_apps);
+    if (!restore_configuration())
+        return;
+    jorn_parse_port_service_conf_file(saved_file_path(PORT_SERVICE_FILE).c_str(),
+                                      &jorn_state.port_apps);
     enable_visibility();
     if (enable_dpi_engine())
         jorn_load_dpi_rules();
@@ -43,7 +40,7 @@ void enable_visibility() {
         psm_wlan_pgetAvcEn(xact, name, &enable);
         if (enable == 0 || psm_jor_mem_support() != 0)
             continue;
-        JORN_DEBUG_AS("jorn_load_configurations", "set av_enable on interface: %s", name);
+        JORN_DEBUG_AS(LOADER, "set av_enable on interface: %s", name);
         psms_av_set_dev_av(name, enable);
     }
     psm_cancelXact(&xact);

@@ -32,12 +32,23 @@ void jorn_strtrim(char *text) {
 int jorn_buf_append(char *buffer, const char *text, size_t *length, size_t capacity) {
     if (buffer == nullptr || text == nullptr || length == nullptr)
         return -1;
-    const size_t added = strlen(text);
-    if (*length >= capacity || added >= capacity - *length)
-        return -1;
-    memcpy(buffer + *length, text, added + 1);
-    *length += added;
-    return 0;
+    text_appender to(buffer, length, capacity);
+    to.append(text);
+    return to.result();
+}
+
+void text_appender::append(std::string_view piece) {
+    full_ = full_ || *length_ >= capacity_ || piece.size() >= capacity_ - *length_;
+    if (full_)
+        return;
+    memcpy(buffer_ + *length_, piece.data(), piece.size());
+    *length_ += piece.size();
+    buffer_[*length_] = '\0';
+}
+
+void text_appender::number(int64_t value) {
+    char digits[24];
+    append({digits, std::to_chars(digits, digits + sizeof digits, value).ptr});
 }
 
 int64_t leading_decimal(std::string_view text) {

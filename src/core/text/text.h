@@ -74,6 +74,25 @@ void jorn_strtrim(char *text);
 // 0, or -1 with nothing changed when a pointer is missing or the sum would reach `capacity`.
 int jorn_buf_append(char *buffer, const char *text, size_t *length, size_t capacity);
 
+// A text built piece by piece behind the `length` characters that the buffer holds already. It
+// stays below `capacity` characters, and a NUL follows it. Once a piece doesn't fit, nothing is
+// appended any more.
+class text_appender {
+public:
+    text_appender(char *buffer, size_t *length, size_t capacity)
+        : buffer_(buffer), length_(length), capacity_(capacity) {}
+
+    void append(std::string_view piece);
+    void number(int64_t value); // in decimal
+    int result() const { return full_ ? -1 : 0; }
+
+private:
+    char *buffer_;
+    size_t *length_;
+    size_t capacity_;
+    bool full_ = false;
+};
+
 // The number at the start of a text, as atoi reads it: white space, a sign, digits; 0 when there
 // are none. What doesn't fit becomes the nearest number that does.
 int64_t leading_decimal(std::string_view text);

@@ -1,4 +1,4 @@
-#include "core/base/text_file.h"
+#include "core/files/text_file.h"
 
 #include <algorithm>
 #include <cerrno>

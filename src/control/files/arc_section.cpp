@@ -1,0 +1,83 @@
+#include "control/files/arc_section.h"
+
+#include "control/lines/arc_lines.h"
+#include "control/tables/arc_tables.h"
+#include "core/base/log.h"
+#include "core/files/saved_file.h"
+#include "core/state/state.h"
+
+namespace {
+
+void take_header(std::string_view line, pending_arc_policy &pending) {
+    __jorn_parse_policy_config_first(line, &pending.policy);
+}
+
+void take_rule(std::string_view line, pending_arc_policy &pending) {
+    __jorn_parse_policy_config_rule(line, &pending.policy, &pending.rule_count);
+}
+
+// A policy without a rule is not added: it could match nothing.
+void finish_policy(std::string_view, pending_arc_policy &pending) {
+    if (pending.rule_count != 0)
+        __arc_policy_add_end(&pending.policy);
+    pending.rule_count = 0;
+}
+
+enum place : uint8_t { BEFORE, POLICIES, HEADER, RULES };
+
+constexpr section_row<pending_arc_policy> SECTION_ROWS[] = {
+    {BEFORE, ARC_POLICIES_BEGIN, "appPolicy start...\n", nullptr, POLICIES},
+    {POLICIES, ARC_POLICIES_END, "appPolicy end...\n", nullptr, SECTION_END},
+    {POLICIES, ARC_BLOCK_BEGIN, "Policy start...\n", nullptr, HEADER},
+    {HEADER, "", nullptr, take_header, RULES},
+    {RULES, ARC_BLOCK_END, "Policy end...\n", finish_policy, POLICIES},
+    {RULES, "", nullptr, take_rule, RULES},
+};
+
+} // namespace
+
+constexpr std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION = SECTION_ROWS;
+
+int jorn_write_arc_policy_configuration(FILE *file) {
+    section_writer writer(file, "write configuration file error!\n", JORN_HERE);
+    writer.write_marker(ARC_POLICIES_BEGIN);
+    for (const arc_policy &policy : jorn_state.arc_policy_list) {
+        char block[ARC_BLOCK_LIMIT + 1] = {};
+        size_t length = 0;
+        if (jorn_format_arc_policy(block, &policy, &length, ARC_BLOCK_LIMIT) == 0)
+            writer.write({block, length});
+    }
+    writer.write_marker(ARC_POLICIES_END);
+    return writer.result();
+}
+
+int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
+                           size_t capacity) {
+    text_appender to(text, length, capacity);
+    to.append(ARC_BLOCK_BEGIN);
+    to.append("\n");
+    write_line(to, ARC_HEADER_LINE, *policy);
+    for (const arc_rule &rule : policy->rules) {
+        if (rule.app_name[0] != '\0')
+            write_line(to, ARC_RULE_LINE, rule);
+    }
+    to.append(ARC_BLOCK_END);
+    to.append("\n\n");
+    return to.result();
+}
+
+void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy) {
+    JORN_DEBUG("parsing %.*s\n", static_cast<int>(line.size()), line.data());
+    *policy = {};
+    read_line(line, ARC_HEADER_LINE, *policy);
+}
+
+void __jorn_parse_policy_config_rule(std::string_view line, arc_policy_wire *policy,
+                                     unsigned *rule_count) {
+    JORN_DEBUG("policy rule id %u\n", *rule_count);
+    JORN_DEBUG("parsing rule %.*s %d\n", static_cast<int>(line.size()), line.data(),
+               static_cast<int>(line.size()));
+    if (*rule_count < ARC_RULES_PER_POLICY)
+        read_line(line, ARC_RULE_LINE, policy->rules[*rule_count]);
+    ++*rule_count;
+}

@@ -1,0 +1,32 @@
+#include "control/lines/arc_lines.h"
+
+namespace {
+
+constexpr line_field<arc_policy_wire> HEADER_FIELDS[] = {
+    number_field<&arc_policy_wire::attr1>("attr1"),
+    number_field<&arc_policy_wire::attr3>("attr3"),
+    number_field<&arc_policy_wire::attr4>("attr4"),
+    number_field<&arc_policy_wire::log_enable>("log_enable"),
+    number_field<&arc_policy_wire::utp_id>("utp_id"),
+};
+
+constexpr line_field<arc_rule> RULE_FIELDS[] = {
+    number_field<&arc_rule::app_id>("app_id"),
+    number_field<&arc_rule::cat_id>("cat_id"),
+    text_field<&arc_rule::app_name>("app_name"),
+    text_field<&arc_rule::cat_name>("cat_name"),
+    number_field<&arc_rule::deny>("deny"),
+    bits_field<&arc_rule::qos, ARC_QOS_MARKING>("marking"),
+    bits_field<&arc_rule::qos, ARC_QOS_CLASSIFICATION>("classification"),
+    bits_field<&arc_rule::qos, ARC_QOS_MARK_KIND>("mark_kind"),
+    bits_field<&arc_rule::qos, ARC_QOS_MARK_TYPE>("mark_type"),
+    bits_field<&arc_rule::qos, ARC_QOS_CLASSIFY_TYPE>("classify_type"),
+    number_field<&arc_rule::rate_up>("rate_up"),
+    number_field<&arc_rule::rate_down>("rate_down"),
+};
+
+} // namespace
+
+constexpr line_format<arc_policy_wire> ARC_HEADER_LINE = {{.separator = ';', .trimmed = true},
+                                                          HEADER_FIELDS};
+constexpr line_format<arc_rule> ARC_RULE_LINE = {{.separator = ',', .trimmed = true}, RULE_FIELDS};
