@@ -7,6 +7,7 @@ namespace {
 
 constexpr uint16_t DNS_PORT = 53;
 constexpr size_t DNS_HEADER_SIZE = 12;
+constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr uint16_t TYPE_A = 1;
 
 // Where the text of a name ends, compressed or not; 0 when it doesn't fit.
@@ -56,19 +57,10 @@ void collect_from_message(byte_view message, name_table &names) {
     }
 }
 
-// Where the UDP payload of a frame starts, found from its IPv4 header; 0 when there is none. The
-// daemon's decoder has said that the frame is UDP.
-size_t udp_payload_offset(byte_view frame) {
-    size_t ip = 14;
-    uint16_t type = frame.u16(12);
-    if (type == 0x8100) {
-        type = frame.u16(16);
-        ip = 18;
-    }
-    if (type == 0x8864)
-        ip += 8;
-    const size_t header_size = (frame.u8(ip) & 0x0Fu) * 4u;
-    return ip + header_size + 8;
+// The daemon's decoder has said that the packet is UDP.
+byte_view udp_payload(byte_view ipv4_packet) {
+    const size_t header_size = (ipv4_packet.u8(0) & 0x0Fu) * 4u;
+    return ipv4_packet.from(header_size + UDP_HEADER_SIZE);
 }
 
 } // namespace
@@ -82,6 +74,5 @@ void collect_dns_names(std::span<const uint8_t> frame, name_table &names) {
     jorn_decode_eth_pkt(&ctx, &header, captured.data());
     if (ctx.ip_proto != PROTOCOL_UDP || ctx.src_port != DNS_PORT)
         return;
-    const byte_view bytes(frame.data(), frame.size());
-    collect_from_message(bytes.from(udp_payload_offset(bytes)), names);
+    collect_from_message(udp_payload(ipv4_packet_in({frame.data(), frame.size()})), names);
 }

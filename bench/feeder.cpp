@@ -1,6 +1,7 @@
 #include "feeder.h"
 
 #include "lab.h"
+#include "platform/host/av_messages.h"
 
 #include <algorithm>
 #include <array>
@@ -17,11 +18,6 @@
 
 namespace {
 
-constexpr uint32_t OP_IOCTL = 1;
-constexpr uint32_t OP_FIRST_QUESTION = 33;
-constexpr uint32_t OP_NAME_OF_ADDRESS = 34;
-constexpr uint32_t OP_PLATFORM_VALUE = 36;
-constexpr size_t KEY_SIZE = 64;
 constexpr size_t VERDICT_SIZE = sizeof(av_verdict);
 constexpr int SILENCE_MS = 200;
 constexpr useconds_t REST_US = 20;
@@ -29,34 +25,24 @@ constexpr int FIRST_VERDICT_TRIES = 50;
 constexpr size_t BATCH = 64;
 constexpr size_t MESSAGE_SIZE = 512;
 
-struct message_header {
-    uint32_t op;
-    uint32_t seq;
+template <typename Body>
+struct answer_record {
+    av_answer_head head;
+    Body body;
 };
 
-struct name_answer {
-    message_header header;
-    int32_t rc;
-    uint32_t words[3];
-    char name[256];
-};
-static_assert(sizeof(name_answer) == 280);
-
-struct value_answer {
-    message_header header;
-    int32_t rc;
-    char value[128];
-};
-
-struct bare_answer {
-    message_header header;
-    int32_t rc;
-};
-
-template <typename Answer>
-void answer(int fd, const Answer &record) {
+template <typename Record>
+void send_record(int fd, const Record &record) {
     // A peer that has gone needs no answer.
     [[maybe_unused]] const ssize_t sent = send(fd, &record, sizeof record, MSG_NOSIGNAL);
+}
+
+bool asks_for_engine(const uint8_t *body, size_t size) {
+    av_value_question question;
+    if (size < sizeof question)
+        return false;
+    memcpy(&question, body, sizeof question);
+    return strncmp(question.key, AV_KEY_DPI_ENGINE, sizeof question.key) == 0;
 }
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
@@ -205,35 +191,27 @@ unsigned feeder::receive_from(int fd) {
 bool feeder::handle(int fd, const uint8_t *message, size_t size) {
     if (size == VERDICT_SIZE)
         return true;
-    message_header header = {};
-    if (size < sizeof header)
+    av_message_head head = {};
+    if (size < sizeof head)
         return false;
-    memcpy(&header, message, sizeof header);
-    if (header.op < OP_FIRST_QUESTION)
-        return header.op == OP_IOCTL;
+    memcpy(&head, message, sizeof head);
+    if (head.op <= AV_LAST_ONE_WAY_OP)
+        return head.op == av_op::ioctl;
 
-    if (header.op == OP_NAME_OF_ADDRESS) {
+    if (head.op == av_op::dnscache_get_name) {
         ++questions_;
-        name_answer record = {};
-        record.header = header;
+        answer_record<av_name_answer> record = {{head, 0}, {}};
         if (options_.names_known) {
-            std::fill(std::begin(record.words), std::end(record.words), 1);
-            strcpy(record.name, "www.example.com");
+            std::fill(std::begin(record.body.words), std::end(record.body.words), 1);
+            strcpy(record.body.name, "www.example.com");
         }
-        answer(fd, record);
-        return false;
+        send_record(fd, record);
+    } else if (head.op == av_op::platform_value && options_.engine_present &&
+               asks_for_engine(message + sizeof head, size - sizeof head)) {
+        send_record(fd, answer_record<av_value_answer>{{head, 0}, {"1"}});
+    } else {
+        send_record(fd, av_answer_head{head, -1});
     }
-    constexpr char engine_key[] = "tm_support";
-    if (header.op == OP_PLATFORM_VALUE && options_.engine_present &&
-        size >= sizeof header + KEY_SIZE &&
-        memcmp(message + sizeof header, engine_key, sizeof engine_key) == 0) {
-        value_answer record = {};
-        record.header = header;
-        record.value[0] = '1';
-        answer(fd, record);
-        return false;
-    }
-    answer(fd, bare_answer{header, -1});
     return false;
 }
 

@@ -1,6 +1,7 @@
 #include "live_path.h"
 
 #include "lab.h"
+#include "platform/host/av_messages.h"
 
 #include <algorithm>
 #include <csignal>
@@ -21,7 +22,6 @@ namespace {
 
 constexpr unsigned WARM_UP = 20'000;
 constexpr unsigned FLOWS = 64;
-constexpr int SEND_BUFFER = 1 << 20; // like the AV channel's client
 constexpr char DAEMON_LOG[] = "/run/bench_jorn.log";
 
 int connect_to_sink() {
@@ -29,7 +29,8 @@ int connect_to_sink() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, LAB_SOCKET_PATH, sizeof LAB_SOCKET_PATH);
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER);
+    constexpr int room = AV_SEND_BUFFER;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room);
     if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         lab_fail("the bare loop's connection");
     return fd;
@@ -61,7 +62,7 @@ void send_record(u_char *user, const pcap_pkthdr *, const u_char *) {
 }
 
 [[noreturn]] void run_daemon_binary(const std::string &binary) {
-    setenv("JORN_AV_SOCK", LAB_SOCKET_PATH, 1);
+    setenv(AV_SOCKET_VARIABLE, LAB_SOCKET_PATH, 1);
     // Lines go to a file: one for each refused verdict would drown the figures.
     if (freopen(DAEMON_LOG, "w", stderr) == nullptr)
         _exit(EXIT_FAILURE);

@@ -40,6 +40,17 @@ void register_crash_dump() {
     crashdump_out_init(path);
 }
 
+// The steps that a platform or the files may draw out. An exit signal that came meanwhile ends them
+// as it ends the loop: with the statistics and the clean-up.
+void load_and_run(capture_context *capture_ctx) {
+    if (!exit_requested())
+        jorn_load_configurations();
+    if (exit_requested())
+        jorn_signal_handle(capture_ctx);
+    else
+        jorn_main_loop(capture_ctx);
+}
+
 // What the steps of the initialisation work on.
 struct initialisation {
     int options; // what reading them returned
@@ -138,9 +149,7 @@ int run_daemon(int argc, char *argv[]) {
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();
-    jorn_load_configurations();
-
-    jorn_main_loop(&capture_ctx);
+    load_and_run(&capture_ctx);
     jorn_print_stats();
     jorn_exit_clean(&capture_ctx);
     return EXIT_SUCCESS;

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr int IOCTL_SET_VERDICT = 8;
-
 av_verdict default_verdict(const pkt_ctx &ctx) {
     av_verdict record = {};
     record.verdict = AV_VERDICT_ALLOW;
@@ -129,5 +127,5 @@ int jorn_output(pkt_ctx *ctx) {
     record.flow_key = ctx->flow_key;
     record.app_cat_id = ctx->app_cat_id;
     record.match_info = ctx->match_info;
-    return psms_wdl_ioctl(IOCTL_SET_VERDICT, 0, sizeof record, &record);
+    return psms_wdl_ioctl(AV_IOCTL_SET_VERDICT, 0, sizeof record, &record);
 }

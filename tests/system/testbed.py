@@ -32,7 +32,7 @@ PID_FILE = "/var/run/jorn.pid"
 PORT_SERVICE_FILE = "/writable/jorn/uploadjorport_file_1.0"
 SANITIZER_LOG = "/tmp/sanitizer"
 
-OP_IOCTL, OP_SYSLOG = 1, 6
+OP_IOCTL, OP_SWITCH, OP_SYSLOG = 1, 4, 6
 OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
 
 CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
@@ -306,11 +306,16 @@ class Platform:
                 else:
                     self.messages.add((op, body))
                 if op >= OP_ROAM:
-                    rc, answer = self.answers.get(op, lambda _: (-1, b""))(body)
-                    connection.send(struct.pack("=IIi", op, seq, rc) + answer)
+                    for datagram in self.reply(op, seq, body):
+                        connection.send(datagram)
                 self.reading.wait()
         except OSError:
             pass  # killed
+
+    def reply(self, op, seq, body):
+        """The datagrams that answer a question."""
+        rc, answer = self.answers.get(op, lambda _: (-1, b""))(body)
+        return [struct.pack("=IIi", op, seq, rc) + answer]
 
     def _value(self, body):
         value = self.values.get(text_of(body[:64]))

@@ -104,11 +104,11 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
 
     // A question of eight bytes: the address and room for four characters and their end.
     const uint32_t body[] = {inet_addr("192.0.2.3"), 5};
-    const question asked = {34, 1, std::as_bytes(std::span(body))};
+    const question asked = {{av_op::dnscache_get_name, 1}, std::as_bytes(std::span(body))};
     const std::vector<std::byte> answer = answer_domain_name(names, second_us, asked);
     ASSERT_EQ(answer.size(), 12u + 12u + 256u);
     EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
-    EXPECT_EQ(answer_domain_name(names, second_us, {34, 1, asked.body.first(7)}).size(), 12u);
+    EXPECT_EQ(answer_domain_name(names, second_us, {asked.head, asked.body.first(7)}).size(), 12u);
 }
 
 class AvcoreDpiEngine : public testing::Test {

@@ -66,6 +66,9 @@ TEST(Decode, CountsByKind) {
         for (unsigned id = 0; id < std::size(jorn_state.stats.count); ++id)
             counted.insert(counted.end(), jorn_state.stats.count[id], id);
         EXPECT_EQ(counted, row.counted) << row.what;
+        // Who looks for the packet alone finds what was decoded.
+        const bool ipv4 = std::count(counted.begin(), counted.end(), STATS_IPV4) != 0;
+        EXPECT_EQ(ipv4_packet_in({row.frame.data(), row.frame.size()}).holds(20), ipv4) << row.what;
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <sys/epoll.h>
@@ -37,11 +36,6 @@ bool somebody_listens(const sockaddr_un &address) {
 }
 
 } // namespace
-
-std::string channel_server::default_path() {
-    const char *chosen = getenv("JORN_AV_SOCK");
-    return chosen != nullptr && chosen[0] != '\0' ? chosen : "/var/run/av_core.sock";
-}
 
 channel_server::channel_server(std::string path)
     : path_(std::move(path)),

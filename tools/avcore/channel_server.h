@@ -26,9 +26,6 @@ public:
     channel_server(const channel_server &) = delete;
     channel_server &operator=(const channel_server &) = delete;
 
-    // JORN_AV_SOCK, else the usual place.
-    static std::string default_path();
-
     int fd() const { return epoll_.get(); } // readable when `serve` has work
     void serve(const handler &handle);
 

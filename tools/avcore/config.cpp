@@ -14,8 +14,8 @@
 namespace avcore {
 namespace {
 
-constexpr size_t PLATFORM_KEY_MAX = 63;
-constexpr size_t PLATFORM_VALUE_MAX = 127;
+constexpr size_t PLATFORM_KEY_MAX = sizeof(av_value_question::key) - 1;
+constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
 
 // One table of the file with the file's name at hand for messages.
 class reader {
@@ -208,9 +208,9 @@ void read_platform(const toml::table &table, const std::string &file, const std:
             in.fail(node, reader::quoted(key) + " must be a text in quotes or a whole number");
         if (key.size() > PLATFORM_KEY_MAX || value->size() > PLATFORM_VALUE_MAX)
             in.fail(node, reader::quoted(key) + ": a key has at most 63 characters, a value 127");
-        if (key == "base_mac" && !parse_mac(*value))
+        if (key == AV_KEY_BASE_MAC && !parse_mac(*value))
             in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
-        if (key == "base_mac")
+        if (key == AV_KEY_BASE_MAC)
             std::transform(value->begin(), value->end(), value->begin(),
                            [](char c) { return c >= 'a' && c <= 'f' ? char(c - 'a' + 'A') : c; });
         settings.platform_values[key] = *value;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "avcore/frame.h"
+#include "platform/host/av_messages.h"
 
 #include <cstdint>
 #include <map>
@@ -48,7 +49,7 @@ struct config {
     client_profile client = {.side = {.if_name = "wlan0", .if_index = 1}};
     side_profile uplink = {.if_name = "eth0", .if_index = 2};
     std::vector<client_rule> rules; // the first that fits wins
-    std::map<std::string, std::string, std::less<>> platform_values = {{"tm_support", "1"}};
+    std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
 };
 

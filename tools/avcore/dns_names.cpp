@@ -38,14 +38,8 @@ const std::string *dns_names::find(uint32_t address_be, int64_t time_us) const {
 
 std::vector<std::byte> answer_domain_name(const dns_names &names, int64_t time_us,
                                           const question &asked) {
-    struct {
-        uint32_t address_be;
-        uint32_t buffer_size;
-    } request;
-    struct {
-        uint32_t words[3];
-        char name[256];
-    } reply = {};
+    av_name_question request;
+    av_name_answer reply = {};
     if (asked.body.size() < sizeof request)
         return make_answer(asked, -1);
     memcpy(&request, asked.body.data(), sizeof request);

@@ -10,9 +10,6 @@
 namespace avcore {
 namespace {
 
-constexpr size_t ETHERNET_HEADER_SIZE = 14;
-constexpr size_t VLAN_TAG_SIZE = 4;
-constexpr size_t PPPOE_HEADER_SIZE = 8;
 constexpr size_t IPV4_HEADER_SIZE = 20;
 constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
@@ -20,18 +17,6 @@ constexpr uint8_t UDP = 17;
 
 size_t ipv4_header_size(byte_view packet) {
     return (packet.u8(0) & 0x0Fu) * size_t{4};
-}
-
-// What follows the Ethernet header of an IPv4 frame: at most one VLAN tag, then IPv4 or PPPoE.
-size_t ipv4_offset(byte_view frame) {
-    size_t offset = ETHERNET_HEADER_SIZE;
-    if (frame.u16(offset - 2) == 0x8100)
-        offset += VLAN_TAG_SIZE;
-    if (frame.u16(offset - 2) == 0x0800)
-        return offset;
-    if (frame.u16(offset - 2) == 0x8864 && frame.u16(offset + 6) == 0x0021)
-        return offset + PPPOE_HEADER_SIZE;
-    return frame.size();
 }
 
 } // namespace
@@ -72,16 +57,14 @@ frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer) {
 }
 
 std::span<const uint8_t> ipv4_packet(std::span<const uint8_t> frame) {
-    const byte_view whole(frame.data(), frame.size());
-    const size_t offset = ipv4_offset(whole);
-    const byte_view packet = whole.from(offset);
+    const byte_view packet = ipv4_packet_in({frame.data(), frame.size()});
     const size_t header_size = ipv4_header_size(packet);
     const size_t total_size = packet.u16(2);
     if (!packet.holds(IPV4_HEADER_SIZE) || packet.u8(0) >> 4 != 4 ||
         header_size < IPV4_HEADER_SIZE || !packet.holds(header_size) || total_size < header_size ||
         (packet.u16(6) & FRAGMENT_OFFSET_MASK) != 0)
         return {};
-    return frame.subspan(offset, packet.first(total_size).size());
+    return frame.last(packet.size()).first(packet.first(total_size).size());
 }
 
 std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4) {

@@ -7,13 +7,6 @@
 namespace avcore {
 namespace {
 
-constexpr uint32_t OP_IOCTL = 1;
-constexpr uint32_t OP_POLICY_RESET = 3;
-constexpr uint32_t OP_SWITCH = 4;
-constexpr uint32_t OP_SYSLOG = 6;
-constexpr uint32_t LAST_ONE_WAY_OP = 6;
-constexpr int32_t IOCTL_SET_VERDICT = 8;
-
 template <typename Record>
 bool read_record(byte_span bytes, size_t offset, Record &record) {
     if (offset > bytes.size() || sizeof record > bytes.size() - offset)
@@ -23,14 +16,10 @@ bool read_record(byte_span bytes, size_t offset, Record &record) {
 }
 
 std::optional<channel_message> parse_ioctl(byte_span body) {
-    struct {
-        int32_t command;
-        int32_t arg;
-        uint32_t length;
-    } call;
+    av_ioctl_call call;
     if (!read_record(body, 0, call) || call.length != body.size() - sizeof call)
         return std::nullopt;
-    if (call.command != IOCTL_SET_VERDICT || call.arg != 0)
+    if (call.command != AV_IOCTL_SET_VERDICT || call.arg != 0)
         return ignored_message{};
     av_verdict verdict;
     if (call.length != sizeof verdict || !read_record(body, sizeof call, verdict))
@@ -39,64 +28,52 @@ std::optional<channel_message> parse_ioctl(byte_span body) {
 }
 
 std::optional<channel_message> parse_switch(byte_span body) {
-    struct {
-        uint32_t which;
-        int32_t value;
-        char if_name[24];
-    } record;
+    av_device_setting record;
     if (body.size() != sizeof record || !read_record(body, 0, record) ||
-        record.which < switch_setting::AV || record.which > switch_setting::TM)
+        record.which < av_switch::av || record.which > av_switch::tm)
         return std::nullopt;
-    return switch_setting{record.which, record.value, std::string(field_text(record.if_name))};
+    return switch_setting{record.which, record.value, std::string(field_text(record.ifname))};
 }
 
 std::optional<channel_message> parse_syslog(byte_span body) {
-    syslog_line line = {};
-    if (!read_record(body, 0, line.level))
+    av_syslog_head head;
+    if (!read_record(body, 0, head))
         return std::nullopt;
-    const byte_span text = body.subspan(sizeof line.level);
-    line.text.assign(reinterpret_cast<const char *>(text.data()), text.size());
-    return line;
+    const byte_span text = body.subspan(sizeof head);
+    return syslog_line{head.level, {reinterpret_cast<const char *>(text.data()), text.size()}};
 }
 
 } // namespace
 
 std::optional<channel_message> parse_message(byte_span datagram) {
-    struct {
-        uint32_t op;
-        uint32_t seq;
-    } header;
-    if (!read_record(datagram, 0, header))
+    av_message_head head;
+    if (!read_record(datagram, 0, head))
         return std::nullopt;
-    const byte_span body = datagram.subspan(sizeof header);
-    switch (header.op) {
-    case OP_IOCTL:
+    const byte_span body = datagram.subspan(sizeof head);
+    switch (head.op) {
+    case av_op::ioctl:
         return parse_ioctl(body);
-    case OP_POLICY_RESET:
+    case av_op::rflow_reset_app_policy:
         return body.empty() ? std::optional<channel_message>(policy_reset{}) : std::nullopt;
-    case OP_SWITCH:
+    case av_op::set_device:
         return parse_switch(body);
-    case OP_SYSLOG:
+    case av_op::log_syslog:
         return parse_syslog(body);
     default:
         break;
     }
     // Who asks something unknown is told so rather than left waiting.
-    if (header.op > LAST_ONE_WAY_OP)
-        return question{header.op, header.seq, body};
+    if (head.op > AV_LAST_ONE_WAY_OP)
+        return question{head, body};
     return ignored_message{};
 }
 
 std::vector<std::byte> make_answer(const question &asked, int32_t rc, byte_span body) {
-    const struct {
-        uint32_t op;
-        uint32_t seq;
-        int32_t rc;
-    } header = {asked.op, asked.seq, rc};
-    std::vector<std::byte> answer(sizeof header + (rc == 0 ? body.size() : 0));
-    memcpy(answer.data(), &header, sizeof header);
+    const av_answer_head head = {asked.head, rc};
+    std::vector<std::byte> answer(sizeof head + (rc == 0 ? body.size() : 0));
+    memcpy(answer.data(), &head, sizeof head);
     if (rc == 0 && !body.empty())
-        memcpy(answer.data() + sizeof header, body.data(), body.size());
+        memcpy(answer.data() + sizeof head, body.data(), body.size());
     return answer;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "packet/records/kernel.h"
+#include "platform/host/av_messages.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,18 +18,14 @@ namespace avcore {
 
 using byte_span = std::span<const std::byte>;
 
-inline constexpr uint32_t OP_DOMAIN_NAME = 34;
-inline constexpr uint32_t OP_PLATFORM_VALUE = 36;
-
 // The verdicts of all flows are outdated.
 struct policy_reset {};
 
 // The daemon switches one of the module's functions on or off.
 struct switch_setting {
-    enum which : uint32_t { AV = 1, URL, WFC, TM };
-    uint32_t which;
+    av_switch which;
     int32_t value;
-    std::string if_name; // empty for TM
+    std::string if_name; // empty for tm
 };
 
 struct syslog_line {
@@ -40,8 +37,7 @@ struct syslog_line {
 struct ignored_message {};
 
 struct question {
-    uint32_t op;
-    uint32_t seq;
+    av_message_head head;
     byte_span body; // unchecked; lives as long as the datagram
 };
 

@@ -6,8 +6,6 @@
 
 namespace avcore {
 
-inline constexpr std::string_view KEY_DPI_ENGINE = "tm_support";
-
 // The key that is asked for; empty when the question holds none.
 std::string asked_key(const question &asked);
 

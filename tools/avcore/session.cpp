@@ -56,7 +56,7 @@ session::session(const options &options, const config &settings)
       signals_(block_stop_signals()),
       source_(open_source(options)),
       sink_(options.out_interface),
-      channel_(channel_server::default_path()),
+      channel_(av_socket_path()),
       progress_(!options.file.empty()),
       dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr),
       max_frame_size_(sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer))) {
@@ -231,7 +231,7 @@ void session::take(const syslog_line &line) {
 
 void session::take(const switch_setting &setting) {
     constexpr const char *names[] = {"", "av", "url", "wfc", "tm"};
-    std::string name = names[setting.which];
+    std::string name = names[static_cast<uint32_t>(setting.which)];
     if (!setting.if_name.empty())
         name += ' ' + printable(setting.if_name);
     if (switches_.size() < SWITCHES_MAX || switches_.contains(name))
@@ -239,11 +239,11 @@ void session::take(const switch_setting &setting) {
 }
 
 std::vector<std::byte> session::answer(const question &asked) {
-    switch (asked.op) {
-    case OP_DOMAIN_NAME:
+    switch (asked.head.op) {
+    case av_op::dnscache_get_name:
         return answer_domain_name(names_, frame_time_us_, asked);
-    case OP_PLATFORM_VALUE:
-        engine_asked_ |= asked_key(asked) == KEY_DPI_ENGINE;
+    case av_op::platform_value:
+        engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
     default:
         return make_answer(asked, -1);

@@ -17,12 +17,14 @@ void jorn_save_configuration();
 
 // Start-up: empties the UTP tables and the policies, restores the file, reads the port-service
 // file, switches application visibility on and starts the DPI engine. A file that can't be opened
-// is removed and ends the start-up configuration there.
+// is removed and ends the start-up configuration there, and so does an exit signal between two
+// steps.
 void jorn_load_configurations();
 
 // Adds what the file holds to the policies and replaces the user-defined applications. Returns
 // false when there is a file that can't be opened.
 bool restore_configuration();
 
-// Switches application visibility on for every wireless interface whose configuration asks for it.
+// Switches application visibility on for every wireless interface whose configuration asks for it,
+// until an exit signal comes.
 void enable_visibility();

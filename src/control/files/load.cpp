@@ -2,6 +2,7 @@
 #include "control/files/dpi_engine.h"
 #include "control/files/dpi_rules.h"
 #include "control/tables/arc_tables.h"
+#include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/files/saved_file.h"
 #include "core/state/state.h"
@@ -25,7 +26,7 @@ void jorn_load_configurations() {
     jorn_parse_port_service_conf_file(saved_file_path(PORT_SERVICE_FILE).c_str(),
                                       &jorn_state.port_apps);
     enable_visibility();
-    if (enable_dpi_engine())
+    if (!exit_requested() && enable_dpi_engine() && !exit_requested())
         jorn_load_dpi_rules();
 }
 
@@ -33,7 +34,7 @@ void enable_visibility() {
     psm_xact *xact = nullptr;
     if (psm_beginXact(&xact) != 0)
         return;
-    for (int i = 0; i < WLANS_MAX; ++i) {
+    for (int i = 0; i < WLANS_MAX && !exit_requested(); ++i) {
         char name[17];
         int enable = 0;
         snprintf(name, sizeof name, "wlan%d", i);

@@ -7,7 +7,8 @@
 // the statistics and allocate nothing. Each returns 0.
 //
 // A new decoder: a declaration here, a file of its own, and a row in the table of the decoder that
-// leads to it (EtherTypes in decode_eth.cpp, IP protocols in decode_ipv4.cpp).
+// leads to it (EtherTypes in decode_eth.cpp, IP protocols in decode_ipv4.cpp). A new tag is a row
+// alone.
 #pragma once
 
 #include "packet/decode/cursor.h"
@@ -21,6 +22,10 @@
 // IEEE 802.3 with at most one IEEE 802.1Q tag. `bytes` holds `pkthdr->caplen` captured bytes, the
 // kernel's trailer included where there is one; only what lies before it is decoded.
 int jorn_decode_eth_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
+
+// The IPv4 packet in a frame without a trailer, where the Ethernet decoder finds it; up to the end
+// of the frame, its padding included. Empty when there is none.
+byte_view ipv4_packet_in(byte_view frame);
 
 // RFC 791. `packet` starts with the IPv4 header.
 int jorn_decode_ipv4_pkt(pkt_ctx *ctx, byte_view packet);

@@ -115,6 +115,9 @@ struct av_qos {
 };
 static_assert(sizeof(av_qos) == 16);
 
+// The command of the module's ioctl channel that takes a verdict; its argument is 0.
+inline constexpr int AV_IOCTL_SET_VERDICT = 8;
+
 // av_verdict, 232 bytes:
 //
 //    0 verdict           132 wfc_fqdn     204 QoS bytes (16)

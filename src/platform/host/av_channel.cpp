@@ -1,10 +1,9 @@
 #include "platform/host/av_channel.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -13,38 +12,39 @@
 
 namespace {
 
-constexpr char DEFAULT_PATH[] = "/var/run/av_core.sock";
-constexpr int64_t RECONNECT_MS = 1000;
-constexpr int64_t ANSWER_MS = 500;
+using std::chrono::milliseconds;
+using time_point = av_clock::time_point;
+
+constexpr milliseconds RECONNECT_TIME{1000};
+constexpr milliseconds PAUSE_TIME{1000};
 // Every message fits; the longest one-way body is a log line.
 constexpr size_t MESSAGE_SIZE = 1024;
-// Room for the verdicts of all 400 frames that a feeder may have outstanding, even when the
-// listener is kept from running for a while: the default holds 167 of them.
-constexpr int SEND_BUFFER = 1 << 20;
-
-struct message_header {
-    uint32_t op;
-    uint32_t seq;
-};
-
-struct answer_header {
-    uint32_t op;
-    uint32_t seq;
-    int32_t rc;
-};
 
 struct channel_state {
     int fd = -1;
     bool tried = false;
-    int64_t last_try_ms = 0;
+    time_point last_try;
     uint32_t seq = 0;
 };
 channel_state channel;
 
-int64_t now_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+// The questions that packets wait for. After an answer that took too long those of its op fail at
+// once for a while: a platform that is slow with names costs neither the verdicts of flows that
+// have theirs nor the answers to other questions.
+struct question_pause {
+    av_op op;
+    time_point end;
+};
+question_pause pauses[] = {
+    {av_op::rflow_get_roam, {}},
+    {av_op::dnscache_get_name, {}},
+    {av_op::urlfilter_get_category, {}},
+};
+
+question_pause *pause_of(av_op op) {
+    const auto found = std::find_if(std::begin(pauses), std::end(pauses),
+                                    [op](const question_pause &pause) { return pause.op == op; });
+    return found != std::end(pauses) ? found : nullptr;
 }
 
 void disconnect() {
@@ -53,14 +53,13 @@ void disconnect() {
 }
 
 bool connect_channel() {
-    const int64_t now = now_ms();
-    if (channel.tried && now - channel.last_try_ms < RECONNECT_MS)
+    const time_point now = av_clock::now();
+    if (channel.tried && now - channel.last_try < RECONNECT_TIME)
         return false;
     channel.tried = true;
-    channel.last_try_ms = now;
+    channel.last_try = now;
 
-    const char *chosen = getenv("JORN_AV_SOCK");
-    const char *path = chosen != nullptr && chosen[0] != '\0' ? chosen : DEFAULT_PATH;
+    const char *path = av_socket_path();
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (strlen(path) >= sizeof address.sun_path)
@@ -72,8 +71,9 @@ bool connect_channel() {
     if (channel.fd < 0)
         return false;
     // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
-    if (setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER) != 0)
-        setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
+    constexpr int room = AV_SEND_BUFFER;
+    if (setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0)
+        setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
     if (connect(channel.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         disconnect();
         return false;
@@ -81,51 +81,55 @@ bool connect_channel() {
     return true;
 }
 
-// Sends one message; a connection that is gone is closed, one that is merely full stays. The parts
-// are gathered here, for a system call with five pieces costs a packet more than the copy.
-bool send_message(av_op op, uint32_t seq, std::span<const av_bytes> parts) {
-    if (!av_connected())
-        return false;
+// Sends a datagram. A connection that is found gone is closed and, where a try is due, replaced;
+// one that is merely full stays.
+bool send_datagram(std::span<const std::byte> datagram) {
+    while (av_connected()) {
+        if (send(channel.fd, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0)
+            return true;
+        if (errno == EAGAIN || errno == EINTR || errno == EMSGSIZE || errno == ENOBUFS)
+            return false;
+        disconnect();
+    }
+    return false;
+}
+
+// The parts are gathered here, for a system call with five pieces costs a packet more than the
+// copy.
+bool send_message(av_message_head head, std::span<const av_bytes> parts) {
     std::array<std::byte, MESSAGE_SIZE> message;
-    const message_header header = {static_cast<uint32_t>(op), seq};
-    memcpy(message.data(), &header, sizeof header);
-    size_t size = sizeof header;
+    memcpy(message.data(), &head, sizeof head);
+    size_t size = sizeof head;
     for (const av_bytes part : parts) {
         if (part.size() > message.size() - size)
             return false;
         memcpy(message.data() + size, part.data(), part.size());
         size += part.size();
     }
-
-    if (send(channel.fd, message.data(), size, MSG_NOSIGNAL) >= 0)
-        return true;
-    if (errno != EAGAIN && errno != EINTR && errno != EMSGSIZE && errno != ENOBUFS)
-        disconnect();
-    return false;
+    return send_datagram(std::span(message).first(size));
 }
 
-// Waits until the connection is readable or `deadline_ms` has passed.
-bool wait_readable(int64_t deadline_ms) {
+// Waits until the connection is readable. Returns false at the deadline.
+bool wait_readable(time_point deadline) {
     for (;;) {
-        const int64_t left_ms = deadline_ms - now_ms();
-        if (left_ms <= 0)
+        const auto left = std::chrono::ceil<milliseconds>(deadline - av_clock::now());
+        if (left.count() <= 0)
             return false;
         pollfd wanted = {channel.fd, POLLIN, 0};
-        const int ready = poll(&wanted, 1, static_cast<int>(left_ms));
-        if (ready > 0)
+        if (poll(&wanted, 1, static_cast<int>(left.count())) > 0)
             return true;
-        if (ready < 0 && errno != EINTR)
-            return false;
     }
 }
 
-// Receives until the answer to `wanted` comes; other messages are dropped and don't buy time.
-bool receive_answer(message_header wanted, int32_t &rc, std::span<std::byte> body) {
-    const int64_t deadline_ms = now_ms() + ANSWER_MS;
-    while (wait_readable(deadline_ms)) {
-        answer_header header = {};
-        std::array<iovec, 2> pieces = {iovec{&header, sizeof header},
-                                       iovec{body.data(), body.size()}};
+enum class outcome { answered, too_short, too_late, connection_ended };
+
+// Receives until the answer to `wanted` comes; other messages, late answers among them, are dropped
+// and don't buy time.
+outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
+                       std::span<std::byte> body) {
+    while (wait_readable(deadline)) {
+        av_answer_head head = {};
+        std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
         msghdr message = {};
         message.msg_iov = pieces.data();
         message.msg_iovlen = pieces.size();
@@ -133,14 +137,16 @@ bool receive_answer(message_header wanted, int32_t &rc, std::span<std::byte> bod
         if (received < 0 && (errno == EAGAIN || errno == EINTR))
             continue;
         if (received <= 0)
-            return false;
+            return outcome::connection_ended;
         const auto size = static_cast<size_t>(received);
-        if (size < sizeof header || header.op != wanted.op || header.seq != wanted.seq)
+        if (size < sizeof head.question || head.question.op != wanted.op ||
+            head.question.seq != wanted.seq)
             continue;
-        rc = header.rc;
-        return rc != 0 || size - sizeof header >= body.size();
+        rc = head.rc;
+        const bool whole = size >= sizeof head && (rc != 0 || size - sizeof head >= body.size());
+        return whole ? outcome::answered : outcome::too_short;
     }
-    return false;
+    return outcome::too_late;
 }
 
 } // namespace
@@ -150,15 +156,21 @@ bool av_connected() {
 }
 
 int av_send(av_op op, std::span<const av_bytes> parts) {
-    return send_message(op, channel.seq++, parts) ? 0 : -1;
+    return send_message({op, channel.seq++}, parts) ? 0 : -1;
 }
 
-bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body) {
-    const message_header question = {static_cast<uint32_t>(op), channel.seq++};
-    if (!send_message(op, question.seq, parts))
+bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
+            av_clock::duration wait) {
+    question_pause *pause = pause_of(op);
+    if (pause != nullptr && av_clock::now() < pause->end)
         return false;
-    if (receive_answer(question, rc, body))
-        return true;
-    disconnect();
-    return false;
+    const av_message_head question = {op, channel.seq++};
+    if (!send_message(question, parts))
+        return false;
+    const outcome result = receive_answer(question, av_clock::now() + wait, rc, body);
+    if (result == outcome::connection_ended)
+        disconnect();
+    if (result == outcome::too_late && pause != nullptr)
+        pause->end = av_clock::now() + PAUSE_TIME;
+    return result == outcome::answered;
 }

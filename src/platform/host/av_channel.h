@@ -1,24 +1,22 @@
 // The AV channel's client: one UNIX socket of type SOCK_SEQPACKET over which the platform
 // operations reach whatever plays the platform.
 //
-// A message is `u32 op`, `u32 seq` and a body without gaps, integers in host byte order. The
-// channel connects at its first call and keeps the connection. A call without one tries to connect
-// if the last try is a second old and otherwise fails at once, so an absent platform costs a packet
-// next to nothing. Nothing here blocks but the wait for an answer, which is half a second at most.
+// The channel connects at its first call and keeps the connection. A call without one tries to
+// connect if the last try is a second old and otherwise fails at once, so an absent platform costs
+// a packet next to nothing. Nothing here blocks but the wait for an answer, which is half a second
+// at most. An answer that doesn't come in time costs its question and not the connection; those
+// that packets wait for (roaming, names, categories) then fail at once for a second.
 #pragma once
 
+#include "platform/host/av_messages.h"
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-enum class av_op : uint32_t {
-    ioctl = 1,
-    rflow_reset_app_policy = 3,
-    av_set_device = 4,
-    log_syslog = 6,
-    dnscache_get_name = 34,
-    platform_value = 36,
-};
+using av_clock = std::chrono::steady_clock;
+inline constexpr av_clock::duration AV_ANSWER_TIME = std::chrono::milliseconds(500);
 
 using av_bytes = std::span<const std::byte>;
 
@@ -27,9 +25,10 @@ using av_bytes = std::span<const std::byte>;
 int av_send(av_op op, std::span<const av_bytes> parts);
 
 // Sends a question and waits for its answer. Returns true and the answer's return code when one
-// came; `body` is filled only when the code is 0, and an answer that falls short of it counts as
-// none.
-bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body);
+// came in time; `body` is filled only when the code is 0, and an answer that falls short of it
+// counts as none.
+bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
+            av_clock::duration wait = AV_ANSWER_TIME);
 
 // Whether the channel is connected, after a try to connect where one is due.
 bool av_connected();

@@ -58,8 +58,8 @@ bool first_hardware_address(uint8_t (&mac)[6]) {
 } // namespace
 
 int psm_jor_mem_support() {
-    char value[PLATFORM_VALUE_SIZE];
-    if (read_platform_value("mem_support", value))
+    platform_value value;
+    if (read_platform_value(AV_KEY_MEMORY, value))
         return strcmp(value, "0") == 0 ? 0 : 1;
     struct sysinfo memory = {};
     if (sysinfo(&memory) != 0)
@@ -68,14 +68,14 @@ int psm_jor_mem_support() {
 }
 
 int psm_mem_support_tm() {
-    char value[PLATFORM_VALUE_SIZE];
-    return read_platform_value("tm_support", value) && strcmp(value, "1") == 0 ? 1 : 0;
+    platform_value value;
+    return read_platform_value(AV_KEY_DPI_ENGINE, value) && strcmp(value, "1") == 0 ? 1 : 0;
 }
 
 int psm_bsp_getMACBase(char *text) {
     text[0] = '\0';
-    char value[PLATFORM_VALUE_SIZE];
-    if (read_platform_value("base_mac", value)) {
+    platform_value value;
+    if (read_platform_value(AV_KEY_BASE_MAC, value)) {
         snprintf(text, MAC_TEXT_SIZE, "%.17s", value);
         return 0;
     }
@@ -100,16 +100,16 @@ int psm_cancelXact(psm_xact **xact) {
 }
 
 int psm_wlan_pgetAvcEn(psm_xact *, const char *ifname, int *enable) {
-    char key[PLATFORM_KEY_SIZE];
-    char value[PLATFORM_VALUE_SIZE];
-    snprintf(key, sizeof key, "avc_enable/%s", ifname);
+    char key[sizeof(av_value_question)];
+    platform_value value;
+    snprintf(key, sizeof key, "%s%s", AV_KEY_VISIBILITY, ifname);
     *enable = read_platform_value(key, value) ? static_cast<int>(strtol(value, nullptr, 10)) : 0;
     return 0;
 }
 
 int psm_sys_get_fw_version(char *text, size_t size) {
-    char value[PLATFORM_VALUE_SIZE];
-    if (read_platform_value("fw_version", value)) {
+    platform_value value;
+    if (read_platform_value(AV_KEY_FIRMWARE, value)) {
         snprintf(text, size, "%s", value);
         return 0;
     }
@@ -120,7 +120,7 @@ int psm_sys_get_fw_version(char *text, size_t size) {
 }
 
 int psm_log_syslog(int level, const char *line) {
-    const int32_t level_word = level;
-    const av_bytes parts[] = {av_part(level_word), std::as_bytes(std::span(line, strlen(line)))};
+    const av_syslog_head head = {level};
+    const av_bytes parts[] = {av_part(head), std::as_bytes(std::span(line, strlen(line)))};
     return av_send(av_op::log_syslog, parts);
 }
