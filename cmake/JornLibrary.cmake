@@ -28,6 +28,8 @@ function(jorn_library name folder)
     target_include_directories(${name} INTERFACE ${room})
     target_link_libraries(${name} INTERFACE ${arg_LINKS})
   endif()
+  list(TRANSFORM arg_HEADERS PREPEND ${folder}/)
+  set_target_properties(${name} PROPERTIES JORN_HEADERS "${arg_HEADERS}")
 endfunction()
 
 function(_jorn_offer room folder)

@@ -1,5 +1,6 @@
 # 32-bit ARM with hardware floating point, by Debian's cross compiler (g++-arm-linux-gnueabihf).
-# JORN_SYSROOT is the folder under which the device's libpcap lies, in usr/include and usr/lib:
+# JORN_SYSROOT is the folder under which the device's libraries lie as they do on the device, libpcap
+# with its header and its pkg-config file:
 #   cmake --preset device --toolchain cmake/arm-linux-gnueabihf.cmake -DJORN_SYSROOT=/folder
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -10,7 +11,17 @@ set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 
 # CMake's trial compilations read this file too, in a project of their own.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES JORN_SYSROOT)
-set(JORN_SYSROOT "" CACHE PATH "Folder with the device's libpcap")
+set(JORN_SYSROOT "" CACHE PATH "Folder with the device's libraries, libpcap among them")
+if(NOT IS_DIRECTORY "${JORN_SYSROOT}")
+  message(FATAL_ERROR "JORN_SYSROOT has to name the folder with the device's libraries, "
+    "not '${JORN_SYSROOT}'")
+endif()
+
+# The compiler's own C library is linked; what the device's libraries need is looked for beside
+# them.
+foreach(folder IN ITEMS lib usr/lib lib/${triplet} usr/lib/${triplet})
+  string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${JORN_SYSROOT}/${folder}")
+endforeach()
 
 # Libraries and headers are the device's; programs, like pkg-config, are this machine's.
 set(CMAKE_FIND_ROOT_PATH ${JORN_SYSROOT})

@@ -1,21 +1,101 @@
 #include "control/cmdsock.h"
 
 #include "control/commands.h"
+#include "core/base/descriptors.h"
 #include "core/base/log.h"
+#include "core/base/reply.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int LISTEN_BACKLOG = 5;
-constexpr timeval CLIENT_PATIENCE = {1, 0};
+constexpr int REPLY_BUFFER =
+    REPLY_SIZE; // doubled by the kernel, for what it keeps beside the bytes
 
 uint8_t message_buffer[COMMAND_MESSAGE_SIZE];
+
+// The connections that are set aside, the oldest first; `poll_fd` watches all of them.
+struct waiting_room {
+    struct place {
+        int fd;
+        int64_t since_ms;
+    };
+    int poll_fd = -1;
+    size_t taken = 0;
+    std::array<place, CMDSOCK_WAITING_MAX> places;
+};
+
+waiting_room waiting;
+
+int64_t now_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+void leave(size_t place) {
+    std::copy(waiting.places.begin() + place + 1, waiting.places.begin() + waiting.taken,
+              waiting.places.begin() + place);
+    --waiting.taken;
+}
+
+// The descriptor leaves the watch with its last close.
+void drop(size_t place) {
+    close(waiting.places[place].fd);
+    leave(place);
+}
+
+void set_aside(int fd) {
+    if (waiting.poll_fd < 0)
+        waiting.poll_fd = behind_capture(epoll_create1(EPOLL_CLOEXEC));
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    if (epoll_ctl(waiting.poll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        perror("cmdsock_accept()/epoll_ctl()");
+        close(fd);
+        return;
+    }
+    if (waiting.taken == CMDSOCK_WAITING_MAX)
+        drop(0);
+    waiting.places[waiting.taken++] = {fd, now_ms()};
+}
+
+bool has_data(int fd) {
+    char first;
+    return recv(fd, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT) >= 0;
+}
+
+// One read, one command. Returns whether the connection is through with, and the result of the read
+// in `result`; a connection that has nothing to read yet is the caller's again.
+bool serve(int fd, int *result) {
+    const ssize_t received = read(fd, message_buffer, sizeof message_buffer);
+    if (received < 0 && (errno == EAGAIN || errno == EINTR))
+        return false;
+    *result = received < 0 ? -1 : 0;
+    if (received < 0) {
+        perror("cmdsock_accept()/read()");
+        close(fd);
+        return true;
+    }
+    // What an earlier message left behind completes nothing.
+    const auto size = static_cast<size_t>(received);
+    memset(message_buffer + size, 0, sizeof message_buffer - size);
+    run_command(fd, message_buffer, size);
+    shutdown(fd, SHUT_RDWR);
+    close(fd);
+    return true;
+}
 
 } // namespace
 
@@ -48,26 +128,35 @@ int jorn_cmdsock_init() {
 int cmdsock_accept(int listen_fd) {
     sockaddr_un peer = {};
     socklen_t peer_size = sizeof peer;
-    const int fd =
-        accept4(listen_fd, reinterpret_cast<sockaddr *>(&peer), &peer_size, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr *>(&peer), &peer_size,
+                           SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
         perror("cmdsock_accept()/accept()");
         return -1;
     }
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &CLIENT_PATIENCE, sizeof CLIENT_PATIENCE);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &CLIENT_PATIENCE, sizeof CLIENT_PATIENCE);
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &REPLY_BUFFER, sizeof REPLY_BUFFER);
+    int result = 0;
+    if (!serve(fd, &result))
+        set_aside(fd);
+    return result;
+}
 
-    const ssize_t received = read(fd, message_buffer, sizeof message_buffer);
-    if (received < 0) {
-        perror("cmdsock_accept()/read()");
-        close(fd);
+int cmdsock_waiting_descriptor() {
+    if (waiting.taken == 0)
         return -1;
+    const int64_t now = now_ms();
+    while (waiting.taken != 0 && now - waiting.places[0].since_ms >= CMDSOCK_PATIENCE_MS &&
+           !has_data(waiting.places[0].fd))
+        drop(0);
+    return waiting.taken != 0 ? waiting.poll_fd : -1;
+}
+
+void cmdsock_serve_waiting() {
+    for (size_t place = 0; place < waiting.taken;) {
+        int result = 0;
+        if (serve(waiting.places[place].fd, &result))
+            leave(place);
+        else
+            ++place;
     }
-    // What an earlier message left behind completes nothing.
-    const auto size = static_cast<size_t>(received);
-    memset(message_buffer + size, 0, sizeof message_buffer - size);
-    run_command(fd, message_buffer, size);
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
-    return 0;
 }

@@ -1,21 +1,19 @@
 #include "core/main_loop.h"
 
 #include "control/cmdsock.h"
+#include "core/base/descriptors.h"
 #include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/dns/dns_cache.h"
 #include "core/signals.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <iterator>
 #include <sys/select.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr time_t WAIT_SECONDS = 5;
-constexpr int OWN_DESCRIPTOR_MIN = 64; // the capture's is lower
 
 // The descriptors of one wait; -1 leaves one out.
 struct read_set {
@@ -39,21 +37,12 @@ struct loop_inputs {
 };
 
 int capture_descriptor(const loop_inputs &in) {
-    return in.capture_ctx->handle != nullptr ? pcap_fileno(in.capture_ctx->handle) : -1;
+    return jorn_capture_descriptor(in.capture_ctx);
 }
 
-// One packet a wake-up keeps the time between two looks at the other descriptors short. A capture
-// interface that was deleted yields one error and stays silent ever after.
+// One packet a wake-up keeps the time between two looks at the other descriptors short.
 void serve_capture(const loop_inputs &in) {
-    capture_context *capture_ctx = in.capture_ctx;
-    static bool failed;
-    const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
-                                     reinterpret_cast<u_char *>(capture_ctx));
-    if (result == PCAP_ERROR && !failed) {
-        JORN_ERROR_AS("jorn_main_loop", "capture on %s failed: %s\n", capture_ctx->device,
-                      pcap_geterr(capture_ctx->handle));
-    }
-    failed = result == PCAP_ERROR;
+    jorn_capture_dispatch(in.capture_ctx);
 }
 
 int command_descriptor(const loop_inputs &in) {
@@ -62,6 +51,14 @@ int command_descriptor(const loop_inputs &in) {
 
 void serve_commands(const loop_inputs &in) {
     cmdsock_accept(in.command_fd);
+}
+
+int waiting_descriptor(const loop_inputs &) {
+    return cmdsock_waiting_descriptor();
+}
+
+void serve_waiting(const loop_inputs &) {
+    cmdsock_serve_waiting();
 }
 
 struct loop_row {
@@ -74,6 +71,7 @@ struct loop_row {
 constexpr loop_row ROWS[] = {
     {capture_descriptor, "\n\n\ncapture the packet, let's process \n", serve_capture},
     {command_descriptor, "receive the ipc message, let's process \n", serve_commands},
+    {waiting_descriptor, nullptr, serve_waiting}, // their line was written when they were accepted
 };
 
 // The rows' descriptors of one pass, as one wait finds them.
@@ -102,19 +100,6 @@ struct pass {
         }
     }
 };
-
-// Gives a descriptor that the daemon opens itself a number above the capture's. select looks in the
-// order of the numbers and stops registering with the descriptors once one is ready: under load,
-// when the capture always is, those behind it cost a packet half as much.
-int behind_capture(int fd) {
-    if (fd < 0 || fd >= OWN_DESCRIPTOR_MIN)
-        return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, OWN_DESCRIPTOR_MIN);
-    if (moved < 0)
-        return fd;
-    close(fd);
-    return moved;
-}
 
 } // namespace
 

@@ -5,9 +5,19 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
+
+constexpr char HELP[] = "usage: jorn -i IFACE [-c PATH] [-d] [-D]\n"
+                        "\n"
+                        "  -i IFACE   capture interface\n"
+                        "  -c PATH    configuration path; no file is read from it\n"
+                        "  -d         write debug lines\n"
+                        "  -D         run in the background and log to syslog only\n"
+                        "\n"
+                        "jorn --version, as the only argument, prints the version.\n";
 
 template <size_t N>
 bool take_argument(char (&field)[N], char option, const char *argument) {
@@ -21,6 +31,19 @@ bool take_argument(char (&field)[N], char option, const char *argument) {
 }
 
 } // namespace
+
+bool answer_about_program(int argc, char *argv[]) {
+    if (argc != 2)
+        return false;
+    const std::string_view only = argv[1];
+    if (only == "--help")
+        fputs(HELP, stdout);
+    else if (only == "--version")
+        puts("jorn " JORN_VERSION);
+    else
+        return false;
+    return true;
+}
 
 int jorn_parse_options(int argc, char *argv[]) {
     daemon_settings &settings = jorn_settings;

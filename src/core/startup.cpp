@@ -135,6 +135,8 @@ int jorn_init(int argc, char *argv[], capture_context *capture_ctx) {
 }
 
 int run_daemon(int argc, char *argv[]) {
+    if (answer_about_program(argc, argv))
+        return EXIT_SUCCESS;
     if (another_instance_runs()) {
         puts("jorn is existing!");
         return EXIT_SUCCESS;

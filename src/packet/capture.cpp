@@ -8,26 +8,143 @@
 #include "packet/process.h"
 
 #include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char LOOP[] = "jorn_main_loop"; // its lines about the interface
+constexpr time_t TRY_AGAIN_S = 1;
+constexpr size_t FAILURE_SIZE = PCAP_ERRBUF_SIZE + 80;
+
+// How the interface fares.
+struct interface_watch {
+    enum : uint8_t { FINE, DOWN, GONE } state = FINE;
+    bool complained = false; // about a try in vain
+    unsigned index = 0;      // of the interface that was opened
+    time_t looked_s = 0;
+};
+
+interface_watch watch;
+
+time_t now_s() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+// Whether the interface is up; one that isn't there is not.
+bool is_up(const char *device) {
+    ifreq request = {};
+    strncpy(request.ifr_name, device, sizeof request.ifr_name - 1);
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool up =
+        fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) != 0;
+    close(fd);
+    return up;
+}
+
+// Opens the device, non-blocking. Returns false, with the words for it in `failure` and the reason
+// in errbuf, when it can't be had.
+bool open_device(capture_context *capture_ctx, char (&failure)[FAILURE_SIZE]) {
+    capture_ctx->handle = pcap_open_live(
+        capture_ctx->device, static_cast<int>(capture_ctx->snaplen),
+        static_cast<int>(capture_ctx->promisc), capture_ctx->timeout_ms, capture_ctx->errbuf);
+    if (capture_ctx->handle == nullptr) {
+        snprintf(failure, sizeof failure, "Could not open device \"%s\": %s\n", capture_ctx->device,
+                 capture_ctx->errbuf);
+        return false;
+    }
+    if (pcap_setnonblock(capture_ctx->handle, 1, capture_ctx->errbuf) == -1) {
+        snprintf(failure, sizeof failure, "Could not set device \"%s\" to non-blocking: %s\n",
+                 capture_ctx->device, capture_ctx->errbuf);
+        return false;
+    }
+    watch.index = if_nametoindex(capture_ctx->device);
+    return true;
+}
+
+void close_device(capture_context *capture_ctx) {
+    if (capture_ctx->handle != nullptr)
+        pcap_close(capture_ctx->handle);
+    capture_ctx->handle = nullptr;
+}
+
+// Opens the interface by its name: one that was deleted is another one when it is back. Tries in
+// vain are told once.
+void try_again(capture_context *capture_ctx) {
+    char failure[FAILURE_SIZE] = "there is no such interface, or it is down\n";
+    if (is_up(capture_ctx->device) && open_device(capture_ctx, failure)) {
+        if (pcap_datalink(capture_ctx->handle) == DLT_EN10MB) {
+            JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
+            watch = {.index = watch.index};
+            return;
+        }
+        snprintf(failure, sizeof failure, "the datalink layer type is %d, not ethernet!!\n",
+                 pcap_datalink(capture_ctx->handle));
+    }
+    close_device(capture_ctx);
+    if (!watch.complained)
+        JORN_ERROR_AS(LOOP, "capture on %s, trying again: %s", capture_ctx->device, failure);
+    watch.complained = true;
+}
+
+void lose(capture_context *capture_ctx, const char *reason) {
+    JORN_ERROR_AS(LOOP, "capture on %s failed: %s\n", capture_ctx->device, reason);
+    close_device(capture_ctx);
+    watch.state = interface_watch::GONE;
+}
+
+// A second look: what went down may be deleted by now, and nothing more is heard of it then.
+void look_again(capture_context *capture_ctx) {
+    const time_t now = now_s();
+    if (now - watch.looked_s < TRY_AGAIN_S)
+        return;
+    watch.looked_s = now;
+    if (watch.state == interface_watch::GONE) {
+        try_again(capture_ctx);
+    } else if (if_nametoindex(capture_ctx->device) != watch.index) {
+        lose(capture_ctx, "the interface disappeared");
+    } else if (is_up(capture_ctx->device)) {
+        JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
+        watch.state = interface_watch::FINE;
+    }
+}
+
+} // namespace
 
 int jorn_capture_open(capture_context *capture_ctx) {
     copy_text(capture_ctx->device, field_text(jorn_settings.ifname));
     capture_ctx->snaplen = 65535;
     capture_ctx->promisc = 1;
     capture_ctx->timeout_ms = -1;
-    capture_ctx->handle = pcap_open_live(
-        capture_ctx->device, static_cast<int>(capture_ctx->snaplen),
-        static_cast<int>(capture_ctx->promisc), capture_ctx->timeout_ms, capture_ctx->errbuf);
-    if (capture_ctx->handle == nullptr) {
-        fprintf(stderr, "Could not open device \"%s\": %s\n", capture_ctx->device,
-                capture_ctx->errbuf);
-        return CAPTURE_ERR_OPEN;
+    char failure[FAILURE_SIZE];
+    if (open_device(capture_ctx, failure))
+        return 0;
+    fputs(failure, stderr);
+    return CAPTURE_ERR_OPEN;
+}
+
+int jorn_capture_descriptor(capture_context *capture_ctx) {
+    if (watch.state != interface_watch::FINE)
+        look_again(capture_ctx);
+    return capture_ctx->handle != nullptr ? pcap_fileno(capture_ctx->handle) : -1;
+}
+
+void jorn_capture_dispatch(capture_context *capture_ctx) {
+    const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
+                                     reinterpret_cast<u_char *>(capture_ctx));
+    if (result == PCAP_ERROR) {
+        lose(capture_ctx, pcap_geterr(capture_ctx->handle));
+    } else if (result == 0 && watch.state == interface_watch::FINE &&
+               !is_up(capture_ctx->device)) { // readable without a packet: this is how it is told
+        JORN_ERROR_AS(LOOP, "capture on %s: the interface is down\n", capture_ctx->device);
+        watch.state = interface_watch::DOWN;
     }
-    if (pcap_setnonblock(capture_ctx->handle, 1, capture_ctx->errbuf) == -1) {
-        fprintf(stderr, "Could not set device \"%s\" to non-blocking: %s\n", capture_ctx->device,
-                capture_ctx->errbuf);
-        return CAPTURE_ERR_OPEN;
-    }
-    return 0;
 }
 
 int jorn_set_pkt_processor(capture_context *capture_ctx) {

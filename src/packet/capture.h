@@ -2,7 +2,8 @@
 // the callback through which each of them enters.
 //
 // Start-up opens it and chooses the packet processor by the link type; the event loop dispatches
-// one packet a wake-up; the exit path closes it.
+// one packet a wake-up; the exit path closes it. An interface that is deleted, or goes down, may
+// come back: it is looked for by its name, and the log says when it went and when it is back.
 #pragma once
 
 #include "packet/records/context.h"
@@ -32,3 +33,10 @@ int jorn_set_pkt_processor(capture_context *capture_ctx);
 
 // libpcap's callback: runs one packet through the chain. `user` is the capture context.
 void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
+
+// The capture's descriptor, asked before every wait, or -1 while there is no interface. Without one
+// it is tried again, once a second at most.
+int jorn_capture_descriptor(capture_context *capture_ctx);
+
+// Takes at most one packet.
+void jorn_capture_dispatch(capture_context *capture_ctx);

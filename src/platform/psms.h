@@ -1,22 +1,31 @@
-// The service library's operations: the kernel module's ioctl channel, its flow table and switches,
-// and the DNS cache of the platform.
+// The service library's operations, exported by the platform's library libpsms: the kernel module's
+// ioctl channel, its flow table and switches, and the DNS cache of the platform.
 //
-// Declarations only; psm.h says who supplies them.
+// Declarations only, in plain C; psm.h says who supplies them and who waits when one blocks. Only
+// the question to the DNS cache may, for half a second: it is asked for each packet whose addresses
+// the daemon has no name for. The others hand something over and return.
+//
+// The records of a packet stand in packet/records/kernel.h, with their offsets and the byte order:
+// the trailer behind each captured frame (av_pkt_trailer, 276 bytes), the flow key in the verdict
+// (flow_key, 60 bytes) and the verdict itself (av_verdict, 232 bytes).
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Hands a record of `length` bytes down the ioctl channel of the kernel's application-visibility
-// module. Command 8 with argument 0 takes a verdict of 232 bytes. The record is only read.
+// module. Command 8 with argument 0 takes a verdict, an av_verdict. The record is only read, and is
+// gone when the call returns.
 // Returns 0 when the record was delivered, nonzero otherwise.
 int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record);
 
 // Asks the platform's DNS cache for the name of an IPv4 address, which is in network byte order.
 // Writes at most `size` bytes into `name`, the NUL included, and three words. A name was found when
 // the second and the third word are nonzero; what else the words say is the platform's. Returns 0
-// when the platform answered, nonzero on error. Blocks until the answer is there.
+// when the platform answered, nonzero on error.
 int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
                                uint32_t *word2, uint32_t *word3);
 
@@ -24,7 +33,7 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
 int psms_av_set_tm_en(int enable);
 
 // Makes the kernel's flow table forget the application policy of every flow. Returns 0 on success.
-int psms_rflow_reset_app_policy();
+int psms_rflow_reset_app_policy(void);
 
 // Switches application visibility, URL filtering or Wi-Fi calling on or off for a network device.
 // Each returns 0 when the kernel was told, nonzero otherwise.
@@ -48,4 +57,7 @@ int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *h
                                                const uint32_t *address_be, int a4, int a5, int a6,
                                                int mode, uint32_t utp_id);
 int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable);
+
+#ifdef __cplusplus
 }
+#endif

@@ -175,11 +175,11 @@ class Files(SystemTest):
         since = len(self.jorn.lines)
         self.configure()
         self.assertEqual(saved(), WHOLE)
-        run("mount", "-o", "remount,ro", FOLDER)
+        run("mount", "-o", "remount,bind,ro", FOLDER)
         command(WRITE)
         self.jorn.wait_line("create error", since=since)
         self.assertEqual(self.name(8443).app_name, "clock")
-        run("mount", "-o", "remount,rw", FOLDER)
+        run("mount", "-o", "remount,bind,rw", FOLDER)
         command(WRITE)
         self.assertEqual(saved(), WHOLE)
 

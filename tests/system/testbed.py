@@ -410,17 +410,23 @@ class SystemTest(unittest.TestCase):
         shutil.rmtree("/writable/jorn", ignore_errors=True)
         os.makedirs("/writable/jorn")
         open(PORT_SERVICE_FILE, "w").close()
+        self.make_links()
+        self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
+        self.addCleanup(lambda: self._feed.close())
+        self.addCleanup(self._check_sanitizers)
+
+    def make_links(self):
+        """The capture's pair, and a socket at its far end."""
+        if self._feed:
+            self._feed.close()
         run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
             "65535")
         for end in (CAPTURE, FEED):
             with open(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "w") as switch:
                 switch.write("1")
             run("ip", "link", "set", end, "arp", "off", "up")
-        self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
         self._feed = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self._feed.bind((FEED, 0))
-        self.addCleanup(self._feed.close)
-        self.addCleanup(self._check_sanitizers)
 
     def _check_sanitizers(self):
         reports = ""

@@ -52,8 +52,9 @@ TEST(JornctlPortServices, UpdatesTakeNoEntryUntilTheListIsFull) {
 }
 
 TEST(JornctlFiles, ReplacesWholeOrLeavesNothingBeside) {
-    const std::filesystem::path root = testing::TempDir() + "jornctl_files";
-    std::filesystem::remove_all(root);
+    std::string folder = testing::TempDir() + "jornctl_files.XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::filesystem::path root = folder;
     const std::filesystem::path target = root / "a" / "file";
     replace_file(target, "old");
     replace_file(target, "new");
@@ -62,6 +63,7 @@ TEST(JornctlFiles, ReplacesWholeOrLeavesNothingBeside) {
     EXPECT_THROW(replace_file(root / "a", "x"), refused);
     for (const auto &entry : std::filesystem::recursive_directory_iterator(root))
         EXPECT_TRUE(entry.path() == target || entry.path() == root / "a") << entry.path();
+    std::filesystem::remove_all(root);
 }
 
 TEST(JornctlClient, MessageIsHeaderAndPayload) {

@@ -13,6 +13,7 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
     CLI::App app("Plays the access point's platform for jorn: feeds it frames with trailers, "
                  "answers its questions and prints the flows with their verdicts.",
                  "avcore");
+    app.set_version_flag("--version", "avcore " JORN_VERSION);
     options chosen;
     app.add_option("-o", chosen.out_interface, "Interface to write into; jorn captures on its peer")
         ->required()

@@ -228,6 +228,7 @@ void add_plumbing(CLI::App &app, request &asked) {
 void describe(CLI::App &app, request &asked) {
     app.fallthrough();            // --socket may stand behind the subcommand
     app.require_subcommand(0, 1); // run() says better what is missing
+    app.set_version_flag("--version", "jornctl " JORN_VERSION);
     app.add_option("--socket", asked.socket, "The daemon's command socket")
         ->type_name("PATH")
         ->capture_default_str();

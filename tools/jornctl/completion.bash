@@ -13,7 +13,7 @@ _jornctl_words() { # the words before the current one that are neither options n
 
 _jornctl() {
     local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local words options='--help --socket --timeout'
+    local words options='--help --version --socket --timeout'
     words=$(_jornctl_words)
     COMPREPLY=()
     case $before in
