@@ -34,9 +34,8 @@ void check_links() {
     for (const wificalling_intf &binding : jorn_state.wificalling_intf_list) {
         for (const wificalling_policy *ref : binding.policy_ref) {
             if (ref != nullptr &&
-                jorn_state.wificalling_policy_list.find([ref](const wificalling_policy &policy) {
-                    return &policy == ref;
-                }) == nullptr)
+                jorn_state.wificalling_policy_list.find(
+                    [ref](const wificalling_policy &policy) { return &policy == ref; }) == nullptr)
                 abort();
         }
     }

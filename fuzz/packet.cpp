@@ -30,8 +30,8 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
 }
 
 void add_carrier() {
-    wificalling_policy_wire carrier = {
-        2, {}, 3, {{"epdg.example", 0x0502000A}, {"aa", 0}}, "", "carrier", {}};
+    wificalling_policy_wire carrier = {2,  {},        3, {{"epdg.example", 0x0502000A}, {"aa", 0}},
+                                       "", "carrier", {}};
     wificalling_intf_wire binding = {1, "wlan0", 0, 1, {"Carrier"}, {}, {}};
     jorn_process_wificalling_policy_cfg(carrier);
     jorn_process_wificalling_intf_config(binding);
