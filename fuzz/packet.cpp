@@ -8,6 +8,7 @@
 #include "packet/capture.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <cstdint>
 #include <cstring>
@@ -28,6 +29,14 @@ void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     __arc_policy_add_end(&policy);
 }
 
+void add_carrier() {
+    wificalling_policy_wire carrier = {2,  {},        3, {{"epdg.example", 0x0502000A}, {"aa", 0}},
+                                       "", "carrier", {}};
+    wificalling_intf_wire binding = {1, "wlan0", 0, 1, {"Carrier"}, {}, {}};
+    jorn_process_wificalling_policy_cfg(carrier);
+    jorn_process_wificalling_intf_config(binding);
+}
+
 void set_up() {
     jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
@@ -36,6 +45,7 @@ void set_up() {
     jorn_settings.tm_engine_enabled = 1;
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
+    add_carrier();
 }
 
 } // namespace

@@ -105,6 +105,10 @@ int psms_av_set_dev_av(const char *ifname, int enable) {
     return note(std::string("psms_av_set_dev_av(") + ifname + ", " + std::to_string(enable) + ")");
 }
 
+int psms_av_set_dev_wfc(const char *ifname, int enable) {
+    return note(std::string("psms_av_set_dev_wfc(") + ifname + ", " + std::to_string(enable) + ")");
+}
+
 void crashdump_init(const char *process_name) {
     platform.calls.push_back(std::string("crashdump_init(") + process_name + ")");
 }
