@@ -7,6 +7,7 @@
 #include "core/state/state.h"
 #include "support/saved_folder.h"
 #include "webfilter/web_tables.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,10 @@ void check_links() {
         check_link(entry.policy, jorn_state.web_policy_list);
     for (const web_intf &binding : jorn_state.web_intf_list)
         check_link(binding.policy, jorn_state.web_policy_list);
+    for (const wificalling_intf &binding : jorn_state.wificalling_intf_list) {
+        for (const wificalling_policy *ref : binding.policy_ref)
+            check_link(ref, jorn_state.wificalling_policy_list);
+    }
 }
 
 } // namespace
@@ -63,5 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     jorn_process_utp_flush();
     jorn_process_web_policy_flush();
     jorn_state.web_intf_list.release_all();
+    jorn_process_wificalling_policy_flush();
+    jorn_state.wificalling_intf_list.release_all();
     return 0;
 }

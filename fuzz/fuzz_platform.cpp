@@ -89,6 +89,11 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
     return octets[1] == 0xFF ? -1 : 0;
 }
 
+int psms_av_set_dev_wfc(const char *ifname, int) {
+    read_all(ifname, strlen(ifname) + 1);
+    return 0;
+}
+
 int psms_av_set_tm_en(int) {
     return 0;
 }

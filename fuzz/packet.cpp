@@ -9,6 +9,7 @@
 #include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "webfilter/web_tables.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <cstdint>
 #include <cstring>
@@ -55,6 +56,14 @@ void add_web_policies() {
     strcpy(jorn_settings.video_stream_domain, "cdn");
 }
 
+void add_carrier() {
+    wificalling_policy_wire carrier = {2,  {},        3, {{"epdg.example", 0x0502000A}, {"aa", 0}},
+                                       "", "carrier", {}};
+    wificalling_intf_wire binding = {1, "wlan0", 0, 1, {"Carrier"}, {}, {}};
+    jorn_process_wificalling_policy_cfg(carrier);
+    jorn_process_wificalling_intf_config(binding);
+}
+
 void set_up() {
     jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
     setlogmask(LOG_MASK(LOG_EMERG));
@@ -64,6 +73,7 @@ void set_up() {
     add_policy(1, "com", 1);
     add_policy(2, "a", 2);
     add_web_policies();
+    add_carrier();
 }
 
 } // namespace

@@ -15,6 +15,7 @@
 #include "platform/crashdump.h"
 #include "platform/psm.h"
 #include "webfilter/web_file.h"
+#include "wificalling/wificalling_file.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +46,7 @@ void register_crash_dump() {
 // The saved configurations in their order: the last empties the UTP tables.
 constexpr void (*LOADERS[])() = {
     jorn_load_web_configurations,
+    jorn_load_wificalling_configurations,
     jorn_load_configurations,
 };
 

@@ -136,6 +136,10 @@ int psms_dnsspoof_set_enable_for_safesearch(const char *, int) {
     return 0;
 }
 
+int psms_av_set_dev_wfc(const char *ifname, int enable) {
+    return note(std::string("psms_av_set_dev_wfc(") + ifname + ", " + std::to_string(enable) + ")");
+}
+
 void crashdump_init(const char *process_name) {
     platform.calls.push_back(std::string("crashdump_init(") + process_name + ")");
 }

@@ -97,6 +97,8 @@ enum av_policy_type : uint32_t {
     AV_POLICY_QOS = 5,
 };
 
+inline constexpr uint8_t AV_MARK_DOT1P_AND_DSCP = 2; // of av_qos::mark_pri
+
 // The QoS bytes of a verdict. All ones means "no decision" in each of them.
 struct av_qos {
     uint8_t deny;     // 1 deny, 0 allow

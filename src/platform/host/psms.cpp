@@ -72,6 +72,10 @@ int psms_av_set_dev_url(const char *ifname, int enable) {
     return set_switch(av_switch::url, enable, ifname);
 }
 
+int psms_av_set_dev_wfc(const char *ifname, int enable) {
+    return set_switch(av_switch::wfc, enable, ifname);
+}
+
 int psms_av_set_tm_en(int enable) {
     return set_switch(av_switch::tm, enable, "");
 }
