@@ -91,7 +91,7 @@ std::string payload_of(const request &asked, const listing &wanted) {
 }
 
 std::string ask_for(const request &asked, const listing &wanted) {
-    const std::string reply = asked.send({wanted.command, payload_of(asked, wanted)});
+    std::string reply = asked.send({wanted.command, payload_of(asked, wanted)});
     check_answer(reply, wanted.command);
     const std::string cut = wanted.cut(reply);
     if (!cut.empty())
@@ -260,9 +260,10 @@ void add_shows(CLI::App &app, request &asked) {
 void add_flushes(CLI::App &app, request &asked) {
     CLI::App *group = app.add_subcommand("flush", "Empty tables of the daemon");
     group->require_subcommand(0, 1);
-    group->footer("In memory only: the daemon's files keep the old state until the next change of\n"
-                  "their tables, or \"jornctl write\". The file of Wi-Fi calling isn't among those\n"
-                  "that \"write\" writes.");
+    group->footer(
+        "In memory only: the daemon's files keep the old state until the next change of\n"
+        "their tables, or \"jornctl write\". The file of Wi-Fi calling isn't among those\n"
+        "that \"write\" writes.");
     for (const flush &each : FLUSHES) {
         group->add_subcommand(each.word, each.help)->callback([&asked, &each] {
             asked.action = [&asked, &each] {

@@ -71,7 +71,9 @@ constexpr payload_form APPLICATIONS = {
 // The name of an interface, as long as the payload.
 constexpr payload_form INTERFACE = {
     [](std::string_view payload) { return payload.size(); },
-    [](std::string_view payload) { return ordered_json{{"ifname", payload}}; },
+    [](std::string_view payload) {
+        return ordered_json{{"ifname", payload}};
+    },
 };
 
 // The files that CMD_WRITE_CFG_REQ writes.

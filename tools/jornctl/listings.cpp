@@ -116,10 +116,8 @@ constexpr cell PORT_CELLS[] = {
 };
 
 constexpr cell UTP_CELLS[] = {
-    {" No UTP configured! ", "", nullptr, nothing},
-    {"UTP Name  : ", "", "/+/name", text},
-    {"UTP ID    : ", "", "/./id", number<10>},
-    {"AVC policy: ", "", "/./arc_policy", text},
+    {" No UTP configured! ", "", nullptr, nothing}, {"UTP Name  : ", "", "/+/name", text},
+    {"UTP ID    : ", "", "/./id", number<10>},      {"AVC policy: ", "", "/./arc_policy", text},
     {"Web policy: ", "", "/./web_policy", text},
 };
 

@@ -1,5 +1,5 @@
-// The fields of Wi-Fi calling: carriers with their ePDGs, and the interfaces that they are bound to.
-// Their keys are the names of the records' members.
+// The fields of Wi-Fi calling: carriers with their ePDGs, and the interfaces that they are bound
+// to. Their keys are the names of the records' members.
 #pragma once
 
 #include "jornctl/fields.h"
@@ -30,8 +30,7 @@ inline constexpr field<wificalling_policy_wire> CARRIER_FIELDS[] = {
      "kept and saved, not interpreted"},
     {"priority", at<&wificalling_policy_wire::priority, number<>>, REQUIRED,
      "the traffic type that the carrier's packets are marked and queued as"},
-    {"epdg",
-     counted<&wificalling_policy_wire::num_epdg, &wificalling_policy_wire::epdg, epdg_kind>,
+    {"epdg", counted<&wificalling_policy_wire::num_epdg, &wificalling_policy_wire::epdg, epdg_kind>,
      OPTIONAL, "the carrier's gateways"},
 };
 
