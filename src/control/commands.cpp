@@ -8,6 +8,8 @@
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/dns/dns_cache.h"
+#include "roaming/records/roam.h"
+#include "roaming/roam.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
 
@@ -111,7 +113,7 @@ constexpr command_row COMMANDS[] = {
      SAVE_APPLICATION_POLICIES},
     {CMD_USERDEF_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_POLICY_CLEAN, bare<jorn_process_cmd_policy_clean>, NOTHING},
-    {CMD_ROAM_NOTIFY_REQ, NOT_YET, NOTHING},
+    {CMD_ROAM_NOTIFY_REQ, completed<roam_notify, jorn_process_cmd_roam_notify>, NOTHING},
     {CMD_DNS_CACHE_SHOW_REQ, bare<jorn_dnscache_show>, NOTHING},
     {CMD_PORT_SERVICE_CFG_REQ, bare<jorn_process_cmd_port_service_cfg_req>, NOTHING},
     {CMD_PORT_APP_SHOW_REQ, NOT_YET, NOTHING},
