@@ -1,5 +1,6 @@
 #include "control/commands.h"
 
+#include "control/files/arc_section.h"
 #include "control/files/configuration.h"
 #include "control/priority.h"
 #include "control/records/arc.h"
@@ -93,6 +94,11 @@ void counted(const request &r) {
         Run(r.payload);
 }
 
+void process_arc_policy_cfg(const arc_policy_wire &policy) {
+    if (is_storable(policy))
+        __arc_policy_add_end(&policy);
+}
+
 void process_arc_policy_log_cfg(int fd, const arc_policy_log_cfg &asked) {
     jorn_process_arc_policy_log_cfg(fd, asked.name, asked.value);
 }
@@ -122,7 +128,7 @@ constexpr command_row COMMANDS[] = {
      SAVE_APPLICATION_POLICIES},
     {CMD_WEB_UTP_CFG_REQ, NOT_YET, SAVE_APPLICATION_POLICIES},
     {CMD_UTP_FLUSH_REQ, bare<jorn_process_utp_flush>, NOTHING},
-    {CMD_ARC_POLICY_CFG_REQ, completed<arc_policy_wire, __arc_policy_add_end>,
+    {CMD_ARC_POLICY_CFG_REQ, completed<arc_policy_wire, process_arc_policy_cfg>,
      SAVE_APPLICATION_POLICIES},
     {CMD_ARC_POLICY_FLUSH_REQ, bare<jorn_process_arc_policy_flush>, NOTHING},
     {CMD_UTP_SHOW_REQ, NOT_YET, NOTHING},

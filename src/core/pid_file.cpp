@@ -1,5 +1,7 @@
 #include "core/pid_file.h"
 
+#include "core/files/regular_file.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,7 +19,7 @@ int write_pid_file(const char *path) {
     if (path == nullptr)
         return PID_FILE_ERR;
     const mode_t old_mask = umask(022);
-    FILE *file = fopen(path, "we");
+    FILE *file = open_to_write(path);
     umask(old_mask);
     if (file == nullptr)
         return PID_FILE_ERR;
@@ -27,7 +29,7 @@ int write_pid_file(const char *path) {
 }
 
 pid_t read_pid_file(const char *path) {
-    FILE *file = path != nullptr ? fopen(path, "re") : nullptr;
+    FILE *file = path != nullptr ? open_to_read(path) : nullptr;
     if (file == nullptr)
         return 0;
     char line[PID_LINE_SIZE] = {};

@@ -2,6 +2,7 @@
 
 #include "core/base/log.h"
 #include "core/base/shell.h"
+#include "core/files/regular_file.h"
 #include "core/files/saved_file.h"
 #include "core/files/text_file.h"
 #include "core/state/state.h"
@@ -64,10 +65,9 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
         if (const int result = add_record(list, row); result != 0)
             return result;
     }
-    if (reader.read_error() != 0) {
-        JORN_ERRNO_AS(READER, reader.read_error(), "%s: can't be read to its end\n", path);
-        return PORT_SERVICE_ERR_FILE;
-    }
+    if (reader.read_error() != 0)
+        JORN_ERRNO_AS(READER, reader.read_error(),
+                      "%s can't be read to its end, what was read counts\n", path);
     return 0;
 }
 
@@ -88,7 +88,7 @@ const port_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
 } // namespace
 
 int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
-    FILE *file = fopen(path, "re");
+    FILE *file = open_to_read(path);
     if (file == nullptr) {
         JORN_ERROR("open %s fail \n", path);
         remove_by_shell(path, JORN_HERE);

@@ -22,12 +22,13 @@ inline constexpr int PORT_SERVICE_ERR_MEMORY = -2;
 inline constexpr int PORT_SERVICE_ERR_FILE = -9;
 
 // Replaces the list by the records of a file. Returns 0; -9 when the file can't be opened, which is
-// then deleted and the list left as it was, or not read to its end; -1 at the 1,026th record; -2
-// when memory ran out. The entries read before a failure stay.
+// then deleted and the list left as it was; -1 at the 1,026th record; -2 when memory ran out. The
+// entries read before a failure stay. A file that can't be read to its end ends there, and the log
+// says so.
 int jorn_parse_port_service_conf_file(const char *path, port_app_list *list);
 
-// Command 13: reads PORT_SERVICE_FILE and, when all of it could be read, has the platform forget
-// its flows' policies. Returns what the reading does.
+// Command 13: reads PORT_SERVICE_FILE and, when that returns 0, has the platform forget its flows'
+// policies. Returns what the reading does.
 int jorn_process_cmd_port_service_cfg_req();
 
 // Releases every entry.

@@ -1,12 +1,15 @@
 #include "userapps/userdef.h"
 
 #include "core/base/log.h"
+#include "core/files/storable.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
 #include "platform/psms.h"
+#include "userapps/lines/userdef_line.h"
 #include "userapps/settle.h"
 
 #include <bit>
+#include <cstdio>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -51,6 +54,18 @@ const userdef_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
     return nullptr;
 }
 
+// Whether the file can keep the names of the definitions. What can't be kept is reported.
+bool are_storable(const userdef_table &table) {
+    for (int32_t i = 0; i < table.count; ++i) {
+        char what[64];
+        snprintf(what, sizeof what, "user-defined application %d of %d", i + 1, table.count);
+        if (!is_storable(table.records[i], USERDEF_LINE, {}, what,
+                         JORN_AS("jorn_update_user_def_policy_cfg")))
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int jorn_process_cmd_userdef_policy_cfg_req(const void *payload) {
@@ -77,18 +92,20 @@ int jorn_update_user_def_policy_cfg(const void *records, int32_t count) {
         JORN_ERROR("too many user define policies : %d\n", count);
         return -1;
     }
-    psms_rflow_reset_app_policy();
-    JORN_DEBUG("in update userdef policy cfg, the policy num is %d\n", count);
-    userdef_table &table = jorn_state.userdef_apps;
-    table = {};
+    userdef_table table = {};
     table.count = count;
     if (count > 0)
         memcpy(table.records, records, static_cast<size_t>(count) * sizeof(userdef_app));
+    if (!are_storable(table))
+        return -1;
+    psms_rflow_reset_app_policy();
+    JORN_DEBUG("in update userdef policy cfg, the policy num is %d\n", count);
     for (int32_t i = 0; i < count; ++i) {
         userdef_app &record = table.records[i];
         terminate(record.app_name);
         userdef_build_bitmap(&record);
     }
+    jorn_state.userdef_apps = table;
     settle_userapps();
     return 0;
 }

@@ -21,7 +21,8 @@ int jorn_process_cmd_userdef_policy_cfg_req(const void *payload);
 bool userdef_payload_complete(const void *payload, size_t received);
 
 // Replaces the table by `count` records, which need no alignment, and has the platform forget its
-// flows' policies. Returns 0, or -1 with nothing changed for a count outside 0 to 32.
+// flows' policies. Returns 0, or -1 with nothing changed for a count outside 0 to 32 and for a name
+// that the file can't keep.
 int jorn_update_user_def_policy_cfg(const void *records, int32_t count);
 
 // Works out which criteria a record gives.

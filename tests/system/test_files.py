@@ -6,7 +6,7 @@ import threading
 import time
 import unittest
 
-from test_policies import (CLEAN, POLICY, POLICY_FLUSH, UTP_FLUSH, WRITE, policy, rule, PING)
+from test_policies import (CLEAN, POLICY, POLICY_FLUSH, UTP_FLUSH, WRITE, jornctl, policy, rule, PING)
 from testbed import *
 
 USERDEF, PORT_SERVICES = 6, 13
@@ -65,6 +65,11 @@ PORT_LINES = [
     ("0,tcp,1,1,No\n65535,tcp,1,1,No\n-9000,tcp,4,1201,No\n74536,tcp,4,1201,No", None),
     ("x" * 1023 + "9000,tcp,4,1201,Portal", None), ("", None)]
 
+# What may stand in the place of a file.
+STRANGERS = {"FIFO": os.mkfifo, "device": lambda path: os.symlink("/dev/zero", path),
+             "folder": lambda path: os.makedirs(f"{path}/inside"),
+             "link that leads nowhere": lambda path: os.symlink("/nowhere/file", path)}
+
 
 class Files(SystemTest):
     def setUp(self):
@@ -81,6 +86,13 @@ class Files(SystemTest):
     def name(self, port, **utps):
         judged = self.judge([tcp_frame(40000, port)], trailer(**utps))[0]
         return judged
+
+    def assert_said(self, **times):
+        """How often the daemon has written each text, its blanks written as underscores."""
+        for text, count in ((text.replace("_", " "), count) for text, count in times.items()):
+            if count:
+                self.jorn.wait_line(text)
+            self.assertEqual(sum(text in line for line in self.jorn.lines.items), count, text)
 
     def configure(self):
         for block in POLICIES:
@@ -115,6 +127,9 @@ class Files(SystemTest):
         self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
         command(USERDEF, userdefs())
         self.assertEqual(saved(), EMPTY)
+        self.configure()
+        self.assertEqual(jornctl("apply", "-", document={"policies": []})[0], 0)
+        self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
 
     def test_definitions_at_their_limits(self):
         self.start()
@@ -130,6 +145,54 @@ class Files(SystemTest):
         command(USERDEF, userdefs(*[userdef("No", port=1)] * 31, userdef("Last", port=9000)))
         self.start()
         self.assertEqual(self.name(9000).app_name, "last")
+
+    def test_names_that_would_cut_the_file(self):
+        self.start()
+        self.configure()
+        command(POLICY, policy(2, rule("ok\0\n"), rule("", category="\n"), name="not\nsaved"))
+        whole = saved()
+        self.assertIn("0,0,ok,,", whole)
+        control = "holds a control character, 0x"
+        for number, payload, says in (
+                (POLICY, policy(1, rule("a"), rule("b\n[policy end]"), name="c\n"),
+                 f'ARC policy "c?" with its rule slot 1 is refused: app_name {control}0a, at byte 1'),
+                (POLICY, policy(1, rule("a", category="b\x7f")), f"cat_name {control}7f, at byte 1"),
+                (USERDEF, userdefs(userdef("New"), userdef("Do\tor")),
+                 f"user-defined application 2 of 2 is refused: app_name {control}09, at byte 2")):
+            os.unlink(POLICY_FILE)
+            calls = len(self.av.messages)
+            command(number, payload)
+            self.jorn.wait_line(says)
+            self.assertEqual(saved(), whole)
+            self.assertNotIn(OP_RESET, [op for op, _ in self.av.messages.items[calls:]])
+        self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, 4)
+
+    def test_something_else_in_the_place_of_a_file(self):
+        def put(path):
+            subprocess.run(["rm", "-rf", path], check=True)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            STRANGERS[what](path)
+
+        self.av.values |= {"tm_support": "1"}
+        for what in STRANGERS:
+            with self.subTest(what):
+                is_link = what.startswith("link")
+                for path in (PID_FILE, PORT_SERVICE_FILE, VERSION_FILE, f"{RULE_FOLDER}/aWendle"):
+                    put(path)
+                self.start()
+                self.addCleanup(run, "rm", "-rf", PID_FILE)
+                self.assertFalse(os.path.isfile(PID_FILE) or os.path.lexists(PORT_SERVICE_FILE))
+                self.assert_said(uploadjorport=1, a_regular_file=0 if is_link else 2)
+                put(POLICY_FILE)
+                command(WRITE)
+                self.assert_said(create_error=1 if what == "folder" else 0)
+                if what != "folder":
+                    self.assertFalse(os.path.islink(POLICY_FILE))
+                    self.assertEqual(saved(), EMPTY)
+                put(POLICY_FILE)
+                self.start()
+                self.assertEqual(os.path.lexists(POLICY_FILE), is_link)
+                self.assert_said(read_error=0 if is_link else 1)
 
     def test_lines_of_the_port_service_file(self):
         self.start()
@@ -154,7 +217,8 @@ class Files(SystemTest):
                 (WHOLE.replace("0,0,icmp", rules + "0,0,icmp"), 4, "Door"),
                 (WHOLE.replace("0,0,icmp", rules + "0,0,x\n0,0,icmp"), 1, "Door"),
                 (WHOLE.replace("65535;\n", "65535;\0" + "9" * 9000 + "\n"), 4, "Door"),
-                (WHOLE.replace("0;0;0;1;1;", "a;;\xff;-1;1;"), 4, "Door"),
+                (WHOLE.replace("0;0;0;1;1;", "a;;\xff;-1;1;").replace("0,0,icmp", "0,0,\x7f\n0,0,icmp"),
+                 4, "Door"),
                 (WHOLE.replace("[userdef end]", "0;0;0;0;0;0;1;6;1;1;x;24;\n" * 40 + "[userdef end]"),
                  4, "Door"), ("", 1, None)):
             with self.subTest(text[-300:]):

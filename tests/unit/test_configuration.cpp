@@ -120,6 +120,18 @@ TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
     }
 }
 
+TEST_F(Configuration, Holds1024Policies) {
+    const std::string block = "[policy]\n0;0;0;0;1;\n1,2,n,c,0,0,0,0,0,0,0,0;\n[policy end]\n\n";
+    const std::string log = restore(policies(repeated(block, 1026)));
+    EXPECT_EQ(policy_count(), 1024u);
+    EXPECT_EQ(occurrences(log, "1024 ARC policies, one more is refused"), 1u);
+    const size_t calls = platform.calls.size();
+    const arc_policy_wire more = {};
+    EXPECT_EQ(__arc_policy_add_end(&more), -1);
+    EXPECT_EQ(policy_count(), 1024u);
+    EXPECT_EQ(platform.calls.size(), calls);
+}
+
 TEST_F(Configuration, BlockStaysBelow8096Characters) {
     arc_policy_wire policy = {};
     for (arc_rule &rule : policy.rules) {

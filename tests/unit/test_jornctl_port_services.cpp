@@ -23,7 +23,13 @@ TEST(JornctlPortServices, LinesThatTheDaemonWouldSkip) {
         {"65535,tcp,4,1201,Portal", "no port"},
         {"80,icmp,4,1201,Portal", "neither tcp nor udp"},
         {"80,tcp,,1201,Portal", "no application name"},
-        {"", "no application name"},
+        {",,,,", "no application name"},
+        {" \t\r", "skipped, a blank"},
+        {"# 80,tcp,4,1201,Portal", "skipped, a blank line or a comment"},
+        {std::string("\0"
+                     "80,tcp,4,1201,a",
+                     16),
+         "no application name"},
         {std::string("80,tcp,4\0,1201,a", 17), "no application name"},
     };
     for (const auto &row : rows) {
@@ -33,6 +39,7 @@ TEST(JornctlPortServices, LinesThatTheDaemonWouldSkip) {
         if (!row.reason.empty()) {
             EXPECT_EQ(faults[0].line, 2u) << row.line;
             EXPECT_NE(faults[0].reason.find(row.reason), std::string::npos) << faults[0].reason;
+            EXPECT_EQ(faults[0].is_meant, row.reason.starts_with("skipped")) << row.line;
         }
     }
 }
@@ -44,10 +51,12 @@ TEST(JornctlPortServices, UpdatesTakeNoEntryUntilTheListIsFull) {
     EXPECT_TRUE(check_port_services(full).empty());
     EXPECT_EQ(check_port_services(full + "bad\n").size(), 1u);
     for (const char *const extra : {"1025,tcp,1,1,new\n", "1,tcp,1,1,update\n"}) {
-        const auto faults = check_port_services(full + extra);
+        const auto faults = check_port_services(full + extra + "bad\n\n");
         ASSERT_EQ(faults.size(), 1u) << extra;
         EXPECT_EQ(faults[0].line, 1027u);
-        EXPECT_NE(faults[0].reason.find("after 1025 entries"), std::string::npos);
+        EXPECT_NE(faults[0].reason.find("after 1025 entries, where the daemon stops reading; "
+                                        "it is followed by 2 more"),
+                  std::string::npos);
     }
 }
 

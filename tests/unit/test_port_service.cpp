@@ -24,6 +24,17 @@ TEST_F(PortService, Holds1025Entries) {
     EXPECT_STREQ(find_port_app(packet(6, 7, 1))->app_name, "a");
 }
 
+TEST_F(PortService, AFileEndsWhereItCantBeReadAndOneLineSaysSo) {
+    jorn_settings.debug = 1; // the log goes to standard error
+    load_ports("1,tcp,1,2,a\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(jorn_parse_port_service_conf_file("/proc/self/mem", &jorn_state.port_apps), 0);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("/proc/self/mem can't be read to its end"), std::string::npos) << log;
+    EXPECT_EQ(log.rfind("jorn_parse_port_service_conf_file"), 0u) << log;
+    EXPECT_EQ(jorn_state.port_apps.count, 0u);
+}
+
 // The settled look-ups against the walks, on tables made to overlap, and after every kind of
 // change.
 TEST_F(PortService, LookUpsFindWhatTheWalksFind) {

@@ -1,3 +1,4 @@
+#include "core/files/regular_file.h"
 #include "core/files/storable.h"
 #include "core/files/text_file.h"
 #include "core/text/fields.h"
@@ -53,6 +54,52 @@ TEST(LineReader, LinesOfEveryShape) {
     const std::string longest(line_reader::LENGTH_MAX, 'x');
     EXPECT_EQ(read_lines(longest + "y\n" + longest + "\n", SIZE_MAX),
               (texts{longest + " (cut)", longest}));
+}
+
+// A file of which one call in two is interrupted by a signal, and the other takes one byte.
+struct interrupted_file {
+    std::string content;
+    size_t at = 0;
+    bool interrupted = false;
+
+    template <typename Move>
+    ssize_t take(size_t length, Move move) {
+        errno = EINTR;
+        interrupted = !interrupted;
+        if (interrupted || length == 0)
+            return -1;
+        move();
+        return 1;
+    }
+    static ssize_t read(void *cookie, char *to, size_t length) {
+        auto &file = *static_cast<interrupted_file *>(cookie);
+        return file.at == file.content.size()
+                   ? 0
+                   : file.take(length, [&] { *to = file.content[file.at++]; });
+    }
+    static ssize_t write(void *cookie, const char *from, size_t length) {
+        auto &file = *static_cast<interrupted_file *>(cookie);
+        return std::max<ssize_t>(file.take(length, [&] { file.content += *from; }), 0);
+    }
+};
+
+TEST(Files, ASignalInBetweenDoesntCount) {
+    const cookie_io_functions_t calls = {interrupted_file::read, interrupted_file::write, nullptr,
+                                         nullptr};
+    interrupted_file memory;
+    FILE *file = fopencookie(&memory, "w", calls);
+    setvbuf(file, nullptr, _IONBF, 0);
+    EXPECT_TRUE(write_whole(file, "ab\ncd"));
+    fclose(file);
+    EXPECT_EQ(memory.content, "ab\ncd");
+    file = fopencookie(&memory, "r", calls);
+    line_reader reader(file, "test file", JORN_HERE);
+    texts lines;
+    for (std::string_view line; reader.next(line);)
+        lines.emplace_back(line);
+    EXPECT_EQ(lines, (texts{"ab", "cd"}));
+    EXPECT_EQ(reader.read_error(), 0);
+    fclose(file);
 }
 
 TEST(FieldSplitter, PlacesOfEmptyFields) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace jornctl {
 
@@ -16,5 +17,17 @@ struct network {
 std::optional<uint32_t> parse_address(const std::string &text);
 std::optional<network> parse_network(const std::string &text);
 std::optional<uint32_t> parse_netmask(const std::string &text);
+
+std::string format_address(uint32_t address_be);
+std::string format_ipv6(const uint8_t (&address)[16]);
+// Without prefix length where it is a host.
+std::string format_network(uint32_t address_be, unsigned prefix);
+// Nothing for a mask with holes.
+std::optional<unsigned> prefix_of(uint32_t mask_be);
+
+// What the parsers take, as regular expressions and as a list.
+std::string address_pattern(const char *behind = "");
+std::string network_pattern();
+std::vector<std::string> all_netmasks();
 
 } // namespace jornctl

@@ -8,15 +8,9 @@
 
 namespace jornctl {
 
-// In the order in which they have to be sent. Sent twice they leave what they leave when sent once:
-//
-//   6       the applications, a whole table in one command
-//   24, 22  the flushes of the tables that the document mentions
-//   23      each policy, which also makes a bare entry for its UTP
-//   20      each UTP entry; it replaces the bare one and finds its policy by uuid
-//
-// A policy behind its UTP entry would wipe that entry's name and uuid, hence 23 before 20; the UTP
-// flush behind the policies would take their entries, hence both flushes first.
+// In the order in which they have to be sent. Sent twice they leave what they leave when sent once.
+// A document that empties a table ends with CMD_WRITE_CFG_REQ where no other command has the
+// daemon's file follow; it is the only one of them with an answer.
 std::vector<command> commands_of(const document &wanted);
 
 } // namespace jornctl

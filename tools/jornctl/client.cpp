@@ -67,10 +67,13 @@ private:
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
         const timeval limit = {seconds.count(), 0}; // connect waits, too, for a busy daemon
         setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        if (connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) !=
+        if (connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) ==
             0)
-            throw no_daemon("no daemon at " + path + ": " +
-                            (errno == EAGAIN ? "it takes no connection" : strerror(errno)));
+            return;
+        if (errno == EACCES || errno == EPERM)
+            throw refused("you may not use the socket " + path + ": " + strerror(errno));
+        throw no_daemon("no daemon at " + path + ": " +
+                        (errno == EAGAIN ? "it takes no connection" : strerror(errno)));
     }
 
     void await_answer() {

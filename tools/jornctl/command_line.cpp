@@ -1,13 +1,15 @@
 #include "jornctl/command_line.h"
 
 #include "control/records/arc.h"
-#include "control/records/commands.h"
 #include "jornctl/apply.h"
 #include "jornctl/client.h"
+#include "jornctl/commands.h"
 #include "jornctl/documents.h"
 #include "jornctl/failure.h"
 #include "jornctl/files.h"
 #include "jornctl/port_services.h"
+#include "jornctl/printable.h"
+#include "jornctl/suggestion.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -50,9 +52,7 @@ void complain(std::string line) {
     constexpr size_t shown_max = 1'000;
     if (line.size() > shown_max)
         line.replace(shown_max, std::string::npos, "...");
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    std::cerr << "jornctl: " << line << '\n';
+    std::cerr << "jornctl: " << printable(line) << '\n';
 }
 
 // What the user asked for. CLI11 fills the members; `action` is the chosen subcommand's.
@@ -65,6 +65,8 @@ struct request {
     std::string state;
     uint32_t number = 0;
     bool check_only = false;
+    bool dry_run = false;
+    bool strict = false;
     std::function<int()> action;
 
     std::string send(const command &sent) const {
@@ -73,36 +75,51 @@ struct request {
     uint32_t is_on() const { return state == "on" ? 1 : 0; }
 };
 
-int print_answer(const std::string &reply, uint32_t number) {
+void check_answer(const std::string &reply, uint32_t number) {
     const std::string refusal = refusal_in(reply);
     if (!refusal.empty())
         throw refused("the daemon answers: " + refusal);
     if (reply.empty())
         throw refused("the daemon has no answer to command " + std::to_string(number));
-    std::cout << reply;
+}
+
+// Names in a listing come from packets and from whoever configured the daemon.
+int print_answer(const std::string &reply, uint32_t number) {
+    check_answer(reply, number);
+    std::cout << printable(reply, "\n\t");
     return STATUS_DONE;
 }
 
-document load_document(const std::string &file) {
-    const std::string text = read_file(file);
+document load_document(const request &asked) {
+    const std::string text = read_file(asked.file);
     try {
         document read = read_document(text);
         for (const std::string &warning : read.warnings)
-            complain(std::string("warning: ").append(file).append(": ").append(warning));
+            complain(std::string("warning: ").append(asked.file).append(": ").append(warning));
+        if (asked.strict && !read.warnings.empty())
+            throw refused("--strict takes no warnings");
         return read;
     } catch (const refused &reason) {
-        throw refused(file + ": " + reason.what());
+        throw refused(asked.file + ": " + reason.what());
     }
 }
 
 int apply(const request &asked) {
-    const std::vector<command> commands = commands_of(load_document(asked.file));
+    const std::vector<command> commands = commands_of(load_document(asked));
     if (asked.check_only)
         return STATUS_DONE;
+    if (asked.dry_run) {
+        for (const command &each : commands)
+            std::cout << printable(describe(each), "\n");
+        return STATUS_DONE;
+    }
     size_t sent = 0;
     try {
-        for (; sent < commands.size(); ++sent)
-            asked.send(commands[sent]);
+        for (; sent < commands.size(); ++sent) {
+            const std::string reply = asked.send(commands[sent]);
+            if (commands[sent].number == CMD_WRITE_CFG_REQ)
+                check_answer(reply, CMD_WRITE_CFG_REQ);
+        }
     } catch (const no_daemon &reason) {
         if (sent == 0)
             throw;
@@ -115,10 +132,12 @@ int apply(const request &asked) {
 
 int install_port_services(const request &asked) {
     const std::string text = read_file(asked.file);
-    const std::vector<line_fault> faults = check_port_services(text);
-    for (const line_fault &fault : faults)
-        complain(asked.file + ':' + std::to_string(fault.line) + ": " + fault.reason);
-    if (!faults.empty())
+    bool is_faulty = false;
+    for (const skipped_line &each : check_port_services(text)) {
+        complain(asked.file + ':' + std::to_string(each.line) + ": " + each.reason);
+        is_faulty |= !each.is_meant;
+    }
+    if (is_faulty)
         return STATUS_REFUSED;
     replace_file(asked.target, text);
     try {
@@ -148,6 +167,16 @@ int raw(const request &asked) {
     return refusal_in(reply).empty() ? STATUS_DONE : STATUS_REFUSED;
 }
 
+int decode(const request &asked) {
+    std::cout << printable(describe({asked.number, read_file(asked.file)}), "\n");
+    return STATUS_DONE;
+}
+
+int print_schema() {
+    std::cout << document_schema().dump(4) << '\n';
+    return STATUS_DONE;
+}
+
 void add_apply(CLI::App &app, request &asked) {
     CLI::App *apply_app =
         app.add_subcommand("apply", "Make the daemon's tables what a document says");
@@ -155,9 +184,14 @@ void add_apply(CLI::App &app, request &asked) {
         "Everything is checked before anything is sent. Each table that the document\n"
         "mentions is emptied first, then filled: \"policies\" deletes the ARC\n"
         "policies, \"utps\" empties both UTP tables, ARC and web, \"applications\"\n"
-        "replaces the user-defined applications. The other tables stay.");
+        "replaces the user-defined applications. The other tables stay. The daemon's\n"
+        "file holds in the end what the tables hold.");
     apply_app->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
-    apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
+    CLI::Option *check =
+        apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
+    apply_app->add_flag("--dry-run", asked.dry_run, "Print what would be sent, and send nothing")
+        ->excludes(check);
+    apply_app->add_flag("--strict", asked.strict, "Refuse a document that is warned of");
     apply_app->callback([&] { asked.action = [&] { return apply(asked); }; });
 }
 
@@ -181,7 +215,8 @@ void add_verbs(CLI::App &group, std::span<const verb> verbs, request &asked, boo
 void add_port_services(CLI::App &app, request &asked) {
     CLI::App *ports = app.add_subcommand(
         "port-services", "Check a port-service file, install it and have the daemon read it");
-    ports->footer("Where the daemon would skip a line, it is reported and nothing changes.");
+    ports->footer("Where the daemon would skip a line, it is reported and nothing changes. Blank\n"
+                  "lines and lines that begin with # are reported, too, and do no harm.");
     ports->add_option("FILE", asked.file, "Lines like 8443,tcp,4,1201,Intranet-Portal")->required();
     ports->add_option("--target", asked.target, "Where the daemon reads it")->capture_default_str();
     ports->callback([&] { asked.action = [&] { return install_port_services(asked); }; });
@@ -225,6 +260,17 @@ void add_plumbing(CLI::App &app, request &asked) {
     raw_app->callback([&] { asked.action = [&] { return raw(asked); }; });
 }
 
+void add_descriptions(CLI::App &app, request &asked) {
+    app.add_subcommand("schema", "Print the JSON Schema of the documents that apply takes")
+        ->callback([&] { asked.action = print_schema; });
+    CLI::App *decode_app =
+        app.add_subcommand("decode", "Print a command's payload as \"apply --dry-run\" does");
+    decode_app->add_option("NUMBER", asked.number, "The command's number")->required();
+    decode_app->add_option("FILE", asked.file, "The payload's bytes; - is standard input")
+        ->required();
+    decode_app->callback([&] { asked.action = [&] { return decode(asked); }; });
+}
+
 void describe(CLI::App &app, request &asked) {
     app.fallthrough();            // --socket may stand behind the subcommand
     app.require_subcommand(0, 1); // run() says better what is missing
@@ -246,13 +292,34 @@ void describe(CLI::App &app, request &asked) {
     add_port_services(app, asked);
     add_switches(app, asked);
     add_plumbing(app, asked);
+    add_descriptions(app, asked);
 }
 
-int usage_error(const CLI::ParseError &error) {
+// The words that may stand where the command line wasn't understood any more.
+std::vector<std::string> words_known_there(const CLI::App &app) {
+    std::vector<std::string> known;
+    const CLI::App *level = &app;
+    while (true) {
+        for (const CLI::Option *option : level->get_options())
+            known.push_back(option->get_name());
+        if (level->get_subcommands().empty())
+            break;
+        level = level->get_subcommands().front();
+    }
+    for (const CLI::App *subcommand : level->get_subcommands({}))
+        known.push_back(subcommand->get_name());
+    return known;
+}
+
+int usage_error(const CLI::App &app, const CLI::ParseError &error) {
+    const std::vector<std::string> unknown = app.remaining(true);
     std::string line = error.what();
     std::replace(line.begin(), line.end(), '\n', ' ');
-    complain(line + " (--help says more)");
-    return STATUS_REFUSED;
+    if (!unknown.empty())
+        line = '"' + unknown.front() + "\" isn't expected here" +
+               did_you_mean(unknown.front(), words_known_there(app));
+    complain(line + "; --help says more");
+    return STATUS_USAGE;
 }
 
 } // namespace
@@ -260,20 +327,21 @@ int usage_error(const CLI::ParseError &error) {
 int run(int argc, char **argv) {
     request asked;
     CLI::App app("Configures jorn and shows what it knows, over its command socket.\n"
-                 "Exit status: 0 done, 1 refused, 2 no daemon. The daemon answers what it is\n"
-                 "asked to show; whether it took a configuration, only its log says.",
+                 "Exit status: 0 done, 1 refused, 2 no daemon or not understood. The daemon\n"
+                 "answers what it is asked to show; whether it took a configuration, only its\n"
+                 "log says.",
                  "jornctl");
     describe(app, asked);
     try {
         app.parse(argc, argv);
         if (!asked.action)
-            throw refused("what to do is missing (--help lists the subcommands)");
+            throw CLI::RequiredError("What to do");
         const int status = asked.action();
         if (!std::cout.flush())
             throw refused(std::string("standard output: ") + strerror(errno));
         return status;
     } catch (const CLI::ParseError &error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : usage_error(error);
+        return error.get_exit_code() == 0 ? app.exit(error) : usage_error(app, error);
     } catch (const no_daemon &error) {
         complain(error.what());
         return STATUS_NO_DAEMON;

@@ -21,7 +21,7 @@ _jornctl() {
     --timeout) return ;;
     esac
     case $words in
-    'apply '*) options+=' --check' ;;
+    'apply '*) options+=' --check --dry-run --strict' ;;
     'port-services '*) options+=' --target' ;;
     esac
     if [[ $current == -?* ]]; then
@@ -30,11 +30,11 @@ _jornctl() {
     fi
     local choices=''
     case $words in
-    '') choices='apply show flush port-services log-policy debug write raw' ;;
+    '') choices='apply show flush port-services log-policy debug write raw decode schema' ;;
     'show ') choices='priority dns' ;;
     'flush ') choices='utps arc-policies policies' ;;
     'debug ' | 'log-policy '?*' ') choices='on off' ;;
-    'apply ' | 'port-services ' | 'raw '?*' ')
+    'apply ' | 'port-services ' | 'raw '?*' ' | 'decode '?*' ')
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
         ;;

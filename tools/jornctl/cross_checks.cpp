@@ -1,16 +1,15 @@
 #include "jornctl/cross_checks.h"
 
+#include "control/lines/arc_lines.h"
 #include "jornctl/failure.h"
 
-#include <cstdio>
+#include <array>
+#include <cstring>
 #include <map>
 #include <strings.h>
 
 namespace jornctl {
 namespace {
-
-// A policy's block in the daemon's file, from "[policy]" to the empty line, stays below this.
-constexpr size_t FILE_BLOCK_END = 8'096;
 
 std::string place(const char *table, size_t index, const char *key = "") {
     return std::string("/") + table + '/' + std::to_string(index) + key;
@@ -48,54 +47,88 @@ void check_policy_uuids(const std::vector<arc_policy_wire> &policies) {
     }
 }
 
-// How many characters the daemon's file needs for the policy.
-size_t file_block_size(const arc_policy_wire &policy) {
-    int size = snprintf(nullptr, 0, "[policy]\n%d;%d;%d;%d;%u;\n[policy end]\n\n", policy.attr1,
-                        policy.attr3, policy.attr4, policy.log_enable, policy.utp_id);
-    for (const arc_rule &rule : policy.rules) {
-        if (rule.app_name[0] != '\0')
-            size +=
-                snprintf(nullptr, 0, "%d,%d,%s,%s,%u,0,0,0,0,0,%d,%d;\n", rule.app_id, rule.cat_id,
-                         rule.app_name, rule.cat_name, rule.deny, rule.rate_up, rule.rate_down);
-    }
-    return static_cast<size_t>(size);
+bool fits_file(const arc_policy_wire &policy) {
+    std::array<char, ARC_BLOCK_LIMIT> block;
+    size_t length = 0;
+    return jorn_format_arc_policy(block.data(), &policy, &length, block.size()) == 0;
 }
 
-void warn_of_policies(document &read) {
+// Whether a flow that the later rule fits always fits the earlier one.
+bool hides(const arc_rule &earlier, const arc_rule &later) {
+    if (earlier.app_id != 0 || later.app_id != 0)
+        return earlier.app_id == later.app_id && earlier.cat_id == later.cat_id;
+    return strcasestr(later.app_name, earlier.app_name) != nullptr;
+}
+
+void warn_of_hidden_rule(const arc_policy_wire &policy, size_t index, const std::string &rules,
+                         document &read) {
+    for (size_t i = 0; i < index; ++i) {
+        if (!hides(policy.rules[i], policy.rules[index]))
+            continue;
+        read.warn(rules + std::to_string(index), "never decides, for what it fits fits " + rules +
+                                                     std::to_string(i) + " before it");
+        return;
+    }
+}
+
+void warn_of_rules(const arc_policy_wire &policy, const node &written, const std::string &rules,
+                   document &read) {
+    for (size_t i = 0; i < written.value.size(); ++i) {
+        const arc_rule &rule = policy.rules[i];
+        const std::string path = rules + std::to_string(i);
+        if (rule.deny != 0 && (rule.qos != 0 || rule.rate_up != 0 || rule.rate_down != 0))
+            read.warn(path + "/deny", "what is blocked has no use for qos and rates");
+        if (rule.app_id == 0 && strstr(rule.app_name, "*.") != nullptr)
+            read.warn(path + "/app_name", "never fits, for \"*\" stands for itself; the name "
+                                          "without it fits wherever it stands in a flow's");
+        if (rule.app_id != 0 && !written.at(i).has("cat_id"))
+            read.warn(path + "/app_id", "without cat_id it fits category 0 only");
+        warn_of_hidden_rule(policy, i, rules, read);
+    }
+}
+
+void warn_of_far_utp(uint32_t id, const std::string &path, document &read) {
+    if (id > UTP_ID_LOOKUP_MAX)
+        read.warn(path, "packets never find a UTP beyond 63");
+}
+
+void warn_of_policies(document &read, const node &written) {
     for (size_t i = 0; i < read.policies->size(); ++i) {
         const arc_policy_wire &policy = (*read.policies)[i];
-        if (policy.utp_id > UTP_ID_LOOKUP_MAX)
-            read.warnings.push_back(place("policies", i, "/utp_id") +
-                                    ": packets never find a UTP beyond 63");
+        if (written.at(i).has("rules"))
+            warn_of_rules(policy, written.at(i).at("rules"), place("policies", i, "/rules/"), read);
+        warn_of_far_utp(policy.utp_id, place("policies", i, "/utp_id"), read);
         if (policy.rules[0].app_name[0] == '\0')
-            read.warnings.push_back(place("policies", i) +
-                                    ": has no rules, so a restart of the daemon loses it");
-        else if (file_block_size(policy) >= FILE_BLOCK_END)
-            read.warnings.push_back(place("policies", i) + ": too much text for the daemon's file, "
-                                                           "so a restart of the daemon loses it");
+            read.warn(place("policies", i), "has no rules, so a restart of the daemon loses it");
+        else if (!fits_file(policy))
+            read.warn(place("policies", i), "too much text for the daemon's file, so a restart of "
+                                            "the daemon loses it");
+    }
+}
+
+// Throws refused where the entry takes the UTP of a policy that it doesn't name.
+void check_utp_owner(const utp_entry_wire &utp, const std::string &path,
+                     const arc_policy_wire *named, const std::vector<arc_policy_wire> &policies) {
+    for (size_t i = 0; i < policies.size(); ++i) {
+        if (policies[i].utp_id == utp.id && &policies[i] != named)
+            throw refused(path + ": takes UTP " + std::to_string(utp.id) + " away from " +
+                          place("policies", i) + "; give it that policy's uuid or another id");
     }
 }
 
 void check_utps(document &read) {
+    read.warn("/utps", "the web UTP table is emptied with this one");
     for (size_t i = 0; i < read.utps->size(); ++i) {
         const utp_entry_wire &utp = (*read.utps)[i];
-        if (utp.id > UTP_ID_LOOKUP_MAX)
-            read.warnings.push_back(place("utps", i, "/id") +
-                                    ": packets never find a UTP beyond 63");
+        warn_of_far_utp(utp.id, place("utps", i, "/id"), read);
         if (!read.policies)
             continue;
         const arc_policy_wire *const named =
             utp.uuid[0] == '\0' ? nullptr : find_by_uuid(*read.policies, utp.uuid);
         if (utp.uuid[0] != '\0' && named == nullptr)
-            read.warnings.push_back(place("utps", i, "/uuid") +
-                                    ": no policy of the document has it, and the others go");
-        for (size_t j = 0; j < read.policies->size(); ++j) {
-            const arc_policy_wire &policy = (*read.policies)[j];
-            if (policy.utp_id == utp.id && &policy != named)
-                throw refused(place("utps", i) + ": takes UTP " + std::to_string(utp.id) +
-                              " away from " + place("policies", j) +
-                              "; give it that policy's uuid or another id");
-        }
+            read.warn(place("utps", i, "/uuid"),
+                      "no policy of the document has it, and the others go");
+        check_utp_owner(utp, place("utps", i), named, *read.policies);
     }
 }
 
@@ -103,19 +136,18 @@ void warn_of_applications(document &read) {
     for (size_t i = 0; i < read.applications->size(); ++i) {
         const userdef_app &app = (*read.applications)[i];
         if (app.dst_family == 0 && app.dst_port == 0 && app.protocol == 0)
-            read.warnings.push_back(place("applications", i) +
-                                    ": every packet fits, for there is no dst_ip, dst_port or "
-                                    "protocol");
+            read.warn(place("applications", i),
+                      "every packet fits, for there is no dst_ip, dst_port or protocol");
     }
 }
 
 } // namespace
 
-void check_across(document &read) {
+void check_across(document &read, const node &written) {
     if (read.policies) {
         check_unique(*read.policies, &arc_policy_wire::utp_id, "policies", "/utp_id");
         check_policy_uuids(*read.policies);
-        warn_of_policies(read);
+        warn_of_policies(read, written.at("policies"));
     }
     if (read.utps) {
         check_unique(*read.utps, &utp_entry_wire::id, "utps", "/id");

@@ -2,12 +2,14 @@
 #pragma once
 
 #include "jornctl/documents.h"
+#include "jornctl/json.h"
 
 namespace jornctl {
 
 // Throws refused where one record would hide another: the daemon takes the first policy with a
 // uuid, the last policy of a UTP, and a UTP entry in place of the one that a policy made. Adds
 // warnings for what the daemon takes and then makes no, or surprising, use of.
-void check_across(document &read);
+// `written` is the document that was read.
+void check_across(document &read, const node &written);
 
 } // namespace jornctl

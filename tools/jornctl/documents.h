@@ -1,11 +1,12 @@
 // Documents of policies, UTP entries and user-defined applications: JSON in, checked records out.
 //
-// A document is read whole or refused. Its keys are the names of the records' members; one table
-// for each record (documents.cpp) says which it takes, of what kind and in what bounds. Words stand
-// for numbers where the field has words ("Voice", "dscp", "tcp").
+// A document is read whole or refused. What its tables take is said by the rows of *_fields.h, and
+// by the rows of documents.cpp which tables there are; what only shows when records are seen
+// together, by cross_checks.cpp.
 #pragma once
 
 #include "control/records/arc.h"
+#include "jornctl/json.h"
 #include "userapps/records/apps.h"
 
 #include <optional>
@@ -22,9 +23,16 @@ struct document {
     std::optional<std::vector<userdef_app>> applications;
     // What the daemon takes but the author may not have meant, each with its JSON path.
     std::vector<std::string> warnings;
+
+    void warn(const std::string &path, const std::string &reason) {
+        warnings.push_back(path + ": " + reason);
+    }
 };
 
 // Throws refused with the JSON path and the reason; with line and column for bad syntax.
 document read_document(std::string_view text);
+
+// What read_document takes, as JSON Schema, as far as that can say it.
+ordered_json document_schema();
 
 } // namespace jornctl

@@ -9,6 +9,7 @@ namespace jornctl {
 
 inline constexpr int STATUS_DONE = 0;
 inline constexpr int STATUS_REFUSED = 1;
+inline constexpr int STATUS_USAGE = 2; // not understood, nothing tried
 inline constexpr int STATUS_NO_DAEMON = 2;
 
 // Refused by jornctl itself or by the daemon's answer, or something on this machine failed.

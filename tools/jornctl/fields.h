@@ -1,44 +1,41 @@
-// Fields of records in documents. A record's table has a row for each key: the key, what reads its
-// value into the record's member, whether the record can do without, and the bounds.
+// Records in documents, described by rows: one row for each key, and nothing else says what a
+// record takes. From the same rows come its reading, its words and its part of the JSON Schema.
 //
-// Readers throw refused with the path of the value. They are templates over the member, so that its
-// type and place come from the record itself; the bounds of a row can only narrow what fits there.
+//   constexpr field<arc_rule> RULE_FIELDS[] = {
+//       {"app_id", at<&arc_rule::app_id, number<>>},
+//       {"app_name", at<&arc_rule::app_name, file_text<POLICY_FILE, 1>>, REQUIRED},
+//
+// A row names the key and how its value and the record become each other: `at` ties one member to a
+// kind of value (values.h; lists and records below are kinds, too), and what spans several members
+// is a binding of its own.
 #pragma once
 
-#include "jornctl/json.h"
+#include "jornctl/values.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <limits>
-#include <span>
-#include <string>
+#include <iterator>
+#include <optional>
 #include <vector>
 
 namespace jornctl {
 
 enum presence : bool { OPTIONAL, REQUIRED };
 
+// How a key's value and a record become each other; see values.h.
+template <typename Record>
+struct binding {
+    void (*read)(const node &from, Record &to);
+    ordered_json (*words)(const Record &from); // null: the record says nothing of it
+    ordered_json (*schema)();
+};
+
 template <typename Record>
 struct field {
     const char *key;
-    void (*read)(const node &from, const field &row, Record &to);
-    presence needed;
-    // Of the number, or of the text's length in bytes.
-    uint32_t min = 0;
-    uint32_t max = std::numeric_limits<uint32_t>::max();
+    binding<Record> value;
+    presence needed = OPTIONAL;
+    const char *about = "";      // for the author of a document, where the key doesn't say it
+    const char *needs = nullptr; // the key without which this one has no meaning
 };
-
-// Values without a record; each throws refused where the node holds something else.
-uint32_t number_in(const node &from, uint32_t min, uint32_t max);
-bool flag_in(const node &from); // true or false; 1 and 0, as the daemon prints them, too
-std::string string_in(const node &from);
-std::string text_in(const node &from, size_t min, size_t max);
-uint8_t word_number(const node &from, std::span<const char *const> words);
-// What the daemon's files have room for between two separators, and give back as it was.
-void check_file_text(const node &from, std::string_view text);
-// An object with no other keys than these.
-void check_keys(const node &from, std::span<const char *const> keys);
-void check_array(const node &from, size_t most);
 
 template <typename>
 struct member_traits;
@@ -47,65 +44,143 @@ struct member_traits<Member Record::*> {
     using record = Record;
     using member = Member;
 };
-template <auto Member>
-using record_of = typename member_traits<decltype(Member)>::record;
-template <auto Member>
-using type_of = typename member_traits<decltype(Member)>::member;
 
-template <auto Member>
-void read_number(const node &from, const field<record_of<Member>> &row, record_of<Member> &to) {
-    constexpr uint32_t FITS = std::numeric_limits<type_of<Member>>::max();
-    to.*Member = static_cast<type_of<Member>>(number_in(from, row.min, std::min(row.max, FITS)));
-}
+template <auto Member, typename Kind>
+inline constexpr binding<typename member_traits<decltype(Member)>::record> at = {
+    [](const node &from, auto &to) { Kind::read(from, to.*Member); },
+    [](const auto &from) -> ordered_json { return Kind::words(from.*Member); },
+    []() -> ordered_json {
+        return Kind::template schema<typename member_traits<decltype(Member)>::member>();
+    },
+};
 
-template <auto Member>
-void read_flag(const node &from, const field<record_of<Member>> &, record_of<Member> &to) {
-    to.*Member = flag_in(from);
-}
+// What the rows' keys make of an object, whatever the record.
+struct key_rule {
+    const char *key;
+    presence needed;
+    const char *needs;
+};
+void check_keys(const node &from, const std::vector<key_rule> &rules);
+void check_array(const node &from, size_t most);
+// Zero, empty or null: what a record holds that nobody filled.
+bool says_nothing(const ordered_json &words);
+ordered_json array_schema(ordered_json elements, size_t most);
+void require_keys(ordered_json &schema, const std::vector<key_rule> &rules);
 
-template <auto Member, const auto &Words>
-void read_word(const node &from, const field<record_of<Member>> &, record_of<Member> &to) {
-    to.*Member = word_number(from, Words);
-}
-
-template <auto Member>
-void read_text(const node &from, const field<record_of<Member>> &row, record_of<Member> &to) {
-    constexpr size_t FITS = sizeof(type_of<Member>) - 1; // a NUL ends it
-    const std::string text = text_in(from, row.min, std::min<size_t>(row.max, FITS));
-    text.copy(to.*Member, text.size());
-}
-
-template <auto Member>
-void read_file_text(const node &from, const field<record_of<Member>> &row, record_of<Member> &to) {
-    read_text<Member>(from, row, to);
-    check_file_text(from, to.*Member);
-}
-
-// Rows are read in the table's order, not the document's, so that one may build on another.
 template <typename Record>
-Record read_record(const node &from, std::span<const field<Record>> rows) {
-    std::vector<const char *> keys;
+std::vector<key_rule> key_rules(std::span<const field<Record>> rows) {
+    std::vector<key_rule> rules;
     for (const field<Record> &row : rows)
-        keys.push_back(row.key);
-    check_keys(from, keys);
-    Record to = {};
-    for (const field<Record> &row : rows) {
-        if (from.has(row.key))
-            row.read(from.at(row.key), row, to);
-        else if (row.needed == REQUIRED)
-            from.refuse(std::string("has no ") + row.key);
-    }
-    return to;
+        rules.push_back({row.key, row.needed, row.needs});
+    return rules;
 }
 
-template <typename Record>
-std::vector<Record> read_records(const node &from, std::span<const field<Record>> rows,
-                                 size_t most) {
-    check_array(from, most);
-    std::vector<Record> read;
-    for (size_t i = 0; i < from.value.size(); ++i)
-        read.push_back(read_record<Record>(from.at(i), rows));
-    return read;
-}
+// A record, described by an array of rows.
+template <const auto &Rows>
+struct record {
+    template <typename Record>
+    using row_span = std::span<const field<Record>>;
+
+    // In the order of the rows, not the document's, so that one may build on another.
+    template <typename Record>
+    static void read(const node &from, Record &to) {
+        check_keys(from, key_rules(row_span<Record>(Rows)));
+        to = {};
+        for (const field<Record> &row : Rows) {
+            if (from.has(row.key))
+                row.value.read(from.at(row.key), to);
+        }
+    }
+
+    template <typename Record>
+    static ordered_json words(const Record &from) {
+        ordered_json said = ordered_json::object();
+        for (const field<Record> &row : Rows) {
+            ordered_json value = row.value.words(from);
+            if (row.needed == REQUIRED || !says_nothing(value))
+                said[row.key] = std::move(value);
+        }
+        return said;
+    }
+
+    template <typename Record>
+    static ordered_json schema() {
+        ordered_json properties = ordered_json::object();
+        for (const field<Record> &row : Rows) {
+            ordered_json &property = properties[row.key] = row.value.schema();
+            if (*row.about != '\0')
+                property["description"] = row.about;
+        }
+        ordered_json schema = {{"type", "object"}, {"properties", std::move(properties)}};
+        require_keys(schema, key_rules(row_span<Record>(Rows)));
+        return schema;
+    }
+};
+
+// What a std::optional holds; its absence in the document is its absence there.
+template <typename Kind>
+struct maybe {
+    template <typename T>
+    static void read(const node &from, std::optional<T> &to) {
+        Kind::read(from, to.emplace());
+    }
+    template <typename T>
+    static ordered_json words(const std::optional<T> &from) {
+        return from ? Kind::words(*from) : ordered_json();
+    }
+    template <typename Optional>
+    static ordered_json schema() {
+        return Kind::template schema<typename Optional::value_type>();
+    }
+};
+
+// The elements of a std::vector.
+template <typename Kind, size_t Most>
+struct list {
+    template <typename T>
+    static void read(const node &from, std::vector<T> &to) {
+        check_array(from, Most);
+        for (size_t i = 0; i < from.value.size(); ++i)
+            Kind::read(from.at(i), to.emplace_back());
+    }
+    template <typename T>
+    static ordered_json words(const std::vector<T> &from) {
+        ordered_json said = ordered_json::array();
+        for (const T &element : from)
+            said.push_back(Kind::words(element));
+        return said;
+    }
+    template <typename Vector>
+    static ordered_json schema() {
+        return array_schema(Kind::template schema<typename Vector::value_type>(), Most);
+    }
+};
+
+// The slots of an array in a record, filled from the first one on. Slots that are all zero are
+// free.
+template <typename Kind>
+struct slots {
+    template <typename T, size_t N>
+    static void read(const node &from, T (&to)[N]) {
+        check_array(from, N);
+        for (size_t i = 0; i < from.value.size(); ++i)
+            Kind::read(from.at(i), to[i]);
+    }
+    template <typename T, size_t N>
+    static ordered_json words(const T (&from)[N]) {
+        static constexpr T FREE = {};
+        ordered_json said = ordered_json::array();
+        for (const T &slot : from) {
+            if (memcmp(&slot, &FREE, sizeof slot) != 0)
+                said.push_back(Kind::words(slot));
+        }
+        return said;
+    }
+    template <typename Array>
+    static ordered_json schema() {
+        return array_schema(Kind::template schema<std::remove_extent_t<Array>>(),
+                            std::extent_v<Array>);
+    }
+};
 
 } // namespace jornctl

@@ -13,6 +13,7 @@ namespace jornctl {
 namespace {
 
 constexpr mode_t FILE_MODE = 0644;
+constexpr size_t READ_MAX = 16'777'216;
 
 [[noreturn]] void fail(const std::string &path, const char *what, int error) {
     throw refused(path + ": " + what + ": " + strerror(error));
@@ -79,6 +80,8 @@ std::string read_file(const std::string &path) {
             bytes.append(piece.data(), static_cast<size_t>(got));
         else if (errno != EINTR)
             fail(path, "can't be read", errno);
+        if (bytes.size() > READ_MAX)
+            throw refused(path + ": has more than " + std::to_string(READ_MAX) + " bytes");
     }
     return bytes;
 }

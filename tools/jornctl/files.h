@@ -7,7 +7,8 @@
 
 namespace jornctl {
 
-// The file's bytes; "-" is standard input. Throws refused.
+// The file's bytes; "-" is standard input. Throws refused, for more than 16 MiB too: nothing that
+// the daemon takes comes near, and a device would fill the memory.
 std::string read_file(const std::string &path);
 
 // Puts `bytes` in place of `target` in one step: who opens it finds the old file or the whole new

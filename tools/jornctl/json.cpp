@@ -2,6 +2,7 @@
 
 #include "jornctl/failure.h"
 
+#include <algorithm>
 #include <set>
 #include <vector>
 
@@ -14,27 +15,42 @@ constexpr size_t SHOWN_VALUE_MAX = 60;
 // Several times what a document needs: the library recurses where it writes and releases values.
 constexpr size_t DEPTH_MAX = 64;
 
-// Follows the parser through objects and arrays, for it drops the first of two equal keys in
-// silence.
-class duplicate_key_check {
+// What the library's message says, without its own name for the exception before it.
+std::string reason_of(const json::exception &error) {
+    const std::string_view what = error.what(); // "[json.exception.parse_error.101] parse ..."
+    return std::string(what.substr(what.find("] ") + 2));
+}
+
+// Follows the text from token to token, for a document parsed whole no longer shows the first of
+// two equal keys. A pass of its own: the parser's callback costs a walk of the array for each
+// element.
+class structure_check : public json::json_sax_t {
 public:
-    void operator()(json::parse_event_t event, const json &parsed) {
-        using kind = json::parse_event_t;
-        if (event == kind::object_end || event == kind::array_end) {
-            open_.pop_back();
-            return;
-        }
-        if (event == kind::key) {
-            enter_key(parsed.get<std::string>());
-            return;
-        }
-        if (!open_.empty() && open_.back().is_array)
-            open_.back().place = std::to_string(open_.back().elements++);
-        if (event == kind::value)
-            return;
-        if (open_.size() == DEPTH_MAX)
-            throw refused("is nested deeper than " + std::to_string(DEPTH_MAX) + " levels");
-        open_.push_back({.is_array = event == kind::array_start});
+    bool null() override { return enter_value(); }
+    bool boolean(bool) override { return enter_value(); }
+    bool number_integer(number_integer_t) override { return enter_value(); }
+    bool number_unsigned(number_unsigned_t) override { return enter_value(); }
+    bool number_float(number_float_t, const string_t &) override { return enter_value(); }
+    bool string(string_t &) override { return enter_value(); }
+    bool binary(binary_t &) override { return enter_value(); }
+    bool start_object(std::size_t) override { return open({.is_array = false}); }
+    bool start_array(std::size_t) override { return open({.is_array = true}); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+
+    bool key(string_t &name) override {
+        open_.back().place = name;
+        if (open_.back().keys.insert(name).second)
+            return true;
+        json::json_pointer path;
+        for (const level &each : open_)
+            path.push_back(each.place);
+        throw refused(path.to_string() + ": stands twice in its object");
+    }
+
+    // A number beyond any double comes here as well as bad syntax.
+    bool parse_error(std::size_t, const std::string &, const json::exception &error) override {
+        throw refused(reason_of(error));
     }
 
 private:
@@ -45,33 +61,46 @@ private:
         std::set<std::string> keys = {};
     };
 
-    void enter_key(const std::string &name) {
-        open_.back().place = name;
-        if (open_.back().keys.insert(name).second)
-            return;
-        json::json_pointer path;
-        for (const level &each : open_)
-            path.push_back(each.place);
-        throw refused(path.to_string() + ": stands twice in its object");
+    bool enter_value() {
+        if (!open_.empty() && open_.back().is_array)
+            open_.back().place = std::to_string(open_.back().elements++);
+        return true;
+    }
+
+    bool open(level &&entered) {
+        enter_value();
+        if (open_.size() == DEPTH_MAX)
+            throw refused("is nested deeper than " + std::to_string(DEPTH_MAX) + " levels");
+        open_.push_back(std::move(entered));
+        return true;
+    }
+
+    bool close() {
+        open_.pop_back();
+        return true;
     }
 
     std::vector<level> open_;
 };
 
+// To the library a NUL is the end of the text, whatever stands behind it.
+void refuse_nul(std::string_view text) {
+    const size_t nul = text.find('\0');
+    if (nul == std::string_view::npos)
+        return;
+    const std::string_view before = text.substr(0, nul);
+    const size_t line_begin = before.rfind('\n') + 1; // 0 behind npos
+    throw refused("line " + std::to_string(1 + std::count(before.begin(), before.end(), '\n')) +
+                  ", column " + std::to_string(nul - line_begin + 1) + ": holds a NUL byte");
+}
+
 } // namespace
 
 json parse_json(std::string_view text) {
-    duplicate_key_check check;
-    const auto watch = [&check](int, json::parse_event_t event, json &parsed) {
-        check(event, parsed);
-        return true;
-    };
-    try {
-        return json::parse(text, watch, true, true);
-    } catch (const json::exception &error) { // a number beyond any double isn't a parse_error
-        const std::string_view what = error.what(); // "[json.exception.parse_error.101] parse ..."
-        throw refused(std::string(what.substr(what.find("] ") + 2)));
-    }
+    refuse_nul(text);
+    structure_check check;
+    json::sax_parse(text, &check, json::input_format_t::json, true, true);
+    return json::parse(text, nullptr, true, true);
 }
 
 void node::refuse(const std::string &reason) const {

@@ -10,6 +10,8 @@
 
 namespace jornctl {
 
+using nlohmann::ordered_json; // what is written: its keys stay as they came
+
 // Throws refused, with line and column for bad syntax.
 nlohmann::json parse_json(std::string_view text);
 

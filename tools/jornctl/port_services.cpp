@@ -25,35 +25,59 @@ std::string skip_reason(port_service_line kind) {
     return {};
 }
 
-// The text of the first line, as much of it as the daemon reads; `text` moves on to the next.
+// The first line; `text` moves on to the next.
 std::string_view take_line(std::string_view &text) {
-    std::string_view line = text.substr(0, text.find('\n'));
+    const std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(std::min(line.size() + 1, text.size()));
+    return line;
+}
+
+std::string_view as_the_daemon_reads(std::string_view line) {
     line = line.substr(0, PORT_SERVICE_LINE_MAX);
     return line.substr(0, line.find('\0'));
 }
 
+bool is_blank_or_comment(std::string_view line) {
+    const size_t begin = line.find_first_not_of(" \t\r");
+    return begin == std::string_view::npos || line[begin] == '#';
+}
+
+size_t count_lines(std::string_view text) {
+    const bool ends_open = !text.empty() && text.back() != '\n';
+    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + (ends_open ? 1 : 0);
+}
+
+// Even an update is beyond reach: the daemon asks for room before it looks for an equal entry.
+std::string beyond_reach(size_t lines_behind) {
+    return "comes after " + std::to_string(PORT_APPS_MAX) +
+           " entries, where the daemon stops reading; it is followed by " +
+           std::to_string(lines_behind) + " more";
+}
+
 } // namespace
 
-std::vector<line_fault> check_port_services(std::string_view text) {
-    std::vector<line_fault> faults;
+std::vector<skipped_line> check_port_services(std::string_view text) {
+    std::vector<skipped_line> skipped;
     std::set<std::pair<uint32_t, bool>> entries; // port, and whether it is TCP's
     for (size_t number = 1; !text.empty(); ++number) {
         port_service row = {};
         std::string_view version;
-        const port_service_line kind = parse_port_service_line(take_line(text), row, version);
+        const std::string_view line = take_line(text);
+        const port_service_line kind =
+            parse_port_service_line(as_the_daemon_reads(line), row, version);
         if (std::string reason = skip_reason(kind); !reason.empty()) {
-            faults.push_back({number, std::move(reason)});
+            if (is_blank_or_comment(line))
+                skipped.push_back({number, "skipped, a blank line or a comment", true});
+            else
+                skipped.push_back({number, std::move(reason)});
         } else if (kind == port_service_line::RECORD && entries.size() == PORT_APPS_MAX) {
-            // Even an update: the daemon asks for room before it looks for an equal entry.
-            faults.push_back({number, "comes after " + std::to_string(PORT_APPS_MAX) +
-                                          " entries, where the daemon stops reading"});
+            skipped.push_back({number, beyond_reach(count_lines(text))});
             break;
         } else if (kind == port_service_line::RECORD) {
             entries.emplace(row.begin_port, row.tcp_flag != 0);
         }
     }
-    return faults;
+    return skipped;
 }
 
 } // namespace jornctl

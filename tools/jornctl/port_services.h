@@ -16,13 +16,14 @@ namespace jornctl {
 
 inline constexpr char PORT_SERVICE_FILE[] = "/writable/jorn/uploadjorport_file_1.0";
 
-struct line_fault {
+struct skipped_line {
     size_t line; // from 1
     std::string reason;
+    bool is_meant = false; // a blank line or a comment, which nobody expects to count
 };
 
 // What of the file the daemon would skip or not reach. A line for a port and protocol that an
 // earlier one has is an update and takes no new entry.
-std::vector<line_fault> check_port_services(std::string_view text);
+std::vector<skipped_line> check_port_services(std::string_view text);
 
 } // namespace jornctl

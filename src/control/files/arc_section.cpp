@@ -1,9 +1,9 @@
 #include "control/files/arc_section.h"
 
-#include "control/lines/arc_lines.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/files/saved_file.h"
+#include "core/files/storable.h"
 #include "core/state/state.h"
 
 namespace {
@@ -16,10 +16,13 @@ void take_rule(std::string_view line, pending_arc_policy &pending) {
     __jorn_parse_policy_config_rule(line, &pending.policy, &pending.rule_count);
 }
 
-// A policy without a rule is not added: it could match nothing.
+// A policy without a rule is not added: it could match nothing. The first for which there is no
+// room is reported, the others aren't.
 void finish_policy(std::string_view, pending_arc_policy &pending) {
-    if (pending.rule_count != 0)
+    if (pending.rule_count != 0 && !pending.overflow) {
+        pending.overflow = jorn_state.arc_policy_list.count >= ARC_POLICIES_MAX;
         __arc_policy_add_end(&pending.policy);
+    }
     pending.rule_count = 0;
 }
 
@@ -38,6 +41,20 @@ constexpr section_row<pending_arc_policy> SECTION_ROWS[] = {
 
 constexpr std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION = SECTION_ROWS;
 
+bool is_storable(const arc_policy_wire &policy) {
+    for (size_t i = 0; i < ARC_RULES_PER_POLICY; ++i) {
+        const arc_rule &rule = policy.rules[i];
+        if (!is_written(rule))
+            continue;
+        char what[64 + sizeof policy.name];
+        snprintf(what, sizeof what, "ARC policy \"%s\" with its rule slot %zu",
+                 printable_text(field_text(policy.name)).c_str(), i);
+        if (!is_storable(rule, ARC_RULE_LINE, {}, what, JORN_AS("__arc_policy_add_end")))
+            return false;
+    }
+    return true;
+}
+
 int jorn_write_arc_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(ARC_POLICIES_BEGIN);
@@ -49,21 +66,6 @@ int jorn_write_arc_policy_configuration(FILE *file) {
     }
     writer.write_marker(ARC_POLICIES_END);
     return writer.result();
-}
-
-int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
-                           size_t capacity) {
-    text_appender to(text, length, capacity);
-    to.append(ARC_BLOCK_BEGIN);
-    to.append("\n");
-    write_line(to, ARC_HEADER_LINE, *policy);
-    for (const arc_rule &rule : policy->rules) {
-        if (rule.app_name[0] != '\0')
-            write_line(to, ARC_RULE_LINE, rule);
-    }
-    to.append(ARC_BLOCK_END);
-    to.append("\n\n");
-    return to.result();
 }
 
 void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy) {

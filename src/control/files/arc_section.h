@@ -2,6 +2,7 @@
 // marker, whatever becomes of the rest of the file.
 #pragma once
 
+#include "control/lines/arc_lines.h"
 #include "control/records/arc.h"
 #include "core/files/section.h"
 
@@ -10,24 +11,22 @@
 #include <span>
 #include <string_view>
 
-inline constexpr size_t ARC_BLOCK_LIMIT = 8096; // a policy's text stays below it
-
 struct pending_arc_policy {
     arc_policy_wire policy;
     unsigned rule_count;
+    bool overflow; // more policies came than there is room for
 };
 
 // Adds each policy where its block ends.
 extern const std::span<const section_row<pending_arc_policy>> ARC_POLICY_SECTION;
 
+// Whether the file can keep the texts of a policy's rules. What can't be kept is reported as
+// command 23's.
+bool is_storable(const arc_policy_wire &policy);
+
 // Returns 0, or -9 after a line in the log when a write failed. A policy that doesn't fit its limit
 // is left out.
 int jorn_write_arc_policy_configuration(FILE *file);
-
-// Appends one policy's block to the `*length` characters in `text`. Returns 0, or -1 when that
-// would reach `capacity`; `text` then holds part of it.
-int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
-                           size_t capacity);
 
 // A policy's header line: clears the policy and sets its attributes. Fields that are missing are 0.
 void __jorn_parse_policy_config_first(std::string_view line, arc_policy_wire *policy);

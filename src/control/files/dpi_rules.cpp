@@ -2,9 +2,11 @@
 
 #include "core/base/log.h"
 #include "core/base/shell.h"
+#include "core/files/regular_file.h"
 #include "core/text/text.h"
 #include "platform/psm.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -18,6 +20,13 @@ void run_rule_agent(const char *rule_file) {
     if (!is_plain_to_shell(rule_file)) {
         JORN_ERROR_AS("jorn_load_dpi_rules", "no rules are loaded, this file name is refused: %s\n",
                       printable_text(rule_file).c_str());
+        return;
+    }
+    char path[sizeof DPI_RULE_DIRECTORY + NAME_MAX + 1];
+    snprintf(path, sizeof path, "%s/%s", DPI_RULE_DIRECTORY, rule_file);
+    if (is_no_regular_file(path)) { // the agent might wait for it, and the daemon for the agent
+        JORN_ERROR_AS("jorn_load_dpi_rules", "no rules are loaded, %s isn't a regular file\n",
+                      path);
         return;
     }
     // A name that is too long is cut: the agent then says that there is no such file.
@@ -45,6 +54,11 @@ void write_version(const char *version) {
         JORN_ERROR_AS("jorn_load_dpi_rules",
                       "%s isn't written, this firmware version is refused: %s\n", DPI_VERSION_PATH,
                       printable_text(version).c_str());
+        return;
+    }
+    if (is_no_regular_file(DPI_VERSION_PATH)) {
+        JORN_ERROR_AS("jorn_load_dpi_rules", "%s isn't written, it isn't a regular file\n",
+                      DPI_VERSION_PATH);
         return;
     }
     char command[DPI_COMMAND_SIZE];

@@ -13,5 +13,6 @@ inline constexpr char DPI_VERSION_PATH[] = "/writable/fw/tdts_ver";
 inline constexpr size_t DPI_COMMAND_SIZE = 128; // a longer command is cut
 
 // Runs the rule agent and writes the version file. What becomes of either is not noticed; a name or
-// a version that the shell wouldn't take literally is reported, and that command isn't run.
+// a version that the shell wouldn't take literally, and anything but a regular file in the place of
+// either file, is reported, and that command isn't run.
 void jorn_load_dpi_rules();

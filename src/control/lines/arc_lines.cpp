@@ -30,3 +30,22 @@ constexpr line_field<arc_rule> RULE_FIELDS[] = {
 constexpr line_format<arc_policy_wire> ARC_HEADER_LINE = {{.separator = ';', .trimmed = true},
                                                           HEADER_FIELDS};
 constexpr line_format<arc_rule> ARC_RULE_LINE = {{.separator = ',', .trimmed = true}, RULE_FIELDS};
+
+bool is_written(const arc_rule &rule) {
+    return rule.app_name[0] != '\0';
+}
+
+int jorn_format_arc_policy(char *text, const arc_policy_wire *policy, size_t *length,
+                           size_t capacity) {
+    text_appender to(text, length, capacity);
+    to.append(ARC_BLOCK_BEGIN);
+    to.append("\n");
+    write_line(to, ARC_HEADER_LINE, *policy);
+    for (const arc_rule &rule : policy->rules) {
+        if (is_written(rule))
+            write_line(to, ARC_RULE_LINE, rule);
+    }
+    to.append(ARC_BLOCK_END);
+    to.append("\n\n");
+    return to.result();
+}

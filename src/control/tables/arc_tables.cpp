@@ -12,7 +12,6 @@
 
 namespace {
 
-
 void build_index(arc_rule_index &index, const arc_policy_wire &policy) {
     std::array<std::string_view, ARC_RULES_PER_POLICY> domains;
     for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
@@ -90,6 +89,10 @@ int jorn_process_utp_flush() {
 }
 
 int __arc_policy_add_end(const void *payload) {
+    if (jorn_state.arc_policy_list.count >= ARC_POLICIES_MAX) {
+        JORN_ERROR("there are %u ARC policies, one more is refused\n", ARC_POLICIES_MAX);
+        return -1;
+    }
     arc_policy *policy = make_policy(payload);
     if (policy == nullptr)
         return -1;

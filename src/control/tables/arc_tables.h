@@ -31,7 +31,7 @@ int jorn_process_arc_config(const void *payload);
 int jorn_process_utp_flush();
 
 // Command 23: adds one ARC policy (arc_policy_wire) and builds the UTP entry of its id. Returns 0,
-// or -1 when memory ran out and nothing was changed.
+// or -1 with nothing changed when the list is full, which is reported, or memory ran out.
 int __arc_policy_add_end(const void *payload);
 
 // Points the ARC UTP entry of the policy's id at the policy; an id outside 1 to 64 has none.

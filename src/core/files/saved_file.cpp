@@ -2,14 +2,22 @@
 
 #include "core/base/settings.h"
 #include "core/base/shell.h"
+#include "core/files/regular_file.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 bool exists(const char *path) {
     return access(path, F_OK) == 0;
+}
+
+// Something is there, even a link that leads nowhere.
+bool is_taken(const char *path) {
+    struct stat status;
+    return lstat(path, &status) == 0;
 }
 
 void make_folder() {
@@ -28,11 +36,11 @@ saved_file_path::saved_file_path(const char *name) {
 
 void save_file(const char *name, std::initializer_list<saved_section> sections, log_origin from) {
     const saved_file_path path(name);
-    if (exists(path.c_str()))
+    if (is_taken(path.c_str()))
         unlink(path.c_str());
     else
         make_folder();
-    FILE *file = fopen(path.c_str(), "we");
+    FILE *file = open_to_write(path.c_str());
     if (file == nullptr) {
         JORN_LOG(JORN_LOG_ERROR, from, errno, "File:%s create error\n", path.c_str());
         return;
@@ -51,7 +59,7 @@ bool load_file(const char *name, std::initializer_list<section_reader *> section
     const saved_file_path path(name);
     if (!exists(path.c_str()))
         return true;
-    FILE *file = fopen(path.c_str(), "re");
+    FILE *file = open_to_read(path.c_str());
     if (file == nullptr) {
         JORN_LOG(JORN_LOG_ERROR, from, errno, "File:%s read error\n", path.c_str());
         remove_by_shell(path.c_str(), from);
@@ -63,8 +71,7 @@ bool load_file(const char *name, std::initializer_list<section_reader *> section
 }
 
 void section_writer::write(std::string_view piece) {
-    if (result_ != 0 ||
-        (fwrite(piece.data(), 1, piece.size(), file_) == piece.size() && fflush(file_) == 0))
+    if (result_ != 0 || write_whole(file_, piece))
         return;
     JORN_LOG(JORN_LOG_ERROR, from_, errno, "%s", failure_);
     result_ = SAVED_FILE_ERR_WRITE;

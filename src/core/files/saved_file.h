@@ -39,9 +39,8 @@ void save_file(const char *name, std::initializer_list<saved_section> sections, 
 // removed, so that the next start begins clean; only then the result is false.
 bool load_file(const char *name, std::initializer_list<section_reader *> sections, log_origin from);
 
-// What the writer of a section writes with. Every piece is flushed, for stdio would otherwise hide
-// a full disk until the file is closed. The first that doesn't go out whole is reported under
-// `from`, as `failure`, and is the last.
+// What the writer of a section writes with. The first piece that doesn't go out whole is reported
+// under `from`, as `failure`, and is the last.
 class section_writer {
 public:
     section_writer(FILE *file, const char *failure, log_origin from)

@@ -3,6 +3,18 @@
 #include <algorithm>
 #include <cerrno>
 
+namespace {
+
+// The next character of the file. A signal in between doesn't count.
+int next_character(FILE *file) {
+    int c;
+    while ((c = getc_unlocked(file)) == EOF && ferror(file) != 0 && errno == EINTR)
+        clearerr(file);
+    return c;
+}
+
+} // namespace
+
 line_reader::line_reader(FILE *file, const char *path, log_origin from, size_t length)
     : file_(file), path_(path), from_(from), capacity_(std::min(length, LENGTH_MAX)) {
     text_[0] = '\0';
@@ -14,7 +26,7 @@ bool line_reader::next(std::string_view &line) {
     bool any = false;
     cut_ = false;
     errno = 0;
-    for (int c; (c = getc_unlocked(file_)) != EOF;) {
+    for (int c; (c = next_character(file_)) != EOF;) {
         any = true;
         if (c == '\n')
             break;

@@ -41,9 +41,9 @@ const char *signal_text(int sig) {
 }
 
 void dump_and_die(int sig) {
-    // O_NOFOLLOW: the path lies in a directory where anybody may place a link.
-    const int fd =
-        open(dump_path.data(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    // The path lies in a directory where anybody may place a link, or a FIFO.
+    const int fd = open(dump_path.data(),
+                        O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
     if (fd >= 0) {
         void *frames[MAX_FRAMES];
         write_text(fd, process_name.data());

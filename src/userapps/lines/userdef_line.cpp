@@ -4,8 +4,6 @@
 
 namespace {
 
-constexpr size_t NAME_MAX = 63; // of the 65 that the field could hold
-
 void read_address(std::string_view text, uint8_t (&address)[16]) {
     const auto word = static_cast<uint32_t>(leading_decimal(text));
     memcpy(address, &word, sizeof word);
@@ -50,7 +48,7 @@ constexpr line_field<userdef_app> FIELDS[] = {
     number_field<&userdef_app::protocol>("protocol"),
     number_field<&userdef_app::app_id>("app_id"),
     number_field<&userdef_app::cat_id>("cat_id"),
-    text_field<&userdef_app::app_name, NAME_MAX>("app_name"),
+    text_field<&userdef_app::app_name, USERDEF_NAME_MAX>("app_name"),
     number_field<&userdef_app::bitmap>("bitmap"),
 };
 

@@ -5,6 +5,8 @@
 #include "core/text/line_format.h"
 #include "userapps/records/apps.h"
 
+inline constexpr size_t USERDEF_NAME_MAX = 63; // of the 65 that the record could hold
+
 inline constexpr char USERDEFS_BEGIN[] = "[userdef]";
 inline constexpr char USERDEFS_END[] = "[userdef end]";
 

@@ -1,0 +1,118 @@
+"""The built jornctl against a stand-in of the daemon, and what it refuses before it speaks to one.
+
+Usage: test_jornctl.py JORNCTL
+"""
+import json
+import os
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+JORNCTL = sys.argv.pop(1)
+DEADLINE = 60  # seconds, of what takes milliseconds on an idle machine
+
+
+class Jornctl(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.socket = self.folder + "/socket"
+
+    def run_it(self, *arguments, document=None, before=()):
+        """Exit status, standard output and standard error."""
+        done = subprocess.run([*before, JORNCTL, "--socket", self.socket, *arguments],
+                              input=json.dumps(document).encode(), capture_output=True,
+                              timeout=DEADLINE)
+        return done.returncode, done.stdout, done.stderr.decode()
+
+    def daemon(self, reply):
+        """Answers one command with these bytes."""
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.addCleanup(listener.close)
+        listener.bind(self.socket)
+        listener.listen()
+
+        def serve():
+            client, _ = listener.accept()
+            with client:
+                client.recv(122_880)
+                client.sendall(reply)
+        threading.Thread(target=serve, daemon=True).start()
+
+    def test_no_name_steers_the_terminal(self):
+        self.daemon("\n\tApp Name:a\x1b[2J\x07\r\x7f\x9b1m\u00e9\t\n".encode())
+        self.assertEqual(self.run_it("show", "dns"),
+                         (0, "\n\tApp Name:a?[2J????1m\u00e9\t\n".encode(), ""))
+
+    def test_files_that_never_end(self):
+        for arguments in (("apply", "--check"), ("port-services",), ("raw", "17")):
+            status, _, said = self.run_it(*arguments, "/dev/zero")
+            self.assertEqual((status, "/dev/zero: has more than" in said), (1, True), said)
+
+    def test_a_daemon_that_is_not_for_everybody(self):
+        self.daemon(b"")
+        os.chmod(self.socket, 0)
+        powerless = ("setpriv", "--bounding-set=-dac_override,-dac_read_search")
+        status, _, said = self.run_it("write", before=powerless if os.geteuid() == 0 else ())
+        self.assertEqual((status, said), (
+            1, f"jornctl: you may not use the socket {self.socket}: Permission denied\n"))
+
+    def test_warnings_are_faults_on_demand(self):
+        document = {"utps": []}
+        for strict, status in ((), 0), (("--strict",), 1):
+            got, _, said = self.run_it("apply", "--check", *strict, "-", document=document)
+            self.assertEqual((got, said.startswith("jornctl: warning: -: /utps: ")), (status, True))
+
+    def test_descriptions_of_payloads(self):
+        document = {"policies": [{"utp_id": 1, "name": "block", "rules": [
+            {"app_name": "ICMP", "deny": True, "qos": {"classify": "Background"}}]}]}
+        fields = """{
+    "utp_id": 1,
+    "name": "block",
+    "rules": [
+        {
+            "app_name": "ICMP",
+            "deny": true,
+            "qos": {
+                "classify": "Background"
+            }
+        }
+    ]
+}
+"""
+        _, said, _ = self.run_it("apply", "--dry-run", "-", document=document)
+        self.assertEqual(said.decode(), "24 CMD_ARC_POLICY_FLUSH_REQ, 0 bytes\n"
+                                        "23 CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n" + fields)
+        hostile = self.folder + "/payload"
+        for number, length, head, part in (
+                (26, 80, "CMD_ARC_POLICY_LOG_CFG_REQ, 80 bytes, 8 of them behind its end", "\ufffd"),
+                (6, 300, "CMD_POLICY_USERDEF_CFG_REQ, 300 bytes, 296 of them behind", '"count": -1'),
+                (20, 10, "CMD_ARC_UTP_CFG_REQ, 10 bytes of 140; the others", '"id": 4294967295'),
+                (23, 7352, "CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n", '"kind": 3'),
+                (8, 0, "CMD_POLICY_CLEAN, 0 bytes\n", "")):
+            with open(hostile, "wb") as file:
+                file.write(b"\xff" * length)
+            status, said, _ = self.run_it("decode", str(number), hostile)
+            self.assertEqual((status, said.decode().startswith(f"{number} {head}")), (0, True), said)
+            self.assertIn(part, said.decode())
+        self.assertEqual(self.run_it("decode", "5", hostile)[0], 1)
+
+    def test_what_is_not_understood(self):
+        for arguments, said in (
+                (("aply", "x"), '"aply" isn\'t expected here (did you mean "apply"?)'),
+                (("show", "dnz"), '"dnz" isn\'t expected here (did you mean "dns"?)'),
+                (("apply", "--chek"), '"--chek" isn\'t expected here (did you mean "--check"?)'),
+                (("apply", "x", "y"), '"y" isn\'t expected here;'),
+                ((), "What to do is required"), (("decode", "x", "y"), "Could not convert"),
+                (("apply", "--check", "--dry-run", "x"), "excludes"),
+                (("debug", "onn"), "not in")):
+            got, _, line = self.run_it(*arguments)
+            self.assertEqual((got, said in line, line.count("\n")), (2, True, 1), line)
+
+
+if __name__ == "__main__":
+    unittest.main()

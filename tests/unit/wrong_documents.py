@@ -1,0 +1,120 @@
+"""Documents that are refused, for the test of what refuses them.
+
+A row is the document (JSON, or the text itself where it isn't JSON), the path of the refusal, a part
+of its reason, and whether a schema can't say it.
+"""
+
+UNSAID = True
+RULE = "/policies/0/rules/0"
+APP = "/applications/0"
+
+
+def in_policy(**members):
+    return {"policies": [{"utp_id": 1, **members}]}
+
+
+def in_rule(**members):
+    return in_policy(rules=[{"app_name": "a", **members}])
+
+
+def in_application(**members):
+    return {"applications": [{"app_name": "a", **members}]}
+
+
+def in_utp(**members):
+    return {"utps": [{"id": 1, **members}]}
+
+
+WRONG = [
+    # No JSON, or not one document of it.
+    ('{\n  "policies": [,]}', "parse error at line 2, column 16", "unexpected ','"),
+    ("", "parse error at line 1, column 1", "end of input"),
+    ('{"utps": []} x', "parse error at line 1, column 14", "expected end of input"),
+    ('{"utps":\n[]} \0', "line 2, column 5", "NUL"),
+    ('{"utps": []}\0{"utps": [1]}', "line 1, column 13", "NUL"),
+    ('{"utps": [{"id": 1}, {"id": 2, "id": 3}]}', "/utps/1/id", "twice"),
+    ('{"policies": [{"utp_id": 1e999}]}', "number overflow", ""),
+    ("[" * 100_000 + "]" * 100_000, "is nested deeper than 64 levels", ""),
+    ('{"policies": [' + "{}," * 200_000 + "{}]}", "/policies", "64 have room"),
+    # The document.
+    ([], "the document", "must be an object"),
+    ({}, "the document", "has no table"),
+    ({"$schema": "jorn.schema.json"}, "the document", "has no table"),
+    ({"$schema": 7, "utps": []}, "/$schema", "must be a text"),
+    ({"policy": []}, "/policy", 'did you mean "policies"?); the keys are policies, utps'),
+    ({"utps": {}}, "/utps", "must be an array"),
+    ({"utps": None}, "/utps", "must be an array"),
+    ({"utps": [7]}, "/utps/0", "must be an object"),
+    # Numbers.
+    ({"policies": [{}]}, "/policies/0", "has no utp_id"),
+    (in_policy(utp_id=65), "/policies/0/utp_id", "from 1 to 64"),
+    (in_utp(id=0), "/utps/0/id", "from 1 to 64"),
+    (in_utp(id=-1), "/utps/0/id", "is -1"),
+    (in_utp(id=1.5), "/utps/0/id", "is 1.5; it must be a whole number"),
+    (in_utp(id=1.0), "/utps/0/id", "is 1.0; it must be a whole number", UNSAID),
+    (in_utp(id=2**32 + 1), "/utps/0/id", "is 4294967297"),
+    (in_utp(id=2**64 - 1), "/utps/0/id", "is 18446744073709551615"),
+    (in_utp(id="1"), "/utps/0/id", 'is "1"; it must be a whole number'),
+    (in_utp(id=True), "/utps/0/id", "is true; it must be a whole number"),
+    (in_policy(attr1=256), "/policies/0/attr1", "0 to 255"),
+    (in_rule(rate_up=65536), RULE + "/rate_up", "0 to 65535"),
+    (in_rule(cat_id="Games"), RULE + "/cat_id", '"Games"; it must be a whole number from 0 to 65535'),
+    (in_rule(deny=2), RULE + "/deny", "true or false"),
+    (in_rule(deny="yes"), RULE + "/deny", "true or false"),
+    # Texts.
+    (in_utp(name="a" * 65), "/utps/0/name", "has 65 bytes; 64 have room"),
+    (in_utp(name="\u00e9" * 33), "/utps/0/name", "has 66 bytes; 64 have room", UNSAID),
+    (in_utp(name="a\0b"), "/utps/0/name", "control"),
+    (in_utp(name=7), "/utps/0/name", "must be a text"),
+    ({"policies": [{"utp_id": 1, "rules": [{"app_id": 1}]}]}, RULE, "has no app_name"),
+    (in_rule(app_name=""), RULE + "/app_name", "is empty"),
+    (in_rule(app_name="a" * 64), RULE + "/app_name", "63 have room"),
+    (in_rule(app_name="a,b"), RULE + "/app_name", 'one of ",;"'),
+    (in_rule(cat_name="b;"), RULE + "/cat_name", 'one of ",;"'),
+    (in_rule(cat_name="c" * 32), RULE + "/cat_name", "31 have room"),
+    (in_rule(app_name="a "), RULE + "/app_name", "blank"),
+    (in_rule(app_name=" a"), RULE + "/app_name", "blank"),
+    (in_rule(app_name="a\n"), RULE + "/app_name", "control"),
+    (in_rule(app_name="x[Policy END]"), RULE + "/app_name", "[policy end]"),
+    # Words, and what is inside a record.
+    (in_policy(rules=[{"app_name": "a"}] * 65), "/policies/0/rules", "65 elements; 64 have room"),
+    (in_rule(qos={"mark": {"kind": "dscp", "type": "voice"}}), RULE + "/qos/mark/type",
+     'is "voice" (did you mean "Voice"?); it must be one of Background, BestEffort, Video, Voice'),
+    (in_rule(qos={"mark": {"kind": "dscp"}}), RULE + "/qos/mark", "has no type"),
+    (in_rule(qos={"clasify": "Voice"}), RULE + "/qos/clasify", 'did you mean "classify"?'),
+    # What records do to each other.
+    ({"policies": [{"utp_id": 1, "uuid": "ab"}, {"utp_id": 2, "uuid": "AB"}]}, "/policies/1/uuid",
+     "same as in /policies/0", UNSAID),
+    ({"policies": [{"utp_id": i} for i in (1, 2, 1)]}, "/policies/2/utp_id",
+     "same as in /policies/0", UNSAID),
+    ({"utps": [{"id": 9}, {"id": 9}]}, "/utps/1/id", "same as in /utps/0", UNSAID),
+    ({"policies": [{"utp_id": 4, "uuid": "u"}], "utps": [{"id": 4}]}, "/utps/0",
+     "takes UTP 4 away from /policies/0", UNSAID),
+    # Applications.
+    ({"applications": [{"app_name": "a"}] * 33}, "/applications", "32 have room"),
+    (in_application(dst_ip="2001:db8::1"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.256"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.0/33"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.0/08"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.0/"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.1\n"), APP + "/dst_ip", "IPv4"),
+    (in_application(dst_ip="10.0.0.1\0.2"), APP + "/dst_ip", "IPv4"),
+    (in_application(src_ip="10.0.0.0/8"), APP + "/src_ip", "prefix"),
+    (in_application(netmask="255.0.0.0"), APP + "/netmask", "needs a dst_ip"),
+    (in_application(dst_ip="10.0.0.0/8", netmask="255.0.0.0"), APP + "/netmask", "prefix", UNSAID),
+    (in_application(dst_ip="10.0.0.0", netmask="0.0.0.255"), APP + "/netmask", "mask like"),
+    (in_application(protocol=6), APP + "/protocol", "one of tcp, udp"),
+    (in_application(protocol="icmp"), APP + "/protocol", 'is "icmp"; it must be one of tcp, udp'),
+    (in_application(bitmap=4), APP + "/bitmap", "isn't known here; the keys are app_name, src_ip"),
+]
+
+# At the bounds, and taken.
+RIGHT = [
+    {"$schema": "./jorn.schema.json", "policies": [], "utps": [], "applications": []},
+    in_policy(utp_id=64, name="n" * 64, uuid="[policy end],; ", attr4=255, log_enable=1,
+              rules=[{"app_name": "a" * 63, "cat_name": "User Defined", "app_id": 65535,
+                      "cat_id": "User Defined", "deny": 0, "qos": {}, "rate_up": 65535}] * 64),
+    {"applications": [{"app_name": "a" * 63, "cat_id": 65535}] * 32},
+    in_application(dst_ip="0.0.0.0/0", src_ip="255.255.255.255", dst_port=65535, protocol="udp"),
+    in_application(dst_ip="199.9.10.249", netmask="255.255.255.254", protocol="tcp"),
+]

@@ -1,0 +1,142 @@
+#include "jornctl/commands.h"
+
+#include "jornctl/arc_fields.h"
+#include "jornctl/failure.h"
+#include "jornctl/userapps_fields.h"
+
+namespace jornctl {
+namespace {
+
+constexpr int INDENT = 4;
+
+constexpr field<word_payload> ID_FIELDS[] = {
+    {"id", at<&word_payload::word, number<>>, REQUIRED},
+};
+constexpr field<word_payload> DEBUG_FIELDS[] = {
+    {"debug", at<&word_payload::word, flag>, REQUIRED},
+};
+constexpr field<arc_policy_log_cfg> LOG_POLICY_FIELDS[] = {
+    {"name", at<&arc_policy_log_cfg::name, text<>>, REQUIRED},
+    {"log_enable", at<&arc_policy_log_cfg::value, flag>, REQUIRED},
+};
+
+// How a payload is shown. A short one counts as filled up with zeros.
+struct payload_form {
+    size_t (*size)(std::string_view payload);
+    ordered_json (*words)(std::string_view payload);
+};
+
+template <typename Record>
+Record record_at(std::string_view bytes) {
+    Record read = {};
+    memcpy(&read, bytes.data(), std::min(bytes.size(), sizeof read));
+    return read;
+}
+
+constexpr payload_form EMPTY = {
+    [](std::string_view) { return size_t{0}; },
+    [](std::string_view) { return ordered_json(); },
+};
+
+template <typename Record, const auto &Rows>
+constexpr payload_form ONE = {
+    [](std::string_view) { return sizeof(Record); },
+    [](std::string_view payload) { return record<Rows>::words(record_at<Record>(payload)); },
+};
+
+int32_t application_count(std::string_view payload) {
+    return std::clamp(record_at<int32_t>(payload), 0, USERDEF_APPS_MAX);
+}
+
+// A count, and so many records; or those that are there, under a count that the daemon refuses.
+constexpr payload_form APPLICATIONS = {
+    [](std::string_view payload) {
+        return sizeof(int32_t) +
+               static_cast<size_t>(application_count(payload)) * sizeof(userdef_app);
+    },
+    [](std::string_view payload) {
+        std::vector<userdef_app> applications;
+        std::string_view left = payload.substr(std::min(payload.size(), sizeof(int32_t)));
+        for (int32_t i = 0; i < application_count(payload) && !left.empty(); ++i) {
+            applications.push_back(record_at<userdef_app>(left));
+            left.remove_prefix(std::min(left.size(), sizeof(userdef_app)));
+        }
+        return ordered_json{
+            {"count", record_at<int32_t>(payload)},
+            {"applications",
+             list<record<APPLICATION_FIELDS>, USERDEF_APPS_MAX>::words(applications)}};
+    },
+};
+
+// What a command does to the files that CMD_WRITE_CFG_REQ writes.
+enum file_effect : uint8_t {
+    LEAVES,   // the tables stay as the file has them, or are in no file
+    OUTDATES, // changes a table and not the file
+    WRITES,
+};
+
+struct command_row {
+    command_number number;
+    const char *name;
+    payload_form payload;
+    file_effect effect = LEAVES;
+};
+
+constexpr command_row COMMANDS[] = {
+    {CMD_CHECK_PRIORITY_REQ, "CMD_CHECK_PRIORITY_REQ", ONE<word_payload, ID_FIELDS>},
+    {CMD_POLICY_USERDEF_CFG_REQ, "CMD_POLICY_USERDEF_CFG_REQ", APPLICATIONS, WRITES},
+    {CMD_POLICY_CLEAN, "CMD_POLICY_CLEAN", EMPTY, OUTDATES},
+    {CMD_DNS_CACHE_SHOW_REQ, "CMD_DNS_CACHE_SHOW_REQ", EMPTY},
+    {CMD_PORT_SERVICE_CFG_REQ, "CMD_PORT_SERVICE_CFG_REQ", EMPTY},
+    {CMD_WRITE_CFG_REQ, "CMD_WRITE_CFG_REQ", EMPTY, WRITES},
+    {CMD_ARC_UTP_CFG_REQ, "CMD_ARC_UTP_CFG_REQ", ONE<utp_entry_wire, UTP_FIELDS>, WRITES},
+    {CMD_UTP_FLUSH_REQ, "CMD_UTP_FLUSH_REQ", EMPTY},
+    {CMD_ARC_POLICY_CFG_REQ, "CMD_ARC_POLICY_CFG_REQ", ONE<arc_policy_wire, POLICY_FIELDS>, WRITES},
+    {CMD_ARC_POLICY_FLUSH_REQ, "CMD_ARC_POLICY_FLUSH_REQ", EMPTY, OUTDATES},
+    {CMD_ARC_POLICY_LOG_CFG_REQ, "CMD_ARC_POLICY_LOG_CFG_REQ",
+     ONE<arc_policy_log_cfg, LOG_POLICY_FIELDS>, WRITES},
+    {CMD_DEBUG_CFG_REQ, "CMD_DEBUG_CFG_REQ", ONE<word_payload, DEBUG_FIELDS>},
+    {CMD_UT_CASE_REQ, "CMD_UT_CASE_REQ", ONE<word_payload, ID_FIELDS>},
+};
+
+const command_row &row_of(uint32_t number) {
+    for (const command_row &row : COMMANDS) {
+        if (row.number == number)
+            return row;
+    }
+    throw refused("jornctl knows no fields of command " + std::to_string(number));
+}
+
+std::string described_length(const command &sent, const command_row &row) {
+    const size_t length = sent.payload.size();
+    const size_t expected = row.payload.size(sent.payload);
+    std::string text = std::to_string(length) + " bytes";
+    if (length < expected)
+        text += " of " + std::to_string(expected) + "; the others are shown as zeros";
+    if (length > expected)
+        text += ", " + std::to_string(length - expected) + " of them behind its end";
+    return text;
+}
+
+} // namespace
+
+bool leave_file_behind(const std::vector<command> &commands) {
+    bool is_behind = false;
+    for (const command &each : commands) {
+        const file_effect effect = row_of(each.number).effect;
+        is_behind = effect == OUTDATES || (effect == LEAVES && is_behind);
+    }
+    return is_behind;
+}
+
+std::string describe(const command &sent) {
+    const command_row &row = row_of(sent.number);
+    std::string text =
+        std::to_string(row.number) + ' ' + row.name + ", " + described_length(sent, row) + '\n';
+    const ordered_json words = row.payload.words(sent.payload);
+    if (!words.is_null())
+        text += words.dump(INDENT, ' ', false, ordered_json::error_handler_t::replace) + '\n';
+    return text;
+}
+
+} // namespace jornctl
