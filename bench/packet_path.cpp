@@ -17,6 +17,7 @@
 #include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "report.h"
+#include "web_cases.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -37,6 +38,7 @@ constexpr bench_goal GOALS[] = {
     {"verdict/tcp", "B", 1.0 / 20},
     {"arc/source", "arc/empty", 3},
     {"arc/both", "arc/empty", 3},
+    {"url/full", "url/empty", 1.5},
     {"dns/by_destination", "B", 1.0 / 15},
     {"dns/by_source", "B", 1.0 / 10},
     {"dns/two_misses_full", "B", 1.0 / 8},
@@ -196,6 +198,7 @@ int main(int argc, char *argv[]) {
         benchmark::RegisterBenchmark(wanted.name, time_decoding, wanted);
     for (const packet_case &wanted : VERDICT_CASES)
         benchmark::RegisterBenchmark(wanted.name, time_verdict, wanted);
+    register_web_cases();
     register_dns_cases();
 
     const double bare_ns = measure_b();

@@ -1,6 +1,7 @@
 #include "classify/detect.h"
 
 #include "classify/dns_app.h"
+#include "classify/trailer_step.h"
 #include "core/base/log.h"
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
@@ -8,6 +9,7 @@
 #include "userapps/builtin_ports.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
+#include "wificalling/detect_wificalling.h"
 
 #include <algorithm>
 #include <charconv>
@@ -27,13 +29,6 @@ constexpr size_t FLOW_NAME_TEXT_MAX = IPV4_TEXT_MAX + 1 + IPV4_TEXT_MAX + 1 + 5;
 static_assert(FLOW_NAME_TEXT_MAX < sizeof(pkt_ctx::app_name));
 static_assert(sizeof(pkt_ctx::app_name) == sizeof(pkt_ctx::orig_app));
 
-// Where a packet goes on behind a step of the trailer.
-enum class after_step : uint8_t {
-    next,      // to the step behind it
-    matched,   // nowhere: the packet is decided
-    undecided, // to the steps that need no trailer
-};
-
 // The administrator's definitions and ports name the flow and decide nothing.
 after_step name_by_administrator(pkt_ctx &ctx, const trailer_view &) {
     if (jorn_detect_pkt_userdef_app(&ctx) != JORN_DETECT_NO_MATCH)
@@ -41,6 +36,11 @@ after_step name_by_administrator(pkt_ctx &ctx, const trailer_view &) {
     else if (jorn_detect_pkt_userdef_port_service_app(&ctx) != JORN_DETECT_NO_MATCH)
         JORN_DEBUG_AS(DETECT_UTP, "User defined Port App\n");
     return after_step::next;
+}
+
+after_step tag_wificalling(pkt_ctx &ctx, const trailer_view &) {
+    return jorn_detect_wificalling(&ctx) == JORN_DETECT_MATCH ? after_step::matched
+                                                              : after_step::next;
 }
 
 after_step take_dpi_name(pkt_ctx &ctx, const trailer_view &trailer) {
@@ -86,6 +86,8 @@ struct trailer_step {
 // In their order: the administrator's own names, Wi-Fi calling, the web, the DPI engine's result.
 constexpr trailer_step TRAILER_STEPS[] = {
     {0, false, name_by_administrator},
+    {AV_FILTER_WIFICALLING, false, tag_wificalling},
+    {AV_FILTER_URL, true, filter_url},
     {AV_FILTER_DPI, true, take_dpi_result},
 };
 

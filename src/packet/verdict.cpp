@@ -7,6 +7,7 @@
 #include "core/text/text.h"
 #include "packet/process.h"
 #include "platform/psms.h"
+#include "wificalling/records/wificalling.h"
 
 #include <cstring>
 
@@ -70,6 +71,72 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
         apply_arc_rule(*ctx.arc_rule, record);
 }
 
+// Whether the daemon's decision stands; an unreachable URL server leaves it to the application
+// policy of a UTP that has one.
+uint32_t default_policy_of(const pkt_ctx &ctx) {
+    constexpr char FUNCTION[] = "jorn_output";
+    if (jorn_state.reachable_flag != 1)
+        return 1;
+    if (jorn_check_arc_enabled(&ctx) == 1) {
+        JORN_DEBUG_AS(FUNCTION, "Domain name default set policy 0 %s domain %s app\n",
+                      printable_text(ctx.web_domain).c_str(), printable_text(ctx.app_name).c_str());
+        return 0;
+    }
+    JORN_DEBUG_AS(FUNCTION, "Domain name default set policy 1 %s domaini %s app\n",
+                  printable_text(ctx.web_domain).c_str(), printable_text(ctx.app_name).c_str());
+    return 1;
+}
+
+void decide_by_web(av_verdict &record, av_verdict_code code, uint8_t denied) {
+    record.verdict = code;
+    record.default_policy = 1;
+    record.qos.url_decided = 1;
+    record.qos.deny = denied;
+}
+
+// A flow of the web's goes by the domain that was asked for, even where none was.
+void apply_web_outcome(pkt_ctx &ctx, av_verdict &record) {
+    constexpr char FUNCTION[] = "jorn_output";
+    if (ctx.web_action == WEB_ACTION_BLOCK) {
+        decide_by_web(record, AV_VERDICT_DENY, 1);
+    } else {
+        record.qos.url_decided = 0;
+        record.qos.deny = 0;
+        record.default_policy = default_policy_of(ctx);
+    }
+    if (ctx.black_hit == BLACK_HIT) {
+        decide_by_web(record, AV_VERDICT_DENY, 1);
+        JORN_DEBUG_AS(FUNCTION, "Domain name comes under black list BLOCKING %s domain\n",
+                      printable_text(ctx.web_domain).c_str());
+    }
+    if (ctx.white_hit == WHITE_HIT) {
+        decide_by_web(record, AV_VERDICT_WHITE_LIST, 0);
+        JORN_DEBUG_AS(FUNCTION, "Domain name comes under white list Allowing %s domain\n",
+                      printable_text(ctx.web_domain).c_str());
+    }
+    memcpy(ctx.app_name, ctx.web_domain, sizeof ctx.app_name);
+    record.wificalling_f = AV_DECIDED_BY_WEB;
+}
+
+// The carrier's priority marks and classes the flow, which gets the carrier's name.
+void apply_wificalling_tag(pkt_ctx &ctx, av_verdict &record) {
+    constexpr char FUNCTION[] = "jorn_output";
+    const auto &carrier = ctx.wfc_refs[ctx.wfc_ref_index]->pname;
+    record.qos.mark_pri = AV_MARK_DOT1P_AND_DSCP;
+    record.qos.mark_type = ctx.wfc_priority;
+    record.qos.classify = 1;
+    record.qos.classify_type = ctx.wfc_priority;
+    copy_text(ctx.app_name, carrier);
+    copy_text(record.wfc_fqdn, ctx.wfc_fqdn);
+    JORN_INFO_AS(FUNCTION, "PNode Pname = %s, default req.wificalling_f = %d\n",
+                 printable_text(carrier).c_str(), 0);
+    JORN_INFO_AS(FUNCTION,
+                 "Tagged WiFi calling priority %d for carrier %s. on refindex  %d, with fqdn %s\n",
+                 ctx.wfc_priority, printable_text(carrier).c_str(), ctx.wfc_ref_index,
+                 printable_text(ctx.wfc_fqdn).c_str());
+    record.wificalling_f = AV_DECIDED_BY_WIFICALLING;
+}
+
 } // namespace
 
 int jorn_check_arc_enabled(const pkt_ctx *ctx) {
@@ -95,8 +162,15 @@ int jorn_check_arc_enabled(const pkt_ctx *ctx) {
 int jorn_output(pkt_ctx *ctx) {
     av_verdict record = default_verdict(*ctx);
     apply_arc_outcome(*ctx, record);
-    record.default_policy = 1;
-    record.app_id = ctx->app_id;
+    if (ctx->url_filter != 0) {
+        apply_web_outcome(*ctx, record);
+    } else {
+        record.default_policy = 1;
+        if (ctx->wfc_priority != WFC_PRIORITY_NONE)
+            apply_wificalling_tag(*ctx, record);
+        else
+            record.app_id = ctx->app_id;
+    }
 
     copy_lower_case(record.app_name, field_text(ctx->app_name));
     if (record.qos.deny == 1)

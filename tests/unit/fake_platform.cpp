@@ -57,6 +57,15 @@ int psm_wlan_pgetAvcEn(psm_xact *xact, const char *ifname, int *enable) {
     return 0;
 }
 
+int psm_webroot_server_pgetName(psm_xact *, char *, size_t) {
+    return -1;
+}
+
+// The agent knows every domain and no category.
+int psm_urlfilter_get_category(const void *, void *) {
+    return 0;
+}
+
 int psm_sys_get_fw_version(char *text, size_t size) {
     platform.calls.emplace_back("psm_sys_get_fw_version()");
     snprintf(text, size, "%s", platform.fw_version.c_str());
@@ -103,6 +112,32 @@ int psms_rflow_reset_app_policy() {
 
 int psms_av_set_dev_av(const char *ifname, int enable) {
     return note(std::string("psms_av_set_dev_av(") + ifname + ", " + std::to_string(enable) + ")");
+}
+
+int psms_av_set_dev_url(const char *, int) {
+    return 0;
+}
+
+int psms_rflow_set_app(const void *, const void *, const char *, int, uint16_t, uint32_t, int,
+                       int) {
+    return 0;
+}
+
+int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *, const char *, int, uint32_t) {
+    return 0;
+}
+
+int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *, const char *, const uint32_t *, int,
+                                               int, int, int, uint32_t) {
+    return 0;
+}
+
+int psms_dnsspoof_set_enable_for_safesearch(const char *, int) {
+    return 0;
+}
+
+int psms_av_set_dev_wfc(const char *ifname, int enable) {
+    return note(std::string("psms_av_set_dev_wfc(") + ifname + ", " + std::to_string(enable) + ")");
 }
 
 void crashdump_init(const char *process_name) {

@@ -48,6 +48,6 @@ inline octets arp() {
     return octets{0, 1, 8, 0, 6, 4, 0, 1} + octets(20, 0);
 }
 
-inline octets with_trailer(const octets &frame) {
-    return frame + octets(sizeof(av_pkt_trailer), 0);
+inline octets with_trailer(const octets &frame, const av_pkt_trailer &trailer = {}) {
+    return frame + octets(reinterpret_cast<const uint8_t *>(&trailer), sizeof trailer);
 }
