@@ -1,7 +1,7 @@
 #include "live_path.h"
 
 #include "lab.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <csignal>

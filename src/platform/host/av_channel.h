@@ -8,7 +8,7 @@
 // that packets wait for (roaming, names, categories) then fail at once for a second.
 #pragma once
 
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <chrono>
 #include <cstddef>

@@ -5,8 +5,8 @@
 // is published then fails, and every new connection starts with the subscriptions.
 #include "platform/wdlm.h"
 
-#include "platform/host/bus_messages.h"
 #include "platform/host/local_connection.h"
+#include "platform/host/messages/bus_messages.h"
 
 #include <algorithm>
 #include <array>
