@@ -4,11 +4,17 @@
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/state/state.h"
-#include "core/text/text.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
 
 namespace {
 
 constexpr size_t LISTING_SIZE = 20'480;
+static_assert(std::ranges::all_of(ARC_TRAFFIC_TYPES, [](std::string_view name) {
+    return name.size() < TRAFFIC_TYPE_SIZE;
+}));
 
 const char *mark_kind_text(uint8_t kind) {
     if (kind < std::size(ARC_MARK_KINDS))
@@ -65,10 +71,10 @@ void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
 
 } // namespace
 
-void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
+void jorn_check_traffic_type(char *text, uint8_t code) {
     text[0] = '\0';
     if (code < std::size(ARC_TRAFFIC_TYPES))
-        copy_text(text, ARC_TRAFFIC_TYPES[code]);
+        strcpy(text, ARC_TRAFFIC_TYPES[code]);
     else
         JORN_DEBUG("Not Applicable\n");
 }
