@@ -5,6 +5,7 @@
 #include "control/priority.h"
 #include "control/records/arc.h"
 #include "control/records/commands.h"
+#include "control/show_utp.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
@@ -13,6 +14,7 @@
 #include "roaming/records/roam.h"
 #include "roaming/roam.h"
 #include "userapps/port_service.h"
+#include "userapps/show_userapps.h"
 #include "userapps/userdef.h"
 #include "webfilter/agent_reply.h"
 #include "webfilter/web_file.h"
@@ -48,9 +50,6 @@ struct command_row {
     follow_up then;
 };
 
-// What a row holds whose handler or file isn't part of the daemon yet: the command does what an
-// unassigned number does.
-constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
 constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = jorn_save_web_configuration;
@@ -144,12 +143,12 @@ constexpr command_row COMMANDS[] = {
     {CMD_POLICY_USERDEF_CFG_REQ,
      counted<userdef_payload_complete, jorn_process_cmd_userdef_policy_cfg_req>,
      SAVE_APPLICATION_POLICIES},
-    {CMD_USERDEF_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_USERDEF_SHOW_REQ, bare<jorn_show_userdef_apps>, NOTHING},
     {CMD_POLICY_CLEAN, bare<jorn_process_cmd_policy_clean>, NOTHING},
     {CMD_ROAM_NOTIFY_REQ, completed<roam_notify, jorn_process_cmd_roam_notify>, NOTHING},
     {CMD_DNS_CACHE_SHOW_REQ, bare<jorn_dnscache_show>, NOTHING},
     {CMD_PORT_SERVICE_CFG_REQ, bare<jorn_process_cmd_port_service_cfg_req>, NOTHING},
-    {CMD_PORT_APP_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_PORT_APP_SHOW_REQ, bare<jorn_show_port_apps>, NOTHING},
     {CMD_WRITE_CFG_REQ, bare<jorn_process_cmd_write_cfg>, NOTHING},
     {CMD_ARC_UTP_CFG_REQ, completed<utp_entry_wire, jorn_process_arc_config>,
      SAVE_APPLICATION_POLICIES},
@@ -159,7 +158,7 @@ constexpr command_row COMMANDS[] = {
     {CMD_ARC_POLICY_CFG_REQ, stored<arc_policy_wire, __arc_policy_add_end>,
      SAVE_APPLICATION_POLICIES},
     {CMD_ARC_POLICY_FLUSH_REQ, bare<jorn_process_arc_policy_flush>, NOTHING},
-    {CMD_UTP_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_UTP_SHOW_REQ, bare<jorn_show_utp>, NOTHING},
     {CMD_ARC_POLICY_LOG_CFG_REQ, completed<arc_policy_log_cfg, process_arc_policy_log_cfg>,
      SAVE_APPLICATION_POLICIES},
     {CMD_WEB_POLICY_CFG_REQ, stored<web_policy_wire, __web_find_intf_and_build_utp_for_pcy>,
@@ -196,7 +195,7 @@ void run_command(int fd, const void *message, size_t received) {
     const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
                        received > sizeof header ? received - sizeof header : 0, header.len};
     const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
-    if (row == std::end(COMMANDS) || row->run == NOT_YET)
+    if (row == std::end(COMMANDS))
         return;
     row->run(r);
     if (row->then != NOTHING)
