@@ -32,7 +32,8 @@ message_bus::message_bus(const bus_settings &settings, surroundings around)
         remark_on_certificate();
     } else {
         around_.say("bus: port " + std::to_string(address_.port()) +
-                    " is open: without certificates whoever reaches it can name addresses");
+                    ": the bus is open: without certificates whoever reaches the port can name "
+                    "addresses");
     }
 }
 
