@@ -1,0 +1,20 @@
+// The daemon's state, settings and platform as they are before its start.
+#pragma once
+
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "support/fake_platform.h"
+
+#include <syslog.h>
+
+inline void fresh_state() {
+    jorn_state = {};
+    jorn_settings = {};
+    platform = {};
+}
+
+// Log lines are formatted, then go nowhere.
+inline void silence_log() {
+    jorn_settings.daemonize = 1;
+    setlogmask(LOG_MASK(LOG_EMERG));
+}
