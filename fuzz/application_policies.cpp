@@ -16,11 +16,6 @@ const saved_folder &folder() {
     return own;
 }
 
-void set_up() {
-    silence_log();
-    jorn_settings.debug = 1;
-}
-
 void restore(const std::string &content) {
     jorn_process_arc_policy_flush();
     jorn_process_utp_flush();
@@ -41,7 +36,7 @@ std::string written() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (set_up(), 1);
+    static const int ready = (silence_log(1), 1);
     (void)ready;
     platform = {};
     restore({reinterpret_cast<const char *>(data), size});

@@ -6,6 +6,7 @@
 #include "hostile_answers.h"
 #include "support/fresh_state.h"
 #include "support/saved_folder.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +28,14 @@ void check_links() {
             jorn_state.arc_policy_list.find(
                 [&entry](const arc_policy &policy) { return &policy == entry.policy; }) == nullptr)
             abort();
+    }
+    for (const wificalling_intf &binding : jorn_state.wificalling_intf_list) {
+        for (const wificalling_policy *ref : binding.policy_ref) {
+            if (ref != nullptr &&
+                jorn_state.wificalling_policy_list.find(
+                    [ref](const wificalling_policy &policy) { return &policy == ref; }) == nullptr)
+                abort();
+        }
     }
 }
 
@@ -52,5 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     jorn_process_arc_policy_flush();
     jorn_process_utp_flush();
+    jorn_process_wificalling_policy_flush();
+    jorn_state.wificalling_intf_list.release_all();
     return 0;
 }

@@ -9,6 +9,7 @@
 #include "packet/process.h"
 #include "support/fresh_state.h"
 #include "support/policies.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <cstdint>
 #include <cstring>
@@ -28,6 +29,14 @@ void add_logged_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     add_policy(policy);
 }
 
+void add_carrier() {
+    wificalling_policy_wire carrier = {2,  {},        3, {{"epdg.example", 0x0502000A}, {"aa", 0}},
+                                       "", "carrier", {}};
+    wificalling_intf_wire binding = {1, "wlan0", 0, 1, {"Carrier"}, {}, {}};
+    jorn_process_wificalling_policy_cfg(carrier);
+    jorn_process_wificalling_intf_config(binding);
+}
+
 void set_up() {
     silence_log();
     jorn_pkt_processor = jorn_decode_eth_pkt;
@@ -35,6 +44,7 @@ void set_up() {
     jorn_settings.tm_engine_enabled = 1;
     add_logged_policy(1, "com", 1);
     add_logged_policy(2, "a", 2);
+    add_carrier();
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include "userapps/builtin_ports.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
+#include "wificalling/detect_wificalling.h"
 
 #include <algorithm>
 #include <charconv>
@@ -41,6 +42,11 @@ after_step name_by_administrator(pkt_ctx &ctx, const trailer_view &) {
     else if (jorn_detect_pkt_userdef_port_service_app(&ctx) != JORN_DETECT_NO_MATCH)
         JORN_DEBUG_AS(DETECT_UTP, "User defined Port App\n");
     return after_step::next;
+}
+
+after_step tag_wificalling(pkt_ctx &ctx, const trailer_view &) {
+    return jorn_detect_wificalling(&ctx) == JORN_DETECT_MATCH ? after_step::matched
+                                                              : after_step::next;
 }
 
 after_step take_dpi_name(pkt_ctx &ctx, const trailer_view &trailer) {
@@ -86,6 +92,7 @@ struct trailer_step {
 // In their order: the administrator's own names, Wi-Fi calling, the web, the DPI engine's result.
 constexpr trailer_step TRAILER_STEPS[] = {
     {0, false, name_by_administrator},
+    {AV_FILTER_WIFICALLING, false, tag_wificalling},
     {AV_FILTER_DPI, true, take_dpi_result},
 };
 

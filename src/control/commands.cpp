@@ -11,6 +11,9 @@
 #include "core/dns/dns_cache.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
+#include "wificalling/show_wificalling.h"
+#include "wificalling/wificalling_file.h"
+#include "wificalling/wificalling_tables.h"
 
 #include <algorithm>
 #include <cstring>
@@ -43,7 +46,7 @@ constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
 constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = nullptr;
-constexpr follow_up SAVE_WIFICALLING = nullptr;
+constexpr follow_up SAVE_WIFICALLING = jorn_save_wificalling_configuration;
 
 // The ways from a request to the function that serves it: what a row hands over of the payload, and
 // what it makes of a short one.
@@ -101,6 +104,16 @@ void process_arc_policy_log_cfg(int fd, const arc_policy_log_cfg &asked) {
     jorn_process_arc_policy_log_cfg(fd, asked.name, asked.value);
 }
 
+void process_wificalling_policy(const wificalling_policy_wire &asked) {
+    if (is_storable(asked))
+        jorn_process_wificalling_policy_cfg(asked);
+}
+
+void process_wificalling_intf(const wificalling_intf_wire &asked) {
+    if (is_storable(asked))
+        jorn_process_wificalling_intf_config(asked);
+}
+
 void process_debug_cfg(uint32_t value) {
     jorn_settings.debug = static_cast<uint8_t>(value);
 }
@@ -139,10 +152,12 @@ constexpr command_row COMMANDS[] = {
     {CMD_INTF_URL_POLICY_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_UTP_WEB_POLICY_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_DEBUG_CFG_REQ, completed<uint32_t, process_debug_cfg>, NOTHING},
-    {CMD_WIFICALLING_POLICY_CFG_REQ, NOT_YET, SAVE_WIFICALLING},
-    {CMD_WIFICALLING_INTF_CFG_REQ, NOT_YET, SAVE_WIFICALLING},
-    {CMD_WIFICALLING_INTF_SHOW_REQ, NOT_YET, NOTHING},
-    {CMD_WIFICALLING_POLICY_FLUSH_REQ, NOT_YET, NOTHING},
+    {CMD_WIFICALLING_POLICY_CFG_REQ,
+     completed<wificalling_policy_wire, process_wificalling_policy>, SAVE_WIFICALLING},
+    {CMD_WIFICALLING_INTF_CFG_REQ,
+     completed<wificalling_intf_wire, process_wificalling_intf>, SAVE_WIFICALLING},
+    {CMD_WIFICALLING_INTF_SHOW_REQ, bare<jorn_show_wificalling_intf>, NOTHING},
+    {CMD_WIFICALLING_POLICY_FLUSH_REQ, bare<jorn_process_wificalling_policy_flush>, NOTHING},
     {CMD_UT_CASE_REQ, completed<int32_t, jorn_process_ut_case>, NOTHING},
 };
 static_assert(std::ranges::adjacent_find(COMMANDS, std::greater_equal(), &command_row::number) ==

@@ -14,6 +14,7 @@
 #include "core/text/text.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
+#include "wificalling/wificalling_file.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -43,6 +44,8 @@ void register_crash_dump() {
 // The steps that a platform or the files may draw out. An exit signal that came meanwhile ends them
 // as it ends the loop: with the statistics and the clean-up.
 void load_and_run(capture_context *capture_ctx) {
+    if (!exit_requested())
+        jorn_load_wificalling_configurations();
     if (!exit_requested())
         jorn_load_configurations();
     if (exit_requested())

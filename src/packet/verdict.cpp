@@ -7,6 +7,7 @@
 #include "core/text/text.h"
 #include "packet/process.h"
 #include "platform/psms.h"
+#include "wificalling/records/wificalling.h"
 
 #include <cstring>
 
@@ -70,6 +71,25 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
         apply_arc_rule(*ctx.arc_rule, record);
 }
 
+// The carrier's priority marks and classes the flow, which gets the carrier's name.
+void apply_wificalling_tag(pkt_ctx &ctx, av_verdict &record) {
+    constexpr char FUNCTION[] = "jorn_output";
+    const auto &carrier = ctx.wfc_refs[ctx.wfc_ref_index]->pname;
+    record.qos.mark_pri = AV_MARK_DOT1P_AND_DSCP;
+    record.qos.mark_type = ctx.wfc_priority;
+    record.qos.classify = 1;
+    record.qos.classify_type = ctx.wfc_priority;
+    copy_text(ctx.app_name, carrier);
+    copy_text(record.wfc_fqdn, ctx.wfc_fqdn);
+    JORN_INFO_AS(FUNCTION, "PNode Pname = %s, default req.wificalling_f = %d\n",
+                 printable_text(carrier).c_str(), 0);
+    JORN_INFO_AS(FUNCTION,
+                 "Tagged WiFi calling priority %d for carrier %s. on refindex  %d, with fqdn %s\n",
+                 ctx.wfc_priority, printable_text(carrier).c_str(), ctx.wfc_ref_index,
+                 printable_text(ctx.wfc_fqdn).c_str());
+    record.wificalling_f = AV_DECIDED_BY_WIFICALLING;
+}
+
 } // namespace
 
 int jorn_check_arc_enabled(const pkt_ctx *ctx) {
@@ -96,7 +116,10 @@ int jorn_output(pkt_ctx *ctx) {
     av_verdict record = default_verdict(*ctx);
     apply_arc_outcome(*ctx, record);
     record.default_policy = 1;
-    record.app_id = ctx->app_id;
+    if (ctx->wfc_priority != WFC_PRIORITY_NONE)
+        apply_wificalling_tag(*ctx, record);
+    else
+        record.app_id = ctx->app_id;
 
     copy_lower_case(record.app_name, field_text(ctx->app_name));
     if (record.qos.deny == 1)

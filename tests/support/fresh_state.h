@@ -13,8 +13,9 @@ inline void fresh_state() {
     platform = {};
 }
 
-// Log lines are formatted, then go nowhere.
-inline void silence_log() {
+// Log lines go nowhere; with debugging they are formatted before.
+inline void silence_log(uint8_t debug = 0) {
     jorn_settings.daemonize = 1;
+    jorn_settings.debug = debug;
     setlogmask(LOG_MASK(LOG_EMERG));
 }

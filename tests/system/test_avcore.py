@@ -6,12 +6,14 @@ import unittest
 from testbed import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
+SHOWN, CLAIMED = "198.51.100.3", "198.51.100.4"
+CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 POLICY = 23
 
 
-def pcap(frames, link_type=1):
+def pcap(frames, link_type=1, claimed=0):
     packets = b"".join(struct.pack("=IIII", 1_700_000_000 + n // 1000, n % 1000 * 1000, len(frame),
-                                   len(frame)) + frame for n, frame in enumerate(frames))
+                                   claimed or len(frame)) + frame for n, frame in enumerate(frames))
     return struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, link_type) + packets
 
 
@@ -50,7 +52,18 @@ TRAFFIC = [
     tcp_frame(40001, 8099, b"hello", dst=PLAIN),
     tcp_frame(40002, 443, client_hello("www.youtube.com"), dst=YOUTUBE),
     tcp_frame(443, 40002, b"\x16\x03\x03\x00\x02ok", src=YOUTUBE, dst=CLIENT),
+    tcp_frame(40003, 443, client_hello("www.example.org"), src=CLOUD, dst=PLAIN),
+    tcp_frame(40004, 443, client_hello("portal.azure.com"), dst=CLOUD),
+    # Without DNS: one server takes the handshake, the other refuses the name with an alert.
+    tcp_frame(40005, 443, client_hello("www.shown.example"), dst=SHOWN),
+    tcp_frame(443, 40005, b"\x16\x03\x03\x00\x04\x02\x00\x00\x00", src=SHOWN, dst=CLIENT),
+    tcp_frame(40006, 8443, b"later", dst=SHOWN),
+    tcp_frame(40007, 443, client_hello("www.claimed.example"), dst=CLAIMED),
+    tcp_frame(443, 40007, b"\x15\x03\x03\x00\x02\x02\x70", src=CLAIMED, dst=CLIENT),
+    tcp_frame(40008, 8443, b"later", dst=CLAIMED),
     ethernet(0x0806, arp_request()),
+    # Read long before the daemon judges the flows above, and not to be believed before.
+    from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
 ]
 
 
@@ -59,14 +72,21 @@ class Avcore(SystemTest):
         super().setUp()
         self.config = ""
 
-    def start(self, frames, *options, link_type=1):
+    def start(self, frames, *options, **capture):
         with open("/tmp/capture.pcap", "wb") as file:
-            file.write(pcap(frames, link_type))
+            file.write(pcap(frames, **capture))
         with open("/tmp/avcore.toml", "w") as file:
             file.write(self.config)
-        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, "-r", "/tmp/capture.pcap",
-                                   "-c", "/tmp/avcore.toml", *options], text=True,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return self.run_avcore("-r", "/tmp/capture.pcap", "-c", "/tmp/avcore.toml", *options)
+
+    def start_on_pipe(self):
+        if not os.path.exists("/tmp/pipe"):
+            os.mkfifo("/tmp/pipe")
+        return self.run_avcore("-r", "/tmp/pipe")
+
+    def run_avcore(self, *options, **streams):
+        streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | streams
+        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, *options], text=True, **streams)
         self.addCleanup(self._end_avcore, avcore)
         return avcore
 
@@ -88,9 +108,9 @@ class Avcore(SystemTest):
             self.assertLess(time.monotonic(), ends, path)
             time.sleep(0.01)
 
-    def feed(self, frames, *options, link_type=1, before=lambda: None):
+    def feed(self, frames, *options, before=lambda: None, **capture):
         """The rows of the flow table, and what was said beside them."""
-        avcore = self.start(frames, "--json", *options, link_type=link_type)
+        avcore = self.start(frames, "--json", *options, **capture)
         daemon = self.start_daemon()
         before()
         flows, totals = avcore.communicate(timeout=60)
@@ -104,7 +124,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 5, rows)
+        self.assertEqual(len(rows), 12, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
@@ -112,6 +132,12 @@ class Avcore(SystemTest):
         self.assertEqual((youtube["client"], youtube["client_port"]), (CLIENT, 40002))
         self.assertEqual(flows[PLAIN, 8099]["application"], "www.plain.example")
         self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
+        self.assertEqual(flows[PLAIN, 443]["application"], "www.plain.example")
+        self.assertEqual(flows[CLOUD, 443]["application"], "azure")
+        for port in 443, 8443:
+            self.assertEqual(flows[SHOWN, port]["application"], "www.shown.example")
+            self.assertNotIn("claimed", flows[CLAIMED, port]["application"])
+        self.assertEqual(flows[CLAIMED, 443]["host"], "www.claimed.example")
         self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
         self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
 
@@ -145,17 +171,77 @@ class Avcore(SystemTest):
 
     def test_what_cannot_be_carried_is_counted(self):
         frames = [ethernet(0x88B5, bytes(65259 - 14)), ethernet(0x88B5, bytes(65260 - 14))]
-        rows, totals = self.feed(frames)
+        rows, totals = self.feed(frames, claimed=100_000)
         self.assertEqual([row["packets"] for row in rows], [1])
         self.assertIn("not carried, longer than 65259 bytes: 1\n", totals)
 
-    def test_a_killed_daemon_ends_it_with_the_totals(self):
-        avcore = self.start([udp_frame(1, n % 60000) for n in range(300_000)])
+    def test_a_pipe_is_never_waited_for_and_a_killed_daemon_noticed(self):
+        avcore = self.start_on_pipe()
+
+        def table():
+            avcore.send_signal(signal.SIGUSR1)
+            lines = [avcore.stdout.readline()]
+            while "frames: " not in lines[-1]:
+                self.assertNotEqual(lines[-1], "", "it has ended")
+                lines.append(avcore.stdout.readline())
+            return "".join(lines)
+
+        self.wait_for(AV_SOCKET)
+        self.assertIn(" 0 read,", table(), "no writer has opened the pipe")
         daemon = self.start_daemon()
-        daemon.kill()
-        table, totals = avcore.communicate(timeout=60)
+        capture = pcap([udp_frame(1, 2), udp_frame(1, 3)])
+        with open("/tmp/pipe", "wb", buffering=0) as pipe:
+            pipe.write(capture[:-10])
+            ends = time.monotonic() + DEADLINE
+            while " 1 answered," not in (so_far := table()):
+                self.assertLess(time.monotonic(), ends, so_far)
+                time.sleep(0.05)
+            daemon.kill()
+            pipe.write(capture[-10:])
+            totals = avcore.communicate(timeout=60)[1]
         self.assertEqual(avcore.returncode, 1, totals)
-        self.assertIn("client", table.lower())
+        self.assertIn("avcore: no verdict for 5 seconds: the daemon is gone\n", totals)
+
+    def test_a_lost_link_is_waited_for(self):
+        run("ip", "link", "set", CAPTURE, "down")
+        avcore = self.start(TRAFFIC)
+        self.assertIn("the link of feed0 is down", avcore.stderr.readline())
+        run("ip", "link", "set", CAPTURE, "up")
+        self.start_daemon()
+        table, totals = avcore.communicate(timeout=60)
+        self.assertEqual(avcore.returncode, 0, totals)
+        self.assertIn(f" {len(TRAFFIC)} answered, 0 resent, 0 unanswered\n", table)
+
+    def test_the_engine_is_missed_only_by_a_daemon_that_does_not_use_it(self):
+        for asked in True, False:
+            if asked:
+                earlier = self.start_on_pipe()
+                self.wait_for(AV_SOCKET)
+            daemon = self.daemon()
+            self.wait_for(COMMAND_SOCKET)
+            if asked:
+                earlier.send_signal(signal.SIGHUP)
+                self.assertIn(" 0 read,", earlier.communicate(timeout=DEADLINE)[0])
+                self.assertEqual(earlier.returncode, 0)
+            table, totals = self.start(TRAFFIC).communicate(timeout=60)
+            self.assertEqual("no daemon asked for the DPI engine" in table, not asked, table)
+            daemon.stop()
+            os.unlink(COMMAND_SOCKET)
+
+    def test_what_is_refused_and_what_cannot_be_written(self):
+        with open("/tmp/capture.pcap", "wb") as file:
+            file.write(pcap([]))
+        with open("/dev/full", "w") as full:
+            for options, streams, status, complaint in [
+                (["-i", CAPTURE], {}, 2, "can't be the peer"),
+                (["-r", "/tmp/capture.pcap", "-c", "/dev/zero"], {}, 1, "longer than 1048576"),
+                (["-r", "/dev/zero"], {}, 1, "can't read the capture"),
+                (["-r", "/tmp/capture.pcap"], {"stdout": full}, 1, "can't be written"),
+            ]:
+                avcore = self.run_avcore(*options, **streams)
+                said = avcore.communicate(timeout=DEADLINE)[1]
+                self.assertEqual(avcore.returncode, status, said)
+                self.assertIn(complaint, said)
 
     def test_a_file_of_any_size_loses_nothing(self):
         rows, totals = self.feed([udp_frame(1 + n % 50, 2 + n % 7) for n in range(20_000)])

@@ -17,7 +17,7 @@ protected:
         return key;
     }
     void add(uint16_t port, size_t size = 300) {
-        feeder_.add({std::vector<uint8_t>(size), key(port), nullptr}, now_ms);
+        feeder_.add({std::vector<uint8_t>(size), key(port), 0}, now_ms);
     }
     // What goes out now.
     ports send() {
@@ -28,7 +28,7 @@ protected:
         }
         return sent;
     }
-    bool verdict(uint16_t port) { return feeder_.take_verdict(key(port), now_ms).answered; }
+    bool verdict(uint16_t port) { return feeder_.take_verdict(key(port), now_ms).has_value(); }
     ports after(int64_t ms) {
         now_ms += ms;
         feeder_.tick(now_ms);
@@ -58,21 +58,26 @@ TEST_F(Feeder, RepeatsTheFirstFrameUntilAnsweredAndThenWaitsForItsCopies) {
     EXPECT_TRUE(feeder_.has_room(now_ms));
     EXPECT_EQ(feeder_.counts().resent, 0u);
     EXPECT_EQ(feeder_.counts().start_repeats, 20u);
-    EXPECT_FALSE(feeder_.busy());
+    EXPECT_FALSE(feeder_.waiting());
 }
 
 TEST_F(Feeder, ResendsWhatALaterVerdictOvertook) {
     start();
-    for (const uint16_t port : ports{1, 2, 3})
+    for (const uint16_t port : ports{1, 2, 3, 4})
         add(port);
-    EXPECT_EQ(send(), (ports{1, 2, 3}));
+    EXPECT_EQ(feeder_.judged(), 1u) << "nothing of them has left";
+    EXPECT_EQ(send(), (ports{1, 2, 3, 4}));
+    EXPECT_EQ(feeder_.judged(), 2u) << "the frame of the start was number 1";
     EXPECT_TRUE(verdict(3));
+    EXPECT_EQ(feeder_.judged(), 5u);
     EXPECT_EQ(send(), (ports{1, 2}));
+    EXPECT_TRUE(verdict(4));
+    EXPECT_EQ(feeder_.judged(), 5u) << "the overtaken ones are behind";
     EXPECT_TRUE(verdict(1));
     EXPECT_TRUE(verdict(2));
     EXPECT_FALSE(verdict(7)) << "nobody's";
     EXPECT_EQ(feeder_.counts().resent, 2u);
-    EXPECT_EQ(feeder_.counts().answered, 4u);
+    EXPECT_EQ(feeder_.counts().answered, 5u);
     EXPECT_EQ(feeder_.counts().overlooked, 1u);
 }
 
@@ -84,6 +89,7 @@ TEST_F(Feeder, ASlowDaemonCostsOneCopyAndMixesUpNothing) {
     EXPECT_EQ(after(200), ports{5});
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(verdict(5));
+    EXPECT_EQ(feeder_.judged(), 4u) << "the copy on its way is of an answered frame";
     EXPECT_FALSE(feeder_.has_room(now_ms));
     EXPECT_FALSE(verdict(5));
     EXPECT_TRUE(feeder_.has_room(now_ms));
@@ -109,7 +115,7 @@ TEST_F(Feeder, GivesUpAFrameAfterTenMoreAndGoesOn) {
     add(2);
     send();
     int resent = 0;
-    for (int i = 0; i < 15 && feeder_.busy(); ++i)
+    for (int i = 0; i < 15; ++i)
         resent += static_cast<int>(after(200).size());
     EXPECT_EQ(resent, 20);
     EXPECT_EQ(feeder_.counts().unanswered, 2u);
@@ -130,22 +136,54 @@ TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {
     }
     EXPECT_EQ(feeder_.counts().resent, 10u);
     EXPECT_EQ(feeder_.counts().unanswered, 1u);
-    EXPECT_FALSE(feeder_.busy());
+    EXPECT_FALSE(feeder_.waiting());
 }
 
 TEST_F(Feeder, DaemonIsGoneAfterFiveSecondsOfWaitingWhicheverFramesWaited) {
     start();
     now_ms += 60'000; // nothing to answer
     EXPECT_FALSE(feeder_.daemon_gone(now_ms));
-    const int64_t from_ms = now_ms;
-    while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
-        if (feeder_.has_room(now_ms))
-            add(1); // the frames before were given up
-        send();
-        after(100);
+    for (const bool busy_link : {true, false}) {
+        const int64_t from_ms = now_ms;
+        add(1);
+        while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
+            if (busy_link && feeder_.has_room(now_ms))
+                add(1); // the frames before were given up
+            send();
+            after(100);
+        }
+        EXPECT_GE(now_ms - from_ms, 5'000);
+        EXPECT_LE(now_ms - from_ms, 5'200);
+        for (verdict(7); feeder_.waiting(); verdict(1))
+            send();
     }
-    EXPECT_GE(now_ms - from_ms, 5'000);
-    EXPECT_LE(now_ms - from_ms, 5'200);
+}
+
+TEST_F(Feeder, ALostLinkIsNoGoneDaemon) {
+    start();
+    for (const uint16_t port : ports{1, 2, 3})
+        add(port);
+    send();
+    for (int i = 0; i < 300; ++i) { // a minute
+        now_ms += 200;
+        ASSERT_TRUE(feeder_.silent(now_ms));
+        feeder_.link_lost(now_ms);
+        ASSERT_FALSE(feeder_.daemon_gone(now_ms));
+    }
+    for (int i = 0; i < 100; ++i) // the daemon takes its time
+        ASSERT_EQ(after(200), ports{1});
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms));
+    EXPECT_TRUE(verdict(1));
+    EXPECT_EQ(after(200), (ports{2, 3}));
+    EXPECT_TRUE(verdict(2));
+    EXPECT_TRUE(verdict(3));
+    EXPECT_EQ(feeder_.counts().unanswered, 0u);
+
+    add(4);
+    send();
+    feeder_.link_lost(now_ms += 200);
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms + 29'999));
+    EXPECT_TRUE(feeder_.daemon_gone(now_ms + 30'000));
 }
 
 TEST_F(Feeder, KeepsItsBounds) {
@@ -156,7 +194,7 @@ TEST_F(Feeder, KeepsItsBounds) {
         send();
     }
     EXPECT_EQ(frames, feeder::MAX_FRAMES);
-    while (feeder_.busy())
+    while (feeder_.waiting())
         ASSERT_TRUE(verdict(1));
 
     size_t bytes = 0;

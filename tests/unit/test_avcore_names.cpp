@@ -102,6 +102,15 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     EXPECT_EQ(names.size(), 2u);
     EXPECT_EQ(names.find(one, 2 * second_us), nullptr);
 
+    // A host shown in a handshake stands behind DNS, and for those that DNS doesn't name.
+    const uint32_t three = inet_addr("192.0.2.3");
+    names.learn(host_finding{one, "shown.example.org"}, 0);
+    names.learn(host_finding{three, "shown.example.org"}, 2 * second_us);
+    ASSERT_NE(names.find(one, 300 * second_us - 1), nullptr);
+    EXPECT_EQ(names.find(one, 300 * second_us), nullptr);
+    EXPECT_EQ(*names.find(three, 2 * second_us), "www.example.org");
+    EXPECT_EQ(*names.find(three, 100 * second_us), "shown.example.org");
+
     // A question of eight bytes: the address and room for four characters and their end.
     const uint32_t body[] = {inet_addr("192.0.2.3"), 5};
     const question asked = {{av_op::dnscache_get_name, 1}, std::as_bytes(std::span(body))};
@@ -109,6 +118,52 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     ASSERT_EQ(answer.size(), 12u + 12u + 256u);
     EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
     EXPECT_EQ(answer_domain_name(names, second_us, {asked.head, asked.body.first(7)}).size(), 12u);
+}
+
+TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
+    name_timeline timeline;
+    timeline.add(1, {10, read({address("192.0.2.1", ASKED)}), {}});
+    timeline.add(2, {90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org")), {}});
+    const uint32_t one = inet_addr("192.0.2.1");
+    timeline.advance(0);
+    EXPECT_EQ(timeline.names().find(one, timeline.time_us()), nullptr);
+    timeline.advance(1);
+    ASSERT_NE(timeline.names().find(one, timeline.time_us()), nullptr) << "60 seconds aren't over";
+    EXPECT_EQ(*timeline.names().find(one, timeline.time_us()), "www.example.org");
+}
+
+TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
+    const bytes tcp = bytes("\0\0\0\0\0\0\0\0\0\0\0\0\x50\0\0\0\0\0\0\0", 20);
+    const struct {
+        handshake shown;
+        bytes payload;
+        bool taken;
+    } rows[] = {
+        {handshake::http, "HTTP/1.0 404", true},
+        {handshake::http, "SSH-2.0", false},
+        {handshake::tls, bytes("\x16\3\3\0\4\2", 6), true},
+        {handshake::tls, bytes("\x16\3\3\0\4\1", 6), false}, // a ClientHello
+        {handshake::tls, bytes("\x16\3\3\0\4", 5), false},   // cut
+        {handshake::tls, bytes("\x15\3\3\0\2\2", 6), false}, // an alert
+        {handshake::quic, bytes("\xC0\0\0\0\1", 5), true},   // version 1, Initial
+        {handshake::quic, bytes("\xF0\0\0\0\1", 5), false},  // Retry
+        {handshake::quic, bytes("\xC0\0\0\0\0", 5), false},  // version negotiation
+        {handshake::quic, bytes("\x40\0\0\0\1", 5), false},  // short header
+        {handshake::none, "HTTP/1.0 404", false},
+    };
+    for (const auto &row : rows) {
+        const bool udp = row.shown == handshake::quic;
+        const bytes packet = bytes("\x45\0\0\0\0\0\0\0\x40", 9) + (udp ? '\x11' : '\6') +
+                             bytes(10, '\0') + (udp ? bytes(4, '\0') + u16(13) + u16(0) : tcp) +
+                             row.payload;
+        const std::span all(reinterpret_cast<const uint8_t *>(packet.data()), packet.size());
+        EXPECT_EQ(takes_handshake(row.shown, all), row.taken) << row.payload;
+        EXPECT_FALSE(takes_handshake(row.shown, all.first(all.size() - row.payload.size())));
+    }
+    EXPECT_EQ(host_name_in("WWW.example.org.:8080").value_or(""), "WWW.example.org");
+    for (const bytes &none : {bytes("192.0.2.1:80"), bytes("[2001:db8::1]"), bytes("a\nb.example"),
+                              bytes(79, 'a'), bytes()})
+        EXPECT_FALSE(host_name_in(none)) << none;
 }
 
 class AvcoreDpiEngine : public testing::Test {

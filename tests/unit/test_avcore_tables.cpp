@@ -2,17 +2,24 @@
 #include "avcore/config.h"
 #include "avcore/flow_table.h"
 #include "avcore/messages.h"
+#include "avcore/report.h"
+#include "avcore/source.h"
 #include "avcore/trailer_builder.h"
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 
 using namespace avcore;
 
 TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
+    std::string deep = "\nx";
+    for (int part = 1; part < 100'000; ++part)
+        deep += ".x";
     const struct {
         const char *text;
         const char *message;
@@ -25,6 +32,11 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[[rule]]\nnetwork = \"10.0.0.0/\"\n", "line 2: 'network'"},
         {"[client]\nfilter_type = [\"url\",\n\"dpi\"]\n", "line 3: 'filter_type'"},
         {"[platform]\nbase_mac = \"1\"\n", "line 2: 'base_mac'"},
+        {"[client]\nutp_id = 64\n", "line 2: 'utp_id' must be a whole number from 0 to 63"},
+        {"[platform]\nbus_port = 5670\n", "line 2: unknown key 'bus_port'"},
+        {"[platform.avc_enable]\nwlan0x = 1\n", "line 2: unknown key 'avc_enable/wlan0x'"},
+        {"\"\\u001B[31m\" = 1\n", "line 1: unknown key '?[31m'"},
+        {deep.c_str(), "line 2: more than 64 dots"},
         {"[client\n", "line 1: "},
     };
     for (const auto &row : rows) {
@@ -64,8 +76,8 @@ TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
     EXPECT_FALSE(flows.count_frame(reply, 100).from_client);
     const flow_table::sighting second = flows.count_frame(query, 50);
     EXPECT_TRUE(second.from_client);
-    EXPECT_EQ(second.row->bytes, 150u);
-    EXPECT_EQ(second.row->client.port, 4000);
+    EXPECT_EQ(second.row.bytes, 150u);
+    EXPECT_EQ(second.row.client.port, 4000);
 
     // The trailer's source is the side that sent the frame.
     const av_pkt_trailer up = build_trailer(rules, query, second);
@@ -82,23 +94,59 @@ TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
     EXPECT_EQ(client_rules(settings, "br0").client(reply.sender).side.utp_id, 9u);
 }
 
-TEST_F(AvcoreFlows, TurnedAwayFlowsAreCountedAndVerdictsGoOutOfDate) {
-    flow_row &row = *flows.count_frame(tcp_frame("10.1.0.2", 1, "192.0.2.7", 2), 1).row;
-    flows.count_frame(tcp_frame("10.1.0.2", 2, "192.0.2.7", 2), 1);
-    EXPECT_EQ(flows.count_frame(tcp_frame("10.1.0.2", 3, "192.0.2.7", 2), 1).row, nullptr);
-    EXPECT_EQ(flows.frames_without_row(), 1u);
-    EXPECT_EQ(flows.count_frame(tcp_frame("192.0.2.7", 2, "10.1.0.2", 1), 1).row, &row);
+TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
+    const auto count = [this](uint16_t port) -> flow_row & {
+        return flows.count_frame(tcp_frame("10.1.0.2", port, "192.0.2.7", 2), 10).row;
+    };
+    const uint32_t first = count(1).id;
+    const uint32_t second = count(2).id;
+    count(1);
+    count(3);
+    EXPECT_EQ(flows.summed().flows, 1u);
 
     av_verdict verdict = {};
     verdict.verdict = AV_VERDICT_DENY;
     memset(verdict.app_name, 'x', sizeof verdict.app_name); // no end in the field
-    flows.set_verdict(row, verdict);
-    EXPECT_EQ(row.application.size(), 64u);
+    flows.set_verdict(first, verdict);
+    flows.set_verdict(second, verdict); // too late
+    const std::vector<const flow_row *> rows = flows.rows();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0]->id, first);
+    EXPECT_EQ(rows[0]->application.size(), 64u);
+    EXPECT_EQ(rows[1]->verdict, 0u);
     flows.outdate_verdicts();
-    EXPECT_TRUE(row.outdated);
-    EXPECT_FALSE(flows.rows()[1].outdated) << "never had one";
-    flows.set_verdict(row, verdict);
-    EXPECT_FALSE(row.outdated);
+    EXPECT_TRUE(rows[0]->outdated);
+    EXPECT_FALSE(rows[1]->outdated) << "never had one";
+    flows.set_verdict(first, verdict);
+    EXPECT_FALSE(rows[0]->outdated);
+
+    EXPECT_NE(count(2).id, second);
+    EXPECT_EQ(flows.summed().flows, 2u);
+    EXPECT_EQ(flows.summed().packets, 3u);
+    std::ostringstream table;
+    print_table(table, flows);
+    EXPECT_NE(table.str().find("\n2 flows, seen longest ago"), std::string::npos) << table.str();
+}
+
+TEST(AvcoreSource, TimeStampsStayInBoundsWhereAgesCanBeAdded) {
+    const struct {
+        uint32_t section[7] = {0x0A0D0D0A, 28, 0x1A2B3C4D, 1, ~0u, ~0u, 28};
+        uint32_t interface[8] = {1, 32, 1, 65'535, 9 | 1 << 16, 0, 0, 32}; // if_tsresol 0: seconds
+        uint32_t packet[9] = {6, 36, 0, 0x7FFFFFFF, ~0u, 1, 1, 'x', 36};
+    } capture;
+    const std::string path = testing::TempDir() + "avcore_stamps.pcapng";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(&capture), sizeof capture);
+    frame_source source = frame_source::open_file(path);
+    source.set_max_frame_size(100);
+    captured_frame frame;
+    frame_source::result read = frame_source::result::nothing;
+    while (read == frame_source::result::nothing)
+        read = source.next(frame);
+    ASSERT_EQ(read, frame_source::result::frame) << source.error();
+    EXPECT_GT(frame.time_us, 0);
+    EXPECT_LT(frame.time_us, INT64_MAX / 2);
+    unlink(path.c_str());
 }
 
 std::vector<std::byte> message(std::initializer_list<uint32_t> words, size_t padding) {

@@ -1,12 +1,13 @@
 #include "avcore/config.h"
 
+#include "avcore/config_text.h"
+#include "avcore/printable.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
-#include <fstream>
 #include <initializer_list>
 #include <iterator>
-#include <limits>
 #include <net/if.h>
 #include <sstream>
 #include <toml++/toml.h>
@@ -14,8 +15,10 @@
 namespace avcore {
 namespace {
 
-constexpr size_t PLATFORM_KEY_MAX = sizeof(av_value_question::key) - 1;
 constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
+constexpr uint32_t UTP_ID_MAX = 63; // a packet's look-up knows no higher one
+constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
+                                              AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
 
 // One table of the file with the file's name at hand for messages.
 class reader {
@@ -52,15 +55,16 @@ public:
         return node != nullptr ? node->value<std::string>() : std::nullopt;
     }
 
-    void number(std::string_view key, uint32_t &value) const {
+    void number(std::string_view key, uint32_t &value, uint32_t most = UINT32_MAX) const {
         if (const toml::node *node = find(key); node != nullptr)
-            value = number_of(*node, key);
+            value = number_of(*node, key, most);
     }
 
-    uint32_t number_of(const toml::node &node, std::string_view key) const {
+    uint32_t number_of(const toml::node &node, std::string_view key,
+                       uint32_t most = UINT32_MAX) const {
         const std::optional<int64_t> value = node.value_exact<int64_t>();
-        if (!value || *value < 0 || *value > std::numeric_limits<uint32_t>::max())
-            fail(node, quoted(key) + " must be a whole number from 0 to 4294967295");
+        if (!value || *value < 0 || *value > most)
+            fail(node, quoted(key) + " must be a whole number from 0 to " + std::to_string(most));
         return static_cast<uint32_t>(*value);
     }
 
@@ -73,11 +77,7 @@ public:
         name = *value;
     }
 
-    static std::string quoted(std::string_view key) {
-        std::string text(1, '\'');
-        text.append(key).push_back('\'');
-        return text;
-    }
+    static std::string quoted(std::string_view key) { return '\'' + printable(key) + '\''; }
 
 private:
     const toml::table &table_;
@@ -118,7 +118,7 @@ std::optional<ipv4_network> parse_network(const std::string &text) {
 void read_side(const reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
     in.number("if_index", side.if_index);
-    in.number("utp_id", side.utp_id);
+    in.number("utp_id", side.utp_id, UTP_ID_MAX);
 }
 
 void read_web_utp(const reader &in, client_profile &profile) {
@@ -191,6 +191,16 @@ void read_rules(const reader &in, const std::string &file, config &settings) {
         settings.rules.push_back(read_rule(*rule.as_table(), file, settings.client));
 }
 
+bool is_platform_key(std::string_view key) {
+    constexpr std::string_view enable = "avc_enable/wlan";
+    if (!key.starts_with(enable))
+        return std::find(std::begin(PLATFORM_KEYS), std::end(PLATFORM_KEYS), key) !=
+               std::end(PLATFORM_KEYS);
+    key.remove_prefix(enable.size());
+    return !key.empty() && key.size() <= 3 &&
+           key.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 // Keys with a slash may also be written as a table: [platform.avc_enable], wlan0 = 1.
 void read_platform(const toml::table &table, const std::string &file, const std::string &prefix,
                    config &settings) {
@@ -201,13 +211,15 @@ void read_platform(const toml::table &table, const std::string &file, const std:
             read_platform(*inner, file, key + "/", settings);
             continue;
         }
+        if (!is_platform_key(key))
+            in.fail(node, "unknown key " + reader::quoted(key));
         std::optional<std::string> value = node.value_exact<std::string>();
         if (const auto number = node.value_exact<int64_t>())
             value = std::to_string(*number);
         if (!value)
             in.fail(node, reader::quoted(key) + " must be a text in quotes or a whole number");
-        if (key.size() > PLATFORM_KEY_MAX || value->size() > PLATFORM_VALUE_MAX)
-            in.fail(node, reader::quoted(key) + ": a key has at most 63 characters, a value 127");
+        if (value->size() > PLATFORM_VALUE_MAX)
+            in.fail(node, reader::quoted(key) + " must have at most 127 characters");
         if (key == AV_KEY_BASE_MAC && !parse_mac(*value))
             in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
         if (key == AV_KEY_BASE_MAC)
@@ -220,12 +232,14 @@ void read_platform(const toml::table &table, const std::string &file, const std:
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
+    refuse_deep_keys(text, name);
     toml::table root;
     try {
         root = toml::parse(text, name);
     } catch (const toml::parse_error &error) {
         std::ostringstream message;
-        message << name << ", line " << error.source().begin.line << ": " << error.description();
+        message << name << ", line " << error.source().begin.line << ": "
+                << printable(error.description());
         throw config_error(message.str());
     }
     const reader in(root, name);
@@ -256,11 +270,7 @@ config parse_config(std::string_view text, const std::string &name) {
 }
 
 config read_config(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file || file.bad())
-        throw config_error(path + ": can't be read");
-    return parse_config(text, path);
+    return parse_config(read_config_text(path), path);
 }
 
 } // namespace avcore

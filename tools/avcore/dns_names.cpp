@@ -12,28 +12,55 @@ constexpr int64_t US_A_SECOND = 1'000'000;
 
 } // namespace
 
-void dns_names::learn(const dns_answer &answer, int64_t time_us) {
-    for (const dns_finding &finding : answer.findings) {
-        const int64_t ttl_s = finding.ttl_s <= TTL_MAX_S ? finding.ttl_s : 0;
-        auto found = index_.find(finding.address_be);
-        if (found == index_.end()) {
-            if (names_.size() >= limit_) {
-                index_.erase(names_.back().address_be);
-                names_.pop_back();
-            }
-            names_.emplace_front();
-            found = index_.emplace(finding.address_be, names_.begin()).first;
+void address_names::learn(uint32_t address_be, int64_t expires_us, const std::string &name) {
+    auto found = index_.find(address_be);
+    if (found == index_.end()) {
+        if (names_.size() >= limit_) {
+            index_.erase(names_.back().address_be);
+            names_.pop_back();
         }
-        names_.splice(names_.begin(), names_, found->second);
-        names_.front() = {finding.address_be, time_us + ttl_s * US_A_SECOND, answer.name};
+        names_.emplace_front();
+        found = index_.emplace(address_be, names_.begin()).first;
     }
+    names_.splice(names_.begin(), names_, found->second);
+    names_.front() = {address_be, expires_us, name};
 }
 
-const std::string *dns_names::find(uint32_t address_be, int64_t time_us) const {
+const std::string *address_names::find(uint32_t address_be, int64_t time_us) const {
     const auto found = index_.find(address_be);
     if (found == index_.end() || time_us >= found->second->expires_us)
         return nullptr;
     return &found->second->name;
+}
+
+void dns_names::learn(const dns_answer &answer, int64_t time_us) {
+    for (const dns_finding &finding : answer.findings) {
+        const int64_t ttl_s = finding.ttl_s <= TTL_MAX_S ? finding.ttl_s : 0;
+        answered_.learn(finding.address_be, time_us + ttl_s * US_A_SECOND, answer.name);
+    }
+}
+
+void dns_names::learn(const host_finding &host, int64_t time_us) {
+    if (!host.name.empty())
+        shown_.learn(host.address_be, time_us + HOST_TTL_S * US_A_SECOND, host.name);
+}
+
+const std::string *dns_names::find(uint32_t address_be, int64_t time_us) const {
+    const std::string *answered = answered_.find(address_be, time_us);
+    return answered != nullptr ? answered : shown_.find(address_be, time_us);
+}
+
+void name_timeline::add(uint64_t frame, name_lesson lesson) {
+    ahead_.push_back({frame, std::move(lesson)});
+}
+
+void name_timeline::advance(uint64_t frame) {
+    for (; !ahead_.empty() && ahead_.front().frame <= frame; ahead_.pop_front()) {
+        const name_lesson &lesson = ahead_.front().lesson;
+        time_us_ = lesson.time_us;
+        names_.learn(lesson.answer, time_us_);
+        names_.learn(lesson.host, time_us_);
+    }
 }
 
 std::vector<std::byte> answer_domain_name(const dns_names &names, int64_t time_us,

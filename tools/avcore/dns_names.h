@@ -1,11 +1,16 @@
-// The platform's DNS cache: names by IPv4 address, learnt from the answers that pass, kept for
-// their TTL on the frames' time stamps. Bounded in number: the name learnt longest ago gives way.
+// The platform's names by IPv4 address: those in the DNS answers that pass, kept for their TTL, and
+// for an address that none of these names the host that clients showed it in a handshake. They age
+// on the frames' time stamps and are bounded in number: the one learnt longest ago gives way.
+//
+// What a frame teaches holds from it on. Frames are read long before the daemon judges them, so
+// `name_timeline` keeps the lessons of the frames between.
 #pragma once
 
 #include "avcore/dns_answer.h"
 #include "avcore/messages.h"
 
 #include <cstdint>
+#include <deque>
 #include <list>
 #include <map>
 #include <optional>
@@ -13,14 +18,12 @@
 
 namespace avcore {
 
-class dns_names {
+class address_names {
 public:
-    static constexpr size_t MAX_NAMES = 16'384;
+    explicit address_names(size_t limit) : limit_(limit) {}
 
-    explicit dns_names(size_t limit = MAX_NAMES) : limit_(limit) {}
-
-    // The newer answer's name holds.
-    void learn(const dns_answer &answer, int64_t time_us);
+    // The newer name holds.
+    void learn(uint32_t address_be, int64_t expires_us, const std::string &name);
     // Null when there is none, or none any more.
     const std::string *find(uint32_t address_be, int64_t time_us) const;
 
@@ -35,6 +38,57 @@ private:
     size_t limit_;
     std::list<entry> names_; // the one learnt last at the front
     std::map<uint32_t, std::list<entry>::iterator> index_;
+};
+
+// A host that a server has taken a handshake for.
+struct host_finding {
+    uint32_t address_be = 0;
+    std::string name; // empty: no finding
+};
+
+class dns_names {
+public:
+    static constexpr size_t MAX_NAMES = 16'384; // of either kind
+    static constexpr int64_t HOST_TTL_S = 300;  // handshakes have none
+
+    explicit dns_names(size_t limit = MAX_NAMES) : answered_(limit), shown_(limit) {}
+
+    void learn(const dns_answer &answer, int64_t time_us);
+    void learn(const host_finding &host, int64_t time_us);
+    const std::string *find(uint32_t address_be, int64_t time_us) const;
+
+    size_t size() const { return answered_.size() + shown_.size(); }
+
+private:
+    address_names answered_; // by DNS
+    address_names shown_;    // in handshakes
+};
+
+// What one frame teaches.
+struct name_lesson {
+    int64_t time_us = 0; // of its capture
+    dns_answer answer;
+    host_finding host;
+};
+
+class name_timeline {
+public:
+    // Frames are counted up.
+    void add(uint64_t frame, name_lesson lesson);
+    // The daemon has come to this frame.
+    void advance(uint64_t frame);
+
+    const dns_names &names() const { return names_; }
+    int64_t time_us() const { return time_us_; } // of the last frame that the daemon has come to
+
+private:
+    struct later_lesson {
+        uint64_t frame;
+        name_lesson lesson;
+    };
+    std::deque<later_lesson> ahead_; // of frames that the daemon hasn't come to
+    dns_names names_;
+    int64_t time_us_ = 0;
 };
 
 // Op 34 of the AV channel.

@@ -10,6 +10,9 @@ namespace {
 
 constexpr uint32_t DPI_FAILED = 3;
 constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
+// The daemon passes these over, so that the server's name from DNS counts.
+constexpr const char *BARE_HTTP = "HTTP";
+constexpr const char *BARE_TLS = "HTTP Protocol over TLS SSL";
 
 } // namespace
 
@@ -22,17 +25,26 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application) {
     };
     // nDPI names a query after what was asked.
     if (either(NDPI_PROTOCOL_DNS))
-        return {NDPI_PROTOCOL_DNS, nullptr, false};
-    const bool web =
-        either(NDPI_PROTOCOL_HTTP) || either(NDPI_PROTOCOL_TLS) || either(NDPI_PROTOCOL_QUIC);
-    // Names that the daemon passes over, so that the server's name from DNS counts.
+        return {NDPI_PROTOCOL_DNS, nullptr, handshake::none};
+    const handshake web = either(NDPI_PROTOCOL_HTTP)   ? handshake::http
+                          : either(NDPI_PROTOCOL_TLS)  ? handshake::tls
+                          : either(NDPI_PROTOCOL_QUIC) ? handshake::quic
+                                                       : handshake::none;
     if (bare(NDPI_PROTOCOL_HTTP))
-        return {NDPI_PROTOCOL_HTTP, "HTTP", true};
+        return {NDPI_PROTOCOL_HTTP, BARE_HTTP, web};
     if (bare(NDPI_PROTOCOL_TLS))
-        return {NDPI_PROTOCOL_TLS, "HTTP Protocol over TLS SSL", true};
+        return {NDPI_PROTOCOL_TLS, BARE_TLS, web};
     if (bare(NDPI_PROTOCOL_QUIC))
-        return {NDPI_PROTOCOL_QUIC, "HTTP Protocol over TLS SSL", true};
+        return {NDPI_PROTOCOL_QUIC, BARE_TLS, web};
     return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
+}
+
+bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict) {
+    const std::string_view found =
+        field_text(trailer.dpi_app_name).substr(0, sizeof verdict.app_name - 1);
+    const bool only_dpi = trailer.filter_type == AV_FILTER_DPI && verdict.match_info == 0;
+    return only_dpi && trailer.dpi_status == AV_DPI_IDENTIFIED && found != BARE_HTTP &&
+           found != BARE_TLS && !equals_ignoring_case(found, field_text(verdict.app_name));
 }
 
 void dpi_engine::module_closer::operator()(ndpi_detection_module_struct *module) const {
@@ -79,13 +91,27 @@ dpi_engine::flow_state &dpi_engine::state_of(const flow_id &id, int64_t time_us)
     return flows_.front();
 }
 
+bool dpi_engine::host_gives(std::string_view host, uint16_t app) {
+    std::string text(host);
+    ndpi_protocol_match_result match = {};
+    return !text.empty() &&
+           ndpi_match_string_subprotocol(module_.get(), text.data(),
+                                         static_cast<unsigned>(text.size()), &match) == app;
+}
+
 // Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.
 bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) {
     const ndpi_flow_struct &flow = *state.flow;
+    // nDPI's confidence is in the master protocol where there is one. The application may then come
+    // from a list of address ranges, in which the client's own address stands as well as the
+    // server's.
+    if (master != NDPI_PROTOCOL_UNKNOWN && app == flow.guessed_host_protocol_id &&
+        !host_gives(field_text(flow.host_server_name), app))
+        app = NDPI_PROTOCOL_UNKNOWN;
     const dpi_application application = dpi_application_of(master, app);
-    if (application.names_host) {
-        const std::string_view host = field_text(flow.host_server_name);
-        state.found.host = host.substr(host.size() - std::min(host.size(), DOMAIN_MAX));
+    if (application.shows_host != handshake::none) {
+        state.found.host = field_text(flow.host_server_name);
+        state.found.shown_in = application.shows_host;
     }
     if (application.id == NDPI_PROTOCOL_UNKNOWN || flow.confidence != NDPI_CONFIDENCE_DPI)
         return false;
@@ -122,18 +148,34 @@ void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_
     state.flow.reset();
 }
 
-void dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
-                         av_pkt_trailer &trailer) {
+bool dpi_engine::just_taken(flow_state &state, const frame_facts &frame,
+                            std::span<const uint8_t> packet) {
+    if (!state.shown_to || state.shown_to->ip_be != frame.sender.ip_be ||
+        state.shown_to->port != frame.sender.port || !takes_handshake(state.found.shown_in, packet))
+        return false;
+    state.shown_to.reset();
+    return true;
+}
+
+shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
+                               int64_t time_us, av_pkt_trailer &trailer) {
     flow_state &state = state_of(flow_id_of(frame), time_us);
+    const bool host_known = !state.found.host.empty();
     if (state.flow)
         feed(state, packet, time_us);
+    const std::string_view host = state.found.host;
+    const bool http_response = state.found.shown_in == handshake::http &&
+                               takes_handshake(handshake::http, packet); // with a header Host
+    if (!host_known && !host.empty() && !http_response)
+        state.shown_to = frame.receiver;
     trailer.filter_type |= AV_FILTER_DPI;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);
     trailer.dpi_status = state.found.status;
     trailer.dpi_app_id = state.found.app_id;
     trailer.dpi_cat_id = state.found.cat_id;
     copy_text(trailer.dpi_app_name, state.found.name);
-    copy_text(trailer.kernel_domain, state.found.host);
+    copy_text(trailer.kernel_domain, host.substr(host.size() - std::min(host.size(), DOMAIN_MAX)));
+    return {host, just_taken(state, frame, packet)};
 }
 
 } // namespace avcore

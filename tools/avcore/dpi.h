@@ -1,17 +1,21 @@
 // The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields.
 //
 // State per flow is bounded in number and, on the frames' time stamps, in age. nDPI's own share of
-// it ends with the inspection; the finding stays for the flow's later frames.
+// it ends with the inspection; the finding stays for the flow's later frames. So does the host that
+// the client showed, until the server has taken the handshake.
 #pragma once
 
 #include "avcore/frame.h"
+#include "avcore/handshake.h"
 
 #include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 struct ndpi_detection_module_struct;
 struct ndpi_flow_struct;
@@ -21,10 +25,20 @@ namespace avcore {
 // How a pair of nDPI protocols is called towards the daemon.
 struct dpi_application {
     uint16_t id = 0;
-    const char *name = nullptr; // null: nDPI's own name of `id`
-    bool names_host = false;    // the host name seen is the server's
+    const char *name = nullptr;             // null: nDPI's own name of `id`
+    handshake shows_host = handshake::none; // the host name seen is the server's
 };
 dpi_application dpi_application_of(uint16_t master, uint16_t application);
+
+// Whether a verdict can only come from a daemon that doesn't look at the engine's findings: the
+// trailer names an application, and nothing that goes before it in the daemon did.
+bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict);
+
+// The host that a flow's client has shown.
+struct shown_host {
+    std::string_view host;   // empty: none so far; valid until the next packet
+    bool just_taken = false; // by the server, with this packet, which is the first to do so
+};
 
 class dpi_engine {
 public:
@@ -39,8 +53,8 @@ public:
 
     // Looks at one packet (what `ipv4_packet` found in the frame) and fills the trailer's DPI
     // fields, bit 2 of filter_type and kernel_domain.
-    void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
-                 av_pkt_trailer &trailer);
+    shown_host inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
+                       av_pkt_trailer &trailer);
 
     size_t flows() const { return flows_.size(); }
 
@@ -57,6 +71,7 @@ private:
         uint16_t cat_id = 0;
         std::string name;
         std::string host;
+        handshake shown_in = handshake::none;
     };
     struct flow_state {
         flow_id id;
@@ -64,10 +79,14 @@ private:
         unsigned packets = 0;
         int64_t last_us = 0;
         finding found;
+        std::optional<endpoint> shown_to; // a host, and it hasn't taken the handshake yet
     };
 
     flow_state &state_of(const flow_id &id, int64_t time_us);
     bool take_finding(flow_state &state, uint16_t master, uint16_t app);
+    bool host_gives(std::string_view host, uint16_t app); // whether nDPI knows it as this one's
+    static bool just_taken(flow_state &state, const frame_facts &frame,
+                           std::span<const uint8_t> packet);
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
 
     size_t max_flows_;

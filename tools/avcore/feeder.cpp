@@ -17,12 +17,22 @@ bool feeder::has_room(int64_t now_ms) const {
            outstanding_bytes_ + MAX_FED_SIZE <= MAX_BYTES;
 }
 
-void feeder::add(fed_frame frame, int64_t now_ms) {
-    if (frames_.empty())
+uint64_t feeder::add(fed_frame frame, int64_t now_ms) {
+    if (!waiting_since_ms_)
         waiting_since_ms_ = now_ms;
     outstanding_bytes_ += frame.bytes.size();
-    frames_.push_back({.frame = std::move(frame)});
+    frames_.push_back({.frame = std::move(frame), .number = ++added_});
     queue(std::prev(frames_.end()));
+    return added_;
+}
+
+uint64_t feeder::judged() const {
+    const auto awaited =
+        std::find_if(frames_.begin(), frames_.end(),
+                     [this](const outstanding &frame) { return frame.number > newest_answered_; });
+    if (awaited == frames_.end())
+        return added_;
+    return awaited->sent ? awaited->number : awaited->number - 1;
 }
 
 void feeder::queue(frame_ref frame) {
@@ -69,7 +79,7 @@ feeder::copy feeder::pop_copy() {
 }
 
 // The frame is resolved: what is still on its way of it is superfluous.
-void feeder::finish(frame_ref frame, int64_t now_ms) {
+fed_frame feeder::finish(frame_ref frame) {
     if (frame->copies > 0) {
         for (copy &one : copies_) {
             if (one.frame == frame)
@@ -82,72 +92,84 @@ void feeder::finish(frame_ref frame, int64_t now_ms) {
             --round_left_;
         to_send_.erase(place);
     }
-    outstanding_bytes_ -= frame->frame.bytes.size();
+    fed_frame resolved = std::move(frame->frame);
+    outstanding_bytes_ -= resolved.bytes.size();
     frames_.erase(frame);
-    if (frames_.empty())
-        waited_before_ms_ += now_ms - waiting_since_ms_;
+    return resolved;
 }
 
-void feeder::give_up(frame_ref frame, int64_t now_ms) {
+void feeder::give_up(frame_ref frame) {
     ++counts_.unanswered;
-    finish(frame, now_ms);
+    finish(frame);
 }
 
 // No verdict will come for this copy. The frame is lost unless a later copy is on its way.
-void feeder::drop_oldest_copy(int64_t now_ms) {
+void feeder::drop_oldest_copy() {
     const std::optional<frame_ref> frame = pop_copy().frame;
     if (!frame || --(*frame)->copies > 0)
         return;
     if ((*frame)->resends >= MAX_RESENDS)
-        give_up(*frame, now_ms);
+        give_up(*frame);
     else
         queue(*frame);
 }
 
-feeder::answer feeder::take_verdict(const flow_key &key, int64_t now_ms) {
-    last_verdict_ms_ = now_ms;
-    waiting_since_ms_ = now_ms;
-    waited_before_ms_ = 0;
+std::optional<fed_frame> feeder::take_verdict(const flow_key &key, int64_t now_ms) {
+    last_sign_ms_ = now_ms;
     silent_rounds_ = 0;
+    std::optional<fed_frame> answered = answer(key);
+    waiting_since_ms_ = frames_.empty() ? std::nullopt : std::optional(now_ms);
+    return answered;
+}
 
+std::optional<fed_frame> feeder::answer(const flow_key &key) {
     const auto found = std::find_if(copies_.begin(), copies_.end(), [&key](const copy &one) {
         return memcmp(&one.key, &key, sizeof key) == 0;
     });
     if (found == copies_.end()) {
         ++counts_.overlooked;
-        return {};
+        return std::nullopt;
     }
     for (auto lost = found - copies_.begin(); lost > 0; --lost)
-        drop_oldest_copy(now_ms);
+        drop_oldest_copy();
     started_ = true;
-    answer result;
-    const std::optional<frame_ref> frame = pop_copy().frame;
-    if (frame) {
+    std::optional<fed_frame> answered;
+    if (const std::optional<frame_ref> frame = pop_copy().frame) {
         --(*frame)->copies;
-        result = {true, (*frame)->frame.row};
+        newest_answered_ = std::max(newest_answered_, (*frame)->number);
         ++counts_.answered;
-        finish(*frame, now_ms);
+        answered = finish(*frame);
     } else {
         ++counts_.overlooked;
     }
     if (copies_.empty())
         draining_ = false;
-    return result;
+    return answered;
 }
 
 // Since when nothing came although something could have.
 int64_t feeder::quiet_since_ms() const {
     const copy &youngest_awaited = draining_ ? copies_.back() : copies_.front();
-    return std::max(last_verdict_ms_, youngest_awaited.sent_ms);
+    return std::max(last_sign_ms_, youngest_awaited.sent_ms);
 }
 
-void feeder::resend_outstanding(int64_t now_ms) {
-    const bool only_oldest = silent_rounds_++ == 0;
+bool feeder::silent(int64_t now_ms) const {
+    return waiting_since_ms_ && now_ms - std::max(last_sign_ms_, *waiting_since_ms_) >= SILENCE_MS;
+}
+
+void feeder::link_lost(int64_t now_ms) {
+    started_ = false;
+    last_sign_ms_ = now_ms;
+    waiting_since_ms_ = now_ms;
+}
+
+void feeder::resend_outstanding() {
+    const bool only_oldest = silent_rounds_++ == 0 || !started_;
     draining_ = true;
     for (frame_ref frame = frames_.begin(); frame != frames_.end();) {
         const frame_ref next = std::next(frame);
         if (frame->resends >= MAX_RESENDS && started_)
-            give_up(frame, now_ms);
+            give_up(frame);
         frame = next;
     }
     to_send_.clear();
@@ -166,11 +188,11 @@ void feeder::tick(int64_t now_ms) {
         return;
     const bool heard_since_round = draining_ && silent_rounds_ == 0;
     if (!heard_since_round && !frames_.empty()) {
-        resend_outstanding(now_ms);
+        resend_outstanding();
         return;
     }
     while (!copies_.empty())
-        drop_oldest_copy(now_ms);
+        drop_oldest_copy();
     draining_ = false;
     round_left_ = 0;
 }
@@ -182,8 +204,7 @@ std::optional<int64_t> feeder::next_tick_ms() const {
 }
 
 bool feeder::daemon_gone(int64_t now_ms) const {
-    const int64_t waited_ms = waited_before_ms_ + now_ms - waiting_since_ms_;
-    return busy() && waited_ms >= (started_ ? GONE_MS : START_MS);
+    return waiting_since_ms_ && now_ms - *waiting_since_ms_ >= (started_ ? GONE_MS : START_MS);
 }
 
 } // namespace avcore

@@ -15,14 +15,19 @@
 // frame a millisecond would overrun a daemon that is busy for ten.
 //
 // The first frame is sent alone and repeated without limit: before the daemon's capture is open,
-// frames vanish.
+// frames vanish. So it goes with the oldest one when the link to the daemon was down, for the
+// daemon then opens its capture anew.
+//
+// The daemon is gone when no verdict of any kind came for a time after a frame was sent, also when
+// that frame was given up and nothing more is to be sent. Where all is answered, no time passes.
 #pragma once
 
-#include "avcore/flow_table.h"
+#include "avcore/frame.h"
 #include "packet/records/kernel.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <list>
 #include <optional>
@@ -33,7 +38,13 @@ namespace avcore {
 struct fed_frame {
     std::vector<uint8_t> bytes; // frame and trailer
     flow_key key = {};
-    flow_row *row = nullptr;
+    uint32_t flow = 0; // the row's id
+
+    av_pkt_trailer trailer() const {
+        av_pkt_trailer trailer;
+        memcpy(&trailer, bytes.data() + bytes.size() - sizeof trailer, sizeof trailer);
+        return trailer;
+    }
 };
 
 struct feeder_counts {
@@ -60,24 +71,31 @@ public:
 
     // Whether one more frame of any size may be added now.
     bool has_room(int64_t now_ms) const;
-    void add(fed_frame frame, int64_t now_ms);
+    // Returns the frame's number; they are counted from 1.
+    uint64_t add(fed_frame frame, int64_t now_ms);
 
     // The frame to write next; null when there is none now. `sent` says that it was written.
     const fed_frame *next_to_send(int64_t now_ms) const;
     void sent(int64_t now_ms);
 
-    struct answer {
-        bool answered = false;   // false: a verdict to overlook
-        flow_row *row = nullptr; // of the frame, when it has one
-    };
-    answer take_verdict(const flow_key &key, int64_t now_ms);
+    // The frame that it answers; none: a verdict to overlook.
+    std::optional<fed_frame> take_verdict(const flow_key &key, int64_t now_ms);
+
+    // The number of the frame that the daemon is judging: the oldest that awaits a verdict and
+    // wasn't overtaken by a later frame's. Never goes back; between two frames it is the last
+    // one's.
+    uint64_t judged() const;
+
+    // The link to the daemon is down. To be called while it is and `silent`.
+    void link_lost(int64_t now_ms);
 
     // Looks for a silence. To be called at least whenever `next_tick_ms` has come.
     void tick(int64_t now_ms);
     std::optional<int64_t> next_tick_ms() const;
 
-    // Whether frames are waiting to be sent or answered.
-    bool busy() const { return !frames_.empty(); }
+    // Whether a sign of the daemon is awaited, and whether it has been for 200 ms.
+    bool waiting() const { return waiting_since_ms_.has_value(); }
+    bool silent(int64_t now_ms) const;
     bool started() const { return started_; }
     bool daemon_gone(int64_t now_ms) const;
     const feeder_counts &counts() const { return counts_; }
@@ -85,6 +103,7 @@ public:
 private:
     struct outstanding {
         fed_frame frame;
+        uint64_t number;
         unsigned copies = 0; // in copies_
         unsigned resends = 0;
         bool sent = false;
@@ -98,10 +117,11 @@ private:
     };
 
     void queue(frame_ref frame);
-    void finish(frame_ref frame, int64_t now_ms);
-    void give_up(frame_ref frame, int64_t now_ms);
-    void drop_oldest_copy(int64_t now_ms);
-    void resend_outstanding(int64_t now_ms);
+    std::optional<fed_frame> answer(const flow_key &key);
+    fed_frame finish(frame_ref frame);
+    void give_up(frame_ref frame);
+    void drop_oldest_copy();
+    void resend_outstanding();
     int64_t quiet_since_ms() const;
     bool burst_open(int64_t now_ms) const;
     copy pop_copy();
@@ -115,13 +135,14 @@ private:
     };
     std::deque<burst> bursts_; // of copies_
     size_t outstanding_bytes_ = 0;
+    uint64_t added_ = 0;
+    uint64_t newest_answered_ = 0;
     bool started_ = false;
     bool draining_ = false;      // after a silence: only the round's frames are sent
     unsigned silent_rounds_ = 0; // since the last verdict
     size_t round_left_ = 0;      // frames at the front of to_send_ that the round sends
-    int64_t last_verdict_ms_ = 0;
-    int64_t waiting_since_ms_ = 0; // while busy: the start of this wait for any verdict
-    int64_t waited_before_ms_ = 0; // and earlier waits since the last verdict
+    int64_t last_sign_ms_ = 0;   // of the last verdict, or when the link was last found down
+    std::optional<int64_t> waiting_since_ms_; // none: no frame went unanswered since the last sign
     feeder_counts counts_;
 };
 

@@ -2,36 +2,56 @@
 
 #include "core/text/text.h"
 
+#include <algorithm>
+
 namespace avcore {
 
+void flow_table::sum_up_oldest() {
+    const flow_row &oldest = rows_.back();
+    ++summed_.flows;
+    summed_.packets += oldest.packets;
+    summed_.bytes += oldest.bytes;
+    by_id_.erase(oldest.id);
+    index_.erase(oldest.sides);
+    rows_.pop_back();
+}
+
+flow_table::row_ref flow_table::add(const flow_id &sides, const frame_facts &frame) {
+    if (rows_.size() >= limit_)
+        sum_up_oldest();
+    const bool from_client = rules_.sender_is_client(frame);
+    flow_row &row = rows_.emplace_front();
+    row.id = ++last_id_;
+    row.sides = sides;
+    row.client = from_client ? frame.sender : frame.receiver;
+    row.server = from_client ? frame.receiver : frame.sender;
+    row.ether_type = frame.ether_type;
+    row.ip_proto = frame.ip_proto;
+    row.ipv4 = frame.ipv4;
+    index_.emplace(sides, rows_.begin());
+    by_id_.emplace(row.id, rows_.begin());
+    return rows_.begin();
+}
+
 flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t size) {
-    const flow_id id = flow_id_of(frame);
-    auto found = index_.find(id);
-    if (found == index_.end()) {
-        const bool from_client = rules_.sender_is_client(frame);
-        if (rows_.size() >= limit_) {
-            ++frames_without_row_;
-            return {nullptr, from_client};
-        }
-        flow_row &row = rows_.emplace_back();
-        row.id = static_cast<uint32_t>(rows_.size());
-        row.client = from_client ? frame.sender : frame.receiver;
-        row.server = from_client ? frame.receiver : frame.sender;
-        row.ether_type = frame.ether_type;
-        row.ip_proto = frame.ip_proto;
-        row.ipv4 = frame.ipv4;
-        found = index_.emplace(id, &row).first;
-    }
-    flow_row &row = *found->second;
+    const flow_id sides = flow_id_of(frame);
+    const auto known = index_.find(sides);
+    const row_ref found = known != index_.end() ? known->second : add(sides, frame);
+    rows_.splice(rows_.begin(), rows_, found);
+    flow_row &row = *found;
     ++row.packets;
     row.bytes += size;
     const bool from_client =
         frame.ipv4 ? frame.sender.ip_be == row.client.ip_be && frame.sender.port == row.client.port
                    : frame.sender.mac == row.client.mac;
-    return {&row, from_client};
+    return {row, from_client};
 }
 
-void flow_table::set_verdict(flow_row &row, const av_verdict &verdict) {
+void flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
+    const auto found = by_id_.find(id);
+    if (found == by_id_.end())
+        return;
+    flow_row &row = *found->second;
     row.verdict = verdict.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(verdict.app_name); !name.empty())
@@ -41,6 +61,16 @@ void flow_table::set_verdict(flow_row &row, const av_verdict &verdict) {
 void flow_table::outdate_verdicts() {
     for (flow_row &row : rows_)
         row.outdated = row.verdict != 0;
+}
+
+std::vector<const flow_row *> flow_table::rows() const {
+    std::vector<const flow_row *> rows;
+    rows.reserve(rows_.size());
+    for (const flow_row &row : rows_)
+        rows.push_back(&row);
+    std::sort(rows.begin(), rows.end(),
+              [](const flow_row *a, const flow_row *b) { return a->id < b->id; });
+    return rows;
 }
 
 } // namespace avcore

@@ -1,21 +1,24 @@
-// The flow table: one row for both directions of a flow, in the order in which the flows appeared.
+// The flow table: one row for both directions of a flow.
 //
-// Bounded: when it is full, the frames of further flows are still fed and judged, but get no row
-// and are only counted.
+// Bounded: when it is full, a new flow takes the place of the one seen longest ago, whose packets
+// and bytes are added to one sum of all such flows. When that one is seen again, it is a new flow.
 #pragma once
 
 #include "avcore/client_rules.h"
 #include "avcore/frame.h"
 
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <map>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 namespace avcore {
 
 struct flow_row {
-    uint32_t id = 0; // from 1
+    uint32_t id = 0; // counted up from 1
+    flow_id sides;
     endpoint client;
     endpoint server;
     uint16_t ether_type = 0;
@@ -26,6 +29,14 @@ struct flow_row {
     uint32_t verdict = 0; // the last one's av_verdict_code; 0 = none came
     bool outdated = false;
     std::string application; // any bytes, as the daemon sent them
+    std::string host;        // that the client showed in a handshake; any bytes, as sent
+};
+
+// What became of the flows that had to leave.
+struct flow_sum {
+    uint64_t flows = 0;
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
 };
 
 class flow_table {
@@ -36,27 +47,36 @@ public:
         : rules_(rules), limit_(limit) {}
 
     struct sighting {
-        flow_row *row;    // null when the table is full; valid as long as the table
+        flow_row &row;    // valid until the next frame is counted
         bool from_client; // direction of this frame
     };
     // Counts one frame of `size` bytes in its flow.
     sighting count_frame(const frame_facts &frame, size_t size);
 
-    void set_verdict(flow_row &row, const av_verdict &verdict);
+    // On a frame of the row with this id, which may have left.
+    void set_verdict(uint32_t id, const av_verdict &verdict);
 
     // The daemon's policies changed: no verdict counts until the flow's next one.
     void outdate_verdicts();
 
-    const std::deque<flow_row> &rows() const { return rows_; }
-    uint64_t frames_without_row() const { return frames_without_row_; }
+    // In the order in which the flows appeared.
+    std::vector<const flow_row *> rows() const;
+    const flow_sum &summed() const { return summed_; }
 
 private:
+    using row_ref = std::list<flow_row>::iterator;
+
+    row_ref add(const flow_id &sides, const frame_facts &frame);
+    void sum_up_oldest();
+
     const client_rules &rules_;
     size_t limit_;
-    std::deque<flow_row> rows_;
+    std::list<flow_row> rows_; // the one seen last at the front
     // Ordered rather than hashed: who chooses the addresses doesn't choose the cost.
-    std::map<flow_id, flow_row *> index_;
-    uint64_t frames_without_row_ = 0;
+    std::map<flow_id, row_ref> index_;
+    std::unordered_map<uint32_t, row_ref> by_id_;
+    uint32_t last_id_ = 0;
+    flow_sum summed_;
 };
 
 } // namespace avcore

@@ -1,6 +1,7 @@
 #include "avcore/frame_sink.h"
 
 #include "avcore/frame.h"
+#include "avcore/link.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -50,12 +51,22 @@ frame_sink::frame_sink(const std::string &interface)
         fail(strerror(errno));
     setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER_BYTES,
                sizeof SEND_BUFFER_BYTES);
+    link_lost();
+}
+
+bool frame_sink::link_lost() {
+    const std::optional<link_facts> link = look_at_link(interface_);
+    if (!link)
+        return false; // gone, which the next `write` will find
+    const bool lost = !link->running || link->times_down != times_down_;
+    times_down_ = link->times_down;
+    return lost;
 }
 
 bool frame_sink::write(std::span<const uint8_t> bytes) {
     if (send(socket_.get(), bytes.data(), bytes.size(), 0) >= 0)
         return true;
-    if (errno == EAGAIN || errno == ENOBUFS || errno == EINTR)
+    if (errno == EAGAIN || errno == ENOBUFS || errno == EINTR || errno == ENETDOWN)
         return false;
     throw std::runtime_error("can't write into " + interface_ + ": " + strerror(errno));
 }

@@ -1,6 +1,9 @@
 #include "avcore/options.h"
 
+#include "avcore/link.h"
+
 #include <CLI/CLI.hpp>
+#include <iostream>
 
 namespace avcore {
 namespace {
@@ -32,8 +35,13 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
         if (chosen.in_interface == chosen.out_interface)
             throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
                                              "what it wrote");
+        if (are_peers(chosen.in_interface, chosen.out_interface))
+            throw CLI::ValidationError("-i", "can't be the peer of -o's interface: avcore would "
+                                             "feed what it wrote");
     } catch (const CLI::ParseError &error) {
         status = app.exit(error) == 0 ? 0 : USAGE_ERROR;
+        if (!std::cout.flush())
+            status = 1;
         return std::nullopt;
     }
     return chosen;

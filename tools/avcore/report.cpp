@@ -1,5 +1,7 @@
 #include "avcore/report.h"
 
+#include "avcore/printable.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -75,20 +77,28 @@ table_line line_of(const flow_row &row) {
     return line;
 }
 
-} // namespace
-
-std::string printable(std::string_view text) {
-    std::string result(text);
-    std::replace_if(
-        result.begin(), result.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return result;
+table_line line_of(const flow_sum &sum) {
+    table_line line;
+    line.fill("-");
+    line[CLIENT] = std::to_string(sum.flows) + " flows, seen longest ago";
+    line[PACKETS] = std::to_string(sum.packets);
+    line[BYTES] = std::to_string(sum.bytes);
+    return line;
 }
+
+void print_line(std::ostream &out, const nlohmann::ordered_json &object) {
+    out << object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+}
+
+} // namespace
 
 void print_table(std::ostream &out, const flow_table &flows) {
     std::vector<table_line> lines = {
         {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES"}};
-    for (const flow_row &row : flows.rows())
-        lines.push_back(line_of(row));
+    for (const flow_row *row : flows.rows())
+        lines.push_back(line_of(*row));
+    if (flows.summed().flows > 0)
+        lines.push_back(line_of(flows.summed()));
     std::array<size_t, COLUMNS> width = {};
     for (const table_line &line : lines) {
         for (size_t i = 0; i < COLUMNS; ++i)
@@ -106,7 +116,8 @@ void print_table(std::ostream &out, const flow_table &flows) {
 }
 
 void print_json(std::ostream &out, const flow_table &flows) {
-    for (const flow_row &row : flows.rows()) {
+    for (const flow_row *listed : flows.rows()) {
+        const flow_row &row = *listed;
         nlohmann::ordered_json object = {
             {"client", address_text(row, row.client)},
             {"server", address_text(row, row.server)},
@@ -118,20 +129,28 @@ void print_json(std::ostream &out, const flow_table &flows) {
             {"packets", row.packets},
             {"bytes", row.bytes},
         };
+        if (!row.host.empty())
+            object["host"] = row.host;
         if (row.outdated)
             object["outdated"] = true;
-        out << object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+        print_line(out, object);
     }
+    if (const flow_sum &sum = flows.summed(); sum.flows > 0)
+        print_line(out, {{"flows_seen_longest_ago", sum.flows},
+                         {"packets", sum.packets},
+                         {"bytes", sum.bytes}});
 }
 
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals) {
-    uint64_t bytes = 0;
-    for (const flow_row &row : flows.rows())
-        bytes += row.bytes;
+    const std::vector<const flow_row *> rows = flows.rows();
+    uint64_t bytes = flows.summed().bytes;
+    for (const flow_row *row : rows)
+        bytes += row->bytes;
     const feeder_counts &fed = totals.feeder;
-    out << flows.rows().size() << " flows, " << bytes << " bytes; frames: " << totals.source.read
-        << " read, " << fed.sent << " fed, " << fed.answered << " answered, " << fed.resent
-        << " resent, " << fed.unanswered << " unanswered\n";
+    out << rows.size() + flows.summed().flows << " flows, " << bytes
+        << " bytes; frames: " << totals.source.read << " read, " << fed.sent << " fed, "
+        << fed.answered << " answered, " << fed.resent << " resent, " << fed.unanswered
+        << " unanswered\n";
 
     const struct {
         uint64_t count;
@@ -143,8 +162,7 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         {totals.source.empty, "not carried, empty"},
         {totals.source.cut_short, "carried as captured, without their ends"},
         {totals.source.dropped, "dropped by the kernel before they were read"},
-        {flows.frames_without_row(), "of flows for which the table had no room"},
-        {fed.start_repeats, "repeats of the first frame until the daemon answered"},
+        {fed.start_repeats, "repeats of a first frame until the daemon answered"},
         {fed.overlooked, "verdicts that answered no frame"},
         {totals.malformed_messages, "malformed messages on the AV channel"},
     };

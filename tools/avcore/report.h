@@ -11,7 +11,6 @@
 #include <iosfwd>
 #include <map>
 #include <string>
-#include <string_view>
 
 namespace avcore {
 
@@ -23,8 +22,6 @@ struct totals {
     std::map<std::string, int32_t> switches; // what the daemon switched, printable
     bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
 };
-
-std::string printable(std::string_view text);
 
 void print_table(std::ostream &out, const flow_table &flows);
 // One object a flow and line.

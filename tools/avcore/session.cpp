@@ -1,23 +1,19 @@
 #include "avcore/session.h"
 
 #include "avcore/platform_values.h"
-#include "avcore/trailer_builder.h"
+#include "avcore/printable.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
-#include <sys/signalfd.h>
+#include <utility>
 
 namespace avcore {
 namespace {
 
-constexpr int PULLS_A_TURN = 32; // then the channel gets its turn, or verdicts pile up in it
-constexpr uint16_t DNS_PORT = 53;
+constexpr int PULLS_A_TURN = 32;     // then the channel gets its turn, or verdicts pile up in it
 constexpr size_t SWITCHES_MAX = 256; // clients name the interfaces
 constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
@@ -27,18 +23,6 @@ int64_t clock_ms() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
-
-unique_fd block_stop_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    unique_fd fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!fd.valid())
-        throw std::runtime_error(std::string("signals: ") + strerror(errno));
-    return fd;
 }
 
 frame_source open_source(const options &options) {
@@ -51,21 +35,16 @@ frame_source open_source(const options &options) {
 session::session(const options &options, const config &settings)
     : options_(options),
       settings_(settings),
-      rules_(settings, options.in_interface),
-      flows_(rules_),
-      signals_(block_stop_signals()),
+      builder_(settings, options.in_interface),
       source_(open_source(options)),
       sink_(options.out_interface),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
-      dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr),
       max_frame_size_(sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer))) {
     source_.set_max_frame_size(max_frame_size_);
     if (max_frame_size_ < MAX_FRAME_SIZE)
         std::cerr << "avcore: the MTU of " << options.out_interface << " is below 65535: frames "
                   << "longer than " << max_frame_size_ << " bytes can't be carried\n";
-    if (const std::string type = source_.foreign_link_type(); !type.empty())
-        std::cerr << "avcore: the link type is " << type << ", not Ethernet: nothing to carry\n";
 }
 
 int session::run() {
@@ -79,21 +58,22 @@ int session::run() {
     }
     progress_.clear();
     if (!error_.empty())
-        std::cerr << "avcore: " << error_ << '\n';
-    report();
-    return end == ending::failed || !error_.empty() ? 1 : 0;
+        say(error_);
+    if (const bool useless_input = !error_.empty() && source_.counts().read == 0; !useless_input)
+        report();
+    return error_.empty() && report_written_ ? 0 : 1;
 }
 
 session::ending session::turn() {
     const int64_t now_ms = clock_ms();
-    feeder_.tick(now_ms);
+    tick(now_ms);
     send_frames();
     pull_frames();
     if (!options_.file.empty())
         progress_.show(source_.share_read(), feeder_.counts().answered, now_ms);
     if (stop_requested_)
         return ending::stopped;
-    if (input_ended_ && !feeder_.busy())
+    if (input_ended_ && !feeder_.waiting())
         return ending::complete;
     if (feeder_.daemon_gone(now_ms)) {
         error_ = feeder_.started() ? "no verdict for 5 seconds: the daemon is gone"
@@ -103,9 +83,36 @@ session::ending session::turn() {
     explain_waiting(now_ms);
     wait(now_ms);
     channel_.serve([this](byte_span datagram) { return take_datagram(datagram); });
-    signalfd_siginfo signal = {};
-    stop_requested_ = read(signals_.get(), &signal, sizeof signal) > 0;
+    take_signal();
     return ending::none;
+}
+
+// Before the feeder takes a silence for lost frames or a gone daemon: it may be the link's.
+void session::tick(int64_t now_ms) {
+    if (feeder_.silent(now_ms)) {
+        const bool was_down = std::exchange(link_down_, sink_.link_lost());
+        if (link_down_)
+            feeder_.link_lost(now_ms);
+        if (link_down_ && !was_down)
+            say("the link of " + options_.out_interface +
+                " is down or was: waiting for the daemon");
+    }
+    if (!link_down_)
+        feeder_.tick(now_ms);
+}
+
+void session::take_signal() {
+    switch (signals_.take()) {
+    case signals::request::stop:
+        stop_requested_ = true;
+        break;
+    case signals::request::print:
+        progress_.clear();
+        report();
+        break;
+    case signals::request::none:
+        break;
+    }
 }
 
 void session::pull_frames() {
@@ -122,11 +129,12 @@ void session::pull_frames() {
             send_frames();
             break;
         case frame_source::result::skipped:
+            explain_link_type();
             break;
         case frame_source::result::nothing:
             return;
         case frame_source::result::failed:
-            error_ = "the input ends early: " + source_.error();
+            error_ = source_.error();
             input_ended_ = true;
             break;
         case frame_source::result::end:
@@ -137,39 +145,17 @@ void session::pull_frames() {
 }
 
 void session::take_frame(const captured_frame &captured) {
-    fed_frame fed;
-    fed.bytes.reserve(captured.bytes.size() + sizeof(av_pkt_trailer));
-    fed.bytes.assign(captured.bytes.begin(), captured.bytes.end());
-    fed.bytes.resize(captured.bytes.size() + sizeof(av_pkt_trailer));
-
-    const frame_facts frame = decode_frame(fed.bytes);
-    const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
-    av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
-    frame_time_us_ = captured.time_us;
-    if (const auto packet = ipv4_packet(captured.bytes); !packet.empty()) {
-        learn_names(frame, packet, captured.time_us);
-        if (dpi_)
-            dpi_->inspect(frame, packet, captured.time_us, trailer);
-    }
-    memcpy(fed.bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
-    fed.key = frame.key;
-    fed.row = flow.row;
+    frame_builder::built_frame built = builder_.build(captured);
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    feeder_.add(std::move(fed), now_ms);
-}
-
-void session::learn_names(const frame_facts &frame, std::span<const uint8_t> packet,
-                          int64_t time_us) {
-    if (frame.sender.port != DNS_PORT)
-        return;
-    names_.learn(read_dns_answer(udp_payload(packet)), time_us);
+    names_.add(feeder_.add(std::move(built.frame), now_ms), std::move(built.lesson));
+    names_.advance(feeder_.judged());
 }
 
 void session::send_frames() {
     sink_full_ = false;
-    for (;;) {
+    while (!link_down_) {
         const int64_t now_ms = clock_ms();
         const fed_frame *frame = feeder_.next_to_send(now_ms);
         if (frame == nullptr)
@@ -183,7 +169,7 @@ void session::send_frames() {
 }
 
 void session::wait(int64_t now_ms) {
-    int64_t timeout_ms = feeder_.busy() ? LONGEST_WAIT_MS : -1;
+    int64_t timeout_ms = feeder_.waiting() ? LONGEST_WAIT_MS : -1;
     if (const auto tick_ms = feeder_.next_tick_ms())
         timeout_ms = std::clamp<int64_t>(*tick_ms - now_ms, 0, LONGEST_WAIT_MS);
     if (sink_full_)
@@ -191,7 +177,7 @@ void session::wait(int64_t now_ms) {
     if (more_input_)
         timeout_ms = 0;
     pollfd waited[] = {
-        {signals_.get(), POLLIN, 0},
+        {signals_.fd(), POLLIN, 0},
         {channel_.fd(), POLLIN, 0},
         // Only while there is room: what waits in the capture's buffer stays there.
         {!input_ended_ && feeder_.has_room(clock_ms()) ? source_.fd() : -1, POLLIN, 0},
@@ -214,19 +200,20 @@ std::vector<std::byte> session::take_datagram(byte_span datagram) {
     else if (const auto *setting = std::get_if<switch_setting>(&*message))
         take(*setting);
     else if (std::holds_alternative<policy_reset>(*message))
-        flows_.outdate_verdicts();
+        builder_.flows().outdate_verdicts();
     return {};
 }
 
 void session::take(const av_verdict &verdict) {
-    const feeder::answer answer = feeder_.take_verdict(verdict.flow_key, clock_ms());
-    if (answer.answered && answer.row != nullptr)
-        flows_.set_verdict(*answer.row, verdict);
+    const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, clock_ms());
+    if (!frame)
+        return;
+    builder_.flows().set_verdict(frame->flow, verdict);
+    engine_ignored_ |= ignores_engine(frame->trailer(), verdict);
 }
 
 void session::take(const syslog_line &line) {
-    progress_.clear();
-    std::cerr << "avcore: syslog, level " << line.level << ": " << printable(line.text) << '\n';
+    say("syslog, level " + std::to_string(line.level) + ": " + printable(line.text));
 }
 
 void session::take(const switch_setting &setting) {
@@ -241,7 +228,8 @@ void session::take(const switch_setting &setting) {
 std::vector<std::byte> session::answer(const question &asked) {
     switch (asked.head.op) {
     case av_op::dnscache_get_name:
-        return answer_domain_name(names_, frame_time_us_, asked);
+        names_.advance(feeder_.judged());
+        return answer_domain_name(names_.names(), names_.time_us(), asked);
     case av_op::platform_value:
         engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
@@ -251,26 +239,44 @@ std::vector<std::byte> session::answer(const question &asked) {
 }
 
 void session::explain_waiting(int64_t now_ms) {
-    if (waiting_explained_ || feeder_.started() || first_frame_ms_ < 0 ||
+    if (waiting_explained_ || link_down_ || feeder_.counts().answered > 0 || first_frame_ms_ < 0 ||
         now_ms - first_frame_ms_ < EXPLAIN_AFTER_MS)
         return;
     waiting_explained_ = true;
+    say("waiting for a daemon to answer the first frame");
+}
+
+void session::explain_link_type() {
+    const std::string type = source_.foreign_link_type();
+    if (type.empty() || std::exchange(link_type_explained_, true))
+        return;
+    say("the link type is " + type + ", not Ethernet: nothing to carry");
+}
+
+void session::say(const std::string &what) {
     progress_.clear();
-    std::cerr << "avcore: waiting for a daemon to answer the first frame\n";
+    std::cerr << "avcore: " << what << '\n';
 }
 
 void session::report() {
-    const totals totals = {source_.counts(),    feeder_.counts(), max_frame_size_,
-                           malformed_messages_, switches_,        dpi_ && !engine_asked_};
+    const flow_table &flows = builder_.flows();
+    const totals totals = {
+        source_.counts(), feeder_.counts(),
+        max_frame_size_,  malformed_messages_,
+        switches_,        builder_.has_engine() && !engine_asked_ && engine_ignored_};
     if (options_.json)
-        print_json(std::cout, flows_);
+        print_json(std::cout, flows);
     else
-        print_table(std::cout, flows_);
+        print_table(std::cout, flows);
     std::ostream &out = options_.json ? std::cerr : std::cout;
     if (!options_.json)
         out << '\n';
-    print_totals(out, flows_, totals);
+    print_totals(out, flows, totals);
     std::cout.flush();
+    if (!std::cout)
+        say("the report can't be written");
+    report_written_ = report_written_ && std::cout;
+    std::cout.clear();
 }
 
 } // namespace avcore

@@ -3,23 +3,22 @@
 #pragma once
 
 #include "avcore/channel_server.h"
-#include "avcore/client_rules.h"
 #include "avcore/config.h"
 #include "avcore/dns_names.h"
-#include "avcore/dpi.h"
 #include "avcore/feeder.h"
-#include "avcore/flow_table.h"
+#include "avcore/frame_builder.h"
 #include "avcore/frame_sink.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
 #include "avcore/report.h"
+#include "avcore/signals.h"
 #include "avcore/source.h"
 
 namespace avcore {
 
 class session {
 public:
-    // Opens everything; throws std::runtime_error. SIGINT and SIGTERM are blocked from here on.
+    // Opens everything; throws std::runtime_error.
     session(const options &options, const config &settings);
 
     // Runs until the input ends, a signal comes or the daemon is gone, and prints the report.
@@ -30,6 +29,8 @@ private:
     enum class ending { none, complete, stopped, failed };
 
     ending turn();
+    void tick(int64_t now_ms);
+    void take_signal();
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -39,33 +40,35 @@ private:
     void take(const syslog_line &line);
     void take(const switch_setting &setting);
     std::vector<std::byte> answer(const question &asked);
-    void learn_names(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us);
     void explain_waiting(int64_t now_ms);
+    void explain_link_type();
+    void say(const std::string &what); // on standard error
     void report();
 
     const options &options_;
     const config &settings_;
-    client_rules rules_;
-    flow_table flows_;
+    signals signals_; // before anything starts a thread
+    frame_builder builder_;
     feeder feeder_;
-    unique_fd signals_;
     frame_source source_;
     frame_sink sink_;
     channel_server channel_;
     progress_bar progress_;
-    std::unique_ptr<dpi_engine> dpi_; // null: switched off
-    dns_names names_;
-    int64_t frame_time_us_ = 0;               // of the last frame read
+    name_timeline names_;
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
+    bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;
     int64_t first_frame_ms_ = -1;
     bool input_ended_ = false;
     bool more_input_ = false; // without waiting
     bool sink_full_ = false;
+    bool link_down_ = false; // when it was last asked
     bool stop_requested_ = false;
     bool waiting_explained_ = false;
+    bool link_type_explained_ = false;
+    bool report_written_ = true;
     std::string error_;
 };
 

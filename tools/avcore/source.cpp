@@ -1,8 +1,7 @@
 #include "avcore/source.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <stdexcept>
-#include <sys/stat.h>
 
 namespace avcore {
 namespace {
@@ -17,17 +16,18 @@ std::runtime_error failure(const std::string &what, const std::string &why) {
     return std::runtime_error(what + ": " + why);
 }
 
+// Files hold any numbers for time stamps. These leave room for ages to be added.
+int64_t time_us(const timeval &stamp) {
+    constexpr int64_t latest_s = int64_t{1} << 40;
+    return std::clamp<int64_t>(stamp.tv_sec, 0, latest_s) * 1'000'000 +
+           std::clamp<int64_t>(stamp.tv_usec, 0, 999'999);
+}
+
 } // namespace
 
 frame_source frame_source::open_file(const std::string &path) {
-    char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t *handle = pcap_open_offline(path.c_str(), error);
-    if (handle == nullptr)
-        throw failure("can't read the capture", error);
-    frame_source source(handle);
-    struct stat status = {};
-    if (FILE *file = pcap_file(handle); file != nullptr && fstat(fileno(file), &status) == 0)
-        source.file_size_ = status.st_size;
+    frame_source source;
+    source.file_ = std::make_unique<file_reader>(path);
     return source;
 }
 
@@ -36,7 +36,8 @@ frame_source frame_source::open_interface(const std::string &name) {
     pcap_t *handle = pcap_create(name.c_str(), error);
     if (handle == nullptr)
         throw failure("can't capture on " + name, error);
-    frame_source source(handle);
+    frame_source source;
+    source.live_.reset(handle);
     pcap_set_snaplen(handle, SNAP_LENGTH);
     pcap_set_promisc(handle, 1);
     pcap_set_timeout(handle, READ_TIMEOUT_MS);
@@ -48,63 +49,83 @@ frame_source frame_source::open_interface(const std::string &name) {
     }
     if (pcap_setnonblock(handle, 1, error) != 0)
         throw failure("can't capture on " + name, error);
-    source.fd_ = pcap_get_selectable_fd(handle);
-    if (source.fd_ < 0)
+    if (source.fd() < 0)
         throw failure("can't capture on " + name, "nothing to wait for");
     return source;
 }
 
-frame_source::result frame_source::next(captured_frame &frame) {
-    pcap_pkthdr *header = nullptr;
-    const uint8_t *bytes = nullptr;
-    switch (pcap_next_ex(handle_.get(), &header, &bytes)) {
-    case 1:
+int frame_source::fd() const {
+    return file_ ? file_->fd() : pcap_get_selectable_fd(live_.get());
+}
+
+int frame_source::link_type() const {
+    return file_ ? file_->link_type() : pcap_datalink(live_.get());
+}
+
+frame_source::result frame_source::next_of_file() {
+    switch (file_->take(read_)) {
+    case file_reader::result::frame:
+        header_ = &read_.header;
+        bytes_ = read_.bytes.data();
+        return result::frame;
+    case file_reader::result::nothing:
+        return result::nothing;
+    case file_reader::result::end:
+        return result::end;
+    case file_reader::result::failed:
         break;
+    }
+    error_ = file_->error();
+    return result::failed;
+}
+
+frame_source::result frame_source::next_live() {
+    pcap_pkthdr *header = nullptr;
+    switch (pcap_next_ex(live_.get(), &header, &bytes_)) {
+    case 1:
+        header_ = header;
+        return result::frame;
     case 0:
         return result::nothing;
-    case PCAP_ERROR_BREAK:
-        return result::end;
     default:
-        error_ = pcap_geterr(handle_.get());
+        error_ = std::string("the input ends early: ") + pcap_geterr(live_.get());
         return result::failed;
     }
+}
+
+frame_source::result frame_source::next(captured_frame &frame) {
+    if (const result read = file_ ? next_of_file() : next_live(); read != result::frame)
+        return read;
     ++counts_.read;
-    if (pcap_datalink(handle_.get()) != DLT_EN10MB) {
+    if (link_type() != DLT_EN10MB) {
         ++counts_.other_link_type;
         return result::skipped;
     }
-    if (header->caplen == 0) {
+    if (header_->caplen == 0) {
         ++counts_.empty;
         return result::skipped;
     }
-    if (header->len > max_frame_size_ || header->caplen > max_frame_size_) {
+    if (header_->caplen > max_frame_size_) {
         ++counts_.too_long;
         return result::skipped;
     }
-    if (header->caplen < header->len)
+    if (header_->caplen < header_->len)
         ++counts_.cut_short;
-    frame.bytes = {bytes, header->caplen};
-    frame.time_us = int64_t{header->ts.tv_sec} * 1'000'000 + header->ts.tv_usec;
+    frame.bytes = {bytes_, header_->caplen};
+    frame.time_us = time_us(header_->ts);
     return result::frame;
-}
-
-double frame_source::share_read() const {
-    FILE *file = pcap_file(handle_.get());
-    if (file == nullptr || file_size_ <= 0)
-        return 0;
-    return static_cast<double>(ftello(file)) / static_cast<double>(file_size_);
 }
 
 source_counts frame_source::counts() const {
     source_counts counts = counts_;
     pcap_stat statistics = {};
-    if (live() && pcap_stats(handle_.get(), &statistics) == 0)
+    if (live_ && pcap_stats(live_.get(), &statistics) == 0)
         counts.dropped = uint64_t{statistics.ps_drop} + statistics.ps_ifdrop;
     return counts;
 }
 
 std::string frame_source::foreign_link_type() const {
-    const int type = pcap_datalink(handle_.get());
+    const int type = link_type();
     if (type == DLT_EN10MB)
         return {};
     const char *name = pcap_datalink_val_to_name(type);

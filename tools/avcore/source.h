@@ -1,6 +1,8 @@
-// Where the frames come from: a pcap or pcapng file, or a live capture. What can't be carried is
-// counted here and goes no further.
+// Where the frames come from: a pcap or pcapng file, or a live capture. Neither is ever waited for
+// in here. What can't be carried is counted and goes no further.
 #pragma once
+
+#include "avcore/file_reader.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -37,30 +39,35 @@ public:
     enum class result {
         frame,
         skipped, // one that can't be carried
-        nothing, // now; a live capture only
+        nothing, // now
         end,
         failed, // `error` says why
     };
     result next(captured_frame &frame);
 
-    int fd() const { return fd_; } // to wait for in a live capture, -1 for a file
-    bool live() const { return fd_ >= 0; }
+    int fd() const; // readable when there is more than nothing
     const std::string &error() const { return error_; }
-    double share_read() const; // of a file, 0 to 1
+    double share_read() const { return file_ ? file_->share_read() : 0; }
     source_counts counts() const;
     // Empty for Ethernet, else what the link type is.
     std::string foreign_link_type() const;
 
 private:
+    int link_type() const;
+    result next_of_file();
+    result next_live();
+
     struct closer {
         void operator()(pcap_t *handle) const { pcap_close(handle); }
     };
-    explicit frame_source(pcap_t *handle) : handle_(handle) {}
+    frame_source() = default;
 
-    std::unique_ptr<pcap_t, closer> handle_;
-    int fd_ = -1;
+    std::unique_ptr<file_reader> file_; // one of these two
+    std::unique_ptr<pcap_t, closer> live_;
+    file_frame read_;                     // from the file
+    const pcap_pkthdr *header_ = nullptr; // of the frame read last
+    const uint8_t *bytes_ = nullptr;
     size_t max_frame_size_ = 0;
-    int64_t file_size_ = 0;
     std::string error_;
     source_counts counts_;
 };

@@ -22,7 +22,7 @@ av_pkt_trailer build_trailer(const client_rules &rules, const frame_facts &frame
     trailer.src_if_index = source.if_index;
     copy_text(trailer.dst_if_name, destination.if_name);
     copy_text(trailer.src_if_name, source.if_name);
-    trailer.flow_id = flow.row != nullptr ? flow.row->id : 0;
+    trailer.flow_id = flow.row.id;
     trailer.filter_type = client.filter_type;
     return trailer;
 }

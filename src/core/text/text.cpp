@@ -41,7 +41,7 @@ void text_appender::append(std::string_view piece) {
     full_ = full_ || *length_ >= capacity_ || piece.size() >= capacity_ - *length_;
     if (full_)
         return;
-    memcpy(buffer_ + *length_, piece.data(), piece.size());
+    std::copy(piece.begin(), piece.end(), buffer_ + *length_);
     *length_ += piece.size();
     buffer_[*length_] = '\0';
 }

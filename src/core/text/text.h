@@ -61,7 +61,7 @@ public:
     const char *c_str() const { return text_; }
 
 private:
-    char text_[129];
+    char text_[257]; // holds the longest domain name
 };
 
 // Without the spaces, carriage returns and line feeds at both ends; a tab stays.

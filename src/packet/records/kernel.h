@@ -83,6 +83,12 @@ enum av_verdict_code : uint32_t {
     AV_VERDICT_QOS = 5,
 };
 
+// Values of av_verdict::wificalling_f: which path decided; 0 for any other.
+enum av_deciding_path : uint32_t {
+    AV_DECIDED_BY_WEB = 1,
+    AV_DECIDED_BY_WIFICALLING = 5,
+};
+
 // Values of av_verdict::policy_type.
 enum av_policy_type : uint32_t {
     AV_POLICY_DEFAULT = 2,
@@ -90,6 +96,8 @@ enum av_policy_type : uint32_t {
     AV_POLICY_RATE_LIMIT = 4,
     AV_POLICY_QOS = 5,
 };
+
+inline constexpr uint8_t AV_MARK_DOT1P_AND_DSCP = 2; // of av_qos::mark_pri
 
 // The QoS bytes of a verdict. All ones means "no decision" in each of them.
 struct av_qos {
@@ -128,7 +136,7 @@ struct av_verdict {
     uint16_t reserved2;
     av_qos qos;
     uint32_t match_info;
-    uint32_t wificalling_f; // 1 URL-filtering verdict, 5 Wi-Fi calling verdict, 0 otherwise
+    uint32_t wificalling_f; // av_deciding_path
     uint32_t policy_type;   // av_policy_type
 };
 static_assert(sizeof(av_verdict) == 232);

@@ -34,6 +34,10 @@ int psms_av_set_dev_av(const char *ifname, int enable) {
     return set_switch(av_switch::av, enable, ifname);
 }
 
+int psms_av_set_dev_wfc(const char *ifname, int enable) {
+    return set_switch(av_switch::wfc, enable, ifname);
+}
+
 int psms_av_set_tm_en(int enable) {
     return set_switch(av_switch::tm, enable, "");
 }

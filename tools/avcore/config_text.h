@@ -1,0 +1,19 @@
+// The text of a configuration file, before anyone parses it: bounded in size, and in how deep its
+// tables can nest, for the parser recurses. Throws config_error.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace avcore {
+
+inline constexpr size_t MAX_CONFIG_SIZE = size_t{1} << 20;
+// A key stands on one line and a dot for each part but the first, and the parser itself bounds how
+// often values nest.
+inline constexpr size_t MAX_DOTS_A_LINE = 64;
+
+std::string read_config_text(const std::string &path);
+// `name` stands for the file in the message.
+void refuse_deep_keys(std::string_view text, const std::string &name);
+
+} // namespace avcore

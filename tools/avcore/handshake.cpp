@@ -1,0 +1,81 @@
+#include "avcore/handshake.h"
+
+#include "avcore/frame.h"
+#include "core/text/text.h"
+#include "packet/decode/cursor.h"
+
+#include <algorithm>
+#include <netinet/in.h>
+
+namespace avcore {
+namespace {
+
+constexpr size_t TCP_HEADER_SIZE = 20;
+constexpr size_t CUT_SIZE = 79; // nDPI keeps the end of a longer one
+constexpr uint8_t TLS_HANDSHAKE = 22;
+constexpr uint8_t TLS_SERVER_HELLO = 2;
+constexpr size_t TLS_RECORD_HEADER_SIZE = 5;
+constexpr uint8_t QUIC_LONG_HEADER = 0x80;
+constexpr uint8_t QUIC_TYPE = 0x30;
+constexpr uint8_t QUIC_V1_RETRY = 0x30;
+
+byte_view tcp_payload(byte_view packet) {
+    const byte_view segment = packet.from((packet.u8(0) & 0x0Fu) * size_t{4});
+    const size_t header_size = (segment.u8(12) >> 4) * size_t{4};
+    if (packet.u8(9) != IPPROTO_TCP || header_size < TCP_HEADER_SIZE)
+        return {};
+    return segment.from(header_size);
+}
+
+bool is_server_hello(byte_view payload) {
+    return payload.u8(0) == TLS_HANDSHAKE && payload.u8(1) == 3 &&
+           payload.u8(TLS_RECORD_HEADER_SIZE) == TLS_SERVER_HELLO;
+}
+
+// Neither a version negotiation (version 0) nor a Retry has looked at the handshake.
+bool goes_on_in_quic(byte_view payload) {
+    const bool versioned = payload.u16(1) != 0 || payload.u16(3) != 0;
+    const bool v1 = payload.u16(1) == 0 && payload.u16(3) == 1;
+    return (payload.u8(0) & QUIC_LONG_HEADER) != 0 && versioned &&
+           !(v1 && (payload.u8(0) & QUIC_TYPE) == QUIC_V1_RETRY);
+}
+
+bool in_host_name(char c) {
+    const char lower = ascii_lower(c);
+    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+           c == '.';
+}
+
+} // namespace
+
+bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4) {
+    const byte_view packet(ipv4.data(), ipv4.size());
+    switch (shown) {
+    case handshake::http:
+        return tcp_payload(packet).text().starts_with("HTTP/1.");
+    case handshake::tls:
+        return is_server_hello(tcp_payload(packet));
+    case handshake::quic: {
+        const std::span<const uint8_t> payload = udp_payload(ipv4);
+        return goes_on_in_quic({payload.data(), payload.size()});
+    }
+    case handshake::none:
+        break;
+    }
+    return false;
+}
+
+std::optional<std::string> host_name_in(std::string_view shown) {
+    if (shown.size() >= CUT_SIZE)
+        return std::nullopt;
+    std::string_view host = shown.substr(0, shown.find(':'));
+    if (host.ends_with('.'))
+        host.remove_suffix(1);
+    const bool has_letter =
+        std::any_of(host.begin(), host.end(), [](char c) { return ascii_lower(c) >= 'a'; });
+    if (!has_letter || !std::all_of(host.begin(), host.end(), in_host_name))
+        return std::nullopt;
+    return std::string(host);
+}
+
+} // namespace avcore

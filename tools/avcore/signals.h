@@ -1,0 +1,25 @@
+// The signals that avcore answers, as something that its loop waits for.
+#pragma once
+
+#include "unique_fd.h"
+
+namespace avcore {
+
+class signals {
+public:
+    // They are blocked from here on, in later threads, too. Throws std::runtime_error.
+    signals();
+
+    enum class request {
+        none,
+        stop,  // SIGINT, SIGTERM, and SIGHUP unless it was ignored (nohup)
+        print, // SIGUSR1
+    };
+    request take();
+    int fd() const { return fd_.get(); }
+
+private:
+    unique_fd fd_;
+};
+
+} // namespace avcore
