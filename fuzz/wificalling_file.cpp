@@ -1,9 +1,9 @@
 // The Wi-Fi calling file as somebody may have left it. What was read of it is written, read and
 // written again: from the second writing on the file stays the same. (The first may hold a binding
 // whose carriers a later line has replaced by unknown ones.)
+#include "wificalling/wificalling_file.h"
 #include "support/fresh_state.h"
 #include "support/saved_folder.h"
-#include "wificalling/wificalling_file.h"
 
 #include <cstdlib>
 #include <string>
