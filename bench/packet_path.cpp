@@ -14,6 +14,7 @@
 #include "report.h"
 #include "support/fake_platform.h"
 #include "support/policies.h"
+#include "web_cases.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
@@ -32,6 +33,7 @@ constexpr bench_goal GOALS[] = {
     {"verdict/tcp", "B", 1.0 / 20},
     {"arc/source", "arc/empty", 3},
     {"arc/both", "arc/empty", 3},
+    {"url/full", "url/empty", 1.5},
     {"dns/by_destination", "B", 1.0 / 15},
     {"dns/by_source", "B", 1.0 / 10},
     {"dns/two_misses_full", "B", 1.0 / 8},
@@ -171,6 +173,7 @@ int main(int argc, char *argv[]) {
         benchmark::RegisterBenchmark(wanted.name, time_decoding, wanted);
     for (const packet_case &wanted : VERDICT_CASES)
         benchmark::RegisterBenchmark(wanted.name, time_verdict, wanted);
+    register_web_cases();
     register_dns_cases();
 
     const double bare_ns = shortly ? measure_b(1, 1000) : measure_b(BARE_RUNS, BARE_PACKETS);

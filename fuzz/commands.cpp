@@ -6,6 +6,7 @@
 #include "hostile_answers.h"
 #include "support/fresh_state.h"
 #include "support/saved_folder.h"
+#include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
 
 #include <cstdlib>
@@ -22,20 +23,23 @@ int set_up() {
     return open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 
+template <typename Policy>
+void check_link(const Policy *linked, const record_list<Policy> &list) {
+    if (linked != nullptr &&
+        list.find([linked](const Policy &policy) { return &policy == linked; }) == nullptr)
+        abort();
+}
+
 void check_links() {
-    for (const utp_entry<arc_policy> &entry : jorn_state.arc_utp_table) {
-        if (entry.policy != nullptr &&
-            jorn_state.arc_policy_list.find(
-                [&entry](const arc_policy &policy) { return &policy == entry.policy; }) == nullptr)
-            abort();
-    }
+    for (const utp_entry<arc_policy> &entry : jorn_state.arc_utp_table)
+        check_link(entry.policy, jorn_state.arc_policy_list);
+    for (const utp_entry<web_policy> &entry : jorn_state.web_utp_table)
+        check_link(entry.policy, jorn_state.web_policy_list);
+    for (const web_intf &binding : jorn_state.web_intf_list)
+        check_link(binding.policy, jorn_state.web_policy_list);
     for (const wificalling_intf &binding : jorn_state.wificalling_intf_list) {
-        for (const wificalling_policy *ref : binding.policy_ref) {
-            if (ref != nullptr &&
-                jorn_state.wificalling_policy_list.find(
-                    [ref](const wificalling_policy &policy) { return &policy == ref; }) == nullptr)
-                abort();
-        }
+        for (const wificalling_policy *ref : binding.policy_ref)
+            check_link(ref, jorn_state.wificalling_policy_list);
     }
 }
 
@@ -61,6 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     jorn_process_arc_policy_flush();
     jorn_process_utp_flush();
+    jorn_process_web_policy_flush();
+    jorn_state.web_intf_list.release_all();
     jorn_process_wificalling_policy_flush();
     jorn_state.wificalling_intf_list.release_all();
     return 0;

@@ -9,6 +9,7 @@
 #include "packet/process.h"
 #include "support/fresh_state.h"
 #include "support/policies.h"
+#include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
 
 #include <cstdint>
@@ -29,6 +30,32 @@ void add_logged_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     add_policy(policy);
 }
 
+// Patterns of every form, categories, and interfaces with and without a policy.
+void add_web_policies() {
+    web_policy_wire policy = {};
+    strcpy(policy.uuid, "u");
+    policy.utp_id = 3;
+    policy.num_categories = 2;
+    policy.categories[0] = 4;
+    policy.categories[1] = 0x10004;
+    policy.num_whitelist = policy.num_blacklist = 3;
+    constexpr const char *PATTERNS[] = {"*.white*", "w*", "*.net.*"};
+    for (size_t i = 0; i < 3; ++i) {
+        strcpy(policy.whitelist[i], PATTERNS[i]);
+        strcpy(policy.blacklist[i], i < 2 ? "*.black" : "");
+    }
+    __web_find_intf_and_build_utp_for_pcy(&policy);
+    web_intf_wire binding = {};
+    binding.enable = 1;
+    binding.op = WEB_INTF_ADD;
+    for (const char *ifname : {"wlan0", "sixteen-letters."}) {
+        strcpy(binding.ifname, ifname);
+        jorn_process_web_intf_config(&binding);
+        strcpy(binding.policy_uuid, "u");
+    }
+    strcpy(jorn_settings.video_stream_domain, "cdn");
+}
+
 void add_carrier() {
     wificalling_policy_wire carrier = {2,  {},        3, {{"epdg.example", 0x0502000A}, {"aa", 0}},
                                        "", "carrier", {}};
@@ -44,6 +71,7 @@ void set_up() {
     jorn_settings.tm_engine_enabled = 1;
     add_logged_policy(1, "com", 1);
     add_logged_policy(2, "a", 2);
+    add_web_policies();
     add_carrier();
 }
 
@@ -62,6 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     header.caplen = header.len = static_cast<uint32_t>(size);
     for (const uint8_t debug : {uint8_t{0}, uint8_t{1}}) {
         jorn_settings.debug = debug;
+        jorn_state.reachable_flag = debug;
         jorn_pkt_callback(nullptr, &header, captured.get());
     }
     hash_table_clear(jorn_state.dns_cache); // what was learnt

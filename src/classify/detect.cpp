@@ -1,6 +1,7 @@
 #include "classify/detect.h"
 
 #include "classify/dns_app.h"
+#include "classify/trailer_step.h"
 #include "core/base/log.h"
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
@@ -27,13 +28,6 @@ constexpr string_view GENERIC_WEB_NAMES[] = {"World Wide Web HTTP", "HTTP",
 constexpr size_t FLOW_NAME_TEXT_MAX = IPV4_TEXT_MAX + 1 + IPV4_TEXT_MAX + 1 + 5;
 static_assert(FLOW_NAME_TEXT_MAX < sizeof(pkt_ctx::app_name));
 static_assert(sizeof(pkt_ctx::app_name) == sizeof(pkt_ctx::orig_app));
-
-// Where a packet goes on behind a step of the trailer.
-enum class after_step : uint8_t {
-    next,      // to the step behind it
-    matched,   // nowhere: the packet is decided
-    undecided, // to the steps that need no trailer
-};
 
 // The administrator's definitions and ports name the flow and decide nothing.
 after_step name_by_administrator(pkt_ctx &ctx, const trailer_view &) {
@@ -93,6 +87,7 @@ struct trailer_step {
 constexpr trailer_step TRAILER_STEPS[] = {
     {0, false, name_by_administrator},
     {AV_FILTER_WIFICALLING, false, tag_wificalling},
+    {AV_FILTER_URL, true, filter_url},
     {AV_FILTER_DPI, true, take_dpi_result},
 };
 

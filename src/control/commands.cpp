@@ -9,8 +9,13 @@
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/dns/dns_cache.h"
+#include "core/text/text.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
+#include "webfilter/agent_reply.h"
+#include "webfilter/web_file.h"
+#include "webfilter/web_show.h"
+#include "webfilter/web_tables.h"
 #include "wificalling/show_wificalling.h"
 #include "wificalling/wificalling_file.h"
 #include "wificalling/wificalling_tables.h"
@@ -29,6 +34,7 @@ struct request {
     int fd;
     const uint8_t *payload; // COMMAND_PAYLOAD_SIZE bytes, zeros behind the received ones
     size_t received;        // of the payload
+    uint32_t length;        // of the payload, as the header has it
 };
 
 using handler = void (*)(const request &);
@@ -45,7 +51,7 @@ struct command_row {
 constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
 constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
-constexpr follow_up SAVE_WEB_FILTER = nullptr;
+constexpr follow_up SAVE_WEB_FILTER = jorn_save_web_configuration;
 constexpr follow_up SAVE_WIFICALLING = jorn_save_wificalling_configuration;
 
 // The ways from a request to the function that serves it: what a row hands over of the payload, and
@@ -118,6 +124,15 @@ void process_debug_cfg(uint32_t value) {
     jorn_settings.debug = static_cast<uint8_t>(value);
 }
 
+// The one payload whose length the header has. No interface has a name of more than 16 characters:
+// a longer text is cut, and not found.
+void show_intf_url_policy(const request &r) {
+    char ifname[32] = {};
+    copy_text(ifname, {reinterpret_cast<const char *>(r.payload),
+                       std::min<size_t>(r.length, sizeof ifname)});
+    jorn_process_per_intf_url_policy_list(r.fd, ifname);
+}
+
 void jorn_process_ut_case(int32_t test_id) {
     JORN_INFO("Test Id = %d\n", test_id);
     JORN_ERROR("Unknown testid = %d\n", test_id);
@@ -137,7 +152,8 @@ constexpr command_row COMMANDS[] = {
     {CMD_WRITE_CFG_REQ, bare<jorn_process_cmd_write_cfg>, NOTHING},
     {CMD_ARC_UTP_CFG_REQ, completed<utp_entry_wire, jorn_process_arc_config>,
      SAVE_APPLICATION_POLICIES},
-    {CMD_WEB_UTP_CFG_REQ, NOT_YET, SAVE_APPLICATION_POLICIES},
+    {CMD_WEB_UTP_CFG_REQ, completed<utp_entry_wire, jorn_process_url_config>,
+     SAVE_APPLICATION_POLICIES},
     {CMD_UTP_FLUSH_REQ, bare<jorn_process_utp_flush>, NOTHING},
     {CMD_ARC_POLICY_CFG_REQ, completed<arc_policy_wire, process_arc_policy_cfg>,
      SAVE_APPLICATION_POLICIES},
@@ -145,12 +161,12 @@ constexpr command_row COMMANDS[] = {
     {CMD_UTP_SHOW_REQ, NOT_YET, NOTHING},
     {CMD_ARC_POLICY_LOG_CFG_REQ, completed<arc_policy_log_cfg, process_arc_policy_log_cfg>,
      SAVE_APPLICATION_POLICIES},
-    {CMD_WEB_POLICY_CFG_REQ, NOT_YET, SAVE_WEB_FILTER},
-    {CMD_WEB_POLICY_FLUSH_REQ, NOT_YET, NOTHING},
-    {CMD_WEB_INTF_CFG_REQ, NOT_YET, SAVE_WEB_FILTER},
-    {CMD_UF_AGENT_REPLY, NOT_YET, NOTHING},
-    {CMD_INTF_URL_POLICY_SHOW_REQ, NOT_YET, NOTHING},
-    {CMD_UTP_WEB_POLICY_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_WEB_POLICY_CFG_REQ, completed<web_policy_wire, process_web_policy_cfg>, SAVE_WEB_FILTER},
+    {CMD_WEB_POLICY_FLUSH_REQ, bare<jorn_process_web_policy_flush>, NOTHING},
+    {CMD_WEB_INTF_CFG_REQ, completed<web_intf_wire, process_web_intf_cfg>, SAVE_WEB_FILTER},
+    {CMD_UF_AGENT_REPLY, whole<uf_agent_reply, jorn_process_uf_agent_async_reply>, NOTHING},
+    {CMD_INTF_URL_POLICY_SHOW_REQ, show_intf_url_policy, NOTHING},
+    {CMD_UTP_WEB_POLICY_SHOW_REQ, completed<uint32_t, jorn_show_utp_web_policy>, NOTHING},
     {CMD_DEBUG_CFG_REQ, completed<uint32_t, process_debug_cfg>, NOTHING},
     {CMD_WIFICALLING_POLICY_CFG_REQ,
      completed<wificalling_policy_wire, process_wificalling_policy>, SAVE_WIFICALLING},
@@ -176,7 +192,7 @@ void run_command(int fd, const void *message, size_t received) {
     cmd_msg_hdr header;
     memcpy(&header, message, sizeof header);
     const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
-                       received > sizeof header ? received - sizeof header : 0};
+                       received > sizeof header ? received - sizeof header : 0, header.len};
     const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
     if (row == std::end(COMMANDS) || row->run == NOT_YET)
         return;
@@ -187,5 +203,6 @@ void run_command(int fd, const void *message, size_t received) {
 
 int jorn_process_cmd_write_cfg(int fd) {
     jorn_save_configuration();
+    jorn_save_web_configuration();
     return answer(fd, list_write_cfg);
 }

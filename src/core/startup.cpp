@@ -14,6 +14,7 @@
 #include "core/text/text.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
+#include "webfilter/web_file.h"
 #include "wificalling/wificalling_file.h"
 
 #include <cstdio>
@@ -29,6 +30,7 @@ void set_defaults(daemon_settings &settings) {
     copy_text(settings.conf_path, DEFAULT_CONF_PATH);
     copy_text(settings.sock_path, DEFAULT_SOCK_PATH);
     copy_text(settings.saved_files_folder, DEFAULT_SAVED_FILES_FOLDER);
+    copy_text(settings.video_stream_domain, JORN_VIDEO_STREAM_DOMAIN);
     settings.tm_engine_enabled = 0;
     settings.reserved = 0;
     settings.arc_enabled = 0;
@@ -41,13 +43,20 @@ void register_crash_dump() {
     crashdump_out_init(path);
 }
 
+// The saved configurations in their order: the last empties the UTP tables.
+constexpr void (*LOADERS[])() = {
+    jorn_load_web_configurations,
+    jorn_load_wificalling_configurations,
+    jorn_load_configurations,
+};
+
 // The steps that a platform or the files may draw out. An exit signal that came meanwhile ends them
 // as it ends the loop: with the statistics and the clean-up.
 void load_and_run(capture_context *capture_ctx) {
-    if (!exit_requested())
-        jorn_load_wificalling_configurations();
-    if (!exit_requested())
-        jorn_load_configurations();
+    for (const auto load : LOADERS) {
+        if (!exit_requested())
+            load();
+    }
     if (exit_requested())
         jorn_signal_handle(capture_ctx);
     else

@@ -4,16 +4,20 @@
 #include "classify/detect.h"
 #include "packet/app_visibility.h"
 #include "packet/decode/flow_key.h"
+#include "webfilter/decision.h"
 
 packet_processor jorn_pkt_processor;
 
 namespace {
 
-// A list hit is a decision already, and so is a Wi-Fi calling tag.
+// A list hit is a decision already, and so is a Wi-Fi calling tag. What the web owns is never
+// judged by application, whatever became of its policy or category.
 void apply_policy(pkt_ctx *ctx) {
-    if (ctx->white_hit == WHITE_HIT || ctx->black_hit == BLACK_HIT || ctx->url_filter != 0)
+    if (ctx->white_hit == WHITE_HIT || ctx->black_hit == BLACK_HIT)
         return;
-    if (ctx->wfc_priority == WFC_PRIORITY_NONE)
+    if (ctx->url_filter != 0)
+        jorn_apply_web_policy(ctx);
+    else if (ctx->wfc_priority == WFC_PRIORITY_NONE)
         jorn_apply_arc_policy(ctx);
 }
 

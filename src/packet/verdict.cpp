@@ -71,6 +71,53 @@ void apply_arc_outcome(const pkt_ctx &ctx, av_verdict &record) {
         apply_arc_rule(*ctx.arc_rule, record);
 }
 
+// Whether the daemon's decision stands; an unreachable URL server leaves it to the application
+// policy of a UTP that has one.
+uint32_t default_policy_of(const pkt_ctx &ctx) {
+    constexpr char FUNCTION[] = "jorn_output";
+    if (jorn_state.reachable_flag != 1)
+        return 1;
+    if (jorn_check_arc_enabled(&ctx) == 1) {
+        JORN_DEBUG_AS(FUNCTION, "Domain name default set policy 0 %s domain %s app\n",
+                      printable_text(ctx.web_domain).c_str(), printable_text(ctx.app_name).c_str());
+        return 0;
+    }
+    JORN_DEBUG_AS(FUNCTION, "Domain name default set policy 1 %s domaini %s app\n",
+                  printable_text(ctx.web_domain).c_str(), printable_text(ctx.app_name).c_str());
+    return 1;
+}
+
+void decide_by_web(av_verdict &record, av_verdict_code code, uint8_t denied) {
+    record.verdict = code;
+    record.default_policy = 1;
+    record.qos.url_decided = 1;
+    record.qos.deny = denied;
+}
+
+// A flow of the web's goes by the domain that was asked for, even where none was.
+void apply_web_outcome(pkt_ctx &ctx, av_verdict &record) {
+    constexpr char FUNCTION[] = "jorn_output";
+    if (ctx.web_action == WEB_ACTION_BLOCK) {
+        decide_by_web(record, AV_VERDICT_DENY, 1);
+    } else {
+        record.qos.url_decided = 0;
+        record.qos.deny = 0;
+        record.default_policy = default_policy_of(ctx);
+    }
+    if (ctx.black_hit == BLACK_HIT) {
+        decide_by_web(record, AV_VERDICT_DENY, 1);
+        JORN_DEBUG_AS(FUNCTION, "Domain name comes under black list BLOCKING %s domain\n",
+                      printable_text(ctx.web_domain).c_str());
+    }
+    if (ctx.white_hit == WHITE_HIT) {
+        decide_by_web(record, AV_VERDICT_WHITE_LIST, 0);
+        JORN_DEBUG_AS(FUNCTION, "Domain name comes under white list Allowing %s domain\n",
+                      printable_text(ctx.web_domain).c_str());
+    }
+    memcpy(ctx.app_name, ctx.web_domain, sizeof ctx.app_name);
+    record.wificalling_f = AV_DECIDED_BY_WEB;
+}
+
 // The carrier's priority marks and classes the flow, which gets the carrier's name.
 void apply_wificalling_tag(pkt_ctx &ctx, av_verdict &record) {
     constexpr char FUNCTION[] = "jorn_output";
@@ -115,11 +162,15 @@ int jorn_check_arc_enabled(const pkt_ctx *ctx) {
 int jorn_output(pkt_ctx *ctx) {
     av_verdict record = default_verdict(*ctx);
     apply_arc_outcome(*ctx, record);
-    record.default_policy = 1;
-    if (ctx->wfc_priority != WFC_PRIORITY_NONE)
-        apply_wificalling_tag(*ctx, record);
-    else
-        record.app_id = ctx->app_id;
+    if (ctx->url_filter != 0) {
+        apply_web_outcome(*ctx, record);
+    } else {
+        record.default_policy = 1;
+        if (ctx->wfc_priority != WFC_PRIORITY_NONE)
+            apply_wificalling_tag(*ctx, record);
+        else
+            record.app_id = ctx->app_id;
+    }
 
     copy_lower_case(record.app_name, field_text(ctx->app_name));
     if (record.qos.deny == 1)

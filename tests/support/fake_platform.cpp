@@ -130,8 +130,11 @@ int psm_webroot_server_pgetName(psm_xact *xact, char *text, size_t size) {
 }
 
 int psm_urlfilter_get_category(const void *request, void *reply) {
-    called(__func__, bytes{request, sizeof(urlf_request)});
-    return platform.category_answer != nullptr ? platform.category_answer(request, reply) : -1;
+    const int result = called(__func__, bytes{request, sizeof(urlf_request)});
+    if (platform.category_answer != nullptr)
+        return platform.category_answer(request, reply);
+    memset(reply, 0, sizeof(urlf_reply));
+    return result;
 }
 
 const char g_cat_map[84][66] = {" Uncategorized", " Real Estate"};

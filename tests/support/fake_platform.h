@@ -32,8 +32,8 @@ struct fake_platform {
     std::string url_server;                  // empty: none is configured
     std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
 
-    // In place of `dns`, and the agent that is asked for web categories: without one it has no
-    // answer. They may allocate nothing where `keeps_calls` is off.
+    // In place of `dns`, and of an agent that knows every domain and no category. They allocate
+    // nothing where `keeps_calls` is off.
     fake_dns_answer (*dns_answer)(uint32_t address_be) = nullptr;
     int (*category_answer)(const void *request, void *reply) = nullptr;
 };

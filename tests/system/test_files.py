@@ -2,7 +2,6 @@
 import os
 import random
 import subprocess
-import threading
 import time
 import unittest
 
@@ -240,13 +239,7 @@ class Files(SystemTest):
                 os.unlink(POLICY_FILE)
             self.start()
             self.configure()
-            killer = threading.Timer(source.uniform(0, 0.02), self.jorn.kill)
-            killer.start()
-            try:
-                while True:
-                    command(WRITE)
-            except OSError:
-                killer.join()
+            kill_while_sending(self.jorn, WRITE, source)
             found = saved() if os.path.exists(POLICY_FILE) else ""
             self.assertTrue(WHOLE.startswith(found))
             self.jorn = None

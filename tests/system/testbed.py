@@ -403,6 +403,17 @@ def command(number, payload=b""):
         return reply
 
 
+def kill_while_sending(daemon, number, source):
+    """Sends one command after the other and kills the daemon at some moment of it."""
+    killer = threading.Timer(source.uniform(0, 0.02), daemon.kill)
+    killer.start()
+    try:
+        while True:
+            command(number)
+    except OSError:
+        killer.join()
+
+
 class SystemTest(unittest.TestCase):
     def setUp(self):
         self._platform = self._feed = None

@@ -6,6 +6,7 @@
 #include "packet/process.h"
 #include "support/frames.h"
 #include "support/fresh_state.h"
+#include "webfilter/web_tables.h"
 
 #include <gtest/gtest.h>
 
@@ -79,12 +80,22 @@ TEST(Allocations, NoneInTenThousandPackets) {
     platform.keeps_calls = false;
     jorn_pkt_processor = jorn_decode_eth_pkt;
     capture_context capture_ctx = {};
+    jorn_settings.tm_engine_enabled = 1;
+    const web_policy_wire policy = {};
+    __web_find_intf_and_build_utp_for_pcy(&policy);
+    const web_intf_wire binding = {1, "wlan0", {}, 0, WEB_INTF_ADD, "", {}};
+    jorn_process_web_intf_config(&binding);
+    av_pkt_trailer web = {};
+    web.filter_type = AV_FILTER_URL;
+    strcpy(web.src_if_name, "wlan0");
+    strcpy(web.kernel_domain, "www.example");
     const octets frames[] = {
         with_trailer(ethernet(0x0800, ipv4(6, tcp(40000, 443)))),
         with_trailer(ethernet(0x0800, ipv4(6, tcp(80, 1, "HTTP/1.1 302\r\nLocation: x\r\n")))),
         with_trailer(vlan(0x0800, ipv4(17, udp(1024, 53)))),
         with_trailer(pppoe(0x0021, ipv4(1, icmp_echo()))),
         with_trailer(ethernet(0x0806, arp())),
+        with_trailer(ethernet(0x0800, ipv4(6, tcp(40000, 443))), web),
     };
 
     count_from_now_on();
@@ -99,6 +110,8 @@ TEST(Allocations, NoneInTenThousandPackets) {
     const size_t calls = allocator_calls;
     EXPECT_EQ(calls, 0u);
     EXPECT_EQ(platform.verdicts, 10'000u);
+    jorn_process_web_policy_flush();
+    jorn_state.web_intf_list.release_all();
 }
 
 } // namespace

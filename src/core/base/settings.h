@@ -10,9 +10,10 @@ struct daemon_settings {
     uint8_t debug;     // "-d"; command 34 sets it
     char ifname[32];   // capture interface, "-i"
     char conf_path[64];
-    char sock_path[32];          // the command socket
-    char saved_files_folder[64]; // what outlives a restart
-    uint8_t tm_engine_enabled;   // the kernel's DPI engine is loaded
+    char sock_path[32];           // the command socket
+    char saved_files_folder[64];  // what outlives a restart
+    char video_stream_domain[64]; // of a video CDN; empty = none
+    uint8_t tm_engine_enabled;    // the kernel's DPI engine is loaded
     uint8_t reserved;
     uint8_t arc_enabled; // UTP entries or ARC policies were configured since the last flush
 };

@@ -15,7 +15,7 @@
 #include "core/base/record_list.h"
 #include "userapps/records/apps.h"
 #include "userapps/records/settled.h"
-#include "webfilter/records/web.h"
+#include "webfilter/records/web_policy.h"
 #include "wificalling/records/wificalling.h"
 
 #include <cstdint>

@@ -107,6 +107,28 @@ int psm_wlan_pgetAvcEn(psm_xact *, const char *ifname, int *enable) {
     return 0;
 }
 
+int psm_webroot_server_pgetName(psm_xact *, char *text, size_t size) {
+    platform_value value;
+    if (!read_platform_value(AV_KEY_URL_SERVER, value))
+        return -1;
+    snprintf(text, size, "%s", value);
+    return 0;
+}
+
+int psm_urlfilter_get_category(const void *request, void *reply) {
+    av_category_question question;
+    av_category_answer category = {};
+    memcpy(&question, request, sizeof question);
+    const av_bytes parts[] = {av_part(question)};
+    int32_t rc = 0;
+    if (!av_ask(av_op::urlfilter_get_category, parts, rc,
+                std::as_writable_bytes(std::span(&category, 1))))
+        return -1;
+    if (rc == 0)
+        memcpy(reply, &category, sizeof category);
+    return rc;
+}
+
 int psm_sys_get_fw_version(char *text, size_t size) {
     platform_value value;
     if (read_platform_value(AV_KEY_FIRMWARE, value)) {

@@ -9,14 +9,32 @@
 
 namespace {
 
+// Copies a text into a field of zeros. Returns whether it fits with its NUL.
+template <size_t N>
+bool fill(char (&field)[N], std::string_view text) {
+    if (text.size() >= N)
+        return false;
+    memcpy(field, text.data(), text.size());
+    return true;
+}
+
 int set_switch(av_switch which, int value, std::string_view ifname) {
     av_device_setting setting = {which, value, {}};
-    if (ifname.size() >= sizeof setting.ifname)
+    if (!fill(setting.ifname, ifname))
         return -1;
-    memcpy(setting.ifname, ifname.data(), ifname.size());
     const av_bytes parts[] = {av_part(setting)};
     return av_send(av_op::set_device, parts);
 }
+
+// A UTP has no interface.
+int set_safesearch(av_safesearch_setting setting, const char *ifname, std::string_view host) {
+    if (!fill(setting.ifname, ifname != nullptr ? ifname : "") || !fill(setting.host, host))
+        return -1;
+    const av_bytes parts[] = {av_part(setting)};
+    return av_send(av_op::safesearch, parts);
+}
+
+constexpr uint32_t SAFESEARCH_BY_INTERFACE = 1;
 
 } // namespace
 
@@ -26,12 +44,32 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
     return av_send(av_op::ioctl, parts);
 }
 
+int psms_rflow_set_app(const void *flow_key, const void *action, const char *name, int a4,
+                       uint16_t category, uint32_t verdict, int a7, int a8) {
+    av_app_setting setting = {};
+    memcpy(setting.flow_key, flow_key, sizeof setting.flow_key);
+    memcpy(setting.action, action, sizeof setting.action);
+    if (!fill(setting.name, name))
+        return -1;
+    setting.a4 = a4;
+    setting.category = category;
+    setting.verdict = verdict;
+    setting.a7 = a7;
+    setting.a8 = a8;
+    const av_bytes parts[] = {av_part(setting)};
+    return av_send(av_op::rflow_set_app, parts);
+}
+
 int psms_rflow_reset_app_policy() {
     return av_send(av_op::rflow_reset_app_policy, {});
 }
 
 int psms_av_set_dev_av(const char *ifname, int enable) {
     return set_switch(av_switch::av, enable, ifname);
+}
+
+int psms_av_set_dev_url(const char *ifname, int enable) {
+    return set_switch(av_switch::url, enable, ifname);
 }
 
 int psms_av_set_dev_wfc(const char *ifname, int enable) {
@@ -65,4 +103,32 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
         name[length] = '\0';
     }
     return 0;
+}
+
+int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int mode,
+                                               uint32_t utp_id) {
+    av_safesearch_setting setting = {};
+    setting.action = av_safesearch_action::remove;
+    setting.mode = static_cast<uint32_t>(mode);
+    setting.utp_id = utp_id;
+    return set_safesearch(setting, ifname, host);
+}
+
+int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *host,
+                                               const uint32_t *address_be, int, int, int, int mode,
+                                               uint32_t utp_id) {
+    av_safesearch_setting setting = {};
+    setting.action = av_safesearch_action::add;
+    setting.mode = static_cast<uint32_t>(mode);
+    setting.utp_id = utp_id;
+    setting.address_be = *address_be;
+    return set_safesearch(setting, ifname, host);
+}
+
+int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable) {
+    av_safesearch_setting setting = {};
+    setting.action = av_safesearch_action::enable;
+    setting.mode = SAFESEARCH_BY_INTERFACE;
+    setting.value = enable;
+    return set_safesearch(setting, ifname, "");
 }

@@ -3,8 +3,8 @@
 //
 // The payloads of commands 28 (web_policy_wire), 30 (web_intf_wire) and 31 (uf_agent_reply) have
 // exactly these layouts, in host byte order but for the addresses, and are copied in with memcpy.
-// Texts in them are text only once a NUL was seen inside their field. The stored records add the
-// daemon's links; their counts are within their lists.
+// Texts in them are text only once a NUL was seen inside their field. What the daemon keeps of them
+// is in web_policy.h.
 #pragma once
 
 #include "packet/records/kernel.h"
@@ -16,6 +16,9 @@ inline constexpr size_t WEB_CATEGORIES_MAX = 83; // of one policy; the ids of ou
 inline constexpr size_t WEB_PATTERNS_MAX = 16;   // of one list
 inline constexpr uint32_t WEB_POLICIES_MAX = 1024;
 inline constexpr uint32_t WEB_INTFS_MAX = 1024;
+
+using web_pattern = char[65];
+using web_pattern_list = web_pattern[WEB_PATTERNS_MAX];
 
 // What command 28 carries, 2,584 bytes:
 //
@@ -31,9 +34,9 @@ struct web_policy_wire {
     uint8_t padding1[3];
     int32_t categories[WEB_CATEGORIES_MAX]; // blocked; a decision compares all slots
     uint8_t num_whitelist;
-    char whitelist[WEB_PATTERNS_MAX][65];
+    web_pattern_list whitelist;
     uint8_t num_blacklist;
-    char blacklist[WEB_PATTERNS_MAX][65];
+    web_pattern_list blacklist;
     uint8_t padding2[2];
     uint8_t google_safe_search; // 1 = forced
     uint8_t padding3[3];
@@ -60,10 +63,6 @@ static_assert(offsetof(web_policy_wire, utp_id) == 2448);
 static_assert(offsetof(web_policy_wire, uuid) == 2452);
 static_assert(offsetof(web_policy_wire, name) == 2517);
 
-struct web_policy : web_policy_wire {
-    web_policy *next;
-};
-
 // Values of web_intf_wire::op; any other is refused.
 enum web_intf_op : uint32_t {
     WEB_INTF_DISABLE = 1,
@@ -85,11 +84,6 @@ static_assert(sizeof(web_intf_wire) == 96);
 static_assert(offsetof(web_intf_wire, intf_value) == 20);
 static_assert(offsetof(web_intf_wire, op) == 24);
 static_assert(offsetof(web_intf_wire, policy_uuid) == 28);
-
-struct web_intf : web_intf_wire {
-    web_policy *policy; // of web_policy_list, or none
-    web_intf *next;
-};
 
 // The category request, 184 bytes:
 //

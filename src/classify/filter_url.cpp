@@ -1,0 +1,132 @@
+#include "classify/detect.h"
+#include "classify/dns_app.h"
+#include "classify/trailer_step.h"
+#include "core/base/log.h"
+#include "core/base/settings.h"
+#include "core/state/state.h"
+#include "core/text/ipv4_text.h"
+#include "core/text/text.h"
+#include "platform/psm.h"
+#include "webfilter/decision.h"
+
+#include <cstring>
+#include <sys/time.h>
+
+namespace {
+
+using std::string_view;
+
+constexpr char FUNCTION[] = "jorn_detect_pkt_utp";
+constexpr uint16_t HTTP_PORT = 80;
+constexpr uint16_t HTTPS_PORT = 443;
+constexpr size_t DOMAIN_MAX = sizeof(urlf_request::domain) - 1;
+static_assert(sizeof(urlf_reply) == sizeof(pkt_ctx::uf_reply));
+
+// No name at all is known: the server goes by its address.
+void name_by_server(pkt_ctx &ctx) {
+    const bool to_server = ctx.dst_port == HTTP_PORT || ctx.dst_port == HTTPS_PORT;
+    const uint32_t server = to_server ? ctx.dst_ip : ctx.src_ip;
+    if (server == 0)
+        return;
+    copy_text(ctx.app_name, ipv4_text(server).c_str());
+    JORN_DEBUG_AS(FUNCTION, "*** Server IP %s (port %d) to be used for web-category\n",
+                  ctx.app_name, ctx.dst_port);
+}
+
+// The domain to ask for, in app_name: the kernel's, an earlier step's, the cache's, else the
+// server's address. It may stay empty.
+void choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
+    if (!kernel_domain.empty()) {
+        JORN_DEBUG_AS(FUNCTION, "Domain name from kernel = %s\n",
+                      printable_text(kernel_domain).c_str());
+        copy_text(ctx.app_name, kernel_domain.substr(0, DOMAIN_MAX));
+    } else if (jorn_detect_pkt_dns_app(&ctx, 1) == JORN_DETECT_MATCH) {
+        JORN_DEBUG_AS(FUNCTION, " Domain retrieved from cache %s and org_app %s \n",
+                      printable_text(ctx.app_name).c_str(), printable_text(ctx.orig_app).c_str());
+    } else {
+        name_by_server(ctx);
+    }
+}
+
+// All hosts of the video CDN are asked for as one domain.
+void merge_video_hosts(pkt_ctx &ctx) {
+    const string_view cdn = field_text(jorn_settings.video_stream_domain);
+    if (cdn.empty() || !contains_ignoring_case(field_text(ctx.app_name), cdn))
+        return;
+    JORN_DEBUG_AS(FUNCTION, "%s is asked for as %s\n", printable_text(ctx.app_name).c_str(),
+                  jorn_settings.video_stream_domain);
+    copy_text(ctx.app_name, cdn);
+}
+
+urlf_request category_request(const pkt_ctx &ctx) {
+    urlf_request request = {};
+    request.request_type = URLF_REQUEST_CATEGORY;
+    request.flow_key = ctx.flow_key;
+    request.dst_if_index = ctx.dst_if_index;
+    request.src_if_index = ctx.src_if_index;
+    request.trailer_word2 = ctx.trailer_word2;
+    request.trailer_word3 = ctx.trailer_word3;
+    memcpy(request.dst_if_name, ctx.dst_if_name, sizeof request.dst_if_name);
+    memcpy(request.src_if_name, ctx.src_if_name, sizeof request.src_if_name);
+    copy_text(request.domain, field_text(ctx.app_name));
+    request.domain_length = static_cast<uint32_t>(field_text(request.domain).size());
+    return request;
+}
+
+// The agent's answer to a request; zeros where the agent left out a part. Returns whether it
+// answered.
+bool ask_agent(const urlf_request &request, urlf_reply &reply) {
+    reply = {};
+    if (jorn_settings.debug == 0)
+        return psm_urlfilter_get_category(&request, &reply) >= 0;
+    timeval before = {};
+    timeval after = {};
+    timeval taken = {};
+    gettimeofday(&before, nullptr);
+    if (psm_urlfilter_get_category(&request, &reply) < 0)
+        return false;
+    gettimeofday(&after, nullptr);
+    timersub(&after, &before, &taken);
+    JORN_DEBUG_AS(FUNCTION, "Time taken by IPC %ld.%06ld\n", static_cast<long>(taken.tv_sec),
+                  static_cast<long>(taken.tv_usec));
+    return true;
+}
+
+// A category that can be decided by; 0 is one while the agent reaches its server.
+after_step take_category(pkt_ctx &ctx, int32_t category) {
+    if (category > 0 || (category == 0 && jorn_state.reachable_flag == 0)) {
+        ctx.app_cat_id = static_cast<uint16_t>(category);
+        return after_step::matched;
+    }
+    JORN_DEBUG_AS(FUNCTION, "Invalid category or Webroot is not reachable. fallaback to ARC if its "
+                            "enabled\n");
+    return after_step::next;
+}
+
+} // namespace
+
+after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
+    ctx.url_filter = 1;
+    if (jorn_get_web_policy_cfg(&ctx) != WEB_FOUND)
+        return after_step::next;
+    choose_domain(ctx, trailer.kernel_domain());
+    merge_video_hosts(ctx);
+    const urlf_request request = category_request(ctx);
+    JORN_DEBUG_AS(FUNCTION, " Domain name len = %d\n", static_cast<int>(request.domain_length));
+    if (request.domain_length == 0)
+        return after_step::undecided;
+    if (jorn_check_white_black_list(&ctx, field_text(ctx.app_name)) == WEB_FOUND)
+        return after_step::matched;
+    JORN_DEBUG_AS(FUNCTION, "White/black list is not configured for %s domain\n",
+                  printable_text(ctx.app_name).c_str());
+
+    urlf_reply reply;
+    if (!ask_agent(request, reply))
+        return after_step::next;
+    JORN_DEBUG_AS(FUNCTION, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
+                  reply.categories[0], reply.status, printable_text(request.domain).c_str(),
+                  trailer.url_retry(), static_cast<int>(trailer.flow_id()));
+    memcpy(ctx.uf_reply, &reply, sizeof reply);
+    copy_text(ctx.web_domain, field_text(ctx.app_name).substr(0, DOMAIN_MAX));
+    return take_category(ctx, reply.categories[0]);
+}
