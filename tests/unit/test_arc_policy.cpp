@@ -1,6 +1,6 @@
 #include "classify/arc_policy.h"
 #include "core/state/state.h"
-#include "policies.h"
+#include "fresh_state_fixture.h"
 
 #include <cstring>
 #include <random>

@@ -1,9 +1,9 @@
 #include "core/base/log.h"
-#include "core/base/settings.h"
-#include "core/state/state.h"
 #include "core/state/stats.h"
-#include "frames.h"
 #include "packet/decode/decode.h"
+#include "packet/records/context.h"
+#include "support/frames.h"
+#include "support/fresh_state.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -45,16 +45,20 @@ TEST(Decode, CountsByKind) {
         {"ICMP", ethernet(0x0800, ipv4(1, octets(8, 0))), {2, 6, 13}},
         {"IGMP", ethernet(0x0800, ipv4(2, octets(8, 0))), {2, 6, 14}},
         {"another IP protocol", ethernet(0x0800, ipv4(47, octets(8, 0))), {2, 6, 15}},
-        {"first UDP fragment", ethernet(0x0800, ipv4(17, udp(1, 2), MORE)), {2, 6, 8, 11}},
-        {"first TCP fragment", ethernet(0x0800, ipv4(6, tcp(80, 2), MORE)), {2, 6, 8}},
-        {"last fragment", ethernet(0x0800, ipv4(17, udp(1, 2), 0x1FFF)), {2, 6, 8}},
-        {"don't fragment", ethernet(0x0800, ipv4(17, udp(1, 2), 0x4000)), {2, 6, 11}},
-        {"fragment of nothing", ethernet(0x0800, ipv4(1, {}, 1)), {2, 6, 13}},
+        {"first UDP fragment",
+         ethernet(0x0800, ipv4(17, udp(1, 2), {.fragment = MORE})),
+         {2, 6, 8, 11}},
+        {"first TCP fragment",
+         ethernet(0x0800, ipv4(6, tcp(80, 2), {.fragment = MORE})),
+         {2, 6, 8}},
+        {"last fragment", ethernet(0x0800, ipv4(17, udp(1, 2), {.fragment = 0x1FFF})), {2, 6, 8}},
+        {"don't fragment", ethernet(0x0800, ipv4(17, udp(1, 2), {.fragment = 0x4000})), {2, 6, 11}},
+        {"fragment of nothing", ethernet(0x0800, ipv4(1, {}, {.fragment = 1})), {2, 6, 13}},
         {"total length 0",
          ethernet(0x0800, with_total_length(ipv4(6, tcp(80, 1)), 0)),
          {2, 6, 9, 18}},
         {"its fragment",
-         ethernet(0x0800, with_total_length(ipv4(6, tcp(1, 2), MORE), 0)),
+         ethernet(0x0800, with_total_length(ipv4(6, tcp(1, 2), {.fragment = MORE}), 0)),
          {2, 6, 8}},
         {"total length that cuts",
          ethernet(0x0800, with_total_length(ipv4(17, udp(1, 2)), 21)),
@@ -74,8 +78,7 @@ TEST(Decode, CountsByKind) {
         {"cut in the IPv4 header", ethernet(0x0800, ipv4(6, {}).substr(0, 19)), {2}},
     };
     for (const auto &row : rows) {
-        jorn_state = {};
-        jorn_settings = {};
+        fresh_state();
         testing::internal::CaptureStderr();
         decode(with_trailer(row.frame));
         testing::internal::GetCapturedStderr();
