@@ -2,32 +2,32 @@
 // packet that none of them names, from the capture's callback to the verdict, in memory; and what
 // settling them costs when they change.
 //
-// Debugging is off. Goals: `tables` at most 2 times `empty`, `tables_and_policies` at most 1.5
-// times `policies`.
-#include "bench_platform.h"
+// Debugging is off.
 #include "control/tables/arc_tables.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
-#include "frames.h"
-#include "packet/capture.h"
-#include "packet/decode/decode.h"
-#include "packet/process.h"
+#include "flows.h"
+#include "report.h"
+#include "support/fake_platform.h"
+#include "support/memory_file.h"
+#include "support/policies.h"
 #include "userapps/port_service.h"
 #include "userapps/settle.h"
 #include "userapps/userdef.h"
 
 #include <benchmark/benchmark.h>
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
+constexpr bench_goal GOALS[] = {
+    {"run_packets/tables", "run_packets/empty", 2},
+    {"run_packets/tables_and_policies", "run_packets/policies", 1.5},
+};
 constexpr unsigned FLOWS = 64;
 constexpr uint32_t SRC_UTP = 7;
 constexpr uint32_t DST_UTP = 8;
-constexpr uint16_t FIRST_CLIENT_PORT = 40000;
 constexpr uint16_t SERVER_PORT = 9999; // no built-in service either
 
 std::string app_name(unsigned number) {
@@ -50,7 +50,7 @@ void add_definitions() {
         copy_text(app.app_name, app_name(i));
         app.app_id = static_cast<uint16_t>(1000 + i);
         app.cat_id = CATEGORY_USER_DEFINED;
-        app.protocol = PROTOCOL_TCP;
+        app.protocol = IPPROTO_TCP;
         app.dst_port = static_cast<uint16_t>(i % 2 == 0 ? 443 : SERVER_PORT);
         if (i % 2 == 0)
             continue;
@@ -62,48 +62,36 @@ void add_definitions() {
     jorn_update_user_def_policy_cfg(apps, USERDEF_APPS_MAX);
 }
 
-std::string write_port_service_file() {
-    const std::string path = "/tmp/bench_port_services." + std::to_string(getpid());
-    FILE *file = fopen(path.c_str(), "w");
+std::string port_service_lines() {
+    std::string lines;
     for (unsigned i = 0; i < PORT_APPS_MAX; ++i)
-        fprintf(file, "%u,%s,4,%u,%s\n", 10000 + i, i % 2 == 0 ? "tcp" : "udp", 2000 + i,
-                app_name(100 + i).c_str());
-    fclose(file);
-    return path;
+        lines += std::to_string(10000 + i) + (i % 2 == 0 ? ",tcp,4," : ",udp,4,") +
+                 std::to_string(2000 + i) + ',' + app_name(100 + i) + '\n';
+    return lines;
 }
 
 void add_port_apps() {
-    const std::string path = write_port_service_file();
-    jorn_parse_port_service_conf_file(path.c_str(), &jorn_state.port_apps);
-    remove(path.c_str());
+    const memory_file file(port_service_lines());
+    jorn_parse_port_service_conf_file(file.path(), &jorn_state.port_apps);
 }
 
 // A full policy: it lists every other definition and 48 entries.
-void add_policy(uint32_t utp_id) {
-    arc_policy_wire policy = {};
-    policy.utp_id = utp_id;
-    for (unsigned i = 0; i < ARC_RULES_PER_POLICY; ++i) {
-        copy_text(policy.rules[i].cat_name, CATEGORY_NAME_USER_DEFINED);
-        copy_text(policy.rules[i].app_name, app_name(i < 16 ? 2 * i : 100 + 20 * i));
-    }
-    __arc_policy_add_end(&policy);
+void add_listing_policy(uint32_t utp_id) {
+    std::vector<arc_rule> rules;
+    for (unsigned i = 0; i < ARC_RULES_PER_POLICY; ++i)
+        rules.push_back(
+            rule_of(app_name(i < 16 ? 2 * i : 100 + 20 * i), CATEGORY_NAME_USER_DEFINED));
+    add_policy(utp_id, rules);
 }
 
-std::vector<frame_bytes> make_frames() {
-    std::vector<frame_bytes> frames;
+std::vector<octets> make_frames() {
     av_pkt_trailer trailer = plain_trailer();
     trailer.src_utp_id = SRC_UTP;
     trailer.dst_utp_id = DST_UTP;
-    for (unsigned flow = 0; flow < FLOWS; ++flow) {
-        frame_words words;
-        words.src_ip = 0x0A000002 + flow;
-        words.dst_ip = 0xC6120001 + flow;
-        words.src_port = static_cast<uint16_t>(FIRST_CLIENT_PORT + flow);
-        words.dst_port = SERVER_PORT;
-        frames.push_back(make_frame(words, std::string(64, 'x')));
-        append_trailer(frames.back(), trailer);
-    }
-    return frames;
+    const auto frame = [](uint32_t flow) {
+        return ethernet(0x0800, flow_packet(flow, IPPROTO_TCP, SERVER_PORT));
+    };
+    return flow_frames(FLOWS, frame, trailer);
 }
 
 void run_packets(benchmark::State &state, bool tables, bool policies) {
@@ -113,18 +101,15 @@ void run_packets(benchmark::State &state, bool tables, bool policies) {
         add_port_apps();
     }
     if (policies) {
-        add_policy(SRC_UTP);
-        add_policy(DST_UTP);
+        add_listing_policy(SRC_UTP);
+        add_listing_policy(DST_UTP);
     }
-    const std::vector<frame_bytes> frames = make_frames();
-    const uint64_t verdicts_before = bench_verdicts;
+    const std::vector<octets> frames = make_frames();
+    platform.verdicts = 0;
     uint64_t next = 0;
-    for (auto _ : state) {
-        const frame_bytes &frame = frames[next++ % FLOWS];
-        const pcap_pkthdr header = capture_header(frame);
-        jorn_pkt_callback(nullptr, &header, frame.data());
-    }
-    if (bench_verdicts - verdicts_before != next)
+    for (auto _ : state)
+        judge(frames[next++ % FLOWS]);
+    if (platform.verdicts != next)
         state.SkipWithError("packets without a verdict");
 }
 
@@ -142,7 +127,7 @@ void settle_policy(benchmark::State &state) {
     clear_tables();
     add_definitions();
     add_port_apps();
-    add_policy(SRC_UTP);
+    add_listing_policy(SRC_UTP);
     for (auto _ : state) {
         ++jorn_state.arc_generation;
         benchmark::DoNotOptimize(allowed_for(SRC_UTP));
@@ -151,10 +136,9 @@ void settle_policy(benchmark::State &state) {
 
 // Command 13 with a full file.
 void read_port_service_file(benchmark::State &state) {
-    const std::string path = write_port_service_file();
+    const memory_file file(port_service_lines());
     for (auto _ : state)
-        jorn_parse_port_service_conf_file(path.c_str(), &jorn_state.port_apps);
-    remove(path.c_str());
+        jorn_parse_port_service_conf_file(file.path(), &jorn_state.port_apps);
 }
 
 } // namespace
@@ -166,4 +150,11 @@ BENCHMARK_CAPTURE(run_packets, tables_and_policies, true, true);
 BENCHMARK(settle_tables);
 BENCHMARK(settle_policy);
 BENCHMARK(read_port_service_file);
-BENCHMARK_MAIN();
+
+int main(int argc, char *argv[]) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return EXIT_FAILURE;
+    platform.keeps_calls = false;
+    return run_benchmarks(GOALS, 0);
+}

@@ -11,16 +11,14 @@
 // the names that the capture's DNS answers give. ndpiReader's side: user and system time of
 // "-q -l 11" less that of "-q -l 1", divided by ten, which leaves out its start. It reads the file
 // in every pass; what reading alone costs is shown beside it.
-#include "bench_platform.h"
+#include "avcore/dns_answer.h"
+#include "avcore/frame.h"
 #include "core/base/hash_table.h"
 #include "core/dns/dns_cache.h"
 #include "core/state/state.h"
-#include "dns_answers.h"
-#include "frames.h"
+#include "flows.h"
 #include "lab.h"
-#include "packet/capture.h"
-#include "packet/decode/decode.h"
-#include "packet/process.h"
+#include "support/fake_platform.h"
 #include "traffic.h"
 
 #include <algorithm>
@@ -33,6 +31,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -40,6 +39,7 @@ namespace {
 constexpr double GOAL_SHARE = 1.0 / 5;
 constexpr size_t GENERATED_BY_DEFAULT = 60'000;
 constexpr int PASSES = 10;
+constexpr int SKIPPED = 77; // the exit status for want of something that isn't ours
 
 struct compare_options {
     size_t generate = 0;
@@ -70,7 +70,7 @@ compare_options read_options(int argc, char *argv[]) {
     return options;
 }
 
-void read_file(const char *path, std::vector<frame_bytes> &frames) {
+void read_file(const char *path, std::vector<octets> &frames) {
     char errbuf[PCAP_ERRBUF_SIZE] = {};
     pcap_t *file = pcap_open_offline(path, errbuf);
     if (file == nullptr || pcap_datalink(file) != DLT_EN10MB) {
@@ -85,7 +85,7 @@ void read_file(const char *path, std::vector<frame_bytes> &frames) {
 }
 
 // A packet a millisecond from a fixed start, so that the file is the same every time.
-void write_capture(const std::string &path, const std::vector<frame_bytes> &frames) {
+void write_capture(const std::string &path, const std::vector<octets> &frames) {
     pcap_t *format = pcap_open_dead(DLT_EN10MB, 65535);
     pcap_dumper_t *file = pcap_dump_open(format, path.c_str());
     if (file == nullptr) {
@@ -116,7 +116,19 @@ double median_of(unsigned runs, const std::function<double()> &measure) {
     return values[values.size() / 2];
 }
 
-name_table names_of_capture;
+// The names that the capture's DNS answers give: what a platform that watched it would answer.
+std::unordered_map<uint32_t, std::string> names_of_capture;
+
+void learn_names(const octets &frame) {
+    constexpr size_t UDP_HEADER_SIZE = 8;
+    const std::span<const uint8_t> packet = avcore::ipv4_packet({frame.data(), frame.size()});
+    const std::span<const uint8_t> message = avcore::udp_payload(packet);
+    if (message.empty() || be16(53) != octets(message.data() - UDP_HEADER_SIZE, 2))
+        return;
+    const avcore::dns_answer answer = avcore::read_dns_answer(message);
+    for (const avcore::dns_finding &finding : answer.findings)
+        names_of_capture[finding.address_be] = answer.name;
+}
 
 // A daemon's standard output is /dev/null. The hash table writes a line there for each redirect to
 // an address that has a name already.
@@ -140,20 +152,19 @@ private:
     int kept_;
 };
 
-const char *name_of_address(uint32_t address_be) {
+fake_dns_answer name_of_address(uint32_t address_be) {
     const auto found = names_of_capture.find(address_be);
-    return found != names_of_capture.end() ? found->second.c_str() : nullptr;
+    return found != names_of_capture.end() ? fake_dns_answer{found->second}
+                                           : fake_dns_answer{"", 0, {0, 0, 0}};
 }
 
 // One pass of all frames through the daemon's packet path.
-double daemon_pass_ns(const std::vector<frame_bytes> &captured) {
+double daemon_pass_ns(const std::vector<octets> &captured) {
     const silent_stdout silence;
     const double start = own_cpu_ns();
     hash_table_clear(jorn_state.dns_cache);
-    for (const frame_bytes &frame : captured) {
-        const pcap_pkthdr header = capture_header(frame);
-        jorn_pkt_callback(nullptr, &header, frame.data());
-    }
+    for (const octets &frame : captured)
+        judge(frame);
     return own_cpu_ns() - start;
 }
 
@@ -185,7 +196,7 @@ double reader_ns(const std::string &path, const char *loops) {
     if (wait4(child, &status, 0, &used) != child || !WIFEXITED(status) ||
         WEXITSTATUS(status) == 127) {
         fputs("compare: ndpiReader didn't run (Debian's package libndpi-bin)\n", stderr);
-        exit(EXIT_FAILURE);
+        exit(SKIPPED);
     }
     const auto ns = [](const timeval &time) {
         return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_usec) * 1e3;
@@ -193,19 +204,16 @@ double reader_ns(const std::string &path, const char *loops) {
     return ns(used.ru_utime) + ns(used.ru_stime);
 }
 
-void print_mix(const std::vector<frame_bytes> &frames) {
+void print_mix(const std::vector<octets> &frames) {
     size_t bytes = 0;
     size_t tcp = 0;
     size_t udp = 0;
-    for (const frame_bytes &frame : frames) {
-        frame_bytes captured = frame;
-        append_trailer(captured, plain_trailer());
-        const pcap_pkthdr header = capture_header(captured);
-        pkt_ctx ctx = {};
-        jorn_decode_eth_pkt(&ctx, &header, captured.data());
+    for (const octets &frame : frames) {
+        const octets captured = with_trailer(frame);
+        const uint8_t protocol = avcore::decode_frame({captured.data(), captured.size()}).ip_proto;
         bytes += frame.size();
-        tcp += ctx.ip_proto == PROTOCOL_TCP ? 1 : 0;
-        udp += ctx.ip_proto == PROTOCOL_UDP ? 1 : 0;
+        tcp += protocol == IPPROTO_TCP ? 1 : 0;
+        udp += protocol == IPPROTO_UDP ? 1 : 0;
     }
     const auto percent = [&](size_t part) { return 100 * part / frames.size(); };
     printf("%zu packets, %zu bytes on average, %zu%% TCP, %zu%% UDP; %zu addresses named by DNS\n",
@@ -217,18 +225,18 @@ void print_mix(const std::vector<frame_bytes> &frames) {
 
 int main(int argc, char *argv[]) {
     const compare_options options = read_options(argc, argv);
-    std::vector<frame_bytes> frames;
+    std::vector<octets> frames;
     for (const char *path : options.files)
         read_file(path, frames);
     const size_t from_files = frames.size();
-    for (frame_bytes &frame : make_traffic(options.generate))
+    for (octets &frame : make_traffic(options.generate))
         frames.push_back(std::move(frame));
     if (frames.empty()) {
         fputs("compare: no packets\n", stderr);
         return EXIT_FAILURE;
     }
-    for (const frame_bytes &frame : frames)
-        collect_dns_names(frame, names_of_capture);
+    for (const octets &frame : frames)
+        learn_names(frame);
 
     char directory[] = "/tmp/jorn-compare-XXXXXX";
     if (mkdtemp(directory) == nullptr)
@@ -247,10 +255,11 @@ int main(int argc, char *argv[]) {
     unlink(path.c_str());
     rmdir(directory);
 
-    for (frame_bytes &frame : frames)
-        append_trailer(frame, plain_trailer());
+    for (octets &frame : frames)
+        frame = with_trailer(frame, plain_trailer());
     jorn_pkt_processor = jorn_decode_eth_pkt;
-    bench_name_of = name_of_address;
+    platform.keeps_calls = false;
+    platform.dns_answer = name_of_address;
     if (jorn_dnscache_hash_table_init() != 0)
         lab_fail("the DNS cache");
     const double daemon =

@@ -1,11 +1,10 @@
 #include "dns_cases.h"
 
-#include "bench_platform.h"
 #include "core/base/hash_table.h"
 #include "core/dns/dns_cache.h"
 #include "core/state/state.h"
-#include "core/text/text.h"
-#include "packet/capture.h"
+#include "flows.h"
+#include "support/fake_platform.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -18,8 +17,6 @@
 
 namespace {
 
-constexpr uint32_t CLIENTS = 0x0A000002;
-constexpr uint32_t SERVERS = 0xC6120001;
 constexpr uint32_t STRANGERS = 0x2D000001;
 constexpr size_t DST_IP_OFFSET = 30;
 constexpr uint32_t FLOWS = 1024; // more than one look-up's memory stays near
@@ -40,38 +37,24 @@ std::string name_of_flow(uint32_t flow) {
     return "Media" + std::to_string(flow) + ".cdn-" + std::to_string(flow % 97) + ".example";
 }
 
-std::vector<frame_bytes> flow_frames() {
-    std::vector<frame_bytes> frames;
-    for (uint32_t flow = 0; flow < FLOWS; ++flow) {
-        frames.push_back(flow_frame(flow));
-        append_trailer(frames.back(), plain_trailer());
-    }
-    return frames;
-}
-
 void time_naming(benchmark::State &state, const dns_case &wanted) {
     fill_dns_cache(wanted.entries, wanted.side);
-    const std::vector<frame_bytes> frames = flow_frames();
+    const std::vector<octets> frames = flow_frames(FLOWS, flow_frame, plain_trailer());
     size_t next = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        const frame_bytes &frame = frames[next++ % FLOWS];
-        const pcap_pkthdr header = capture_header(frame);
-        jorn_pkt_callback(nullptr, &header, frame.data());
-    }
+    for ([[maybe_unused]] auto _ : state)
+        judge(frames[next++ % FLOWS]);
     empty_dns_cache();
 }
 
-const char *always_named(uint32_t) {
-    return "www.learnt.example";
+fake_dns_answer always_named(uint32_t) {
+    return {"www.learnt.example"};
 }
 
 // Every packet has another destination, which the platform names and the cache takes in.
 void time_learning(benchmark::State &state) {
-    bench_name_of = always_named;
+    platform.dns_answer = always_named;
     empty_dns_cache();
-    frame_bytes frame = flow_frame(0);
-    append_trailer(frame, plain_trailer());
-    const pcap_pkthdr header = capture_header(frame);
+    octets frame = with_trailer(flow_frame(0), plain_trailer());
     uint32_t learnt = 0;
     for ([[maybe_unused]] auto _ : state) {
         if (learnt == DNS_CACHE_CAPACITY) {
@@ -82,9 +65,9 @@ void time_learning(benchmark::State &state) {
         }
         const uint32_t address_be = htonl(SERVERS + learnt++);
         memcpy(frame.data() + DST_IP_OFFSET, &address_be, sizeof address_be);
-        jorn_pkt_callback(nullptr, &header, frame.data());
+        judge(frame);
     }
-    bench_name_of = nullptr;
+    platform.dns_answer = nullptr;
     empty_dns_cache();
 }
 
@@ -157,19 +140,6 @@ void time_insert(benchmark::State &state, bool crafted) {
 }
 
 } // namespace
-
-frame_words flow_words(uint32_t flow) {
-    frame_words words;
-    words.src_ip = CLIENTS + flow;
-    words.dst_ip = SERVERS + flow;
-    words.src_port = static_cast<uint16_t>(40000 + flow);
-    words.dst_port = 443;
-    return words;
-}
-
-frame_bytes flow_frame(uint32_t flow) {
-    return make_frame(flow_words(flow), std::string(64, 'x'));
-}
 
 void empty_dns_cache() {
     if (jorn_state.dns_cache != nullptr) {

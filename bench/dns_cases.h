@@ -2,17 +2,11 @@
 // the hash table under addresses that somebody chose to fall into one chain.
 #pragma once
 
-#include "frames.h"
-
 #include <cstdint>
 
 inline constexpr uint32_t DNS_CACHE_CAPACITY = 16'385; // entries of a full cache
 
 enum class named_side { destination, source, neither };
-
-// The words of flow number `flow`, client to server, and its frame, without a trailer.
-frame_words flow_words(uint32_t flow);
-frame_bytes flow_frame(uint32_t flow);
 
 void empty_dns_cache();
 

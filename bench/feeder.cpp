@@ -1,7 +1,7 @@
 #include "feeder.h"
 
 #include "lab.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <array>
@@ -85,7 +85,7 @@ feeder::~feeder() {
     close(packet_socket_);
 }
 
-bool feeder::wait_for_consumer(const frame_bytes &frame) {
+bool feeder::wait_for_consumer(const octets &frame) {
     for (int attempt = 0; attempt < FIRST_VERDICT_TRIES; ++attempt) {
         send_frame(frame);
         const auto sent = std::chrono::steady_clock::now();
@@ -98,7 +98,7 @@ bool feeder::wait_for_consumer(const frame_bytes &frame) {
     return false;
 }
 
-feed_result feeder::feed(std::span<const frame_bytes> frames, uint64_t count) {
+feed_result feeder::feed(std::span<const octets> frames, uint64_t count) {
     feed_result result;
     questions_ = 0;
     const auto start = std::chrono::steady_clock::now();
@@ -140,7 +140,7 @@ void feeder::rest() {
         usleep(REST_US);
 }
 
-bool feeder::send_frame(const frame_bytes &frame) const {
+bool feeder::send_frame(const octets &frame) const {
     return send(packet_socket_, frame.data(), frame.size(), 0) ==
            static_cast<ssize_t>(frame.size());
 }

@@ -6,7 +6,7 @@
 // lost.
 #pragma once
 
-#include "frames.h"
+#include "support/frames.h"
 
 #include <cstdint>
 #include <span>
@@ -37,13 +37,13 @@ public:
 
     // Repeats `frame` every 200 ms until a verdict answers it; frames sent before the capture is
     // open vanish. Returns false when ten seconds brought none.
-    bool wait_for_consumer(const frame_bytes &frame);
+    bool wait_for_consumer(const octets &frame);
 
     // Sends `count` frames, the given ones in turn, and waits for their verdicts.
-    feed_result feed(std::span<const frame_bytes> frames, uint64_t count);
+    feed_result feed(std::span<const octets> frames, uint64_t count);
 
 private:
-    bool send_frame(const frame_bytes &frame) const;
+    bool send_frame(const octets &frame) const;
     bool wait_readable(int timeout_ms);
     void rest();
     unsigned receive();

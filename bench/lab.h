@@ -1,8 +1,5 @@
-// The place where the live path is measured: network and mount namespaces of this process, with a
-// veth pair and an empty /run of its own, so that nothing is left on the machine and a daemon that
-// runs elsewhere isn't met.
-//
-// Needs root and iproute2's `ip`.
+// The place where the live path is measured: a veth pair inside scripts/private, so that nothing is
+// left on the machine and a daemon that runs elsewhere isn't met.
 #pragma once
 
 #include <sys/types.h>
@@ -18,9 +15,11 @@ struct lab_cpus {
     int count;
 };
 
-// Moves this process into the namespaces, makes the pair, and raises the process's priority, so
-// that whatever else runs on the machine interrupts less. Ends the program with a message when that
-// fails.
+// Whether this process runs inside scripts/private.
+bool lab_is_private();
+
+// Makes the pair, and raises the process's priority, so that whatever else runs on the machine
+// interrupts less. Ends the program with a message when that fails.
 void lab_enter();
 
 // The first two CPUs on which this process may run.

@@ -1,6 +1,6 @@
 // live: the daemon on the live path beside the bare loop, in one run.
 //
-//   live [--runs N] [--packets N] [JORN]
+//   scripts/private live [--runs N] [--packets N] [JORN]
 //
 // JORN is the daemon's binary, by default the one beside this program. Both consumers run in turn,
 // so that a busy machine disturbs both; the figures are medians. CPU time is the consumer's own:
@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <getopt.h>
-#include <sys/stat.h>
 
 namespace {
 

@@ -1,7 +1,8 @@
 #include "live_path.h"
 
+#include "flows.h"
 #include "lab.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <csignal>
@@ -20,7 +21,7 @@
 
 namespace {
 
-constexpr unsigned WARM_UP = 20'000;
+constexpr uint64_t WARM_UP = 20'000;
 constexpr unsigned FLOWS = 64;
 constexpr char DAEMON_LOG[] = "/run/bench_jorn.log";
 
@@ -102,7 +103,7 @@ live_figures measure(const live_traffic &traffic, const std::function<void()> &c
         kill(child, SIGKILL);
         exit(EXIT_FAILURE);
     }
-    far_side.feed(traffic.frames, WARM_UP);
+    far_side.feed(traffic.frames, std::min(WARM_UP, traffic.count));
     lab_capture_drops(child); // start-up's and the warm-up's don't count
 
     const double cpu_before = lab_cpu_time_ns(child);
@@ -154,17 +155,6 @@ live_figures median_figures(std::span<const live_figures> runs) {
     return figures;
 }
 
-std::vector<frame_bytes> live_frames(const av_pkt_trailer &trailer) {
-    std::vector<frame_bytes> frames;
-    const std::string payload(64, 'x');
-    for (unsigned flow = 0; flow < FLOWS; ++flow) {
-        frame_words words;
-        words.src_ip = 0x0A000002 + flow;
-        words.dst_ip = 0xC6120001 + flow;
-        words.src_port = static_cast<uint16_t>(40000 + flow);
-        words.dst_port = 443;
-        frames.push_back(make_frame(words, payload));
-        append_trailer(frames.back(), trailer);
-    }
-    return frames;
+std::vector<octets> live_frames(const av_pkt_trailer &trailer) {
+    return flow_frames(FLOWS, flow_frame, trailer);
 }

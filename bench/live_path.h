@@ -5,7 +5,8 @@
 #pragma once
 
 #include "feeder.h"
-#include "frames.h"
+#include "packet/records/kernel.h"
+#include "support/frames.h"
 
 #include <cstdint>
 #include <span>
@@ -22,7 +23,7 @@ struct live_figures {
 
 // What is measured with both consumers: the frames, and how the platform answers.
 struct live_traffic {
-    std::vector<frame_bytes> frames;
+    std::vector<octets> frames;
     feeder_options options;
     uint64_t count;
 };
@@ -35,4 +36,4 @@ live_figures measure_daemon(const live_traffic &traffic, const std::string &bina
 live_figures median_figures(std::span<const live_figures> runs);
 
 // Plain TCP frames of some dozen flows, each with this trailer.
-std::vector<frame_bytes> live_frames(const av_pkt_trailer &trailer);
+std::vector<octets> live_frames(const av_pkt_trailer &trailer);

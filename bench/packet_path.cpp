@@ -1,29 +1,24 @@
 // packet_path: the daemon's way of a packet in memory, in nanoseconds of CPU time a packet.
 //
-//   packet_path [--benchmark_filter=REGEX] ...
+//   packet_path [--benchmark_filter=REGEX] ... [shortly]
 //
-// As root it measures B first, the bare capture loop's CPU time a packet on the live path, and
-// prints the figures beside the goals that are fractions of it. The platform is one that answers at
-// once; debugging is off.
-#include "bench_platform.h"
+// Inside scripts/private it measures B first, the bare capture loop's CPU time a packet on the live
+// path, and prints the figures beside the goals that are fractions of it. The platform is one that
+// answers at once; debugging is off.
 #include "control/tables/arc_tables.h"
-#include "core/state/state.h"
-#include "core/text/text.h"
 #include "dns_cases.h"
-#include "frames.h"
+#include "flows.h"
 #include "lab.h"
 #include "live_path.h"
-#include "packet/capture.h"
-#include "packet/decode/decode.h"
-#include "packet/process.h"
+#include "packet/records/context.h"
 #include "report.h"
+#include "support/fake_platform.h"
+#include "support/policies.h"
 #include "web_cases.h"
 
 #include <benchmark/benchmark.h>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <unistd.h>
+#include <cstdlib>
+#include <string_view>
 
 namespace {
 
@@ -49,37 +44,25 @@ constexpr bench_goal GOALS[] = {
 // A case: its frames and the daemon's state before them.
 struct packet_case {
     const char *name;
-    frame_bytes (*frame)(unsigned flow);
+    octets (*frame)(uint32_t flow);
     void (*set_up)();
 };
 
-const std::string PAYLOAD(64, 'x');
-
-frame_bytes udp_frame(unsigned flow) {
-    frame_words words = flow_words(flow);
-    words.protocol = PROTOCOL_UDP;
-    return make_frame(words, PAYLOAD);
+octets udp_frame(uint32_t flow) {
+    return ethernet(0x0800, flow_packet(flow, IPPROTO_UDP));
 }
 
-frame_bytes vlan_frame(unsigned flow) {
-    frame_words words = flow_words(flow);
-    words.carried = encapsulation::vlan;
-    return make_frame(words, PAYLOAD);
+octets vlan_frame(uint32_t flow) {
+    return vlan(0x0800, flow_packet(flow));
 }
 
-frame_bytes pppoe_frame(unsigned flow) {
-    frame_words words = flow_words(flow);
-    words.carried = encapsulation::pppoe;
-    return make_frame(words, PAYLOAD);
+octets pppoe_frame(uint32_t flow) {
+    return pppoe(0x0021, flow_packet(flow));
 }
 
-frame_bytes redirect_frame(unsigned flow) {
-    frame_words words = flow_words(flow);
-    words.from_client = false;
-    std::swap(words.src_ip, words.dst_ip);
-    words.src_port = 80;
-    words.dst_port = static_cast<uint16_t>(40000 + flow);
-    return make_frame(words, http_redirect_to(0xC6130001 + flow));
+octets redirect_frame(uint32_t flow) {
+    const octets segment = tcp(80, 40000 + flow, http_redirect_to(0xC6130001 + flow), 0x10);
+    return ethernet(0x0800, ipv4(IPPROTO_TCP, segment, {SERVERS + flow, CLIENTS + flow}), false);
 }
 
 void empty_configuration() {
@@ -96,16 +79,13 @@ void named_flows() {
 
 // 64 domain rules, none of which fits.
 void add_full_policy(uint32_t utp_id) {
-    const auto policy = std::make_unique<arc_policy_wire>();
-    policy->utp_id = utp_id;
+    std::vector<arc_rule> rules;
     for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
-        arc_rule &rule = policy->rules[n];
-        const std::string domain =
-            "Shop" + std::to_string(n * 7 + utp_id) + ".Market-Place" + std::to_string(n) + ".com";
-        copy_text(rule.app_name, domain);
-        rule.deny = 1;
+        rules.push_back(rule_of("Shop" + std::to_string(n * 7 + utp_id) + ".Market-Place" +
+                                std::to_string(n) + ".com"));
+        rules.back().deny = 1;
     }
-    __arc_policy_add_end(policy.get());
+    add_policy(utp_id, rules);
 }
 
 void policy_of_source() {
@@ -137,24 +117,19 @@ constexpr packet_case VERDICT_CASES[] = {
     {"arc/both", flow_frame, policies_of_both},
 };
 
-std::vector<frame_bytes> frames_of(const packet_case &wanted) {
+std::vector<octets> frames_of(const packet_case &wanted) {
     av_pkt_trailer trailer = plain_trailer();
     trailer.src_utp_id = SRC_UTP;
     trailer.dst_utp_id = DST_UTP;
-    std::vector<frame_bytes> frames;
-    for (unsigned flow = 0; flow < FLOWS; ++flow) {
-        frames.push_back(wanted.frame(flow));
-        append_trailer(frames.back(), trailer);
-    }
-    return frames;
+    return flow_frames(FLOWS, wanted.frame, trailer);
 }
 
 void time_decoding(benchmark::State &state, const packet_case &wanted) {
-    const std::vector<frame_bytes> frames = frames_of(wanted);
+    const std::vector<octets> frames = frames_of(wanted);
     pkt_ctx ctx = {};
     size_t next = 0;
     for ([[maybe_unused]] auto _ : state) {
-        const frame_bytes &frame = frames[next++ % FLOWS];
+        const octets &frame = frames[next++ % FLOWS];
         const pcap_pkthdr header = capture_header(frame);
         jorn_decode_eth_pkt(&ctx, &header, frame.data());
         benchmark::DoNotOptimize(ctx.dst_ip);
@@ -164,26 +139,23 @@ void time_decoding(benchmark::State &state, const packet_case &wanted) {
 
 void time_verdict(benchmark::State &state, const packet_case &wanted) {
     wanted.set_up();
-    const std::vector<frame_bytes> frames = frames_of(wanted);
-    bench_verdicts = 0;
+    const std::vector<octets> frames = frames_of(wanted);
+    platform.verdicts = 0;
     size_t next = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        const frame_bytes &frame = frames[next++ % FLOWS];
-        const pcap_pkthdr header = capture_header(frame);
-        jorn_pkt_callback(nullptr, &header, frame.data());
-    }
-    if (bench_verdicts != next || bench_last_verdict != AV_VERDICT_ALLOW)
+    for ([[maybe_unused]] auto _ : state)
+        judge(frames[next++ % FLOWS]);
+    if (platform.verdicts != next || platform.last_verdict != AV_VERDICT_ALLOW)
         state.SkipWithError("a packet without its verdict, or another than allow");
     empty_configuration();
 }
 
-double measure_b() {
-    if (geteuid() != 0)
+double measure_b(unsigned count, uint64_t packets) {
+    if (!lab_is_private())
         return 0;
     lab_enter();
-    const live_traffic traffic = {live_frames(plain_trailer()), {}, BARE_PACKETS};
+    const live_traffic traffic = {live_frames(plain_trailer()), {}, packets};
     std::vector<live_figures> runs;
-    for (unsigned run = 0; run < BARE_RUNS; ++run)
+    for (unsigned run = 0; run < count; ++run)
         runs.push_back(measure_bare_loop(traffic));
     return median_figures(runs).cpu_ns;
 }
@@ -192,8 +164,11 @@ double measure_b() {
 
 int main(int argc, char *argv[]) {
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    const bool shortly = argc == 2 && std::string_view(argv[1]) == "shortly";
+    if (argc > 1 && !shortly) {
+        benchmark::ReportUnrecognizedArguments(argc, argv);
+        return EXIT_FAILURE;
+    }
     for (const packet_case &wanted : DECODE_CASES)
         benchmark::RegisterBenchmark(wanted.name, time_decoding, wanted);
     for (const packet_case &wanted : VERDICT_CASES)
@@ -201,11 +176,9 @@ int main(int argc, char *argv[]) {
     register_web_cases();
     register_dns_cases();
 
-    const double bare_ns = measure_b();
+    const double bare_ns = shortly ? measure_b(1, 1000) : measure_b(BARE_RUNS, BARE_PACKETS);
     lab_pin(lab_choose_cpus().consumer);
     jorn_pkt_processor = jorn_decode_eth_pkt;
-    goal_reporter reporter(GOALS, bare_ns);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    platform.keeps_calls = false;
+    return run_benchmarks(GOALS, bare_ns);
 }

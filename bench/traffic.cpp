@@ -1,9 +1,12 @@
 #include "traffic.h"
 
 #include <algorithm>
+#include <netinet/in.h>
 #include <random>
 #include <set>
+#include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -12,6 +15,11 @@ constexpr uint32_t FIRST_CLIENT = 0x0A000064;
 constexpr uint32_t CLIENTS = 100;
 constexpr uint32_t FIRST_SERVER = 0xC6120001;
 constexpr uint32_t SERVERS = 2000;
+
+constexpr unsigned DONT_FRAGMENT = 0x4000;
+constexpr uint8_t FIN = 0x01, SYN = 0x02, PSH = 0x08, ACK = 0x10;
+
+enum class encapsulation { plain, vlan, pppoe };
 
 std::string u16_text(size_t value) {
     return {static_cast<char>(value >> 8), static_cast<char>(value)};
@@ -70,7 +78,7 @@ std::string opaque_record(size_t size) {
 
 class conversation_writer {
 public:
-    std::vector<frame_bytes> frames;
+    std::vector<octets> frames;
 
     void add() {
         client_ = FIRST_CLIENT + below(CLIENTS);
@@ -92,23 +100,27 @@ public:
         } else if (kind < 95) {
             add_ping();
         } else {
-            frames.push_back(make_arp_request(client_, RESOLVER));
+            frames.push_back(ethernet(0x0806, arp(client_, RESOLVER)));
         }
     }
 
 private:
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random_()) % bound; }
 
-    frame_words words(uint8_t protocol, uint16_t server_port, bool from_client) const {
-        frame_words made;
-        made.carried = carried_;
-        made.protocol = protocol;
-        made.from_client = from_client;
-        made.src_ip = from_client ? client_ : server_;
-        made.dst_ip = from_client ? server_ : client_;
-        made.src_port = from_client ? port_ : server_port;
-        made.dst_port = from_client ? server_port : port_;
-        return made;
+    // An IPv4 packet of this conversation, in the frame that it lies in.
+    void add_packet(uint8_t protocol, const octets &payload, bool from_client) {
+        const ipv4_words up = {.src = client_, .dst = server_, .fragment = DONT_FRAGMENT};
+        const ipv4_words down = {.src = server_, .dst = client_, .fragment = DONT_FRAGMENT};
+        const octets packet = ipv4(protocol, payload, from_client ? up : down);
+        frames.push_back(carried_ == encapsulation::plain  ? ethernet(0x0800, packet, from_client)
+                         : carried_ == encapsulation::vlan ? vlan(0x0800, packet, from_client)
+                                                           : pppoe(0x0021, packet, from_client));
+    }
+
+    void add_datagram(uint16_t server_port, bool from_client, std::string_view payload) {
+        const octets datagram =
+            from_client ? udp(port_, server_port, payload) : udp(server_port, port_, payload);
+        add_packet(IPPROTO_UDP, datagram, from_client);
     }
 
     void resolve() {
@@ -116,22 +128,20 @@ private:
             return;
         const std::string name = server_name(server_);
         const auto id = static_cast<uint16_t>(resolved_.size());
-        frame_words ask = words(PROTOCOL_UDP, 53, true);
-        ask.dst_ip = RESOLVER;
-        frames.push_back(make_frame(ask, dns_question(id, name)));
-        frame_words answer = words(PROTOCOL_UDP, 53, false);
-        answer.src_ip = RESOLVER;
-        frames.push_back(make_frame(answer, dns_answer(id, name, server_)));
+        const uint32_t server = std::exchange(server_, RESOLVER);
+        add_datagram(53, true, dns_question(id, name));
+        add_datagram(53, false, dns_answer(id, name, server));
+        server_ = server;
     }
 
     void segment(uint16_t server_port, bool from_client, uint8_t flags, std::string_view payload) {
-        frame_words made = words(PROTOCOL_TCP, server_port, from_client);
-        made.tcp_flags = flags;
-        made.tcp_seq = from_client ? client_seq_ : server_seq_;
-        made.tcp_ack = (flags & TCP_ACK) == 0 ? 0 : from_client ? server_seq_ : client_seq_;
-        frames.push_back(make_frame(made, payload));
         uint32_t &seq = from_client ? client_seq_ : server_seq_;
-        seq += static_cast<uint32_t>(payload.size()) + ((flags & (TCP_SYN | TCP_FIN)) != 0 ? 1 : 0);
+        const uint32_t ack = (flags & ACK) == 0 ? 0 : from_client ? server_seq_ : client_seq_;
+        add_packet(IPPROTO_TCP,
+                   from_client ? tcp(port_, server_port, payload, flags, seq, ack)
+                               : tcp(server_port, port_, payload, flags, seq, ack),
+                   from_client);
+        seq += static_cast<uint32_t>(payload.size()) + ((flags & (SYN | FIN)) != 0 ? 1 : 0);
     }
 
     // One request, its answer in several segments, and the connection around them.
@@ -139,18 +149,18 @@ private:
                     std::string_view further, uint32_t segments) {
         client_seq_ = 1000;
         server_seq_ = 9000;
-        segment(server_port, true, TCP_SYN, {});
-        segment(server_port, false, TCP_SYN | TCP_ACK, {});
-        segment(server_port, true, TCP_ACK, {});
-        segment(server_port, true, TCP_PSH | TCP_ACK, request);
-        segment(server_port, false, TCP_PSH | TCP_ACK, first_answer);
+        segment(server_port, true, SYN, {});
+        segment(server_port, false, SYN | ACK, {});
+        segment(server_port, true, ACK, {});
+        segment(server_port, true, PSH | ACK, request);
+        segment(server_port, false, PSH | ACK, first_answer);
         for (uint32_t n = 0; n < segments; ++n) {
-            segment(server_port, false, TCP_ACK, further);
+            segment(server_port, false, ACK, further);
             if (n % 2 == 0)
-                segment(server_port, true, TCP_ACK, {});
+                segment(server_port, true, ACK, {});
         }
-        segment(server_port, true, TCP_FIN | TCP_ACK, {});
-        segment(server_port, false, TCP_FIN | TCP_ACK, {});
+        segment(server_port, true, FIN | ACK, {});
+        segment(server_port, false, FIN | ACK, {});
     }
 
     void add_tls() {
@@ -176,15 +186,15 @@ private:
         resolve();
         const std::string payload(size, '\x1b');
         for (uint32_t n = 0; n < exchanges; ++n) {
-            frames.push_back(make_frame(words(PROTOCOL_UDP, server_port, true), payload));
-            frames.push_back(make_frame(words(PROTOCOL_UDP, server_port, false), payload));
+            add_datagram(server_port, true, payload);
+            add_datagram(server_port, false, payload);
         }
     }
 
     void add_ping() {
         for (uint32_t n = 0; n < 4; ++n) {
-            frames.push_back(make_frame(words(PROTOCOL_ICMP, 0, true), std::string(56, 'p')));
-            frames.push_back(make_frame(words(PROTOCOL_ICMP, 0, false), std::string(56, 'p')));
+            add_packet(IPPROTO_ICMP, icmp_echo(true, std::string(56, 'p')), true);
+            add_packet(IPPROTO_ICMP, icmp_echo(false, std::string(56, 'p')), false);
         }
     }
 
@@ -200,7 +210,7 @@ private:
 
 } // namespace
 
-std::vector<frame_bytes> make_traffic(size_t count) {
+std::vector<octets> make_traffic(size_t count) {
     conversation_writer writer;
     while (writer.frames.size() < count)
         writer.add();

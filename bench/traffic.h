@@ -7,11 +7,9 @@
 // before. One in ten is VLAN-tagged, one in twenty lies in PPPoE.
 #pragma once
 
-#include "frames.h"
+#include "support/frames.h"
 
-#include <cstdint>
-#include <string>
 #include <vector>
 
 // At least `count` frames, in order.
-std::vector<frame_bytes> make_traffic(size_t count);
+std::vector<octets> make_traffic(size_t count);

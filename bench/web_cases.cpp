@@ -1,12 +1,11 @@
 #include "web_cases.h"
 
-#include "bench_platform.h"
 #include "core/base/settings.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
 #include "dns_cases.h"
-#include "frames.h"
-#include "packet/capture.h"
+#include "flows.h"
+#include "support/fake_platform.h"
 #include "webfilter/web_tables.h"
 
 #include <benchmark/benchmark.h>
@@ -18,6 +17,12 @@
 namespace {
 
 constexpr unsigned FLOWS = 64;
+constexpr urlf_answer FIVE_CATEGORIES = {0, 80, {5, 17, 29, 40, 61}, 4};
+
+int five_categories(const void *, void *reply) {
+    memcpy(reply, &FIVE_CATEGORIES, sizeof FIVE_CATEGORIES);
+    return 0;
+}
 
 struct web_case {
     const char *name;
@@ -47,7 +52,7 @@ void bind_full_policy() {
     policy->num_categories = WEB_CATEGORIES_MAX;
     for (size_t i = 0; i < WEB_CATEGORIES_MAX; ++i)
         policy->categories[i] = static_cast<int32_t>(i + 1);
-    for (const int32_t category : bench_category_answer.categories)
+    for (const int32_t category : FIVE_CATEGORIES.categories)
         policy->categories[category - 1] = 200 + category;
     policy->num_whitelist = policy->num_blacklist = WEB_PATTERNS_MAX;
     for (size_t i = 0; i < WEB_PATTERNS_MAX; ++i) {
@@ -73,36 +78,33 @@ constexpr web_case CASES[] = {
     {"url/unbound_log_masked", no_binding_and_no_log},
 };
 
-std::vector<frame_bytes> url_frames() {
+std::vector<octets> url_frames() {
     av_pkt_trailer trailer = plain_trailer();
     trailer.filter_type = AV_FILTER_URL;
-    std::vector<frame_bytes> frames;
+    std::vector<octets> frames;
     for (unsigned flow = 0; flow < FLOWS; ++flow) {
         copy_text(trailer.kernel_domain, "www.host" + std::to_string(flow) + ".market.example.com");
-        frames.push_back(flow_frame(flow));
-        append_trailer(frames.back(), trailer);
+        frames.push_back(with_trailer(flow_frame(flow), trailer));
     }
     return frames;
 }
 
 void time_verdict(benchmark::State &state, const web_case &wanted) {
-    bench_category_answer = {0, 80, {5, 17, 29, 40, 61}, 4};
+    platform.category_answer = five_categories;
     jorn_settings.tm_engine_enabled = 1;
     copy_text(jorn_settings.video_stream_domain, "video-cdn.example");
     empty_dns_cache();
     wanted.set_up();
-    const std::vector<frame_bytes> frames = url_frames();
-    bench_verdicts = 0;
+    const std::vector<octets> frames = url_frames();
+    platform.verdicts = 0;
     size_t next = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        const frame_bytes &frame = frames[next++ % FLOWS];
-        const pcap_pkthdr header = capture_header(frame);
-        jorn_pkt_callback(nullptr, &header, frame.data());
-    }
-    if (bench_verdicts != next || bench_last_verdict != AV_VERDICT_ALLOW)
+    for ([[maybe_unused]] auto _ : state)
+        judge(frames[next++ % FLOWS]);
+    if (platform.verdicts != next || platform.last_verdict != AV_VERDICT_ALLOW)
         state.SkipWithError("a packet without its verdict, or another than allow");
     jorn_process_web_policy_flush();
     jorn_state.web_intf_list.release_all();
+    platform.category_answer = nullptr;
     jorn_settings.tm_engine_enabled = 0;
     setlogmask(LOG_UPTO(LOG_DEBUG));
 }

@@ -3,25 +3,17 @@
 // that was cut behind a space, and a policy that has no rule with a name.)
 #include "control/files/configuration.h"
 #include "control/tables/arc_tables.h"
-#include "core/base/settings.h"
-#include "core/state/state.h"
+#include "support/fresh_state.h"
 #include "support/saved_folder.h"
 
 #include <cstdlib>
 #include <string>
-#include <syslog.h>
 
 namespace {
 
 const saved_folder &folder() {
     static const saved_folder own;
     return own;
-}
-
-void set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    jorn_settings.debug = 1;
-    setlogmask(LOG_MASK(LOG_EMERG));
 }
 
 void restore(const std::string &content) {
@@ -44,8 +36,9 @@ std::string written() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (set_up(), 1);
+    static const int ready = (silence_log(1), 1);
     (void)ready;
+    platform = {};
     restore({reinterpret_cast<const char *>(data), size});
     restore(written());
     const std::string settled = written();

@@ -2,9 +2,9 @@
 // row of messages, each with its length before it (u16).
 #include "control/commands.h"
 #include "control/tables/arc_tables.h"
-#include "core/base/settings.h"
 #include "core/dns/dns_cache.h"
-#include "core/state/state.h"
+#include "hostile_answers.h"
+#include "support/fresh_state.h"
 #include "support/saved_folder.h"
 #include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
@@ -12,14 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <syslog.h>
 #include <vector>
 
 namespace {
 
 int set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    setlogmask(LOG_MASK(LOG_EMERG));
+    silence_log();
     if (jorn_dnscache_hash_table_init() != 0 || learn_dns_name(0x0100007F, "name") != 0)
         abort();
     return open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -51,6 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const saved_folder folder;
     static const int reply_fd = set_up();
     static std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
+    hostile_platform();
     while (size >= sizeof(uint16_t)) {
         uint16_t length;
         memcpy(&length, data, sizeof length);

@@ -2,32 +2,32 @@
 // are formatted and dropped), against policies that fit some of what comes.
 #include "control/tables/arc_tables.h"
 #include "core/base/hash_table.h"
-#include "core/base/settings.h"
 #include "core/dns/dns_cache.h"
-#include "core/state/state.h"
+#include "hostile_answers.h"
 #include "packet/capture.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
+#include "support/fresh_state.h"
+#include "support/policies.h"
 #include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
 
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <syslog.h>
 
 namespace {
 
-void add_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
+void add_logged_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
     arc_policy_wire policy = {};
     policy.utp_id = utp_id;
     policy.log_enable = 1;
-    strcpy(policy.rules[0].app_name, domain);
+    policy.rules[0] = rule_of(domain);
     policy.rules[0].deny = 1;
-    strcpy(policy.rules[1].app_name, "id");
+    policy.rules[1] = rule_of("id");
     policy.rules[1].app_id = app_id;
     policy.rules[1].qos = 0xFF;
-    __arc_policy_add_end(&policy);
+    add_policy(policy);
 }
 
 // Patterns of every form, categories, and interfaces with and without a policy.
@@ -65,13 +65,12 @@ void add_carrier() {
 }
 
 void set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    setlogmask(LOG_MASK(LOG_EMERG));
+    silence_log();
     jorn_pkt_processor = jorn_decode_eth_pkt;
     jorn_dnscache_hash_table_init();
     jorn_settings.tm_engine_enabled = 1;
-    add_policy(1, "com", 1);
-    add_policy(2, "a", 2);
+    add_logged_policy(1, "com", 1);
+    add_logged_policy(2, "a", 2);
     add_web_policies();
     add_carrier();
 }
@@ -83,6 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     (void)ready;
     if (size > 65535)
         return 0;
+    hostile_platform();
     // A copy of exactly the captured size: a read beyond it is caught.
     const auto captured = std::make_unique<uint8_t[]>(size);
     memcpy(captured.get(), data, size);

@@ -1,32 +1,18 @@
 // The port-service file: any content is read without harm, the list keeps its bounds, and the
 // settled look-up finds for each entry's port what a walk of the list finds.
-#include "core/base/settings.h"
-#include "core/state/state.h"
+#include "support/fresh_state.h"
+#include "support/memory_file.h"
 #include "userapps/port_service.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
-#include <sys/mman.h>
-#include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
-void set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    setlogmask(LOG_MASK(LOG_EMERG));
-}
-
 void read_list(const uint8_t *data, size_t size) {
-    const int fd = memfd_create("port-services", MFD_CLOEXEC);
-    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size))
-        abort();
-    char path[32];
-    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
-    jorn_parse_port_service_conf_file(path, &jorn_state.port_apps);
-    close(fd);
+    const memory_file file({reinterpret_cast<const char *>(data), size});
+    jorn_parse_port_service_conf_file(file.path(), &jorn_state.port_apps);
 }
 
 void check_entry(const port_app &entry) {
@@ -44,7 +30,7 @@ void check_entry(const port_app &entry) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (set_up(), 1);
+    static const int ready = (silence_log(), 1);
     (void)ready;
     jorn_settings.debug = 1;
     read_list(data, size);

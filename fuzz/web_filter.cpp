@@ -1,23 +1,15 @@
 // The web-filter file as somebody may have left it. What was read of it is written, read and
 // written again: from the second writing on the file stays the same. (The first may hold a name
 // that was cut behind a space, or a uuid with a blank before it.)
-#include "core/base/settings.h"
-#include "core/state/state.h"
+#include "support/fresh_state.h"
 #include "support/saved_folder.h"
 #include "webfilter/web_file.h"
 #include "webfilter/web_tables.h"
 
 #include <cstdlib>
 #include <string>
-#include <syslog.h>
 
 namespace {
-
-void set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    jorn_settings.debug = 1;
-    setlogmask(LOG_MASK(LOG_EMERG));
-}
 
 std::string written(const saved_folder &folder) {
     jorn_save_web_configuration();
@@ -38,8 +30,9 @@ void load() {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const saved_folder folder;
-    static const int ready = (set_up(), 1);
+    static const int ready = (silence_log(1), 1);
     (void)ready;
+    platform = {};
     folder.write(WEB_FILTER_FILE, {reinterpret_cast<const char *>(data), size});
     load();
     written(folder);

@@ -1,26 +1,18 @@
 // The Wi-Fi calling file as somebody may have left it. What was read of it is written, read and
 // written again: from the second writing on the file stays the same. (The first may hold a binding
 // whose carriers a later line has replaced by unknown ones.)
-#include "core/base/settings.h"
-#include "core/state/state.h"
-#include "support/saved_folder.h"
 #include "wificalling/wificalling_file.h"
+#include "support/fresh_state.h"
+#include "support/saved_folder.h"
 
 #include <cstdlib>
 #include <string>
-#include <syslog.h>
 
 namespace {
 
 const saved_folder &folder() {
     static const saved_folder own;
     return own;
-}
-
-void set_up() {
-    jorn_settings.daemonize = 1; // lines are formatted, then go nowhere
-    jorn_settings.debug = 1;
-    setlogmask(LOG_MASK(LOG_EMERG));
 }
 
 void check_tables() {
@@ -50,8 +42,9 @@ std::string written() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (set_up(), 1);
+    static const int ready = (silence_log(1), 1);
     (void)ready;
+    platform = {};
     restore({reinterpret_cast<const char *>(data), size});
     restore(written());
     const std::string settled = written();

@@ -11,6 +11,8 @@
 #include "core/base/reply.h"
 #include "core/dns/dns_cache.h"
 #include "core/text/text.h"
+#include "roaming/records/roam.h"
+#include "roaming/roam.h"
 #include "userapps/port_service.h"
 #include "userapps/show_userapps.h"
 #include "userapps/userdef.h"
@@ -48,9 +50,6 @@ struct command_row {
     follow_up then;
 };
 
-// What a row holds whose handler or file isn't part of the daemon yet: the command does what an
-// unassigned number does.
-constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
 constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = jorn_save_web_configuration;
@@ -146,7 +145,7 @@ constexpr command_row COMMANDS[] = {
      SAVE_APPLICATION_POLICIES},
     {CMD_USERDEF_SHOW_REQ, bare<jorn_show_userdef_apps>, NOTHING},
     {CMD_POLICY_CLEAN, bare<jorn_process_cmd_policy_clean>, NOTHING},
-    {CMD_ROAM_NOTIFY_REQ, NOT_YET, NOTHING},
+    {CMD_ROAM_NOTIFY_REQ, completed<roam_notify, jorn_process_cmd_roam_notify>, NOTHING},
     {CMD_DNS_CACHE_SHOW_REQ, bare<jorn_dnscache_show>, NOTHING},
     {CMD_PORT_SERVICE_CFG_REQ, bare<jorn_process_cmd_port_service_cfg_req>, NOTHING},
     {CMD_PORT_APP_SHOW_REQ, bare<jorn_show_port_apps>, NOTHING},
@@ -196,7 +195,7 @@ void run_command(int fd, const void *message, size_t received) {
     const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
                        received > sizeof header ? received - sizeof header : 0, header.len};
     const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
-    if (row == std::end(COMMANDS) || row->run == NOT_YET)
+    if (row == std::end(COMMANDS))
         return;
     row->run(r);
     if (row->then != NOTHING)

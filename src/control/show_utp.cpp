@@ -6,23 +6,33 @@
 
 namespace {
 
+constexpr size_t UTP_TEXT = 2048; // one entry
+
 template <typename Policy>
-printable_text policy_name(const Policy *policy) {
-    return printable_text(policy != nullptr ? std::string_view(policy->name) : "None");
+void list_policy(line_buffer &text, const char *kind, const Policy *policy) {
+    if (policy != nullptr)
+        text.format("\t%s policy: %s\n", kind, printable_text(policy->name).c_str());
+    else
+        text.format("\t%s policy: %s\n", kind, "None");
 }
 
 // Each entry in one piece: the listing ends with the last one that fits.
 void list_utps(line_buffer &text) {
-    for (size_t i = 0; i < UTP_ID_MAX; ++i) {
+    bool any = false;
+    for (uint32_t i = 0; i < UTP_ID_MAX; ++i) {
         const utp_entry<arc_policy> &entry = jorn_state.arc_utp_table[i];
         if (entry.id == 0)
             continue;
-        text.format("\n\tUTP Name  : %s\n\tUTP ID    : %d\n\tAVC policy: %s\n\tWeb policy: %s\n",
-                    printable_text(entry.name).c_str(), static_cast<int>(entry.id),
-                    policy_name(entry.policy).c_str(),
-                    policy_name(jorn_state.web_utp_table[i].policy).c_str());
+        char piece[UTP_TEXT];
+        line_buffer listed(piece, sizeof piece, when_full::leave_out);
+        listed.format("\n\tUTP Name  : %s\n\tUTP ID    : %d\n", printable_text(entry.name).c_str(),
+                      static_cast<int>(entry.id));
+        list_policy(listed, "AVC", entry.policy);
+        list_policy(listed, "Web", jorn_state.web_utp_table[i].policy);
+        text.append(listed.text());
+        any = true;
     }
-    if (text.text().empty())
+    if (!any)
         text.append("\n No UTP configured! \n");
 }
 

@@ -5,26 +5,12 @@ import subprocess
 import time
 import unittest
 
-from test_policies import (CLEAN, POLICY, POLICY_FLUSH, UTP_FLUSH, WRITE, jornctl, policy, rule, PING)
-from testbed import *
+from records import *
 
-USERDEF, PORT_SERVICES = 6, 13
 OP_RESET, OP_DEVICE = 3, 4
 FOLDER, POLICY_FILE = "/writable/jorn", "/writable/jorn/jorn_config.txt"
 RULE_FOLDER, VERSION_FILE = "/writable/fw/tdts_rule", "/writable/fw/tdts_ver"
 EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end]\n"
-
-
-def userdef(name, *, src="", dst="", mask="0.0.0.0", src_port=0, port=0, protocol=0, app_id=0,
-            cat_id=0):
-    def address(text):
-        return struct.pack("=H6x16s8x", 2 if text else 0, socket.inet_aton(text or "0.0.0.0"))
-    return address(src) + address(dst) + socket.inet_aton(mask) + struct.pack(
-        "=HHI66sHHBx", src_port, port, protocol, name.encode(), app_id, cat_id, 0xEE)
-
-
-def userdefs(*records, count=None):
-    return struct.pack("=i", len(records) if count is None else count) + b"".join(records)
 
 
 def write_file(path, text):

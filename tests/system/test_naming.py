@@ -1,9 +1,9 @@
 """How a flow gets its name: from DNS, from the DPI engine, from its addresses."""
 import unittest
 
+from records import DNS_SHOW
 from testbed import *
 
-DNS_SHOW = 10
 DPI = 2  # the trailer's filter_type: a DPI result is there
 MORE, KNOWN, FAILED = 1, 2, 3
 HIT = (1, 1, 1)

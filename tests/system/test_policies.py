@@ -1,48 +1,15 @@
 """Commands over the socket of the real daemon, and what they do to the verdicts."""
-import json
 import random
 import select
 import unittest
 
-from testbed import *
-
-PRIORITY, CLEAN, WRITE, UTP, UTP_FLUSH, POLICY, POLICY_FLUSH, LOG, DEBUG, UT_CASE = \
-    4, 8, 17, 20, 22, 23, 24, 26, 34, 39
-VOICE, VIDEO = 3, 2
-
-
-def rule(name, *, app_id=0, cat_id=0, category="", deny=0, mark=None, classify=None, up=0, down=0):
-    """`mark` is a pair of kind and traffic type."""
-    qos = 0
-    if mark is not None:
-        qos |= 1 | mark[0] << 2 | mark[1] << 4
-    if classify is not None:
-        qos |= 2 | classify << 6
-    return struct.pack("=HH4x64s32sBBHHxx", app_id, cat_id, name.encode(), category.encode(), deny,
-                       qos, up, down)
-
-
-def policy(utp_id, *rules, name="", uuid="", log=0):
-    return struct.pack("=5xB42xI", log, utp_id) + b"".join(rules).ljust(64 * 112, b"\0") + \
-        struct.pack("=65s65sxx", name.encode(), uuid.encode())
-
-
-def utp(utp_id, uuid="", name="n"):
-    return struct.pack("=I4x65s65sxx", utp_id, name.encode(), uuid.encode())
+from records import *
 
 
 def ping_verdict(**fields):
     return flow(protocol=1, app_name="icmp", **fields)
 
 
-def jornctl(*arguments, document=None):
-    """Exit status and output."""
-    done = subprocess.run([jorn_path("jornctl"), *arguments], input=json.dumps(document), text=True,
-                          capture_output=True, timeout=DEADLINE)
-    return done.returncode, done.stdout
-
-
-PING = ipv4_frame(1, icmp_echo())
 DENIED = {"verdict": 3, "deny": 1, "policy_type": 3}
 
 # What it is, the rule of UTP 1's policy, the verdict's fields that differ from "allow".

@@ -3,12 +3,10 @@ import dataclasses
 import random
 import unittest
 
-from test_policies import POLICY, UTP_FLUSH, WRITE, policy, rule, utp
-from testbed import *
+from records import *
 
 WEB_UTP, WEB_POLICY, WEB_FLUSH, WEB_INTF, LATE, SHOW_INTF, SHOW_UTP, DEBUG = \
     21, 28, 29, 30, 31, 32, 33, 34
-USERDEF = 6
 OP_SET_APP, OP_RESET, OP_DEVICE, OP_SAFESEARCH = 2, 3, 4, 5
 DISABLE, DELETE, ADD = 1, 2, 3
 FILE = "/writable/jorn/web_filter_config.txt"

@@ -5,7 +5,7 @@ import threading
 import time
 import unittest
 
-from test_policies import POLICY, policy, rule
+from records import POLICY, policy, rule
 from testbed import *
 
 CARRIER, BINDING, SHOW, FLUSH, OP_DEVICE = 35, 36, 37, 38, 4

@@ -1,13 +1,11 @@
 // The packet path allocates nothing. Every call of the allocator is counted: through the
 // sanitizer's hooks where there is one, else by standing in for malloc and its kin, on which
 // operator new is built.
-#include "core/base/settings.h"
-#include "core/state/state.h"
-#include "fake_platform.h"
-#include "frames.h"
 #include "packet/capture.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
+#include "support/frames.h"
+#include "support/fresh_state.h"
 #include "webfilter/web_tables.h"
 
 #include <gtest/gtest.h>
@@ -78,10 +76,8 @@ void count_from_now_on() {
 namespace {
 
 TEST(Allocations, NoneInTenThousandPackets) {
-    jorn_state = {};
-    jorn_settings = {};
-    platform = {};
-    platform.keeps_records = false;
+    fresh_state();
+    platform.keeps_calls = false;
     jorn_pkt_processor = jorn_decode_eth_pkt;
     capture_context capture_ctx = {};
     jorn_settings.tm_engine_enabled = 1;
@@ -97,7 +93,7 @@ TEST(Allocations, NoneInTenThousandPackets) {
         with_trailer(ethernet(0x0800, ipv4(6, tcp(40000, 443)))),
         with_trailer(ethernet(0x0800, ipv4(6, tcp(80, 1, "HTTP/1.1 302\r\nLocation: x\r\n")))),
         with_trailer(vlan(0x0800, ipv4(17, udp(1024, 53)))),
-        with_trailer(pppoe(0x0021, ipv4(1, octets(8, 0)))),
+        with_trailer(pppoe(0x0021, ipv4(1, icmp_echo()))),
         with_trailer(ethernet(0x0806, arp())),
         with_trailer(ethernet(0x0800, ipv4(6, tcp(40000, 443))), web),
     };
@@ -108,13 +104,12 @@ TEST(Allocations, NoneInTenThousandPackets) {
     count_from_now_on();
     for (int i = 0; i < 10'000; ++i) {
         const octets &frame = frames[static_cast<size_t>(i) % std::size(frames)];
-        pcap_pkthdr header = {};
-        header.caplen = header.len = static_cast<uint32_t>(frame.size());
+        const pcap_pkthdr header = capture_header(frame);
         jorn_pkt_callback(reinterpret_cast<uint8_t *>(&capture_ctx), &header, frame.data());
     }
     const size_t calls = allocator_calls;
     EXPECT_EQ(calls, 0u);
-    EXPECT_EQ(platform.ioctl_count, 10'000u);
+    EXPECT_EQ(platform.verdicts, 10'000u);
     jorn_process_web_policy_flush();
     jorn_state.web_intf_list.release_all();
 }

@@ -1,6 +1,6 @@
 #include "classify/arc_policy.h"
 #include "core/state/state.h"
-#include "policies.h"
+#include "fresh_state_fixture.h"
 
 #include <cstring>
 #include <random>
@@ -57,6 +57,7 @@ TEST(DomainMatch, Rows) {
         {n59, n59 + ".com", true},
         {n60, n60.substr(4) + ".com", false},
         {"caf\xC3\x89", "caf\xC3\xA9", false}, // only A to Z have a case
+        {n60 + "nnnn", n60 + "nnnnn", false},  // no rule is cut to fit
         {"short", "a much longer rule than the name", false},
     };
     for (const auto &row : rows)
@@ -64,8 +65,8 @@ TEST(DomainMatch, Rows) {
             << row.name << " / " << row.domain;
 }
 
-// The index names candidates only; what it leaves out must never fit. Random names and rules of few
-// letters make collisions and near misses common.
+// The index names candidates only; what it leaves out must never fit, and a policy without one is
+// no different. Random names and rules of few letters make collisions and near misses common.
 TEST_F(ArcPolicy, IndexFindsWhatAWalkFinds) {
     std::mt19937 random(20261124);
     const auto text = [&](size_t longest) {
@@ -83,6 +84,8 @@ TEST_F(ArcPolicy, IndexFindsWhatAWalkFinds) {
                                               : domain_rule(random() % 3 == 0 ? "" : text(9)));
         }
         const arc_policy *policy = add_policy(1, rules);
+        arc_policy bare = *policy;
+        bare.index = nullptr;
         for (int packet = 0; packet < 20; ++packet) {
             const pkt_ctx ctx = named(text(64), static_cast<uint16_t>(random() % 12),
                                       static_cast<uint16_t>(random() % 3));
@@ -99,6 +102,8 @@ TEST_F(ArcPolicy, IndexFindsWhatAWalkFinds) {
             }
             fits += wanted != nullptr;
             ASSERT_EQ(__jorn_policy_match(&ctx, policy), wanted) << ctx.app_name;
+            const arc_rule *walked = __jorn_policy_match(&ctx, &bare);
+            ASSERT_EQ(walked != nullptr ? policy->rules + (walked - bare.rules) : nullptr, wanted);
         }
     }
     EXPECT_GT(fits, 500u);
@@ -127,6 +132,22 @@ TEST_F(ArcPolicy, OutcomeBySides) {
         EXPECT_EQ(ctx.arc_action, row.action) << row.name << ' ' << row.src << ' ' << row.dst;
         EXPECT_EQ(ctx.arc_match_utp, row.utp);
         EXPECT_EQ(ctx.arc_match_src, row.from_src);
+    }
+}
+
+TEST_F(ArcPolicy, TablesFilledInAnotherWayThanByCommands) {
+    arc_policy unlisted = {};
+    unlisted.rules[0] = domain_rule("deny-me", true);
+    jorn_state.arc_utp_table[1].id = 2;
+    jorn_state.arc_utp_table[1].policy = &unlisted;
+    add_policy(1, {domain_rule("something")});
+    jorn_state.arc_policy_list.tail->rules[0] = domain_rule("deny-me", true);
+    settle_arc_tables();
+    for (const uint32_t utp_id : {1u, 2u}) {
+        pkt_ctx ctx = named("deny-me");
+        ctx.src_utp_id = utp_id;
+        jorn_apply_arc_policy(&ctx);
+        EXPECT_EQ(ctx.arc_action, ARC_ACTION_BLOCK) << utp_id;
     }
 }
 

@@ -2,7 +2,7 @@
 #include "control/files/configuration.h"
 #include "core/base/reply.h"
 #include "core/state/state.h"
-#include "policies.h"
+#include "fresh_state_fixture.h"
 #include "support/saved_folder.h"
 
 #include <cstring>

@@ -1,8 +1,6 @@
 #include "control/files/arc_section.h"
 #include "control/files/configuration.h"
-#include "core/base/settings.h"
-#include "core/state/state.h"
-#include "policies.h"
+#include "fresh_state_fixture.h"
 #include "support/saved_folder.h"
 
 #include <cstring>
@@ -41,11 +39,9 @@ protected:
     }
     static void reset() {
         jorn_process_arc_policy_flush();
-        jorn_state = {};
-        jorn_settings = {};
+        fresh_state();
         folder().use();
         jorn_settings.debug = 1; // the log goes to standard error
-        platform = {};
     }
     // Restores the content into an empty state and returns the log.
     static std::string restore(const std::string &content) {

@@ -1,9 +1,7 @@
 #include "classify/detect.h"
 #include "control/files/dpi_engine.h"
-#include "core/base/settings.h"
-#include "core/state/state.h"
 #include "dns_cache_fixture.h"
-#include "policies.h"
+#include "support/policies.h"
 #include "userapps/settle.h"
 
 namespace {
@@ -30,7 +28,7 @@ class Detect : public DnsCacheFixture {
 protected:
     void SetUp() override {
         DnsCacheFixture::SetUp();
-        platform.tm_support = 1;
+        platform.results["psm_mem_support_tm"] = 1;
         enable_dpi_engine();
         platform.calls.clear();
     }

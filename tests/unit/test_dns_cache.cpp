@@ -1,8 +1,5 @@
-#include "core/state/state.h"
 #include "dns_cache_fixture.h"
-
-#include <sys/mman.h>
-#include <unistd.h>
+#include "support/memory_file.h"
 
 namespace {
 
@@ -11,13 +8,9 @@ constexpr uint32_t FULL = 16385;
 class DnsCache : public DnsCacheFixture {
 protected:
     static std::string listing() {
-        const int fd = memfd_create("listing", 0);
-        EXPECT_EQ(jorn_dnscache_show(fd), 0);
-        std::string text(1 << 18, '\0');
-        const ssize_t size = pread(fd, text.data(), text.size(), 0);
-        close(fd);
-        text.resize(static_cast<size_t>(size));
-        return text;
+        const memory_file reply;
+        EXPECT_EQ(jorn_dnscache_show(reply.fd()), 0);
+        return reply.content();
     }
     static dns_cache_entry *entry(uint32_t address_be) {
         return static_cast<dns_cache_entry *>(

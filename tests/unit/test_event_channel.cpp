@@ -1,6 +1,6 @@
 // Runs in namespaces of its own: the service's path is the machine's.
 #include "core/base/event_channel.h"
-#include "fake_platform.h"
+#include "support/fake_platform.h"
 
 #include <cstdlib>
 #include <cstring>

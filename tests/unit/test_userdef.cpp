@@ -1,4 +1,3 @@
-#include "core/state/state.h"
 #include "userapps_fixture.h"
 
 #include <arpa/inet.h>

@@ -1,8 +1,8 @@
 // Short ways to fill the tables of user-defined applications.
 #pragma once
 
-#include "core/state/state.h"
-#include "policies.h"
+#include "fresh_state_fixture.h"
+#include "support/memory_file.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
 
@@ -31,12 +31,7 @@ protected:
 
     // Reads a port-service file of this content.
     static int load_ports(const std::string &content) {
-        const std::string path = testing::TempDir() + "port_services." + std::to_string(getpid());
-        FILE *file = fopen(path.c_str(), "w");
-        fwrite(content.data(), 1, content.size(), file);
-        fclose(file);
-        const int result = jorn_parse_port_service_conf_file(path.c_str(), &jorn_state.port_apps);
-        remove(path.c_str());
-        return result;
+        const memory_file file(content);
+        return jorn_parse_port_service_conf_file(file.path(), &jorn_state.port_apps);
     }
 };

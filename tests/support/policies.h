@@ -1,14 +1,12 @@
-// A test with a fresh state block and platform, and short ways to give it policies as command 23
-// does.
+// Short ways to fill the ARC tables as command 23 does.
 #pragma once
 
 #include "control/tables/arc_tables.h"
-#include "core/base/settings.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
-#include "fake_platform.h"
 
-#include <gtest/gtest.h>
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,18 +23,8 @@ inline const arc_policy *add_policy(const arc_policy_wire &wire) {
 }
 
 inline const arc_policy *add_policy(uint32_t utp_id, const std::vector<arc_rule> &rules = {}) {
-    arc_policy_wire wire = {};
-    wire.utp_id = utp_id;
-    std::copy(rules.begin(), rules.end(), wire.rules);
-    return add_policy(wire);
+    const auto wire = std::make_unique<arc_policy_wire>();
+    wire->utp_id = utp_id;
+    std::copy(rules.begin(), rules.end(), wire->rules);
+    return add_policy(*wire);
 }
-
-class FreshState : public testing::Test {
-protected:
-    void SetUp() override {
-        jorn_state = {};
-        jorn_settings = {};
-        platform = {};
-    }
-    void TearDown() override { jorn_process_arc_policy_flush(); }
-};

@@ -1,0 +1,42 @@
+// The flows of the benchmarks, each from a client of its own to a server of its own, and their way
+// through the packet path in memory.
+#pragma once
+
+#include "packet/capture.h"
+#include "packet/decode/decode.h"
+#include "packet/process.h"
+#include "support/frames.h"
+
+#include <cstdint>
+#include <netinet/in.h>
+#include <string>
+#include <vector>
+
+inline constexpr uint32_t CLIENTS = 0x0A000002;
+inline constexpr uint32_t SERVERS = 0xC6120001;
+
+// The IPv4 packet of flow number `flow`, client to server.
+inline octets flow_packet(uint32_t flow, uint8_t protocol = IPPROTO_TCP, uint16_t port = 443) {
+    const std::string payload(64, 'x');
+    const octets segment = protocol == IPPROTO_TCP ? tcp(40000 + flow, port, payload, 0x10)
+                                                   : udp(40000 + flow, port, payload);
+    return ipv4(protocol, segment, {.src = CLIENTS + flow, .dst = SERVERS + flow});
+}
+
+inline octets flow_frame(uint32_t flow) {
+    return ethernet(0x0800, flow_packet(flow));
+}
+
+// The frames of the first flows with this trailer behind each.
+template <typename Frame>
+std::vector<octets> flow_frames(uint32_t flows, Frame frame, const av_pkt_trailer &trailer) {
+    std::vector<octets> frames;
+    for (uint32_t flow = 0; flow < flows; ++flow)
+        frames.push_back(with_trailer(frame(flow), trailer));
+    return frames;
+}
+
+inline void judge(const octets &frame) {
+    const pcap_pkthdr header = capture_header(frame);
+    jorn_pkt_callback(nullptr, &header, frame.data());
+}

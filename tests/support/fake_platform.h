@@ -1,0 +1,42 @@
+// The platform of the unit tests, fuzz targets and benchmarks: notes what the daemon's code asks of
+// it, in order, and answers at once what has been set.
+//
+// A new operation is one line in fake_platform.cpp, `return called(__func__, its arguments ...)`;
+// what it returns is set in `results`.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What the platform's DNS cache says about an address.
+struct fake_dns_answer {
+    std::string_view name;
+    int result = 0;
+    uint32_t words[3] = {1, 1, 1};
+};
+
+struct fake_platform {
+    std::vector<std::string> calls;            // "operation(arguments)"
+    std::vector<std::vector<uint8_t>> records; // the bytes that they handed over
+    bool keeps_calls = true; // off, nothing is noted or allocated but what is counted here:
+    uint64_t verdicts = 0;
+    uint32_t last_verdict = 0;
+
+    std::map<std::string_view, int> results; // by operation; of the others 0
+    std::map<std::string, int> avc_enable;   // by interface; of the others 0
+    std::string base_mac = "00:1A:2B:3C:4D:5E";
+    std::string fw_version = "1.0";
+    std::string url_server;                  // empty: none is configured
+    std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
+
+    // In place of `dns`, and of an agent that knows every domain and no category. They allocate
+    // nothing where `keeps_calls` is off.
+    fake_dns_answer (*dns_answer)(uint32_t address_be) = nullptr;
+    int (*category_answer)(const void *request, void *reply) = nullptr;
+};
+
+// The one instance; a test's set-up assigns a fresh one.
+extern fake_platform platform;
