@@ -122,14 +122,14 @@ TEST(JornctlDocuments, ApplicationBecomesItsRecord) {
 TEST(JornctlDocuments, WebRecords) {
     const document read = read_document(R"({
         "web_policies": [{"name": "n", "uuid": "u", "utp_id": 5, "filter_type": "CUSTOM",
-            "categories": ["Malware", 21, 65535], "whitelist": ["a", "*.b"], "blacklist": ["c"],
+            "categories": ["Uncategorized", 200, 65535], "whitelist": ["a", "*.b"], "blacklist": ["c"],
             "google_safe_search": true, "google_vip": "203.0.113.5", "youtube_vip": "10.0.0.1"}],
         "web_interfaces": [{"ifname": "wlan0", "enable": true, "intf_value": 7, "policy_uuid": "U"},
                            {"ifname": "wlan1", "delete": true}]})");
     web_policy_wire policy = {};
     policy.filter_type = 4;
     policy.num_categories = 3;
-    policy.categories[0] = policy.categories[1] = 21;
+    policy.categories[1] = 200;
     policy.categories[2] = 65535;
     policy.num_whitelist = 2;
     strcpy(policy.whitelist[0], "a");
