@@ -6,6 +6,7 @@
 #include "core/text/text.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
+#include "packet/zero.h"
 
 #include <cstdio>
 #include <cstring>
@@ -159,7 +160,8 @@ int jorn_set_pkt_processor(capture_context *capture_ctx) {
 }
 
 void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes) {
-    pkt_ctx ctx = {};
+    pkt_ctx ctx;
+    zero(ctx);
     ctx.wfc_priority = WFC_PRIORITY_NONE;
     ++pkt_count;
     JORN_DEBUG("\n PKT %d \n", static_cast<int>(pkt_count));

@@ -6,6 +6,7 @@
 #include "core/state/stats.h"
 #include "core/text/text.h"
 #include "packet/process.h"
+#include "packet/zero.h"
 #include "platform/psms.h"
 #include "wificalling/records/wificalling.h"
 
@@ -14,7 +15,8 @@
 namespace {
 
 av_verdict default_verdict(const pkt_ctx &ctx) {
-    av_verdict record = {};
+    av_verdict record;
+    zero(record);
     record.verdict = AV_VERDICT_ALLOW;
     record.policy_type = AV_POLICY_DEFAULT;
     memset(&record.qos, 0xFF, sizeof record.qos);
