@@ -24,19 +24,20 @@ constexpr size_t DOMAIN_MAX = sizeof(urlf_request::domain) - 1;
 static_assert(sizeof(urlf_reply) == sizeof(pkt_ctx::uf_reply));
 
 // No name at all is known: the server goes by its address.
-void name_by_server(pkt_ctx &ctx) {
+bool name_by_server(pkt_ctx &ctx) {
     const bool to_server = ctx.dst_port == HTTP_PORT || ctx.dst_port == HTTPS_PORT;
     const uint32_t server = to_server ? ctx.dst_ip : ctx.src_ip;
     if (server == 0)
-        return;
+        return false;
     copy_text(ctx.app_name, ipv4_text(server).c_str());
     JORN_DEBUG_AS(FUNCTION, "*** Server IP %s (port %d) to be used for web-category\n",
                   ctx.app_name, ctx.dst_port);
+    return true;
 }
 
 // The domain to ask for, in app_name: the kernel's, an earlier step's, the cache's, else the
-// server's address. It may stay empty.
-void choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
+// server's address. Returns false for a server without an address: nobody knows what to ask for.
+bool choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
     if (!kernel_domain.empty()) {
         JORN_DEBUG_AS(FUNCTION, "Domain name from kernel = %s\n",
                       printable_text(kernel_domain).c_str());
@@ -45,8 +46,9 @@ void choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
         JORN_DEBUG_AS(FUNCTION, " Domain retrieved from cache %s and org_app %s \n",
                       printable_text(ctx.app_name).c_str(), printable_text(ctx.orig_app).c_str());
     } else {
-        name_by_server(ctx);
+        return name_by_server(ctx);
     }
+    return true;
 }
 
 // All hosts of the video CDN are asked for as one domain.
@@ -111,7 +113,8 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
     ctx.url_filter = 1;
     if (jorn_get_web_policy_cfg(&ctx) != WEB_FOUND)
         return after_step::next;
-    choose_domain(ctx, trailer.kernel_domain());
+    if (!choose_domain(ctx, trailer.kernel_domain()))
+        return after_step::undecided;
     merge_video_hosts(ctx);
     const urlf_request request = category_request(ctx);
     JORN_DEBUG_AS(FUNCTION, " Domain name len = %d\n", static_cast<int>(request.domain_length));

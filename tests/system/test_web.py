@@ -553,9 +553,11 @@ class Files(WebTest):
                               (b"sixteen-letters.", "Disable\tPolicy UUID: odd\n" + empty),
                               (b"wlan2", "Enable\n\n==== No URL Filtering Policy Attached ====\n")):
             self.assertEqual(command(SHOW_INTF, payload).decode(), "\nURL Filtering is: " + says)
-        for payload in (b"", b"wlan", b"x" * 31, b"x" * 40, b"wlan\n"):
-            shown = payload[:31].decode().replace("\n", "?")
+        for payload in (b"", b"wlan", b"x" * 31, b"wlan\n"):
+            shown = payload.decode().replace("\n", "?")
             self.assertEqual(command(SHOW_INTF, payload).decode(), f"\nInterface {shown} not present \n")
+        for payload, length in ((b"x" * 32, 32), (b"wlan0", 16)):  # too long; more than came
+            self.assertEqual(command(SHOW_INTF, payload, length=length), b"")
         for number, says in (
                 (0, "\n Invalid UTP ID \n"), (65, "\n Invalid UTP ID \n"), (5, "\nUTP ID 5 not preset \n"),
                 (3, "\nUTP Name: Nobody \tID: 3\n\n==== No Web Policy Attached ====\n"),
