@@ -1,7 +1,7 @@
 #include "feeder.h"
 
 #include "lab.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 
 #include "flows.h"
 #include "lab.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <csignal>

@@ -3,10 +3,10 @@
 
 # shellcheck disable=SC2034 # the scripts choose from these lists
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohmann-json3-dev
-    libtomlplusplus-dev libndpi-dev)
+    libtomlplusplus-dev libndpi-dev libssl-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
-    dnsmasq-base)
+    dnsmasq-base openssl)
 # shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl)
 

@@ -35,6 +35,12 @@ private:
     size_t length_ = 0;
 };
 
+// The rules that may fit, as a bit each: those by id do, a domain is to be looked for yet.
+struct candidate_rules {
+    uint64_t by_id;
+    uint64_t by_domain;
+};
+
 // The rules whose application id and category are the context's, as a bit each.
 uint64_t rules_with_ids_of(const pkt_ctx &ctx, const arc_rule_index &index) {
     if (ctx.app_id == 0 || index.id_rules == 0)
@@ -46,13 +52,36 @@ uint64_t rules_with_ids_of(const pkt_ctx &ctx, const arc_rule_index &index) {
     return found;
 }
 
+candidate_rules walk_rules(const pkt_ctx &ctx, const arc_policy &policy) {
+    candidate_rules found = {};
+    for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
+        const arc_rule &rule = policy.rules[n];
+        if (rule.app_id == 0)
+            found.by_domain |= uint64_t{rule.app_name[0] != '\0'} << n;
+        else if (rule.app_id == ctx.app_id && rule.cat_id == ctx.app_cat_id)
+            found.by_id |= uint64_t{1} << n;
+    }
+    return found;
+}
+
+candidate_rules candidates_in(const arc_policy &policy, const pkt_ctx &ctx,
+                              const searchable_name &name) {
+    if (policy.index == nullptr)
+        return walk_rules(ctx, policy);
+    return {rules_with_ids_of(ctx, *policy.index), policy.index->domains.candidates(name.text())};
+}
+
+bool domain_occurs(const arc_policy &policy, unsigned n, const searchable_name &name) {
+    return policy.index != nullptr
+               ? policy.index->domains.occurs_in(name.text(), n)
+               : contains_ignoring_case(name.text(), field_text(policy.rules[n].app_name));
+}
+
 const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &name,
                                    const arc_policy &policy) {
     constexpr char FUNCTION[] = "__jorn_policy_match";
-    const arc_rule_index &index = *policy.index;
-    const uint64_t by_id = rules_with_ids_of(ctx, index);
-    for (uint64_t left = by_id | index.domains.candidates(name.text()); left != 0;
-         left &= left - 1) {
+    const auto [by_id, by_domain] = candidates_in(policy, ctx, name);
+    for (uint64_t left = by_id | by_domain; left != 0; left &= left - 1) {
         const auto n = static_cast<unsigned>(std::countr_zero(left));
         const arc_rule *rule = &policy.rules[n];
         if ((by_id >> n & 1) != 0) {
@@ -60,7 +89,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
                           ctx.app_id, ctx.app_cat_id);
             return rule;
         }
-        if (index.domains.occurs_in(name.text(), n)) {
+        if (domain_occurs(policy, n, name)) {
             JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: Domain matched %s\n",
                           printable_text(ctx.app_name).c_str());
             return rule;

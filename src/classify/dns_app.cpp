@@ -66,6 +66,19 @@ unsigned long take_number(string_view text, size_t *at) {
     return number;
 }
 
+bool is_dotted_quad(string_view text) {
+    if (text.size() < 7 || text.size() > IPV4_TEXT_MAX || text.front() == '.' ||
+        text.back() == '.' || text.find_first_not_of("0123456789.") != text.npos ||
+        std::count(text.begin(), text.end(), '.') != 3)
+        return false;
+    size_t at = 0;
+    for (int i = 0; i < 4 && text[at] != '.'; ++i) {
+        if (take_number(text, &at) > 255)
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int jorn_detect_pkt_dns_app(pkt_ctx *ctx, int web_mode) {
@@ -85,17 +98,8 @@ int jorn_detect_pkt_dns_app(pkt_ctx *ctx, int web_mode) {
     return JORN_DETECT_MATCH;
 }
 
-int jorn_is_valid_ipv4_string(string_view text) {
-    if (text.size() < 7 || text.size() > IPV4_TEXT_MAX || text.front() == '.' ||
-        text.back() == '.' || text.find_first_not_of("0123456789.") != text.npos ||
-        std::count(text.begin(), text.end(), '.') != 3)
-        return 0;
-    size_t at = 0;
-    for (int i = 0; i < 4 && text[at] != '.'; ++i) {
-        if (take_number(text, &at) > 255)
-            return 0;
-    }
-    return 1;
+int jorn_is_valid_ipv4_string(const char *text) {
+    return text != nullptr && is_dotted_quad(text) ? 1 : 0;
 }
 
 int jorn_parse_redirect_ip(string_view location, uint32_t *address_be) {
@@ -103,7 +107,7 @@ int jorn_parse_redirect_ip(string_view location, uint32_t *address_be) {
         location.remove_prefix(std::min(location.find_first_not_of('/'), location.size()));
         const string_view piece = location.substr(0, location.find('/'));
         location.remove_prefix(piece.size());
-        if (jorn_is_valid_ipv4_string(piece) == 0)
+        if (!is_dotted_quad(piece))
             continue;
         char text[IPV4_TEXT_MAX + 1] = {};
         piece.copy(text, IPV4_TEXT_MAX);

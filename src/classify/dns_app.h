@@ -14,8 +14,9 @@ int jorn_detect_pkt_dns_app(pkt_ctx *ctx, int web_mode);
 
 // 1 for what looks like a dotted quad: 7 to 15 digits and dots, exactly three dots, none at either
 // end, no number above 255. Numbers are read from the front as scanf would, so that what follows an
-// empty one isn't looked at; that such a text is no address shows when it is converted.
-int jorn_is_valid_ipv4_string(std::string_view text);
+// empty one isn't looked at; that such a text is no address shows when it is converted. A missing
+// text is none.
+int jorn_is_valid_ipv4_string(const char *text);
 
 // Finds an address among the first five "/"-separated pieces of a redirect's target. Returns 0 and
 // the address in network byte order, or -1.

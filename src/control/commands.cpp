@@ -5,12 +5,16 @@
 #include "control/priority.h"
 #include "control/records/arc.h"
 #include "control/records/commands.h"
+#include "control/show_utp.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
 #include "core/dns/dns_cache.h"
 #include "core/text/text.h"
+#include "roaming/records/roam.h"
+#include "roaming/roam.h"
 #include "userapps/port_service.h"
+#include "userapps/show_userapps.h"
 #include "userapps/userdef.h"
 #include "webfilter/agent_reply.h"
 #include "webfilter/web_file.h"
@@ -46,9 +50,6 @@ struct command_row {
     follow_up then;
 };
 
-// What a row holds whose handler or file isn't part of the daemon yet: the command does what an
-// unassigned number does.
-constexpr handler NOT_YET = nullptr;
 constexpr follow_up NOTHING = nullptr;
 constexpr follow_up SAVE_APPLICATION_POLICIES = jorn_save_configuration;
 constexpr follow_up SAVE_WEB_FILTER = jorn_save_web_configuration;
@@ -93,6 +94,20 @@ void whole(const request &r) {
                       r.received, sizeof(Record));
 }
 
+// A record whose room refuses what its file can't hold, with a line in the log.
+template <typename Record, auto Run>
+void stored(const request &r) {
+    static_assert(sizeof(Record) <= COMMAND_PAYLOAD_SIZE);
+    Record asked;
+    memcpy(&asked, r.payload, sizeof asked);
+    if (!is_storable(asked))
+        return;
+    if constexpr (std::is_invocable_v<decltype(Run), const Record &>)
+        Run(asked);
+    else
+        Run(&asked);
+}
+
 // A payload of a length that its room works out: `Complete` refuses a short one with a line in the
 // log.
 template <auto Complete, auto Run>
@@ -101,23 +116,8 @@ void counted(const request &r) {
         Run(r.payload);
 }
 
-void process_arc_policy_cfg(const arc_policy_wire &policy) {
-    if (is_storable(policy))
-        __arc_policy_add_end(&policy);
-}
-
 void process_arc_policy_log_cfg(int fd, const arc_policy_log_cfg &asked) {
     jorn_process_arc_policy_log_cfg(fd, asked.name, asked.value);
-}
-
-void process_wificalling_policy(const wificalling_policy_wire &asked) {
-    if (is_storable(asked))
-        jorn_process_wificalling_policy_cfg(asked);
-}
-
-void process_wificalling_intf(const wificalling_intf_wire &asked) {
-    if (is_storable(asked))
-        jorn_process_wificalling_intf_config(asked);
 }
 
 void process_debug_cfg(uint32_t value) {
@@ -143,35 +143,36 @@ constexpr command_row COMMANDS[] = {
     {CMD_POLICY_USERDEF_CFG_REQ,
      counted<userdef_payload_complete, jorn_process_cmd_userdef_policy_cfg_req>,
      SAVE_APPLICATION_POLICIES},
-    {CMD_USERDEF_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_USERDEF_SHOW_REQ, bare<jorn_show_userdef_apps>, NOTHING},
     {CMD_POLICY_CLEAN, bare<jorn_process_cmd_policy_clean>, NOTHING},
-    {CMD_ROAM_NOTIFY_REQ, NOT_YET, NOTHING},
+    {CMD_ROAM_NOTIFY_REQ, completed<roam_notify, jorn_process_cmd_roam_notify>, NOTHING},
     {CMD_DNS_CACHE_SHOW_REQ, bare<jorn_dnscache_show>, NOTHING},
     {CMD_PORT_SERVICE_CFG_REQ, bare<jorn_process_cmd_port_service_cfg_req>, NOTHING},
-    {CMD_PORT_APP_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_PORT_APP_SHOW_REQ, bare<jorn_show_port_apps>, NOTHING},
     {CMD_WRITE_CFG_REQ, bare<jorn_process_cmd_write_cfg>, NOTHING},
     {CMD_ARC_UTP_CFG_REQ, completed<utp_entry_wire, jorn_process_arc_config>,
      SAVE_APPLICATION_POLICIES},
     {CMD_WEB_UTP_CFG_REQ, completed<utp_entry_wire, jorn_process_url_config>,
      SAVE_APPLICATION_POLICIES},
     {CMD_UTP_FLUSH_REQ, bare<jorn_process_utp_flush>, NOTHING},
-    {CMD_ARC_POLICY_CFG_REQ, completed<arc_policy_wire, process_arc_policy_cfg>,
+    {CMD_ARC_POLICY_CFG_REQ, stored<arc_policy_wire, __arc_policy_add_end>,
      SAVE_APPLICATION_POLICIES},
     {CMD_ARC_POLICY_FLUSH_REQ, bare<jorn_process_arc_policy_flush>, NOTHING},
-    {CMD_UTP_SHOW_REQ, NOT_YET, NOTHING},
+    {CMD_UTP_SHOW_REQ, bare<jorn_show_utp>, NOTHING},
     {CMD_ARC_POLICY_LOG_CFG_REQ, completed<arc_policy_log_cfg, process_arc_policy_log_cfg>,
      SAVE_APPLICATION_POLICIES},
-    {CMD_WEB_POLICY_CFG_REQ, completed<web_policy_wire, process_web_policy_cfg>, SAVE_WEB_FILTER},
+    {CMD_WEB_POLICY_CFG_REQ, stored<web_policy_wire, __web_find_intf_and_build_utp_for_pcy>,
+     SAVE_WEB_FILTER},
     {CMD_WEB_POLICY_FLUSH_REQ, bare<jorn_process_web_policy_flush>, NOTHING},
-    {CMD_WEB_INTF_CFG_REQ, completed<web_intf_wire, process_web_intf_cfg>, SAVE_WEB_FILTER},
+    {CMD_WEB_INTF_CFG_REQ, stored<web_intf_wire, jorn_process_web_intf_config>, SAVE_WEB_FILTER},
     {CMD_UF_AGENT_REPLY, whole<uf_agent_reply, jorn_process_uf_agent_async_reply>, NOTHING},
     {CMD_INTF_URL_POLICY_SHOW_REQ, show_intf_url_policy, NOTHING},
     {CMD_UTP_WEB_POLICY_SHOW_REQ, completed<uint32_t, jorn_show_utp_web_policy>, NOTHING},
     {CMD_DEBUG_CFG_REQ, completed<uint32_t, process_debug_cfg>, NOTHING},
     {CMD_WIFICALLING_POLICY_CFG_REQ,
-     completed<wificalling_policy_wire, process_wificalling_policy>, SAVE_WIFICALLING},
+     stored<wificalling_policy_wire, jorn_process_wificalling_policy_cfg>, SAVE_WIFICALLING},
     {CMD_WIFICALLING_INTF_CFG_REQ,
-     completed<wificalling_intf_wire, process_wificalling_intf>, SAVE_WIFICALLING},
+     stored<wificalling_intf_wire, jorn_process_wificalling_intf_config>, SAVE_WIFICALLING},
     {CMD_WIFICALLING_INTF_SHOW_REQ, bare<jorn_show_wificalling_intf>, NOTHING},
     {CMD_WIFICALLING_POLICY_FLUSH_REQ, bare<jorn_process_wificalling_policy_flush>, NOTHING},
     {CMD_UT_CASE_REQ, completed<int32_t, jorn_process_ut_case>, NOTHING},
@@ -194,7 +195,7 @@ void run_command(int fd, const void *message, size_t received) {
     const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
                        received > sizeof header ? received - sizeof header : 0, header.len};
     const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
-    if (row == std::end(COMMANDS) || row->run == NOT_YET)
+    if (row == std::end(COMMANDS))
         return;
     row->run(r);
     if (row->then != NOTHING)

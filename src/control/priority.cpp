@@ -6,9 +6,16 @@
 #include "core/state/state.h"
 #include "core/text/text.h"
 
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
 namespace {
 
 constexpr size_t LISTING_SIZE = 20'480;
+static_assert(std::ranges::all_of(ARC_TRAFFIC_TYPES, [](std::string_view name) {
+    return name.size() < TRAFFIC_TYPE_SIZE;
+}));
 
 const char *mark_kind_text(uint8_t kind) {
     if (kind < std::size(ARC_MARK_KINDS))
@@ -23,8 +30,8 @@ void list_rule(line_buffer &listing, const arc_rule &rule) {
     listing.format(rule.cat_id == CATEGORY_USER_DEFINED ? "Cat Id:%d (User Defined)\n"
                                                         : "Cat Id:%d\n",
                    rule.cat_id);
-    listing.format("\tApp Name:%s ", rule.app_name);
-    listing.format("\tCat Name:%s\n", rule.cat_name);
+    listing.format("\tApp Name:%s ", printable_text(field_text(rule.app_name)).c_str());
+    listing.format("\tCat Name:%s\n", printable_text(field_text(rule.cat_name)).c_str());
     if (rule.deny != 0)
         listing.append("\tRule:Deny \n");
     if (ARC_QOS_MARKING.of(rule.qos) != 0) {
@@ -59,22 +66,22 @@ void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
     }
     char listing[LISTING_SIZE];
     jorn_check_priority(listing, sizeof listing, policy);
-    text.format("\n ARC Policy Name: %s \n", policy->name);
+    text.format("\n ARC Policy Name: %s \n", printable_text(policy->name).c_str());
     text.append(listing);
 }
 
 } // namespace
 
-void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code) {
+void jorn_check_traffic_type(char *text, uint8_t code) {
     text[0] = '\0';
     if (code < std::size(ARC_TRAFFIC_TYPES))
-        copy_text(text, ARC_TRAFFIC_TYPES[code]);
+        strcpy(text, ARC_TRAFFIC_TYPES[code]);
     else
         JORN_DEBUG("Not Applicable\n");
 }
 
 void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {
-    line_buffer listing(text, size);
+    line_buffer listing(text, size, when_full::leave_out);
     for (const arc_rule &rule : policy->rules) {
         if (rule.app_name[0] != '\0')
             list_rule(listing, rule);

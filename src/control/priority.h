@@ -6,11 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr size_t TRAFFIC_TYPE_SIZE = 16;
+inline constexpr size_t TRAFFIC_TYPE_SIZE = 11; // the longest name with its NUL
 
-// Writes the name of a traffic type (0 to 3, the access categories of IEEE 802.11e) into `text`;
-// any other code leaves it empty and is noted in the log.
-void jorn_check_traffic_type(char (&text)[TRAFFIC_TYPE_SIZE], uint8_t code);
+// Writes the name of a traffic type (0 to 3, the access categories of IEEE 802.11e) into `text`,
+// which has room for TRAFFIC_TYPE_SIZE bytes; any other code leaves it empty and is noted in the
+// log.
+void jorn_check_traffic_type(char *text, uint8_t code);
 
 // Builds the listing of the policy's rules in use, in rule order, into `text` of `size` bytes.
 void jorn_check_priority(char *text, size_t size, const arc_policy *policy);

@@ -6,6 +6,7 @@
 #include "core/base/log.h"
 #include "core/dns/dns_cache.h"
 #include "core/signals.h"
+#include "platform/wdlm.h"
 
 #include <algorithm>
 #include <iterator>
@@ -53,6 +54,14 @@ void serve_commands(const loop_inputs &in) {
     cmdsock_accept(in.command_fd);
 }
 
+int bus_descriptor(const loop_inputs &) {
+    return jorn_settings.bus != nullptr ? wdlm_fd(jorn_settings.bus) : -1;
+}
+
+void serve_bus(const loop_inputs &) {
+    wdlm_receive(jorn_settings.bus);
+}
+
 int waiting_descriptor(const loop_inputs &) {
     return cmdsock_waiting_descriptor();
 }
@@ -72,6 +81,7 @@ constexpr loop_row ROWS[] = {
     {capture_descriptor, "\n\n\ncapture the packet, let's process \n", serve_capture},
     {command_descriptor, "receive the ipc message, let's process \n", serve_commands},
     {waiting_descriptor, nullptr, serve_waiting}, // their line was written when they were accepted
+    {bus_descriptor, nullptr, serve_bus},
 };
 
 // The rows' descriptors of one pass, as one wait finds them.

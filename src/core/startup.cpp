@@ -14,6 +14,7 @@
 #include "core/text/text.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
+#include "roaming/roam.h"
 #include "webfilter/web_file.h"
 #include "wificalling/wificalling_file.h"
 
@@ -74,6 +75,14 @@ int check_options(const initialisation &init) {
     return init.options == OPTIONS_ERR_TOO_LONG ? init.options : 0;
 }
 
+int open_bus(const initialisation &init) {
+    return jorn_init_roam_cfg(init.options);
+}
+
+void close_bus(const initialisation &) {
+    close_roaming_bus();
+}
+
 int open_dns_cache(const initialisation &) {
     return jorn_dnscache_hash_table_init();
 }
@@ -105,9 +114,8 @@ constexpr void (*NOTHING_TO_UNDO)(const initialisation &) = nullptr;
 
 // In their order; a step is run when all before it succeeded.
 constexpr fallible_step STEPS[] = {
-    {check_options, NOTHING_TO_UNDO},
-    {open_dns_cache, close_dns_cache},
-    {open_capture, close_capture},
+    {check_options, NOTHING_TO_UNDO},    {open_bus, close_bus},
+    {open_dns_cache, close_dns_cache},   {open_capture, close_capture},
     {choose_processor, NOTHING_TO_UNDO},
 };
 

@@ -16,7 +16,7 @@ void report_app_visibility(const pkt_ctx &ctx) {
     char line[384];
     snprintf(line, sizeof line,
              "\"ueMac\"=\"%02X:%02X:%02X:%02X:%02X:%02X\", \"srcIP\"=\"%s\", \"srcPort\"=\"%d\", "
-             "\"destIP\"=\"%s\", \"destPort\"=\"%d\", \"proto\"=\"%s\", \"appName\"=\"%s\",",
+             "\"destIP\"=\"%s\", \"destPort\"=\"%d\", \"proto\"=\"%s\", \"appName\"=\"%.64s\",",
              mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], ipv4_text(ctx.src_ip).c_str(),
              ctx.src_port, ipv4_text(ctx.dst_ip).c_str(), ctx.dst_port,
              ctx.ip_proto == IPPROTO_TCP ? "TCP" : "UDP", printable_text(ctx.app_name).c_str());

@@ -40,7 +40,7 @@ time_t now_s() {
 // Whether the interface is up; one that isn't there is not.
 bool is_up(const char *device) {
     ifreq request = {};
-    strncpy(request.ifr_name, device, sizeof request.ifr_name - 1);
+    copy_text(request.ifr_name, device);
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const bool up =
         fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &request) == 0 && (request.ifr_flags & IFF_UP) != 0;

@@ -1,9 +1,10 @@
 // The service library's operations, exported by the platform's library libpsms: the kernel module's
 // ioctl channel, its flow table and switches, and the DNS cache of the platform.
 //
-// Declarations only, in plain C; psm.h says who supplies them and who waits when one blocks. Only
-// the question to the DNS cache may, for half a second: it is asked for each packet whose addresses
-// the daemon has no name for. The others hand something over and return.
+// Declarations only, in plain C; psm.h says who supplies them and who waits when one blocks. Two
+// may, for half a second: the question to the DNS cache, asked for each packet whose addresses the
+// daemon has no name for, and the one for a roaming station's flows. The others hand something over
+// and return.
 //
 // The records of a packet stand in packet/records/kernel.h, with their offsets and the byte order:
 // the trailer behind each captured frame (av_pkt_trailer, 276 bytes), the flow key in the verdict
@@ -28,6 +29,11 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record);
 // when the platform answered, nonzero on error.
 int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
                                uint32_t *word2, uint32_t *word3);
+
+// Asks for the flows of a roaming station that the next access point should know: a roam_notify,
+// answered by at most 128 records of roam_flow (roaming/records/roam.h) and their count. Returns 0
+// on success. Blocks until the answer is there.
+int psms_rflow_get_roam(const void *notify, void *records, int *count);
 
 // Switches the kernel's DPI engine on (1) or off (0). Returns 0 on success.
 int psms_av_set_tm_en(int enable);

@@ -3,6 +3,7 @@
 #include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/files/saved_file.h"
+#include "core/files/storable.h"
 #include "core/state/state.h"
 #include "platform/psms.h"
 #include "webfilter/lines/web_lines.h"
@@ -141,4 +142,20 @@ int jorn_write_web_filtering_interface_configuration(FILE *file) {
     }
     writer.write_marker(WEB_INTFS_END);
     return writer.result();
+}
+
+bool is_storable(const web_policy_wire &asked) {
+    constexpr std::string_view MARKERS[] = {WEB_BLOCK_END};
+    char what[96];
+    snprintf(what, sizeof what, "web policy %.64s", printable_text(field_text(asked.name)).c_str());
+    return is_storable(asked, WEB_POLICY_LINE, MARKERS, what,
+                       JORN_AS("__web_find_intf_and_build_utp_for_pcy"));
+}
+
+bool is_storable(const web_intf_wire &asked) {
+    char what[96];
+    snprintf(what, sizeof what, "web binding of %.16s",
+             printable_text(field_text(asked.ifname)).c_str());
+    return asked.op != WEB_INTF_ADD ||
+           is_storable(asked, WEB_INTF_LINE, {}, what, JORN_AS("jorn_process_web_intf_config"));
 }

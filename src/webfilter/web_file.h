@@ -41,3 +41,8 @@ int jorn_write_web_filtering_interface_configuration(FILE *file);
 // would reach `capacity`; `text` then holds part of it.
 int jorn_format_web_policy(char *text, const web_policy_wire *policy, size_t *length,
                            size_t capacity);
+
+// Whether the file can hold what a command brings: a refusal is in the log. A binding that is only
+// to be deleted isn't kept.
+bool is_storable(const web_policy_wire &asked);
+bool is_storable(const web_intf_wire &asked);

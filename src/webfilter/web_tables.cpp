@@ -2,10 +2,8 @@
 
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
-#include "core/files/storable.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
-#include "webfilter/lines/web_lines.h"
 #include "webfilter/policy_index.h"
 #include "webfilter/safe_search.h"
 
@@ -196,21 +194,4 @@ int jorn_process_web_intf_config(const void *payload) {
     default:
         return -1;
     }
-}
-
-void process_web_policy_cfg(const void *payload) {
-    constexpr std::string_view MARKERS[] = {WEB_BLOCK_END};
-    web_policy_wire policy;
-    memcpy(&policy, payload, sizeof policy);
-    if (is_storable(policy, WEB_POLICY_LINE, MARKERS, "a web policy",
-                    JORN_AS("__web_find_intf_and_build_utp_for_pcy")))
-        __web_find_intf_and_build_utp_for_pcy(payload);
-}
-
-void process_web_intf_cfg(const void *payload) {
-    web_intf_wire binding;
-    memcpy(&binding, payload, sizeof binding);
-    if (binding.op != WEB_INTF_ADD || is_storable(binding, WEB_INTF_LINE, {}, "a web binding",
-                                                  JORN_AS("jorn_process_web_intf_config")))
-        jorn_process_web_intf_config(payload);
 }

@@ -13,20 +13,15 @@
 // uuid. Returns 0, or -1 for an id outside 1 to 64.
 int jorn_process_url_config(const void *payload);
 
-// Adds one web policy (web_policy_wire). A policy with a web UTP id replaces that UTP's entry and
-// the safe-search mappings of whoever uses the UTP. Returns 0, or -1 when there are too many
-// policies, or memory ran out, and nothing was changed.
+// Command 28: adds one web policy (web_policy_wire). A policy with a web UTP id replaces that UTP's
+// entry and the safe-search mappings of whoever uses the UTP. Returns 0, or -1 when there are too
+// many policies, or memory ran out, and nothing was changed.
 int __web_find_intf_and_build_utp_for_pcy(const void *payload);
 
 // Command 29: releases every web policy. Bindings and UTP entries stay, without a policy. Returns
 // 0.
 int jorn_process_web_policy_flush();
 
-// Binds an interface to the policy of a uuid, or unbinds it (web_intf_wire). Returns 0 when it
-// added or deleted as asked, else -1.
+// Command 30: binds an interface to the policy of a uuid, or unbinds it (web_intf_wire). Returns 0
+// when it added or deleted as asked, else -1.
 int jorn_process_web_intf_config(const void *payload);
-
-// Commands 28 and 30: the same for a record whose texts the file can hold; any other is refused
-// with an error in the log.
-void process_web_policy_cfg(const void *payload);
-void process_web_intf_cfg(const void *payload);

@@ -44,7 +44,7 @@ int jorn_show_wificalling_intf(int fd) {
 }
 
 int jorn_format_wificalling_intf(char *text, size_t size, const wificalling_intf *binding) {
-    line_buffer to(text, size);
+    line_buffer to(text, size, when_full::leave_out);
     to.format("Interface Name: %s\n", printable_text(binding->ifname).c_str());
     for (int i = 0; i < binding->num_profiles; ++i) {
         to.format("(%d) Policy Name: %s\n", i + 1, printable_text(binding->profile[i]).c_str());

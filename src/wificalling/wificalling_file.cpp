@@ -114,7 +114,7 @@ void jorn_load_wificalling_configurations() {
 bool is_storable(const wificalling_policy_wire &asked) {
     const log_origin from = JORN_AS("jorn_process_wificalling_policy_cfg");
     char what[96];
-    snprintf(what, sizeof what, "carrier %s", printable_text(field_text(asked.pname)).c_str());
+    snprintf(what, sizeof what, "carrier %.64s", printable_text(field_text(asked.pname)).c_str());
     // An update takes the first ePDG whatever the count says.
     return is_storable(asked, WIFICALLING_POLICY_LINE, WIFICALLING_POLICY_MARKERS, what, from) &&
            is_storable(field_text(asked.epdg[0].fqdn), WIFICALLING_POLICY_MARKERS, what, "epdg",
@@ -125,7 +125,8 @@ bool is_storable(const wificalling_intf_wire &asked) {
     if (asked.enable == 0)
         return true;
     char what[64];
-    snprintf(what, sizeof what, "binding of %s", printable_text(field_text(asked.ifname)).c_str());
+    snprintf(what, sizeof what, "binding of %.18s",
+             printable_text(field_text(asked.ifname)).c_str());
     return is_storable(asked, WIFICALLING_INTF_LINE, WIFICALLING_INTF_MARKERS, what,
                        JORN_AS("jorn_process_wificalling_intf_config"));
 }

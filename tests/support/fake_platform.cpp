@@ -4,6 +4,7 @@
 #include "platform/crashdump.h"
 #include "platform/psm.h"
 #include "platform/psms.h"
+#include "platform/wdlm.h"
 #include "webfilter/records/web.h"
 
 #include <algorithm>
@@ -208,4 +209,66 @@ int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *h
 
 int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable) {
     return called(__func__, ifname, enable);
+}
+
+int psms_rflow_get_roam(const void *, void *, int *count) {
+    *count = 0;
+    return called(__func__);
+}
+
+// wdlm.h: a bus without anybody on it.
+
+int wdlm_init(int arg) {
+    return called(__func__, arg);
+}
+
+void wdlm_cleanup() {
+    called(__func__);
+}
+
+wdlm_bus *wdlm_open(int, const char *client) {
+    called(__func__, client);
+    return nullptr;
+}
+
+void wdlm_close(wdlm_bus *) {
+    called(__func__);
+}
+
+wdlm_label *wdlm_create_slabel(int, const char *sender, const char *topic, int) {
+    called(__func__, sender, topic);
+    return nullptr;
+}
+
+void wdlm_destroy_slabel(wdlm_label *) {
+    called(__func__);
+}
+
+wdlm_label *wdlm_create_plabel(int, const char *peer, const char *topic, int) {
+    called(__func__, peer, topic);
+    return nullptr;
+}
+
+void wdlm_destroy_plabel(wdlm_label *) {
+    called(__func__);
+}
+
+int wdlm_sub(wdlm_bus *, wdlm_label *, wdlm_callback, void *, int) {
+    return called(__func__);
+}
+
+int __wdlm_add_peer(const char *, int, const char *peer, const char *address) {
+    return called(__func__, peer, address);
+}
+
+int wdlm_pub(wdlm_bus *, wdlm_label *, const void *, size_t) {
+    return called(__func__);
+}
+
+int wdlm_fd(wdlm_bus *) {
+    return -1;
+}
+
+int wdlm_receive(wdlm_bus *) {
+    return called(__func__);
 }

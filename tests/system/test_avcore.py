@@ -205,6 +205,7 @@ class Avcore(SystemTest):
     def test_a_lost_link_is_waited_for(self):
         run("ip", "link", "set", CAPTURE, "down")
         avcore = self.start(TRAFFIC)
+        self.assertIn("the bus is open", avcore.stderr.readline())
         self.assertIn("the link of feed0 is down", avcore.stderr.readline())
         run("ip", "link", "set", CAPTURE, "up")
         self.start_daemon()

@@ -210,6 +210,9 @@ class Decision(WebTest):
             "UI Configured white-list domain name b", "Extracted domain b",
             "UI Configured black-list domain name *.c.*", "Domain start c.* and len 1",
             "Extracted domain c", "Domain name *.c.* matched in blacklist"])
+        self.jorn.stop()
+        denied = 1 + sum(row[3] == "black" for row in PATTERNS)
+        self.jorn.wait_line(f"flow deny number: {denied}")
 
     def test_which_policy_applies(self):
         for src, dst, utp1, utp63, word2, word3, applies in CHOICES:
@@ -282,7 +285,9 @@ class Decision(WebTest):
         self.assertEqual(self.get("z"), web_flow("z", **DENIED))
         for number in range(1024):
             command(WEB_INTF, binding(f"if{number}", "u"))
+            command(WEB_POLICY, web_policy(f"u{number}", black=["q"]))
         self.jorn.wait_line("the binding of if1023 is refused: there are 1024")
+        self.jorn.wait_line("web policy  is refused: there are 1024")
         command(WEB_INTF, binding("wlan0", "none"))  # one that is there is replaced
         self.assertEqual(self.get("z"), web_flow(""))
         self.assertEqual(self.get("z", src_if_name="if1022").deny, 1)
@@ -296,7 +301,7 @@ class Decision(WebTest):
             command(WEB_POLICY, payload)
             self.jorn.wait_line(says)
         command(WEB_INTF, binding("wlan0", "u\n"))
-        self.jorn.wait_line("a web binding is refused")
+        self.jorn.wait_line("web binding of wlan0 is refused: policy_uuid")
         with open(FILE) as file:
             self.assertEqual(file.read().count("[policy_end]"), 1)
         self.assertEqual(self.get("a;b").deny, 1)

@@ -1,6 +1,4 @@
 """Wi-Fi calling: carriers and bindings by command, the traffic that they tag, the file, the listing."""
-import os
-import time
 import unittest
 
 from records import POLICY, policy, rule

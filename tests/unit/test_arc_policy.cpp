@@ -3,7 +3,6 @@
 #include "fresh_state_fixture.h"
 
 #include <cstring>
-#include <random>
 
 namespace {
 
@@ -42,6 +41,7 @@ TEST(DomainMatch, Rows) {
         {n59, n59 + ".com", true},
         {n60, n60.substr(4) + ".com", false},
         {"caf\xC3\x89", "caf\xC3\xA9", false}, // only A to Z have a case
+        {n60 + "nnnn", n60 + "nnnnn", false},  // no rule is cut to fit
         {"short", "a much longer rule than the name", false},
     };
     for (const auto &row : rows)
@@ -72,6 +72,22 @@ TEST_F(ArcPolicy, OutcomeBySides) {
         EXPECT_EQ(ctx.arc_action, row.action) << row.name << ' ' << row.src << ' ' << row.dst;
         EXPECT_EQ(ctx.arc_match_utp, row.utp);
         EXPECT_EQ(ctx.arc_match_src, row.from_src);
+    }
+}
+
+TEST_F(ArcPolicy, TablesFilledInAnotherWayThanByCommands) {
+    arc_policy unlisted = {};
+    unlisted.rules[0] = domain_rule("deny-me", true);
+    jorn_state.arc_utp_table[1].id = 2;
+    jorn_state.arc_utp_table[1].policy = &unlisted;
+    add_policy(1, {domain_rule("something")});
+    jorn_state.arc_policy_list.tail->rules[0] = domain_rule("deny-me", true);
+    settle_arc_tables();
+    for (const uint32_t utp_id : {1u, 2u}) {
+        pkt_ctx ctx = named("deny-me");
+        ctx.src_utp_id = utp_id;
+        jorn_apply_arc_policy(&ctx);
+        EXPECT_EQ(ctx.arc_action, ARC_ACTION_BLOCK) << utp_id;
     }
 }
 

@@ -37,6 +37,8 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[platform.avc_enable]\nwlan0x = 1\n", "line 2: unknown key 'avc_enable/wlan0x'"},
         {"\"\\u001B[31m\" = 1\n", "line 1: unknown key '?[31m'"},
         {deep.c_str(), "line 2: more than 64 dots"},
+        {"[bus]\nlisten = \"[::]\"\n", "line 2: 'listen'"},
+        {"[bus]\nkey = \"k\"\n", "line 1: 'ca'"},
         {"[client\n", "line 1: "},
     };
     for (const auto &row : rows) {

@@ -28,6 +28,10 @@ pkt_ctx decode(const octets &capture) {
     return decode(capture, capture.size());
 }
 
+octets with_total_length(octets packet, unsigned length) {
+    return packet.replace(2, 2, be16(length));
+}
+
 TEST(Decode, CountsByKind) {
     constexpr unsigned MORE = 0x2000;
     const struct {
@@ -50,6 +54,19 @@ TEST(Decode, CountsByKind) {
         {"last fragment", ethernet(0x0800, ipv4(17, udp(1, 2), {.fragment = 0x1FFF})), {2, 6, 8}},
         {"don't fragment", ethernet(0x0800, ipv4(17, udp(1, 2), {.fragment = 0x4000})), {2, 6, 11}},
         {"fragment of nothing", ethernet(0x0800, ipv4(1, {}, {.fragment = 1})), {2, 6, 13}},
+        {"total length 0",
+         ethernet(0x0800, with_total_length(ipv4(6, tcp(80, 1)), 0)),
+         {2, 6, 9, 18}},
+        {"its fragment",
+         ethernet(0x0800, with_total_length(ipv4(6, tcp(1, 2), {.fragment = MORE}), 0)),
+         {2, 6, 8}},
+        {"total length that cuts",
+         ethernet(0x0800, with_total_length(ipv4(17, udp(1, 2)), 21)),
+         {2, 6, 11}},
+        {"header of 4 words", ethernet(0x0800, ipv4(17, udp(1, 2)).replace(0, 1, 1, 0x44)), {2, 6}},
+        {"header longer than all",
+         ethernet(0x0800, ipv4(17, udp(1, 2)).replace(0, 1, 1, 0x4F)),
+         {2, 6}},
         {"VLAN", vlan(0x0800, ipv4(17, udp(1, 2))), {2, 6, 11}},
         {"two VLAN tags", vlan(0x8100, be16(1) + be16(0x0800) + ipv4(17, udp(1, 2))), {2, 5}},
         {"PPPoE IPv4", pppoe(0x0021, ipv4(6, tcp(1, 2))), {2, 6, 9}},
@@ -99,6 +116,8 @@ TEST(Decode, HttpLocation) {
         {"no such header", found + "Server: x\r\n\r\n", 0, ""},
         {"blanks around the pieces", "  HTTP/1.1   302\r\nLocation:x\r\n", 1, "x\r\n"},
         {"digits, then letters", "HTTP/1.1 302x\r\nLocation:x\r\n", 1, "x\r\n"},
+        {"white space and a sign", "HTTP/1.1 \t+302\r\nLocation:x\r\n", 1, "x\r\n"},
+        {"white space alone", "HTTP/1.1 \t 302\r\nLocation:x\r\n", 0, ""},
         {"another status", "HTTP/1.1 301 302\r\nLocation:x\r\n", 0, ""},
         {"a longer number", "HTTP/1.1 3020\r\nLocation:x\r\n", 0, ""},
         {"a number that overflows", "HTTP/1.1 99999999999999999999302\r\nLocation:x\r\n", 0, ""},
@@ -118,15 +137,15 @@ TEST(Decode, HttpLocation) {
     }
 }
 
-TEST(Decode, HttpEndsWithThePacket) {
+TEST(Decode, HttpEndsWhereTheTrailerBegins) {
     // The end of line that the value needs lies behind the IPv4 packet: in the frame's padding, or
     // in the trailer.
     const octets frame = ethernet(0x0800, ipv4(6, tcp(80, 1024, "HTTP/1.1 302\r\nLocation: x")));
-    octets padded = frame + octets{'\r', '\n'};
+    const octets padded = frame + octets{'\r', '\n'};
     octets trailed = with_trailer(frame);
     trailed[frame.size()] = '\r';
     trailed[frame.size() + 1] = '\n';
-    EXPECT_EQ(decode(padded).http_redirect, 0);
+    EXPECT_EQ(decode(with_trailer(padded)).http_redirect, 1);
     EXPECT_EQ(decode(trailed).http_redirect, 0);
 
     // A request to port 80 is no response, whatever it says.

@@ -12,6 +12,7 @@ TEST(Ipv4String, Rows) {
     for (const char *text : {"", "1.2.3", "01.2.3.256", ".1.2.3", "1.2.3.4.", "1.2.3.4.5",
                              "1.2.3.4\r", "-1.2.3.4", "1.1.1.999999999", "9999999999..1.1"})
         EXPECT_EQ(jorn_is_valid_ipv4_string(text), 0) << text;
+    EXPECT_EQ(jorn_is_valid_ipv4_string(nullptr), 0);
 }
 
 TEST(RedirectIp, Rows) {

@@ -4,6 +4,7 @@
 // channel gets its share of a turn and no more, and one that is gone is forgotten.
 #pragma once
 
+#include "avcore/local_listener.h"
 #include "avcore/messages.h"
 #include "unique_fd.h"
 
@@ -19,12 +20,8 @@ public:
     // Takes one datagram; returns the answer to send back, empty for none.
     using handler = std::function<std::vector<std::byte>(byte_span datagram)>;
 
-    // Listens at `path`, in the place of a dead predecessor's socket. Throws std::runtime_error,
-    // also when somebody alive listens there.
+    // Throws std::runtime_error.
     explicit channel_server(std::string path);
-    ~channel_server();
-    channel_server(const channel_server &) = delete;
-    channel_server &operator=(const channel_server &) = delete;
 
     int fd() const { return epoll_.get(); } // readable when `serve` has work
     void serve(const handler &handle);
@@ -34,9 +31,8 @@ private:
     void watch_listener(bool on);
     bool serve_client(int fd, const handler &handle); // false: it is gone
 
-    std::string path_;
     unique_fd epoll_;
-    unique_fd listener_;
+    local_listener listener_;
     bool listener_watched_ = false;
     std::map<int, unique_fd> clients_;
     std::vector<std::byte> buffer_;

@@ -1,5 +1,6 @@
 #include "avcore/config.h"
 
+#include "avcore/bus/address.h"
 #include "avcore/config_text.h"
 #include "avcore/printable.h"
 
@@ -229,6 +230,21 @@ void read_platform(const toml::table &table, const std::string &file, const std:
     }
 }
 
+void read_bus(const toml::table &table, const std::string &file, bus_settings &bus) {
+    const reader in(table, file);
+    in.expect_keys({"listen", "ca", "certificate", "key"});
+    bus.chosen = true;
+    bus.listen = in.text("listen").value_or(bus.listen);
+    if (!bus.listen.empty() && !bus_address::of_listener(bus.listen))
+        in.fail(*in.find("listen"), "'listen' must look like [::]:5670 or 192.0.2.1:5670");
+    bus.ca = in.text("ca").value_or("");
+    bus.certificate = in.text("certificate").value_or("");
+    bus.key = in.text("key").value_or("");
+    const bool none = bus.ca.empty() && bus.certificate.empty() && bus.key.empty();
+    if (!none && (bus.ca.empty() || bus.certificate.empty() || bus.key.empty()))
+        in.fail(table, "'ca', 'certificate' and 'key' go together");
+}
+
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
@@ -243,7 +259,7 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"dpi", "client", "uplink", "rule", "platform"});
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus"});
     config settings;
     if (const toml::node *dpi = in.find("dpi")) {
         const std::optional<bool> on = dpi->value_exact<bool>();
@@ -266,6 +282,8 @@ config parse_config(std::string_view text, const std::string &name) {
     read_rules(in, name, settings);
     if (const toml::table *platform = in.table("platform"))
         read_platform(*platform, name, "", settings);
+    if (const toml::table *bus = in.table("bus"))
+        read_bus(*bus, name, settings.bus);
     return settings;
 }
 

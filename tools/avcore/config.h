@@ -2,8 +2,9 @@
 // start; every mistake ends the start with a message that names the file, the line and the key.
 #pragma once
 
+#include "avcore/bus/settings.h"
 #include "avcore/frame.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
 #include <map>
@@ -51,6 +52,7 @@ struct config {
     std::vector<client_rule> rules; // the first that fits wins
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
+    bus_settings bus;
 };
 
 class config_error : public std::runtime_error {

@@ -30,6 +30,8 @@ struct flow_row {
     bool outdated = false;
     std::string application; // any bytes, as the daemon sent them
     std::string host;        // that the client showed in a handshake; any bytes, as sent
+    int64_t last_us = 0;     // of the last frame's capture
+    std::string server_name; // see note_frame
 };
 
 // What became of the flows that had to leave.

@@ -1,5 +1,6 @@
 #include "avcore/frame_builder.h"
 
+#include "avcore/roam_flows.h"
 #include "avcore/trailer_builder.h"
 
 #include <cstring>
@@ -28,6 +29,10 @@ frame_builder::built_frame frame_builder::build(const captured_frame &captured) 
     const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
     built.lesson = inspect(frame, captured, flow.row, trailer);
+    time_us_ = captured.time_us;
+    note_frame(flow.row, names_, built.lesson);
+    names_.learn(built.lesson.answer, time_us_);
+    names_.learn(built.lesson.host, time_us_);
     memcpy(bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
     built.frame.key = frame.key;
     built.frame.flow = flow.row.id;

@@ -28,6 +28,7 @@ public:
     built_frame build(const captured_frame &captured);
 
     flow_table &flows() { return flows_; }
+    int64_t time_us() const { return time_us_; } // of the last frame's capture
     bool has_engine() const { return dpi_ != nullptr; }
 
 private:
@@ -36,6 +37,8 @@ private:
 
     client_rules rules_;
     flow_table flows_;
+    dns_names names_; // as of the last frame, like the rows; the daemon isn't there yet
+    int64_t time_us_ = 0;
     std::unique_ptr<dpi_engine> dpi_; // null: switched off
 };
 

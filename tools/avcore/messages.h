@@ -4,7 +4,7 @@
 #pragma once
 
 #include "packet/records/kernel.h"
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <cstddef>
 #include <cstdint>

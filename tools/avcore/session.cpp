@@ -2,6 +2,8 @@
 
 #include "avcore/platform_values.h"
 #include "avcore/printable.h"
+#include "avcore/roam_flows.h"
+#include "platform/host/machine/base_mac.h"
 
 #include <algorithm>
 #include <ctime>
@@ -18,6 +20,7 @@ constexpr size_t SWITCHES_MAX = 256; // clients name the interfaces
 constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
+constexpr int64_t BUS_NAME_MS = 1'000;
 
 int64_t clock_ms() {
     timespec now = {};
@@ -45,6 +48,37 @@ session::session(const options &options, const config &settings)
     if (max_frame_size_ < MAX_FRAME_SIZE)
         std::cerr << "avcore: the MTU of " << options.out_interface << " is below 65535: frames "
                   << "longer than " << max_frame_size_ << " bytes can't be carried\n";
+    open_bus();
+}
+
+void session::open_bus() {
+    if (settings_.bus.listen.empty())
+        return;
+    try {
+        bus_ = std::make_unique<message_bus>(
+            settings_.bus,
+            message_bus::surroundings{bus_socket_path(), [this] { return bus_name(); },
+                                      [this](const std::string &line) { say(line); }});
+    } catch (const std::runtime_error &error) {
+        if (settings_.bus.chosen)
+            throw;
+        say(std::string(error.what()) + ": there is no bus");
+    }
+}
+
+// The base MAC as the daemon finds it; an interface may come, and with it a name.
+std::string session::bus_name() {
+    const int64_t now_ms = clock_ms();
+    if (!bus_name_.empty() && now_ms - bus_name_ms_ < BUS_NAME_MS)
+        return bus_name_;
+    bus_name_ms_ = now_ms;
+    char found[MAC_TEXT_SIZE];
+    if (const auto given = settings_.platform_values.find(AV_KEY_BASE_MAC);
+        given != settings_.platform_values.end())
+        bus_name_ = "AP." + given->second;
+    else
+        bus_name_ = machine_base_mac(found) ? std::string("AP.") + found : std::string();
+    return bus_name_;
 }
 
 int session::run() {
@@ -176,13 +210,21 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
+    if (const int64_t due_ms = bus_ ? bus_->next_tick_ms() : NEVER_MS; due_ms != NEVER_MS) {
+        const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
+        timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
+    }
     pollfd waited[] = {
         {signals_.fd(), POLLIN, 0},
         {channel_.fd(), POLLIN, 0},
         // Only while there is room: what waits in the capture's buffer stays there.
         {!input_ended_ && feeder_.has_room(clock_ms()) ? source_.fd() : -1, POLLIN, 0},
+        {bus_ ? bus_->fd() : -1, POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
+    const int64_t woken_ms = clock_ms();
+    if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
+        bus_->serve(woken_ms);
 }
 
 std::vector<std::byte> session::take_datagram(byte_span datagram) {
@@ -227,6 +269,8 @@ void session::take(const switch_setting &setting) {
 
 std::vector<std::byte> session::answer(const question &asked) {
     switch (asked.head.op) {
+    case av_op::rflow_get_roam:
+        return answer_roam_flows(builder_.flows(), builder_.time_us(), asked);
     case av_op::dnscache_get_name:
         names_.advance(feeder_.judged());
         return answer_domain_name(names_.names(), names_.time_us(), asked);
@@ -272,6 +316,8 @@ void session::report() {
     if (!options_.json)
         out << '\n';
     print_totals(out, flows, totals);
+    if (bus_)
+        bus_->report(out);
     std::cout.flush();
     if (!std::cout)
         say("the report can't be written");

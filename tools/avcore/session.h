@@ -2,6 +2,7 @@
 // and serves the AV channel meanwhile.
 #pragma once
 
+#include "avcore/bus/bus.h"
 #include "avcore/channel_server.h"
 #include "avcore/config.h"
 #include "avcore/dns_names.h"
@@ -35,6 +36,8 @@ private:
     void take_frame(const captured_frame &captured);
     void send_frames();
     void wait(int64_t now_ms);
+    void open_bus();
+    std::string bus_name();
     std::vector<std::byte> take_datagram(byte_span datagram);
     void take(const av_verdict &verdict);
     void take(const syslog_line &line);
@@ -55,6 +58,9 @@ private:
     channel_server channel_;
     progress_bar progress_;
     name_timeline names_;
+    std::unique_ptr<message_bus> bus_; // null: there is none
+    std::string bus_name_;
+    int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
     bool engine_ignored_ = false;

@@ -9,6 +9,7 @@
 #include "jornctl/files.h"
 #include "jornctl/port_services.h"
 #include "jornctl/printable.h"
+#include "jornctl/roam.h"
 #include "jornctl/suggestion.h"
 
 #include <CLI/CLI.hpp>
@@ -63,6 +64,7 @@ struct request {
     std::string target = PORT_SERVICE_FILE;
     std::string name;
     std::string state;
+    roaming roamed;
     uint32_t number = 0;
     bool check_only = false;
     bool dry_run = false;
@@ -246,6 +248,27 @@ void add_switches(CLI::App &app, request &asked) {
     });
 }
 
+void add_roam(CLI::App &app, request &asked) {
+    CLI::App *roam = app.add_subcommand(
+        "roam", "Say that a station went to another access point: its flows' names follow it");
+    roam->footer("Exit status 0 says that the daemon was told. Whether there was anything to send\n"
+                 "and whether it arrived, only its log and the other access point say.");
+    roaming &told = asked.roamed;
+    roam->add_option("--station", told.station, "The station")->required()->type_name("MAC");
+    roam->add_option("--to", told.to, "The access point where it is")->required()->type_name("MAC");
+    roam->add_option("--address", told.address, "That access point's IPv4 or IPv6 address")
+        ->required()
+        ->type_name("ADDR");
+    roam->add_option("--from", told.from, "The access point that it left")->type_name("MAC");
+    roam->add_option("--from-address", told.from_address, "Its address")->type_name("ADDR");
+    roam->callback([&] {
+        asked.action = [&] {
+            asked.send(roam_command(asked.roamed));
+            return STATUS_DONE;
+        };
+    });
+}
+
 void add_plumbing(CLI::App &app, request &asked) {
     app.add_subcommand("write", "Have the configuration files written now")->callback([&] {
         asked.action = [&] {
@@ -291,6 +314,7 @@ void describe(CLI::App &app, request &asked) {
     add_verbs(*flush, FLUSHES, asked, false);
     add_port_services(app, asked);
     add_switches(app, asked);
+    add_roam(app, asked);
     add_plumbing(app, asked);
     add_descriptions(app, asked);
 }

@@ -4,7 +4,7 @@ _jornctl_words() { # the words before the current one that are neither options n
     local i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-        --socket | --timeout | --target) ((++i)) ;;
+        --socket | --timeout | --target | --station | --to | --address | --from | --from-address) ((++i)) ;;
         -?*) ;;
         *) printf '%s ' "${COMP_WORDS[i]}" ;;
         esac
@@ -18,11 +18,12 @@ _jornctl() {
     COMPREPLY=()
     case $before in
     --socket | --target) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
-    --timeout) return ;;
+    --timeout | --station | --to | --address | --from | --from-address) return ;;
     esac
     case $words in
     'apply '*) options+=' --check --dry-run --strict' ;;
     'port-services '*) options+=' --target' ;;
+    'roam '*) options+=' --station --to --address --from --from-address' ;;
     esac
     if [[ $current == -?* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
@@ -30,7 +31,7 @@ _jornctl() {
     fi
     local choices=''
     case $words in
-    '') choices='apply show flush port-services log-policy debug write raw decode schema' ;;
+    '') choices='apply show flush port-services log-policy debug roam write raw decode schema' ;;
     'show ') choices='priority dns' ;;
     'flush ') choices='utps arc-policies policies' ;;
     'debug ' | 'log-policy '?*' ') choices='on off' ;;

@@ -47,7 +47,7 @@ bool is_storable(const arc_policy_wire &policy) {
         if (!is_written(rule))
             continue;
         char what[64 + sizeof policy.name];
-        snprintf(what, sizeof what, "ARC policy \"%s\" with its rule slot %zu",
+        snprintf(what, sizeof what, "ARC policy \"%.64s\" with its rule slot %zu",
                  printable_text(field_text(policy.name)).c_str(), i);
         if (!is_storable(rule, ARC_RULE_LINE, {}, what, JORN_AS("__arc_policy_add_end")))
             return false;

@@ -85,7 +85,7 @@ struct arc_rule_index;
 
 struct arc_policy : arc_policy_wire {
     arc_policy *next;
-    const arc_rule_index *index; // owned; of this policy's rules
+    const arc_rule_index *index; // owned; of this policy's rules. None: they are walked
 };
 
 // What command 20 carries, 140 bytes:   0 id   8 name   73 uuid

@@ -1,9 +1,9 @@
 // What a policy's rules look like to a packet: which rules can fit at all, found without walking
 // them.
 //
-// Built once, when a policy arrives. A rule with an application id is looked for by id and
-// category, a domain rule by its domain. What the index names is a candidate, to be tested in rule
-// order; what it doesn't name never fits.
+// Built when a policy arrives. A rule with an application id is looked for by id and category, a
+// domain rule by its domain. What the index names is a candidate, to be tested in rule order; what
+// it doesn't name never fits.
 #pragma once
 
 #include "control/records/arc.h"

@@ -12,29 +12,30 @@
 
 namespace {
 
-void build_index(arc_rule_index &index, const arc_policy_wire &policy) {
+// The index of the policy's rules, or none when memory ran out.
+const arc_rule_index *make_index(const arc_policy_wire &policy) {
+    auto *index = new (std::nothrow) arc_rule_index();
+    if (index == nullptr)
+        return nullptr;
     std::array<std::string_view, ARC_RULES_PER_POLICY> domains;
     for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
         const arc_rule &rule = policy.rules[n];
         if (rule.app_id == 0) {
             domains[n] = field_text(rule.app_name);
         } else {
-            index.id_rules |= uint64_t{1} << n;
-            index.ids[n] = uint32_t{rule.app_id} << 16 | rule.cat_id;
+            index->id_rules |= uint64_t{1} << n;
+            index->ids[n] = uint32_t{rule.app_id} << 16 | rule.cat_id;
         }
     }
-    index.domains.build(domains);
+    index->domains.build(domains);
+    return index;
 }
 
 // A record with its index, or none when memory ran out.
 arc_policy *make_policy(const void *payload) {
     auto *policy = new (std::nothrow) arc_policy();
-    auto *index = new (std::nothrow) arc_rule_index();
-    if (policy == nullptr || index == nullptr) {
-        delete policy;
-        delete index;
+    if (policy == nullptr)
         return nullptr;
-    }
     memcpy(static_cast<arc_policy_wire *>(policy), payload, sizeof(arc_policy_wire));
     terminate(policy->name);
     terminate(policy->uuid);
@@ -42,8 +43,7 @@ arc_policy *make_policy(const void *payload) {
         terminate(rule.app_name);
         terminate(rule.cat_name);
     }
-    build_index(*index, *policy);
-    policy->index = index;
+    policy->index = make_index(*policy);
     return policy;
 }
 
@@ -57,6 +57,14 @@ void release_policies(daemon_state &state) {
 }
 
 } // namespace
+
+void settle_arc_tables() {
+    for (arc_policy &policy : jorn_state.arc_policy_list) {
+        delete policy.index;
+        policy.index = make_index(policy);
+    }
+    ++jorn_state.arc_generation;
+}
 
 int jorn_process_arc_config(const void *payload) {
     utp_entry<arc_policy> entry = {};

@@ -9,6 +9,10 @@
 // ask it as long as the default hash and compare functions are set. Nothing else can be told from
 // it.
 //
+// The key of an object that the table holds must not change: who wants another deletes the object
+// first. One whose key was changed in place is found under neither, and its deletion can leave the
+// index with an object that was released.
+//
 // Not thread-safe. Its diagnostics go to standard output, not to the log.
 #pragma once
 

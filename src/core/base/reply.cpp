@@ -13,7 +13,8 @@ char reply_text[REPLY_SIZE];
 
 } // namespace
 
-line_buffer::line_buffer(char *text, size_t size) : text_(text), size_(size) {
+line_buffer::line_buffer(char *text, size_t size, when_full rule)
+    : text_(text), size_(size), rule_(rule) {
     text_[0] = '\0';
 }
 
@@ -23,7 +24,7 @@ void line_buffer::append(std::string_view piece) {
     if (piece.size() < size_ - length_) {
         memcpy(text_ + length_, piece.data(), piece.size());
         length_ += piece.size();
-    } else {
+    } else if (rule_ == when_full::end_at_line) {
         full_ = true;
         const size_t last_line_end = text().rfind('\n');
         length_ = last_line_end == std::string_view::npos ? 0 : last_line_end + 1;

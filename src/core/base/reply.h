@@ -4,14 +4,20 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
-// A bounded text, built line by line. Once a piece doesn't fit, the text ends at its last whole
-// line and takes no more.
+// What becomes of a bounded text when a piece doesn't fit.
+enum class when_full : uint8_t {
+    end_at_line, // it ends at its last whole line and takes no more
+    leave_out,   // the piece is left out, smaller ones may follow
+};
+
+// A bounded text, built piece by piece.
 class line_buffer {
 public:
     // `text` holds `size` bytes, at least one, and is emptied.
-    line_buffer(char *text, size_t size);
+    line_buffer(char *text, size_t size, when_full rule = when_full::end_at_line);
 
     void append(std::string_view piece);
 
@@ -24,6 +30,7 @@ private:
     char *text_;
     size_t size_;
     size_t length_ = 0;
+    when_full rule_;
     bool full_ = false;
 };
 

@@ -13,6 +13,7 @@ struct daemon_settings {
     char sock_path[32];           // the command socket
     char saved_files_folder[64];  // what outlives a restart
     char video_stream_domain[64]; // of a video CDN; empty = none
+    struct wdlm_bus *bus;         // the message bus, open from start-up on; none = no bus
     uint8_t tm_engine_enabled;    // the kernel's DPI engine is loaded
     uint8_t reserved;
     uint8_t arc_enabled; // UTP entries or ARC policies were configured since the last flush

@@ -50,13 +50,14 @@ void terminate(char (&field)[N]) {
 class printable_text {
 public:
     explicit printable_text(std::string_view name) {
-        name = name.substr(0, sizeof text_ - 1);
-        name = name.substr(0, name.find('\0'));
-        std::transform(name.begin(), name.end(), text_, [](char c) {
+        size_t length = 0;
+        for (const char c : name.substr(0, sizeof text_ - 1)) {
+            if (c == '\0')
+                break;
             const auto byte = static_cast<unsigned char>(c);
-            return byte < 0x20 || byte == 0x7F ? '?' : c;
-        });
-        text_[name.size()] = '\0';
+            text_[length++] = byte < 0x20 || byte == 0x7F ? '?' : c;
+        }
+        text_[length] = '\0';
     }
     const char *c_str() const { return text_; }
 

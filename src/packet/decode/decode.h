@@ -30,7 +30,7 @@ byte_view ipv4_packet_in(byte_view frame);
 // RFC 791. `packet` starts with the IPv4 header.
 int jorn_decode_ipv4_pkt(pkt_ctx *ctx, byte_view packet);
 
-// RFC 9293. `segment` is the IPv4 payload: header and data, no padding.
+// RFC 9293. `segment` is what follows the IPv4 header in the frame, padding included.
 int jorn_decode_tcp_pkt(pkt_ctx *ctx, byte_view segment);
 
 // RFC 768. `datagram` starts with the UDP header.
@@ -39,8 +39,8 @@ int jorn_decode_udp_pkt(pkt_ctx *ctx, byte_view datagram);
 // RFC 826 and, for reverse ARP, RFC 903. `packet` starts with the ARP header.
 int jorn_decode_arp_pkt(pkt_ctx *ctx, byte_view packet);
 
-// RFC 9112, server responses only: takes the target of a 302 redirect. `payload` is the data of one
-// TCP segment.
+// RFC 9112, server responses only: takes the target of a 302 redirect. `payload` is what follows
+// the TCP header in the frame.
 int jorn_decode_http_pkt(pkt_ctx *ctx, byte_view payload);
 
 // Writes an address as text into `buffer`, which is zeroed first: an IPv4 or IPv6 socket address,

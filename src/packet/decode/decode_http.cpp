@@ -4,7 +4,6 @@
 #include "core/text/text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
 
 namespace {
@@ -15,7 +14,7 @@ constexpr size_t STATUS_LINE_MAX = 64;
 constexpr int STATUS_FOUND = 302;
 
 // The second blank-separated piece of the status line as a number; 0 when it is none.
-int status_code(string_view payload) {
+int64_t status_code(string_view payload) {
     string_view line = payload.substr(0, STATUS_LINE_MAX);
     line = line.substr(0, line.find("\r\n"));
     line = line.substr(0, line.find('\0'));
@@ -25,9 +24,7 @@ int status_code(string_view payload) {
     const size_t second = gap == line.npos ? line.npos : line.find_first_not_of(' ', gap);
     if (second == line.npos)
         return 0;
-    int code = 0;
-    std::from_chars(line.data() + second, line.data() + line.size(), code);
-    return code;
+    return leading_decimal(line.substr(second, line.find(' ', second) - second));
 }
 
 // What follows the first "Location:" in any letter case, up to the end of the payload; empty when

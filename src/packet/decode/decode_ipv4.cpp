@@ -65,13 +65,12 @@ int jorn_decode_ipv4_pkt(pkt_ctx *ctx, byte_view packet) {
     if (jorn_log_enabled(JORN_LOG_DEBUG))
         log_addresses(ctx);
 
-    // Lengths that contradict each other lead nowhere: decoding ends with the addresses.
     const size_t header_size = size_t{packet.u8(0) & 0x0Fu} * 4;
-    const size_t total_size = packet.u16(2);
-    if (header_size < IPV4_MIN_HEADER_SIZE || !packet.holds(header_size) ||
-        total_size < header_size)
+    if (header_size < IPV4_MIN_HEADER_SIZE || !packet.holds(header_size))
         return 0;
-    const byte_view payload = packet.first(total_size).from(header_size);
+    // The total length bounds nothing: it is 0 where the network card cuts the segments.
+    const byte_view payload = packet.from(header_size);
+    const size_t total_size = packet.u16(2);
 
     const uint16_t fragment = packet.u16(6);
     const bool later_fragment = (fragment & FRAGMENT_OFFSET_MASK) != 0;

@@ -1,5 +1,7 @@
 #include "platform/host/av_channel.h"
 
+#include "platform/host/local_connection.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -7,23 +9,18 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
 using std::chrono::milliseconds;
 using time_point = av_clock::time_point;
 
-constexpr milliseconds RECONNECT_TIME{1000};
 constexpr milliseconds PAUSE_TIME{1000};
 // Every message fits; the longest one-way body is a log line.
 constexpr size_t MESSAGE_SIZE = 1024;
 
 struct channel_state {
-    int fd = -1;
-    bool tried = false;
-    time_point last_try;
+    local_connection connection;
     uint32_t seq = 0;
 };
 channel_state channel;
@@ -47,49 +44,13 @@ question_pause *pause_of(av_op op) {
     return found != std::end(pauses) ? found : nullptr;
 }
 
-void disconnect() {
-    close(channel.fd);
-    channel.fd = -1;
-}
-
-bool connect_channel() {
-    const time_point now = av_clock::now();
-    if (channel.tried && now - channel.last_try < RECONNECT_TIME)
-        return false;
-    channel.tried = true;
-    channel.last_try = now;
-
-    const char *path = av_socket_path();
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof address.sun_path)
-        return false;
-    memcpy(address.sun_path, path, strlen(path));
-
-    // Non-blocking, so that a listener with a full backlog counts as absent.
-    channel.fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (channel.fd < 0)
-        return false;
-    // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
-    constexpr int room = AV_SEND_BUFFER;
-    if (setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0)
-        setsockopt(channel.fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-    if (connect(channel.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        disconnect();
-        return false;
-    }
-    return true;
-}
-
-// Sends a datagram. A connection that is found gone is closed and, where a try is due, replaced;
-// one that is merely full stays.
+// Sends a datagram. A connection that is found gone is, where a try is due, replaced; one that is
+// merely full stays.
 bool send_datagram(std::span<const std::byte> datagram) {
     while (av_connected()) {
-        if (send(channel.fd, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0)
-            return true;
-        if (errno == EAGAIN || errno == EINTR || errno == EMSGSIZE || errno == ENOBUFS)
-            return false;
-        disconnect();
+        const auto result = channel.connection.send(datagram);
+        if (result != local_connection::sent::ended)
+            return result == local_connection::sent::yes;
     }
     return false;
 }
@@ -115,7 +76,7 @@ bool wait_readable(time_point deadline) {
         const auto left = std::chrono::ceil<milliseconds>(deadline - av_clock::now());
         if (left.count() <= 0)
             return false;
-        pollfd wanted = {channel.fd, POLLIN, 0};
+        pollfd wanted = {channel.connection.fd(), POLLIN, 0};
         if (poll(&wanted, 1, static_cast<int>(left.count())) > 0)
             return true;
     }
@@ -126,14 +87,14 @@ enum class outcome { answered, too_short, too_late, connection_ended };
 // Receives until the answer to `wanted` comes; other messages, late answers among them, are dropped
 // and don't buy time.
 outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
-                       std::span<std::byte> body) {
+                       std::span<std::byte> body, size_t &taken) {
     while (wait_readable(deadline)) {
         av_answer_head head = {};
         std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
         msghdr message = {};
         message.msg_iov = pieces.data();
         message.msg_iovlen = pieces.size();
-        const ssize_t received = recvmsg(channel.fd, &message, 0);
+        const ssize_t received = recvmsg(channel.connection.fd(), &message, 0);
         if (received < 0 && (errno == EAGAIN || errno == EINTR))
             continue;
         if (received <= 0)
@@ -143,8 +104,8 @@ outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
             head.question.seq != wanted.seq)
             continue;
         rc = head.rc;
-        const bool whole = size >= sizeof head && (rc != 0 || size - sizeof head >= body.size());
-        return whole ? outcome::answered : outcome::too_short;
+        taken = size - std::min(size, sizeof head);
+        return size >= sizeof head ? outcome::answered : outcome::too_short;
     }
     return outcome::too_late;
 }
@@ -152,7 +113,15 @@ outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
 } // namespace
 
 bool av_connected() {
-    return channel.fd >= 0 || connect_channel();
+    const auto state = channel.connection.ensure(av_socket_path());
+    if (state == local_connection::state::fresh) {
+        // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
+        constexpr int room = AV_SEND_BUFFER;
+        const int fd = channel.connection.fd();
+        if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0)
+            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    }
+    return state != local_connection::state::none;
 }
 
 int av_send(av_op op, std::span<const av_bytes> parts) {
@@ -161,15 +130,21 @@ int av_send(av_op op, std::span<const av_bytes> parts) {
 
 bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
             av_clock::duration wait) {
+    size_t taken = 0;
+    return av_ask_some(op, parts, rc, body, taken, wait) && (rc != 0 || taken >= body.size());
+}
+
+bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
+                 size_t &taken, av_clock::duration wait) {
     question_pause *pause = pause_of(op);
     if (pause != nullptr && av_clock::now() < pause->end)
         return false;
     const av_message_head question = {op, channel.seq++};
     if (!send_message(question, parts))
         return false;
-    const outcome result = receive_answer(question, av_clock::now() + wait, rc, body);
+    const outcome result = receive_answer(question, av_clock::now() + wait, rc, body, taken);
     if (result == outcome::connection_ended)
-        disconnect();
+        channel.connection.end();
     if (result == outcome::too_late && pause != nullptr)
         pause->end = av_clock::now() + PAUSE_TIME;
     return result == outcome::answered;

@@ -8,7 +8,7 @@
 // that packets wait for (roaming, names, categories) then fail at once for a second.
 #pragma once
 
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <chrono>
 #include <cstddef>
@@ -29,6 +29,11 @@ int av_send(av_op op, std::span<const av_bytes> parts);
 // counts as none.
 bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
             av_clock::duration wait = AV_ANSWER_TIME);
+
+// The same for an answer whose body may be of any length up to that of `body`: `taken` says how
+// much came.
+bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
+                 size_t &taken, av_clock::duration wait = AV_ANSWER_TIME);
 
 // Whether the channel is connected, after a try to connect where one is due.
 bool av_connected();

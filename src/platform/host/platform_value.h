@@ -1,7 +1,7 @@
 // Platform values: what the platform knows under a key (op 36 of the AV channel).
 #pragma once
 
-#include "platform/host/av_messages.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <string_view>
 

@@ -3,57 +3,19 @@
 #include "platform/psm.h"
 
 #include "platform/host/av_channel.h"
+#include "platform/host/machine/base_mac.h"
 #include "platform/host/platform_value.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr uint64_t ENOUGH_MEMORY_BYTES = uint64_t{100} * 1024 * 1024;
-constexpr size_t MAC_TEXT_SIZE = 18;
-
-bool hardware_address(int fd, unsigned if_index, uint8_t (&mac)[6]) {
-    ifreq request = {};
-    if (if_indextoname(if_index, request.ifr_name) == nullptr ||
-        ioctl(fd, SIOCGIFFLAGS, &request) != 0 || (request.ifr_flags & IFF_LOOPBACK) != 0 ||
-        ioctl(fd, SIOCGIFHWADDR, &request) != 0)
-        return false;
-    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
-    return std::any_of(mac, mac + sizeof mac, [](uint8_t byte) { return byte != 0; });
-}
-
-// The interface of the lowest index that isn't loopback and has an address. Asked of the kernel
-// through a socket: /sys may show another network namespace.
-bool first_hardware_address(uint8_t (&mac)[6]) {
-    struct if_nameindex *interfaces = if_nameindex();
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    unsigned lowest = 0;
-    if (interfaces != nullptr && fd >= 0) {
-        for (const struct if_nameindex *i = interfaces; i->if_index != 0; ++i) {
-            uint8_t candidate[6];
-            if ((lowest == 0 || i->if_index < lowest) &&
-                hardware_address(fd, i->if_index, candidate)) {
-                lowest = i->if_index;
-                memcpy(mac, candidate, sizeof mac);
-            }
-        }
-    }
-    if (interfaces != nullptr)
-        if_freenameindex(interfaces);
-    if (fd >= 0)
-        close(fd);
-    return lowest != 0;
-}
 
 } // namespace
 
@@ -79,11 +41,10 @@ int psm_bsp_getMACBase(char *text) {
         snprintf(text, MAC_TEXT_SIZE, "%.17s", value);
         return 0;
     }
-    uint8_t mac[6];
-    if (!first_hardware_address(mac))
+    char found[MAC_TEXT_SIZE];
+    if (!machine_base_mac(found))
         return -1;
-    snprintf(text, MAC_TEXT_SIZE, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
-             mac[4], mac[5]);
+    memcpy(text, found, sizeof found);
     return 0;
 }
 

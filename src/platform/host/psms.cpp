@@ -105,6 +105,29 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
     return 0;
 }
 
+int psms_rflow_get_roam(const void *notify, void *records, int *count) {
+    av_roam_question question;
+    memcpy(&question, notify, sizeof question);
+    const av_bytes parts[] = {av_part(question)};
+    struct {
+        av_roam_answer head;
+        av_roam_record records[AV_ROAM_RECORDS_MAX];
+    } answer = {};
+    int32_t rc = 0;
+    size_t taken = 0;
+    if (!av_ask_some(av_op::rflow_get_roam, parts, rc,
+                     std::as_writable_bytes(std::span(&answer, 1)), taken))
+        return -1;
+    if (rc != 0)
+        return rc;
+    const size_t records_taken = std::min<size_t>(answer.head.count, AV_ROAM_RECORDS_MAX);
+    if (taken < sizeof answer.head + records_taken * sizeof(av_roam_record))
+        return -1;
+    memcpy(records, answer.records, records_taken * sizeof(av_roam_record));
+    *count = static_cast<int>(records_taken);
+    return 0;
+}
+
 int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int mode,
                                                uint32_t utp_id) {
     av_safesearch_setting setting = {};

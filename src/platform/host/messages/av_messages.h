@@ -128,6 +128,7 @@ struct av_roam_answer {
 struct av_roam_record {
     uint8_t flow[132];
 };
+inline constexpr size_t AV_ROAM_RECORDS_MAX = 128; // a count above it is the first 128
 static_assert(sizeof(av_roam_question) == 76);
 static_assert(sizeof(av_roam_answer) == 4);
 static_assert(sizeof(av_roam_record) == 132);

@@ -1,0 +1,479 @@
+"""The message bus: avcores in namespaces of their own on one network, and clients on their bus
+sockets in the place of daemons. The test itself is a further host of that network."""
+import contextlib
+import ctypes
+import ssl
+
+from testbed import *
+
+PORT = 5670
+TOPIC = "RflowRoamInfo"
+KEYS = "/tmp/keys"
+PAYLOAD_MAX = 16_900
+SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../scripts")
+
+
+@contextlib.contextmanager
+def namespace(name):
+    """This thread is in the namespace, and what it opens there stays there."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    with open("/proc/thread-self/ns/net") as here, open(f"/run/netns/{name}") as there:
+        assert libc.setns(there.fileno(), 0) == 0, os.strerror(ctypes.get_errno())
+        try:
+            yield
+        finally:
+            assert libc.setns(here.fileno(), 0) == 0
+
+
+def wire(sender, topic, payload, length=None):
+    body = struct.pack("64s64s", sender.encode(), topic.encode()) + payload
+    return struct.pack(">I", len(body) if length is None else length) + body
+
+
+class AccessPoint:
+    """An avcore that waits for frames which never come."""
+
+    def __init__(self, number):
+        self.netns = f"ap{number}"
+        self.name = f"AP.02:00:00:00:00:{number:02X}"
+        self.address, self.ipv6 = f"10.9.0.{number}", f"fd00:9::{number}"
+        self.bus_socket, self.av_socket = f"/tmp/{self.netns}.bus", f"/tmp/{self.netns}.av"
+        self.lines = Record(f"lines of {self.netns}")
+        self.process = self._reader = None
+        self.clients = []
+
+    def lay_out(self):
+        ip = ("ip", "-n", self.netns)
+        run("ip", "netns", "add", self.netns)
+        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
+            "net.ipv6.conf.default.disable_ipv6=1")
+        for end in ("in", "out"):
+            run(*ip, "link", "add", end + "0", "mtu", "65535", "type", "veth", "peer", end + "1",
+                "mtu", "65535")
+            for number in "01":
+                run(*ip, "link", "set", end + number, "arp", "off", "up")
+        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
+            "net.ipv6.conf.default.disable_ipv6=0")
+        run("ip", "link", "add", self.netns, "type", "veth", "peer", "eth0", "netns", self.netns)
+        run("ip", "link", "set", self.netns, "master", "br0", "up")
+        run(*ip, "addr", "add", self.address + "/24", "dev", "eth0")
+        run(*ip, "addr", "add", self.ipv6 + "/64", "dev", "eth0", "nodad")
+        for link in ("lo", "eth0"):
+            run(*ip, "link", "set", link, "up")
+
+    def start(self, bus=""):
+        with open(f"/tmp/{self.netns}.toml", "w") as file:
+            file.write(f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n[bus]\n{bus}')
+        self.process = subprocess.Popen(
+            ["ip", "netns", "exec", self.netns, jorn_path("avcore"), "-i", "in0", "-o", "out0",
+             "-c", file.name],
+            env=os.environ | {"JORN_BUS_SOCK": self.bus_socket, "JORN_AV_SOCK": self.av_socket,
+                              "ASAN_OPTIONS": "quarantine_size_mb=1"},
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self._reader = threading.Thread(target=self._read)
+        self._reader.start()
+        return self
+
+    def _read(self):
+        with self.process.stdout as lines:
+            for line in lines:
+                self.lines.add(line.strip())
+
+    def keys(self, name=None, authority="ca"):
+        """[bus] with the files of `name`, its own by default, and whom it trusts."""
+        name = name or self.name
+        return (f'ca = "{KEYS}/{authority}.pem"\ncertificate = "{KEYS}/{name}.pem"\n'
+                f'key = "{KEYS}/{name}.key"\n')
+
+    def client(self):
+        self.clients.append(Client(self.bus_socket))
+        return self.clients[-1]
+
+    def wait_line(self, text, since=0):
+        return self.lines.wait(lambda line: text in line, since=since)
+
+    def wait_report(self, text):
+        """Asks for reports until one says so."""
+        since, ends = len(self.lines), time.monotonic() + DEADLINE
+        while not any(text in line for line in self.lines.items[since:]):
+            assert time.monotonic() < ends, (text, self.lines.items[since:][-10:])
+            self.process.send_signal(signal.SIGUSR1)
+            time.sleep(0.01)
+
+    def status(self):
+        status = self.process.wait(DEADLINE)
+        self._reader.join(DEADLINE)
+        return status
+
+    def stop(self):
+        while self.clients:
+            self.clients.pop().close()
+        if self.process and self.process.poll() is None:
+            self.process.terminate()
+            return self.status()
+        return 0
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def resident_kb(self):
+        with open(f"/proc/{self.process.pid}/status") as file:
+            return next(int(line.split()[1]) for line in file if line.startswith("VmRSS"))
+
+
+class Client:
+    def __init__(self, path):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self._socket.settimeout(DEADLINE)
+        ends = time.monotonic() + DEADLINE
+        while True:
+            try:
+                return self._socket.connect(path)
+            except (FileNotFoundError, ConnectionRefusedError):
+                assert time.monotonic() < ends, path
+                time.sleep(0.01)
+
+    def send(self, kind, *fields, payload=b""):
+        sizes = {1: "32s64s64s", 2: "64s48s", 3: "64s64s"}[kind]
+        self._socket.send(struct.pack("=I" + sizes, kind, *(f.encode() for f in fields)) + payload)
+
+    def subscribe(self, topic=TOPIC, sender="*"):
+        self.send(1, "jorn", sender, topic)
+        return self
+
+    def add_peer(self, to, address=None):
+        self.send(2, to.name, address or to.address)
+        return self
+
+    def publish(self, to, payload, topic=TOPIC):
+        self.send(3, to.name, topic, payload=payload)
+        return self
+
+    def receive(self):
+        """Sender, topic, payload."""
+        datagram = self._socket.recv(65536)
+        kind, sender, topic = struct.unpack_from("=I64s64s", datagram)
+        assert kind == 4, datagram[:132]
+        return text_of(sender), text_of(topic), datagram[132:]
+
+    def payloads(self, until):
+        """What is received up to the payload `until`, which is among it."""
+        received = [self.receive()[2]]
+        while received[-1] != until:
+            received.append(self.receive()[2])
+        return received
+
+    def silent(self):
+        return not select.select([self._socket], [], [], 0)[0]
+
+    def close(self):
+        self._socket.close()
+
+
+def make_keys(a, b):
+    run(f"{SCRIPTS}/bus-keys", KEYS, a, b, "AP.other")
+    run(f"{SCRIPTS}/bus-keys", "/tmp/foreign", a)
+    for end in ("pem", "key"):
+        os.rename(f"/tmp/foreign/{a}.{end}", f"{KEYS}/foreign.{end}")
+    shutil.copy("/tmp/foreign/ca.pem", f"{KEYS}/foreign-ca.pem")
+    for name, days in (("expired", "-1"), ("ending", "7")):
+        shutil.copy(f"{KEYS}/{a}.key", f"{KEYS}/{name}.key")
+        request = subprocess.run(["openssl", "req", "-new", "-key", f"{KEYS}/{name}.key", "-subj",
+                                  f"/CN={a}"], check=True, capture_output=True).stdout
+        subprocess.run(["openssl", "x509", "-req", "-CA", f"{KEYS}/ca.pem", "-CAkey",
+                        f"{KEYS}/ca.key", "-days", days, "-out", f"{KEYS}/{name}.pem"],
+                       input=request, check=True, capture_output=True)
+
+
+class Bus(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        run("ip", "link", "add", "br0", "type", "bridge")
+        run("ip", "link", "set", "br0", "up")
+        run("ip", "addr", "add", "10.9.0.254/24", "dev", "br0")
+        for number in (1, 2, 3):
+            AccessPoint(number).lay_out()
+        make_keys("AP.02:00:00:00:00:01", "AP.02:00:00:00:00:02")
+
+    def setUp(self):
+        self.a, self.b, self.c = (AccessPoint(number) for number in (1, 2, 3))
+        for each in (self.a, self.b, self.c):
+            self.addCleanup(self.end, each)
+
+    def end(self, access_point):
+        self.assertEqual(access_point.stop(), 0, access_point.lines.items)
+
+    def black_hole(self, on):
+        """A's packets to B get lost on the way, and nobody says so."""
+        run("ip", "-n", "ap1", "neigh", "replace" if on else "del", self.b.address, "dev", "eth0",
+            *(("lladdr", "02:ff:00:00:00:00", "nud", "permanent") if on else ()))
+
+    def test_messages_reach_whom_they_are_for(self):
+        for each in (self.a, self.b, self.c):
+            each.start()
+        a = self.a.client().add_peer(self.b).add_peer(self.c, self.c.ipv6)
+        b, picky, c = self.b.client().subscribe(), self.b.client(), self.c.client().subscribe()
+        picky.subscribe("other").subscribe(sender="AP.nobody")
+
+        sizes = [0, 1, PAYLOAD_MAX, 4] * 50
+        for n, size in enumerate(sizes):
+            a.publish(self.b, bytes([n]) * size)
+            self.assertEqual(b.receive(), (self.a.name, TOPIC, bytes([n]) * size))
+        a.publish(self.b, b"of another topic", "other")
+        self.assertEqual(picky.receive(), (self.a.name, "other", b"of another topic"))
+        self.assertTrue(b.silent() and picky.silent() and c.silent())
+        a.publish(self.c, b"over IPv6")
+        self.assertEqual(c.receive(), (self.a.name, TOPIC, b"over IPv6"))
+
+        # Refused and dropped: the old address holds, and order is kept.
+        for address in ("0.0.0.0", "255.255.255.255", "224.0.0.1", "169.254.0.1", "fe80::1", "::",
+                        "ff02::1", "::ffff:0.0.0.0", "ap2", ""):
+            a.send(2, self.b.name, address)
+        a.publish(self.a, b"to itself").send(3, "AP.stranger", TOPIC, payload=b"where?")
+        a.publish(self.b, b"still there")
+        self.assertEqual(b.receive()[2], b"still there")
+        for line in ("203 for peers, 203 sent", "addresses refused: 10", "own name: 1",
+                     "where the peer is: 1"):
+            self.a.wait_report(line)
+
+    def test_messages_wait_for_a_peer_that_is_away(self):
+        """The newest of them, and they come when it comes back."""
+        def refuse():
+            self.b.stop()
+            return lambda: self.b.start()
+
+        def black_hole():
+            self.black_hole(True)
+            self.b.stop()
+            self.b.start()  # the old connection ends unheard
+            time.sleep(7)   # until A has found out by itself
+            return lambda: self.black_hole(False)
+
+        def accept_and(serve):
+            self.b.stop()
+            with namespace(self.b.netns):
+                listener = socket.create_server((self.b.address, PORT), backlog=1)
+            listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            accepted = []
+            stop = threading.Event()
+
+            def loop():
+                listener.settimeout(0.05)
+                while not stop.is_set():
+                    with contextlib.suppress(TimeoutError):
+                        accepted.append(listener.accept()[0])
+                        serve(accepted[-1])
+                listener.close()
+                for each in accepted:
+                    each.close()
+
+            thread = threading.Thread(target=loop)
+            thread.start()
+
+            def back():
+                stop.set()
+                thread.join()
+                self.b.start()
+            return back
+
+        def reset(connection):
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            connection.close()
+
+        for way, leave in (("refuses", refuse), ("black-holed", black_hole),
+                           ("resets", lambda: accept_and(reset)),
+                           ("takes nothing", lambda: accept_and(lambda connection: None))):
+            with self.subTest(way):
+                self.a.start()
+                self.b.start()
+                a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
+                a.publish(self.b, b"before")
+                self.assertEqual(b.receive()[2], b"before")
+                come_back = leave()
+                b.close()
+                sent = [struct.pack("I", n).ljust(PAYLOAD_MAX, b"\0")
+                        for n in range(40 if way == "takes nothing" else 20)]
+                for payload in sent:
+                    a.publish(self.b, payload)
+                if way == "takes nothing":
+                    self.a.wait_line("it takes nothing")
+                elif way != "resets":
+                    self.a.wait_report("waited for a peer: 4")
+                come_back()
+                received = self.b.client().subscribe().payloads(sent[-1])
+                self.assertEqual(received, sent[-len(received):])
+                if way in ("refuses", "black-holed"):  # else a try may lose what the kernel took
+                    self.assertEqual(len(received), 16)
+                self.a.stop()
+                self.b.stop()
+
+    def test_messages_wait_for_a_daemon_that_is_slow_or_away(self):
+        self.a.start()
+        self.b.start()
+        a = self.a.client().add_peer(self.b)
+        for n in range(20):
+            a.publish(self.b, bytes([n]), "wanted" if n % 2 else "unwanted")
+            self.b.wait_report(f"{n + 1} received")
+        b = self.b.client().subscribe("wanted")
+        self.assertEqual([b.receive()[2][0] for _ in range(8)], list(range(5, 20, 2)))
+
+        # While its socket takes them none is lost; then the newest wait.
+        sent = [struct.pack("I", n).ljust(PAYLOAD_MAX, b"\0") for n in range(60)]
+        for n, payload in enumerate(sent):
+            a.publish(self.b, payload, "wanted")
+            self.b.wait_report(f"{n + 21} received")
+        received = b.payloads(sent[-1])
+        self.assertEqual(received, sent[:len(received) - 16] + sent[-16:])
+        self.assertGreater(len(received), 16)
+        # What still waits when it goes waits for the next.
+        for n, payload in enumerate(sent):
+            a.publish(self.b, payload, "wanted")
+            self.b.wait_report(f"{n + 81} received")
+        b.close()
+        self.assertEqual(self.b.client().subscribe("wanted").payloads(sent[-1]), sent[-16:])
+
+    def test_certificates(self):
+        """Who isn't what it should be is refused with a line on the side that notices, nothing
+        gets through, and when that side is mended the other needs nothing."""
+        own_a, own_b = self.a.keys(), self.b.keys()
+        rows = [
+            # A's files, B's files, who says what; the mended side
+            (self.a.keys("foreign"), own_b, self.b, "from 10.9.0.1 refused: its certificate: ", "a"),
+            (self.a.keys("expired"), own_b, self.b, "its certificate: certificate has expired", "a"),
+            (self.a.keys("AP.other"), own_b, self.b,
+             f"a message names the sender {self.a.name}, the certificate AP.other", "a"),
+            (own_a, self.b.keys("AP.other"), self.a, "its certificate is of AP.other", "b"),
+            (own_a, self.b.keys("foreign"), self.a, "its certificate: ", "b"),
+            ("", own_b, self.b, "from 10.9.0.1 refused: TLS: wrong version number", "a"),
+            (own_a, self.b.keys(authority="foreign-ca"), self.b, "refused: its certificate: ", "b"),
+            (own_a, "", self.b, "from 10.9.0.1 refused: a message of ", "b"),
+        ]
+        for a_files, b_files, witness, line, mended in rows:
+            with self.subTest(line):
+                self.a.start(a_files)
+                self.b.start(b_files)
+                since = len(witness.lines)
+                a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
+                a.publish(self.b, b"refused")
+                witness.wait_line(line, since)
+                self.assertTrue(b.silent())
+                if mended == "a":
+                    self.a.stop()
+                    self.a.start(own_a)
+                    a = self.a.client().add_peer(self.b)
+                else:
+                    self.b.stop()
+                    self.b.start(own_b)
+                    b = self.b.client().subscribe()
+                a.publish(self.b, b"taken")
+                self.assertEqual(b.payloads(b"taken")[0], b"refused" if mended == "b" else b"taken")
+                said = [each for each in witness.lines.items[since:] if line in each]
+                self.assertEqual(len(said), 1, said)
+                self.a.stop()
+                self.b.stop()
+
+    def test_what_is_wrong_with_the_files_is_said_at_the_start(self):
+        os.chmod(f"{KEYS}/AP.other.key", 0o644)
+        self.addCleanup(os.chmod, f"{KEYS}/AP.other.key", 0o600)
+        for files, line, status in (
+                (self.a.keys("AP.other"), "chmod 600", 1),
+                (self.a.keys("absent"), "absent.pem: No such file", 1),
+                (self.a.keys(authority="absent"), "absent.pem: No such file", 1),
+                (self.a.keys().replace(f"{self.a.name}.key", f"{self.b.name}.key"), "key values mismatch", 1),
+                ('listen = "10.9.0.9:5670"', "Cannot assign requested address", 1),
+                (self.a.keys("ending"), "the certificate ends in 6 days", 0),
+                (self.a.keys("expired"), "the certificate has ended", 0),
+                (self.a.keys(self.b.name), f"is of {self.b.name}, this is {self.a.name}", 0)):
+            with self.subTest(line):
+                since = len(self.a.lines)
+                self.a.start(files)
+                self.a.wait_line(line, since)
+                self.assertEqual(self.a.stop() if status == 0 else self.a.status(), status)
+
+    def test_strangers_on_an_open_bus(self):
+        self.a.start()
+        self.b.start()
+        a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
+        refused = 0
+        for length in (0, 127, 17_029, 0xFFFF_FFFF):
+            since = len(self.b.lines)
+            with socket.create_connection((self.b.address, PORT), DEADLINE) as stranger:
+                stranger.sendall(struct.pack(">I", length))
+                self.assertEqual(stranger.recv(1), b"", length)
+            refused += 1
+            self.b.wait_line(f"refused: a message of {length} bytes", since)
+        for step, arrives in ((0.003, True), (0.1, False)):
+            with socket.create_connection((self.b.address, PORT), DEADLINE) as stranger, \
+                    contextlib.suppress(ConnectionError):
+                for byte in wire("AP.x", TOPIC, b"dribbled"):
+                    stranger.send(bytes([byte]))
+                    time.sleep(step)
+            if arrives:
+                self.assertEqual(b.receive(), ("AP.x", TOPIC, b"dribbled"))
+        self.b.wait_report("in two seconds: 1")
+        # One that was let in may be silent, and goes after those that weren't.
+        friend = socket.create_connection((self.b.address, PORT), DEADLINE)
+        friend.sendall(wire("AP.x", TOPIC, b"first"))
+        self.assertEqual(b.receive()[2], b"first")
+        self.flood(a, b)
+        friend.sendall(wire("AP.x", TOPIC, b"second"))
+        self.assertEqual(b.receive()[2], b"second")
+        friend.close()
+
+    def test_strangers_on_a_secured_bus(self):
+        self.a.start(self.a.keys())
+        self.b.start(self.b.keys())
+        a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
+        context = ssl.create_default_context(cafile=f"{KEYS}/ca.pem")
+        context.check_hostname = False
+        with socket.create_connection((self.b.address, PORT), DEADLINE) as stranger:
+            with self.assertRaises(ssl.SSLError), context.wrap_socket(stranger) as secured:
+                secured.recv(1)
+        self.b.wait_line("refused: TLS: peer did not return a certificate")
+        self.flood(a, b)
+
+    def flood(self, a, b):
+        """A thousand silent connections and some that never come to an end, all held open as long
+        as B lets them; meanwhile what A sends arrives."""
+        a.publish(self.b, b"before")
+        self.assertEqual(b.receive()[2], b"before")
+        descriptors, memory = self.b.descriptors(), self.b.resident_kb()
+        with contextlib.ExitStack() as held:
+            for n in range(1000):
+                stranger = held.enter_context(
+                    socket.create_connection((self.b.address, PORT), DEADLINE))
+                if n % 100 == 0:
+                    stranger.settimeout(0.01)
+                    with contextlib.suppress(OSError):
+                        stranger.sendall(wire("AP.x", "junk", bytes(PAYLOAD_MAX)) * 20)
+                    a.publish(self.b, struct.pack("I", n))
+                    self.assertEqual(b.receive()[2], struct.pack("I", n))
+                    self.assertLess(self.b.descriptors(), descriptors + 40)
+        self.b.wait_report("gave way")
+        self.assertLess(self.b.resident_kb() - memory, 8192)
+
+    def test_a_roam_notice(self):
+        """What jornctl sends is the record."""
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(COMMAND_SOCKET)
+            self.addCleanup(os.unlink, COMMAND_SOCKET)
+            listener.listen()
+            for options, tail in (
+                    (("--address", "10.9.0.2"), struct.pack("H6x4s16x", 2, b"\x0a\x09\0\2")),
+                    (("--address", "fd00::2"), struct.pack("H10x16s", 10,
+                                                           bytes.fromhex("fd").ljust(15, b"\0")
+                                                           + b"\2"))):
+                roam = subprocess.Popen([jorn_path("jornctl"), "roam", "--station", CLIENT_MAC,
+                                         "--to", "0A:1b:2c:3d:4e:5F", *options, "--from",
+                                         SERVER_MAC, "--from-address", "10.9.0.1"])
+                connection = listener.accept()[0]
+                message = connection.recv(65536)
+                connection.close()
+                self.assertEqual(roam.wait(DEADLINE), 0)
+                self.assertEqual(message[-76:], mac(CLIENT_MAC) + mac(SERVER_MAC)
+                                 + mac("0a:1b:2c:3d:4e:5f")
+                                 + struct.pack("H4x4s20x", 2, b"\x0a\x09\0\1") + tail)
+
+
+if __name__ == "__main__":
+    unittest.main()

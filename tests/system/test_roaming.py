@@ -1,0 +1,179 @@
+"""Command 9 and the message bus: what the daemon publishes, and what it takes from peers."""
+import ipaddress
+import re
+import struct
+import unittest
+
+from testbed import *
+
+BUS_SOCKET = "/var/run/av_bus.sock"
+SUBSCRIBE, ADD_PEER, PUBLISH, DELIVER = 1, 2, 3, 4
+TOPIC = b"RflowRoamInfo"
+NOTIFY, DNS_SHOW = 9, 10
+STATION, HERE, THERE = "02:00:00:00:0a:0b", "00:1a:2b:00:00:01", "00:1a:2b:3c:4d:5e"
+PEER = b"AP.00:1A:2B:3C:4D:5E"
+
+
+def notify(to, *, station=STATION):
+    """A notify about a station that went to `to`, an address or a number for an unknown family."""
+    address = ipaddress.ip_address(to) if isinstance(to, str) else None
+    family = {4: 2, 6: 10}[address.version] if address else to
+    v4 = address.packed if family == 2 else bytes(4)
+    v6 = address.packed if family == 10 else bytes(16)
+    return struct.pack("=6s6s6sH4s4s16s4sH6s4s16s", mac(station), mac(HERE), mac(THERE), 2, b"",
+                       bytes((192, 0, 2, 1)), b"", b"", family, b"", v4, v6)
+
+
+def roam_flow(name, *addresses, server_index=1):
+    client, server = (addresses if len(addresses) == 2 else ("10.0.0.2", *addresses))
+    return struct.pack("=II12x2s4x2s2s2s4x4s4s24x64s", server_index, 0xBEEF, b"\x01\x02",
+                       b"\x03\x04", struct.pack(">H", 40001), struct.pack(">H", 443),
+                       socket.inet_aton(client), socket.inet_aton(server), name)
+
+
+def message(*flows, count=None):
+    return struct.pack("=I", len(flows) if count is None else count) + b"".join(flows)
+
+
+class Bus:
+    """The far end of the bus socket."""
+
+    def __init__(self):
+        self.messages = Record("bus messages")
+        self.connection = None
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self._listener.bind(BUS_SOCKET)
+        self._listener.listen()
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        try:
+            while True:
+                self.connection = self._listener.accept()[0]
+                threading.Thread(target=self._serve, args=(self.connection,), daemon=True).start()
+        except OSError:
+            pass  # closed
+
+    def _serve(self, connection):
+        try:
+            while datagram := connection.recv(65536):
+                self.messages.add((struct.unpack_from("=I", datagram)[0], datagram[4:]))
+        except OSError:
+            pass  # closed
+
+    def deliver(self, payload, *, sender=b"AP.peer", topic=TOPIC, kind=DELIVER):
+        self.connection.send(struct.pack("=I64s64s", kind, sender, topic) + payload)
+
+    def close(self):
+        for end in (self._listener, self.connection):
+            if end:
+                end.shutdown(socket.SHUT_RDWR)
+                end.close()
+        os.unlink(BUS_SOCKET)
+
+
+class RoamingTest(SystemTest):
+    def bus(self):
+        bus = Bus()
+        self.addCleanup(bus.close)
+        return bus
+
+    def started(self, *options):
+        platform, bus = self.platform(), self.bus()
+        daemon = self.daemon("-d", *options)
+        self.wait_until_judging()
+        kind, body = bus.messages.wait(lambda m: True)
+        self.assertEqual((kind, body), (SUBSCRIBE, struct.pack("=32s64s64s", b"jorn", b"*", TOPIC)))
+        return platform, bus, daemon
+
+    def listed(self, *, until=None):
+        """Addresses and names of the DNS listing; waits for an address."""
+        ends = time.monotonic() + DEADLINE
+        while True:
+            text = command(DNS_SHOW).decode()
+            entries = dict(zip(re.findall("dst ip: (.*)", text),
+                               re.findall("application name: (.*)", text)))
+            if until is None or until in entries:
+                return entries
+            self.assertLess(time.monotonic(), ends, f"{until} isn't listed")
+
+
+class Publishing(RoamingTest):
+    def test_what_a_notify_publishes(self):
+        platform, bus, daemon = self.started()
+        one = roam_flow(b"one.example", "198.51.100.1")
+        for what, to, rc, answer, published, says in (
+                ("IPv4", "192.0.2.9", 0, message(one), message(one), None),
+                ("IPv6", "2001:db8::9", 0, message(one, one), message(one, one), None),
+                ("128", "192.0.2.9", 0, message(*[one] * 128), message(*[one] * 128), None),
+                ("a count of 129 is the first 128", "192.0.2.9", 0,
+                 message(*[one] * 128, count=129), message(*[one] * 128), None),
+                ("none", "192.0.2.9", 0, message(), None, "need to be synchronized is 0"),
+                ("fewer than counted", "192.0.2.9", 0, message(one, count=2), None,
+                 "psms_rflow_get_roam error rc =-1"),
+                ("refused", "192.0.2.9", 7, b"", None, "psms_rflow_get_roam error rc =7"),
+                ("no family", 0, 0, message(one), None, "sync to peer AP failed, ret is 26")):
+            with self.subTest(what):
+                asked = []
+                platform.answers[OP_ROAM] = lambda body: (asked.append(body), (rc, answer))[1]
+                since, lines = len(bus.messages), len(daemon.lines)
+                command(NOTIFY, notify(to))
+                self.assertEqual(asked, [notify(to)])
+                if says:
+                    daemon.wait_line(says, since=lines)
+                    self.assertEqual(bus.messages.items[since:], [])
+                    continue
+                bus.messages.wait_length(since + 2)
+                self.assertEqual(bus.messages.items[since:], [
+                    (ADD_PEER, struct.pack("=64s48s", PEER, to.encode())),
+                    (PUBLISH, struct.pack("=64s64s", PEER, TOPIC) + published)])
+        for line in ("station mac:2:0:0:0:A:B", "AP mac (roam to):0:1A:2B:3C:4D:5E",
+                     "AP IP family (roam to): Unknown", "AP IPv6 (roam to): 2001:db8::9",
+                     "1: 0102 0304       10.0.0.2 198.51.100.1   40001   443     BEEF     "
+                     "                    one.example"):
+            self.assertTrue(any(line in s for s in daemon.lines.items), line)
+
+
+class Importing(RoamingTest):
+    def test_what_peers_send(self):
+        platform, bus, daemon = self.started("-x")  # an unknown option starts all the same
+        platform.domains["198.51.100.9"] = (1, 1, 1, "known.example")
+        self.judge([ipv4_frame(17, udp(1, 2), dst="198.51.100.9")])
+        full = roam_flow(b"n" * 64, "198.51.100.3")
+        one = roam_flow(b"x.example", "198.51.100.1")
+        for payload in (message(one, count=0), message(one, count=129), message(one, one, count=3),
+                        message(one)[:135], b"", b"\1\0", bytes(16901)):
+            bus.deliver(payload)
+        bus.deliver(message(one), kind=PUBLISH)
+        bus.deliver(message(one), topic=b"Other")
+        bus.connection.send(b"\4\0\0\0short")
+        bus.deliver(message(roam_flow(b"first.example", "203.0.113.1", "198.51.100.2", server_index=0),
+                            roam_flow(b"skipped", "198.51.100.8", server_index=2),
+                            roam_flow(b"other.example", "198.51.100.9"), full,
+                            roam_flow(b"a\nb", "198.51.100.4"),
+                            roam_flow(b"", "198.51.100.5")) + b"bytes behind",
+                    sender=b"AP.a\nb".ljust(64, b"x"))
+        self.assertEqual(self.listed(until="198.51.100.5"), {
+            "203.0.113.1": "first.example", "198.51.100.9": "known.example",
+            "198.51.100.3": "n" * 63, "198.51.100.4": "a?b", "198.51.100.5": ""})
+        for line in ("sync rflow count (0) error!", "sync rflow count (129) error!",
+                     "3 flows don't fit into the 268 bytes", "1 flows don't fit into the 135 bytes",
+                     "a message of 9 bytes isn't one of the bus", "receive RflowRoamInfo from AP.a?bxx"):
+            daemon.wait_line(line)
+
+    def test_the_far_end_comes_goes_and_comes_back(self):
+        self.platform()
+        self.daemon("-D")
+        self.wait_until_judging()  # without a bus
+        for _ in range(2):
+            bus = Bus()
+            while not len(bus.messages):
+                self.judge([udp_frame(1, 2)])  # the loop passes
+            self.assertEqual(bus.messages.items[0][0], SUBSCRIBE)
+            bus.deliver(message(roam_flow(b"a.example", "198.51.100.7")))
+            self.listed(until="198.51.100.7")
+            bus.close()
+
+
+if __name__ == "__main__":
+    unittest.main()

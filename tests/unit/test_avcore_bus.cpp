@@ -1,0 +1,221 @@
+// The message bus's parts that need no network, and the flows that it carries.
+#include "avcore/bus/address.h"
+#include "avcore/bus/admission.h"
+#include "avcore/bus/handshake_gate.h"
+#include "avcore/bus/waiting.h"
+#include "avcore/bus/wire.h"
+#include "avcore/roam_flows.h"
+#include "roaming/records/roam.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace avcore;
+
+// What a reader makes of `stream`, dealt out in pieces: the sizes of the messages, -1 for a bad
+// length, -2 for a message that isn't whole.
+std::vector<int> read_all(std::span<const std::byte> stream, size_t piece) {
+    std::vector<int> found;
+    wire_reader reader;
+    auto state = wire_reader::state::message;
+    while (!stream.empty()) {
+        const std::span<std::byte> room = reader.room();
+        const size_t size = std::min({room.size(), stream.size(), piece});
+        memcpy(room.data(), stream.data(), size);
+        stream = stream.subspan(size);
+        state = reader.took(size);
+        if (state == wire_reader::state::message)
+            found.push_back(static_cast<int>(reader.body().size()));
+        if (state == wire_reader::state::bad_length) {
+            found.push_back(-1);
+            return found;
+        }
+    }
+    if (state == wire_reader::state::more)
+        found.push_back(-2);
+    return found;
+}
+
+TEST(BusWire, MessagesComeWholeHoweverTheyAreDealtOut) {
+    const struct {
+        std::vector<uint32_t> lengths; // the last one may be followed by less
+        size_t cut;
+        std::vector<int> found;
+    } rows[] = {
+        {{128}, 0, {128}},
+        {{17'028, 128, 200}, 0, {17'028, 128, 200}},
+        {{128, 17'028}, 1, {128, -2}},
+        {{128, 128}, 130, {128, -2}}, // two bytes of the length
+        {{128, 0, 128}, 0, {128, -1}},
+        {{127}, 0, {-1}},
+        {{17'029}, 17'029, {-1}},
+        {{0xFFFFFFFF}, 128, {-1}},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::byte> stream;
+        for (const uint32_t length : row.lengths) {
+            const uint32_t length_be = htonl(length);
+            const auto *field = reinterpret_cast<const std::byte *>(&length_be);
+            stream.insert(stream.end(), field, field + sizeof length_be);
+            stream.resize(stream.size() + std::min(length, 17'029u));
+        }
+        stream.resize(stream.size() - row.cut);
+        for (const size_t piece : {size_t{1}, size_t{3}, size_t{1000}, stream.size()})
+            EXPECT_EQ(read_all(stream, piece), row.found) << row.lengths[0] << " by " << piece;
+    }
+}
+
+TEST(BusWire, NamesMayFillTheirFields) {
+    const std::string name(64, 'n');
+    const std::vector<std::byte> bytes = encode_message(name, "topic", {});
+    const message_names names = names_of(std::span(bytes).subspan(WIRE_LENGTH_SIZE));
+    EXPECT_EQ(names.sender, name);
+    EXPECT_EQ(names.topic, "topic");
+}
+
+TEST(BusWaiting, TheNewestWaitAndNoneForLong) {
+    const auto message = [](int number, int64_t since_ms) {
+        return waiting_message{{std::byte(number)}, since_ms};
+    };
+    for (const bool leaving : {false, true}) {
+        waiting_drops drops;
+        waiting_messages queue(drops);
+        for (int number = 0; number < 20; ++number)
+            queue.add(message(number, number), leaving);
+        EXPECT_EQ(queue.size(), 16u);
+        EXPECT_EQ(drops.crowded_out, 4u);
+        EXPECT_EQ(queue.first().bytes[0], std::byte(leaving ? 0 : 4));
+        EXPECT_FALSE(queue.drop_old(leaving ? 29'999 : 30'003));
+        EXPECT_TRUE(queue.drop_old(30'010));
+        EXPECT_EQ(queue.size(), 9u); // 11 to 19
+        EXPECT_EQ(queue.next_drop_ms(), 30'011);
+        queue.add(message(99, 5)); // one that has waited elsewhere
+        EXPECT_EQ(queue.first().bytes[0], std::byte(99));
+        EXPECT_EQ(queue.take([](const auto &each) { return each.since_ms > 15; }).size(), 4u);
+        EXPECT_EQ(queue.size(), 6u);
+    }
+}
+
+TEST(BusAddress, OnlyOneHostsAddresses) {
+    const struct {
+        const char *text;
+        const char *address; // null: refused
+    } rows[] = {
+        {"192.0.2.1", "192.0.2.1"},
+        {"fd00::1", "fd00::1"},
+        {"::ffff:192.0.2.1", "192.0.2.1"},
+        {"127.0.0.1", "127.0.0.1"},
+        {"0.0.0.0", nullptr},
+        {"255.255.255.255", nullptr},
+        {"239.1.2.3", nullptr},
+        {"169.254.7.7", nullptr},
+        {"::", nullptr},
+        {"ff02::1", nullptr},
+        {"fe80::1", nullptr},
+        {"febf::1", nullptr},
+        {"::ffff:169.254.7.7", nullptr},
+        {"fd00::1%eth0", nullptr},
+        {"192.0.2.1 ", nullptr},
+        {"", nullptr},
+    };
+    for (const auto &row : rows) {
+        const auto address = bus_address::of_peer(row.text, 5670);
+        EXPECT_EQ(address ? address->text() : "", row.address != nullptr ? row.address : "");
+    }
+    for (const char *bad : {"", "5670", "::", ":::5670", "[::]", "[::]:0", "[::]:65536",
+                            "[192.0.2.1]:1", "192.0.2.1:x", "fd00::1:5670"})
+        EXPECT_FALSE(bus_address::of_listener(bad)) << bad;
+    EXPECT_EQ(bus_address::of_listener("[::]:5670")->port(), 5670);
+}
+
+TEST(BusAdmission, StrangersGoFirstAndThenTheSilent) {
+    const struct {
+        std::vector<admitted> connections;
+        size_t victim;
+    } rows[] = {
+        {{{true, 5, "a"}, {true, 3, "b"}, {true, 4, "b"}}, 1},
+        {{{true, 1, "a"}, {false, 9, "b"}}, 1},
+        {{{false, 1, "a"}, {false, 4, "b"}, {false, 3, "b"}}, 2},
+        {{{false, 2, "a"}, {false, 1, "b"}, {true, 0, "a"}}, 1},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(choose_victim(row.connections), row.victim) << &row - rows;
+}
+
+TEST(BusHandshakes, FiveASecondAndFourOfOneDirection) {
+    using enum handshake_gate::direction;
+    handshake_gate gate;
+    for (int64_t now_ms = 0; now_ms < 4; ++now_ms)
+        EXPECT_TRUE(gate.start(in, "a", now_ms));
+    EXPECT_FALSE(gate.start(in, "a", 5));
+    EXPECT_EQ(gate.opens_ms(in, 5), 1'000);
+    EXPECT_TRUE(gate.start(out, "b", 5));
+    EXPECT_FALSE(gate.start(out, "b", 999));
+    EXPECT_EQ(gate.opens_ms(out, 999), 1'000);
+    EXPECT_TRUE(gate.start(in, "c", 1'000));
+    EXPECT_FALSE(gate.start(out, "b", 1'000));
+    EXPECT_TRUE(gate.start(out, "b", 1'001));
+    EXPECT_TRUE(gate.seen("c"));
+    EXPECT_TRUE(gate.start(in, "d", 3'000));
+    EXPECT_FALSE(gate.seen("c"));
+}
+
+TEST(RoamFlows, TheLatestNamedOnesOfTheStation) {
+    const config settings;
+    const client_rules rules(settings, "");
+    flow_table flows(rules);
+    dns_names names;
+    const uint32_t server = inet_addr("192.0.2.7");
+    names.learn({"long.example", {{server, 1}}}, 0);
+    const auto pass = [&](uint8_t mac, uint16_t port, const char *host, int64_t time_us) {
+        frame_facts frame;
+        frame.ipv4 = true;
+        frame.ip_proto = 6;
+        frame.sender = {{2, 0, 0, 0, 0, mac}, inet_addr("10.1.0.2"), port};
+        frame.receiver = {{2, 0, 0, 0, 0, 9}, server, 443};
+        note_frame(flows.count_frame(frame, 60).row, names, {time_us, {}, {server, host}});
+    };
+    constexpr int64_t second_us = 1'000'000;
+    const int64_t now_us = 400 * second_us;
+    pass(1, 1, "host.example", 0); // row 1, outlives its name's second
+    pass(1, 1, "host.example", now_us - 300 * second_us);
+    pass(1, 2, "", now_us);             // nameless at first
+    pass(1, 2, "host.example", now_us); // row 2
+    pass(1, 3, "", now_us);             // never named
+    pass(2, 4, "other.example", now_us);
+    pass(1, 5, "old.example", now_us - 300 * second_us - 1);
+
+    roam_notify notify = {};
+    notify.sta_mac[0] = 2;
+    notify.sta_mac[5] = 1;
+    const auto ask = [&](byte_span body) {
+        const std::vector<std::byte> answer =
+            answer_roam_flows(flows, now_us, {{av_op::rflow_get_roam, 7}, body});
+        return std::vector(answer.begin() + sizeof(av_answer_head), answer.end());
+    };
+    const byte_span asked = std::as_bytes(std::span(&notify, 1));
+    const std::vector<std::byte> answer = ask(asked);
+    uint32_t count = 0;
+    roam_flow records[2];
+    ASSERT_EQ(answer.size(), sizeof count + sizeof records);
+    memcpy(&count, answer.data(), sizeof count);
+    memcpy(records, answer.data() + sizeof count, sizeof records);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(records[0].flow_tag, 2u);
+    EXPECT_STREQ(records[0].server_name, "host.example");
+    EXPECT_EQ(records[0].server_index, 1u);
+    EXPECT_EQ(records[0].port_a, htons(2));
+    EXPECT_EQ(records[0].ipv4[1], server);
+    EXPECT_STREQ(records[1].server_name, "long.example");
+
+    for (uint16_t port = 100; port < 300; ++port)
+        pass(1, port, "more.example", now_us - port);
+    EXPECT_EQ(ask(asked).size(), 4 + 128 * sizeof(roam_flow));
+    EXPECT_TRUE(ask(asked.first(75)).empty());
+}
+
+} // namespace

@@ -1,0 +1,28 @@
+// A listening UNIX socket of type SOCK_SEQPACKET, whose name goes with it.
+#pragma once
+
+#include "unique_fd.h"
+
+#include <string>
+
+namespace avcore {
+
+class local_listener {
+public:
+    // Listens at `path`, in the place of a dead predecessor's socket. Throws std::runtime_error,
+    // also when somebody alive listens there; `what` stands for the socket in its message.
+    local_listener(const std::string &what, std::string path);
+    ~local_listener();
+    local_listener(const local_listener &) = delete;
+    local_listener &operator=(const local_listener &) = delete;
+
+    int fd() const { return fd_.get(); }
+    // Invalid when nobody waits, or, with errno, when there is no descriptor left.
+    unique_fd accept() const;
+
+private:
+    std::string path_;
+    unique_fd fd_;
+};
+
+} // namespace avcore
