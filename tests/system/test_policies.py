@@ -72,7 +72,8 @@ class Policies(SystemTest):
             self.assertEqual(command(number), b"")
         for utp_id in (0, 65):
             command(UTP, utp(utp_id))
-            self.jorn.wait_line(f"jorn_process_arc_config: Error ARC UTP id: {utp_id}")
+            self.assertIn("jorn_process_arc_config: ",
+                          self.jorn.wait_line(f"Error ARC UTP id: {utp_id}"))
         command(UT_CASE, struct.pack("=I", 7))
         self.jorn.wait_line("Test Id = 7")
         self.jorn.wait_line("Unknown testid = 7")
