@@ -2,6 +2,7 @@
 #include "classify/dns_app.h"
 #include "classify/trailer_step.h"
 #include "core/base/log.h"
+#include "core/base/record_bytes.h"
 #include "core/base/settings.h"
 #include "core/state/state.h"
 #include "core/text/ipv4_text.h"
@@ -59,7 +60,8 @@ void merge_video_hosts(pkt_ctx &ctx) {
 }
 
 urlf_request category_request(const pkt_ctx &ctx) {
-    urlf_request request = {};
+    urlf_request request;
+    zero_record(request);
     request.request_type = URLF_REQUEST_CATEGORY;
     request.flow_key = ctx.flow_key;
     request.dst_if_index = ctx.dst_if_index;
@@ -76,7 +78,7 @@ urlf_request category_request(const pkt_ctx &ctx) {
 // The agent's answer to a request; zeros where the agent left out a part. Returns whether it
 // answered.
 bool ask_agent(const urlf_request &request, urlf_reply &reply) {
-    reply = {};
+    zero_record(reply);
     if (jorn_settings.debug == 0)
         return psm_urlfilter_get_category(&request, &reply) >= 0;
     timeval before = {};
@@ -126,7 +128,7 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
     JORN_DEBUG_AS(FUNCTION, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
                   reply.categories[0], reply.status, printable_text(request.domain).c_str(),
                   trailer.url_retry(), static_cast<int>(trailer.flow_id()));
-    memcpy(ctx.uf_reply, &reply, sizeof reply);
+    copy_record(ctx.uf_reply, reply);
     copy_text(ctx.web_domain, field_text(ctx.app_name).substr(0, DOMAIN_MAX));
     return take_category(ctx, reply.categories[0]);
 }

@@ -7,7 +7,6 @@
 #include "core/text/text.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 
 namespace {
@@ -73,11 +72,11 @@ void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
 } // namespace
 
 void jorn_check_traffic_type(char *text, uint8_t code) {
-    text[0] = '\0';
     if (code < std::size(ARC_TRAFFIC_TYPES))
-        strcpy(text, ARC_TRAFFIC_TYPES[code]);
+        text += std::string_view(ARC_TRAFFIC_TYPES[code]).copy(text, TRAFFIC_TYPE_SIZE - 1);
     else
         JORN_DEBUG("Not Applicable\n");
+    *text = '\0';
 }
 
 void jorn_check_priority(char *text, size_t size, const arc_policy *policy) {

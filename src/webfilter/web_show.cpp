@@ -12,11 +12,6 @@
 
 namespace {
 
-// By filter_type.
-constexpr const char *FILTER_TYPES[] = {
-    "NO_ADULT", "CLEAN_AND_SAFE", "CHILD_AND_STUDENT_FRIENDLY", "STRICT", "CUSTOM",
-};
-
 void list_categories(line_buffer &text, const web_policy_wire &policy) {
     text.format("No of Blocked categories:%d\n", policy.num_categories);
     if (policy.num_categories == 0)
@@ -119,8 +114,8 @@ int jorn_show_utp_web_policy(int fd, uint32_t utp_id) {
 
 void jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy) {
     line_buffer listed(text, size);
-    if (policy.filter_type < std::size(FILTER_TYPES))
-        listed.format("Filter_Type: %s\t", FILTER_TYPES[policy.filter_type]);
+    if (policy.filter_type < std::size(WEB_FILTER_TYPES))
+        listed.format("Filter_Type: %s\t", WEB_FILTER_TYPES[policy.filter_type]);
     list_categories(listed, policy);
     list_patterns(listed, "Whitelist", policy.whitelist, policy.num_whitelist);
     list_patterns(listed, "Blacklist", policy.blacklist, policy.num_blacklist);

@@ -33,6 +33,8 @@ class Jornctl(unittest.TestCase):
         """Answers one command with these bytes."""
         listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.addCleanup(listener.close)
+        if os.path.exists(self.socket):
+            os.unlink(self.socket)
         listener.bind(self.socket)
         listener.listen()
 
@@ -47,6 +49,69 @@ class Jornctl(unittest.TestCase):
         self.daemon("\n\tApp Name:a\x1b[2J\x07\r\x7f\x9b1m\u00e9\t\n".encode())
         self.assertEqual(self.run_it("show", "dns"),
                          (0, "\n\tApp Name:a?[2J????1m\u00e9\t\n".encode(), ""))
+
+    def test_what_listings_say(self):
+        web = ("Filter_Type: CUSTOM\tNo of Blocked categories:2\n"
+               "Blocked categories:\n\tNews\n\t200\n\n"
+               "Whitelist-Domains:\n\tBlacklist-Domains:\n\nBlacklist-Domains: Not Configured\n"
+               "Google Safe Search VIP: 10.0.0.1\n"
+               "YoutubeSafeSearch: Disable\nBingSafeSearch: Disable\n\n")
+        policy = {"filter_type": "CUSTOM", "categories": ["News", "200"],
+                  "whitelist": ["Blacklist-Domains:"], "blacklist": [], "google_vip": "10.0.0.1",
+                  "youtube_vip": None, "bing_vip": None}
+        carrier = "({}) Policy Name: {}\nPriority: 3\nFQDN: {}\nIPaddr:{}\n\n"
+        bindings = ("Interface Name: not present\n" +
+                    carrier.format(1, "c", "a,b, c", " 1.0.0.1, 1.0.0.2,1.0.0.3") +
+                    carrier.format(2, "d", "a, b", "1.0.0.1") + "(3) Policy Name: none\n\n")
+        for noun, text, said in (
+                (("dns",), "\n====JORN DNS CACHE====\nTOTAL:3\nNO:1\n\t dst ip: 10.0.0.1\n"
+                           "\t application name: a.example\n\t aging time: 7\n\n",
+                 {"entries": [{"ip": "10.0.0.1", "app_name": "a.example", "aging_time": 7}],
+                  "total": 3}),
+                (("priority", "3"),
+                 "\n ARC Policy Name: p \n\tApp Id:1\tCat Id:32768 (User Defined)\n"
+                 "\tApp Name:n \tCat Name:User Defined\n\tRule:Deny \n"
+                 "\tQoS mark pri:dscp\tQoS mark type:Voice\n"
+                 "\tQoS classify pri:Priority\tQoS classify type:Video\n"
+                 "\tRatelimit Uplink:1\tRatelimit Downlink:2\n\n",
+                 {"name": "p", "rules": [{"app_id": 1, "cat_id": 32768, "app_name": "n",
+                  "cat_name": "User Defined", "deny": True, "qos": {"mark": {
+                      "kind": "dscp", "type": "Voice"}, "classify": "Video"}, "rate_up": 1,
+                  "rate_down": 2}]}),
+                (("url", "wlan0"), "\nURL Filtering is: Enable\tPolicy UUID: u\n" + web,
+                 {"enable": True, "policy": {"uuid": "u", **policy}}),
+                (("utp-web", "7"), "\nUTP Name: n \tID: 7\n\n==== No Web Policy Attached ====\n",
+                 {"name": "n", "id": 7, "policy": None}),
+                (("wifi-calling",), bindings, [{"ifname": "not present", "carriers": [
+                    {"pname": "c", "priority": 3, "epdg": [
+                        {"fqdn": "a", "ipaddr": "1.0.0.1"}, {"fqdn": "b", "ipaddr": "1.0.0.2"},
+                        {"fqdn": "c", "ipaddr": "1.0.0.3"}]},
+                    {"pname": "d", "priority": 3, "fqdn": "a, b", "ipaddr": ["1.0.0.1"]},
+                    {"pname": "none"}]}]),
+                (("wifi-calling",), "", [])):
+            with self.subTest(noun):
+                self.daemon(text.encode())
+                self.assertEqual(self.run_it("show", *noun)[:2], (0, text.encode()))
+                self.daemon(text.encode())
+                status, printed, warned = self.run_it("show", *noun, "--json")
+                self.assertEqual((status, json.loads(printed), "1 of 3 shown" in warned),
+                                 (0, said, noun == ("dns",)))
+
+    def test_what_listings_refuse(self):
+        for noun, text, said in (
+                (("url", "wlan0"), "\nInterface wlan0 not present \n", "Interface wlan0 not present"),
+                (("utp-web", "0"), "\n Invalid UTP ID \n", "Invalid UTP ID"),
+                (("utp-web", "5"), "\nUTP ID 5 not preset \n", "UTP ID 5 not preset"),
+                (("priority", "0"), "\n Invalid ARC PCY ID \n", "Invalid ARC PCY ID"),
+                (("utps",), "", "no answer to command 25"),
+                (("url", "w" * 17), "", "has 1 to 16 characters"),
+                (("dns", "--json"), "\nTOTAL:x\n", "listing can't be read at"),
+                (("utps", "--json"), "\tUTP ID    : 3\n", "listing can't be read at")):
+            with self.subTest(noun):
+                self.daemon(text.encode())
+                status, printed, complaint = self.run_it("show", *noun)
+                self.assertEqual((status, printed), (1, b""))
+                self.assertIn(said, complaint)
 
     def test_files_that_never_end(self):
         for arguments in (("apply", "--check"), ("port-services",), ("raw", "17")):

@@ -11,6 +11,21 @@ using namespace jornctl;
 
 namespace {
 
+const char *table_of(uint32_t number) {
+    switch (number) {
+    case CMD_ARC_POLICY_CFG_REQ:
+        return "policies";
+    case CMD_WEB_POLICY_CFG_REQ:
+        return "web_policies";
+    case CMD_WEB_INTF_CFG_REQ:
+        return "web_interfaces";
+    case CMD_WIFICALLING_POLICY_CFG_REQ:
+        return "carriers";
+    default:
+        return "utps";
+    }
+}
+
 // The document again, from the payloads of its commands and their description.
 document described_again(const document &read) {
     nlohmann::json again;
@@ -23,7 +38,7 @@ document described_again(const document &read) {
         if (words.erase("count") != 0)
             again["applications"] = words["applications"];
         else
-            again[each.number == CMD_ARC_POLICY_CFG_REQ ? "policies" : "utps"].push_back(words);
+            again[table_of(each.number)].push_back(words);
     }
     return read_document(again.dump());
 }
@@ -104,6 +119,62 @@ TEST(JornctlDocuments, ApplicationBecomesItsRecord) {
     EXPECT_TRUE(same_bytes(*described_again(read).applications, apps));
 }
 
+TEST(JornctlDocuments, WebRecords) {
+    const document read = read_document(R"({
+        "web_policies": [{"name": "n", "uuid": "u", "utp_id": 5, "filter_type": "CUSTOM",
+            "categories": ["Uncategorized", 200, 65535], "whitelist": ["a", "*.b"], "blacklist": ["c"],
+            "google_safe_search": true, "google_vip": "203.0.113.5", "youtube_vip": "10.0.0.1"}],
+        "web_interfaces": [{"ifname": "wlan0", "enable": true, "intf_value": 7, "policy_uuid": "U"},
+                           {"ifname": "wlan1", "delete": true}]})");
+    web_policy_wire policy = {};
+    policy.filter_type = 4;
+    policy.num_categories = 3;
+    policy.categories[1] = 200;
+    policy.categories[2] = 65535;
+    policy.num_whitelist = 2;
+    strcpy(policy.whitelist[0], "a");
+    strcpy(policy.whitelist[1], "*.b");
+    policy.num_blacklist = 1;
+    strcpy(policy.blacklist[0], "c");
+    policy.google_safe_search = 1;
+    policy.google_vip = htonl(0xCB007105);
+    policy.youtube_vip = htonl(0x0A000001);
+    policy.utp_id = 5;
+    strcpy(policy.uuid, "u");
+    strcpy(policy.name, "n");
+    const web_intf_wire bound = {1, "wlan0", {}, 7, WEB_INTF_ADD, "U", {}};
+    const web_intf_wire unbound = {0, "wlan1", {}, 0, WEB_INTF_DELETE, "", {}};
+    EXPECT_TRUE(same_bytes(*read.web_policies, {policy}));
+    EXPECT_TRUE(same_bytes(*read.web_interfaces, {bound, unbound}));
+    EXPECT_TRUE(same_bytes(*described_again(read).web_policies, {policy}));
+    EXPECT_TRUE(same_bytes(*described_again(read).web_interfaces, {bound, unbound}));
+}
+
+TEST(JornctlDocuments, CarriersGoOutWholeAndBindingsAnew) {
+    const document read = read_document(R"({
+        "carriers": [{"pname": "p", "alt_name": "a", "priority": -1,
+                      "epdg": [{"fqdn": "f"}, {"ipaddr": "10.0.0.1"}]}]})");
+    wificalling_policy_wire carrier = {};
+    carrier.num_epdg = 2;
+    carrier.priority = -1;
+    strcpy(carrier.epdg[0].fqdn, "f");
+    carrier.epdg[1].ipaddr = htonl(0x0A000001);
+    strcpy(carrier.alt_name, "a");
+    strcpy(carrier.pname, "p");
+    EXPECT_TRUE(same_bytes(*described_again(read).carriers, {carrier}));
+    EXPECT_EQ(commands_of(read).back().payload.size(), 1438u);
+
+    const std::vector<command> commands = commands_of(read_document(
+        R"({"wificalling_interfaces": [{"ifname": "a", "profile": ["p"], "profile_alt": ["q"]},
+                                       {"ifname": "b", "delete": true}]})"));
+    wificalling_intf_wire binding = {0, "a", 0, 1, {"p"}, {"q"}, {}};
+    ASSERT_EQ(commands.size(), 3u);
+    EXPECT_EQ(commands[0].payload, record_bytes(binding));
+    binding.enable = 1;
+    EXPECT_EQ(commands[1].payload, record_bytes(binding));
+    EXPECT_EQ(commands[2].payload, record_bytes(wificalling_intf_wire{0, "b", 0, 0, {}, {}, {}}));
+}
+
 TEST(JornctlDocuments, WarnsOfWhatMayNotBeMeant) {
     const std::string long_rule =
         R"({"app_id": 10000, "rate_up": 10000, "rate_down": 10000, "cat_id": 10000, "app_name": ")" +
@@ -119,6 +190,22 @@ TEST(JornctlDocuments, WarnsOfWhatMayNotBeMeant) {
          {"/policies/0: too much text", "/policies/0/rules/"}},
         {R"({"policies": [], "utps": [{"id": 1, "uuid": "x"}]})",
          {utps_alone, "/utps/0/uuid: no policy"}},
+        {R"({"web_policies": [{"categories": [0], "whitelist": ["*.*"], "blacklist": ["a.*.b"]}],
+             "web_utps": [{"id": 64, "uuid": "x"}]})",
+         {"/web_policies/0: nothing can use it",
+          "/web_policies/0/categories/0: category 0 is never",
+          "/web_policies/0/whitelist/0: fits every", "/web_policies/0/blacklist/0: never fits",
+          "/web_policies: the daemon's bindings", "/web_utps: the ARC UTP table",
+          "/web_utps/0/id: packets never", "/web_utps/0/uuid: no policy"}},
+        {R"({"web_policies": [], "web_interfaces": [{"ifname": "a", "policy_uuid": "x"}]})",
+         {"/web_interfaces/0: without enable", "/web_interfaces/0/policy_uuid: no policy"}},
+        {R"({"carriers": [{"pname": "c", "priority": 255, "epdg": [{"ipaddr": "10.0.0.1"}]}]})",
+         {"/carriers/0/priority: packets keep", "/carriers/0/epdg/0: without an fqdn",
+          "/carriers: the daemon's bindings"}},
+        {R"({"carriers": [], "wificalling_interfaces": []})", {"/carriers: the daemon's file"}},
+        {R"({"carriers": [{"pname": "c", "priority": 1}],
+             "wificalling_interfaces": [{"ifname": "a", "profile": ["C", "d"]}]})",
+         {"/wificalling_interfaces/0/profile/1: no carrier"}},
         {in_application(R"("src_port": 9)"), {"/applications/0: every packet fits"}},
         {in_rule(R"("app_name": "a", "deny": 1, "rate_up": 1)"), {"/policies/0/rules/0/deny: "}},
         {in_rule(R"("app_name": "*.a.com")"), {"/policies/0/rules/0/app_name: never fits"}},
@@ -157,6 +244,11 @@ TEST(JornctlDocuments, CommandsEndWithOneThatWritesTheFile) {
         {R"({"policies": [], "utps": [{"id": 1}]})", {24, 22, 20}},
         {R"({"policies": [{"utp_id": 1}], "utps": [], "applications": []})", {6, 24, 22, 23}},
         {R"({"utps": []})", {22}}, // in no file
+        {R"({"policies": [], "web_policies": [{}], "web_interfaces": [{"ifname": "a"}],
+             "carriers": [{"pname": "c", "priority": 1}], "web_utps": [{"id": 1}]})",
+         {24, 22, 29, 28, 21, 30, 38, 35}},
+        {R"({"web_policies": []})", {29, 17}},
+        {R"({"policies": [], "web_policies": [{}]})", {24, 29, 28, 17}},
     };
     for (const auto &row : rows) {
         std::vector<uint32_t> numbers;

@@ -7,6 +7,9 @@ of its reason, and whether a schema can't say it.
 UNSAID = True
 RULE = "/policies/0/rules/0"
 APP = "/applications/0"
+WEB = "/web_policies/0"
+CARRIER = "/carriers/0"
+BINDINGS = "wificalling_interfaces"
 
 
 def in_policy(**members):
@@ -23,6 +26,18 @@ def in_application(**members):
 
 def in_utp(**members):
     return {"utps": [{"id": 1, **members}]}
+
+
+def in_web_policy(**members):
+    return {"web_policies": [{"uuid": "u", **members}], "web_interfaces": []}
+
+
+def in_carrier(**members):
+    return {"carriers": [{"pname": "c", "priority": 3, **members}], "wificalling_interfaces": []}
+
+
+def in_binding(table, **members):
+    return {table: [{"ifname": "wlan0", **members}]}
 
 
 WRONG = [
@@ -105,6 +120,34 @@ WRONG = [
     (in_application(dst_ip="10.0.0.0", netmask="0.0.0.255"), APP + "/netmask", "mask like"),
     (in_application(protocol=6), APP + "/protocol", "one of tcp, udp"),
     (in_application(protocol="icmp"), APP + "/protocol", 'is "icmp"; it must be one of tcp, udp'),
+    # Web filtering.
+    (in_web_policy(categories=["Gamblig"]), WEB + "/categories/0",
+     'is "Gamblig" (did you mean "Gambling"?); it must be a whole number from 0 to 65535 or one of '),
+    (in_web_policy(categories=[-1]), WEB + "/categories/0", "0 to 65535"),
+    (in_web_policy(categories=[1] * 84), WEB + "/categories", "83 have room"),
+    (in_web_policy(whitelist=["a", ""]), WEB + "/whitelist/1", "is empty"),
+    (in_web_policy(blacklist=["a,b"]), WEB + "/blacklist/0", 'one of ";,"'),
+    (in_web_policy(name="[POLICY_end]"), WEB + "/name", "[policy_end]"),
+    (in_web_policy(google_vip="203.0.113"), WEB + "/google_vip", "must be an IPv4 address"),
+    (in_web_policy(bing_safe_search=True), WEB + "/bing_safe_search", "needs a bing_vip", UNSAID),
+    ({"web_policies": [{"uuid": "a"}, {"uuid": "A"}]}, "/web_policies/1/uuid",
+     "same as in /web_policies/0", UNSAID),
+    ({"web_policies": [{"uuid": "a", "utp_id": 5}], "web_utps": [{"id": 5}]}, "/web_utps/0",
+     "takes UTP 5 away from /web_policies/0", UNSAID),
+    (in_binding("web_interfaces", policy_uuid=" u"), "/web_interfaces/0/policy_uuid", "blank"),
+    ({"web_interfaces": [{"ifname": "w" * 17}]}, "/web_interfaces/0/ifname", "16 have room"),
+    # Wi-Fi calling.
+    (in_carrier(pname="a;b"), CARRIER + "/pname", 'one of ";,"'),
+    (in_carrier(epdg=[{}]), CARRIER + "/epdg/0", "neither", UNSAID),
+    (in_carrier(epdg=[{"fqdn": "f" * 256}]), CARRIER + "/epdg/0/fqdn", "255 have room"),
+    (in_carrier(epdg=[{"fqdn": "f"}] * 6), CARRIER + "/epdg", "5 have room"),
+    ({"carriers": [{"pname": "a", "priority": 1}, {"pname": "A", "priority": 1}]},
+     "/carriers/1/pname", "same as in /carriers/0", UNSAID),
+    (in_binding(BINDINGS), "/wificalling_interfaces/0", "has no profile", UNSAID),
+    (in_binding(BINDINGS, profile=["x[intfcfg end]"]), "/wificalling_interfaces/0/profile/0",
+     "[intfcfg end]"),
+    ({"carriers": [], **in_binding(BINDINGS, profile=["a", "b"])},
+     "/wificalling_interfaces/0/profile", "none of these carriers", UNSAID),
     (in_application(bitmap=4), APP + "/bitmap", "isn't known here; the keys are app_name, src_ip"),
 ]
 
@@ -116,5 +159,10 @@ RIGHT = [
                       "cat_id": "User Defined", "deny": 0, "qos": {}, "rate_up": 65535}] * 64),
     {"applications": [{"app_name": "a" * 63, "cat_id": 65535}] * 32},
     in_application(dst_ip="0.0.0.0/0", src_ip="255.255.255.255", dst_port=65535, protocol="udp"),
+    in_web_policy(name=" n,", utp_id=64, categories=[65535, "Malware"] + [0] * 81,
+                  whitelist=["w" * 64] * 16, google_vip="0.0.0.0"),
+    {"web_interfaces": [{"ifname": "w" * 16}, {"ifname": "W" * 16, "delete": 1}]},
+    in_carrier(priority=-2**31, epdg=[{"fqdn": "f" * 255}, {"ipaddr": "1.2.3.4"}]),
+    in_binding(BINDINGS, profile=["p" * 64] * 5, profile_alt=["p;,"], delete=False),
     in_application(dst_ip="199.9.10.249", netmask="255.255.255.254", protocol="tcp"),
 ]

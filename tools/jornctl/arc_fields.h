@@ -11,8 +11,8 @@ namespace jornctl {
 // The application-policy file. An application's name stands in rules, too, so what divides either
 // line is no part of any name.
 std::string policy_file_separators();
-inline constexpr const char *POLICY_FILE_MARKERS[] = {ARC_BLOCK_END, USERDEFS_END};
-inline constexpr file_format POLICY_FILE = {policy_file_separators, POLICY_FILE_MARKERS};
+inline constexpr std::string_view POLICY_FILE_MARKERS[] = {ARC_BLOCK_END, USERDEFS_END};
+inline constexpr file_format POLICY_FILE = {policy_file_separators, POLICY_FILE_MARKERS, true};
 
 inline constexpr auto MARK_KINDS = numbered(ARC_MARK_KINDS);
 inline constexpr auto TRAFFIC_TYPES = numbered(ARC_TRAFFIC_TYPES);

@@ -104,13 +104,6 @@ std::string make_message(const command &sent) {
     return record_bytes(header) + sent.payload;
 }
 
-std::string refusal_in(std::string_view reply) {
-    constexpr std::string_view BLANKS = " \n\t";
-    const size_t begin = std::min(reply.find_first_not_of(BLANKS), reply.size());
-    const std::string_view text = reply.substr(begin, reply.find_last_not_of(BLANKS) + 1 - begin);
-    return text.starts_with("Invalid ") ? std::string(text) : std::string();
-}
-
 std::string client::send(const command &sent) const {
     const std::string message = make_message(sent);
     exchange talk(socket_path_, patience_);

@@ -25,10 +25,6 @@ std::string record_bytes(const Record &record) {
 // that much.
 std::string make_message(const command &sent);
 
-// The text of an answer that refuses ("Invalid ARC PCY ID"), else empty. The daemon refuses in
-// words only what it was asked to show; a configuration command that it refuses gets no answer.
-std::string refusal_in(std::string_view reply);
-
 class client {
 public:
     client(std::string socket_path, std::chrono::milliseconds patience)

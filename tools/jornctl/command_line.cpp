@@ -7,6 +7,7 @@
 #include "jornctl/documents.h"
 #include "jornctl/failure.h"
 #include "jornctl/files.h"
+#include "jornctl/listings.h"
 #include "jornctl/port_services.h"
 #include "jornctl/printable.h"
 #include "jornctl/roam.h"
@@ -17,7 +18,6 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <span>
 
 namespace jornctl {
 namespace {
@@ -25,26 +25,20 @@ namespace {
 constexpr unsigned PATIENCE_SECONDS = 10;
 constexpr unsigned PATIENCE_SECONDS_MAX = 3'600;
 
-// The commands without a document. A new one is a row.
-struct verb {
+struct flush {
     const char *word;
     command_number command;
-    const char *argument; // the number that is its payload; null for none
     const char *help;
 };
 
-constexpr verb SHOWS[] = {
-    {"priority", CMD_CHECK_PRIORITY_REQ, "ID",
-     "Rules, QoS and rate limits of the ARC policy of UTP ID"},
-    {"dns", CMD_DNS_CACHE_SHOW_REQ, nullptr, "The DNS cache"},
-};
-
-constexpr verb FLUSHES[] = {
-    {"utps", CMD_UTP_FLUSH_REQ, nullptr, "Empty both UTP tables, ARC and web; the policies stay"},
-    {"arc-policies", CMD_ARC_POLICY_FLUSH_REQ, nullptr,
+constexpr flush FLUSHES[] = {
+    {"utps", CMD_UTP_FLUSH_REQ, "Empty both UTP tables, ARC and web; the policies stay"},
+    {"arc-policies", CMD_ARC_POLICY_FLUSH_REQ,
      "Delete the ARC policies and judge running flows anew"},
-    {"policies", CMD_POLICY_CLEAN, nullptr,
-     "Delete the ARC policies; running flows keep their verdicts"},
+    {"policies", CMD_POLICY_CLEAN, "Delete the ARC policies; running flows keep their verdicts"},
+    {"web", CMD_WEB_POLICY_FLUSH_REQ, "Delete the web policies; bindings and web UTPs stay"},
+    {"wifi-calling", CMD_WIFICALLING_POLICY_FLUSH_REQ,
+     "Delete the carriers of Wi-Fi calling; the bindings stay"},
 };
 
 // A complaint quotes documents and file names, which may hold anything: it stays one line of
@@ -69,6 +63,7 @@ struct request {
     bool check_only = false;
     bool dry_run = false;
     bool strict = false;
+    bool as_json = false;
     std::function<int()> action;
 
     std::string send(const command &sent) const {
@@ -78,24 +73,73 @@ struct request {
 };
 
 void check_answer(const std::string &reply, uint32_t number) {
-    const std::string refusal = refusal_in(reply);
+    const std::string refusal = refusal_in(number, reply);
     if (!refusal.empty())
         throw refused("the daemon answers: " + refusal);
-    if (reply.empty())
+    if (reply.empty() && !may_be_empty(number))
         throw refused("the daemon has no answer to command " + std::to_string(number));
 }
 
+std::string payload_of(const request &asked, const listing &wanted) {
+    if (wanted.argument == listing_argument::ID)
+        return record_bytes(asked.number);
+    if (wanted.argument == listing_argument::NONE)
+        return {};
+    const size_t name_max = sizeof(web_intf_wire::ifname) - 1;
+    if (asked.name.empty() || asked.name.size() > name_max)
+        throw refused("an interface's name has 1 to " + std::to_string(name_max) +
+                      " characters: \"" + asked.name + '"');
+    return asked.name;
+}
+
+std::string ask_for(const request &asked, const listing &wanted) {
+    std::string reply = asked.send({wanted.command, payload_of(asked, wanted)});
+    check_answer(reply, wanted.command);
+    const std::string cut = wanted.cut(reply);
+    if (!cut.empty())
+        complain(std::string("warning: ") + wanted.word + ": " + cut);
+    return reply;
+}
+
 // Names in a listing come from packets and from whoever configured the daemon.
-int print_answer(const std::string &reply, uint32_t number) {
-    check_answer(reply, number);
-    std::cout << printable(reply, "\n\t");
+int show(const request &asked, const listing &wanted) {
+    const std::string text = ask_for(asked, wanted);
+    if (asked.as_json)
+        std::cout << printable(to_text(wanted.parse(text)), "\n");
+    else
+        std::cout << printable(text, "\n\t");
     return STATUS_DONE;
+}
+
+int write_files(const request &asked) {
+    const std::string reply = asked.send({CMD_WRITE_CFG_REQ, {}});
+    check_answer(reply, CMD_WRITE_CFG_REQ);
+    std::cout << printable(reply, "\n");
+    return STATUS_DONE;
+}
+
+// Carriers that go take those of every binding with them, until it is set again.
+void warn_of_unnamed_bindings(const request &asked, document &read) {
+    if (!read.carriers || !read.wificalling_interfaces)
+        return;
+    const listing &bindings = listing_of(CMD_WIFICALLING_INTF_SHOW_REQ);
+    for (const ordered_json &binding : bindings.parse(ask_for(asked, bindings))) {
+        const std::string ifname = binding["ifname"].get<std::string>();
+        const auto is_named = [&](const wificalling_intf_wire &named) {
+            return ifname == named.ifname;
+        };
+        if (std::ranges::none_of(*read.wificalling_interfaces, is_named))
+            read.warn("/carriers", "interface " + ifname +
+                                       " loses its carriers, for the document doesn't name it");
+    }
 }
 
 document load_document(const request &asked) {
     const std::string text = read_file(asked.file);
     try {
         document read = read_document(text);
+        if (!asked.check_only && !asked.dry_run)
+            warn_of_unnamed_bindings(asked, read);
         for (const std::string &warning : read.warnings)
             complain(std::string("warning: ").append(asked.file).append(": ").append(warning));
         if (asked.strict && !read.warnings.empty())
@@ -166,7 +210,7 @@ int raw(const request &asked) {
     const std::string payload = asked.file.empty() ? std::string() : read_file(asked.file);
     const std::string reply = asked.send({asked.number, payload});
     std::cout << reply;
-    return refusal_in(reply).empty() ? STATUS_DONE : STATUS_REFUSED;
+    return refusal_in(asked.number, reply).empty() ? STATUS_DONE : STATUS_REFUSED;
 }
 
 int decode(const request &asked) {
@@ -175,7 +219,7 @@ int decode(const request &asked) {
 }
 
 int print_schema() {
-    std::cout << document_schema().dump(4) << '\n';
+    std::cout << to_text(document_schema());
     return STATUS_DONE;
 }
 
@@ -184,10 +228,13 @@ void add_apply(CLI::App &app, request &asked) {
         app.add_subcommand("apply", "Make the daemon's tables what a document says");
     apply_app->footer(
         "Everything is checked before anything is sent. Each table that the document\n"
-        "mentions is emptied first, then filled: \"policies\" deletes the ARC\n"
-        "policies, \"utps\" empties both UTP tables, ARC and web, \"applications\"\n"
-        "replaces the user-defined applications. The other tables stay. The daemon's\n"
-        "file holds in the end what the tables hold.");
+        "mentions is emptied first, then filled: \"policies\", \"web_policies\" and\n"
+        "\"carriers\" delete the daemon's, \"utps\" or \"web_utps\" empties both UTP\n"
+        "tables, ARC and web, \"applications\" replaces the user-defined applications.\n"
+        "The other tables stay, and so do the bindings that \"web_interfaces\" and\n"
+        "\"wificalling_interfaces\" don't name. The daemon's files hold in the end what\n"
+        "the tables hold; but that the carriers are gone is only written with the next\n"
+        "carrier or binding.");
     apply_app->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
     CLI::Option *check =
         apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
@@ -197,18 +244,33 @@ void add_apply(CLI::App &app, request &asked) {
     apply_app->callback([&] { asked.action = [&] { return apply(asked); }; });
 }
 
-void add_verbs(CLI::App &group, std::span<const verb> verbs, request &asked, bool answered) {
-    group.require_subcommand(0, 1);
-    for (const verb &each : verbs) {
-        CLI::App *app = group.add_subcommand(each.word, each.help);
-        if (each.argument != nullptr)
-            app->add_option(each.argument, asked.number, "The number asked for")->required();
-        app->callback([&asked, &each, answered] {
-            asked.action = [&asked, &each, answered] {
-                const std::string reply = asked.send(
-                    {each.command,
-                     each.argument == nullptr ? std::string() : record_bytes(asked.number)});
-                return answered ? print_answer(reply, each.command) : STATUS_DONE;
+void add_shows(CLI::App &app, request &asked) {
+    CLI::App *group = app.add_subcommand("show", "Print one of the daemon's tables");
+    group->require_subcommand(0, 1);
+    group->add_flag("--json", asked.as_json, "As JSON");
+    for (const listing &each : listings()) {
+        CLI::App *noun = group->add_subcommand(each.word, each.help);
+        if (each.argument == listing_argument::ID)
+            noun->add_option("ID", asked.number, "The number asked for")->required();
+        if (each.argument == listing_argument::INTERFACE)
+            noun->add_option("INTERFACE", asked.name, "The interface's name")->required();
+        noun->callback(
+            [&asked, &each] { asked.action = [&asked, &each] { return show(asked, each); }; });
+    }
+}
+
+void add_flushes(CLI::App &app, request &asked) {
+    CLI::App *group = app.add_subcommand("flush", "Empty tables of the daemon");
+    group->require_subcommand(0, 1);
+    group->footer(
+        "In memory only: the daemon's files keep the old state until the next change of\n"
+        "their tables, or \"jornctl write\". The file of Wi-Fi calling isn't among those\n"
+        "that \"write\" writes.");
+    for (const flush &each : FLUSHES) {
+        group->add_subcommand(each.word, each.help)->callback([&asked, &each] {
+            asked.action = [&asked, &each] {
+                asked.send({each.command, {}});
+                return STATUS_DONE;
             };
         });
     }
@@ -270,11 +332,8 @@ void add_roam(CLI::App &app, request &asked) {
 }
 
 void add_plumbing(CLI::App &app, request &asked) {
-    app.add_subcommand("write", "Have the configuration files written now")->callback([&] {
-        asked.action = [&] {
-            return print_answer(asked.send({CMD_WRITE_CFG_REQ, {}}), CMD_WRITE_CFG_REQ);
-        };
-    });
+    app.add_subcommand("write", "Have the configuration files written now, but for Wi-Fi calling's")
+        ->callback([&] { asked.action = [&] { return write_files(asked); }; });
     CLI::App *raw_app =
         app.add_subcommand("raw", "Send any command and print the answer's bytes as they are");
     raw_app->add_option("NUMBER", asked.number, "The command's number")->required();
@@ -306,12 +365,8 @@ void describe(CLI::App &app, request &asked) {
         ->check(CLI::Range(1U, PATIENCE_SECONDS_MAX))
         ->capture_default_str();
     add_apply(app, asked);
-    CLI::App *show = app.add_subcommand("show", "Print one of the daemon's tables");
-    add_verbs(*show, SHOWS, asked, true);
-    CLI::App *flush = app.add_subcommand("flush", "Empty tables of the daemon");
-    flush->footer("In memory only: the daemon's files keep the old state until the next change of\n"
-                  "their tables, or \"jornctl write\".");
-    add_verbs(*flush, FLUSHES, asked, false);
+    add_shows(app, asked);
+    add_flushes(app, asked);
     add_port_services(app, asked);
     add_switches(app, asked);
     add_roam(app, asked);

@@ -3,11 +3,11 @@
 #include "jornctl/arc_fields.h"
 #include "jornctl/failure.h"
 #include "jornctl/userapps_fields.h"
+#include "jornctl/web_fields.h"
+#include "jornctl/wificalling_fields.h"
 
 namespace jornctl {
 namespace {
-
-constexpr int INDENT = 4;
 
 constexpr field<word_payload> ID_FIELDS[] = {
     {"id", at<&word_payload::word, number<>>, REQUIRED},
@@ -38,9 +38,9 @@ constexpr payload_form EMPTY = {
     [](std::string_view) { return ordered_json(); },
 };
 
-template <typename Record, const auto &Rows>
+template <typename Record, const auto &Rows, size_t Size = sizeof(Record)>
 constexpr payload_form ONE = {
-    [](std::string_view) { return sizeof(Record); },
+    [](std::string_view) { return Size; },
     [](std::string_view payload) { return record<Rows>::words(record_at<Record>(payload)); },
 };
 
@@ -68,34 +68,59 @@ constexpr payload_form APPLICATIONS = {
     },
 };
 
-// What a command does to the files that CMD_WRITE_CFG_REQ writes.
-enum file_effect : uint8_t {
-    LEAVES,   // the tables stay as the file has them, or are in no file
-    OUTDATES, // changes a table and not the file
-    WRITES,
+// The name of an interface, as long as the payload.
+constexpr payload_form INTERFACE = {
+    [](std::string_view payload) { return payload.size(); },
+    [](std::string_view payload) {
+        return ordered_json{{"ifname", payload}};
+    },
 };
+
+// The files that CMD_WRITE_CFG_REQ writes.
+using saved_files = uint8_t;
+constexpr saved_files NO_FILE = 0;
+constexpr saved_files POLICY_CFG = 1;
+constexpr saved_files WEB_FILTER = 2;
 
 struct command_row {
     command_number number;
     const char *name;
     payload_form payload;
-    file_effect effect = LEAVES;
+    saved_files written = NO_FILE;
+    saved_files outdated = NO_FILE; // its tables change and it isn't written
 };
 
 constexpr command_row COMMANDS[] = {
     {CMD_CHECK_PRIORITY_REQ, "CMD_CHECK_PRIORITY_REQ", ONE<word_payload, ID_FIELDS>},
-    {CMD_POLICY_USERDEF_CFG_REQ, "CMD_POLICY_USERDEF_CFG_REQ", APPLICATIONS, WRITES},
-    {CMD_POLICY_CLEAN, "CMD_POLICY_CLEAN", EMPTY, OUTDATES},
+    {CMD_POLICY_USERDEF_CFG_REQ, "CMD_POLICY_USERDEF_CFG_REQ", APPLICATIONS, POLICY_CFG},
+    {CMD_USERDEF_SHOW_REQ, "CMD_USERDEF_SHOW_REQ", EMPTY},
+    {CMD_POLICY_CLEAN, "CMD_POLICY_CLEAN", EMPTY, NO_FILE, POLICY_CFG},
     {CMD_DNS_CACHE_SHOW_REQ, "CMD_DNS_CACHE_SHOW_REQ", EMPTY},
     {CMD_PORT_SERVICE_CFG_REQ, "CMD_PORT_SERVICE_CFG_REQ", EMPTY},
-    {CMD_WRITE_CFG_REQ, "CMD_WRITE_CFG_REQ", EMPTY, WRITES},
-    {CMD_ARC_UTP_CFG_REQ, "CMD_ARC_UTP_CFG_REQ", ONE<utp_entry_wire, UTP_FIELDS>, WRITES},
+    {CMD_PORT_APP_SHOW_REQ, "CMD_PORT_APP_SHOW_REQ", EMPTY},
+    {CMD_WRITE_CFG_REQ, "CMD_WRITE_CFG_REQ", EMPTY, POLICY_CFG | WEB_FILTER},
+    {CMD_ARC_UTP_CFG_REQ, "CMD_ARC_UTP_CFG_REQ", ONE<utp_entry_wire, UTP_FIELDS>, POLICY_CFG},
+    {CMD_WEB_UTP_CFG_REQ, "CMD_WEB_UTP_CFG_REQ", ONE<utp_entry_wire, UTP_FIELDS>, POLICY_CFG},
     {CMD_UTP_FLUSH_REQ, "CMD_UTP_FLUSH_REQ", EMPTY},
-    {CMD_ARC_POLICY_CFG_REQ, "CMD_ARC_POLICY_CFG_REQ", ONE<arc_policy_wire, POLICY_FIELDS>, WRITES},
-    {CMD_ARC_POLICY_FLUSH_REQ, "CMD_ARC_POLICY_FLUSH_REQ", EMPTY, OUTDATES},
+    {CMD_ARC_POLICY_CFG_REQ, "CMD_ARC_POLICY_CFG_REQ", ONE<arc_policy_wire, POLICY_FIELDS>,
+     POLICY_CFG},
+    {CMD_ARC_POLICY_FLUSH_REQ, "CMD_ARC_POLICY_FLUSH_REQ", EMPTY, NO_FILE, POLICY_CFG},
+    {CMD_UTP_SHOW_REQ, "CMD_UTP_SHOW_REQ", EMPTY},
     {CMD_ARC_POLICY_LOG_CFG_REQ, "CMD_ARC_POLICY_LOG_CFG_REQ",
-     ONE<arc_policy_log_cfg, LOG_POLICY_FIELDS>, WRITES},
+     ONE<arc_policy_log_cfg, LOG_POLICY_FIELDS>, POLICY_CFG},
+    {CMD_WEB_POLICY_CFG_REQ, "CMD_WEB_POLICY_CFG_REQ", ONE<web_policy_wire, WEB_POLICY_FIELDS>,
+     WEB_FILTER},
+    {CMD_WEB_POLICY_FLUSH_REQ, "CMD_WEB_POLICY_FLUSH_REQ", EMPTY, NO_FILE, WEB_FILTER},
+    {CMD_WEB_INTF_CFG_REQ, "CMD_WEB_INTF_CFG_REQ", ONE<web_intf_wire, WEB_INTF_FIELDS>, WEB_FILTER},
+    {CMD_INTF_URL_POLICY_SHOW_REQ, "CMD_INTF_URL_POLICY_SHOW_REQ", INTERFACE},
+    {CMD_UTP_WEB_POLICY_SHOW_REQ, "CMD_UTP_WEB_POLICY_SHOW_REQ", ONE<word_payload, ID_FIELDS>},
     {CMD_DEBUG_CFG_REQ, "CMD_DEBUG_CFG_REQ", ONE<word_payload, DEBUG_FIELDS>},
+    {CMD_WIFICALLING_POLICY_CFG_REQ, "CMD_WIFICALLING_POLICY_CFG_REQ",
+     ONE<wificalling_policy_wire, CARRIER_FIELDS, WIFICALLING_POLICY_PAYLOAD>},
+    {CMD_WIFICALLING_INTF_CFG_REQ, "CMD_WIFICALLING_INTF_CFG_REQ",
+     ONE<wificalling_intf_wire, WIFICALLING_INTF_FIELDS>},
+    {CMD_WIFICALLING_INTF_SHOW_REQ, "CMD_WIFICALLING_INTF_SHOW_REQ", EMPTY},
+    {CMD_WIFICALLING_POLICY_FLUSH_REQ, "CMD_WIFICALLING_POLICY_FLUSH_REQ", EMPTY},
     {CMD_UT_CASE_REQ, "CMD_UT_CASE_REQ", ONE<word_payload, ID_FIELDS>},
 };
 
@@ -121,12 +146,12 @@ std::string described_length(const command &sent, const command_row &row) {
 } // namespace
 
 bool leave_file_behind(const std::vector<command> &commands) {
-    bool is_behind = false;
+    saved_files behind = NO_FILE;
     for (const command &each : commands) {
-        const file_effect effect = row_of(each.number).effect;
-        is_behind = effect == OUTDATES || (effect == LEAVES && is_behind);
+        const command_row &row = row_of(each.number);
+        behind = static_cast<saved_files>((behind | row.outdated) & ~row.written);
     }
-    return is_behind;
+    return behind != NO_FILE;
 }
 
 std::string describe(const command &sent) {
@@ -135,7 +160,7 @@ std::string describe(const command &sent) {
         std::to_string(row.number) + ' ' + row.name + ", " + described_length(sent, row) + '\n';
     const ordered_json words = row.payload.words(sent.payload);
     if (!words.is_null())
-        text += words.dump(INDENT, ' ', false, ordered_json::error_handler_t::replace) + '\n';
+        text += to_text(words);
     return text;
 }
 

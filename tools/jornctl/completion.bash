@@ -21,6 +21,7 @@ _jornctl() {
     --timeout | --station | --to | --address | --from | --from-address) return ;;
     esac
     case $words in
+    'show '*) options+=' --json' ;;
     'apply '*) options+=' --check --dry-run --strict' ;;
     'port-services '*) options+=' --target' ;;
     'roam '*) options+=' --station --to --address --from --from-address' ;;
@@ -32,8 +33,8 @@ _jornctl() {
     local choices=''
     case $words in
     '') choices='apply show flush port-services log-policy debug roam write raw decode schema' ;;
-    'show ') choices='priority dns' ;;
-    'flush ') choices='utps arc-policies policies' ;;
+    'show ') choices='priority applications dns port-services utps url utp-web wifi-calling' ;;
+    'flush ') choices='utps arc-policies policies web wifi-calling' ;;
     'debug ' | 'log-policy '?*' ') choices='on off' ;;
     'apply ' | 'port-services ' | 'raw '?*' ' | 'decode '?*' ')
         mapfile -t COMPREPLY < <(compgen -f -- "$current")

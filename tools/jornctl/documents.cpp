@@ -4,6 +4,8 @@
 #include "jornctl/cross_checks.h"
 #include "jornctl/suggestion.h"
 #include "jornctl/userapps_fields.h"
+#include "jornctl/web_fields.h"
+#include "jornctl/wificalling_fields.h"
 
 namespace jornctl {
 namespace {
@@ -19,16 +21,28 @@ constexpr binding<document> IGNORED_TEXT = {
     },
 };
 
-template <const auto &Rows, size_t Most>
-using table = maybe<list<record<Rows>, Most>>;
+template <typename Kind, size_t Most>
+using table = maybe<list<Kind, Most>>;
 
 constexpr field<document> DOCUMENT_FIELDS[] = {
-    {"policies", at<&document::policies, table<POLICY_FIELDS, UTP_ID_MAX>>, OPTIONAL,
+    {"policies", at<&document::policies, table<record<POLICY_FIELDS>, UTP_ID_MAX>>, OPTIONAL,
      "all ARC policies; the others go"},
-    {"utps", at<&document::utps, table<UTP_FIELDS, UTP_ID_MAX>>, OPTIONAL,
+    {"utps", at<&document::utps, table<record<UTP_FIELDS>, UTP_ID_MAX>>, OPTIONAL,
      "all UTP entries; the others go, and those of web policies"},
-    {"applications", at<&document::applications, table<APPLICATION_FIELDS, USERDEF_APPS_MAX>>,
-     OPTIONAL, "all user-defined applications; the others go"},
+    {"applications",
+     at<&document::applications, table<record<APPLICATION_FIELDS>, USERDEF_APPS_MAX>>, OPTIONAL,
+     "all user-defined applications; the others go"},
+    {"web_policies", at<&document::web_policies, table<web_policy_kind, WEB_POLICIES_MAX>>,
+     OPTIONAL, "all web policies; the others go, and bindings lose them"},
+    {"web_utps", at<&document::web_utps, table<record<UTP_FIELDS>, UTP_ID_MAX>>, OPTIONAL,
+     "all web UTP entries; the others go, and those of ARC policies"},
+    {"web_interfaces", at<&document::web_interfaces, table<web_intf_kind, WEB_INTFS_MAX>>, OPTIONAL,
+     "bindings of web policies to interfaces; the others stay"},
+    {"carriers", at<&document::carriers, table<record<CARRIER_FIELDS>, WIFICALLING_POLICIES_MAX>>,
+     OPTIONAL, "all carriers of Wi-Fi calling; the others go, and bindings lose them"},
+    {"wificalling_interfaces",
+     at<&document::wificalling_interfaces, table<wificalling_intf_kind, WIFICALLING_INTFS_MAX>>,
+     OPTIONAL, "bindings of carriers to interfaces; the others stay"},
     {SCHEMA_KEY, IGNORED_TEXT},
 };
 

@@ -1,4 +1,4 @@
-// Documents of policies, UTP entries and user-defined applications: JSON in, checked records out.
+// Documents of the daemon's configuration tables: JSON in, checked records out.
 //
 // A document is read whole or refused. What its tables take is said by the rows of *_fields.h, and
 // by the rows of documents.cpp which tables there are; what only shows when records are seen
@@ -8,6 +8,8 @@
 #include "control/records/arc.h"
 #include "jornctl/json.h"
 #include "userapps/records/apps.h"
+#include "webfilter/records/web.h"
+#include "wificalling/records/wificalling.h"
 
 #include <optional>
 #include <string>
@@ -21,6 +23,11 @@ struct document {
     std::optional<std::vector<arc_policy_wire>> policies;
     std::optional<std::vector<utp_entry_wire>> utps;
     std::optional<std::vector<userdef_app>> applications;
+    std::optional<std::vector<web_policy_wire>> web_policies;
+    std::optional<std::vector<utp_entry_wire>> web_utps;
+    std::optional<std::vector<web_intf_wire>> web_interfaces;
+    std::optional<std::vector<wificalling_policy_wire>> carriers;
+    std::optional<std::vector<wificalling_intf_wire>> wificalling_interfaces;
     // What the daemon takes but the author may not have meant, each with its JSON path.
     std::vector<std::string> warnings;
 

@@ -67,6 +67,30 @@ bool says_nothing(const ordered_json &words);
 ordered_json array_schema(ordered_json elements, size_t most);
 void require_keys(ordered_json &schema, const std::vector<key_rule> &rules);
 
+// The first slots of an array; how many, another member says.
+template <auto Count, auto Slots, typename Kind>
+inline constexpr binding<typename member_traits<decltype(Slots)>::record> counted = {
+    [](const node &from, auto &to) {
+        auto &slots = to.*Slots;
+        check_array(from, std::size(slots));
+        for (size_t i = 0; i < from.value.size(); ++i)
+            Kind::read(from.at(i), slots[i]);
+        to.*Count = static_cast<typename member_traits<decltype(Count)>::member>(from.value.size());
+    },
+    [](const auto &from) {
+        const auto &slots = from.*Slots;
+        ordered_json said = ordered_json::array();
+        for (size_t i = 0; i < std::size(slots) && std::cmp_less(i, from.*Count); ++i)
+            said.push_back(Kind::words(slots[i]));
+        return said;
+    },
+    []() -> ordered_json {
+        using array = typename member_traits<decltype(Slots)>::member;
+        return array_schema(Kind::template schema<std::remove_extent_t<array>>(),
+                            std::extent_v<array>);
+    },
+};
+
 template <typename Record>
 std::vector<key_rule> key_rules(std::span<const field<Record>> rows) {
     std::vector<key_rule> rules;

@@ -103,6 +103,11 @@ json parse_json(std::string_view text) {
     return json::parse(text, nullptr, true, true);
 }
 
+std::string to_text(const ordered_json &value) {
+    constexpr int INDENT = 4;
+    return value.dump(INDENT, ' ', false, ordered_json::error_handler_t::replace) + '\n';
+}
+
 void node::refuse(const std::string &reason) const {
     throw refused((path.empty() ? "the document" : path.to_string()) + ": " + reason);
 }

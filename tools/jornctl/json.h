@@ -15,6 +15,9 @@ using nlohmann::ordered_json; // what is written: its keys stay as they came
 // Throws refused, with line and column for bad syntax.
 nlohmann::json parse_json(std::string_view text);
 
+// As it is printed, with a line feed at its end.
+std::string to_text(const ordered_json &value);
+
 struct node {
     const nlohmann::json &value;
     nlohmann::json::json_pointer path;

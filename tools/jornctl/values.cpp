@@ -1,6 +1,7 @@
 #include "jornctl/values.h"
 
 #include "core/text/text.h"
+#include "jornctl/addresses.h"
 #include "jornctl/suggestion.h"
 
 namespace jornctl {
@@ -31,9 +32,9 @@ void check_file_text(const node &from, std::string_view text, const file_format 
     const char *const lost = "; the daemon couldn't read that back from its file";
     if (text.find_first_of(format.separators()) != std::string_view::npos)
         from.refuse("holds one of \"" + format.separators() + '"' + lost);
-    if (text.starts_with(' ') || text.ends_with(' '))
+    if (format.trims && (text.starts_with(' ') || text.ends_with(' ')))
         from.refuse(std::string("begins or ends with a blank") + lost);
-    for (const char *const marker : format.markers) {
+    for (const std::string_view marker : format.markers) {
         if (contains_ignoring_case(text, marker))
             from.refuse("holds \"" + std::string(marker) + '"' + lost);
     }
@@ -57,8 +58,10 @@ std::string forbidden_pattern(const file_format *format) {
     std::string pattern = "[\\u0000-\\u001f\\u007f";
     if (format == nullptr)
         return pattern + "]";
-    pattern += format->separators() + "]|^ | $";
-    for (const char *const marker : format->markers)
+    pattern += format->separators() + ']';
+    if (format->trims)
+        pattern += "|^ | $";
+    for (const std::string_view marker : format->markers)
         pattern += '|' + pattern_of(marker);
     return pattern;
 }
@@ -116,6 +119,29 @@ uint32_t word_in(const node &from, std::span<const named_number> words) {
                     joined(texts_of(words)));
     }
     return found->number;
+}
+
+void refuse_number_or_word(const node &from, int64_t min, int64_t max,
+                           std::span<const named_number> words) {
+    const std::vector<std::string> known = texts_of(words);
+    from.refuse("is " + from.described() + did_you_mean(string_in(from), known) +
+                "; it must be a whole number from " + std::to_string(min) + " to " +
+                std::to_string(max) + " or one of " + joined(known));
+}
+
+uint32_t address_in(const node &from) {
+    const std::optional<uint32_t> parsed = parse_address(string_in(from));
+    if (!parsed)
+        from.refuse("is " + from.described() + "; it must be an IPv4 address");
+    return *parsed;
+}
+
+ordered_json address_words(uint32_t address_be) {
+    return address_be == 0 ? ordered_json() : ordered_json(format_address(address_be));
+}
+
+ordered_json address_schema() {
+    return {{"type", "string"}, {"pattern", address_pattern()}};
 }
 
 ordered_json word_for(uint32_t number, std::span<const named_number> words) {

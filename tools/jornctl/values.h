@@ -19,6 +19,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace jornctl {
 
@@ -41,7 +42,8 @@ constexpr std::array<named_number, N> numbered(const char *const (&words)[N]) {
 struct file_format {
     std::string (*separators)();
     // Lines that end a block, wherever they stand in a line and in whatever letter case.
-    std::span<const char *const> markers;
+    std::span<const std::string_view> markers;
+    bool trims; // blanks at either end of a text go
 };
 
 std::string string_in(const node &from);
@@ -55,6 +57,11 @@ uint32_t word_in(const node &from, std::span<const named_number> words);
 ordered_json word_for(uint32_t number, std::span<const named_number> words);
 ordered_json words_schema(std::span<const named_number> words);
 bool is_word(const node &from, std::span<const named_number> words);
+[[noreturn]] void refuse_number_or_word(const node &from, int64_t min, int64_t max,
+                                        std::span<const named_number> words);
+uint32_t address_in(const node &from); // of IPv4, in network byte order
+ordered_json address_words(uint32_t address_be);
+ordered_json address_schema();
 // `format` is null for what no file keeps; else the text comes back from the file as it was.
 std::string text_in(const node &from, size_t min, size_t max, const file_format *format);
 ordered_json text_schema(size_t min, size_t max, const file_format *format);
@@ -113,22 +120,41 @@ struct word {
     }
 };
 
-template <const auto &Words>
+template <const auto &Words, typename Number = number<>>
 struct number_or_word {
     template <typename T>
     static void read(const node &from, T &to) {
         if (is_word(from, Words))
             to = static_cast<T>(word_in(from, Words));
+        else if (from.value.is_string())
+            refuse_number_or_word(from, Number::template LEAST<T>, Number::template MOST<T>, Words);
         else
-            number<>::read(from, to);
+            Number::read(from, to);
     }
     template <typename T>
     static ordered_json words(const T &from) {
-        return word_for(from, Words);
+        return std::in_range<uint32_t>(from) ? word_for(static_cast<uint32_t>(from), Words)
+                                             : ordered_json(from);
     }
     template <typename T>
     static ordered_json schema() {
-        return {{"anyOf", {number<>::schema<T>(), words_schema(Words)}}};
+        return {{"anyOf", {Number::template schema<T>(), words_schema(Words)}}};
+    }
+};
+
+// An IPv4 address; none is 0.
+struct address {
+    template <typename T>
+    static void read(const node &from, T &to) {
+        to = address_in(from);
+    }
+    template <typename T>
+    static ordered_json words(const T &from) {
+        return address_words(from);
+    }
+    template <typename>
+    static ordered_json schema() {
+        return address_schema();
     }
 };
 

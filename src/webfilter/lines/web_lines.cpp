@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr list_format LIST = {.separator = ',', .closed = true, .empty = "-"};
+constexpr list_format LIST = {.separator = WEB_LIST_SEPARATOR, .closed = true, .empty = "-"};
 constexpr int32_t NO_CATEGORY_SLOT = -1; // no category has this id
 
 void read_categories(std::string_view text, web_policy_wire &to) {

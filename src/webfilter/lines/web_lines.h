@@ -12,6 +12,8 @@ inline constexpr char WEB_BLOCK_END[] = "[policy_end]";
 inline constexpr char WEB_INTFS_BEGIN[] = "[intfcfg]";
 inline constexpr char WEB_INTFS_END[] = "[intfcfg end]";
 
+inline constexpr char WEB_LIST_SEPARATOR = ','; // inside a field of several values
+
 // A policy's web UTP is not kept. A list goes by the count in front of it.
 extern const line_format<web_policy_wire> WEB_POLICY_LINE;
 extern const line_format<web_intf_wire> WEB_INTF_LINE;

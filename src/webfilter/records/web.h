@@ -17,6 +17,11 @@ inline constexpr size_t WEB_PATTERNS_MAX = 16;   // of one list
 inline constexpr uint32_t WEB_POLICIES_MAX = 1024;
 inline constexpr uint32_t WEB_INTFS_MAX = 1024;
 
+// The words for web_policy_wire::filter_type; the order is the number.
+inline constexpr const char *WEB_FILTER_TYPES[] = {
+    "NO_ADULT", "CLEAN_AND_SAFE", "CHILD_AND_STUDENT_FRIENDLY", "STRICT", "CUSTOM",
+};
+
 using web_pattern = char[65];
 using web_pattern_list = web_pattern[WEB_PATTERNS_MAX];
 
@@ -29,7 +34,7 @@ using web_pattern_list = web_pattern[WEB_PATTERNS_MAX];
 //                                              2440 youtube_safe_search
 //                                              2444 youtube_vip
 struct web_policy_wire {
-    uint32_t filter_type; // web_filter_type; shown, nothing else
+    uint32_t filter_type; // of WEB_FILTER_TYPES; shown, nothing else
     uint8_t num_categories;
     uint8_t padding1[3];
     int32_t categories[WEB_CATEGORIES_MAX]; // blocked; a decision compares all slots

@@ -7,8 +7,8 @@
 namespace {
 
 constexpr size_t IFNAME_MAX = 16; // of the 18 that the field could hold
-constexpr list_format EPDGS = {.separator = ',', .empty = ",0.0.0.0"};
-constexpr list_format PROFILES = {.separator = ','};
+constexpr list_format EPDGS = {.separator = WIFICALLING_LIST_SEPARATOR, .empty = ",0.0.0.0"};
+constexpr list_format PROFILES = {.separator = WIFICALLING_LIST_SEPARATOR};
 
 size_t within(int64_t count, int32_t most) {
     return static_cast<size_t>(std::clamp<int64_t>(count, 0, most));

@@ -19,6 +19,8 @@ inline constexpr std::string_view WIFICALLING_POLICY_MARKERS[] = {WIFICALLING_BL
 inline constexpr std::string_view WIFICALLING_INTF_MARKERS[] = {WIFICALLING_BLOCK_END,
                                                                 WIFICALLING_INTFS_END};
 
+inline constexpr char WIFICALLING_LIST_SEPARATOR = ','; // inside a field of several values
+
 // PNAME;ALT_NAME;PRIORITY;NUM_EPDG;FQDN,ADDRESS,FQDN,ADDRESS;
 extern const line_format<wificalling_policy_wire> WIFICALLING_POLICY_LINE;
 

@@ -1,0 +1,128 @@
+"""The daemon's listings, and what of a whole configuration a restart brings back."""
+import json
+import os
+import unittest
+
+from testbed import *
+
+USERDEF, USERDEF_SHOW, PORT_SERVICE, PORT_SHOW, UTP, UTP_SHOW = 6, 7, 13, 14, 20, 25
+EXAMPLE = os.path.join(os.path.dirname(__file__), "../../examples/access-point.json")
+REPLY_MAX = 122_879
+NOUNS = {"applications": (), "utps": (), "priority": ("10",), "url": ("wlan0",),
+         "utp-web": ("10",), "wifi-calling": (), "port-services": ()}
+
+
+def jornctl(*arguments, document=None):
+    """Exit status, output and complaints."""
+    done = subprocess.run([jorn_path("jornctl"), *arguments], input=json.dumps(document), text=True,
+                          capture_output=True, timeout=60)
+    return done.returncode, done.stdout, done.stderr
+
+
+def shown():
+    found = {}
+    for noun, argument in NOUNS.items():
+        status, said, complaints = jornctl("show", "--json", noun, *argument)
+        found[noun] = json.loads(said) if status == 0 else complaints
+    return found
+
+
+def userdef(name, family, protocol):
+    return struct.pack("=32xH6x4s20x4sHHI66sHHBx", family, bytes([10, 0, 0, 0]), b"\xff\0\0\0", 0, 80,
+                       protocol, name.encode(), 7, 8, 0)
+
+
+class Listings(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.platform()
+        self.start()
+
+    def start(self):
+        self.jorn = self.daemon()
+        self.wait_until_judging()
+
+    def test_texts(self):
+        self.assertEqual(command(USERDEF_SHOW), b"\n====User Defined Applications Policies====\n")
+        self.assertEqual(command(PORT_SHOW), b"\n====JORN port app list====\nTOTAL:0\n")
+        self.assertEqual(command(UTP_SHOW), b"\n No UTP configured! \n")
+        command(USERDEF, struct.pack("=i", 2) + userdef("four", 2, 6) + userdef("six", 10, 1))
+        self.assertEqual(command(USERDEF_SHOW), b"""
+====User Defined Applications Policies====
+NO:1
+\t bitmap: 1c \n\t dst ip family:IPv4\tdst ip:10.0.0.0
+\t dst netmask:255.0.0.0\t dst port :80\t protocol type:TCP
+\t application name:four \t application id: 7\t category id: 8
+
+NO:2
+\t bitmap: c \n\t dst ip family:IPv6\t dst port :80\t protocol type:Unknown
+\t application name:six \t application id: 7\t category id: 8
+
+""")
+        for utp_id, name in ((64, "last"), (2, "first")):
+            command(UTP, struct.pack("=I4x65s65sxx", utp_id, name.encode(), b""))
+        self.assertEqual(command(UTP_SHOW), b"""
+\tUTP Name  : first
+\tUTP ID    : 2
+\tAVC policy: None
+\tWeb policy: None
+
+\tUTP Name  : last
+\tUTP ID    : 64
+\tAVC policy: None
+\tWeb policy: None
+""")
+
+    def test_more_than_an_answer_holds(self):
+        names = sorted("n" * 60 + f"{i:04}" for i in range(1025))
+        with open(PORT_SERVICE_FILE, "w") as file:
+            file.writelines(f"{i + 1},tcp,1,1,{name}\n" for i, name in enumerate(names))
+        command(PORT_SERVICE)
+        text = command(PORT_SHOW).decode()
+        entries = text.split("NO:")
+        self.assertEqual(entries[0], "\n====JORN port app list====\nTOTAL:1025\n")
+        self.assertEqual(entries[-1], f"""{len(entries) - 1}
+\t application name: {names[len(entries) - 2]}
+\t begin port: {len(entries) - 1}
+\t end port: {len(entries) - 1}
+\t tcp proto flag: 1
+\t udp proto flag: 0
+
+""")
+        self.assertLess(REPLY_MAX - len(text), len(entries[-1]) + 3)
+        status, said, complaints = jornctl("show", "port-services", "--json")
+        self.assertEqual((status, len(json.loads(said)["entries"]), complaints), (
+            0, len(entries) - 1, "jornctl: warning: port-services: "
+            f"{len(entries) - 1} of 1025 shown, for want of room\n"))
+
+    def test_a_whole_configuration(self):
+        for _ in range(2):
+            self.assertEqual(jornctl("apply", EXAMPLE), (0, "", ""))
+            before = shown()
+        self.assertEqual([len(before[noun]) for noun in ("applications", "utps", "wifi-calling")],
+                         [1, 2, 1])
+        self.assertEqual(before["utps"][0]["web_policy"], "guests-web")
+        self.assertEqual(before["utp-web"]["policy"], {**before["url"]["policy"],
+                                                       "name": "guests-web"})
+        self.jorn.stop()
+        self.start()
+        after = shown()
+        for noun in ("applications", "url", "wifi-calling", "port-services"):
+            self.assertEqual(after[noun], before[noun])
+        self.assertEqual(after["priority"], {**before["priority"], "name": ""})
+        self.assertEqual(after["utps"], [{"name": "", "id": 10, "arc_policy": "",
+                                          "web_policy": "None"}])
+        self.assertIn("UTP ID 10 not preset", after["utp-web"])
+
+    def test_bindings_that_a_document_does_not_name(self):
+        self.assertEqual(jornctl("apply", EXAMPLE)[0], 0)
+        other = {"carriers": [{"pname": "c", "priority": 1}],
+                 "wificalling_interfaces": [{"ifname": "wlan1", "profile": ["C"]}]}
+        complaints = jornctl("apply", "-", document=other)[2]
+        self.assertIn("/carriers: interface wlan0 loses its carriers", complaints)
+        self.assertEqual([binding["ifname"] for binding in shown()["wifi-calling"]],
+                         ["wlan0", "wlan1"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,37 @@
+// The daemon's listings: how each is asked for, refused and cut, and what its text says as JSON.
+#pragma once
+
+#include "control/records/commands.h"
+#include "jornctl/json.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace jornctl {
+
+enum class listing_argument : uint8_t { NONE, ID, INTERFACE };
+
+struct listing {
+    const char *word; // of "jornctl show"
+    command_number command;
+    listing_argument argument;
+    const char *help;
+    // Throws refused for a text that no daemon writes.
+    ordered_json (*parse)(std::string_view text);
+    // What the daemon left out, or may have left out, for want of room; else empty.
+    std::string (*cut)(std::string_view text);
+};
+
+std::span<const listing> listings();
+const listing &listing_of(command_number command);
+
+// The text of an answer to the command that refuses what was asked for ("Invalid ARC PCY ID"), else
+// empty. A configuration command that the daemon refuses gets no answer.
+std::string refusal_in(uint32_t command, std::string_view reply);
+
+// Whether an empty answer means an empty table.
+bool may_be_empty(uint32_t command);
+
+} // namespace jornctl
