@@ -1,6 +1,5 @@
 """Web and URL filtering: what is asked and decided, what comes late, what is kept."""
 import dataclasses
-import random
 import unittest
 
 from records import *
@@ -519,21 +518,6 @@ class Files(WebTest):
         command(WEB_FLUSH)
         self.configure()
         self.assertEqual(saved(), WHOLE)
-
-    def test_kill_9_at_any_moment_of_a_save(self):
-        source = random.Random(13)
-        for _ in range(6):
-            if os.path.exists(FILE):
-                os.unlink(FILE)
-            self.start()
-            self.configure()
-            kill_while_sending(self.jorn, WRITE, source)
-            found = saved() if os.path.exists(FILE) else ""
-            self.assertTrue(WHOLE.startswith(found))
-            self.jorn = None
-            self.start()
-            listed = command(SHOW_INTF, b"wlan0").decode()
-            self.assertEqual("Enable\tPolicy UUID: u-1" in listed, "wlan0;1;7;3;u-1" in found)
 
     def test_listings_word_for_word(self):
         self.start()
