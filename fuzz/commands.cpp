@@ -6,6 +6,8 @@
 #include "hostile_answers.h"
 #include "support/fresh_state.h"
 #include "support/saved_folder.h"
+#include "userapps/port_service.h"
+#include "userapps/userdef.h"
 #include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
 
@@ -43,13 +45,8 @@ void check_links() {
     }
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const saved_folder folder;
-    static const int reply_fd = set_up();
+void run_messages(int reply_fd, const uint8_t *data, size_t size) {
     static std::vector<uint8_t> message(COMMAND_MESSAGE_SIZE);
-    hostile_platform();
     while (size >= sizeof(uint16_t)) {
         uint16_t length;
         memcpy(&length, data, sizeof length);
@@ -63,11 +60,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         data += received;
         size -= received;
     }
+}
+
+void forget() {
     jorn_process_arc_policy_flush();
     jorn_process_utp_flush();
     jorn_process_web_policy_flush();
     jorn_state.web_intf_list.release_all();
     jorn_process_wificalling_policy_flush();
     jorn_state.wificalling_intf_list.release_all();
+    jorn_update_user_def_policy_cfg(nullptr, 0);
+    port_app_list_clear(&jorn_state.port_apps);
+}
+
+} // namespace
+
+// With debugging off, and on.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const saved_folder folder;
+    static const int reply_fd = set_up();
+    for (const uint8_t debug : {uint8_t{0}, uint8_t{1}}) {
+        jorn_settings.debug = debug;
+        folder.write(PORT_SERVICE_FILE, "9000,tcp,4,1201,Portal\n9000,udp,4,1202,Other\n");
+        hostile_platform();
+        run_messages(reply_fd, data, size);
+        forget();
+    }
     return 0;
 }

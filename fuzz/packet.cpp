@@ -8,7 +8,10 @@
 #include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "support/fresh_state.h"
+#include "support/memory_file.h"
 #include "support/policies.h"
+#include "userapps/port_service.h"
+#include "userapps/userdef.h"
 #include "webfilter/web_tables.h"
 #include "wificalling/wificalling_tables.h"
 
@@ -18,16 +21,41 @@
 
 namespace {
 
-void add_logged_policy(uint32_t utp_id, const char *domain, uint16_t app_id) {
-    arc_policy_wire policy = {};
-    policy.utp_id = utp_id;
-    policy.log_enable = 1;
-    policy.rules[0] = rule_of(domain);
-    policy.rules[0].deny = 1;
-    policy.rules[1] = rule_of("id");
-    policy.rules[1].app_id = app_id;
-    policy.rules[1].qos = 0xFF;
-    add_policy(policy);
+arc_rule domain_rule(const char *domain, uint8_t deny, uint8_t qos, uint16_t rate = 0) {
+    arc_rule rule = rule_of(domain);
+    rule.deny = deny;
+    rule.qos = qos;
+    rule.rate_down = rate;
+    return rule;
+}
+
+// Every outcome, by name and by id, and a policy that lists an application of the administrator.
+void add_policies() {
+    arc_rule by_id = domain_rule("id", 0, 0xFF);
+    by_id.app_id = 2;
+    add_policy(1, {domain_rule("com", 1, 0), domain_rule("example", 0, 1)});
+    add_policy(2, {by_id, domain_rule("a", 0, 2, 7), domain_rule("10.", 0, 0)});
+    add_policy(4, {rule_of("Till", CATEGORY_NAME_USER_DEFINED),
+                   rule_of("Portal", CATEGORY_NAME_USER_DEFINED)});
+    for (arc_policy &policy : jorn_state.arc_policy_list)
+        policy.log_enable = 1;
+}
+
+void add_applications() {
+    userdef_app apps[3] = {};
+    copy_text(apps[0].app_name, "Clock");
+    apps[0].dst_family = 2;
+    memcpy(apps[0].dst_ip, "\x0A\x09\0\0", 4);
+    apps[0].netmask = 0x0000FFFF;
+    copy_text(apps[1].app_name, "Till");
+    apps[1].dst_port = 8443;
+    apps[1].protocol = 6;
+    copy_text(apps[2].app_name, "Door");
+    apps[2].dst_port = 8444;
+    jorn_update_user_def_policy_cfg(apps, 3);
+    const memory_file services(
+        "9000,tcp,4,1201,Portal\n9000,udp,4,1202,Other\n9001,tcp,1,1,More\n");
+    jorn_parse_port_service_conf_file(services.path(), &jorn_state.port_apps);
 }
 
 // Patterns of every form, categories, and interfaces with and without a policy.
@@ -69,8 +97,8 @@ void set_up() {
     jorn_pkt_processor = jorn_decode_eth_pkt;
     jorn_dnscache_hash_table_init();
     jorn_settings.tm_engine_enabled = 1;
-    add_logged_policy(1, "com", 1);
-    add_logged_policy(2, "a", 2);
+    add_policies();
+    add_applications();
     add_web_policies();
     add_carrier();
 }

@@ -18,8 +18,9 @@ inline constexpr int JORN_DETECT_MATCH = 1;
 int jorn_detect_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
 
 // The step that the kernel's trailer drives: reads the trailer into the context, lets the
-// administrator's definitions and port services name the flow, which decides nothing, tags Wi-Fi
-// calling where it is asked for, and takes the DPI engine's result where there is one. Returns 1 when it decided the packet, else 0.
+// administrator's definitions and port services name the flow, which decides nothing, and goes
+// through the inspections that the trailer asks for: Wi-Fi calling, URL filtering, the DPI engine's
+// result. Returns 1 when it decided the packet, else 0.
 int jorn_detect_pkt_utp(pkt_ctx *ctx, const uint8_t *bytes, uint32_t captured);
 
 // The last resort: names the flow "SOURCE DESTINATION:PORT" after its addresses. Returns 1 when it

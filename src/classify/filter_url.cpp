@@ -2,6 +2,7 @@
 #include "classify/dns_app.h"
 #include "classify/trailer_step.h"
 #include "core/base/log.h"
+#include "core/base/record_bytes.h"
 #include "core/base/settings.h"
 #include "core/state/state.h"
 #include "core/text/ipv4_text.h"
@@ -23,19 +24,20 @@ constexpr size_t DOMAIN_MAX = sizeof(urlf_request::domain) - 1;
 static_assert(sizeof(urlf_reply) == sizeof(pkt_ctx::uf_reply));
 
 // No name at all is known: the server goes by its address.
-void name_by_server(pkt_ctx &ctx) {
+bool name_by_server(pkt_ctx &ctx) {
     const bool to_server = ctx.dst_port == HTTP_PORT || ctx.dst_port == HTTPS_PORT;
     const uint32_t server = to_server ? ctx.dst_ip : ctx.src_ip;
     if (server == 0)
-        return;
+        return false;
     copy_text(ctx.app_name, ipv4_text(server).c_str());
     JORN_DEBUG_AS(FUNCTION, "*** Server IP %s (port %d) to be used for web-category\n",
                   ctx.app_name, ctx.dst_port);
+    return true;
 }
 
 // The domain to ask for, in app_name: the kernel's, an earlier step's, the cache's, else the
-// server's address. It may stay empty.
-void choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
+// server's address. Returns false for a server without an address: nobody knows what to ask for.
+bool choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
     if (!kernel_domain.empty()) {
         JORN_DEBUG_AS(FUNCTION, "Domain name from kernel = %s\n",
                       printable_text(kernel_domain).c_str());
@@ -44,8 +46,9 @@ void choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
         JORN_DEBUG_AS(FUNCTION, " Domain retrieved from cache %s and org_app %s \n",
                       printable_text(ctx.app_name).c_str(), printable_text(ctx.orig_app).c_str());
     } else {
-        name_by_server(ctx);
+        return name_by_server(ctx);
     }
+    return true;
 }
 
 // All hosts of the video CDN are asked for as one domain.
@@ -59,7 +62,8 @@ void merge_video_hosts(pkt_ctx &ctx) {
 }
 
 urlf_request category_request(const pkt_ctx &ctx) {
-    urlf_request request = {};
+    urlf_request request;
+    zero_record(request);
     request.request_type = URLF_REQUEST_CATEGORY;
     request.flow_key = ctx.flow_key;
     request.dst_if_index = ctx.dst_if_index;
@@ -76,7 +80,7 @@ urlf_request category_request(const pkt_ctx &ctx) {
 // The agent's answer to a request; zeros where the agent left out a part. Returns whether it
 // answered.
 bool ask_agent(const urlf_request &request, urlf_reply &reply) {
-    reply = {};
+    zero_record(reply);
     if (jorn_settings.debug == 0)
         return psm_urlfilter_get_category(&request, &reply) >= 0;
     timeval before = {};
@@ -109,7 +113,8 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
     ctx.url_filter = 1;
     if (jorn_get_web_policy_cfg(&ctx) != WEB_FOUND)
         return after_step::next;
-    choose_domain(ctx, trailer.kernel_domain());
+    if (!choose_domain(ctx, trailer.kernel_domain()))
+        return after_step::undecided;
     merge_video_hosts(ctx);
     const urlf_request request = category_request(ctx);
     JORN_DEBUG_AS(FUNCTION, " Domain name len = %d\n", static_cast<int>(request.domain_length));
@@ -126,7 +131,7 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
     JORN_DEBUG_AS(FUNCTION, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
                   reply.categories[0], reply.status, printable_text(request.domain).c_str(),
                   trailer.url_retry(), static_cast<int>(trailer.flow_id()));
-    memcpy(ctx.uf_reply, &reply, sizeof reply);
+    copy_record(ctx.uf_reply, reply);
     copy_text(ctx.web_domain, field_text(ctx.app_name).substr(0, DOMAIN_MAX));
     return take_category(ctx, reply.categories[0]);
 }

@@ -124,12 +124,16 @@ void process_debug_cfg(uint32_t value) {
     jorn_settings.debug = static_cast<uint8_t>(value);
 }
 
-// The one payload whose length the header has. No interface has a name of more than 16 characters:
-// a longer text is cut, and not found.
+// The one payload whose length the header has.
 void show_intf_url_policy(const request &r) {
     char ifname[32] = {};
-    copy_text(ifname, {reinterpret_cast<const char *>(r.payload),
-                       std::min<size_t>(r.length, sizeof ifname)});
+    if (r.length >= sizeof ifname || r.length > r.received) {
+        JORN_ERROR_AS("cmdsock_accept",
+                      "command %u: a name of %u bytes is refused, %zu came and %zu are the most\n",
+                      r.number, r.length, r.received, sizeof ifname - 1);
+        return;
+    }
+    memcpy(ifname, r.payload, r.length);
     jorn_process_per_intf_url_policy_list(r.fd, ifname);
 }
 

@@ -2,11 +2,11 @@
 
 #include "core/base/flags.h"
 #include "core/base/log.h"
+#include "core/base/record_bytes.h"
 #include "core/state/stats.h"
 #include "core/text/text.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
-#include "packet/zero.h"
 
 #include <cstdio>
 #include <cstring>
@@ -161,7 +161,7 @@ int jorn_set_pkt_processor(capture_context *capture_ctx) {
 
 void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes) {
     pkt_ctx ctx;
-    zero(ctx);
+    zero_record(ctx);
     ctx.wfc_priority = WFC_PRIORITY_NONE;
     ++pkt_count;
     JORN_DEBUG("\n PKT %d \n", static_cast<int>(pkt_count));

@@ -2,11 +2,11 @@
 // acts on.
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
+#include "core/base/record_bytes.h"
 #include "core/state/state.h"
 #include "core/state/stats.h"
 #include "core/text/text.h"
 #include "packet/process.h"
-#include "packet/zero.h"
 #include "platform/psms.h"
 #include "wificalling/records/wificalling.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 av_verdict default_verdict(const pkt_ctx &ctx) {
     av_verdict record;
-    zero(record);
+    zero_record(record);
     record.verdict = AV_VERDICT_ALLOW;
     record.policy_type = AV_POLICY_DEFAULT;
     memset(&record.qos, 0xFF, sizeof record.qos);

@@ -4,6 +4,9 @@
 // Detection asks for the policy and the lists while it prepares the category request; the chain of
 // a packet asks for the outcome afterwards, when no list decided. The late answers of the
 // URL-filtering agent go the same ways.
+//
+// Lists and categories are looked up in the policy's index, which command 28 builds; whoever fills
+// or changes a policy in another way calls build_policy_index (policy_index.h).
 #pragma once
 
 #include "control/records/arc.h"
@@ -22,8 +25,8 @@ inline constexpr int WEB_NOT_FOUND = 3;
 // 0 and fills web_cfg, or 3 when there is none.
 int jorn_get_web_policy_cfg(pkt_ctx *ctx);
 
-// Looks for a domain on the lists of web_cfg, the white one first. Returns 0 and fills white_hit or
-// black_hit, arc_action and web_domain, or 3 when it is on neither.
+// Looks for a domain on the lists of web_cfg, which names a policy, the white one first. Returns 0
+// and fills white_hit or black_hit, arc_action and web_domain, or 3 when it is on neither.
 int jorn_check_white_black_list(pkt_ctx *ctx, std::string_view domain);
 
 // Decides by the categories in uf_reply: fills arc_action, web_action, and app_cat_id when one is

@@ -37,7 +37,10 @@ constexpr int MODE_UTP = 2;
 // Whose DNS answers are meant.
 struct spoofed_side {
     uint32_t utp_id;
-    const char *ifname; // none for a UTP
+    const char *ifname;   // none for a UTP
+    unsigned refused = 0; // calls that the platform didn't take
+
+    void count(int result) { refused += result != 0 ? 1 : 0; }
     int mode() const { return ifname != nullptr ? MODE_INTERFACE : MODE_UTP; }
 };
 
@@ -50,16 +53,16 @@ void for_each_host(const search_engine &engine, Use use) {
     }
 }
 
-void remove_mappings(const spoofed_side &side) {
+void remove_mappings(spoofed_side &side) {
     for (const search_engine &engine : ENGINES) {
         for_each_host(engine, [&side](const char *host) {
-            psms_dnsspoof_del_dn_ip_map_for_safesearch(side.ifname, host, side.mode(), side.utp_id);
+            side.count(psms_dnsspoof_del_dn_ip_map_for_safesearch(side.ifname, host, side.mode(),
+                                                                  side.utp_id));
         });
     }
 }
 
-void add_mappings(const spoofed_side &side, const char *shown_ifname,
-                  const web_policy_wire &policy) {
+void add_mappings(spoofed_side &side, const char *shown_ifname, const web_policy_wire &policy) {
     for (const search_engine &engine : ENGINES) {
         if (policy.*engine.flag == 0)
             continue;
@@ -69,8 +72,8 @@ void add_mappings(const spoofed_side &side, const char *shown_ifname,
                       engine.says, static_cast<int>(side.utp_id), shown_ifname,
                       static_cast<long>(static_cast<int32_t>(vip)));
         for_each_host(engine, [&side, vip](const char *host) {
-            psms_dnsspoof_add_dn_ip_map_for_safesearch(side.ifname, host, &vip, 1, 0, 0,
-                                                       side.mode(), side.utp_id);
+            side.count(psms_dnsspoof_add_dn_ip_map_for_safesearch(side.ifname, host, &vip, 1, 0, 0,
+                                                                  side.mode(), side.utp_id));
         });
     }
 }
@@ -78,7 +81,7 @@ void add_mappings(const spoofed_side &side, const char *shown_ifname,
 } // namespace
 
 void jorn_process_safe_search(uint32_t utp_id, const char *ifname, const web_policy_wire &policy) {
-    const spoofed_side side = {utp_id, ifname};
+    spoofed_side side = {utp_id, ifname};
     const printable_text shown_ifname(ifname != nullptr ? ifname : "");
     const bool wanted = policy.google_safe_search != 0 || policy.bing_safe_search != 0 ||
                         policy.youtube_safe_search != 0;
@@ -87,10 +90,13 @@ void jorn_process_safe_search(uint32_t utp_id, const char *ifname, const web_pol
                policy.youtube_safe_search);
     remove_mappings(side);
     if (ifname != nullptr)
-        psms_dnsspoof_set_enable_for_safesearch(ifname, wanted ? 1 : 0);
+        side.count(psms_dnsspoof_set_enable_for_safesearch(ifname, wanted ? 1 : 0));
     if (wanted)
         add_mappings(side, shown_ifname.c_str(), policy);
     else
         JORN_DEBUG("Disable safe sarch for google and utp id %d and wlan :%s\n",
                    static_cast<int>(utp_id), shown_ifname.c_str());
+    if (side.refused != 0)
+        JORN_ERROR("safe search of utp id %d and wlan %s: the platform didn't take %u calls\n",
+                   static_cast<int>(utp_id), shown_ifname.c_str(), side.refused);
 }

@@ -11,8 +11,11 @@
 
 namespace {
 
-// The lines of both sections stand in the log under the loader's name.
+// The lines of both sections stand in the log under the loader's name, but for what the parsers
+// say.
 constexpr char LOADER[] = "jorn_load_web_configurations";
+
+constexpr std::string_view MARKERS[] = {WEB_BLOCK_END}; // what no stored text may hold
 
 struct pending_web_policy {
     web_policy_wire policy;
@@ -29,8 +32,8 @@ void start_policy(std::string_view, pending_web_policy &pending) {
 
 void jorn_parse_web_policy_config(std::string_view line, pending_web_policy &pending) {
     note_line(line);
-    JORN_DEBUG_AS(LOADER, "parsing policy %.*s %d\n", static_cast<int>(line.size()), line.data(),
-                  static_cast<int>(line.size()));
+    JORN_DEBUG("parsing policy %.*s %d\n", static_cast<int>(line.size()), line.data(),
+               static_cast<int>(line.size()));
     read_line(line, WEB_POLICY_LINE, pending.policy);
 }
 
@@ -44,7 +47,7 @@ void jorn_parse_web_filter_intf_config(std::string_view line, no_pending &) {
     web_intf_wire binding = {};
     read_line(line, WEB_INTF_LINE, binding);
     jorn_process_web_intf_config(&binding);
-    JORN_DEBUG_AS(LOADER, "Intf config: %.*s\n", static_cast<int>(line.size()), line.data());
+    JORN_DEBUG("Intf config: %.*s\n", static_cast<int>(line.size()), line.data());
 }
 
 enum policy_place : uint8_t { BEFORE, POLICIES, BLOCK };
@@ -145,7 +148,6 @@ int jorn_write_web_filtering_interface_configuration(FILE *file) {
 }
 
 bool is_storable(const web_policy_wire &asked) {
-    constexpr std::string_view MARKERS[] = {WEB_BLOCK_END};
     char what[96];
     snprintf(what, sizeof what, "web policy %.64s", printable_text(field_text(asked.name)).c_str());
     return is_storable(asked, WEB_POLICY_LINE, MARKERS, what,
@@ -156,6 +158,6 @@ bool is_storable(const web_intf_wire &asked) {
     char what[96];
     snprintf(what, sizeof what, "web binding of %.16s",
              printable_text(field_text(asked.ifname)).c_str());
-    return asked.op != WEB_INTF_ADD ||
-           is_storable(asked, WEB_INTF_LINE, {}, what, JORN_AS("jorn_process_web_intf_config"));
+    return asked.op != WEB_INTF_ADD || is_storable(asked, WEB_INTF_LINE, MARKERS, what,
+                                                   JORN_AS("jorn_process_web_intf_config"));
 }

@@ -112,7 +112,7 @@ int jorn_show_utp_web_policy(int fd, uint32_t utp_id) {
     return answer(fd, list_utp, utp_id);
 }
 
-void jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy) {
+int jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy) {
     line_buffer listed(text, size);
     if (policy.filter_type < std::size(WEB_FILTER_TYPES))
         listed.format("Filter_Type: %s\t", WEB_FILTER_TYPES[policy.filter_type]);
@@ -121,4 +121,5 @@ void jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire 
     list_patterns(listed, "Blacklist", policy.blacklist, policy.num_blacklist);
     list_safe_search(listed, policy);
     listed.append("\n");
+    return 0;
 }

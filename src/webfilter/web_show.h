@@ -17,4 +17,5 @@ int jorn_show_utp_web_policy(int fd, uint32_t utp_id);
 
 // Writes a policy's part of both listings into `text` of `size` bytes. Categories go by the
 // platform's names, by their numbers where it has none. What doesn't fit is cut at a whole line.
-void jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy);
+// Returns 0.
+int jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy);

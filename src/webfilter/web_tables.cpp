@@ -149,14 +149,17 @@ int jorn_process_url_config(const void *payload) {
 }
 
 int __web_find_intf_and_build_utp_for_pcy(const void *payload) {
-    std::unique_ptr<web_policy> policy = make_policy(payload, JORN_HERE);
-    if (policy == nullptr)
-        return -1;
     if (jorn_state.web_policy_list.count >= WEB_POLICIES_MAX) {
-        JORN_ERROR("web policy %s is refused: there are %u\n", printable_text(policy->name).c_str(),
+        web_policy_wire refused;
+        memcpy(&refused, payload, sizeof refused);
+        JORN_ERROR("web policy %s is refused: there are %u\n",
+                   printable_text(field_text(refused.name)).c_str(),
                    jorn_state.web_policy_list.count);
         return -1;
     }
+    std::unique_ptr<web_policy> policy = make_policy(payload, JORN_HERE);
+    if (policy == nullptr)
+        return -1;
     if (is_utp_id(policy->utp_id))
         build_web_utp(*policy);
     else

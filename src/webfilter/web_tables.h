@@ -23,5 +23,5 @@ int __web_find_intf_and_build_utp_for_pcy(const void *payload);
 int jorn_process_web_policy_flush();
 
 // Command 30: binds an interface to the policy of a uuid, or unbinds it (web_intf_wire). Returns 0
-// when it added or deleted as asked, else -1.
+// for the operations add and delete, whatever became of them, and -1 for the others.
 int jorn_process_web_intf_config(const void *payload);

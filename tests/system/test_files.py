@@ -105,6 +105,10 @@ class Files(SystemTest):
             self.assertNotIn(self.name(8080, src_utp_id=3, dst_utp_id=1).app_name, ("door", "clock"))
             self.assertEqual(self.judge([PING], trailer(dst_utp_id=1))[0].ratelimit_down, 65535)
             self.start()
+        for number in (UTP, LOG):
+            os.unlink(POLICY_FILE)
+            command(number)
+            self.assertEqual(saved(), WHOLE)
         for flush in (CLEAN, UTP_FLUSH, POLICY_FLUSH):
             command(flush)
             self.assertEqual(saved(), WHOLE)

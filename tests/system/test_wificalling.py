@@ -1,8 +1,4 @@
 """Wi-Fi calling: carriers and bindings by command, the traffic that they tag, the file, the listing."""
-import os
-import random
-import threading
-import time
 import unittest
 
 from records import POLICY, policy, rule
@@ -293,31 +289,6 @@ class WifiCalling(SystemTest):
         expected = self.configure()
         self.assertEqual(saved(), expected)
         self.assertTagged(self.judge_ike(), "carriera", 5, "epdg-1")
-
-    def test_kill_9_at_any_moment_of_a_save(self):
-        source = random.Random(14)
-        for _ in range(8):
-            if os.path.exists(FILE):
-                os.unlink(FILE)
-            self.start()
-            expected = self.configure()
-            killer = threading.Timer(source.uniform(0, 0.02), self.jorn.kill)
-            killer.start()
-            try:
-                while True:
-                    command(BINDING, binding("nobody's", enable=0))
-            except OSError:
-                killer.join()
-            found = saved() if os.path.exists(FILE) else ""
-            self.assertTrue(expected.startswith(found))
-            self.jorn = None
-            self.start()
-            judged = self.judge_ike()
-            if "\nwlan0" in found and found.split("\nwlan0")[1].startswith(";1;0;2;carriera"):
-                self.assertTagged(judged, "carriera", 5, "epdg-1")
-            else:
-                self.assertUntagged(judged)
-
 
 if __name__ == "__main__":
     unittest.main()

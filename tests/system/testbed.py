@@ -391,12 +391,13 @@ def end_background_daemon(pid):
     assert ended, f"process {pid} still runs"
 
 
-def command(number, payload=b""):
-    """Sends one command to the daemon and returns its reply."""
+def command(number, payload=b"", *, length=None):
+    """Sends one command to the daemon and returns its reply; `length` lies about the payload's."""
+    length = len(payload) if length is None else length
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
         connection.settimeout(DEADLINE)
         connection.connect(COMMAND_SOCKET)
-        connection.sendall(struct.pack("=II8xI", 0, number, len(payload)) + payload)
+        connection.sendall(struct.pack("=II8xI", 0, number, length) + payload)
         reply = b""
         while piece := connection.recv(65536):
             reply += piece

@@ -1,3 +1,4 @@
+#include "core/base/reply.h"
 #include "core/files/regular_file.h"
 #include "core/files/storable.h"
 #include "core/files/text_file.h"
@@ -198,6 +199,17 @@ TEST(Text, ReadsLeadingDecimals) {
         EXPECT_EQ(leading_decimal(text), number) << text;
     EXPECT_TRUE(contains_ignoring_case("x [APPPOLICY end]\r", "[appPolicy END]"));
     EXPECT_FALSE(contains_ignoring_case("[appPolicy en", "[appPolicy end]"));
+}
+
+TEST(Reply, IsCutAtAWholeLineAndStaysCut) {
+    char text[16];
+    line_buffer reply(text, sizeof text);
+    reply.append("one\n");
+    reply.append("two ");
+    reply.append("is much too long\n");
+    reply.append("x\n");
+    EXPECT_EQ(reply.text(), "one\n");
+    EXPECT_STREQ(text, "one\n");
 }
 
 } // namespace
