@@ -173,9 +173,11 @@ TEST(AvcoreMessages, TakesOnlyWhatIsExactlyAMessage) {
         {{1, 0, 8, 0, 232}, 233},      //
         {{1, 0, 8, 0, 0xFFFFFFFF}, 4}, //
         {{1, 0, 8, 0, 8}, 8},          // no verdict
+        {{2, 0}, 159},                 // no flow's verdict
         {{3, 0}, 1},                   // has no body
         {{4, 0, 0, 1}, 24},            // no such switch
         {{4, 0, 1, 1}, 23},            //
+        {{5, 0, 4}, 104},              // no such action
         {{6, 0}, 3},                   // no level
     };
     for (const auto &row : malformed)

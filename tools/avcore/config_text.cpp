@@ -10,9 +10,9 @@
 
 namespace avcore {
 
-std::string read_config_text(const std::string &path) {
+std::string read_config_text(const std::string &path, size_t limit) {
     const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text(MAX_CONFIG_SIZE + 1, '\0');
+    std::string text(limit + 1, '\0');
     size_t size = 0;
     ssize_t count = file.valid() ? 1 : -1;
     while (count > 0 && size < text.size()) {
@@ -21,8 +21,8 @@ std::string read_config_text(const std::string &path) {
     }
     if (count < 0)
         throw config_error(path + ": " + strerror(errno));
-    if (size > MAX_CONFIG_SIZE)
-        throw config_error(path + ": longer than " + std::to_string(MAX_CONFIG_SIZE) + " bytes");
+    if (size > limit)
+        throw config_error(path + ": longer than " + std::to_string(limit) + " bytes");
     text.resize(size);
     return text;
 }

@@ -3,8 +3,16 @@
 #include "core/text/text.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string_view>
 
 namespace avcore {
+namespace {
+
+constexpr uint32_t APP_SETTING_ALLOW = 2; // of a verdict record it is the white list
+constexpr std::string_view ANY_APPLICATION = "***";
+
+} // namespace
 
 void flow_table::sum_up_oldest() {
     const flow_row &oldest = rows_.back();
@@ -56,6 +64,24 @@ void flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
     row.outdated = false;
     if (const std::string_view name = field_text(verdict.app_name); !name.empty())
         row.application = name;
+    row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
+    row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
+    row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
+}
+
+bool flow_table::set_application(const av_app_setting &setting) {
+    flow_key key;
+    memcpy(&key, setting.flow_key, sizeof key);
+    const auto found = index_.find(flow_id_of(key));
+    if (found == index_.end())
+        return false;
+    flow_row &row = *found->second;
+    row.verdict = setting.verdict == APP_SETTING_ALLOW ? AV_VERDICT_ALLOW : setting.verdict;
+    row.outdated = false;
+    if (const std::string_view name = field_text(setting.name);
+        !name.empty() && name != ANY_APPLICATION)
+        row.application = name;
+    return true;
 }
 
 void flow_table::outdate_verdicts() {

@@ -6,6 +6,7 @@
 
 #include "avcore/client_rules.h"
 #include "avcore/frame.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
 #include <list>
@@ -28,6 +29,9 @@ struct flow_row {
     uint64_t bytes = 0;   // without trailers
     uint32_t verdict = 0; // the last one's av_verdict_code; 0 = none came
     bool outdated = false;
+    bool wificalling = false; // the last verdict was Wi-Fi calling's, with what follows
+    uint8_t wfc_priority = 0;
+    std::string wfc_fqdn;    // any bytes, as the daemon sent them
     std::string application; // any bytes, as the daemon sent them
     std::string host;        // that the client showed in a handshake; any bytes, as sent
     int64_t last_us = 0;     // of the last frame's capture
@@ -57,6 +61,9 @@ public:
 
     // On a frame of the row with this id, which may have left.
     void set_verdict(uint32_t id, const av_verdict &verdict);
+
+    // On the flow with this key, of either direction. Returns whether there is a row.
+    bool set_application(const av_app_setting &setting);
 
     // The daemon's policies changed: no verdict counts until the flow's next one.
     void outdate_verdicts();

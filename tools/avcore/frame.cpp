@@ -4,6 +4,7 @@
 #include "packet/decode/decode.h"
 #include "packet/decode/flow_key.h"
 
+#include <arpa/inet.h>
 #include <cstring>
 #include <utility>
 
@@ -32,6 +33,23 @@ flow_id flow_id_of(const frame_facts &frame) {
     if (id.high < id.low)
         std::swap(id.low, id.high);
     return id;
+}
+
+flow_id flow_id_of(const flow_key &key) {
+    frame_facts frame;
+    memcpy(frame.sender.mac.data(), key.src_mac, sizeof key.src_mac);
+    memcpy(frame.receiver.mac.data(), key.dst_mac, sizeof key.dst_mac);
+    frame.ipv4 = key.src_ip_be != 0 || key.dst_ip_be != 0 || key.ip_proto != 0;
+    if (key.non_ip != 0) {
+        frame.ether_type = ntohs(key.dst_port_be);
+    } else {
+        frame.sender.port = ntohs(key.src_port_be);
+        frame.receiver.port = ntohs(key.dst_port_be);
+        frame.sender.ip_be = key.src_ip_be;
+        frame.receiver.ip_be = key.dst_ip_be;
+        frame.ip_proto = key.ip_proto;
+    }
+    return flow_id_of(frame);
 }
 
 frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer) {

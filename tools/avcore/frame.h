@@ -47,6 +47,7 @@ struct flow_id {
     auto operator<=>(const flow_id &) const = default;
 };
 flow_id flow_id_of(const frame_facts &frame);
+flow_id flow_id_of(const flow_key &key);
 
 // Decodes what the daemon will capture: a frame with the trailer's 276 bytes behind it.
 frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer);

@@ -27,6 +27,22 @@ std::optional<channel_message> parse_ioctl(byte_span body) {
     return verdict;
 }
 
+std::optional<channel_message> parse_app_setting(byte_span body) {
+    av_app_setting record;
+    if (body.size() != sizeof record || !read_record(body, 0, record))
+        return std::nullopt;
+    return record;
+}
+
+std::optional<channel_message> parse_safesearch(byte_span body) {
+    av_safesearch_setting record;
+    if (body.size() != sizeof record || !read_record(body, 0, record) ||
+        record.action < av_safesearch_action::remove ||
+        record.action > av_safesearch_action::enable)
+        return std::nullopt;
+    return record;
+}
+
 std::optional<channel_message> parse_switch(byte_span body) {
     av_device_setting record;
     if (body.size() != sizeof record || !read_record(body, 0, record) ||
@@ -53,10 +69,14 @@ std::optional<channel_message> parse_message(byte_span datagram) {
     switch (head.op) {
     case av_op::ioctl:
         return parse_ioctl(body);
+    case av_op::rflow_set_app:
+        return parse_app_setting(body);
     case av_op::rflow_reset_app_policy:
         return body.empty() ? std::optional<channel_message>(policy_reset{}) : std::nullopt;
     case av_op::set_device:
         return parse_switch(body);
+    case av_op::safesearch:
+        return parse_safesearch(body);
     case av_op::log_syslog:
         return parse_syslog(body);
     default:

@@ -41,8 +41,8 @@ struct question {
     byte_span body; // unchecked; lives as long as the datagram
 };
 
-using channel_message =
-    std::variant<av_verdict, policy_reset, switch_setting, syslog_line, ignored_message, question>;
+using channel_message = std::variant<av_verdict, av_app_setting, policy_reset, switch_setting,
+                                     av_safesearch_setting, syslog_line, ignored_message, question>;
 
 std::optional<channel_message> parse_message(byte_span datagram);
 

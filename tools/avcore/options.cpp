@@ -9,6 +9,7 @@ namespace avcore {
 namespace {
 
 constexpr int USAGE_ERROR = 2;
+constexpr int64_t MAX_AGENT_DELAY_MS = 3'600'000;
 
 } // namespace
 
@@ -30,6 +31,20 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
     app.add_option("-c", chosen.config, "TOML file: clients, profiles, platform values")
         ->type_name("CONFIG");
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
+    app.add_option("--categories", chosen.categories, "Text file: domains and their web categories")
+        ->type_name("FILE");
+    app.add_option("--safe-search", chosen.safe_search, "Folder for the resolvers' files")
+        ->type_name("DIR");
+    app.add_option("--url-agent-delay", chosen.agent_delay_ms,
+                   "The URL-filtering agent's first answer about a domain comes so much later")
+        ->type_name("MS")
+        ->check(CLI::Range(int64_t{0}, MAX_AGENT_DELAY_MS));
+    app.add_flag("--url-agent-down", chosen.agent_down,
+                 "The agent can't reach its server, until SIGUSR2");
+    app.add_option("--command-socket", chosen.command_socket,
+                   "The daemon's command socket, for the agent's late answers")
+        ->type_name("PATH")
+        ->capture_default_str();
     try {
         app.parse(argc, argv);
         if (chosen.in_interface == chosen.out_interface)

@@ -1,6 +1,7 @@
 // avcore's command line.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -12,6 +13,11 @@ struct options {
     std::string in_interface;
     std::string config; // may be empty
     bool json = false;
+    std::string categories;  // files and folders; empty: none
+    std::string safe_search; //
+    bool agent_down = false;
+    std::optional<int64_t> agent_delay_ms;
+    std::string command_socket = "/var/run/jorn.sock";
 };
 
 // Returns nothing after having printed the help or what is wrong; `status` is then the exit status.

@@ -62,6 +62,8 @@ std::string verdict_text(const flow_row &row) {
     constexpr const char *words[] = {"none", "allow", "white list", "deny", "rate limit", "qos"};
     std::string text =
         row.verdict < std::size(words) ? words[row.verdict] : std::to_string(row.verdict);
+    if (row.wificalling)
+        text += ", wifi calling " + std::to_string(row.wfc_priority);
     return row.outdated ? text + " (outdated)" : text;
 }
 
@@ -131,6 +133,11 @@ void print_json(std::ostream &out, const flow_table &flows) {
         };
         if (!row.host.empty())
             object["host"] = row.host;
+        if (row.wificalling) {
+            object["wificalling"] = true;
+            object["priority"] = row.wfc_priority;
+            object["fqdn"] = row.wfc_fqdn;
+        }
         if (row.outdated)
             object["outdated"] = true;
         print_line(out, object);
@@ -165,6 +172,11 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         {fed.start_repeats, "repeats of a first frame until the daemon answered"},
         {fed.overlooked, "verdicts that answered no frame"},
         {totals.malformed_messages, "malformed messages on the AV channel"},
+        {totals.unknown_flows, "verdicts for flows that aren't in the table"},
+        {totals.refused_safe_search, "refused settings of safe search"},
+        {totals.agent.sent, "late answers of the URL-filtering agent"},
+        {totals.agent.undelivered, "late answers that no daemon took"},
+        {totals.agent.no_room, "late answers dropped, for too many were waiting"},
     };
     for (const auto &remark : remarks) {
         if (remark.count != 0)

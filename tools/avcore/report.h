@@ -7,6 +7,7 @@
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
 #include "avcore/source.h"
+#include "avcore/url_agent.h"
 
 #include <iosfwd>
 #include <map>
@@ -19,6 +20,9 @@ struct totals {
     feeder_counts feeder;
     size_t max_frame_size = 0;
     uint64_t malformed_messages = 0;
+    uint64_t unknown_flows = 0;       // of the daemon's verdicts by flow key
+    uint64_t refused_safe_search = 0; // settings
+    url_agent_counts agent;
     std::map<std::string, int32_t> switches; // what the daemon switched, printable
     bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
 };

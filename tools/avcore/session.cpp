@@ -33,6 +33,13 @@ frame_source open_source(const options &options) {
                                         : frame_source::open_interface(options.in_interface);
 }
 
+url_agent open_agent(const options &options) {
+    const bool present =
+        !options.categories.empty() || options.agent_down || options.agent_delay_ms.has_value();
+    return {{present, options.agent_down, options.agent_delay_ms, options.command_socket},
+            options.categories.empty() ? category_list() : category_list::read(options.categories)};
+}
+
 } // namespace
 
 session::session(const options &options, const config &settings)
@@ -43,6 +50,10 @@ session::session(const options &options, const config &settings)
       sink_(options.out_interface),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
+      agent_(open_agent(options)),
+      safe_search_(options.safe_search.empty()
+                       ? nullptr
+                       : std::make_unique<safe_search>(options.safe_search)),
       max_frame_size_(sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer))) {
     source_.set_max_frame_size(max_frame_size_);
     if (max_frame_size_ < MAX_FRAME_SIZE)
@@ -107,7 +118,7 @@ session::ending session::turn() {
         progress_.show(source_.share_read(), feeder_.counts().answered, now_ms);
     if (stop_requested_)
         return ending::stopped;
-    if (input_ended_ && !feeder_.waiting())
+    if (input_ended_ && !feeder_.waiting() && !agent_.waiting())
         return ending::complete;
     if (feeder_.daemon_gone(now_ms)) {
         error_ = feeder_.started() ? "no verdict for 5 seconds: the daemon is gone"
@@ -116,9 +127,15 @@ session::ending session::turn() {
     }
     explain_waiting(now_ms);
     wait(now_ms);
-    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); });
+    serve_channel();
     take_signal();
     return ending::none;
+}
+
+void session::serve_channel() {
+    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); });
+    if (const std::string failed = safe_search_ ? safe_search_->write() : ""; !failed.empty())
+        say("safe search: " + failed);
 }
 
 // Before the feeder takes a silence for lost frames or a gone daemon: it may be the link's.
@@ -143,6 +160,9 @@ void session::take_signal() {
     case signals::request::print:
         progress_.clear();
         report();
+        break;
+    case signals::request::agent:
+        agent_.bring_back();
         break;
     case signals::request::none:
         break;
@@ -210,7 +230,8 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    if (const int64_t due_ms = bus_ ? bus_->next_tick_ms() : NEVER_MS; due_ms != NEVER_MS) {
+    const int64_t due_ms = std::min(bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms());
+    if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
     }
@@ -220,11 +241,13 @@ void session::wait(int64_t now_ms) {
         // Only while there is room: what waits in the capture's buffer stays there.
         {!input_ended_ && feeder_.has_room(clock_ms()) ? source_.fd() : -1, POLLIN, 0},
         {bus_ ? bus_->fd() : -1, POLLIN, 0},
+        {agent_.fd(), POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
     const int64_t woken_ms = clock_ms();
     if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
         bus_->serve(woken_ms);
+    agent_.serve(woken_ms);
 }
 
 std::vector<std::byte> session::take_datagram(byte_span datagram) {
@@ -239,6 +262,10 @@ std::vector<std::byte> session::take_datagram(byte_span datagram) {
         take(*verdict);
     else if (const auto *line = std::get_if<syslog_line>(&*message))
         take(*line);
+    else if (const auto *application = std::get_if<av_app_setting>(&*message))
+        take(*application);
+    else if (const auto *mapping = std::get_if<av_safesearch_setting>(&*message))
+        take(*mapping);
     else if (const auto *setting = std::get_if<switch_setting>(&*message))
         take(*setting);
     else if (std::holds_alternative<policy_reset>(*message))
@@ -258,6 +285,17 @@ void session::take(const syslog_line &line) {
     say("syslog, level " + std::to_string(line.level) + ": " + printable(line.text));
 }
 
+void session::take(const av_app_setting &setting) {
+    if (!builder_.flows().set_application(setting))
+        ++unknown_flows_;
+}
+
+void session::take(const av_safesearch_setting &setting) {
+    const std::string refusal = safe_search_ ? safe_search_->take(setting) : "";
+    if (!refusal.empty() && refused_safe_search_++ == 0)
+        say("safe search: " + refusal);
+}
+
 void session::take(const switch_setting &setting) {
     constexpr const char *names[] = {"", "av", "url", "wfc", "tm"};
     std::string name = names[static_cast<uint32_t>(setting.which)];
@@ -274,6 +312,8 @@ std::vector<std::byte> session::answer(const question &asked) {
     case av_op::dnscache_get_name:
         names_.advance(feeder_.judged());
         return answer_domain_name(names_.names(), names_.time_us(), asked);
+    case av_op::urlfilter_get_category:
+        return agent_.answer(asked, clock_ms());
     case av_op::platform_value:
         engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
@@ -304,10 +344,15 @@ void session::say(const std::string &what) {
 
 void session::report() {
     const flow_table &flows = builder_.flows();
-    const totals totals = {
-        source_.counts(), feeder_.counts(),
-        max_frame_size_,  malformed_messages_,
-        switches_,        builder_.has_engine() && !engine_asked_ && engine_ignored_};
+    const totals totals = {source_.counts(),
+                           feeder_.counts(),
+                           max_frame_size_,
+                           malformed_messages_,
+                           unknown_flows_,
+                           refused_safe_search_,
+                           agent_.counts(),
+                           switches_,
+                           builder_.has_engine() && !engine_asked_ && engine_ignored_};
     if (options_.json)
         print_json(std::cout, flows);
     else

@@ -12,8 +12,10 @@
 #include "avcore/options.h"
 #include "avcore/progress.h"
 #include "avcore/report.h"
+#include "avcore/safe_search.h"
 #include "avcore/signals.h"
 #include "avcore/source.h"
+#include "avcore/url_agent.h"
 
 namespace avcore {
 
@@ -36,11 +38,14 @@ private:
     void take_frame(const captured_frame &captured);
     void send_frames();
     void wait(int64_t now_ms);
+    void serve_channel();
     void open_bus();
     std::string bus_name();
     std::vector<std::byte> take_datagram(byte_span datagram);
     void take(const av_verdict &verdict);
     void take(const syslog_line &line);
+    void take(const av_app_setting &setting);
+    void take(const av_safesearch_setting &setting);
     void take(const switch_setting &setting);
     std::vector<std::byte> answer(const question &asked);
     void explain_waiting(int64_t now_ms);
@@ -58,7 +63,9 @@ private:
     channel_server channel_;
     progress_bar progress_;
     name_timeline names_;
-    std::unique_ptr<message_bus> bus_; // null: there is none
+    url_agent agent_;
+    std::unique_ptr<safe_search> safe_search_; // null: nobody carries it out
+    std::unique_ptr<message_bus> bus_;         // null: there is none
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
@@ -66,6 +73,8 @@ private:
     bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;
+    uint64_t unknown_flows_ = 0;
+    uint64_t refused_safe_search_ = 0;
     int64_t first_frame_ms_ = -1;
     bool input_ended_ = false;
     bool more_input_ = false; // without waiting

@@ -14,7 +14,7 @@ signals::signals() {
     signal(SIGPIPE, SIG_IGN);
     sigset_t answered;
     sigemptyset(&answered);
-    for (const int number : {SIGINT, SIGTERM, SIGUSR1})
+    for (const int number : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
         sigaddset(&answered, number);
     struct sigaction hangup = {};
     if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
@@ -29,7 +29,14 @@ signals::request signals::take() {
     signalfd_siginfo signal = {};
     if (read(fd_.get(), &signal, sizeof signal) <= 0)
         return request::none;
-    return signal.ssi_signo == SIGUSR1 ? request::print : request::stop;
+    switch (signal.ssi_signo) {
+    case SIGUSR1:
+        return request::print;
+    case SIGUSR2:
+        return request::agent;
+    default:
+        return request::stop;
+    }
 }
 
 } // namespace avcore

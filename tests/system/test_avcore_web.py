@@ -1,0 +1,193 @@
+"""avcore behind the web filter and Wi-Fi calling: categories, late answers, safe search, tags."""
+import json
+import unittest
+
+from testbed import *
+
+WEB_POLICY, WEB_FLUSH, WEB_INTF, CARRIER, CARRIED = 28, 29, 30, 35, 36
+SAFE_SEARCH, HOSTS = "/tmp/resolvers", ("google.com", "search.google.com", "www.google.com")
+
+
+def web_policy(utp_id=0, categories=(), google=None):
+    return struct.pack("=IB3x83i2082x2xB3x4s16xI65s65s2x", 4, len(categories), *categories,
+                       *[0] * (83 - len(categories)), google is not None,
+                       socket.inet_aton(google or "0.0.0.0"), utp_id, b"u", b"")
+
+
+def binding(ifname):
+    return struct.pack("=B17s2xII65s3x", 1, ifname.encode(), 0, 3, b"u")
+
+
+def web_frame(domain, src_port):
+    return tcp_frame(src_port, 80, f"GET / HTTP/1.1\r\nHost: {domain}\r\n\r\n".encode())
+
+
+def resolve(name, kind):
+    """The response code and the addresses of a name."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asking:
+        asking.settimeout(1)
+        asking.connect(("127.0.0.1", 53))
+        question = b"".join(bytes([len(label)]) + label.encode() for label in name.split("."))
+        asking.send(struct.pack(">HHHHHH", 7, 0x100, 1, 0, 0, 0) + question +
+                    struct.pack(">BHH", 0, kind, 1))
+        try:
+            reply = asking.recv(512)
+        except OSError:
+            return None
+    count = int.from_bytes(reply[6:8], "big")
+    return reply[3] & 15, {socket.inet_ntoa(reply[-4 - 16 * n:][:4]) for n in range(count)}
+
+
+class AvcoreWeb(SystemTest):
+    def start(self, *options):
+        """avcore reads frames from a pipe and prints its rows when it is asked to."""
+        with open("/tmp/categories", "w") as file:
+            file.write("blocked.example 9 5\nfree.example 6\n")
+        with open("/tmp/avcore.toml", "w") as file:
+            file.write('[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
+                       'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n')
+        os.mkfifo("/tmp/pipe")
+        self.addCleanup(os.unlink, "/tmp/pipe")
+        self.addCleanup(shutil.rmtree, SAFE_SEARCH, True)
+        self.avcore = subprocess.Popen(
+            [jorn_path("avcore"), "-o", FEED, "-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
+             "--categories", "/tmp/categories", *options],
+            text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.avcore.communicate)
+        self.addCleanup(self.avcore.kill)
+        self.until(lambda: os.path.exists(AV_SOCKET))
+        self.addCleanup(os.unlink, COMMAND_SOCKET)
+        self.jorn = self.daemon("-d")
+        self.until(lambda: os.path.exists(COMMAND_SOCKET))
+        self.pipe = open("/tmp/pipe", "wb", buffering=0)
+        self.addCleanup(self.pipe.close)
+        self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
+
+    def until(self, done):
+        ends = time.monotonic() + DEADLINE
+        while not (found := done()):
+            self.assertLess(time.monotonic(), ends)
+            time.sleep(0.01)
+        return found
+
+    def feed(self, *frames):
+        for frame in frames:
+            self.pipe.write(struct.pack("=IIII", 1_700_000_000, 0, len(frame), len(frame)) + frame)
+
+    def report(self):
+        """The rows at the end, by the client's port, and the totals."""
+        self.pipe.close()
+        rows, totals = self.avcore.communicate(timeout=60)
+        self.assertEqual(self.avcore.returncode, 0, totals)
+        return {row["client_port"]: row for row in map(json.loads, rows.splitlines())}, totals
+
+    def test_categories_and_calls_end_in_the_rows(self):
+        self.start()
+        command(WEB_POLICY, web_policy(categories=[5]))
+        command(WEB_INTF, binding("wlan0"))
+        command(CARRIER, struct.pack("=B3xi256s4s1040x65s65s", 1, 3, b"epdg.example",
+                                     socket.inet_aton(SERVER), b"", b"Carrier"))
+        command(CARRIED, struct.pack("=B19sii325s325x2x", 1, b"wlan0", 0, 1, b"Carrier"))
+        self.feed(web_frame("a.Blocked.example", 1), web_frame("free.example", 2),
+                  web_frame("unblocked.example", 3), udp_frame(4, 4500, b"\0\0\0\0"))
+        rows, _ = self.report()
+        self.assertEqual([rows[port]["verdict"] for port in (1, 2, 3)], [3, 1, 1], rows)
+        self.assertEqual({key: rows[4].get(key) for key in ("application", "wificalling", "priority",
+                                                           "fqdn")},
+                         {"application": "carrier", "wificalling": True, "priority": 3,
+                          "fqdn": "epdg.example"})
+        self.assertNotIn("wificalling", rows[2])
+
+    def test_late_answers_deny(self):
+        self.start("--url-agent-delay", "1000")
+        command(WEB_POLICY, web_policy(categories=[5]))
+        command(WEB_INTF, binding("wlan0"))
+        self.feed(web_frame("blocked.example", 1), web_frame("blocked.example", 2),
+                  web_frame("free.example", 3))
+        rows, totals = self.report()  # once the late ones are through
+        self.assertEqual([(rows[port]["verdict"], rows[port]["application"]) for port in (1, 2, 3)],
+                         [(3, "")] * 2 + [(1, "")])  # the daemon's name for what it got no answer about
+        self.assertIn("late answers of the URL-filtering agent: 3\n", totals)
+        self.assertEqual(len([line for line in self.jorn.lines.items if "Send DENY back" in line]), 2)
+
+    def test_an_agent_that_is_down_and_comes_back(self):
+        self.start("--url-agent-down")
+        command(WEB_POLICY, web_policy(categories=[5]))
+        command(WEB_INTF, binding("wlan0"))
+        self.feed(*[web_frame("blocked.example", port) for port in range(1, 6)])
+        self.jorn.wait_line("urlFilteringServerUnreachable")
+        self.avcore.send_signal(signal.SIGUSR2)
+        self.until(lambda: self.feed(web_frame("blocked.example", 7)) or any(
+            "Final URL policy is BLOCKED" in line for line in self.jorn.lines.items))
+        rows, totals = self.report()
+        self.assertEqual([rows[port]["verdict"] for port in (1, 7)], [1, 3])
+        self.assertIn("late answers of the URL-filtering agent: 5\n", totals)
+
+    def test_late_answers_without_a_daemon_are_dropped(self):
+        self.start("--url-agent-delay", "0", "--command-socket", "/tmp/nobody.sock")
+        command(WEB_POLICY, web_policy(categories=[5]))
+        command(WEB_INTF, binding("wlan0"))
+        self.feed(web_frame("blocked.example", 1))
+        rows, totals = self.report()
+        self.assertEqual(rows[1]["verdict"], 1)
+        self.assertIn("late answers that no daemon took: 1\n", totals)
+
+    def test_a_resolver_follows_safe_search(self):
+        self.start("--safe-search", SAFE_SEARCH)
+        hosts = SAFE_SEARCH + "/wlan0/hosts"
+
+        def mapped():
+            with open(hosts) as file:
+                return file.read()
+
+        def bind(vip):
+            command(WEB_FLUSH)
+            command(WEB_POLICY, web_policy(5, google=vip))
+            command(WEB_INTF, binding("wlan0"))
+            expected = "".join(f"{vip} {host}\n" for host in HOSTS) if vip else ""
+            self.until(lambda: os.path.exists(hosts) and mapped() == expected)
+
+        bind("192.0.2.80")
+        self.assertEqual(os.listdir(SAFE_SEARCH + "/utp-5"), os.listdir(SAFE_SEARCH + "/wlan0"))
+        for options in ([f"--address=/#/{SERVER}", "--port=54", "--conf-file=/dev/null"],
+                        ["--server=127.0.0.1#54", f"--hostsdir={SAFE_SEARCH}/wlan0",
+                         f"--conf-file={SAFE_SEARCH}/wlan0/dnsmasq.conf"]):
+            resolver = subprocess.Popen(
+                ["dnsmasq", "--keep-in-foreground", "--user=root", "--no-resolv", "--no-hosts",
+                 "--pid-file=", "--log-facility=/dev/null", *options])
+            self.addCleanup(resolver.wait)
+            self.addCleanup(resolver.terminate)
+        self.until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.80"}))
+        for kind in (28, 65):  # IPv6 and HTTPS would walk round it
+            self.assertEqual(resolve("google.com", kind), (0, set()))
+        self.assertEqual(resolve("mail.google.com", 1), (0, {SERVER}))
+        bind("192.0.2.81")
+        self.until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.81"}))
+        bind(None)
+        self.until(lambda: resolve("www.google.com", 1) == (3, set()))
+
+    def test_what_connects_cannot_leave_the_folder(self):
+        self.start("--safe-search", SAFE_SEARCH)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+            client.connect(AV_SOCKET)
+
+            def add(ifname, host, mode=1, utp_id=5):
+                client.send(struct.pack("=IIIIIi4s24s64s", 5, 0, 2, mode, utp_id, 0, b"\1\1\1\1",
+                                        ifname, host))
+            for ifname in (b"../x", b".", b"..", b"", b"a/b", b"utp-5", b"w\n"):
+                add(ifname, b"a.example")
+            for host in (b"", b".a", b"a b", b"a\n1.1.1.1 b", b"a/b"):
+                add(b"wlan1", host)
+            client.send(struct.pack("=II160x", 2, 0))  # the verdict of a flow that nobody saw
+            add(b"w" * 24, b"a.example")
+            self.until(lambda: os.path.exists(f"{SAFE_SEARCH}/{'w' * 24}/hosts"))
+        self.assertEqual(os.listdir(SAFE_SEARCH), ["w" * 24])
+        self.assertFalse(os.path.exists("/tmp/x"))
+        self.feed(udp_frame(1, 2))
+        _, totals = self.report()
+        self.assertIn("refused settings of safe search: 12\n", totals)
+        self.assertIn("verdicts for flows that aren't in the table: 1\n", totals)
+
+
+if __name__ == "__main__":
+    unittest.main()

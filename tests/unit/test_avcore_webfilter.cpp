@@ -1,0 +1,145 @@
+// What avcore plays of web filtering: categories, the agent's late answers, verdicts by flow key,
+// safe search.
+#include "avcore/categories.h"
+#include "avcore/config.h"
+#include "avcore/flow_table.h"
+#include "avcore/safe_search.h"
+#include "avcore/url_agent.h"
+
+#include "core/text/text.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace avcore;
+
+TEST(AvcoreCategories, TheLongestSuffixInWholeLabelsCounts) {
+    const category_list list = category_list::parse(
+        "# ids\nvideo.example 45\r\n\tKids.Video.example 42 45 # two\n\norg 7", "f");
+    const struct {
+        const char *domain;
+        int32_t status, first, count;
+    } rows[] = {
+        {"video.example", 0, 45, 1},
+        {"WWW.video.EXAMPLE", 0, 45, 1},
+        {"a.b.kids.video.example", 0, 42, 2},
+        {"myvideo.example", 5, 0, 0},
+        {"example", 5, 0, 0},
+        {"a.org", 0, 7, 1},
+        {"", 5, 0, 0},
+        {"org.", 5, 0, 0},
+        {"...", 5, 0, 0},
+    };
+    for (const auto &row : rows) {
+        const urlf_answer answer = list.answer(row.domain);
+        EXPECT_EQ(answer.status, row.status) << row.domain;
+        EXPECT_EQ(answer.categories[0], row.first) << row.domain;
+        EXPECT_EQ(answer.category_count, row.count) << row.domain;
+    }
+    for (const char *line : {"a.example", "a.example 0", "a.example 65536", "a.example -1",
+                             "a.example 1x", ".a 1", "a/b 1", "a 1 2 3 4 5 6", "b 1"})
+        EXPECT_THROW(category_list::parse(std::string("b 1\n") + line, "f"), config_error) << line;
+}
+
+TEST(AvcoreAgent, WaitingAnswersAreBoundedAndOneAFlow) {
+    url_agent agent({true, false, 10, "/nowhere/jorn.sock"}, category_list());
+    const auto ask = [&agent](uint16_t port, const char *domain) {
+        urlf_request request = {};
+        request.flow_key.src_port_be = port;
+        copy_text(request.domain, domain);
+        const question asked = {{av_op::urlfilter_get_category, 1},
+                                std::as_bytes(std::span(&request, 1))};
+        return agent.answer(asked, 0).size() > sizeof(av_answer_head);
+    };
+    for (uint16_t port = 0; port < url_agent::MAX_WAITING + 2; ++port) {
+        EXPECT_FALSE(ask(port, "a.example"));
+        EXPECT_FALSE(ask(port, "A.example"));
+    }
+    EXPECT_EQ(agent.late_answers(), url_agent::MAX_WAITING);
+    EXPECT_EQ(agent.counts().no_room, 4u);
+    agent.serve(agent.next_tick_ms() - 1);
+    EXPECT_EQ(agent.late_answers(), url_agent::MAX_WAITING);
+    while (agent.waiting())
+        agent.serve(agent.next_tick_ms());
+    EXPECT_EQ(agent.counts().undelivered, url_agent::MAX_WAITING);
+    EXPECT_TRUE(ask(7, "a.Example"));
+    EXPECT_FALSE(ask(7, "b.example"));
+}
+
+TEST(AvcoreFlows, AVerdictByFlowKeyFitsEitherDirection) {
+    const config settings;
+    const client_rules rules(settings, "");
+    flow_table flows(rules);
+    frame_facts frame;
+    frame.ipv4 = true;
+    frame.ip_proto = 6;
+    frame.sender = {{2}, inet_addr("10.0.0.1"), 40000};
+    frame.receiver = {{4}, inet_addr("192.0.2.7"), 443};
+    flow_row &row = flows.count_frame(frame, 1).row;
+    row.application = "kept";
+
+    flow_key key = {};
+    key.ip_proto = 6;
+    key.src_ip_be = frame.receiver.ip_be;
+    key.dst_ip_be = frame.sender.ip_be;
+    key.src_port_be = htons(443);
+    key.dst_port_be = htons(40000);
+    av_app_setting setting = {};
+    copy_text(setting.name, "***");
+    const auto set = [&](uint32_t verdict) {
+        memcpy(setting.flow_key, &key, sizeof key);
+        setting.verdict = verdict;
+        return flows.set_application(setting);
+    };
+    EXPECT_TRUE(set(3));
+    EXPECT_EQ(row.verdict, AV_VERDICT_DENY);
+    std::swap(key.src_ip_be, key.dst_ip_be);
+    EXPECT_FALSE(set(3));
+    std::swap(key.src_port_be, key.dst_port_be);
+    EXPECT_TRUE(set(2));
+    EXPECT_EQ(row.verdict, AV_VERDICT_ALLOW);
+    EXPECT_EQ(row.application, "kept");
+
+    frame = {};
+    frame.ether_type = 0x0806;
+    frame.sender.mac = {2};
+    frame.receiver.mac = {4};
+    flows.count_frame(frame, 1);
+    key = {};
+    key.non_ip = 1;
+    key.src_mac[0] = 4;
+    key.dst_mac[0] = 2;
+    key.dst_port_be = htons(0x0806);
+    EXPECT_TRUE(set(3));
+}
+
+TEST(AvcoreSafeSearch, SidesAndNamesAreBounded) {
+    const std::string folder =
+        testing::TempDir() + "avcore_safe_search." + std::to_string(getpid());
+    safe_search service(folder);
+    const auto add = [&service](uint32_t utp_id, const std::string &host) {
+        av_safesearch_setting setting = {};
+        setting.action = av_safesearch_action::add;
+        setting.mode = 2;
+        setting.utp_id = utp_id;
+        copy_text(setting.host, host);
+        return service.take(setting).empty();
+    };
+    for (uint32_t i = 0; i < 300; ++i) {
+        EXPECT_EQ(add(i, "a.example"), i < safe_search::MAX_SIDES);
+        EXPECT_EQ(add(0, 'n' + std::to_string(i)), i < safe_search::MAX_NAMES - 1);
+    }
+    EXPECT_EQ(service.write(), "");
+    std::filesystem::remove_all(folder + "/utp-0");
+    std::filesystem::create_directories(folder + "/utp-0/.hosts");
+    EXPECT_TRUE(add(0, "n1"));
+    EXPECT_EQ(service.write(), folder + "/utp-0/hosts: Is a directory");
+    EXPECT_EQ(service.write(), "");
+    std::filesystem::remove_all(folder);
+}
+
+} // namespace
