@@ -28,19 +28,6 @@ def client_hello(server_name):
     return outgoing.read()
 
 
-def dns_name(name):
-    return b"".join(bytes([len(label)]) + label.encode() for label in name.split(".")) + b"\0"
-
-
-def dns_answer(asked, alias, address):
-    """The answer to a question for `asked`, which is an alias."""
-    question = dns_name(asked) + struct.pack(">HH", 1, 1)
-    target = dns_name(alias)
-    return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
-        b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
-        target + struct.pack(">HHIH", 1, 1, 300, 4) + socket.inet_aton(address)
-
-
 def from_server(address, port, to, payload):
     return ethernet(0x0800, ipv4(17, udp(port, to, payload), src=address, dst=CLIENT),
                     src=SERVER_MAC, dst=CLIENT_MAC)

@@ -1,28 +1,14 @@
 """The message bus: avcores in namespaces of their own on one network, and clients on their bus
 sockets in the place of daemons. The test itself is a further host of that network."""
 import contextlib
-import ctypes
 import ssl
 
-from testbed import *
+from access_points import *
 
 PORT = 5670
 TOPIC = "RflowRoamInfo"
-KEYS = "/tmp/keys"
 PAYLOAD_MAX = 16_900
 SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../scripts")
-
-
-@contextlib.contextmanager
-def namespace(name):
-    """This thread is in the namespace, and what it opens there stays there."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    with open("/proc/thread-self/ns/net") as here, open(f"/run/netns/{name}") as there:
-        assert libc.setns(there.fileno(), 0) == 0, os.strerror(ctypes.get_errno())
-        try:
-            yield
-        finally:
-            assert libc.setns(here.fileno(), 0) == 0
 
 
 def wire(sender, topic, payload, length=None):
@@ -30,88 +16,21 @@ def wire(sender, topic, payload, length=None):
     return struct.pack(">I", len(body) if length is None else length) + body
 
 
-class AccessPoint:
-    """An avcore that waits for frames which never come."""
+class BusAccessPoint(AccessPoint):
+    """One with clients on its bus socket."""
 
     def __init__(self, number):
-        self.netns = f"ap{number}"
-        self.name = f"AP.02:00:00:00:00:{number:02X}"
-        self.address, self.ipv6 = f"10.9.0.{number}", f"fd00:9::{number}"
-        self.bus_socket, self.av_socket = f"/tmp/{self.netns}.bus", f"/tmp/{self.netns}.av"
-        self.lines = Record(f"lines of {self.netns}")
-        self.process = self._reader = None
+        super().__init__(number)
         self.clients = []
-
-    def lay_out(self):
-        ip = ("ip", "-n", self.netns)
-        run("ip", "netns", "add", self.netns)
-        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
-            "net.ipv6.conf.default.disable_ipv6=1")
-        for end in ("in", "out"):
-            run(*ip, "link", "add", end + "0", "mtu", "65535", "type", "veth", "peer", end + "1",
-                "mtu", "65535")
-            for number in "01":
-                run(*ip, "link", "set", end + number, "arp", "off", "up")
-        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
-            "net.ipv6.conf.default.disable_ipv6=0")
-        run("ip", "link", "add", self.netns, "type", "veth", "peer", "eth0", "netns", self.netns)
-        run("ip", "link", "set", self.netns, "master", "br0", "up")
-        run(*ip, "addr", "add", self.address + "/24", "dev", "eth0")
-        run(*ip, "addr", "add", self.ipv6 + "/64", "dev", "eth0", "nodad")
-        for link in ("lo", "eth0"):
-            run(*ip, "link", "set", link, "up")
-
-    def start(self, bus=""):
-        with open(f"/tmp/{self.netns}.toml", "w") as file:
-            file.write(f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n[bus]\n{bus}')
-        self.process = subprocess.Popen(
-            ["ip", "netns", "exec", self.netns, jorn_path("avcore"), "-i", "in0", "-o", "out0",
-             "-c", file.name],
-            env=os.environ | {"JORN_BUS_SOCK": self.bus_socket, "JORN_AV_SOCK": self.av_socket,
-                              "ASAN_OPTIONS": "quarantine_size_mb=1"},
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self._reader = threading.Thread(target=self._read)
-        self._reader.start()
-        return self
-
-    def _read(self):
-        with self.process.stdout as lines:
-            for line in lines:
-                self.lines.add(line.strip())
-
-    def keys(self, name=None, authority="ca"):
-        """[bus] with the files of `name`, its own by default, and whom it trusts."""
-        name = name or self.name
-        return (f'ca = "{KEYS}/{authority}.pem"\ncertificate = "{KEYS}/{name}.pem"\n'
-                f'key = "{KEYS}/{name}.key"\n')
 
     def client(self):
         self.clients.append(Client(self.bus_socket))
         return self.clients[-1]
 
-    def wait_line(self, text, since=0):
-        return self.lines.wait(lambda line: text in line, since=since)
-
-    def wait_report(self, text):
-        """Asks for reports until one says so."""
-        since, ends = len(self.lines), time.monotonic() + DEADLINE
-        while not any(text in line for line in self.lines.items[since:]):
-            assert time.monotonic() < ends, (text, self.lines.items[since:][-10:])
-            self.process.send_signal(signal.SIGUSR1)
-            time.sleep(0.01)
-
-    def status(self):
-        status = self.process.wait(DEADLINE)
-        self._reader.join(DEADLINE)
-        return status
-
     def stop(self):
         while self.clients:
             self.clients.pop().close()
-        if self.process and self.process.poll() is None:
-            self.process.terminate()
-            return self.status()
-        return 0
+        return super().stop()
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
@@ -188,15 +107,12 @@ def make_keys(a, b):
 class Bus(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        run("ip", "link", "add", "br0", "type", "bridge")
-        run("ip", "link", "set", "br0", "up")
+        lay_out()
         run("ip", "addr", "add", "10.9.0.254/24", "dev", "br0")
-        for number in (1, 2, 3):
-            AccessPoint(number).lay_out()
         make_keys("AP.02:00:00:00:00:01", "AP.02:00:00:00:00:02")
 
     def setUp(self):
-        self.a, self.b, self.c = (AccessPoint(number) for number in (1, 2, 3))
+        self.a, self.b, self.c = (BusAccessPoint(number) for number in (1, 2, 3))
         for each in (self.a, self.b, self.c):
             self.addCleanup(self.end, each)
 

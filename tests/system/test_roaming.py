@@ -1,10 +1,11 @@
-"""Command 9 and the message bus: what the daemon publishes, and what it takes from peers."""
+"""Command 9 and the message bus: what the daemon publishes, what it takes from peers, and stations
+that roam between whole access points."""
 import ipaddress
 import re
 import struct
 import unittest
 
-from testbed import *
+from access_points import *
 
 BUS_SOCKET = "/var/run/av_bus.sock"
 SUBSCRIBE, ADD_PEER, PUBLISH, DELIVER = 1, 2, 3, 4
@@ -173,6 +174,72 @@ class Importing(RoamingTest):
             bus.deliver(message(roam_flow(b"a.example", "198.51.100.7")))
             self.listed(until="198.51.100.7")
             bus.close()
+
+
+class AccessPoints(unittest.TestCase):
+    """A daemon and an avcore each, in namespaces of their own."""
+
+    def setUp(self):
+        lay_out()
+        self.points = [AccessPoint(number) for number in (1, 2, 3)]
+        self.daemons = []
+        self.addCleanup(self.end)
+
+    def end(self):
+        for each in (*self.daemons, *self.points):
+            self.assertEqual(each.stop(), 0, each.lines.items[-20:])
+        for each in self.daemons:
+            each.kill()
+
+    def start_daemon(self, point):
+        self.daemons.append(point.daemon())
+        point.wait_for(COMMAND_SOCKET)
+
+    def listed(self, point):
+        text = point.jornctl("show", "dns")
+        return dict(zip(re.findall("dst ip: (.*)", text), re.findall("application name: (.*)", text)))
+
+    def wait_listed(self, point, entries, before=lambda: None):
+        ends = time.monotonic() + DEADLINE
+        while not entries.items() <= (listed := self.listed(point)).items():
+            self.assertLess(time.monotonic(), ends, listed)
+            before()
+            time.sleep(0.05)
+
+    def talk(self, point, name, address, port):
+        """The station learns a name by DNS and talks to its address."""
+        frames = (ethernet(0x0800, ipv4(17, udp(53, 1024, dns_answer(name, name, address)), src=SERVER,
+                                        dst=CLIENT), src=SERVER_MAC, dst=STATION),
+                  ethernet(0x0800, ipv4(6, tcp(port, 443, b"x"), dst=address), src=STATION))
+        self.wait_listed(point, {address: name}, before=lambda: point.feed(*frames))
+
+    def roam(self, leaves, reaches):
+        leaves.jornctl("roam", "--station", STATION, "--to", reaches.name[3:], "--address",
+                       reaches.address)
+
+    def test_names_follow_a_station(self):
+        one, two, three = self.points
+        self.start_daemon(two)  # before its avcore
+        for each in self.points:
+            each.start()
+        self.start_daemon(one)
+        self.start_daemon(three)
+        self.talk(two, "known.example", "198.51.100.2", 50002)
+        self.talk(one, "one.example", "198.51.100.1", 50001)
+        self.talk(one, "renamed.example", "198.51.100.2", 50003)
+        self.roam(one, two)
+        self.wait_listed(two, {"198.51.100.1": "one.example", "198.51.100.2": "known.example"})
+
+        # Without its avcore the daemon goes on, and with the next one the names arrive again.
+        self.assertEqual(two.stop(), 0)
+        self.talk(one, "later.example", "198.51.100.3", 50004)
+        self.roam(one, two)
+        two.start()
+        self.wait_listed(two, {"198.51.100.1": "one.example", "198.51.100.2": "known.example",
+                               "198.51.100.3": "later.example"})
+        two.wait_report("1 received, 1 delivered")
+        three.wait_report("0 received, 0 delivered")
+        self.assertEqual(self.listed(three), {})
 
 
 if __name__ == "__main__":

@@ -103,6 +103,19 @@ def http_302(location):
     return f"HTTP/1.1 302 Found\r\nLocation:{location}\r\nContent-Length: 0\r\n\r\n".encode()
 
 
+def dns_name(name):
+    return b"".join(bytes([len(label)]) + label.encode() for label in name.split(".")) + b"\0"
+
+
+def dns_answer(asked, alias, address):
+    """The answer to a question for `asked`, which is an alias."""
+    question = dns_name(asked) + struct.pack(">HH", 1, 1)
+    target = dns_name(alias)
+    return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
+        b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
+        target + struct.pack(">HHIH", 1, 1, 300, 4) + socket.inet_aton(address)
+
+
 def ipv4_frame(protocol, payload=b"", **header):
     return ethernet(0x0800, ipv4(protocol, payload, **header))
 
