@@ -110,6 +110,7 @@ void look_again(capture_context *capture_ctx) {
         try_again(capture_ctx);
     } else if (if_nametoindex(capture_ctx->device) != watch.index) {
         lose(capture_ctx, "the interface disappeared");
+        try_again(capture_ctx); // it may be there again already
     } else if (is_up(capture_ctx->device)) {
         JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
         watch.state = interface_watch::FINE;

@@ -165,8 +165,9 @@ int __is_userdef_port_attached_to_arc(const arc_policy *policy, const port_app *
     for (const arc_rule &rule : policy->rules) {
         if (field_text(rule.cat_name) == CATEGORY_NAME_USER_DEFINED &&
             field_text(rule.app_name) == field_text(entry->app_name)) {
-            JORN_DEBUG("userdef attached %s attached to arc policy %s\n", entry->app_name,
-                       policy->name);
+            JORN_DEBUG("userdef attached %s attached to arc policy %s\n",
+                       printable_text(field_text(entry->app_name)).c_str(),
+                       printable_text(policy->name).c_str());
             return 1;
         }
     }

@@ -184,7 +184,8 @@ int __is_userdef_attached_to_arc(const arc_policy *policy, const userdef_app *re
     for (const arc_rule &rule : policy->rules) {
         if (field_text(rule.cat_name) == CATEGORY_NAME_USER_DEFINED &&
             field_text(rule.app_name) == field_text(record->app_name)) {
-            JORN_DEBUG("userdef policy %s is attached to arc node %d!\n", record->app_name,
+            JORN_DEBUG("userdef policy %s is attached to arc node %d!\n",
+                       printable_text(field_text(record->app_name)).c_str(),
                        static_cast<int>(policy->utp_id));
             return 1;
         }

@@ -81,8 +81,8 @@ auto count_watch(int32_t most, log_origin from) {
             return;
         const int64_t count = leading_decimal(text);
         if (count < 0 || count > most)
-            JORN_LOG(JORN_LOG_ERROR, from, 0, "a count of %lld is cut to what the list holds, %d\n",
-                     static_cast<long long>(count), most);
+            JORN_LOG(JORN_LOG_ERROR, from, 0, "a count of %lld is cut to %d\n",
+                     static_cast<long long>(count), count < 0 ? 0 : most);
     };
 }
 

@@ -98,8 +98,8 @@ std::span<char[65]> used_profiles(wificalling_intf &binding) {
 }
 
 // Links the binding's names to carriers, the last one in the list that fits. Returns whether one
-// did.
-bool resolve(wificalling_intf &binding) {
+// did; where none does, the log has the interface as it was asked for.
+bool resolve(wificalling_intf &binding, const char *ifname) {
     const auto profiles = used_profiles(binding);
     bool resolved = false;
     std::fill(std::begin(binding.policy_ref), std::end(binding.policy_ref), nullptr);
@@ -115,8 +115,7 @@ bool resolve(wificalling_intf &binding) {
     }
     if (!resolved)
         JORN_ERROR_AS(INTF_CONFIG, "No such policy '%s' is configured for wlan %s\n",
-                      printable_text(binding.profile[0]).c_str(),
-                      printable_text(binding.ifname).c_str());
+                      printable_text(binding.profile[0]).c_str(), printable_text(ifname).c_str());
     return resolved;
 }
 
@@ -136,7 +135,7 @@ int update_binding(wificalling_intf &known, const wificalling_intf_wire &asked) 
     known.num_profiles = asked.num_profiles;
     memcpy(known.profile, asked.profile, sizeof known.profile);
     memcpy(known.profile_alt, asked.profile_alt, sizeof known.profile_alt);
-    if (!resolve(known))
+    if (!resolve(known, asked.ifname))
         return -1;
     JORN_INFO_AS(INTF_CONFIG, "Updating Existing node !\n");
     return 0;
@@ -155,7 +154,7 @@ int add_binding(const wificalling_intf_wire &asked) {
         return -1;
     }
     static_cast<wificalling_intf_wire &>(*binding) = asked;
-    if (!resolve(*binding))
+    if (!resolve(*binding, asked.ifname))
         return -1;
     if (const wificalling_intf *last = bindings.tail; last == nullptr)
         JORN_DEBUG_AS(INTF_CONFIG, "Wificalling intf config add first\n");

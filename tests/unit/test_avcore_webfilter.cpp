@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -137,8 +138,13 @@ TEST(AvcoreSafeSearch, SidesAndNamesAreBounded) {
     std::filesystem::remove_all(folder + "/utp-0");
     std::filesystem::create_directories(folder + "/utp-0/.hosts");
     EXPECT_TRUE(add(0, "n1"));
-    EXPECT_EQ(service.write(), folder + "/utp-0/hosts: Is a directory");
+    EXPECT_EQ(service.write(), folder + "/utp-0/hosts: File exists");
     EXPECT_EQ(service.write(), "");
+    std::filesystem::remove(folder + "/utp-0/.hosts");
+    ASSERT_EQ(mkfifo((folder + "/utp-0/.hosts").c_str(), 0600), 0);
+    EXPECT_TRUE(add(0, "n1"));
+    EXPECT_EQ(service.write(), "");
+    EXPECT_TRUE(std::filesystem::is_regular_file(folder + "/utp-0/hosts"));
     std::filesystem::remove_all(folder);
 }
 

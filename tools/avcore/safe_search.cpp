@@ -31,8 +31,9 @@ std::runtime_error failure(const std::string &what) {
 
 void replace_file(int folder, const std::string &name, const std::string &text) {
     const std::string hidden = "." + name;
+    unlinkat(folder, hidden.c_str(), 0); // of a run that was killed, or a stranger's link or FIFO
     const unique_fd file(
-        openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     errno = file.valid() ? ENOSPC : errno; // of a write that was cut
     if (!file.valid() || ::write(file.get(), text.data(), text.size()) != std::ssize(text) ||
         renameat(folder, hidden.c_str(), folder, name.c_str()) != 0)

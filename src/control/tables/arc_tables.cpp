@@ -81,8 +81,8 @@ int jorn_process_arc_config(const void *payload) {
         entry.policy->utp_id = entry.id;
     jorn_state.arc_utp_table[entry.id - 1] = entry;
     ++jorn_state.arc_generation;
-    JORN_DEBUG("UTP added name: %s, id: %d, ARC uuid: %s n", entry.name, static_cast<int>(entry.id),
-               entry.uuid);
+    JORN_DEBUG("UTP added name: %s, id: %d, ARC uuid: %s n", printable_text(entry.name).c_str(),
+               static_cast<int>(entry.id), printable_text(entry.uuid).c_str());
     jorn_settings.arc_enabled = 1;
     return 0;
 }
@@ -107,7 +107,7 @@ int __arc_policy_add_end(const void *payload) {
     if (const arc_policy *last = jorn_state.arc_policy_list.tail; last == nullptr)
         JORN_DEBUG("policy add first\n");
     else
-        JORN_DEBUG("policy added after :%s\n", last->name);
+        JORN_DEBUG("policy added after :%s\n", printable_text(last->name).c_str());
     jorn_state.arc_policy_list.append(policy);
     __arc_policy_build_arc_utp(policy);
     jorn_settings.arc_enabled = 1;
