@@ -19,6 +19,11 @@ start() { # log name, command ...
     STARTED=$!
 }
 
+stop() { # process
+    kill "$1"
+    wait "$1" || true
+}
+
 wait_until() { # what, command ...: gives up after five seconds
     local deadline=$((SECONDS + 5))
     until "${@:2}" 2>/dev/null; do
@@ -104,15 +109,15 @@ use_demo_dns() {
     echo 'hosts: dns' >/etc/nsswitch.conf
 }
 
-listens() { # -t or -u, port
-    [[ -n $(on_server ss -Hln "$1" "sport = :$2") ]]
+listens() { # -t or -u, address:port
+    [[ -n $(on_server ss -Hln "$1" "src $2") ]]
 }
 
 # dnsmasq's debugging mode keeps the user that it has: in a user namespace there is no other.
-start_name_server() { # dnsmasq options ...
-    start dnsmasq on_server dnsmasq --no-daemon --conf-file=/dev/null --no-resolv --no-hosts \
-        --pid-file= --bind-interfaces --listen-address="$DNS_SERVER" --local=/#/ --local-ttl=300 "$@"
-    wait_until 'name server' listens -u 53
+start_name_server() { # log name, address, configuration, more options ...
+    start "$1" on_server dnsmasq --no-daemon --conf-file="$3" --no-resolv --no-hosts --pid-file= \
+        --bind-interfaces --listen-address="$2" --local-ttl=300 "${@:4}"
+    wait_until 'name server' listens -u "$2:53"
 }
 
 # --- the access point
@@ -165,7 +170,7 @@ try() { # what is shown, command ...
     echo "$answer"
 }
 
-fetch() { # URL
+fetch() { # curl's options and URL
     on_client curl -sS -k --noproxy '*' --max-time 4 -o /dev/null \
-        -w '%{http_code} from %{remote_ip}, %{size_download} bytes' "$1"
+        -w '%{http_code} from %{remote_ip}, %{size_download} bytes' "$@"
 }

@@ -111,7 +111,8 @@ show_names_of() { # number
 # --- the connection that lasts: a line every 0.2 seconds, and its echo
 
 start_chat() {
-    start_name_server --address="/$CHAT_NAME/$CHAT_SERVER"
+    start_name_server dnsmasq "$DNS_SERVER" /dev/null --local=/#/ \
+        --address="/$CHAT_NAME/$CHAT_SERVER"
     start chat-server on_server python3 -c "
 import socketserver
 class Echo(socketserver.StreamRequestHandler):
@@ -119,7 +120,7 @@ class Echo(socketserver.StreamRequestHandler):
         for line in self.rfile:
             self.wfile.write(line)
 socketserver.TCPServer(('$CHAT_SERVER', $CHAT_PORT), Echo).serve_forever()"
-    wait_until 'chat server' listens -t "$CHAT_PORT"
+    wait_until 'chat server' listens -t "$CHAT_SERVER:$CHAT_PORT"
     # shellcheck disable=SC2016 # the inner shell's
     start chat on_client bash -c '
         exec {chat}<>"/dev/tcp/$0/$1"

@@ -30,12 +30,16 @@ make_web_content() {
 
 start_servers() {
     make_web_content
-    start_name_server "${NAMES[@]}"
+    start_name_server dnsmasq "$DNS_SERVER" /dev/null --local=/#/ "${NAMES[@]}"
+    # shellcheck disable=SC2034 # the next part starts it anew
+    RESOLVER=$STARTED
     start http on_server python3 -m http.server 80 --bind "$WEB_SERVER" --directory "$LOGS.www"
+    # shellcheck disable=SC2034 # the next part starts it anew
+    HTTP=$STARTED
     start https on_server openssl s_server -quiet -www -accept "$VIDEO_SERVER:443" \
         -key "$LOGS.key" -cert "$LOGS.crt"
-    wait_until 'web server' listens -t 80
-    wait_until 'TLS server' listens -t 443
+    wait_until 'web server' listens -t "$WEB_SERVER:80"
+    wait_until 'TLS server' listens -t "$VIDEO_SERVER:443"
 }
 
 ping_server() {

@@ -66,6 +66,13 @@ install_packages() {
     heading "Installing ${missing[*]}"
     local apt=("${privilege[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
     "${apt[@]}" update >/dev/null || note "apt-get update failed; trying with the lists that are there"
+    local uninvited
+    uninvited=$(missing_packages strongswan-starter)
     "${apt[@]}" install --no-install-recommends "${missing[@]}" </dev/null ||
         fail "apt-get could not install ${missing[*]}"
+    # charon brings a service that would run from now on, and that nothing here needs.
+    if [[ $uninvited && -z $(missing_packages strongswan-starter) && -d /run/systemd/system ]]; then
+        "${privilege[@]}" systemctl --quiet disable --now strongswan-starter ||
+            note 'strongswan-starter, a service that nothing here needs, may be running now'
+    fi
 }
