@@ -175,8 +175,8 @@ void jorn_process_cmd_roam_notify(const void *payload) {
     jorn_process_roam_from(payload);
 }
 
-int jorn_process_roam_from(const void *payload) {
-    const roam_notify notify = notify_of(payload);
+int jorn_process_roam_from(const void *notify_payload) {
+    const roam_notify notify = notify_of(notify_payload);
     if (jorn_log_enabled(JORN_LOG_DEBUG)) {
         JORN_DEBUG("\n==============begin to process roaming from================\n");
         log_mac("station mac", notify.sta_mac);
@@ -205,10 +205,10 @@ int jorn_process_roam_from(const void *payload) {
     return result;
 }
 
-int jorn_roam_sync_req(const void *payload, const void *message, size_t length) {
-    if (payload == nullptr || message == nullptr || length < 1)
+int jorn_roam_sync_req(const void *notify_payload, const void *message, size_t length) {
+    if (notify_payload == nullptr || message == nullptr || length < 1)
         return ROAM_ERR_PUBLISH;
-    const roam_notify notify = notify_of(payload);
+    const roam_notify notify = notify_of(notify_payload);
     const access_point peer = reached_by(notify);
     char name[PEER_NAME_SIZE];
     snprintf(name, sizeof name, "%s.%02X:%02X:%02X:%02X:%02X:%02X", "AP", peer.mac[0], peer.mac[1],
@@ -227,7 +227,8 @@ void jorn_prcs_RflowRoamInfo(void *, const wdlm_message *message) {
                printable_text(message->sender).c_str());
     const auto *bytes = static_cast<const uint8_t *>(message->payload);
     uint32_t count = 0;
-    memcpy(&count, bytes, std::min(message->length, sizeof count));
+    if (message->length != 0)
+        memcpy(&count, bytes, std::min(message->length, sizeof count));
     if (count == 0 || count > ROAM_FLOWS_MAX) {
         JORN_DEBUG("sync rflow count (%d) error! \n", static_cast<int>(count));
         return;

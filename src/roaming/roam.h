@@ -28,10 +28,10 @@ void jorn_process_cmd_roam_notify(const void *payload);
 
 // Publishes the flows of a roam_notify's station to its new access point. Returns 0, also when
 // there are none, -1 when the platform failed, 26 when they could not be published.
-int jorn_process_roam_from(const void *notify);
+int jorn_process_roam_from(const void *notify_payload);
 
 // Publishes one message to a roam_notify's new access point. Returns 0, or 26.
-int jorn_roam_sync_req(const void *notify, const void *message, size_t length);
+int jorn_roam_sync_req(const void *notify_payload, const void *message, size_t length);
 
 // The subscription: puts the flows of a received message into the DNS cache.
 void jorn_prcs_RflowRoamInfo(void *bus_arg, const wdlm_message *message);

@@ -1,5 +1,7 @@
 """avcore and the daemon together: a capture file in, a table of named and judged flows out."""
+import contextlib
 import json
+import resource
 import ssl
 import unittest
 
@@ -230,6 +232,31 @@ class Avcore(SystemTest):
                 said = avcore.communicate(timeout=DEADLINE)[1]
                 self.assertEqual(avcore.returncode, status, said)
                 self.assertIn(complaint, said)
+
+    def test_descriptors_that_others_took_are_missed_for_a_while(self):
+        avcore = self.run_avcore("-i", "lo", preexec_fn=lambda: resource.setrlimit(
+            resource.RLIMIT_NOFILE, (64, 64)))
+        self.wait_for(AV_SOCKET)
+        with contextlib.ExitStack() as held:
+            asking, *others = [held.enter_context(socket.socket(
+                socket.AF_UNIX, socket.SOCK_SEQPACKET)) for _ in range(65)]
+            for other in others:
+                other.connect("/var/run/av_bus.sock")
+            ends = time.monotonic() + DEADLINE
+            while len(os.listdir(f"/proc/{avcore.pid}/fd")) < 64:
+                self.assertLess(time.monotonic(), ends)
+            asking.connect(AV_SOCKET)
+            asking.send(struct.pack("=II64s", OP_VALUE, 7, b"tm_support"))
+            asking.settimeout(0.5)
+            with self.assertRaises(TimeoutError):
+                asking.recv(1024)
+            for other in others:
+                other.close()
+            asking.settimeout(DEADLINE)
+            self.assertEqual(asking.recv(1024)[:13], struct.pack("=IIi", OP_VALUE, 7, 0) + b"1")
+        avcore.terminate()
+        avcore.communicate(timeout=DEADLINE)
+        self.assertEqual(avcore.returncode, 0)
 
     def test_a_file_of_any_size_loses_nothing(self):
         rows, totals = self.feed([udp_frame(1 + n % 50, 2 + n % 7) for n in range(20_000)])

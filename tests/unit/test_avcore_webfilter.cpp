@@ -12,7 +12,9 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 namespace {
 
@@ -69,6 +71,27 @@ TEST(AvcoreAgent, WaitingAnswersAreBoundedAndOneAFlow) {
     EXPECT_EQ(agent.counts().undelivered, url_agent::MAX_WAITING);
     EXPECT_TRUE(ask(7, "a.Example"));
     EXPECT_FALSE(ask(7, "b.example"));
+}
+
+TEST(AvcoreAgent, ADaemonThatClosesNothingHoldsItForSeconds) {
+    sockaddr_un address = {AF_UNIX, {}};
+    snprintf(address.sun_path, sizeof address.sun_path, "%savcore_agent.%d",
+             testing::TempDir().c_str(), getpid());
+    const unique_fd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener.get(), 8), 0);
+    url_agent agent({true, true, 0, address.sun_path}, category_list());
+    urlf_request request = {};
+    const question asked = {{av_op::urlfilter_get_category, 1},
+                            std::as_bytes(std::span(&request, 1))};
+    for (; request.flow_key.src_port_be < 100; ++request.flow_key.src_port_be)
+        agent.answer(asked, 0);
+    int64_t now_ms = 0;
+    for (; agent.waiting(); now_ms = std::max(now_ms, agent.next_tick_ms()))
+        agent.serve(now_ms);
+    unlink(address.sun_path);
+    EXPECT_EQ(agent.counts().sent, 1u);
+    EXPECT_EQ(agent.counts().undelivered, 99u);
 }
 
 TEST(AvcoreFlows, AVerdictByFlowKeyFitsEitherDirection) {

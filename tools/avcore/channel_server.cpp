@@ -13,6 +13,7 @@ namespace {
 constexpr int ACCEPTED_A_TURN = 64;
 constexpr size_t MAX_DATAGRAM = 65'536;
 constexpr int DATAGRAMS_A_TURN = 512;
+constexpr int64_t PAUSE_MS = 100;
 
 } // namespace
 
@@ -22,26 +23,26 @@ channel_server::channel_server(std::string path)
       buffer_(MAX_DATAGRAM) {
     if (!epoll_.valid())
         throw std::runtime_error(std::string("AV channel: ") + strerror(errno));
-    watch_listener(true);
+    watch_listener();
 }
 
-void channel_server::watch_listener(bool on) {
-    if (on == listener_watched_)
-        return;
+void channel_server::watch_listener() {
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.fd = listener_.fd();
-    epoll_ctl(epoll_.get(), on ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, listener_.fd(), &event);
-    listener_watched_ = on;
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.fd(), &event);
+    paused_until_ms_ = NEVER_MS;
 }
 
-void channel_server::accept_clients() {
+void channel_server::accept_clients(int64_t now_ms) {
     for (int taken = 0; taken < ACCEPTED_A_TURN; ++taken) {
         unique_fd client = listener_.accept();
         if (!client.valid()) {
-            // Out of descriptors: the others wait in the backlog until one becomes free.
-            if (errno == EMFILE || errno == ENFILE)
-                watch_listener(false);
+            // The others wait in the backlog until one becomes free, here or on the bus.
+            if (errno == EMFILE || errno == ENFILE) {
+                epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.fd(), nullptr);
+                paused_until_ms_ = now_ms + PAUSE_MS;
+            }
             return;
         }
         epoll_event event = {};
@@ -71,16 +72,17 @@ bool channel_server::serve_client(int fd, const handler &handle) {
     return true;
 }
 
-void channel_server::serve(const handler &handle) {
+void channel_server::serve(const handler &handle, int64_t now_ms) {
+    if (now_ms >= paused_until_ms_)
+        watch_listener();
     std::array<epoll_event, 64> events;
     const int ready = epoll_wait(epoll_.get(), events.data(), events.size(), 0);
     for (int i = 0; i < ready; ++i) {
         const int fd = events[static_cast<size_t>(i)].data.fd;
         if (fd == listener_.fd()) {
-            accept_clients();
+            accept_clients(now_ms);
         } else if (!serve_client(fd, handle)) {
             clients_.erase(fd);
-            watch_listener(true);
         }
     }
 }

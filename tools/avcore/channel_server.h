@@ -4,6 +4,7 @@
 // channel gets its share of a turn and no more, and one that is gone is forgotten.
 #pragma once
 
+#include "avcore/bus/ground.h"
 #include "avcore/local_listener.h"
 #include "avcore/messages.h"
 #include "unique_fd.h"
@@ -24,16 +25,17 @@ public:
     explicit channel_server(std::string path);
 
     int fd() const { return epoll_.get(); } // readable when `serve` has work
-    void serve(const handler &handle);
+    int64_t next_tick_ms() const { return paused_until_ms_; }
+    void serve(const handler &handle, int64_t now_ms);
 
 private:
-    void accept_clients();
-    void watch_listener(bool on);
+    void accept_clients(int64_t now_ms);
+    void watch_listener();
     bool serve_client(int fd, const handler &handle); // false: it is gone
 
     unique_fd epoll_;
     local_listener listener_;
-    bool listener_watched_ = false;
+    int64_t paused_until_ms_ = NEVER_MS; // the listener isn't watched: no descriptor was left
     std::map<int, unique_fd> clients_;
     std::vector<std::byte> buffer_;
 };

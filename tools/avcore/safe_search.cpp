@@ -61,12 +61,12 @@ safe_search::safe_search(const std::string &folder)
 std::string safe_search::take(const av_safesearch_setting &setting) {
     const std::string name = side_name(setting);
     if (name.empty())
-        return "the interface '" + printable(field_text(setting.ifname)) + "' has no folder";
+        return printable(field_text(setting.ifname)) + " is no interface with a folder";
     if (sides_.size() >= MAX_SIDES && !sides_.contains(name))
         return "more than " + std::to_string(MAX_SIDES) + " interfaces and UTPs";
     const bool by_host = setting.action != av_safesearch_action::enable;
     if (by_host && !is_host_text(field_text(setting.host)))
-        return "'" + printable(field_text(setting.host)) + "' is no host";
+        return printable(field_text(setting.host)) + " is no host";
     resolver &side = sides_[name];
     std::string refusal;
     if (by_host) {

@@ -133,7 +133,7 @@ session::ending session::turn() {
 }
 
 void session::serve_channel() {
-    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); });
+    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, clock_ms());
     if (const std::string failed = safe_search_ ? safe_search_->write() : ""; !failed.empty())
         say("safe search: " + failed);
 }
@@ -230,7 +230,8 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    const int64_t due_ms = std::min(bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms());
+    const int64_t due_ms = std::min(
+        {bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(), channel_.next_tick_ms()});
     if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);

@@ -98,9 +98,10 @@ void url_agent::serve(int64_t now_ms) {
     if (connection_.valid() || now_ms < next_tick_ms())
         return;
     const late_answer &due = late_.front();
-    if (send(due.request, now_ms)) {
+    const bool in_time = now_ms < due.due_ms + PATIENCE_MS;
+    if (in_time && send(due.request, now_ms)) {
         ++counts_.sent;
-    } else if (errno == EAGAIN && now_ms < due.due_ms + PATIENCE_MS) {
+    } else if (in_time && errno == EAGAIN) {
         retry_ms_ = now_ms + RETRY_MS;
         return;
     } else {

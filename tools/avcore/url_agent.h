@@ -6,7 +6,8 @@
 //
 // The daemon may be waiting for us while we send, or may be gone: nothing here blocks. One
 // connection at a time, one write on it, and the next when the daemon has closed it. What waits is
-// bounded, and is one answer a flow key: the daemon asks again with every packet of a flow.
+// bounded, in number and time, and is one answer a flow key: the daemon asks again with every
+// packet of a flow.
 #pragma once
 
 #include "avcore/categories.h"
