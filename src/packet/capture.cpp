@@ -49,6 +49,12 @@ bool is_up(const char *device) {
     return up;
 }
 
+// Whether the name still stands for the interface that was opened, and that is up. After a renaming
+// another one may be up under it.
+bool is_ours_up(const char *device) {
+    return if_nametoindex(device) == watch.index && is_up(device);
+}
+
 // Opens the device, non-blocking. Returns false, with the words for it in `failure` and the reason
 // in errbuf, when it can't be had.
 bool open_device(capture_context *capture_ctx, char (&failure)[FAILURE_SIZE]) {
@@ -143,7 +149,7 @@ void jorn_capture_dispatch(capture_context *capture_ctx) {
     if (result == PCAP_ERROR) {
         lose(capture_ctx, pcap_geterr(capture_ctx->handle));
     } else if (result == 0 && watch.state == interface_watch::FINE &&
-               !is_up(capture_ctx->device)) { // readable without a packet: this is how it is told
+               !is_ours_up(capture_ctx->device)) { // readable without a packet: so it is told
         JORN_ERROR_AS(LOOP, "capture on %s: the interface is down\n", capture_ctx->device);
         watch.state = interface_watch::DOWN;
     }

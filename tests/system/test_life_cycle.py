@@ -159,6 +159,17 @@ class CaptureInterface(SystemTest):
             f"capture on {CAPTURE}, trying again: there is no such interface, or it is down",
             f"capture on {CAPTURE}: the interface is back"])
 
+    def test_another_interface_has_the_name(self):
+        """Renamed while it is up, then deleted: what is told is told of the old one."""
+        self.platform()
+        self.daemon()
+        self.wait_until_judging()
+        run("ip", "link", "set", CAPTURE, "name", "old0")
+        run("ip", "link", "set", FEED, "name", "old1")
+        self.make_links()
+        run("ip", "link", "del", "old0")
+        self.wait_until_judging()
+
 
 if __name__ == "__main__":
     unittest.main()
