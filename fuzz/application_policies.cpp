@@ -3,7 +3,7 @@
 // that was cut behind a space, and a policy that has no rule with a name.)
 #include "control/files/configuration.h"
 #include "control/tables/arc_tables.h"
-#include "support/fresh_state.h"
+#include "settled_file.h"
 #include "support/saved_folder.h"
 
 #include <cstdlib>
@@ -36,15 +36,6 @@ std::string written() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (silence_log(1), 1);
-    (void)ready;
-    platform = {};
-    restore({reinterpret_cast<const char *>(data), size});
-    restore(written());
-    const std::string settled = written();
-    restore(settled);
-    if (written() != settled)
-        abort();
-    restore({});
+    check_that_file_settles(data, size, restore, written);
     return 0;
 }

@@ -2,7 +2,7 @@
 // written again: from the second writing on the file stays the same. (The first may hold a binding
 // whose carriers a later line has replaced by unknown ones.)
 #include "wificalling/wificalling_file.h"
-#include "support/fresh_state.h"
+#include "settled_file.h"
 #include "support/saved_folder.h"
 
 #include <cstdlib>
@@ -27,7 +27,7 @@ void check_tables() {
     }
 }
 
-void restore(std::string_view content) {
+void restore(const std::string &content) {
     jorn_state.wificalling_intf_list.release_all();
     folder().write(WIFICALLING_FILE, content);
     jorn_load_wificalling_configurations();
@@ -42,15 +42,6 @@ std::string written() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const int ready = (silence_log(1), 1);
-    (void)ready;
-    platform = {};
-    restore({reinterpret_cast<const char *>(data), size});
-    restore(written());
-    const std::string settled = written();
-    restore(settled);
-    if (written() != settled)
-        abort();
-    restore({});
+    check_that_file_settles(data, size, restore, written);
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "control/cmdsock.h"
 
 #include "control/commands.h"
+#include "core/base/clock.h"
 #include "core/base/descriptors.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
@@ -10,7 +11,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -37,12 +37,6 @@ struct waiting_room {
 
 waiting_room waiting;
 
-int64_t now_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
-
 void leave(size_t place) {
     std::copy(waiting.places.begin() + place + 1, waiting.places.begin() + waiting.taken,
               waiting.places.begin() + place);
@@ -68,7 +62,7 @@ void set_aside(int fd) {
     }
     if (waiting.taken == CMDSOCK_WAITING_MAX)
         drop(0);
-    waiting.places[waiting.taken++] = {fd, now_ms()};
+    waiting.places[waiting.taken++] = {fd, monotonic_ms()};
 }
 
 bool has_data(int fd) {
@@ -144,7 +138,7 @@ int cmdsock_accept(int listen_fd) {
 int cmdsock_waiting_descriptor() {
     if (waiting.taken == 0)
         return -1;
-    const int64_t now = now_ms();
+    const int64_t now = monotonic_ms();
     while (waiting.taken != 0 && now - waiting.places[0].since_ms >= CMDSOCK_PATIENCE_MS &&
            !has_data(waiting.places[0].fd))
         drop(0);

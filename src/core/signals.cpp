@@ -76,8 +76,5 @@ void jorn_signal_handle(capture_context *capture_ctx) {
 
 void jorn_exit_clean(capture_context *capture_ctx) {
     JORN_DEBUG("in jorn_exit_clean, do the clean work\n");
-    if (capture_ctx->handle != nullptr) {
-        pcap_close(capture_ctx->handle);
-        capture_ctx->handle = nullptr;
-    }
+    close_capture(capture_ctx);
 }

@@ -95,10 +95,8 @@ int open_capture(const initialisation &init) {
     return jorn_capture_open(init.capture_ctx);
 }
 
-void close_capture(const initialisation &init) {
-    if (init.capture_ctx->handle != nullptr)
-        pcap_close(init.capture_ctx->handle);
-    init.capture_ctx->handle = nullptr;
+void undo_capture(const initialisation &init) {
+    close_capture(init.capture_ctx);
 }
 
 int choose_processor(const initialisation &init) {
@@ -115,7 +113,7 @@ constexpr void (*NOTHING_TO_UNDO)(const initialisation &) = nullptr;
 // In their order; a step is run when all before it succeeded.
 constexpr fallible_step STEPS[] = {
     {check_options, NOTHING_TO_UNDO},    {open_bus, close_bus},
-    {open_dns_cache, close_dns_cache},   {open_capture, close_capture},
+    {open_dns_cache, close_dns_cache},   {open_capture, undo_capture},
     {choose_processor, NOTHING_TO_UNDO},
 };
 

@@ -1,5 +1,6 @@
 #include "packet/capture.h"
 
+#include "core/base/clock.h"
 #include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/base/record_bytes.h"
@@ -10,7 +11,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -19,7 +19,7 @@
 namespace {
 
 constexpr char LOOP[] = "jorn_main_loop"; // its lines about the interface
-constexpr time_t TRY_AGAIN_S = 1;
+constexpr int64_t TRY_AGAIN_MS = 1000;
 constexpr size_t FAILURE_SIZE = PCAP_ERRBUF_SIZE + 80;
 
 // How the interface fares.
@@ -27,16 +27,10 @@ struct interface_watch {
     enum : uint8_t { FINE, DOWN, GONE } state = FINE;
     bool complained = false; // about a try in vain
     unsigned index = 0;      // of the interface that was opened
-    time_t looked_s = 0;
+    int64_t looked_ms = 0;
 };
 
 interface_watch watch;
-
-time_t now_s() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
 
 // Whether the interface is up; one that isn't there is not.
 bool is_up(const char *device) {
@@ -75,12 +69,6 @@ bool open_device(capture_context *capture_ctx, char (&failure)[FAILURE_SIZE]) {
     return true;
 }
 
-void close_device(capture_context *capture_ctx) {
-    if (capture_ctx->handle != nullptr)
-        pcap_close(capture_ctx->handle);
-    capture_ctx->handle = nullptr;
-}
-
 // Opens the interface by its name: one that was deleted is another one when it is back. Tries in
 // vain are told once.
 void try_again(capture_context *capture_ctx) {
@@ -94,7 +82,7 @@ void try_again(capture_context *capture_ctx) {
         snprintf(failure, sizeof failure, "the datalink layer type is %d, not ethernet!!\n",
                  pcap_datalink(capture_ctx->handle));
     }
-    close_device(capture_ctx);
+    close_capture(capture_ctx);
     if (!watch.complained)
         JORN_ERROR_AS(LOOP, "capture on %s, trying again: %s", capture_ctx->device, failure);
     watch.complained = true;
@@ -102,16 +90,16 @@ void try_again(capture_context *capture_ctx) {
 
 void lose(capture_context *capture_ctx, const char *reason) {
     JORN_ERROR_AS(LOOP, "capture on %s failed: %s\n", capture_ctx->device, reason);
-    close_device(capture_ctx);
+    close_capture(capture_ctx);
     watch.state = interface_watch::GONE;
 }
 
 // A second look: what went down may be deleted by now, and nothing more is heard of it then.
 void look_again(capture_context *capture_ctx) {
-    const time_t now = now_s();
-    if (now - watch.looked_s < TRY_AGAIN_S)
+    const int64_t now = monotonic_ms();
+    if (now - watch.looked_ms < TRY_AGAIN_MS)
         return;
-    watch.looked_s = now;
+    watch.looked_ms = now;
     if (watch.state == interface_watch::GONE) {
         try_again(capture_ctx);
     } else if (if_nametoindex(capture_ctx->device) != watch.index) {
@@ -135,6 +123,12 @@ int jorn_capture_open(capture_context *capture_ctx) {
         return 0;
     fputs(failure, stderr);
     return CAPTURE_ERR_OPEN;
+}
+
+void close_capture(capture_context *capture_ctx) {
+    if (capture_ctx->handle != nullptr)
+        pcap_close(capture_ctx->handle);
+    capture_ctx->handle = nullptr;
 }
 
 int jorn_capture_descriptor(capture_context *capture_ctx) {

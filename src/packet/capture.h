@@ -27,6 +27,9 @@ inline constexpr int CAPTURE_ERR_LINK_TYPE = -4;
 // Opens the configured interface, non-blocking. Returns 0, or -3 after a message on standard error.
 int jorn_capture_open(capture_context *capture_ctx);
 
+// Closes the capture, where it is open.
+void close_capture(capture_context *capture_ctx);
+
 // Chooses the packet processor for the capture's link type. Returns 0, or -4 when it is not
 // Ethernet.
 int jorn_set_pkt_processor(capture_context *capture_ctx);

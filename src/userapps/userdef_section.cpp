@@ -5,6 +5,8 @@
 #include "userapps/lines/userdef_line.h"
 #include "userapps/settle.h"
 
+#include <span>
+
 namespace {
 
 // The lines of the section stand in the log under the loader's name.
@@ -44,12 +46,9 @@ int jorn_write_userdef_configuration(FILE *file) {
     section_writer writer(file, "write to configuration file error!\n", JORN_HERE);
     writer.write_marker(USERDEFS_BEGIN);
     const userdef_table &table = jorn_state.userdef_apps;
-    for (int32_t i = 0; i < table.count; ++i) {
-        char line[USERDEF_LINE_LIMIT] = {};
-        size_t length = 0;
-        if (jorn_format_userdef_entry(line, &table.records[i], &length, USERDEF_LINE_LIMIT) == 0)
-            writer.write({line, length});
-    }
+    write_records<USERDEF_LINE_LIMIT>(
+        writer, std::span(table.records).first(static_cast<size_t>(table.count)),
+        jorn_format_userdef_entry);
     writer.write_marker(USERDEFS_END);
     return writer.result();
 }

@@ -111,12 +111,7 @@ void jorn_load_web_configurations() {
 int jorn_write_web_filtering_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(WEB_POLICIES_BEGIN);
-    for (const web_policy &policy : jorn_state.web_policy_list) {
-        char block[WEB_BLOCK_LIMIT + 1] = {};
-        size_t length = 0;
-        if (jorn_format_web_policy(block, &policy, &length, WEB_BLOCK_LIMIT) == 0)
-            writer.write({block, length});
-    }
+    write_records<WEB_BLOCK_LIMIT>(writer, jorn_state.web_policy_list, jorn_format_web_policy);
     writer.write(WEB_POLICIES_END);
     return writer.result();
 }

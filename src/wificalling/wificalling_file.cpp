@@ -134,12 +134,8 @@ bool is_storable(const wificalling_intf_wire &asked) {
 int jorn_write_wificalling_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(WIFICALLING_POLICIES_BEGIN);
-    for (const wificalling_policy &policy : jorn_state.wificalling_policy_list) {
-        char block[WIFICALLING_BLOCK_LIMIT + 1] = {};
-        size_t length = 0;
-        if (wificalling_policy_to_text(block, &policy, &length, WIFICALLING_BLOCK_LIMIT) == 0)
-            writer.write({block, length});
-    }
+    write_records<WIFICALLING_BLOCK_LIMIT>(writer, jorn_state.wificalling_policy_list,
+                                           wificalling_policy_to_text);
     writer.write_marker(WIFICALLING_POLICIES_END);
     return writer.result();
 }

@@ -58,12 +58,7 @@ bool is_storable(const arc_policy_wire &policy) {
 int jorn_write_arc_policy_configuration(FILE *file) {
     section_writer writer(file, "write configuration file error!\n", JORN_HERE);
     writer.write_marker(ARC_POLICIES_BEGIN);
-    for (const arc_policy &policy : jorn_state.arc_policy_list) {
-        char block[ARC_BLOCK_LIMIT + 1] = {};
-        size_t length = 0;
-        if (jorn_format_arc_policy(block, &policy, &length, ARC_BLOCK_LIMIT) == 0)
-            writer.write({block, length});
-    }
+    write_records<ARC_BLOCK_LIMIT>(writer, jorn_state.arc_policy_list, jorn_format_arc_policy);
     writer.write_marker(ARC_POLICIES_END);
     return writer.result();
 }

@@ -56,3 +56,15 @@ private:
     log_origin from_;
     int result_ = 0;
 };
+
+// Writes the text of each record; one that doesn't stay below `Limit` characters is left out.
+// `format` is the room's: (text, record, length, capacity), 0 for a text that fits.
+template <size_t Limit, typename Records, typename Format>
+void write_records(section_writer &writer, const Records &records, Format format) {
+    for (const auto &record : records) {
+        char text[Limit + 1] = {};
+        size_t length = 0;
+        if (format(text, &record, &length, Limit) == 0)
+            writer.write({text, length});
+    }
+}
