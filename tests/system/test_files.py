@@ -149,11 +149,12 @@ class Files(SystemTest):
                 (USERDEF, userdefs(userdef("New"), userdef("Do\tor")),
                  f"user-defined application 2 of 2 is refused: app_name {control}09, at byte 2")):
             os.unlink(POLICY_FILE)
-            calls = len(self.av.messages)
+            calls = self.messages_so_far()
             command(number, payload)
             self.jorn.wait_line(says)
             self.assertEqual(saved(), whole)
-            self.assertNotIn(OP_RESET, [op for op, _ in self.av.messages.items[calls:]])
+            told = self.av.messages.items[calls:self.messages_so_far()]
+            self.assertNotIn(OP_RESET, [op for op, _ in told])
         self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, 4)
 
     def test_something_else_in_the_place_of_a_file(self):
@@ -225,7 +226,7 @@ class Files(SystemTest):
             command(POLICY, block)
         self.jorn.wait_line("write AVC policy configuration failed")
         command(POLICY_FLUSH)
-        since = len(self.jorn.lines)
+        since = self.lines_so_far(self.jorn)
         self.configure()
         self.assertEqual(saved(), WHOLE)
         run("mount", "-o", "remount,bind,ro", FOLDER)

@@ -168,7 +168,7 @@ class Decision(WebTest):
                 ("a host of the video CDN", "r1.VIDEO-CDN.example.net", FRAME, "video-cdn.example"),
                 ("none", "", ethernet(0x88B5, bytes(46)), None)):
             with self.subTest(what):
-                since = len(self.av.messages)
+                since = self.messages_so_far()
                 verdict = self.get(domain, frame)
                 domains = [text_of(body[120:]) for body in self.sent(OP_CATEGORY, since)]
                 self.assertEqual(domains, [asked] if asked else [])
@@ -201,8 +201,9 @@ class Decision(WebTest):
         self.assertEqual(len(self.sent(OP_CATEGORY)), sum(row[3] is None for row in PATTERNS))
         command(WEB_FLUSH)
         self.bind("u", white=["a*", "b"], black=["*.c.*", "d"])
-        since = len(self.jorn.lines)
+        since = self.lines_so_far(self.jorn)
         self.assertEqual(self.get("z.c.net"), web_flow("z.c.net", **DENIED))
+        self.lines_so_far(self.jorn)
         self.assertEqual([line.split(") ", 1)[1] for line in self.jorn.lines.items[since:]
                           if "jorn_check_white_black_list" in line], [
             "White-list number 2 and black-list number 2  and kernel domain z.c.net",
@@ -320,7 +321,7 @@ class LateAnswers(WebTest):
 
     def late(self, reply, **echo):
         """The verdict that a late answer makes: its code, category and the action's two flags."""
-        since = len(self.av.messages)
+        since = self.messages_so_far()
         command(LATE, reply + request(**echo))
         found = []
         for body in self.sent(OP_SET_APP, since):
@@ -423,7 +424,7 @@ class SafeSearch(WebTest):
                 (WEB_POLICY, web_policy("new", utp_id=64, **other),
                  safe_search_calls("wlan3", **other) + safe_search_calls(64, **other)),
                 (WEB_FLUSH, b"", [])):
-            since = len(self.av.messages)
+            since = self.messages_so_far()
             command(number, payload)
             self.assertEqual(self.sent(OP_SAFESEARCH, since), calls)
         self.jorn.wait_line("Enable safe sarch for google and utp id 64 and wlan : safe search vip 91291851")
@@ -465,7 +466,7 @@ class Files(WebTest):
         self.assertEqual(saved(), WHOLE)
         vips = {"google": FULL["google"], "youtube": FULL["youtube"]}
         for _ in range(2):
-            since = len(self.av.messages)
+            since = self.messages_so_far()
             self.start()
             calls = [(op, body) for op, body in self.av.messages.items[since:] if op <= OP_SAFESEARCH]
             # The web file first, with its own switches; the empty binding finds the empty uuid.

@@ -102,7 +102,7 @@ class WifiCalling(SystemTest):
         self.wait_until_judging()
 
     def say(self, number, payload, says):
-        since = len(self.jorn.lines)
+        since = self.lines_so_far(self.jorn)
         command(number, payload)
         self.jorn.wait_line(says, since=since)
 
@@ -254,7 +254,7 @@ class WifiCalling(SystemTest):
         self.assertEqual(saved(), expected)
         listing = command(SHOW)
         for _ in range(2):
-            since = len(self.av.messages)
+            since = self.messages_so_far()
             self.start()
             self.assertEqual([body for op, body in self.av.messages.items[since:] if op == OP_DEVICE],
                              [struct.pack("=Ii24s", 3, 1, b"wlan0")])

@@ -500,6 +500,18 @@ class SystemTest(unittest.TestCase):
             except AssertionError:
                 pass
 
+    def messages_so_far(self):
+        """How many the platform has been sent up to now: a verdict comes behind them."""
+        self.wait_until_judging()
+        return len(self._platform.messages)
+
+    def lines_so_far(self, daemon):
+        """How many the daemon has written up to now: those of a command of ours come behind them."""
+        number = len(daemon.lines) + 1000
+        command(39, struct.pack("=I", number))
+        daemon.wait_line(f"Unknown testid = {number}")
+        return len(daemon.lines)
+
     def judge(self, frames, trailing=trailer(), *, burst=1, timeout=DEADLINE):
         """The verdicts on `frames`, one each and in their order. Sends a burst once the one before
         is answered, so that neither the capture's ring nor the channel overflows."""
