@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr int OWN_DESCRIPTOR_MIN = 64; // the capture's is lower
+constexpr int OWN_DESCRIPTOR_MIN = 12; // the capture's is lower
 
 } // namespace
 

@@ -113,7 +113,7 @@ outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
 } // namespace
 
 bool av_connected() {
-    const auto state = channel.connection.ensure(av_socket_path());
+    const auto state = channel.connection.ensure(av_socket_path);
     if (state == local_connection::state::fresh) {
         // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
         constexpr int room = AV_SEND_BUFFER;

@@ -2,31 +2,41 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::chrono::milliseconds RECONNECT_TIME{1000};
+constexpr int64_t RECONNECT_MS = 1000;
+
+// To the kernel's tick, without a look at the hardware.
+int64_t coarse_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
 
 } // namespace
 
-local_connection::state local_connection::ensure(const char *path) {
+local_connection::state local_connection::ensure(const char *(*path)()) {
     if (fd_ >= 0)
         return state::kept;
-    const clock::time_point now = clock::now();
-    if (tried_ && now - last_try_ < RECONNECT_TIME)
+    const int64_t now_ms = coarse_ms();
+    if (tried_ && now_ms - last_try_ms_ < RECONNECT_MS)
         return state::none;
     tried_ = true;
-    last_try_ = now;
+    last_try_ms_ = now_ms;
 
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof address.sun_path)
+    const std::string_view name = path();
+    if (name.size() >= sizeof address.sun_path)
         return state::none;
-    memcpy(address.sun_path, path, strlen(path));
+    memcpy(address.sun_path, name.data(), name.size());
     fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd_ < 0)
         return state::none;

@@ -2,20 +2,18 @@
 // it is needed, once a second at most. Nothing here blocks.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 class local_connection {
 public:
-    using clock = std::chrono::steady_clock;
-
     enum class state { none, kept, fresh };
 
-    // Tries to connect to `path` where there is no connection and a try is due. A listener with a
-    // full backlog counts as absent. Says whether there is a connection, and whether it is a new
-    // one.
-    state ensure(const char *path);
+    // Tries to connect to what `path` names where there is no connection and a try is due. A
+    // listener with a full backlog counts as absent. Says whether there is a connection, and whether
+    // it is a new one. Each packet asks: nothing is looked up while no try is due.
+    state ensure(const char *(*path)());
 
     enum class sent { yes, doesnt_fit, ended };
 
@@ -32,5 +30,5 @@ public:
 private:
     int fd_ = -1;
     bool tried_ = false;
-    clock::time_point last_try_;
+    int64_t last_try_ms_ = 0;
 };

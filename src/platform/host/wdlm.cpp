@@ -88,7 +88,7 @@ bool subscribe_all(wdlm_bus &bus) {
 }
 
 bool connected(wdlm_bus &bus) {
-    switch (bus.connection.ensure(bus_socket_path())) {
+    switch (bus.connection.ensure(bus_socket_path)) {
     case local_connection::state::none:
         return false;
     case local_connection::state::kept:
