@@ -1,0 +1,87 @@
+// The gate: a small program in the kernel at the interfaces of the clients. It does to packets what
+// avcore has decided about their flows, and copies up the packets of flows that are undecided.
+//
+// Its maps are pinned in a file system of the kernel's, so that verdicts hold while no avcore runs;
+// the records are those of gate_records.h. Where avcore was built without it (JORN_INLINE), every
+// function that would open it throws and says so.
+#pragma once
+
+#include "avcore/gate/gate_records.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+inline constexpr char GATE_PINS[] = "/run/jorn/gate";
+
+// What holds for the whole gate, whoever runs.
+struct gate_rules {
+    bool fail_closed = false;
+    uint32_t copies_per_second = 500; // of each client
+};
+
+struct gate_copy_seen {
+    gate_copy head;
+    std::span<const uint8_t> frame; // valid until the next one is taken
+};
+
+using gate_counts = std::array<uint64_t, GATE_COUNTS>; // by gate_count
+
+class gate {
+public:
+    // Loads the gate where it isn't, keeps what is pinned there, and attaches it to the interfaces
+    // that it isn't attached to. What others attached stays. Mounts a bpffs at `pins` where there
+    // is none. Throws std::runtime_error with a reason for the user; nothing that it began is left
+    // behind then.
+    gate(const std::string &pins, const std::vector<std::string> &interfaces);
+    ~gate(); // the gate itself stays where it is
+    gate(gate &&) noexcept;
+
+    void set_rules(const gate_rules &rules);
+
+    int fd() const; // readable when there are copies
+    // Takes one copy; false when there is none now.
+    bool take(gate_copy_seen &copy);
+
+    // False when the kernel refuses it.
+    bool decide(const gate_flow &flow, const gate_verdict &verdict);
+    bool set_limit(uint32_t bucket, const gate_limit &limit);
+
+    void beat();
+    uint32_t generation() const;
+    // All verdicts so far are to be asked for again, and hold until then.
+    void next_generation();
+
+    gate_counts counts() const;
+
+private:
+    struct parts;
+    std::unique_ptr<parts> parts_;
+};
+
+// Detaches the gate from all interfaces of this network namespace and removes the pins and, where
+// nothing else is in it, the mount. Does nothing where there is none. Throws std::runtime_error.
+void tear_down_gate(const std::string &pins);
+
+struct gate_status {
+    bool there = false;
+    std::vector<std::string> interfaces; // it is attached to
+    gate_rules rules;
+    uint32_t generation = 0;
+    int64_t beat_age_ms = -1;  // none yet
+    uint64_t verdicts[3] = {}; // in the map, by gate_action
+    gate_counts counts = {};
+};
+gate_status look_at_gate(const std::string &pins); // throws std::runtime_error
+
+// What carries packets past the gate at these interfaces, a line each: hardware offload of
+// switching, flow tables of nftables, programs and actions of others at the ingress that redirect
+// before it, XDP programs.
+std::vector<std::string> ways_past_gate(const std::vector<std::string> &interfaces);
+
+} // namespace avcore

@@ -1,0 +1,127 @@
+/* What the gate in the kernel and avcore tell each other: the records of its maps and of its ring.
+ *
+ * For C (the gate's program) and C++. Byte orders as the members say, else the machine's. The maps
+ * are pinned and outlive both programs: whoever changes a record or a map's size changes
+ * GATE_LAYOUT, which names the folder of the pins. */
+#ifndef AVCORE_GATE_GATE_RECORDS_H
+#define AVCORE_GATE_GATE_RECORDS_H
+
+#include <linux/types.h>
+
+#ifdef __cplusplus
+#define GATE_SIZE(record, size) static_assert(sizeof(struct record) == (size))
+#else
+#define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
+#endif
+
+#define GATE_LAYOUT "v1"
+
+/* Bounds of the maps. */
+#define GATE_FLOWS 65536  /* verdicts, and counters beside them; the least recently used go first  \
+                           */
+#define GATE_CLIENTS 4096 /* whose copies are limited */
+#define GATE_BUCKETS 16384
+#define GATE_RING_BYTES (4 * 1024 * 1024)
+#define GATE_FRAME_MAX 2016 /* of a frame, in a copy */
+
+/* Which way a packet goes; the index of what there is for each direction. */
+enum gate_direction { GATE_UP = 0 /* from the client */, GATE_DOWN = 1 };
+
+/* A flow as seen at the client's interface. IPv4 addresses are mapped (::ffff:a.b.c.d, RFC 4291),
+ * ports are 0 where the protocol or the fragment has none. */
+struct gate_flow {
+    __u8 client[16];
+    __u8 server[16];
+    __u16 client_port_be;
+    __u16 server_port_be;
+    __u8 proto; /* behind IPv6's extension headers */
+    __u8 reserved[3];
+};
+GATE_SIZE(gate_flow, 40);
+
+enum gate_action { GATE_PASS = 1, GATE_DENY = 2 };
+
+/* Bits of gate_verdict::flags. */
+enum gate_flag {
+    GATE_RESET = 1,        /* a denied TCP packet is answered with RST, to both sides */
+    GATE_SET_DSCP = 2,     /* RFC 2474 */
+    GATE_SET_PRIORITY = 4, /* the packet's priority, at the client's egress */
+};
+
+/* Written by avcore alone. One of an older generation than the settings' still holds, and the
+ * flow's packets are copied again. */
+struct gate_verdict {
+    __u32 generation;
+    __u8 action; /* gate_action */
+    __u8 flags;
+    __u8 dscp; /* six bits */
+    __u8 reserved;
+    __u32 priority;
+    __u32 bucket[2]; /* of each direction; 0 = no limit */
+};
+GATE_SIZE(gate_verdict, 20);
+
+/* Written by the kernel alone. */
+struct gate_counter {
+    __u64 packets[2]; /* that passed, by direction */
+    __u64 bytes[2];   /* of their frames, as on the wire */
+    __u64 denied;     /* packets dropped by a verdict */
+    __u64 limited;    /* and by a rate limit */
+    __u64 last_ns;    /* CLOCK_MONOTONIC */
+};
+GATE_SIZE(gate_counter, 56);
+
+/* A rate limit: written by avcore alone. Entry 0 is none. */
+struct gate_limit {
+    __u64 bytes_per_second; /* of IP packets, as on the wire */
+    __u64 burst;            /* bytes */
+};
+GATE_SIZE(gate_limit, 16);
+
+/* One word each is written at a time, through a mapping. */
+struct gate_settings {
+    __u64 beat_ns;           /* CLOCK_MONOTONIC, of the last sign that somebody decides */
+    __u32 generation;        /* of the verdicts that are asked for */
+    __u32 fail_closed;       /* without a beat; else everything passes then */
+    __u32 copies_per_second; /* of each client */
+    __u32 reserved;
+};
+GATE_SIZE(gate_settings, 24);
+
+#define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
+
+/* What became of packets; the index into the counts, one of each processor. */
+enum gate_count {
+    GATE_COUNT_DECIDED,        /* passed, under a verdict */
+    GATE_COUNT_UNDECIDED,      /* passed before their verdict */
+    GATE_COUNT_NOBODY,         /* passed because nobody was there */
+    GATE_COUNT_ALWAYS,         /* passed, for a network lives by them */
+    GATE_COUNT_NOT_IP,         /* passed, other protocols than IPv4 and IPv6 */
+    GATE_COUNT_FRAGMENT,       /* passed: a later fragment, whose first one was judged */
+    GATE_COUNT_DENIED,         /* dropped: by policy */
+    GATE_COUNT_LIMITED,        /* dropped: by a rate limit */
+    GATE_COUNT_SHUT,           /* dropped: undecided, and nobody was there */
+    GATE_COUNT_MALFORMED,      /* dropped: headers that end early or contradict themselves */
+    GATE_COUNT_RESERVED,       /* dropped: IPv4 of 240.0.0.0/4 but for the broadcast address */
+    GATE_COUNT_DEEP_HEADERS,   /* IPv6 with more extension headers than are walked; also counted
+                                  by what became of them */
+    GATE_COUNT_RESETS,         /* RST segments made */
+    GATE_COUNT_COPIES,         /* that went up */
+    GATE_COUNT_COPIES_REFUSED, /* their client had too many */
+    GATE_COUNT_COPIES_LOST,    /* the ring was full */
+    GATE_COUNTS
+};
+
+/* A copy in the ring; the frame follows, `captured` bytes of it. */
+struct gate_copy {
+    struct gate_flow flow;
+    __u64 time_ns;  /* CLOCK_MONOTONIC */
+    __u32 if_index; /* of the client's interface */
+    __u32 length;   /* of the whole frame */
+    __u16 captured; /* at most GATE_FRAME_MAX */
+    __u8 direction; /* gate_direction */
+    __u8 reserved[5];
+};
+GATE_SIZE(gate_copy, 64);
+
+#endif
