@@ -482,7 +482,8 @@ static __always_inline void copy_up(struct __sk_buff *skb, const struct packet *
         return;
     }
     __u64 captured = skb->len < GATE_FRAME_MAX ? skb->len : GATE_FRAME_MAX;
-    asm volatile("" : "+r"(captured)); /* the verifier sees bounds only where one register has them */
+    asm volatile(""
+                 : "+r"(captured)); /* the verifier sees bounds only where one register has them */
     if (captured == 0 || captured > GATE_FRAME_MAX ||
         bpf_skb_load_bytes(skb, 0, copy->frame, (__u32)captured))
         return;
@@ -567,7 +568,7 @@ static __always_inline void turn_round(const struct packet *packet, struct ends 
 }
 
 static __always_inline void replace_in_sum(__u16 *check, __u16 from, __u16 to) {
-    *check = (__u16)~folded((__u64)(__u16)~*check + (__u16)~from + to);
+    *check = (__u16)~folded((__u64)(__u16) ~*check + (__u16)~from + to);
 }
 
 static __always_inline bool load_ends(struct __sk_buff *skb, const struct packet *packet,

@@ -1,0 +1,511 @@
+#include "avcore/gate/gate.h"
+
+#include "avcore/gate/gate_object.h"
+#include "avcore/gate/netlink.h"
+#include "avcore/gate/pins.h"
+#include "avcore/gate/traffic_control.h"
+#include "unique_fd.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <optional>
+#include <stdexcept>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <system_error>
+#include <time.h>
+#include <utility>
+
+namespace avcore {
+namespace {
+
+constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kernel's own word
+
+// What libbpf said first since it was cleared; it would go to standard error otherwise.
+thread_local std::string libbpf_said;
+
+int keep_message(libbpf_print_level level, const char *format, va_list arguments) {
+    char line[512];
+    if (level != LIBBPF_WARN || !libbpf_said.empty())
+        return 0;
+    const int length = vsnprintf(line, sizeof line, format, arguments);
+    libbpf_said = line;
+    libbpf_said.erase(std::min(libbpf_said.find('\n'), libbpf_said.size()));
+    return length;
+}
+
+std::string reason(int error) {
+    return std::generic_category().message(error < 0 ? -error : error) +
+           (libbpf_said.empty() ? "" : " (" + libbpf_said + ")");
+}
+
+uint64_t monotonic_ns() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+template <typename Record>
+class mapping {
+public:
+    mapping(int fd, size_t size, int access, off_t offset)
+        : size_(size), at_(mmap(nullptr, size, access, MAP_SHARED, fd, offset)) {
+        if (at_ == MAP_FAILED)
+            throw std::runtime_error("the gate's memory can't be mapped: " + reason(errno));
+    }
+    mapping(mapping &&) = delete;
+    ~mapping() { munmap(at_, size_); }
+    Record *get() const { return static_cast<Record *>(at_); }
+
+private:
+    size_t size_;
+    void *at_;
+};
+
+template <typename Word>
+Word read_word(Word &word) {
+    return std::atomic_ref(word).load();
+}
+
+template <typename Word>
+void write_word(Word &word, Word value) {
+    std::atomic_ref(word).store(value);
+}
+
+unique_fd pinned_map(const std::string &pins, const char *name) {
+    unique_fd fd(bpf_obj_get(pin_of(pins, name).c_str()));
+    if (!fd.valid())
+        throw std::runtime_error("no gate's map at " + pin_of(pins, name) + ": " + reason(errno));
+    return fd;
+}
+
+unsigned ethernet_interface(const std::string &name) {
+    const unsigned index = name.size() < IF_NAMESIZE ? if_nametoindex(name.c_str()) : 0;
+    if (index == 0)
+        throw std::runtime_error("there is no interface " + name);
+    ifinfomsg request = {};
+    request.ifi_index = static_cast<int>(index);
+    bool ethernet = false;
+    const auto see = [&](const nlmsghdr &message) {
+        ifinfomsg link = {};
+        if (message.nlmsg_len < NLMSG_LENGTH(sizeof link))
+            return;
+        memcpy(&link, NLMSG_DATA(&message), sizeof link);
+        ethernet = link.ifi_type == ARPHRD_ETHER;
+    };
+    netlink_dump(RTM_GETLINK, request, see, 0);
+    if (!ethernet)
+        throw std::runtime_error("the gate can't stand at " + name +
+                                 ", which has no Ethernet frames");
+    return index;
+}
+
+std::vector<std::pair<unsigned, std::string>> all_interfaces() {
+    struct if_nameindex *list = if_nameindex();
+    std::vector<std::pair<unsigned, std::string>> interfaces;
+    for (struct if_nameindex *at = list; at && at->if_index != 0; at++)
+        interfaces.emplace_back(at->if_index, at->if_name);
+    if_freenameindex(list);
+    return interfaces;
+}
+
+uint32_t id_of_map(int fd) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
+}
+
+bool uses(const tc_program &program, uint32_t map_id) {
+    return std::find(program.map_ids.begin(), program.map_ids.end(), map_id) !=
+           program.map_ids.end();
+}
+
+// One process at a time sets a gate up or takes it down.
+unique_fd lock_on(const std::string &folder) {
+    unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.valid())
+        flock(fd.get(), LOCK_EX);
+    return fd;
+}
+
+// What a constructor began, to be taken back when it fails.
+struct beginnings {
+    std::string pins;
+    bool pins_are_new = false;
+    std::vector<std::string> pinned;
+    std::vector<std::pair<unsigned, tc_side>> attached;
+    std::vector<unsigned> hooks;
+    bool done = false;
+
+    ~beginnings() {
+        if (done)
+            return;
+        try {
+            for (const auto &[index, side] : attached)
+                detach(index, side);
+            for (const unsigned index : hooks)
+                remove_hooks(index);
+            for (const std::string &pin : pinned)
+                unlink(pin.c_str());
+            if (pins_are_new)
+                remove_pins(pins, layouts::all);
+        } catch (const std::exception &) {
+            return; // the first error is the one to be told
+        }
+    }
+};
+
+struct close_object {
+    void operator()(bpf_object *object) const { bpf_object__close(object); }
+};
+using object_owner = std::unique_ptr<bpf_object, close_object>;
+
+void check_pinned(const bpf_map *map, int fd, const std::string &pin) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    if (bpf_obj_get_info_by_fd(fd, &info, &size) != 0 || info.type != bpf_map__type(map) ||
+        info.key_size != bpf_map__key_size(map) || info.value_size != bpf_map__value_size(map) ||
+        info.max_entries != bpf_map__max_entries(map) || info.map_flags != bpf_map__map_flags(map))
+        throw std::runtime_error(pin + " is no map of this gate: `avcore teardown` removes it");
+}
+
+// The maps of a gate whose pins are lost, for its mount lay in a namespace that ended.
+std::vector<unique_fd> maps_of(const std::vector<unsigned> &interfaces) {
+    std::vector<unique_fd> maps;
+    for (const unsigned index : interfaces)
+        for (const tc_side side : TC_SIDES)
+            if (const std::optional<tc_program> program = gate_at(index, side))
+                for (const uint32_t id : program->map_ids)
+                    maps.emplace_back(bpf_map_get_fd_by_id(id));
+    return maps;
+}
+
+bool has_name(int fd, const char *name) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 &&
+           strncmp(info.name, name, sizeof info.name) == 0;
+}
+
+void reuse(bpf_map *map, int fd, const std::string &pin) {
+    check_pinned(map, fd, pin);
+    const int error = bpf_map__reuse_fd(map, fd);
+    if (error != 0)
+        throw std::runtime_error(pin + " can't be used again: " + reason(error));
+}
+
+void find_maps(bpf_object *object, const std::string &pins,
+               const std::vector<unsigned> &interfaces) {
+    const std::vector<unique_fd> attached = maps_of(interfaces);
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, object) {
+        const std::string pin = pin_of(pins, bpf_map__name(map));
+        const unique_fd fd(bpf_obj_get(pin.c_str()));
+        if (fd.valid()) {
+            reuse(map, fd.get(), pin);
+            continue;
+        }
+        if (errno != ENOENT)
+            throw std::runtime_error(pin + " can't be opened: " + reason(errno));
+        for (const unique_fd &other : attached)
+            if (other.valid() && has_name(other.get(), bpf_map__name(map)))
+                reuse(map, other.get(), "what " + pin + " was");
+    }
+}
+
+object_owner open_object() {
+    bpf_object_open_opts options = {};
+    options.sz = sizeof options;
+    options.object_name = "jorn_gate";
+    object_owner object(bpf_object__open_mem(GATE_OBJECT, GATE_OBJECT_SIZE, &options));
+    if (!object)
+        throw std::runtime_error("the gate's program can't be read: " + reason(errno));
+    return object;
+}
+
+void load(bpf_object *object, beginnings &begun) {
+    const int error = bpf_object__load(object);
+    if (error != 0)
+        throw std::runtime_error("the kernel doesn't take the gate: " + reason(error));
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, object) {
+        const std::string pin = pin_of(begun.pins, bpf_map__name(map));
+        if (bpf_obj_pin(bpf_map__fd(map), pin.c_str()) == 0)
+            begun.pinned.push_back(pin);
+        else if (errno != EEXIST)
+            throw std::runtime_error("no pin " + pin + ": " + reason(errno));
+    }
+}
+
+int program_fd(bpf_object *object, tc_side side) {
+    const std::string name = std::string(GATE_PROGRAM) + (side == tc_side::ingress ? "up" : "down");
+    return bpf_program__fd(bpf_object__find_program_by_name(object, name.c_str()));
+}
+
+// Leaves what is attached already, unless it comes from another build or works on other maps.
+void attach_where_needed(bpf_object *object, unsigned index, bool is_new, beginnings &begun) {
+    if (is_new && make_hooks(index))
+        begun.hooks.push_back(index);
+    for (const tc_side side : TC_SIDES) {
+        const int fd = program_fd(object, side);
+        const tc_program ours = program_of(fd);
+        const std::optional<tc_program> there = gate_at(index, side);
+        if (!there && !is_new)
+            continue;
+        if (there && there->tag == ours.tag && there->map_ids == ours.map_ids)
+            continue;
+        attach(index, side, fd);
+        if (!there)
+            begun.attached.emplace_back(index, side);
+    }
+}
+
+// Where the gate stands at other interfaces, too, it is brought up to date there.
+void attach_everywhere(bpf_object *object, const std::vector<unsigned> &wanted, uint32_t settings,
+                       beginnings &begun) {
+    for (const unsigned index : wanted)
+        attach_where_needed(object, index, true, begun);
+    for (const auto &[index, name] : all_interfaces()) {
+        const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
+        if (there && uses(*there, settings))
+            attach_where_needed(object, index, false, begun);
+    }
+}
+
+void set_up(const std::string &pins, const std::vector<std::string> &interfaces) {
+    std::vector<unsigned> indices;
+    indices.reserve(interfaces.size());
+    for (const std::string &name : interfaces)
+        indices.push_back(ethernet_interface(name));
+    beginnings begun;
+    begun.pins = pins;
+    begun.pins_are_new = !std::filesystem::exists(layout_folder(pins));
+    make_pins(pins);
+    const unique_fd lock = lock_on(layout_folder(pins));
+    const object_owner object = open_object();
+    find_maps(object.get(), pins, indices);
+    load(object.get(), begun);
+    const int settings = bpf_object__find_map_fd_by_name(object.get(), "settings");
+    attach_everywhere(object.get(), indices, id_of_map(settings), begun);
+    remove_pins(pins, layouts::others);
+    begun.done = true;
+}
+
+gate_counts read_counts(int fd) {
+    const int processors = libbpf_num_possible_cpus();
+    std::vector<uint64_t> each(processors > 0 ? static_cast<size_t>(processors) : 1);
+    gate_counts counts = {};
+    for (uint32_t i = 0; i < GATE_COUNTS; i++)
+        if (bpf_map_lookup_elem(fd, &i, each.data()) == 0)
+            for (const uint64_t one : each)
+                counts[i] += one;
+    return counts;
+}
+
+void count_verdicts(int fd, uint64_t (&verdicts)[3]) {
+    std::vector<gate_flow> flows(GATE_FLOWS / 16);
+    std::vector<gate_verdict> found(flows.size());
+    uint32_t at = 0;
+    int error = 0;
+    for (void *from = nullptr; error == 0; from = &at) {
+        auto count = static_cast<uint32_t>(flows.size());
+        error = bpf_map_lookup_batch(fd, from, &at, flows.data(), found.data(), &count, nullptr);
+        if (error != 0 && error != -ENOENT)
+            return;
+        for (uint32_t i = 0; i < count; i++)
+            if (found[i].action < std::size(verdicts))
+                verdicts[found[i].action]++;
+    }
+}
+
+// The ring as the kernel lays it out: a page that its reader writes, one that its writer writes,
+// and the records, mapped twice in a row, so that each lies in one piece.
+class ring {
+public:
+    explicit ring(int fd)
+        : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))),
+          reader_(fd, page_, PROT_READ | PROT_WRITE, 0),
+          writer_(fd, page_ + 2UL * GATE_RING_BYTES, PROT_READ, static_cast<off_t>(page_)) {}
+
+    // Frees the record of the last call.
+    std::span<const uint8_t> next() {
+        uint64_t at = read_word(*reader_.get()) + taken_;
+        taken_ = 0;
+        for (;;) {
+            write_word(*reader_.get(), at);
+            if (at >= std::atomic_ref(*const_cast<uint64_t *>(writer_.get())).load())
+                return {};
+            const uint8_t *head = record_at(at);
+            const uint32_t word = head_of(head);
+            if (word & BPF_RINGBUF_BUSY_BIT)
+                return {};
+            const uint32_t length = word & ~(BPF_RINGBUF_BUSY_BIT | BPF_RINGBUF_DISCARD_BIT);
+            const uint64_t whole = (uint64_t{length} + RING_HEAD + 7) / 8 * 8;
+            if (!(word & BPF_RINGBUF_DISCARD_BIT)) {
+                taken_ = whole;
+                return {head + RING_HEAD, length};
+            }
+            at += whole;
+        }
+    }
+
+private:
+    const uint8_t *record_at(uint64_t at) const {
+        return reinterpret_cast<const uint8_t *>(writer_.get()) + page_ +
+               (at & (GATE_RING_BYTES - 1));
+    }
+    static uint32_t head_of(const uint8_t *head) {
+        auto *word = reinterpret_cast<uint32_t *>(const_cast<uint8_t *>(head));
+        return std::atomic_ref(*word).load();
+    }
+
+    size_t page_;
+    mapping<uint64_t> reader_;
+    mapping<uint64_t> writer_;
+    uint64_t taken_ = 0;
+};
+
+std::vector<std::string> attached_interfaces(uint32_t settings_id) {
+    std::vector<std::string> names;
+    for (const auto &[index, name] : all_interfaces()) {
+        const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
+        if (there && uses(*there, settings_id))
+            names.push_back(name);
+    }
+    return names;
+}
+
+} // namespace
+
+struct gate::parts {
+    explicit parts(const std::string &pins)
+        : verdicts(pinned_map(pins, "verdicts")),
+          limits(pinned_map(pins, "limits")),
+          counts(pinned_map(pins, "counts")),
+          copies(pinned_map(pins, "copies")),
+          settings_map(pinned_map(pins, "settings")),
+          settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
+          ring_of_copies(copies.get()) {}
+
+    unique_fd verdicts;
+    unique_fd limits;
+    unique_fd counts;
+    unique_fd copies;
+    unique_fd settings_map;
+    mapping<gate_settings> settings;
+    ring ring_of_copies;
+};
+
+gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) {
+    libbpf_set_print(keep_message);
+    libbpf_said.clear();
+    set_up(pins, interfaces);
+    parts_ = std::make_unique<parts>(pins);
+    if (generation() == 0) { // a new one
+        set_rules({});
+        next_generation();
+    }
+}
+
+gate::~gate() = default;
+gate::gate(gate &&) noexcept = default;
+
+void gate::set_rules(const gate_rules &rules) {
+    gate_settings &settings = *parts_->settings.get();
+    write_word(settings.fail_closed, uint32_t{rules.fail_closed});
+    write_word(settings.copies_per_second, rules.copies_per_second);
+}
+
+int gate::fd() const {
+    return parts_->copies.get();
+}
+
+bool gate::take(gate_copy_seen &copy) {
+    const std::span<const uint8_t> record = parts_->ring_of_copies.next();
+    if (record.size() < sizeof copy.head)
+        return false;
+    memcpy(&copy.head, record.data(), sizeof copy.head);
+    const std::span<const uint8_t> frame = record.subspan(sizeof copy.head);
+    copy.frame = frame.first(std::min<size_t>(frame.size(), copy.head.captured));
+    return true;
+}
+
+bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
+    return bpf_map_update_elem(parts_->verdicts.get(), &flow, &verdict, BPF_ANY) == 0;
+}
+
+bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
+    return bucket != 0 && bpf_map_update_elem(parts_->limits.get(), &bucket, &limit, BPF_ANY) == 0;
+}
+
+void gate::beat() {
+    write_word(parts_->settings.get()->beat_ns, __u64{monotonic_ns()});
+}
+
+uint32_t gate::generation() const {
+    return read_word(parts_->settings.get()->generation);
+}
+
+void gate::next_generation() {
+    std::atomic_ref generation(parts_->settings.get()->generation);
+    if (++generation == 0) // which is that of a new gate
+        ++generation;
+}
+
+gate_counts gate::counts() const {
+    return read_counts(parts_->counts.get());
+}
+
+void tear_down_gate(const std::string &pins) {
+    libbpf_set_print(keep_message);
+    libbpf_said.clear();
+    const unique_fd lock = lock_on(layout_folder(pins));
+    for (const auto &[index, name] : all_interfaces()) {
+        bool had_gate = false;
+        for (const tc_side side : TC_SIDES) {
+            if (!gate_at(index, side))
+                continue;
+            detach(index, side);
+            had_gate = true;
+        }
+        if (had_gate)
+            remove_hooks(index);
+    }
+    remove_pins(pins, layouts::all);
+}
+
+gate_status look_at_gate(const std::string &pins) {
+    libbpf_set_print(keep_message);
+    libbpf_said.clear();
+    gate_status status;
+    const unique_fd settings_map(bpf_obj_get(pin_of(pins, "settings").c_str()));
+    if (!settings_map.valid() && errno == ENOENT)
+        return status;
+    if (!settings_map.valid())
+        throw std::runtime_error(pin_of(pins, "settings") + " can't be opened: " + reason(errno));
+    gate_settings settings = {};
+    const uint32_t first = 0;
+    if (bpf_map_lookup_elem(settings_map.get(), &first, &settings) != 0)
+        throw std::runtime_error("the gate's settings can't be read: " + reason(errno));
+    status.there = true;
+    status.interfaces = attached_interfaces(id_of_map(settings_map.get()));
+    status.rules = {settings.fail_closed != 0, settings.copies_per_second};
+    status.generation = settings.generation;
+    if (settings.beat_ns != 0)
+        status.beat_age_ms = static_cast<int64_t>(monotonic_ns() - settings.beat_ns) / 1'000'000;
+    count_verdicts(pinned_map(pins, "verdicts").get(), status.verdicts);
+    status.counts = read_counts(pinned_map(pins, "counts").get());
+    return status;
+}
+
+} // namespace avcore

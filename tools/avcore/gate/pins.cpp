@@ -1,0 +1,100 @@
+#include "avcore/gate/pins.h"
+
+#include "avcore/gate/gate_records.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <linux/magic.h>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <sys/mount.h>
+#include <sys/vfs.h>
+#include <system_error>
+#include <vector>
+
+namespace avcore {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char OWN_MOUNT[] = "jorn-gate"; // its source in /proc/self/mountinfo
+
+bool is_bpffs(const std::string &path) {
+    struct statfs about = {};
+    return statfs(path.c_str(), &about) == 0 && about.f_type == BPF_FS_MAGIC;
+}
+
+// A line: six words, of which the fifth is where; options; " - ", the type, the source.
+bool is_own_mount(const std::string &pins) {
+    std::error_code error;
+    const std::string at = fs::canonical(pins, error).string();
+    std::ifstream mounts("/proc/self/mountinfo");
+    bool own = false;
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line.substr(0, line.find(" - ")));
+        std::string word;
+        for (int i = 0; i < 5; i++)
+            words >> word;
+        if (word == at) // the last one lies on top
+            own = line.find(std::string(" - bpf ") + OWN_MOUNT + " ") != std::string::npos;
+    }
+    return own;
+}
+
+bool is_layout(const std::string &name) {
+    return name.size() > 1 && name.front() == 'v' &&
+           std::all_of(name.begin() + 1, name.end(), [](unsigned char c) { return isdigit(c); });
+}
+
+std::vector<fs::path> folders_in(const std::string &pins) {
+    std::vector<fs::path> folders;
+    std::error_code error;
+    for (const fs::directory_entry &entry : fs::directory_iterator(pins, error))
+        if (is_layout(entry.path().filename().string()))
+            folders.push_back(entry.path());
+    return folders;
+}
+
+} // namespace
+
+std::string layout_folder(const std::string &pins) {
+    return pins + "/" GATE_LAYOUT;
+}
+
+std::string pin_of(const std::string &pins, const std::string &map) {
+    return layout_folder(pins) + "/" + map;
+}
+
+void make_pins(const std::string &pins) {
+    std::error_code error;
+    fs::create_directories(pins, error);
+    if (error)
+        throw std::runtime_error("no folder " + pins + " for the gate: " + error.message());
+    if (!is_bpffs(pins) && mount(OWN_MOUNT, pins.c_str(), "bpf", 0, "mode=0700") != 0)
+        throw std::runtime_error("no bpffs can be mounted at " + pins + ": " +
+                                 std::generic_category().message(errno));
+    fs::create_directory(layout_folder(pins), error);
+    if (error)
+        throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());
+}
+
+void remove_pins(const std::string &pins, layouts which) {
+    if (!is_bpffs(pins))
+        return;
+    std::error_code error;
+    for (const fs::path &folder : folders_in(pins))
+        if (which == layouts::all || folder.filename() != GATE_LAYOUT)
+            fs::remove_all(folder, error);
+    if (which != layouts::all || !fs::is_empty(pins, error))
+        return;
+    if (is_own_mount(pins) && umount(pins.c_str()) != 0)
+        throw std::runtime_error(pins +
+                                 " can't be unmounted: " + std::generic_category().message(errno));
+    fs::remove(pins, error);
+}
+
+} // namespace avcore

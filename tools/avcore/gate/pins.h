@@ -1,0 +1,19 @@
+// Where the gate's maps are pinned: PINS/LAYOUT/MAP, in a file system of the kernel's.
+#pragma once
+
+#include <string>
+
+namespace avcore {
+
+std::string layout_folder(const std::string &pins); // of this build
+std::string pin_of(const std::string &pins, const std::string &map);
+
+// Makes the folder, and mounts a bpffs at `pins` where there is none. Throws std::runtime_error.
+void make_pins(const std::string &pins);
+
+// Removes one layout's folder, or all, and then the mount if make_pins() made it and nothing else
+// is in it. Does nothing where there is none.
+enum class layouts { all, others };
+void remove_pins(const std::string &pins, layouts which);
+
+} // namespace avcore

@@ -1,0 +1,157 @@
+#include "avcore/gate/traffic_control.h"
+
+#include "avcore/gate/netlink.h"
+#include "unique_fd.h"
+
+#include <array>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+namespace avcore {
+namespace {
+
+constexpr uint32_t HANDLE = 0x6A6F;
+
+bpf_tc_hook hook_at(unsigned if_index, int points) {
+    bpf_tc_hook hook = {};
+    hook.sz = sizeof hook;
+    hook.ifindex = static_cast<int>(if_index);
+    hook.attach_point = static_cast<bpf_tc_attach_point>(points);
+    return hook;
+}
+
+int point_of(tc_side side) {
+    return side == tc_side::ingress ? BPF_TC_INGRESS : BPF_TC_EGRESS;
+}
+
+bpf_tc_opts own_place() {
+    bpf_tc_opts options = {};
+    options.sz = sizeof options;
+    options.handle = HANDLE;
+    options.priority = GATE_PRIORITY;
+    return options;
+}
+
+std::string name_of(unsigned if_index) {
+    char name[IF_NAMESIZE] = {};
+    return if_indextoname(if_index, name) ? name : std::to_string(if_index);
+}
+
+[[noreturn]] void fail(const std::string &what, unsigned if_index, int error) {
+    throw std::runtime_error(what + " " + name_of(if_index) + ": " +
+                             std::generic_category().message(error < 0 ? -error : error));
+}
+
+// An action stands in the options with the name of its kind.
+bool names_redirect(std::string_view options) {
+    return options.find(std::string_view("mirred", 7)) != std::string_view::npos;
+}
+
+tc_filter filter_in(nlmsghdr &message, const tcmsg &head) {
+    tc_filter filter;
+    filter.priority = head.tcm_info >> 16;
+    each_attribute(message, sizeof(tcmsg), [&](const rtattr &attribute) {
+        if (attribute.rta_type == TCA_KIND)
+            filter.kind = text_of(attribute);
+        if (attribute.rta_type != TCA_OPTIONS)
+            return;
+        filter.redirects = names_redirect(bytes_of(attribute));
+        each_attribute(attribute, [&](const rtattr &option) {
+            if (filter.kind == "bpf" && option.rta_type == TCA_BPF_NAME)
+                filter.name = text_of(option);
+        });
+    });
+    return filter;
+}
+
+} // namespace
+
+tc_program program_of(int fd) {
+    std::array<uint32_t, 64> ids = {};
+    bpf_prog_info info = {};
+    uint32_t size = sizeof info;
+    info.nr_map_ids = ids.size();
+    info.map_ids = reinterpret_cast<uintptr_t>(ids.data());
+    if (bpf_obj_get_info_by_fd(fd, &info, &size) != 0)
+        return {};
+    tc_program program;
+    program.name.assign(info.name, strnlen(info.name, sizeof info.name));
+    program.tag.assign(reinterpret_cast<const char *>(info.tag), sizeof info.tag);
+    program.map_ids.assign(ids.begin(),
+                           ids.begin() + std::min<size_t>(info.nr_map_ids, ids.size()));
+    return program;
+}
+
+std::optional<tc_program> gate_at(unsigned if_index, tc_side side) {
+    const bpf_tc_hook hook = hook_at(if_index, point_of(side));
+    bpf_tc_opts options = own_place();
+    if (bpf_tc_query(&hook, &options) != 0)
+        return std::nullopt;
+    const unique_fd fd(bpf_prog_get_fd_by_id(options.prog_id));
+    tc_program program = fd.valid() ? program_of(fd.get()) : tc_program();
+    if (program.name.starts_with(GATE_PROGRAM))
+        return program;
+    throw std::runtime_error("another program, " + program.name + ", has the gate's place at " +
+                             name_of(if_index));
+}
+
+bool make_hooks(unsigned if_index) {
+    bpf_tc_hook hook = hook_at(if_index, BPF_TC_INGRESS | BPF_TC_EGRESS);
+    const int error = bpf_tc_hook_create(&hook);
+    if (error != 0 && error != -EEXIST)
+        fail("no clsact at", if_index, error);
+    return error == 0;
+}
+
+void remove_hooks(unsigned if_index) {
+    for (const tc_side side : TC_SIDES)
+        if (!filters_at(if_index, side).empty())
+            return;
+    bpf_tc_hook hook = hook_at(if_index, BPF_TC_INGRESS | BPF_TC_EGRESS);
+    bpf_tc_hook_destroy(&hook);
+}
+
+void attach(unsigned if_index, tc_side side, int program_fd) {
+    const bpf_tc_hook hook = hook_at(if_index, point_of(side));
+    bpf_tc_opts options = own_place();
+    options.prog_fd = program_fd;
+    options.flags = BPF_TC_F_REPLACE;
+    const int error = bpf_tc_attach(&hook, &options);
+    if (error != 0)
+        fail("the gate can't be attached to", if_index, error);
+}
+
+void detach(unsigned if_index, tc_side side) {
+    const bpf_tc_hook hook = hook_at(if_index, point_of(side));
+    const bpf_tc_opts options = own_place();
+    const int error = bpf_tc_detach(&hook, &options);
+    if (error != 0 && error != -ENOENT)
+        fail("the gate can't be detached from", if_index, error);
+}
+
+std::vector<tc_filter> filters_at(unsigned if_index, tc_side side) {
+    tcmsg request = {};
+    request.tcm_family = AF_UNSPEC;
+    request.tcm_ifindex = static_cast<int>(if_index);
+    request.tcm_parent =
+        TC_H_MAKE(TC_H_CLSACT, side == tc_side::ingress ? TC_H_MIN_INGRESS : TC_H_MIN_EGRESS);
+    std::vector<tc_filter> filters;
+    netlink_dump(RTM_GETTFILTER, request, [&](nlmsghdr &message) {
+        tcmsg head;
+        if (message.nlmsg_type != RTM_NEWTFILTER || message.nlmsg_len < NLMSG_LENGTH(sizeof head))
+            return;
+        memcpy(&head, NLMSG_DATA(&message), sizeof head);
+        if (head.tcm_handle != 0) // else it is what filters of one priority hang on
+            filters.push_back(filter_in(message, head));
+    });
+    return filters;
+}
+
+} // namespace avcore
