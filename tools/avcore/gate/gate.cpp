@@ -130,8 +130,10 @@ bool uses(const tc_program &program, uint32_t map_id) {
            program.map_ids.end();
 }
 
-// One process at a time sets a gate up or takes it down.
-unique_fd lock_on(const std::string &folder) {
+// One process at a time sets a gate up or takes it down. Not the pins' own folder: a mount that is
+// open can't go.
+unique_fd lock_beside(const std::string &pins) {
+    const std::string folder = std::filesystem::absolute(pins).parent_path();
     unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.valid())
         flock(fd.get(), LOCK_EX);
@@ -291,7 +293,7 @@ void set_up(const std::string &pins, const std::vector<std::string> &interfaces)
     begun.pins = pins;
     begun.pins_are_new = !std::filesystem::exists(layout_folder(pins));
     make_pins(pins);
-    const unique_fd lock = lock_on(layout_folder(pins));
+    const unique_fd lock = lock_beside(pins);
     const object_owner object = open_object();
     find_maps(object.get(), pins, indices);
     load(object.get(), begun);
@@ -469,7 +471,7 @@ gate_counts gate::counts() const {
 void tear_down_gate(const std::string &pins) {
     libbpf_set_print(keep_message);
     libbpf_said.clear();
-    const unique_fd lock = lock_on(layout_folder(pins));
+    const unique_fd lock = lock_beside(pins);
     for (const auto &[index, name] : all_interfaces()) {
         bool had_gate = false;
         for (const tc_side side : TC_SIDES) {

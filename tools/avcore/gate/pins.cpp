@@ -59,6 +59,15 @@ std::vector<fs::path> folders_in(const std::string &pins) {
     return folders;
 }
 
+// But for the two files that the kernel itself may put into a bpffs.
+bool has_entries(const std::string &pins) {
+    std::error_code error;
+    for (const fs::directory_entry &entry : fs::directory_iterator(pins, error))
+        if (entry.path().extension() != ".debug")
+            return true;
+    return false;
+}
+
 } // namespace
 
 std::string layout_folder(const std::string &pins) {
@@ -89,7 +98,7 @@ void remove_pins(const std::string &pins, layouts which) {
     for (const fs::path &folder : folders_in(pins))
         if (which == layouts::all || folder.filename() != GATE_LAYOUT)
             fs::remove_all(folder, error);
-    if (which != layouts::all || !fs::is_empty(pins, error))
+    if (which != layouts::all || has_entries(pins))
         return;
     if (is_own_mount(pins) && umount(pins.c_str()) != 0)
         throw std::runtime_error(pins +

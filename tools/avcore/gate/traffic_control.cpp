@@ -71,6 +71,24 @@ tc_filter filter_in(nlmsghdr &message, const tcmsg &head) {
     return filter;
 }
 
+// An older kind of it, "ingress", would take what is meant for the egress for the ingress, too.
+bool has_clsact(unsigned if_index) {
+    tcmsg request = {};
+    request.tcm_ifindex = static_cast<int>(if_index);
+    bool found = false;
+    netlink_dump(RTM_GETQDISC, request, [&](const nlmsghdr &message) {
+        tcmsg head;
+        if (message.nlmsg_len < NLMSG_LENGTH(sizeof head))
+            return;
+        memcpy(&head, NLMSG_DATA(&message), sizeof head);
+        each_attribute(message, sizeof head, [&](const rtattr &attribute) {
+            if (head.tcm_ifindex == request.tcm_ifindex && attribute.rta_type == TCA_KIND)
+                found = found || text_of(attribute) == "clsact";
+        });
+    });
+    return found;
+}
+
 } // namespace
 
 tc_program program_of(int fd) {
@@ -107,6 +125,10 @@ bool make_hooks(unsigned if_index) {
     const int error = bpf_tc_hook_create(&hook);
     if (error != 0 && error != -EEXIST)
         fail("no clsact at", if_index, error);
+    if (error == -EEXIST && !has_clsact(if_index))
+        throw std::runtime_error(name_of(if_index) +
+                                 " has a qdisc in the place of clsact: `tc qdisc del dev " +
+                                 name_of(if_index) + " ingress` removes it");
     return error == 0;
 }
 
