@@ -17,6 +17,7 @@ namespace avcore {
 namespace {
 
 constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
+constexpr uint32_t COPIES_MAX = 1'000'000;
 constexpr uint32_t UTP_ID_MAX = 63; // a packet's look-up knows no higher one
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
@@ -67,6 +68,16 @@ public:
         if (!value || *value < 0 || *value > most)
             fail(node, quoted(key) + " must be a whole number from 0 to " + std::to_string(most));
         return static_cast<uint32_t>(*value);
+    }
+
+    void flag(std::string_view key, bool &value) const {
+        const toml::node *node = find(key);
+        if (node == nullptr)
+            return;
+        const std::optional<bool> on = node->value_exact<bool>();
+        if (!on)
+            fail(*node, quoted(key) + " must be true or false");
+        value = *on;
     }
 
     void interface_name(std::string_view key, std::string &name) const {
@@ -245,6 +256,45 @@ void read_bus(const toml::table &table, const std::string &file, bus_settings &b
         in.fail(table, "'ca', 'certificate' and 'key' go together");
 }
 
+// A text that is one of a few.
+template <typename Value, size_t N>
+void read_choice(const reader &in, std::string_view key,
+                 const std::pair<std::string_view, Value> (&choices)[N], Value &value) {
+    const std::optional<std::string> text = in.text(key);
+    if (!text)
+        return;
+    std::string names;
+    for (const auto &[name, chosen] : choices) {
+        if (*text == name) {
+            value = chosen;
+            return;
+        }
+        names += (names.empty() ? "\"" : " or \"") + std::string(name) + '"';
+    }
+    in.fail(*in.find(key), reader::quoted(key) + " must be " + names);
+}
+
+void read_enforce(const toml::table &table, const std::string &file, enforce_settings &enforce) {
+    using settings = enforce_settings;
+    constexpr std::pair<std::string_view, settings::sharing> shares[] = {
+        {"application", settings::sharing::application}, {"flow", settings::sharing::flow}};
+    constexpr std::pair<std::string_view, uint64_t> units[] = {
+        {"kbit/s", 125}, {"kB/s", 1000}, {"Mbit/s", 125'000}};
+    constexpr std::pair<std::string_view, settings::shaping> shapes[] = {
+        {"drop", settings::shaping::drop}, {"htb", settings::shaping::htb}};
+    constexpr std::pair<std::string_view, bool> fails[] = {{"open", false}, {"closed", true}};
+    const reader in(table, file);
+    in.expect_keys({"reset", "share", "rate_unit", "shape", "fail", "copies"});
+    in.flag("reset", enforce.reset);
+    read_choice(in, "share", shares, enforce.share);
+    read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
+    read_choice(in, "shape", shapes, enforce.shape);
+    read_choice(in, "fail", fails, enforce.rules.fail_closed);
+    in.number("copies", enforce.rules.copies_per_second, COPIES_MAX);
+    if (enforce.rules.copies_per_second == 0)
+        in.fail(*in.find("copies"), "'copies' must be 1 at least");
+}
+
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
@@ -259,16 +309,11 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus"});
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce"});
     config settings;
-    if (const toml::node *dpi = in.find("dpi")) {
-        const std::optional<bool> on = dpi->value_exact<bool>();
-        if (!on)
-            in.fail(*dpi, "'dpi' must be true or false");
-        settings.dpi = *on;
-        if (!*on)
-            settings.platform_values.clear(); // the daemon's default: no engine
-    }
+    in.flag("dpi", settings.dpi);
+    if (!settings.dpi)
+        settings.platform_values.clear(); // the daemon's default: no engine
     if (const toml::table *client = in.table("client")) {
         const reader client_in(*client, name);
         client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
@@ -284,6 +329,8 @@ config parse_config(std::string_view text, const std::string &name) {
         read_platform(*platform, name, "", settings);
     if (const toml::table *bus = in.table("bus"))
         read_bus(*bus, name, settings.bus);
+    if (const toml::table *enforce = in.table("enforce"))
+        read_enforce(*enforce, name, settings.enforce);
     return settings;
 }
 

@@ -4,6 +4,7 @@
 
 #include "avcore/bus/settings.h"
 #include "avcore/frame.h"
+#include "avcore/gate/enforce_settings.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
@@ -53,6 +54,7 @@ struct config {
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
     bus_settings bus;
+    enforce_settings enforce;
 };
 
 class config_error : public std::runtime_error {

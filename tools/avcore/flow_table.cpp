@@ -27,7 +27,7 @@ void flow_table::sum_up_oldest() {
 flow_table::row_ref flow_table::add(const flow_id &sides, const frame_facts &frame) {
     if (rows_.size() >= limit_)
         sum_up_oldest();
-    const bool from_client = rules_.sender_is_client(frame);
+    const bool from_client = frame.sender_is_client.value_or(rules_.sender_is_client(frame));
     flow_row &row = rows_.emplace_front();
     row.id = ++last_id_;
     row.sides = sides;
@@ -55,10 +55,10 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     return {row, from_client};
 }
 
-void flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
+flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
     const auto found = by_id_.find(id);
     if (found == by_id_.end())
-        return;
+        return nullptr;
     flow_row &row = *found->second;
     row.verdict = verdict.verdict;
     row.outdated = false;
@@ -67,21 +67,22 @@ void flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
     row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
     row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
     row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
+    return &row;
 }
 
-bool flow_table::set_application(const av_app_setting &setting) {
+flow_row *flow_table::set_application(const av_app_setting &setting) {
     flow_key key;
     memcpy(&key, setting.flow_key, sizeof key);
     const auto found = index_.find(flow_id_of(key));
     if (found == index_.end())
-        return false;
+        return nullptr;
     flow_row &row = *found->second;
     row.verdict = setting.verdict == APP_SETTING_ALLOW ? AV_VERDICT_ALLOW : setting.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(setting.name);
         !name.empty() && name != ANY_APPLICATION)
         row.application = name;
-    return true;
+    return &row;
 }
 
 void flow_table::outdate_verdicts() {

@@ -8,6 +8,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace avcore {
@@ -34,6 +35,7 @@ struct frame_facts {
     uint16_t ether_type = 0;
     uint8_t ip_proto = 0;
     bool ipv4 = false;
+    std::optional<bool> sender_is_client; // where the capture tells
 };
 
 // The two sides in their own order, so that both directions of a flow have one id.

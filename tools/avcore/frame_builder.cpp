@@ -19,24 +19,29 @@ frame_builder::frame_builder(const config &settings, const std::string &captured
       dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr) {}
 
 frame_builder::built_frame frame_builder::build(const captured_frame &captured) {
-    built_frame built;
-    std::vector<uint8_t> &bytes = built.frame.bytes;
+    if (!captured.captured_on.empty())
+        rules_.capture_on(captured.captured_on);
+    fed_frame fed;
+    std::vector<uint8_t> &bytes = fed.bytes;
     bytes.reserve(captured.bytes.size() + sizeof(av_pkt_trailer));
     bytes.assign(captured.bytes.begin(), captured.bytes.end());
     bytes.resize(captured.bytes.size() + sizeof(av_pkt_trailer));
 
-    const frame_facts frame = decode_frame(bytes);
+    frame_facts frame = decode_frame(bytes);
+    if (captured.copy != nullptr)
+        frame.sender_is_client = captured.copy->direction == GATE_UP;
     const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
-    built.lesson = inspect(frame, captured, flow.row, trailer);
+    name_lesson lesson = inspect(frame, captured, flow.row, trailer);
     time_us_ = captured.time_us;
-    note_frame(flow.row, names_, built.lesson);
-    names_.learn(built.lesson.answer, time_us_);
-    names_.learn(built.lesson.host, time_us_);
+    note_frame(flow.row, names_, lesson);
+    names_.learn(lesson.answer, time_us_);
+    names_.learn(lesson.host, time_us_);
     memcpy(bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
-    built.frame.key = frame.key;
-    built.frame.flow = flow.row.id;
-    return built;
+    fed.key = frame.key;
+    fed.flow = flow.row.id;
+    fed.number_in_flow = flow.row.packets;
+    return {std::move(fed), std::move(lesson), flow};
 }
 
 // Completes the row and the trailer with what the packet itself shows.

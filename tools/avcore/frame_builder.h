@@ -24,6 +24,7 @@ public:
     struct built_frame {
         fed_frame frame;
         name_lesson lesson;
+        flow_table::sighting flow;
     };
     built_frame build(const captured_frame &captured);
 

@@ -94,6 +94,11 @@ void print_line(std::ostream &out, const nlohmann::ordered_json &object) {
 
 } // namespace
 
+std::string flow_text(const flow_row &row) {
+    return endpoint_text(row, row.client) + " to " + endpoint_text(row, row.server) + " (" +
+           protocol_text(row) + ")";
+}
+
 void print_table(std::ostream &out, const flow_table &flows) {
     std::vector<table_line> lines = {
         {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES"}};
@@ -169,6 +174,7 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         {totals.source.empty, "not carried, empty"},
         {totals.source.cut_short, "carried as captured, without their ends"},
         {totals.source.dropped, "dropped by the kernel before they were read"},
+        {totals.source.stale, "copies that had waited for too long"},
         {fed.start_repeats, "repeats of a first frame until the daemon answered"},
         {fed.overlooked, "verdicts that answered no frame"},
         {totals.malformed_messages, "malformed messages on the AV channel"},

@@ -27,6 +27,9 @@ struct totals {
     bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
 };
 
+// "CLIENT to SERVER (PROTOCOL)".
+std::string flow_text(const flow_row &row);
+
 void print_table(std::ostream &out, const flow_table &flows);
 // One object a flow and line.
 void print_json(std::ostream &out, const flow_table &flows);

@@ -17,7 +17,8 @@
 #define GATE_LAYOUT "v1"
 
 /* Bounds of the maps. */
-#define GATE_FLOWS 65536  /* verdicts, and counters beside them; the least recently used go first  \
+#define GATE_FLOWS                                                                                 \
+    65536                 /* verdicts, and counters beside them; the least recently used go first  \
                            */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
