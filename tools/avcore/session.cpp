@@ -199,11 +199,13 @@ void session::pull_frames() {
 }
 
 void session::take_frame(const captured_frame &captured) {
-    frame_builder::built_frame built = builder_.build(captured);
+    std::optional<frame_builder::built_frame> built = builder_.build(captured);
+    if (!built)
+        return;
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    names_.add(feeder_.add(std::move(built.frame), now_ms), std::move(built.lesson));
+    names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
 
@@ -283,7 +285,9 @@ void session::take(const av_verdict &verdict) {
 }
 
 void session::take(const syslog_line &line) {
-    say("syslog, level " + std::to_string(line.level) + ": " + printable(line.text));
+    const std::string text = with_real_addresses(
+        line.text, [this](uint32_t ip_be) { return builder_.stand_ins().real(ip_be); });
+    say("syslog, level " + std::to_string(line.level) + ": " + printable(text));
 }
 
 void session::take(const av_app_setting &setting) {
@@ -312,7 +316,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         return answer_roam_flows(builder_.flows(), builder_.time_us(), asked);
     case av_op::dnscache_get_name:
         names_.advance(feeder_.judged());
-        return answer_domain_name(names_.names(), names_.time_us(), asked);
+        return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
     case av_op::urlfilter_get_category:
         return agent_.answer(asked, clock_ms());
     case av_op::platform_value:
@@ -353,7 +357,8 @@ void session::report() {
                            refused_safe_search_,
                            agent_.counts(),
                            switches_,
-                           builder_.has_engine() && !engine_asked_ && engine_ignored_};
+                           builder_.has_engine() && !engine_asked_ && engine_ignored_,
+                           builder_.counts()};
     if (options_.json)
         print_json(std::cout, flows);
     else
