@@ -2,8 +2,16 @@
 
 #include <arpa/inet.h>
 #include <random>
+#include <utility>
 
 namespace avcore {
+namespace {
+
+uint32_t after(uint32_t stand_in) {
+    return stand_in == stand_in_table::LAST ? stand_in_table::FIRST : stand_in + 1;
+}
+
+} // namespace
 
 stand_in_table::stand_in_table(size_t limit, uint32_t first) : limit_(limit), next_(first) {}
 
@@ -13,12 +21,9 @@ uint32_t stand_in_table::anywhere() {
 
 // One may still be in use when its turn has come again.
 uint32_t stand_in_table::take_next() {
-    uint32_t taken = next_;
-    do {
-        taken = next_;
-        next_ = next_ == LAST ? FIRST : next_ + 1;
-    } while (by_stand_in_.contains(taken));
-    return taken;
+    while (by_stand_in_.contains(next_))
+        next_ = after(next_);
+    return std::exchange(next_, after(next_));
 }
 
 uint32_t stand_in_table::stand_in_for(const ip_address &ipv6) {
