@@ -5,7 +5,6 @@
 #include "avcore/printable.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <charconv>
 #include <initializer_list>
 #include <iterator>
@@ -109,24 +108,6 @@ std::optional<mac_address> parse_mac(std::string_view text) {
     return mac;
 }
 
-std::optional<ipv4_network> parse_network(const std::string &text) {
-    const size_t slash = text.find('/');
-    in_addr address = {};
-    if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1)
-        return std::nullopt;
-    unsigned bits = 32;
-    if (slash != text.npos) {
-        const char *end = text.data() + text.size();
-        const auto [stop, error] = std::from_chars(text.data() + slash + 1, end, bits);
-        if (error != std::errc() || stop != end || bits > 32)
-            return std::nullopt;
-    }
-    ipv4_network network;
-    network.mask_be = bits == 0 ? 0 : htonl(0xFFFFFFFFu << (32 - bits));
-    network.address_be = address.s_addr & network.mask_be;
-    return network;
-}
-
 void read_side(const reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
     in.number("if_index", side.if_index);
@@ -182,9 +163,10 @@ client_rule read_rule(const toml::table &table, const std::string &file,
             in.fail(*in.find("mac"), "'mac' must look like 00:1a:2b:3c:4d:5e");
     }
     if (const auto text = in.text("network")) {
-        rule.network = parse_network(*text);
+        rule.network = ip_network::parse(*text);
         if (!rule.network)
-            in.fail(*in.find("network"), "'network' must look like 192.168.1.0/24");
+            in.fail(*in.find("network"),
+                    "'network' must look like 192.168.1.0/24 or 2001:db8::/64");
     }
     in.interface_name("captured_on", rule.captured_on);
     if (!rule.mac && !rule.network && rule.captured_on.empty())

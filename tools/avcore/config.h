@@ -5,6 +5,7 @@
 #include "avcore/bus/settings.h"
 #include "avcore/frame.h"
 #include "avcore/gate/enforce_settings.h"
+#include "avcore/ip_address.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
@@ -31,18 +32,11 @@ struct client_profile {
     uint32_t filter_type = 0;     // AV_FILTER_URL and AV_FILTER_WIFICALLING; DPI is avcore's own
 };
 
-struct ipv4_network {
-    uint32_t address_be = 0;
-    uint32_t mask_be = 0;
-
-    bool holds(uint32_t ip_be) const { return (ip_be & mask_be) == address_be; }
-};
-
 // All selectors that a rule names must fit. A rule with neither MAC address nor network fits
 // whoever is the client of a flow captured on that interface.
 struct client_rule {
     std::optional<mac_address> mac;
-    std::optional<ipv4_network> network;
+    std::optional<ip_network> network;
     std::string captured_on;
     client_profile profile;
 };

@@ -12,6 +12,19 @@ namespace {
 constexpr uint32_t APP_SETTING_ALLOW = 2; // of a verdict record it is the white list
 constexpr std::string_view ANY_APPLICATION = "***";
 
+// The daemon names a flow after its addresses when it knows nothing better.
+std::string application_text(const flow_row &row, std::string_view name) {
+    if (!row.ipv4 || row.server.address.is_ipv4())
+        return std::string(name);
+    return with_real_addresses(name, [&row](uint32_t ip_be) -> std::optional<ip_address> {
+        for (const endpoint *side : {&row.client, &row.server}) {
+            if (side->ip_be == ip_be)
+                return side->address;
+        }
+        return std::nullopt;
+    });
+}
+
 } // namespace
 
 void flow_table::sum_up_oldest() {
@@ -63,7 +76,7 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
     row.verdict = verdict.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(verdict.app_name); !name.empty())
-        row.application = name;
+        row.application = application_text(row, name);
     row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
     row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
     row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
@@ -81,7 +94,7 @@ flow_row *flow_table::set_application(const av_app_setting &setting) {
     row.outdated = false;
     if (const std::string_view name = field_text(setting.name);
         !name.empty() && name != ANY_APPLICATION)
-        row.application = name;
+        row.application = application_text(row, name);
     return &row;
 }
 

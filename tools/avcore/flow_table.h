@@ -33,7 +33,7 @@ struct flow_row {
     bool wificalling = false; // the last verdict was Wi-Fi calling's, with what follows
     uint8_t wfc_priority = 0;
     std::string wfc_fqdn;    // any bytes, as the daemon sent them
-    std::string application; // any bytes, as the daemon sent them
+    std::string application; // any bytes, as the daemon sent them but for stand-ins
     std::string host;        // that the client showed in a handshake; any bytes, as sent
     int64_t last_us = 0;     // of the last frame's capture
     std::string server_name; // see note_frame

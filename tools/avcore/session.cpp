@@ -73,6 +73,7 @@ session::session(const options &options, config settings)
     enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
                                            [this](const std::string &line) { say(line); });
     gate_->set_rules(settings_.enforce.rules);
+    gate_->ask_although_unattended(false);
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
     next_beat_ms_ = clock_ms();
@@ -168,6 +169,7 @@ void session::daemon_decides(bool does, int64_t now_ms) {
     if (std::exchange(somebody_decides_, does) == does)
         return;
     next_beat_ms_ = does ? now_ms : NEVER_MS;
+    gate_->ask_although_unattended(!does);
     if (does) {
         say("the daemon is back");
         back_ = true;
@@ -269,13 +271,15 @@ void session::pull_frames() {
 }
 
 void session::take_frame(const captured_frame &captured) {
-    frame_builder::built_frame built = builder_.build(captured);
+    std::optional<frame_builder::built_frame> built = builder_.build(captured);
+    if (!built)
+        return;
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
     if (captured.copy != nullptr)
-        enforcer_->saw(built.flow.row, *captured.copy, built.flow.from_client);
-    names_.add(feeder_.add(std::move(built.frame), now_ms), std::move(built.lesson));
+        enforcer_->saw(built->flow.row, *captured.copy, built->flow.from_client);
+    names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
 
@@ -369,7 +373,9 @@ void session::take(const av_verdict &verdict) {
 }
 
 void session::take(const syslog_line &line) {
-    say("syslog, level " + std::to_string(line.level) + ": " + printable(line.text));
+    const std::string text = with_real_addresses(
+        line.text, [this](uint32_t ip_be) { return builder_.stand_ins().real(ip_be); });
+    say("syslog, level " + std::to_string(line.level) + ": " + printable(text));
 }
 
 void session::take(const av_app_setting &setting) {
@@ -401,7 +407,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         return answer_roam_flows(builder_.flows(), builder_.time_us(), asked);
     case av_op::dnscache_get_name:
         names_.advance(feeder_.judged());
-        return answer_domain_name(names_.names(), names_.time_us(), asked);
+        return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
     case av_op::urlfilter_get_category:
         return agent_.answer(asked, clock_ms());
     case av_op::platform_value:
@@ -442,7 +448,8 @@ void session::report() {
                            refused_safe_search_,
                            agent_.counts(),
                            switches_,
-                           builder_.has_engine() && !engine_asked_ && engine_ignored_};
+                           builder_.has_engine() && !engine_asked_ && engine_ignored_,
+                           builder_.counts()};
     if (options_.json)
         print_json(std::cout, flows);
     else

@@ -4,18 +4,24 @@
 #include <stdexcept>
 
 namespace avcore {
+
 struct gate::parts {};
+
 namespace {
-[[noreturn]] void absent() {
-    throw std::runtime_error(
-        "this avcore was built without the inline mode, for clang or libbpf was missing");
+
+[[noreturn]] void refuse() {
+    throw std::runtime_error("this avcore was built without --inline: clang or libbpf was missing");
 }
+
 } // namespace
+
 gate::gate(const std::string &, const std::vector<std::string> &) {
-    absent();
+    refuse();
 }
 gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
+
+// Of a gate that is there; none is.
 void gate::set_rules(const gate_rules &) {}
 int gate::fd() const {
     return -1;
@@ -30,6 +36,7 @@ bool gate::set_limit(uint32_t, const gate_limit &) {
     return false;
 }
 void gate::beat() {}
+void gate::ask_although_unattended(bool) {}
 uint32_t gate::generation() const {
     return 0;
 }
@@ -37,13 +44,15 @@ void gate::next_generation() {}
 gate_counts gate::counts() const {
     return {};
 }
+
 void tear_down_gate(const std::string &) {
-    absent();
+    refuse();
 }
 gate_status look_at_gate(const std::string &) {
-    absent();
+    refuse();
 }
 std::vector<std::string> ways_past_gate(const std::vector<std::string> &) {
     return {};
 }
+
 } // namespace avcore
