@@ -111,9 +111,11 @@ def dns_answer(asked, alias, address):
     """The answer to a question for `asked`, which is an alias."""
     question = dns_name(asked) + struct.pack(">HH", 1, 1)
     target = dns_name(alias)
+    kind, family = (28, socket.AF_INET6) if ":" in address else (1, socket.AF_INET)
+    data = socket.inet_pton(family, address)
     return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
         b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
-        target + struct.pack(">HHIH", 1, 1, 300, 4) + socket.inet_aton(address)
+        target + struct.pack(">HHIH", kind, 1, 300, len(data)) + data
 
 
 def ipv4_frame(protocol, payload=b"", **header):

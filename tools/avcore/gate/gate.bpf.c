@@ -28,16 +28,16 @@
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
 
-/* Counted in thousand millionths, so that no refill is rounded away. */
-struct tokens {
-    __s64 left;
-    __u64 filled_ns; /* 0: never, they start full */
+/* Tokens are thousand millionths, so that no refill is rounded away. */
+struct token_bucket {
+    __s64 tokens;
+    __u64 filled_ns; /* 0: never, it starts full */
 };
 
-struct token_bucket {
+struct locked_bucket {
     struct bpf_spin_lock lock;
     __u32 reserved;
-    struct tokens tokens;
+    struct token_bucket bucket;
 };
 
 struct client_address {
@@ -75,14 +75,14 @@ struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
     __uint(max_entries, GATE_BUCKETS);
     __type(key, __u32);
-    __type(value, struct token_bucket);
+    __type(value, struct locked_bucket);
 } buckets SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_CLIENTS);
     __type(key, struct client_address);
-    __type(value, struct tokens);
+    __type(value, struct token_bucket);
 } clients SEC(".maps");
 
 struct {
@@ -416,23 +416,24 @@ static __always_inline void count_passed(struct gate_counter *counter, struct __
     }
 }
 
-/* Whether there are any; then `cost` of them go, if need be into debt. */
-static __always_inline bool take(struct tokens *tokens, __u64 a_second, __u64 burst, __u64 cost,
-                                 __u64 now) {
+/* Whether there are tokens; then `cost` of them go, if need be into debt. */
+static __always_inline bool take_tokens(struct token_bucket *bucket, __u64 a_second, __u64 burst,
+                                        __u64 cost, __u64 now) {
     const __s64 full = (__s64)((burst < NS_PER_SECOND ? burst : NS_PER_SECOND) * NS_PER_SECOND);
-    const __u64 filled = tokens->filled_ns;
+    cost *= NS_PER_SECOND;
+    __s64 tokens = bucket->tokens;
+    __u64 filled = bucket->filled_ns;
+    const __u64 missing = tokens < full ? (__u64)(full - tokens) : 0;
     const __u64 elapsed = now > filled ? now - filled : 0;
-    __s64 left = tokens->left;
-    const __u64 missing = left < full ? (__u64)(full - left) : 0;
     if (filled == 0 || elapsed >= missing / a_second)
-        left = full;
+        tokens = full;
     else
-        left += (__s64)(elapsed * a_second);
-    const bool enough = left > 0;
+        tokens += (__s64)(elapsed * a_second);
+    const bool enough = tokens > 0;
     if (enough)
-        left -= (__s64)(cost * NS_PER_SECOND);
-    tokens->left = left;
-    tokens->filled_ns = filled + elapsed;
+        tokens -= (__s64)cost;
+    bucket->tokens = tokens;
+    bucket->filled_ns = now > filled ? now : filled;
     return enough;
 }
 
@@ -440,21 +441,22 @@ static __always_inline bool is_within_limit(__u32 index, const struct packet *pa
     if (index == 0)
         return true;
     const struct gate_limit *limit = bpf_map_lookup_elem(&limits, &index);
-    struct token_bucket *bucket = bpf_map_lookup_elem(&buckets, &index);
-    if (!limit || !bucket || limit->bytes_per_second == 0)
+    struct locked_bucket *locked = bpf_map_lookup_elem(&buckets, &index);
+    if (!limit || !locked || limit->bytes_per_second == 0)
         return true;
     const __u64 a_second = limit->bytes_per_second;
     const __u64 burst = limit->burst;
     const __u64 cost = ip_bytes(packet);
-    bpf_spin_lock(&bucket->lock);
-    const bool enough = take(&bucket->tokens, a_second, burst, cost, now);
-    bpf_spin_unlock(&bucket->lock);
+    bpf_spin_lock(&locked->lock);
+    const bool enough = take_tokens(&locked->bucket, a_second, burst, cost, now);
+    bpf_spin_unlock(&locked->lock);
     return enough;
 }
 
 /* ---- copies ---- */
 
-/* Without a lock, which the map can't have: two processors may spend one token twice. */
+/* Without a lock, which maps of this kind can't hold: two processors may let one copy too many
+ * through. */
 static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet *packet,
                                      __u32 a_second, __u64 now) {
     struct client_address client = {};
@@ -462,13 +464,13 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
                                                   : offsetof(struct ethhdr, h_dest);
     if (a_second == 0 || bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
         return false;
-    struct tokens *tokens = bpf_map_lookup_elem(&clients, &client);
-    if (!tokens) {
-        const struct tokens never_filled = {};
+    struct token_bucket *bucket = bpf_map_lookup_elem(&clients, &client);
+    if (!bucket) {
+        const struct token_bucket never_filled = {};
         bpf_map_update_elem(&clients, &client, &never_filled, BPF_NOEXIST);
-        tokens = bpf_map_lookup_elem(&clients, &client);
+        bucket = bpf_map_lookup_elem(&clients, &client);
     }
-    return tokens && take(tokens, a_second, a_second, 1, now);
+    return bucket && take_tokens(bucket, a_second, a_second, 1, now);
 }
 
 static __always_inline void copy_up(struct __sk_buff *skb, const struct packet *packet,
@@ -481,11 +483,11 @@ static __always_inline void copy_up(struct __sk_buff *skb, const struct packet *
         count(GATE_COUNT_COPIES_REFUSED, 1);
         return;
     }
-    __u64 captured = skb->len < GATE_FRAME_MAX ? skb->len : GATE_FRAME_MAX;
-    asm volatile(""
-                 : "+r"(captured)); /* the verifier sees bounds only where one register has them */
-    if (captured == 0 || captured > GATE_FRAME_MAX ||
-        bpf_skb_load_bytes(skb, 0, copy->frame, (__u32)captured))
+    __u32 captured = skb->len;
+    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
+    if (captured > GATE_FRAME_MAX)
+        captured = GATE_FRAME_MAX;
+    if (captured == 0 || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
         return;
     copy->head.flow = packet->flow;
     copy->head.time_ns = now;
@@ -722,11 +724,13 @@ static __always_inline bool is_dns(const struct gate_flow *flow) {
 static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
                                  const struct gate_settings *set, bool attended, __u64 now) {
     const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &packet->flow);
+    const bool settled = verdict && verdict->generation == set->generation;
+    if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
+        copy_up(skb, packet, set, now);
+    if (!attended && !set->fail_closed)
+        return pass(GATE_COUNT_NOBODY, packet);
     if (!verdict && !attended)
         return drop(GATE_COUNT_SHUT, packet);
-    const bool settled = verdict && verdict->generation == set->generation;
-    if (attended && (!settled || is_dns(&packet->flow)))
-        copy_up(skb, packet, set, now);
     struct gate_counter *counter = counter_of(&packet->flow);
     if (counter)
         counter->last_ns = now;
@@ -747,7 +751,8 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
         return TC_ACT_UNSPEC;
     /* A beat may be younger than `now`. */
     const bool attended = (__s64)(now - set->beat_ns) <= (__s64)GATE_BEAT_NS;
-    if (!attended && !set->fail_closed)
+    const bool open = !attended && !set->fail_closed;
+    if (open && !set->probing)
         return pass(GATE_COUNT_NOBODY, &packet);
     const int result = parse_frame(skb, &packet);
     count_segments(skb, &packet);
@@ -755,12 +760,12 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     case GATE_COUNT_UNDECIDED:
         return judge(skb, &packet, set, attended, now);
     case GATE_COUNT_NOT_IP:
-        return attended ? pass(GATE_COUNT_NOT_IP, &packet) : drop(GATE_COUNT_SHUT, &packet);
+        return attended || open ? pass(GATE_COUNT_NOT_IP, &packet) : drop(GATE_COUNT_SHUT, &packet);
     case GATE_COUNT_ALWAYS:
     case GATE_COUNT_FRAGMENT:
         return pass((__u32)result, &packet);
     default:
-        return drop((__u32)result, &packet);
+        return open ? pass(GATE_COUNT_NOBODY, &packet) : drop((__u32)result, &packet);
     }
 }
 

@@ -1,6 +1,5 @@
 #include "avcore/gate/gate.h"
 
-#include "avcore/gate/gate_object.h"
 #include "avcore/gate/netlink.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/traffic_control.h"
@@ -29,6 +28,9 @@
 namespace avcore {
 namespace {
 
+constexpr unsigned char OBJECT[] = {
+#include "gate_object.inc"
+};
 constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kernel's own word
 
 // What libbpf said first since it was cleared; it would go to standard error otherwise.
@@ -229,7 +231,7 @@ object_owner open_object() {
     bpf_object_open_opts options = {};
     options.sz = sizeof options;
     options.object_name = "jorn_gate";
-    object_owner object(bpf_object__open_mem(GATE_OBJECT, GATE_OBJECT_SIZE, &options));
+    object_owner object(bpf_object__open_mem(OBJECT, sizeof OBJECT, &options));
     if (!object)
         throw std::runtime_error("the gate's program can't be read: " + reason(errno));
     return object;
@@ -452,6 +454,10 @@ bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
 
 void gate::beat() {
     write_word(parts_->settings.get()->beat_ns, __u64{monotonic_ns()});
+}
+
+void gate::ask_although_unattended(bool ask) {
+    write_word(parts_->settings.get()->probing, uint32_t{ask});
 }
 
 uint32_t gate::generation() const {

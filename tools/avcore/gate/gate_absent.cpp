@@ -1,71 +1,58 @@
+// For builds without the gate.
 #include "avcore/gate/gate.h"
 
 #include <stdexcept>
 
 namespace avcore {
+
+struct gate::parts {};
+
 namespace {
 
-[[noreturn]] void absent() {
-    throw std::runtime_error("this avcore was built without the gate (JORN_INLINE)");
+[[noreturn]] void refuse() {
+    throw std::runtime_error("this avcore was built without --inline: clang or libbpf was missing");
 }
 
 } // namespace
 
-struct gate::parts {};
-
-gate::gate(const std::string & /*pins*/, const std::vector<std::string> & /*interfaces*/) {
-    absent();
+gate::gate(const std::string &, const std::vector<std::string> &) {
+    refuse();
 }
-
 gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
 
-void gate::set_rules(const gate_rules & /*rules*/) {
-    absent();
-}
-
+// Of a gate that is there; none is.
+void gate::set_rules(const gate_rules &) {}
 int gate::fd() const {
-    absent();
+    return -1;
 }
-
-bool gate::take(gate_copy_seen & /*copy*/) {
-    absent();
+bool gate::take(gate_copy_seen &) {
+    return false;
 }
-
-bool gate::decide(const gate_flow & /*flow*/, const gate_verdict & /*verdict*/) {
-    absent();
+bool gate::decide(const gate_flow &, const gate_verdict &) {
+    return false;
 }
-
-bool gate::set_limit(uint32_t /*bucket*/, const gate_limit & /*limit*/) {
-    absent();
+bool gate::set_limit(uint32_t, const gate_limit &) {
+    return false;
 }
-
-void gate::beat() {
-    absent();
-}
-
+void gate::beat() {}
+void gate::ask_although_unattended(bool) {}
 uint32_t gate::generation() const {
-    absent();
+    return 0;
 }
-
-void gate::next_generation() {
-    absent();
-}
-
+void gate::next_generation() {}
 gate_counts gate::counts() const {
-    absent();
+    return {};
 }
 
-void tear_down_gate(const std::string & /*pins*/) {
-    absent();
+void tear_down_gate(const std::string &) {
+    refuse();
 }
-
-gate_status look_at_gate(const std::string & /*pins*/) {
-    absent();
+gate_status look_at_gate(const std::string &) {
+    refuse();
 }
-
-std::vector<std::string> ways_past_gate(const std::vector<std::string> & /*interfaces*/) {
-    absent();
+std::vector<std::string> ways_past_gate(const std::vector<std::string> &) {
+    return {};
 }
 
 } // namespace avcore

@@ -85,7 +85,7 @@ struct gate_settings {
     __u32 generation;        /* of the verdicts that are asked for */
     __u32 fail_closed;       /* without a beat; else everything passes then */
     __u32 copies_per_second; /* of each client */
-    __u32 reserved;
+    __u32 probing;           /* undecided packets are copied without a beat, too */
 };
 GATE_SIZE(gate_settings, 24);
 
