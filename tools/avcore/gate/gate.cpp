@@ -84,13 +84,6 @@ void write_word(Word &word, Word value) {
     std::atomic_ref(word).store(value);
 }
 
-unique_fd pinned_map(const std::string &pins, const char *name) {
-    unique_fd fd(bpf_obj_get(pin_of(pins, name).c_str()));
-    if (!fd.valid())
-        throw std::runtime_error("no gate's map at " + pin_of(pins, name) + ": " + reason(errno));
-    return fd;
-}
-
 unsigned ethernet_interface(const std::string &name) {
     const unsigned index = name.size() < IF_NAMESIZE ? if_nametoindex(name.c_str()) : 0;
     if (index == 0)
@@ -183,17 +176,6 @@ void check_pinned(const bpf_map *map, int fd, const std::string &pin) {
         throw std::runtime_error(pin + " is no map of this gate: `avcore teardown` removes it");
 }
 
-// The maps of a gate whose pins are lost, for its mount lay in a namespace that ended.
-std::vector<unique_fd> maps_of(const std::vector<unsigned> &interfaces) {
-    std::vector<unique_fd> maps;
-    for (const unsigned index : interfaces)
-        for (const tc_side side : TC_SIDES)
-            if (const std::optional<tc_program> program = gate_at(index, side))
-                for (const uint32_t id : program->map_ids)
-                    maps.emplace_back(bpf_map_get_fd_by_id(id));
-    return maps;
-}
-
 bool has_name(int fd, const char *name) {
     bpf_map_info info = {};
     uint32_t size = sizeof info;
@@ -201,29 +183,49 @@ bool has_name(int fd, const char *name) {
            strncmp(info.name, name, sizeof info.name) == 0;
 }
 
-void reuse(bpf_map *map, int fd, const std::string &pin) {
-    check_pinned(map, fd, pin);
-    const int error = bpf_map__reuse_fd(map, fd);
-    if (error != 0)
-        throw std::runtime_error(pin + " can't be used again: " + reason(error));
+// A map of a gate whose pins are lost, for their mount lay in a namespace that ended: the attached
+// programs still hold it.
+unique_fd attached_map(const char *name) {
+    for (const auto &[index, interface] : all_interfaces()) {
+        const std::optional<tc_program> program = gate_at(index, tc_side::ingress);
+        for (const uint32_t id : program ? program->map_ids : std::vector<uint32_t>()) {
+            unique_fd fd(bpf_map_get_fd_by_id(id));
+            if (fd.valid() && has_name(fd.get(), name))
+                return fd;
+        }
+    }
+    return {};
 }
 
-void find_maps(bpf_object *object, const std::string &pins,
-               const std::vector<unsigned> &interfaces) {
-    const std::vector<unique_fd> attached = maps_of(interfaces);
+// Not valid where there is none.
+unique_fd find_map(const std::string &pins, const char *name) {
+    const std::string pin = pin_of(pins, name);
+    unique_fd fd(bpf_obj_get(pin.c_str()));
+    if (fd.valid())
+        return fd;
+    if (errno != ENOENT)
+        throw std::runtime_error(pin + " can't be opened: " + reason(errno));
+    return attached_map(name);
+}
+
+unique_fd pinned_map(const std::string &pins, const char *name) {
+    unique_fd fd = find_map(pins, name);
+    if (!fd.valid())
+        throw std::runtime_error("no map of the gate at " + pin_of(pins, name));
+    return fd;
+}
+
+void reuse_maps(bpf_object *object, const std::string &pins) {
     bpf_map *map = nullptr;
     bpf_object__for_each_map(map, object) {
         const std::string pin = pin_of(pins, bpf_map__name(map));
-        const unique_fd fd(bpf_obj_get(pin.c_str()));
-        if (fd.valid()) {
-            reuse(map, fd.get(), pin);
+        const unique_fd fd = find_map(pins, bpf_map__name(map));
+        if (!fd.valid())
             continue;
-        }
-        if (errno != ENOENT)
-            throw std::runtime_error(pin + " can't be opened: " + reason(errno));
-        for (const unique_fd &other : attached)
-            if (other.valid() && has_name(other.get(), bpf_map__name(map)))
-                reuse(map, other.get(), "what " + pin + " was");
+        check_pinned(map, fd.get(), pin);
+        const int error = bpf_map__reuse_fd(map, fd.get());
+        if (error != 0)
+            throw std::runtime_error(pin + " can't be used again: " + reason(error));
     }
 }
 
@@ -297,7 +299,7 @@ void set_up(const std::string &pins, const std::vector<std::string> &interfaces)
     make_pins(pins);
     const unique_fd lock = lock_beside(pins);
     const object_owner object = open_object();
-    find_maps(object.get(), pins, indices);
+    reuse_maps(object.get(), pins);
     load(object.get(), begun);
     const int settings = bpf_object__find_map_fd_by_name(object.get(), "settings");
     attach_everywhere(object.get(), indices, id_of_map(settings), begun);
@@ -496,11 +498,9 @@ gate_status look_at_gate(const std::string &pins) {
     libbpf_set_print(keep_message);
     libbpf_said.clear();
     gate_status status;
-    const unique_fd settings_map(bpf_obj_get(pin_of(pins, "settings").c_str()));
-    if (!settings_map.valid() && errno == ENOENT)
-        return status;
+    const unique_fd settings_map = find_map(pins, "settings");
     if (!settings_map.valid())
-        throw std::runtime_error(pin_of(pins, "settings") + " can't be opened: " + reason(errno));
+        return status;
     gate_settings settings = {};
     const uint32_t first = 0;
     if (bpf_map_lookup_elem(settings_map.get(), &first, &settings) != 0)

@@ -1,0 +1,215 @@
+// The gate in the kernel, at one end of a veth pair; frames of the client go into the other. Runs
+// as root in namespaces of its own.
+#include "avcore/gate/gate.h"
+#include "support/frames.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace avcore;
+
+constexpr char PINS[] = "/run/jorn/gate";
+constexpr char V6[] = "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0";
+
+bool run(const char *command) {
+    return system(command) == 0;
+}
+
+octets ipv6(uint8_t next, const octets &rest, uint8_t first = 0x20) {
+    const octets side = octets_of({V6, 15}) + octets{1};
+    octets source = side;
+    if (first == 0)
+        source = octets(10, 0) + octets{0xFF, 0xFF, 10, 0, 0, 1};
+    return ethernet(0x86DD, octets{0x60, 0, 0, 0} + be16(rest.size()) + octets{next, 64} + source +
+                                side + rest);
+}
+
+gate_verdict denial(uint8_t flags, uint32_t generation) {
+    gate_verdict verdict = {};
+    verdict.generation = generation;
+    verdict.action = GATE_DENY;
+    verdict.flags = flags;
+    return verdict;
+}
+
+class AvcoreGate : public testing::Test {
+protected:
+    AvcoreGate() {
+        EXPECT_TRUE(run("ip link add gw0 type veth peer name c0 && ip link add gw1 type veth && "
+                        "for i in gw0 c0; do sysctl -qw net.ipv6.conf.$i.disable_ipv6=1 && "
+                        "ip link set $i arp off up; done"));
+        sockaddr_ll at = {};
+        at.sll_family = AF_PACKET;
+        at.sll_protocol = htons(0x0003);
+        at.sll_ifindex = static_cast<int>(if_nametoindex("c0"));
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&at), sizeof at), 0) << strerror(errno);
+    }
+    ~AvcoreGate() override {
+        close(fd_);
+        tear_down_gate(PINS);
+        run("ip link del gw0; ip link del gw1");
+    }
+
+    void send_frame(const octets &frame) const {
+        EXPECT_EQ(send(fd_, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+    }
+    // What became of a frame: the counts of packets that changed.
+    std::vector<int> fate(const gate &at, const octets &frame) const {
+        const gate_counts before = at.counts();
+        send_frame(frame);
+        std::vector<int> changed;
+        for (int tries = 0; tries < 1000 && changed.empty(); ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            const gate_counts after = at.counts();
+            for (int i = 0; i < GATE_COUNT_RESETS; ++i)
+                if (after[static_cast<size_t>(i)] != before[static_cast<size_t>(i)])
+                    changed.push_back(i);
+        }
+        return changed;
+    }
+    // The next frame that comes out at the client, but for its own.
+    octets answer() const {
+        octets frame(2000, 0);
+        sockaddr_ll from = {};
+        socklen_t size = sizeof from;
+        pollfd readable = {fd_, POLLIN, 0};
+        while (poll(&readable, 1, 2000) > 0) {
+            const ssize_t length = recvfrom(fd_, frame.data(), frame.size(), 0,
+                                            reinterpret_cast<sockaddr *>(&from), &size);
+            if (from.sll_pkttype != PACKET_OUTGOING)
+                return frame.substr(0, static_cast<size_t>(length));
+        }
+        return {};
+    }
+
+    int fd_ = socket(AF_PACKET, SOCK_RAW, 0);
+};
+
+TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
+    const octets data = udp(1000, 2000, "x");
+    const octets options = {60, 0, 1, 4, 0, 0, 0, 0};
+    const octets last = {17, 0, 1, 4, 0, 0, 0, 0};
+    octets deep;
+    for (int i = 0; i < 9; ++i)
+        deep += options;
+    const octets tag = octets{0, 1, 0x81, 0};
+    const std::vector<int> undecided = {GATE_COUNT_UNDECIDED};
+    const std::vector<int> always = {GATE_COUNT_ALWAYS};
+    const std::vector<int> fragment = {GATE_COUNT_FRAGMENT};
+    const std::vector<int> malformed = {GATE_COUNT_MALFORMED};
+    const std::vector<int> reserved = {GATE_COUNT_RESERVED};
+    const struct {
+        const char *what;
+        octets frame;
+        std::vector<int> fate;
+    } rows[] = {
+        {"UDP", ethernet(0x0800, ipv4(17, data)), undecided},
+        {"two tags", ethernet(0x8100, tag + octets{0, 2, 8, 0} + ipv4(17, data)), undecided},
+        {"ARP", ethernet(0x0806, arp()), always},
+        {"LLC", ethernet(38, octets(46, 0x42)), always},
+        {"a fourth tag",
+         ethernet(0x8100, tag + tag + tag + octets{0, 2, 8, 0} + ipv4(17, data)),
+         {GATE_COUNT_NOT_IP}},
+        {"IGMP", ethernet(0x0800, ipv4(2, octets(8, 0))), always},
+        {"fragmentation needed", ethernet(0x0800, ipv4(1, octets{3, 4, 0, 0})), always},
+        {"port unreachable", ethernet(0x0800, ipv4(1, octets{3, 3, 0, 0})), undecided},
+        {"neighbour discovery", ipv6(0, octets{58, 0, 1, 4, 0, 0, 0, 0} + octets{135, 0, 0, 0}),
+         always},
+        {"ICMPv6 echo", ipv6(58, octets{128, 0, 0, 0}), undecided},
+        {"IPv4's later fragment", ethernet(0x0800, ipv4(6, {1, 2, 3}, {.fragment = 1})), fragment},
+        {"IPv6's later fragment", ipv6(44, octets{6, 0, 0, 8, 0, 0, 0, 1} + octets(8, 0)),
+         fragment},
+        {"a first fragment without flags",
+         ethernet(0x0800, ipv4(6, tcp(1, 2).substr(0, 8), {.fragment = 0x2000})), malformed},
+        {"a short TCP header", ethernet(0x0800, ipv4(6, tcp(1, 2).replace(12, 1, 1, 0x40))),
+         malformed},
+        {"a length beyond the frame",
+         ethernet(0x0800, ipv4(17, data + octets(4, 0))).substr(0, 14 + 28), malformed},
+        {"a header beyond the packet", ipv6(60, octets{17, 9, 1, 4, 0, 0, 0, 0}), malformed},
+        {"240.0.0.1", ethernet(0x0800, ipv4(17, data, {.dst = 0xF0000001})), reserved},
+        {"broadcast", ethernet(0x0800, ipv4(17, data, {.dst = 0xFFFFFFFF})), undecided},
+        {"a mapped address", ipv6(17, data, 0), reserved},
+        {"options, then UDP", ipv6(60, options + last + data), undecided},
+        {"nine headers", ipv6(60, deep + data), {GATE_COUNT_UNDECIDED, GATE_COUNT_DEEP_HEADERS}},
+    };
+    gate at(PINS, {"gw0"});
+    EXPECT_EQ(fate(at, rows[0].frame), std::vector<int>{GATE_COUNT_NOBODY});
+    at.set_rules({.fail_closed = true});
+    EXPECT_EQ(fate(at, rows[0].frame), std::vector<int>{GATE_COUNT_SHUT});
+    at.beat();
+    for (const auto &row : rows)
+        EXPECT_EQ(fate(at, row.frame), row.fate) << row.what;
+    gate_copy_seen copy;
+    ASSERT_TRUE(at.take(copy));
+    EXPECT_EQ(octets(copy.frame.begin(), copy.frame.end()), rows[0].frame);
+    EXPECT_EQ(ntohs(copy.head.flow.server_port_be), 2000);
+}
+
+// Segments whose checksum isn't left to the hardware; sockets on a veth pair have no others.
+TEST_F(AvcoreGate, ResetsHaveAChecksum) {
+    gate at(PINS, {"gw0"});
+    at.beat();
+    for (const octets &frame : {ethernet(0x0800, ipv4(6, tcp(1000, 443, "abc", 0x18, 7, 99))),
+                                ipv6(6, tcp(1000, 443, "abc", 0x18, 7, 99))}) {
+        fate(at, frame);
+        gate_copy_seen copy;
+        ASSERT_TRUE(at.take(copy));
+        ASSERT_TRUE(at.decide(copy.head.flow, denial(GATE_RESET, at.generation())));
+        send_frame(frame);
+        const octets reset = answer();
+        ASSERT_EQ(reset.size(), frame.size() - 3);
+        const size_t addresses = frame[12] == 8 ? 8 : 32;
+        const octets sum_of = reset.substr(reset.size() - 20 - addresses) + be16(6) + be16(20);
+        uint64_t sum = 0;
+        for (size_t i = 0; i < sum_of.size(); i += 2)
+            sum += static_cast<unsigned>(sum_of[i] << 8 | sum_of[i + 1]);
+        while (sum > 0xFFFF)
+            sum = (sum & 0xFFFF) + (sum >> 16);
+        EXPECT_EQ(sum, 0xFFFFu);
+        EXPECT_EQ(reset.substr(reset.size() - 16, 4), be32(99)) << "the sequence number";
+        EXPECT_EQ(reset[reset.size() - 7], 4) << "RST alone";
+    }
+}
+
+TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
+    ASSERT_TRUE(run("tc qdisc add dev gw1 ingress"));
+    EXPECT_THROW(gate(PINS, {"gw0", "gw1"}), std::runtime_error);
+    EXPECT_FALSE(std::filesystem::exists(PINS));
+    EXPECT_FALSE(run("tc qdisc show dev gw0 | grep clsact"));
+    gate_flow flow = {};
+    {
+        gate at(PINS, {"gw0"});
+        ASSERT_TRUE(at.decide(flow, denial(0, at.generation())));
+    }
+    ASSERT_EQ(umount2(PINS, MNT_DETACH), 0) << "as when its mount namespace ends";
+    EXPECT_EQ(look_at_gate(PINS).verdicts[GATE_DENY], 1u);
+    const gate again(PINS, {"gw0"});
+    EXPECT_EQ(look_at_gate(PINS).verdicts[GATE_DENY], 1u);
+    tear_down_gate(PINS);
+    EXPECT_FALSE(std::filesystem::exists(PINS));
+    EXPECT_FALSE(look_at_gate(PINS).there);
+
+    { const gate fresh(PINS, {}); }
+    const std::string pin = std::string(PINS) + "/" GATE_LAYOUT "/limits";
+    std::filesystem::rename(std::string(PINS) + "/" GATE_LAYOUT "/counts", pin);
+    try {
+        gate(PINS, {});
+        ADD_FAILURE() << "took a map of another size";
+    } catch (const std::runtime_error &error) {
+        EXPECT_NE(std::string(error.what()).find(pin), std::string::npos) << error.what();
+    }
+}
+
+} // namespace
