@@ -36,7 +36,8 @@ constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kern
 // What libbpf said first since it was cleared; it would go to standard error otherwise.
 thread_local std::string libbpf_said;
 
-int keep_message(libbpf_print_level level, const char *format, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] int keep_message(libbpf_print_level level, const char *format,
+                                               va_list arguments) {
     char line[512];
     if (level != LIBBPF_WARN || !libbpf_said.empty())
         return 0;
@@ -341,7 +342,8 @@ public:
     explicit ring(int fd)
         : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))),
           reader_(fd, page_, PROT_READ | PROT_WRITE, 0),
-          writer_(fd, page_ + 2UL * GATE_RING_BYTES, PROT_READ, static_cast<off_t>(page_)) {}
+          writer_(fd, page_ + 2 * static_cast<size_t>(GATE_RING_BYTES), PROT_READ,
+                  static_cast<off_t>(page_)) {}
 
     // Frees the record of the last call.
     std::span<const uint8_t> next() {

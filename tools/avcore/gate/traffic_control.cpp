@@ -51,7 +51,7 @@ std::string name_of(unsigned if_index) {
 
 // An action stands in the options with the name of its kind.
 bool names_redirect(std::string_view options) {
-    return options.find(std::string_view("mirred", 7)) != std::string_view::npos;
+    return options.find("mirred") != std::string_view::npos;
 }
 
 tc_filter filter_in(nlmsghdr &message, const tcmsg &head) {
