@@ -6,7 +6,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohma
     libtomlplusplus-dev libndpi-dev libssl-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
-    mandoc dnsmasq-base openssl strongswan-charon strongswan-swanctl)
+    mandoc dnsmasq-base curl iputils-ping openssl strongswan-charon strongswan-swanctl)
 # shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl strongswan-charon
     strongswan-swanctl)
