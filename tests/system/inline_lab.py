@@ -2,7 +2,7 @@
 namespace, where avcore and the daemon run) and a server, each with IPv4 and IPv6.
 
     client              access point                     server
-    eth0 ------- wlan0 [routes or bridges] eth0 ------- eth0, over slow_wire.py where a test wants it
+    eth0 ------- wlan0 [routes or bridges] eth0 ------- eth0, over scripts/slow-wire where a test wants it
 
 What is asserted is what arrives at the far side's interface.
 """
@@ -14,7 +14,6 @@ from typing import NamedTuple
 
 from access_points import namespace
 from records import *
-from slow_wire import IGNORE_OUTGOING, SOL_PACKET, VNET_HDR
 
 CLIENTS, SERVERS, NAMED = ({4: "10.1.0.12", 6: "fd00:1::12"}, {4: "192.0.2.5", 6: "fd00:2::5"},
                            {4: "192.0.2.6", 6: "fd00:2::6"})
@@ -22,7 +21,9 @@ GATEWAYS = {"wlan0": ("10.1.0.1/16", "fd00:1::1/64"), "eth0": ("192.0.2.1/24", "
 FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
 TCP, UDP = 6, 17
 RST, SYN = 4, 2
+SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
 CONFIG = "/tmp/inline.toml"
+SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
 
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
@@ -274,9 +275,7 @@ class InlineTest(SystemTest):
             for end in ("near", "far"):
                 run("ip", "-n", "wire", "link", "set", end, "up")
             wire = subprocess.Popen(
-                ["nsenter", "--net=/run/netns/wire", sys.executable, "-B",
-                 os.path.join(os.path.dirname(__file__), "slow_wire.py"), "near", "far",
-                 str(wire_ms)])
+                ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
             self.addCleanup(wire.wait)
             self.addCleanup(wire.kill)
         run("ip", "link", "set", port, "up")
