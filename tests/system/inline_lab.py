@@ -8,7 +8,6 @@ What is asserted is what arrives at the far side's interface.
 """
 import contextlib
 import ctypes
-import ssl
 import sys
 from typing import NamedTuple
 
@@ -20,7 +19,7 @@ CLIENTS, SERVERS, NAMED = ({4: "10.1.0.12", 6: "fd00:1::12"}, {4: "192.0.2.5", 6
 GATEWAYS = {"wlan0": ("10.1.0.1/16", "fd00:1::1/64"), "eth0": ("192.0.2.1/24", "fd00:2::1/64")}
 FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
 TCP, UDP = 6, 17
-RST, SYN = 4, 2
+RST = 4
 SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
 CONFIG = "/tmp/inline.toml"
 SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
@@ -43,15 +42,6 @@ def policies(rules):
                 *[application | rules[port] for application, port in zip(known, rules)],
                 *[{"app_name": name, "deny": True}
                   for name in ("youtube", "shop.example", "icmp")]]}]}
-
-
-def client_hello(server_name):
-    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-    try:
-        ssl.create_default_context().wrap_bio(incoming, outgoing,
-                                              server_hostname=server_name).do_handshake()
-    except ssl.SSLWantReadError:
-        return outgoing.read()
 
 
 class Packet(NamedTuple):

@@ -17,6 +17,7 @@ import select
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import threading
@@ -116,6 +117,17 @@ def dns_answer(asked, alias, address):
     return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
         b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
         target + struct.pack(">HHIH", kind, 1, 300, len(packed)) + packed
+
+
+def client_hello(server_name):
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    handshake = ssl.create_default_context().wrap_bio(incoming, outgoing,
+                                                      server_hostname=server_name)
+    try:
+        handshake.do_handshake()
+    except ssl.SSLWantReadError:
+        pass
+    return outgoing.read()
 
 
 def ipv4_frame(protocol, payload=b"", **header):
