@@ -258,6 +258,7 @@ class Routed(Layout):
             raw.bind(("eth0", 0))
             for number in range(flows):
                 client = 0 if number % 2 else number // 2 % 4000
+                struct.pack_into(">H", frame, 10, client)
                 struct.pack_into(">H", frame, 28, client)
                 struct.pack_into(">H", frame, 34, 1 + number % 65535)
                 frame[name:name + 6] = b"%06d" % number
