@@ -28,10 +28,10 @@
 #include <fcntl.h>
 #include <functional>
 #include <getopt.h>
+#include <map>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -117,7 +117,7 @@ double median_of(unsigned runs, const std::function<double()> &measure) {
 }
 
 // The names that the capture's DNS answers give: what a platform that watched it would answer.
-std::unordered_map<uint32_t, std::string> names_of_capture;
+std::map<avcore::ip_address, std::string> names_of_capture;
 
 void learn_names(const octets &frame) {
     constexpr size_t UDP_HEADER_SIZE = 8;
@@ -127,7 +127,7 @@ void learn_names(const octets &frame) {
         return;
     const avcore::dns_answer answer = avcore::read_dns_answer(message);
     for (const avcore::dns_finding &finding : answer.findings)
-        names_of_capture[finding.address_be] = answer.name;
+        names_of_capture[finding.address] = answer.name;
 }
 
 // A daemon's standard output is /dev/null. The hash table writes a line there for each redirect to

@@ -44,6 +44,12 @@ TRAFFIC = [
 ]
 
 
+def ipv6_frame(next_header, payload, *, src, dst, vlan=None):
+    header = struct.pack(">IHBB", 0x60000000, len(payload), next_header, 64)
+    addresses = b"".join(socket.inet_pton(socket.AF_INET6, each) for each in (src, dst))
+    return ethernet(0x86DD, header + addresses + payload, vlan=vlan)
+
+
 class Avcore(SystemTest):
     def setUp(self):
         super().setUp()
@@ -145,6 +151,52 @@ class Avcore(SystemTest):
         self.assertEqual((row["client"], row["client_port"], row["server"]), (PLAIN, 8099, CLIENT))
         self.assertEqual((row["packets"], row["verdict"]), (400, 3))
         self.assertNotIn("DPI engine on", totals)
+
+    def test_ipv6_is_named_and_judged_and_shown_with_its_addresses(self):
+        client, shop, other, resolver = "2001:db8::c", "2001:db8:1::7", "2001:db8:2::7", "fd00::53"
+        self.config = """
+            [[rule]]
+            network = "2001:db8::/64"
+            utp_id = 9
+        """
+
+        def block():
+            rules = b"".join(struct.pack("=8x64s32sBBHHxx", name, b"", 1, 0, 0, 0)
+                             for name in (b"shop.example", b"ICMP"))
+            command(POLICY, struct.pack("=48xI", 9) + rules.ljust(7168, b"\0") + bytes(132))
+
+        hop_by_hop = struct.pack(">BB6x", 6, 0)
+        frames = [
+            # Read first, so that the policy's client is the side that the rule names.
+            ipv6_frame(17, udp(53, 4000, dns_answer("www.shop.example", "cdn.example", shop)),
+                       src=resolver, dst=client),
+            ipv6_frame(6, tcp(443, 4001), src=shop, dst=client),
+            ipv6_frame(0, hop_by_hop + tcp(4001, 443, b"hello"), src=client, dst=shop, vlan=5),
+            ipv6_frame(6, tcp(4003, 443, client_hello("www.youtube.com")), src=client, dst=other),
+            ipv6_frame(6, tcp(4002, 8099), src=client, dst=other),
+            ipv6_frame(58, struct.pack(">BBHHH", 128, 0, 0, 1, 1), src=client, dst=other),
+            ipv6_frame(58, struct.pack(">B23x", 135), src="::", dst="ff02::1:ff00:7"),
+            ipv6_frame(60, b"\x06\xff" + bytes(6), src=other, dst=client),
+            ipv6_frame(6, tcp(1, 2), src="::ffff:192.0.2.9", dst=client),
+            tcp_frame(1, 2, src="240.0.0.1"),
+            udp_frame(1, 2, dst="255.255.255.255"),
+        ]
+        rows, totals = self.feed(frames, before=block)
+        flows = {(row["server"], row["server_port"], row["protocol"]): row for row in rows}
+        self.assertEqual(len(rows), 8, rows)
+        denied = flows[shop, 443, "TCP"]
+        self.assertEqual((denied["client"], denied["client_port"], denied["application"]),
+                         (client, 4001, "www.shop.example"))
+        self.assertEqual((denied["verdict"], denied["packets"], denied["bytes"]),
+                         (3, 2, len(frames[1]) + len(frames[2])))
+        self.assertEqual(flows[other, 8099, "TCP"]["application"], f"{client} [{other}]:8099")
+        self.assertEqual(flows[other, 8099, "TCP"]["verdict"], 1)
+        self.assertEqual(flows[other, 443, "TCP"]["application"], "youtube")
+        self.assertEqual(flows[other, 0, "ICMP"]["verdict"], 3)
+        self.assertIn(("ff02::1:ff00:7", 0, "ICMPv6"), flows)
+        self.assertEqual(flows[other, 0, "IP 60"]["client"], client)
+        self.assertIn("240.0.0.0/4 or IPv4's in IPv6: 2\n", totals)
+        self.assertIn("extension headers weren't walked to their end: 1\n", totals)
 
     def test_what_cannot_be_carried_is_counted(self):
         frames = [ethernet(0x88B5, bytes(65259 - 14)), ethernet(0x88B5, bytes(65260 - 14))]

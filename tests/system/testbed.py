@@ -110,13 +110,13 @@ def dns_name(name):
 
 def dns_answer(asked, alias, address):
     """The answer to a question for `asked`, which is an alias."""
-    kind, packed = (28, socket.inet_pton(socket.AF_INET6, address)) if ":" in address else \
-        (1, socket.inet_aton(address))
+    kind, family = (28, socket.AF_INET6) if ":" in address else (1, socket.AF_INET)
+    data = socket.inet_pton(family, address)
     question = dns_name(asked) + struct.pack(">HH", kind, 1)
     target = dns_name(alias)
     return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
         b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
-        target + struct.pack(">HHIH", kind, 1, 300, len(packed)) + packed
+        target + struct.pack(">HHIH", kind, 1, 300, len(data)) + data
 
 
 def client_hello(server_name):

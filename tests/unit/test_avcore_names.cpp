@@ -55,7 +55,7 @@ TEST(AvcoreDns, FollowsAliasesBackToTheNameAsked) {
                                     address("192.0.2.2", name("edge.example.net"))});
     EXPECT_EQ(answer.name, "www.example.org");
     ASSERT_EQ(answer.findings.size(), 2u);
-    EXPECT_EQ(answer.findings[1].address_be, inet_addr("192.0.2.2"));
+    EXPECT_EQ(answer.findings[1].address, inet_addr("192.0.2.2"));
 }
 
 TEST(AvcoreDns, HostileAnswersTeachNothing) {
@@ -79,6 +79,7 @@ TEST(AvcoreDns, HostileAnswersTeachNothing) {
                                              bytes(63, 'c') + '.' + bytes(62, 'd')))},
         {"aliases in a circle",
          read({record(ASKED, 5, name("b.c")), record(name("b.c"), 5, ASKED)})},
+        {"an address that could be a stand-in", read({address("240.0.0.1", ASKED)})},
         {"an address of three bytes", read({record(ASKED, 1, "abc")})},
         {"a record longer than the message", read({good.substr(0, good.size() - 1)})},
     };
@@ -112,12 +113,24 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     EXPECT_EQ(*names.find(three, 100 * second_us), "shown.example.org");
 
     // A question of eight bytes: the address and room for four characters and their end.
-    const uint32_t body[] = {inet_addr("192.0.2.3"), 5};
+    uint32_t body[] = {inet_addr("192.0.2.3"), 5};
     const question asked = {{av_op::dnscache_get_name, 1}, std::as_bytes(std::span(body))};
-    const std::vector<std::byte> answer = answer_domain_name(names, second_us, asked);
+    stand_in_table stand_ins;
+    const std::vector<std::byte> answer = answer_domain_name(names, stand_ins, second_us, asked);
     ASSERT_EQ(answer.size(), 12u + 12u + 256u);
     EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
-    EXPECT_EQ(answer_domain_name(names, second_us, {asked.head, asked.body.first(7)}).size(), 12u);
+    EXPECT_EQ(answer_domain_name(names, stand_ins, 0, {asked.head, asked.body.first(7)}).size(),
+              12u);
+    // An answer with IPv6 addresses teaches a name, and takes no stand-in.
+    const ip_address six = *ip_address::parse("2001:db8::7");
+    names.learn(read({record(ASKED, 28, bytes(six.octets().begin(), six.octets().end()))},
+                     name("six.example.org")),
+                second_us);
+    EXPECT_EQ(stand_ins.size(), 0u);
+    body[0] = stand_ins.stand_in_for(six);
+    EXPECT_STREQ(
+        reinterpret_cast<const char *>(&answer_domain_name(names, stand_ins, second_us, asked)[24]),
+        "six.");
 }
 
 TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {

@@ -1,10 +1,14 @@
 // avcore's configuration, the client of a flow, and messages from whoever connects.
 #include "avcore/config.h"
 #include "avcore/flow_table.h"
+#include "avcore/ipv6_frame.h"
 #include "avcore/messages.h"
 #include "avcore/report.h"
 #include "avcore/source.h"
+#include "avcore/stand_ins.h"
 #include "avcore/trailer_builder.h"
+#include "packet/decode/decode.h"
+#include "support/frames.h"
 
 #include <arpa/inet.h>
 #include <cstring>
@@ -30,6 +34,8 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[[rule]]\nutp_id = 3\n", "line 1: a rule needs"},
         {"[[rule]]\nmac = \"02:00:00:00:00:-1\"\n", "line 2: 'mac'"},
         {"[[rule]]\nnetwork = \"10.0.0.0/\"\n", "line 2: 'network'"},
+        {"[[rule]]\nnetwork = \"10.0.0.0/33\"\n", "line 2: 'network'"},
+        {"[[rule]]\nnetwork = \"2001:db8::/129\"\n", "line 2: 'network'"},
         {"[client]\nfilter_type = [\"url\",\n\"dpi\"]\n", "line 3: 'filter_type'"},
         {"[platform]\nbase_mac = \"1\"\n", "line 2: 'base_mac'"},
         {"[client]\nutp_id = 64\n", "line 2: 'utp_id' must be a whole number from 0 to 63"},
@@ -128,6 +134,120 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     std::ostringstream table;
     print_table(table, flows);
     EXPECT_NE(table.str().find("\n2 flows, seen longest ago"), std::string::npos) << table.str();
+}
+
+ip_address address(const char *text) {
+    return *ip_address::parse(text);
+}
+
+TEST(AvcoreAddresses, NetworksHoldTheirOwnFamily) {
+    const struct {
+        const char *network;
+        const char *other;
+        bool held;
+    } rows[] = {
+        {"2001:db8::/61", "2001:db8:0:7::1", true},
+        {"2001:db8::/61", "2001:db8:0:8::", false},
+        {"2001:db8::1", "2001:db8::1", true},
+        {"2001:db8::1", "2001:db8::2", false},
+        {"::/0", "2001:db8::1", true},
+        {"::/0", "10.0.0.1", false},
+        {"0.0.0.0/0", "10.0.0.1", true},
+        {"0.0.0.0/0", "2001:db8::1", false},
+        {"10.20.0.0/14", "10.23.255.255", true},
+        {"10.20.0.0/14", "10.24.0.0", false},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(ip_network::parse(row.network)->holds(address(row.other)), row.held)
+            << row.network << ' ' << row.other;
+}
+
+TEST(AvcoreAddresses, StandInsComeInTurnAndAreShownAsWhatTheyStandInFor) {
+    stand_in_table table(2, stand_in_table::LAST);
+    const ip_address one = address("2001:db8::1");
+    const ip_address two = address("2001:db8::2");
+    EXPECT_EQ(table.stand_in_for(one), inet_addr("255.255.255.254"));
+    EXPECT_EQ(table.stand_in_for(two), inet_addr("240.0.0.1"));
+    table.stand_in_for(one);
+    EXPECT_EQ(table.stand_in_for(address("2001:db8::3")), inet_addr("240.0.0.2"));
+    EXPECT_FALSE(table.real(inet_addr("240.0.0.1"))) << "used longest ago";
+    EXPECT_EQ(table.real(inet_addr("255.255.255.254")), one);
+    EXPECT_EQ(with_real_addresses("255.255.255.254 240.0.0.2:443, \"240.0.0.2\" 240.0.0.1:1 "
+                                  "240.0.0.2.example.org",
+                                  [&table](uint32_t ip_be) { return table.real(ip_be); }),
+              "2001:db8::1 [2001:db8::3]:443, \"2001:db8::3\" 240.0.0.1:1 240.0.0.2.example.org");
+}
+
+// An IPv6 packet with whatever headers; `length` is what it says.
+octets ipv6(uint8_t next, const octets &rest, size_t length) {
+    const ip_address one = address("2001:db8::1");
+    const octets side(one.octets().begin(), one.octets().end());
+    return octets{0x6A, 0xB0, 0, 0} + be16(length) + octets{next, 63} + side + side + rest;
+}
+
+TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
+    const octets data = {0x12, 0x34, 0x00, 0x50, 5, 6, 7, 8};
+    const auto option = [](uint8_t next) { return octets{next, 0, 0, 0, 0, 0, 0, 0}; };
+    octets nine;
+    for (int i = 0; i < 9; ++i)
+        nine += option(i < 8 ? 60 : 6);
+    const octets fragment = {17, 0, 0x05, 0xB9, 0, 0, 0x43, 0x21}; // offset 1464, more follow
+    const struct {
+        const char *what;
+        octets frame;
+        uint8_t protocol;
+        bool walked;
+        uint16_t fragment;
+        uint16_t total;
+        size_t carried; // behind the IPv4 header
+    } rows[] = {
+        {"plain, padded", ethernet(0x86DD, ipv6(6, data + octets(6, 0), 8)), 6, true, 0, 28, 8},
+        {"behind a tag", ethernet(0x8100, be16(5) + be16(0x86DD) + ipv6(6, data, 8)), 6, true, 0,
+         28, 8},
+        {"in a PPPoE session",
+         ethernet(0x8864, octets{0x11, 0, 0, 1, 0, 50, 0, 0x57} + ipv6(6, data, 8)), 6, true, 0, 28,
+         8},
+        {"cut by the capture", ethernet(0x86DD, ipv6(17, data, 1400)), 17, true, 0, 1420, 8},
+        {"without a length", ethernet(0x86DD, ipv6(0, option(6) + data, 0)), 6, true, 0, 28, 8},
+        {"the longest", ethernet(0x86DD, ipv6(6, data, 65535)), 6, true, 0, 65535, 8},
+        {"options, routing, AH",
+         ethernet(0x86DD,
+                  ipv6(0, option(43) + option(51) + octets{6, 1} + octets(10, 0) + data, 36)),
+         6, true, 0, 28, 8},
+        {"a later fragment", ethernet(0x86DD, ipv6(44, fragment + data, 16)), 17, true, 0x20B7, 28,
+         8},
+        {"one of a header", ethernet(0x86DD, ipv6(44, octets{60} + fragment.substr(1) + data, 16)),
+         60, false, 0x20B7, 28, 8},
+        {"a header beyond the packet", ethernet(0x86DD, ipv6(60, option(60) + data, 12)), 60, false,
+         0, 24, 4},
+        {"a header beyond the capture", ethernet(0x86DD, ipv6(60, octets{6, 255} + data, 2048)), 60,
+         false, 0, 2068, 10},
+        {"nine headers", ethernet(0x86DD, ipv6(60, nine + data, 80)), 60, false, 0, 36, 16},
+        {"an echo", ethernet(0x86DD, ipv6(58, octets{128, 0}, 2)), 1, true, 0, 22, 2},
+        {"neighbour discovery", ethernet(0x86DD, ipv6(58, octets{135, 0}, 2)), 58, true, 0, 22, 2},
+    };
+    for (const auto &row : rows) {
+        const octets exact = row.frame; // of its own size: a read beyond is caught
+        const auto packet = find_ipv6_packet({exact.data(), exact.size()});
+        ASSERT_TRUE(packet) << row.what;
+        EXPECT_EQ(packet->walked, row.walked) << row.what;
+        std::vector<uint8_t> shown;
+        write_as_ipv4(*packet, inet_addr("240.0.0.1"), inet_addr("240.0.0.2"), shown);
+        const byte_view ipv4 = ipv4_packet_in({shown.data(), shown.size()});
+        ASSERT_EQ(ipv4.size(), 20 + row.carried) << row.what;
+        EXPECT_EQ(ipv4.u16(0), 0x45AB) << row.what;
+        EXPECT_EQ(ipv4.u16(2), row.total) << row.what;
+        EXPECT_EQ(ipv4.u16(4), row.fragment != 0 ? 0x4321 : 0) << row.what;
+        EXPECT_EQ(ipv4.u16(6), row.fragment) << row.what;
+        EXPECT_EQ(ipv4.u16(8), 63 << 8 | row.protocol) << row.what;
+        unsigned sum = 0;
+        for (size_t i = 0; i < 20; i += 2)
+            sum += ipv4.u16(i);
+        EXPECT_EQ((sum & 0xFFFF) + (sum >> 16), 0xFFFFu) << row.what;
+        EXPECT_EQ(row.protocol == 1, ipv4.u8(20) == 8) << row.what;
+    }
+    const octets cut = ethernet(0x86DD, ipv6(6, {}, 0));
+    EXPECT_FALSE(find_ipv6_packet({cut.data(), cut.size() - 1}));
 }
 
 TEST(AvcoreSource, TimeStampsStayInBoundsWhereAgesCanBeAdded) {

@@ -27,6 +27,7 @@ public:
     int fd() const { return epoll_.get(); } // readable when `serve` has work
     int64_t next_tick_ms() const { return paused_until_ms_; }
     void serve(const handler &handle, int64_t now_ms);
+    size_t connections() const { return clients_.size(); }
 
 private:
     void accept_clients(int64_t now_ms);

@@ -15,7 +15,7 @@ bool client_rules::names(const client_rule &rule, const endpoint &side) const {
     if (!rule.mac && !rule.network)
         return false;
     return fits_capture(rule) && (!rule.mac || *rule.mac == side.mac) &&
-           (!rule.network || (side.ip_be != 0 && rule.network->holds(side.ip_be)));
+           (!rule.network || (!side.address.is_unspecified() && rule.network->holds(side.address)));
 }
 
 bool client_rules::sender_is_client(const frame_facts &frame) const {

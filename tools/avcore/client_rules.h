@@ -5,6 +5,7 @@
 #include "avcore/frame.h"
 
 #include <string>
+#include <string_view>
 
 namespace avcore {
 
@@ -12,6 +13,9 @@ class client_rules {
 public:
     // `settings` outlives the rules. `captured_on` is the interface of a live capture, else empty.
     client_rules(const config &settings, std::string captured_on);
+
+    // The frames that follow were captured on this interface.
+    void capture_on(std::string_view interface) { captured_on_ = interface; }
 
     // Whether the sender of this frame is the flow's client: the first rule that names either side
     // says so; where none does, whoever sent the flow's first frame is.

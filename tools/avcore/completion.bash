@@ -4,7 +4,7 @@ _avcore() {
     local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} options
     COMPREPLY=()
     case $before in
-    -o | -i)
+    -o | -i | --inline)
         mapfile -t COMPREPLY < <(cd /sys/class/net && compgen -G "$current*")
         return
         ;;

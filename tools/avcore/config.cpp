@@ -5,7 +5,6 @@
 #include "avcore/printable.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <charconv>
 #include <initializer_list>
 #include <iterator>
@@ -17,6 +16,7 @@ namespace avcore {
 namespace {
 
 constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
+constexpr uint32_t COPIES_MAX = 1'000'000;
 constexpr uint32_t UTP_ID_MAX = 63; // a packet's look-up knows no higher one
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
@@ -69,6 +69,16 @@ public:
         return static_cast<uint32_t>(*value);
     }
 
+    void flag(std::string_view key, bool &value) const {
+        const toml::node *node = find(key);
+        if (node == nullptr)
+            return;
+        const std::optional<bool> on = node->value_exact<bool>();
+        if (!on)
+            fail(*node, quoted(key) + " must be true or false");
+        value = *on;
+    }
+
     void interface_name(std::string_view key, std::string &name) const {
         const std::optional<std::string> value = text(key);
         if (!value)
@@ -96,24 +106,6 @@ std::optional<mac_address> parse_mac(std::string_view text) {
             return std::nullopt;
     }
     return mac;
-}
-
-std::optional<ipv4_network> parse_network(const std::string &text) {
-    const size_t slash = text.find('/');
-    in_addr address = {};
-    if (inet_pton(AF_INET, text.substr(0, slash).c_str(), &address) != 1)
-        return std::nullopt;
-    unsigned bits = 32;
-    if (slash != text.npos) {
-        const char *end = text.data() + text.size();
-        const auto [stop, error] = std::from_chars(text.data() + slash + 1, end, bits);
-        if (error != std::errc() || stop != end || bits > 32)
-            return std::nullopt;
-    }
-    ipv4_network network;
-    network.mask_be = bits == 0 ? 0 : htonl(0xFFFFFFFFu << (32 - bits));
-    network.address_be = address.s_addr & network.mask_be;
-    return network;
 }
 
 void read_side(const reader &in, side_profile &side) {
@@ -171,9 +163,10 @@ client_rule read_rule(const toml::table &table, const std::string &file,
             in.fail(*in.find("mac"), "'mac' must look like 00:1a:2b:3c:4d:5e");
     }
     if (const auto text = in.text("network")) {
-        rule.network = parse_network(*text);
+        rule.network = ip_network::parse(*text);
         if (!rule.network)
-            in.fail(*in.find("network"), "'network' must look like 192.168.1.0/24");
+            in.fail(*in.find("network"),
+                    "'network' must look like 192.168.1.0/24 or 2001:db8::/64");
     }
     in.interface_name("captured_on", rule.captured_on);
     if (!rule.mac && !rule.network && rule.captured_on.empty())
@@ -245,6 +238,45 @@ void read_bus(const toml::table &table, const std::string &file, bus_settings &b
         in.fail(table, "'ca', 'certificate' and 'key' go together");
 }
 
+// A text that is one of a few.
+template <typename Value, size_t N>
+void read_choice(const reader &in, std::string_view key,
+                 const std::pair<std::string_view, Value> (&choices)[N], Value &value) {
+    const std::optional<std::string> text = in.text(key);
+    if (!text)
+        return;
+    std::string names;
+    for (const auto &[name, chosen] : choices) {
+        if (*text == name) {
+            value = chosen;
+            return;
+        }
+        names += (names.empty() ? "\"" : " or \"") + std::string(name) + '"';
+    }
+    in.fail(*in.find(key), reader::quoted(key) + " must be " + names);
+}
+
+void read_enforce(const toml::table &table, const std::string &file, enforce_settings &enforce) {
+    using settings = enforce_settings;
+    constexpr std::pair<std::string_view, settings::sharing> shares[] = {
+        {"application", settings::sharing::application}, {"flow", settings::sharing::flow}};
+    constexpr std::pair<std::string_view, uint64_t> units[] = {
+        {"kbit/s", 125}, {"kB/s", 1000}, {"Mbit/s", 125'000}};
+    constexpr std::pair<std::string_view, settings::shaping> shapes[] = {
+        {"drop", settings::shaping::drop}, {"htb", settings::shaping::htb}};
+    constexpr std::pair<std::string_view, bool> fails[] = {{"open", false}, {"closed", true}};
+    const reader in(table, file);
+    in.expect_keys({"reset", "share", "rate_unit", "shape", "fail", "copies"});
+    in.flag("reset", enforce.reset);
+    read_choice(in, "share", shares, enforce.share);
+    read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
+    read_choice(in, "shape", shapes, enforce.shape);
+    read_choice(in, "fail", fails, enforce.rules.fail_closed);
+    in.number("copies", enforce.rules.copies_per_second, COPIES_MAX);
+    if (enforce.rules.copies_per_second == 0)
+        in.fail(*in.find("copies"), "'copies' must be 1 at least");
+}
+
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
@@ -259,16 +291,11 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus"});
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce"});
     config settings;
-    if (const toml::node *dpi = in.find("dpi")) {
-        const std::optional<bool> on = dpi->value_exact<bool>();
-        if (!on)
-            in.fail(*dpi, "'dpi' must be true or false");
-        settings.dpi = *on;
-        if (!*on)
-            settings.platform_values.clear(); // the daemon's default: no engine
-    }
+    in.flag("dpi", settings.dpi);
+    if (!settings.dpi)
+        settings.platform_values.clear(); // the daemon's default: no engine
     if (const toml::table *client = in.table("client")) {
         const reader client_in(*client, name);
         client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
@@ -284,6 +311,8 @@ config parse_config(std::string_view text, const std::string &name) {
         read_platform(*platform, name, "", settings);
     if (const toml::table *bus = in.table("bus"))
         read_bus(*bus, name, settings.bus);
+    if (const toml::table *enforce = in.table("enforce"))
+        read_enforce(*enforce, name, settings.enforce);
     return settings;
 }
 

@@ -4,6 +4,8 @@
 
 #include "avcore/bus/settings.h"
 #include "avcore/frame.h"
+#include "avcore/gate/enforce_settings.h"
+#include "avcore/ip_address.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
@@ -30,18 +32,11 @@ struct client_profile {
     uint32_t filter_type = 0;     // AV_FILTER_URL and AV_FILTER_WIFICALLING; DPI is avcore's own
 };
 
-struct ipv4_network {
-    uint32_t address_be = 0;
-    uint32_t mask_be = 0;
-
-    bool holds(uint32_t ip_be) const { return (ip_be & mask_be) == address_be; }
-};
-
 // All selectors that a rule names must fit. A rule with neither MAC address nor network fits
 // whoever is the client of a flow captured on that interface.
 struct client_rule {
     std::optional<mac_address> mac;
-    std::optional<ipv4_network> network;
+    std::optional<ip_network> network;
     std::string captured_on;
     client_profile profile;
 };
@@ -53,6 +48,7 @@ struct config {
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
     bus_settings bus;
+    enforce_settings enforce;
 };
 
 class config_error : public std::runtime_error {

@@ -14,6 +14,7 @@ constexpr unsigned RECORDS_MAX = 256;
 constexpr unsigned CNAME_CHAIN_MAX = 16;
 constexpr uint16_t TYPE_A = 1;
 constexpr uint16_t TYPE_CNAME = 5;
+constexpr uint16_t TYPE_AAAA = 28;
 constexpr uint16_t CLASS_IN = 1;
 
 class reader {
@@ -38,11 +39,17 @@ public:
         const uint32_t high = u16();
         return high << 16 | u16();
     }
-    uint32_t address_be() {
+    ip_address ipv4() {
         uint32_t value = 0;
         message_.copy(offset_, &value, sizeof value);
         skip(sizeof value);
         return value;
+    }
+    ip_address ipv6() {
+        std::array<uint8_t, ip_address::SIZE> octets = {};
+        message_.copy(offset_, octets.data(), octets.size());
+        skip(octets.size());
+        return ip_address(octets);
     }
 
     // Reads a name and stops behind it.
@@ -124,7 +131,9 @@ records read_records(reader &in, unsigned count) {
             break;
         const size_t end = in.offset() + size;
         if (record_class == CLASS_IN && type == TYPE_A && size == 4)
-            found.addresses.push_back({owner, {in.address_be(), ttl_s}});
+            found.addresses.push_back({owner, {in.ipv4(), ttl_s}});
+        else if (record_class == CLASS_IN && type == TYPE_AAAA && size == ip_address::SIZE)
+            found.addresses.push_back({owner, {in.ipv6(), ttl_s}});
         else if (record_class == CLASS_IN && type == TYPE_CNAME)
             found.aliases.push_back({owner, lower_case(in.name())});
         if (in.failed() || in.offset() > end)
@@ -158,7 +167,7 @@ dns_answer read_dns_answer(std::span<const uint8_t> message) {
     std::string owner = lower_case(answer.name);
     for (unsigned step = 0; step < CNAME_CHAIN_MAX; ++step) {
         for (const records::address &record : found.addresses) {
-            if (record.owner == owner)
+            if (record.owner == owner && !record.finding.address.is_reserved())
                 answer.findings.push_back(record.finding);
         }
         const auto next = std::find_if(found.aliases.begin(), found.aliases.end(),

@@ -1,8 +1,10 @@
-// Reads a DNS answer (RFC 1035): which IPv4 addresses the name that was asked has.
+// Reads a DNS answer (RFC 1035, RFC 3596): which addresses the name that was asked has.
 //
 // The message comes from the network and is believed in nothing: pointers lead backwards only,
 // lengths are checked, and a name that holds anything but printable characters is none.
 #pragma once
+
+#include "avcore/ip_address.h"
 
 #include <cstdint>
 #include <span>
@@ -12,7 +14,7 @@
 namespace avcore {
 
 struct dns_finding {
-    uint32_t address_be;
+    ip_address address; // never a reserved one
     uint32_t ttl_s;
 };
 

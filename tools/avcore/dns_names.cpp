@@ -12,22 +12,22 @@ constexpr int64_t US_A_SECOND = 1'000'000;
 
 } // namespace
 
-void address_names::learn(uint32_t address_be, int64_t expires_us, const std::string &name) {
-    auto found = index_.find(address_be);
+void address_names::learn(const ip_address &address, int64_t expires_us, const std::string &name) {
+    auto found = index_.find(address);
     if (found == index_.end()) {
         if (names_.size() >= limit_) {
-            index_.erase(names_.back().address_be);
+            index_.erase(names_.back().address);
             names_.pop_back();
         }
         names_.emplace_front();
-        found = index_.emplace(address_be, names_.begin()).first;
+        found = index_.emplace(address, names_.begin()).first;
     }
     names_.splice(names_.begin(), names_, found->second);
-    names_.front() = {address_be, expires_us, name};
+    names_.front() = {address, expires_us, name};
 }
 
-const std::string *address_names::find(uint32_t address_be, int64_t time_us) const {
-    const auto found = index_.find(address_be);
+const std::string *address_names::find(const ip_address &address, int64_t time_us) const {
+    const auto found = index_.find(address);
     if (found == index_.end() || time_us >= found->second->expires_us)
         return nullptr;
     return &found->second->name;
@@ -36,18 +36,18 @@ const std::string *address_names::find(uint32_t address_be, int64_t time_us) con
 void dns_names::learn(const dns_answer &answer, int64_t time_us) {
     for (const dns_finding &finding : answer.findings) {
         const int64_t ttl_s = finding.ttl_s <= TTL_MAX_S ? finding.ttl_s : 0;
-        answered_.learn(finding.address_be, time_us + ttl_s * US_A_SECOND, answer.name);
+        answered_.learn(finding.address, time_us + ttl_s * US_A_SECOND, answer.name);
     }
 }
 
 void dns_names::learn(const host_finding &host, int64_t time_us) {
     if (!host.name.empty())
-        shown_.learn(host.address_be, time_us + HOST_TTL_S * US_A_SECOND, host.name);
+        shown_.learn(host.address, time_us + HOST_TTL_S * US_A_SECOND, host.name);
 }
 
-const std::string *dns_names::find(uint32_t address_be, int64_t time_us) const {
-    const std::string *answered = answered_.find(address_be, time_us);
-    return answered != nullptr ? answered : shown_.find(address_be, time_us);
+const std::string *dns_names::find(const ip_address &address, int64_t time_us) const {
+    const std::string *answered = answered_.find(address, time_us);
+    return answered != nullptr ? answered : shown_.find(address, time_us);
 }
 
 void name_timeline::add(uint64_t frame, name_lesson lesson) {
@@ -63,14 +63,15 @@ void name_timeline::advance(uint64_t frame) {
     }
 }
 
-std::vector<std::byte> answer_domain_name(const dns_names &names, int64_t time_us,
-                                          const question &asked) {
+std::vector<std::byte> answer_domain_name(const dns_names &names, const stand_in_table &stand_ins,
+                                          int64_t time_us, const question &asked) {
     av_name_question request;
     av_name_answer reply = {};
     if (asked.body.size() < sizeof request)
         return make_answer(asked, -1);
     memcpy(&request, asked.body.data(), sizeof request);
-    const std::string *name = names.find(request.address_be, time_us);
+    const ip_address address = stand_ins.real(request.address_be).value_or(request.address_be);
+    const std::string *name = names.find(address, time_us);
     if (name != nullptr && request.buffer_size > 1) {
         for (uint32_t &word : reply.words)
             word = 1;

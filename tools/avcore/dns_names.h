@@ -1,4 +1,4 @@
-// The platform's names by IPv4 address: those in the DNS answers that pass, kept for their TTL, and
+// The platform's names by address: those in the DNS answers that pass, kept for their TTL, and
 // for an address that none of these names the host that clients showed it in a handshake. They age
 // on the frames' time stamps and are bounded in number: the one learnt longest ago gives way.
 //
@@ -7,7 +7,9 @@
 #pragma once
 
 #include "avcore/dns_answer.h"
+#include "avcore/ip_address.h"
 #include "avcore/messages.h"
+#include "avcore/stand_ins.h"
 
 #include <cstdint>
 #include <deque>
@@ -23,26 +25,26 @@ public:
     explicit address_names(size_t limit) : limit_(limit) {}
 
     // The newer name holds.
-    void learn(uint32_t address_be, int64_t expires_us, const std::string &name);
+    void learn(const ip_address &address, int64_t expires_us, const std::string &name);
     // Null when there is none, or none any more.
-    const std::string *find(uint32_t address_be, int64_t time_us) const;
+    const std::string *find(const ip_address &address, int64_t time_us) const;
 
     size_t size() const { return names_.size(); }
 
 private:
     struct entry {
-        uint32_t address_be;
+        ip_address address;
         int64_t expires_us;
         std::string name;
     };
     size_t limit_;
     std::list<entry> names_; // the one learnt last at the front
-    std::map<uint32_t, std::list<entry>::iterator> index_;
+    std::map<ip_address, std::list<entry>::iterator> index_;
 };
 
 // A host that a server has taken a handshake for.
 struct host_finding {
-    uint32_t address_be = 0;
+    ip_address address;
     std::string name; // empty: no finding
 };
 
@@ -55,7 +57,7 @@ public:
 
     void learn(const dns_answer &answer, int64_t time_us);
     void learn(const host_finding &host, int64_t time_us);
-    const std::string *find(uint32_t address_be, int64_t time_us) const;
+    const std::string *find(const ip_address &address, int64_t time_us) const;
 
     size_t size() const { return answered_.size() + shown_.size(); }
 
@@ -91,8 +93,8 @@ private:
     int64_t time_us_ = 0;
 };
 
-// Op 34 of the AV channel.
-std::vector<std::byte> answer_domain_name(const dns_names &names, int64_t time_us,
-                                          const question &asked);
+// Op 34 of the AV channel. The name of a stand-in is that of the address that it stands in for.
+std::vector<std::byte> answer_domain_name(const dns_names &names, const stand_in_table &stand_ins,
+                                          int64_t time_us, const question &asked);
 
 } // namespace avcore

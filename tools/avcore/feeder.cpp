@@ -153,8 +153,8 @@ int64_t feeder::quiet_since_ms() const {
     return std::max(last_sign_ms_, youngest_awaited.sent_ms);
 }
 
-bool feeder::silent(int64_t now_ms) const {
-    return waiting_since_ms_ && now_ms - std::max(last_sign_ms_, *waiting_since_ms_) >= SILENCE_MS;
+bool feeder::silent(int64_t now_ms, int64_t for_ms) const {
+    return waiting_since_ms_ && now_ms - std::max(last_sign_ms_, *waiting_since_ms_) >= for_ms;
 }
 
 void feeder::link_lost(int64_t now_ms) {

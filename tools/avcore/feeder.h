@@ -39,6 +39,7 @@ struct fed_frame {
     std::vector<uint8_t> bytes; // frame and trailer
     flow_key key = {};
     uint32_t flow = 0; // the row's id
+    uint64_t number_in_flow = 0;
 
     av_pkt_trailer trailer() const {
         av_pkt_trailer trailer;
@@ -86,7 +87,8 @@ public:
     // one's.
     uint64_t judged() const;
 
-    // The link to the daemon is down. To be called while it is and `silent`.
+    // The link to the daemon is down, to be called while it is and `silent`; or the daemon is gone
+    // and will be waited for.
     void link_lost(int64_t now_ms);
 
     // Looks for a silence. To be called at least whenever `next_tick_ms` has come.
@@ -95,7 +97,7 @@ public:
 
     // Whether a sign of the daemon is awaited, and whether it has been for 200 ms.
     bool waiting() const { return waiting_since_ms_.has_value(); }
-    bool silent(int64_t now_ms) const;
+    bool silent(int64_t now_ms, int64_t for_ms = SILENCE_MS) const;
     bool started() const { return started_; }
     bool daemon_gone(int64_t now_ms) const;
     const feeder_counts &counts() const { return counts_; }

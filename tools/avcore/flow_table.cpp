@@ -12,6 +12,19 @@ namespace {
 constexpr uint32_t APP_SETTING_ALLOW = 2; // of a verdict record it is the white list
 constexpr std::string_view ANY_APPLICATION = "***";
 
+// The daemon names a flow after its addresses when it knows nothing better.
+std::string application_text(const flow_row &row, std::string_view name) {
+    if (!row.ipv4 || row.server.address.is_ipv4())
+        return std::string(name);
+    return with_real_addresses(name, [&row](uint32_t ip_be) -> std::optional<ip_address> {
+        for (const endpoint *side : {&row.client, &row.server}) {
+            if (side->ip_be == ip_be)
+                return side->address;
+        }
+        return std::nullopt;
+    });
+}
+
 } // namespace
 
 void flow_table::sum_up_oldest() {
@@ -27,7 +40,7 @@ void flow_table::sum_up_oldest() {
 flow_table::row_ref flow_table::add(const flow_id &sides, const frame_facts &frame) {
     if (rows_.size() >= limit_)
         sum_up_oldest();
-    const bool from_client = rules_.sender_is_client(frame);
+    const bool from_client = frame.sender_is_client.value_or(rules_.sender_is_client(frame));
     flow_row &row = rows_.emplace_front();
     row.id = ++last_id_;
     row.sides = sides;
@@ -55,33 +68,34 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     return {row, from_client};
 }
 
-void flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
+flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
     const auto found = by_id_.find(id);
     if (found == by_id_.end())
-        return;
+        return nullptr;
     flow_row &row = *found->second;
     row.verdict = verdict.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(verdict.app_name); !name.empty())
-        row.application = name;
+        row.application = application_text(row, name);
     row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
     row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
     row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
+    return &row;
 }
 
-bool flow_table::set_application(const av_app_setting &setting) {
+flow_row *flow_table::set_application(const av_app_setting &setting) {
     flow_key key;
     memcpy(&key, setting.flow_key, sizeof key);
     const auto found = index_.find(flow_id_of(key));
     if (found == index_.end())
-        return false;
+        return nullptr;
     flow_row &row = *found->second;
     row.verdict = setting.verdict == APP_SETTING_ALLOW ? AV_VERDICT_ALLOW : setting.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(setting.name);
         !name.empty() && name != ANY_APPLICATION)
-        row.application = name;
-    return true;
+        row.application = application_text(row, name);
+    return &row;
 }
 
 void flow_table::outdate_verdicts() {

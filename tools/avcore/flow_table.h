@@ -6,6 +6,7 @@
 
 #include "avcore/client_rules.h"
 #include "avcore/frame.h"
+#include "avcore/gate/row_enforcement.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
@@ -32,10 +33,11 @@ struct flow_row {
     bool wificalling = false; // the last verdict was Wi-Fi calling's, with what follows
     uint8_t wfc_priority = 0;
     std::string wfc_fqdn;    // any bytes, as the daemon sent them
-    std::string application; // any bytes, as the daemon sent them
+    std::string application; // any bytes, as the daemon sent them but for stand-ins
     std::string host;        // that the client showed in a handshake; any bytes, as sent
     int64_t last_us = 0;     // of the last frame's capture
     std::string server_name; // see note_frame
+    row_enforcement enforcement;
 };
 
 // What became of the flows that had to leave.
@@ -59,11 +61,11 @@ public:
     // Counts one frame of `size` bytes in its flow.
     sighting count_frame(const frame_facts &frame, size_t size);
 
-    // On a frame of the row with this id, which may have left.
-    void set_verdict(uint32_t id, const av_verdict &verdict);
+    // On a frame of the row with this id. Null when it has left.
+    flow_row *set_verdict(uint32_t id, const av_verdict &verdict);
 
-    // On the flow with this key, of either direction. Returns whether there is a row.
-    bool set_application(const av_app_setting &setting);
+    // On the flow with this key, of either direction. Null when there is none.
+    flow_row *set_application(const av_app_setting &setting);
 
     // The daemon's policies changed: no verdict counts until the flow's next one.
     void outdate_verdicts();

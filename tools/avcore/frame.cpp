@@ -30,6 +30,7 @@ flow_id flow_id_of(const frame_facts &frame) {
     } else {
         id.ether_type = frame.ether_type;
     }
+    id.low.address = id.high.address = {};
     if (id.high < id.low)
         std::swap(id.low, id.high);
     return id;
@@ -66,6 +67,8 @@ frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer) {
     memcpy(facts.receiver.mac.data(), ctx.dst_mac, facts.receiver.mac.size());
     facts.sender.ip_be = ctx.src_ip;
     facts.receiver.ip_be = ctx.dst_ip;
+    facts.sender.address = ctx.src_ip;
+    facts.receiver.address = ctx.dst_ip;
     facts.sender.port = ctx.src_port;
     facts.receiver.port = ctx.dst_port;
     facts.ether_type = ctx.ether_type;

@@ -2,12 +2,14 @@
 // flow key is the one that the frame's verdict will carry.
 #pragma once
 
+#include "avcore/ip_address.h"
 #include "packet/records/kernel.h"
 
 #include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace avcore {
@@ -22,7 +24,8 @@ inline constexpr size_t MAX_FRAME_SIZE = MAX_FED_SIZE - sizeof(av_pkt_trailer);
 struct endpoint {
     mac_address mac = {};
     uint32_t ip_be = 0;
-    uint16_t port = 0; // host byte order; 0 where the protocol has none
+    uint16_t port = 0;          // host byte order; 0 where the protocol has none
+    ip_address address = ip_be; // in IPv6 the one that `ip_be` stands in for towards the daemon
 
     auto operator<=>(const endpoint &) const = default;
 };
@@ -34,6 +37,7 @@ struct frame_facts {
     uint16_t ether_type = 0;
     uint8_t ip_proto = 0;
     bool ipv4 = false;
+    std::optional<bool> sender_is_client; // where the capture tells
 };
 
 // The two sides in their own order, so that both directions of a flow have one id.
@@ -41,7 +45,9 @@ struct flow_id {
     bool ipv4 = false;
     uint16_t ether_type = 0; // only without IPv4
     uint8_t ip_proto = 0;
-    endpoint low; // without MAC address in IPv4: a routed flow changes them and stays one flow
+    // Without `address`, and without MAC address in IPv4: a routed flow changes them and stays one
+    // flow.
+    endpoint low;
     endpoint high;
 
     auto operator<=>(const flow_id &) const = default;
@@ -49,7 +55,8 @@ struct flow_id {
 flow_id flow_id_of(const frame_facts &frame);
 flow_id flow_id_of(const flow_key &key);
 
-// Decodes what the daemon will capture: a frame with the trailer's 276 bytes behind it.
+// Decodes what the daemon will capture: a frame with the trailer's 276 bytes behind it. All is
+// IPv4's there.
 frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer);
 
 // The IPv4 packet in a frame (without trailer), found where the decoders find it, without the

@@ -1,15 +1,21 @@
 #include "avcore/frame_builder.h"
 
+#include "avcore/ipv6_frame.h"
 #include "avcore/roam_flows.h"
 #include "avcore/trailer_builder.h"
 
 #include <cstring>
+#include <netinet/in.h>
 #include <utility>
 
 namespace avcore {
 namespace {
 
 constexpr uint16_t DNS_PORT = 53;
+
+bool looks_like_stand_in(const endpoint &side) {
+    return side.address.is_reserved() && side.ip_be != INADDR_BROADCAST;
+}
 
 } // namespace
 
@@ -18,43 +24,78 @@ frame_builder::frame_builder(const config &settings, const std::string &captured
       flows_(rules_),
       dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr) {}
 
-frame_builder::built_frame frame_builder::build(const captured_frame &captured) {
-    built_frame built;
-    std::vector<uint8_t> &bytes = built.frame.bytes;
-    bytes.reserve(captured.bytes.size() + sizeof(av_pkt_trailer));
-    bytes.assign(captured.bytes.begin(), captured.bytes.end());
-    bytes.resize(captured.bytes.size() + sizeof(av_pkt_trailer));
+// Puts the frame that the daemon is shown into `bytes`, with room for the trailer.
+std::optional<frame_facts> frame_builder::show(std::span<const uint8_t> captured,
+                                               std::vector<uint8_t> &bytes) {
+    const std::optional<ipv6_packet> ipv6 = find_ipv6_packet(captured);
+    bytes.reserve(captured.size() + sizeof(av_pkt_trailer));
+    if (!ipv6) {
+        bytes.assign(captured.begin(), captured.end());
+    } else if (!ipv6->source.is_ipv4() && !ipv6->destination.is_ipv4()) {
+        const uint32_t source_be = stand_ins_.stand_in_for(ipv6->source);
+        const uint32_t destination_be = stand_ins_.stand_in_for(ipv6->destination);
+        write_as_ipv4(*ipv6, source_be, destination_be, bytes);
+    } else {
+        ++counts_.reserved;
+        return std::nullopt;
+    }
+    bytes.resize(bytes.size() + sizeof(av_pkt_trailer));
 
-    const frame_facts frame = decode_frame(bytes);
-    const flow_table::sighting flow = flows_.count_frame(frame, captured.bytes.size());
-    av_pkt_trailer trailer = build_trailer(rules_, frame, flow);
-    built.lesson = inspect(frame, captured, flow.row, trailer);
+    frame_facts frame = decode_frame(bytes);
+    if (ipv6) {
+        frame.sender.address = ipv6->source;
+        frame.receiver.address = ipv6->destination;
+        counts_.unwalked += !ipv6->walked;
+    } else if (looks_like_stand_in(frame.sender) || looks_like_stand_in(frame.receiver)) {
+        ++counts_.reserved;
+        return std::nullopt;
+    }
+    return frame;
+}
+
+std::optional<frame_builder::built_frame> frame_builder::build(const captured_frame &captured) {
+    if (!captured.captured_on.empty())
+        rules_.capture_on(captured.captured_on);
+    fed_frame fed;
+    std::vector<uint8_t> &bytes = fed.bytes;
+    std::optional<frame_facts> frame = show(captured.bytes, bytes);
+    if (!frame)
+        return std::nullopt;
+    if (captured.copy != nullptr)
+        frame->sender_is_client = captured.copy->direction == GATE_UP;
+
+    const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);
+    const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
+    av_pkt_trailer trailer = build_trailer(rules_, *frame, flow);
+    name_lesson lesson =
+        inspect(*frame, std::span(bytes).first(shown_size), captured.time_us, flow.row, trailer);
     time_us_ = captured.time_us;
-    note_frame(flow.row, names_, built.lesson);
-    names_.learn(built.lesson.answer, time_us_);
-    names_.learn(built.lesson.host, time_us_);
-    memcpy(bytes.data() + captured.bytes.size(), &trailer, sizeof trailer);
-    built.frame.key = frame.key;
-    built.frame.flow = flow.row.id;
-    return built;
+    note_frame(flow.row, names_, lesson);
+    names_.learn(lesson.answer, time_us_);
+    names_.learn(lesson.host, time_us_);
+    memcpy(bytes.data() + shown_size, &trailer, sizeof trailer);
+    fed.key = frame->key;
+    fed.flow = flow.row.id;
+    fed.number_in_flow = flow.row.packets;
+    return built_frame{std::move(fed), std::move(lesson), flow};
 }
 
 // Completes the row and the trailer with what the packet itself shows.
-name_lesson frame_builder::inspect(const frame_facts &frame, const captured_frame &captured,
-                                   flow_row &row, av_pkt_trailer &trailer) {
+name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uint8_t> shown,
+                                   int64_t time_us, flow_row &row, av_pkt_trailer &trailer) {
     name_lesson lesson;
-    lesson.time_us = captured.time_us;
-    const std::span<const uint8_t> packet = ipv4_packet(captured.bytes);
+    lesson.time_us = time_us;
+    const std::span<const uint8_t> packet = ipv4_packet(shown);
     if (packet.empty())
         return lesson;
     if (frame.sender.port == DNS_PORT)
         lesson.answer = read_dns_answer(udp_payload(packet));
     if (!dpi_)
         return lesson;
-    const shown_host shown = dpi_->inspect(frame, packet, captured.time_us, trailer);
-    row.host = shown.host;
-    if (shown.just_taken)
-        lesson.host = {frame.sender.ip_be, host_name_in(shown.host).value_or("")};
+    const shown_host host = dpi_->inspect(frame, packet, time_us, trailer);
+    row.host = host.host;
+    if (host.just_taken)
+        lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};
     return lesson;
 }
 

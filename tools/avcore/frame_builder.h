@@ -1,5 +1,6 @@
 // What the access point's kernel module makes of a frame that passes: it counts it in its flow, has
-// the DPI engine look at it, notes what it says about names, and appends the trailer.
+// the DPI engine look at it, notes what it says about names, and appends the trailer. An IPv6
+// packet is shown as one of IPv4 whose addresses stand in for the real ones.
 #pragma once
 
 #include "avcore/client_rules.h"
@@ -9,11 +10,21 @@
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
 #include "avcore/source.h"
+#include "avcore/stand_ins.h"
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 namespace avcore {
+
+struct frame_counts {
+    uint64_t reserved = 0; // not carried: an address could be taken for one of another family
+    uint64_t unwalked = 0; // IPv6 packets with more or longer extension headers than are walked
+};
 
 class frame_builder {
 public:
@@ -24,18 +35,25 @@ public:
     struct built_frame {
         fed_frame frame;
         name_lesson lesson;
+        flow_table::sighting flow;
     };
-    built_frame build(const captured_frame &captured);
+    // None: it can't be carried, and was counted.
+    std::optional<built_frame> build(const captured_frame &captured);
 
     flow_table &flows() { return flows_; }
     int64_t time_us() const { return time_us_; } // of the last frame's capture
+    const stand_in_table &stand_ins() const { return stand_ins_; }
+    const frame_counts &counts() const { return counts_; }
     bool has_engine() const { return dpi_ != nullptr; }
 
 private:
-    name_lesson inspect(const frame_facts &frame, const captured_frame &captured, flow_row &row,
-                        av_pkt_trailer &trailer);
+    std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
+    name_lesson inspect(const frame_facts &frame, std::span<const uint8_t> shown, int64_t time_us,
+                        flow_row &row, av_pkt_trailer &trailer);
 
     client_rules rules_;
+    stand_in_table stand_ins_;
+    frame_counts counts_;
     flow_table flows_;
     dns_names names_; // as of the last frame, like the rows; the daemon isn't there yet
     int64_t time_us_ = 0;

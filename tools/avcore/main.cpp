@@ -1,4 +1,5 @@
 #include "avcore/config.h"
+#include "avcore/gate/gate_tasks.h"
 #include "avcore/options.h"
 #include "avcore/session.h"
 
@@ -31,6 +32,16 @@ int main(int argc, char **argv) {
     try {
         const avcore::config settings =
             options->config.empty() ? avcore::config() : avcore::read_config(options->config);
+        switch (options->wanted) {
+        case avcore::task::run:
+            break;
+        case avcore::task::set_up_gate:
+            return avcore::set_up_gate(*options, settings);
+        case avcore::task::tear_down_gate:
+            return avcore::tear_down_gate(*options);
+        case avcore::task::show_gate:
+            return avcore::show_gate(*options);
+        }
         return avcore::session(*options, settings).run();
     } catch (const std::exception &error) {
         std::cerr << "avcore: " << error.what() << '\n';

@@ -3,6 +3,7 @@
 #include "avcore/link.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 
 namespace avcore {
@@ -11,25 +12,37 @@ namespace {
 constexpr int USAGE_ERROR = 2;
 constexpr int64_t MAX_AGENT_DELAY_MS = 3'600'000;
 
-} // namespace
+void add_gate_interfaces(CLI::App &app, options &chosen, const char *what) {
+    app.add_option("--inline", chosen.gate_interfaces, what)
+        ->type_name("IFACE")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
 
-std::optional<options> parse_options(int argc, char **argv, int &status) {
-    CLI::App app("Plays the access point's platform for jorn: feeds it frames with trailers, "
-                 "answers its questions and prints the flows with their verdicts.",
-                 "avcore");
-    app.set_version_flag("--version", "avcore " JORN_VERSION);
-    options chosen;
+void add_pins(CLI::App &app, options &chosen) {
+    app.add_option("--pins", chosen.pins, "Where the gate's maps are pinned")
+        ->type_name("DIR")
+        ->capture_default_str();
+}
+
+void add_config(CLI::App &app, options &chosen) {
+    app.add_option("-c", chosen.config, "TOML file: clients, profiles, enforcement")
+        ->type_name("CONFIG");
+}
+
+void add_run_options(CLI::App &app, options &chosen) {
     app.add_option("-o", chosen.out_interface, "Interface to write into; jorn captures on its peer")
-        ->required()
         ->type_name("IFACE");
     CLI::Option_group *input = app.add_option_group("Input", "exactly one of");
     input->add_option("-r", chosen.file, "Read frames from this pcap or pcapng file")
         ->type_name("FILE");
     input->add_option("-i", chosen.in_interface, "Capture frames on this interface, until SIGINT")
         ->type_name("IFACE");
-    input->require_option(1);
-    app.add_option("-c", chosen.config, "TOML file: clients, profiles, platform values")
-        ->type_name("CONFIG");
+    add_gate_interfaces(*input, chosen,
+                        "Enforce the verdicts on this interface of clients, until SIGINT; may be "
+                        "given several times");
+    add_pins(app, chosen);
+    add_config(app, chosen);
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
     app.add_option("--categories", chosen.categories, "Text file: domains and their web categories")
         ->type_name("FILE");
@@ -45,14 +58,65 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
                    "The daemon's command socket, for the agent's late answers")
         ->type_name("PATH")
         ->capture_default_str();
+}
+
+void add_gate_tasks(CLI::App &app, options &chosen) {
+    app.require_subcommand(0, 1);
+    const auto add = [&](const char *name, const char *what, task wanted) {
+        CLI::App *subcommand = app.add_subcommand(name, what);
+        subcommand->callback([&chosen, wanted] { chosen.wanted = wanted; });
+        add_pins(*subcommand, chosen);
+        return subcommand;
+    };
+    CLI::App *setup = add("setup",
+                          "Attach the gate to the interfaces of the clients, and say what "
+                          "would carry packets past it",
+                          task::set_up_gate);
+    add_gate_interfaces(*setup, chosen, "Interface of clients; may be given several times");
+    add_config(*setup, chosen);
+    add("teardown", "Detach the gate everywhere and forget its verdicts", task::tear_down_gate);
+    add("status", "Show where the gate is attached, and what it does", task::show_gate)
+        ->add_flag("--json", chosen.json, "As one JSON object");
+}
+
+// Between all of the options; CLI11 can't say it, for the tasks need other ones.
+void check(const options &chosen) {
+    if (chosen.wanted == task::set_up_gate && chosen.gate_interfaces.empty())
+        throw CLI::RequiredError("--inline");
+    if (chosen.wanted != task::run)
+        return;
+    if (chosen.out_interface.empty())
+        throw CLI::RequiredError("-o");
+    const bool inputs[] = {!chosen.file.empty(), !chosen.in_interface.empty(),
+                           !chosen.gate_interfaces.empty()};
+    if (std::count(std::begin(inputs), std::end(inputs), true) != 1)
+        throw CLI::ValidationError("exactly one of -r, -i and --inline is required");
+    if (chosen.in_interface == chosen.out_interface)
+        throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
+                                         "what it wrote");
+    if (are_peers(chosen.in_interface, chosen.out_interface))
+        throw CLI::ValidationError("-i", "can't be the peer of -o's interface: avcore would "
+                                         "feed what it wrote");
+    for (const std::string &name : chosen.gate_interfaces) {
+        if (name == chosen.out_interface || are_peers(name, chosen.out_interface))
+            throw CLI::ValidationError("--inline", "can't be the interface of -o, nor its peer");
+    }
+}
+
+} // namespace
+
+std::optional<options> parse_options(int argc, char **argv, int &status) {
+    CLI::App app("Plays the access point's platform for jorn: feeds it frames with trailers, "
+                 "answers its questions and prints the flows with their verdicts, or enforces "
+                 "them.",
+                 "avcore");
+    app.set_version_flag("--version", "avcore " JORN_VERSION);
+    options chosen;
+    add_run_options(app, chosen);
+    add_gate_tasks(app, chosen);
     try {
         app.parse(argc, argv);
-        if (chosen.in_interface == chosen.out_interface)
-            throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
-                                             "what it wrote");
-        if (are_peers(chosen.in_interface, chosen.out_interface))
-            throw CLI::ValidationError("-i", "can't be the peer of -o's interface: avcore would "
-                                             "feed what it wrote");
+        check(chosen);
     } catch (const CLI::ParseError &error) {
         status = app.exit(error) == 0 ? 0 : USAGE_ERROR;
         if (!std::cout.flush())

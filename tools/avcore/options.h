@@ -1,16 +1,29 @@
 // avcore's command line.
 #pragma once
 
+#include "avcore/gate/gate.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace avcore {
 
+enum class task {
+    run,
+    set_up_gate,
+    tear_down_gate,
+    show_gate,
+};
+
 struct options {
+    task wanted = task::run;
     std::string out_interface;
-    std::string file; // one of these two is set
+    std::string file; // one of these three is set
     std::string in_interface;
+    std::vector<std::string> gate_interfaces; // also of set_up_gate
+    std::string pins = GATE_PINS;
     std::string config; // may be empty
     bool json = false;
     std::string categories;  // files and folders; empty: none

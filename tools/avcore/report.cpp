@@ -3,7 +3,6 @@
 #include "avcore/printable.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -17,9 +16,9 @@ enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, CO
 using table_line = std::array<std::string, COLUMNS>;
 
 std::string address_text(const flow_row &row, const endpoint &side) {
-    char text[INET_ADDRSTRLEN];
     if (row.ipv4)
-        return inet_ntop(AF_INET, &side.ip_be, text, sizeof text);
+        return side.address.text();
+    char text[4];
     std::string mac;
     for (const uint8_t byte : side.mac) {
         snprintf(text, sizeof text, mac.empty() ? "%02X" : ":%02X", byte);
@@ -29,8 +28,7 @@ std::string address_text(const flow_row &row, const endpoint &side) {
 }
 
 std::string endpoint_text(const flow_row &row, const endpoint &side) {
-    const std::string address = address_text(row, side);
-    return side.port != 0 ? address + ':' + std::to_string(side.port) : address;
+    return side.port != 0 ? side.address.text_with(side.port) : address_text(row, side);
 }
 
 struct protocol_name {
@@ -38,7 +36,8 @@ struct protocol_name {
     const char *name;
 };
 constexpr protocol_name IP_PROTOCOLS[] = {
-    {1, "ICMP"}, {2, "IGMP"}, {6, "TCP"}, {17, "UDP"}, {47, "GRE"}, {50, "ESP"}, {132, "SCTP"},
+    {1, "ICMP"}, {2, "IGMP"}, {6, "TCP"},     {17, "UDP"},
+    {47, "GRE"}, {50, "ESP"}, {58, "ICMPv6"}, {132, "SCTP"},
 };
 constexpr protocol_name ETHER_TYPES[] = {
     {0x0800, "IPv4"},  {0x0806, "ARP"},   {0x8035, "RARP"},  {0x8100, "VLAN"}, {0x86DD, "IPv6"},
@@ -93,6 +92,11 @@ void print_line(std::ostream &out, const nlohmann::ordered_json &object) {
 }
 
 } // namespace
+
+std::string flow_text(const flow_row &row) {
+    return endpoint_text(row, row.client) + " to " + endpoint_text(row, row.server) + " (" +
+           protocol_text(row) + ")";
+}
 
 void print_table(std::ostream &out, const flow_table &flows) {
     std::vector<table_line> lines = {
@@ -167,8 +171,13 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         {totals.source.too_long,
          "not carried, longer than " + std::to_string(totals.max_frame_size) + " bytes"},
         {totals.source.empty, "not carried, empty"},
+        {totals.frames.reserved,
+         "not carried, for an address is one of 240.0.0.0/4 or IPv4's in IPv6"},
+        {totals.frames.unwalked,
+         "IPv6 packets whose extension headers weren't walked to their end"},
         {totals.source.cut_short, "carried as captured, without their ends"},
         {totals.source.dropped, "dropped by the kernel before they were read"},
+        {totals.source.stale, "copies that had waited for too long"},
         {fed.start_repeats, "repeats of a first frame until the daemon answered"},
         {fed.overlooked, "verdicts that answered no frame"},
         {totals.malformed_messages, "malformed messages on the AV channel"},

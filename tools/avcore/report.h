@@ -6,6 +6,7 @@
 
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
+#include "avcore/frame_builder.h"
 #include "avcore/source.h"
 #include "avcore/url_agent.h"
 
@@ -25,7 +26,11 @@ struct totals {
     url_agent_counts agent;
     std::map<std::string, int32_t> switches; // what the daemon switched, printable
     bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
+    frame_counts frames;
 };
+
+// "CLIENT to SERVER (PROTOCOL)".
+std::string flow_text(const flow_row &row);
 
 void print_table(std::ostream &out, const flow_table &flows);
 // One object a flow and line.

@@ -29,9 +29,9 @@ roam_flow record_of(const flow_row &row) {
 void note_frame(flow_row &row, const dns_names &names, const name_lesson &lesson) {
     const bool first = row.packets == 1;
     row.last_us = lesson.time_us;
-    if (const std::string *name = first ? names.find(row.server.ip_be, row.last_us) : nullptr)
+    if (const std::string *name = first ? names.find(row.server.address, row.last_us) : nullptr)
         row.server_name = *name;
-    if (row.server_name.empty() && lesson.host.address_be == row.server.ip_be)
+    if (row.server_name.empty() && lesson.host.address == row.server.address)
         row.server_name = lesson.host.name;
 }
 
@@ -46,8 +46,9 @@ std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us
 
     std::vector<const flow_row *> found;
     for (const flow_row *row : flows.rows()) {
-        if (row->ipv4 && row->client.mac == station && now_us - row->last_us <= RECENT_US &&
-            !row->server_name.empty())
+        // A stand-in means nothing to another access point.
+        if (row->ipv4 && row->server.address.is_ipv4() && row->client.mac == station &&
+            now_us - row->last_us <= RECENT_US && !row->server_name.empty())
             found.push_back(row);
     }
     std::stable_sort(found.begin(), found.end(),

@@ -1,5 +1,6 @@
 #include "avcore/session.h"
 
+#include "avcore/gate/gate_report.h"
 #include "avcore/platform_values.h"
 #include "avcore/printable.h"
 #include "avcore/roam_flows.h"
@@ -21,6 +22,8 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
+constexpr int64_t BEAT_MS = 1'000;
+constexpr int64_t UNDECIDED_MS = 1'000;
 
 int64_t clock_ms() {
     timespec now = {};
@@ -28,7 +31,9 @@ int64_t clock_ms() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-frame_source open_source(const options &options) {
+frame_source open_source(const options &options, gate *gate) {
+    if (gate != nullptr)
+        return frame_source::open_gate(*gate, options.gate_interfaces);
     return options.in_interface.empty() ? frame_source::open_file(options.file)
                                         : frame_source::open_interface(options.in_interface);
 }
@@ -42,11 +47,14 @@ url_agent open_agent(const options &options) {
 
 } // namespace
 
-session::session(const options &options, const config &settings)
+session::session(const options &options, config settings)
     : options_(options),
-      settings_(settings),
-      builder_(settings, options.in_interface),
-      source_(open_source(options)),
+      settings_(std::move(settings)),
+      gate_(options.gate_interfaces.empty()
+                ? nullptr
+                : std::make_unique<gate>(options.pins, options.gate_interfaces)),
+      builder_(settings_, options.in_interface),
+      source_(open_source(options, gate_.get())),
       sink_(options.out_interface),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
@@ -60,6 +68,15 @@ session::session(const options &options, const config &settings)
         std::cerr << "avcore: the MTU of " << options.out_interface << " is below 65535: frames "
                   << "longer than " << max_frame_size_ << " bytes can't be carried\n";
     open_bus();
+    if (!gate_)
+        return;
+    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
+                                           [this](const std::string &line) { say(line); });
+    gate_->set_rules(settings_.enforce.rules);
+    gate_->ask_although_unattended(false);
+    for (const std::string &way : ways_past_gate(options.gate_interfaces))
+        say("past the gate: " + way);
+    next_beat_ms_ = clock_ms();
 }
 
 void session::open_bus() {
@@ -120,7 +137,7 @@ session::ending session::turn() {
         return ending::stopped;
     if (input_ended_ && !feeder_.waiting() && !agent_.waiting())
         return ending::complete;
-    if (feeder_.daemon_gone(now_ms)) {
+    if (!gate_ && feeder_.daemon_gone(now_ms)) {
         error_ = feeder_.started() ? "no verdict for 5 seconds: the daemon is gone"
                                    : "no verdict in 30 seconds: no daemon captures the frames";
         return ending::failed;
@@ -128,8 +145,38 @@ session::ending session::turn() {
     explain_waiting(now_ms);
     wait(now_ms);
     serve_channel();
+    if (gate_)
+        watch_daemon(clock_ms());
     take_signal();
     return ending::none;
+}
+
+// The gate is told for as long as its flows are decided about. A daemon that answers, or that has
+// come to the channel, decides; one that has left, or lets a frame wait for a second, doesn't.
+void session::watch_daemon(int64_t now_ms) {
+    const size_t before = std::exchange(connections_, channel_.connections());
+    if (connections_ > before)
+        daemon_decides(true, now_ms);
+    if ((before > 0 && connections_ == 0) || feeder_.silent(now_ms, UNDECIDED_MS))
+        daemon_decides(false, now_ms);
+    if (!somebody_decides_ || now_ms < next_beat_ms_)
+        return;
+    gate_->beat();
+    next_beat_ms_ = now_ms + BEAT_MS;
+}
+
+void session::daemon_decides(bool does, int64_t now_ms) {
+    if (std::exchange(somebody_decides_, does) == does)
+        return;
+    next_beat_ms_ = does ? now_ms : NEVER_MS;
+    gate_->ask_although_unattended(!does);
+    if (does) {
+        say("the daemon is back");
+        back_ = true;
+    } else {
+        say("the daemon is gone: the gate is told so, and waits for it");
+        feeder_.link_lost(now_ms);
+    }
 }
 
 void session::serve_channel() {
@@ -157,6 +204,12 @@ void session::take_signal() {
     case signals::request::stop:
         stop_requested_ = true;
         break;
+    case signals::request::hangup:
+        if (gate_)
+            read_config_again();
+        else
+            stop_requested_ = true;
+        break;
     case signals::request::print:
         progress_.clear();
         report();
@@ -166,6 +219,25 @@ void session::take_signal() {
         break;
     case signals::request::none:
         break;
+    }
+}
+
+// What the bus and the DPI engine were started with stays.
+void session::read_config_again() {
+    if (options_.config.empty()) {
+        say("there is no configuration file to read again");
+        return;
+    }
+    try {
+        config fresh = read_config(options_.config);
+        fresh.bus = settings_.bus;
+        fresh.dpi = settings_.dpi;
+        settings_ = std::move(fresh);
+        gate_->set_rules(settings_.enforce.rules);
+        enforcer_->policies_changed();
+        say("the configuration was read again");
+    } catch (const config_error &error) {
+        say(std::string(error.what()) + "; the configuration stays as it was");
     }
 }
 
@@ -199,11 +271,15 @@ void session::pull_frames() {
 }
 
 void session::take_frame(const captured_frame &captured) {
-    frame_builder::built_frame built = builder_.build(captured);
+    std::optional<frame_builder::built_frame> built = builder_.build(captured);
+    if (!built)
+        return;
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    names_.add(feeder_.add(std::move(built.frame), now_ms), std::move(built.lesson));
+    if (captured.copy != nullptr)
+        enforcer_->saw(built->flow.row, *captured.copy, built->flow.from_client);
+    names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
 
@@ -230,8 +306,8 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    const int64_t due_ms = std::min(
-        {bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(), channel_.next_tick_ms()});
+    const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
+                                     channel_.next_tick_ms(), next_beat_ms_});
     if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
@@ -270,25 +346,44 @@ std::vector<std::byte> session::take_datagram(byte_span datagram) {
     else if (const auto *setting = std::get_if<switch_setting>(&*message))
         take(*setting);
     else if (std::holds_alternative<policy_reset>(*message))
-        builder_.flows().outdate_verdicts();
+        outdate_verdicts();
     return {};
 }
 
+void session::outdate_verdicts() {
+    builder_.flows().outdate_verdicts();
+    if (enforcer_)
+        enforcer_->policies_changed();
+}
+
 void session::take(const av_verdict &verdict) {
-    const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, clock_ms());
+    const int64_t now_ms = clock_ms();
+    const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, now_ms);
     if (!frame)
         return;
-    builder_.flows().set_verdict(frame->flow, verdict);
+    flow_row *row = builder_.flows().set_verdict(frame->flow, verdict);
+    if (enforcer_) {
+        daemon_decides(true, now_ms);
+        if (std::exchange(back_, false)) // it may be another one, with other policies
+            enforcer_->policies_changed();
+        if (row != nullptr)
+            enforcer_->judged(*row, *frame, verdict, now_ms);
+    }
     engine_ignored_ |= ignores_engine(frame->trailer(), verdict);
 }
 
 void session::take(const syslog_line &line) {
-    say("syslog, level " + std::to_string(line.level) + ": " + printable(line.text));
+    const std::string text = with_real_addresses(
+        line.text, [this](uint32_t ip_be) { return builder_.stand_ins().real(ip_be); });
+    say("syslog, level " + std::to_string(line.level) + ": " + printable(text));
 }
 
 void session::take(const av_app_setting &setting) {
-    if (!builder_.flows().set_application(setting))
+    flow_row *row = builder_.flows().set_application(setting);
+    if (row == nullptr)
         ++unknown_flows_;
+    else if (enforcer_)
+        enforcer_->set(*row, setting, clock_ms());
 }
 
 void session::take(const av_safesearch_setting &setting) {
@@ -312,7 +407,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         return answer_roam_flows(builder_.flows(), builder_.time_us(), asked);
     case av_op::dnscache_get_name:
         names_.advance(feeder_.judged());
-        return answer_domain_name(names_.names(), names_.time_us(), asked);
+        return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
     case av_op::urlfilter_get_category:
         return agent_.answer(asked, clock_ms());
     case av_op::platform_value:
@@ -353,7 +448,8 @@ void session::report() {
                            refused_safe_search_,
                            agent_.counts(),
                            switches_,
-                           builder_.has_engine() && !engine_asked_ && engine_ignored_};
+                           builder_.has_engine() && !engine_asked_ && engine_ignored_,
+                           builder_.counts()};
     if (options_.json)
         print_json(std::cout, flows);
     else
@@ -364,6 +460,8 @@ void session::report() {
     print_totals(out, flows, totals);
     if (bus_)
         bus_->report(out);
+    if (gate_)
+        print_gate_counts(out, gate_->counts());
     std::cout.flush();
     if (!std::cout)
         say("the report can't be written");

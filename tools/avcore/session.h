@@ -9,6 +9,8 @@
 #include "avcore/feeder.h"
 #include "avcore/frame_builder.h"
 #include "avcore/frame_sink.h"
+#include "avcore/gate/enforcer.h"
+#include "avcore/gate/gate.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
 #include "avcore/report.h"
@@ -22,7 +24,7 @@ namespace avcore {
 class session {
 public:
     // Opens everything; throws std::runtime_error.
-    session(const options &options, const config &settings);
+    session(const options &options, config settings);
 
     // Runs until the input ends, a signal comes or the daemon is gone, and prints the report.
     // Returns the exit status.
@@ -34,6 +36,9 @@ private:
     ending turn();
     void tick(int64_t now_ms);
     void take_signal();
+    void read_config_again();
+    void watch_daemon(int64_t now_ms);
+    void daemon_decides(bool does, int64_t now_ms);
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -42,6 +47,7 @@ private:
     void open_bus();
     std::string bus_name();
     std::vector<std::byte> take_datagram(byte_span datagram);
+    void outdate_verdicts();
     void take(const av_verdict &verdict);
     void take(const syslog_line &line);
     void take(const av_app_setting &setting);
@@ -54,8 +60,9 @@ private:
     void report();
 
     const options &options_;
-    const config &settings_;
-    signals signals_; // before anything starts a thread
+    config settings_;
+    signals signals_;            // before anything starts a thread
+    std::unique_ptr<gate> gate_; // null: verdicts aren't enforced
     frame_builder builder_;
     feeder feeder_;
     frame_source source_;
@@ -64,11 +71,16 @@ private:
     progress_bar progress_;
     name_timeline names_;
     url_agent agent_;
+    std::unique_ptr<enforcer> enforcer_;       // beside the gate
     std::unique_ptr<safe_search> safe_search_; // null: nobody carries it out
     std::unique_ptr<message_bus> bus_;         // null: there is none
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
+    bool somebody_decides_ = true;            // until it shows that nobody does
+    bool back_ = false;                       // who decides, with the next verdict
+    size_t connections_ = 0;
+    int64_t next_beat_ms_ = NEVER_MS;
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;

@@ -34,6 +34,8 @@ signals::request signals::take() {
         return request::print;
     case SIGUSR2:
         return request::agent;
+    case SIGHUP:
+        return request::hangup;
     default:
         return request::stop;
     }

@@ -12,9 +12,10 @@ public:
 
     enum class request {
         none,
-        stop,  // SIGINT, SIGTERM, and SIGHUP unless it was ignored (nohup)
-        print, // SIGUSR1
-        agent, // SIGUSR2: the URL-filtering agent is back
+        stop,   // SIGINT, SIGTERM
+        hangup, // SIGHUP, unless it was ignored (nohup)
+        print,  // SIGUSR1
+        agent,  // SIGUSR2: the URL-filtering agent is back
     };
     request take();
     int fd() const { return fd_.get(); }

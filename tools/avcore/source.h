@@ -1,21 +1,27 @@
-// Where the frames come from: a pcap or pcapng file, or a live capture. Neither is ever waited for
-// in here. What can't be carried is counted and goes no further.
+// Where the frames come from: a pcap or pcapng file, a live capture, or the copies of a gate. None
+// of them is ever waited for in here. What can't be carried is counted and goes no further.
 #pragma once
 
 #include "avcore/file_reader.h"
+#include "avcore/gate/gate.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <pcap/pcap.h>
 #include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace avcore {
 
 struct captured_frame {
     std::span<const uint8_t> bytes; // valid until the next read
     int64_t time_us = 0;
+    std::string_view captured_on;    // empty: as for every frame
+    const gate_copy *copy = nullptr; // of a gate's: what it says of the frame
 };
 
 struct source_counts {
@@ -25,6 +31,7 @@ struct source_counts {
     uint64_t empty = 0;
     uint64_t cut_short = 0; // by the capture's snap length; carried as they are
     uint64_t dropped = 0;   // by the kernel, before they could be read
+    uint64_t stale = 0;     // copies that waited for too long
 };
 
 class frame_source {
@@ -32,6 +39,9 @@ public:
     // Both throw std::runtime_error.
     static frame_source open_file(const std::string &path);
     static frame_source open_interface(const std::string &name);
+
+    // `gate` outlives the source.
+    static frame_source open_gate(gate &gate, const std::vector<std::string> &interfaces);
 
     // Frames longer than this are not carried.
     void set_max_frame_size(size_t size) { max_frame_size_ = size; }
@@ -56,14 +66,18 @@ private:
     int link_type() const;
     result next_of_file();
     result next_live();
+    result next_copy(captured_frame &frame);
 
     struct closer {
         void operator()(pcap_t *handle) const { pcap_close(handle); }
     };
     frame_source() = default;
 
-    std::unique_ptr<file_reader> file_; // one of these two
+    std::unique_ptr<file_reader> file_; // one of these three
     std::unique_ptr<pcap_t, closer> live_;
+    gate *gate_ = nullptr;
+    std::map<uint32_t, std::string> gate_interfaces_; // by index
+    gate_copy_seen copy_;
     file_frame read_;                     // from the file
     const pcap_pkthdr *header_ = nullptr; // of the frame read last
     const uint8_t *bytes_ = nullptr;

@@ -53,6 +53,9 @@ public:
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
     void beat();
+    // Packets of undecided flows are copied without a beat, too: one of them will show that there
+    // is a daemon again.
+    void ask_although_unattended(bool ask);
     uint32_t generation() const;
     // All verdicts so far are to be asked for again, and hold until then.
     void next_generation();

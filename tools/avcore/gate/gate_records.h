@@ -17,7 +17,8 @@
 #define GATE_LAYOUT "v1"
 
 /* Bounds of the maps. */
-#define GATE_FLOWS 65536  /* verdicts, and counters beside them; the least recently used go first  \
+#define GATE_FLOWS                                                                                 \
+    65536                 /* verdicts, and counters beside them; the least recently used go first  \
                            */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
@@ -84,7 +85,7 @@ struct gate_settings {
     __u32 generation;        /* of the verdicts that are asked for */
     __u32 fail_closed;       /* without a beat; else everything passes then */
     __u32 copies_per_second; /* of each client */
-    __u32 reserved;
+    __u32 probing;           /* undecided packets are copied without a beat, too */
 };
 GATE_SIZE(gate_settings, 24);
 

@@ -1,0 +1,54 @@
+// A frame on its way to the daemon: what is shown of an IPv6 packet is one of IPv4 of stand-ins,
+// whose lengths hold, and no longer than what was captured. DNS answers inside are read, too.
+#include "avcore/ipv6_frame.h"
+#include "avcore/config.h"
+#include "avcore/frame_builder.h"
+#include "support/fresh_state.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+using namespace avcore;
+
+void demand(bool holds) {
+    if (!holds)
+        abort();
+}
+
+frame_builder &builder() {
+    static const config settings =
+        parse_config("dpi = false\n[[rule]]\nnetwork = \"2001:db8::/61\"", "f");
+    static frame_builder one(settings, "");
+    return one;
+}
+
+void check_shown(const ipv6_packet &packet, const fed_frame &frame, size_t captured) {
+    const size_t size = frame.bytes.size() - sizeof(av_pkt_trailer);
+    demand(size <= captured);
+    const frame_facts facts = decode_frame(frame.bytes);
+    demand(builder().stand_ins().real(facts.sender.ip_be) == packet.source);
+    demand(builder().stand_ins().real(facts.receiver.ip_be) == packet.destination);
+    const bool later_fragment = (packet.fragment & 0x1FFF) != 0;
+    demand(ipv4_packet(std::span(frame.bytes).first(size)).empty() == later_fragment);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const bool ready = (silence_log(), true);
+    (void)ready;
+    if (size > MAX_FRAME_SIZE)
+        return 0;
+    // A copy of exactly the captured size: a read beyond it is caught.
+    const auto captured = std::make_unique<uint8_t[]>(size);
+    memcpy(captured.get(), data, size);
+    const std::span<const uint8_t> frame(captured.get(), size);
+    const auto built = builder().build({frame, 0, {}, nullptr});
+    const auto packet = find_ipv6_packet(frame);
+    if (packet && built)
+        check_shown(*packet, built->frame, size);
+    return 0;
+}

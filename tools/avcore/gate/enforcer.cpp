@@ -1,0 +1,188 @@
+#include "avcore/gate/enforcer.h"
+
+#include "avcore/printable.h"
+#include "avcore/report.h"
+#include "core/text/text.h"
+
+#include <iterator>
+#include <string_view>
+
+namespace avcore {
+namespace {
+
+constexpr uint64_t ENOUGH_TCP_PACKETS = 30;
+constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
+constexpr unsigned LINES_A_SECOND = 5;
+constexpr uint16_t NO_RATE = UINT16_MAX;
+constexpr uint8_t TCP = 6;
+
+// Values of av_qos::mark_pri.
+constexpr uint8_t MARK_DOT1P = 0;
+constexpr uint8_t MARK_DSCP = 1;
+
+// What a traffic type is on the wire (RFC 8325, 4): the code point, and the user priority of
+// IEEE 802.1D, which chooses the access category.
+struct traffic_class {
+    uint8_t dscp;
+    uint8_t user_priority;
+};
+constexpr traffic_class TRAFFIC_CLASSES[] = {
+    {8, 1},  // background: CS1
+    {0, 0},  // best effort
+    {34, 4}, // video: AF41
+    {46, 6}, // voice: EF
+};
+// Wi-Fi drivers take a packet's priority from here on for its user priority.
+constexpr uint32_t PRIORITY_OF_USER_PRIORITY = 256;
+
+// Whether this frame's verdict may decide: the engine has come to an end, or won't.
+bool is_late_enough(const flow_row &row, const fed_frame &frame) {
+    const uint64_t enough = row.ip_proto == TCP ? ENOUGH_TCP_PACKETS : ENOUGH_OTHER_PACKETS;
+    return frame.number_in_flow >= enough || frame.trailer().dpi_status != AV_DPI_MORE_PACKETS;
+}
+
+void mark(gate_verdict &verdict, const av_qos &qos) {
+    if (qos.mark_type < std::size(TRAFFIC_CLASSES) && qos.mark_pri <= AV_MARK_DOT1P_AND_DSCP) {
+        const traffic_class &type = TRAFFIC_CLASSES[qos.mark_type];
+        if (qos.mark_pri != MARK_DOT1P) {
+            verdict.flags |= GATE_SET_DSCP;
+            verdict.dscp = type.dscp;
+        }
+        if (qos.mark_pri != MARK_DSCP) {
+            verdict.flags |= GATE_SET_PRIORITY;
+            verdict.priority = PRIORITY_OF_USER_PRIORITY + type.user_priority;
+        }
+    }
+    if (qos.classify == 1 && qos.classify_type < std::size(TRAFFIC_CLASSES)) {
+        verdict.flags |= GATE_SET_PRIORITY;
+        verdict.priority =
+            PRIORITY_OF_USER_PRIORITY + TRAFFIC_CLASSES[qos.classify_type].user_priority;
+    }
+}
+
+std::string source_of_name(const flow_row &row, const fed_frame &frame, const av_verdict &verdict) {
+    const std::string_view name = field_text(verdict.app_name);
+    const av_pkt_trailer trailer = frame.trailer();
+    if (verdict.wificalling_f == AV_DECIDED_BY_WEB)
+        return "the address that was asked for";
+    if (verdict.match_info != 0)
+        return "the administrator's definitions";
+    if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
+        equals_ignoring_case(field_text(trailer.dpi_app_name), name))
+        return "the DPI engine";
+    if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
+        return "DNS or the handshake";
+    return "the daemon's tables";
+}
+
+std::string policy_of(const av_verdict &verdict) {
+    if (verdict.wificalling_f == AV_DECIDED_BY_WEB)
+        return "the web policy";
+    return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp);
+}
+
+} // namespace
+
+void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
+    const bool seen_from_client = from_client == (copy.direction == GATE_UP);
+    const auto side = seen_from_client ? row_enforcement::CLIENT : row_enforcement::SERVER;
+    row.enforcement.flows[side] = copy.flow;
+    if (side == row_enforcement::CLIENT)
+        row.enforcement.if_index = copy.if_index;
+    row.enforcement.seen[side] = true;
+}
+
+void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict,
+                      int64_t now_ms) {
+    row_enforcement &state = row.enforcement;
+    const bool denies = verdict.verdict == AV_VERDICT_DENY;
+    const bool denied_before = state.denied && state.generation == gate_.generation();
+    if (denied_before || (!denies && !state.settled && !is_late_enough(row, frame)))
+        return;
+    const std::string_view name = field_text(verdict.app_name);
+    if (!denies) {
+        decide(row, GATE_PASS, &verdict.qos, name);
+        return;
+    }
+    if (!state.denied)
+        tell_denial(row,
+                    printable(name) + ", named by " + source_of_name(row, frame, verdict) +
+                        "; by " + policy_of(verdict),
+                    now_ms);
+    decide(row, GATE_DENY, nullptr, name);
+}
+
+void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
+    const bool denies = setting.verdict == AV_VERDICT_DENY;
+    if (denies && !row.enforcement.denied)
+        tell_denial(row,
+                    printable(row.application) + ", named by the address that was asked for; "
+                                                 "by the web policy, after a late answer",
+                    now_ms);
+    decide(row, denies ? GATE_DENY : GATE_PASS, nullptr, row.application);
+}
+
+void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
+                     gate_direction direction, uint16_t rate) {
+    if (rate == 0 || rate == NO_RATE)
+        return;
+    limit_owner owner = {row.client.mac, std::string(name), 0, direction};
+    if (settings_.share == enforce_settings::sharing::flow)
+        owner.flow = row.id;
+    const uint64_t bytes_per_second = rate * settings_.bytes_per_rate_unit;
+    const limit_book::place place = limits_.place_of(owner, bytes_per_second);
+    if (settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
+        const uint32_t queue =
+            shaper_.priority_of(row.enforcement.if_index, place.bucket, bytes_per_second);
+        if (queue != 0) {
+            verdict.flags |= GATE_SET_PRIORITY;
+            verdict.priority = queue;
+            return;
+        }
+    }
+    if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
+        ++refused_writes_;
+    verdict.bucket[direction] = place.bucket;
+}
+
+// Marks and limits are made where the row's client is; where the server is a client, too, the
+// packets pass a second gate.
+void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name) {
+    row_enforcement &state = row.enforcement;
+    gate_verdict verdict = {};
+    verdict.generation = gate_.generation();
+    verdict.action = static_cast<uint8_t>(action);
+    if (verdict.action == GATE_DENY && settings_.reset)
+        verdict.flags |= GATE_RESET;
+    if (state.seen[row_enforcement::SERVER] &&
+        !gate_.decide(state.flows[row_enforcement::SERVER], verdict))
+        ++refused_writes_;
+    if (qos != nullptr) {
+        mark(verdict, *qos);
+        limit(verdict, row, name, GATE_UP, qos->ratelimit_up);
+        limit(verdict, row, name, GATE_DOWN, qos->ratelimit_down);
+    }
+    if (state.seen[row_enforcement::CLIENT] &&
+        !gate_.decide(state.flows[row_enforcement::CLIENT], verdict))
+        ++refused_writes_;
+    state.settled = true;
+    state.denied = verdict.action == GATE_DENY;
+    state.generation = verdict.generation;
+}
+
+void enforcer::tell_denial(const flow_row &row, const std::string &why, int64_t now_ms) {
+    if (now_ms - lines_since_ms_ >= 1000) {
+        lines_since_ms_ = now_ms;
+        lines_ = 0;
+    }
+    if (++lines_ > LINES_A_SECOND) {
+        ++silent_denials_;
+        return;
+    }
+    const std::string silent =
+        silent_denials_ > 0 ? " (and " + std::to_string(silent_denials_) + " more)" : "";
+    silent_denials_ = 0;
+    say_("denied: " + flow_text(row) + ": " + why + silent);
+}
+
+} // namespace avcore

@@ -1,0 +1,62 @@
+// Carries the daemon's verdicts out: says when one has decided its flow, and what the gate then
+// does to the flow's packets.
+//
+// A denial decides at once. Anything else is the daemon's opinion of what it has seen so far, and
+// decides when the DPI engine is through with the flow or has had enough packets. A denial holds
+// until the policies change or the daemon says otherwise about this very flow.
+#pragma once
+
+#include "avcore/feeder.h"
+#include "avcore/flow_table.h"
+#include "avcore/gate/enforce_settings.h"
+#include "avcore/gate/gate.h"
+#include "avcore/gate/limits.h"
+#include "avcore/gate/shaper.h"
+#include "platform/host/messages/av_messages.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace avcore {
+
+class enforcer {
+public:
+    using say_function = std::function<void(const std::string &)>;
+
+    // `gate` and `settings` outlive the enforcer; the settings may change.
+    enforcer(gate &gate, const enforce_settings &settings, say_function say)
+        : gate_(gate), settings_(settings), say_(std::move(say)), shaper_(say_) {}
+
+    // A copy of a packet of the row's; `from_client`: sent by the row's client.
+    void saw(flow_row &row, const gate_copy &copy, bool from_client);
+
+    // The verdict on one of the row's frames.
+    void judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
+    // The daemon decides about the flow without a frame.
+    void set(flow_row &row, const av_app_setting &setting, int64_t now_ms);
+    // The policies changed.
+    void policies_changed() { gate_.next_generation(); }
+
+    // Denied flows of which no line was written, since the last one that says so.
+    uint64_t silent_denials() const { return silent_denials_; }
+    uint64_t refused_writes() const { return refused_writes_; }
+
+private:
+    void decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name);
+    void limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
+               gate_direction direction, uint16_t rate);
+    void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
+
+    gate &gate_;
+    const enforce_settings &settings_;
+    say_function say_;
+    shaper shaper_;
+    limit_book limits_;
+    int64_t lines_since_ms_ = 0;
+    unsigned lines_ = 0; // since then
+    uint64_t silent_denials_ = 0;
+    uint64_t refused_writes_ = 0;
+};
+
+} // namespace avcore

@@ -1,0 +1,58 @@
+// For builds without the gate.
+#include "avcore/gate/gate.h"
+
+#include <stdexcept>
+
+namespace avcore {
+
+struct gate::parts {};
+
+namespace {
+
+[[noreturn]] void refuse() {
+    throw std::runtime_error("this avcore was built without --inline: clang or libbpf was missing");
+}
+
+} // namespace
+
+gate::gate(const std::string &, const std::vector<std::string> &) {
+    refuse();
+}
+gate::~gate() = default;
+gate::gate(gate &&) noexcept = default;
+
+// Of a gate that is there; none is.
+void gate::set_rules(const gate_rules &) {}
+int gate::fd() const {
+    return -1;
+}
+bool gate::take(gate_copy_seen &) {
+    return false;
+}
+bool gate::decide(const gate_flow &, const gate_verdict &) {
+    return false;
+}
+bool gate::set_limit(uint32_t, const gate_limit &) {
+    return false;
+}
+void gate::beat() {}
+void gate::ask_although_unattended(bool) {}
+uint32_t gate::generation() const {
+    return 0;
+}
+void gate::next_generation() {}
+gate_counts gate::counts() const {
+    return {};
+}
+
+void tear_down_gate(const std::string &) {
+    refuse();
+}
+gate_status look_at_gate(const std::string &) {
+    refuse();
+}
+std::vector<std::string> ways_past_gate(const std::vector<std::string> &) {
+    return {};
+}
+
+} // namespace avcore

@@ -1,0 +1,16 @@
+// What the gate says of itself, as text and as JSON.
+#pragma once
+
+#include "avcore/gate/gate.h"
+
+#include <iosfwd>
+
+namespace avcore {
+
+// A line for each count that isn't 0.
+void print_gate_counts(std::ostream &out, const gate_counts &counts);
+
+void print_gate_status(std::ostream &out, const gate_status &status);
+void print_gate_status_json(std::ostream &out, const gate_status &status);
+
+} // namespace avcore

@@ -1,0 +1,35 @@
+#include "avcore/gate/gate_tasks.h"
+
+#include "avcore/gate/gate_report.h"
+#include "avcore/gate/shaper.h"
+
+#include <iostream>
+
+namespace avcore {
+
+int set_up_gate(const options &options, const config &settings) {
+    gate(options.pins, options.gate_interfaces).set_rules(settings.enforce.rules);
+    for (const std::string &name : options.gate_interfaces)
+        std::cout << "attached to " << name << '\n';
+    for (const std::string &way : ways_past_gate(options.gate_interfaces))
+        std::cout << "past the gate: " << way << '\n';
+    return std::cout.flush() ? 0 : 1;
+}
+
+int tear_down_gate(const options &options) {
+    for (const std::string &name : look_at_gate(options.pins).interfaces)
+        remove_shaping(name);
+    tear_down_gate(options.pins);
+    return 0;
+}
+
+int show_gate(const options &options) {
+    const gate_status status = look_at_gate(options.pins);
+    if (options.json)
+        print_gate_status_json(std::cout, status);
+    else
+        print_gate_status(std::cout, status);
+    return std::cout.flush() ? 0 : 1;
+}
+
+} // namespace avcore

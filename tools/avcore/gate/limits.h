@@ -1,0 +1,54 @@
+// The rate limits in force: which bucket of the gate a flow's limit is.
+//
+// Bounded: when all buckets are in use the one that was asked for longest ago is given to another
+// limit, and the flows that still refer to it share that one until their next verdict.
+#pragma once
+
+#include "avcore/frame.h"
+#include "avcore/gate/gate_records.h"
+
+#include <compare>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+
+namespace avcore {
+
+// Whose limit it is: of a client's application, or, with a flow, of that flow alone.
+struct limit_owner {
+    mac_address client = {};
+    std::string application;
+    uint32_t flow = 0;
+    gate_direction direction = GATE_UP;
+
+    auto operator<=>(const limit_owner &) const = default;
+};
+
+// What a bucket holds of a limit of `bytes_per_second`: enough for TCP to fill the limit although
+// what exceeds it is dropped, and for one large packet that segmentation offload will cut.
+gate_limit limit_of(uint64_t bytes_per_second);
+
+class limit_book {
+public:
+    // Bucket 0 is none.
+    explicit limit_book(uint32_t buckets = GATE_BUCKETS) : buckets_(buckets) {}
+
+    struct place {
+        uint32_t bucket;
+        bool changed; // its limit has to be told to the gate
+    };
+    place place_of(const limit_owner &owner, uint64_t bytes_per_second);
+
+private:
+    struct entry {
+        limit_owner owner;
+        uint32_t bucket;
+        uint64_t bytes_per_second;
+    };
+    uint32_t buckets_;
+    std::list<entry> entries_; // the one asked for last at the front
+    std::map<limit_owner, std::list<entry>::iterator> index_;
+};
+
+} // namespace avcore
