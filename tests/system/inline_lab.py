@@ -27,7 +27,7 @@ SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scr
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
 LIMITS = {SLOW: 2_000_000, FAST: 20_000_000}  # bit/s
-RULES = {DENIED: {"deny": True}, VOICE_CALL: {"qos": {"mark": {"kind": "dscp", "type": "Voice"}}},
+RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "dscp", "type": "Voice"}}},
          **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
             for port, limit in LIMITS.items()}}
 
@@ -122,11 +122,12 @@ class Arrivals:
         self._thread.join()
         self._socket.close()
 
-    def of(self, port, version=None, protocol=None, *, since=0.0):
-        """The packets of one of the applications."""
+    def of(self, port, version=None, protocol=None, *, since=0.0, source=None):
+        """The packets of one of the applications, or of one flow."""
         return [packet for packet in self._packets.items
                 if port in (packet.src_port, packet.dst_port) and packet.at >= since
-                and version in (None, packet.version) and protocol in (None, packet.protocol)]
+                and version in (None, packet.version) and protocol in (None, packet.protocol)
+                and source in (None, packet.src_port)]
 
     def wait(self, wanted, **how):
         return self._packets.wait(wanted, **how)
@@ -143,6 +144,7 @@ class Sender(threading.Thread):
     def __init__(self, connected, interval=0.001, size=8):
         super().__init__(daemon=True)
         self._socket, self._interval, self._padding = connected, interval, bytes(size - 8)
+        self.source, self.port = connected.getsockname()[1], connected.getpeername()[1]
         self.sent = 0
         self._on = True
         self.start()
@@ -157,9 +159,6 @@ class Sender(threading.Thread):
             self.sent += 1
             time.sleep(max(0, begun + self.sent * self._interval - time.monotonic()))
 
-    def source(self):
-        return self._socket.getsockname()[1]
-
     def stop(self):
         """How many it sent."""
         self._on = False
@@ -171,6 +170,7 @@ class Sender(threading.Thread):
 
 class InlineTest(SystemTest):
     bridged = False
+    inspections = "[]"
 
     def start(self, enforce="", *options, wire_ms=0, rules=RULES):
         """All of it, and the policy is in force."""
@@ -189,7 +189,8 @@ class InlineTest(SystemTest):
 
     def configure(self, enforce):
         with open(CONFIG, "w") as file:
-            file.write(f"[client]\nutp_id = 1\nfilter_type = [\"url\"]\n[enforce]\n{enforce}\n")
+            file.write(f"[client]\nutp_id = 1\nfilter_type = {self.inspections}\n"
+                       f"[enforce]\n{enforce}\n")
 
     def start_avcore(self):
         if os.path.exists(AV_SOCKET):
@@ -234,9 +235,10 @@ class InlineTest(SystemTest):
     # The network.
 
     def _lay_out(self, wire_ms):
-        for switch in ("ipv4/ip_forward", "ipv6/conf/all/forwarding"):
+        for switch, value in (("ipv4/ip_forward", "1"), ("ipv6/conf/all/forwarding", "1"),
+                              ("ipv6/conf/default/accept_dad", "0")):
             with open("/proc/sys/net/" + switch, "w") as file:
-                file.write("1")
+                file.write(value)
         self.addCleanup(self._tear_down)
         self._add_station("client", "wlan0", 0, CLIENTS)
         self._add_station("server", "eth0", wire_ms, SERVERS, NAMED)
@@ -338,7 +340,8 @@ class InlineTest(SystemTest):
         for _ in range(2):
             client.send(b"is it shut?")
             time.sleep(0.05)
-        return len(self.at_server.of(port, version, UDP, since=since)) < 2
+        return len(self.at_server.of(port, version, UDP, since=since,
+                                     source=client.getsockname()[1])) == 1
 
     def ping(self, address):
         """The answers to three."""

@@ -25,6 +25,7 @@ class Layout(InlineTest):
 
     def test_a_denied_flow_does_not_arrive_and_others_do(self):
         self.start()
+        time.sleep(1)  # a few denials a second have a line each
         for version in FAMILIES:
             self.tell_name(version, "shop.example", NAMED[version])
             since, lines = time.time(), len(self.lines)
@@ -164,6 +165,12 @@ class Routed(Layout):
         begun = time.time()
         allowed, denied = ({version: self.talk(SERVERS[version], port, 0.002)
                             for version in FAMILIES} for port in (ALLOWED, DENIED))
+
+        def passed(flows, version, since):
+            flow = flows[version]
+            return [packet.at for packet in self.at_server.of(
+                flow.port, version, UDP, since=since, source=flow.source)]
+
         time.sleep(0.3)  # all are decided
         killed = time.time()
         if who == "avcore":
@@ -172,33 +179,28 @@ class Routed(Layout):
         else:
             self.jorn.kill()
         time.sleep(AS_LONG_AS_A_BEAT + 0.5)
+        late = {version: self.talk(SERVERS[version], SWITCHED) for version in FAMILIES}
+        time.sleep(0.1)
         restarted = time.time()
         for version in FAMILIES:
-            late = self.talk(SERVERS[version], SWITCHED)
-            time.sleep(0.1)
-            passes = [packet.at for packet in self.at_server.of(DENIED, version, UDP, since=killed)]
             if fail == "open":
-                self.assertLess(min(passes, default=restarted) - killed, AS_LONG_AS_A_BEAT + 0.2)
+                first = min(passed(denied, version, killed), default=restarted)
+                self.assertLess(first - killed, AS_LONG_AS_A_BEAT + 0.2)
             else:
-                self.assertEqual(passes, [])
-            self.assertEqual(bool(self.at_server.of(SWITCHED, version, UDP, since=restarted)),
-                             fail == "open")
-            late.stop()
-        restarted = time.time()
+                self.assertEqual(passed(denied, version, killed), [])
+            self.assertEqual(bool(passed(late, version, killed)), fail == "open")
+            late[version].stop()
         if who == "avcore":
             self.start_avcore()
         else:
             self.jorn = self.start_daemon()
         time.sleep(1.5)
-        self.assertTrue(all(self.is_shut(version) for version in FAMILIES))
         for version in FAMILIES:
-            passes = [packet.at for packet in self.at_server.of(DENIED, version, UDP, since=killed)]
-            sender = denied[version].stop()
-            self.assertGreater(sender, 1000)
-            self.assertLess(max(passes, default=0) - restarted, 1)
+            self.assertTrue(self.is_shut(version))
+            self.assertLess(max(passed(denied, version, killed), default=0) - restarted, 1)
+            denied[version].stop()
             sent = allowed[version].stop()
-            time.sleep(0.1)
-            self.assertEqual(len(self.at_server.of(ALLOWED, version, UDP, since=begun)), sent)
+            self.until(lambda: len(passed(allowed, version, begun)) == sent)
 
     def test_a_changed_policy_holds_within_ten_milliseconds(self):
         self.start()
@@ -234,7 +236,7 @@ class Routed(Layout):
         self.start()
         run("ip", "-n", "server", "route", "add", "blackhole", "10.2.0.0/16")
         denied = self.talk(SERVERS[4], DENIED)
-        own_port = denied.source()
+        own_port = denied.source
         time.sleep(0.2)
         since, shut = time.time(), []
         flood = threading.Thread(target=self.flood, args=(200_000,))
@@ -266,12 +268,14 @@ class Routed(Layout):
 
     def test_a_category_and_safe_search(self):
         shutil.rmtree("/tmp/resolvers", ignore_errors=True)
+        self.inspections = '["url"]'
         self.start("reset = true", "--categories", "examples/categories.txt", "--safe-search",
-                   "/tmp/resolvers", wire_ms=10)
+                   "/tmp/resolvers", wire_ms=10, rules={})
         self.assertEqual(jornctl("apply", "-", document={
             "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
                               ["Gambling"], "google_safe_search": True, "google_vip": NAMED[4]}],
-            "web_interfaces": [{"ifname": "wlan0", "policy_uuid": "f"}]}), (0, ""))
+            "web_interfaces": [{"ifname": "wlan0", "enable": True, "policy_uuid": "f"}]}),
+            (0, ""))
         self.until(lambda: os.path.exists("/tmp/resolvers/wlan0/dnsmasq.conf"))
         on_server = ("nsenter", "--net=/run/netns/server")
         for program in (
@@ -288,7 +292,7 @@ class Routed(Layout):
             file.write("nameserver 10.1.0.1\n")
         for host, address in ("www.google.com", NAMED[4]), ("free.example", SERVERS[4]):
             self.until(lambda: self.curl("-4", host) == (0, "200 " + address))
-        self.assertEqual(self.curl("-6", "www.google.com")[0], 6)  # couldn't resolve host
+        self.assertIn(self.curl("-6", "www.google.com")[0], (6, 7))  # there is no such address
         self.assertEqual(self.curl("-4", "www.bets.example")[0], 56)  # reset
 
     def curl(self, *words):
@@ -321,7 +325,7 @@ class Routed(Layout):
             self.assertRegex(said, "past the gate: .*wlan0")
             self.assertEqual(self.status()["interfaces"], ["wlan0"])
         attached = filters()
-        self.assertEqual([text.count("jorn") for text in attached], [1, 1], attached)
+        self.assertEqual([text.count("direct-action") for text in attached], [1, 1], attached)
         self.assertEqual(avcore("setup", "--inline", "wlan7")[0], 1)
         self.assertEqual(filters(), attached)
         for _ in range(2):
