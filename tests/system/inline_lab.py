@@ -320,6 +320,7 @@ class InlineTest(SystemTest):
         client = self.connected(kind, SERVERS[version], port)
         if kind == socket.SOCK_STREAM:
             accepted = server.accept()[0]
+            server.close()
             self.addCleanup(accepted.close)
             accepted.settimeout(DEADLINE)
             return client, accepted
