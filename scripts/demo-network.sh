@@ -94,12 +94,25 @@ add_servers() { # addresses ...
     done
 }
 
+on() { # namespace, command ...
+    ${EXEC-} nsenter --net="/run/netns/$1" "${@:2}"
+}
+
 on_client() {
-    ${EXEC-} nsenter --net=/run/netns/client "$@"
+    on client "$@"
 }
 
 on_server() {
-    ${EXEC-} nsenter --net=/run/netns/server "$@"
+    on server "$@"
+}
+
+# Some hosts have IPv6 as well, for which most clients ask first.
+add_ipv6() { # namespace, addresses ...
+    on "$1" sysctl -qw net.ipv6.conf.eth0.disable_ipv6=0
+    local address
+    for address in "${@:2}"; do
+        ip -n "$1" addr replace "$address/64" dev eth0 nodad
+    done
 }
 
 # The client asks the demo's name server and nobody else.

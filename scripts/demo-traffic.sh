@@ -36,10 +36,10 @@ start_servers() {
     start http on_server python3 -m http.server 80 --bind "$WEB_SERVER" --directory "$LOGS.www"
     # shellcheck disable=SC2034 # the next part starts it anew
     HTTP=$STARTED
-    start https on_server openssl s_server -quiet -www -accept "$VIDEO_SERVER:443" \
+    start https on_server openssl s_server -quiet -www -accept 443 \
         -key "$LOGS.key" -cert "$LOGS.crt"
     wait_until 'web server' listens -t "$WEB_SERVER:80"
-    wait_until 'TLS server' listens -t "$VIDEO_SERVER:443"
+    wait_until 'TLS server' listens -t :443
 }
 
 ping_server() {
@@ -73,9 +73,9 @@ demo_live() {
     stop_avcore
     show_flows
     note "
-The ping was answered all the same: on a device the kernel module acts on the verdict, avcore only
-keeps it. $WEB_NAME has its name from the DNS answer that the client got, the TLS flow from
-deep packet inspection, which saw the server name in its first message."
+The ping was answered all the same: where avcore isn't inline it only keeps the verdict. $WEB_NAME
+has its name from the DNS answer that the client got, the TLS flow from deep packet inspection, which
+saw the server name in its first message."
     show_names
 }
 

@@ -18,23 +18,16 @@ configure_inspection() {
 [client]
 utp_id = 1
 filter_type = ["url", "wificalling"]
+[enforce]
+reset = true
 TOML
-}
-
-# The search host has IPv6 as well, for which most clients ask first.
-add_ipv6() {
-    local each
-    for each in client server; do
-        nsenter --net="/run/netns/$each" sysctl -qw net.ipv6.conf.eth0.disable_ipv6=0
-    done
-    ip -n client addr add fd00:20::2/64 dev eth0 nodad
-    ip -n server addr add "$SEARCH_SERVER6/64" dev eth0 nodad
 }
 
 start_web_servers() {
     add_servers "$UPSTREAM_SERVER" "$BETS_SERVER" "$LOTTERY_SERVER" "$TRACKER_SERVER" \
         "$SEARCH_VIP" "$SEARCH_SERVER"
-    add_ipv6
+    add_ipv6 client fd00:20::2
+    add_ipv6 server "$SEARCH_SERVER6"
     stop "$HTTP"
     start http on_server python3 -m http.server 80 --bind :: --directory "$LOGS.www"
     wait_until 'web server' listens -t "[::]:80"
@@ -83,7 +76,7 @@ demo_web() {
     heading 'Web filtering'
     configure_inspection
     start_web_servers
-    start_avcore_again -i wlan0 --categories examples/categories.txt \
+    start_avcore_again "${CLIENT_SIDE[@]}" --categories examples/categories.txt \
         --safe-search "$RESOLVERS"
     note "  $SEARCH_NAME has an IPv4 and an IPv6 address; the client takes the latter."
     try "curl http://$SEARCH_NAME/" fetch "http://$SEARCH_NAME/"
@@ -92,9 +85,9 @@ demo_web() {
   lets lottery.bets.example through, and has searches made safe.'
     apply examples/family.json
     use_safe_search
-    try 'curl http://bets.example/' fetch http://bets.example/
+    try 'curl http://bets.example/' fetch_or_say http://bets.example/
     try 'curl http://lottery.bets.example/' fetch http://lottery.bets.example/
-    try 'curl http://tracker.example/' fetch http://tracker.example/
+    try 'curl http://tracker.example/' fetch_or_say http://tracker.example/
     try "curl http://$SEARCH_NAME/" fetch "http://$SEARCH_NAME/"
     try "curl -6 http://$SEARCH_NAME/" fetch_or_say -6 "http://$SEARCH_NAME/"
     sleep 0.3 # the last frames, and their verdicts

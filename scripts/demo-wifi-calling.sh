@@ -60,7 +60,7 @@ show_ike_rows() {
 demo_wifi_calling() {
     heading 'Wi-Fi calling'
     add_servers "$EPDG_SERVER"
-    start_avcore_again -i wlan0
+    start_avcore_again "${CLIENT_SIDE[@]}"
     apply examples/wifi-calling.json
     configure_charon server "local_addrs = $EPDG_SERVER" "$EPDG_NAME" %any
     configure_charon client "remote_addrs = $EPDG_NAME

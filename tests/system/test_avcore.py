@@ -2,7 +2,6 @@
 import contextlib
 import json
 import resource
-import ssl
 import unittest
 
 from testbed import *
@@ -17,17 +16,6 @@ def pcap(frames, link_type=1, claimed=0):
     packets = b"".join(struct.pack("=IIII", 1_700_000_000 + n // 1000, n % 1000 * 1000, len(frame),
                                    claimed or len(frame)) + frame for n, frame in enumerate(frames))
     return struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, link_type) + packets
-
-
-def client_hello(server_name):
-    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-    handshake = ssl.create_default_context().wrap_bio(incoming, outgoing,
-                                                      server_hostname=server_name)
-    try:
-        handshake.do_handshake()
-    except ssl.SSLWantReadError:
-        pass
-    return outgoing.read()
 
 
 def from_server(address, port, to, payload):

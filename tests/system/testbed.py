@@ -17,6 +17,7 @@ import select
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import threading
@@ -109,13 +110,24 @@ def dns_name(name):
 
 def dns_answer(asked, alias, address):
     """The answer to a question for `asked`, which is an alias."""
-    question = dns_name(asked) + struct.pack(">HH", 1, 1)
-    target = dns_name(alias)
     kind, family = (28, socket.AF_INET6) if ":" in address else (1, socket.AF_INET)
     data = socket.inet_pton(family, address)
+    question = dns_name(asked) + struct.pack(">HH", kind, 1)
+    target = dns_name(alias)
     return struct.pack(">HHHHHH", 7, 0x8180, 1, 2, 0, 0) + question + \
         b"\xc0\x0c" + struct.pack(">HHIH", 5, 1, 300, len(target)) + target + \
         target + struct.pack(">HHIH", kind, 1, 300, len(data)) + data
+
+
+def client_hello(server_name):
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    handshake = ssl.create_default_context().wrap_bio(incoming, outgoing,
+                                                      server_hostname=server_name)
+    try:
+        handshake.do_handshake()
+    except ssl.SSLWantReadError:
+        pass
+    return outgoing.read()
 
 
 def ipv4_frame(protocol, payload=b"", **header):

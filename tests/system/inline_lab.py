@@ -1,0 +1,351 @@
+"""An access point whose gate is to be seen at work: a client, the access point (the test's own
+namespace, where avcore and the daemon run) and a server, each with IPv4 and IPv6.
+
+    client              access point                     server
+    eth0 ------- wlan0 [routes or bridges] eth0 ------- eth0, over scripts/slow-wire where a test wants it
+
+What is asserted is what arrives at the far side's interface.
+"""
+import contextlib
+import ctypes
+import sys
+from typing import NamedTuple
+
+from access_points import namespace
+from records import *
+
+CLIENTS, SERVERS, NAMED = ({4: "10.1.0.12", 6: "fd00:1::12"}, {4: "192.0.2.5", 6: "fd00:2::5"},
+                           {4: "192.0.2.6", 6: "fd00:2::6"})
+GATEWAYS = {"wlan0": ("10.1.0.1/16", "fd00:1::1/64"), "eth0": ("192.0.2.1/24", "fd00:2::1/64")}
+FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
+TCP, UDP = 6, 17
+RST = 4
+SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
+CONFIG = "/tmp/inline.toml"
+SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
+
+# The applications of the policy, by the server's port.
+DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
+LIMITS = {SLOW: 2_000_000, FAST: 20_000_000}  # bit/s
+RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "dscp", "type": "Voice"}}},
+         **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
+            for port, limit in LIMITS.items()}}
+
+
+def policies(rules):
+    """The document: an application for each port, and names that the client may not reach."""
+    known = [{"app_name": f"app-{port}", "app_id": 30000 + port, "cat_id": "User Defined"}
+             for port in rules]
+    return {"applications": [application | {"dst_port": port}
+                             for application, port in zip(known, rules)],
+            "policies": [{"utp_id": 1, "name": "lab", "rules": [
+                *[application | rules[port] for application, port in zip(known, rules)],
+                *[{"app_name": name, "deny": True}
+                  for name in ("youtube", "shop.example", "icmp")]]}]}
+
+
+class Packet(NamedTuple):
+    at: float          # time.time()
+    version: int
+    protocol: int
+    src_port: int
+    dst_port: int
+    dscp: int
+    flags: int         # of TCP
+    size: int          # bytes of IP on the wire, where a large packet is several
+    large: bool
+    payload: bytes     # its beginning
+
+
+def parse(record, at):
+    gso_size = int.from_bytes(record[4:6], sys.byteorder)
+    frame = record[10:]
+    version = {b"\x08\x00": 4, b"\x86\xdd": 6}.get(frame[12:14])
+    if version is None:
+        return None
+    if version == 4:
+        protocol, head, size = frame[23], (frame[14] & 15) * 4, int.from_bytes(frame[16:18], "big")
+        dscp = frame[15] >> 2
+    else:
+        protocol, head, size = frame[20], 40, 40 + int.from_bytes(frame[18:20], "big")
+        dscp = (int.from_bytes(frame[14:16], "big") >> 6) & 63
+    if protocol not in (TCP, UDP):
+        return Packet(at, version, protocol, 0, 0, dscp, 0, size, False, frame[14 + head:])
+    transport = frame[14 + head:]
+    header = (transport[12] >> 4) * 4 if protocol == TCP else 8
+    if gso_size:
+        size += (-(-(size - head - header) // gso_size) - 1) * (head + header)
+    return Packet(at, version, protocol, int.from_bytes(transport[:2], "big"),
+                  int.from_bytes(transport[2:4], "big"), dscp,
+                  transport[13] if protocol == TCP else 0, size, bool(gso_size),
+                  transport[header:header + 8])
+
+
+# All but IPv4's TCP to port 80, of which there may be too much to be recorded.
+NOT_THE_FLOOD = b"".join(struct.pack("=HBBI", *step) for step in (
+    (0x28, 0, 0, 12), (0x15, 0, 5, 0x0800), (0x30, 0, 0, 23), (0x15, 0, 3, TCP), (0x28, 0, 0, 36),
+    (0x15, 0, 1, 80), (0x06, 0, 0, 0), (0x06, 0, 0, 65535)))
+
+
+class Arrivals:
+    """What comes in at a station's interface, from now on."""
+
+    def __init__(self, netns):
+        with namespace(netns):
+            self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        self._socket.setsockopt(SOL_PACKET, VNET_HDR, 1)
+        self._socket.setsockopt(SOL_PACKET, IGNORE_OUTGOING, 1)
+        self._socket.setsockopt(socket.SOL_SOCKET, 33, 32 << 20)  # SO_RCVBUFFORCE
+        self._socket.setsockopt(socket.SOL_SOCKET, 35, 1)         # SO_TIMESTAMPNS
+        steps = ctypes.create_string_buffer(NOT_THE_FLOOD)
+        self._socket.setsockopt(socket.SOL_SOCKET, 26, struct.pack(  # SO_ATTACH_FILTER
+            "HP", len(NOT_THE_FLOOD) // 8, ctypes.addressof(steps)))
+        self._socket.bind(("eth0", 0))
+        self._socket.settimeout(0.1)
+        self._packets = Record("packets")
+        self._open = True
+        self._thread = threading.Thread(target=self._receive, daemon=True)
+        self._thread.start()
+
+    def _receive(self):
+        while self._open:
+            try:
+                record, ((_, _, stamp), *_), _, _ = self._socket.recvmsg(200, 64)
+            except TimeoutError:
+                continue
+            seconds, nanoseconds = struct.unpack("=qq", stamp)
+            if packet := parse(record, seconds + nanoseconds / 1e9):
+                self._packets.add(packet)
+
+    def close(self):
+        self._open = False
+        self._thread.join()
+        self._socket.close()
+
+    def of(self, port, version=None, protocol=None, *, since=0.0, source=None):
+        """The packets of one of the applications, or of one flow."""
+        return [packet for packet in self._packets.items
+                if port in (packet.src_port, packet.dst_port) and packet.at >= since
+                and version in (None, packet.version) and protocol in (None, packet.protocol)
+                and source in (None, packet.src_port)]
+
+    def wait(self, wanted, **how):
+        return self._packets.wait(wanted, **how)
+
+    def rate(self, port, version, protocol, start, end):
+        """In bit/s."""
+        return sum(packet.size for packet in self.of(port, version, protocol)
+                   if start <= packet.at < end) * 8 / (end - start)
+
+
+class Sender(threading.Thread):
+    """Numbered datagrams of one flow, one each `interval`, until it is stopped."""
+
+    def __init__(self, connected, interval=0.001, size=8):
+        super().__init__(daemon=True)
+        self._socket, self._interval, self._padding = connected, interval, bytes(size - 8)
+        self.source, self.port = connected.getsockname()[1], connected.getpeername()[1]
+        self.sent = 0
+        self._on = True
+        self.start()
+
+    def run(self):
+        begun = time.monotonic()
+        while self._on:
+            try:
+                self._socket.send(struct.pack(">Q", self.sent) + self._padding)
+            except ConnectionRefusedError:
+                continue  # an ICMP message about the one before
+            self.sent += 1
+            time.sleep(max(0, begun + self.sent * self._interval - time.monotonic()))
+
+    def stop(self):
+        """How many it sent."""
+        self._on = False
+        self.join()
+        return self.sent
+
+    close = stop
+
+
+class InlineTest(SystemTest):
+    bridged = False
+    inspections = "[]"
+
+    def start(self, enforce="", *options, wire_ms=0, rules=RULES):
+        """All of it, and the policy is in force."""
+        self._lay_out(wire_ms)
+        self.configure(enforce)
+        self.options = options
+        self.start_avcore()
+        self.jorn = self.start_daemon()
+        self.assertEqual(jornctl("apply", "-", document=policies(rules)), (0, ""))
+        self.at_server = Arrivals("server")
+        self.addCleanup(self.at_server.close)
+        self.at_client = Arrivals("client")
+        self.addCleanup(self.at_client.close)
+        for version in FAMILIES if DENIED in rules else ():
+            self.until(lambda: self.is_shut(version))
+
+    def configure(self, enforce):
+        with open(CONFIG, "w") as file:
+            file.write(f"[client]\nutp_id = 1\nfilter_type = {self.inspections}\n"
+                       f"[enforce]\n{enforce}\n")
+
+    def start_avcore(self):
+        if os.path.exists(AV_SOCKET):
+            os.unlink(AV_SOCKET)
+        self.lines = Record("lines of avcore")
+        self.avcore = subprocess.Popen(
+            [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", "-c", CONFIG, *self.options],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        threading.Thread(target=self._read, args=(self.avcore.stderr,), daemon=True).start()
+        self.addCleanup(self.stop_avcore, self.avcore)
+        self.until(lambda: os.path.exists(AV_SOCKET))
+
+    def _read(self, stream):
+        with stream:
+            for line in stream:
+                self.lines.add(line.strip())
+
+    def stop_avcore(self, avcore):
+        if avcore.poll() is None:
+            avcore.terminate()
+            self.assertEqual(avcore.wait(DEADLINE), 0)
+
+    def start_daemon(self):
+        if os.path.exists(COMMAND_SOCKET):
+            os.unlink(COMMAND_SOCKET)
+        daemon = self.daemon()
+        self.until(lambda: os.path.exists(COMMAND_SOCKET))
+        return daemon
+
+    def until(self, done):
+        ends = time.monotonic() + DEADLINE
+        while not (found := done()):
+            self.assertLess(time.monotonic(), ends, self.lines.items[-20:])
+            time.sleep(0.01)
+        return found
+
+    def status(self):
+        done = subprocess.run([jorn_path("avcore"), "status", "--json"], capture_output=True,
+                              text=True, check=True)
+        return json.loads(done.stdout)
+
+    # The network.
+
+    def _lay_out(self, wire_ms):
+        for switch, value in (("ipv4/ip_forward", "1"), ("ipv6/conf/all/forwarding", "1"),
+                              ("ipv6/conf/default/accept_dad", "0")):
+            with open("/proc/sys/net/" + switch, "w") as file:
+                file.write(value)
+        self.addCleanup(self._tear_down)
+        self._add_station("client", "wlan0", 0, CLIENTS)
+        self._add_station("server", "eth0", wire_ms, SERVERS, NAMED)
+        if self.bridged:
+            run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
+            run("ip", "link", "set", "br0", "up")
+        for port, addresses in GATEWAYS.items():
+            if self.bridged:
+                run("ip", "link", "set", port, "master", "br0")
+            for address in addresses:
+                run("ip", "addr", "add", address, "dev", "br0" if self.bridged else port,
+                    *(("nodad",) if ":" in address else ()))
+        for port in (DENIED, ALLOWED, SWITCHED, SHOP):
+            self.addCleanup(self.bind("server", socket.SOCK_DGRAM, "::", port).close)
+
+    def _add_station(self, netns, port, wire_ms, *addresses):
+        """To the access point's port. Bridged, all stations are neighbours."""
+        run("ip", "netns", "add", netns)
+        ip = ("ip", "-n", netns)
+        if not wire_ms:
+            run("ip", "link", "add", port, "type", "veth", "peer", "eth0", "netns", netns)
+        else:
+            run("ip", "netns", "add", "wire")
+            run("ip", "link", "add", port, "type", "veth", "peer", "near", "netns", "wire")
+            run(*ip, "link", "add", "eth0", "type", "veth", "peer", "far", "netns", "wire")
+            for end in ("near", "far"):
+                run("ip", "-n", "wire", "link", "set", end, "up")
+            wire = subprocess.Popen(
+                ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
+            self.addCleanup(wire.wait)
+            self.addCleanup(wire.kill)
+        run("ip", "link", "set", port, "up")
+        with namespace(netns), open("/proc/sys/net/ipv6/conf/eth0/accept_dad", "w") as file:
+            file.write("0")
+        for link in ("lo", "eth0"):
+            run(*ip, "link", "set", link, "up")
+        for each in addresses:
+            run(*ip, "addr", "add", each[4] + "/32", "dev", "eth0")
+            run(*ip, "addr", "add", each[6] + "/128", "dev", "eth0", "nodad")
+        for address in GATEWAYS[port]:
+            gateway = address.split("/")[0]
+            run(*ip, "route", "add", gateway, "dev", "eth0")
+            run(*ip, "route", "add", "::/0" if ":" in gateway else "0.0.0.0/0",
+                *(() if self.bridged else ("via", gateway)), "dev", "eth0")
+
+    def _tear_down(self):
+        subprocess.run([jorn_path("avcore"), "teardown"], capture_output=True)
+        for link in ("wlan0", "eth0", "br0"):
+            subprocess.run(["ip", "link", "del", link], capture_output=True)
+        for netns in ("client", "server", "wire"):
+            subprocess.run(["ip", "netns", "del", netns], capture_output=True)
+
+    # Flows.
+
+    def bind(self, netns, kind, address, port):
+        with namespace(netns):
+            bound = socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, kind)
+        if ":" in address:
+            bound.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, address != "::")
+        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        bound.settimeout(DEADLINE)
+        bound.bind((address, port))
+        return bound
+
+    def connected(self, kind, address, port):
+        """A client's socket."""
+        client = self.bind("client", kind, CLIENTS[6 if ":" in address else 4], 0)
+        self.addCleanup(client.close)
+        client.connect((address, port))
+        return client
+
+    def pair(self, kind, version, port):
+        """Both ends of a flow."""
+        server = self.bind("server", kind, SERVERS[version], port)
+        self.addCleanup(server.close)
+        if kind == socket.SOCK_STREAM:
+            server.listen()
+        client = self.connected(kind, SERVERS[version], port)
+        if kind == socket.SOCK_STREAM:
+            accepted = server.accept()[0]
+            server.close()
+            self.addCleanup(accepted.close)
+            accepted.settimeout(DEADLINE)
+            return client, accepted
+        client.send(b"hello")
+        server.connect(server.recvfrom(8)[1])
+        return client, server
+
+    def talk(self, address, port, interval=0.001):
+        """A client's flow of datagrams; nobody answers."""
+        sender = Sender(self.connected(socket.SOCK_DGRAM, address, port), interval)
+        self.addCleanup(sender.stop)
+        return sender
+
+    def is_shut(self, version, port=DENIED):
+        """Whether a new flow is stopped before its second datagram, once the first was judged."""
+        client = self.connected(socket.SOCK_DGRAM, SERVERS[version], port)
+        since = time.time()
+        for _ in range(2):
+            client.send(b"is it shut?")
+            time.sleep(0.05)
+        return len(self.at_server.of(port, version, UDP, since=since,
+                                     source=client.getsockname()[1])) == 1
+
+    def ping(self, address):
+        """The answers to three."""
+        done = subprocess.run(["nsenter", "--net=/run/netns/client", "ping", "-q", "-c", "3", "-i",
+                               "0.1", "-W", "1", address], capture_output=True, text=True)
+        return int(done.stdout.split(" received")[0].split()[-1])

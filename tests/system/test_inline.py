@@ -1,0 +1,344 @@
+"""Verdicts on the wire: avcore's inline mode between a client and a server."""
+import unittest
+
+from inline_lab import *
+
+AS_LONG_AS_A_BEAT = 2  # seconds
+DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-ttl=60",
+           "--log-facility=/dev/null")
+PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
+
+
+class Layout(InlineTest):
+    """What has to hold routed and bridged."""
+
+    def tell_name(self, version, name, address):
+        """The client asks for an address, and a server answers."""
+        resolver = self.bind("server", socket.SOCK_DGRAM, SERVERS[version], 53)
+        self.addCleanup(resolver.close)
+        client = self.connected(socket.SOCK_DGRAM, SERVERS[version], 53)
+        answer = dns_answer(name, "cdn.example", address)
+        client.send(answer[:2] + b"\1\0\0\1\0\0\0\0\0\0" + dns_name(name) +
+                    struct.pack(">HH", 28 if ":" in address else 1, 1))
+        resolver.sendto(answer, resolver.recvfrom(512)[1])
+        client.recv(512)
+
+    def test_a_denied_flow_does_not_arrive_and_others_do(self):
+        self.start()
+        time.sleep(1)  # a few denials a second have a line each
+        for version in FAMILIES:
+            self.tell_name(version, "shop.example", NAMED[version])
+            since, lines = time.time(), len(self.lines)
+            flows = {DENIED: self.talk(SERVERS[version], DENIED),
+                     SHOP: self.talk(NAMED[version], SHOP),
+                     ALLOWED: self.talk(SERVERS[version], ALLOWED)}
+            time.sleep(0.4)
+            sent = {port: flow.stop() for port, flow in flows.items()}
+            last = struct.pack(">Q", sent[ALLOWED] - 1)
+            self.at_server.wait(lambda packet: packet.at >= since and packet.payload == last and
+                                packet.dst_port == ALLOWED)
+            arrived = {port: len(self.at_server.of(port, version, UDP, since=since))
+                       for port in flows}
+            with self.subTest(version=version, sent=sent, arrived=arrived):
+                self.assertEqual(arrived[ALLOWED], sent[ALLOWED])
+                for port in DENIED, SHOP:
+                    self.assertGreater(sent[port], 300)
+                    self.assertLess(arrived[port], 100)
+                print(f"IPv{version}, {arrived[DENIED]} and {arrived[SHOP]} of a thousand datagrams"
+                      " a second came before the verdict")
+            for name, source in ((f"app-{DENIED}", "the administrator"), ("shop.example", "DNS")):
+                self.lines.wait(lambda line: name in line and source in line and "profile 1" in line
+                                and CLIENTS[version] in line, since=lines)
+        self.assertGreater(self.status()["counts"]["denied"], 600)
+
+    def test_marks(self):
+        self.start()
+        for version in FAMILIES:
+            with self.subTest(version=version):
+                ends = self.pair(socket.SOCK_STREAM, version, VOICE_CALL)
+                for _ in range(40):  # packets each way, until the flow is decided
+                    for here, there in (ends, ends[::-1]):
+                        here.send(b"hello")
+                        there.recv(100)
+                time.sleep(0.1)
+                since = time.time()
+                for here, there in (ends, ends[::-1]):
+                    sender = threading.Thread(target=here.sendall, args=(bytes(2_000_000),))
+                    sender.start()
+                    count = 0
+                    while count < 2_000_000:
+                        count += len(there.recv(1 << 20))
+                    sender.join()
+                for arrivals in self.at_server, self.at_client:
+                    self.until(lambda: sum(packet.size for packet in arrivals.of(
+                        VOICE_CALL, version, TCP, since=since)) > 2_000_000)
+                    packets = arrivals.of(VOICE_CALL, version, TCP, since=since)
+                    self.assertEqual({packet.dscp for packet in packets}, {46})
+                    self.assertTrue(any(packet.large for packet in packets))
+
+    def limits_hold(self, kind, version, ways=("up", "down"), expected=LIMITS):
+        """Two flows of the slow application and one of the fast one send more than they may, this
+        way or both ways at once."""
+        on, ends = True, []
+
+        def stream(end):
+            with contextlib.suppress(OSError):
+                while on:
+                    end.send(bytes(65536))
+
+        def sink(end):
+            with contextlib.suppress(OSError):
+                while on and end.recv(1 << 20):
+                    pass
+
+        for port in (SLOW, SLOW, FAST):
+            for end, way in zip(self.pair(kind, version, port), ("up", "down")):
+                ends.append(end)
+                if kind == socket.SOCK_DGRAM:
+                    ends.append(Sender(end, 1228 * 8 / LIMITS[port] / 1.5, 1200))
+                else:
+                    threading.Thread(target=stream if way in ways else sink, args=(end,),
+                                     daemon=True).start()
+        begins = time.time() + 1.5
+        time.sleep(4.5)
+        on = False
+        for end in reversed(ends):
+            end.close()
+        for way in ways:
+            arrivals = self.at_server if way == "up" else self.at_client
+            for port, limit in expected.items():
+                rate = arrivals.rate(port, version, PROTOCOLS[kind], begins, begins + 3)
+                with self.subTest(kind=kind, version=version, way=way, limit=limit):
+                    self.assertAlmostEqual(rate / limit, 1, delta=0.05)
+
+    def test_limits_of_datagrams(self):
+        self.start()
+        self.limits_hold(socket.SOCK_DGRAM, 4)
+        self.limits_hold(socket.SOCK_DGRAM, 6)
+
+    def test_limits_of_streams_over_twenty_milliseconds(self):
+        self.start(wire_ms=10)
+        # One way at a time: a limit drops the other way's acknowledgements as well.
+        self.limits_hold(socket.SOCK_STREAM, 4, ["down" if self.bridged else "up"])
+        self.limits_hold(socket.SOCK_STREAM, 6, ["up" if self.bridged else "down"])
+
+    def test_both_sides_are_reset(self):
+        self.start("reset = true")
+        for version in FAMILIES:
+            with self.subTest(version=version):
+                since = time.time()
+                client, server = self.pair(socket.SOCK_STREAM, version, 443)
+                client.send(client_hello("www.youtube.com"))
+                for end in server, client:
+                    with self.assertRaises((ConnectionResetError, BrokenPipeError)):
+                        while True:
+                            server.send(b"\x16\x03\x03\0\x02ok")
+                            time.sleep(0.01)
+                            end.recv(1 << 16)
+                for arrivals in self.at_server, self.at_client:
+                    self.assertTrue(any(packet.flags & RST for packet in arrivals.of(
+                        443, version, TCP, since=since)))
+
+    def test_what_a_network_lives_by_passes(self):
+        self.start()  # and the policy denies ICMP
+        for version in FAMILIES:
+            with self.subTest(version=version):
+                self.assertLess(self.ping(SERVERS[version]), 3)
+                self.assertEqual(self.ping(SERVERS[version]), 0)
+                for command_line in (["ip"], ["ip", "-n", "client"], ["ip", "-n", "server"]):
+                    run(*command_line, "neigh", "flush", "all")
+                client, server = self.pair(socket.SOCK_DGRAM, version, ALLOWED)
+                server.send(b"back")
+                self.assertEqual(client.recv(8), b"back")
+
+
+class Routed(Layout):
+    def test_programs_that_are_killed(self):
+        self.start()
+        for fail in "open", "closed":
+            self.configure(f'fail = "{fail}"')
+            self.avcore.send_signal(signal.SIGHUP)
+            self.until(lambda: self.status()["fail"] == fail)
+            for who in "avcore", "jorn":
+                with self.subTest(fail=fail, killed=who):
+                    self.kill_and_restart(who, fail)
+
+    def kill_and_restart(self, who, fail):
+        begun = time.time()
+        allowed, denied = ({version: self.talk(SERVERS[version], port, 0.002)
+                            for version in FAMILIES} for port in (ALLOWED, DENIED))
+
+        def passed(flows, version, since):
+            flow = flows[version]
+            return [packet.at for packet in self.at_server.of(
+                flow.port, version, UDP, since=since, source=flow.source)]
+
+        time.sleep(0.3)  # all are decided
+        killed = time.time()
+        if who == "avcore":
+            self.avcore.kill()
+            self.avcore.wait()
+        else:
+            self.jorn.kill()
+        time.sleep(AS_LONG_AS_A_BEAT + 0.5)
+        late = {version: self.talk(SERVERS[version], SWITCHED) for version in FAMILIES}
+        time.sleep(0.1)
+        restarted = time.time()
+        for version in FAMILIES:
+            if fail == "open":
+                first = min(passed(denied, version, killed), default=restarted)
+                self.assertLess(first - killed, AS_LONG_AS_A_BEAT + 0.2)
+            else:
+                self.assertEqual(passed(denied, version, killed), [])
+            self.assertEqual(bool(passed(late, version, killed)), fail == "open")
+            late[version].stop()
+        if who == "avcore":
+            self.start_avcore()
+        else:
+            self.jorn = self.start_daemon()
+        time.sleep(1.5)
+        for version in FAMILIES:
+            self.assertTrue(self.is_shut(version))
+            self.assertLess(max(passed(denied, version, killed), default=0) - restarted, 1)
+            denied[version].stop()
+            sent = allowed[version].stop()
+            self.until(lambda: len(passed(allowed, version, begun)) == sent)
+
+    def test_a_changed_policy_holds_within_ten_milliseconds(self):
+        self.start()
+        for version in FAMILIES:
+            flow = self.talk(SERVERS[version], SWITCHED)
+            time.sleep(0.3)
+            shut, opened = [], []
+            for _ in range(6):  # a loaded machine isn't always late
+                for deny, times, which in (1, shut, max), (0, opened, min):
+                    since = time.time()
+                    command(POLICY, policy(1, rule(f"app-{SWITCHED}", app_id=30000 + SWITCHED,
+                                                   cat_id=0x8000, deny=deny)))
+                    time.sleep(0.1)
+                    passed = [packet.at for packet in
+                              self.at_server.of(SWITCHED, version, UDP, since=since)]
+                    times.append(which(passed, default=since + deny - 1) - since)
+            with self.subTest(version=version, shut=shut, opened=opened):
+                self.assertTrue(0 <= min(shut) < 0.01)
+                self.assertTrue(0 <= min(opened) < 0.01)
+            flow.stop()
+
+    def test_limits_of_flows_in_another_unit(self):
+        rule_of = {"rate_up": LIMITS[SLOW] // 8000, "rate_down": LIMITS[SLOW] // 8000}
+        self.start('share = "flow"\nrate_unit = "kB/s"', rules=RULES | {SLOW: rule_of, FAST: {}})
+        self.limits_hold(socket.SOCK_DGRAM, 4, expected={SLOW: 2 * LIMITS[SLOW]})
+
+    def test_limits_with_queues(self):
+        self.start('shape = "htb"')
+        self.limits_hold(socket.SOCK_DGRAM, 6)
+
+    def test_a_flood_of_flows(self):
+        """Half of them from one client, half from thousands; each has a name of its own."""
+        self.start()
+        run("ip", "-n", "server", "route", "add", "blackhole", "10.2.0.0/16")
+        denied = self.talk(SERVERS[4], DENIED)
+        own_port = denied.source
+        time.sleep(0.2)
+        since, shut = time.time(), []
+        flood = threading.Thread(target=self.flood, args=(200_000,))
+        flood.start()
+        while flood.is_alive():
+            shut.append(self.is_shut(4))
+        self.assertGreater(denied.stop(), 300)
+        self.assertFalse([packet for packet in self.at_server.of(DENIED, 4, UDP, since=since)
+                          if packet.src_port == own_port])
+        self.assertIn(True, shut)
+        self.assertGreater(self.status()["counts"]["copies_refused"], 0)
+
+    def flood(self, flows):
+        with open("/sys/class/net/wlan0/address") as file:
+            gateway = file.read().strip()
+        request = b"GET / HTTP/1.1\r\nHost: n000000.example\r\n\r\n"
+        frame = bytearray(ethernet(0x0800, ipv4(TCP, tcp(0, 80, request), src="10.2.0.0",
+                                                dst=NAMED[4]), dst=gateway))
+        name = frame.index(b"n000000") + 1
+        with namespace("client"), socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as raw:
+            raw.bind(("eth0", 0))
+            for number in range(flows):
+                client = 0 if number % 2 else number // 2 % 4000
+                struct.pack_into(">H", frame, 10, client)
+                struct.pack_into(">H", frame, 28, client)
+                struct.pack_into(">H", frame, 34, 1 + number % 65535)
+                frame[name:name + 6] = b"%06d" % number
+                raw.send(frame)
+
+    def test_a_category_and_safe_search(self):
+        shutil.rmtree("/tmp/resolvers", ignore_errors=True)
+        self.inspections = '["url"]'
+        self.start("reset = true", "--categories", "examples/categories.txt", "--safe-search",
+                   "/tmp/resolvers", wire_ms=10, rules={})
+        self.assertEqual(jornctl("apply", "-", document={
+            "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
+                              ["Gambling"], "google_safe_search": True, "google_vip": NAMED[4]}],
+            "web_interfaces": [{"ifname": "wlan0", "enable": True, "policy_uuid": "f"}]}),
+            (0, ""))
+        self.until(lambda: os.path.exists("/tmp/resolvers/wlan0/dnsmasq.conf"))
+        on_server = ("nsenter", "--net=/run/netns/server")
+        for program in (
+                (*on_server, sys.executable, "-m", "http.server", "80", "--directory", "examples"),
+                ("dnsmasq", "-k", "--port=54", f"--address=/#/{SERVERS[4]}", "--conf-file=/dev/null",
+                 f"--address=/#/{SERVERS[6]}", *DNSMASQ),
+                ("dnsmasq", "-k", "--server=127.0.0.1#54", "--hostsdir=/tmp/resolvers/wlan0",
+                 "--conf-file=/tmp/resolvers/wlan0/dnsmasq.conf", *DNSMASQ)):
+            process = subprocess.Popen(program, stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+            self.addCleanup(process.wait)
+            self.addCleanup(process.terminate)
+        os.unlink("/etc/resolv.conf")
+        with open("/etc/resolv.conf", "w") as file:
+            file.write("nameserver 10.1.0.1\n")
+        for host, address in ("www.google.com", NAMED[4]), ("free.example", SERVERS[4]):
+            self.until(lambda: self.curl("-4", host) == (0, "200 " + address))
+        self.assertIn(self.curl("-6", "www.google.com")[0], (6, 7))  # there is no such address
+        self.assertEqual(self.curl("-4", "www.bets.example")[0], 56)  # reset
+
+    def curl(self, *words):
+        done = subprocess.run(
+            ["nsenter", "--net=/run/netns/client", "curl", "-s", "--noproxy", "*", "--max-time", "3",
+             "-o", "/dev/null", "-w", "%{http_code} %{remote_ip}", *words], text=True,
+            capture_output=True)
+        return done.returncode, done.stdout
+
+    def test_set_up_and_torn_down(self):
+        self._lay_out(0)
+        run("tc", "qdisc", "add", "dev", "wlan0", "clsact")
+        run("tc", "filter", "add", "dev", "wlan0", "ingress", "pref", "5", "protocol", "all", "u32",
+            "match", "u32", "0", "0", "action", "mirred", "egress", "redirect", "dev", "eth0")
+
+        def filters():
+            return [subprocess.run(["tc", "filter", "show", "dev", "wlan0", way], text=True,
+                                   capture_output=True, check=True).stdout
+                    for way in ("ingress", "egress")]
+
+        def avcore(*words):
+            done = subprocess.run([jorn_path("avcore"), *words], text=True, capture_output=True)
+            return done.returncode, done.stdout + done.stderr
+
+        before = filters()
+        self.assertFalse(self.status()["there"])
+        for _ in range(2):
+            status, said = avcore("setup", "--inline", "wlan0")
+            self.assertEqual(status, 0, said)
+            self.assertRegex(said, "past the gate: .*wlan0")
+            self.assertEqual(self.status()["interfaces"], ["wlan0"])
+        attached = filters()
+        self.assertEqual([text.count("direct-action") for text in attached], [1, 1], attached)
+        self.assertEqual(avcore("setup", "--inline", "wlan7")[0], 1)
+        self.assertEqual(filters(), attached)
+        for _ in range(2):
+            self.assertEqual(avcore("teardown"), (0, ""))
+            self.assertEqual(filters(), before)
+            self.assertFalse(self.status()["there"])
+
+
+class Bridged(Layout):
+    bridged = True
+
+
+if __name__ == "__main__":
+    unittest.main()
