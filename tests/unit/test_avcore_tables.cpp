@@ -1,6 +1,7 @@
 // avcore's configuration, the client of a flow, and messages from whoever connects.
 #include "avcore/config.h"
 #include "avcore/flow_table.h"
+#include "avcore/gate/limits.h"
 #include "avcore/ipv6_frame.h"
 #include "avcore/messages.h"
 #include "avcore/report.h"
@@ -45,6 +46,8 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {deep.c_str(), "line 2: more than 64 dots"},
         {"[bus]\nlisten = \"[::]\"\n", "line 2: 'listen'"},
         {"[bus]\nkey = \"k\"\n", "line 1: 'ca'"},
+        {"[enforce]\nfail = \"shut\"\n", "line 2: 'fail' must be \"open\" or \"closed\""},
+        {"[enforce]\ncopies = 0\n", "line 2: 'copies' must be 1 at least"},
         {"[client\n", "line 1: "},
     };
     for (const auto &row : rows) {
@@ -56,6 +59,23 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
                 << error.what();
         }
     }
+}
+
+TEST(AvcoreLimits, ABucketIsItsOwnersUntilAllAreTaken) {
+    limit_book book(3); // and bucket 0 is none
+    const limit_owner video = {{2, 0, 0, 0, 0, 1}, "video", 0, GATE_UP};
+    limit_owner chat = video;
+    chat.application = "chat";
+    limit_owner down = video;
+    down.direction = GATE_DOWN;
+    const uint32_t first = book.place_of(video, 1000).bucket;
+    EXPECT_NE(first, 0u);
+    const uint32_t second = book.place_of(chat, 1000).bucket;
+    EXPECT_NE(second, first);
+    EXPECT_FALSE(book.place_of(video, 1000).changed);
+    EXPECT_TRUE(book.place_of(video, 2000).changed);
+    EXPECT_EQ(book.place_of(down, 1).bucket, second); // chat's, asked for longest ago
+    EXPECT_TRUE(book.place_of(video, 2000).bucket == first && book.place_of(chat, 9).changed);
 }
 
 frame_facts tcp_frame(const char *from, uint16_t from_port, const char *to, uint16_t to_port) {

@@ -11,8 +11,8 @@ public:
     enum class state { none, kept, fresh };
 
     // Tries to connect to what `path` names where there is no connection and a try is due. A
-    // listener with a full backlog counts as absent. Says whether there is a connection, and whether
-    // it is a new one. Each packet asks: nothing is looked up while no try is due.
+    // listener with a full backlog counts as absent. Says whether there is a connection, and
+    // whether it is a new one. Each packet asks: nothing is looked up while no try is due.
     state ensure(const char *(*path)());
 
     enum class sent { yes, doesnt_fit, ended };

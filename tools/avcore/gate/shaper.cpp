@@ -27,6 +27,7 @@ std::string class_name(uint32_t number) {
 bool tc(std::vector<std::string> words) {
     words.insert(words.begin(), "tc");
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
