@@ -58,7 +58,8 @@ class Measurement(InlineTest):
                 end.callback(self.stop_avcore, self.avcore)
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
-                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS})), (0, ""))
+                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
+                                 (0, ""))
                 time.sleep(0.5)
             return {**self.flow("tcp", port, counted), **self.flow("udp", port, counted),
                     "ping": self.latency()}
@@ -96,8 +97,9 @@ class Measurement(InlineTest):
     def latency(self):
         done = subprocess.run([*ON_CLIENT, "ping", "-i", "0.005", "-c", "200", SERVERS[4]],
                               capture_output=True, text=True, check=True)
-        return statistics.median(float(found) for found in re.findall("time=([0-9.]+)", done.stdout)
-                                 ) * 1000
+        times = [float(found) * 1000 for found in re.findall("time=([0-9.]+)", done.stdout)]
+        assert len(times) == 200, done.stdout
+        return statistics.median(times)
 
     def tell(self):
         print(f"\n{'bridged' if self.bridged else 'routed'}, {arguments.rounds} rounds\n"
