@@ -40,7 +40,6 @@ class Measurement(InlineTest):
             self.addCleanup(server.wait)
             self.addCleanup(server.terminate)
         self.options = ()
-        self.configure("")
         self.rounds = []
         for number in range(arguments.rounds):
             order = STATES[number % len(STATES):] + STATES[:number % len(STATES)]
@@ -49,6 +48,7 @@ class Measurement(InlineTest):
         self.tell()
 
     def measure_state(self, name, port, counted):
+        self.configure("")
         with contextlib.ExitStack() as end:
             if counted:
                 run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", "-c", CONFIG)
@@ -58,7 +58,8 @@ class Measurement(InlineTest):
                 end.callback(self.stop_avcore, self.avcore)
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
-                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS})), (0, ""))
+                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
+                                 (0, ""))
                 time.sleep(0.5)
             return {**self.flow("tcp", port, counted), **self.flow("udp", port, counted),
                     "ping": self.latency()}
@@ -66,20 +67,23 @@ class Measurement(InlineTest):
     def flow(self, kind, port, counted):
         """Receivers' figures; the first second, in which the verdict comes, doesn't count."""
         kinds = {"tcp": (), "udp": ("-u", "-b", "0", "-l", "172", "-w", "4M")}
-        if counted == "undecided":  # the daemon judges nothing, and nobody notices for a while
+        seconds = arguments.seconds
+        if counted == "undecided":  # the daemon judges nothing, which is noticed only later
             self.jorn.send_signal(signal.SIGSTOP)
+            seconds = 1
         before, busy = self.counts(counted), busy_seconds()
         done = subprocess.run(
             [*ON_CLIENT, "iperf3", "-J", "-c", SERVERS[4], "-p", str(port), "-O", "1", "-t",
-             str(arguments.seconds), *kinds[kind]], capture_output=True, text=True, check=True)
+             str(seconds), *kinds[kind]], capture_output=True, text=True, check=True)
         busy, after = busy_seconds() - busy, self.counts(counted)
         if counted == "undecided":
             self.jorn.send_signal(signal.SIGCONT)
+            time.sleep(1)
         grown = {key: after[key] - before.get(key, 0) for key in after}
         if counted and grown[counted] < 0.95 * sum(
                 grown[key] for key in ("decided", "undecided", "nobody", "denied", "limited")):
             raise AssertionError(f"the gate did something else than {counted}: {grown}")
-        busy *= arguments.seconds / (arguments.seconds + 1)
+        busy *= seconds / (seconds + 1)
         end = json.loads(done.stdout)["end"]
         if kind == "tcp":
             return {"tcp": end["sum_received"]["bits_per_second"] / 1e9,
@@ -93,8 +97,9 @@ class Measurement(InlineTest):
     def latency(self):
         done = subprocess.run([*ON_CLIENT, "ping", "-i", "0.005", "-c", "200", SERVERS[4]],
                               capture_output=True, text=True, check=True)
-        return statistics.median(float(found) for found in re.findall("time=([0-9.]+)", done.stdout)
-                                 ) * 1000
+        times = [float(found) * 1000 for found in re.findall("time=([0-9.]+)", done.stdout)]
+        assert len(times) == 200, done.stdout
+        return statistics.median(times)
 
     def tell(self):
         print(f"\n{'bridged' if self.bridged else 'routed'}, {arguments.rounds} rounds\n"

@@ -68,8 +68,9 @@ web_page() { # client, curl's options and URL
     said=$(on "$1" curl -sS -k --noproxy '*' --max-time 4 -o /dev/null \
         -w '%{http_code}, %{size_download} bytes' "${@:2}" 2>&1) || true
     case $said in
-    *'(35)'* | *'(56)'*) echo 'connection reset' ;;
-    *'(28)'*) echo 'no answer' ;;
+    *'curl: (7)'*) echo 'refused' ;;
+    *'curl: (35)'* | *'curl: (56)'*) echo 'cut off' ;;
+    *'curl: (28)'*) echo 'no answer' ;;
     *) echo "$said" ;;
     esac
 }
@@ -132,10 +133,18 @@ TOML
 
 show_why() {
     heading 'What happened on the wire, and why'
-    grep '^avcore: denied' "$LOGS/avcore" | sed 's/^avcore: /  /'
-    awk '$1 == "CLIENT" || /rate limit|qos/' "$LOGS/avcore" | sed 's/^/  /'
-    echo
-    grep '^packets' "$LOGS/avcore" | sed 's/^/  /'
+    awk -F ': ' '/^avcore: denied/ { print "  denied       " $3 "\n               " $4 }' "$LOGS/avcore"
+    awk '/ (rate limit|qos) / {
+            sub(/:.*/, "", $1)
+            row = sprintf("  %-12s %s to %s, %s", /qos/ ? "marked" : "limited", $1, $2, $4)
+            if (!seen[row]++) print row
+        }
+        /^packets/ { counts = counts "\n  " $0 }
+        END { print counts }' "$LOGS/avcore"
+    note '
+  The gate is a program in the kernel at wlan0 and wlan1: it copies the first packets of a flow to avcore,
+  which asks jorn, and does the rest by itself. jorn knew www.youtube.com from the DNS answer, the speed
+  test by its port.'
 }
 
 demo_box() {

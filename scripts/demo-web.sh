@@ -57,13 +57,15 @@ fetch_or_say() { # curl's options and URL
     echo "$said"
 }
 
-# The daemon that runs finds the new avcore by itself, after a second or so.
+# The daemon that runs finds the new avcore by itself, when there is something to judge.
 start_avcore_again() { # option, where the frames come from, more options ...
     start_avcore "$INSPECTING" "$@"
     wait_until 'daemon at the new avcore' daemon_is_there
 }
 
 daemon_is_there() {
+    # shellcheck disable=SC2016 # the inner shell's
+    on_client bash -c 'echo new >"/dev/udp/$0/9"' "$WEB_SERVER"
     [[ $(ss -Hx state established) == */av_core.sock* ]]
 }
 

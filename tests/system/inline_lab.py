@@ -32,7 +32,7 @@ RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"ki
             for port, limit in LIMITS.items()}}
 
 
-def policies(rules):
+def policies(rules, names=("youtube", "shop.example", "icmp")):
     """The document: an application for each port, and names that the client may not reach."""
     known = [{"app_name": f"app-{port}", "app_id": 30000 + port, "cat_id": "User Defined"}
              for port in rules]
@@ -41,7 +41,7 @@ def policies(rules):
             "policies": [{"utp_id": 1, "name": "lab", "rules": [
                 *[application | rules[port] for application, port in zip(known, rules)],
                 *[{"app_name": name, "deny": True}
-                  for name in ("youtube", "shop.example", "icmp")]]}]}
+                  for name in names]]}]}
 
 
 class Packet(NamedTuple):
