@@ -22,6 +22,7 @@ TCP, UDP = 6, 17
 RST = 4
 SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
 CONFIG = "/tmp/inline.toml"
+EXAMPLES = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../examples")
 SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
 
 # The applications of the policy, by the server's port.

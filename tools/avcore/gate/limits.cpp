@@ -6,7 +6,7 @@ namespace avcore {
 namespace {
 
 constexpr uint64_t SMALLEST_BURST = 65'536;
-constexpr uint64_t BURSTS_A_SECOND = 10;
+constexpr uint64_t BURSTS_A_SECOND = 5;
 
 } // namespace
 
