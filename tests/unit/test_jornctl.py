@@ -153,14 +153,17 @@ class Jornctl(unittest.TestCase):
         self.assertEqual(said.decode(), "24 CMD_ARC_POLICY_FLUSH_REQ, 0 bytes\n"
                                         "23 CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n" + fields)
         hostile = self.folder + "/payload"
-        for number, length, head, part in (
-                (26, 80, "CMD_ARC_POLICY_LOG_CFG_REQ, 80 bytes, 8 of them behind its end", "\ufffd"),
-                (6, 300, "CMD_POLICY_USERDEF_CFG_REQ, 300 bytes, 296 of them behind", '"count": -1'),
-                (20, 10, "CMD_ARC_UTP_CFG_REQ, 10 bytes of 140; the others", '"id": 4294967295'),
-                (23, 7352, "CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n", '"kind": 3'),
-                (8, 0, "CMD_POLICY_CLEAN, 0 bytes\n", "")):
+        ones = b"\xff"
+        for number, payload, head, part in (
+                (26, ones * 80, "CMD_ARC_POLICY_LOG_CFG_REQ, 80 bytes, 8 of them behind its end", "\ufffd"),
+                (6, ones * 300, "CMD_POLICY_USERDEF_CFG_REQ, 300 bytes, 296 of them behind", '"count": -1'),
+                (20, ones * 10, "CMD_ARC_UTP_CFG_REQ, 10 bytes of 140; the others", '"id": 4294967295'),
+                (23, ones * 7352, "CMD_ARC_POLICY_CFG_REQ, 7352 bytes\n", '"kind": 3'),
+                (9, bytes(range(76)), "CMD_ROAM_NOTIFY_REQ, 76 bytes\n", '"to_ap_ipv4": "56.57.58.59"'),
+                (31, bytes(range(216)), "CMD_UF_AGENT_REPLY, 216 bytes\n", '"src_port": 14907'),
+                (8, b"", "CMD_POLICY_CLEAN, 0 bytes\n", "")):
             with open(hostile, "wb") as file:
-                file.write(b"\xff" * length)
+                file.write(payload)
             status, said, _ = self.run_it("decode", str(number), hostile)
             self.assertEqual((status, said.decode().startswith(f"{number} {head}")), (0, True), said)
             self.assertIn(part, said.decode())

@@ -2,6 +2,7 @@
 
 #include "jornctl/arc_fields.h"
 #include "jornctl/failure.h"
+#include "jornctl/shown_fields.h"
 #include "jornctl/userapps_fields.h"
 #include "jornctl/web_fields.h"
 #include "jornctl/wificalling_fields.h"
@@ -95,6 +96,7 @@ constexpr command_row COMMANDS[] = {
     {CMD_POLICY_USERDEF_CFG_REQ, "CMD_POLICY_USERDEF_CFG_REQ", APPLICATIONS, POLICY_CFG},
     {CMD_USERDEF_SHOW_REQ, "CMD_USERDEF_SHOW_REQ", EMPTY},
     {CMD_POLICY_CLEAN, "CMD_POLICY_CLEAN", EMPTY, NO_FILE, POLICY_CFG},
+    {CMD_ROAM_NOTIFY_REQ, "CMD_ROAM_NOTIFY_REQ", ONE<roam_notify, ROAM_FIELDS>},
     {CMD_DNS_CACHE_SHOW_REQ, "CMD_DNS_CACHE_SHOW_REQ", EMPTY},
     {CMD_PORT_SERVICE_CFG_REQ, "CMD_PORT_SERVICE_CFG_REQ", EMPTY},
     {CMD_PORT_APP_SHOW_REQ, "CMD_PORT_APP_SHOW_REQ", EMPTY},
@@ -112,6 +114,7 @@ constexpr command_row COMMANDS[] = {
      WEB_FILTER},
     {CMD_WEB_POLICY_FLUSH_REQ, "CMD_WEB_POLICY_FLUSH_REQ", EMPTY, NO_FILE, WEB_FILTER},
     {CMD_WEB_INTF_CFG_REQ, "CMD_WEB_INTF_CFG_REQ", ONE<web_intf_wire, WEB_INTF_FIELDS>, WEB_FILTER},
+    {CMD_UF_AGENT_REPLY, "CMD_UF_AGENT_REPLY", ONE<uf_agent_reply, LATE_ANSWER_FIELDS>},
     {CMD_INTF_URL_POLICY_SHOW_REQ, "CMD_INTF_URL_POLICY_SHOW_REQ", INTERFACE},
     {CMD_UTP_WEB_POLICY_SHOW_REQ, "CMD_UTP_WEB_POLICY_SHOW_REQ", ONE<word_payload, ID_FIELDS>},
     {CMD_DEBUG_CFG_REQ, "CMD_DEBUG_CFG_REQ", ONE<word_payload, DEBUG_FIELDS>},
