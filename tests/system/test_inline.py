@@ -9,7 +9,7 @@ DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-t
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 
-class Layout(InlineTest):
+class Layout:
     """What has to hold routed and bridged."""
 
     def tell_name(self, version, name, address):
@@ -153,13 +153,17 @@ class Layout(InlineTest):
                 self.assertEqual(client.recv(8), b"back")
 
 
-class Routed(Layout):
+class Routed(Layout, InlineTest):
     def test_programs_that_are_killed(self):
         self.start()
         for fail in "open", "closed":
             self.configure(f'fail = "{fail}"')
             self.avcore.send_signal(signal.SIGHUP)
             self.until(lambda: self.status()["fail"] == fail)
+            self.configure('fail = "ajar"')
+            self.avcore.send_signal(signal.SIGHUP)
+            self.lines.wait(lambda line: CONFIG in line and "fail" in line)
+            self.configure(f'fail = "{fail}"')  # for the restart
             for who in "avcore", "jorn":
                 with self.subTest(fail=fail, killed=who):
                     self.kill_and_restart(who, fail)
@@ -337,7 +341,7 @@ class Routed(Layout):
             self.assertFalse(self.status()["there"])
 
 
-class Bridged(Layout):
+class Bridged(Layout, InlineTest):
     bridged = True
 
 
