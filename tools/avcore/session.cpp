@@ -23,6 +23,7 @@ constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
 constexpr int64_t BEAT_MS = 1'000;
+constexpr int64_t REFUSED_LINE_MS = 10'000;
 constexpr int64_t UNDECIDED_MS = 1'000;
 
 int64_t clock_ms() {
@@ -76,6 +77,7 @@ session::session(const options &options, config settings)
     gate_->ask_although_unattended(false);
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
+    refused_copies_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
     next_beat_ms_ = clock_ms();
 }
 
@@ -163,6 +165,18 @@ void session::watch_daemon(int64_t now_ms) {
         return;
     gate_->beat();
     next_beat_ms_ = now_ms + BEAT_MS;
+    tell_refused_copies(now_ms);
+}
+
+void session::tell_refused_copies(int64_t now_ms) {
+    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
+    if (refused == refused_copies_ || now_ms - refused_said_ms_ < REFUSED_LINE_MS)
+        return;
+    say("a client has more packets of undecided flows than " +
+        std::to_string(settings_.enforce.rules.copies_per_second) +
+        " a second: " + std::to_string(refused - refused_copies_) + " weren't looked at");
+    refused_copies_ = refused;
+    refused_said_ms_ = now_ms;
 }
 
 void session::daemon_decides(bool does, int64_t now_ms) {
