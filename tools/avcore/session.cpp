@@ -277,8 +277,10 @@ void session::take_frame(const captured_frame &captured) {
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    if (captured.copy != nullptr)
+    if (captured.copy != nullptr) {
         enforcer_->saw(built->flow.row, *captured.copy, built->flow.from_client);
+        built->frame.generation = gate_->generation();
+    }
     names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
