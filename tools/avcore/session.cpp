@@ -73,10 +73,12 @@ session::session(const options &options, config settings)
     enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
                                            [this](const std::string &line) { say(line); });
     gate_->set_rules(settings_.enforce.rules);
-    gate_->ask_although_unattended(false);
+    // A closed gate stays shut until a daemon comes, however often this program is started.
+    somebody_decides_ = !settings_.enforce.rules.fail_closed;
+    gate_->ask_although_unattended(!somebody_decides_);
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
-    next_beat_ms_ = clock_ms();
+    next_beat_ms_ = somebody_decides_ ? clock_ms() : NEVER_MS;
 }
 
 void session::open_bus() {
@@ -152,12 +154,13 @@ session::ending session::turn() {
 }
 
 // The gate is told for as long as its flows are decided about. A daemon that answers, or that has
-// come to the channel, decides; one that has left, or lets a frame wait for a second, doesn't.
+// come to the channel, decides; one that has left, lets a frame wait for a second or can't be shown
+// any, for the link to it is down, doesn't.
 void session::watch_daemon(int64_t now_ms) {
     const size_t before = std::exchange(connections_, channel_.connections());
     if (connections_ > before)
         daemon_decides(true, now_ms);
-    if ((before > 0 && connections_ == 0) || feeder_.silent(now_ms, UNDECIDED_MS))
+    if ((before > 0 && connections_ == 0) || link_down_ || feeder_.silent(now_ms, UNDECIDED_MS))
         daemon_decides(false, now_ms);
     if (!somebody_decides_ || now_ms < next_beat_ms_)
         return;
@@ -170,10 +173,11 @@ void session::daemon_decides(bool does, int64_t now_ms) {
         return;
     next_beat_ms_ = does ? now_ms : NEVER_MS;
     gate_->ask_although_unattended(!does);
-    if (does) {
+    if (does && daemon_left_) {
         say("the daemon is back");
         back_ = true;
-    } else {
+    } else if (!does) {
+        daemon_left_ = true;
         say("the daemon is gone: the gate is told so, and waits for it");
         feeder_.link_lost(now_ms);
     }

@@ -77,7 +77,8 @@ private:
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
-    bool somebody_decides_ = true;            // until it shows that nobody does
+    bool somebody_decides_ = true;            // as far as has shown
+    bool daemon_left_ = false;                // once, or it was silent
     bool back_ = false;                       // who decides, with the next verdict
     size_t connections_ = 0;
     int64_t next_beat_ms_ = NEVER_MS;
