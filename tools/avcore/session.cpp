@@ -24,6 +24,7 @@ constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
 constexpr int64_t BEAT_MS = 1'000;
 constexpr int64_t UNDECIDED_MS = 1'000;
+constexpr int64_t TELL_REFUSED_MS = 60'000;
 
 int64_t clock_ms() {
     timespec now = {};
@@ -76,6 +77,7 @@ session::session(const options &options, config settings)
     // A closed gate stays shut until a daemon comes, however often this program is started.
     somebody_decides_ = !settings_.enforce.rules.fail_closed;
     gate_->ask_although_unattended(!somebody_decides_);
+    copies_refused_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
     next_beat_ms_ = somebody_decides_ ? clock_ms() : NEVER_MS;
@@ -166,6 +168,20 @@ void session::watch_daemon(int64_t now_ms) {
         return;
     gate_->beat();
     next_beat_ms_ = now_ms + BEAT_MS;
+    tell_refused_copies(now_ms);
+}
+
+void session::tell_refused_copies(int64_t now_ms) {
+    if (now_ms < tell_refused_ms_)
+        return;
+    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
+    const uint64_t before = std::exchange(copies_refused_, refused);
+    if (refused <= before)
+        return;
+    tell_refused_ms_ = now_ms + TELL_REFUSED_MS;
+    say("a client has more than " + std::to_string(settings_.enforce.rules.copies_per_second) +
+        " undecided packets a second: " + std::to_string(refused - before) +
+        " passed without being looked at");
 }
 
 void session::daemon_decides(bool does, int64_t now_ms) {

@@ -39,6 +39,7 @@ private:
     void read_config_again();
     void watch_daemon(int64_t now_ms);
     void daemon_decides(bool does, int64_t now_ms);
+    void tell_refused_copies(int64_t now_ms); // at most once a minute
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -82,6 +83,8 @@ private:
     bool back_ = false;                       // who decides, with the next verdict
     size_t connections_ = 0;
     int64_t next_beat_ms_ = NEVER_MS;
+    uint64_t copies_refused_ = 0; // by the gate, when it was last asked
+    int64_t tell_refused_ms_ = 0;
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;
