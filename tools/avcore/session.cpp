@@ -23,8 +23,8 @@ constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
 constexpr int64_t BEAT_MS = 1'000;
-constexpr int64_t REFUSED_LINE_MS = 10'000;
 constexpr int64_t UNDECIDED_MS = 1'000;
+constexpr int64_t TELL_REFUSED_MS = 60'000;
 
 int64_t clock_ms() {
     timespec now = {};
@@ -74,11 +74,13 @@ session::session(const options &options, config settings)
     enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
                                            [this](const std::string &line) { say(line); });
     gate_->set_rules(settings_.enforce.rules);
-    gate_->ask_although_unattended(false);
+    // A closed gate stays shut until a daemon comes, however often this program is started.
+    somebody_decides_ = !settings_.enforce.rules.fail_closed;
+    gate_->ask_although_unattended(!somebody_decides_);
+    copies_refused_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
-    refused_copies_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
-    next_beat_ms_ = clock_ms();
+    next_beat_ms_ = somebody_decides_ ? clock_ms() : NEVER_MS;
 }
 
 void session::open_bus() {
@@ -154,12 +156,13 @@ session::ending session::turn() {
 }
 
 // The gate is told for as long as its flows are decided about. A daemon that answers, or that has
-// come to the channel, decides; one that has left, or lets a frame wait for a second, doesn't.
+// come to the channel, decides; one that has left, lets a frame wait for a second or can't be shown
+// any, for the link to it is down, doesn't.
 void session::watch_daemon(int64_t now_ms) {
     const size_t before = std::exchange(connections_, channel_.connections());
     if (connections_ > before)
         daemon_decides(true, now_ms);
-    if ((before > 0 && connections_ == 0) || feeder_.silent(now_ms, UNDECIDED_MS))
+    if ((before > 0 && connections_ == 0) || link_down_ || feeder_.silent(now_ms, UNDECIDED_MS))
         daemon_decides(false, now_ms);
     if (!somebody_decides_ || now_ms < next_beat_ms_)
         return;
@@ -169,14 +172,16 @@ void session::watch_daemon(int64_t now_ms) {
 }
 
 void session::tell_refused_copies(int64_t now_ms) {
-    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
-    if (refused == refused_copies_ || now_ms - refused_said_ms_ < REFUSED_LINE_MS)
+    if (now_ms < tell_refused_ms_)
         return;
-    say("a client has more packets of undecided flows than " +
-        std::to_string(settings_.enforce.rules.copies_per_second) +
-        " a second: " + std::to_string(refused - refused_copies_) + " weren't looked at");
-    refused_copies_ = refused;
-    refused_said_ms_ = now_ms;
+    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
+    const uint64_t before = std::exchange(copies_refused_, refused);
+    if (refused <= before)
+        return;
+    tell_refused_ms_ = now_ms + TELL_REFUSED_MS;
+    say("a client has more than " + std::to_string(settings_.enforce.rules.copies_per_second) +
+        " undecided packets a second: " + std::to_string(refused - before) +
+        " passed without being looked at");
 }
 
 void session::daemon_decides(bool does, int64_t now_ms) {
@@ -184,10 +189,11 @@ void session::daemon_decides(bool does, int64_t now_ms) {
         return;
     next_beat_ms_ = does ? now_ms : NEVER_MS;
     gate_->ask_although_unattended(!does);
-    if (does) {
+    if (does && daemon_left_) {
         say("the daemon is back");
         back_ = true;
-    } else {
+    } else if (!does) {
+        daemon_left_ = true;
         say("the daemon is gone: the gate is told so, and waits for it");
         feeder_.link_lost(now_ms);
     }
@@ -291,8 +297,10 @@ void session::take_frame(const captured_frame &captured) {
     const int64_t now_ms = clock_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    if (captured.copy != nullptr)
+    if (captured.copy != nullptr) {
         enforcer_->saw(built->flow.row, *captured.copy, built->flow.from_client);
+        built->frame.generation = gate_->generation();
+    }
     names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }

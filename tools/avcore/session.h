@@ -39,7 +39,7 @@ private:
     void read_config_again();
     void watch_daemon(int64_t now_ms);
     void daemon_decides(bool does, int64_t now_ms);
-    void tell_refused_copies(int64_t now_ms);
+    void tell_refused_copies(int64_t now_ms); // at most once a minute
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -78,12 +78,13 @@ private:
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
-    bool somebody_decides_ = true;            // until it shows that nobody does
+    bool somebody_decides_ = true;            // as far as has shown
+    bool daemon_left_ = false;                // once, or it was silent
     bool back_ = false;                       // who decides, with the next verdict
     size_t connections_ = 0;
     int64_t next_beat_ms_ = NEVER_MS;
-    uint64_t refused_copies_ = 0; // when it was last said
-    int64_t refused_said_ms_ = 0;
+    uint64_t copies_refused_ = 0; // by the gate, when it was last asked
+    int64_t tell_refused_ms_ = 0;
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;

@@ -96,12 +96,16 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
                       int64_t now_ms) {
     row_enforcement &state = row.enforcement;
     const bool denies = verdict.verdict == AV_VERDICT_DENY;
-    const bool denied_before = state.denied && state.generation == gate_.generation();
-    if (denied_before || (!denies && !state.settled && !is_late_enough(row, frame)))
-        return;
     const std::string_view name = field_text(verdict.app_name);
+    if (state.denied && state.generation == gate_.generation()) {
+        // A copy of a denied flow: it was on its way, or the gate had no room for the denial.
+        decide(row, GATE_DENY, nullptr, name, state.generation);
+        return;
+    }
+    if (!denies && !state.settled && !is_late_enough(row, frame))
+        return;
     if (!denies) {
-        decide(row, GATE_PASS, &verdict.qos, name);
+        decide(row, GATE_PASS, &verdict.qos, name, frame.generation);
         return;
     }
     if (!state.denied)
@@ -109,7 +113,7 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
                     printable(name) + ", named by " + source_of_name(row, frame, verdict) +
                         "; by " + policy_of(verdict),
                     now_ms);
-    decide(row, GATE_DENY, nullptr, name);
+    decide(row, GATE_DENY, nullptr, name, frame.generation);
 }
 
 void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
@@ -119,7 +123,7 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
                     printable(row.application) + ", named by the address that was asked for; "
                                                  "by the web policy, after a late answer",
                     now_ms);
-    decide(row, denies ? GATE_DENY : GATE_PASS, nullptr, row.application);
+    decide(row, denies ? GATE_DENY : GATE_PASS, nullptr, row.application, gate_.generation());
 }
 
 void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
@@ -131,6 +135,9 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_vie
         owner.flow = row.id;
     const uint64_t bytes_per_second = rate * settings_.bytes_per_rate_unit;
     const limit_book::place place = limits_.place_of(owner, bytes_per_second);
+    // Also when it waits in a queue: the settings may change, the book's entry is told once.
+    if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
+        ++refused_writes_;
     if (settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
         const uint32_t queue =
             shaper_.priority_of(row.enforcement.if_index, place.bucket, bytes_per_second);
@@ -140,17 +147,16 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_vie
             return;
         }
     }
-    if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
-        ++refused_writes_;
     verdict.bucket[direction] = place.bucket;
 }
 
 // Marks and limits are made where the row's client is; where the server is a client, too, the
 // packets pass a second gate.
-void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name) {
+void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
+                      uint32_t generation) {
     row_enforcement &state = row.enforcement;
     gate_verdict verdict = {};
-    verdict.generation = gate_.generation();
+    verdict.generation = generation;
     verdict.action = static_cast<uint8_t>(action);
     if (verdict.action == GATE_DENY && settings_.reset)
         verdict.flags |= GATE_RESET;

@@ -43,7 +43,9 @@ public:
     uint64_t refused_writes() const { return refused_writes_; }
 
 private:
-    void decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name);
+    // `generation`: of the policies by which it was decided.
+    void decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
+                uint32_t generation);
     void limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
                gate_direction direction, uint16_t rate);
     void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);

@@ -334,9 +334,7 @@ static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *pack
     }
     if (!is_extension(packet->flow.proto))
         return parse_transport(skb, packet);
-    count(GATE_COUNT_DEEP_HEADERS, 1);
-    packet->headers = packet->transport;
-    return GATE_COUNT_UNDECIDED;
+    return GATE_COUNT_DEEP_HEADERS;
 }
 
 static __always_inline bool is_tag(__u16 type) {
@@ -609,6 +607,11 @@ static __always_inline bool store(struct __sk_buff *skb, const struct packet *pa
                                                   sizeof ends->ipv4, BPF_F_RECOMPUTE_CSUM)) == 0;
 }
 
+/* A group that is answered would multiply the answer. */
+static __always_inline bool is_for_group(const struct ends *ends) {
+    return (ends->macs[0][0] & 1) != 0;
+}
+
 /* What a closed port would have said (RFC 9293, 3.10.7.1). */
 static __always_inline struct tcp_header answer_to(const struct packet *packet) {
     const struct tcp_header *in = &packet->tcp;
@@ -636,7 +639,7 @@ static __always_inline int reset(struct __sk_buff *skb, const struct packet *pac
     if (packet->flow.proto != IPPROTO_TCP || packet->extended || packet->first_fragment ||
         (packet->tcp.flags & TCP_RST))
         return TC_ACT_SHOT;
-    if (!load_ends(skb, packet, &ends) ||
+    if (!load_ends(skb, packet, &ends) || is_for_group(&ends) ||
         bpf_skb_change_tail(skb, packet->transport + sizeof(struct tcp_header), 0))
         return TC_ACT_SHOT;
     struct tcp_header tcp = answer_to(packet);

@@ -104,8 +104,7 @@ enum gate_count {
     GATE_COUNT_SHUT,           /* dropped: undecided, and nobody was there */
     GATE_COUNT_MALFORMED,      /* dropped: headers that end early or contradict themselves */
     GATE_COUNT_RESERVED,       /* dropped: IPv4 of 240.0.0.0/4 but for the broadcast address */
-    GATE_COUNT_DEEP_HEADERS,   /* IPv6 with more extension headers than are walked; also counted
-                                  by what became of them */
+    GATE_COUNT_DEEP_HEADERS,   /* dropped: IPv6 with more extension headers than are walked */
     GATE_COUNT_RESETS,         /* RST segments made */
     GATE_COUNT_COPIES,         /* that went up */
     GATE_COUNT_COPIES_REFUSED, /* their client had too many */

@@ -23,7 +23,7 @@ constexpr struct {
     {"shut", "packets dropped undecided, for nobody was there"},
     {"malformed", "packets dropped, for their headers are broken"},
     {"reserved", "packets dropped, of the reserved addresses 240.0.0.0/4"},
-    {"deep_headers", "packets with too many extension headers"},
+    {"deep_headers", "packets dropped, for they have too many extension headers"},
     {"resets", "connections' sides reset"},
     {"copies", "copies for the daemon"},
     {"copies_refused", "copies refused, for their client had too many"},

@@ -8,7 +8,9 @@
 namespace avcore {
 
 int set_up_gate(const options &options, const config &settings) {
-    gate(options.pins, options.gate_interfaces).set_rules(settings.enforce.rules);
+    gate attached(options.pins, options.gate_interfaces);
+    if (!options.config.empty()) // or a closed gate would open
+        attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)
         std::cout << "attached to " << name << '\n';
     for (const std::string &way : ways_past_gate(options.gate_interfaces))

@@ -1,6 +1,7 @@
 #include "avcore/gate/limits.h"
 
 #include <algorithm>
+#include <random>
 
 namespace avcore {
 namespace {
@@ -14,6 +15,9 @@ gate_limit limit_of(uint64_t bytes_per_second) {
     return {bytes_per_second, std::max(SMALLEST_BURST, bytes_per_second / BURSTS_A_SECOND)};
 }
 
+limit_book::limit_book(uint32_t buckets)
+    : buckets_(buckets), first_(std::random_device()() % buckets) {}
+
 limit_book::place limit_book::place_of(const limit_owner &owner, uint64_t bytes_per_second) {
     if (const auto known = index_.find(owner); known != index_.end()) {
         entry &found = *known->second;
@@ -22,8 +26,8 @@ limit_book::place limit_book::place_of(const limit_owner &owner, uint64_t bytes_
         found.bytes_per_second = bytes_per_second;
         return {found.bucket, changed};
     }
-    auto bucket = static_cast<uint32_t>(entries_.size() + 1);
-    if (bucket >= buckets_) {
+    auto bucket = static_cast<uint32_t>(1 + (first_ + entries_.size()) % (buckets_ - 1));
+    if (entries_.size() + 1 >= buckets_) {
         bucket = entries_.back().bucket;
         index_.erase(entries_.back().owner);
         entries_.pop_back();

@@ -2,6 +2,9 @@
 //
 // Bounded: when all buckets are in use the one that was asked for longest ago is given to another
 // limit, and the flows that still refer to it share that one until their next verdict.
+//
+// Pinned verdicts of an earlier run refer to buckets as well. So the first one is anywhere, or each
+// run would begin with the buckets of the last one's first flows.
 #pragma once
 
 #include "avcore/frame.h"
@@ -32,7 +35,7 @@ gate_limit limit_of(uint64_t bytes_per_second);
 class limit_book {
 public:
     // Bucket 0 is none.
-    explicit limit_book(uint32_t buckets = GATE_BUCKETS) : buckets_(buckets) {}
+    explicit limit_book(uint32_t buckets = GATE_BUCKETS);
 
     struct place {
         uint32_t bucket;
@@ -47,6 +50,7 @@ private:
         uint64_t bytes_per_second;
     };
     uint32_t buckets_;
+    uint32_t first_;
     std::list<entry> entries_; // the one asked for last at the front
     std::map<limit_owner, std::list<entry>::iterator> index_;
 };
