@@ -173,6 +173,12 @@ class InlineTest(SystemTest):
     bridged = False
     inspections = "[]"
 
+    def setUp(self):
+        with open("/proc/self/uid_map") as file:
+            if file.read().split() != ["0", "0", "4294967295"]:
+                self.skipTest("the gate takes root of the machine itself")
+        super().setUp()
+
     def start(self, enforce="", *options, wire_ms=0, rules=RULES):
         """All of it, and the policy is in force."""
         self._lay_out(wire_ms)
