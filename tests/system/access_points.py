@@ -88,11 +88,9 @@ class AccessPoint:
 
     def wait_report(self, text):
         """Asks for reports until one says so."""
-        since, ends = len(self.lines), time.monotonic() + DEADLINE
-        while not any(text in line for line in self.lines.items[since:]):
-            assert time.monotonic() < ends, (text, self.lines.items[since:][-10:])
-            self.process.send_signal(signal.SIGUSR1)
-            time.sleep(0.01)
+        since = len(self.lines)
+        wait_until(lambda: self.process.send_signal(signal.SIGUSR1) or any(
+            text in line for line in self.lines.items[since:]), (text, self.lines.items))
 
     def status(self):
         status = self.process.wait(DEADLINE)
@@ -105,11 +103,11 @@ class AccessPoint:
             return self.status()
         return 0
 
-    def daemon(self):
+    def daemon(self, *options):
         """The daemon of this access point, whose /run and /writable are its own."""
         for folder in (f"{self.folder}/run", f"{self.folder}/writable", "/writable"):
             os.makedirs(folder, exist_ok=True)
-        return Daemon("-d", "-i", "out1", before=(
+        return Daemon(*options, "-i", "out1", before=(
             "ip", "netns", "exec", self.netns, "env", f"JORN_BUS_SOCK={self.bus_socket}",
             f"JORN_AV_SOCK={self.av_socket}", "sh", "-c",
             'mount --bind "$0/writable" /writable && mount --bind "$0/run" /run && exec "$@"',
@@ -117,10 +115,7 @@ class AccessPoint:
 
     def wait_for(self, path):
         """Until the daemon has made this path, which lies under its /run."""
-        path, ends = self.folder + path.removeprefix("/var"), time.monotonic() + DEADLINE
-        while not os.path.exists(path):
-            assert time.monotonic() < ends, path
-            time.sleep(0.01)
+        wait_for_path(self.folder + path.removeprefix("/var"))
 
     def jornctl(self, *words):
         return subprocess.run([jorn_path("jornctl"), "--socket", f"{self.folder}/run/jorn.sock",

@@ -1,6 +1,5 @@
 """The daemon's tables and what it decides by them, in their plainest form: lists are walked, nothing
 is kept ready, a command is what it says. The test of the model compares the daemon with it."""
-import dataclasses
 import ipaddress
 
 from records import *

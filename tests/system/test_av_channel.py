@@ -1,12 +1,4 @@
 """The channel to the platform comes, goes and stalls; the daemon runs on."""
-import dataclasses
-import signal
-import socket
-import struct
-import threading
-import time
-import unittest
-
 from testbed import *
 
 

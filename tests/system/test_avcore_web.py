@@ -1,21 +1,7 @@
 """avcore behind the web filter and Wi-Fi calling: categories, late answers, safe search, tags."""
-import json
-import unittest
+from records import *
 
-from testbed import *
-
-WEB_POLICY, WEB_FLUSH, WEB_INTF, CARRIER, CARRIED = 28, 29, 30, 35, 36
 SAFE_SEARCH, HOSTS = "/tmp/resolvers", ("google.com", "search.google.com", "www.google.com")
-
-
-def web_policy(utp_id=0, categories=(), google=None):
-    return struct.pack("=IB3x83i2082x2xB3x4s16xI65s65s2x", 4, len(categories), *categories,
-                       *[0] * (83 - len(categories)), google is not None,
-                       socket.inet_aton(google or "0.0.0.0"), utp_id, b"u", b"")
-
-
-def binding(ifname):
-    return struct.pack("=B17s2xII65s3x", 1, ifname.encode(), 0, 3, b"u")
 
 
 def web_frame(domain, src_port):
@@ -55,20 +41,13 @@ class AvcoreWeb(SystemTest):
             text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.avcore.communicate)
         self.addCleanup(self.avcore.kill)
-        self.until(lambda: os.path.exists(AV_SOCKET))
+        wait_for_path(AV_SOCKET)
         self.addCleanup(os.unlink, COMMAND_SOCKET)
         self.jorn = self.daemon("-d")
-        self.until(lambda: os.path.exists(COMMAND_SOCKET))
+        wait_for_path(COMMAND_SOCKET)
         self.pipe = open("/tmp/pipe", "wb", buffering=0)
         self.addCleanup(self.pipe.close)
         self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
-
-    def until(self, done):
-        ends = time.monotonic() + DEADLINE
-        while not (found := done()):
-            self.assertLess(time.monotonic(), ends)
-            time.sleep(0.01)
-        return found
 
     def feed(self, *frames):
         for frame in frames:
@@ -83,11 +62,10 @@ class AvcoreWeb(SystemTest):
 
     def test_categories_and_calls_end_in_the_rows(self):
         self.start()
-        command(WEB_POLICY, web_policy(categories=[5]))
-        command(WEB_INTF, binding("wlan0"))
-        command(CARRIER, struct.pack("=B3xi256s4s1040x65s65s", 1, 3, b"epdg.example",
-                                     socket.inet_aton(SERVER), b"", b"Carrier"))
-        command(CARRIED, struct.pack("=B19sii325s325x2x", 1, b"wlan0", 0, 1, b"Carrier"))
+        command(WEB_POLICY, web_policy("u", categories=[5]))
+        command(WEB_INTF, web_binding())
+        command(CARRIER, carrier("Carrier", 3, ("epdg.example", SERVER)))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "Carrier"))
         self.feed(web_frame("a.Blocked.example", 1), web_frame("free.example", 2),
                   web_frame("unblocked.example", 3), udp_frame(4, 4500, b"\0\0\0\0"))
         rows, _ = self.report()
@@ -100,8 +78,8 @@ class AvcoreWeb(SystemTest):
 
     def test_late_answers_deny(self):
         self.start("--url-agent-delay", "1000")
-        command(WEB_POLICY, web_policy(categories=[5]))
-        command(WEB_INTF, binding("wlan0"))
+        command(WEB_POLICY, web_policy("u", categories=[5]))
+        command(WEB_INTF, web_binding())
         self.feed(web_frame("blocked.example", 1), web_frame("blocked.example", 2),
                   web_frame("free.example", 3))
         rows, totals = self.report()  # once the late ones are through
@@ -112,12 +90,12 @@ class AvcoreWeb(SystemTest):
 
     def test_an_agent_that_is_down_and_comes_back(self):
         self.start("--url-agent-down")
-        command(WEB_POLICY, web_policy(categories=[5]))
-        command(WEB_INTF, binding("wlan0"))
+        command(WEB_POLICY, web_policy("u", categories=[5]))
+        command(WEB_INTF, web_binding())
         self.feed(*[web_frame("blocked.example", port) for port in range(1, 6)])
         self.jorn.wait_line("urlFilteringServerUnreachable")
         self.avcore.send_signal(signal.SIGUSR2)
-        self.until(lambda: self.feed(web_frame("blocked.example", 7)) or any(
+        wait_until(lambda: self.feed(web_frame("blocked.example", 7)) or any(
             "Final URL policy is BLOCKED" in line for line in self.jorn.lines.items))
         rows, totals = self.report()
         self.assertEqual([rows[port]["verdict"] for port in (1, 7)], [1, 3])
@@ -125,8 +103,8 @@ class AvcoreWeb(SystemTest):
 
     def test_late_answers_without_a_daemon_are_dropped(self):
         self.start("--url-agent-delay", "0", "--command-socket", "/tmp/nobody.sock")
-        command(WEB_POLICY, web_policy(categories=[5]))
-        command(WEB_INTF, binding("wlan0"))
+        command(WEB_POLICY, web_policy("u", categories=[5]))
+        command(WEB_INTF, web_binding())
         self.feed(web_frame("blocked.example", 1))
         rows, totals = self.report()
         self.assertEqual(rows[1]["verdict"], 1)
@@ -142,10 +120,10 @@ class AvcoreWeb(SystemTest):
 
         def bind(vip):
             command(WEB_FLUSH)
-            command(WEB_POLICY, web_policy(5, google=vip))
-            command(WEB_INTF, binding("wlan0"))
+            command(WEB_POLICY, web_policy("u", utp_id=5, google=vip))
+            command(WEB_INTF, web_binding())
             expected = "".join(f"{vip} {host}\n" for host in HOSTS) if vip else ""
-            self.until(lambda: os.path.exists(hosts) and mapped() == expected)
+            wait_until(lambda: os.path.exists(hosts) and mapped() == expected)
 
         bind("192.0.2.80")
         self.assertEqual(os.listdir(SAFE_SEARCH + "/utp-5"), os.listdir(SAFE_SEARCH + "/wlan0"))
@@ -157,14 +135,14 @@ class AvcoreWeb(SystemTest):
                  "--pid-file=", "--log-facility=/dev/null", *options])
             self.addCleanup(resolver.wait)
             self.addCleanup(resolver.terminate)
-        self.until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.80"}))
+        wait_until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.80"}))
         for kind in (28, 65):  # IPv6 and HTTPS would walk round it
             self.assertEqual(resolve("google.com", kind), (0, set()))
         self.assertEqual(resolve("mail.google.com", 1), (0, {SERVER}))
         bind("192.0.2.81")
-        self.until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.81"}))
+        wait_until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.81"}))
         bind(None)
-        self.until(lambda: resolve("www.google.com", 1) == (3, set()))
+        wait_until(lambda: resolve("www.google.com", 1) == (3, set()))
 
     def test_what_connects_cannot_leave_the_folder(self):
         self.start("--safe-search", SAFE_SEARCH)
@@ -172,15 +150,15 @@ class AvcoreWeb(SystemTest):
             client.connect(AV_SOCKET)
 
             def add(ifname, host, mode=1, utp_id=5):
-                client.send(struct.pack("=IIIIIi4s24s64s", 5, 0, 2, mode, utp_id, 0, b"\1\1\1\1",
+                client.send(struct.pack("=IIIIIi4s24s64s", OP_SAFESEARCH, 0, 2, mode, utp_id, 0, b"\1\1\1\1",
                                         ifname, host))
             for ifname in (b"../x", b".", b"..", b"", b"a/b", b"utp-5", b"w\n"):
                 add(ifname, b"a.example")
             for host in (b"", b".a", b"a b", b"a\n1.1.1.1 b", b"a/b"):
                 add(b"wlan1", host)
-            client.send(struct.pack("=II160x", 2, 0))  # the verdict of a flow that nobody saw
+            client.send(struct.pack("=II160x", OP_SET_APP, 0))  # the verdict of a flow that nobody saw
             add(b"w" * 24, b"a.example")
-            self.until(lambda: os.path.exists(f"{SAFE_SEARCH}/{'w' * 24}/hosts"))
+            wait_until(lambda: os.path.exists(f"{SAFE_SEARCH}/{'w' * 24}/hosts"))
         self.assertEqual(os.listdir(SAFE_SEARCH), ["w" * 24])
         self.assertFalse(os.path.exists("/tmp/x"))
         self.feed(udp_frame(1, 2))

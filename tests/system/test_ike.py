@@ -1,10 +1,7 @@
 """A real IKE exchange through the access point: strongSwan on a phone and as a carrier's gateway,
 which the phone finds by name. What IKE looks like, and that the gateway is the one that DNS says,
 are other programs' word here."""
-import json
-import unittest
-
-from testbed import *
+from records import *
 
 GATEWAY_NAME, GATEWAY, RESOLVER, PHONE = ("epdg.carrier.example", "10.9.0.10", "10.9.0.53",
                                           "10.9.0.2")
@@ -49,10 +46,7 @@ class Charon:
              "mount -t tmpfs tmpfs /run && exec /usr/lib/ipsec/charon"],
             env=os.environ | {"STRONGSWAN_CONF": f"{self.folder}/strongswan.conf"},
             stdout=self.log, stderr=self.log)
-        ends = time.monotonic() + DEADLINE
-        while self.swanctl("--stats").returncode:
-            assert time.monotonic() < ends and self.process.poll() is None, self.said()
-            time.sleep(0.05)
+        wait_until(lambda: self.swanctl("--stats").returncode == 0, f"charon of {netns}")
         loaded = self.swanctl("--load-all", "--noprompt", "--file", f"{self.folder}/swanctl.conf")
         assert loaded.returncode == 0, loaded
 
@@ -106,16 +100,10 @@ class IkeExchange(SystemTest):
         with open(ROWS, "w") as rows:
             avcore = self.start(jorn_path("avcore"), "-o", FEED, "-i", "wlan0", "-c",
                                 "/tmp/avcore.toml", "--json", stdout=rows, stderr=subprocess.DEVNULL)
-        self.wait_for(AV_SOCKET)
+        wait_for_path(AV_SOCKET)
         self.daemon()
-        self.wait_for(COMMAND_SOCKET)
+        wait_for_path(COMMAND_SOCKET)
         return avcore
-
-    def wait_for(self, path):
-        ends = time.monotonic() + DEADLINE
-        while not os.path.exists(path):
-            self.assertLess(time.monotonic(), ends, path)
-            time.sleep(0.01)
 
     def rows(self, avcore, until):
         """The phone's rows by the server's port, once they are as wanted or time is up."""
@@ -138,8 +126,7 @@ class IkeExchange(SystemTest):
         self.lay_out()
         self.start_resolver()
         avcore = self.start_access_point()
-        subprocess.run([jorn_path("jornctl"), "apply", "-"], input=json.dumps(DOCUMENT), text=True,
-                       check=True)
+        self.assertEqual(jornctl("apply", "-", document=DOCUMENT)[0], 0)
         gateway = self.charon("carrier", f"local_addrs = {GATEWAY}", GATEWAY_NAME, "%any")
         phone = self.charon("phone", f"remote_addrs = {GATEWAY_NAME}\nencap = yes",
                             "subscriber@carrier.example", GATEWAY_NAME)

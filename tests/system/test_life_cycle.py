@@ -1,9 +1,4 @@
 """The process: its start, its one instance, its way into the background and its end."""
-import os
-import signal
-import subprocess
-import unittest
-
 from testbed import *
 
 

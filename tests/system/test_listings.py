@@ -1,22 +1,11 @@
 """The daemon's listings, and what of a whole configuration a restart brings back."""
-import json
-import os
-import unittest
+from records import *
 
-from testbed import *
-
-USERDEF, USERDEF_SHOW, PORT_SERVICE, PORT_SHOW, UTP, UTP_SHOW = 6, 7, 13, 14, 20, 25
+USERDEF_SHOW, PORT_SHOW, UTP_SHOW = 7, 14, 25
 EXAMPLE = os.path.join(os.path.dirname(__file__), "../../examples/access-point.json")
 REPLY_MAX = 122_879
 NOUNS = {"applications": (), "utps": (), "priority": ("10",), "url": ("wlan0",),
          "utp-web": ("10",), "wifi-calling": (), "port-services": ()}
-
-
-def jornctl(*arguments, document=None):
-    """Exit status, output and complaints."""
-    done = subprocess.run([jorn_path("jornctl"), *arguments], input=json.dumps(document), text=True,
-                          capture_output=True, timeout=60)
-    return done.returncode, done.stdout, done.stderr
 
 
 def shown():
@@ -27,26 +16,19 @@ def shown():
     return found
 
 
-def userdef(name, family, protocol):
-    return struct.pack("=32xH6x4s20x4sHHI66sHHBx", family, bytes([10, 0, 0, 0]), b"\xff\0\0\0", 0, 80,
-                       protocol, name.encode(), 7, 8, 0)
-
-
 class Listings(SystemTest):
     def setUp(self):
         super().setUp()
         self.platform()
         self.start()
 
-    def start(self):
-        self.jorn = self.daemon()
-        self.wait_until_judging()
-
     def test_texts(self):
         self.assertEqual(command(USERDEF_SHOW), b"\n====User Defined Applications Policies====\n")
         self.assertEqual(command(PORT_SHOW), b"\n====JORN port app list====\nTOTAL:0\n")
         self.assertEqual(command(UTP_SHOW), b"\n No UTP configured! \n")
-        command(USERDEF, struct.pack("=i", 2) + userdef("four", 2, 6) + userdef("six", 10, 1))
+        same = {"dst": "10.0.0.0", "mask": "255.0.0.0", "port": 80, "app_id": 7, "cat_id": 8}
+        command(USERDEF, userdefs(userdef("four", protocol=6, **same),
+                                  userdef("six", protocol=1, family=10, **same)))
         self.assertEqual(command(USERDEF_SHOW), b"""
 ====User Defined Applications Policies====
 NO:1
@@ -60,7 +42,7 @@ NO:2
 
 """)
         for utp_id, name in ((64, "last"), (2, "first")):
-            command(UTP, struct.pack("=I4x65s65sxx", utp_id, name.encode(), b""))
+            command(UTP, utp(utp_id, name=name))
         self.assertEqual(command(UTP_SHOW), b"""
 \tUTP Name  : first
 \tUTP ID    : 2
@@ -77,7 +59,7 @@ NO:2
         names = sorted("n" * 60 + f"{i:04}" for i in range(1025))
         with open(PORT_SERVICE_FILE, "w") as file:
             file.writelines(f"{i + 1},tcp,1,1,{name}\n" for i, name in enumerate(names))
-        command(PORT_SERVICE)
+        command(PORT_SERVICES)
         text = command(PORT_SHOW).decode()
         entries = text.split("NO:")
         self.assertEqual(entries[0], "\n====JORN port app list====\nTOTAL:1025\n")
@@ -104,7 +86,6 @@ NO:2
         self.assertEqual(before["utps"][0]["web_policy"], "guests-web")
         self.assertEqual(before["utp-web"]["policy"], {**before["url"]["policy"],
                                                        "name": "guests-web"})
-        self.jorn.stop()
         self.start()
         after = shown()
         for noun in ("applications", "url", "wifi-calling", "port-services"):

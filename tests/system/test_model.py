@@ -1,14 +1,11 @@
 """Some thousand random commands and packets: the daemon decides as the model does."""
-import os
 import random
 import re
-import unittest
 
 from model import *
 
 SEED = int(os.environ.get("JORN_MODEL_SEED", 20261125))
 ROUNDS = 2000
-OP_RESET = 3
 ERROR = None
 
 CLIENTS = [f"10.0.{n % 2}.{n}" for n in range(1, 5)]

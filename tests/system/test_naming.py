@@ -1,8 +1,5 @@
 """How a flow gets its name: from DNS, from the DPI engine, from its addresses."""
-import unittest
-
-from records import DNS_SHOW
-from testbed import *
+from records import *
 
 DPI = 2  # the trailer's filter_type: a DPI result is there
 MORE, KNOWN, FAILED = 1, 2, 3
@@ -13,8 +10,7 @@ class Naming(SystemTest):
     def setUp(self):
         super().setUp()
         self.av = self.platform(tm_support="1")
-        self.jorn = self.daemon()
-        self.wait_until_judging()
+        self.start()
 
     def questions(self):
         return [socket.inet_ntoa(body[:4]) for op, body in self.av.messages.items
@@ -44,10 +40,6 @@ class Naming(SystemTest):
         self.assertIn("jorn_detect_pkt_dns_app",
                       self.jorn.wait_line("psms_get_dn_by_ip return error"))
 
-    def test_start_switches_the_engine_on(self):
-        switches = [body for op, body in self.av.messages.items if op == 4]
-        self.assertEqual(switches, [struct.pack("=Ii24s", 4, 1, b"")])
-
     def test_a_name_breaks_no_line(self):
         self.av.domains[SERVER] = (*HIT, "two\nlines\x1b[2J")
         self.name(tcp_frame(40000, 40001))
@@ -55,18 +47,14 @@ class Naming(SystemTest):
 
 
 class EngineAbsent(SystemTest):
-    def assert_dpi_is_ignored(self, **values):
-        av = self.platform(**values)
-        self.daemon()
+    def test_its_results_are_ignored(self):
+        av = self.platform()
         result = trailer(filter_type=DPI, dpi_status=KNOWN, dpi_app_id=1, dpi_app_name="YouTube")
-        self.assertEqual(self.judge([tcp_frame(40000, 40001)], result), [flow(40000, 40001, 6)])
-        self.assertFalse([op for op, _ in av.messages.items if op == 4])
-
-    def test_the_platform_says_that_there_is_none(self):
-        self.assert_dpi_is_ignored(tm_support="0")
-
-    def test_the_platform_says_nothing(self):
-        self.assert_dpi_is_ignored()
+        for values in ({}, {"tm_support": "0"}):  # nothing is said of it; there is none
+            av.values = values
+            self.start()
+            self.assertEqual(self.judge([tcp_frame(40000, 40001)], result), [flow(40000, 40001, 6)])
+        self.assertFalse([op for op, _ in av.messages.items if op == OP_SWITCH])
 
 
 if __name__ == "__main__":

@@ -2,8 +2,6 @@
 that roam between whole access points."""
 import ipaddress
 import re
-import struct
-import unittest
 
 from access_points import *
 
@@ -34,6 +32,12 @@ def roam_flow(name, *addresses, server_index=1):
 
 def message(*flows, count=None):
     return struct.pack("=I", len(flows) if count is None else count) + b"".join(flows)
+
+
+def names_in(listing):
+    """Names by address."""
+    return dict(zip(re.findall("dst ip: (.*)", listing),
+                    re.findall("application name: (.*)", listing)))
 
 
 class Bus:
@@ -87,16 +91,10 @@ class RoamingTest(SystemTest):
         self.assertEqual((kind, body), (SUBSCRIBE, struct.pack("=32s64s64s", b"jorn", b"*", TOPIC)))
         return platform, bus, daemon
 
-    def listed(self, *, until=None):
-        """Addresses and names of the DNS listing; waits for an address."""
-        ends = time.monotonic() + DEADLINE
-        while True:
-            text = command(DNS_SHOW).decode()
-            entries = dict(zip(re.findall("dst ip: (.*)", text),
-                               re.findall("application name: (.*)", text)))
-            if until is None or until in entries:
-                return entries
-            self.assertLess(time.monotonic(), ends, f"{until} isn't listed")
+    def listed(self, *, until):
+        """The DNS listing, once it has this address."""
+        return wait_until(lambda: until in (found := names_in(command(DNS_SHOW).decode())) and found,
+                          f"{until} isn't listed")
 
 
 class Publishing(RoamingTest):
@@ -192,19 +190,14 @@ class AccessPoints(unittest.TestCase):
             each.kill()
 
     def start_daemon(self, point):
-        self.daemons.append(point.daemon())
+        self.daemons.append(point.daemon("-d"))
         point.wait_for(COMMAND_SOCKET)
 
     def listed(self, point):
-        text = point.jornctl("show", "dns")
-        return dict(zip(re.findall("dst ip: (.*)", text), re.findall("application name: (.*)", text)))
+        return names_in(point.jornctl("show", "dns"))
 
     def wait_listed(self, point, entries, before=lambda: None):
-        ends = time.monotonic() + DEADLINE
-        while not entries.items() <= (listed := self.listed(point)).items():
-            self.assertLess(time.monotonic(), ends, listed)
-            before()
-            time.sleep(0.05)
+        wait_until(lambda: before() or entries.items() <= self.listed(point).items(), entries)
 
     def talk(self, point, name, address, port):
         """The station learns a name by DNS and talks to its address."""

@@ -1,8 +1,4 @@
 """Every kind of frame, from the wire to the 232 bytes of its verdict."""
-import dataclasses
-import signal
-import unittest
-
 from testbed import *
 
 # What it is, the frame, its verdict.

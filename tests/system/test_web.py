@@ -1,43 +1,13 @@
 """Web and URL filtering: what is asked and decided, what comes late, what is kept."""
-import dataclasses
-import unittest
-
 from records import *
 
-WEB_UTP, WEB_POLICY, WEB_FLUSH, WEB_INTF, LATE, SHOW_INTF, SHOW_UTP, DEBUG = \
-    21, 28, 29, 30, 31, 32, 33, 34
-OP_SET_APP, OP_RESET, OP_DEVICE, OP_SAFESEARCH = 2, 3, 4, 5
-DISABLE, DELETE, ADD = 1, 2, 3
+WEB_UTP, LATE, SHOW_INTF, SHOW_UTP = 21, 31, 32, 33
 FILE = "/writable/jorn/web_filter_config.txt"
 EMPTY_FILE = "[webPolicy]\n[webPolicy end]\n[intfcfg]\n[intfcfg end]\n"
 EVENT_SERVICE = "/tmp/cub_uds"
 DOMAIN = "Www.Example.org"
 HOSTS = {"google": ("google.com", "www.google.com", "search.google.com"),
          "bing": ("bing.com", "www.bing.com"), "youtube": ("youtube.com", "www.youtube.com")}
-
-
-def web_policy(uuid="", *, name="", utp_id=0, filter_type=4, categories=(), slots=(), white=(),
-               black=(), counts=(None, None, None), google=None, bing=None, youtube=None):
-    """`slots` are categories behind those that are counted; `counts` lie about the lists; an engine
-    with an address has safe search on."""
-    counts = [len(found) if count is None else count
-              for count, found in zip(counts, (categories, white, black))]
-
-    def texts(patterns):
-        return b"".join(struct.pack("65s", p.encode("latin-1")) for p in patterns)
-
-    def engine(vip):
-        return struct.pack("=B3x4s", 1 if vip else 0, socket.inet_aton(vip or "0.0.0.0"))
-    listed = [*categories, *slots]
-    return (struct.pack("=IB3x83i", filter_type, counts[0], *listed, *[0] * (83 - len(listed))) +
-            struct.pack("=B1040s", counts[1], texts(white)) +
-            struct.pack("=B1040s2x", counts[2], texts(black)) +
-            engine(google) + engine(bing) + engine(youtube) +
-            struct.pack("=I65s65s2x", utp_id, uuid.encode(), name.encode()))
-
-
-def binding(ifname="wlan0", uuid="u", *, op=ADD, enable=1, value=7):
-    return struct.pack("=B17s2xII65s3x", enable, ifname.encode(), value, op, uuid.encode())
 
 
 def answer(*categories, status=0, count=0, reputation=80):
@@ -114,22 +84,15 @@ class WebTest(SystemTest):
         super().setUp()
         self.av = self.platform(tm_support="1", webroot_server="urls.example",
                                 base_mac="02:00:00:00:00:01")
-        self.jorn = None
         self.says(answer())
 
     def says(self, reply, rc=0):
         self.av.answers[OP_CATEGORY] = lambda _: (rc, reply and reply + bytes(116))
 
-    def start(self, *options):
-        if self.jorn:
-            self.assertEqual(self.jorn.stop(), 0)
-        self.jorn = self.daemon(*options)
-        self.wait_until_judging()
-
     def bind(self, *uuids, **fields):
         for uuid in uuids:
             command(WEB_POLICY, web_policy(uuid, **fields))
-        command(WEB_INTF, binding(uuid=uuids[0]))
+        command(WEB_INTF, web_binding(uuid=uuids[0]))
 
     def get(self, domain=DOMAIN, frame=FRAME, **fields):
         return self.judge([frame], trailer(**{"filter_type": 1, "kernel_domain": domain} | fields))[0]
@@ -148,7 +111,7 @@ class Decision(WebTest):
     def test_the_request_field_by_field(self):
         names = {"src_if_name": "wlan0-fifteen16", "dst_if_name": "eth0-with-16-ch."}
         command(WEB_POLICY, web_policy("u"))
-        command(WEB_INTF, binding(names["dst_if_name"]))
+        command(WEB_INTF, web_binding(names["dst_if_name"]))
         self.says(answer(0x10000 + 5))
         self.assertEqual(self.get(word2=64, word3=99, **names), web_flow(app_cat_id=5))
         self.assertEqual(self.sent(OP_CATEGORY), [request(
@@ -223,7 +186,7 @@ class Decision(WebTest):
                 for uuid in "sdab":
                     command(WEB_POLICY, web_policy(uuid, black=[f"{uuid}.net"]))
                 for ifname, uuid in (("wlan0", src), ("eth0", dst)):
-                    command(WEB_INTF, binding(ifname, op=DELETE) if uuid is None else binding(
+                    command(WEB_INTF, web_binding(ifname, op=DELETE) if uuid is None else web_binding(
                         ifname, uuid or "none", enable=0 if uuid == "-" else 1))
                 for number, uuid in ((1, utp1), (63, utp63)):
                     command(WEB_UTP, utp(number, uuid or ""))
@@ -236,7 +199,7 @@ class Decision(WebTest):
         blocks = {"black": [DOMAIN]}
         command(WEB_POLICY, web_policy("Ab", **blocks))
         command(WEB_POLICY, web_policy("aB"))  # never found
-        command(WEB_INTF, binding(uuid="aB"))
+        command(WEB_INTF, web_binding(uuid="aB"))
         self.assertEqual(self.get().deny, 1)
         command(WEB_FLUSH)  # nothing released is followed
         self.assertEqual(self.get(), web_flow(""))
@@ -250,10 +213,10 @@ class Decision(WebTest):
             command(WEB_POLICY, web_policy(utp_id=number, **blocks))
         self.assertEqual(self.get(word3=64).deny, 0)  # shown, not found
         for what, payload, deny in (
-                ("bound", binding(uuid="AB"), 1), ("refused", binding(op=0), 1), ("disable, enabled", binding(op=DISABLE), 1),
-                ("another's", binding("wlan", op=DELETE), 1), ("case", binding("WLAN0", op=DELETE), 1),
-                ("disable", binding(op=DISABLE, enable=0), 0), ("again", binding(uuid="AB"), 1),
-                ("delete", binding(op=DELETE), 0)):
+                ("bound", web_binding(uuid="AB"), 1), ("refused", web_binding(op=0), 1), ("disable, enabled", web_binding(op=DISABLE), 1),
+                ("another's", web_binding("wlan", op=DELETE), 1), ("case", web_binding("WLAN0", op=DELETE), 1),
+                ("disable", web_binding(op=DISABLE, enable=0), 0), ("again", web_binding(uuid="AB"), 1),
+                ("delete", web_binding(op=DELETE), 0)):
             with self.subTest(what):
                 command(WEB_INTF, payload)
                 self.assertEqual(self.get().deny, deny)
@@ -285,11 +248,11 @@ class Decision(WebTest):
         self.assertEqual(self.get("x15.net"), web_flow("x15.net", **WHITE))
         self.assertEqual(self.get("z"), web_flow("z", **DENIED))
         for number in range(1024):
-            command(WEB_INTF, binding(f"if{number}", "u"))
+            command(WEB_INTF, web_binding(f"if{number}", "u"))
             command(WEB_POLICY, web_policy(f"u{number}", black=["q"]))
         self.jorn.wait_line("the binding of if1023 is refused: there are 1024")
         self.jorn.wait_line("web policy  is refused: there are 1024")
-        command(WEB_INTF, binding("wlan0", "none"))  # one that is there is replaced
+        command(WEB_INTF, web_binding("wlan0", "none"))  # one that is there is replaced
         self.assertEqual(self.get("z"), web_flow(""))
         self.assertEqual(self.get("z", src_if_name="if1022").deny, 1)
 
@@ -301,7 +264,7 @@ class Decision(WebTest):
                               (web_policy("\x7f"), "uuid holds a control character")):
             command(WEB_POLICY, payload)
             self.jorn.wait_line(says)
-        command(WEB_INTF, binding("wlan0", "u\n"))
+        command(WEB_INTF, web_binding("wlan0", "u\n"))
         self.jorn.wait_line("web binding of wlan0 is refused: policy_uuid")
         with open(FILE) as file:
             self.assertEqual(file.read().count("[policy_end]"), 1)
@@ -413,13 +376,13 @@ class SafeSearch(WebTest):
         for number, payload, calls in (
                 (WEB_POLICY, web_policy("plain"), []),
                 (WEB_POLICY, web_policy("safe", **vips), []),
-                (WEB_INTF, binding(uuid="plain"), safe_search_calls("wlan0")),
-                (WEB_INTF, binding("wlan1", "SAFE"), safe_search_calls("wlan1", **vips)),
-                (WEB_INTF, binding("wlan2", "none"), []),
-                (WEB_INTF, binding("wlan1", op=DELETE), []),
+                (WEB_INTF, web_binding(uuid="plain"), safe_search_calls("wlan0")),
+                (WEB_INTF, web_binding("wlan1", "SAFE"), safe_search_calls("wlan1", **vips)),
+                (WEB_INTF, web_binding("wlan2", "none"), []),
+                (WEB_INTF, web_binding("wlan1", op=DELETE), []),
                 (WEB_UTP, utp(64, "safe"), safe_search_calls(64, **vips)),
                 (WEB_UTP, utp(64, ""), []),
-                (WEB_INTF, binding("wlan3", "safe"), safe_search_calls("wlan3", **vips)),
+                (WEB_INTF, web_binding("wlan3", "safe"), safe_search_calls("wlan3", **vips)),
                 # The interface whose policy has the UTP, and the UTP.
                 (WEB_POLICY, web_policy("new", utp_id=64, **other),
                  safe_search_calls("wlan3", **other) + safe_search_calls(64, **other)),
@@ -448,9 +411,9 @@ class Files(WebTest):
     def configure(self):
         command(WEB_POLICY, web_policy("U-1", name="Office", utp_id=9, **FULL))
         command(WEB_POLICY, web_policy())
-        command(WEB_INTF, binding("wlan0", "u-1"))
-        command(WEB_INTF, binding("wlan1", "", enable=0, value=0xFFFFFFFF))
-        command(WEB_INTF, binding("wlan2", "none"))
+        command(WEB_INTF, web_binding("wlan0", "u-1"))
+        command(WEB_INTF, web_binding("wlan1", "", enable=0, value=0xFFFFFFFF))
+        command(WEB_INTF, web_binding("wlan2", "none"))
 
     def load(self, text):
         with open(FILE, "wb") as file:
@@ -472,8 +435,8 @@ class Files(WebTest):
             # The web file first, with its own switches; the empty binding finds the empty uuid.
             self.assertEqual(calls, [(OP_SAFESEARCH, call) for call in safe_search_calls("wlan0", **vips) +
                                      safe_search_calls("wlan1")] +
-                             [(OP_DEVICE, struct.pack("=Ii24s", 2, 1, name)) for name in (b"wlan0", b"wlan2")] +
-                             [(OP_RESET, b"")] + [(OP_DEVICE, struct.pack("=Ii24s", *switch))
+                             [(OP_SWITCH, struct.pack("=Ii24s", 2, 1, name)) for name in (b"wlan0", b"wlan2")] +
+                             [(OP_RESET, b"")] + [(OP_SWITCH, struct.pack("=Ii24s", *switch))
                                                   for switch in ((1, 1, b"wlan0"), (4, 1, b""))])
             self.assertEqual(self.get("x.a.net"), web_flow("x.a.net", **WHITE))
             command(WRITE)
@@ -509,13 +472,13 @@ class Files(WebTest):
         self.addCleanup(run, "umount", "-l", "/writable/jorn")
         self.start()
         for number in range(60):
-            command(WEB_INTF, binding(f"if{number}", "x" * 64))
+            command(WEB_INTF, web_binding(f"if{number}", "x" * 64))
         self.jorn.wait_line("write web-interface configuration failed")
         for number in range(3):
             command(WEB_POLICY, web_policy(str(number), black=["x" * 64] * 16, white=["y" * 64] * 16))
         self.jorn.wait_line("write web-filter configuration failed")
         for number in range(60):
-            command(WEB_INTF, binding(f"if{number}", op=DELETE))
+            command(WEB_INTF, web_binding(f"if{number}", op=DELETE))
         command(WEB_FLUSH)
         self.configure()
         self.assertEqual(saved(), WHOLE)
@@ -533,7 +496,7 @@ class Files(WebTest):
         command(WEB_POLICY, web_policy("odd", filter_type=7, bing="203.0.113.9"))
         command(WEB_UTP, utp(64, "odd", "Guests"))
         command(WEB_UTP, utp(3, "", "Nobody"))
-        command(WEB_INTF, binding("sixteen-letters.", "odd", enable=2))
+        command(WEB_INTF, web_binding("sixteen-letters.", "odd", enable=2))
         for payload, says in ((b"wlan0", "Enable\tPolicy UUID: u-1\n" + text),
                               (b"sixteen-letters.", "Disable\tPolicy UUID: odd\n" + empty),
                               (b"wlan2", "Enable\n\n==== No URL Filtering Policy Attached ====\n")):

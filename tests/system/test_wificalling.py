@@ -1,26 +1,9 @@
 """Wi-Fi calling: carriers and bindings by command, the traffic that they tag, the file, the listing."""
-import unittest
+from records import *
 
-from records import POLICY, policy, rule
-from testbed import *
-
-CARRIER, BINDING, SHOW, FLUSH, OP_DEVICE = 35, 36, 37, 38, 4
+SHOW, FLUSH = 37, 38
 FOLDER, FILE = "/writable/jorn", "/writable/jorn/wificalling_config.txt"
 WIFICALLING = 4  # of filter_type
-
-
-def carrier(name, priority, *epdgs, alt="alt", count=None):
-    """`epdgs` are pairs of name and address."""
-    slots = b"".join(struct.pack("256s4s", fqdn.encode(), socket.inet_aton(address))
-                     for fqdn, address in epdgs)
-    return struct.pack("=B3xi1300s65s65s", len(epdgs) if count is None else count, priority, slots,
-                       alt.encode(), name.encode())
-
-
-def binding(ifname, *names, enable=1, value=0, count=None):
-    profiles = b"".join(struct.pack("65s", name.encode()) for name in names)
-    return struct.pack("=B19sii325s325x2x", enable, ifname.encode(), value,
-                       len(names) if count is None else count, profiles)
 
 
 def saved():
@@ -36,7 +19,7 @@ def whole(carriers, bindings):
 
 def unchanged_save():
     """A command that is refused rewrites the file all the same."""
-    command(BINDING, binding("nobody's", enable=0))
+    command(CARRIER_BINDING, carrier_binding("nobody's", enable=0))
     return saved()
 
 
@@ -64,11 +47,11 @@ REFUSED = [
     (CARRIER, carrier("A", 1, ("x\x7f", "1.1.1.1")), "0x7f, at byte 1"),
     (CARRIER, carrier("A", 1, ("x\n", "1.1.1.1"), count=0), "0x0a, at byte 1"),
     (CARRIER, carrier("B", 1, alt="x[Policy_End]"), 'alt_name holds "[policy_end]"'),
-    (BINDING, binding("wlan0", "A", "[INTFCFG end]"), 'profile holds "[intfcfg end]"'),
-    (BINDING, binding("wl\rn0", "A"), "0x0d, at byte 2"),
-    (BINDING, binding("wlan9", "a b"), "No such policy 'a b' is configured for wlan wlan9"),
-    (BINDING, binding("WLAN0", enable=0), "Interface: WLAN0 not found"),
-    (BINDING, b"\0", "Interface:  not found"),
+    (CARRIER_BINDING, carrier_binding("wlan0", "A", "[INTFCFG end]"), 'profile holds "[intfcfg end]"'),
+    (CARRIER_BINDING, carrier_binding("wl\rn0", "A"), "0x0d, at byte 2"),
+    (CARRIER_BINDING, carrier_binding("wlan9", "a b"), "No such policy 'a b' is configured for wlan wlan9"),
+    (CARRIER_BINDING, carrier_binding("WLAN0", enable=0), "Interface: WLAN0 not found"),
+    (CARRIER_BINDING, b"\0", "Interface:  not found"),
 ]
 
 # A file that was edited or cut, and what is written after it was read.
@@ -92,14 +75,7 @@ class WifiCalling(SystemTest):
     def setUp(self):
         super().setUp()
         self.av = self.platform()
-        self.jorn = None
         self.start()
-
-    def start(self):
-        if self.jorn:
-            self.assertEqual(self.jorn.stop(), 0)
-        self.jorn = self.daemon()
-        self.wait_until_judging()
 
     def say(self, number, payload, says):
         since = self.lines_so_far(self.jorn)
@@ -145,35 +121,35 @@ class WifiCalling(SystemTest):
     def test_bindings(self):
         for name, priority in (("Tel", 1), ("A", 2), ("TEL", 3)):
             command(CARRIER, carrier(name, priority, (name, "192.0.2.5")))
-        command(BINDING, binding("wlan0", "tel", "none", value=-7))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "tel", "none", value=-7))
         self.assertTagged(self.judge_ike(), "tel", 3, "TEL")  # the later of the two
         for number, payload, says in REFUSED:
             with self.subTest(says):
                 before = saved()
                 self.say(number, payload, says)
                 self.assertEqual(saved(), before)
-        self.say(BINDING, binding("WLAN0", "a", enable=9, value=5), "Updating Existing node !")
+        self.say(CARRIER_BINDING, carrier_binding("WLAN0", "a", enable=9, value=5), "Updating Existing node !")
         self.assertTrue(saved().endswith("[intfcfg]\nwlan0;1;-7;1;a;\n[intfcfg end]\n"))
         self.assertTagged(self.judge_ike(), "a", 2, "A")
-        self.say(BINDING, binding("wlan0", "gone", "gone too", count=2), "No such policy 'gone'")
+        self.say(CARRIER_BINDING, carrier_binding("wlan0", "gone", "gone too", count=2), "No such policy 'gone'")
         self.assertEqual(command(SHOW), b"Interface Name: wlan0\n(1) Policy Name: gone\n"
                                         b"(2) Policy Name: gone too\n\n")
         self.assertUntagged(self.judge_ike())
-        self.say(BINDING, binding("a-name-of-19-bytes!", "A", "", "", "", "", count=9), "9 is cut to 5")
+        self.say(CARRIER_BINDING, carrier_binding("a-name-of-19-bytes!", "A", "", "", "", "", count=9), "9 is cut to 5")
         self.assertIn("\na-name-of-19-byt;1;0;5;A,,,,;\n", saved())
-        self.say(BINDING, binding("wlan0", count=-1), "-1 is cut to 0")
+        self.say(CARRIER_BINDING, carrier_binding("wlan0", count=-1), "-1 is cut to 0")
         self.assertIn("\nwlan0;1;-7;0;;\n", saved())
         # A flush takes the carriers from the bindings until they are sent again.
-        command(BINDING, binding("wlan0", "A"))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "A"))
         before = saved()
         command(FLUSH)
         self.assertEqual(saved(), before)
         self.assertUntagged(self.judge_ike())
         command(CARRIER, carrier("A", 7, ("new", "192.0.2.5")))
         self.assertUntagged(self.judge_ike())
-        command(BINDING, binding("wlan0", "A"))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "A"))
         self.assertTagged(self.judge_ike(), "a", 7, "new")
-        command(BINDING, binding("wlan0", enable=0))
+        command(CARRIER_BINDING, carrier_binding("wlan0", enable=0))
         self.assertUntagged(self.judge_ike())
 
     def test_detection(self):
@@ -181,10 +157,10 @@ class WifiCalling(SystemTest):
                       carrier("Names", 0x102, ("EPDG.b.example", "0.0.0.0")),
                       carrier("Silent", 0xFF, ("none.example", "0.0.0.0"))):
             command(CARRIER, block)
-        for block in (binding("wlan0", "x", "carriera", "Names", "Silent"), binding("wlan1", "Names"),
-                      binding("sixteen-letters!", "Names"), binding("wlan2", "Names"),
-                      binding("wlan1", "gone"), binding("wlan2")):
-            command(BINDING, block)
+        for block in (carrier_binding("wlan0", "x", "carriera", "Names", "Silent"), carrier_binding("wlan1", "Names"),
+                      carrier_binding("sixteen-letters!", "Names"), carrier_binding("wlan2", "Names"),
+                      carrier_binding("wlan1", "gone"), carrier_binding("wlan2")):
+            command(CARRIER_BINDING, block)
         a, b = ("carriera", 3, "epdg.A.example"), ("names", 2, "x.epdg.B.example.net")
         self.av.domains |= {"198.51.100.7": (1, 1, 1, b[2]), "198.51.100.8": (0, 1, 1, ""),
                             "198.51.100.9": (1, 1, 1, "none.example"), "198.51.100.10": (1, 1, 0, b[2]),
@@ -212,7 +188,7 @@ class WifiCalling(SystemTest):
         self.assertEqual(self.judge_ike(dst="198.51.100.9", utp=1).verdict, 3)
         # An empty FQDN fits every name but the empty one; a failed question ends the look-up.
         command(CARRIER, carrier("Any", 1, ("", "0.0.0.0")))
-        command(BINDING, binding("wlan0", "Any"))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "Any"))
         self.assertTagged(self.judge_ike(**named), "any", 1, b[2])
         self.assertUntagged(self.judge_ike(dst="198.51.100.8"))
         self.av.answers[OP_DOMAIN] = lambda _: (-1, b"")
@@ -228,7 +204,7 @@ class WifiCalling(SystemTest):
         texts = []
         for i in range(40):
             numbers = [(i + j) % 6 for j in range(5)] if i else [1]
-            command(BINDING, binding(f"wlan{i}", *[f"C{n}" for n in numbers]))
+            command(CARRIER_BINDING, carrier_binding(f"wlan{i}", *[f"C{n}" for n in numbers]))
             text = f"Interface Name: wlan{i}\n"
             for place, n in enumerate(numbers, 1):
                 *first, (name, address) = [(f[:255], a) for f, a in epdgs[n]] or [("", "0.0.0.0")]
@@ -244,8 +220,8 @@ class WifiCalling(SystemTest):
     def configure(self):
         command(CARRIER, carrier("CarrierA", 5, ("epdg-1", "192.0.2.5"), ("", "10.0.0.2"), alt=""))
         command(CARRIER, carrier("CarrierB", -1))
-        command(BINDING, binding("wlan0", "carriera", "None"))
-        command(BINDING, binding("wlan1", "CarrierB", enable=2, value=-4))
+        command(CARRIER_BINDING, carrier_binding("wlan0", "carriera", "None"))
+        command(CARRIER_BINDING, carrier_binding("wlan1", "CarrierB", enable=2, value=-4))
         return whole(["CarrierA;;5;2;epdg-1,192.0.2.5,,10.0.0.2;", "CarrierB;alt;-1;0;,0.0.0.0;"],
                      ["wlan0;1;0;2;carriera,None;", "wlan1;2;-4;1;CarrierB;"])
 
@@ -256,7 +232,7 @@ class WifiCalling(SystemTest):
         for _ in range(2):
             since = self.messages_so_far()
             self.start()
-            self.assertEqual([body for op, body in self.av.messages.items[since:] if op == OP_DEVICE],
+            self.assertEqual([body for op, body in self.av.messages.items[since:] if op == OP_SWITCH],
                              [struct.pack("=Ii24s", 3, 1, b"wlan0")])
             self.assertEqual(command(SHOW), listing)
             self.assertTagged(self.judge_ike(), "carriera", 5, "epdg-1")
@@ -277,14 +253,14 @@ class WifiCalling(SystemTest):
         self.addCleanup(run, "umount", "-l", FOLDER)
         command(CARRIER, carrier("a", 1, *[(i * 250, "1.1.1.1") for i in "abcde"]))
         for i in range(40):
-            command(BINDING, binding(f"w{i}", "a", *["n" * 64] * 4))
+            command(CARRIER_BINDING, carrier_binding(f"w{i}", "a", *["n" * 64] * 4))
         self.jorn.wait_line("write interface configuration file error!")
         self.jorn.wait_line("write web-interface configuration failed")
         for i in "bcdefg":
             command(CARRIER, carrier(i, 1, *[(j * 250, "1.1.1.1") for j in "abcde"]))
         self.jorn.wait_line("write wificalling configuration failed")
         for i in range(40):
-            command(BINDING, binding(f"w{i}", enable=0))
+            command(CARRIER_BINDING, carrier_binding(f"w{i}", enable=0))
         command(FLUSH)
         expected = self.configure()
         self.assertEqual(saved(), expected)

@@ -33,7 +33,7 @@ PID_FILE = "/var/run/jorn.pid"
 PORT_SERVICE_FILE = "/writable/jorn/uploadjorport_file_1.0"
 SANITIZER_LOG = "/tmp/sanitizer"
 
-OP_IOCTL, OP_SWITCH, OP_SYSLOG = 1, 4, 6
+OP_IOCTL, OP_SET_APP, OP_RESET, OP_SWITCH, OP_SAFESEARCH, OP_SYSLOG = range(1, 7)
 OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
 
 CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
@@ -56,6 +56,19 @@ def mac(text):
 
 def text_of(field):
     return field.split(b"\0")[0].decode()
+
+
+def wait_until(done, what="what was awaited"):
+    """What `done` returns, once that is something."""
+    ends = time.monotonic() + DEADLINE
+    while not (found := done()):
+        assert time.monotonic() < ends, what
+        time.sleep(0.01)
+    return found
+
+
+def wait_for_path(path):
+    wait_until(lambda: os.path.exists(path), path)
 
 
 # Frames.
@@ -444,7 +457,7 @@ def kill_while_sending(daemon, number, source):
 
 class SystemTest(unittest.TestCase):
     def setUp(self):
-        self._platform = self._feed = None
+        self._platform = self._feed = self.jorn = None
         # Nothing saved before; the port-service file is there, or its want would be reported.
         shutil.rmtree("/writable/jorn", ignore_errors=True)
         os.makedirs("/writable/jorn")
@@ -485,6 +498,13 @@ class SystemTest(unittest.TestCase):
         daemon = Daemon("-i", interface, *options, before=before)
         self.addCleanup(self._end, daemon)
         return daemon
+
+    def start(self, *options):
+        """The daemon, or the next one, until it judges."""
+        if self.jorn:
+            self.assertEqual(self.jorn.stop(), 0)
+        self.jorn = self.daemon(*options)
+        self.wait_until_judging()
 
     def _end(self, daemon):
         try:

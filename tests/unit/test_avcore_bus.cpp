@@ -16,59 +16,6 @@ namespace {
 
 using namespace avcore;
 
-// What a reader makes of `stream`, dealt out in pieces: the sizes of the messages, -1 for a bad
-// length, -2 for a message that isn't whole.
-std::vector<int> read_all(std::span<const std::byte> stream, size_t piece) {
-    std::vector<int> found;
-    wire_reader reader;
-    auto state = wire_reader::state::message;
-    while (!stream.empty()) {
-        const std::span<std::byte> room = reader.room();
-        const size_t size = std::min({room.size(), stream.size(), piece});
-        memcpy(room.data(), stream.data(), size);
-        stream = stream.subspan(size);
-        state = reader.took(size);
-        if (state == wire_reader::state::message)
-            found.push_back(static_cast<int>(reader.body().size()));
-        if (state == wire_reader::state::bad_length) {
-            found.push_back(-1);
-            return found;
-        }
-    }
-    if (state == wire_reader::state::more)
-        found.push_back(-2);
-    return found;
-}
-
-TEST(BusWire, MessagesComeWholeHoweverTheyAreDealtOut) {
-    const struct {
-        std::vector<uint32_t> lengths; // the last one may be followed by less
-        size_t cut;
-        std::vector<int> found;
-    } rows[] = {
-        {{128}, 0, {128}},
-        {{17'028, 128, 200}, 0, {17'028, 128, 200}},
-        {{128, 17'028}, 1, {128, -2}},
-        {{128, 128}, 130, {128, -2}}, // two bytes of the length
-        {{128, 0, 128}, 0, {128, -1}},
-        {{127}, 0, {-1}},
-        {{17'029}, 17'029, {-1}},
-        {{0xFFFFFFFF}, 128, {-1}},
-    };
-    for (const auto &row : rows) {
-        std::vector<std::byte> stream;
-        for (const uint32_t length : row.lengths) {
-            const uint32_t length_be = htonl(length);
-            const auto *field = reinterpret_cast<const std::byte *>(&length_be);
-            stream.insert(stream.end(), field, field + sizeof length_be);
-            stream.resize(stream.size() + std::min(length, 17'029u));
-        }
-        stream.resize(stream.size() - row.cut);
-        for (const size_t piece : {size_t{1}, size_t{3}, size_t{1000}, stream.size()})
-            EXPECT_EQ(read_all(stream, piece), row.found) << row.lengths[0] << " by " << piece;
-    }
-}
-
 TEST(BusWire, NamesMayFillTheirFields) {
     const std::string name(64, 'n');
     const std::vector<std::byte> bytes = encode_message(name, "topic", {});

@@ -157,15 +157,4 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
     EXPECT_EQ(written(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n"));
 }
 
-TEST_F(Configuration, FileIsCreatedAnewAndRemovedWhenUnreadable) {
-    const std::string deeper = folder().path_of("a/b");
-    copy_text(jorn_settings.saved_files_folder, deeper);
-    add_policy(1, {rule_of("longer")});
-    jorn_save_configuration();
-    jorn_process_arc_policy_flush();
-    jorn_save_configuration();
-    const std::string path = deeper + '/' + APPLICATION_POLICY_FILE;
-    EXPECT_EQ(std::filesystem::file_size(path), EMPTY.size());
-}
-
 } // namespace

@@ -1,8 +1,7 @@
 #include "core/base/reply.h"
 #include "core/files/regular_file.h"
-#include "core/files/storable.h"
 #include "core/files/text_file.h"
-#include "core/text/fields.h"
+#include "core/text/line_format.h"
 #include "core/text/text.h"
 
 #include <gtest/gtest.h>
@@ -103,30 +102,6 @@ TEST(Files, ASignalInBetweenDoesntCount) {
     fclose(file);
 }
 
-TEST(FieldSplitter, PlacesOfEmptyFields) {
-    const struct {
-        const char *text;
-        field_format format;
-        texts fields;
-    } rows[] = {
-        {"", {';'}, {}},
-        {"a;;b;", {';'}, {"a", "", "b"}},
-        {" a ;\t\r;\r\n", {';'}, {" a ", "\t\r", "\r\n"}},
-        {" a ;\t\r;\r\n", {.separator = ';', .trimmed = true}, {"a", "\t", ""}},
-        {",,a,,,b,,", {.separator = ',', .empties_vanish = true}, {"a", "b"}},
-        {"a, ,b", {',', true, true}, {"a", "", "b"}},
-    };
-    for (const auto &row : rows) {
-        texts fields;
-        field_splitter splitter(row.text, row.format);
-        std::string_view field;
-        while (splitter.next(field))
-            fields.emplace_back(field);
-        EXPECT_EQ(fields, row.fields) << row.text;
-        EXPECT_TRUE(field.empty());
-    }
-}
-
 struct listed {
     char name[8];
     uint8_t count;
@@ -163,29 +138,6 @@ TEST(LineFormat, ListsKeepTheirPlacesAndNothingOutgrowsTheText) {
             EXPECT_TRUE(length < capacity || length == 0);
             EXPECT_TRUE(to.result() != 0 || std::string_view(text, length) == line);
         }
-    }
-}
-
-TEST(Storable, TextsThatWouldTearAFileAreRefusedWithTheirPlace) {
-    constexpr std::string_view MARKERS[] = {"[x end]"};
-    const struct {
-        const char *line;
-        const char *says; // none: it may be stored
-    } rows[] = {
-        {"a b\xFF;1;\x80,;\n", nullptr},
-        {"ab\n;0;-;\n", "thing 1 is refused: name holds a control character, 0x0a, at byte 2\n"},
-        {";2;a,b\x7F,;\n", "items holds a control character, 0x7f, at byte 3\n"},
-        {"[X END];0;-;\n", "name holds \"[x end]\"\n"},
-    };
-    jorn_settings.debug = 1; // the log goes to standard error
-    for (const auto &row : rows) {
-        listed record = {};
-        read_line(row.line, LISTED_LINE, record);
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(is_storable(record, LISTED_LINE, MARKERS, "thing 1", JORN_AS("f")),
-                  row.says == nullptr);
-        const std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_NE(log.find(row.says == nullptr ? "" : row.says), std::string::npos) << log;
     }
 }
 
