@@ -59,7 +59,7 @@ class Measurement(InlineTest):
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
                 self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
-                                 (0, ""))
+                                 (0, "", ""))
                 time.sleep(0.5)
             return {**self.flow("tcp", port, counted), **self.flow("udp", port, counted),
                     "ping": self.latency()}

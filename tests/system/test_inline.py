@@ -283,7 +283,7 @@ class Routed(Layout, InlineTest):
             "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
                               ["Gambling"], "google_safe_search": True, "google_vip": NAMED[4]}],
             "web_interfaces": [{"ifname": "wlan0", "enable": True, "policy_uuid": "f"}]}),
-            (0, ""))
+            (0, "", ""))
         self.until(lambda: os.path.exists("/tmp/resolvers/wlan0/dnsmasq.conf"))
         on_server = ("nsenter", "--net=/run/netns/server")
         for program in (
