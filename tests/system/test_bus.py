@@ -299,6 +299,13 @@ class Bus(unittest.TestCase):
                 self.a.wait_line(line, since)
                 self.assertEqual(self.a.stop() if status == 0 else self.a.status(), status)
 
+    def stranger(self):
+        """A connection to B, whose bus may have opened for its own daemon alone so far."""
+        def connect():
+            with contextlib.suppress(ConnectionRefusedError):
+                return socket.create_connection((self.b.address, PORT), DEADLINE)
+        return wait_until(connect, "B listens")
+
     def test_strangers_on_an_open_bus(self):
         self.a.start()
         self.b.start()
@@ -306,7 +313,7 @@ class Bus(unittest.TestCase):
         refused = 0
         for length in (0, 127, 17_029, 0xFFFF_FFFF):
             since = len(self.b.lines)
-            with socket.create_connection((self.b.address, PORT), DEADLINE) as stranger:
+            with self.stranger() as stranger:
                 stranger.sendall(struct.pack(">I", length))
                 self.assertEqual(stranger.recv(1), b"", length)
             refused += 1
@@ -335,7 +342,7 @@ class Bus(unittest.TestCase):
         a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
         context = ssl.create_default_context(cafile=f"{KEYS}/ca.pem")
         context.check_hostname = False
-        with socket.create_connection((self.b.address, PORT), DEADLINE) as stranger:
+        with self.stranger() as stranger:
             with self.assertRaises(ssl.SSLError), context.wrap_socket(stranger) as secured:
                 secured.recv(1)
         self.b.wait_line("refused: TLS: peer did not return a certificate")
