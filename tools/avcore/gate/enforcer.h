@@ -38,8 +38,6 @@ public:
     // The policies changed.
     void policies_changed() { gate_.next_generation(); }
 
-    // Denied flows of which no line was written, since the last one that says so.
-    uint64_t silent_denials() const { return silent_denials_; }
     uint64_t refused_writes() const { return refused_writes_; }
 
 private:
@@ -56,8 +54,8 @@ private:
     shaper shaper_;
     limit_book limits_;
     int64_t lines_since_ms_ = 0;
-    unsigned lines_ = 0; // since then
-    uint64_t silent_denials_ = 0;
+    unsigned lines_ = 0;          // since then
+    uint64_t silent_denials_ = 0; // of which no line was written, since the last one that says so
     uint64_t refused_writes_ = 0;
 };
 
