@@ -14,6 +14,7 @@ import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../tests/system"))
 from inline_lab import *  # pylint: disable=wrong-import-position
+from testbed import wait_until  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
 # What is measured, the port, and as what the gate has to count the packets.
@@ -30,15 +31,24 @@ def busy_seconds():
     return (sum(ticks) - ticks[3] - ticks[4]) / os.sysconf("SC_CLK_TCK")
 
 
+def packets_at_server():
+    done = subprocess.run([*ON_SERVER, "ip", "-s", "-j", "link", "show", "eth0"],
+                          capture_output=True, text=True, check=True)
+    return json.loads(done.stdout)[0]["stats64"]["rx"]["packets"]
+
+
 class Measurement(InlineTest):
     def measure(self):
         self.bridged = arguments.bridged
         self._lay_out(0)
+        self.servers = {}
         for port in PLAIN, MARKED:
-            server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
+            self.servers[port] = server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             self.addCleanup(server.wait)
             self.addCleanup(server.terminate)
+            wait_until(lambda port=port: f":{port} " in subprocess.run(
+                [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
         self.options = ()
         self.rounds = []
         for number in range(arguments.rounds):
@@ -61,21 +71,47 @@ class Measurement(InlineTest):
                 self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
                                  (0, "", ""))
                 time.sleep(0.5)
-            return {**self.flow("tcp", port, counted), **self.flow("udp", port, counted),
-                    "ping": self.latency()}
+            return {**self.tcp(port, counted), **self.udp(port, counted), "ping": self.latency()}
 
-    def flow(self, kind, port, counted):
-        """Receivers' figures; the first second, in which the verdict comes, doesn't count."""
-        kinds = {"tcp": (), "udp": ("-u", "-b", "0", "-l", "172", "-w", "4M")}
-        seconds = arguments.seconds
-        if counted == "undecided":  # the daemon judges nothing, which is noticed only later
+    def tcp(self, port, counted):
+        """The receiver's figures; the first second, in which the verdict comes, doesn't count."""
+        seconds = 1 if counted == "undecided" else arguments.seconds
+        with self.checked(counted):
+            busy = busy_seconds()
+            done = subprocess.run(
+                [*ON_CLIENT, "iperf3", "-J", "-c", SERVERS[4], "-p", str(port), "-O", "1", "-t",
+                 str(seconds)], capture_output=True, text=True, check=True)
+            busy = (busy_seconds() - busy) * seconds / (seconds + 1)
+        received = json.loads(done.stdout)["end"]["sum_received"]
+        return {"tcp": received["bits_per_second"] / 1e9, "tcp_cpu": busy / received["bytes"] * 1e9}
+
+    def udp(self, port, counted):
+        """What arrives at the server. Nobody reads it there meanwhile: whether a reader sleeps
+        between two packets, and has to be woken, would weigh more than all that is compared."""
+        seconds = 1 if counted == "undecided" else arguments.seconds
+        with self.checked(counted):
+            client = subprocess.Popen(
+                [*ON_CLIENT, "iperf3", "-c", SERVERS[4], "-p", str(port), "-u", "-b", "0", "-l",
+                 "172", "-t", str(seconds + 2)], stdout=subprocess.DEVNULL)
+            time.sleep(0.7)  # the verdict comes
+            self.servers[port].send_signal(signal.SIGSTOP)
+            time.sleep(0.1)
+            busy, arrived, started = busy_seconds(), packets_at_server(), time.monotonic()
+            time.sleep(seconds)
+            lasted = time.monotonic() - started
+            busy, arrived = busy_seconds() - busy, packets_at_server() - arrived
+            self.servers[port].send_signal(signal.SIGCONT)
+            self.assertEqual(client.wait(), 0)
+        return {"udp": arrived / lasted / 1e3, "udp_cpu": busy / arrived * 1e6}
+
+    @contextlib.contextmanager
+    def checked(self, counted):
+        """That the gate does what is to be measured. A stopped daemon is noticed only later."""
+        if counted == "undecided":
             self.jorn.send_signal(signal.SIGSTOP)
-            seconds = 1
-        before, busy = self.counts(counted), busy_seconds()
-        done = subprocess.run(
-            [*ON_CLIENT, "iperf3", "-J", "-c", SERVERS[4], "-p", str(port), "-O", "1", "-t",
-             str(seconds), *kinds[kind]], capture_output=True, text=True, check=True)
-        busy, after = busy_seconds() - busy, self.counts(counted)
+        before = self.counts(counted)
+        yield
+        after = self.counts(counted)
         if counted == "undecided":
             self.jorn.send_signal(signal.SIGCONT)
             time.sleep(1)
@@ -83,13 +119,6 @@ class Measurement(InlineTest):
         if counted and grown[counted] < 0.95 * sum(
                 grown[key] for key in ("decided", "undecided", "nobody", "denied", "limited")):
             raise AssertionError(f"the gate did something else than {counted}: {grown}")
-        busy *= seconds / (seconds + 1)
-        end = json.loads(done.stdout)["end"]
-        if kind == "tcp":
-            return {"tcp": end["sum_received"]["bits_per_second"] / 1e9,
-                    "tcp_cpu": busy / end["sum_received"]["bytes"] * 1e9}
-        packets = end["sum"]["packets"] - end["sum"]["lost_packets"]
-        return {"udp": packets / end["sum"]["seconds"] / 1e3, "udp_cpu": busy / packets * 1e6}
 
     def counts(self, counted):
         return self.status()["counts"] if counted else {}

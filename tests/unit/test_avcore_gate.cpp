@@ -203,7 +203,7 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
 
     { const gate fresh(PINS, {}); }
     const std::string pin = std::string(PINS) + "/" GATE_LAYOUT "/limits";
-    std::filesystem::rename(std::string(PINS) + "/" GATE_LAYOUT "/counts", pin);
+    std::filesystem::rename(std::string(PINS) + "/" GATE_LAYOUT "/processors", pin);
     try {
         gate(PINS, {});
         ADD_FAILURE() << "took a map of another size";

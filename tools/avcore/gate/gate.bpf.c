@@ -61,8 +61,8 @@ struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_FLOWS);
     __type(key, struct gate_flow);
-    __type(value, struct gate_counter);
-} counters SEC(".maps");
+    __type(value, struct gate_flow_state);
+} flows SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
@@ -95,10 +95,10 @@ struct {
 
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
-    __uint(max_entries, GATE_COUNTS);
+    __uint(max_entries, 1);
     __type(key, __u32);
-    __type(value, __u64);
-} counts SEC(".maps");
+    __type(value, struct gate_processor);
+} processors SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_RINGBUF);
@@ -129,9 +129,19 @@ struct tcp_header {
 #define TCP_RST 0x04
 #define TCP_ACK 0x10
 
+/* What most frames begin with. */
+struct first_headers {
+    __u8 aligning[2];
+    struct ethhdr ethernet;
+    struct iphdr ipv4;     /* unless it is an IPv6 packet */
+    struct tcp_header tcp; /* when the flow's protocol says so; of UDP, whose ports are there, too */
+};
+#define FIRST_HEADERS_SIZE (sizeof(struct first_headers) - 2)
+
 struct packet {
+    struct gate_processor *here; /* the processor that is at it */
     struct gate_flow flow;
-    struct tcp_header tcp; /* when the flow's protocol says so */
+    struct first_headers first; /* loaded at once where they fit, or where they are */
     __u32 network;         /* offsets in the frame: the IP header, */
     __u32 transport;       /* what follows it, */
     __u32 end;             /* and the end, before any padding */
@@ -142,22 +152,33 @@ struct packet {
     __u8 extended; /* IPv6 with extension headers */
     __u8 is_ipv6;
     __u8 traffic_class;
+    __u8 all_loaded; /* the transport's header is where `first` has it */
 };
 
-static __always_inline void count(__u32 what, __u64 by) {
-    __u64 *value = bpf_map_lookup_elem(&counts, &what);
-    if (value)
-        *value += by;
+static __always_inline void count(const struct packet *packet, __u32 what, __u64 by) {
+    if (what < GATE_COUNTS)
+        packet->here->counts[what] += by;
 }
 
 static __always_inline int pass(__u32 why, const struct packet *packet) {
-    count(why, packet->segments);
+    count(packet, why, packet->segments);
     return TC_ACT_UNSPEC;
 }
 
 static __always_inline int drop(__u32 why, const struct packet *packet) {
-    count(why, packet->segments);
+    count(packet, why, packet->segments);
     return TC_ACT_SHOT;
+}
+
+/* The clock costs more than all the rest of an idle gate; a tick's age of the time is nothing to
+ * beats. */
+static __always_inline __u64 coarse_now(struct gate_processor *here) {
+    const __u64 tick = bpf_jiffies64();
+    if (here->tick != tick || here->now_ns == 0) {
+        here->tick = tick;
+        here->now_ns = bpf_ktime_get_ns();
+    }
+    return here->now_ns;
 }
 
 /* ---- parsing: each step answers what becomes of the packet, UNDECIDED being: look further ---- */
@@ -178,25 +199,26 @@ static __always_inline void set_ports(struct packet *packet, __be16 source, __be
 }
 
 static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packet) {
-    if (packet->transport + sizeof packet->tcp > packet->end ||
-        bpf_skb_load_bytes(skb, packet->transport, &packet->tcp, sizeof packet->tcp))
+    struct tcp_header *tcp = &packet->first.tcp;
+    if (packet->transport + sizeof *tcp > packet->end ||
+        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, tcp, sizeof *tcp)))
         return GATE_COUNT_MALFORMED;
-    const __u32 length = (packet->tcp.offset >> 4) * 4;
-    if (length < sizeof packet->tcp ||
+    const __u32 length = (tcp->offset >> 4) * 4;
+    if (length < sizeof *tcp ||
         (packet->transport + length > packet->end && !packet->first_fragment))
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
-    set_ports(packet, packet->tcp.source, packet->tcp.dest);
+    set_ports(packet, tcp->source, tcp->dest);
     return GATE_COUNT_UNDECIDED;
 }
 
 static __always_inline int parse_ports(struct __sk_buff *skb, struct packet *packet, __u32 length) {
-    __be16 ports[2];
+    struct tcp_header *ports = &packet->first.tcp;
     if (packet->transport + length > packet->end ||
-        bpf_skb_load_bytes(skb, packet->transport, ports, sizeof ports))
+        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, ports, 4)))
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
-    set_ports(packet, ports[0], ports[1]);
+    set_ports(packet, ports->source, ports->dest);
     return GATE_COUNT_UNDECIDED;
 }
 
@@ -253,25 +275,27 @@ static __always_inline bool is_reserved(__be32 address) {
 }
 
 static __always_inline int parse_ipv4(struct __sk_buff *skb, struct packet *packet) {
-    struct iphdr head;
-    if (bpf_skb_load_bytes(skb, packet->network, &head, sizeof head))
+    struct iphdr *head = &packet->first.ipv4;
+    if (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->network, head, sizeof *head))
         return GATE_COUNT_MALFORMED;
-    const __u32 length = head.ihl * 4;
+    const __u32 length = head->ihl * 4;
+    if (length != sizeof *head)
+        packet->all_loaded = 0;
     packet->transport = packet->network + length;
-    if (head.version != 4 || length < sizeof head ||
-        !set_end(skb, packet, bpf_ntohs(head.tot_len)) || packet->transport > packet->end)
+    if (head->version != 4 || length < sizeof *head ||
+        !set_end(skb, packet, bpf_ntohs(head->tot_len)) || packet->transport > packet->end)
         return GATE_COUNT_MALFORMED;
-    if (is_reserved(head.saddr) || is_reserved(head.daddr))
+    if (is_reserved(head->saddr) || is_reserved(head->daddr))
         return GATE_COUNT_RESERVED;
-    const __u16 fragment = bpf_ntohs(head.frag_off);
+    const __u16 fragment = bpf_ntohs(head->frag_off);
     if (fragment & FRAGMENT_OFFSET)
         return GATE_COUNT_FRAGMENT;
     packet->first_fragment = (fragment & FRAGMENT_MORE) != 0;
-    packet->traffic_class = head.tos;
-    packet->flow.proto = head.protocol;
+    packet->traffic_class = head->tos;
+    packet->flow.proto = head->protocol;
     packet->flow.client[10] = packet->flow.client[11] = 0xFF;
     packet->flow.server[10] = packet->flow.server[11] = 0xFF;
-    set_addresses(packet, &head.saddr, &head.daddr, sizeof head.saddr);
+    set_addresses(packet, &head->saddr, &head->daddr, sizeof head->saddr);
     return parse_transport(skb, packet);
 }
 
@@ -342,10 +366,13 @@ static __always_inline bool is_tag(__u16 type) {
 }
 
 static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *packet) {
-    __be16 type_be;
     __u32 at = offsetof(struct ethhdr, h_proto);
-    if (bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
+    const bool loaded =
+        bpf_skb_load_bytes(skb, 0, &packet->first.ethernet, FIRST_HEADERS_SIZE) == 0;
+    __be16 type_be = packet->first.ethernet.h_proto;
+    if (!loaded && bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
         return GATE_COUNT_MALFORMED;
+    packet->all_loaded = loaded && type_be == bpf_htons(ETH_P_IP);
     for (int i = 0; i < VLAN_TAGS_MAX && is_tag(bpf_ntohs(type_be)); i++) {
         at += 4;
         if (bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
@@ -391,13 +418,22 @@ static __always_inline __u64 ip_bytes(const struct packet *packet) {
            (__u64)(packet->segments - 1) * (packet->headers - packet->network);
 }
 
-static __always_inline struct gate_counter *counter_of(const struct gate_flow *flow) {
-    struct gate_counter *counter = bpf_map_lookup_elem(&counters, flow);
-    if (counter)
-        return counter;
-    const struct gate_counter none = {};
-    bpf_map_update_elem(&counters, flow, &none, BPF_NOEXIST);
-    return bpf_map_lookup_elem(&counters, flow);
+static __always_inline struct gate_flow_state *state_of(const struct packet *packet,
+                                                        const struct gate_settings *set) {
+    const __u64 now = (__u64)set->changes << 32 | (__u32)packet->here->tick;
+    struct gate_flow_state *state = bpf_map_lookup_elem(&flows, &packet->flow);
+    if (!state) {
+        const struct gate_flow_state unseen = {.looked_up = ~now};
+        bpf_map_update_elem(&flows, &packet->flow, &unseen, BPF_NOEXIST);
+        state = bpf_map_lookup_elem(&flows, &packet->flow);
+    }
+    if (!state || state->looked_up == now)
+        return state;
+    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &packet->flow);
+    const struct gate_verdict none = {};
+    state->verdict = verdict ? *verdict : none;
+    state->looked_up = now;
+    return state;
 }
 
 static __always_inline void count_passed(struct gate_counter *counter, struct __sk_buff *skb,
@@ -435,7 +471,7 @@ static __always_inline bool take_tokens(struct token_bucket *bucket, __u64 a_sec
     return enough;
 }
 
-static __always_inline bool is_within_limit(__u32 index, const struct packet *packet, __u64 now) {
+static __always_inline bool is_within_limit(__u32 index, const struct packet *packet) {
     if (index == 0)
         return true;
     const struct gate_limit *limit = bpf_map_lookup_elem(&limits, &index);
@@ -445,6 +481,7 @@ static __always_inline bool is_within_limit(__u32 index, const struct packet *pa
     const __u64 a_second = limit->bytes_per_second;
     const __u64 burst = limit->burst;
     const __u64 cost = ip_bytes(packet);
+    const __u64 now = bpf_ktime_get_ns();
     bpf_spin_lock(&locked->lock);
     const bool enough = take_tokens(&locked->bucket, a_second, burst, cost, now);
     bpf_spin_unlock(&locked->lock);
@@ -471,14 +508,15 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
     return bucket && take_tokens(bucket, a_second, a_second, 1, now);
 }
 
-static __always_inline void copy_up(struct __sk_buff *skb, const struct packet *packet,
-                                    const struct gate_settings *set, __u64 now) {
+static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packet,
+                                    const struct gate_settings *set) {
+    const __u64 now = bpf_ktime_get_ns();
     const __u32 first = 0;
     struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
     if (!copy)
         return;
     if (!may_copy(skb, packet, set->copies_per_second, now)) {
-        count(GATE_COUNT_COPIES_REFUSED, 1);
+        count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return;
     }
     __u32 captured = skb->len;
@@ -494,7 +532,7 @@ static __always_inline void copy_up(struct __sk_buff *skb, const struct packet *
     copy->head.captured = (__u16)captured;
     copy->head.direction = packet->direction;
     const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
-    count(lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+    count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
 }
 
 /* ---- RST segments, made of the packet that is denied ---- */
@@ -534,7 +572,7 @@ static __always_inline __u16 pseudo_sum(const struct gate_flow *flow, __u32 leng
 /* Packets made by this machine, or put together from several, hold the pseudo-header's sum alone;
  * the rest is added when they leave. */
 static __always_inline bool is_checksum_partial(const struct packet *packet) {
-    return packet->tcp.check == pseudo_sum(&packet->flow, packet->end - packet->transport);
+    return packet->first.tcp.check == pseudo_sum(&packet->flow, packet->end - packet->transport);
 }
 
 static __always_inline void finish_tcp(const struct packet *packet, struct tcp_header *tcp) {
@@ -614,7 +652,7 @@ static __always_inline bool is_for_group(const struct ends *ends) {
 
 /* What a closed port would have said (RFC 9293, 3.10.7.1). */
 static __always_inline struct tcp_header answer_to(const struct packet *packet) {
-    const struct tcp_header *in = &packet->tcp;
+    const struct tcp_header *in = &packet->first.tcp;
     struct tcp_header out = {.source = in->dest, .dest = in->source, .flags = TCP_RST};
     if (in->flags & TCP_ACK) {
         out.seq = in->ack;
@@ -628,16 +666,16 @@ static __always_inline struct tcp_header answer_to(const struct packet *packet) 
 }
 
 static __always_inline bool is_pure_reset(const struct packet *packet) {
-    return packet->flow.proto == IPPROTO_TCP && (packet->tcp.flags & TCP_RST) &&
+    return packet->flow.proto == IPPROTO_TCP && (packet->first.tcp.flags & TCP_RST) &&
            packet->headers == packet->end;
 }
 
 /* Answers the sender, and makes the packet itself the receiver's RST; a connection that is only
  * asked for exists at its sender alone. */
-static __always_inline int reset(struct __sk_buff *skb, const struct packet *packet) {
+static __noinline int reset(struct __sk_buff *skb, const struct packet *packet) {
     struct ends ends;
     if (packet->flow.proto != IPPROTO_TCP || packet->extended || packet->first_fragment ||
-        (packet->tcp.flags & TCP_RST))
+        (packet->first.tcp.flags & TCP_RST))
         return TC_ACT_SHOT;
     if (!load_ends(skb, packet, &ends) || is_for_group(&ends) ||
         bpf_skb_change_tail(skb, packet->transport + sizeof(struct tcp_header), 0))
@@ -647,28 +685,28 @@ static __always_inline int reset(struct __sk_buff *skb, const struct packet *pac
     if (!store(skb, packet, &ends, &tcp) ||
         bpf_clone_redirect(skb, skb->ifindex, packet->direction == GATE_DOWN ? BPF_F_INGRESS : 0))
         return TC_ACT_SHOT;
-    count(GATE_COUNT_RESETS, 1);
-    const __u8 flags = packet->tcp.flags;
+    count(packet, GATE_COUNT_RESETS, 1);
+    const __u8 flags = packet->first.tcp.flags;
     if ((flags & TCP_SYN) && !(flags & TCP_ACK))
         return TC_ACT_SHOT;
-    tcp = packet->tcp;
+    tcp = packet->first.tcp;
     tcp.flags = TCP_RST | (flags & TCP_ACK);
     turn_round(packet, &ends);
     if (!store(skb, packet, &ends, &tcp))
         return TC_ACT_SHOT;
-    count(GATE_COUNT_RESETS, 1);
+    count(packet, GATE_COUNT_RESETS, 1);
     return TC_ACT_UNSPEC;
 }
 
 /* ---- verdicts ---- */
 
-static __always_inline void set_dscp_ipv4(struct __sk_buff *skb, __u32 network, __u8 tos) {
-    __be16 old; /* version and length, type of service */
-    if (bpf_skb_load_bytes(skb, network, &old, sizeof old))
-        return;
-    const __be16 new = (old & bpf_htons(0xFF00)) | bpf_htons(tos);
-    bpf_l3_csum_replace(skb, network + offsetof(struct iphdr, check), old, new, sizeof new);
-    bpf_skb_store_bytes(skb, network, &new, sizeof new, 0);
+/* The header's sum over itself stays what it was, and so does the kernel's own over the packet. */
+static __always_inline void set_dscp_ipv4(struct __sk_buff *skb, const struct packet *packet,
+                                          __u8 tos) {
+    struct iphdr head = packet->first.ipv4;
+    head.tos = tos;
+    replace_in_sum(&head.check, bpf_htons(packet->first.ipv4.tos), bpf_htons(tos));
+    bpf_skb_store_bytes(skb, packet->network, &head, offsetof(struct iphdr, saddr), 0);
 }
 
 static __always_inline void set_dscp_ipv6(struct __sk_buff *skb, __u32 network, __u8 class) {
@@ -688,7 +726,7 @@ static __always_inline void set_dscp(struct __sk_buff *skb, const struct packet 
     if (packet->is_ipv6)
         set_dscp_ipv6(skb, packet->network, wanted);
     else
-        set_dscp_ipv4(skb, packet->network, wanted);
+        set_dscp_ipv4(skb, packet, wanted);
 }
 
 static __always_inline int deny(struct __sk_buff *skb, const struct packet *packet,
@@ -696,17 +734,17 @@ static __always_inline int deny(struct __sk_buff *skb, const struct packet *pack
     const bool resets = (verdict->flags & GATE_RESET) != 0;
     if (resets && is_pure_reset(packet))
         return pass(GATE_COUNT_DECIDED, packet);
-    count(GATE_COUNT_DENIED, packet->segments);
+    count(packet, GATE_COUNT_DENIED, packet->segments);
     if (counter)
         __sync_fetch_and_add(&counter->denied, packet->segments);
     return resets ? reset(skb, packet) : TC_ACT_SHOT;
 }
 
 static __always_inline int allow(struct __sk_buff *skb, const struct packet *packet,
-                                 const struct gate_verdict *verdict, struct gate_counter *counter,
-                                 __u64 now) {
+                                 const struct gate_verdict *verdict,
+                                 struct gate_counter *counter) {
     const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
-    if (!is_within_limit(bucket, packet, now)) {
+    if (!is_within_limit(bucket, packet)) {
         if (counter)
             __sync_fetch_and_add(&counter->limited, packet->segments);
         return drop(GATE_COUNT_LIMITED, packet);
@@ -725,35 +763,36 @@ static __always_inline bool is_dns(const struct gate_flow *flow) {
 }
 
 static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
-                                 const struct gate_settings *set, bool attended, __u64 now) {
-    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &packet->flow);
-    const bool settled = verdict && verdict->generation == set->generation;
+                                 const struct gate_settings *set, bool attended) {
+    struct gate_flow_state *state = state_of(packet, set);
+    const struct gate_verdict *verdict =
+        state ? &state->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
+    struct gate_counter *counter = state ? &state->counter : NULL;
+    const bool decided = verdict && verdict->action;
+    const bool settled = decided && verdict->generation == set->generation;
     if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
-        copy_up(skb, packet, set, now);
+        copy_up(skb, packet, set);
     if (!attended && !set->fail_closed)
         return pass(GATE_COUNT_NOBODY, packet);
-    if (!verdict && !attended)
+    if (!decided && !attended)
         return drop(GATE_COUNT_SHUT, packet);
-    struct gate_counter *counter = counter_of(&packet->flow);
-    if (counter)
-        counter->last_ns = now;
-    if (verdict && verdict->action == GATE_DENY)
+    if (decided && verdict->action == GATE_DENY)
         return deny(skb, packet, verdict, counter);
-    if (verdict)
-        return allow(skb, packet, verdict, counter, now);
+    if (decided)
+        return allow(skb, packet, verdict, counter);
     count_passed(counter, skb, packet);
     return pass(GATE_COUNT_UNDECIDED, packet);
 }
 
 static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     const __u32 first = 0;
-    const __u64 now = bpf_ktime_get_ns();
     const struct gate_settings *set = bpf_map_lookup_elem(&settings, &first);
-    struct packet packet = {.direction = direction, .segments = 1};
-    if (!set)
+    struct gate_processor *here = bpf_map_lookup_elem(&processors, &first);
+    if (!set || !here)
         return TC_ACT_UNSPEC;
-    /* A beat may be younger than `now`. */
-    const bool attended = (__s64)(now - set->beat_ns) <= (__s64)GATE_BEAT_NS;
+    struct packet packet = {.here = here, .direction = direction, .segments = 1};
+    /* A beat may be younger than the time. */
+    const bool attended = (__s64)(coarse_now(here) - set->beat_ns) <= (__s64)GATE_BEAT_NS;
     const bool open = !attended && !set->fail_closed;
     if (open && !set->probing)
         return pass(GATE_COUNT_NOBODY, &packet);
@@ -761,7 +800,7 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     count_segments(skb, &packet);
     switch (result) {
     case GATE_COUNT_UNDECIDED:
-        return judge(skb, &packet, set, attended, now);
+        return judge(skb, &packet, set, attended);
     case GATE_COUNT_NOT_IP:
         return attended || open ? pass(GATE_COUNT_NOT_IP, &packet) : drop(GATE_COUNT_SHUT, &packet);
     case GATE_COUNT_ALWAYS:

@@ -168,13 +168,13 @@ struct close_object {
 };
 using object_owner = std::unique_ptr<bpf_object, close_object>;
 
-void check_pinned(const bpf_map *map, int fd, const std::string &pin) {
+bool is_alike(const bpf_map *map, int fd) {
     bpf_map_info info = {};
     uint32_t size = sizeof info;
-    if (bpf_obj_get_info_by_fd(fd, &info, &size) != 0 || info.type != bpf_map__type(map) ||
-        info.key_size != bpf_map__key_size(map) || info.value_size != bpf_map__value_size(map) ||
-        info.max_entries != bpf_map__max_entries(map) || info.map_flags != bpf_map__map_flags(map))
-        throw std::runtime_error(pin + " is no map of this gate: `avcore teardown` removes it");
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 && info.type == bpf_map__type(map) &&
+           info.key_size == bpf_map__key_size(map) && info.value_size == bpf_map__value_size(map) &&
+           info.max_entries == bpf_map__max_entries(map) &&
+           info.map_flags == bpf_map__map_flags(map);
 }
 
 bool has_name(int fd, const char *name) {
@@ -223,7 +223,11 @@ void reuse_maps(bpf_object *object, const std::string &pins) {
         const unique_fd fd = find_map(pins, bpf_map__name(map));
         if (!fd.valid())
             continue;
-        check_pinned(map, fd.get(), pin);
+        if (!is_alike(map, fd.get())) {
+            if (!std::filesystem::exists(pin))
+                continue; // of another layout, attached still
+            throw std::runtime_error(pin + " is no map of this gate: `avcore teardown` removes it");
+        }
         const int error = bpf_map__reuse_fd(map, fd.get());
         if (error != 0)
             throw std::runtime_error(pin + " can't be used again: " + reason(error));
@@ -310,12 +314,13 @@ void set_up(const std::string &pins, const std::vector<std::string> &interfaces)
 
 gate_counts read_counts(int fd) {
     const int processors = libbpf_num_possible_cpus();
-    std::vector<uint64_t> each(processors > 0 ? static_cast<size_t>(processors) : 1);
+    std::vector<gate_processor> each(processors > 0 ? static_cast<size_t>(processors) : 1);
     gate_counts counts = {};
-    for (uint32_t i = 0; i < GATE_COUNTS; i++)
-        if (bpf_map_lookup_elem(fd, &i, each.data()) == 0)
-            for (const uint64_t one : each)
-                counts[i] += one;
+    const uint32_t first = 0;
+    if (bpf_map_lookup_elem(fd, &first, each.data()) == 0)
+        for (const gate_processor &one : each)
+            for (size_t i = 0; i < counts.size(); i++)
+                counts[i] += one.counts[i];
     return counts;
 }
 
@@ -398,16 +403,18 @@ std::vector<std::string> attached_interfaces(uint32_t settings_id) {
 struct gate::parts {
     explicit parts(const std::string &pins)
         : verdicts(pinned_map(pins, "verdicts")),
+          flows(pinned_map(pins, "flows")),
           limits(pinned_map(pins, "limits")),
-          counts(pinned_map(pins, "counts")),
+          processors(pinned_map(pins, "processors")),
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
           settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
           ring_of_copies(copies.get()) {}
 
     unique_fd verdicts;
+    unique_fd flows;
     unique_fd limits;
-    unique_fd counts;
+    unique_fd processors;
     unique_fd copies;
     unique_fd settings_map;
     mapping<gate_settings> settings;
@@ -449,7 +456,16 @@ bool gate::take(gate_copy_seen &copy) {
 }
 
 bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
-    return bpf_map_update_elem(parts_->verdicts.get(), &flow, &verdict, BPF_ANY) == 0;
+    const bool done = bpf_map_update_elem(parts_->verdicts.get(), &flow, &verdict, BPF_ANY) == 0;
+    ++std::atomic_ref(parts_->settings.get()->changes);
+    return done;
+}
+
+gate_counter gate::counter_of(const gate_flow &flow) const {
+    gate_flow_state state = {};
+    if (bpf_map_lookup_elem(parts_->flows.get(), &flow, &state) != 0)
+        state = {};
+    return state.counter;
 }
 
 bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
@@ -475,7 +491,7 @@ void gate::next_generation() {
 }
 
 gate_counts gate::counts() const {
-    return read_counts(parts_->counts.get());
+    return read_counts(parts_->processors.get());
 }
 
 void tear_down_gate(const std::string &pins) {
@@ -514,7 +530,7 @@ gate_status look_at_gate(const std::string &pins) {
     if (settings.beat_ns != 0)
         status.beat_age_ms = static_cast<int64_t>(monotonic_ns() - settings.beat_ns) / 1'000'000;
     count_verdicts(pinned_map(pins, "verdicts").get(), status.verdicts);
-    status.counts = read_counts(pinned_map(pins, "counts").get());
+    status.counts = read_counts(pinned_map(pins, "processors").get());
     return status;
 }
 

@@ -50,6 +50,8 @@ public:
 
     // False when the kernel refuses it.
     bool decide(const gate_flow &flow, const gate_verdict &verdict);
+    // All 0 where the gate doesn't know the flow, or no longer.
+    gate_counter counter_of(const gate_flow &flow) const;
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
     void beat();

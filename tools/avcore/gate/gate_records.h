@@ -14,12 +14,10 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v1"
+#define GATE_LAYOUT "v2"
 
 /* Bounds of the maps. */
-#define GATE_FLOWS                                                                                 \
-    65536                 /* verdicts, and counters beside them; the least recently used go first  \
-                           */
+#define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
 #define GATE_RING_BYTES (4 * 1024 * 1024)
@@ -62,15 +60,23 @@ struct gate_verdict {
 };
 GATE_SIZE(gate_verdict, 20);
 
-/* Written by the kernel alone. */
 struct gate_counter {
     __u64 packets[2]; /* that passed, by direction */
     __u64 bytes[2];   /* of their frames, as on the wire */
     __u64 denied;     /* packets dropped by a verdict */
     __u64 limited;    /* and by a rate limit */
-    __u64 last_ns;    /* CLOCK_MONOTONIC */
 };
-GATE_SIZE(gate_counter, 56);
+GATE_SIZE(gate_counter, 48);
+
+/* Written by the kernel alone. It looks a flow's verdict up once a tick, and when any has changed;
+ * between them this copy spares each packet the second look-up. */
+struct gate_flow_state {
+    struct gate_counter counter;
+    struct gate_verdict verdict; /* action 0: there was none */
+    __u32 reserved;
+    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
+};
+GATE_SIZE(gate_flow_state, 80);
 
 /* A rate limit: written by avcore alone. Entry 0 is none. */
 struct gate_limit {
@@ -86,12 +92,14 @@ struct gate_settings {
     __u32 fail_closed;       /* without a beat; else everything passes then */
     __u32 copies_per_second; /* of each client */
     __u32 probing;           /* undecided packets are copied without a beat, too */
+    __u32 changes;           /* counted up after a verdict was written */
+    __u32 reserved;
 };
-GATE_SIZE(gate_settings, 24);
+GATE_SIZE(gate_settings, 32);
 
 #define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
 
-/* What became of packets; the index into the counts, one of each processor. */
+/* What became of packets; the index into each processor's counts. */
 enum gate_count {
     GATE_COUNT_DECIDED,        /* passed, under a verdict */
     GATE_COUNT_UNDECIDED,      /* passed before their verdict */
@@ -111,6 +119,14 @@ enum gate_count {
     GATE_COUNT_COPIES_LOST,    /* the ring was full */
     GATE_COUNTS
 };
+
+/* Of one processor; written by the kernel alone. */
+struct gate_processor {
+    __u64 counts[GATE_COUNTS];
+    __u64 tick; /* the kernel's, and the time at its first packet */
+    __u64 now_ns;
+};
+GATE_SIZE(gate_processor, (GATE_COUNTS + 2) * 8);
 
 /* A copy in the ring; the frame follows, `captured` bytes of it. */
 struct gate_copy {
