@@ -22,6 +22,7 @@ TCP, UDP = 6, 17
 RST = 4
 SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
 CONFIG = "/tmp/inline.toml"
+REPORT = "/tmp/inline.json"
 EXAMPLES = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../examples")
 SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
 
@@ -203,9 +204,10 @@ class InlineTest(SystemTest):
         if os.path.exists(AV_SOCKET):
             os.unlink(AV_SOCKET)
         self.lines = Record("lines of avcore")
-        self.avcore = subprocess.Popen(
-            [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", "-c", CONFIG, *self.options],
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        with open(REPORT, "w") as report:
+            self.avcore = subprocess.Popen(
+                [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", "-c", CONFIG, "--json",
+                 *self.options], stdout=report, stderr=subprocess.PIPE, text=True)
         threading.Thread(target=self._read, args=(self.avcore.stderr,), daemon=True).start()
         self.addCleanup(self.stop_avcore, self.avcore)
         self.until(lambda: os.path.exists(AV_SOCKET))
@@ -214,6 +216,12 @@ class InlineTest(SystemTest):
         with stream:
             for line in stream:
                 self.lines.add(line.strip())
+
+    def reported_flows(self):
+        """By the server's port and the client's address, once avcore has ended."""
+        self.stop_avcore(self.avcore)
+        with open(REPORT) as report:
+            return {(row["server_port"], row["client"]): row for row in map(json.loads, report)}
 
     def stop_avcore(self, avcore):
         if avcore.poll() is None:

@@ -25,6 +25,7 @@ class Layout:
 
     def test_a_denied_flow_does_not_arrive_and_others_do(self):
         self.start()
+        expected = {}
         time.sleep(1)  # a few denials a second have a line each
         for version in FAMILIES:
             self.tell_name(version, "shop.example", NAMED[version])
@@ -49,7 +50,12 @@ class Layout:
             for name, source in ((f"app-{DENIED}", "the administrator"), ("shop.example", "DNS")):
                 self.lines.wait(lambda line: name in line and source in line and "profile 1" in line
                                 and CLIENTS[version] in line, since=lines)
+            expected |= {(port, CLIENTS[version]): (arrived[port], sent[port] - arrived[port])
+                         for port in flows}
         self.assertGreater(self.status()["counts"]["denied"], 600)
+        rows = self.reported_flows()
+        self.assertEqual({flow: (rows[flow]["packets"], rows[flow]["dropped"])
+                          for flow in expected}, expected)
 
     def test_marks(self):
         self.start()

@@ -152,7 +152,7 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     EXPECT_EQ(flows.summed().flows, 2u);
     EXPECT_EQ(flows.summed().packets, 3u);
     std::ostringstream table;
-    print_table(table, flows);
+    print_table(table, flows, nullptr);
     EXPECT_NE(table.str().find("\n2 flows, seen longest ago"), std::string::npos) << table.str();
 }
 

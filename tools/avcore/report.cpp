@@ -12,7 +12,7 @@
 namespace avcore {
 namespace {
 
-enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, COLUMNS };
+enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, DROPPED, COLUMNS };
 using table_line = std::array<std::string, COLUMNS>;
 
 std::string address_text(const flow_row &row, const endpoint &side) {
@@ -66,15 +66,35 @@ std::string verdict_text(const flow_row &row) {
     return row.outdated ? text + " (outdated)" : text;
 }
 
-table_line line_of(const flow_row &row) {
+struct passage {
+    uint64_t packets;
+    uint64_t bytes;
+    uint64_t dropped;
+};
+
+// A gate forgets the flows that it hasn't seen for longest.
+passage passage_of(const flow_row &row, const gate *gate) {
+    const row_enforcement &state = row.enforcement;
+    gate_counter seen = {};
+    if (gate != nullptr && state.seen[row_enforcement::CLIENT])
+        seen = gate->counter_of(state.flows[row_enforcement::CLIENT]);
+    const passage passed = {seen.packets[GATE_UP] + seen.packets[GATE_DOWN],
+                            seen.bytes[GATE_UP] + seen.bytes[GATE_DOWN],
+                            seen.denied + seen.limited};
+    return passed.packets + passed.dropped != 0 ? passed : passage{row.packets, row.bytes, 0};
+}
+
+table_line line_of(const flow_row &row, const gate *gate) {
+    const passage passed = passage_of(row, gate);
     table_line line;
     line[CLIENT] = endpoint_text(row, row.client);
     line[SERVER] = endpoint_text(row, row.server);
     line[PROTOCOL] = protocol_text(row);
     line[APPLICATION] = row.application.empty() ? "-" : printable(row.application);
     line[VERDICT] = verdict_text(row);
-    line[PACKETS] = std::to_string(row.packets);
-    line[BYTES] = std::to_string(row.bytes);
+    line[PACKETS] = std::to_string(passed.packets);
+    line[BYTES] = std::to_string(passed.bytes);
+    line[DROPPED] = std::to_string(passed.dropped);
     return line;
 }
 
@@ -98,11 +118,12 @@ std::string flow_text(const flow_row &row) {
            protocol_text(row) + ")";
 }
 
-void print_table(std::ostream &out, const flow_table &flows) {
+void print_table(std::ostream &out, const flow_table &flows, const gate *gate) {
+    const size_t columns = gate != nullptr ? COLUMNS : DROPPED;
     std::vector<table_line> lines = {
-        {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES"}};
+        {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES", "DROPPED"}};
     for (const flow_row *row : flows.rows())
-        lines.push_back(line_of(*row));
+        lines.push_back(line_of(*row, gate));
     if (flows.summed().flows > 0)
         lines.push_back(line_of(flows.summed()));
     std::array<size_t, COLUMNS> width = {};
@@ -112,18 +133,19 @@ void print_table(std::ostream &out, const flow_table &flows) {
     }
     for (const table_line &line : lines) {
         std::string text;
-        for (size_t i = 0; i < COLUMNS; ++i) {
+        for (size_t i = 0; i < columns; ++i) {
             const std::string padding(width[i] - line[i].size(), ' ');
             text += i >= PACKETS ? padding + line[i] : line[i] + padding;
-            text += i + 1 < COLUMNS ? "  " : "\n";
+            text += i + 1 < columns ? "  " : "\n";
         }
         out << text;
     }
 }
 
-void print_json(std::ostream &out, const flow_table &flows) {
+void print_json(std::ostream &out, const flow_table &flows, const gate *gate) {
     for (const flow_row *listed : flows.rows()) {
         const flow_row &row = *listed;
+        const passage passed = passage_of(row, gate);
         nlohmann::ordered_json object = {
             {"client", address_text(row, row.client)},
             {"server", address_text(row, row.server)},
@@ -132,9 +154,11 @@ void print_json(std::ostream &out, const flow_table &flows) {
             {"protocol", protocol_text(row)},
             {"application", row.application},
             {"verdict", row.verdict},
-            {"packets", row.packets},
-            {"bytes", row.bytes},
+            {"packets", passed.packets},
+            {"bytes", passed.bytes},
         };
+        if (gate != nullptr)
+            object["dropped"] = passed.dropped;
         if (!row.host.empty())
             object["host"] = row.host;
         if (row.wificalling) {

@@ -7,6 +7,7 @@
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
 #include "avcore/frame_builder.h"
+#include "avcore/gate/gate.h"
 #include "avcore/source.h"
 #include "avcore/url_agent.h"
 
@@ -32,9 +33,12 @@ struct totals {
 // "CLIENT to SERVER (PROTOCOL)".
 std::string flow_text(const flow_row &row);
 
-void print_table(std::ostream &out, const flow_table &flows);
+// Behind a gate (else null) a flow's packets and bytes are those that passed it, beside them the
+// packets that it dropped; the frames carried to the daemon are a few of them.
+void print_table(std::ostream &out, const flow_table &flows, const gate *gate);
 // One object a flow and line.
-void print_json(std::ostream &out, const flow_table &flows);
+void print_json(std::ostream &out, const flow_table &flows, const gate *gate);
+// The sum of bytes is of the frames carried.
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals);
 
 } // namespace avcore

@@ -473,9 +473,9 @@ void session::report() {
                            builder_.has_engine() && !engine_asked_ && engine_ignored_,
                            builder_.counts()};
     if (options_.json)
-        print_json(std::cout, flows);
+        print_json(std::cout, flows, gate_.get());
     else
-        print_table(std::cout, flows);
+        print_table(std::cout, flows, gate_.get());
     std::ostream &out = options_.json ? std::cerr : std::cout;
     if (!options_.json)
         out << '\n';

@@ -32,6 +32,9 @@ bool gate::take(gate_copy_seen &) {
 bool gate::decide(const gate_flow &, const gate_verdict &) {
     return false;
 }
+gate_counter gate::counter_of(const gate_flow &) const {
+    return {};
+}
 bool gate::set_limit(uint32_t, const gate_limit &) {
     return false;
 }
