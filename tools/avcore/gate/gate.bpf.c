@@ -170,7 +170,7 @@ static __always_inline int drop(__u32 why, const struct packet *packet) {
     return TC_ACT_SHOT;
 }
 
-/* The clock costs more than all the rest of an idle gate; a tick's age of the time is nothing to
+/* The clock costs as much as all the rest of an idle gate; a tick's age of the time is nothing to
  * beats. */
 static __always_inline __u64 coarse_now(struct gate_processor *here) {
     const __u64 tick = bpf_jiffies64();
