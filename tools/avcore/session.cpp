@@ -1,13 +1,13 @@
 #include "avcore/session.h"
 
 #include "avcore/gate/gate_report.h"
+#include "avcore/monotonic_clock.h"
 #include "avcore/platform_values.h"
 #include "avcore/printable.h"
 #include "avcore/roam_flows.h"
 #include "platform/host/machine/base_mac.h"
 
 #include <algorithm>
-#include <ctime>
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
@@ -25,12 +25,6 @@ constexpr int64_t BUS_NAME_MS = 1'000;
 constexpr int64_t BEAT_MS = 1'000;
 constexpr int64_t UNDECIDED_MS = 1'000;
 constexpr int64_t TELL_REFUSED_MS = 60'000;
-
-int64_t clock_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
@@ -80,7 +74,7 @@ session::session(const options &options, config settings)
     copies_refused_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
-    next_beat_ms_ = somebody_decides_ ? clock_ms() : NEVER_MS;
+    next_beat_ms_ = somebody_decides_ ? monotonic_ms() : NEVER_MS;
 }
 
 void session::open_bus() {
@@ -100,7 +94,7 @@ void session::open_bus() {
 
 // The base MAC as the daemon finds it; an interface may come, and with it a name.
 std::string session::bus_name() {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     if (!bus_name_.empty() && now_ms - bus_name_ms_ < BUS_NAME_MS)
         return bus_name_;
     bus_name_ms_ = now_ms;
@@ -131,7 +125,7 @@ int session::run() {
 }
 
 session::ending session::turn() {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     tick(now_ms);
     send_frames();
     pull_frames();
@@ -150,7 +144,7 @@ session::ending session::turn() {
     wait(now_ms);
     serve_channel();
     if (gate_)
-        watch_daemon(clock_ms());
+        watch_daemon(monotonic_ms());
     take_signal();
     return ending::none;
 }
@@ -200,7 +194,7 @@ void session::daemon_decides(bool does, int64_t now_ms) {
 }
 
 void session::serve_channel() {
-    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, clock_ms());
+    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, monotonic_ms());
     if (const std::string failed = safe_search_ ? safe_search_->write() : ""; !failed.empty())
         say("safe search: " + failed);
 }
@@ -263,7 +257,7 @@ void session::read_config_again() {
 
 void session::pull_frames() {
     more_input_ = false;
-    for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(clock_ms()); ++pulls) {
+    for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(monotonic_ms()); ++pulls) {
         if (pulls == PULLS_A_TURN) {
             more_input_ = true;
             return;
@@ -294,7 +288,7 @@ void session::take_frame(const captured_frame &captured) {
     std::optional<frame_builder::built_frame> built = builder_.build(captured);
     if (!built)
         return;
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
     if (captured.copy != nullptr) {
@@ -308,7 +302,7 @@ void session::take_frame(const captured_frame &captured) {
 void session::send_frames() {
     sink_full_ = false;
     while (!link_down_) {
-        const int64_t now_ms = clock_ms();
+        const int64_t now_ms = monotonic_ms();
         const fed_frame *frame = feeder_.next_to_send(now_ms);
         if (frame == nullptr)
             return;
@@ -338,12 +332,12 @@ void session::wait(int64_t now_ms) {
         {signals_.fd(), POLLIN, 0},
         {channel_.fd(), POLLIN, 0},
         // Only while there is room: what waits in the capture's buffer stays there.
-        {!input_ended_ && feeder_.has_room(clock_ms()) ? source_.fd() : -1, POLLIN, 0},
+        {!input_ended_ && feeder_.has_room(monotonic_ms()) ? source_.fd() : -1, POLLIN, 0},
         {bus_ ? bus_->fd() : -1, POLLIN, 0},
         {agent_.fd(), POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
-    const int64_t woken_ms = clock_ms();
+    const int64_t woken_ms = monotonic_ms();
     if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
         bus_->serve(woken_ms);
     agent_.serve(woken_ms);
@@ -379,7 +373,7 @@ void session::outdate_verdicts() {
 }
 
 void session::take(const av_verdict &verdict) {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, now_ms);
     if (!frame)
         return;
@@ -405,7 +399,7 @@ void session::take(const av_app_setting &setting) {
     if (row == nullptr)
         ++unknown_flows_;
     else if (enforcer_)
-        enforcer_->set(*row, setting, clock_ms());
+        enforcer_->set(*row, setting, monotonic_ms());
 }
 
 void session::take(const av_safesearch_setting &setting) {
@@ -431,7 +425,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         names_.advance(feeder_.judged());
         return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
     case av_op::urlfilter_get_category:
-        return agent_.answer(asked, clock_ms());
+        return agent_.answer(asked, monotonic_ms());
     case av_op::platform_value:
         engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
