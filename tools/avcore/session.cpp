@@ -22,9 +22,6 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
-constexpr int64_t BEAT_MS = 1'000;
-constexpr int64_t UNDECIDED_MS = 1'000;
-constexpr int64_t TELL_REFUSED_MS = 60'000;
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
@@ -65,16 +62,13 @@ session::session(const options &options, config settings)
     open_bus();
     if (!gate_)
         return;
-    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
-                                           [this](const std::string &line) { say(line); });
+    const auto say_line = [this](const std::string &line) { say(line); };
+    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce, say_line);
     gate_->set_rules(settings_.enforce.rules);
-    // A closed gate stays shut until a daemon comes, however often this program is started.
-    somebody_decides_ = !settings_.enforce.rules.fail_closed;
-    gate_->ask_although_unattended(!somebody_decides_);
-    copies_refused_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
+    watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
+                                            monotonic_ms());
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
-    next_beat_ms_ = somebody_decides_ ? monotonic_ms() : NEVER_MS;
 }
 
 void session::open_bus() {
@@ -143,54 +137,10 @@ session::ending session::turn() {
     explain_waiting(now_ms);
     wait(now_ms);
     serve_channel();
-    if (gate_)
-        watch_daemon(monotonic_ms());
+    if (watch_)
+        watch_->look(link_down_, monotonic_ms());
     take_signal();
     return ending::none;
-}
-
-// The gate is told for as long as its flows are decided about. A daemon that answers, or that has
-// come to the channel, decides; one that has left, lets a frame wait for a second or can't be shown
-// any, for the link to it is down, doesn't.
-void session::watch_daemon(int64_t now_ms) {
-    const size_t before = std::exchange(connections_, channel_.connections());
-    if (connections_ > before)
-        daemon_decides(true, now_ms);
-    if ((before > 0 && connections_ == 0) || link_down_ || feeder_.silent(now_ms, UNDECIDED_MS))
-        daemon_decides(false, now_ms);
-    if (!somebody_decides_ || now_ms < next_beat_ms_)
-        return;
-    gate_->beat();
-    next_beat_ms_ = now_ms + BEAT_MS;
-    tell_refused_copies(now_ms);
-}
-
-void session::tell_refused_copies(int64_t now_ms) {
-    if (now_ms < tell_refused_ms_)
-        return;
-    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
-    const uint64_t before = std::exchange(copies_refused_, refused);
-    if (refused <= before)
-        return;
-    tell_refused_ms_ = now_ms + TELL_REFUSED_MS;
-    say("a client has more than " + std::to_string(settings_.enforce.rules.copies_per_second) +
-        " undecided packets a second: " + std::to_string(refused - before) +
-        " passed without being looked at");
-}
-
-void session::daemon_decides(bool does, int64_t now_ms) {
-    if (std::exchange(somebody_decides_, does) == does)
-        return;
-    next_beat_ms_ = does ? now_ms : NEVER_MS;
-    gate_->ask_although_unattended(!does);
-    if (does && daemon_left_) {
-        say("the daemon is back");
-        back_ = true;
-    } else if (!does) {
-        daemon_left_ = true;
-        say("the daemon is gone: the gate is told so, and waits for it");
-        feeder_.link_lost(now_ms);
-    }
 }
 
 void session::serve_channel() {
@@ -322,8 +272,9 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
-                                     channel_.next_tick_ms(), next_beat_ms_});
+    const int64_t due_ms =
+        std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
+                  channel_.next_tick_ms(), watch_ ? watch_->next_tick_ms() : NEVER_MS});
     if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
@@ -379,8 +330,7 @@ void session::take(const av_verdict &verdict) {
         return;
     flow_row *row = builder_.flows().set_verdict(frame->flow, verdict);
     if (enforcer_) {
-        daemon_decides(true, now_ms);
-        if (std::exchange(back_, false)) // it may be another one, with other policies
+        if (watch_->answered(now_ms))
             enforcer_->policies_changed();
         if (row != nullptr)
             enforcer_->judged(*row, *frame, verdict, now_ms);
