@@ -415,7 +415,8 @@ void session::report() {
                            agent_.counts(),
                            switches_,
                            builder_.has_engine() && !engine_asked_ && engine_ignored_,
-                           builder_.counts()};
+                           builder_.counts(),
+                           enforcer_ ? enforcer_->refused_writes() : 0};
     if (options_.json)
         print_json(std::cout, flows);
     else
