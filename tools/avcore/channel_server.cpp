@@ -48,8 +48,10 @@ void channel_server::accept_clients(int64_t now_ms) {
         epoll_event event = {};
         event.events = EPOLLIN;
         event.data.fd = client.get();
-        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, client.get(), &event) == 0)
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, client.get(), &event) == 0) {
             clients_.emplace(client.get(), std::move(client));
+            ++connects_;
+        }
     }
 }
 

@@ -28,6 +28,7 @@ public:
     int64_t next_tick_ms() const { return paused_until_ms_; }
     void serve(const handler &handle, int64_t now_ms);
     size_t connections() const { return clients_.size(); }
+    uint64_t connects() const { return connects_; } // that were ever made
 
 private:
     void accept_clients(int64_t now_ms);
@@ -38,6 +39,7 @@ private:
     local_listener listener_;
     int64_t paused_until_ms_ = NEVER_MS; // the listener isn't watched: no descriptor was left
     std::map<int, unique_fd> clients_;
+    uint64_t connects_ = 0;
     std::vector<std::byte> buffer_;
 };
 

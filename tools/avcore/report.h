@@ -28,6 +28,7 @@ struct totals {
     std::map<std::string, int32_t> switches; // what the daemon switched, printable
     bool engine_unasked = false;             // the DPI engine is there and no daemon asked for it
     frame_counts frames;
+    uint64_t refused_writes = 0; // to the gate
 };
 
 // "CLIENT to SERVER (PROTOCOL)".

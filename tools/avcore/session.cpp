@@ -1,13 +1,13 @@
 #include "avcore/session.h"
 
 #include "avcore/gate/gate_report.h"
+#include "avcore/monotonic_clock.h"
 #include "avcore/platform_values.h"
 #include "avcore/printable.h"
 #include "avcore/roam_flows.h"
 #include "platform/host/machine/base_mac.h"
 
 #include <algorithm>
-#include <ctime>
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
@@ -22,15 +22,6 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
-constexpr int64_t BEAT_MS = 1'000;
-constexpr int64_t UNDECIDED_MS = 1'000;
-constexpr int64_t TELL_REFUSED_MS = 60'000;
-
-int64_t clock_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
@@ -71,16 +62,13 @@ session::session(const options &options, config settings)
     open_bus();
     if (!gate_)
         return;
-    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce,
-                                           [this](const std::string &line) { say(line); });
+    const auto say_line = [this](const std::string &line) { say(line); };
+    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce, say_line);
     gate_->set_rules(settings_.enforce.rules);
-    // A closed gate stays shut until a daemon comes, however often this program is started.
-    somebody_decides_ = !settings_.enforce.rules.fail_closed;
-    gate_->ask_although_unattended(!somebody_decides_);
-    copies_refused_ = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
+    watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
+                                            monotonic_ms());
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
         say("past the gate: " + way);
-    next_beat_ms_ = somebody_decides_ ? clock_ms() : NEVER_MS;
 }
 
 void session::open_bus() {
@@ -100,7 +88,7 @@ void session::open_bus() {
 
 // The base MAC as the daemon finds it; an interface may come, and with it a name.
 std::string session::bus_name() {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     if (!bus_name_.empty() && now_ms - bus_name_ms_ < BUS_NAME_MS)
         return bus_name_;
     bus_name_ms_ = now_ms;
@@ -131,7 +119,7 @@ int session::run() {
 }
 
 session::ending session::turn() {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     tick(now_ms);
     send_frames();
     pull_frames();
@@ -149,58 +137,14 @@ session::ending session::turn() {
     explain_waiting(now_ms);
     wait(now_ms);
     serve_channel();
-    if (gate_)
-        watch_daemon(clock_ms());
+    if (watch_)
+        watch_->look(link_down_, monotonic_ms());
     take_signal();
     return ending::none;
 }
 
-// The gate is told for as long as its flows are decided about. A daemon that answers, or that has
-// come to the channel, decides; one that has left, lets a frame wait for a second or can't be shown
-// any, for the link to it is down, doesn't.
-void session::watch_daemon(int64_t now_ms) {
-    const size_t before = std::exchange(connections_, channel_.connections());
-    if (connections_ > before)
-        daemon_decides(true, now_ms);
-    if ((before > 0 && connections_ == 0) || link_down_ || feeder_.silent(now_ms, UNDECIDED_MS))
-        daemon_decides(false, now_ms);
-    if (!somebody_decides_ || now_ms < next_beat_ms_)
-        return;
-    gate_->beat();
-    next_beat_ms_ = now_ms + BEAT_MS;
-    tell_refused_copies(now_ms);
-}
-
-void session::tell_refused_copies(int64_t now_ms) {
-    if (now_ms < tell_refused_ms_)
-        return;
-    const uint64_t refused = gate_->counts()[GATE_COUNT_COPIES_REFUSED];
-    const uint64_t before = std::exchange(copies_refused_, refused);
-    if (refused <= before)
-        return;
-    tell_refused_ms_ = now_ms + TELL_REFUSED_MS;
-    say("a client has more than " + std::to_string(settings_.enforce.rules.copies_per_second) +
-        " undecided packets a second: " + std::to_string(refused - before) +
-        " passed without being looked at");
-}
-
-void session::daemon_decides(bool does, int64_t now_ms) {
-    if (std::exchange(somebody_decides_, does) == does)
-        return;
-    next_beat_ms_ = does ? now_ms : NEVER_MS;
-    gate_->ask_although_unattended(!does);
-    if (does && daemon_left_) {
-        say("the daemon is back");
-        back_ = true;
-    } else if (!does) {
-        daemon_left_ = true;
-        say("the daemon is gone: the gate is told so, and waits for it");
-        feeder_.link_lost(now_ms);
-    }
-}
-
 void session::serve_channel() {
-    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, clock_ms());
+    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, monotonic_ms());
     if (const std::string failed = safe_search_ ? safe_search_->write() : ""; !failed.empty())
         say("safe search: " + failed);
 }
@@ -263,7 +207,7 @@ void session::read_config_again() {
 
 void session::pull_frames() {
     more_input_ = false;
-    for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(clock_ms()); ++pulls) {
+    for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(monotonic_ms()); ++pulls) {
         if (pulls == PULLS_A_TURN) {
             more_input_ = true;
             return;
@@ -294,7 +238,7 @@ void session::take_frame(const captured_frame &captured) {
     std::optional<frame_builder::built_frame> built = builder_.build(captured);
     if (!built)
         return;
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
     if (captured.copy != nullptr) {
@@ -308,7 +252,7 @@ void session::take_frame(const captured_frame &captured) {
 void session::send_frames() {
     sink_full_ = false;
     while (!link_down_) {
-        const int64_t now_ms = clock_ms();
+        const int64_t now_ms = monotonic_ms();
         const fed_frame *frame = feeder_.next_to_send(now_ms);
         if (frame == nullptr)
             return;
@@ -328,8 +272,9 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
-                                     channel_.next_tick_ms(), next_beat_ms_});
+    const int64_t due_ms =
+        std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
+                  channel_.next_tick_ms(), watch_ ? watch_->next_tick_ms() : NEVER_MS});
     if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
@@ -338,12 +283,12 @@ void session::wait(int64_t now_ms) {
         {signals_.fd(), POLLIN, 0},
         {channel_.fd(), POLLIN, 0},
         // Only while there is room: what waits in the capture's buffer stays there.
-        {!input_ended_ && feeder_.has_room(clock_ms()) ? source_.fd() : -1, POLLIN, 0},
+        {!input_ended_ && feeder_.has_room(monotonic_ms()) ? source_.fd() : -1, POLLIN, 0},
         {bus_ ? bus_->fd() : -1, POLLIN, 0},
         {agent_.fd(), POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
-    const int64_t woken_ms = clock_ms();
+    const int64_t woken_ms = monotonic_ms();
     if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
         bus_->serve(woken_ms);
     agent_.serve(woken_ms);
@@ -379,14 +324,13 @@ void session::outdate_verdicts() {
 }
 
 void session::take(const av_verdict &verdict) {
-    const int64_t now_ms = clock_ms();
+    const int64_t now_ms = monotonic_ms();
     const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, now_ms);
     if (!frame)
         return;
     flow_row *row = builder_.flows().set_verdict(frame->flow, verdict);
     if (enforcer_) {
-        daemon_decides(true, now_ms);
-        if (std::exchange(back_, false)) // it may be another one, with other policies
+        if (watch_->answered(now_ms))
             enforcer_->policies_changed();
         if (row != nullptr)
             enforcer_->judged(*row, *frame, verdict, now_ms);
@@ -405,7 +349,7 @@ void session::take(const av_app_setting &setting) {
     if (row == nullptr)
         ++unknown_flows_;
     else if (enforcer_)
-        enforcer_->set(*row, setting, clock_ms());
+        enforcer_->set(*row, setting, monotonic_ms());
 }
 
 void session::take(const av_safesearch_setting &setting) {
@@ -431,7 +375,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         names_.advance(feeder_.judged());
         return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
     case av_op::urlfilter_get_category:
-        return agent_.answer(asked, clock_ms());
+        return agent_.answer(asked, monotonic_ms());
     case av_op::platform_value:
         engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
@@ -471,7 +415,8 @@ void session::report() {
                            agent_.counts(),
                            switches_,
                            builder_.has_engine() && !engine_asked_ && engine_ignored_,
-                           builder_.counts()};
+                           builder_.counts(),
+                           enforcer_ ? enforcer_->refused_writes() : 0};
     if (options_.json)
         print_json(std::cout, flows, gate_.get());
     else

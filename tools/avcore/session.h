@@ -9,6 +9,7 @@
 #include "avcore/feeder.h"
 #include "avcore/frame_builder.h"
 #include "avcore/frame_sink.h"
+#include "avcore/gate/daemon_watch.h"
 #include "avcore/gate/enforcer.h"
 #include "avcore/gate/gate.h"
 #include "avcore/options.h"
@@ -37,9 +38,6 @@ private:
     void tick(int64_t now_ms);
     void take_signal();
     void read_config_again();
-    void watch_daemon(int64_t now_ms);
-    void daemon_decides(bool does, int64_t now_ms);
-    void tell_refused_copies(int64_t now_ms); // at most once a minute
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -73,18 +71,12 @@ private:
     name_timeline names_;
     url_agent agent_;
     std::unique_ptr<enforcer> enforcer_;       // beside the gate
+    std::unique_ptr<daemon_watch> watch_;      // as well
     std::unique_ptr<safe_search> safe_search_; // null: nobody carries it out
     std::unique_ptr<message_bus> bus_;         // null: there is none
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
-    bool somebody_decides_ = true;            // as far as has shown
-    bool daemon_left_ = false;                // once, or it was silent
-    bool back_ = false;                       // who decides, with the next verdict
-    size_t connections_ = 0;
-    int64_t next_beat_ms_ = NEVER_MS;
-    uint64_t copies_refused_ = 0; // by the gate, when it was last asked
-    int64_t tell_refused_ms_ = 0;
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
     size_t max_frame_size_ = 0;

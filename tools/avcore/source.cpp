@@ -1,5 +1,7 @@
 #include "avcore/source.h"
 
+#include "avcore/monotonic_clock.h"
+
 #include <algorithm>
 #include <ctime>
 #include <net/if.h>
@@ -26,9 +28,9 @@ int64_t time_us(const timeval &stamp) {
            std::clamp<int64_t>(stamp.tv_usec, 0, 999'999);
 }
 
-int64_t clock_us(clockid_t clock) {
+int64_t real_time_us() {
     timespec now = {};
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_REALTIME, &now);
     return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
 }
 
@@ -119,14 +121,13 @@ frame_source::result frame_source::next_copy(captured_frame &frame) {
     if (!gate_->take(copy_))
         return result::nothing;
     ++counts_.read;
-    const int64_t age_us =
-        clock_us(CLOCK_MONOTONIC) - static_cast<int64_t>(copy_.head.time_ns / 1000);
+    const int64_t age_us = static_cast<int64_t>(monotonic_ns() - copy_.head.time_ns) / 1000;
     if (age_us > STALE_US) {
         ++counts_.stale;
         return result::skipped;
     }
     frame.bytes = copy_.frame;
-    frame.time_us = clock_us(CLOCK_REALTIME) - age_us;
+    frame.time_us = real_time_us() - age_us;
     if (const auto interface = gate_interfaces_.find(copy_.head.if_index);
         interface != gate_interfaces_.end())
         frame.captured_on = interface->second;

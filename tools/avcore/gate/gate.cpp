@@ -3,6 +3,7 @@
 #include "avcore/gate/netlink.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/traffic_control.h"
+#include "avcore/monotonic_clock.h"
 #include "unique_fd.h"
 
 #include <algorithm>
@@ -22,7 +23,6 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <system_error>
-#include <time.h>
 #include <utility>
 
 namespace avcore {
@@ -50,12 +50,6 @@ thread_local std::string libbpf_said;
 std::string reason(int error) {
     return std::generic_category().message(error < 0 ? -error : error) +
            (libbpf_said.empty() ? "" : " (" + libbpf_said + ")");
-}
-
-uint64_t monotonic_ns() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
 template <typename Record>
