@@ -3,6 +3,7 @@
 
 #include "unique_fd.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -15,26 +16,27 @@
 
 namespace avcore {
 
-inline std::string_view bytes_of(const rtattr &attribute) {
-    return {static_cast<const char *>(RTA_DATA(&attribute)), RTA_PAYLOAD(&attribute)};
+struct netlink_attribute {
+    unsigned short type;
+    std::string_view bytes;
+};
+
+inline std::string text_of(const netlink_attribute &attribute) {
+    return std::string(attribute.bytes.substr(0, attribute.bytes.find('\0')));
 }
 
-inline std::string text_of(const rtattr &attribute) {
-    const std::string_view bytes = bytes_of(attribute);
-    return std::string(bytes.substr(0, bytes.find('\0')));
-}
-
+// Also those inside of a nest's bytes.
 template <typename Each>
 void each_attribute(std::string_view bytes, Each each) {
-    auto left = static_cast<int>(bytes.size());
-    for (auto *attribute = reinterpret_cast<const rtattr *>(bytes.data()); RTA_OK(attribute, left);
-         attribute = RTA_NEXT(attribute, left))
-        each(*attribute);
-}
-
-template <typename Each>
-void each_attribute(const rtattr &nest, Each each) {
-    each_attribute(bytes_of(nest), each);
+    rtattr head;
+    while (bytes.size() >= sizeof head) {
+        memcpy(&head, bytes.data(), sizeof head);
+        if (head.rta_len < sizeof head || head.rta_len > bytes.size())
+            return;
+        each(netlink_attribute{head.rta_type,
+                               bytes.substr(sizeof head, head.rta_len - sizeof head)});
+        bytes.remove_prefix(std::min<size_t>(RTA_ALIGN(head.rta_len), bytes.size()));
+    }
 }
 
 // Those of a message, behind a head of that size.
@@ -65,12 +67,14 @@ void netlink_dump(uint16_t type, const Head &head, Each each, uint16_t flags = N
         const ssize_t size = recv(fd.get(), reply.data(), reply.size(), 0);
         if (size <= 0)
             return;
-        auto left = static_cast<unsigned>(size);
-        for (auto *message = reinterpret_cast<nlmsghdr *>(reply.data()); NLMSG_OK(message, left);
-             message = NLMSG_NEXT(message, left)) {
-            if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR)
+        const auto end = static_cast<size_t>(size);
+        for (size_t at = 0; at < end;) {
+            auto *message = static_cast<nlmsghdr *>(static_cast<void *>(reply.data() + at));
+            if (!NLMSG_OK(message, end - at) || message->nlmsg_type == NLMSG_DONE ||
+                message->nlmsg_type == NLMSG_ERROR)
                 return;
             each(*message);
+            at += NLMSG_ALIGN(message->nlmsg_len);
         }
         if (flags != NLM_F_DUMP)
             return;

@@ -57,14 +57,14 @@ bool names_redirect(std::string_view options) {
 tc_filter filter_in(nlmsghdr &message, const tcmsg &head) {
     tc_filter filter;
     filter.priority = head.tcm_info >> 16;
-    each_attribute(message, sizeof(tcmsg), [&](const rtattr &attribute) {
-        if (attribute.rta_type == TCA_KIND)
+    each_attribute(message, sizeof(tcmsg), [&](const netlink_attribute &attribute) {
+        if (attribute.type == TCA_KIND)
             filter.kind = text_of(attribute);
-        if (attribute.rta_type != TCA_OPTIONS)
+        if (attribute.type != TCA_OPTIONS)
             return;
-        filter.redirects = names_redirect(bytes_of(attribute));
-        each_attribute(attribute, [&](const rtattr &option) {
-            if (filter.kind == "bpf" && option.rta_type == TCA_BPF_NAME)
+        filter.redirects = names_redirect(attribute.bytes);
+        each_attribute(attribute.bytes, [&](const netlink_attribute &option) {
+            if (filter.kind == "bpf" && option.type == TCA_BPF_NAME)
                 filter.name = text_of(option);
         });
     });
@@ -81,8 +81,8 @@ bool has_clsact(unsigned if_index) {
         if (message.nlmsg_len < NLMSG_LENGTH(sizeof head))
             return;
         memcpy(&head, NLMSG_DATA(&message), sizeof head);
-        each_attribute(message, sizeof head, [&](const rtattr &attribute) {
-            if (head.tcm_ifindex == request.tcm_ifindex && attribute.rta_type == TCA_KIND)
+        each_attribute(message, sizeof head, [&](const netlink_attribute &attribute) {
+            if (head.tcm_ifindex == request.tcm_ifindex && attribute.type == TCA_KIND)
                 found = found || text_of(attribute) == "clsact";
         });
     });

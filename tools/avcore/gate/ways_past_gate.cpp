@@ -81,8 +81,8 @@ void add_offload(const std::string &name, unsigned index, lines &found) {
     ifinfomsg request = {};
     request.ifi_index = static_cast<int>(index);
     const auto see = [&](const nlmsghdr &message) {
-        each_attribute(message, sizeof request, [&](const rtattr &attribute) {
-            if (attribute.rta_type == IFLA_PHYS_SWITCH_ID && RTA_PAYLOAD(&attribute) > 0)
+        each_attribute(message, sizeof request, [&](const netlink_attribute &attribute) {
+            if (attribute.type == IFLA_PHYS_SWITCH_ID && !attribute.bytes.empty())
                 found.push_back(name +
                                 ": a port of a switch, which forwards between its ports itself");
         });
