@@ -6,6 +6,7 @@ from inline_lab import *
 AS_LONG_AS_A_BEAT = 2  # seconds
 DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-ttl=60",
            "--log-facility=/dev/null")
+LATE_ANSWER = 31
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 
@@ -67,6 +68,12 @@ class Layout:
                         here.send(b"hello")
                         there.recv(100)
                 time.sleep(0.1)
+                if version == 4:  # the web policy allows it, later
+                    port = ends[0].getsockname()[1]
+                    command(LATE_ANSWER, bytes(36) + struct.pack(
+                        ">20xHHB3x4s4s24x", VOICE_CALL, port, TCP,
+                        *map(socket.inet_aton, (SERVERS[4], CLIENTS[4]))) + bytes(152))
+                    time.sleep(0.1)
                 since = time.time()
                 for here, there in (ends, ends[::-1]):
                     sender = threading.Thread(target=here.sendall, args=(bytes(2_000_000),))

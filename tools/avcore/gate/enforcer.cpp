@@ -15,6 +15,7 @@ constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
 constexpr unsigned LINES_A_SECOND = 5;
 constexpr uint16_t NO_RATE = UINT16_MAX;
 constexpr uint8_t TCP = 6;
+constexpr uint32_t ASK_AGAIN = 0; // older than any generation
 
 // Values of av_qos::mark_pri.
 constexpr uint8_t MARK_DOT1P = 0;
@@ -97,6 +98,8 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
     row_enforcement &state = row.enforcement;
     const bool denies = verdict.verdict == AV_VERDICT_DENY;
     const std::string_view name = field_text(verdict.app_name);
+    state.qos = verdict.qos;
+    state.qos_generation = frame.generation;
     if (state.denied && state.generation == gate_.generation()) {
         // A copy of a denied flow: it was on its way, or the gate had no room for the denial.
         decide(row, GATE_DENY, nullptr, name, state.generation);
@@ -117,13 +120,20 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
 }
 
 void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
-    const bool denies = setting.verdict == AV_VERDICT_DENY;
-    if (denies && !row.enforcement.denied)
+    const row_enforcement &state = row.enforcement;
+    if (setting.verdict != AV_VERDICT_DENY) {
+        // What was denied may have another policy against it: its next packet is asked about.
+        if (state.settled)
+            decide(row, GATE_PASS, state.qos ? &*state.qos : nullptr, row.application,
+                   state.denied ? ASK_AGAIN : state.qos_generation);
+        return;
+    }
+    if (!state.denied)
         tell_denial(row,
                     printable(row.application) + ", named by the address that was asked for; "
                                                  "by the web policy, after a late answer",
                     now_ms);
-    decide(row, denies ? GATE_DENY : GATE_PASS, nullptr, row.application, gate_.generation());
+    decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
 }
 
 void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_view name,

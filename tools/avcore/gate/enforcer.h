@@ -33,7 +33,8 @@ public:
 
     // The verdict on one of the row's frames.
     void judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
-    // The daemon decides about the flow without a frame.
+    // The daemon decides about the flow without a frame. Its "allow" leaves marks and limits as
+    // they are, and decides nothing where nothing is decided yet.
     void set(flow_row &row, const av_app_setting &setting, int64_t now_ms);
     // The policies changed.
     void policies_changed() { gate_.next_generation(); }
