@@ -251,6 +251,15 @@ class Routed(Layout, InlineTest):
     def test_limits_with_queues(self):
         self.start('shape = "htb"')
         self.limits_hold(socket.SOCK_DGRAM, 6)
+        self.assertIn("htb", self.root_of_client())
+        self.configure('shape = "drop"')
+        self.avcore.send_signal(signal.SIGHUP)
+        self.until(lambda: "htb" not in self.root_of_client())
+        self.limits_hold(socket.SOCK_DGRAM, 4)
+
+    def root_of_client(self):
+        return subprocess.run(["tc", "qdisc", "show", "dev", "wlan0", "root"], text=True,
+                              capture_output=True, check=True).stdout
 
     def test_a_flood_of_flows(self):
         """Half of them from one client, half from thousands; each has a name of its own."""

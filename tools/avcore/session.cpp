@@ -198,7 +198,7 @@ void session::read_config_again() {
         fresh.dpi = settings_.dpi;
         settings_ = std::move(fresh);
         gate_->set_rules(settings_.enforce.rules);
-        enforcer_->policies_changed();
+        enforcer_->settings_changed(options_.gate_interfaces);
         say("the configuration was read again");
     } catch (const config_error &error) {
         say(std::string(error.what()) + "; the configuration stays as it was");

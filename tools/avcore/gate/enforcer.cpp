@@ -136,6 +136,12 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
     decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
 }
 
+void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
+    if (settings_.shape != enforce_settings::shaping::htb)
+        shaper_.remove_from(interfaces);
+    policies_changed();
+}
+
 void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
                      gate_direction direction, uint16_t rate) {
     if (rate == 0 || rate == NO_RATE)

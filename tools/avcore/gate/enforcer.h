@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace avcore {
 
@@ -38,6 +39,8 @@ public:
     void set(flow_row &row, const av_app_setting &setting, int64_t now_ms);
     // The policies changed.
     void policies_changed() { gate_.next_generation(); }
+    // The settings changed; `interfaces`: where the gate is.
+    void settings_changed(const std::vector<std::string> &interfaces);
 
     uint64_t refused_writes() const { return refused_writes_; }
 

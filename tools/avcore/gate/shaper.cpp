@@ -7,7 +7,6 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 namespace avcore {
 namespace {
@@ -82,6 +81,13 @@ uint32_t shaper::priority_of(uint32_t if_index, uint32_t number, uint64_t bytes_
         rate = bytes_per_second;
     }
     return MAJOR << 16 | number;
+}
+
+void shaper::remove_from(const std::vector<std::string> &interfaces) {
+    for (const std::string &name : interfaces)
+        remove_shaping(name);
+    roots_.clear();
+    rates_.clear();
 }
 
 void remove_shaping(const std::string &interface) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace avcore {
 
@@ -22,6 +23,8 @@ public:
     // The packet priority that leads into the limit's class, made or changed where needed; 0 when
     // there can't be one. `number` names the limit, below 65,536.
     uint32_t priority_of(uint32_t if_index, uint32_t number, uint64_t bytes_per_second);
+    // Takes the queues away, also those of a run before.
+    void remove_from(const std::vector<std::string> &interfaces);
 
 private:
     bool make_root(const std::string &interface);
@@ -31,7 +34,7 @@ private:
     std::map<std::pair<uint32_t, uint32_t>, uint64_t> rates_; // by interface and number
 };
 
-// Takes the queues away. Does nothing where there are none.
+// Does nothing where there are no queues of ours.
 void remove_shaping(const std::string &interface);
 
 } // namespace avcore
