@@ -201,7 +201,15 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     EXPECT_FALSE(std::filesystem::exists(PINS));
     EXPECT_FALSE(look_at_gate(PINS).there);
 
-    { const gate fresh(PINS, {}); }
+    constexpr char MAKE_ANEW[] = "ip link del gw1 && ip link add gw1 type veth";
+    {
+        EXPECT_TRUE(run(MAKE_ANEW));
+        gate fresh(PINS, {"gw1"});
+        EXPECT_EQ(fresh.follow_interfaces(), std::vector<std::string>());
+        EXPECT_TRUE(run(MAKE_ANEW));
+        EXPECT_EQ(fresh.follow_interfaces().size(), 1u);
+        EXPECT_EQ(look_at_gate(PINS).interfaces, std::vector<std::string>{"gw1"});
+    }
     const std::string pin = std::string(PINS) + "/" GATE_LAYOUT "/limits";
     std::filesystem::rename(std::string(PINS) + "/" GATE_LAYOUT "/processors", pin);
     try {

@@ -175,7 +175,7 @@ shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t
     trailer.dpi_cat_id = state.found.cat_id;
     copy_text(trailer.dpi_app_name, state.found.name);
     copy_text(trailer.kernel_domain, host.substr(host.size() - std::min(host.size(), DOMAIN_MAX)));
-    return {host, just_taken(state, frame, packet)};
+    return {host, just_taken(state, frame, packet), !state.flow};
 }
 
 } // namespace avcore

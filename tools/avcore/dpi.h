@@ -36,8 +36,9 @@ bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict);
 
 // The host that a flow's client has shown.
 struct shown_host {
-    std::string_view host;   // empty: none so far; valid until the next packet
-    bool just_taken = false; // by the server, with this packet, which is the first to do so
+    std::string_view host;    // empty: none so far; valid until the next packet
+    bool just_taken = false;  // by the server, with this packet, which is the first to do so
+    bool engine_done = false; // it wants no more of the flow's packets
 };
 
 class dpi_engine {

@@ -13,6 +13,25 @@ namespace {
 
 constexpr uint16_t DNS_PORT = 53;
 
+// The gate looks behind the tags of VLANs, the daemon behind one at most. `plain` is where a frame
+// without them is put together.
+std::span<const uint8_t> without_tags(std::span<const uint8_t> frame, std::vector<uint8_t> &plain) {
+    constexpr size_t TYPE_OFFSET = 12;
+    constexpr size_t TAG_SIZE = 4;
+    const auto is_tag = [&](size_t at) {
+        const int type = at + 2 <= frame.size() ? frame[at] << 8 | frame[at + 1] : 0;
+        return type == 0x8100 || type == 0x88A8 || type == 0x9100;
+    };
+    size_t type_at = TYPE_OFFSET;
+    while (is_tag(type_at))
+        type_at += TAG_SIZE;
+    if (type_at == TYPE_OFFSET || type_at > frame.size())
+        return frame;
+    plain.assign(frame.begin(), frame.begin() + TYPE_OFFSET);
+    plain.insert(plain.end(), frame.begin() + static_cast<ptrdiff_t>(type_at), frame.end());
+    return plain;
+}
+
 bool looks_like_stand_in(const endpoint &side) {
     return side.address.is_reserved() && side.ip_be != INADDR_BROADCAST;
 }
@@ -58,7 +77,9 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
         rules_.capture_on(captured.captured_on);
     fed_frame fed;
     std::vector<uint8_t> &bytes = fed.bytes;
-    std::optional<frame_facts> frame = show(captured.bytes, bytes);
+    std::vector<uint8_t> plain;
+    std::optional<frame_facts> frame = show(
+        captured.copy != nullptr ? without_tags(captured.bytes, plain) : captured.bytes, bytes);
     if (!frame)
         return std::nullopt;
     if (captured.copy != nullptr)
@@ -67,8 +88,8 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);
     const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, *frame, flow);
-    name_lesson lesson =
-        inspect(*frame, std::span(bytes).first(shown_size), captured.time_us, flow.row, trailer);
+    name_lesson lesson = inspect(*frame, std::span(bytes).first(shown_size), captured.time_us,
+                                 flow.row, trailer, fed.engine_done);
     time_us_ = captured.time_us;
     note_frame(flow.row, names_, lesson);
     names_.learn(lesson.answer, time_us_);
@@ -82,7 +103,8 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
 
 // Completes the row and the trailer with what the packet itself shows.
 name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uint8_t> shown,
-                                   int64_t time_us, flow_row &row, av_pkt_trailer &trailer) {
+                                   int64_t time_us, flow_row &row, av_pkt_trailer &trailer,
+                                   bool &engine_done) {
     name_lesson lesson;
     lesson.time_us = time_us;
     const std::span<const uint8_t> packet = ipv4_packet(shown);
@@ -94,6 +116,7 @@ name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uin
         return lesson;
     const shown_host host = dpi_->inspect(frame, packet, time_us, trailer);
     row.host = host.host;
+    engine_done = host.engine_done;
     if (host.just_taken)
         lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};
     return lesson;

@@ -49,7 +49,7 @@ public:
 private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
     name_lesson inspect(const frame_facts &frame, std::span<const uint8_t> shown, int64_t time_us,
-                        flow_row &row, av_pkt_trailer &trailer);
+                        flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
 
     client_rules rules_;
     stand_in_table stand_ins_;

@@ -22,10 +22,11 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
+constexpr int64_t FOLLOW_MS = 500;
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
-        return frame_source::open_gate(*gate, options.gate_interfaces);
+        return frame_source::open_gate(*gate);
     return options.in_interface.empty() ? frame_source::open_file(options.file)
                                         : frame_source::open_interface(options.in_interface);
 }
@@ -65,6 +66,7 @@ session::session(const options &options, config settings)
     const auto say_line = [this](const std::string &line) { say(line); };
     enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce, say_line);
     gate_->set_rules(settings_.enforce.rules);
+    enforcer_->policies_changed(); // as far as anyone knows, since the last run
     watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
                                             monotonic_ms());
     for (const std::string &way : ways_past_gate(options.gate_interfaces))
@@ -139,8 +141,17 @@ session::ending session::turn() {
     serve_channel();
     if (watch_)
         watch_->look(link_down_, monotonic_ms());
+    follow_interfaces(now_ms);
     take_signal();
     return ending::none;
+}
+
+void session::follow_interfaces(int64_t now_ms) {
+    if (!gate_ || now_ms < follow_ms_)
+        return;
+    follow_ms_ = now_ms + FOLLOW_MS;
+    for (const std::string &line : gate_->follow_interfaces())
+        say(line);
 }
 
 void session::serve_channel() {

@@ -65,12 +65,19 @@ frame_source frame_source::open_interface(const std::string &name) {
     return source;
 }
 
-frame_source frame_source::open_gate(gate &gate, const std::vector<std::string> &interfaces) {
+frame_source frame_source::open_gate(gate &gate) {
     frame_source source;
     source.gate_ = &gate;
-    for (const std::string &name : interfaces)
-        source.gate_interfaces_[if_nametoindex(name.c_str())] = name;
     return source;
+}
+
+// Also where another run has attached the gate.
+const std::string &frame_source::gate_interface(uint32_t index) {
+    std::string &name = gate_interfaces_[index];
+    char found[IF_NAMESIZE];
+    if (name.empty() && if_indextoname(index, found) != nullptr)
+        name = found;
+    return name;
 }
 
 int frame_source::fd() const {
@@ -128,9 +135,11 @@ frame_source::result frame_source::next_copy(captured_frame &frame) {
     }
     frame.bytes = copy_.frame;
     frame.time_us = real_time_us() - age_us;
-    if (const auto interface = gate_interfaces_.find(copy_.head.if_index);
-        interface != gate_interfaces_.end())
-        frame.captured_on = interface->second;
+    if (copy_.frame.size() > max_frame_size_) {
+        ++counts_.too_long;
+        return result::skipped;
+    }
+    frame.captured_on = gate_interface(copy_.head.if_index);
     frame.copy = &copy_.head;
     if (copy_.head.captured < copy_.head.length)
         ++counts_.cut_short;

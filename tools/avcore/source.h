@@ -41,7 +41,7 @@ public:
     static frame_source open_interface(const std::string &name);
 
     // `gate` outlives the source.
-    static frame_source open_gate(gate &gate, const std::vector<std::string> &interfaces);
+    static frame_source open_gate(gate &gate);
 
     // Frames longer than this are not carried.
     void set_max_frame_size(size_t size) { max_frame_size_ = size; }
@@ -67,6 +67,7 @@ private:
     result next_of_file();
     result next_live();
     result next_copy(captured_frame &frame);
+    const std::string &gate_interface(uint32_t index);
 
     struct closer {
         void operator()(pcap_t *handle) const { pcap_close(handle); }
@@ -76,7 +77,7 @@ private:
     std::unique_ptr<file_reader> file_; // one of these three
     std::unique_ptr<pcap_t, closer> live_;
     gate *gate_ = nullptr;
-    std::map<uint32_t, std::string> gate_interfaces_; // by index
+    std::map<uint32_t, std::string> gate_interfaces_; // by index, as far as they were seen
     gate_copy_seen copy_;
     file_frame read_;                     // from the file
     const pcap_pkthdr *header_ = nullptr; // of the frame read last

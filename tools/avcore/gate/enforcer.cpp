@@ -15,6 +15,7 @@ constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
 constexpr unsigned LINES_A_SECOND = 5;
 constexpr uint16_t NO_RATE = UINT16_MAX;
 constexpr uint8_t TCP = 6;
+constexpr uint8_t ICMPV6 = 58;
 constexpr uint32_t ASK_AGAIN = 0; // older than any generation
 
 // Values of av_qos::mark_pri.
@@ -36,10 +37,10 @@ constexpr traffic_class TRAFFIC_CLASSES[] = {
 // Wi-Fi drivers take a packet's priority from here on for its user priority.
 constexpr uint32_t PRIORITY_OF_USER_PRIORITY = 256;
 
-// Whether this frame's verdict may decide: the engine has come to an end, or won't.
+// Whether this frame's verdict may decide: until the engine is through the name may change.
 bool is_late_enough(const flow_row &row, const fed_frame &frame) {
     const uint64_t enough = row.ip_proto == TCP ? ENOUGH_TCP_PACKETS : ENOUGH_OTHER_PACKETS;
-    return frame.number_in_flow >= enough || frame.trailer().dpi_status != AV_DPI_MORE_PACKETS;
+    return frame.number_in_flow >= enough || frame.engine_done;
 }
 
 void mark(gate_verdict &verdict, const av_qos &qos) {
@@ -61,10 +62,15 @@ void mark(gate_verdict &verdict, const av_qos &qos) {
     }
 }
 
+// The web policy is asked first; what it lets pass is the application policy's.
+bool is_by_web(const av_verdict &verdict) {
+    return verdict.wificalling_f == AV_DECIDED_BY_WEB && verdict.qos.url_decided != 0;
+}
+
 std::string source_of_name(const flow_row &row, const fed_frame &frame, const av_verdict &verdict) {
     const std::string_view name = field_text(verdict.app_name);
     const av_pkt_trailer trailer = frame.trailer();
-    if (verdict.wificalling_f == AV_DECIDED_BY_WEB)
+    if (is_by_web(verdict))
         return "the address that was asked for";
     if (verdict.match_info != 0)
         return "the administrator's definitions";
@@ -77,7 +83,7 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
 }
 
 std::string policy_of(const av_verdict &verdict) {
-    if (verdict.wificalling_f == AV_DECIDED_BY_WEB)
+    if (is_by_web(verdict))
         return "the web policy";
     return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp);
 }
@@ -85,6 +91,8 @@ std::string policy_of(const av_verdict &verdict) {
 } // namespace
 
 void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
+    if (copy.flow.proto == ICMPV6 && row.ip_proto == ICMPV6)
+        return; // the gate has one flow of a pair's ICMPv6: what is decided of its echoes holds
     const bool seen_from_client = from_client == (copy.direction == GATE_UP);
     const auto side = seen_from_client ? row_enforcement::CLIENT : row_enforcement::SERVER;
     row.enforcement.flows[side] = copy.flow;

@@ -228,7 +228,8 @@ static __always_inline int parse_icmp(struct __sk_buff *skb, struct packet *pack
         bpf_skb_load_bytes(skb, packet->transport, head, sizeof head))
         return GATE_COUNT_MALFORMED;
     const bool fragmentation_needed = head[0] == 3 && head[1] == 4;
-    return fragmentation_needed ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
+    const bool router = head[0] == 9 || head[0] == 10;
+    return fragmentation_needed || router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
 }
 
 static __always_inline int parse_icmpv6(struct __sk_buff *skb, struct packet *packet) {

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <optional>
@@ -395,15 +396,22 @@ std::vector<std::string> attached_interfaces(uint32_t settings_id) {
 } // namespace
 
 struct gate::parts {
-    explicit parts(const std::string &pins)
-        : verdicts(pinned_map(pins, "verdicts")),
+    parts(const std::string &at, const std::vector<std::string> &names)
+        : pins(at),
+          verdicts(pinned_map(pins, "verdicts")),
           flows(pinned_map(pins, "flows")),
           limits(pinned_map(pins, "limits")),
           processors(pinned_map(pins, "processors")),
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
           settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
-          ring_of_copies(copies.get()) {}
+          ring_of_copies(copies.get()) {
+        for (const std::string &name : names)
+            interfaces[name] = if_nametoindex(name.c_str());
+    }
+
+    std::string pins;
+    std::map<std::string, unsigned> interfaces; // their indices; 0 while there is none
 
     unique_fd verdicts;
     unique_fd flows;
@@ -419,7 +427,7 @@ gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) 
     libbpf_set_print(keep_message);
     libbpf_said.clear();
     set_up(pins, interfaces);
-    parts_ = std::make_unique<parts>(pins);
+    parts_ = std::make_unique<parts>(pins, interfaces);
     if (generation() == 0) { // a new one
         set_rules({});
         next_generation();
@@ -428,6 +436,26 @@ gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) 
 
 gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
+
+std::vector<std::string> gate::follow_interfaces() {
+    std::vector<std::string> lines;
+    for (auto &[name, index] : parts_->interfaces) {
+        const unsigned now = if_nametoindex(name.c_str());
+        if (std::exchange(index, now) == now)
+            continue;
+        if (now == 0) {
+            lines.push_back(name + " is gone, and the gate there with it");
+            continue;
+        }
+        try {
+            set_up(parts_->pins, {name});
+            lines.push_back(name + " was made anew: the gate is attached there again");
+        } catch (const std::runtime_error &error) {
+            lines.emplace_back(error.what());
+        }
+    }
+    return lines;
+}
 
 void gate::set_rules(const gate_rules &rules) {
     gate_settings &settings = *parts_->settings.get();
@@ -488,7 +516,8 @@ gate_counts gate::counts() const {
     return read_counts(parts_->processors.get());
 }
 
-void tear_down_gate(const std::string &pins) {
+std::vector<std::string> tear_down_gate(const std::string &pins) {
+    std::vector<std::string> names;
     libbpf_set_print(keep_message);
     libbpf_said.clear();
     const unique_fd lock = lock_beside(pins);
@@ -500,10 +529,13 @@ void tear_down_gate(const std::string &pins) {
             detach(index, side);
             had_gate = true;
         }
-        if (had_gate)
-            remove_hooks(index);
+        if (!had_gate)
+            continue;
+        remove_hooks(index);
+        names.push_back(name);
     }
     remove_pins(pins, layouts::all);
+    return names;
 }
 
 gate_status look_at_gate(const std::string &pins) {

@@ -42,6 +42,10 @@ public:
     ~gate(); // the gate itself stays where it is
     gate(gate &&) noexcept;
 
+    // Attaches it again where one of the interfaces was made anew. A line for the log for each that
+    // came or went since the last call.
+    std::vector<std::string> follow_interfaces();
+
     void set_rules(const gate_rules &rules);
 
     int fd() const; // readable when there are copies
@@ -70,8 +74,9 @@ private:
 };
 
 // Detaches the gate from all interfaces of this network namespace and removes the pins and, where
-// nothing else is in it, the mount. Does nothing where there is none. Throws std::runtime_error.
-void tear_down_gate(const std::string &pins);
+// nothing else is in it, the mount. Returns where it was attached; nowhere where there is none.
+// Throws std::runtime_error.
+std::vector<std::string> tear_down_gate(const std::string &pins);
 
 struct gate_status {
     bool there = false;

@@ -22,6 +22,9 @@ gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
 
 // Of a gate that is there; none is.
+std::vector<std::string> gate::follow_interfaces() {
+    return {};
+}
 void gate::set_rules(const gate_rules &) {}
 int gate::fd() const {
     return -1;
@@ -48,7 +51,7 @@ gate_counts gate::counts() const {
     return {};
 }
 
-void tear_down_gate(const std::string &) {
+std::vector<std::string> tear_down_gate(const std::string &) {
     refuse();
 }
 gate_status look_at_gate(const std::string &) {

@@ -19,9 +19,8 @@ int set_up_gate(const options &options, const config &settings) {
 }
 
 int tear_down_gate(const options &options) {
-    for (const std::string &name : look_at_gate(options.pins).interfaces)
+    for (const std::string &name : tear_down_gate(options.pins))
         remove_shaping(name);
-    tear_down_gate(options.pins);
     return 0;
 }
 

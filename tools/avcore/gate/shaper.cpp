@@ -1,5 +1,7 @@
 #include "avcore/gate/shaper.h"
 
+#include "avcore/gate/gate_records.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
@@ -13,6 +15,7 @@ namespace {
 
 constexpr uint32_t MAJOR = 0xA40C;
 constexpr char ROOT[] = "a40c:";
+constexpr uint32_t NO_BUCKET = GATE_BUCKETS;
 constexpr uint64_t SMALLEST_QUEUE = 15'140; // ten full frames
 constexpr uint64_t QUEUES_A_SECOND = 10;
 
@@ -54,7 +57,7 @@ bool set_class(const std::string &interface, const std::string &name, uint64_t b
 // run before.
 bool shaper::make_root(const std::string &interface) {
     if (tc({"qdisc", "add", "dev", interface, "root", "handle", ROOT, "htb"}) ||
-        set_class(interface, class_name(1), 1'000'000))
+        set_class(interface, class_name(NO_BUCKET), 1'000'000))
         return true;
     say_("no queues at " + interface +
          ", for there is no HTB or the interface has another root qdisc: limits are kept by drops");

@@ -123,7 +123,8 @@ std::string output_of(const char *command) {
     return output;
 }
 
-void add_flow_tables(const lines &interfaces, lines &found) {
+// Also those of other interfaces: a bridge's table carries what its ports bring.
+void add_flow_tables(lines &found) {
     const auto said =
         nlohmann::json::parse(output_of("nft -j list flowtables 2>/dev/null"), nullptr, false);
     if (!said.is_object() || !said.contains("nftables"))
@@ -133,10 +134,10 @@ void add_flow_tables(const lines &interfaces, lines &found) {
         nlohmann::json devices = table.value("dev", nlohmann::json::array());
         if (devices.is_string())
             devices = nlohmann::json::array({devices});
-        for (const std::string &name : interfaces)
-            if (std::find(devices.begin(), devices.end(), name) != devices.end())
-                found.push_back(name + ": nftables' flow table " + table.value("name", "") +
-                                " forwards packets itself");
+        for (const nlohmann::json &device : devices)
+            if (device.is_string())
+                found.push_back(device.get<std::string>() + ": nftables' flow table " +
+                                table.value("name", "") + " forwards packets itself");
     }
 }
 
@@ -151,7 +152,7 @@ std::vector<std::string> ways_past_gate(const std::vector<std::string> &interfac
         add_offload(name, index, found);
         add_programs(name, index, found);
     }
-    add_flow_tables(interfaces, found);
+    add_flow_tables(found);
     return found;
 }
 
