@@ -21,6 +21,7 @@ FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
 TCP, UDP = 6, 17
 RST = 4
 SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
+SO_RCVPRIORITY = 82  # since Linux 6.14
 CONFIG = "/tmp/inline.toml"
 REPORT = "/tmp/inline.json"
 EXAMPLES = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../examples")
@@ -29,7 +30,7 @@ SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scr
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
 LIMITS = {SLOW: 2_000_000, FAST: 20_000_000}  # bit/s
-RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "dscp", "type": "Voice"}}},
+RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "both", "type": "Voice"}}},
          **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
             for port, limit in LIMITS.items()}}
 
@@ -61,7 +62,7 @@ class Packet(NamedTuple):
 
 def parse(record, at):
     gso_size = int.from_bytes(record[4:6], sys.byteorder)
-    frame = record[10:]
+    frame = record[10:].ljust(94, b"\0")  # as long as headers are: some are cut short
     version = {b"\x08\x00": 4, b"\x86\xdd": 6}.get(frame[12:14])
     if version is None:
         return None

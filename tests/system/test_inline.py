@@ -12,6 +12,7 @@ PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 class Layout:
     """What has to hold routed and bridged."""
+    fails = ("open", "closed")
 
     def tell_name(self, version, name, address):
         """The client asks for an address, and a server answers."""
@@ -58,6 +59,26 @@ class Layout:
         self.assertEqual({flow: (rows[flow]["packets"], rows[flow]["dropped"])
                           for flow in expected}, expected)
 
+    def packets_to_client(self):
+        """A socket that takes them as they leave, with their priorities; None if it can't."""
+        taken = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        self.addCleanup(taken.close)
+        taken.bind(("wlan0", 0))
+        taken.setblocking(False)
+        with contextlib.suppress(OSError):
+            taken.setsockopt(socket.SOL_SOCKET, SO_RCVPRIORITY, 1)
+            return taken
+
+    def priorities(self, taken, port):
+        found = set()
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                frame, ((_, _, priority), *_), _, address = taken.recvmsg(200, 64)
+                packet = parse(bytes(10) + frame, 0)
+                if address[2] == socket.PACKET_OUTGOING and packet and packet.src_port == port:
+                    found.add(int.from_bytes(priority, sys.byteorder))
+        return found
+
     def test_marks(self):
         self.start()
         for version in FAMILIES:
@@ -75,6 +96,7 @@ class Layout:
                         *map(socket.inet_aton, (SERVERS[4], CLIENTS[4]))) + bytes(152))
                     time.sleep(0.1)
                 since = time.time()
+                taken = self.packets_to_client()
                 for here, there in (ends, ends[::-1]):
                     sender = threading.Thread(target=here.sendall, args=(bytes(2_000_000),))
                     sender.start()
@@ -88,10 +110,12 @@ class Layout:
                     packets = arrivals.of(VOICE_CALL, version, TCP, since=since)
                     self.assertEqual({packet.dscp for packet in packets}, {46})
                     self.assertTrue(any(packet.large for packet in packets))
+                if taken:
+                    self.assertEqual(self.priorities(taken, VOICE_CALL), {256 + 6})
 
-    def limits_hold(self, kind, version, ways=("up", "down"), expected=LIMITS):
-        """Two flows of the slow application and one of the fast one send more than they may, this
-        way or both ways at once."""
+    def limits_hold(self, kind, version, expected=LIMITS):
+        """Two flows of the slow application and one of the fast one send more than they may, both
+        ways at once: a limit drops the other way's acknowledgements as well."""
         on, ends = True, []
 
         def stream(end):
@@ -105,25 +129,30 @@ class Layout:
                     pass
 
         for port in (SLOW, SLOW, FAST):
-            for end, way in zip(self.pair(kind, version, port), ("up", "down")):
+            for end in self.pair(kind, version, port):
                 ends.append(end)
                 if kind == socket.SOCK_DGRAM:
                     ends.append(Sender(end, 1228 * 8 / LIMITS[port] / 1.5, 1200))
                 else:
-                    threading.Thread(target=stream if way in ways else sink, args=(end,),
-                                     daemon=True).start()
-        begins = time.time() + 1.5
+                    for work in stream, sink:
+                        threading.Thread(target=work, args=(end,), daemon=True).start()
+        time.sleep(1.5)
         lasts = 3 if kind == socket.SOCK_DGRAM else 8  # one large packet too many is 64 KiB
-        time.sleep(1.5 + lasts)
+        for _ in range(3):  # TCP pauses now and then when it loses much, and so do loaded machines
+            begins = time.time()
+            time.sleep(lasts + 0.1)
+            rates = {(way, limit): arrivals.rate(port, version, PROTOCOLS[kind], begins,
+                                                 begins + lasts) / limit
+                     for way, arrivals in (("up", self.at_server), ("down", self.at_client))
+                     for port, limit in expected.items()}
+            if min(rates.values()) >= 0.95 or max(rates.values()) > 1.05:
+                break
         on = False
         for end in reversed(ends):
             end.close()
-        for way in ways:
-            arrivals = self.at_server if way == "up" else self.at_client
-            for port, limit in expected.items():
-                rate = arrivals.rate(port, version, PROTOCOLS[kind], begins, begins + lasts)
-                with self.subTest(kind=kind, version=version, way=way, limit=limit):
-                    self.assertAlmostEqual(rate / limit, 1, delta=0.05)
+        with self.subTest(kind=kind, version=version, rates=rates):
+            for rate in rates.values():
+                self.assertAlmostEqual(rate, 1, delta=0.05)
 
     def test_limits_of_datagrams(self):
         self.start()
@@ -132,9 +161,8 @@ class Layout:
 
     def test_limits_of_streams_over_twenty_milliseconds(self):
         self.start(wire_ms=10)
-        # One way at a time: a limit drops the other way's acknowledgements as well.
-        self.limits_hold(socket.SOCK_STREAM, 4, ["down" if self.bridged else "up"])
-        self.limits_hold(socket.SOCK_STREAM, 6, ["up" if self.bridged else "down"])
+        self.limits_hold(socket.SOCK_STREAM, 4)
+        self.limits_hold(socket.SOCK_STREAM, 6)
 
     def test_both_sides_are_reset(self):
         self.start("reset = true")
@@ -165,11 +193,9 @@ class Layout:
                 server.send(b"back")
                 self.assertEqual(client.recv(8), b"back")
 
-
-class Routed(Layout, InlineTest):
     def test_programs_that_are_killed(self):
         self.start()
-        for fail in "open", "closed":
+        for fail in self.fails:
             self.configure(f'fail = "{fail}"')
             self.avcore.send_signal(signal.SIGHUP)
             self.until(lambda: self.status()["fail"] == fail)
@@ -223,44 +249,6 @@ class Routed(Layout, InlineTest):
             sent = allowed[version].stop()
             self.until(lambda: len(passed(allowed, version, begun)) == sent)
 
-    def test_a_changed_policy_holds_within_ten_milliseconds(self):
-        self.start()
-        for version in FAMILIES:
-            flow = self.talk(SERVERS[version], SWITCHED)
-            time.sleep(0.3)
-            shut, opened = [], []
-            for _ in range(6):  # a loaded machine isn't always late
-                for deny, times, which in (1, shut, max), (0, opened, min):
-                    since = time.time()
-                    command(POLICY, policy(1, rule(f"app-{SWITCHED}", app_id=30000 + SWITCHED,
-                                                   cat_id=0x8000, deny=deny)))
-                    time.sleep(0.1)
-                    passed = [packet.at for packet in
-                              self.at_server.of(SWITCHED, version, UDP, since=since)]
-                    times.append(which(passed, default=since + deny - 1) - since)
-            with self.subTest(version=version, shut=shut, opened=opened):
-                self.assertTrue(0 <= min(shut) < 0.01)
-                self.assertTrue(0 <= min(opened) < 0.01)
-            flow.stop()
-
-    def test_limits_of_flows_in_another_unit(self):
-        rule_of = {"rate_up": LIMITS[SLOW] // 8000, "rate_down": LIMITS[SLOW] // 8000}
-        self.start('share = "flow"\nrate_unit = "kB/s"', rules=RULES | {SLOW: rule_of, FAST: {}})
-        self.limits_hold(socket.SOCK_DGRAM, 4, expected={SLOW: 2 * LIMITS[SLOW]})
-
-    def test_limits_with_queues(self):
-        self.start('shape = "htb"')
-        self.limits_hold(socket.SOCK_DGRAM, 6)
-        self.assertIn("htb", self.root_of_client())
-        self.configure('shape = "drop"')
-        self.avcore.send_signal(signal.SIGHUP)
-        self.until(lambda: "htb" not in self.root_of_client())
-        self.limits_hold(socket.SOCK_DGRAM, 4)
-
-    def root_of_client(self):
-        return subprocess.run(["tc", "qdisc", "show", "dev", "wlan0", "root"], text=True,
-                              capture_output=True, check=True).stdout
-
     def test_a_flood_of_flows(self):
         """Half of them from one client, half from thousands; each has a name of its own."""
         self.start()
@@ -280,11 +268,11 @@ class Routed(Layout, InlineTest):
         self.assertGreater(self.status()["counts"]["copies_refused"], 0)
 
     def flood(self, flows):
-        with open("/sys/class/net/wlan0/address") as file:
-            gateway = file.read().strip()
+        next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
+        [link] = json.loads(subprocess.check_output(["ip", "-j", *next_hop.split()]))
         request = b"GET / HTTP/1.1\r\nHost: n000000.example\r\n\r\n"
         frame = bytearray(ethernet(0x0800, ipv4(TCP, tcp(0, 80, request), src="10.2.0.0",
-                                                dst=NAMED[4]), dst=gateway))
+                                                dst=NAMED[4]), dst=link["address"]))
         name = frame.index(b"n000000") + 1
         with namespace("client"), socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as raw:
             raw.bind(("eth0", 0))
@@ -332,6 +320,47 @@ class Routed(Layout, InlineTest):
             capture_output=True)
         return done.returncode, done.stdout
 
+
+class Routed(Layout, InlineTest):
+    def test_a_changed_policy_holds_within_ten_milliseconds(self):
+        self.start()
+        for version in FAMILIES:
+            flow = self.talk(SERVERS[version], SWITCHED)
+            time.sleep(0.3)
+            shut, opened = [], []
+            for _ in range(6):  # a loaded machine isn't always late
+                for deny, times, which in (1, shut, max), (0, opened, min):
+                    since = time.time()
+                    command(POLICY, policy(1, rule(f"app-{SWITCHED}", app_id=30000 + SWITCHED,
+                                                   cat_id=0x8000, deny=deny)))
+                    time.sleep(0.1)
+                    passed = [packet.at for packet in
+                              self.at_server.of(SWITCHED, version, UDP, since=since)]
+                    times.append(which(passed, default=since + deny - 1) - since)
+            with self.subTest(version=version, shut=shut, opened=opened):
+                self.assertTrue(0 <= min(shut) < 0.01)
+                self.assertTrue(0 <= min(opened) < 0.01)
+            flow.stop()
+
+    def test_limits_of_flows_in_another_unit(self):
+        rule_of = {"rate_up": LIMITS[SLOW] // 8000, "rate_down": LIMITS[SLOW] // 8000}
+        self.start('share = "flow"\nrate_unit = "kB/s"', rules=RULES | {SLOW: rule_of, FAST: {}})
+        self.limits_hold(socket.SOCK_DGRAM, 4, expected={SLOW: 2 * LIMITS[SLOW]})
+
+    def test_limits_with_queues(self):
+        self.start('shape = "htb"', wire_ms=10)
+        self.limits_hold(socket.SOCK_DGRAM, 6)
+        self.limits_hold(socket.SOCK_STREAM, 4)
+        self.assertIn("htb", self.root_of_client())
+        self.configure('shape = "drop"')
+        self.avcore.send_signal(signal.SIGHUP)
+        self.until(lambda: "htb" not in self.root_of_client())
+        self.limits_hold(socket.SOCK_DGRAM, 4)
+
+    def root_of_client(self):
+        return subprocess.run(["tc", "qdisc", "show", "dev", "wlan0", "root"], text=True,
+                              capture_output=True, check=True).stdout
+
     def test_set_up_and_torn_down(self):
         self._lay_out(0)
         run("tc", "qdisc", "add", "dev", "wlan0", "clsact")
@@ -348,6 +377,11 @@ class Routed(Layout, InlineTest):
             return done.returncode, done.stdout + done.stderr
 
         before = filters()
+        for names in (["wlan7"], ["wlan0", "wlan7"], ["eth0", "wlan7"]):  # eth0 has no clsact
+            self.assertEqual(avcore("setup", *(f"--inline={name}" for name in names))[0], 1)
+            self.assertEqual(filters(), before)
+        self.assertFalse(os.path.exists("/run/jorn/gate"))
+        self.assertEqual(subprocess.check_output(["tc", "qdisc", "show"]).count(b"clsact"), 1)
         self.assertFalse(self.status()["there"])
         for _ in range(2):
             status, said = avcore("setup", "--inline", "wlan0")
@@ -366,6 +400,7 @@ class Routed(Layout, InlineTest):
 
 class Bridged(Layout, InlineTest):
     bridged = True
+    fails = ("closed",)
 
 
 del Layout  # its tests are run in both
