@@ -14,10 +14,10 @@ show_box() {
     cat <<PICTURE
   tablet                access point                 the internet, $((2 * WIRE_MS)) ms there and back
   $CLIENT ---- wlan0 [bridge] eth0 -------- $WEB_SERVER  $WEB_NAME (HTTP)
-  laptop                   |                     $VIDEO_SERVER  $VIDEO_NAME (HTTPS, IPv6 too)
-  $LAPTOP ---- wlan1 -'                     $SPEED_SERVER  speedtest.example (iperf3)
-                the gate at wlan0, wlan1         $VOICE_SERVER  voice.example (UDP)
-                  avcore --> jorn                $DNS_SERVER  name server
+  laptop                   |                  $VIDEO_SERVER  $VIDEO_NAME (HTTPS, IPv6 too)
+  $LAPTOP ---- wlan1 ----'                  $SPEED_SERVER  speedtest.example (iperf3)
+                the gate at wlan0, wlan1      $VOICE_SERVER  voice.example (UDP)
+                  avcore --> jorn             $DNS_SERVER  name server
 PICTURE
 }
 

@@ -1,6 +1,9 @@
 # shellcheck shell=bash
 # What the scripts share: messages, and the installation of what is missing. Sourced, not run.
 
+# Not every user's path leads to what takes root, chroot among it.
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
+
 # shellcheck disable=SC2034 # the scripts choose from these lists
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohmann-json3-dev
     libtomlplusplus-dev libndpi-dev libssl-dev clang libbpf-dev)
