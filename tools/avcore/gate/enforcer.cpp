@@ -77,8 +77,10 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
     if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
         equals_ignoring_case(field_text(trailer.dpi_app_name), name))
         return "the DPI engine";
+    if (!row.host.empty() && equals_ignoring_case(row.host, name))
+        return "the handshake";
     if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
-        return "DNS or the handshake";
+        return "DNS, or an earlier handshake with the server";
     return "the daemon's tables";
 }
 

@@ -126,7 +126,7 @@ struct gate_processor {
     __u64 tick; /* the kernel's, and the time at its first packet */
     __u64 now_ns;
 };
-GATE_SIZE(gate_processor, (GATE_COUNTS + 2) * 8);
+GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 16);
 
 /* A copy in the ring; the frame follows, `captured` bytes of it. */
 struct gate_copy {
