@@ -18,7 +18,8 @@ from testbed import wait_until  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
 # What is measured, the port, and as what the gate has to count the packets.
-STATES = [("nothing", PLAIN, None), ("attached, nobody there", PLAIN, "nobody"),
+ALONE = "the daemon, no gate"  # its packet socket alone has the kernel time every packet
+STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None), ("attached, nobody there", PLAIN, "nobody"),
           ("decided: allow", PLAIN, "decided"), ("decided: DSCP and class", MARKED, "decided"),
           ("everything undecided", PLAIN, "undecided")]
 QOS = {"qos": {"mark": {"kind": "both", "type": "Voice"}, "classify": "Voice"}}
@@ -51,6 +52,7 @@ class Measurement(InlineTest):
                 [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
         self.options = ()
         self.rounds = []
+        self.lines = Record("lines of avcore")
         for number in range(arguments.rounds):
             order = STATES[number % len(STATES):] + STATES[:number % len(STATES)]
             self.rounds.append({state[0]: self.measure_state(*state) for state in order})
@@ -66,8 +68,10 @@ class Measurement(InlineTest):
             if counted in ("decided", "undecided"):
                 self.start_avcore()
                 end.callback(self.stop_avcore, self.avcore)
+            if counted in ("decided", "undecided") or name == ALONE:
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
+            if counted in ("decided", "undecided"):
                 self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
                                  (0, "", ""))
                 time.sleep(0.5)
