@@ -18,7 +18,7 @@ from testbed import wait_until  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
 # What is measured, the port, and as what the gate has to count the packets.
-ALONE = "the daemon, no gate"  # its packet socket alone has the kernel time every packet
+ALONE = "the daemon, no gate"  # its capture costs others' packets something, too
 STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None), ("attached, nobody there", PLAIN, "nobody"),
           ("decided: allow", PLAIN, "decided"), ("decided: DSCP and class", MARKED, "decided"),
           ("everything undecided", PLAIN, "undecided")]
@@ -155,7 +155,7 @@ def run_quietly(*words):
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--bridged", action="store_true")
-    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=2)
     arguments = parser.parse_args()
     Measurement("measure").debug()
