@@ -1,6 +1,7 @@
 // avcore's configuration, the client of a flow, and messages from whoever connects.
 #include "avcore/config.h"
 #include "avcore/flow_table.h"
+#include "avcore/frame_builder.h"
 #include "avcore/gate/limits.h"
 #include "avcore/ipv6_frame.h"
 #include "avcore/messages.h"
@@ -327,6 +328,23 @@ TEST(AvcoreMessages, TakesOnlyWhatIsExactlyAMessage) {
     const auto parsed = parse_message(unknown);
     const auto &asked = std::get<question>(*parsed);
     EXPECT_EQ(make_answer(asked, -1, asked.body).size(), 12u) << "no body with a failure";
+}
+
+TEST(AvcoreFrames, TagsDontHideWhatTheGateHasLookedAt) {
+    config settings;
+    settings.dpi = false;
+    frame_builder builder(settings, "");
+    const octets frame =
+        ethernet(0x88A8, octets{0, 1, 0x81, 0, 0, 2, 8, 0} + ipv4(17, udp(1000, 2000, "x")));
+    const gate_copy copy = {};
+    captured_frame captured;
+    captured.copy = &copy;
+    for (const size_t size : {frame.size(), size_t{22}, size_t{17}, size_t{13}}) {
+        captured.bytes = std::span(frame).first(size);
+        const auto built = builder.build(captured);
+        ASSERT_TRUE(built);
+        EXPECT_EQ(built->flow.row.server.port, size == frame.size() ? 2000 : 0) << size;
+    }
 }
 
 } // namespace
