@@ -17,10 +17,11 @@ from inline_lab import *  # pylint: disable=wrong-import-position
 from testbed import wait_until  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
-# What is measured, the port, and as what the gate has to count the packets.
 ALONE = "the daemon, no gate"  # its capture costs others' packets something, too
-STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None), ("attached, nobody there", PLAIN, "nobody"),
-          ("decided: allow", PLAIN, "decided"), ("decided: DSCP and class", MARKED, "decided"),
+# What is measured, the port, and as what the gate has to count the packets.
+STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None),
+          ("attached, nobody there", PLAIN, "nobody"), ("decided: allow", PLAIN, "decided"),
+          ("decided: DSCP and class", MARKED, "decided"),
           ("everything undecided", PLAIN, "undecided")]
 QOS = {"qos": {"mark": {"kind": "both", "type": "Voice"}, "classify": "Voice"}}
 ON_CLIENT, ON_SERVER = (("nsenter", f"--net=/run/netns/{netns}") for netns in ("client", "server"))
@@ -44,8 +45,9 @@ class Measurement(InlineTest):
         self._lay_out(0)
         self.servers = {}
         for port in PLAIN, MARKED:
-            self.servers[port] = server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
+            server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.servers[port] = server
             self.addCleanup(server.wait)
             self.addCleanup(server.terminate)
             wait_until(lambda port=port: f":{port} " in subprocess.run(
@@ -65,13 +67,14 @@ class Measurement(InlineTest):
             if counted:
                 run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", "-c", CONFIG)
                 end.callback(run_quietly, jorn_path("avcore"), "teardown")
-            if counted in ("decided", "undecided"):
+            judged = counted in ("decided", "undecided")
+            if judged:
                 self.start_avcore()
                 end.callback(self.stop_avcore, self.avcore)
-            if counted in ("decided", "undecided") or name == ALONE:
+            if judged or name == ALONE:
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
-            if counted in ("decided", "undecided"):
+            if judged:
                 self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
                                  (0, "", ""))
                 time.sleep(0.5)

@@ -34,7 +34,8 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application);
 // trailer names an application, and nothing that goes before it in the daemon did.
 bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict);
 
-// The host that a flow's client has shown.
+// What the trailer doesn't say of a flow: the host that its client has shown, and whether that was
+// all.
 struct shown_host {
     std::string_view host;    // empty: none so far; valid until the next packet
     bool just_taken = false;  // by the server, with this packet, which is the first to do so

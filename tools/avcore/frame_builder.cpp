@@ -3,8 +3,10 @@
 #include "avcore/ipv6_frame.h"
 #include "avcore/roam_flows.h"
 #include "avcore/trailer_builder.h"
+#include "packet/decode/cursor.h"
 
 #include <cstring>
+#include <linux/if_ether.h>
 #include <netinet/in.h>
 #include <utility>
 
@@ -13,17 +15,19 @@ namespace {
 
 constexpr uint16_t DNS_PORT = 53;
 
+// IEEE 802.1Q, and what older switches took for an outer tag.
+bool is_tag(uint16_t type) {
+    return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_QINQ1;
+}
+
 // The gate looks behind the tags of VLANs, the daemon behind one at most. `plain` is where a frame
 // without them is put together.
 std::span<const uint8_t> without_tags(std::span<const uint8_t> frame, std::vector<uint8_t> &plain) {
     constexpr size_t TYPE_OFFSET = 12;
     constexpr size_t TAG_SIZE = 4;
-    const auto is_tag = [&](size_t at) {
-        const int type = at + 2 <= frame.size() ? frame[at] << 8 | frame[at + 1] : 0;
-        return type == 0x8100 || type == 0x88A8 || type == 0x9100;
-    };
+    const byte_view view(frame.data(), frame.size());
     size_t type_at = TYPE_OFFSET;
-    while (is_tag(type_at))
+    while (view.holds(type_at + 2) && is_tag(view.u16(type_at)))
         type_at += TAG_SIZE;
     if (type_at == TYPE_OFFSET || type_at > frame.size())
         return frame;

@@ -21,8 +21,6 @@
 #define NS_PER_SECOND 1000000000ull
 #define EXTENSION_HEADERS_MAX 8
 #define VLAN_TAGS_MAX 2 /* in the frame, behind the one that the kernel keeps beside it */
-#define ETH_P_TAG_9100 0x9100
-#define ETH_P_RSN_PREAUTH 0x88C7
 #define HOP_LIMIT 64 /* of packets made here */
 #define DNS_PORT_BE bpf_htons(53)
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
@@ -134,7 +132,7 @@ struct first_headers {
     __u8 aligning[2];
     struct ethhdr ethernet;
     struct iphdr ipv4;     /* unless it is an IPv6 packet */
-    struct tcp_header tcp; /* when the flow's protocol says so; of UDP, whose ports are there, too */
+    struct tcp_header tcp; /* its ports are other protocols', too */
 };
 #define FIRST_HEADERS_SIZE (sizeof(struct first_headers) - 2)
 
@@ -142,11 +140,11 @@ struct packet {
     struct gate_processor *here; /* the processor that is at it */
     struct gate_flow flow;
     struct first_headers first; /* loaded at once where they fit, or where they are */
-    __u32 network;         /* offsets in the frame: the IP header, */
-    __u32 transport;       /* what follows it, */
-    __u32 end;             /* and the end, before any padding */
-    __u32 segments;        /* on the wire; more than one of a GSO packet */
-    __u32 headers;         /* from the frame's first byte to the payload, of each segment */
+    __u32 network;              /* offsets in the frame: the IP header, */
+    __u32 transport;            /* what follows it, */
+    __u32 end;                  /* and the end, before any padding */
+    __u32 segments;             /* on the wire; more than one of a GSO packet */
+    __u32 headers;              /* from the frame's first byte to the payload, of each segment */
     __u8 direction;
     __u8 first_fragment;
     __u8 extended; /* IPv6 with extension headers */
@@ -363,7 +361,7 @@ static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *pack
 }
 
 static __always_inline bool is_tag(__u16 type) {
-    return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_TAG_9100;
+    return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_QINQ1;
 }
 
 static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *packet) {
@@ -391,7 +389,7 @@ static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *pac
     case ETH_P_ARP:
     case ETH_P_RARP:
     case ETH_P_PAE:
-    case ETH_P_RSN_PREAUTH:
+    case ETH_P_PREAUTH:
     case ETH_P_LLDP:
         return GATE_COUNT_ALWAYS;
     default:
@@ -510,7 +508,7 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
 }
 
 static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packet,
-                                    const struct gate_settings *set) {
+                               const struct gate_settings *set) {
     const __u64 now = bpf_ktime_get_ns();
     const __u32 first = 0;
     struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
@@ -742,8 +740,7 @@ static __always_inline int deny(struct __sk_buff *skb, const struct packet *pack
 }
 
 static __always_inline int allow(struct __sk_buff *skb, const struct packet *packet,
-                                 const struct gate_verdict *verdict,
-                                 struct gate_counter *counter) {
+                                 const struct gate_verdict *verdict, struct gate_counter *counter) {
     const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
     if (!is_within_limit(bucket, packet)) {
         if (counter)
