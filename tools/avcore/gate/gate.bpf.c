@@ -522,7 +522,8 @@ static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packe
     asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
     if (captured > GATE_FRAME_MAX)
         captured = GATE_FRAME_MAX;
-    if (captured == 0 || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
+    /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
+    if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
         return;
     copy->head.flow = packet->flow;
     copy->head.time_ns = now;
