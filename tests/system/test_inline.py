@@ -10,6 +10,11 @@ LATE_ANSWER = 31
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 
+def link_address(*words):
+    [link] = json.loads(subprocess.check_output(["ip", "-j", *words]))
+    return link["address"]
+
+
 class Layout:
     """What has to hold routed and bridged."""
     fails = ("open", "closed")
@@ -27,7 +32,7 @@ class Layout:
 
     def test_a_denied_flow_does_not_arrive_and_others_do(self):
         self.start()
-        expected = {}
+        mac, expected = link_address("-n", "client", "link", "show", "eth0").upper(), {}
         time.sleep(1)  # a few denials a second have a line each
         for version in FAMILIES:
             self.tell_name(version, "shop.example", NAMED[version])
@@ -51,13 +56,14 @@ class Layout:
                       " a second came before the verdict")
             for name, source in ((f"app-{DENIED}", "the administrator"), ("shop.example", "DNS")):
                 self.lines.wait(lambda line: name in line and source in line and "profile 1" in line
-                                and CLIENTS[version] in line, since=lines)
+                                and CLIENTS[version] in line and f"({mac})" in line, since=lines)
             expected |= {(port, CLIENTS[version]): (arrived[port], sent[port] - arrived[port])
                          for port in flows}
         self.assertGreater(self.status()["counts"]["denied"], 600)
         rows = self.reported_flows()
         self.assertEqual({flow: (rows[flow]["packets"], rows[flow]["dropped"])
                           for flow in expected}, expected)
+        self.assertEqual({rows[flow]["client_mac"] for flow in expected}, {mac})
 
     def packets_to_client(self):
         """A socket that takes them as they leave, with their priorities; None if it can't."""
@@ -266,13 +272,13 @@ class Layout:
                           if packet.src_port == own_port])
         self.assertIn(True, shut)
         self.assertGreater(self.status()["counts"]["copies_refused"], 0)
+        self.lines.wait(lambda line: "client 02:00:00:00:00:00 " in line and "undecided" in line)
 
     def flood(self, flows):
         next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
-        [link] = json.loads(subprocess.check_output(["ip", "-j", *next_hop.split()]))
         request = b"GET / HTTP/1.1\r\nHost: n000000.example\r\n\r\n"
         frame = bytearray(ethernet(0x0800, ipv4(TCP, tcp(0, 80, request), src="10.2.0.0",
-                                                dst=NAMED[4]), dst=link["address"]))
+                                                dst=NAMED[4]), dst=link_address(*next_hop.split())))
         name = frame.index(b"n000000") + 1
         with namespace("client"), socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as raw:
             raw.bind(("eth0", 0))

@@ -155,6 +155,7 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     std::ostringstream table;
     print_table(table, flows, nullptr);
     EXPECT_NE(table.str().find("\n2 flows, seen longest ago"), std::string::npos) << table.str();
+    EXPECT_NE(table.str().find(" 10  02:00:00:00:00:01\n"), std::string::npos) << table.str();
 }
 
 ip_address address(const char *text) {

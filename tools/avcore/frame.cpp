@@ -5,6 +5,7 @@
 #include "packet/decode/flow_key.h"
 
 #include <arpa/inet.h>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -21,6 +22,13 @@ size_t ipv4_header_size(byte_view packet) {
 }
 
 } // namespace
+
+std::string mac_text(const mac_address &mac) {
+    char text[sizeof "00:00:00:00:00:00"];
+    snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
+             mac[4], mac[5]);
+    return text;
+}
 
 flow_id flow_id_of(const frame_facts &frame) {
     flow_id id = {frame.ipv4, 0, frame.ip_proto, frame.sender, frame.receiver};

@@ -11,10 +11,12 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 
 namespace avcore {
 
 using mac_address = std::array<uint8_t, 6>;
+std::string mac_text(const mac_address &mac);
 
 // A frame and its trailer must fit into one capture of the daemon.
 inline constexpr size_t MAX_FED_SIZE = 65535;

@@ -12,19 +12,23 @@
 namespace avcore {
 namespace {
 
-enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, DROPPED, COLUMNS };
+// The station comes last: a narrow terminal wraps it alone.
+enum column {
+    CLIENT,
+    SERVER,
+    PROTOCOL,
+    APPLICATION,
+    VERDICT,
+    PACKETS,
+    BYTES,
+    DROPPED,
+    CLIENT_MAC,
+    COLUMNS
+};
 using table_line = std::array<std::string, COLUMNS>;
 
 std::string address_text(const flow_row &row, const endpoint &side) {
-    if (row.ipv4)
-        return side.address.text();
-    char text[4];
-    std::string mac;
-    for (const uint8_t byte : side.mac) {
-        snprintf(text, sizeof text, mac.empty() ? "%02X" : ":%02X", byte);
-        mac += text;
-    }
-    return mac;
+    return row.ipv4 ? side.address.text() : mac_text(side.mac);
 }
 
 std::string endpoint_text(const flow_row &row, const endpoint &side) {
@@ -95,6 +99,7 @@ table_line line_of(const flow_row &row, const gate *gate) {
     line[PACKETS] = std::to_string(passed.packets);
     line[BYTES] = std::to_string(passed.bytes);
     line[DROPPED] = std::to_string(passed.dropped);
+    line[CLIENT_MAC] = mac_text(row.client.mac);
     return line;
 }
 
@@ -114,14 +119,14 @@ void print_line(std::ostream &out, const nlohmann::ordered_json &object) {
 } // namespace
 
 std::string flow_text(const flow_row &row) {
-    return endpoint_text(row, row.client) + " to " + endpoint_text(row, row.server) + " (" +
+    const std::string mac = row.ipv4 ? " (" + mac_text(row.client.mac) + ")" : "";
+    return endpoint_text(row, row.client) + mac + " to " + endpoint_text(row, row.server) + " (" +
            protocol_text(row) + ")";
 }
 
 void print_table(std::ostream &out, const flow_table &flows, const gate *gate) {
-    const size_t columns = gate != nullptr ? COLUMNS : DROPPED;
-    std::vector<table_line> lines = {
-        {"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES", "DROPPED"}};
+    std::vector<table_line> lines = {{"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT",
+                                      "PACKETS", "BYTES", "DROPPED", "CLIENT MAC"}};
     for (const flow_row *row : flows.rows())
         lines.push_back(line_of(*row, gate));
     if (flows.summed().flows > 0)
@@ -133,12 +138,13 @@ void print_table(std::ostream &out, const flow_table &flows, const gate *gate) {
     }
     for (const table_line &line : lines) {
         std::string text;
-        for (size_t i = 0; i < columns; ++i) {
+        for (size_t i = 0; i < CLIENT_MAC; ++i) {
+            if (i == DROPPED && gate == nullptr)
+                continue;
             const std::string padding(width[i] - line[i].size(), ' ');
-            text += i >= PACKETS ? padding + line[i] : line[i] + padding;
-            text += i + 1 < columns ? "  " : "\n";
+            text += (i >= PACKETS ? padding + line[i] : line[i] + padding) + "  ";
         }
-        out << text;
+        out << text << line[CLIENT_MAC] << '\n';
     }
 }
 
@@ -148,6 +154,7 @@ void print_json(std::ostream &out, const flow_table &flows, const gate *gate) {
         const passage passed = passage_of(row, gate);
         nlohmann::ordered_json object = {
             {"client", address_text(row, row.client)},
+            {"client_mac", mac_text(row.client.mac)},
             {"server", address_text(row, row.server)},
             {"client_port", row.client.port},
             {"server_port", row.server.port},

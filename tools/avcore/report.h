@@ -31,7 +31,7 @@ struct totals {
     uint64_t refused_writes = 0; // to the gate
 };
 
-// "CLIENT to SERVER (PROTOCOL)".
+// "CLIENT (MAC) to SERVER (PROTOCOL)".
 std::string flow_text(const flow_row &row);
 
 // Behind a gate (else null) a flow's packets and bytes are those that passed it, beside them the

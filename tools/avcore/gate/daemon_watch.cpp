@@ -26,6 +26,7 @@ daemon_watch::daemon_watch(gate &gate, const enforce_settings &settings,
     const gate_counts counts = gate_.counts();
     for (shortage *each : {&refused_, &lost_})
         each->told = counts[each->which];
+    refused_before_ = gate_.refused_copies();
 }
 
 // A restarted daemon has connected anew, also when its old connection still seems to be there or
@@ -78,10 +79,33 @@ uint64_t daemon_watch::take_news(shortage &of, const gate_counts &counts, int64_
     return of.told - told;
 }
 
+// Which one had most refused since it was last told, as far as the gate remembers.
+std::string daemon_watch::refused_clients() {
+    std::map<mac_address, uint64_t> refused = gate_.refused_copies();
+    mac_address worst = {};
+    uint64_t most = 0;
+    size_t clients = 0;
+    for (const auto &[mac, count] : refused) {
+        const auto before = refused_before_.find(mac);
+        const bool known = before != refused_before_.end() && before->second <= count;
+        const uint64_t news = count - (known ? before->second : 0);
+        clients += news > 0 ? 1 : 0;
+        if (news > most) {
+            worst = mac;
+            most = news;
+        }
+    }
+    refused_before_ = std::move(refused);
+    if (clients == 0)
+        return "a client has";
+    return "client " + mac_text(worst) +
+           (clients > 1 ? " and " + std::to_string(clients - 1) + " more have" : " has");
+}
+
 void daemon_watch::tell_shortages(int64_t now_ms) {
     const gate_counts counts = gate_.counts();
     if (const uint64_t refused = take_news(refused_, counts, now_ms); refused > 0)
-        say_("a client has more than " + std::to_string(settings_.rules.copies_per_second) +
+        say_(refused_clients() + " more than " + std::to_string(settings_.rules.copies_per_second) +
              " undecided packets a second: " + std::to_string(refused) +
              " passed without being looked at");
     if (const uint64_t lost = take_news(lost_, counts, now_ms); lost > 0)

@@ -8,11 +8,13 @@
 
 #include "avcore/channel_server.h"
 #include "avcore/feeder.h"
+#include "avcore/frame.h"
 #include "avcore/gate/enforce_settings.h"
 #include "avcore/gate/gate.h"
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 
 namespace avcore {
@@ -41,6 +43,7 @@ private:
 
     void decides(bool does, int64_t now_ms);
     void tell_shortages(int64_t now_ms);
+    std::string refused_clients();
     // How many there are to be told of.
     static uint64_t take_news(shortage &of, const gate_counts &counts, int64_t now_ms);
 
@@ -56,6 +59,7 @@ private:
     uint64_t connects_ = 0;   // until then
     int64_t next_beat_ms_;
     shortage refused_ = {GATE_COUNT_COPIES_REFUSED};
+    std::map<mac_address, uint64_t> refused_before_; // when it was last told
     shortage lost_ = {GATE_COUNT_COPIES_LOST};
 };
 

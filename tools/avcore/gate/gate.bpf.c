@@ -26,21 +26,10 @@
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
 
-/* Tokens are thousand millionths, so that no refill is rounded away. */
-struct token_bucket {
-    __s64 tokens;
-    __u64 filled_ns; /* 0: never, it starts full */
-};
-
 struct locked_bucket {
     struct bpf_spin_lock lock;
     __u32 reserved;
-    struct token_bucket bucket;
-};
-
-struct client_address {
-    __u8 mac[6];
-    __u8 reserved[2];
+    struct gate_tokens bucket;
 };
 
 struct whole_copy {
@@ -79,8 +68,8 @@ struct {
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_CLIENTS);
-    __type(key, struct client_address);
-    __type(value, struct token_bucket);
+    __type(key, struct gate_client);
+    __type(value, struct gate_client_copies);
 } clients SEC(".maps");
 
 struct {
@@ -450,7 +439,7 @@ static __always_inline void count_passed(struct gate_counter *counter, struct __
 }
 
 /* Whether there are tokens; then `cost` of them go, if need be into debt. */
-static __always_inline bool take_tokens(struct token_bucket *bucket, __u64 a_second, __u64 burst,
+static __always_inline bool take_tokens(struct gate_tokens *bucket, __u64 a_second, __u64 burst,
                                         __u64 cost, __u64 now) {
     const __s64 full = (__s64)((burst < NS_PER_SECOND ? burst : NS_PER_SECOND) * NS_PER_SECOND);
     cost *= NS_PER_SECOND;
@@ -493,18 +482,23 @@ static __always_inline bool is_within_limit(__u32 index, const struct packet *pa
  * through. */
 static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet *packet,
                                      __u32 a_second, __u64 now) {
-    struct client_address client = {};
+    struct gate_client client = {};
     const __u32 at = packet->direction == GATE_UP ? offsetof(struct ethhdr, h_source)
                                                   : offsetof(struct ethhdr, h_dest);
     if (a_second == 0 || bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
         return false;
-    struct token_bucket *bucket = bpf_map_lookup_elem(&clients, &client);
-    if (!bucket) {
-        const struct token_bucket never_filled = {};
-        bpf_map_update_elem(&clients, &client, &never_filled, BPF_NOEXIST);
-        bucket = bpf_map_lookup_elem(&clients, &client);
+    struct gate_client_copies *copies_of = bpf_map_lookup_elem(&clients, &client);
+    if (!copies_of) {
+        const struct gate_client_copies unseen = {};
+        bpf_map_update_elem(&clients, &client, &unseen, BPF_NOEXIST);
+        copies_of = bpf_map_lookup_elem(&clients, &client);
     }
-    return bucket && take_tokens(bucket, a_second, a_second, 1, now);
+    if (!copies_of)
+        return false;
+    if (take_tokens(&copies_of->left, a_second, a_second, 1, now))
+        return true;
+    __sync_fetch_and_add(&copies_of->refused, 1);
+    return false;
 }
 
 static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packet,

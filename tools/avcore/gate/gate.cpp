@@ -401,6 +401,7 @@ struct gate::parts {
           verdicts(pinned_map(pins, "verdicts")),
           flows(pinned_map(pins, "flows")),
           limits(pinned_map(pins, "limits")),
+          clients(pinned_map(pins, "clients")),
           processors(pinned_map(pins, "processors")),
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
@@ -416,6 +417,7 @@ struct gate::parts {
     unique_fd verdicts;
     unique_fd flows;
     unique_fd limits;
+    unique_fd clients;
     unique_fd processors;
     unique_fd copies;
     unique_fd settings_map;
@@ -514,6 +516,20 @@ void gate::next_generation() {
 
 gate_counts gate::counts() const {
     return read_counts(parts_->processors.get());
+}
+
+std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
+    std::vector<gate_client> clients(GATE_CLIENTS);
+    std::vector<gate_client_copies> copies(clients.size());
+    auto count = static_cast<uint32_t>(clients.size());
+    uint32_t next = 0;
+    const int error = bpf_map_lookup_batch(parts_->clients.get(), nullptr, &next, clients.data(),
+                                           copies.data(), &count, nullptr);
+    std::map<std::array<uint8_t, 6>, uint64_t> refused;
+    for (uint32_t i = 0; i < count && (error == 0 || error == -ENOENT); i++)
+        if (copies[i].refused > 0)
+            refused[std::to_array(clients[i].mac)] = copies[i].refused;
+    return refused;
 }
 
 std::vector<std::string> tear_down_gate(const std::string &pins) {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -67,6 +68,8 @@ public:
     void next_generation();
 
     gate_counts counts() const;
+    // By the clients' MAC addresses, as long as the gate remembers them.
+    std::map<std::array<uint8_t, 6>, uint64_t> refused_copies() const;
 
 private:
     struct parts;

@@ -50,6 +50,9 @@ void gate::next_generation() {}
 gate_counts gate::counts() const {
     return {};
 }
+std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
+    return {};
+}
 
 std::vector<std::string> tear_down_gate(const std::string &) {
     refuse();

@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v2"
+#define GATE_LAYOUT "v3"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -84,6 +84,24 @@ struct gate_limit {
     __u64 burst;            /* bytes */
 };
 GATE_SIZE(gate_limit, 16);
+
+/* Tokens are thousand millionths, so that no refill is rounded away. */
+struct gate_tokens {
+    __s64 tokens;
+    __u64 filled_ns; /* 0: never, they start full */
+};
+
+/* Whose copies are limited, and what became of that: written by the kernel alone. */
+struct gate_client {
+    __u8 mac[6];
+    __u8 reserved[2];
+};
+GATE_SIZE(gate_client, 8);
+struct gate_client_copies {
+    struct gate_tokens left;
+    __u64 refused; /* so far */
+};
+GATE_SIZE(gate_client_copies, 24);
 
 /* One word each is written at a time, through a mapping. */
 struct gate_settings {
