@@ -7,6 +7,7 @@ AS_LONG_AS_A_BEAT = 2  # seconds
 DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-ttl=60",
            "--log-facility=/dev/null")
 LATE_ANSWER = 31
+PINS = "/tmp/pins"
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 
@@ -386,6 +387,16 @@ class Routed(Layout, InlineTest):
         for names in (["wlan7"], ["wlan0", "wlan7"], ["eth0", "wlan7"]):  # eth0 has no clsact
             self.assertEqual(avcore("setup", *(f"--inline={name}" for name in names))[0], 1)
             self.assertEqual(filters(), before)
+        # Without CAP_PERFMON the verifier is as strict as an older one.
+        self.addCleanup(run, "umount", PINS)
+        os.makedirs(PINS, exist_ok=True)
+        run("mount", "-t", "bpf", "bpf", PINS)
+        done = subprocess.run(
+            ["setpriv", "--bounding-set=-perfmon,-sys_admin", jorn_path("avcore"), "setup",
+             "--inline", "wlan0", "--pins", PINS], text=True, capture_output=True)
+        self.assertRegex(done.stderr, r"the gate: Permission denied; its verifier's last lines:\n"
+                         r"(    .+\n)+    processed \d+ insns")
+        self.assertEqual((done.returncode, filters()), (1, before))
         self.assertFalse(os.path.exists("/run/jorn/gate"))
         self.assertEqual(subprocess.check_output(["tc", "qdisc", "show"]).count(b"clsact"), 1)
         self.assertFalse(self.status()["there"])

@@ -11,8 +11,6 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -34,23 +32,24 @@ constexpr unsigned char OBJECT[] = {
 };
 constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kernel's own word
 
-// What libbpf said first since it was cleared; it would go to standard error otherwise.
-thread_local std::string libbpf_said;
-
-[[gnu::format(printf, 2, 0)]] int keep_message(libbpf_print_level level, const char *format,
-                                               va_list arguments) {
-    char line[512];
-    if (level != LIBBPF_WARN || !libbpf_said.empty())
-        return 0;
-    const int length = vsnprintf(line, sizeof line, format, arguments);
-    libbpf_said = line;
-    libbpf_said.erase(std::min(libbpf_said.find('\n'), libbpf_said.size()));
-    return length;
+std::string reason(int error) {
+    return std::generic_category().message(error < 0 ? -error : error);
 }
 
-std::string reason(int error) {
-    return std::generic_category().message(error < 0 ? -error : error) +
-           (libbpf_said.empty() ? "" : " (" + libbpf_said + ")");
+// The verifier's log says all that led to its refusal, then why. Older kernels cut its end off
+// where it doesn't fit; what isn't written takes no memory.
+constexpr size_t VERIFIER_LOG_SIZE = size_t{16} * 1024 * 1024;
+constexpr int VERIFIER_LINES = 8; // of them, in an error
+
+std::string last_lines(std::string_view log) {
+    std::string lines;
+    for (int i = 0; i < VERIFIER_LINES && !log.empty(); i++) {
+        log = log.substr(0, log.find_last_not_of('\n') + 1);
+        const size_t line = log.rfind('\n') + 1;
+        lines.insert(0, "\n    " + std::string(log.substr(line)));
+        log = log.substr(0, line);
+    }
+    return lines.empty() ? lines : "; its verifier's last lines:" + lines;
 }
 
 template <typename Record>
@@ -240,9 +239,15 @@ object_owner open_object() {
 }
 
 void load(bpf_object *object, beginnings &begun) {
+    const auto log = std::make_unique_for_overwrite<char[]>(VERIFIER_LOG_SIZE);
+    log[0] = '\0';
+    bpf_program *program = nullptr;
+    bpf_object__for_each_program(program, object)
+        bpf_program__set_log_buf(program, log.get(), VERIFIER_LOG_SIZE);
     const int error = bpf_object__load(object);
     if (error != 0)
-        throw std::runtime_error("the kernel doesn't take the gate: " + reason(error));
+        throw std::runtime_error("the kernel doesn't take the gate: " + reason(error) +
+                                 last_lines(log.get()));
     bpf_map *map = nullptr;
     bpf_object__for_each_map(map, object) {
         const std::string pin = pin_of(begun.pins, bpf_map__name(map));
@@ -426,8 +431,7 @@ struct gate::parts {
 };
 
 gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) {
-    libbpf_set_print(keep_message);
-    libbpf_said.clear();
+    libbpf_set_print(nullptr); // it would talk to standard error
     set_up(pins, interfaces);
     parts_ = std::make_unique<parts>(pins, interfaces);
     if (generation() == 0) { // a new one
@@ -534,8 +538,7 @@ std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
 
 std::vector<std::string> tear_down_gate(const std::string &pins) {
     std::vector<std::string> names;
-    libbpf_set_print(keep_message);
-    libbpf_said.clear();
+    libbpf_set_print(nullptr);
     const unique_fd lock = lock_beside(pins);
     for (const auto &[index, name] : all_interfaces()) {
         bool had_gate = false;
@@ -555,8 +558,7 @@ std::vector<std::string> tear_down_gate(const std::string &pins) {
 }
 
 gate_status look_at_gate(const std::string &pins) {
-    libbpf_set_print(keep_message);
-    libbpf_said.clear();
+    libbpf_set_print(nullptr);
     gate_status status;
     const unique_fd settings_map = find_map(pins, "settings");
     if (!settings_map.valid())
