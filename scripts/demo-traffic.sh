@@ -53,10 +53,10 @@ make_traffic() {
     try "curl https://$VIDEO_NAME/" fetch "https://$VIDEO_NAME/"
 }
 
-apply_policy() {
+apply_policy() { # document, what it means
     heading 'The policy'
-    apply examples/block-ping.json
-    note '  Clients have user traffic profile 1, and its policy blocks ICMP.'
+    apply "$1"
+    [[ -z ${2-} ]] || note "  $2"
 }
 
 demo_live() {
@@ -67,7 +67,7 @@ demo_live() {
     start_servers
     start_avcore "$CONFIG" -i wlan0
     start_jorn
-    apply_policy
+    apply_policy examples/block-ping.json 'Clients have user traffic profile 1, and its policy blocks ICMP.'
     make_traffic
     sleep 0.3 # the last frames, and their verdicts
     stop_avcore
@@ -81,16 +81,16 @@ saw the server name in its first message."
 
 # A file is fed as soon as a daemon captures, and the policy has to stand before its first frame:
 # another avcore, with nothing to feed, is there for the daemon's start and the policy.
-demo_capture() { # name
-    start_avcore "$CONFIG" -i lo
+demo_capture() { # name, policy, configuration
+    start_avcore "$3" -i lo
     start_jorn
-    apply_policy
+    apply_policy "$2"
     stop_avcore
 
     heading "Feeding $1"
     local status=0
     timeout --foreground --signal=INT "$CAPTURE_SECONDS" \
-        "$BIN/avcore" -o av0 -r /dev/stdin -c "$CONFIG" >"$LOGS/avcore" || status=$?
+        "$BIN/avcore" -o av0 -r /dev/stdin -c "$3" >"$LOGS/avcore" || status=$?
     case $status in
     0) ;;
     124) note "  Stopped after $CAPTURE_SECONDS seconds; by hand avcore reads a file to its end." ;;

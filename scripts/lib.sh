@@ -9,7 +9,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohma
     libtomlplusplus-dev libndpi-dev libssl-dev clang libbpf-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
-    mandoc dnsmasq-base curl iputils-ping openssl strongswan-charon strongswan-swanctl)
+    mandoc dnsmasq-base curl iputils-ping openssl strongswan-charon strongswan-swanctl
+    clang-format clang-tidy shellcheck libclang-rt-dev llvm)
 # shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl iperf3
     strongswan-charon strongswan-swanctl)
@@ -40,6 +41,32 @@ have() {
     command -v "$1" >/dev/null
 }
 
+# Prints the comment at the head of the script, which says what it does and how it is called, when
+# that is all that it is asked for. To be called before anything is installed.
+answer_help() { # the script's arguments
+    case ${1-} in
+    -h | --help)
+        awk 'NR > 1 && !/^#/ { exit } NR > 1 { sub(/^# ?/, ""); print }' \
+            "$(dirname "${BASH_SOURCE[0]}")/${0##*/}"
+        exit 0
+        ;;
+    esac
+}
+
+# The build folder belongs to the owner of the checkout, also after a run with sudo: the next run
+# may be without.
+keep_build_with_owner() {
+    mkdir -p build 2>/dev/null || fail "$(id -un) can't write into $PWD; a clone of your own can be built"
+    if ((EUID == 0)); then
+        trap 'chown -Rh --from=root --reference=. build' EXIT
+    else
+        local foreign
+        foreign=$(find build ! -user "$EUID" -print -quit)
+        [[ -z $foreign ]] || fail "$foreign belongs to somebody else, and building would fail;" \
+            "this mends it: sudo chown -R $(id -un): $PWD/build"
+    fi
+}
+
 # Which of the packages are not installed.
 missing_packages() {
     local installed
@@ -48,6 +75,19 @@ missing_packages() {
     local package
     for package in "$@"; do
         [[ $'\n'$installed$'\n' == *$'\n'"$package installed"$'\n'* ]] || printf '%s\n' "$package"
+    done
+}
+
+# A machine that has just started looks for updates by itself, and only the installation waits for that
+# by an option.
+LOCK_SECONDS=300
+update_package_lists() { # the caller's array `apt` is the command
+    local said deadline=$((SECONDS + LOCK_SECONDS)) told=
+    until said=$("${apt[@]}" update 2>&1 >/dev/null); do
+        [[ $said == *'Could not get lock'* ]] && ((SECONDS < deadline)) || return 1
+        [[ $told ]] || note 'Waiting for another program that uses apt-get (five minutes at most)'
+        told=yes
+        sleep 2
     done
 }
 
@@ -68,8 +108,9 @@ install_packages() {
         privilege=(sudo)
     fi
     heading "Installing ${missing[*]}"
-    local apt=("${privilege[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y)
-    "${apt[@]}" update >/dev/null || note "apt-get update failed; trying with the lists that are there"
+    local apt=("${privilege[@]}" env DEBIAN_FRONTEND=noninteractive
+        apt-get -q -y -o DPkg::Lock::Timeout="$LOCK_SECONDS")
+    update_package_lists || note "apt-get update failed; trying with the lists that are there"
     local uninvited
     uninvited=$(missing_packages strongswan-starter)
     "${apt[@]}" install --no-install-recommends "${missing[@]}" </dev/null ||
