@@ -35,8 +35,9 @@ RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"ki
             for port, limit in LIMITS.items()}}
 
 
-def policies(rules, names=("youtube", "shop.example", "icmp")):
-    """The document: an application for each port, and names that the client may not reach."""
+def policies(rules, names=("youtube", "icmp")):
+    """The document: an application for each port, and names that the client may not reach; one
+    more is denied by the servers' profile."""
     known = [{"app_name": f"app-{port}", "app_id": 30000 + port, "cat_id": "User Defined"}
              for port in rules]
     return {"applications": [application | {"dst_port": port}
@@ -44,7 +45,9 @@ def policies(rules, names=("youtube", "shop.example", "icmp")):
             "policies": [{"utp_id": 1, "name": "lab", "rules": [
                 *[application | rules[port] for application, port in zip(known, rules)],
                 *[{"app_name": name, "deny": True}
-                  for name in names]]}]}
+                  for name in names]]},
+                {"utp_id": 2, "name": "servers", "rules": [
+                    {"app_name": "shop.example", "deny": True}]}]}
 
 
 class Packet(NamedTuple):
@@ -199,7 +202,7 @@ class InlineTest(SystemTest):
     def configure(self, enforce):
         with open(CONFIG, "w") as file:
             file.write(f"[client]\nutp_id = 1\nfilter_type = {self.inspections}\n"
-                       f"[enforce]\n{enforce}\n")
+                       f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
 
     def start_avcore(self):
         if os.path.exists(AV_SOCKET):

@@ -55,9 +55,10 @@ class Layout:
                     self.assertLess(arrived[port], 100)
                 print(f"IPv{version}, {arrived[DENIED]} and {arrived[SHOP]} of a thousand datagrams"
                       " a second came before the verdict")
-            for name, source in ((f"app-{DENIED}", "the administrator"), ("shop.example", "DNS")):
-                self.lines.wait(lambda line: name in line and source in line and "profile 1" in line
-                                and CLIENTS[version] in line and f"({mac})" in line, since=lines)
+            for words in ((f"app-{DENIED}", "the administrator", "profile 1, the client's"),
+                          ("shop.example", "DNS", "profile 2, the server's")):
+                words += CLIENTS[version], f"({mac})"
+                self.lines.wait(lambda line: all(word in line for word in words), since=lines)
             expected |= {(port, CLIENTS[version]): (arrived[port], sent[port] - arrived[port])
                          for port in flows}
         self.assertGreater(self.status()["counts"]["denied"], 600)
@@ -298,7 +299,8 @@ class Layout:
                    "/tmp/resolvers", wire_ms=10, rules={})
         self.assertEqual(jornctl("apply", "-", document={
             "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
-                              ["Gambling"], "google_safe_search": True, "google_vip": NAMED[4]}],
+                              ["Gambling"], "blacklist": ["*.shut.example"], "google_safe_search": True,
+              "google_vip": NAMED[4]}],
             "web_interfaces": [{"ifname": "wlan0", "enable": True, "policy_uuid": "f"}]}),
             (0, "", ""))
         self.until(lambda: os.path.exists("/tmp/resolvers/wlan0/dnsmasq.conf"))
@@ -318,7 +320,10 @@ class Layout:
         for host, address in ("www.google.com", NAMED[4]), ("free.example", SERVERS[4]):
             self.until(lambda: self.curl("-4", host) == (0, "200 " + address))
         self.assertIn(self.curl("-6", "www.google.com")[0], (6, 7))  # there is no such address
-        self.assertEqual(self.curl("-4", "www.bets.example")[0], 56)  # reset
+        for host, reason in (("www.bets.example", "category 6 (Gambling)"),
+                             ("www.shut.example", "black list")):
+            self.assertEqual(self.curl("-4", host)[0], 56)  # reset
+            self.lines.wait(lambda line: f"by the web policy, {reason}" in line and host in line)
 
     def curl(self, *words):
         done = subprocess.run(
@@ -339,7 +344,8 @@ class Routed(Layout, InlineTest):
                 for deny, times, which in (1, shut, max), (0, opened, min):
                     since = time.time()
                     command(POLICY, policy(1, rule(f"app-{SWITCHED}", app_id=30000 + SWITCHED,
-                                                   cat_id=0x8000, deny=deny)))
+                                                   cat_id=0x8000, category="User Defined",
+                                                   deny=deny)))
                     time.sleep(0.1)
                     passed = [packet.at for packet in
                               self.at_server.of(SWITCHED, version, UDP, since=since)]

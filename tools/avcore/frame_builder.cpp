@@ -102,6 +102,7 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     fed.key = frame->key;
     fed.flow = flow.row.id;
     fed.number_in_flow = flow.row.packets;
+    fed.from_client = flow.from_client;
     return built_frame{std::move(fed), std::move(lesson), flow};
 }
 

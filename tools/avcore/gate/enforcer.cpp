@@ -3,6 +3,7 @@
 #include "avcore/printable.h"
 #include "avcore/report.h"
 #include "core/text/text.h"
+#include "platform/psm.h"
 
 #include <iterator>
 #include <string_view>
@@ -84,10 +85,27 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
     return "the daemon's tables";
 }
 
-std::string policy_of(const av_verdict &verdict) {
+std::string category_text(uint32_t category) {
+    const std::string number = "category " + std::to_string(category);
+    return category < std::size(g_cat_map) ? number + " (" + (g_cat_map[category] + 1) + ")"
+                                           : number;
+}
+
+// A category decides, or an entry of the black list; with that one the record has the category of
+// the administrator's definition, where one names the flow.
+std::string web_reason(const av_verdict &verdict) {
+    if (verdict.app_cat_id == 0)
+        return "black list";
+    return category_text(verdict.app_cat_id) + (verdict.match_info != 0 ? " or black list" : "");
+}
+
+// An application policy goes by the profile of the frame's sender, or else of its receiver.
+std::string policy_of(const fed_frame &frame, const av_verdict &verdict) {
     if (is_by_web(verdict))
-        return "the web policy";
-    return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp);
+        return "the web policy, " + web_reason(verdict);
+    const bool of_client = frame.from_client == (verdict.qos.arc_match_src != 0);
+    return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp) +
+           (of_client ? ", the client's" : ", the server's");
 }
 
 } // namespace
@@ -124,7 +142,7 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
     if (!state.denied)
         tell_denial(row,
                     printable(name) + ", named by " + source_of_name(row, frame, verdict) +
-                        "; by " + policy_of(verdict),
+                        "; by " + policy_of(frame, verdict),
                     now_ms);
     decide(row, GATE_DENY, nullptr, name, frame.generation);
 }
@@ -140,8 +158,9 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
     }
     if (!state.denied)
         tell_denial(row,
-                    printable(row.application) + ", named by the address that was asked for; "
-                                                 "by the web policy, after a late answer",
+                    printable(row.application) +
+                        ", named by the address that was asked for; by the web policy, " +
+                        category_text(setting.category) + ", after a late answer",
                     now_ms);
     decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
 }
