@@ -112,7 +112,7 @@ def attacks(secured, word):
 class Bench:
     def __init__(self, secured):
         self.point = point = AccessPoint(1)
-        point.start(point.keys() if secured else "")
+        point.start(point.keys() if secured else OPEN)
         wait_for_path(point.bus_socket)
         self.avcore = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.avcore.connect(point.av_socket)

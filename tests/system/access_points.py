@@ -6,6 +6,7 @@ import ctypes
 from testbed import *
 
 KEYS = "/tmp/keys"
+OPEN = "insecure = true\n"  # [bus] without certificates
 
 
 @contextlib.contextmanager
@@ -59,9 +60,11 @@ class AccessPoint:
         for link in ("lo", "eth0"):
             run(*ip, "link", "set", link, "up")
 
-    def start(self, bus=""):
+    def start(self, bus=OPEN):
+        """With what `bus` has for [bus]; None is no [bus]."""
         with open(f"/tmp/{self.netns}.toml", "w") as file:
-            file.write(f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n[bus]\n{bus}')
+            file.write(f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n')
+            file.write(f"[bus]\n{bus}" if bus is not None else "")
         self.process = subprocess.Popen(
             ["ip", "netns", "exec", self.netns, jorn_path("avcore"), "-i", "in0", "-o", "out0",
              "-c", file.name],
@@ -88,6 +91,7 @@ class AccessPoint:
 
     def wait_report(self, text):
         """Asks for reports until one says so."""
+        wait_for_path(self.av_socket)  # before it SIGUSR1 would end avcore
         since = len(self.lines)
         wait_until(lambda: self.process.send_signal(signal.SIGUSR1) or any(
             text in line for line in self.lines.items[since:]), (text, self.lines.items))

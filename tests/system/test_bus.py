@@ -1,5 +1,6 @@
 """The message bus: avcores in namespaces of their own on one network, and clients on their bus
 sockets in the place of daemons. The test itself is a further host of that network."""
+import errno
 import ssl
 
 from access_points import *
@@ -253,9 +254,9 @@ class Bus(unittest.TestCase):
              f"a message names the sender {self.a.name}, the certificate AP.other", "a"),
             (own_a, self.b.keys("AP.other"), self.a, "its certificate is of AP.other", "b"),
             (own_a, self.b.keys("foreign"), self.a, "its certificate: ", "b"),
-            ("", own_b, self.b, "from 10.9.0.1 refused: TLS: wrong version number", "a"),
+            (OPEN, own_b, self.b, "from 10.9.0.1 refused: TLS: wrong version number", "a"),
             (own_a, self.b.keys(authority="foreign-ca"), self.b, "refused: its certificate: ", "b"),
-            (own_a, "", self.b, "from 10.9.0.1 refused: a message of ", "b"),
+            (own_a, OPEN, self.b, "from 10.9.0.1 refused: a message of ", "b"),
         ]
         for a_files, b_files, witness, line, mended in rows:
             with self.subTest(line):
@@ -289,7 +290,8 @@ class Bus(unittest.TestCase):
                 (self.a.keys("absent"), "absent.pem: No such file", 1),
                 (self.a.keys(authority="absent"), "absent.pem: No such file", 1),
                 (self.a.keys().replace(f"{self.a.name}.key", f"{self.b.name}.key"), "key values mismatch", 1),
-                ('listen = "10.9.0.9:5670"', "Cannot assign requested address", 1),
+                (OPEN, "bus: insecure = true: without certificates whoever reaches port 5670", 0),
+                (OPEN + 'listen = "10.9.0.9:5670"', "Cannot assign requested address", 1),
                 (self.a.keys("ending"), "the certificate ends in 6 days", 0),
                 (self.a.keys("expired"), "the certificate has ended", 0),
                 (self.a.keys(self.b.name), f"is of {self.b.name}, this is {self.a.name}", 0)):
@@ -298,6 +300,32 @@ class Bus(unittest.TestCase):
                 self.a.start(files)
                 self.a.wait_line(line, since)
                 self.assertEqual(self.a.stop() if status == 0 else self.a.status(), status)
+
+    def test_who_reaches_the_bus(self):
+        """Nobody where there is no [bus], and without certificates this machine alone."""
+        def refused(family, address):
+            with socket.socket(family) as stranger:
+                return stranger.connect_ex((address, PORT)) == errno.ECONNREFUSED
+
+        for bus in (None, 'listen = "127.0.0.1:5670"'):
+            self.a.start(bus)
+            self.a.wait_report("frames")
+            with namespace(self.a.netns):
+                self.assertTrue(refused(socket.AF_INET, self.a.address))
+                self.assertTrue(refused(socket.AF_INET6, self.a.ipv6))
+                self.assertEqual(refused(socket.AF_INET, "127.0.0.1"), bus is None)
+            self.assertEqual(os.path.exists(self.a.bus_socket), bus is not None)
+            if bus is None:
+                self.a.stop()
+        with namespace(self.a.netns):
+            listener = socket.create_server(("127.0.0.2", PORT))
+        a = self.a.client().add_peer(self.c, "127.0.0.2")
+        a.add_peer(self.b).publish(self.b, b"out").publish(self.c, b"in").add_peer(self.c)
+        with listener, listener.accept()[0] as accepted:
+            expected = wire(self.a.name, TOPIC, b"in")
+            self.assertEqual(accepted.recv(len(expected), socket.MSG_WAITALL), expected)
+        self.a.wait_line(f'refused the address "{self.b.address}", for without certificates')
+        self.a.wait_report("addresses refused: 2")
 
     def stranger(self):
         """A connection to B, whose bus may have opened for its own daemon alone so far."""

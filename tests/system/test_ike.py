@@ -96,7 +96,7 @@ class IkeExchange(SystemTest):
 
     def start_access_point(self):
         with open("/tmp/avcore.toml", "w") as file:
-            file.write('[client]\nfilter_type = ["wificalling"]\n[bus]\nlisten = ""\n')
+            file.write('[client]\nfilter_type = ["wificalling"]\n')
         with open(ROWS, "w") as rows:
             avcore = self.start(jorn_path("avcore"), "-o", FEED, "-i", "wlan0", "-c",
                                 "/tmp/avcore.toml", "--json", stdout=rows, stderr=subprocess.DEVNULL)

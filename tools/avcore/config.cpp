@@ -223,19 +223,30 @@ void read_platform(const toml::table &table, const std::string &file, const std:
     }
 }
 
-void read_bus(const toml::table &table, const std::string &file, bus_settings &bus) {
+bus_settings read_bus(const toml::table &table, const std::string &file) {
     const reader in(table, file);
-    in.expect_keys({"listen", "ca", "certificate", "key"});
-    bus.chosen = true;
+    in.expect_keys({"listen", "ca", "certificate", "key", "insecure"});
+    bus_settings bus;
     bus.listen = in.text("listen").value_or(bus.listen);
-    if (!bus.listen.empty() && !bus_address::of_listener(bus.listen))
-        in.fail(*in.find("listen"), "'listen' must look like [::]:5670 or 192.0.2.1:5670");
+    const auto address = bus_address::of_listener(bus.listen);
+    if (!address)
+        in.fail(*in.find("listen"), "'listen' must look like [::]:5670 or 192.0.2.1:5670; "
+                                    "without [bus] nothing is listened at");
     bus.ca = in.text("ca").value_or("");
     bus.certificate = in.text("certificate").value_or("");
     bus.key = in.text("key").value_or("");
     const bool none = bus.ca.empty() && bus.certificate.empty() && bus.key.empty();
     if (!none && (bus.ca.empty() || bus.certificate.empty() || bus.key.empty()))
         in.fail(table, "'ca', 'certificate' and 'key' go together");
+    in.flag("insecure", bus.insecure);
+    if (bus.insecure && bus.secured())
+        in.fail(*in.find("insecure"), "'insecure' is for a bus without certificates");
+    if (bus.loopback_only() && !address->is_loopback())
+        in.fail(table, "[bus] needs 'ca', 'certificate' and 'key', as scripts/bus-keys makes them; "
+                       "without them listen = \"127.0.0.1:5670\", which no other machine reaches, "
+                       "or insecure = true, with which whoever reaches the port can name "
+                       "addresses");
+    return bus;
 }
 
 // A text that is one of a few.
@@ -310,7 +321,7 @@ config parse_config(std::string_view text, const std::string &name) {
     if (const toml::table *platform = in.table("platform"))
         read_platform(*platform, name, "", settings);
     if (const toml::table *bus = in.table("bus"))
-        read_bus(*bus, name, settings.bus);
+        settings.bus = read_bus(*bus, name);
     if (const toml::table *enforce = in.table("enforce"))
         read_enforce(*enforce, name, settings.enforce);
     return settings;

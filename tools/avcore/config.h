@@ -47,7 +47,7 @@ struct config {
     std::vector<client_rule> rules; // the first that fits wins
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
-    bus_settings bus;
+    std::optional<bus_settings> bus; // none: there is no bus
     enforce_settings enforce;
 };
 

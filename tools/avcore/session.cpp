@@ -74,18 +74,11 @@ session::session(const options &options, config settings)
 }
 
 void session::open_bus() {
-    if (settings_.bus.listen.empty())
+    if (!settings_.bus)
         return;
-    try {
-        bus_ = std::make_unique<message_bus>(
-            settings_.bus,
-            message_bus::surroundings{bus_socket_path(), [this] { return bus_name(); },
-                                      [this](const std::string &line) { say(line); }});
-    } catch (const std::runtime_error &error) {
-        if (settings_.bus.chosen)
-            throw;
-        say(std::string(error.what()) + ": there is no bus");
-    }
+    bus_ = std::make_unique<message_bus>(
+        *settings_.bus, message_bus::surroundings{bus_socket_path(), [this] { return bus_name(); },
+                                                  [this](const std::string &line) { say(line); }});
 }
 
 // The base MAC as the daemon finds it; an interface may come, and with it a name.

@@ -48,6 +48,12 @@ bool bus_address::is_one_host() const {
            !link_local;
 }
 
+bool bus_address::is_loopback() const {
+    if (family() == AF_INET6)
+        return IN6_IS_ADDR_LOOPBACK(&address_.ipv6.sin6_addr);
+    return ntohl(address_.ipv4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
 std::optional<bus_address> bus_address::of_peer(const std::string &text, uint16_t port) {
     const std::optional<bus_address> address = parse(text, port);
     return address && address->is_one_host() ? address : std::nullopt;

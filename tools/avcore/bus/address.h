@@ -22,6 +22,7 @@ public:
 
     const sockaddr *get() const { return &address_.any; }
     socklen_t size() const;
+    bool is_loopback() const;
     int family() const { return address_.any.sa_family; }
     uint16_t port() const;
     std::string text() const; // without the port

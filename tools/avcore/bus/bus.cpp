@@ -21,6 +21,7 @@ bus_address listening_address(const bus_settings &settings) {
 message_bus::message_bus(const bus_settings &settings, surroundings around)
     : around_(std::move(around)),
       address_(listening_address(settings)),
+      loopback_only_(settings.loopback_only()),
       ground_(around_.say),
       local_(ground_, around_.socket_path,
              [this](const local_server::request &asked, int64_t now_ms) { take(asked, now_ms); }),
@@ -30,10 +31,9 @@ message_bus::message_bus(const bus_settings &settings, surroundings around)
     if (settings.secured()) {
         ground_.tls = std::make_unique<tls_identity>(settings);
         remark_on_certificate();
-    } else {
-        around_.say("bus: port " + std::to_string(address_.port()) +
-                    ": the bus is open: without certificates whoever reaches the port can name "
-                    "addresses");
+    } else if (settings.insecure) {
+        around_.say("bus: insecure = true: without certificates whoever reaches port " +
+                    std::to_string(address_.port()) + " can name addresses");
     }
 }
 
@@ -57,10 +57,13 @@ void message_bus::take(const local_server::request &asked, int64_t now_ms) {
 
 void message_bus::add_peer(const bus_peer_named &named, int64_t now_ms) {
     const auto address = bus_address::of_peer(named.address, address_.port());
-    if (!address) {
+    const char *refusal = !address ? "which is no host's" : nullptr;
+    if (address && loopback_only_ && !address->is_loopback())
+        refusal = "for without certificates only loopback is dialled";
+    if (refusal != nullptr) {
         ++ground_.counts.refused_addresses;
-        ground_.complain(named.name + ": refused the address \"" + named.address +
-                             "\", which is no host's; what was known of it holds",
+        ground_.complain(named.name + ": refused the address \"" + named.address + "\", " +
+                             refusal + "; what was known of it holds",
                          now_ms);
         return;
     }

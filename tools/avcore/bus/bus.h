@@ -26,7 +26,7 @@ public:
         complaints::sayer say;
     };
 
-    // Listens on both sides and says what is to be said about certificates. Throws
+    // Listens on both sides and says what is to be said about certificates or their want. Throws
     // std::runtime_error.
     message_bus(const bus_settings &settings, surroundings around);
 
@@ -47,6 +47,7 @@ private:
 
     surroundings around_;
     bus_address address_;
+    bool loopback_only_;
     bus_ground ground_;
     local_server local_;
     incoming incoming_;

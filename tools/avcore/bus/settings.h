@@ -1,4 +1,5 @@
-// [bus] of the TOML file.
+// [bus] of the TOML file. Without certificates nobody is authenticated: such a bus listens and
+// dials on loopback alone, unless whoever runs it says that it may be open.
 #pragma once
 
 #include <string>
@@ -6,14 +7,15 @@
 namespace avcore {
 
 struct bus_settings {
-    std::string listen = "[::]:5670"; // empty: no bus
+    std::string listen = "[::]:5670";
     // PEM files, all three or none.
     std::string ca;
     std::string certificate;
     std::string key;
-    bool chosen = false; // the file has a [bus]: without it a bus that can't start ends nothing
+    bool insecure = false;
 
     bool secured() const { return !certificate.empty(); }
+    bool loopback_only() const { return !secured() && !insecure; }
 };
 
 } // namespace avcore
