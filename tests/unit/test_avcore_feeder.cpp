@@ -1,6 +1,7 @@
 // The feeder against a capture that loses, delays and repeats.
 #include "avcore/feeder.h"
 
+#include <deque>
 #include <gtest/gtest.h>
 
 namespace {
@@ -109,21 +110,26 @@ TEST_F(Feeder, ResendsEverythingWhenAllWasLost) {
     EXPECT_TRUE(feeder_.has_room(now_ms));
 }
 
-TEST_F(Feeder, GivesUpAFrameAfterTenMoreAndGoesOn) {
+// It judges five frames, then doesn't get to run for a quarter of a second: copies that were taken
+// for lost are answered late, and a verdict fits every third frame.
+TEST_F(Feeder, LosesNothingToADaemonThatIsStarved) {
     start();
-    add(1);
-    add(2);
-    send();
-    int resent = 0;
-    for (int i = 0; i < 15; ++i)
-        resent += static_cast<int>(after(200).size());
-    EXPECT_EQ(resent, 20);
-    EXPECT_EQ(feeder_.counts().unanswered, 2u);
-    after(200);
-    ASSERT_TRUE(feeder_.has_room(now_ms));
-    add(3);
-    EXPECT_EQ(send(), ports{3});
-    EXPECT_TRUE(verdict(3));
+    std::deque<uint16_t> captured;
+    uint16_t added = 0;
+    for (int ms = 0; feeder_.counts().answered < 301 && ms < 60'000; ++ms) {
+        if (added < 300 && feeder_.has_room(now_ms))
+            add(added++ % 3);
+        for (const uint16_t port : after(1)) {
+            if (captured.size() < 500)
+                captured.push_back(port);
+        }
+        for (int left = ms % 250 == 0 ? 5 : 0; left > 0 && !captured.empty(); --left) {
+            verdict(captured.front());
+            captured.pop_front();
+        }
+    }
+    EXPECT_EQ(feeder_.counts().answered, 301u);
+    EXPECT_EQ(feeder_.counts().unanswered, 0u);
 }
 
 TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {
@@ -139,24 +145,20 @@ TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {
     EXPECT_FALSE(feeder_.waiting());
 }
 
-TEST_F(Feeder, DaemonIsGoneAfterFiveSecondsOfWaitingWhicheverFramesWaited) {
+TEST_F(Feeder, ASilentDaemonIsGoneAfterFiveSecondsAndNoFrameSooner) {
     start();
     now_ms += 60'000; // nothing to answer
     EXPECT_FALSE(feeder_.daemon_gone(now_ms));
-    for (const bool busy_link : {true, false}) {
-        const int64_t from_ms = now_ms;
-        add(1);
-        while (!feeder_.daemon_gone(now_ms) && now_ms < from_ms + 20'000) {
-            if (busy_link && feeder_.has_room(now_ms))
-                add(1); // the frames before were given up
-            send();
-            after(100);
-        }
-        EXPECT_GE(now_ms - from_ms, 5'000);
-        EXPECT_LE(now_ms - from_ms, 5'200);
-        for (verdict(7); feeder_.waiting(); verdict(1))
-            send();
-    }
+    const int64_t from_ms = now_ms;
+    add(1);
+    add(2);
+    for (send(); !feeder_.daemon_gone(now_ms); after(100))
+        ASSERT_LT(now_ms - from_ms, 5'000);
+    EXPECT_EQ(now_ms - from_ms, 5'000);
+    EXPECT_TRUE(verdict(1));
+    EXPECT_TRUE(verdict(2));
+    EXPECT_FALSE(feeder_.daemon_gone(now_ms));
+    EXPECT_EQ(feeder_.counts().unanswered, 0u);
 }
 
 TEST_F(Feeder, ALostLinkIsNoGoneDaemon) {

@@ -58,7 +58,6 @@ void feeder::sent(int64_t now_ms) {
         frame->sent = true;
         ++counts_.sent;
     } else if (started_) {
-        ++frame->resends;
         ++counts_.resent;
     } else {
         ++counts_.start_repeats;
@@ -104,25 +103,23 @@ void feeder::give_up(frame_ref frame) {
 }
 
 // No verdict will come for this copy. The frame is lost unless a later copy is on its way.
-void feeder::drop_oldest_copy() {
+// Returns the frame unless it was resolved before.
+std::optional<feeder::frame_ref> feeder::drop_oldest_copy() {
     const std::optional<frame_ref> frame = pop_copy().frame;
-    if (!frame || --(*frame)->copies > 0)
-        return;
-    if ((*frame)->resends >= MAX_RESENDS)
-        give_up(*frame);
-    else
+    if (frame && --(*frame)->copies == 0)
         queue(*frame);
+    return frame;
 }
 
 std::optional<fed_frame> feeder::take_verdict(const flow_key &key, int64_t now_ms) {
     last_sign_ms_ = now_ms;
     silent_rounds_ = 0;
-    std::optional<fed_frame> answered = answer(key);
+    std::optional<fed_frame> answered = answer(key, now_ms < doubt_until_ms_);
     waiting_since_ms_ = frames_.empty() ? std::nullopt : std::optional(now_ms);
     return answered;
 }
 
-std::optional<fed_frame> feeder::answer(const flow_key &key) {
+std::optional<fed_frame> feeder::answer(const flow_key &key, bool in_doubt) {
     const auto found = std::find_if(copies_.begin(), copies_.end(), [&key](const copy &one) {
         return memcmp(&one.key, &key, sizeof key) == 0;
     });
@@ -130,8 +127,11 @@ std::optional<fed_frame> feeder::answer(const flow_key &key) {
         ++counts_.overlooked;
         return std::nullopt;
     }
-    for (auto lost = found - copies_.begin(); lost > 0; --lost)
-        drop_oldest_copy();
+    for (auto older = found - copies_.begin(); older > 0; --older) {
+        const std::optional<frame_ref> frame = drop_oldest_copy();
+        if (frame && !in_doubt && ++(*frame)->overtaken == MAX_TRIES)
+            give_up(*frame);
+    }
     started_ = true;
     std::optional<fed_frame> answered;
     if (const std::optional<frame_ref> frame = pop_copy().frame) {
@@ -166,12 +166,6 @@ void feeder::link_lost(int64_t now_ms) {
 void feeder::resend_outstanding() {
     const bool only_oldest = silent_rounds_++ == 0 || !started_;
     draining_ = true;
-    for (frame_ref frame = frames_.begin(); frame != frames_.end();) {
-        const frame_ref next = std::next(frame);
-        if (frame->resends >= MAX_RESENDS && started_)
-            give_up(frame);
-        frame = next;
-    }
     to_send_.clear();
     for (outstanding &frame : frames_)
         frame.queued = false;
@@ -191,6 +185,7 @@ void feeder::tick(int64_t now_ms) {
         resend_outstanding();
         return;
     }
+    doubt_until_ms_ = now_ms + GONE_MS;
     while (!copies_.empty())
         drop_oldest_copy();
     draining_ = false;

@@ -10,6 +10,10 @@
 // later frames; no new frame is sent until all of them are answered or the daemon, heard again, has
 // been quiet for 200 ms.
 //
+// A frame is given up when it was overtaken eleven times, and for no silence: one that lasts is the
+// daemon's end. After a silence copies that were taken for lost may still be answered by a daemon
+// that hardly gets to run; what such verdicts seem to overtake isn't counted.
+//
 // The daemon's capture keeps eight blocks and closes one after about a millisecond however few
 // frames are in it. So what is outstanding must also stem from few milliseconds: a trickle of one
 // frame a millisecond would overrun a daemon that is busy for ten.
@@ -18,8 +22,8 @@
 // frames vanish. So it goes with the oldest one when the link to the daemon was down, for the
 // daemon then opens its capture anew.
 //
-// The daemon is gone when no verdict of any kind came for a time after a frame was sent, also when
-// that frame was given up and nothing more is to be sent. Where all is answered, no time passes.
+// The daemon is gone when no verdict of any kind came for a time after a frame was sent. Where all
+// is answered, no time passes.
 #pragma once
 
 #include "avcore/frame.h"
@@ -67,7 +71,7 @@ public:
     static constexpr size_t MAX_FRAMES = 128;
     static constexpr size_t MAX_BYTES = size_t{1024} * 1024;
     static constexpr size_t MAX_BURSTS = 4; // milliseconds in which something outstanding was sent
-    static constexpr unsigned MAX_RESENDS = 10;
+    static constexpr unsigned MAX_TRIES = 11; // of a frame, overtaken
     static constexpr int64_t SILENCE_MS = 200;
     static constexpr int64_t GONE_MS = 5'000;
     // Until the first verdict: the daemon may still have to be started.
@@ -109,8 +113,8 @@ private:
     struct outstanding {
         fed_frame frame;
         uint64_t number;
-        unsigned copies = 0; // in copies_
-        unsigned resends = 0;
+        unsigned copies = 0;    // in copies_
+        unsigned overtaken = 0; // copies of it
         bool sent = false;
         bool queued = false; // in to_send_
     };
@@ -122,10 +126,10 @@ private:
     };
 
     void queue(frame_ref frame);
-    std::optional<fed_frame> answer(const flow_key &key);
+    std::optional<fed_frame> answer(const flow_key &key, bool in_doubt);
     fed_frame finish(frame_ref frame);
     void give_up(frame_ref frame);
-    void drop_oldest_copy();
+    std::optional<frame_ref> drop_oldest_copy();
     void resend_outstanding();
     int64_t quiet_since_ms() const;
     bool burst_open(int64_t now_ms) const;
@@ -146,6 +150,7 @@ private:
     bool draining_ = false;      // after a silence: only the round's frames are sent
     unsigned silent_rounds_ = 0; // since the last verdict
     size_t round_left_ = 0;      // frames at the front of to_send_ that the round sends
+    int64_t doubt_until_ms_ = 0; // copies that were taken for lost may be answered
     int64_t last_sign_ms_ = 0;   // of the last verdict, or when the link was last found down
     std::optional<int64_t> waiting_since_ms_; // none: no frame went unanswered since the last sign
     feeder_counts counts_;
