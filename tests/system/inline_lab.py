@@ -29,6 +29,7 @@ SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scr
 
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
+NTP = 123
 LIMITS = {SLOW: 2_000_000, FAST: 20_000_000}  # bit/s
 RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "both", "type": "Voice"}}},
          **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
@@ -36,8 +37,10 @@ RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"ki
 
 
 def policies(rules, names=("youtube", "icmp")):
-    """The document: an application for each port, and names that the client may not reach; one
-    more is denied by the servers' profile."""
+    """The document: an application for each port, names that the client may not reach, and rules
+    by name; one more is denied by the servers' profile."""
+    by_name = [{"app_name": name} | rules[name] for name in rules if isinstance(name, str)]
+    rules = {port: rules[port] for port in rules if isinstance(port, int)}
     known = [{"app_name": f"app-{port}", "app_id": 30000 + port, "cat_id": "User Defined"}
              for port in rules]
     return {"applications": [application | {"dst_port": port}
@@ -45,7 +48,7 @@ def policies(rules, names=("youtube", "icmp")):
             "policies": [{"utp_id": 1, "name": "lab", "rules": [
                 *[application | rules[port] for application, port in zip(known, rules)],
                 *[{"app_name": name, "deny": True}
-                  for name in names]]},
+                  for name in names], *by_name]},
                 {"utp_id": 2, "name": "servers", "rules": [
                     {"app_name": "shop.example", "deny": True}]}]}
 

@@ -121,9 +121,9 @@ class Layout:
                 if taken:
                     self.assertEqual(self.priorities(taken, VOICE_CALL), {256 + 6})
 
-    def limits_hold(self, kind, version, expected=LIMITS):
-        """Two flows of the slow application and one of the fast one send more than they may, both
-        ways at once: a limit drops the other way's acknowledgements as well."""
+    def limits_hold(self, kind, version, expected=LIMITS, ports=(SLOW, SLOW, FAST)):
+        """A flow to each of the ports sends more than it may, both ways at once: a limit drops the
+        other way's acknowledgements as well. `expected`: of a port, or of all."""
         on, ends = True, []
 
         def stream(end):
@@ -136,11 +136,12 @@ class Layout:
                 while on and end.recv(1 << 20):
                     pass
 
-        for port in (SLOW, SLOW, FAST):
+        for port in ports:
             for end in self.pair(kind, version, port):
                 ends.append(end)
                 if kind == socket.SOCK_DGRAM:
-                    ends.append(Sender(end, 1228 * 8 / LIMITS[port] / 1.5, 1200))
+                    ends.append(Sender(end, 1228 * 8 / LIMITS.get(port, LIMITS[SLOW]) / 1.5,
+                                       1200))
                 else:
                     for work in stream, sink:
                         threading.Thread(target=work, args=(end,), daemon=True).start()
@@ -149,8 +150,9 @@ class Layout:
         for _ in range(3):  # TCP pauses now and then when it loses much, and so do loaded machines
             begins = time.time()
             time.sleep(lasts + 0.1)
-            rates = {(way, limit): arrivals.rate(port, version, PROTOCOLS[kind], begins,
-                                                 begins + lasts) / limit
+            rates = {(way, limit): sum(
+                         arrivals.rate(each, version, PROTOCOLS[kind], begins, begins + lasts)
+                         for each in (ports if port == "all" else [port])) / limit
                      for way, arrivals in (("up", self.at_server), ("down", self.at_client))
                      for port, limit in expected.items()}
             if min(rates.values()) >= 0.95 or max(rates.values()) > 1.05:
@@ -359,6 +361,15 @@ class Routed(Layout, InlineTest):
         rule_of = {"rate_up": LIMITS[SLOW] // 8000, "rate_down": LIMITS[SLOW] // 8000}
         self.start('share = "flow"\nrate_unit = "kB/s"', rules=RULES | {SLOW: rule_of, FAST: {}})
         self.limits_hold(socket.SOCK_DGRAM, 4, expected={SLOW: 2 * LIMITS[SLOW]})
+
+    def test_one_limit_for_all_flows_of_a_client(self):
+        """Named by the administrator, by a well-known port and by addresses."""
+        rates = {"rate_up": LIMITS[SLOW] // 1000, "rate_down": LIMITS[SLOW] // 1000}
+        self.start(rules={SLOW: rates, ".": rates})
+        for shape in "drop", "htb":
+            self.configure(f'share = "client"\nshape = "{shape}"')
+            self.avcore.send_signal(signal.SIGHUP)
+            self.limits_hold(socket.SOCK_DGRAM, 4, {"all": LIMITS[SLOW]}, (SLOW, NTP, ALLOWED))
 
     def test_limits_with_queues(self):
         self.start('shape = "htb"', wire_ms=10)

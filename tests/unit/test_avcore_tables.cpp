@@ -70,9 +70,10 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
 
 TEST(AvcoreLimits, ABucketIsItsOwnersUntilAllAreTaken) {
     limit_book book(3); // and bucket 0 is none
-    const limit_owner video = {{2, 0, 0, 0, 0, 1}, "video", 0, GATE_UP};
-    limit_owner chat = video;
-    chat.application = "chat";
+    limit_owner video;
+    video.application = "video";
+    limit_owner chat;
+    chat.rates = {7, 0};
     limit_owner down = video;
     down.direction = GATE_DOWN;
     const uint32_t first = book.place_of(video, 1000).bucket;

@@ -270,7 +270,9 @@ void read_choice(const reader &in, std::string_view key,
 void read_enforce(const toml::table &table, const std::string &file, enforce_settings &enforce) {
     using settings = enforce_settings;
     constexpr std::pair<std::string_view, settings::sharing> shares[] = {
-        {"application", settings::sharing::application}, {"flow", settings::sharing::flow}};
+        {"application", settings::sharing::application},
+        {"flow", settings::sharing::flow},
+        {"client", settings::sharing::client}};
     constexpr std::pair<std::string_view, uint64_t> units[] = {
         {"kbit/s", 125}, {"kB/s", 1000}, {"Mbit/s", 125'000}};
     constexpr std::pair<std::string_view, settings::shaping> shapes[] = {

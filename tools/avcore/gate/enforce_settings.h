@@ -11,6 +11,7 @@ struct enforce_settings {
     enum class sharing {
         application, // one limit for all flows of a client's application
         flow,        // each flow has its own
+        client,      // one for all flows of a client that have the same pair of limits
     };
     enum class shaping {
         drop, // what exceeds a limit

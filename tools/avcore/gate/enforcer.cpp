@@ -108,6 +108,20 @@ std::string policy_of(const fed_frame &frame, const av_verdict &verdict) {
            (of_client ? ", the client's" : ", the server's");
 }
 
+limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::string_view name,
+                     const av_qos &qos) {
+    limit_owner owner;
+    owner.client = row.client.mac;
+    if (share == enforce_settings::sharing::client) {
+        owner.rates = {qos.ratelimit_up, qos.ratelimit_down};
+        return owner;
+    }
+    owner.application = name;
+    if (share == enforce_settings::sharing::flow)
+        owner.flow = row.id;
+    return owner;
+}
+
 } // namespace
 
 void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
@@ -171,13 +185,11 @@ void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
     policies_changed();
 }
 
-void enforcer::limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
+void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                      gate_direction direction, uint16_t rate) {
     if (rate == 0 || rate == NO_RATE)
         return;
-    limit_owner owner = {row.client.mac, std::string(name), 0, direction};
-    if (settings_.share == enforce_settings::sharing::flow)
-        owner.flow = row.id;
+    owner.direction = direction;
     const uint64_t bytes_per_second = rate * settings_.bytes_per_rate_unit;
     const limit_book::place place = limits_.place_of(owner, bytes_per_second);
     // Also when it waits in a queue: the settings may change, the book's entry is told once.
@@ -210,8 +222,9 @@ void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std:
         ++refused_writes_;
     if (qos != nullptr) {
         mark(verdict, *qos);
-        limit(verdict, row, name, GATE_UP, qos->ratelimit_up);
-        limit(verdict, row, name, GATE_DOWN, qos->ratelimit_down);
+        const limit_owner owner = owner_of(settings_.share, row, name, *qos);
+        limit(verdict, row, owner, GATE_UP, qos->ratelimit_up);
+        limit(verdict, row, owner, GATE_DOWN, qos->ratelimit_down);
     }
     if (state.seen[row_enforcement::CLIENT] &&
         !gate_.decide(state.flows[row_enforcement::CLIENT], verdict))

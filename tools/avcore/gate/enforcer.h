@@ -48,7 +48,7 @@ private:
     // `generation`: of the policies by which it was decided.
     void decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
                 uint32_t generation);
-    void limit(gate_verdict &verdict, const flow_row &row, std::string_view name,
+    void limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                gate_direction direction, uint16_t rate);
     void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
 

@@ -10,6 +10,7 @@
 #include "avcore/frame.h"
 #include "avcore/gate/gate_records.h"
 
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <list>
@@ -18,11 +19,13 @@
 
 namespace avcore {
 
-// Whose limit it is: of a client's application, or, with a flow, of that flow alone.
+// Whose limit it is: of a client's application, with a flow of that flow alone, or, with rates and
+// no application, of all flows of the client that have these limits.
 struct limit_owner {
     mac_address client = {};
     std::string application;
     uint32_t flow = 0;
+    std::array<uint16_t, 2> rates = {}; // by direction, in the controller's unit
     gate_direction direction = GATE_UP;
 
     auto operator<=>(const limit_owner &) const = default;
