@@ -1,4 +1,6 @@
 """avcore behind the web filter and Wi-Fi calling: categories, late answers, safe search, tags."""
+import re
+
 from records import *
 
 SAFE_SEARCH, HOSTS = "/tmp/resolvers", ("google.com", "search.google.com", "www.google.com")
@@ -75,6 +77,18 @@ class AvcoreWeb(SystemTest):
                          {"application": "carrier", "wificalling": True, "priority": 3,
                           "fqdn": "epdg.example"})
         self.assertNotIn("wificalling", rows[2])
+
+    def test_jornctl_knows_what_avcore_was_started_with(self):
+        self.start()
+        document = {"policies": [{"utp_id": 9, "rules": [
+            {"app_name": name} for name in ("youtube", "QQ", "casino", "QZ")]}],
+                    "carriers": [{"pname": "c", "priority": 1}],
+                    "wificalling_interfaces": [{"ifname": name, "profile": ["c"]}
+                                               for name in ("wlan0", "wlan5")]}
+        status, _, said = jornctl("apply", "--check", "-", document=document)
+        self.assertEqual((status, re.findall(r"-: (\S+)", said)), (
+            0, ["/policies/0/rules/2/app_name", "/policies/0/rules/3/app_name",
+                "/policies/0/utp_id:", "/wificalling_interfaces/1/ifname"]), said)
 
     def test_late_answers_deny(self):
         self.start("--url-agent-delay", "1000")

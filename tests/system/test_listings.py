@@ -104,6 +104,24 @@ NO:2
         self.assertEqual([binding["ifname"] for binding in shown()["wifi-calling"]],
                          ["wlan0", "wlan1"])
 
+    def test_utps_whose_tables_or_policies_the_document_lacks(self):
+        for document, said in (
+                (None, ()),
+                ({"utps": [{"id": 3, "uuid": "u"}]},
+                 ("/utps: the web UTP table is emptied with this one: 10",
+                  "/utps/0/uuid: the daemon has no policy")),
+                ({"web_utps": [{"id": 7, "uuid": "u"}]},
+                 ("/web_utps: the ARC UTP table is emptied with this one: 3",
+                  "/web_utps/0/uuid: the daemon has no policy")),
+                ({"utps": [{"id": 3}]}, ("/utps: the web UTP table is emptied with this one: 7",)),
+                ({"utps": [{"id": 3}], "web_utps": []}, ())):
+            with self.subTest(document):
+                where = "-" if document else EXAMPLE
+                status, _, complaints = jornctl("apply", where, document=document)
+                self.assertEqual((status, complaints.count("\n")), (0, len(said)), complaints)
+                for part in said:
+                    self.assertIn(part, complaints)
+
 
 if __name__ == "__main__":
     unittest.main()

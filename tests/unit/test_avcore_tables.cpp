@@ -68,6 +68,32 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
     }
 }
 
+TEST(AvcoreConfig, WarnsOfRulesThatNeverHoldAndOfFilteredClients) {
+    const std::string mac = "[[rule]]\nmac = \"02:00:00:00:00:01\"\n";
+    const std::string here = "captured_on = \"br0\"\n";
+    const std::string network = "[[rule]]\nnetwork = \"10.0.0.0/8\"\n";
+    const struct {
+        std::string text;
+        std::vector<std::string> begins;
+    } rows[] = {
+        {mac + mac, {"f, line 3: the rule never holds, for the one in line 1"}},
+        {mac + mac + here, {"f, line 3: the rule never"}},
+        {mac + here + mac, {}},
+        {network + mac + network, {"f, line 5: the rule never"}},
+        {mac + "filter_type = [\"wificalling\"]\n" + network + "filter_type = [\"url\"]\n",
+         {"f, line 6: 'filter_type' holds"}},
+        {"[client]\nfilter_type = [\"url\"]\n" + mac, {"f, line 2: 'filter_type' holds"}},
+        {"dpi = false\n[client]\nfilter_type = [\"url\"]\n", {}}, // nothing is filtered
+    };
+    for (const auto &row : rows) {
+        const std::vector<std::string> warnings = parse_config(row.text, "f").warnings;
+        EXPECT_TRUE(
+            std::equal(warnings.begin(), warnings.end(), row.begins.begin(), row.begins.end(),
+                       [](const auto &said, const auto &begin) { return said.starts_with(begin); }))
+            << row.text << (warnings.empty() ? "nothing" : warnings.front());
+    }
+}
+
 TEST(AvcoreLimits, ABucketIsItsOwnersUntilAllAreTaken) {
     limit_book book(3); // and bucket 0 is none
     limit_owner video;

@@ -4,6 +4,7 @@ Usage: test_jornctl.py JORNCTL
 """
 import json
 import os
+import re
 import socket
 import subprocess
 import sys
@@ -127,10 +128,38 @@ class Jornctl(unittest.TestCase):
             1, f"jornctl: you may not use the socket {self.socket}: Permission denied\n"))
 
     def test_warnings_are_faults_on_demand(self):
-        document = {"utps": []}
+        document = {"carriers": []}
         for strict, status in ((), 0), (("--strict",), 1):
             got, _, said = self.run_it("apply", "--check", *strict, "-", document=document)
-            self.assertEqual((got, said.startswith("jornctl: warning: -: /utps: ")), (status, True))
+            self.assertEqual((got, said.startswith("jornctl: warning: -: /carriers: ")),
+                             (status, True))
+
+    def test_a_platform_that_answers_oddly_or_not_at_all(self):
+        path = self.folder + "/av"
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.addCleanup(listener.close)
+        listener.bind(path)
+        listener.listen()
+
+        def serve(answers):
+            client, _ = listener.accept()
+            with client:
+                for answer in answers:
+                    client.send(client.recv(64)[:8] + answer)
+                client.recv(64)  # nothing more comes, and jornctl leaves
+        strange = [b"\0" * 4 + b"Tube\0no end", b"\0" * 4 + bytes(15)]
+        knowing = [b"\0" * 4 + b"Tube\0", b"\0" * 4 + bytes([2]) + bytes(15) + b"wlan0\0"]
+        document = {"policies": [{"utp_id": 1, "rules": [{"app_name": "casino"}]},
+                                 {"utp_id": 2, "rules": [{"app_name": "tube"}]}]}
+        for answers, paths in (([], []), (strange, ["/policies/0/rules/0/app_name"]),
+                               (knowing, ["/policies/0/rules/0/app_name", "/policies/1/utp_id"])):
+            with self.subTest(answers):
+                platform = threading.Thread(target=serve, args=(answers,), daemon=True)
+                platform.start()
+                status, _, said = self.run_it("apply", "--check", "-", document=document,
+                                              before=("env", "JORN_AV_SOCK=" + path))
+                platform.join(DEADLINE)
+                self.assertEqual((status, re.findall(r"-: ([^ :]+)", said)), (0, paths))
 
     def test_descriptions_of_payloads(self):
         document = {"policies": [{"utp_id": 1, "name": "block", "rules": [

@@ -179,49 +179,52 @@ TEST(JornctlDocuments, WarnsOfWhatMayNotBeMeant) {
     const std::string long_rule =
         R"({"app_id": 10000, "rate_up": 10000, "rate_down": 10000, "cat_id": 10000, "app_name": ")" +
         std::string(63, 'a') + R"(", "cat_name": ")" + std::string(31, 'c') + R"("})";
-    const std::string utps_alone = "/utps: the web UTP table is emptied";
     const struct {
         std::string text;
         std::vector<std::string> begins; // of the warnings
     } rows[] = {
-        {R"({"utps": [{"id": 64}]})", {utps_alone, "/utps/0/id: packets never find"}},
+        {R"({"utps": [{"id": 64}]})", {"/utps/0/id: packets never find"}},
         {R"({"policies": [{"utp_id": 1}]})", {"/policies/0: has no rules"}},
         {repeated(R"({"policies": [{"utp_id": 1, "rules": [)", long_rule, 64, "]}]}"),
          {"/policies/0: too much text", "/policies/0/rules/"}},
-        {R"({"policies": [], "utps": [{"id": 1, "uuid": "x"}]})",
-         {utps_alone, "/utps/0/uuid: no policy"}},
+        {R"({"policies": [], "utps": [{"id": 1, "uuid": "x"}]})", {"/utps/0/uuid: no policy"}},
         {R"({"web_policies": [{"categories": [0], "whitelist": ["*.*"], "blacklist": ["a.*.b"]}],
              "web_utps": [{"id": 64, "uuid": "x"}]})",
          {"/web_policies/0: nothing can use it",
           "/web_policies/0/categories/0: category 0 is never",
           "/web_policies/0/whitelist/0: fits every", "/web_policies/0/blacklist/0: never fits",
-          "/web_policies: the daemon's bindings", "/web_utps: the ARC UTP table",
-          "/web_utps/0/id: packets never", "/web_utps/0/uuid: no policy"}},
+          "/web_policies: the daemon's bindings", "/web_utps/0/id: packets never",
+          "/web_utps/0/uuid: no policy"}},
         {R"({"web_policies": [], "web_interfaces": [{"ifname": "a", "policy_uuid": "x"}]})",
-         {"/web_interfaces/0: without enable", "/web_interfaces/0/policy_uuid: no policy"}},
+         {R"(/web_interfaces/0 ("a"): without enable)",
+          R"(/web_interfaces/0/policy_uuid ("a"): no policy)"}},
         {R"({"carriers": [{"pname": "c", "priority": 255, "epdg": [{"ipaddr": "10.0.0.1"}]}]})",
-         {"/carriers/0/priority: packets keep", "/carriers/0/epdg/0: without an fqdn",
-          "/carriers: the daemon's bindings"}},
+         {R"(/carriers/0/priority ("c"): packets keep)",
+          R"(/carriers/0/epdg/0 ("c"): without an fqdn)", "/carriers: the daemon's bindings"}},
         {R"({"carriers": [], "wificalling_interfaces": []})", {"/carriers: the daemon's file"}},
         {R"({"carriers": [{"pname": "c", "priority": 1}],
              "wificalling_interfaces": [{"ifname": "a", "profile": ["C", "d"]}]})",
-         {"/wificalling_interfaces/0/profile/1: no carrier"}},
-        {in_application(R"("src_port": 9)"), {"/applications/0: every packet fits"}},
-        {in_rule(R"("app_name": "a", "deny": 1, "rate_up": 1)"), {"/policies/0/rules/0/deny: "}},
-        {in_rule(R"("app_name": "*.a.com")"), {"/policies/0/rules/0/app_name: never fits"}},
-        {in_rule(R"("app_name": "*.a.com", "app_id": 1)"), {"/policies/0/rules/0/app_id: without"}},
-        {in_rule(R"("app_name": "a.com"}, {"app_name": "www.A.com")"),
-         {"/policies/0/rules/1: never decides, for what it fits fits /policies/0/rules/0"}},
+         {R"(/wificalling_interfaces/0/profile/1 ("a"): no carrier)"}},
+        {in_application(R"("src_port": 9)"), {R"(/applications/0 ("a"): every packet fits)"}},
+        {in_rule(R"("app_name": "site.com", "deny": 1, "rate_up": 1)"),
+         {R"(/policies/0/rules/0/deny ("site.com"): )"}},
+        {in_rule(R"("app_name": "*.a.com", "app_id": 1)"),
+         {R"(/policies/0/rules/0/app_id ("*.a.com"): without)"}},
+        {in_rule(R"("app_name": "site.com"}, {"app_name": "www.Site.com")"),
+         {R"(/policies/0/rules/1 ("www.Site.com"): never decides, for what it fits fits )"
+          R"(/policies/0/rules/0 ("site.com"))"}},
         {in_rule(R"("app_name": "a", "app_id": 1, "cat_id": 0},
                     {"app_name": "b", "app_id": 1, "cat_id": 0)"),
-         {"/policies/0/rules/1: never decides"}},
-        {in_rule(R"("app_name": "www.a.com"}, {"app_name": "a.com"},
-                    {"app_name": "a.com", "app_id": 1, "cat_id": 2)"),
+         {R"(/policies/0/rules/1 ("b"): never decides)"}},
+        {in_rule(R"("app_name": "."}, {"app_name": "b", "app_id": 1, "cat_id": 0)"),
+         {R"(/policies/0/rules/1 ("b"): never decides)"}},
+        {in_rule(R"("app_name": "www.site.com"}, {"app_name": "site.com"},
+                    {"app_name": "site.com", "app_id": 1, "cat_id": 2)"),
          {}},
     };
     for (const auto &row : rows) {
         std::vector<std::string> expected = row.begins;
-        for (const std::string &warning : read_document(row.text).warnings) {
+        for (const std::string &warning : read_document(row.text).found.warnings()) {
             const bool is_expected =
                 std::any_of(row.begins.begin(), row.begins.end(), [&](const std::string &begin) {
                     std::erase_if(expected, [&](const auto &e) { return warning.starts_with(e); });
@@ -231,6 +234,108 @@ TEST(JornctlDocuments, WarnsOfWhatMayNotBeMeant) {
         }
         EXPECT_TRUE(expected.empty()) << row.text << "\n" << expected.front();
     }
+}
+
+TEST(JornctlDocuments, DoubtsNamesThatFitMoreOrLessThanTheySay) {
+    platform_facts around;
+    around.applications = {"YouTube", "AmazonAWS", "CNN", "HTTP_Proxy"};
+    const char *const short_one = "fits other names that hold it";
+    const char *const short_word = "so short that many hold it";
+    const char *const address = "no scheme, path or port";
+    const struct {
+        const char *name;
+        const char *rule;    // what is said of it in a rule, in part; empty: nothing
+        const char *pattern; // and in a black list
+    } rows[] = {
+        {"x.com", short_one, short_one},
+        {"x.co.uk", short_one, short_one},
+        {".x.com", "", ""},
+        {"www.x.com", "", ""},
+        {"zoom.us", "", ""},
+        {"10.2", "", ""}, // of addresses
+        {"https://www.example.com/watch", R"(port; write "www.example.com")", address},
+        {"www.example.com/watch", address, address},
+        {"www.example.com:8443", address, address},
+        {"10.0.0.1:443", "", ""}, // as a flow without a name is called
+        {"*.example.com", "never fits", ""},
+        {"*", R"("." fits every name)", "fits every domain"},
+        {".", "", ""},
+        {"com", "fits every name", short_word},
+        {"X", short_word, short_word},
+        {"DNS", "", short_word}, // a well-known port's
+        {"icmp", "", ""},
+        {"FTP", "", short_word}, // FTP-Control
+        {"cnn", "", short_word}, // the DPI engine's
+        {"amazon", "", ""},
+        {"Backups", "", ""}, // the document's
+        {"casino", "none is called so", ""},
+    };
+    for (const auto &row : rows) {
+        const nlohmann::json text = {
+            {"applications", {{{"app_name", "Backups"}, {"dst_port", 873}}}},
+            {"policies", {{{"utp_id", 1}, {"rules", {{{"app_name", row.name}}}}}}},
+            {"web_policies", {{{"uuid", "u"}, {"blacklist", {row.name}}}}},
+            {"web_interfaces", nlohmann::json::array()}};
+        std::string rule;
+        std::string pattern;
+        for (const std::string &warning : read_document(text.dump(), around).found.warnings())
+            (warning.starts_with("/policies") ? rule : pattern) += warning;
+        for (const auto &[said, part] : {std::pair(rule, row.rule), {pattern, row.pattern}})
+            EXPECT_TRUE(*part == '\0' ? said.empty() : said.find(part) != std::string::npos)
+                << row.name << ": " << said;
+    }
+    EXPECT_TRUE(read_document(in_rule(R"("app_name": "casino")")).found.warnings().empty())
+        << "on a device nobody knows the names";
+}
+
+TEST(JornctlDocuments, WarnsOfWhatNoClientOfThisMachineHas) {
+    platform_facts around;
+    around.clients = {{"wlan0"}, {1, 2}, {5}};
+    const document read = read_document(R"({
+        "policies": [{"utp_id": 1, "name": "one", "rules": [{"app_name": "."}]},
+                     {"utp_id": 3, "name": "three", "rules": [{"app_name": "."}]},
+                     {"utp_id": 4, "uuid": "u", "rules": [{"app_name": "."}]}],
+        "utps": [{"id": 2, "uuid": "U"}],
+        "web_policies": [{"uuid": "w", "utp_id": 6}],
+        "web_utps": [{"id": 5, "uuid": "w"}],
+        "web_interfaces": [{"ifname": "wlan0", "enable": 1}, {"ifname": "wlan1", "enable": 1},
+                           {"ifname": "wlan2", "delete": 1}],
+        "wificalling_interfaces": [{"ifname": "wlan3", "profile": ["c"]}]})",
+                                        around);
+    std::vector<std::string> paths;
+    for (const std::string &warning : read.found.warnings())
+        paths.push_back(warning.substr(0, warning.find(':')));
+    EXPECT_EQ(paths,
+              (std::vector<std::string>{R"(/policies/1/utp_id ("three"))", "/web_policies/0/utp_id",
+                                        R"(/web_interfaces/1/ifname ("wlan1"))",
+                                        R"(/wificalling_interfaces/0/ifname ("wlan3"))"}));
+}
+
+// Each mistake once, and none that only follows from another.
+TEST(JornctlDocuments, AllMistakesAreSaidAtOnce) {
+    const document read = read_document(R"({
+        "policies": [{"utp_id": 1, "name": "a", "uuid": "u", "uuid": 7, "rules": [
+                         {"app_name": "fine.example"}, {"app_name": "", "deny": 2}, 8]},
+                     {"name": "b", "nam": "c"}, {"utp_id": 1}],
+        "utps": [{"id": 1, "uuid": "u"}],
+        "applications": [{"app_name": "net", "dst_ip": "10.0.0", "netmask": "255.0.0.0"}],
+        "web_policies": [{"uuid": "w", "google_safe_search": true, "google_vip": "x"}],
+        "web_interfaces": [{"ifname": "wlan0", "enable": true, "policy_uuid": "v"}],
+        "carriers": [{"pname": "c", "priority": 1, "epdg": [{"fqdn": "f;"}]}],
+        "wificalling_interfaces": [{"ifname": "wlan0", "profile": "c"}]})");
+    std::vector<std::string> paths;
+    for (const std::string &mistake : read.found.mistakes())
+        paths.push_back(mistake.substr(0, mistake.find(':')));
+    EXPECT_EQ(paths,
+              (std::vector<std::string>{
+                  R"(/policies/0/uuid ("a"))", R"(/policies/0/uuid ("a"))",
+                  R"(/policies/0/rules/1/app_name ("a"))", R"(/policies/0/rules/1/deny ("a"))",
+                  R"(/policies/0/rules/2 ("a"))", R"(/policies/1 ("b"))",
+                  R"(/policies/1/nam ("b"))", R"(/applications/0/dst_ip ("net"))",
+                  "/web_policies/0/google_vip", R"(/carriers/0/epdg/0/fqdn ("f;"))",
+                  R"(/wificalling_interfaces/0/profile ("wlan0"))", "/policies/2/utp_id"}));
+    EXPECT_TRUE(read.found.warnings().empty()) << read.found.warnings().front();
+    EXPECT_THROW(commands_of(read), std::runtime_error);
 }
 
 // What a flush leaves in the daemon's file would come back at its next start.

@@ -27,9 +27,14 @@ public:
     reader(const toml::table &table, const std::string &file) : table_(table), file_(file) {}
 
     [[noreturn]] void fail(const toml::node &where, const std::string &what) const {
+        throw config_error(at(where, what));
+    }
+
+    // A message about a place of the file.
+    std::string at(const toml::node &where, const std::string &what) const {
         std::ostringstream message;
         message << file_ << ", line " << where.source().begin.line << ": " << what;
-        throw config_error(message.str());
+        return message.str();
     }
 
     // A misspelt key would otherwise be a setting that silently doesn't hold.
@@ -175,14 +180,73 @@ client_rule read_rule(const toml::table &table, const std::string &file,
     return rule;
 }
 
+// The rules by whom they are for, to find those behind another one for the same.
+class rule_index {
+public:
+    // Returns the place of a rule that fits before this one wherever this one would; else none.
+    std::optional<size_t> add(const client_rule &rule, size_t place) {
+        std::vector<entry> &same = by_client_[{rule.mac, rule.mac ? std::nullopt : rule.network}];
+        const auto found = std::find_if(same.begin(), same.end(), [&](const entry &earlier) {
+            return hides(earlier.rule, rule);
+        });
+        if (found != same.end())
+            return found->place;
+        same.push_back({rule, place});
+        return std::nullopt;
+    }
+
+private:
+    struct entry {
+        client_rule rule;
+        size_t place;
+    };
+
+    static bool hides(const client_rule &earlier, const client_rule &later) {
+        return (!earlier.network || earlier.network == later.network) &&
+               (earlier.captured_on.empty() || earlier.captured_on == later.captured_on);
+    }
+
+    std::map<std::pair<std::optional<mac_address>, std::optional<ip_network>>, std::vector<entry>>
+        by_client_;
+};
+
+// The daemon judges a packet once: by the web policies or by the rules of applications.
+void warn_of_url_filtering(const toml::table &root, const reader &in, config &settings) {
+    if (!settings.dpi) // the daemon filters with the engine alone
+        return;
+    const toml::node *first = root.at_path("client.filter_type").node();
+    bool asks = (settings.client.filter_type & AV_FILTER_URL) != 0;
+    for (size_t i = 0; !asks && i < settings.rules.size(); ++i) {
+        asks = (settings.rules[i].profile.filter_type & AV_FILTER_URL) != 0;
+        first = root["rule"][i]["filter_type"].node();
+    }
+    if (asks && first != nullptr)
+        settings.warnings.push_back(
+            in.at(*first,
+                  "'filter_type' holds \"url\": such a client's traffic, of the web above all, is "
+                  "for the web policies and never gets to the rules for applications: no block, "
+                  "limit or mark of theirs holds for it"));
+}
+
 void read_rules(const reader &in, const std::string &file, config &settings) {
     const toml::node *node = in.find("rule");
     if (node == nullptr)
         return;
     if (!node->is_array_of_tables())
         in.fail(*node, "'rule' must be a list of tables, [[rule]]");
-    for (const toml::node &rule : *node->as_array())
+    const toml::array &tables = *node->as_array();
+    rule_index index;
+    for (const toml::node &rule : tables) {
+        const size_t place = settings.rules.size();
         settings.rules.push_back(read_rule(*rule.as_table(), file, settings.client));
+        const std::optional<size_t> earlier = index.add(settings.rules.back(), place);
+        if (!earlier)
+            continue;
+        const auto line = tables.get(*earlier)->source().begin.line;
+        settings.warnings.push_back(in.at(rule, "the rule never holds, for the one in line " +
+                                                    std::to_string(line) +
+                                                    " fits the same clients before it"));
+    }
 }
 
 bool is_platform_key(std::string_view key) {
@@ -320,6 +384,7 @@ config parse_config(std::string_view text, const std::string &name) {
         read_side(uplink_in, settings.uplink);
     }
     read_rules(in, name, settings);
+    warn_of_url_filtering(root, in, settings);
     if (const toml::table *platform = in.table("platform"))
         read_platform(*platform, name, "", settings);
     if (const toml::table *bus = in.table("bus"))

@@ -49,6 +49,7 @@ struct config {
     bool dpi = true;
     std::optional<bus_settings> bus; // none: there is no bus
     enforce_settings enforce;
+    std::vector<std::string> warnings; // of what holds and may not be meant, with file and line
 };
 
 class config_error : public std::runtime_error {

@@ -99,6 +99,29 @@ bool dpi_engine::host_gives(std::string_view host, uint16_t app) {
                                          static_cast<unsigned>(text.size()), &match) == app;
 }
 
+uint16_t dpi_engine::category_of(uint16_t app) const {
+    const ndpi_protocol alone = {NDPI_PROTOCOL_UNKNOWN, app, NDPI_PROTOCOL_CATEGORY_UNSPECIFIED};
+    return static_cast<uint16_t>(ndpi_get_proto_category(module_.get(), alone));
+}
+
+std::vector<known_application> dpi_engine::applications() const {
+    constexpr std::string_view UNUSED = "FREE_"; // numbers that nDPI keeps for later
+    std::vector<known_application> known;
+    const unsigned count = ndpi_get_num_supported_protocols(module_.get());
+    for (uint16_t id = NDPI_PROTOCOL_UNKNOWN + 1; id < count; ++id) {
+        const std::string name = ndpi_get_proto_name(module_.get(), id);
+        const bool is_bare_web =
+            id == NDPI_PROTOCOL_HTTP || id == NDPI_PROTOCOL_TLS || id == NDPI_PROTOCOL_QUIC;
+        if (is_bare_web || name.starts_with(UNUSED))
+            continue;
+        const uint16_t category = category_of(id);
+        known.push_back({id, category, name,
+                         ndpi_category_get_name(module_.get(),
+                                                static_cast<ndpi_protocol_category_t>(category))});
+    }
+    return known;
+}
+
 // Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.
 bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) {
     const ndpi_flow_struct &flow = *state.flow;
@@ -115,11 +138,9 @@ bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) 
     }
     if (application.id == NDPI_PROTOCOL_UNKNOWN || flow.confidence != NDPI_CONFIDENCE_DPI)
         return false;
-    const ndpi_protocol alone = {NDPI_PROTOCOL_UNKNOWN, application.id,
-                                 NDPI_PROTOCOL_CATEGORY_UNSPECIFIED};
     state.found.status = AV_DPI_IDENTIFIED;
     state.found.app_id = application.id;
-    state.found.cat_id = static_cast<uint16_t>(ndpi_get_proto_category(module_.get(), alone));
+    state.found.cat_id = category_of(application.id);
     state.found.name = application.name != nullptr
                            ? application.name
                            : ndpi_get_proto_name(module_.get(), application.id);

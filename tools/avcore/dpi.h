@@ -16,6 +16,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct ndpi_detection_module_struct;
 struct ndpi_flow_struct;
@@ -33,6 +34,14 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application);
 // Whether a verdict can only come from a daemon that doesn't look at the engine's findings: the
 // trailer names an application, and nothing that goes before it in the daemon did.
 bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict);
+
+// What the engine may name a flow, as the trailer carries it.
+struct known_application {
+    uint16_t app_id;
+    uint16_t cat_id;
+    std::string name;
+    std::string category;
+};
 
 // What the trailer doesn't say of a flow: the host that its client has shown, and whether that was
 // all.
@@ -57,6 +66,9 @@ public:
     // fields, bit 2 of filter_type and kernel_domain.
     shown_host inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                        av_pkt_trailer &trailer);
+
+    // Without those of which the daemon makes no name: bare HTTP, TLS and QUIC.
+    std::vector<known_application> applications() const;
 
     size_t flows() const { return flows_.size(); }
 
@@ -87,6 +99,7 @@ private:
     flow_state &state_of(const flow_id &id, int64_t time_us);
     bool take_finding(flow_state &state, uint16_t master, uint16_t app);
     bool host_gives(std::string_view host, uint16_t app); // whether nDPI knows it as this one's
+    uint16_t category_of(uint16_t app) const;
     static bool just_taken(flow_state &state, const frame_facts &frame,
                            std::span<const uint8_t> packet);
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);

@@ -45,6 +45,7 @@ public:
     const stand_in_table &stand_ins() const { return stand_ins_; }
     const frame_counts &counts() const { return counts_; }
     bool has_engine() const { return dpi_ != nullptr; }
+    const dpi_engine *engine() const { return dpi_.get(); } // null: switched off
 
 private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);

@@ -42,6 +42,8 @@ struct ip_network {
     ip_address address;
     unsigned bits = 0; // of the 128
 
+    auto operator<=>(const ip_network &) const = default;
+
     // One of IPv6 holds no IPv4 address.
     bool holds(const ip_address &other) const;
 

@@ -32,6 +32,8 @@ int main(int argc, char **argv) {
     try {
         const avcore::config settings =
             options->config.empty() ? avcore::config() : avcore::read_config(options->config);
+        for (const std::string &warning : settings.warnings)
+            std::cerr << "avcore: " << warning << '\n';
         switch (options->wanted) {
         case avcore::task::run:
             break;

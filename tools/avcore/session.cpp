@@ -5,6 +5,7 @@
 #include "avcore/platform_values.h"
 #include "avcore/printable.h"
 #include "avcore/roam_flows.h"
+#include "avcore/tool_answers.h"
 #include "platform/host/machine/base_mac.h"
 
 #include <algorithm>
@@ -198,6 +199,8 @@ void session::read_config_again() {
     }
     try {
         config fresh = read_config(options_.config);
+        for (const std::string &warning : fresh.warnings)
+            say(warning);
         fresh.bus = settings_.bus;
         fresh.dpi = settings_.dpi;
         settings_ = std::move(fresh);
@@ -384,7 +387,7 @@ std::vector<std::byte> session::answer(const question &asked) {
         engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
         return answer_platform_value(settings_, asked);
     default:
-        return make_answer(asked, -1);
+        return answer_tool(builder_.engine(), settings_, asked);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "jornctl/apply.h"
 
 #include "jornctl/commands.h"
+#include "jornctl/failure.h"
 
 namespace jornctl {
 namespace {
@@ -84,6 +85,8 @@ constexpr step STEPS[] = {
 } // namespace
 
 std::vector<command> commands_of(const document &wanted) {
+    if (wanted.found.has_mistakes())
+        throw refused("a document with mistakes isn't sent");
     std::vector<command> commands;
     for (const step &each : STEPS)
         each.add(wanted, each.number, commands);

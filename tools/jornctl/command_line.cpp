@@ -1,9 +1,10 @@
 #include "jornctl/command_line.h"
 
 #include "control/records/arc.h"
-#include "jornctl/apply.h"
+#include "jornctl/apply_task.h"
 #include "jornctl/client.h"
 #include "jornctl/commands.h"
+#include "jornctl/complain.h"
 #include "jornctl/documents.h"
 #include "jornctl/failure.h"
 #include "jornctl/files.h"
@@ -41,15 +42,6 @@ constexpr flush FLUSHES[] = {
      "Delete the carriers of Wi-Fi calling; the bindings stay"},
 };
 
-// A complaint quotes documents and file names, which may hold anything: it stays one line of
-// bounded length and steers no terminal.
-void complain(std::string line) {
-    constexpr size_t shown_max = 1'000;
-    if (line.size() > shown_max)
-        line.replace(shown_max, std::string::npos, "...");
-    std::cerr << "jornctl: " << printable(line) << '\n';
-}
-
 // What the user asked for. CLI11 fills the members; `action` is the chosen subcommand's.
 struct request {
     std::string socket = DEFAULT_SOCKET;
@@ -60,25 +52,14 @@ struct request {
     std::string state;
     roaming roamed;
     uint32_t number = 0;
-    bool check_only = false;
-    bool dry_run = false;
-    bool strict = false;
+    apply_settings applied;
     bool as_json = false;
     std::function<int()> action;
 
-    std::string send(const command &sent) const {
-        return client(socket, std::chrono::seconds(patience_seconds)).send(sent);
-    }
+    client daemon() const { return {socket, std::chrono::seconds(patience_seconds)}; }
+    std::string send(const command &sent) const { return daemon().send(sent); }
     uint32_t is_on() const { return state == "on" ? 1 : 0; }
 };
-
-void check_answer(const std::string &reply, uint32_t number) {
-    const std::string refusal = refusal_in(number, reply);
-    if (!refusal.empty())
-        throw refused("the daemon answers: " + refusal);
-    if (reply.empty() && !may_be_empty(number))
-        throw refused("the daemon has no answer to command " + std::to_string(number));
-}
 
 std::string payload_of(const request &asked, const listing &wanted) {
     if (wanted.argument == listing_argument::ID)
@@ -92,18 +73,9 @@ std::string payload_of(const request &asked, const listing &wanted) {
     return asked.name;
 }
 
-std::string ask_for(const request &asked, const listing &wanted) {
-    std::string reply = asked.send({wanted.command, payload_of(asked, wanted)});
-    check_answer(reply, wanted.command);
-    const std::string cut = wanted.cut(reply);
-    if (!cut.empty())
-        complain(std::string("warning: ") + wanted.word + ": " + cut);
-    return reply;
-}
-
 // Names in a listing come from packets and from whoever configured the daemon.
 int show(const request &asked, const listing &wanted) {
-    const std::string text = ask_for(asked, wanted);
+    const std::string text = ask(asked.daemon(), wanted, payload_of(asked, wanted));
     if (asked.as_json)
         std::cout << printable(to_text(wanted.parse(text)), "\n");
     else
@@ -115,64 +87,6 @@ int write_files(const request &asked) {
     const std::string reply = asked.send({CMD_WRITE_CFG_REQ, {}});
     check_answer(reply, CMD_WRITE_CFG_REQ);
     std::cout << printable(reply, "\n");
-    return STATUS_DONE;
-}
-
-// Carriers that go take those of every binding with them, until it is set again.
-void warn_of_unnamed_bindings(const request &asked, document &read) {
-    if (!read.carriers || !read.wificalling_interfaces)
-        return;
-    const listing &bindings = listing_of(CMD_WIFICALLING_INTF_SHOW_REQ);
-    for (const ordered_json &binding : bindings.parse(ask_for(asked, bindings))) {
-        const std::string ifname = binding["ifname"].get<std::string>();
-        const auto is_named = [&](const wificalling_intf_wire &named) {
-            return ifname == named.ifname;
-        };
-        if (std::ranges::none_of(*read.wificalling_interfaces, is_named))
-            read.warn("/carriers", "interface " + ifname +
-                                       " loses its carriers, for the document doesn't name it");
-    }
-}
-
-document load_document(const request &asked) {
-    const std::string text = read_file(asked.file);
-    try {
-        document read = read_document(text);
-        if (!asked.check_only && !asked.dry_run)
-            warn_of_unnamed_bindings(asked, read);
-        for (const std::string &warning : read.warnings)
-            complain(std::string("warning: ").append(asked.file).append(": ").append(warning));
-        if (asked.strict && !read.warnings.empty())
-            throw refused("--strict takes no warnings");
-        return read;
-    } catch (const refused &reason) {
-        throw refused(asked.file + ": " + reason.what());
-    }
-}
-
-int apply(const request &asked) {
-    const std::vector<command> commands = commands_of(load_document(asked));
-    if (asked.check_only)
-        return STATUS_DONE;
-    if (asked.dry_run) {
-        for (const command &each : commands)
-            std::cout << printable(describe(each), "\n");
-        return STATUS_DONE;
-    }
-    size_t sent = 0;
-    try {
-        for (; sent < commands.size(); ++sent) {
-            const std::string reply = asked.send(commands[sent]);
-            if (commands[sent].number == CMD_WRITE_CFG_REQ)
-                check_answer(reply, CMD_WRITE_CFG_REQ);
-        }
-    } catch (const no_daemon &reason) {
-        if (sent == 0)
-            throw;
-        throw no_daemon(reason.what() + std::string("; the tables are half made (") +
-                        std::to_string(sent) + " of " + std::to_string(commands.size()) +
-                        " commands sent), apply again");
-    }
     return STATUS_DONE;
 }
 
@@ -235,13 +149,16 @@ void add_apply(CLI::App &app, request &asked) {
         "\"wificalling_interfaces\" don't name. The daemon's files hold in the end what\n"
         "the tables hold; but that the carriers are gone is only written with the next\n"
         "carrier or binding.");
-    apply_app->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
-    CLI::Option *check =
-        apply_app->add_flag("--check", asked.check_only, "Check the document and send nothing");
-    apply_app->add_flag("--dry-run", asked.dry_run, "Print what would be sent, and send nothing")
+    apply_app->add_option("FILE", asked.applied.file, "The JSON document; - is standard input")
+        ->required();
+    CLI::Option *check = apply_app->add_flag("--check", asked.applied.check_only,
+                                             "Check the document and send nothing");
+    apply_app
+        ->add_flag("--dry-run", asked.applied.dry_run, "Print what would be sent, and send nothing")
         ->excludes(check);
-    apply_app->add_flag("--strict", asked.strict, "Refuse a document that is warned of");
-    apply_app->callback([&] { asked.action = [&] { return apply(asked); }; });
+    apply_app->add_flag("--strict", asked.applied.strict, "Refuse a document that is warned of");
+    apply_app->callback(
+        [&] { asked.action = [&] { return apply_document(asked.applied, asked.daemon()); }; });
 }
 
 void add_shows(CLI::App &app, request &asked) {

@@ -1,6 +1,7 @@
 #include "jornctl/cross_checks.h"
 
 #include "core/text/text.h"
+#include "jornctl/suggestion.h"
 #include "jornctl/table_checks.h"
 
 #include <algorithm>
@@ -12,17 +13,9 @@ void warn_of_applications(document &read) {
     for (size_t i = 0; i < read.applications->size(); ++i) {
         const userdef_app &app = (*read.applications)[i];
         if (app.dst_family == 0 && app.dst_port == 0 && app.protocol == 0)
-            read.warn(place("applications", i),
-                      "every packet fits, for there is no dst_ip, dst_port or protocol");
+            read.found.warning(place("applications", i),
+                               "every packet fits, for there is no dst_ip, dst_port or protocol");
     }
-}
-
-// One command empties both tables of UTPs.
-void warn_of_other_utps(document &read) {
-    if (read.utps && !read.web_utps)
-        read.warn("/utps", "the web UTP table is emptied with this one");
-    if (read.web_utps && !read.utps)
-        read.warn("/web_utps", "the ARC UTP table is emptied with this one");
 }
 
 } // namespace
@@ -37,18 +30,32 @@ std::string folded(const char *name) {
     return text;
 }
 
-void warn_of_far_utp(uint32_t id, const std::string &path, document &read) {
+void warn_of_utp(uint32_t id, const std::string &path, const std::set<uint32_t> *given,
+                 document &read) {
     if (id > UTP_ID_LOOKUP_MAX)
-        read.warn(path, "packets never find a UTP beyond 63");
+        read.found.warning(path, "packets never find a UTP beyond 63");
+    else if (given != nullptr && !given->contains(id))
+        read.found.warning(path, "no client has it: neither [client] nor a [[rule]] of avcore's "
+                                 "configuration gives it");
 }
 
-void check_across(document &read, const node &written) {
-    warn_of_other_utps(read);
-    check_arc(read, written);
+void warn_of_interface(const char *ifname, const std::string &path, const platform_facts &around,
+                       document &read) {
+    if (!around.clients || around.clients->interfaces.contains(ifname))
+        return;
+    std::vector<std::string> known(around.clients->interfaces.begin(),
+                                   around.clients->interfaces.end());
+    read.found.warning(path, "no packet comes from there: the interfaces of avcore's "
+                             "configuration are " +
+                                 joined(known));
+}
+
+void check_across(document &read, const node &written, const platform_facts &around) {
+    check_arc(read, written, around);
     if (read.applications)
         warn_of_applications(read);
-    check_web(read);
-    check_wificalling(read);
+    check_web(read, around);
+    check_wificalling(read, around);
 }
 
 } // namespace jornctl

@@ -64,13 +64,18 @@ void check_has_table(const node &root) {
 
 } // namespace
 
-document read_document(std::string_view text) {
-    const nlohmann::json parsed = parse_json(text);
-    const node root{parsed, nlohmann::json::json_pointer()};
+document read_document(std::string_view text, const platform_facts &around) {
     document read;
-    record<DOCUMENT_FIELDS>::read(root, read);
-    check_has_table(root);
-    check_across(read, root);
+    findings found; // beside the document, which the rows reset
+    const nlohmann::json parsed = parse_json(text, found);
+    const node root{parsed, nlohmann::json::json_pointer(), found};
+    root.attempt([&] {
+        record<DOCUMENT_FIELDS>::read(root, read);
+        check_has_table(root);
+    });
+    read.found = std::move(found);
+    check_across(read, root, around);
+    read.found.name_records(parsed);
     return read;
 }
 

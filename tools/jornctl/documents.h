@@ -1,12 +1,13 @@
 // Documents of the daemon's configuration tables: JSON in, checked records out.
 //
-// A document is read whole or refused. What its tables take is said by the rows of *_fields.h, and
-// by the rows of documents.cpp which tables there are; what only shows when records are seen
-// together, by cross_checks.cpp.
+// A document is read to its end, and all that is wrong with it is said at once. What its tables
+// take is said by the rows of *_fields.h, and by the rows of documents.cpp which tables there are;
+// what only shows when records are seen together, by cross_checks.cpp.
 #pragma once
 
 #include "control/records/arc.h"
 #include "jornctl/json.h"
+#include "jornctl/platform_facts.h"
 #include "userapps/records/apps.h"
 #include "webfilter/records/web.h"
 #include "wificalling/records/wificalling.h"
@@ -28,16 +29,14 @@ struct document {
     std::optional<std::vector<web_intf_wire>> web_interfaces;
     std::optional<std::vector<wificalling_policy_wire>> carriers;
     std::optional<std::vector<wificalling_intf_wire>> wificalling_interfaces;
-    // What the daemon takes but the author may not have meant, each with its JSON path.
-    std::vector<std::string> warnings;
-
-    void warn(const std::string &path, const std::string &reason) {
-        warnings.push_back(path + ": " + reason);
-    }
+    // Mistakes, for which nothing of it may be sent, and as warnings what the daemon takes but the
+    // author may not have meant.
+    findings found;
 };
 
-// Throws refused with the JSON path and the reason; with line and column for bad syntax.
-document read_document(std::string_view text);
+// Throws refused for bad syntax, with line and column. `around` is what is known of the machine
+// that the document is for.
+document read_document(std::string_view text, const platform_facts &around = {});
 
 // What read_document takes, as JSON Schema, as far as that can say it.
 ordered_json document_schema();

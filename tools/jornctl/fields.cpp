@@ -10,9 +10,11 @@ void check_known(const node &from, const std::vector<key_rule> &rules) {
     std::transform(rules.begin(), rules.end(), known.begin(),
                    [](const key_rule &rule) { return rule.key; });
     for (const auto &[key, value] : from.value.items()) {
+        if (from.found.is_full())
+            return;
         if (std::find(known.begin(), known.end(), key) == known.end())
-            node{value, from.path / key}.refuse("isn't known here" + did_you_mean(key, known) +
-                                                "; the keys are " + joined(known));
+            node{value, from.path / key, from.found}.blame(
+                "isn't known here" + did_you_mean(key, known) + "; the keys are " + joined(known));
     }
 }
 
@@ -21,13 +23,13 @@ void check_known(const node &from, const std::vector<key_rule> &rules) {
 void check_keys(const node &from, const std::vector<key_rule> &rules) {
     if (!from.value.is_object())
         from.refuse("is " + from.described() + "; it must be an object");
-    check_known(from, rules);
     for (const key_rule &rule : rules) {
         if (rule.needed == REQUIRED && !from.has(rule.key))
-            from.refuse(std::string("has no ") + rule.key);
+            from.blame(std::string("has no ") + rule.key);
         if (rule.needs != nullptr && from.has(rule.key) && !from.has(rule.needs))
-            from.at(rule.key).refuse(std::string("needs a ") + rule.needs);
+            from.at(rule.key).blame(std::string("needs a ") + rule.needs);
     }
+    check_known(from, rules);
 }
 
 void check_array(const node &from, size_t most) {

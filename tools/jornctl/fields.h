@@ -74,7 +74,7 @@ inline constexpr binding<typename member_traits<decltype(Slots)>::record> counte
         auto &slots = to.*Slots;
         check_array(from, std::size(slots));
         for (size_t i = 0; i < from.value.size(); ++i)
-            Kind::read(from.at(i), slots[i]);
+            from.attempt([&] { Kind::read(from.at(i), slots[i]); });
         to.*Count = static_cast<typename member_traits<decltype(Count)>::member>(from.value.size());
     },
     [](const auto &from) {
@@ -105,14 +105,15 @@ struct record {
     template <typename Record>
     using row_span = std::span<const field<Record>>;
 
-    // In the order of the rows, not the document's, so that one may build on another.
+    // In the order of the rows, not the document's, so that one may build on another. What can't be
+    // read is a mistake of the document and stays zero.
     template <typename Record>
     static void read(const node &from, Record &to) {
         check_keys(from, key_rules(row_span<Record>(Rows)));
         to = {};
         for (const field<Record> &row : Rows) {
             if (from.has(row.key))
-                row.value.read(from.at(row.key), to);
+                from.attempt([&] { row.value.read(from.at(row.key), to); });
         }
     }
 
@@ -165,7 +166,7 @@ struct list {
     static void read(const node &from, std::vector<T> &to) {
         check_array(from, Most);
         for (size_t i = 0; i < from.value.size(); ++i)
-            Kind::read(from.at(i), to.emplace_back());
+            from.attempt([&] { Kind::read(from.at(i), to.emplace_back()); });
     }
     template <typename T>
     static ordered_json words(const std::vector<T> &from) {
@@ -188,7 +189,7 @@ struct slots {
     static void read(const node &from, T (&to)[N]) {
         check_array(from, N);
         for (size_t i = 0; i < from.value.size(); ++i)
-            Kind::read(from.at(i), to[i]);
+            from.attempt([&] { Kind::read(from.at(i), to[i]); });
     }
     template <typename T, size_t N>
     static ordered_json words(const T (&from)[N]) {

@@ -1,7 +1,5 @@
 #include "jornctl/json.h"
 
-#include "jornctl/failure.h"
-
 #include <algorithm>
 #include <set>
 #include <vector>
@@ -26,6 +24,8 @@ std::string reason_of(const json::exception &error) {
 // element.
 class structure_check : public json::json_sax_t {
 public:
+    explicit structure_check(findings &found) : found_(found) {}
+
     bool null() override { return enter_value(); }
     bool boolean(bool) override { return enter_value(); }
     bool number_integer(number_integer_t) override { return enter_value(); }
@@ -45,7 +45,8 @@ public:
         json::json_pointer path;
         for (const level &each : open_)
             path.push_back(each.place);
-        throw refused(path.to_string() + ": stands twice in its object");
+        found_.mistake(path.to_string(), "stands twice in its object");
+        return true;
     }
 
     // A number beyond any double comes here as well as bad syntax.
@@ -80,6 +81,7 @@ private:
         return true;
     }
 
+    findings &found_;
     std::vector<level> open_;
 };
 
@@ -96,9 +98,9 @@ void refuse_nul(std::string_view text) {
 
 } // namespace
 
-json parse_json(std::string_view text) {
+json parse_json(std::string_view text, findings &found) {
     refuse_nul(text);
-    structure_check check;
+    structure_check check(found);
     json::sax_parse(text, &check, json::input_format_t::json, true, true);
     return json::parse(text, nullptr, true, true);
 }
@@ -109,7 +111,7 @@ std::string to_text(const ordered_json &value) {
 }
 
 void node::refuse(const std::string &reason) const {
-    throw refused((path.empty() ? "the document" : path.to_string()) + ": " + reason);
+    throw unreadable(path.to_string(), reason);
 }
 
 std::string node::described() const {

@@ -1,5 +1,6 @@
 #include "jornctl/listings.h"
 
+#include "jornctl/complain.h"
 #include "jornctl/failure.h"
 
 #include <algorithm>
@@ -359,6 +360,11 @@ constexpr struct {
     {CMD_UTP_WEB_POLICY_SHOW_REQ, "UTP ID ", " not preset"},
 };
 
+// Whether an empty answer means an empty table.
+bool may_be_empty(uint32_t command) {
+    return command == CMD_WIFICALLING_INTF_SHOW_REQ;
+}
+
 } // namespace
 
 std::span<const listing> listings() {
@@ -380,8 +386,21 @@ std::string refusal_in(uint32_t command, std::string_view reply) {
     return {};
 }
 
-bool may_be_empty(uint32_t command) {
-    return command == CMD_WIFICALLING_INTF_SHOW_REQ;
+void check_answer(const std::string &reply, uint32_t command) {
+    const std::string refusal = refusal_in(command, reply);
+    if (!refusal.empty())
+        throw refused("the daemon answers: " + refusal);
+    if (reply.empty() && !may_be_empty(command))
+        throw refused("the daemon has no answer to command " + std::to_string(command));
+}
+
+std::string ask(const client &daemon, const listing &wanted, const std::string &payload) {
+    std::string reply = daemon.send({wanted.command, payload});
+    check_answer(reply, wanted.command);
+    const std::string cut = wanted.cut(reply);
+    if (!cut.empty())
+        complain(std::string("warning: ") + wanted.word + ": " + cut);
+    return reply;
 }
 
 } // namespace jornctl

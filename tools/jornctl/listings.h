@@ -2,6 +2,7 @@
 #pragma once
 
 #include "control/records/commands.h"
+#include "jornctl/client.h"
 #include "jornctl/json.h"
 
 #include <cstdint>
@@ -31,7 +32,11 @@ const listing &listing_of(command_number command);
 // empty. A configuration command that the daemon refuses gets no answer.
 std::string refusal_in(uint32_t command, std::string_view reply);
 
-// Whether an empty answer means an empty table.
-bool may_be_empty(uint32_t command);
+// Throws refused for an answer that refuses, and for none where one has to come.
+void check_answer(const std::string &reply, uint32_t command);
+
+// The daemon's text, with a warning on standard error where it was cut. Throws refused and
+// no_daemon.
+std::string ask(const client &daemon, const listing &wanted, const std::string &payload);
 
 } // namespace jornctl

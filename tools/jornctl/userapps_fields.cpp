@@ -75,7 +75,7 @@ void read_netmask(const node &from, userdef_app &to) {
     const std::optional<uint32_t> mask = parse_netmask(string_in(from));
     if (!mask)
         from.refuse("is " + from.described() + "; it must be a mask like \"255.255.0.0\"");
-    if (to.netmask != INADDR_NONE)
+    if (to.dst_family != 0 && to.netmask != INADDR_NONE) // the row of dst_ip could be read
         from.refuse("can't stand beside the prefix length of dst_ip");
     to.netmask = *mask;
 }

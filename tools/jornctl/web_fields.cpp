@@ -27,8 +27,8 @@ void web_policy_kind::read(const node &from, web_policy_wire &to) {
         {"youtube_safe_search", "youtube_vip", to.youtube_safe_search != 0, to.youtube_vip},
     };
     for (const auto &each : engines) {
-        if (each.is_forced && each.address_be == 0)
-            from.at(each.flag).refuse(std::string("needs a ") + each.vip);
+        if (each.is_forced && each.address_be == 0 && !from.has_mistake_in(each.vip))
+            from.at(each.flag).blame(std::string("needs a ") + each.vip);
     }
 }
 
