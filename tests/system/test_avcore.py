@@ -7,7 +7,8 @@ import unittest
 from testbed import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
-SHOWN, CLAIMED = "198.51.100.3", "198.51.100.4"
+SHOWN, CLAIMED, MOVED = "198.51.100.3", "198.51.100.4", "198.51.100.5"
+SERVER_HELLO = b"\x16\x03\x03\x00\x04\x02\x00\x00\x00"
 CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 POLICY = 23
 
@@ -33,11 +34,17 @@ TRAFFIC = [
     tcp_frame(40004, 443, client_hello("portal.azure.com"), dst=CLOUD),
     # Without DNS: one server takes the handshake, the other refuses the name with an alert.
     tcp_frame(40005, 443, client_hello("www.shown.example"), dst=SHOWN),
-    tcp_frame(443, 40005, b"\x16\x03\x03\x00\x04\x02\x00\x00\x00", src=SHOWN, dst=CLIENT),
+    tcp_frame(443, 40005, SERVER_HELLO, src=SHOWN, dst=CLIENT),
     tcp_frame(40006, 8443, b"later", dst=SHOWN),
     tcp_frame(40007, 443, client_hello("www.claimed.example"), dst=CLAIMED),
     tcp_frame(443, 40007, b"\x15\x03\x03\x00\x02\x02\x70", src=CLAIMED, dst=CLIENT),
     tcp_frame(40008, 8443, b"later", dst=CLAIMED),
+    # The address of another name; then a redirect away from it, which teaches the daemon.
+    tcp_frame(40009, 8444, client_hello("www.shared.example"), dst=PLAIN),
+    tcp_frame(8444, 40009, SERVER_HELLO, src=PLAIN, dst=CLIENT),
+    tcp_frame(40010, 80, b"GET / HTTP/1.1\r\nHost: moved.example\r\n\r\n", dst=PLAIN),
+    tcp_frame(80, 40010, http_302(f" http://{MOVED}/"), src=PLAIN, dst=CLIENT),
+    tcp_frame(40011, 8445, b"later", dst=MOVED),
     ethernet(0x0806, arp_request()),
     # Read long before the daemon judges the flows above, and not to be believed before.
     from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
@@ -107,7 +114,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 12, rows)
+        self.assertEqual(len(rows), 15, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
@@ -121,6 +128,9 @@ class Avcore(SystemTest):
             self.assertEqual(flows[SHOWN, port]["application"], "www.shown.example")
             self.assertNotIn("claimed", flows[CLAIMED, port]["application"])
         self.assertEqual(flows[CLAIMED, 443]["host"], "www.claimed.example")
+        self.assertEqual(flows[PLAIN, 8444]["application"], "www.shared.example")
+        self.assertEqual(flows[PLAIN, 80]["application"], "moved.example")
+        self.assertEqual(flows[MOVED, 8445]["application"], "www.plain.example")
         self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
         self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
 

@@ -2,6 +2,8 @@
 // findings.
 #include "avcore/dns_names.h"
 #include "avcore/dpi.h"
+#include "avcore/frame_builder.h"
+#include "support/frames.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -175,8 +177,43 @@ TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
     }
     EXPECT_EQ(host_name_in("WWW.example.org.:8080").value_or(""), "WWW.example.org");
     for (const bytes &none : {bytes("192.0.2.1:80"), bytes("[2001:db8::1]"), bytes("a\nb.example"),
-                              bytes(79, 'a'), bytes()})
+                              bytes("fe80::1"), bytes("Cover.defo.ie"), bytes(79, 'a'), bytes()})
         EXPECT_FALSE(host_name_in(none)) << none;
+}
+
+TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
+    const config settings = parse_config("rule=[{network='10.2.0.0/16',filter_type=['url']}]", "f");
+    frame_builder builder(settings, "");
+    const bytes ok = "HTTP/1.1 200 OK\r\n\r\n";
+    const bytes longest = bytes(60, 'a') + '.' + bytes(60, 'b') + ".example";
+    const struct {
+        bytes host, answer, told, own; // told to the daemon, the flow's own name
+        uint32_t client = 0x0A01000C;
+    } rows[] = {
+        {"Shop.example.:8080", ok, "shop.example", "shop.example"},
+        {longest, ok, longest.substr(longest.size() - 63), longest.substr(longest.size() - 63)},
+        {"www.youtube.com", ok, "YouTube", ""},
+        {"public.tls-ech.dev", ok, "HTTP", ""},
+        {"shop.example", "SSH-2.0", "HTTP", ""},
+        {"shop.example", http_redirect_to(1), "HTTP", "shop.example"},
+        {"shop.example", ok, "HTTP", "shop.example", 0x0A02000C}, // where URLs are filtered
+    };
+    unsigned port = 1000;
+    for (const auto &row : rows) {
+        const auto build = [&](const octets &segment, bool up) {
+            const ipv4_words words = {up ? row.client : 1, up ? 1 : row.client};
+            captured_frame captured;
+            const octets frame = ethernet(0x0800, ipv4(6, segment, words));
+            captured.bytes = frame;
+            return *builder.build(captured);
+        };
+        build(tcp(++port, 80, "GET / HTTP/1.1\r\nHost: " + row.host + "\r\n\r\n"), true);
+        const auto built = build(tcp(80, port, row.answer), false);
+        EXPECT_EQ(built.frame.trailer().dpi_app_name, row.told) << row.host;
+        EXPECT_EQ(built.frame.trailer().dpi_app_id != 0, row.told != row.own) << row.host;
+        EXPECT_EQ(built.flow.row.own_name, row.own) << row.host << row.answer;
+        EXPECT_EQ(built.frame.engine_done, row.answer == ok) << row.host << row.answer;
+    }
 }
 
 class AvcoreDpiEngine : public testing::Test {

@@ -169,8 +169,8 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     av_verdict verdict = {};
     verdict.verdict = AV_VERDICT_DENY;
     memset(verdict.app_name, 'x', sizeof verdict.app_name); // no end in the field
-    flows.set_verdict(first, verdict);
-    flows.set_verdict(second, verdict); // too late
+    flows.set_verdict(first, verdict, {});
+    flows.set_verdict(second, verdict, {}); // too late
     const std::vector<const flow_row *> rows = flows.rows();
     ASSERT_EQ(rows.size(), 2u);
     EXPECT_EQ(rows[0]->id, first);
@@ -179,7 +179,7 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     flows.outdate_verdicts();
     EXPECT_TRUE(rows[0]->outdated);
     EXPECT_FALSE(rows[1]->outdated) << "never had one";
-    flows.set_verdict(first, verdict);
+    flows.set_verdict(first, verdict, {});
     EXPECT_FALSE(rows[0]->outdated);
 
     EXPECT_NE(count(2).id, second);

@@ -39,12 +39,17 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application) {
     return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
 }
 
+bool names_application(const av_pkt_trailer &trailer) {
+    const std::string_view found = field_text(trailer.dpi_app_name);
+    return trailer.dpi_status == AV_DPI_IDENTIFIED && found != BARE_HTTP && found != BARE_TLS;
+}
+
 bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict) {
     const std::string_view found =
         field_text(trailer.dpi_app_name).substr(0, sizeof verdict.app_name - 1);
     const bool only_dpi = trailer.filter_type == AV_FILTER_DPI && verdict.match_info == 0;
-    return only_dpi && trailer.dpi_status == AV_DPI_IDENTIFIED && found != BARE_HTTP &&
-           found != BARE_TLS && !equals_ignoring_case(found, field_text(verdict.app_name));
+    return only_dpi && names_application(trailer) &&
+           !equals_ignoring_case(found, field_text(verdict.app_name));
 }
 
 void dpi_engine::module_closer::operator()(ndpi_detection_module_struct *module) const {
@@ -141,6 +146,7 @@ bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) 
     state.found.status = AV_DPI_IDENTIFIED;
     state.found.app_id = application.id;
     state.found.cat_id = category_of(application.id);
+    state.found.bare = application.name != nullptr;
     state.found.name = application.name != nullptr
                            ? application.name
                            : ndpi_get_proto_name(module_.get(), application.id);
@@ -175,7 +181,22 @@ bool dpi_engine::just_taken(flow_state &state, const frame_facts &frame,
         state.shown_to->port != frame.sender.port || !takes_handshake(state.found.shown_in, packet))
         return false;
     state.shown_to.reset();
+    state.found.taken_name = flow_name_in(state.found.host).value_or("");
     return true;
+}
+
+void dpi_engine::write(const finding &found, bool by_own_name, av_pkt_trailer &trailer) {
+    const std::string_view host = found.host;
+    trailer.filter_type |= AV_FILTER_DPI;
+    trailer.dpi_status = found.status;
+    copy_text(trailer.kernel_domain, host.substr(host.size() - std::min(host.size(), DOMAIN_MAX)));
+    if (by_own_name) {
+        copy_text(trailer.dpi_app_name, found.taken_name);
+        return;
+    }
+    trailer.dpi_app_id = found.app_id;
+    trailer.dpi_cat_id = found.cat_id;
+    copy_text(trailer.dpi_app_name, found.name);
 }
 
 shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
@@ -189,14 +210,15 @@ shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t
                                takes_handshake(handshake::http, packet); // with a header Host
     if (!host_known && !host.empty() && !http_response)
         state.shown_to = frame.receiver;
-    trailer.filter_type |= AV_FILTER_DPI;
+    const bool taken = just_taken(state, frame, packet);
+    const std::string_view own_name = state.found.own_name();
+    // A name from the engine takes a packet from the web's decision, and keeps the daemon from
+    // learning where a redirect leads.
+    const bool may_say = (trailer.filter_type & AV_FILTER_URL) == 0 && !frame.redirects;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);
-    trailer.dpi_status = state.found.status;
-    trailer.dpi_app_id = state.found.app_id;
-    trailer.dpi_cat_id = state.found.cat_id;
-    copy_text(trailer.dpi_app_name, state.found.name);
-    copy_text(trailer.kernel_domain, host.substr(host.size() - std::min(host.size(), DOMAIN_MAX)));
-    return {host, just_taken(state, frame, packet), !state.flow};
+    write(state.found, may_say && !own_name.empty(), trailer);
+    const bool may_get_name = state.found.bare && state.shown_to.has_value();
+    return {host, own_name, taken, !state.flow && !may_get_name && !frame.redirects};
 }
 
 } // namespace avcore

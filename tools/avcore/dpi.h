@@ -2,7 +2,11 @@
 //
 // State per flow is bounded in number and, on the frames' time stamps, in age. nDPI's own share of
 // it ends with the inspection; the finding stays for the flow's later frames. So does the host that
-// the client showed, until the server has taken the handshake.
+// the client showed.
+//
+// A flow of which nDPI knows no more than that it is TLS, HTTP or QUIC is called after that host,
+// once the server has taken the handshake: an address may have many names, and the flow itself says
+// which one is meant.
 #pragma once
 
 #include "avcore/frame.h"
@@ -26,10 +30,13 @@ namespace avcore {
 // How a pair of nDPI protocols is called towards the daemon.
 struct dpi_application {
     uint16_t id = 0;
-    const char *name = nullptr;             // null: nDPI's own name of `id`
+    const char *name = nullptr;             // null: nDPI's own name of `id`; else bare web traffic
     handshake shows_host = handshake::none; // the host name seen is the server's
 };
 dpi_application dpi_application_of(uint16_t master, uint16_t application);
+
+// Whether the daemon is told an application, not only that it is web traffic.
+bool names_application(const av_pkt_trailer &trailer);
 
 // Whether a verdict can only come from a daemon that doesn't look at the engine's findings: the
 // trailer names an application, and nothing that goes before it in the daemon did.
@@ -44,11 +51,12 @@ struct known_application {
 };
 
 // What the trailer doesn't say of a flow: the host that its client has shown, and whether that was
-// all.
+// all. The texts are valid until the next packet.
 struct shown_host {
-    std::string_view host;    // empty: none so far; valid until the next packet
+    std::string_view host;    // empty: none so far
+    std::string_view name;    // the flow's own, whatever this trailer says; empty: nobody took one
     bool just_taken = false;  // by the server, with this packet, which is the first to do so
-    bool engine_done = false; // it wants no more of the flow's packets
+    bool engine_done = false; // what it says won't change any more
 };
 
 class dpi_engine {
@@ -84,8 +92,12 @@ private:
         uint16_t app_id = 0;
         uint16_t cat_id = 0;
         std::string name;
+        bool bare = false; // web traffic of which nothing else is known
         std::string host;
         handshake shown_in = handshake::none;
+        std::string taken_name; // of the host that the server took
+
+        std::string_view own_name() const { return bare ? taken_name : std::string_view(); }
     };
     struct flow_state {
         flow_id id;
@@ -103,6 +115,7 @@ private:
     static bool just_taken(flow_state &state, const frame_facts &frame,
                            std::span<const uint8_t> packet);
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
+    static void write(const finding &found, bool by_own_name, av_pkt_trailer &trailer);
 
     size_t max_flows_;
     std::unique_ptr<ndpi_detection_module_struct, module_closer> module_;

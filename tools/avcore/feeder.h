@@ -45,7 +45,7 @@ struct fed_frame {
     uint32_t flow = 0; // the row's id
     uint64_t number_in_flow = 0;
     bool from_client = false;
-    bool engine_done = true; // the DPI engine wants no more of the flow's packets
+    bool engine_done = true; // what the DPI engine says of the flow won't change
     uint32_t generation = 0; // of the verdicts that were asked for when it was added; inline only
 
     av_pkt_trailer trailer() const {

@@ -1,5 +1,6 @@
 #include "avcore/flow_table.h"
 
+#include "avcore/dpi.h"
 #include "core/text/text.h"
 
 #include <algorithm>
@@ -68,7 +69,8 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     return {row, from_client};
 }
 
-flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
+flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict,
+                                  const av_pkt_trailer &trailer) {
     const auto found = by_id_.find(id);
     if (found == by_id_.end())
         return nullptr;
@@ -79,6 +81,7 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict) {
         row.application = application_text(row, name);
     row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
     row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
+    row.own_name_first = !row.wificalling && verdict.match_info == 0 && !names_application(trailer);
     row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
     return &row;
 }

@@ -32,11 +32,13 @@ struct flow_row {
     bool outdated = false;
     bool wificalling = false; // the last verdict was Wi-Fi calling's, with what follows
     uint8_t wfc_priority = 0;
-    std::string wfc_fqdn;    // any bytes, as the daemon sent them
-    std::string application; // any bytes, as the daemon sent them but for stand-ins
-    std::string host;        // that the client showed in a handshake; any bytes, as sent
-    int64_t last_us = 0;     // of the last frame's capture
-    std::string server_name; // see note_frame
+    std::string wfc_fqdn;        // any bytes, as the daemon sent them
+    std::string application;     // any bytes, as the daemon sent them but for stand-ins
+    std::string host;            // that the client showed in a handshake; any bytes, as sent
+    std::string own_name;        // by a handshake that the server took, where DPI knows no better
+    bool own_name_first = false; // the last verdict's name is of somebody who wasn't told it
+    int64_t last_us = 0;         // of the last frame's capture
+    std::string server_name;     // see note_frame
     row_enforcement enforcement;
 };
 
@@ -61,8 +63,8 @@ public:
     // Counts one frame of `size` bytes in its flow.
     sighting count_frame(const frame_facts &frame, size_t size);
 
-    // On a frame of the row with this id. Null when it has left.
-    flow_row *set_verdict(uint32_t id, const av_verdict &verdict);
+    // On a frame of the row with this id, fed with this trailer. Null when it has left.
+    flow_row *set_verdict(uint32_t id, const av_verdict &verdict, const av_pkt_trailer &trailer);
 
     // On the flow with this key, of either direction. Null when there is none.
     flow_row *set_application(const av_app_setting &setting);

@@ -81,6 +81,7 @@ frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer) {
     facts.receiver.port = ctx.dst_port;
     facts.ether_type = ctx.ether_type;
     facts.ip_proto = ctx.ip_proto;
+    facts.redirects = ctx.http_redirect != 0;
     facts.ipv4 = ctx.src_ip != 0 || ctx.dst_ip != 0 || ctx.ip_proto != 0;
     return facts;
 }

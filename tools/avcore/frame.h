@@ -39,6 +39,7 @@ struct frame_facts {
     uint16_t ether_type = 0;
     uint8_t ip_proto = 0;
     bool ipv4 = false;
+    bool redirects = false;               // the daemon may learn an address from it
     std::optional<bool> sender_is_client; // where the capture tells
 };
 

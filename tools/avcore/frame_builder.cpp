@@ -121,6 +121,7 @@ name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uin
         return lesson;
     const shown_host host = dpi_->inspect(frame, packet, time_us, trailer);
     row.host = host.host;
+    row.own_name = host.name;
     engine_done = host.engine_done;
     if (host.just_taken)
         lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};

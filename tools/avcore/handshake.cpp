@@ -3,6 +3,7 @@
 #include "avcore/frame.h"
 #include "core/text/text.h"
 #include "packet/decode/cursor.h"
+#include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
 #include <netinet/in.h>
@@ -18,6 +19,16 @@ constexpr size_t TLS_RECORD_HEADER_SIZE = 5;
 constexpr uint8_t QUIC_LONG_HEADER = 0x80;
 constexpr uint8_t QUIC_TYPE = 0x30;
 constexpr uint8_t QUIC_V1_RETRY = 0x30;
+constexpr size_t FLOW_NAME_MAX = sizeof(av_verdict::app_name) - 1;
+
+// What clients show instead of the server's name when they encrypt it (ECH). That the extension is
+// there says nothing: browsers send it with any bytes where they encrypt no name.
+constexpr std::string_view OUTER_NAMES[] = {
+    "cloudflare-ech.com",
+    "cover.defo.ie",
+    "ech-public.atmeta.com",
+    "public.tls-ech.dev",
+};
 
 byte_view tcp_payload(byte_view packet) {
     const byte_view segment = packet.from((packet.u8(0) & 0x0Fu) * size_t{4});
@@ -46,6 +57,26 @@ bool in_host_name(char c) {
            c == '.';
 }
 
+bool is_outer_name(std::string_view host) {
+    return std::any_of(
+        std::begin(OUTER_NAMES), std::end(OUTER_NAMES),
+        [host](std::string_view outer) { return equals_ignoring_case(host, outer); });
+}
+
+// Empty when it is no name.
+std::string_view name_in(std::string_view shown) {
+    std::string_view host = shown.substr(0, shown.find(':'));
+    const std::string_view port = shown.substr(std::min(host.size() + 1, shown.size()));
+    if (host.ends_with('.'))
+        host.remove_suffix(1);
+    const bool has_letter =
+        std::any_of(host.begin(), host.end(), [](char c) { return ascii_lower(c) >= 'a'; });
+    if (!has_letter || !std::all_of(host.begin(), host.end(), in_host_name) ||
+        port.find_first_not_of("0123456789") != port.npos || is_outer_name(host))
+        return {};
+    return host;
+}
+
 } // namespace
 
 bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4) {
@@ -66,16 +97,17 @@ bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4) {
 }
 
 std::optional<std::string> host_name_in(std::string_view shown) {
-    if (shown.size() >= CUT_SIZE)
+    const std::string_view host = shown.size() < CUT_SIZE ? name_in(shown) : std::string_view();
+    return host.empty() ? std::nullopt : std::optional(std::string(host));
+}
+
+std::optional<std::string> flow_name_in(std::string_view shown) {
+    const std::string_view host = name_in(shown);
+    if (host.empty())
         return std::nullopt;
-    std::string_view host = shown.substr(0, shown.find(':'));
-    if (host.ends_with('.'))
-        host.remove_suffix(1);
-    const bool has_letter =
-        std::any_of(host.begin(), host.end(), [](char c) { return ascii_lower(c) >= 'a'; });
-    if (!has_letter || !std::all_of(host.begin(), host.end(), in_host_name))
-        return std::nullopt;
-    return std::string(host);
+    std::string name(host.substr(host.size() - std::min(host.size(), FLOW_NAME_MAX)));
+    std::transform(name.begin(), name.end(), name.begin(), ascii_lower);
+    return name;
 }
 
 } // namespace avcore

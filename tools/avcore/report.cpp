@@ -70,6 +70,11 @@ std::string verdict_text(const flow_row &row) {
     return row.outdated ? text + " (outdated)" : text;
 }
 
+// As it is in the next verdict, where the last one's frame couldn't say it.
+const std::string &application_of(const flow_row &row) {
+    return row.own_name_first && !row.own_name.empty() ? row.own_name : row.application;
+}
+
 struct passage {
     uint64_t packets;
     uint64_t bytes;
@@ -94,7 +99,8 @@ table_line line_of(const flow_row &row, const gate *gate) {
     line[CLIENT] = endpoint_text(row, row.client);
     line[SERVER] = endpoint_text(row, row.server);
     line[PROTOCOL] = protocol_text(row);
-    line[APPLICATION] = row.application.empty() ? "-" : printable(row.application);
+    const std::string &application = application_of(row);
+    line[APPLICATION] = application.empty() ? "-" : printable(application);
     line[VERDICT] = verdict_text(row);
     line[PACKETS] = std::to_string(passed.packets);
     line[BYTES] = std::to_string(passed.bytes);
@@ -159,7 +165,7 @@ void print_json(std::ostream &out, const flow_table &flows, const gate *gate) {
             {"client_port", row.client.port},
             {"server_port", row.server.port},
             {"protocol", protocol_text(row)},
-            {"application", row.application},
+            {"application", application_of(row)},
             {"verdict", row.verdict},
             {"packets", passed.packets},
             {"bytes", passed.bytes},

@@ -335,7 +335,7 @@ void session::take(const av_verdict &verdict) {
     const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, now_ms);
     if (!frame)
         return;
-    flow_row *row = builder_.flows().set_verdict(frame->flow, verdict);
+    flow_row *row = builder_.flows().set_verdict(frame->flow, verdict, frame->trailer());
     if (enforcer_) {
         if (watch_->answered(now_ms))
             enforcer_->policies_changed();

@@ -77,7 +77,7 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
         return "the administrator's definitions";
     if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
         equals_ignoring_case(field_text(trailer.dpi_app_name), name))
-        return "the DPI engine";
+        return trailer.dpi_app_id != 0 ? "the DPI engine" : "the handshake";
     if (!row.host.empty() && equals_ignoring_case(row.host, name))
         return "the handshake";
     if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
