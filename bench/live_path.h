@@ -5,7 +5,7 @@
 #pragma once
 
 #include "feeder.h"
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 #include "support/frames.h"
 
 #include <cstdint>

@@ -19,8 +19,8 @@ namespace {
 constexpr unsigned FLOWS = 64;
 constexpr urlf_answer FIVE_CATEGORIES = {0, 80, {5, 17, 29, 40, 61}, 4};
 
-int five_categories(const void *, void *reply) {
-    memcpy(reply, &FIVE_CATEGORIES, sizeof FIVE_CATEGORIES);
+int five_categories(const urlf_request *, urlf_reply *reply) {
+    reply->answer = FIVE_CATEGORIES;
     return 0;
 }
 

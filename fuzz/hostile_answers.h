@@ -23,17 +23,16 @@ inline fake_dns_answer hostile_dns_answer(uint32_t address_be) {
 
 // The domain decides, letter by letter: whether there is an answer, its status, five categories and
 // how many of them count.
-inline int hostile_category_answer(const void *request, void *reply) {
-    char domain[64];
-    memcpy(domain, static_cast<const char *>(request) + 120, sizeof domain);
-    if (memchr(domain, '\0', sizeof domain) == nullptr)
+inline int hostile_category_answer(const urlf_request *request, urlf_reply *reply) {
+    const char *domain = request->domain;
+    if (memchr(domain, '\0', sizeof request->domain) == nullptr)
         abort();
-    int32_t words[8];
-    for (size_t i = 0; i < 8; ++i)
+    int32_t words[sizeof(urlf_answer) / sizeof(int32_t)];
+    for (size_t i = 0; i < std::size(words); ++i)
         words[i] = domain[i + 1] == 'Z'   ? INT32_MAX
                    : domain[i + 1] == 'Y' ? INT32_MIN
                                           : domain[i + 1] - 'a';
-    memset(reply, domain[9], 148);
+    memset(reply, domain[9], sizeof *reply);
     memcpy(reply, words, sizeof words);
     return domain[0] == 'n' ? -1 : domain[0] == 'p' ? 1 : 0;
 }

@@ -2,7 +2,7 @@
 // sender's name is, the name, the payload.
 #include "core/base/hash_table.h"
 #include "core/dns/dns_cache.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 #include "roaming/roam.h"
 #include "support/fresh_state.h"
 

@@ -129,9 +129,10 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
     if (!ask_agent(request, reply))
         return after_step::next;
     JORN_DEBUG_AS(FUNCTION, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
-                  reply.categories[0], reply.status, printable_text(request.domain).c_str(),
-                  trailer.url_retry(), static_cast<int>(trailer.flow_id()));
+                  reply.answer.categories[0], reply.answer.status,
+                  printable_text(request.domain).c_str(), trailer.url_retry(),
+                  static_cast<int>(trailer.flow_id()));
     copy_record(ctx.uf_reply, reply);
     copy_text(ctx.web_domain, field_text(ctx.app_name).substr(0, DOMAIN_MAX));
-    return take_category(ctx, reply.categories[0]);
+    return take_category(ctx, reply.answer.categories[0]);
 }

@@ -11,7 +11,7 @@
 #include "core/base/reply.h"
 #include "core/dns/dns_cache.h"
 #include "core/text/text.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 #include "roaming/roam.h"
 #include "userapps/port_service.h"
 #include "userapps/show_userapps.h"

@@ -1,9 +1,9 @@
 // The system manager's operations, exported by the platform's library libpsm.
 //
 // Declarations only, in plain C: a device links its vendor's library, any other Linux machine links
-// platform/host, and a test links functions of its own under the same names. The category request
-// (urlf_request, 184 bytes) and its reply (urlf_reply, 148) stand in webfilter/records/web.h, with
-// their offsets and the byte order.
+// platform/host, and a test links functions of its own under the same names. records.h has the
+// records that they are given. Pointers are never NULL unless it is said, records are aligned,
+// texts end with a NUL, and nothing that a pointer leads to outlives the call.
 //
 // All of them are called from the daemon's one thread: while one blocks, no packet is judged and no
 // command served. How long one may take, which is also how long platform/host waits:
@@ -14,6 +14,8 @@
 //   psm_urlfilter_get_category                       half a second: it is asked for packets
 //   the others                                       half a second; start-up and events ask them
 #pragma once
+
+#include "platform/records.h"
 
 #include <stddef.h>
 
@@ -34,8 +36,8 @@ int psm_mem_support_tm(void);
 // buffer then holds an empty text).
 int psm_bsp_getMACBase(char *text);
 
-// Opens a read-only transaction on the configuration store. Returns 0 and its handle, or nonzero
-// when the store can't be asked.
+// Opens a read-only transaction on the configuration store. Returns 0 and its handle, which may be
+// NULL, or nonzero when the store can't be asked; then nothing below is asked and nothing closed.
 struct psm_xact;
 int psm_beginXact(struct psm_xact **xact);
 
@@ -50,9 +52,9 @@ int psm_wlan_pgetAvcEn(struct psm_xact *xact, const char *ifname, int *enable);
 // NUL into `text`. Returns 0, nonzero when none is configured.
 int psm_webroot_server_pgetName(struct psm_xact *xact, char *text, size_t size);
 
-// Asks the URL-filtering agent for a domain's web categories: a urlf_request, answered by a
-// urlf_reply. Returns a negative value when there was no answer. Blocks until the answer is there.
-int psm_urlfilter_get_category(const void *request, void *reply);
+// Asks the URL-filtering agent for the web categories of a domain. Returns a negative value when
+// there was no answer; else the reply counts. Blocks until the answer is there.
+int psm_urlfilter_get_category(const struct urlf_request *request, struct urlf_reply *reply);
 
 // The names of the web categories by their ids 0 to 83; a name begins at its row's second byte.
 extern const char g_cat_map[84][66];
@@ -62,7 +64,8 @@ extern const char g_cat_map[84][66];
 int psm_sys_get_fw_version(char *text, size_t size);
 
 // Writes one line to the platform's application-visibility syslog stream at the given syslog level
-// (6, information). Returns 0 when the line was handed over, nonzero otherwise.
+// (6, information). The line is text that clients have a say in, at most 383 characters, and no
+// format. Returns 0 when the line was handed over, nonzero otherwise.
 int psm_log_syslog(int level, const char *line);
 
 #ifdef __cplusplus

@@ -1,8 +1,9 @@
 // The message bus between access points, exported by the platform's library libwdlm.
 //
 // Declarations only, in plain C; psm.h says who supplies them. Peers are known by their names. None
-// of the operations blocks. A message is a text topic and a payload of bytes; what they are is the
-// users' (roaming/records/roam.h).
+// of the operations blocks. A message is a text topic, "RflowRoamInfo", and a payload of bytes that
+// the library carries as it is: a roam_message (records.h), which has 16,900 bytes at most. A name
+// and a topic have 64 characters at most.
 #pragma once
 
 #include <stddef.h>
@@ -25,7 +26,9 @@ struct wdlm_message {
 // Called from wdlm_receive for a message that a subscription asked for. `bus_arg` is the library's.
 typedef void (*wdlm_callback)(void *bus_arg, const struct wdlm_message *message);
 
-// Prepares the library. Returns 0, nonzero on failure.
+// Prepares the library. `arg` is 0, or -5 after a start with an option that the daemon doesn't
+// know; `arg` and `arg2` of the others are 0, `arg` of wdlm_sub NULL. Returns 0, nonzero on
+// failure.
 int wdlm_init(int arg);
 void wdlm_cleanup(void);
 

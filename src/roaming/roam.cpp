@@ -5,7 +5,7 @@
 #include "core/dns/dns_cache.h"
 #include "core/text/text.h"
 #include "platform/psms.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -18,15 +18,8 @@ namespace {
 constexpr char TOPIC[] = "RflowRoamInfo";
 constexpr size_t PEER_NAME_SIZE = 32;
 
-// A message as it goes over the bus, 16,900 bytes:   0 count   4 flows
-struct roam_message {
-    uint32_t count;
-    roam_flow flows[ROAM_FLOWS_MAX];
-};
-static_assert(sizeof(roam_message) == ROAM_MESSAGE_MAX);
-
 constexpr size_t message_length(uint32_t count) {
-    return sizeof(uint32_t) + size_t{count} * sizeof(roam_flow);
+    return offsetof(roam_message, flows) + size_t{count} * sizeof(roam_flow);
 }
 
 roam_notify notify_of(const void *payload) {
@@ -194,7 +187,7 @@ int jorn_process_roam_from(const void *notify_payload) {
         JORN_DEBUG("the rflow count need to be synchronized is %d\n", count);
         return 0;
     }
-    message.count = std::min(static_cast<uint32_t>(count), ROAM_FLOWS_MAX);
+    message.count = std::min<uint32_t>(static_cast<uint32_t>(count), ROAM_FLOWS_MAX);
     JORN_DEBUG("\nroaming info:\n");
     log_flows(std::span(message.flows, message.count), JORN_HERE);
     JORN_DEBUG("\n\n");

@@ -1,11 +1,9 @@
 #include "support/fake_platform.h"
 
-#include "packet/records/kernel.h"
 #include "platform/crashdump.h"
 #include "platform/psm.h"
 #include "platform/psms.h"
 #include "platform/wdlm.h"
-#include "webfilter/records/web.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -130,11 +128,11 @@ int psm_webroot_server_pgetName(psm_xact *xact, char *text, size_t size) {
     return result;
 }
 
-int psm_urlfilter_get_category(const void *request, void *reply) {
+int psm_urlfilter_get_category(const urlf_request *request, urlf_reply *reply) {
     const int result = called(__func__, bytes{request, sizeof(urlf_request)});
     if (platform.category_answer != nullptr)
         return platform.category_answer(request, reply);
-    memset(reply, 0, sizeof(urlf_reply));
+    *reply = {};
     return result;
 }
 
@@ -190,9 +188,9 @@ int psms_av_set_dev_wfc(const char *ifname, int enable) {
     return called(__func__, ifname, enable);
 }
 
-int psms_rflow_set_app(const void *key, const void *action, const char *name, int,
+int psms_rflow_set_app(const flow_key *key, const av_qos *action, const char *name, int,
                        uint16_t category, uint32_t verdict, int, int) {
-    return called(__func__, bytes{key, sizeof(flow_key)}, bytes{action, 16}, name, category,
+    return called(__func__, bytes{key, sizeof *key}, bytes{action, sizeof *action}, name, category,
                   verdict);
 }
 
@@ -211,7 +209,7 @@ int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable) {
     return called(__func__, ifname, enable);
 }
 
-int psms_rflow_get_roam(const void *, void *, int *count) {
+int psms_rflow_get_roam(const roam_notify *, roam_flow *, int *count) {
     *count = 0;
     return called(__func__);
 }

@@ -5,6 +5,8 @@
 // what it returns is set in `results`.
 #pragma once
 
+#include "platform/records.h"
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -35,7 +37,7 @@ struct fake_platform {
     // In place of `dns`, and of an agent that knows every domain and no category. They allocate
     // nothing where `keeps_calls` is off.
     fake_dns_answer (*dns_answer)(uint32_t address_be) = nullptr;
-    int (*category_answer)(const void *request, void *reply) = nullptr;
+    int (*category_answer)(const urlf_request *request, urlf_reply *reply) = nullptr;
 };
 
 // The one instance; a test's set-up assigns a fresh one.

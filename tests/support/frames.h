@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/text/text.h"
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <arpa/inet.h>
 #include <cstdint>

@@ -123,5 +123,34 @@ class AvChannel(SystemTest):
         daemon.wait_line("signal SIGTERM caught")
 
 
+class PlatformCheck(SystemTest):
+    def checked(self):
+        done = subprocess.run([jorn_path("platform_check")], capture_output=True, text=True,
+                              timeout=100)
+        failed = [line.split(": ")[0] for line in done.stdout.splitlines() if line[:4] == "FAIL"]
+        self.assertEqual(done.returncode, 1 if failed else 0, done.stdout)
+        self.assertEqual(done.stdout.count("pass  "), 9 - len(failed), done.stdout)
+        return failed
+
+    def test_our_library_passes_and_what_is_behind_it_is_checked(self):
+        self.assertEqual(self.checked(), [])
+        platform = self.platform(base_mac="00:1A:2B:3C:4D:5E", fw_version="v" * 100,
+                                 webroot_server="w" * 100)
+        platform.domains["192.0.2.1"] = (1, 1, 1, "n" * 100)
+
+        def answer(category, flows):
+            platform.answers[OP_CATEGORY] = lambda _: (
+                0, struct.pack("=8i116x", 0, 80, 5, 17, 29, 40, category, 4))
+            platform.answers[OP_ROAM] = lambda _: (0, struct.pack("=I", flows) + bytes(132 * flows))
+
+        answer(category=83, flows=0)
+        self.assertEqual(self.checked(), [])
+        answer(category=84, flows=1)
+        platform.values |= {"base_mac": "00:1a:2b:3c:4d:5e", "avc_enable/nosuch0": "1"}
+        self.assertEqual(self.checked(), [
+            "FAIL  memory, DPI engine, firmware, base MAC", "FAIL  configuration store",
+            "FAIL  web categories", "FAIL  flows of a station"])
+
+
 if __name__ == "__main__":
     unittest.main()

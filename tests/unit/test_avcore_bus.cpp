@@ -5,7 +5,7 @@
 #include "avcore/bus/waiting.h"
 #include "avcore/bus/wire.h"
 #include "avcore/roam_flows.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -115,7 +115,7 @@ TEST(AvcoreFlows, AVerdictByFlowKeyFitsEitherDirection) {
     av_app_setting setting = {};
     copy_text(setting.name, "***");
     const auto set = [&](uint32_t verdict) {
-        memcpy(setting.flow_key, &key, sizeof key);
+        setting.flow_key = key;
         setting.verdict = verdict;
         return flows.set_application(setting);
     };

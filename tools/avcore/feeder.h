@@ -27,7 +27,7 @@
 #pragma once
 
 #include "avcore/frame.h"
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <cstddef>
 #include <cstdint>

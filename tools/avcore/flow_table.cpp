@@ -87,13 +87,12 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict,
 }
 
 flow_row *flow_table::set_application(const av_app_setting &setting) {
-    flow_key key;
-    memcpy(&key, setting.flow_key, sizeof key);
-    const auto found = index_.find(flow_id_of(key));
+    const auto found = index_.find(flow_id_of(setting.flow_key));
     if (found == index_.end())
         return nullptr;
     flow_row &row = *found->second;
-    row.verdict = setting.verdict == APP_SETTING_ALLOW ? AV_VERDICT_ALLOW : setting.verdict;
+    row.verdict =
+        setting.verdict == APP_SETTING_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(setting.name);
         !name.empty() && name != ANY_APPLICATION)

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "avcore/ip_address.h"
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <array>
 #include <compare>

@@ -3,8 +3,8 @@
 // is none.
 #pragma once
 
-#include "packet/records/kernel.h"
 #include "platform/host/messages/av_messages.h"
+#include "platform/records.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "avcore/roam_flows.h"
 
 #include "core/text/text.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

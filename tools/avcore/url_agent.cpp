@@ -66,7 +66,7 @@ std::vector<std::byte> url_agent::answer(const question &asked, int64_t now_ms) 
         return make_answer(asked, -1);
     }
     urlf_reply reply = {};
-    static_cast<urlf_answer &>(reply) = categories_.answer(domain);
+    reply.answer = categories_.answer(domain);
     return make_answer(asked, 0, std::as_bytes(std::span(&reply, 1)));
 }
 

@@ -2,7 +2,7 @@
 
 #include "control/records/commands.h"
 #include "jornctl/failure.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 
 #include <arpa/inet.h>
 #include <charconv>

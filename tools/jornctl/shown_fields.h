@@ -4,7 +4,7 @@
 
 #include "jornctl/fields.h"
 #include "jornctl/web_fields.h"
-#include "roaming/records/roam.h"
+#include "platform/records.h"
 
 #include <arpa/inet.h>
 

@@ -2,7 +2,7 @@
 // capture callback.
 #pragma once
 
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <cstddef>
 #include <cstdint>

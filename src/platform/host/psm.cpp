@@ -76,17 +76,15 @@ int psm_webroot_server_pgetName(psm_xact *, char *text, size_t size) {
     return 0;
 }
 
-int psm_urlfilter_get_category(const void *request, void *reply) {
-    av_category_question question;
-    av_category_answer category = {};
-    memcpy(&question, request, sizeof question);
-    const av_bytes parts[] = {av_part(question)};
+int psm_urlfilter_get_category(const urlf_request *request, urlf_reply *reply) {
+    urlf_reply category = {};
+    const av_bytes parts[] = {av_part(*request)};
     int32_t rc = 0;
     if (!av_ask(av_op::urlfilter_get_category, parts, rc,
                 std::as_writable_bytes(std::span(&category, 1))))
         return -1;
     if (rc == 0)
-        memcpy(reply, &category, sizeof category);
+        *reply = category;
     return rc;
 }
 

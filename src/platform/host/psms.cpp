@@ -44,11 +44,11 @@ int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
     return av_send(av_op::ioctl, parts);
 }
 
-int psms_rflow_set_app(const void *flow_key, const void *action, const char *name, int a4,
+int psms_rflow_set_app(const struct flow_key *key, const av_qos *action, const char *name, int a4,
                        uint16_t category, uint32_t verdict, int a7, int a8) {
     av_app_setting setting = {};
-    memcpy(setting.flow_key, flow_key, sizeof setting.flow_key);
-    memcpy(setting.action, action, sizeof setting.action);
+    setting.flow_key = *key;
+    setting.action = *action;
     if (!fill(setting.name, name))
         return -1;
     setting.a4 = a4;
@@ -105,14 +105,9 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
     return 0;
 }
 
-int psms_rflow_get_roam(const void *notify, void *records, int *count) {
-    av_roam_question question;
-    memcpy(&question, notify, sizeof question);
-    const av_bytes parts[] = {av_part(question)};
-    struct {
-        av_roam_answer head;
-        av_roam_record records[AV_ROAM_RECORDS_MAX];
-    } answer = {};
+int psms_rflow_get_roam(const roam_notify *notify, roam_flow *flows, int *count) {
+    const av_bytes parts[] = {av_part(*notify)};
+    roam_message answer = {};
     int32_t rc = 0;
     size_t taken = 0;
     if (!av_ask_some(av_op::rflow_get_roam, parts, rc,
@@ -120,11 +115,11 @@ int psms_rflow_get_roam(const void *notify, void *records, int *count) {
         return -1;
     if (rc != 0)
         return rc;
-    const size_t records_taken = std::min<size_t>(answer.head.count, AV_ROAM_RECORDS_MAX);
-    if (taken < sizeof answer.head + records_taken * sizeof(av_roam_record))
+    const size_t flows_taken = std::min<size_t>(answer.count, ROAM_FLOWS_MAX);
+    if (taken < offsetof(roam_message, flows) + flows_taken * sizeof(roam_flow))
         return -1;
-    memcpy(records, answer.records, records_taken * sizeof(av_roam_record));
-    *count = static_cast<int>(records_taken);
+    memcpy(flows, answer.flows, flows_taken * sizeof(roam_flow));
+    *count = static_cast<int>(flows_taken);
     return 0;
 }
 

@@ -1,5 +1,5 @@
 // The records of web and URL filtering: what the controller sends about web policies and their
-// bindings, and what the daemon and the URL-filtering agent tell each other.
+// bindings, and the URL-filtering agent's late answers.
 //
 // The payloads of commands 28 (web_policy_wire), 30 (web_intf_wire) and 31 (uf_agent_reply) have
 // exactly these layouts, in host byte order but for the addresses, and are copied in with memcpy.
@@ -7,7 +7,7 @@
 // is in web_policy.h.
 #pragma once
 
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -89,54 +89,6 @@ static_assert(sizeof(web_intf_wire) == 96);
 static_assert(offsetof(web_intf_wire, intf_value) == 20);
 static_assert(offsetof(web_intf_wire, op) == 24);
 static_assert(offsetof(web_intf_wire, policy_uuid) == 28);
-
-// The category request, 184 bytes:
-//
-//    0 request_type     68 src_if_index    80 dst_if_name   112 reserved
-//    4 flow_key         72 trailer_word2   96 src_if_name   116 domain_length
-//   64 dst_if_index     76 trailer_word3                    120 domain
-struct urlf_request {
-    uint32_t request_type; // URLF_REQUEST_CATEGORY
-    struct flow_key flow_key;
-    uint32_t dst_if_index;
-    uint32_t src_if_index;
-    uint32_t trailer_word2; // web UTP ids
-    uint32_t trailer_word3;
-    char dst_if_name[16]; // not terminated when full
-    char src_if_name[16];
-    uint32_t reserved;
-    uint32_t domain_length;
-    char domain[64]; // NUL-terminated
-};
-static_assert(sizeof(urlf_request) == 184);
-static_assert(offsetof(urlf_request, flow_key) == 4);
-static_assert(offsetof(urlf_request, dst_if_index) == 64);
-static_assert(offsetof(urlf_request, dst_if_name) == 80);
-static_assert(offsetof(urlf_request, domain_length) == 116);
-static_assert(offsetof(urlf_request, domain) == 120);
-
-inline constexpr uint32_t URLF_REQUEST_CATEGORY = 2;
-inline constexpr int32_t URLF_STATUS_NO_LIST = 5;     // the agent has no categories for the domain
-inline constexpr int32_t URLF_STATUS_UNREACHABLE = 7; // it could not reach its server
-inline constexpr size_t URLF_CATEGORIES = 5;
-
-// What an answer about a category begins with, 32 bytes:
-//   0 status   4 reputation   8 categories   28 category_count
-struct urlf_answer {
-    int32_t status;
-    int32_t reputation;
-    int32_t categories[URLF_CATEGORIES]; // the first is the main one
-    int32_t category_count; // entries 0 to the count, inclusive, are examined, within the five
-};
-static_assert(sizeof(urlf_answer) == 32);
-static_assert(offsetof(urlf_answer, categories) == 8);
-static_assert(offsetof(urlf_answer, category_count) == 28);
-
-// The category reply, 148 bytes; what follows the answer is the agent's.
-struct urlf_reply : urlf_answer {
-    uint8_t rest[116];
-};
-static_assert(sizeof(urlf_reply) == 148);
 
 // What command 31 carries, 216 bytes: a late answer and the request that it answers.
 struct uf_agent_reply {

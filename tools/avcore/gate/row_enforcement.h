@@ -2,7 +2,7 @@
 #pragma once
 
 #include "avcore/gate/gate_records.h"
-#include "packet/records/kernel.h"
+#include "platform/records.h"
 
 #include <array>
 #include <cstdint>

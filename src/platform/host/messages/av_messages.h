@@ -7,6 +7,8 @@
 // memcpy and never cast: the other end may have sent anything.
 #pragma once
 
+#include "platform/records.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -65,8 +67,8 @@ static_assert(sizeof(av_ioctl_call) == 12);
 //    0 flow_key   76 name   140 a4         148 verdict   152 a7
 //   60 action               144 category                 156 a8
 struct av_app_setting {
-    uint8_t flow_key[60];
-    uint8_t action[16];
+    struct flow_key flow_key;
+    av_qos action;
     char name[64];
     int32_t a4;
     uint32_t category;
@@ -118,20 +120,8 @@ struct av_syslog_head {
 };
 static_assert(sizeof(av_syslog_head) == 4);
 
-// op 33. The answer's `count` is followed by so many records.
-struct av_roam_question {
-    uint8_t notify[76];
-};
-struct av_roam_answer {
-    uint32_t count;
-};
-struct av_roam_record {
-    uint8_t flow[132];
-};
-inline constexpr size_t AV_ROAM_RECORDS_MAX = 128; // a count above it is the first 128
-static_assert(sizeof(av_roam_question) == 76);
-static_assert(sizeof(av_roam_answer) == 4);
-static_assert(sizeof(av_roam_record) == 132);
+// op 33: a roam_notify, answered by a roam_message without the flows that it doesn't hold. A count
+// above ROAM_FLOWS_MAX is the first so many.
 
 // op 34.
 struct av_name_question {
@@ -146,15 +136,7 @@ static_assert(sizeof(av_name_question) == 8);
 static_assert(sizeof(av_name_answer) == 268);
 static_assert(offsetof(av_name_answer, name) == 12);
 
-// op 35.
-struct av_category_question {
-    uint8_t request[184];
-};
-struct av_category_answer {
-    uint8_t reply[148];
-};
-static_assert(sizeof(av_category_question) == 184);
-static_assert(sizeof(av_category_answer) == 148);
+// op 35: a urlf_request, answered by a urlf_reply.
 
 // op 36. A return code other than 0: the platform has no such value.
 struct av_value_question {
