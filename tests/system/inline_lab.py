@@ -215,14 +215,14 @@ class InlineTest(SystemTest):
             self.avcore = subprocess.Popen(
                 [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", "-c", CONFIG, "--json",
                  *self.options], stdout=report, stderr=subprocess.PIPE, text=True)
-        threading.Thread(target=self._read, args=(self.avcore.stderr,), daemon=True).start()
+        threading.Thread(target=self._read, args=(self.avcore.stderr, self.lines), daemon=True).start()
         self.addCleanup(self.stop_avcore, self.avcore)
         self.until(lambda: os.path.exists(AV_SOCKET))
 
-    def _read(self, stream):
+    def _read(self, stream, lines):
         with stream:
             for line in stream:
-                self.lines.add(line.strip())
+                lines.add(line.strip())
 
     def reported_flows(self):
         """By the server's port and the client's address, once avcore has ended."""
@@ -262,11 +262,11 @@ class InlineTest(SystemTest):
             with open("/proc/sys/net/" + switch, "w") as file:
                 file.write(value)
         self.addCleanup(self._tear_down)
-        self._add_station("client", "wlan0", 0, CLIENTS)
-        self._add_station("server", "eth0", wire_ms, SERVERS, NAMED)
         if self.bridged:
             run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
             run("ip", "link", "set", "br0", "up")
+        self._add_station("client", "wlan0", 0, CLIENTS)
+        self._add_station("server", "eth0", wire_ms, SERVERS, NAMED)
         for port, addresses in GATEWAYS.items():
             if self.bridged:
                 run("ip", "link", "set", port, "master", "br0")
@@ -279,20 +279,9 @@ class InlineTest(SystemTest):
     def _add_station(self, netns, port, wire_ms, *addresses):
         """To the access point's port. Bridged, all stations are neighbours."""
         run("ip", "netns", "add", netns)
-        ip = ("ip", "-n", netns)
-        if not wire_ms:
-            run("ip", "link", "add", port, "type", "veth", "peer", "eth0", "netns", netns)
-        else:
-            run("ip", "netns", "add", "wire")
-            run("ip", "link", "add", port, "type", "veth", "peer", "near", "netns", "wire")
-            run(*ip, "link", "add", "eth0", "type", "veth", "peer", "far", "netns", "wire")
-            for end in ("near", "far"):
-                run("ip", "-n", "wire", "link", "set", end, "up")
-            wire = subprocess.Popen(
-                ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
-            self.addCleanup(wire.wait)
-            self.addCleanup(wire.kill)
+        self._connect(netns, port, wire_ms)
         run("ip", "link", "set", port, "up")
+        ip = ("ip", "-n", netns)
         with namespace(netns), open("/proc/sys/net/ipv6/conf/eth0/accept_dad", "w") as file:
             file.write("0")
         for link in ("lo", "eth0"):
@@ -305,6 +294,22 @@ class InlineTest(SystemTest):
             run(*ip, "route", "add", gateway, "dev", "eth0")
             run(*ip, "route", "add", "::/0" if ":" in gateway else "0.0.0.0/0",
                 *(() if self.bridged else ("via", gateway)), "dev", "eth0")
+
+    def _connect(self, netns, port, wire_ms):
+        """The port, and the station's eth0."""
+        if not wire_ms:
+            run("ip", "link", "add", port, "type", "veth", "peer", "eth0", "netns", netns)
+        else:
+            run("ip", "netns", "add", "wire")
+            run("ip", "link", "add", port, "type", "veth", "peer", "near", "netns", "wire")
+            run("ip", "-n", netns, "link", "add", "eth0", "type", "veth", "peer", "far", "netns",
+                "wire")
+            for end in ("near", "far"):
+                run("ip", "-n", "wire", "link", "set", end, "up")
+            wire = subprocess.Popen(
+                ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
+            self.addCleanup(wire.wait)
+            self.addCleanup(wire.kill)
 
     def _tear_down(self):
         subprocess.run([jorn_path("avcore"), "teardown"], capture_output=True)

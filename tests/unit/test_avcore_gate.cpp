@@ -1,6 +1,8 @@
 // The gate in the kernel, at one end of a veth pair; frames of the client go into the other. Runs
 // as root in namespaces of its own.
 #include "avcore/gate/gate.h"
+#include "avcore/gate/netlink.h"
+#include "avcore/gate/places.h"
 #include "support/frames.h"
 
 #include <chrono>
@@ -9,6 +11,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
+#include <linux/nl80211.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/mount.h>
@@ -218,6 +221,81 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     } catch (const std::runtime_error &error) {
         EXPECT_NE(std::string(error.what()).find(pin), std::string::npos) << error.what();
     }
+}
+
+// Linux 6.1 about a radio that hostapd has, with a station whose frames have four addresses.
+constexpr std::string_view RADIO =
+    "54000000200002000000000091000000070100000800010000000000080005000a0000000c009900050000000000"
+    "00000a000600420000000000000008002e000d000000050053000000000008006200d00700006800000020000200"
+    "000000009100000007010000080003000b000000090004006d6f6e30000000000800010000000000080005000600"
+    "00000c00990004000000000000000a000600020000000000000008002e000d000000050053000000000008006200"
+    "d00700009400000020000200000000009100000007010000080003000a0000000f000400776c616e302e73746131"
+    "0000080001000000000008000500040000000c00990003000000000000000a000600020000000000000008002e00"
+    "0d0000000500530001000000080026006c0900000800220100000000080027000000000008009f00000000000800"
+    "a0006c09000008006200d00700009c0000002000020000000000910000000701000008000300080000000c000400"
+    "776c616e305f3100080001000000000008000500030000000c00990002000000000000000a000600020000000001"
+    "000008002e000d0000000500530000000000080026006c0900000800220100000000080027000000000008009f00"
+    "000000000800a0006c09000008006200d0070000090034006f746865720000009800000020000200000000009100"
+    "00000701000008000300040000000a000400776c616e30000000080001000000000008000500030000000c009900"
+    "01000000000000000a000600020000000000000008002e000d0000000500530000000000080026006c0900000800"
+    "220100000000080027000000000008009f00000000000800a0006c09000008006200d0070000070034006c616200";
+
+TEST(AvcoreStations, AreOfTheAccessPointWithTheirRadioAndAddress) {
+    std::vector<std::byte> bytes;
+    for (size_t at = 0; at < RADIO.size(); at += 2)
+        bytes.push_back(std::byte(std::stoi(std::string(RADIO.substr(at, 2)), nullptr, 16)));
+    wireless_list list;
+    each_message(bytes.data(), bytes.size(), [&](const nlmsghdr &message) {
+        if (const auto found = wireless_interface_in(message))
+            list.push_back(*found);
+    });
+    const std::array<uint8_t, 6> mac = {2, 0, 0, 0, 0, 0};
+    const std::array<uint8_t, 6> other = {2, 0, 0, 0, 0, 1};
+    EXPECT_EQ(list, (wireless_list{{11, 0, NL80211_IFTYPE_MONITOR, mac},
+                                   {10, 0, NL80211_IFTYPE_AP_VLAN, mac},
+                                   {8, 0, NL80211_IFTYPE_AP, other},
+                                   {4, 0, NL80211_IFTYPE_AP, mac}}));
+    for (const unsigned index : {4u, 8u, 10u, 11u, 12u})
+        EXPECT_EQ(access_point_of(index, list), index == 10 ? 4u : 0u) << index;
+    list[1].radio = 1;
+    EXPECT_EQ(access_point_of(10, list), 0u);
+    list[1] = {10, 0, NL80211_IFTYPE_AP_VLAN, other};
+    EXPECT_EQ(access_point_of(10, list), 8u);
+}
+
+TEST_F(AvcoreGate, FollowsTheInterfacesOfStations) {
+    const gate at(PINS, {"gw0"});
+    std::optional<wireless_list> radios = wireless_list();
+    gate_places places(PINS, {"gw0"}, [&] { return radios; });
+    using texts = std::vector<std::string>;
+    const auto after = [&](const char *command) {
+        EXPECT_TRUE(run(command));
+        places.follow();
+        return look_at_gate(PINS).interfaces;
+    };
+    const auto add = [&](const char *name, uint32_t type) {
+        radios->push_back({if_nametoindex(name), 0, type, {2, 0, 0, 0, 0, 1}});
+    };
+    EXPECT_EQ(after("ip link add gw0.sta1 type veth"), texts{"gw0"}) << "a name says nothing";
+    add("gw0", NL80211_IFTYPE_AP);
+    add("gw0.sta1", NL80211_IFTYPE_AP_VLAN);
+    EXPECT_EQ(after("ip link set gw0.sta1 up"), (texts{"gw0", "gw0.sta1"}));
+    EXPECT_EQ(places.name_of(radios->back().index), "gw0");
+
+    radios->back().type = NL80211_IFTYPE_MONITOR;
+    const std::optional<wireless_list> told = std::exchange(radios, std::nullopt);
+    EXPECT_EQ(after("ip link set gw0.sta1 down"), (texts{"gw0", "gw0.sta1"})) << "nobody says so";
+    radios = told;
+    EXPECT_EQ(after("ip link set gw0.sta1 up"), texts{"gw0"});
+    radios->back().type = NL80211_IFTYPE_AP_VLAN;
+    EXPECT_EQ(after("ip link set gw0.sta1 down"), (texts{"gw0", "gw0.sta1"}));
+    radios->pop_back();
+    EXPECT_EQ(after("ip link del gw0.sta1"), texts{"gw0"});
+    EXPECT_EQ(places.names(), texts{"gw0"});
+
+    tear_down_gate(PINS);
+    add("gw1", NL80211_IFTYPE_AP_VLAN);
+    EXPECT_EQ(after("ip link set gw1 up"), texts()) << "taken down by somebody else";
 }
 
 } // namespace

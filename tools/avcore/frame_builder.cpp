@@ -77,7 +77,7 @@ std::optional<frame_facts> frame_builder::show(std::span<const uint8_t> captured
 }
 
 std::optional<frame_builder::built_frame> frame_builder::build(const captured_frame &captured) {
-    if (!captured.captured_on.empty())
+    if (captured.copy != nullptr)
         rules_.capture_on(captured.captured_on);
     fed_frame fed;
     std::vector<uint8_t> &bytes = fed.bytes;

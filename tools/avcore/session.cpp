@@ -23,7 +23,6 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
-constexpr int64_t FOLLOW_MS = 500;
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
@@ -70,8 +69,9 @@ session::session(const options &options, config settings)
     enforcer_->policies_changed(); // as far as anyone knows, since the last run
     watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
                                             monotonic_ms());
-    for (const std::string &way : ways_past_gate(options.gate_interfaces))
+    for (const std::string &way : ways_past_gate(gate_->interfaces()))
         say("past the gate: " + way);
+    follow_interfaces();
 }
 
 void session::open_bus() {
@@ -135,17 +135,16 @@ session::ending session::turn() {
     serve_channel();
     if (watch_)
         watch_->look(link_down_, monotonic_ms());
-    follow_interfaces(now_ms);
     take_signal();
     return ending::none;
 }
 
-void session::follow_interfaces(int64_t now_ms) {
-    if (!gate_ || now_ms < follow_ms_)
-        return;
-    follow_ms_ = now_ms + FOLLOW_MS;
-    for (const std::string &line : gate_->follow_interfaces())
+void session::follow_interfaces() {
+    const std::vector<std::string> lines = gate_->follow_interfaces();
+    for (const std::string &line : lines)
         say(line);
+    if (!lines.empty())
+        enforcer_->interfaces_changed();
 }
 
 void session::serve_channel() {
@@ -205,7 +204,7 @@ void session::read_config_again() {
         fresh.dpi = settings_.dpi;
         settings_ = std::move(fresh);
         gate_->set_rules(settings_.enforce.rules);
-        enforcer_->settings_changed(options_.gate_interfaces);
+        enforcer_->settings_changed(gate_->interfaces());
         say("the configuration was read again");
     } catch (const config_error &error) {
         say(std::string(error.what()) + "; the configuration stays as it was");
@@ -293,8 +292,11 @@ void session::wait(int64_t now_ms) {
         {!input_ended_ && feeder_.has_room(monotonic_ms()) ? source_.fd() : -1, POLLIN, 0},
         {bus_ ? bus_->fd() : -1, POLLIN, 0},
         {agent_.fd(), POLLIN, 0},
+        {gate_ ? gate_->interfaces_fd() : -1, POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
+    if (waited[5].revents != 0)
+        follow_interfaces();
     const int64_t woken_ms = monotonic_ms();
     if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
         bus_->serve(woken_ms);

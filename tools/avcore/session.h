@@ -36,7 +36,7 @@ private:
 
     ending turn();
     void tick(int64_t now_ms);
-    void follow_interfaces(int64_t now_ms); // of the gate
+    void follow_interfaces(); // of the gate
     void take_signal();
     void read_config_again();
     void pull_frames();
@@ -80,7 +80,6 @@ private:
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
-    int64_t follow_ms_ = 0; // when the gate's interfaces are looked at next
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;
     uint64_t unknown_flows_ = 0;

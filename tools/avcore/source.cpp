@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <net/if.h>
 #include <stdexcept>
 
 namespace avcore {
@@ -71,15 +70,6 @@ frame_source frame_source::open_gate(gate &gate) {
     return source;
 }
 
-// Also where another run has attached the gate.
-const std::string &frame_source::gate_interface(uint32_t index) {
-    std::string &name = gate_interfaces_[index];
-    char found[IF_NAMESIZE];
-    if (name.empty() && if_indextoname(index, found) != nullptr)
-        name = found;
-    return name;
-}
-
 int frame_source::fd() const {
     if (gate_ != nullptr)
         return gate_->fd();
@@ -139,7 +129,7 @@ frame_source::result frame_source::next_copy(captured_frame &frame) {
         ++counts_.too_long;
         return result::skipped;
     }
-    frame.captured_on = gate_interface(copy_.head.if_index);
+    frame.captured_on = gate_->interface_of(copy_.head.if_index);
     frame.copy = &copy_.head;
     if (copy_.head.captured < copy_.head.length)
         ++counts_.cut_short;

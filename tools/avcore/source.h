@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <pcap/pcap.h>
 #include <span>
@@ -20,7 +19,7 @@ namespace avcore {
 struct captured_frame {
     std::span<const uint8_t> bytes; // valid until the next read
     int64_t time_us = 0;
-    std::string_view captured_on;    // empty: as for every frame
+    std::string_view captured_on;    // of a copy; empty: its interface is gone
     const gate_copy *copy = nullptr; // of a gate's: what it says of the frame
 };
 
@@ -67,7 +66,6 @@ private:
     result next_of_file();
     result next_live();
     result next_copy(captured_frame &frame);
-    const std::string &gate_interface(uint32_t index);
 
     struct closer {
         void operator()(pcap_t *handle) const { pcap_close(handle); }
@@ -77,7 +75,6 @@ private:
     std::unique_ptr<file_reader> file_; // one of these three
     std::unique_ptr<pcap_t, closer> live_;
     gate *gate_ = nullptr;
-    std::map<uint32_t, std::string> gate_interfaces_; // by index, as far as they were seen
     gate_copy_seen copy_;
     file_frame read_;                     // from the file
     const pcap_pkthdr *header_ = nullptr; // of the frame read last

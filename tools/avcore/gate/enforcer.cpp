@@ -185,6 +185,14 @@ void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
     policies_changed();
 }
 
+// A limit's queue is at one interface; at a new one it is made by the next verdict.
+void enforcer::interfaces_changed() {
+    if (settings_.shape != enforce_settings::shaping::htb)
+        return;
+    shaper_.forget_gone();
+    policies_changed();
+}
+
 void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                      gate_direction direction, uint16_t rate) {
     if (rate == 0 || rate == NO_RATE)

@@ -42,6 +42,9 @@ public:
     // The settings changed; `interfaces`: where the gate is.
     void settings_changed(const std::vector<std::string> &interfaces);
 
+    // Interfaces of the gate's came or went.
+    void interfaces_changed();
+
     uint64_t refused_writes() const { return refused_writes_; }
 
 private:

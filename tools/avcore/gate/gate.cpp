@@ -2,6 +2,7 @@
 
 #include "avcore/gate/netlink.h"
 #include "avcore/gate/pins.h"
+#include "avcore/gate/places.h"
 #include "avcore/gate/traffic_control.h"
 #include "avcore/monotonic_clock.h"
 #include "unique_fd.h"
@@ -12,14 +13,12 @@
 #include <bpf/libbpf.h>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <optional>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <system_error>
 #include <utility>
@@ -79,27 +78,6 @@ void write_word(Word &word, Word value) {
     std::atomic_ref(word).store(value);
 }
 
-unsigned ethernet_interface(const std::string &name) {
-    const unsigned index = name.size() < IF_NAMESIZE ? if_nametoindex(name.c_str()) : 0;
-    if (index == 0)
-        throw std::runtime_error("there is no interface " + name);
-    ifinfomsg request = {};
-    request.ifi_index = static_cast<int>(index);
-    bool ethernet = false;
-    const auto see = [&](const nlmsghdr &message) {
-        ifinfomsg link = {};
-        if (message.nlmsg_len < NLMSG_LENGTH(sizeof link))
-            return;
-        memcpy(&link, NLMSG_DATA(&message), sizeof link);
-        ethernet = link.ifi_type == ARPHRD_ETHER;
-    };
-    netlink_dump(RTM_GETLINK, request, see, 0);
-    if (!ethernet)
-        throw std::runtime_error("the gate can't stand at " + name +
-                                 ", which has no Ethernet frames");
-    return index;
-}
-
 std::vector<std::pair<unsigned, std::string>> all_interfaces() {
     struct if_nameindex *list = if_nameindex();
     std::vector<std::pair<unsigned, std::string>> interfaces;
@@ -118,16 +96,6 @@ uint32_t id_of_map(int fd) {
 bool uses(const tc_program &program, uint32_t map_id) {
     return std::find(program.map_ids.begin(), program.map_ids.end(), map_id) !=
            program.map_ids.end();
-}
-
-// One process at a time sets a gate up or takes it down. Not the pins' own folder: a mount that is
-// open can't go.
-unique_fd lock_beside(const std::string &pins) {
-    const std::string folder = std::filesystem::absolute(pins).parent_path();
-    unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.valid())
-        flock(fd.get(), LOCK_EX);
-    return fd;
 }
 
 // What a constructor began, to be taken back when it fails.
@@ -388,14 +356,21 @@ private:
     uint64_t taken_ = 0;
 };
 
-std::vector<std::string> attached_interfaces(uint32_t settings_id) {
-    std::vector<std::string> names;
+void list_attached(uint32_t settings_id, gate_status &status) {
+    std::map<unsigned, std::string> attached;
     for (const auto &[index, name] : all_interfaces()) {
         const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
         if (there && uses(*there, settings_id))
-            names.push_back(name);
+            attached[index] = name;
     }
-    return names;
+    const wireless_list all = wireless_interfaces().value_or(wireless_list());
+    for (const auto &[index, name] : attached) {
+        const auto access_point = attached.find(access_point_of(index, all));
+        if (access_point == attached.end())
+            status.interfaces.push_back(name);
+        else
+            status.stations[access_point->second].push_back(name);
+    }
 }
 
 } // namespace
@@ -411,14 +386,10 @@ struct gate::parts {
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
           settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
-          ring_of_copies(copies.get()) {
-        for (const std::string &name : names)
-            interfaces[name] = if_nametoindex(name.c_str());
-    }
+          ring_of_copies(copies.get()),
+          places(pins, names) {}
 
     std::string pins;
-    std::map<std::string, unsigned> interfaces; // their indices; 0 while there is none
-
     unique_fd verdicts;
     unique_fd flows;
     unique_fd limits;
@@ -428,6 +399,7 @@ struct gate::parts {
     unique_fd settings_map;
     mapping<gate_settings> settings;
     ring ring_of_copies;
+    gate_places places;
 };
 
 gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) {
@@ -444,23 +416,19 @@ gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
 
 std::vector<std::string> gate::follow_interfaces() {
-    std::vector<std::string> lines;
-    for (auto &[name, index] : parts_->interfaces) {
-        const unsigned now = if_nametoindex(name.c_str());
-        if (std::exchange(index, now) == now)
-            continue;
-        if (now == 0) {
-            lines.push_back(name + " is gone, and the gate there with it");
-            continue;
-        }
-        try {
-            set_up(parts_->pins, {name});
-            lines.push_back(name + " was made anew: the gate is attached there again");
-        } catch (const std::runtime_error &error) {
-            lines.emplace_back(error.what());
-        }
-    }
-    return lines;
+    return parts_->places.follow();
+}
+
+int gate::interfaces_fd() const {
+    return parts_->places.fd();
+}
+
+std::vector<std::string> gate::interfaces() const {
+    return parts_->places.names();
+}
+
+const std::string &gate::interface_of(uint32_t if_index) {
+    return parts_->places.name_of(if_index);
 }
 
 void gate::set_rules(const gate_rules &rules) {
@@ -541,17 +509,8 @@ std::vector<std::string> tear_down_gate(const std::string &pins) {
     libbpf_set_print(nullptr);
     const unique_fd lock = lock_beside(pins);
     for (const auto &[index, name] : all_interfaces()) {
-        bool had_gate = false;
-        for (const tc_side side : TC_SIDES) {
-            if (!gate_at(index, side))
-                continue;
-            detach(index, side);
-            had_gate = true;
-        }
-        if (!had_gate)
-            continue;
-        remove_hooks(index);
-        names.push_back(name);
+        if (take_gate_from(index))
+            names.push_back(name);
     }
     remove_pins(pins, layouts::all);
     return names;
@@ -568,7 +527,7 @@ gate_status look_at_gate(const std::string &pins) {
     if (bpf_map_lookup_elem(settings_map.get(), &first, &settings) != 0)
         throw std::runtime_error("the gate's settings can't be read: " + reason(errno));
     status.there = true;
-    status.interfaces = attached_interfaces(id_of_map(settings_map.get()));
+    list_attached(id_of_map(settings_map.get()), status);
     status.rules = {settings.fail_closed != 0, settings.copies_per_second};
     status.generation = settings.generation;
     if (settings.beat_ns != 0)

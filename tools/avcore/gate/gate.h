@@ -43,9 +43,15 @@ public:
     ~gate(); // the gate itself stays where it is
     gate(gate &&) noexcept;
 
-    // Attaches it again where one of the interfaces was made anew. A line for the log for each that
-    // came or went since the last call.
+    int interfaces_fd() const; // readable when interfaces may have come or gone
+    // Attaches it again where one of the interfaces was made anew, and where an access point among
+    // them has one for single stations. A line for the log for each that came or went since the
+    // last call.
     std::vector<std::string> follow_interfaces();
+    std::vector<std::string> interfaces() const; // where it is attached in this run
+    // What rules know the interface of a copy by: the access point's, where it is one for single
+    // stations. Empty where the interface is gone.
+    const std::string &interface_of(uint32_t if_index);
 
     void set_rules(const gate_rules &rules);
 
@@ -83,7 +89,8 @@ std::vector<std::string> tear_down_gate(const std::string &pins);
 
 struct gate_status {
     bool there = false;
-    std::vector<std::string> interfaces; // it is attached to
+    std::vector<std::string> interfaces; // it is attached to, but for those of single stations:
+    std::map<std::string, std::vector<std::string>> stations; // by the access point's
     gate_rules rules;
     uint32_t generation = 0;
     int64_t beat_age_ms = -1;  // none yet

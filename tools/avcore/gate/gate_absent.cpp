@@ -25,6 +25,16 @@ gate::gate(gate &&) noexcept = default;
 std::vector<std::string> gate::follow_interfaces() {
     return {};
 }
+int gate::interfaces_fd() const {
+    return -1;
+}
+std::vector<std::string> gate::interfaces() const {
+    return {};
+}
+const std::string &gate::interface_of(uint32_t) {
+    static const std::string none;
+    return none;
+}
 void gate::set_rules(const gate_rules &) {}
 int gate::fd() const {
     return -1;

@@ -59,8 +59,10 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         out << "there is no gate\n";
         return;
     }
-    out << "attached to: " << list_of(status.interfaces) << '\n'
-        << "without a daemon: " << (status.rules.fail_closed ? "closed" : "open") << '\n'
+    out << "attached to: " << list_of(status.interfaces) << '\n';
+    for (const auto &[access_point, names] : status.stations)
+        out << "  stations of " << access_point << ": " << list_of(names) << '\n';
+    out << "without a daemon: " << (status.rules.fail_closed ? "closed" : "open") << '\n'
         << "copies a second of each client: " << status.rules.copies_per_second << '\n'
         << "beat: " << beat_text(status.beat_age_ms) << '\n'
         << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
@@ -72,6 +74,7 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
     nlohmann::ordered_json object = {{"there", status.there}};
     if (status.there) {
         object["interfaces"] = status.interfaces;
+        object["stations"] = status.stations;
         object["fail"] = status.rules.fail_closed ? "closed" : "open";
         object["copies"] = status.rules.copies_per_second;
         if (status.beat_age_ms >= 0)

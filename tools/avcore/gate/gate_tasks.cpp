@@ -13,7 +13,9 @@ int set_up_gate(const options &options, const config &settings) {
         attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)
         std::cout << "attached to " << name << '\n';
-    for (const std::string &way : ways_past_gate(options.gate_interfaces))
+    for (const std::string &line : attached.follow_interfaces())
+        std::cout << line << '\n';
+    for (const std::string &way : ways_past_gate(attached.interfaces()))
         std::cout << "past the gate: " << way << '\n';
     return std::cout.flush() ? 0 : 1;
 }

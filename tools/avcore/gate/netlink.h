@@ -1,10 +1,11 @@
-// Questions to the kernel over rtnetlink, and the attributes of its answers.
+// Questions to the kernel over netlink, and the attributes of its answers.
 #pragma once
 
 #include "unique_fd.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <linux/pkt_cls.h>
@@ -48,10 +49,42 @@ void each_attribute(const nlmsghdr &message, size_t head, Each each) {
             {reinterpret_cast<const char *>(&message) + start, message.nlmsg_len - start}, each);
 }
 
+// What a datagram says of the answer that it belongs to.
+struct netlink_progress {
+    bool complete = false;
+    int error = 0; // EINTR: what was asked about changed meanwhile
+};
+
+// Calls `each` with the messages of a datagram that the kernel sent.
+template <typename Each>
+netlink_progress each_message(std::byte *datagram, size_t size, Each each) {
+    netlink_progress progress;
+    for (size_t at = 0; at < size;) {
+        auto *message = static_cast<nlmsghdr *>(static_cast<void *>(datagram + at));
+        if (!NLMSG_OK(message, size - at))
+            return {true, EBADMSG};
+        if (message->nlmsg_flags & NLM_F_DUMP_INTR)
+            progress.error = EINTR;
+        if (message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR) {
+            int error = 0; // negative
+            if (message->nlmsg_len >= NLMSG_LENGTH(sizeof error))
+                memcpy(&error, NLMSG_DATA(message), sizeof error);
+            return {true, error < 0 ? -error : progress.error};
+        }
+        each(*message);
+        at += NLMSG_ALIGN(message->nlmsg_len);
+    }
+    return progress;
+}
+
 // Calls `each` with every message of the answer; with none where the kernel has nothing to say.
+// Returns 0 or an error.
 template <typename Head, typename Each>
-void netlink_dump(uint16_t type, const Head &head, Each each, uint16_t flags = NLM_F_DUMP) {
-    const unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+int netlink_ask(int protocol, uint16_t type, const Head &head, Each each,
+                uint16_t flags = NLM_F_DUMP) {
+    const unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
+    if (!fd.valid())
+        return errno;
     struct {
         nlmsghdr message;
         Head head;
@@ -61,24 +94,25 @@ void netlink_dump(uint16_t type, const Head &head, Each each, uint16_t flags = N
     request.message.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
     request.head = head;
     if (send(fd.get(), &request, sizeof request, 0) < 0)
-        return;
+        return errno;
     alignas(nlmsghdr) std::array<std::byte, 65'536> reply;
+    int error = 0;
     for (;;) {
         const ssize_t size = recv(fd.get(), reply.data(), reply.size(), 0);
         if (size <= 0)
-            return;
-        const auto end = static_cast<size_t>(size);
-        for (size_t at = 0; at < end;) {
-            auto *message = static_cast<nlmsghdr *>(static_cast<void *>(reply.data() + at));
-            if (!NLMSG_OK(message, end - at) || message->nlmsg_type == NLMSG_DONE ||
-                message->nlmsg_type == NLMSG_ERROR)
-                return;
-            each(*message);
-            at += NLMSG_ALIGN(message->nlmsg_len);
-        }
-        if (flags != NLM_F_DUMP)
-            return;
+            return size < 0 ? errno : EBADMSG;
+        const netlink_progress progress =
+            each_message(reply.data(), static_cast<size_t>(size), each);
+        error = error != 0 ? error : progress.error;
+        if (progress.complete || flags != NLM_F_DUMP)
+            return error;
     }
+}
+
+// About links, qdiscs and filters.
+template <typename Head, typename Each>
+void netlink_dump(uint16_t type, const Head &head, Each each, uint16_t flags = NLM_F_DUMP) {
+    netlink_ask(NETLINK_ROUTE, type, head, each, flags);
 }
 
 } // namespace avcore

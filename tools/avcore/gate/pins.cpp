@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/magic.h>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/vfs.h>
 #include <system_error>
@@ -89,6 +91,14 @@ void make_pins(const std::string &pins) {
     fs::create_directory(layout_folder(pins), error);
     if (error)
         throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());
+}
+
+unique_fd lock_beside(const std::string &pins) {
+    const std::string folder = fs::absolute(pins).parent_path();
+    unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.valid())
+        flock(fd.get(), LOCK_EX);
+    return fd;
 }
 
 void remove_pins(const std::string &pins, layouts which) {

@@ -1,6 +1,8 @@
 // Where the gate's maps are pinned: PINS/LAYOUT/MAP, in a file system of the kernel's.
 #pragma once
 
+#include "unique_fd.h"
+
 #include <string>
 
 namespace avcore {
@@ -10,6 +12,10 @@ std::string pin_of(const std::string &pins, const std::string &map);
 
 // Makes the folder, and mounts a bpffs at `pins` where there is none. Throws std::runtime_error.
 void make_pins(const std::string &pins);
+
+// One process at a time sets a gate up or takes it down. Not the pins' own folder: a mount that is
+// open can't go.
+unique_fd lock_beside(const std::string &pins);
 
 // Removes one layout's folder, or all, and then the mount if make_pins() made it and nothing else
 // is in it. Does nothing where there is none.

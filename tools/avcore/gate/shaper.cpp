@@ -93,6 +93,12 @@ void shaper::remove_from(const std::vector<std::string> &interfaces) {
     rates_.clear();
 }
 
+void shaper::forget_gone() {
+    char name[IF_NAMESIZE];
+    std::erase_if(roots_, [&](const auto &each) { return !if_indextoname(each.first, name); });
+    std::erase_if(rates_, [&](const auto &each) { return !roots_.contains(each.first.first); });
+}
+
 void remove_shaping(const std::string &interface) {
     tc({"qdisc", "del", "dev", interface, "root", "handle", ROOT});
 }

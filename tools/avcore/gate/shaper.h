@@ -25,6 +25,7 @@ public:
     uint32_t priority_of(uint32_t if_index, uint32_t number, uint64_t bytes_per_second);
     // Takes the queues away, also those of a run before.
     void remove_from(const std::vector<std::string> &interfaces);
+    void forget_gone(); // interfaces
 
 private:
     bool make_root(const std::string &interface);

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -91,6 +92,27 @@ bool has_clsact(unsigned if_index) {
 
 } // namespace
 
+unsigned ethernet_interface(const std::string &name) {
+    const unsigned index = name.size() < IF_NAMESIZE ? if_nametoindex(name.c_str()) : 0;
+    if (index == 0)
+        throw std::runtime_error("there is no interface " + name);
+    ifinfomsg request = {};
+    request.ifi_index = static_cast<int>(index);
+    bool ethernet = false;
+    const auto see = [&](const nlmsghdr &message) {
+        ifinfomsg link = {};
+        if (message.nlmsg_len < NLMSG_LENGTH(sizeof link))
+            return;
+        memcpy(&link, NLMSG_DATA(&message), sizeof link);
+        ethernet = link.ifi_type == ARPHRD_ETHER;
+    };
+    netlink_dump(RTM_GETLINK, request, see, 0);
+    if (!ethernet)
+        throw std::runtime_error("the gate can't stand at " + name +
+                                 ", which has no Ethernet frames");
+    return index;
+}
+
 tc_program program_of(int fd) {
     std::array<uint32_t, 64> ids = {};
     bpf_prog_info info = {};
@@ -100,6 +122,7 @@ tc_program program_of(int fd) {
     if (bpf_obj_get_info_by_fd(fd, &info, &size) != 0)
         return {};
     tc_program program;
+    program.id = info.id;
     program.name.assign(info.name, strnlen(info.name, sizeof info.name));
     program.tag.assign(reinterpret_cast<const char *>(info.tag), sizeof info.tag);
     program.map_ids.assign(ids.begin(),
@@ -156,6 +179,39 @@ void detach(unsigned if_index, tc_side side) {
     const int error = bpf_tc_detach(&hook, &options);
     if (error != 0 && error != -ENOENT)
         fail("the gate can't be detached from", if_index, error);
+}
+
+gate_programs gate_programs_at(unsigned if_index) {
+    gate_programs programs;
+    for (size_t i = 0; i < programs.size(); i++) {
+        const std::optional<tc_program> there = gate_at(if_index, TC_SIDES[i]);
+        if (!there)
+            throw std::runtime_error("there is no gate at " + name_of(if_index));
+        programs[i] = unique_fd(bpf_prog_get_fd_by_id(there->id));
+    }
+    return programs;
+}
+
+void attach_all(unsigned if_index, const gate_programs &programs) {
+    make_hooks(if_index);
+    for (size_t i = 0; i < programs.size(); i++) {
+        const std::optional<tc_program> there = gate_at(if_index, TC_SIDES[i]);
+        if (!there || there->id != program_of(programs[i].get()).id)
+            attach(if_index, TC_SIDES[i], programs[i].get());
+    }
+}
+
+bool take_gate_from(unsigned if_index) {
+    bool had_gate = false;
+    for (const tc_side side : TC_SIDES) {
+        if (!gate_at(if_index, side))
+            continue;
+        detach(if_index, side);
+        had_gate = true;
+    }
+    if (had_gate)
+        remove_hooks(if_index);
+    return had_gate;
 }
 
 std::vector<tc_filter> filters_at(unsigned if_index, tc_side side) {

@@ -2,7 +2,11 @@
 // priority and with a handle of their own, so that they can be told from what others attached.
 #pragma once
 
+#include "unique_fd.h"
+
+#include <array>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +21,7 @@ enum class tc_side { ingress, egress };
 inline constexpr tc_side TC_SIDES[] = {tc_side::ingress, tc_side::egress};
 
 struct tc_program {
+    uint32_t id = 0;
     std::string name;
     std::string tag; // the kernel's hash of the instructions
     std::vector<uint32_t> map_ids;
@@ -31,6 +36,9 @@ struct tc_filter {
 
 tc_program program_of(int fd);
 
+// Throws where there is none, or where it has no Ethernet frames.
+unsigned ethernet_interface(const std::string &name);
+
 // The gate's program there. Throws where what stands in its place is somebody else's.
 std::optional<tc_program> gate_at(unsigned if_index, tc_side side);
 // True when the interface had no clsact and got one.
@@ -39,6 +47,13 @@ bool make_hooks(unsigned if_index);
 void remove_hooks(unsigned if_index);
 void attach(unsigned if_index, tc_side side, int program_fd); // in the place of an older one
 void detach(unsigned if_index, tc_side side);
+
+// By TC_SIDES, for other interfaces: what is in the kernel needn't be loaded and verified again.
+using gate_programs = std::array<unique_fd, std::size(TC_SIDES)>;
+gate_programs gate_programs_at(unsigned if_index); // throws where there is no gate
+void attach_all(unsigned if_index, const gate_programs &programs);
+// False where there was none.
+bool take_gate_from(unsigned if_index);
 
 std::vector<tc_filter> filters_at(unsigned if_index, tc_side side);
 

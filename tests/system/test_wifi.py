@@ -1,0 +1,110 @@
+"""Verdicts in the air: a simulated access point (mac80211_hwsim, hostapd) and a station that has an
+interface of its own there. Radios don't come with a network namespace: it runs as root of a machine
+that is nobody's, without scripts/private."""
+import unittest
+
+from inline_lab import *
+
+ACCESS_POINT = ("interface=wlan0\nbridge=br0\nssid=lab\nchannel=1\nhw_mode=g\nwpa=2\n"
+                "wpa_key_mgmt=WPA-PSK\nrsn_pairwise=CCMP\nwpa_passphrase=correct horse\n")
+FOUR_ADDRESSES = "wds_sta=1\nwds_bridge=br0\n"
+VLANS = "dynamic_vlan=1\nvlan_file=/tmp/vlans\naccept_mac_file=/tmp/macs\n"
+FILES = {
+    "vlans": "* wlan0.# br0\n",
+    "macs": "02:00:00:00:01:00 7\n",  # the second radio
+    "supplicant": 'network={\n ssid="lab"\n key_mgmt=WPA-PSK\n psk="correct horse"\n'
+                  ' scan_freq=2412\n}\n'}
+IN_STATION = ("nsenter", "--net=/run/netns/client")
+
+
+class Stations(InlineTest):
+    bridged = True
+
+    def configure(self, enforce):
+        with open(CONFIG, "w") as file:
+            file.write('[[rule]]\ncaptured_on = "wlan0"\nutp_id = 1\n'
+                       f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
+
+    def start_apart(self, how, enforce=""):
+        self.how = how
+        for name, text in (FILES | {"hostapd": ACCESS_POINT + how}).items():
+            with open("/tmp/" + name, "w") as file:
+                file.write(text)
+        self.addCleanup(run, "modprobe", "-r", "mac80211_hwsim")
+        run("modprobe", "mac80211_hwsim", "radios=2")
+        self.start(enforce)
+
+    def _lay_out(self, wire_ms):
+        super()._lay_out(wire_ms)
+        self.associate()
+
+    def _connect(self, netns, port, wire_ms):
+        if port != "wlan0":
+            return super()._connect(netns, port, wire_ms)
+        self.run_program("AP-ENABLED", "hostapd", "/tmp/hostapd")
+        radio = os.path.basename(os.path.realpath("/sys/class/net/wlan1/phy80211"))
+        run("iw", "phy", radio, "set", "netns", "name", netns)
+        run("ip", "-n", netns, "link", "set", "wlan1", "name", "eth0")
+        if self.how == FOUR_ADDRESSES:
+            run(*IN_STATION, "iw", "dev", "eth0", "set", "4addr", "on")
+
+    def associate(self):
+        self.supplicant = self.run_program("EVENT-CONNECTED", *IN_STATION, "wpa_supplicant",
+                                           "-Dnl80211", "-ieth0", "-c/tmp/supplicant")
+
+    def run_program(self, ready, *words):
+        program = subprocess.Popen(words, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(program.wait)
+        self.addCleanup(program.terminate)
+        lines = Record("lines of " + words[-1])
+        threading.Thread(target=self._read, args=(program.stdout, lines), daemon=True).start()
+        lines.wait(lambda line: ready in line)
+        return program
+
+    def places(self):
+        """Where the gate is, and how often, each way."""
+        status, count = self.status(), {}
+        for name in status["interfaces"] + sum(status["stations"].values(), []):
+            count[name] = {subprocess.run(["tc", "filter", "show", "dev", name, way], text=True,
+                                          capture_output=True).stdout.count("direct-action")
+                           for way in ("ingress", "egress")}
+        return status["stations"], count
+
+    def share_of_limit(self):
+        """What comes to the station of a flow that goes on, and would exceed its limit twice."""
+        begins = time.time()
+        time.sleep(3)
+        return self.at_client.rate(SLOW, 4, UDP, begins, begins + 3) / LIMITS[SLOW]
+
+    def test_a_station_with_four_addresses(self):
+        self.start_apart(FOUR_ADDRESSES, 'shape = "htb"')
+        apart = {"wlan0": ["wlan0.sta1"]}, {"wlan0": {1}, "wlan0.sta1": {1}}
+        self.assertEqual(self.places(), apart)
+        server = self.pair(socket.SOCK_DGRAM, 4, SLOW)[1]
+        self.addCleanup(Sender(server, 1228 * 8 / LIMITS[SLOW] / 2, 1200).stop)
+        for _ in range(2):  # its interface is made anew
+            self.until(lambda: 0.5 < self.share_of_limit() < 1.1)
+            self.supplicant.terminate()
+            self.until(lambda: self.places() == ({}, {"wlan0": {1}}))
+            self.associate()
+            self.until(lambda: self.places() == apart)
+            for version in FAMILIES:
+                self.until(lambda: self.is_shut(version))
+        self.until(lambda: 0.5 < self.share_of_limit() < 1.1)
+
+    def test_a_station_in_a_vlan_of_its_own(self):
+        self.start_apart(VLANS)
+        run("ip", "link", "add", "link", "wlan0", "name", "wlan0.9", "type", "vlan", "id", "9")
+        self.addCleanup(run, "ip", "link", "del", "wlan0.9")
+        apart = {"wlan0": ["wlan0.7"]}, {"wlan0": {1}, "wlan0.7": {1}}
+        self.assertEqual(self.places(), apart)
+        self.stop_avcore(self.avcore)
+        run(jorn_path("avcore"), "teardown")
+        self.assertEqual(subprocess.check_output(["tc", "filter", "show", "dev", "wlan0.7",
+                                                  "ingress"]), b"")
+        run(jorn_path("avcore"), "setup", "--inline", "wlan0")
+        self.assertEqual(self.places(), apart)
+
+
+if __name__ == "__main__":
+    unittest.main()
