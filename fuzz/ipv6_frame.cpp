@@ -1,10 +1,12 @@
 // A frame on its way to the daemon: what is shown of an IPv6 packet is one of IPv4 of stand-ins,
-// whose lengths hold, and no longer than what was captured. DNS answers inside are read, too.
+// whose lengths hold, and no longer than what was captured. DNS answers inside are read, too, and
+// what could be several datagrams is cut.
 #include "avcore/ipv6_frame.h"
 #include "avcore/config.h"
 #include "avcore/frame_builder.h"
 #include "support/fresh_state.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -35,6 +37,17 @@ void check_shown(const ipv6_packet &packet, const fed_frame &frame, size_t captu
     demand(ipv4_packet(std::span(frame.bytes).first(size)).empty() == later_fragment);
 }
 
+// Nothing of the payload is lost or made up.
+void check_cut(std::span<const uint8_t> ipv4) {
+    const std::span<const uint8_t> payload = udp_payload(ipv4);
+    std::vector<uint8_t> again;
+    for (const std::vector<uint8_t> &packet : cut_datagrams(ipv4, payload.size() / 3)) {
+        const std::span<const uint8_t> part = udp_payload(packet);
+        again.insert(again.end(), part.begin(), part.end());
+    }
+    demand(std::equal(again.begin(), again.end(), payload.begin(), payload.end()));
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -50,6 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const auto packet = find_ipv6_packet(frame);
     if (packet && built)
         check_shown(*packet, built->frame, size);
+    check_cut(ipv4_packet(frame));
     static const gate_copy copy = {}; // whose tags are taken off
     (void)builder().build({frame, 0, {}, &copy});
     return 0;

@@ -4,6 +4,7 @@
 #include "packet/decode/decode.h"
 #include "packet/decode/flow_key.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,11 @@ constexpr size_t IPV4_HEADER_SIZE = 20;
 constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
 constexpr uint8_t UDP = 17;
+
+void put_u16(std::vector<uint8_t> &bytes, size_t at, size_t value) {
+    bytes[at] = static_cast<uint8_t>(value >> 8);
+    bytes[at + 1] = static_cast<uint8_t>(value);
+}
 
 size_t ipv4_header_size(byte_view packet) {
     return (packet.u8(0) & 0x0Fu) * size_t{4};
@@ -106,6 +112,27 @@ std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4) {
         return {};
     return ipv4.subspan(header_size + UDP_HEADER_SIZE,
                         datagram.first(size).size() - UDP_HEADER_SIZE);
+}
+
+std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4,
+                                                size_t segment_size) {
+    std::span<const uint8_t> payload = udp_payload(ipv4);
+    std::vector<std::vector<uint8_t>> packets;
+    if (payload.empty() || segment_size == 0) {
+        packets.emplace_back(ipv4.begin(), ipv4.end());
+        return packets;
+    }
+    const size_t headers_size = ipv4_header_size({ipv4.data(), ipv4.size()}) + UDP_HEADER_SIZE;
+    const auto headers = ipv4.first(headers_size);
+    while (!payload.empty()) {
+        const auto segment = payload.first(std::min(segment_size, payload.size()));
+        payload = payload.subspan(segment.size());
+        std::vector<uint8_t> &packet = packets.emplace_back(headers.begin(), headers.end());
+        packet.insert(packet.end(), segment.begin(), segment.end());
+        put_u16(packet, 2, packet.size());
+        put_u16(packet, headers_size - 4, UDP_HEADER_SIZE + segment.size());
+    }
+    return packets;
 }
 
 } // namespace avcore

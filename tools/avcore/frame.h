@@ -12,6 +12,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace avcore {
 
@@ -41,6 +42,8 @@ struct frame_facts {
     bool ipv4 = false;
     bool redirects = false;               // the daemon may learn an address from it
     std::optional<bool> sender_is_client; // where the capture tells
+    // Of UDP's payload in each datagram, where the capture tells that several were joined; else 0.
+    uint16_t segment_size = 0;
 };
 
 // The two sides in their own order, so that both directions of a flow have one id.
@@ -69,5 +72,9 @@ std::span<const uint8_t> ipv4_packet(std::span<const uint8_t> frame);
 
 // The payload of the UDP datagram in such a packet; empty when there is none.
 std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4);
+
+// The packets that segmentation joined to such a one of UDP, each as it was on the wire but for its
+// checksums.
+std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size);
 
 } // namespace avcore

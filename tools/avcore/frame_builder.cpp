@@ -86,8 +86,10 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
         captured.copy != nullptr ? without_tags(captured.bytes, plain) : captured.bytes, bytes);
     if (!frame)
         return std::nullopt;
-    if (captured.copy != nullptr)
+    if (captured.copy != nullptr) {
         frame->sender_is_client = captured.copy->direction == GATE_UP;
+        frame->segment_size = captured.copy->segment_size;
+    }
 
     const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);
     const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
@@ -119,12 +121,23 @@ name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uin
         lesson.answer = read_dns_answer(udp_payload(packet));
     if (!dpi_)
         return lesson;
-    const shown_host host = dpi_->inspect(frame, packet, time_us, trailer);
-    row.host = host.host;
-    row.own_name = host.name;
-    engine_done = host.engine_done;
-    if (host.just_taken)
-        lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};
+    const auto look = [&](std::span<const uint8_t> one) {
+        const shown_host host = dpi_->inspect(frame, one, time_us, trailer);
+        row.host = host.host;
+        row.own_name = host.name;
+        engine_done = host.engine_done;
+        if (host.just_taken)
+            lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};
+    };
+    if (frame.segment_size == 0) {
+        look(packet);
+        return lesson;
+    }
+    const av_pkt_trailer unseen = trailer;
+    for (const std::vector<uint8_t> &one : cut_datagrams(packet, frame.segment_size)) {
+        trailer = unseen;
+        look(one);
+    }
     return lesson;
 }
 

@@ -21,7 +21,7 @@
 #define NS_PER_SECOND 1000000000ull
 #define EXTENSION_HEADERS_MAX 8
 #define VLAN_TAGS_MAX 2 /* in the frame, behind the one that the kernel keeps beside it */
-#define HOP_LIMIT 64 /* of packets made here */
+#define HOP_LIMIT 64    /* of packets made here */
 #define DNS_PORT_BE bpf_htons(53)
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
@@ -34,7 +34,7 @@ struct locked_bucket {
 
 struct whole_copy {
     struct gate_copy head;
-    __u8 frame[GATE_FRAME_MAX];
+    __u8 frame[GATE_JOINED_MAX];
 };
 
 struct {
@@ -512,10 +512,13 @@ static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packe
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return;
     }
+    const __u32 segment_size = packet->flow.proto == IPPROTO_UDP ? skb->gso_size : 0;
     __u32 captured = skb->len;
-    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
-    if (captured > GATE_FRAME_MAX)
+    if (!segment_size && captured > GATE_FRAME_MAX)
         captured = GATE_FRAME_MAX;
+    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
+    if (captured > GATE_JOINED_MAX)
+        captured = GATE_JOINED_MAX;
     /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
     if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
         return;
@@ -524,6 +527,7 @@ static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packe
     copy->head.if_index = skb->ifindex;
     copy->head.length = skb->len;
     copy->head.captured = (__u16)captured;
+    copy->head.segment_size = (__u16)segment_size;
     copy->head.direction = packet->direction;
     const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
     count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);

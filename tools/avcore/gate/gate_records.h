@@ -14,14 +14,16 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v3"
+#define GATE_LAYOUT "v4"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
 #define GATE_RING_BYTES (4 * 1024 * 1024)
-#define GATE_FRAME_MAX 2016 /* of a frame, in a copy */
+#define GATE_FRAME_MAX 2016 /* of a frame, in a copy; */
+#define GATE_JOINED_MAX                                                                            \
+    4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
 
 /* Which way a packet goes; the index of what there is for each direction. */
 enum gate_direction { GATE_UP = 0 /* from the client */, GATE_DOWN = 1 };
@@ -149,12 +151,14 @@ GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 16);
 /* A copy in the ring; the frame follows, `captured` bytes of it. */
 struct gate_copy {
     struct gate_flow flow;
-    __u64 time_ns;  /* CLOCK_MONOTONIC */
-    __u32 if_index; /* of the client's interface */
-    __u32 length;   /* of the whole frame */
-    __u16 captured; /* at most GATE_FRAME_MAX */
-    __u8 direction; /* gate_direction */
-    __u8 reserved[5];
+    __u64 time_ns;      /* CLOCK_MONOTONIC */
+    __u32 if_index;     /* of the client's interface */
+    __u32 length;       /* of the whole frame */
+    __u16 captured;     /* at most GATE_FRAME_MAX, or GATE_JOINED_MAX */
+    __u16 segment_size; /* of UDP's payload in each datagram that segmentation has joined to one; 0:
+                           it is one */
+    __u8 direction;     /* gate_direction */
+    __u8 reserved[3];
 };
 GATE_SIZE(gate_copy, 64);
 
