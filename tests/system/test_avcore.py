@@ -10,7 +10,9 @@ YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
 SHOWN, CLAIMED, MOVED = "198.51.100.3", "198.51.100.4", "198.51.100.5"
 SERVER_HELLO = b"\x16\x03\x03\x00\x04\x02\x00\x00\x00"
 CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
+QUIC = "198.51.100.6"
 POLICY = 23
+SEEDS = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../fuzz/corpus/quic_hello")
 
 
 def pcap(frames, link_type=1, claimed=0):
@@ -22,6 +24,13 @@ def pcap(frames, link_type=1, claimed=0):
 def from_server(address, port, to, payload):
     return ethernet(0x0800, ipv4(17, udp(port, to, payload), src=address, dst=CLIENT),
                     src=SERVER_MAC, dst=CLIENT_MAC)
+
+
+def recorded_datagrams(seed):
+    """Those in a seed of the fuzz target for QUIC's hellos."""
+    with open(os.path.join(SEEDS, seed), "rb") as file:
+        while head := file.read(3):
+            yield file.read(int.from_bytes(head[1:], "big"))
 
 
 TRAFFIC = [
@@ -45,6 +54,8 @@ TRAFFIC = [
     tcp_frame(40010, 80, b"GET / HTTP/1.1\r\nHost: moved.example\r\n\r\n", dst=PLAIN),
     tcp_frame(80, 40010, http_302(f" http://{MOVED}/"), src=PLAIN, dst=CLIENT),
     tcp_frame(40011, 8445, b"later", dst=MOVED),
+    # A browser's hello, in pieces and in two of them, before which DNS was encrypted.
+    *[udp_frame(40012, 443, datagram, dst=QUIC) for datagram in recorded_datagrams("chromium")],
     ethernet(0x0806, arp_request()),
     # Read long before the daemon judges the flows above, and not to be believed before.
     from_server(RESOLVER, 53, 40054, dns_answer("late.example", "cdn.example", PLAIN)),
@@ -114,7 +125,7 @@ class Avcore(SystemTest):
         self._trailers.bind((CAPTURE, 0))
         self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 15, rows)
+        self.assertEqual(len(rows), 16, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         youtube = flows[YOUTUBE, 443]
         self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
@@ -124,6 +135,8 @@ class Avcore(SystemTest):
         self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
         self.assertEqual(flows[PLAIN, 443]["application"], "www.plain.example")
         self.assertEqual(flows[CLOUD, 443]["application"], "azure")
+        self.assertEqual((flows[QUIC, 443]["application"], flows[QUIC, 443]["host"]),
+                         ("youtube", "www.youtube.com"))
         for port in 443, 8443:
             self.assertEqual(flows[SHOWN, port]["application"], "www.shown.example")
             self.assertNotIn("claimed", flows[CLAIMED, port]["application"])

@@ -162,8 +162,10 @@ TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
         {handshake::tls, bytes("\x15\3\3\0\2\2", 6), false}, // an alert
         {handshake::quic, bytes("\xC0\0\0\0\1", 5), true},   // version 1, Initial
         {handshake::quic, bytes("\xF0\0\0\0\1", 5), false},  // Retry
-        {handshake::quic, bytes("\xC0\0\0\0\0", 5), false},  // version negotiation
-        {handshake::quic, bytes("\x40\0\0\0\1", 5), false},  // short header
+        {handshake::quic, "\xC0\x6B\x33\x43\xCF", false},    // the same in version 2
+        {handshake::quic, "\xD0\x6B\x33\x43\xCF", true},
+        {handshake::quic, bytes("\xC0\0\0\0\0", 5), false}, // version negotiation
+        {handshake::quic, bytes("\x40\0\0\0\1", 5), false}, // short header
         {handshake::none, "HTTP/1.0 404", false},
     };
     for (const auto &row : rows) {

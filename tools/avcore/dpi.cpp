@@ -96,17 +96,27 @@ dpi_engine::flow_state &dpi_engine::state_of(const flow_id &id, int64_t time_us)
     return flows_.front();
 }
 
-bool dpi_engine::host_gives(std::string_view host, uint16_t app) {
+uint16_t dpi_engine::application_of_host(std::string_view host) {
     std::string text(host);
     ndpi_protocol_match_result match = {};
-    return !text.empty() &&
-           ndpi_match_string_subprotocol(module_.get(), text.data(),
-                                         static_cast<unsigned>(text.size()), &match) == app;
+    if (text.empty())
+        return NDPI_PROTOCOL_UNKNOWN;
+    const int app = ndpi_match_string_subprotocol(module_.get(), text.data(),
+                                                  static_cast<unsigned>(text.size()), &match);
+    return app > 0 ? static_cast<uint16_t>(app) : uint16_t{NDPI_PROTOCOL_UNKNOWN};
 }
 
 uint16_t dpi_engine::category_of(uint16_t app) const {
     const ndpi_protocol alone = {NDPI_PROTOCOL_UNKNOWN, app, NDPI_PROTOCOL_CATEGORY_UNSPECIFIED};
     return static_cast<uint16_t>(ndpi_get_proto_category(module_.get(), alone));
+}
+
+void dpi_engine::identify(finding &found, const dpi_application &application) {
+    found.status = AV_DPI_IDENTIFIED;
+    found.app_id = application.id;
+    found.cat_id = category_of(application.id);
+    found.bare = application.name != nullptr;
+    found.name = found.bare ? application.name : ndpi_get_proto_name(module_.get(), application.id);
 }
 
 std::vector<known_application> dpi_engine::applications() const {
@@ -134,7 +144,7 @@ bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) 
     // from a list of address ranges, in which the client's own address stands as well as the
     // server's.
     if (master != NDPI_PROTOCOL_UNKNOWN && app == flow.guessed_host_protocol_id &&
-        !host_gives(field_text(flow.host_server_name), app))
+        application_of_host(field_text(flow.host_server_name)) != app)
         app = NDPI_PROTOCOL_UNKNOWN;
     const dpi_application application = dpi_application_of(master, app);
     if (application.shows_host != handshake::none) {
@@ -143,13 +153,7 @@ bool dpi_engine::take_finding(flow_state &state, uint16_t master, uint16_t app) 
     }
     if (application.id == NDPI_PROTOCOL_UNKNOWN || flow.confidence != NDPI_CONFIDENCE_DPI)
         return false;
-    state.found.status = AV_DPI_IDENTIFIED;
-    state.found.app_id = application.id;
-    state.found.cat_id = category_of(application.id);
-    state.found.bare = application.name != nullptr;
-    state.found.name = application.name != nullptr
-                           ? application.name
-                           : ndpi_get_proto_name(module_.get(), application.id);
+    identify(state.found, application);
     return true;
 }
 
@@ -157,7 +161,6 @@ void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_
     ndpi_protocol seen = ndpi_detection_process_packet(
         module_.get(), state.flow.get(), packet.data(), static_cast<unsigned short>(packet.size()),
         static_cast<uint64_t>(time_us / 1000));
-    ++state.packets;
     const bool named = take_finding(state, seen.master_protocol, seen.app_protocol);
 
     const unsigned limit = state.id.ip_proto == IPPROTO_TCP ? MAX_TCP_PACKETS : MAX_OTHER_PACKETS;
@@ -172,6 +175,28 @@ void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_
         if (!take_finding(state, seen.master_protocol, seen.app_protocol))
             state.found.status = DPI_FAILED;
     }
+    state.flow.reset();
+}
+
+// What nDPI would say of the flow had it read the hello. While the pieces come in, nothing is said.
+void dpi_engine::look_for_hello(flow_state &state, const endpoint &sender,
+                                std::span<const uint8_t> packet, int64_t time_us) {
+    if (!state.found.host.empty() || state.packets >= MAX_OTHER_PACKETS) {
+        hellos_.forget(state.id);
+        state.hello = quic_hello::over;
+        return;
+    }
+    const quic_hellos::sight seen = hellos_.look(state.id, sender, udp_payload(packet), time_us);
+    if (seen.what == quic_hellos::outcome::gathering)
+        state.hello = quic_hello::gathering;
+    else if (seen.what != quic_hellos::outcome::nothing || state.hello == quic_hello::gathering)
+        state.hello = quic_hello::over;
+    if (seen.what != quic_hellos::outcome::read)
+        return;
+    state.found.host = seen.server_name;
+    state.found.shown_in = handshake::quic;
+    identify(state.found,
+             dpi_application_of(NDPI_PROTOCOL_QUIC, application_of_host(seen.server_name)));
     state.flow.reset();
 }
 
@@ -203,21 +228,31 @@ shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t
                                int64_t time_us, av_pkt_trailer &trailer) {
     flow_state &state = state_of(flow_id_of(frame), time_us);
     const bool host_known = !state.found.host.empty();
+    const bool gathers = state.hello == quic_hello::gathering;
+    const bool may_hold_hello = state.id.ip_proto == IPPROTO_UDP &&
+                                (gathers || (state.flow && state.hello == quic_hello::unseen));
+    if (state.flow || gathers)
+        ++state.packets;
     if (state.flow)
         feed(state, packet, time_us);
+    if (may_hold_hello)
+        look_for_hello(state, frame.sender, packet, time_us);
     const std::string_view host = state.found.host;
     const bool http_response = state.found.shown_in == handshake::http &&
                                takes_handshake(handshake::http, packet); // with a header Host
     if (!host_known && !host.empty() && !http_response)
         state.shown_to = frame.receiver;
     const bool taken = just_taken(state, frame, packet);
-    const std::string_view own_name = state.found.own_name();
+    static const finding nothing_yet;
+    const bool gathering = state.hello == quic_hello::gathering;
+    const finding &found = gathering ? nothing_yet : state.found;
+    const std::string_view own_name = found.own_name();
     // A name from the engine takes a packet from the web's decision, and keeps the daemon from
     // learning where a redirect leads.
     const bool may_say = (trailer.filter_type & AV_FILTER_URL) == 0 && !frame.redirects;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);
-    write(state.found, may_say && !own_name.empty(), trailer);
-    const bool may_get_name = state.found.bare && state.shown_to.has_value();
+    write(found, may_say && !own_name.empty(), trailer);
+    const bool may_get_name = gathering || (found.bare && state.shown_to.has_value());
     return {host, own_name, taken, !state.flow && !may_get_name && !frame.redirects};
 }
 

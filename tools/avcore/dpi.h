@@ -1,4 +1,5 @@
-// The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields.
+// The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields. The hellos
+// of QUIC that come in pieces are read here, for nDPI doesn't put them together.
 //
 // State per flow is bounded in number and, on the frames' time stamps, in age. nDPI's own share of
 // it ends with the inspection; the finding stays for the flow's later frames. So does the host that
@@ -11,6 +12,7 @@
 
 #include "avcore/frame.h"
 #include "avcore/handshake.h"
+#include "avcore/quic_hello.h"
 
 #include <cstdint>
 #include <list>
@@ -99,6 +101,7 @@ private:
 
         std::string_view own_name() const { return bare ? taken_name : std::string_view(); }
     };
+    enum class quic_hello : uint8_t { unseen, gathering, over };
     struct flow_state {
         flow_id id;
         std::unique_ptr<ndpi_flow_struct, flow_closer> flow; // null: the inspection has ended
@@ -106,19 +109,24 @@ private:
         int64_t last_us = 0;
         finding found;
         std::optional<endpoint> shown_to; // a host, and it hasn't taken the handshake yet
+        quic_hello hello = quic_hello::unseen;
     };
 
     flow_state &state_of(const flow_id &id, int64_t time_us);
     bool take_finding(flow_state &state, uint16_t master, uint16_t app);
-    bool host_gives(std::string_view host, uint16_t app); // whether nDPI knows it as this one's
+    void identify(finding &found, const dpi_application &application);
+    uint16_t application_of_host(std::string_view host); // by nDPI's own table of them
     uint16_t category_of(uint16_t app) const;
     static bool just_taken(flow_state &state, const frame_facts &frame,
                            std::span<const uint8_t> packet);
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
+    void look_for_hello(flow_state &state, const endpoint &sender, std::span<const uint8_t> packet,
+                        int64_t time_us);
     static void write(const finding &found, bool by_own_name, av_pkt_trailer &trailer);
 
     size_t max_flows_;
     std::unique_ptr<ndpi_detection_module_struct, module_closer> module_;
+    quic_hellos hellos_;
     std::list<flow_state> flows_; // the one seen last at the front
     std::map<flow_id, std::list<flow_state>::iterator> index_;
 };

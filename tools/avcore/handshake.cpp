@@ -1,6 +1,7 @@
 #include "avcore/handshake.h"
 
 #include "avcore/frame.h"
+#include "avcore/quic_initial.h"
 #include "core/text/text.h"
 #include "packet/decode/cursor.h"
 #include "platform/host/messages/av_messages.h"
@@ -17,8 +18,6 @@ constexpr uint8_t TLS_HANDSHAKE = 22;
 constexpr uint8_t TLS_SERVER_HELLO = 2;
 constexpr size_t TLS_RECORD_HEADER_SIZE = 5;
 constexpr uint8_t QUIC_LONG_HEADER = 0x80;
-constexpr uint8_t QUIC_TYPE = 0x30;
-constexpr uint8_t QUIC_V1_RETRY = 0x30;
 constexpr size_t FLOW_NAME_MAX = sizeof(av_verdict::app_name) - 1;
 
 // What clients show instead of the server's name when they encrypt it (ECH). That the extension is
@@ -45,10 +44,9 @@ bool is_server_hello(byte_view payload) {
 
 // Neither a version negotiation (version 0) nor a Retry has looked at the handshake.
 bool goes_on_in_quic(byte_view payload) {
-    const bool versioned = payload.u16(1) != 0 || payload.u16(3) != 0;
-    const bool v1 = payload.u16(1) == 0 && payload.u16(3) == 1;
-    return (payload.u8(0) & QUIC_LONG_HEADER) != 0 && versioned &&
-           !(v1 && (payload.u8(0) & QUIC_TYPE) == QUIC_V1_RETRY);
+    const uint32_t version = uint32_t{payload.u16(1)} << 16 | payload.u16(3);
+    return (payload.u8(0) & QUIC_LONG_HEADER) != 0 && version != 0 &&
+           !is_quic_retry(version, payload.u8(0));
 }
 
 bool in_host_name(char c) {
