@@ -1,0 +1,45 @@
+#!/usr/bin/env python3
+"""How many instructions the kernel's verifier goes through before it takes the gate: all the ways
+through it, of which there may be a million.
+
+    sudo bench/verifier.py build/release/tools/avcore/gate/gate.bpf.o
+"""
+import ctypes
+import re
+import sys
+
+STATISTICS = 4  # the level of the verifier's log that has nothing else
+LOG_SIZE = 65536
+
+libbpf = ctypes.CDLL("libbpf.so.1", use_errno=True)
+for function in ("bpf_object__open", "bpf_object__next_program", "bpf_program__name"):
+    getattr(libbpf, function).restype = ctypes.c_void_p
+
+
+def programs(gate):
+    program = libbpf.bpf_object__next_program(gate, None)
+    while program:
+        program = ctypes.c_void_p(program)
+        yield program
+        program = libbpf.bpf_object__next_program(gate, program)
+
+
+def main(path):
+    libbpf.libbpf_set_print(None)
+    gate = ctypes.c_void_p(libbpf.bpf_object__open(path.encode()))
+    if not gate:
+        sys.exit(f"{path} can't be read")
+    logs = {}
+    for program in programs(gate):
+        name = ctypes.string_at(libbpf.bpf_program__name(program)).decode()
+        logs[name] = ctypes.create_string_buffer(LOG_SIZE)
+        libbpf.bpf_program__set_log_level(program, STATISTICS)
+        libbpf.bpf_program__set_log_buf(program, logs[name], ctypes.c_size_t(LOG_SIZE))
+    if libbpf.bpf_object__load(gate) != 0:
+        sys.exit("".join(log.value.decode() for log in logs.values()) + "The kernel refuses the gate.")
+    print(", ".join(f"{name} {int(re.search(rb'processed ([0-9]+) insns', log.value)[1]):,}"
+                    for name, log in logs.items()), "instructions")
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
