@@ -301,8 +301,10 @@ class Layout:
     def test_a_category_and_safe_search(self):
         shutil.rmtree("/tmp/resolvers", ignore_errors=True)
         self.inspections = '["url"]'
-        self.start("reset = true", "--categories", EXAMPLES + "/categories.txt", "--safe-search",
-                   "/tmp/resolvers", wire_ms=10, rules={})
+        block_list = "/tmp/bets"
+        self.write(block_list, "# none so far\n")
+        self.start("reset = true", "--categories", EXAMPLES + "/categories.txt", "--categories",
+                   block_list + "=Gambling", "--safe-search", "/tmp/resolvers", wire_ms=10, rules={})
         self.assertEqual(jornctl("apply", "-", document={
             "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
                               ["Gambling"], "blacklist": ["*.shut.example"], "google_safe_search": True,
@@ -330,6 +332,13 @@ class Layout:
                              ("www.shut.example", "black list")):
             self.assertEqual(self.curl("-4", host)[0], 56)  # reset
             self.lines.wait(lambda line: f"by the web policy, {reason}" in line and host in line)
+        self.write(block_list, "||free.example^\n")
+        self.avcore.send_signal(signal.SIGHUP)
+        self.until(lambda: self.curl("-4", "free.example")[0] == 56)
+
+    def write(self, path, text):
+        with open(path, "w") as file:
+            file.write(text)
 
     def curl(self, *words):
         done = subprocess.run(

@@ -2,6 +2,8 @@
 // safe search.
 #include "avcore/categories.h"
 #include "avcore/config.h"
+#include "avcore/domain_lists.h"
+#include "avcore/domain_table.h"
 #include "avcore/flow_table.h"
 #include "avcore/safe_search.h"
 #include "avcore/url_agent.h"
@@ -11,7 +13,10 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
+#include <random>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -43,9 +48,136 @@ TEST(AvcoreCategories, TheLongestSuffixInWholeLabelsCounts) {
         EXPECT_EQ(answer.categories[0], row.first) << row.domain;
         EXPECT_EQ(answer.category_count, row.count) << row.domain;
     }
-    for (const char *line : {"a.example", "a.example 0", "a.example 65536", "a.example -1",
-                             "a.example 1x", ".a 1", "a/b 1", "a 1 2 3 4 5 6", "b 1"})
+    for (const auto &[line, count, last] :
+         std::initializer_list<std::tuple<const char *, int, int>>{{"a 6 real ESTATE 45", 3, 45},
+                                                                   {"a 6 Real Estate", 2, 1},
+                                                                   {"a 7,Real Estate , 6", 3, 6}}) {
+        const urlf_answer answer = category_list::parse(line, "f").answer("a");
+        EXPECT_EQ(answer.category_count, count) << line;
+        EXPECT_EQ(answer.categories[count - 1], last) << line;
+    }
+    for (const char *line :
+         {"a.example", "a.example Real Estat", "a.example Real, Estate", "a.example Uncategorized",
+          "a.example 0", "a.example 65536", "a.example -1", "a.example 1x", ".a 1", "a/b 1",
+          "a 1 2 3 4 5 6", "b 1"})
         EXPECT_THROW(category_list::parse(std::string("b 1\n") + line, "f"), config_error) << line;
+}
+
+class AvcoreLists : public testing::Test {
+protected:
+    ~AvcoreLists() override { std::filesystem::remove_all(folder); }
+
+    // Its path.
+    std::string file(const std::string &name, const std::string &text) const {
+        std::ofstream(folder + name, std::ios::binary) << text;
+        return folder + name;
+    }
+    static std::vector<int32_t> categories(const category_list &list, const char *domain) {
+        const urlf_answer answer = list.answer(domain);
+        return {answer.categories, answer.categories + answer.category_count};
+    }
+
+    std::string folder = [] {
+        std::string made = testing::TempDir() + "avcore_lists.XXXXXX";
+        return std::string(mkdtemp(made.data())) + '/';
+    }();
+};
+
+TEST_F(AvcoreLists, TakeWhatIsPublishedAndCountTheRest) {
+    const struct {
+        const char *line;
+        const char *name; // empty: none
+        bool is_bad;
+    } rows[] = {
+        {"0.0.0.0 Ads.example # why", "ads.example", false},
+        {"127.0.0.1\tads.example", "ads.example", false},
+        {":: ads.example\r", "ads.example", false},
+        {"0.0.0.0 a.example ads.example", "ads.example", false},
+        {"  ads.example.", "ads.example", false},
+        {"*.ads.example", "ads.example", false},
+        {"||ads.example^", "ads.example", false},
+        {"# 0.0.0.0 ads.example", "", false},
+        {"! Title: ads.example", "", false},
+        {"[Adblock Plus 2.0]", "", false},
+        {"127.0.0.1 localhost localhost.localdomain", "", false},
+        {"ff02::1%eth0 ip6-allnodes", "", false},
+        {"0.0.0.0 0.0.0.0", "", false},
+        {"", "", false},
+        {"10.0.0.1 ads.example", "", true}, // leads somewhere
+        {"||ads.example^$third-party", "", true},
+        {"@@||ads.example^", "", true},
+        {"ads.example##.banner", "", true},
+        {"/ads[0-9]/", "", true},
+        {"com", "", true},
+        {"192.0.2.1", "", true},
+        {"two words", "", true},
+        {"0.0.0.0 fine.example b\xC3\xA4r.example", "fine.example", true},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> names;
+        const list_counts counts = read_domain_list(
+            file("list", "# a list\n" + std::string(row.line)), [&](std::string_view name) {
+                names.emplace_back(name);
+                return true;
+            });
+        EXPECT_EQ(names.empty() ? "" : names.back(), row.name) << row.line;
+        EXPECT_EQ(counts.names, names.size());
+        EXPECT_EQ(counts.first_bad_line, row.is_bad ? 2u : 0u) << row.line;
+    }
+    const std::string odd = file("odd", std::string(9'000, 'a') + ".b.c\nx.y" +
+                                            std::string(1, '\0') + "z\nlast.example");
+    EXPECT_NE(
+        category_list::read({odd + "=real estate"})
+            .remarks()
+            .at(0)
+            .find(": 1 domains of category 1 (Real Estate); lines passed over: 2, first line 1"),
+        std::string::npos);
+}
+
+TEST_F(AvcoreLists, AddUpUnlessALineSaysAll) {
+    const std::string ads =
+        file("ads", "bet.example\ncdn.bet.example\nshop.example\nbet.example\n");
+    const std::string bets = file("bets=now", "0.0.0.0 bet.example\n0.0.0.0 right.shop.example\n");
+    const std::string lines = file("lines", "shop.example 60\nmany.example 1 2 3 4 5\n"
+                                            "x.many.example 9\n");
+    const category_list list =
+        category_list::read({ads + "=Real Estate", lines, bets + "=6", bets + "=65535"});
+    using ids = std::vector<int32_t>;
+    EXPECT_EQ(categories(list, "www.BET.example"), (ids{1, 6, 65535}));
+    EXPECT_EQ(categories(list, "a.cdn.bet.example"), (ids{1, 6, 65535}));
+    EXPECT_EQ(categories(list, "shop.example"), ids{60});
+    EXPECT_EQ(categories(list, "right.shop.example"), (ids{6, 65535, 60}));
+    EXPECT_EQ(categories(list, "x.many.example"), ids{9});
+    EXPECT_EQ(categories(list, "abet.example"), ids{});
+    EXPECT_EQ(list.answer("abet.example").status, 5);
+    for (const std::string &source : {ads + "=Real Estates", ads + "=", folder + "none=6",
+                                      folder + "=6", std::string("/dev/zero=6")})
+        EXPECT_THROW(category_list::read({source}), config_error) << source;
+}
+
+// Against a table that is plain.
+TEST(AvcoreDomains, AreFoundAmongMany) {
+    domain_table table;
+    std::map<std::string, std::vector<uint16_t>> plain;
+    std::mt19937 random(1);
+    for (int i = 0; i < 20'000; ++i) {
+        std::string name;
+        for (size_t left = 1 + random() % 12; left > 0; --left)
+            name += "ab.-"[random() % 4];
+        const auto category = static_cast<uint16_t>(1 + random() % 7);
+        ASSERT_TRUE(table.add(name, category));
+        std::vector<uint16_t> &its = plain[name];
+        if (its.size() < 5 && std::find(its.begin(), its.end(), category) == its.end())
+            its.push_back(category);
+    }
+    table.settle();
+    EXPECT_EQ(table.names(), plain.size());
+    for (const auto &[name, expected] : plain) {
+        std::vector<uint16_t> found;
+        table.each_category(name, [&](uint16_t category) { found.push_back(category); });
+        EXPECT_EQ(found, expected) << name;
+        table.each_category(name + 'c', [&](uint16_t) { ADD_FAILURE() << name; });
+    }
 }
 
 TEST(AvcoreAgent, WaitingAnswersAreBoundedAndOneAFlow) {

@@ -1,3 +1,4 @@
+#include "avcore/applications.h"
 #include "avcore/config.h"
 #include "avcore/gate/gate_tasks.h"
 #include "avcore/options.h"
@@ -43,6 +44,8 @@ int main(int argc, char **argv) {
             return avcore::tear_down_gate(*options);
         case avcore::task::show_gate:
             return avcore::show_gate(*options);
+        case avcore::task::list_applications:
+            return avcore::list_applications();
         }
         return avcore::session(*options, settings).run();
     } catch (const std::exception &error) {

@@ -44,8 +44,12 @@ void add_run_options(CLI::App &app, options &chosen) {
     add_pins(app, chosen);
     add_config(app, chosen);
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
-    app.add_option("--categories", chosen.categories, "Text file: domains and their web categories")
-        ->type_name("FILE");
+    app.add_option("--categories", chosen.categories,
+                   "Domains and their web categories, or a list of domains (a hosts file, a block "
+                   "list) and its category; may be given several times")
+        ->type_name("FILE[=CATEGORY]")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--safe-search", chosen.safe_search, "Folder for the resolvers' files")
         ->type_name("DIR");
     app.add_option("--url-agent-delay", chosen.agent_delay_ms,
@@ -60,7 +64,7 @@ void add_run_options(CLI::App &app, options &chosen) {
         ->capture_default_str();
 }
 
-void add_gate_tasks(CLI::App &app, options &chosen) {
+void add_tasks(CLI::App &app, options &chosen) {
     app.require_subcommand(0, 1);
     const auto add = [&](const char *name, const char *what, task wanted) {
         CLI::App *subcommand = app.add_subcommand(name, what);
@@ -77,6 +81,8 @@ void add_gate_tasks(CLI::App &app, options &chosen) {
     add("teardown", "Detach the gate everywhere and forget its verdicts", task::tear_down_gate);
     add("status", "Show where the gate is attached, and what it does", task::show_gate)
         ->add_flag("--json", chosen.json, "As one JSON object");
+    app.add_subcommand("applications", "List what the DPI engine can name a flow, for rules")
+        ->callback([&chosen] { chosen.wanted = task::list_applications; });
 }
 
 // Between all of the options; CLI11 can't say it, for the tasks need other ones.
@@ -113,7 +119,7 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
     app.set_version_flag("--version", "avcore " JORN_VERSION);
     options chosen;
     add_run_options(app, chosen);
-    add_gate_tasks(app, chosen);
+    add_tasks(app, chosen);
     try {
         app.parse(argc, argv);
         check(chosen);

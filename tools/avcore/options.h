@@ -15,6 +15,7 @@ enum class task {
     set_up_gate,
     tear_down_gate,
     show_gate,
+    list_applications,
 };
 
 struct options {
@@ -26,8 +27,8 @@ struct options {
     std::string pins = GATE_PINS;
     std::string config; // may be empty
     bool json = false;
-    std::string categories;  // files and folders; empty: none
-    std::string safe_search; //
+    std::vector<std::string> categories; // FILE or FILE=CATEGORY
+    std::string safe_search;             // a folder; empty: none
     bool agent_down = false;
     std::optional<int64_t> agent_delay_ms;
     std::string command_socket = "/var/run/jorn.sock";

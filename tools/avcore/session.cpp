@@ -34,8 +34,11 @@ frame_source open_source(const options &options, gate *gate) {
 url_agent open_agent(const options &options) {
     const bool present =
         !options.categories.empty() || options.agent_down || options.agent_delay_ms.has_value();
+    category_list categories = category_list::read(options.categories);
+    for (const std::string &remark : categories.remarks())
+        std::cerr << "avcore: " << remark << '\n';
     return {{present, options.agent_down, options.agent_delay_ms, options.command_socket},
-            options.categories.empty() ? category_list() : category_list::read(options.categories)};
+            std::move(categories)};
 }
 
 } // namespace
@@ -136,6 +139,7 @@ session::ending session::turn() {
     if (watch_)
         watch_->look(link_down_, monotonic_ms());
     take_signal();
+    take_categories();
     return ending::none;
 }
 
@@ -174,7 +178,7 @@ void session::take_signal() {
         break;
     case signals::request::hangup:
         if (gate_)
-            read_config_again();
+            hang_up();
         else
             stop_requested_ = true;
         break;
@@ -190,12 +194,35 @@ void session::take_signal() {
     }
 }
 
+void session::hang_up() {
+    if (options_.config.empty() && options_.categories.empty())
+        say("there is no file to read again");
+    if (!options_.config.empty())
+        read_config_again();
+    // Beside the loop: a million names take longer than the daemon waits for an answer.
+    if (!options_.categories.empty() && !fresh_categories_.valid())
+        fresh_categories_ = std::async(std::launch::async,
+                                       [this] { return category_list::read(options_.categories); });
+}
+
+void session::take_categories() {
+    if (!fresh_categories_.valid() ||
+        fresh_categories_.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+        return;
+    try {
+        category_list categories = fresh_categories_.get();
+        for (const std::string &remark : categories.remarks())
+            say(remark);
+        agent_.replace_categories(std::move(categories));
+        outdate_verdicts();
+        say("the categories were read again");
+    } catch (const std::exception &error) {
+        say(std::string(error.what()) + "; the categories stay as they were");
+    }
+}
+
 // What the bus and the DPI engine were started with stays.
 void session::read_config_again() {
-    if (options_.config.empty()) {
-        say("there is no configuration file to read again");
-        return;
-    }
     try {
         config fresh = read_config(options_.config);
         for (const std::string &warning : fresh.warnings)

@@ -20,6 +20,8 @@
 #include "avcore/source.h"
 #include "avcore/url_agent.h"
 
+#include <future>
+
 namespace avcore {
 
 class session {
@@ -38,7 +40,9 @@ private:
     void tick(int64_t now_ms);
     void follow_interfaces(); // of the gate
     void take_signal();
+    void hang_up();
     void read_config_again();
+    void take_categories();
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
@@ -71,10 +75,11 @@ private:
     progress_bar progress_;
     name_timeline names_;
     url_agent agent_;
-    std::unique_ptr<enforcer> enforcer_;       // beside the gate
-    std::unique_ptr<daemon_watch> watch_;      // as well
-    std::unique_ptr<safe_search> safe_search_; // null: nobody carries it out
-    std::unique_ptr<message_bus> bus_;         // null: there is none
+    std::future<category_list> fresh_categories_; // being read again
+    std::unique_ptr<enforcer> enforcer_;          // beside the gate
+    std::unique_ptr<daemon_watch> watch_;         // as well
+    std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out
+    std::unique_ptr<message_bus> bus_;            // null: there is none
     std::string bus_name_;
     int64_t bus_name_ms_ = 0;                 // when it was last looked up
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like

@@ -46,6 +46,7 @@ public:
 
     std::vector<std::byte> answer(const question &asked, int64_t now_ms);
     void bring_back() { settings_.down = false; }
+    void replace_categories(category_list categories) { categories_ = std::move(categories); }
 
     int fd() const { return connection_.get(); } // readable when the daemon is through with it
     int64_t next_tick_ms() const;

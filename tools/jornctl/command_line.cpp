@@ -13,6 +13,7 @@
 #include "jornctl/printable.h"
 #include "jornctl/roam.h"
 #include "jornctl/suggestion.h"
+#include "jornctl/web_fields.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -134,6 +135,12 @@ int decode(const request &asked) {
 
 int print_schema() {
     std::cout << to_text(document_schema());
+    return STATUS_DONE;
+}
+
+int print_categories() {
+    for (const named_number &each : CATEGORY_NAMES)
+        std::cout << each.number << '\t' << each.word << '\n';
     return STATUS_DONE;
 }
 
@@ -262,6 +269,8 @@ void add_plumbing(CLI::App &app, request &asked) {
 void add_descriptions(CLI::App &app, request &asked) {
     app.add_subcommand("schema", "Print the JSON Schema of the documents that apply takes")
         ->callback([&] { asked.action = print_schema; });
+    app.add_subcommand("categories", "Print the numbers and names of web categories")
+        ->callback([&] { asked.action = print_categories; });
     CLI::App *decode_app =
         app.add_subcommand("decode", "Print a command's payload as \"apply --dry-run\" does");
     decode_app->add_option("NUMBER", asked.number, "The command's number")->required();

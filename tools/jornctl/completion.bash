@@ -32,7 +32,7 @@ _jornctl() {
     fi
     local choices=''
     case $words in
-    '') choices='apply show flush port-services log-policy debug roam write raw decode schema' ;;
+    '') choices='apply show flush port-services log-policy debug roam write raw decode schema categories' ;;
     'show ') choices='priority applications dns port-services utps url utp-web wifi-calling' ;;
     'flush ') choices='utps arc-policies policies web wifi-calling' ;;
     'debug ' | 'log-policy '?*' ') choices='on off' ;;

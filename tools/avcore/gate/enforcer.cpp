@@ -1,9 +1,9 @@
 #include "avcore/gate/enforcer.h"
 
+#include "avcore/category_names.h"
 #include "avcore/printable.h"
 #include "avcore/report.h"
 #include "core/text/text.h"
-#include "platform/psm.h"
 
 #include <iterator>
 #include <string_view>
@@ -83,12 +83,6 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
     if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
         return "DNS, or an earlier handshake with the server";
     return "the daemon's tables";
-}
-
-std::string category_text(uint32_t category) {
-    const std::string number = "category " + std::to_string(category);
-    return category < std::size(g_cat_map) ? number + " (" + (g_cat_map[category] + 1) + ")"
-                                           : number;
 }
 
 // A category decides, or an entry of the black list; with that one the record has the category of
