@@ -7,6 +7,7 @@ AS_LONG_AS_A_BEAT = 2  # seconds
 DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-ttl=60",
            "--log-facility=/dev/null")
 LATE_ANSWER = 31
+SCHED_POLICY = ~os.SCHED_RESET_ON_FORK
 PINS = "/tmp/pins"
 counts_rates = unittest.skipIf("JORN_EMULATED" in os.environ, "an emulated machine has other rates")
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
@@ -270,15 +271,18 @@ class Layout:
         denied = self.talk(SERVERS[4], DENIED)
         own_port = denied.source
         time.sleep(0.2)
-        since, shut = time.time(), []
+        self.assertEqual(os.sched_getscheduler(self.avcore.pid) & SCHED_POLICY, os.SCHED_RR)
+        since, shut, scheduled = time.time(), [], set()
         flood = threading.Thread(target=self.flood, args=(200_000,))
         flood.start()
         while flood.is_alive():
             shut.append(self.is_shut(4))
+            scheduled.add(os.sched_getscheduler(self.avcore.pid) & SCHED_POLICY)
         self.assertGreater(denied.stop(), 300)
         self.assertFalse([packet for packet in self.at_server.of(DENIED, 4, UDP, since=since)
                           if packet.src_port == own_port])
         self.assertIn(True, shut)
+        self.assertIn(os.SCHED_OTHER, scheduled)  # or everybody else would starve
         self.assertGreater(self.status()["counts"]["copies_refused"], 0)
         self.lines.wait(lambda line: "client 02:00:00:00:00:00 " in line and "undecided" in line)
 

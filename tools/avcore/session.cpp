@@ -72,6 +72,7 @@ session::session(const options &options, config settings)
     enforcer_->policies_changed(); // as far as anyone knows, since the last run
     watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
                                             monotonic_ms());
+    urgency_ = std::make_unique<urgency>(say_line);
     for (const std::string &way : ways_past_gate(gate_->interfaces()))
         say("past the gate: " + way);
     follow_interfaces();
@@ -138,6 +139,8 @@ session::ending session::turn() {
     serve_channel();
     if (watch_)
         watch_->look(link_down_, monotonic_ms());
+    if (urgency_)
+        urgency_->look(monotonic_ns());
     take_signal();
     take_categories();
     return ending::none;

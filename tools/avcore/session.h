@@ -12,6 +12,7 @@
 #include "avcore/gate/daemon_watch.h"
 #include "avcore/gate/enforcer.h"
 #include "avcore/gate/gate.h"
+#include "avcore/gate/urgency.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
 #include "avcore/report.h"
@@ -78,6 +79,7 @@ private:
     std::future<category_list> fresh_categories_; // being read again
     std::unique_ptr<enforcer> enforcer_;          // beside the gate
     std::unique_ptr<daemon_watch> watch_;         // as well
+    std::unique_ptr<urgency> urgency_;            // as well
     std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out
     std::unique_ptr<message_bus> bus_;            // null: there is none
     std::string bus_name_;

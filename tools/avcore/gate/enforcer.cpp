@@ -147,12 +147,13 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
         decide(row, GATE_PASS, &verdict.qos, name, frame.generation);
         return;
     }
-    if (!state.denied)
+    const bool is_news = !state.denied;
+    decide(row, GATE_DENY, nullptr, name, frame.generation); // first: packets don't wait
+    if (is_news)
         tell_denial(row,
                     printable(name) + ", named by " + source_of_name(row, frame, verdict) +
                         "; by " + policy_of(frame, verdict),
                     now_ms);
-    decide(row, GATE_DENY, nullptr, name, frame.generation);
 }
 
 void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
@@ -164,13 +165,14 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
                    state.denied ? ASK_AGAIN : state.qos_generation);
         return;
     }
-    if (!state.denied)
+    const bool is_news = !state.denied;
+    decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
+    if (is_news)
         tell_denial(row,
                     printable(row.application) +
                         ", named by the address that was asked for; by the web policy, " +
                         category_text(setting.category) + ", after a late answer",
                     now_ms);
-    decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
 }
 
 void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
