@@ -30,7 +30,7 @@ SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scr
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
 NTP = 123
-LIMITS = {SLOW: 2_000_000, FAST: 20_000_000}  # bit/s
+LIMITS = {SLOW: 2_000_000, FAST: 8_000_000}  # bit/s
 RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"kind": "both", "type": "Voice"}}},
          **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
             for port, limit in LIMITS.items()}}
@@ -71,7 +71,7 @@ def parse(record, at):
     frame = record[10:].ljust(94, b"\0")  # as long as headers are: some are cut short
     version = {b"\x08\x00": 4, b"\x86\xdd": 6}.get(frame[12:14])
     if version is None:
-        return None
+        return Packet(at, None, None, 0, 0, 0, 0, 0, False, frame[14:22])
     if version == 4:
         protocol, head, size = frame[23], (frame[14] & 15) * 4, int.from_bytes(frame[16:18], "big")
         dscp = frame[15] >> 2
@@ -97,10 +97,10 @@ NOT_THE_FLOOD = b"".join(struct.pack("=HBBI", *step) for step in (
 
 
 class Arrivals:
-    """What comes in at a station's interface, from now on."""
+    """What comes in at an interface, from now on."""
 
-    def __init__(self, netns):
-        with namespace(netns):
+    def __init__(self, netns=None, interface="eth0"):
+        with namespace(netns) if netns else contextlib.nullcontext():
             self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
         self._socket.setsockopt(SOL_PACKET, VNET_HDR, 1)
         self._socket.setsockopt(SOL_PACKET, IGNORE_OUTGOING, 1)
@@ -109,7 +109,7 @@ class Arrivals:
         steps = ctypes.create_string_buffer(NOT_THE_FLOOD)
         self._socket.setsockopt(socket.SOL_SOCKET, 26, struct.pack(  # SO_ATTACH_FILTER
             "HP", len(NOT_THE_FLOOD) // 8, ctypes.addressof(steps)))
-        self._socket.bind(("eth0", 0))
+        self._socket.bind((interface, 0))
         self._socket.settimeout(0.1)
         self._packets = Record("packets")
         self._open = True
@@ -131,6 +131,9 @@ class Arrivals:
         self._thread.join()
         self._socket.close()
 
+    def __len__(self):
+        return len(self._packets)
+
     def of(self, port, version=None, protocol=None, *, since=0.0, source=None):
         """The packets of one of the applications, or of one flow."""
         return [packet for packet in self._packets.items
@@ -146,27 +149,55 @@ class Arrivals:
         return sum(packet.size for packet in self.of(port, version, protocol)
                    if start <= packet.at < end) * 8 / (end - start)
 
+    def up_to(self, moment):
+        """All packets, once there is one that came at that moment or later."""
+        wait_until(lambda: self._packets.items and self._packets.items[-1].at >= moment)
+        return self._packets.items[:]
+
+
+def passed_by_bucket(packets, bytes_per_second, burst, begins, ends):
+    """The bytes of those between two moments that a token bucket, full at first, lets pass."""
+    tokens, filled, passed = burst, 0, 0
+    for packet in packets:
+        tokens = min(burst, tokens + (packet.at - filled) * bytes_per_second)
+        filled = packet.at
+        if tokens > 0:
+            tokens -= packet.size
+            passed += packet.size if begins <= packet.at < ends else 0
+    return passed
+
 
 class Sender(threading.Thread):
-    """Numbered datagrams of one flow, one each `interval`, until it is stopped."""
+    """Numbered datagrams of one flow, one each `interval`, until it is stopped. One that is late
+    makes up for it."""
 
     def __init__(self, connected, interval=0.001, size=8):
         super().__init__(daemon=True)
-        self._socket, self._interval, self._padding = connected, interval, bytes(size - 8)
-        self.source, self.port = connected.getsockname()[1], connected.getpeername()[1]
-        self.sent = 0
+        self.socket, self._interval, self._padding = connected, interval, bytes(size - 8)
+        self.times = []  # when each was sent, or a little before
         self._on = True
         self.start()
 
     def run(self):
         begun = time.monotonic()
         while self._on:
+            at = time.time()
             try:
-                self._socket.send(struct.pack(">Q", self.sent) + self._padding)
+                self.socket.send(struct.pack(">Q", self.sent) + self._padding)
             except ConnectionRefusedError:
                 continue  # an ICMP message about the one before
-            self.sent += 1
+            self.times.append(at)
             time.sleep(max(0, begun + self.sent * self._interval - time.monotonic()))
+
+    @property
+    def sent(self):
+        return len(self.times)
+
+    def send_more(self, count):
+        """The number of the first of as many more."""
+        first = self.sent
+        wait_until(lambda: self.sent >= first + count)
+        return first
 
     def stop(self):
         """How many it sent."""
@@ -199,6 +230,10 @@ class InlineTest(SystemTest):
         self.addCleanup(self.at_server.close)
         self.at_client = Arrivals("client")
         self.addCleanup(self.at_client.close)
+        self.marker = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+        self.addCleanup(self.marker.close)
+        self.marker.bind(("eth0", 0))
+        self.marks = 0
         for version in FAMILIES if DENIED in rules else ():
             self.until(lambda: self.is_shut(version))
 
@@ -310,6 +345,12 @@ class InlineTest(SystemTest):
                 ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
             self.addCleanup(wire.wait)
             self.addCleanup(wire.kill)
+            wait_until(self._wire_is_there)
+
+    def _wire_is_there(self):
+        """Whether both its ends are bound; what was sent before is lost."""
+        with namespace("wire"), open("/proc/thread-self/net/packet") as sockets:
+            return sum(line.split()[4] != "0" for line in list(sockets)[1:]) == 2
 
     def _tear_down(self):
         subprocess.run([jorn_path("avcore"), "teardown"], capture_output=True)
@@ -361,15 +402,41 @@ class InlineTest(SystemTest):
         self.addCleanup(sender.stop)
         return sender
 
+    def arrived(self, flow):
+        """The numbers of a client's datagrams that have come through so far."""
+        self.marks += 1
+        mark, since = struct.pack(">Q", self.marks), len(self.at_server)
+        self.marker.send(ethernet(0x88B5, mark))
+        self.at_server.wait(lambda packet: packet.version is None and packet.payload == mark,
+                            since=since)
+        version = 6 if flow.family == socket.AF_INET6 else 4
+        return sorted(int.from_bytes(packet.payload, "big") for packet in self.at_server.of(
+            flow.getpeername()[1], version, UDP, source=flow.getsockname()[1]))
+
+    def is_stopped(self, flow, count=20):
+        """Whether none of its next datagrams comes through."""
+        first = flow.send_more(count)
+        return max(self.arrived(flow.socket), default=0) < first
+
     def is_shut(self, version, port=DENIED):
         """Whether a new flow is stopped before its second datagram, once the first was judged."""
         client = self.connected(socket.SOCK_DGRAM, SERVERS[version], port)
-        since = time.time()
-        for _ in range(2):
-            client.send(b"is it shut?")
-            time.sleep(0.05)
-        return len(self.at_server.of(port, version, UDP, since=since,
-                                     source=client.getsockname()[1])) == 1
+        denied, ends = self.status()["verdicts"]["deny"], time.monotonic() + 2
+        client.send(struct.pack(">Q", 0))
+        while self.status()["verdicts"]["deny"] == denied:
+            if time.monotonic() > ends:
+                return False
+        client.send(struct.pack(">Q", 1))
+        return self.arrived(client) == [0]
+
+    def settle(self, *flows):
+        """Until all of them are decided."""
+        def are_decided():
+            before = self.status()["counts"]["undecided"]
+            for flow in flows:
+                flow.send_more(20)
+            return self.status()["counts"]["undecided"] == before
+        self.until(are_decided)
 
     def ping(self, address):
         """The answers to three."""

@@ -38,7 +38,7 @@ OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
 
 CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
 CLIENT, SERVER = "10.1.0.12", "192.0.2.5"
-DEADLINE = 10  # seconds, for what takes milliseconds on an idle machine
+DEADLINE = 60  # seconds, for what takes milliseconds on an idle machine
 BURST = 100    # frames in a row: one or two blocks of the capture's ring, and the channel holds them
 
 
