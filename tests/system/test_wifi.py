@@ -1,6 +1,6 @@
 """Verdicts in the air: a simulated access point (mac80211_hwsim, hostapd) and a station that has an
 interface of its own there. Radios don't come with a network namespace: it runs as root of a machine
-that is nobody's, without scripts/private."""
+that is nobody's, without scripts/private: scripts/test-wifi has one."""
 import unittest
 
 from inline_lab import *
