@@ -1,8 +1,17 @@
-# A device build is the daemon alone, against the platform's libraries. The tools stand in for an
-# access point or talk to the daemon from a workstation, and tests and benchmarks drive them.
+# A device build is the daemon, against the platform's libraries, and platform_check, which tries
+# these. avcore stands in for a platform, and here is one; tests and benchmarks need it. jornctl talks
+# to the daemon beside it, so it is built for the device where somebody there is to type.
+option(JORN_JORNCTL "With device: build jornctl, too" OFF)
 set(BUILD_TESTING OFF)
 set(JORN_TOOLS OFF)
 set(JORN_BENCH OFF)
+
+# The C++ runtime goes along in the programs: a device needn't have one, or may have an older one
+# than the compiler's.
+option(JORN_STATIC_RUNTIME "With device: link libstdc++ and libgcc in" ON)
+if(JORN_STATIC_RUNTIME)
+  add_link_options($<$<LINK_LANGUAGE:CXX>:-static-libstdc++> $<$<LINK_LANGUAGE:CXX>:-static-libgcc>)
+endif()
 
 # The libraries lie elsewhere on the device than here.
 set(CMAKE_SKIP_RPATH ON)

@@ -64,8 +64,9 @@ private:
         address.sun_family = AF_UNIX;
         memcpy(address.sun_path, path.data(), path.size());
         socket_ = unique_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
-        const timeval limit = {seconds.count(), 0}; // connect waits, too, for a busy daemon
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience).count();
+        // connect waits, too, for a busy daemon
+        const timeval limit = {static_cast<time_t>(seconds), 0};
         setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         if (connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) ==
             0)

@@ -10,7 +10,7 @@ namespace {
 constexpr char DELETE_CHARACTER = 0x7F;
 
 bool is_control(char c) {
-    return (c >= 0 && c < ' ') || c == DELETE_CHARACTER;
+    return static_cast<unsigned char>(c) < ' ' || c == DELETE_CHARACTER;
 }
 
 std::vector<std::string> texts_of(std::span<const named_number> words) {
