@@ -6,8 +6,8 @@
 // others. They are exchanged byte for byte, in the access point's own byte order; network byte
 // order is said, by the suffix _be or beside the record. No layout depends on the compiler or on 32
 // or 64 bits. They are copied in and out with memcpy and never cast: behind a frame none need be
-// aligned. Bytes called reserved are 0 when the daemon sends them, and it reads none, unless it is
-// said.
+// aligned. Bytes called reserved are 0 when the daemon sends them, and it reads none, unless the
+// record says otherwise.
 #pragma once
 
 #include <stddef.h>
@@ -113,7 +113,8 @@ enum av_policy_type {
 enum { AV_MARK_DOT1P_AND_DSCP = 2 }; // of av_qos.mark_pri
 
 // The QoS bytes of a verdict, and the action block of psms_rflow_set_app, 16 bytes. All ones means
-// "no decision" in each member.
+// "no decision"; reserved is all ones always. In a verdict the two members about the match are
+// always those of the packet, 0 where no rule fitted.
 struct av_qos {
     uint8_t deny;     // 1 deny, 0 allow
     uint8_t mark_pri; // marking field: 0 dot1p (IEEE 802.1Q), 1 dscp (RFC 2474), 2 both
@@ -229,7 +230,8 @@ enum {
     ROAM_FAMILY_IPV6 = 10,
 };
 
-// roam_notify, 76 bytes: that a station went to another access point.
+// roam_notify, 76 bytes: that a station went to another access point. What is reserved comes from
+// the controller and is passed on.
 //
 //    0 sta_mac       12 to_ap_mac        24 from_ap_ipv4   48 to_ap_family   60 to_ap_ipv6
 //    6 from_ap_mac   18 from_ap_family   28 from_ap_ipv6   56 to_ap_ipv4
