@@ -419,6 +419,10 @@ std::vector<std::string> gate::follow_interfaces() {
     return parts_->places.follow();
 }
 
+bool gate::misses_interfaces() const {
+    return parts_->places.misses_some();
+}
+
 int gate::interfaces_fd() const {
     return parts_->places.fd();
 }

@@ -48,6 +48,7 @@ public:
     // them has one for single stations. A line for the log for each that came or went since the
     // last call.
     std::vector<std::string> follow_interfaces();
+    bool misses_interfaces() const; // an attempt failed: it is to be made again, in a second
     std::vector<std::string> interfaces() const; // where it is attached in this run
     // What rules know the interface of a copy by: the access point's, where it is one for single
     // stations. Empty where the interface is gone.

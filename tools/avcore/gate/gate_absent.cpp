@@ -25,6 +25,9 @@ gate::gate(gate &&) noexcept = default;
 std::vector<std::string> gate::follow_interfaces() {
     return {};
 }
+bool gate::misses_interfaces() const {
+    return false;
+}
 int gate::interfaces_fd() const {
     return -1;
 }

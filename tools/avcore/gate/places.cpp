@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <stdexcept>
@@ -49,9 +50,12 @@ gate_places::gate_places(const std::string &pins, const std::vector<std::string>
 }
 
 std::vector<std::string> gate_places::follow() {
-    if (has_changed()) {
+    if (has_changed() || misses_some_) {
+        misses_some_ = false;
         follow_named();
         follow_stations();
+        if (!misses_some_)
+            told_.clear();
     }
     return std::exchange(lines_, {});
 }
@@ -65,12 +69,19 @@ bool gate_places::has_changed() const {
     return changed;
 }
 
+void gate_places::complain(const std::string &what) {
+    misses_some_ = true;
+    if (told_.insert(what).second)
+        lines_.push_back(what);
+}
+
 void gate_places::follow_named() {
     for (auto &[name, index] : named_) {
         const unsigned now = if_nametoindex(name.c_str());
-        if (std::exchange(index, now) == now)
+        if (index == now)
             continue;
         if (now == 0) {
+            index = now;
             lines_.push_back(name + " is gone, and the gate there with it");
             continue;
         }
@@ -78,9 +89,10 @@ void gate_places::follow_named() {
         try {
             const unique_fd lock = lock_beside(pins_);
             attach_all(ethernet_interface(name), programs_);
+            index = now;
             lines_.push_back(name + " was made anew: the gate is attached there again");
         } catch (const std::runtime_error &error) {
-            lines_.emplace_back(error.what());
+            complain(error.what());
         }
     }
 }
@@ -88,7 +100,7 @@ void gate_places::follow_named() {
 void gate_places::follow_stations() {
     const std::optional<wireless_list> all = list_();
     if (!all) {
-        lines_.emplace_back("nl80211 doesn't say which interfaces the radios have");
+        complain("nl80211 doesn't say which interfaces the radios have");
         return;
     }
     std::map<unsigned, unsigned> wanted; // and the access point's
@@ -120,9 +132,9 @@ void gate_places::take(unsigned index, unsigned access_point) {
         lines_.push_back(place.name + " has stations of " + place.access_point +
                          ": the gate is attached there");
     } catch (const std::runtime_error &error) {
-        if (current_name(index).empty())
-            return;
-        lines_.emplace_back(error.what());
+        if (!current_name(index).empty())
+            complain(error.what());
+        return;
     }
     remember(index, place.access_point);
     stations_[index] = place;
@@ -166,8 +178,8 @@ const std::string &gate_places::name_of(unsigned index) {
 }
 
 const std::string &gate_places::remember(unsigned index, const std::string &name) {
-    if (names_.size() >= NAMES_MAX)
-        names_.erase(names_.begin()); // the oldest interface's
+    if (names_.size() >= NAMES_MAX && !names_.contains(index))
+        names_.erase(std::prev(names_.end())); // a station's: access points have been there longer
     return names_[index] = name;
 }
 

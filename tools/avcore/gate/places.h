@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,10 @@ public:
                 list_function list = wireless_interfaces);
 
     int fd() const { return changes_.get(); } // readable when interfaces have changed
-    // Attaches the gate where interfaces came or were made anew. A line for the log for each that
-    // came or went.
+    // Attaches the gate where interfaces came or were made anew, and where that failed before. A
+    // line for the log for each that came or went, and once for what fails.
     std::vector<std::string> follow();
+    bool misses_some() const { return misses_some_; } // and wants to be called again, unasked
 
     std::vector<std::string> names() const; // of all
     // By which rules know it: for one of stations that of the access point. Empty where the kernel
@@ -40,6 +42,7 @@ private:
     };
 
     bool has_changed() const;
+    void complain(const std::string &what);
     void follow_named();
     void follow_stations();
     void take(unsigned index, unsigned access_point);
@@ -55,6 +58,8 @@ private:
     std::map<unsigned, station_place> stations_;
     std::map<unsigned, std::string> names_; // of those that were asked for or taken
     std::vector<std::string> lines_;        // since the last call
+    bool misses_some_ = false;
+    std::set<std::string> told_; // complaints, as long as some are missed
 };
 
 } // namespace avcore
