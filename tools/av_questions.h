@@ -17,5 +17,10 @@ struct av_clients_answer {
 static_assert(sizeof(av_clients_answer) == 16);
 inline constexpr uint32_t AV_CLIENTS_UTP_MAX = 63;
 
+// Whoever asks nothing else isn't the daemon.
+constexpr bool is_tool_question(av_op op) {
+    return op == AV_ASK_APPLICATIONS || op == AV_ASK_CLIENTS;
+}
+
 // What an answer has at most behind its head.
 inline constexpr size_t AV_TOOL_ANSWER_MAX = 65'536;

@@ -161,6 +161,18 @@ TEST_F(Feeder, ASilentDaemonIsGoneAfterFiveSecondsAndNoFrameSooner) {
     EXPECT_EQ(feeder_.counts().unanswered, 0u);
 }
 
+TEST_F(Feeder, ShowsTheNextDaemonNothingThatMayHaveEndedTheLast) {
+    start();
+    add(1);
+    add(2);
+    send();
+    feeder_.daemon_ended(now_ms);
+    EXPECT_EQ(feeder_.counts().unanswered, 2u);
+    add(3);
+    EXPECT_EQ(send(), ports{3});
+    EXPECT_TRUE(verdict(3));
+}
+
 TEST_F(Feeder, ALostLinkIsNoGoneDaemon) {
     start();
     for (const uint16_t port : ports{1, 2, 3})

@@ -1,5 +1,7 @@
 #include "avcore/channel_server.h"
 
+#include "av_questions.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -36,8 +38,8 @@ void channel_server::watch_listener() {
 
 void channel_server::accept_clients(int64_t now_ms) {
     for (int taken = 0; taken < ACCEPTED_A_TURN; ++taken) {
-        unique_fd client = listener_.accept();
-        if (!client.valid()) {
+        unique_fd accepted = listener_.accept();
+        if (!accepted.valid()) {
             // The others wait in the backlog until one becomes free, here or on the bus.
             if (errno == EMFILE || errno == ENFILE) {
                 epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.fd(), nullptr);
@@ -47,15 +49,26 @@ void channel_server::accept_clients(int64_t now_ms) {
         }
         epoll_event event = {};
         event.events = EPOLLIN;
-        event.data.fd = client.get();
-        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, client.get(), &event) == 0) {
-            clients_.emplace(client.get(), std::move(client));
-            ++connects_;
-        }
+        const int fd = event.data.fd = accepted.get();
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
+            clients_.emplace(fd, client{std::move(accepted)});
     }
 }
 
-bool channel_server::serve_client(int fd, const handler &handle) {
+void channel_server::note_sender(client &sender, byte_span datagram) {
+    av_op op;
+    if (sender.is_daemon || datagram.size() < sizeof op)
+        return;
+    memcpy(&op, datagram.data(), sizeof op);
+    if (is_tool_question(op))
+        return;
+    sender.is_daemon = true;
+    ++daemons_;
+    ++connects_;
+}
+
+bool channel_server::serve_client(client &served, const handler &handle) {
+    const int fd = served.fd.get();
     for (int taken = 0; taken < DATAGRAMS_A_TURN; ++taken) {
         const ssize_t received = recv(fd, buffer_.data(), buffer_.size(), MSG_TRUNC);
         if (received < 0)
@@ -64,8 +77,9 @@ bool channel_server::serve_client(int fd, const handler &handle) {
             return false;
         if (static_cast<size_t>(received) > buffer_.size())
             continue; // cut: none of ours is that long
-        const std::vector<std::byte> answer =
-            handle(byte_span(buffer_).first(static_cast<size_t>(received)));
+        const byte_span datagram = byte_span(buffer_).first(static_cast<size_t>(received));
+        note_sender(served, datagram);
+        const std::vector<std::byte> answer = handle(datagram);
         if (!answer.empty() &&
             send(fd, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
             errno != EAGAIN)
@@ -83,9 +97,13 @@ void channel_server::serve(const handler &handle, int64_t now_ms) {
         const int fd = events[static_cast<size_t>(i)].data.fd;
         if (fd == listener_.fd()) {
             accept_clients(now_ms);
-        } else if (!serve_client(fd, handle)) {
-            clients_.erase(fd);
+            continue;
         }
+        const auto served = clients_.find(fd);
+        if (served == clients_.end() || serve_client(served->second, handle))
+            continue;
+        daemons_ -= served->second.is_daemon ? 1 : 0;
+        clients_.erase(served);
     }
 }
 

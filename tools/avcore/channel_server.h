@@ -27,18 +27,26 @@ public:
     int fd() const { return epoll_.get(); } // readable when `serve` has work
     int64_t next_tick_ms() const { return paused_until_ms_; }
     void serve(const handler &handle, int64_t now_ms);
-    size_t connections() const { return clients_.size(); }
+    // Of daemons: of those that said anything but what tools ask.
+    size_t connections() const { return daemons_; }
     uint64_t connects() const { return connects_; } // that were ever made
 
 private:
+    struct client {
+        unique_fd fd;
+        bool is_daemon = false;
+    };
+
     void accept_clients(int64_t now_ms);
     void watch_listener();
-    bool serve_client(int fd, const handler &handle); // false: it is gone
+    bool serve_client(client &served, const handler &handle); // false: it is gone
+    void note_sender(client &sender, byte_span datagram);
 
     unique_fd epoll_;
     local_listener listener_;
     int64_t paused_until_ms_ = NEVER_MS; // the listener isn't watched: no descriptor was left
-    std::map<int, unique_fd> clients_;
+    std::map<int, client> clients_;
+    size_t daemons_ = 0; // of them
     uint64_t connects_ = 0;
     std::vector<std::byte> buffer_;
 };

@@ -163,6 +163,21 @@ void feeder::link_lost(int64_t now_ms) {
     waiting_since_ms_ = now_ms;
 }
 
+void feeder::daemon_ended(int64_t now_ms) {
+    for (frame_ref frame = frames_.begin(); frame != frames_.end();) {
+        const frame_ref next = std::next(frame);
+        if (frame->sent)
+            give_up(frame);
+        frame = next;
+    }
+    while (!copies_.empty())
+        pop_copy();
+    draining_ = false;
+    silent_rounds_ = 0;
+    round_left_ = 0;
+    link_lost(now_ms);
+}
+
 void feeder::resend_outstanding() {
     const bool only_oldest = silent_rounds_++ == 0 || !started_;
     draining_ = true;

@@ -97,6 +97,9 @@ public:
     // The link to the daemon is down, to be called while it is and `silent`; or the daemon is gone
     // and will be waited for.
     void link_lost(int64_t now_ms);
+    // It is gone for good, and with it what it had: what it left unanswered is given up, for one of
+    // these frames may have been its end. Another daemon will be waited for.
+    void daemon_ended(int64_t now_ms);
 
     // Looks for a silence. To be called at least whenever `next_tick_ms` has come.
     void tick(int64_t now_ms);

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <poll.h>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace avcore {
@@ -23,6 +24,7 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 constexpr int64_t BUS_NAME_MS = 1'000;
+constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
 
 frame_source open_source(const options &options, gate *gate) {
     if (gate != nullptr)
@@ -148,6 +150,7 @@ session::ending session::turn() {
 
 void session::follow_interfaces() {
     const std::vector<std::string> lines = gate_->follow_interfaces();
+    follow_due_ms_ = gate_->misses_interfaces() ? monotonic_ms() + FOLLOW_AGAIN_MS : NEVER_MS;
     for (const std::string &line : lines)
         say(line);
     if (!lines.empty())
@@ -203,9 +206,18 @@ void session::hang_up() {
     if (!options_.config.empty())
         read_config_again();
     // Beside the loop: a million names take longer than the daemon waits for an answer.
-    if (!options_.categories.empty() && !fresh_categories_.valid())
+    if (options_.categories.empty())
+        return;
+    if (fresh_categories_.valid()) {
+        say("the categories are still being read; what changed since counts after another SIGHUP");
+        return;
+    }
+    try {
         fresh_categories_ = std::async(std::launch::async,
                                        [this] { return category_list::read(options_.categories); });
+    } catch (const std::system_error &error) {
+        say(std::string("no thread to read the categories: ") + error.what());
+    }
 }
 
 void session::take_categories() {
@@ -308,9 +320,9 @@ void session::wait(int64_t now_ms) {
         timeout_ms = SINK_RETRY_MS;
     if (more_input_)
         timeout_ms = 0;
-    const int64_t due_ms =
-        std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
-                  channel_.next_tick_ms(), watch_ ? watch_->next_tick_ms() : NEVER_MS});
+    const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
+                                     channel_.next_tick_ms(),
+                                     watch_ ? watch_->next_tick_ms() : NEVER_MS, follow_due_ms_});
     if (due_ms != NEVER_MS) {
         const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
         timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
@@ -325,9 +337,9 @@ void session::wait(int64_t now_ms) {
         {gate_ ? gate_->interfaces_fd() : -1, POLLIN, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
-    if (waited[5].revents != 0)
-        follow_interfaces();
     const int64_t woken_ms = monotonic_ms();
+    if (waited[5].revents != 0 || woken_ms >= follow_due_ms_)
+        follow_interfaces();
     if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
         bus_->serve(woken_ms);
     agent_.serve(woken_ms);

@@ -87,6 +87,7 @@ private:
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
+    int64_t follow_due_ms_ = NEVER_MS; // interfaces that the gate couldn't be attached to
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;
     uint64_t unknown_flows_ = 0;

@@ -36,11 +36,13 @@ void daemon_watch::look(bool link_down, int64_t now_ms) {
     const uint64_t connects_before = std::exchange(connects_, channel_.connects());
     if (connects_before > 0 && connects_ != connects_before)
         may_be_new_ = true;
-    if ((connections_before > 0 && connections_ == 0) || link_down ||
-        feeder_.silent(now_ms, UNDECIDED_MS))
+    const bool has_ended = connections_before > 0 && connections_ == 0;
+    if (has_ended || link_down || feeder_.silent(now_ms, UNDECIDED_MS))
         decides(false, now_ms);
     else if (connections_ > connections_before)
         decides(true, now_ms);
+    if (has_ended)
+        feeder_.daemon_ended(now_ms);
     if (!somebody_decides_ || now_ms < next_beat_ms_)
         return;
     gate_.beat();
