@@ -35,8 +35,8 @@ void warn_of_utp(uint32_t id, const std::string &path, const std::set<uint32_t> 
     if (id > UTP_ID_LOOKUP_MAX)
         read.found.warning(path, "packets never find a UTP beyond 63");
     else if (given != nullptr && !given->contains(id))
-        read.found.warning(path, "no client has it: neither [client] nor a [[rule]] of avcore's "
-                                 "configuration gives it");
+        read.found.remark(path, "no client has it: neither [client] nor a [[rule]] of avcore's "
+                                "configuration gives it");
 }
 
 void warn_of_interface(const char *ifname, const std::string &path, const platform_facts &around,
@@ -45,9 +45,9 @@ void warn_of_interface(const char *ifname, const std::string &path, const platfo
         return;
     std::vector<std::string> known(around.clients->interfaces.begin(),
                                    around.clients->interfaces.end());
-    read.found.warning(path, "no packet comes from there: the interfaces of avcore's "
-                             "configuration are " +
-                                 joined(known));
+    read.found.remark(path, "no packet comes from there: the interfaces of avcore's "
+                            "configuration are " +
+                                joined(known));
 }
 
 void check_across(document &read, const node &written, const platform_facts &around) {

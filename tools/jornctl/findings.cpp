@@ -69,6 +69,15 @@ void findings::warning(const std::string &path, const std::string &reason) {
         warnings_.push_back({path, reason});
 }
 
+void findings::remark(const std::string &path, const std::string &reason) {
+    if (warnings_.size() < WARNINGS_MAX && !has_mistake_in(path))
+        warnings_.push_back({path, reason, true});
+}
+
+bool findings::has_warnings() const {
+    return std::ranges::any_of(warnings_, [](const finding &each) { return !each.of_machine; });
+}
+
 void findings::name_records(const nlohmann::json &document) {
     for (std::vector<finding> *found : {&mistakes_, &warnings_}) {
         for (finding &each : *found)

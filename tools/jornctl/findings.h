@@ -15,6 +15,7 @@ namespace jornctl {
 struct finding {
     std::string path; // empty: the document
     std::string reason;
+    bool of_machine = false;
     std::string name = {}; // of the innermost record of the path that has one
 };
 
@@ -22,9 +23,12 @@ class findings {
 public:
     void mistake(const std::string &path, const std::string &reason);
     void warning(const std::string &path, const std::string &reason);
+    // A warning that says as much of the machine as of the document, which may be meant for
+    // another.
+    void remark(const std::string &path, const std::string &reason);
 
     bool has_mistakes() const { return !mistakes_.empty(); }
-    bool has_warnings() const { return !warnings_.empty(); }
+    bool has_warnings() const;                    // remarks aside
     void forget_warnings() { warnings_.clear(); } // they were told
     // There are so many mistakes that nobody needs to look for more.
     bool is_full() const { return mistakes_.size() >= MISTAKES_MAX; }
