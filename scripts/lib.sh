@@ -83,7 +83,7 @@ missing_packages() {
 LOCK_SECONDS=300
 update_package_lists() { # the caller's array `apt` is the command
     local said deadline=$((SECONDS + LOCK_SECONDS)) told=
-    until said=$("${apt[@]}" update 2>&1 >/dev/null); do
+    until said=$(LC_ALL=C "${apt[@]}" update 2>&1 >/dev/null); do
         [[ $said == *'Could not get lock'* ]] && ((SECONDS < deadline)) || return 1
         [[ $told ]] || note 'Waiting for another program that uses apt-get (five minutes at most)'
         told=yes
