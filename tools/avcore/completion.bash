@@ -13,6 +13,9 @@ _avcore() {
         options=$("${COMP_WORDS[0]}" --help 2>/dev/null |
             sed -n 's/^ *\(-[^ ]*\).*/\1/p' | tr ',' '\n')
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+    elif ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W "$("${COMP_WORDS[0]}" --help 2>/dev/null |
+            sed -n '/^Subcommands:/,$s/^  \([a-z][^ ]*\).*/\1/p')" -- "$current")
     else
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi

@@ -195,7 +195,8 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
     for (const flow_row *row : rows)
         bytes += row->bytes;
     const feeder_counts &fed = totals.feeder;
-    out << rows.size() + flows.summed().flows << " flows, " << bytes
+    const uint64_t count = rows.size() + flows.summed().flows;
+    out << count << (count == 1 ? " flow, " : " flows, ") << bytes
         << " bytes; frames: " << totals.source.read << " read, " << fed.sent << " fed, "
         << fed.answered << " answered, " << fed.resent << " resent, " << fed.unanswered
         << " unanswered\n";
