@@ -1,6 +1,7 @@
 #include "jornctl/findings.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace jornctl {
 namespace {
@@ -64,14 +65,17 @@ void findings::mistake(const std::string &path, const std::string &reason) {
         mistakes_.push_back({path, reason});
 }
 
+void findings::add_warning(finding found) {
+    if (warnings_.size() < WARNINGS_MAX && !has_mistake_in(found.path))
+        warnings_.push_back(std::move(found));
+}
+
 void findings::warning(const std::string &path, const std::string &reason) {
-    if (warnings_.size() < WARNINGS_MAX && !has_mistake_in(path))
-        warnings_.push_back({path, reason});
+    add_warning({path, reason});
 }
 
 void findings::remark(const std::string &path, const std::string &reason) {
-    if (warnings_.size() < WARNINGS_MAX && !has_mistake_in(path))
-        warnings_.push_back({path, reason, true});
+    add_warning({path, reason, true});
 }
 
 bool findings::has_warnings() const {

@@ -43,6 +43,8 @@ public:
     std::vector<std::string> warnings() const;
 
 private:
+    void add_warning(finding found);
+
     static constexpr size_t MISTAKES_MAX = 100;
     static constexpr size_t WARNINGS_MAX = 1'000;
 
