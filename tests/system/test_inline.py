@@ -1,5 +1,6 @@
 """Verdicts on the wire: avcore's inline mode between a client and a server."""
 import collections
+import itertools
 import unittest
 
 from inline_lab import *
@@ -184,7 +185,7 @@ class Layout:
             self.assertEqual({way for way, *_ in found}, set(ways))
             self.assertTrue(all(passing.holds for passing in found.values()))
             if not all(passing.is_limited for passing in found.values()):
-                print("this machine sent no more than the limits, which says little:", found)
+                self.skipTest(f"this machine sent no more than the limits: {found}")
 
     @contextlib.contextmanager
     def overload(self, kind, version, ports):
@@ -324,19 +325,22 @@ class Layout:
         self.until(lambda: self.is_stopped(denied))
         before = self.arrived(denied.socket)
         self.until(lambda: self.avcore_is_scheduled(os.SCHED_RR))
-        flood = threading.Thread(target=self.flood, args=(200_000,))
+        ends = threading.Event()
+        flood = threading.Thread(target=self.flood, args=(ends,))
         flood.start()
+        self.addCleanup(flood.join)
+        self.addCleanup(ends.set)
         fresh = self.talk(SERVERS[4], DENIED)
         self.until(lambda: self.is_stopped(fresh))
         self.until(lambda: self.avcore_is_scheduled(os.SCHED_OTHER))  # or everybody else would starve
-        self.assertTrue(flood.is_alive())
-        flood.join()
-        self.assertGreater(denied.stop(), 300)
+        denied.send_more(300)
+        ends.set()
+        denied.stop()
         self.assertEqual(self.arrived(denied.socket), before)
         self.assertGreater(self.status()["counts"]["copies_refused"], 0)
         self.lines.wait(lambda line: "client 02:00:00:00:00:00 " in line and "undecided" in line)
 
-    def flood(self, flows):
+    def flood(self, ends):
         next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
         request = b"GET / HTTP/1.1\r\nHost: n000000.example\r\n\r\n"
         frame = bytearray(ethernet(0x0800, ipv4(TCP, tcp(0, 80, request), src="10.2.0.0",
@@ -344,12 +348,14 @@ class Layout:
         name = frame.index(b"n000000") + 1
         with namespace("client"), socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as raw:
             raw.bind(("eth0", 0))
-            for number in range(flows):
+            for number in itertools.count():
+                if ends.is_set():
+                    return
                 client = 0 if number % 2 else number // 2 % 4000
                 struct.pack_into(">H", frame, 10, client)
                 struct.pack_into(">H", frame, 28, client)
                 struct.pack_into(">H", frame, 34, 1 + number % 65535)
-                frame[name:name + 6] = b"%06d" % number
+                frame[name:name + 6] = b"%06d" % (number % 1_000_000)
                 raw.send(frame)
 
     def test_a_category_and_safe_search(self):
