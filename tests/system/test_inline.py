@@ -388,10 +388,14 @@ class Layout:
         for host, address in ("www.google.com", NAMED[4]), ("free.example", SERVERS[4]):
             self.until(lambda: self.curl("-4", host) == (0, "200 " + address))
         self.until(lambda: self.curl("-6", "www.google.com")[0] in (6, 7))  # no such address
-        for host, reason in (("www.bets.example", "category 6 (Gambling)"),
-                             ("www.shut.example", "black list")):
-            self.until(lambda: self.curl("-4", host)[0] == 56)  # reset
-            self.lines.wait(lambda line: f"by the web policy, {reason}" in line and host in line)
+        for rules, bets in ({}, ""), ({80: {}}, " or black list"):  # a definition names all of them
+            self.assertEqual(jornctl("apply", "-", document=policies(rules)), (0, "", ""))
+            since = len(self.lines)
+            for host, reason in (("www.bets.example", "category 6 (Gambling)" + bets),
+                                 ("www.shut.example", "black list")):
+                self.until(lambda: self.curl("-4", host)[0] == 56)  # reset
+                self.lines.wait(lambda line: f"by the web policy, {reason}" in line and host in line,
+                                since=since)
         self.write(block_list, "||free.example^\n")
         self.avcore.send_signal(signal.SIGHUP)
         # Known by its DNS name: the verdict mostly comes before the server's first answer.

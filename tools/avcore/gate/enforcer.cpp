@@ -3,6 +3,7 @@
 #include "avcore/category_names.h"
 #include "avcore/printable.h"
 #include "avcore/report.h"
+#include "control/records/arc.h"
 #include "core/text/text.h"
 
 #include <iterator>
@@ -86,11 +87,12 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
 }
 
 // A category decides, or an entry of the black list; with that one the record has the category of
-// the administrator's definition, where one names the flow.
+// the administrator's definition, where one names the flow. That is mostly none of the web's.
 std::string web_reason(const av_verdict &verdict) {
-    if (verdict.app_cat_id == 0)
+    const bool is_defined = verdict.match_info != 0;
+    if (verdict.app_cat_id == 0 || (is_defined && verdict.app_cat_id == CATEGORY_USER_DEFINED))
         return "black list";
-    return category_text(verdict.app_cat_id) + (verdict.match_info != 0 ? " or black list" : "");
+    return category_text(verdict.app_cat_id) + (is_defined ? " or black list" : "");
 }
 
 // An application policy goes by the profile of the frame's sender, or else of its receiver.
