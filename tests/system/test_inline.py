@@ -396,10 +396,26 @@ class Layout:
                 self.until(lambda: self.curl("-4", host)[0] == 56)  # reset
                 self.lines.wait(lambda line: f"by the web policy, {reason}" in line and host in line,
                                 since=since)
-        self.write(block_list, "||free.example^\n")
-        self.avcore.send_signal(signal.SIGHUP)
+
+        def read_again(says):
+            since = len(self.lines)
+            self.avcore.send_signal(signal.SIGHUP)
+            self.lines.wait(lambda line: line.endswith(says), since=since)
+
         # Known by its DNS name: the verdict mostly comes before the server's first answer.
-        self.until(lambda: self.curl("-4", "free.example")[0] in (7, 56))  # refused, or reset
+        refused = 7, 56  # the connection, or by a reset
+        self.write(block_list, "||free.example^\n")
+        read_again("the categories were read again")
+        self.until(lambda: self.curl("-4", "free.example")[0] in refused)
+        os.unlink(block_list)
+        read_again("No such file or directory; the categories stay as they were")
+        os.mkfifo(block_list)
+        read_again("isn't a regular file; the categories stay as they were")
+        self.until(lambda: self.curl("-4", "free.example")[0] in refused)
+        os.unlink(block_list)
+        self.write(block_list, "||bets.example^\n")
+        read_again("the categories were read again")
+        self.until(lambda: self.curl("-4", "free.example") == (0, "200 " + SERVERS[4]))
 
     def avcore_is_scheduled(self, policy):
         return os.sched_getscheduler(self.avcore.pid) & SCHED_POLICY == policy

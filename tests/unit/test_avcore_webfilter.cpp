@@ -150,8 +150,10 @@ TEST_F(AvcoreLists, AddUpUnlessALineSaysAll) {
     EXPECT_EQ(categories(list, "x.many.example"), ids{9});
     EXPECT_EQ(categories(list, "abet.example"), ids{});
     EXPECT_EQ(list.answer("abet.example").status, 5);
-    for (const std::string &source : {ads + "=Real Estates", ads + "=", folder + "none=6",
-                                      folder + "=6", std::string("/dev/zero=6")})
+    ASSERT_EQ(mkfifo((folder + "fifo").c_str(), 0600), 0); // nobody will ever write into it
+    for (const std::string &source :
+         {ads + "=Real Estates", ads + "=", folder + "none=6", folder + "=6",
+          std::string("/dev/zero=6"), folder + "fifo=6", folder + "fifo"})
         EXPECT_THROW(category_list::read({source}), config_error) << source;
 }
 

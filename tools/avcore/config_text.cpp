@@ -1,20 +1,30 @@
 #include "avcore/config_text.h"
 
 #include "avcore/config.h"
-#include "unique_fd.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace avcore {
 
+unique_fd open_config(const std::string &path) {
+    unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status = {};
+    if (!file.valid() || fstat(file.get(), &status) != 0)
+        throw config_error(path + ": " + strerror(errno));
+    if (!S_ISREG(status.st_mode))
+        throw config_error(path + ": isn't a regular file");
+    return file;
+}
+
 std::string read_config_text(const std::string &path, size_t limit) {
-    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd file = open_config(path);
     std::string text(limit + 1, '\0');
     size_t size = 0;
-    ssize_t count = file.valid() ? 1 : -1;
+    ssize_t count = 1;
     while (count > 0 && size < text.size()) {
         count = read(file.get(), text.data() + size, text.size() - size);
         size += static_cast<size_t>(std::max<ssize_t>(count, 0));

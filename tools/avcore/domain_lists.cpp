@@ -1,6 +1,7 @@
 #include "avcore/domain_lists.h"
 
 #include "avcore/config.h"
+#include "avcore/config_text.h"
 #include "avcore/domain_table.h"
 #include "avcore/host_text.h"
 #include "avcore/ip_address.h"
@@ -9,7 +10,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <ext/stdio_filebuf.h>
+#include <istream>
 #include <vector>
 
 namespace avcore {
@@ -137,9 +139,8 @@ private:
 
 list_counts read_domain_list(const std::string &path,
                              const std::function<bool(std::string_view)> &take) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw config_error(path + ": " + strerror(errno));
+    __gnu_cxx::stdio_filebuf<char> buffer(open_config(path).release(), std::ios::in);
+    std::istream in(&buffer);
     list_reader reader(take);
     reader.read(in, path);
     return reader.counts();
