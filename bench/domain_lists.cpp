@@ -154,20 +154,30 @@ double median(std::vector<figures> runs, double figures::*figure) {
     return runs[runs.size() / 2].*figure;
 }
 
+// 0 for a command line that isn't understood.
 size_t names_asked_for(int argc, char *argv[]) {
     if (argc == 3 && std::string(argv[1]) == "--names")
         return strtoull(argv[2], nullptr, 10);
-    return NAMES_BY_DEFAULT;
+    return argc == 1 ? NAMES_BY_DEFAULT : 0;
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
+    const size_t count = names_asked_for(argc, argv);
+    if (count == 0) {
+        fputs("usage: domain_lists [--names N], N at least 1\n", stderr);
+        return EXIT_FAILURE;
+    }
     char path[] = "/tmp/domain_lists.XXXXXX";
-    close(mkstemp(path));
+    const int file = mkstemp(path);
+    if (file < 0) {
+        perror("domain_lists: no file in /tmp");
+        return EXIT_FAILURE;
+    }
+    close(file);
     std::vector<std::string> listed;
     std::vector<std::string> unlisted;
-    size_t count = names_asked_for(argc, argv);
     {
         const std::vector<std::string> names = make_names(count);
         std::ofstream out(path);
