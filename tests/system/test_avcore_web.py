@@ -89,6 +89,8 @@ class AvcoreWeb(SystemTest):
         self.assertEqual((status, re.findall(r"-: (\S+)", said)), (
             0, ["/policies/0/rules/2/app_name", "/policies/0/rules/3/app_name",
                 "/policies/0/utp_id:", "/wificalling_interfaces/1/ifname"]), said)
+        known = subprocess.run([jorn_path("avcore"), "applications"], capture_output=True, text=True)
+        self.assertRegex(known.stdout, r"\Aapp_id +cat_id +(?s:.*)\n\d+ +1 +YouTube +Media\n")
 
     def test_late_answers_deny(self):
         self.start("--url-agent-delay", "1000")
