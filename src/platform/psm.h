@@ -52,11 +52,13 @@ int psm_wlan_pgetAvcEn(struct psm_xact *xact, const char *ifname, int *enable);
 // NUL into `text`. Returns 0, nonzero when none is configured.
 int psm_webroot_server_pgetName(struct psm_xact *xact, char *text, size_t size);
 
-// Asks the URL-filtering agent for the web categories of a domain. Returns a negative value when
-// there was no answer; else the reply counts. Blocks until the answer is there.
+// Asks the URL-filtering agent for the web categories of a domain. Blocks until the answer is
+// there. Returns 0 when the reply was written, nonzero with the reply left as it was: a negative
+// value when there was no answer; after a positive one the daemon takes zeros for the answer.
 int psm_urlfilter_get_category(const struct urlf_request *request, struct urlf_reply *reply);
 
-// The names of the web categories by their ids 0 to 83; a name begins at its row's second byte.
+// The names of the web categories by their ids 0 to 83. A name begins at its row's second byte,
+// isn't empty and ends with a NUL; the first byte is anything.
 extern const char g_cat_map[84][66];
 
 // Writes the running firmware's version as text with its NUL into `text`, a buffer of `size` bytes,

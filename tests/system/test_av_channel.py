@@ -130,32 +130,50 @@ class AvChannel(SystemTest):
 
 
 class PlatformCheck(SystemTest):
-    def checked(self):
-        done = subprocess.run([jorn_path("platform_check")], capture_output=True, text=True,
-                              timeout=100)
-        failed = [line.split(": ")[0] for line in done.stdout.splitlines() if line[:4] == "FAIL"]
+    def checked(self, program="platform_check"):
+        """The statements that aren't so, and what has no answer, by the check."""
+        done = subprocess.run([jorn_path(program)], capture_output=True, text=True, timeout=100)
+        *checks, summary = done.stdout.splitlines()
+        failed, unanswered = (dict(line.removeprefix(word + "  ").split(": ", 1) for line in checks
+                                   if line.startswith(word)) for word in ("FAIL", "unanswered"))
+        self.assertEqual(len([line for line in checks if line.startswith("pass  ")]),
+                         9 - len(failed) - len(unanswered), done.stdout)
+        self.assertEqual(summary.split(";")[0], f"{len(failed)} failed, {len(unanswered)} unanswered")
         self.assertEqual(done.returncode, 1 if failed else 0, done.stdout)
-        self.assertEqual(done.stdout.count("pass  "), 9 - len(failed), done.stdout)
-        return failed
+        return {what: said.split(": ", 1)[-1] for what, said in failed.items()}, unanswered
 
     def test_our_library_passes_and_what_is_behind_it_is_checked(self):
-        self.assertEqual(self.checked(), [])
+        failed, unanswered = self.checked()
+        self.assertEqual((failed, unanswered["web categories"]),
+                         ({}, "psm_urlfilter_get_category returned -1"))
         platform = self.platform(base_mac="00:1A:2B:3C:4D:5E", fw_version="v" * 100,
                                  webroot_server="w" * 100)
         platform.domains["192.0.2.1"] = (1, 1, 1, "n" * 100)
 
         def answer(category, flows):
             platform.answers[OP_CATEGORY] = lambda _: (
-                0, struct.pack("=8i116x", 0, 80, 5, 17, 29, 40, category, 4))
+                0, struct.pack("=8i116x", 0, 80, 5, 17, 29, 40, category, 7))
             platform.answers[OP_ROAM] = lambda _: (0, struct.pack("=I", flows) + bytes(132 * flows))
 
         answer(category=83, flows=0)
-        self.assertEqual(self.checked(), [])
+        self.assertEqual(self.checked(), ({}, {"message bus": "wdlm_fd returned -1"}))
         answer(category=84, flows=1)
         platform.values |= {"base_mac": "00:1a:2b:3c:4d:5e", "avc_enable/nosuch0": "1"}
-        self.assertEqual(self.checked(), [
-            "FAIL  memory, DPI engine, firmware, base MAC", "FAIL  configuration store",
-            "FAIL  web categories", "FAIL  flows of a station"])
+        self.assertEqual([*self.checked()[0]], [
+            "memory, DPI engine, firmware, base MAC", "configuration store", "web categories",
+            "flows of a station"])
+
+    def test_each_check_finds_a_fault(self):
+        self.assertEqual(self.checked("platform_check_wrong"), ({
+            "memory, DPI engine, firmware, base MAC":
+                'strchr(i % 3 == 2 ? ":" : "0123456789ABCDEF", text.bytes[i]) != NULL',
+            "configuration store": "enable == (result == 0 ? 0 : PATTERN)",
+            "web categories": "g_cat_map[id][1] != '\\0'",
+            "name of an address": "memchr(buffer->bytes, '\\0', size) != NULL",
+            "flows of a station": '!is_answer("psms_rflow_get_roam", result) || count == 0',
+            "verdict, and line for the log": "memcmp(&record, &before, sizeof record) == 0",
+            "interface that can't be": "psms_av_set_dev_av(name, 0) != 0",
+            "message bus": "bus != NULL", "crash dump": "info.st_size > 0"}, {}))
 
 
 if __name__ == "__main__":
