@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <openssl/evp.h>
 
-// A ClientHello with nothing but a server's name, or without it.
-inline octets client_hello_for(std::string_view host) {
+// A ClientHello with nothing but a server's name, or without it, and further extensions.
+inline octets client_hello_for(std::string_view host, const octets &extensions = {}) {
     const octets list = octets{0} + be16(host.size()) + octets_of(host);
-    const octets name = be16(0) + be16(list.size() + 2) + be16(list.size()) + list;
+    const octets named = be16(0) + be16(list.size() + 2) + be16(list.size()) + list + extensions;
     const octets body = octets{3, 3} + octets(32, 7) + octets{0, 0, 2, 0x13, 1, 1, 0} +
-                        (host.empty() ? octets() : be16(name.size()) + name);
+                        (host.empty() ? octets() : be16(named.size()) + named);
     return octets{1, 0} + be16(body.size()) + body;
 }
 

@@ -3,7 +3,7 @@
 #include "avcore/dns_names.h"
 #include "avcore/dpi.h"
 #include "avcore/frame_builder.h"
-#include "support/frames.h"
+#include "support/quic_packets.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -188,6 +188,9 @@ TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
     frame_builder builder(settings, "");
     const bytes ok = "HTTP/1.1 200 OK\r\n\r\n";
     const bytes longest = bytes(60, 'a') + '.' + bytes(60, 'b') + ".example";
+    const bytes server_hello("\x16\3\3\0\4\2\0\0\0", 9);
+    const octets ech = be16(0xFE0D) + be16(4) + octets(4, 9); // in the hellos of all rows of TLS
+    const bytes tls = "HTTP Protocol over TLS SSL";
     const struct {
         bytes host, answer, told, own; // told to the daemon, the flow's own name
         uint32_t client = 0x0A01000C;
@@ -196,6 +199,11 @@ TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
         {longest, ok, longest.substr(longest.size() - 63), longest.substr(longest.size() - 63)},
         {"www.youtube.com", ok, "YouTube", ""},
         {"public.tls-ech.dev", ok, "HTTP", ""},
+        {"public.tls-ech.dev", server_hello, tls, ""},
+        {"cover.defo.ie", server_hello, tls, ""},
+        {"cloudflare-ech.com", server_hello, tls, ""},
+        {"ech-public.atmeta.com", server_hello, tls, ""},
+        {"shop.example", server_hello, "shop.example", "shop.example"},
         {"shop.example", "SSH-2.0", "HTTP", ""},
         {"shop.example", http_redirect_to(1), "HTTP", "shop.example"},
         {"shop.example", ok, "HTTP", "shop.example", 0x0A02000C}, // where URLs are filtered
@@ -209,8 +217,14 @@ TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
             captured.bytes = frame;
             return *builder.build(captured);
         };
-        build(tcp(++port, 80, "GET / HTTP/1.1\r\nHost: " + row.host + "\r\n\r\n"), true);
-        const auto built = build(tcp(80, port, row.answer), false);
+        const octets hello = client_hello_for(row.host, ech);
+        const bytes record =
+            "\x16\3\1" + u16(unsigned(hello.size())) + bytes(hello.begin(), hello.end());
+        const bytes get = "GET / HTTP/1.1\r\nHost: " + row.host + "\r\n\r\n";
+        const bool over_tls = row.answer == server_hello;
+        const unsigned to = over_tls ? 443 : 80;
+        build(tcp(++port, to, over_tls ? record : get), true);
+        const auto built = build(tcp(to, port, row.answer), false);
         EXPECT_EQ(built.frame.trailer().dpi_app_name, row.told) << row.host;
         EXPECT_EQ(built.frame.trailer().dpi_app_id != 0, row.told != row.own) << row.host;
         EXPECT_EQ(built.flow.row.own_name, row.own) << row.host << row.answer;
