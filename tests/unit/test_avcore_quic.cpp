@@ -38,7 +38,8 @@ protected:
     std::string name;
 };
 
-// That a whole packet is the RFC's follows from its tag. Of the draft it is the beginning.
+// That a whole packet is the RFC's follows from its tag. Of the draft's it is the beginning, which
+// shows the keys.
 TEST_F(AvcoreQuic, ReadsTheVectors) {
     const octets frames = from_hex(
         "060040f1010000ed0303ebf8fa56f12939b9584a3896472ec40bb863cfd3e86804fe3a47f06a2b69484c000004"
@@ -73,6 +74,8 @@ TEST_F(AvcoreQuic, ReadsTheVectors) {
     EXPECT_EQ(
         initial_packet(from_hex("060040c4010000c003036660261ff947"), words).substr(0, 38),
         from_hex("c5ff00001d088394c8f03e5157080000449e4a95245bfb66bc5f93032b7ddd89fe0ff15d9c4f"));
+    EXPECT_EQ(look(initial_packet(frames, words)), outcome::read);
+    EXPECT_EQ(name, "example.com");
 }
 
 TEST_F(AvcoreQuic, PiecesMakeAHelloOrAreInVain) {
@@ -193,6 +196,24 @@ TEST_F(AvcoreQuicEngine, SaysMoreUntilTheHelloIsReadOrInVain) {
     inspect(initial_packet(end), MAX_AGE_US + 2);
     EXPECT_STRNE(inspect(initial_packet(begin), MAX_AGE_US + 3), "YouTube") << "it was given up";
     EXPECT_FALSE(done) << "nDPI isn't through";
+
+    // nDPI doesn't know version 2, and so comes to an end with other packets.
+    ++port;
+    inspect(initial_packet(end, {.version = QUIC_V2}));
+    for (int i = 0; i < 4; ++i)
+        inspect({0xAA});
+    EXPECT_EQ(trailer.dpi_status, AV_DPI_MORE_PACKETS);
+    EXPECT_FALSE(done);
+    EXPECT_STREQ(inspect(initial_packet(begin, {.version = QUIC_V2})), "YouTube");
+    EXPECT_TRUE(done);
+
+    ++port;
+    inspect(initial_packet(end));
+    for (unsigned i = 2; i < dpi_engine::MAX_OTHER_PACKETS; ++i)
+        inspect({0x40});
+    EXPECT_FALSE(done);
+    EXPECT_STREQ(inspect(initial_packet(begin)), "HTTP Protocol over TLS SSL");
+    EXPECT_TRUE(done) << "no piece is awaited any more";
 }
 
 // Behind the packets there are zeros, which no other packet follows.
