@@ -1,4 +1,5 @@
 """avcore behind the web filter and Wi-Fi calling: categories, late answers, safe search, tags."""
+import glob
 import re
 
 from records import *
@@ -89,6 +90,11 @@ class AvcoreWeb(SystemTest):
         self.assertEqual((status, re.findall(r"-: (\S+)", said)), (
             0, ["/policies/0/rules/2/app_name", "/policies/0/rules/3/app_name",
                 "/policies/0/utp_id:", "/wificalling_interfaces/1/ifname"]), said)
+        for example in glob.glob(os.path.dirname(os.path.realpath(__file__)) + "/../../examples/*.json"):
+            if "schema" not in example:
+                command(UTP_FLUSH)  # or it is warned that the other table's are lost
+                status, _, said = jornctl("apply", "--strict", example)
+                self.assertEqual(status, 0, said)
         known = subprocess.run([jorn_path("avcore"), "applications"], capture_output=True, text=True)
         self.assertRegex(known.stdout, r"\Aapp_id +cat_id +(?s:.*)\n\d+ +1 +YouTube +Media\n")
 

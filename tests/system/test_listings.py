@@ -2,6 +2,8 @@
 from records import *
 
 USERDEF_SHOW, PORT_SHOW, UTP_SHOW = 7, 14, 25
+SENT = ("sent 1 policy, 2 UTPs, 1 application, 1 web policy, 1 web UTP, 1 web interface, 1 carrier, "
+        "1 Wi-Fi calling interface\n")
 EXAMPLE = os.path.join(os.path.dirname(__file__), "../../examples/access-point.json")
 REPLY_MAX = 122_879
 NOUNS = {"applications": (), "utps": (), "priority": ("10",), "url": ("wlan0",),
@@ -79,7 +81,7 @@ NO:2
 
     def test_a_whole_configuration(self):
         for _ in range(2):
-            self.assertEqual(jornctl("apply", EXAMPLE), (0, "", ""))
+            self.assertEqual(jornctl("apply", EXAMPLE), (0, SENT, ""))
             before = shown()
         self.assertEqual([len(before[noun]) for noun in ("applications", "utps", "wifi-calling")],
                          [1, 2, 1])
@@ -121,6 +123,14 @@ NO:2
                 self.assertEqual((status, complaints.count("\n")), (0, len(said)), complaints)
                 for part in said:
                     self.assertIn(part, complaints)
+        # That the daemon has no policy at all is known before anything is sent.
+        lonely = {"utps": [{"id": 9, "uuid": "u"}], "web_utps": []}
+        for policies, utp in ([], None), ([{"utp_id": 1}], 9):
+            jornctl("apply", "-", document={"policies": policies, "utps": [], "web_utps": []})
+            status, sent, complaints = jornctl("apply", "--strict", "-", document=lonely)
+            self.assertEqual((status, sent == "", "/utps/0/uuid: the daemon has no" in complaints),
+                             (1, utp is None, True), complaints)
+            self.assertEqual(utp is not None, "UTP ID    : 9" in jornctl("show", "utps")[1])
 
 
 if __name__ == "__main__":

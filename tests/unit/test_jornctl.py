@@ -126,6 +126,12 @@ class Jornctl(unittest.TestCase):
         status, _, said = self.run_it("write", before=powerless if os.geteuid() == 0 else ())
         self.assertEqual((status, said), (
             1, f"jornctl: you may not use the socket {self.socket}: Permission denied\n"))
+        os.environ["JORN_AV_SOCK"] = self.socket
+        self.addCleanup(os.environ.pop, "JORN_AV_SOCK")
+        status, _, said = self.run_it("apply", "--check", "--strict", "-", document={"policies": []},
+                                      before=powerless if os.geteuid() == 0 else ())
+        self.assertEqual((status, said), (0, "jornctl: avcore isn't asked, for you may not use its "
+                                             f"socket {self.socket}: Permission denied\n"))
 
     def test_warnings_are_faults_on_demand(self):
         document = {"carriers": []}

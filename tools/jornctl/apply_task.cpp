@@ -24,19 +24,23 @@ public:
         warn_of_unnamed_bindings();
         warn_of_lost_utps();
         warn_of_lost_web_utps();
+        if (leaves_policies_to_daemon() && !daemon_.has_policies())
+            warn_of_lonely_utps([](const utp_entry_wire &) { return true; });
     }
 
-    // Of UTP entries whose policies only the daemon may have: whether they found them.
+    // Of UTP entries whose policies only the daemon may have: whether they found them. It shows no
+    // uuid of a policy beforehand, only whether there is any.
     void warn_afterwards() {
-        if (read_.utps && !read_.policies && has_uuid(*read_.utps))
-            warn_of_lonely_utps(daemon_.list(CMD_UTP_SHOW_REQ));
+        if (leaves_policies_to_daemon() && daemon_.has_policies())
+            warn_of_utps_left_lonely();
         if (read_.web_utps && !read_.web_policies)
             warn_of_lonely_web_utps();
     }
 
 private:
-    static bool has_uuid(const std::vector<utp_entry_wire> &entries) {
-        return std::ranges::any_of(entries,
+    bool leaves_policies_to_daemon() const {
+        return read_.utps && !read_.policies &&
+               std::ranges::any_of(*read_.utps,
                                    [](const auto &entry) { return entry.uuid[0] != '\0'; });
     }
 
@@ -91,15 +95,22 @@ private:
                                    [=](const auto &each) { return each.utp_id == utp_id; });
     }
 
-    void warn_of_lonely_utps(const ordered_json &listed) {
+    template <typename IsLonely>
+    void warn_of_lonely_utps(const IsLonely &is_lonely) {
         for (size_t i = 0; i < read_.utps->size(); ++i) {
             const utp_entry_wire &entry = (*read_.utps)[i];
-            const auto is_lonely = [&](const ordered_json &each) {
-                return each["id"] == entry.id && each["arc_policy"] == "None";
-            };
-            if (entry.uuid[0] != '\0' && std::ranges::any_of(listed, is_lonely))
+            if (entry.uuid[0] != '\0' && is_lonely(entry))
                 warn_of_lonely("utps", i, entry);
         }
+    }
+
+    void warn_of_utps_left_lonely() {
+        const ordered_json listed = daemon_.list(CMD_UTP_SHOW_REQ);
+        warn_of_lonely_utps([&](const utp_entry_wire &entry) {
+            return std::ranges::any_of(listed, [&](const ordered_json &each) {
+                return each["id"] == entry.id && each["arc_policy"] == "None";
+            });
+        });
     }
 
     void warn_of_lonely_web_utps() {
@@ -126,6 +137,14 @@ private:
         ordered_json list(command_number command) const {
             const listing &wanted = listing_of(command);
             return wanted.parse(ask(daemon, wanted, {}));
+        }
+        bool has_policies() const {
+            for (uint32_t id = UTP_ID_MIN; id <= UTP_ID_MAX; ++id) {
+                const std::string reply = daemon.send({CMD_CHECK_PRIORITY_REQ, record_bytes(id)});
+                if (refusal_in(CMD_CHECK_PRIORITY_REQ, reply).empty())
+                    return true;
+            }
+            return false;
         }
         std::optional<ordered_json> web_utp(uint32_t id) const {
             const listing &wanted = listing_of(CMD_UTP_WEB_POLICY_SHOW_REQ);
@@ -182,6 +201,40 @@ void send_all(const std::vector<command> &commands, const client &daemon) {
     }
 }
 
+struct table_count {
+    const char *one;
+    const char *more;
+    std::optional<size_t> (*of)(const document &sent); // nothing for a table that isn't mentioned
+};
+
+template <auto Table>
+std::optional<size_t> size_of(const document &sent) {
+    return sent.*Table ? std::optional((sent.*Table)->size()) : std::nullopt;
+}
+
+constexpr table_count COUNTS[] = {
+    {"policy", "policies", size_of<&document::policies>},
+    {"UTP", "UTPs", size_of<&document::utps>},
+    {"application", "applications", size_of<&document::applications>},
+    {"web policy", "web policies", size_of<&document::web_policies>},
+    {"web UTP", "web UTPs", size_of<&document::web_utps>},
+    {"web interface", "web interfaces", size_of<&document::web_interfaces>},
+    {"carrier", "carriers", size_of<&document::carriers>},
+    {"Wi-Fi calling interface", "Wi-Fi calling interfaces",
+     size_of<&document::wificalling_interfaces>},
+};
+
+std::string counts_of(const document &sent) {
+    std::string text;
+    for (const table_count &each : COUNTS) {
+        const std::optional<size_t> count = each.of(sent);
+        if (count)
+            text += (text.empty() ? "" : ", ") + std::to_string(*count) + ' ' +
+                    (*count == 1 ? each.one : each.more);
+    }
+    return text;
+}
+
 } // namespace
 
 int apply_document(const apply_settings &wanted, const client &daemon) {
@@ -200,6 +253,10 @@ int apply_document(const apply_settings &wanted, const client &daemon) {
     read->found.forget_warnings();
     daemon_checks(*read, daemon).warn_afterwards();
     print_warnings(*read, wanted.file);
+    std::cout << "sent " << counts_of(*read) << '\n';
+    if (wanted.strict && read->found.has_warnings())
+        throw refused(wanted.file + ": --strict takes no warnings, but this one shows only when "
+                                    "all is sent");
     return STATUS_DONE;
 }
 

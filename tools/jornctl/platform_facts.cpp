@@ -1,8 +1,10 @@
 #include "jornctl/platform_facts.h"
 
 #include "av_questions.h"
+#include "jornctl/complain.h"
 #include "unique_fd.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <poll.h>
@@ -32,6 +34,9 @@ public:
         socket_ = unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         const auto *name = reinterpret_cast<const sockaddr *>(&address);
         is_open_ = connect(socket_.get(), name, sizeof address) == 0;
+        if (!is_open_ && (errno == EACCES || errno == EPERM))
+            complain("avcore isn't asked, for you may not use its socket " + std::string(path) +
+                     ": " + strerror(errno));
     }
 
     // The answer's body; nothing where there is no answer, or one that says no.
