@@ -191,6 +191,36 @@ TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
     EXPECT_NE(table.str().find(" 10  02:00:00:00:00:01\n"), std::string::npos) << table.str();
 }
 
+TEST_F(AvcoreFlows, TheReportPutsAFlowsOwnNameWhereItStandsAmongTheDaemons) {
+    const struct {
+        const char *who, *shown;
+        uint32_t match_info, path;
+        const char *engine;
+    } rows[] = {
+        {"DNS", "own.example", 0, 0, "HTTP"},
+        {"the web", "own.example", 0, AV_DECIDED_BY_WEB, "HTTP"},
+        {"the web, past the administrator", "own.example", 1, AV_DECIDED_BY_WEB, "HTTP"},
+        {"the administrator", "theirs.example", 1, 0, "HTTP"},
+        {"the engine", "theirs.example", 0, 0, "YouTube"},
+        {"a carrier", "theirs.example", 0, AV_DECIDED_BY_WIFICALLING, "HTTP"},
+    };
+    flow_row &flow = flows.count_frame(tcp_frame("10.1.0.2", 1, "192.0.2.7", 2), 10).row;
+    flow.own_name = "own.example";
+    for (const auto &row : rows) {
+        av_verdict verdict = {};
+        copy_text(verdict.app_name, "theirs.example");
+        verdict.match_info = row.match_info;
+        verdict.wificalling_f = row.path;
+        av_pkt_trailer trailer = {};
+        trailer.dpi_status = AV_DPI_IDENTIFIED;
+        copy_text(trailer.dpi_app_name, row.engine);
+        flows.set_verdict(flow.id, verdict, trailer);
+        std::ostringstream json;
+        print_json(json, flows, nullptr);
+        EXPECT_NE(json.str().find(row.shown), std::string::npos) << row.who << json.str();
+    }
+}
+
 ip_address address(const char *text) {
     return *ip_address::parse(text);
 }

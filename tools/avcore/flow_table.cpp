@@ -81,7 +81,10 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict,
         row.application = application_text(row, name);
     row.wificalling = verdict.wificalling_f == AV_DECIDED_BY_WIFICALLING;
     row.wfc_priority = row.wificalling ? verdict.qos.mark_type : 0;
-    row.own_name_first = !row.wificalling && verdict.match_info == 0 && !names_application(trailer);
+    // The web's goes by the host that the client showed, whatever the administrator calls it.
+    const bool by_administrator =
+        verdict.match_info != 0 && verdict.wificalling_f != AV_DECIDED_BY_WEB;
+    row.own_name_first = !row.wificalling && !by_administrator && !names_application(trailer);
     row.wfc_fqdn = row.wificalling ? field_text(verdict.wfc_fqdn) : std::string_view();
     return &row;
 }

@@ -36,7 +36,7 @@ struct flow_row {
     std::string application;     // any bytes, as the daemon sent them but for stand-ins
     std::string host;            // that the client showed in a handshake; any bytes, as sent
     std::string own_name;        // by a handshake that the server took, where DPI knows no better
-    bool own_name_first = false; // the last verdict's name is of somebody who wasn't told it
+    bool own_name_first = false; // whoever gave the last verdict its name stands behind it
     int64_t last_us = 0;         // of the last frame's capture
     std::string server_name;     // see note_frame
     row_enforcement enforcement;

@@ -70,7 +70,8 @@ std::string verdict_text(const flow_row &row) {
     return row.outdated ? text + " (outdated)" : text;
 }
 
-// As it is in the next verdict, where the last one's frame couldn't say it.
+// The daemon doesn't learn a flow's own name from each frame, and from none where URLs are
+// filtered: a verdict then has another's, the host as the client wrote it, or no name.
 const std::string &application_of(const flow_row &row) {
     return row.own_name_first && !row.own_name.empty() ? row.own_name : row.application;
 }
