@@ -41,7 +41,7 @@ void check_shown(const ipv6_packet &packet, const fed_frame &frame, size_t captu
 void check_cut(std::span<const uint8_t> ipv4) {
     const std::span<const uint8_t> payload = udp_payload(ipv4);
     std::vector<uint8_t> again;
-    for (const std::vector<uint8_t> &packet : cut_datagrams(ipv4, payload.size() / 3)) {
+    for (const std::vector<uint8_t> &packet : cut_datagrams(ipv4, payload.size() / 3, 5)) {
         const std::span<const uint8_t> part = udp_payload(packet);
         again.insert(again.end(), part.begin(), part.end());
     }

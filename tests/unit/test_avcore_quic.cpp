@@ -223,6 +223,7 @@ TEST_F(AvcoreQuicEngine, CutsWhatSegmentationJoined) {
     payload += initial_packet(begin, {.frames_size = 0});
     EXPECT_STREQ(inspect(payload, 0, 1100), "");
     EXPECT_STREQ(inspect(payload, 0, 1200), "YouTube");
+    EXPECT_EQ(cut_datagrams(ipv4(17, udp(1, 2, "four")), 1, 3).size(), 3u);
 }
 
 } // namespace

@@ -114,8 +114,8 @@ std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4) {
                         datagram.first(size).size() - UDP_HEADER_SIZE);
 }
 
-std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4,
-                                                size_t segment_size) {
+std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,
+                                                size_t most) {
     std::span<const uint8_t> payload = udp_payload(ipv4);
     std::vector<std::vector<uint8_t>> packets;
     if (payload.empty() || segment_size == 0) {
@@ -124,7 +124,7 @@ std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4,
     }
     const size_t headers_size = ipv4_header_size({ipv4.data(), ipv4.size()}) + UDP_HEADER_SIZE;
     const auto headers = ipv4.first(headers_size);
-    while (!payload.empty()) {
+    while (!payload.empty() && packets.size() < most) {
         const auto segment = payload.first(std::min(segment_size, payload.size()));
         payload = payload.subspan(segment.size());
         std::vector<uint8_t> &packet = packets.emplace_back(headers.begin(), headers.end());

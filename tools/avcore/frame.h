@@ -74,7 +74,8 @@ std::span<const uint8_t> ipv4_packet(std::span<const uint8_t> frame);
 std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4);
 
 // The packets that segmentation joined to such a one of UDP, each as it was on the wire but for its
-// checksums.
-std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size);
+// checksums; `most` of them from the first on.
+std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,
+                                                size_t most);
 
 } // namespace avcore

@@ -133,8 +133,10 @@ name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uin
         look(packet);
         return lesson;
     }
+    // A client may have thousands joined to one copy; the engine looks at no more of a flow.
+    constexpr size_t most = dpi_engine::MAX_OTHER_PACKETS;
     const av_pkt_trailer unseen = trailer;
-    for (const std::vector<uint8_t> &one : cut_datagrams(packet, frame.segment_size)) {
+    for (const std::vector<uint8_t> &one : cut_datagrams(packet, frame.segment_size, most)) {
         trailer = unseen;
         look(one);
     }
