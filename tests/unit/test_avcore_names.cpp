@@ -48,6 +48,15 @@ dns_answer read(std::initializer_list<bytes> records, const bytes &asked = name(
 
 const bytes ASKED = "\xC0\x0C"; // a pointer to the question's name
 
+// The address of a name that as many pointers lead to, which lie in a record before it.
+dns_answer read_behind_pointers(unsigned count) {
+    unsigned at = 33 + 12;
+    bytes pointers = ASKED;
+    for (; count > 2; --count, at += 2)
+        pointers += u16(0xC000 | at);
+    return read({record(ASKED, 16, pointers), address("192.0.2.1", u16(0xC000 | at))});
+}
+
 TEST(AvcoreDns, FollowsAliasesBackToTheNameAsked) {
     // In any order, in any letter case, and past addresses of other names.
     const dns_answer answer = read({address("192.0.2.1", name("EDGE.example.net")),
@@ -63,6 +72,7 @@ TEST(AvcoreDns, FollowsAliasesBackToTheNameAsked) {
 TEST(AvcoreDns, HostileAnswersTeachNothing) {
     const bytes good = address("192.0.2.1", ASKED);
     EXPECT_EQ(read({good}).findings.size(), 1u);
+    EXPECT_EQ(read_behind_pointers(127).findings.size(), 1u);
     const struct {
         const char *what;
         dns_answer answer;
@@ -73,6 +83,7 @@ TEST(AvcoreDns, HostileAnswersTeachNothing) {
         {"a name that points at itself", read({good}, ASKED)},
         {"a name that points forward", read({good}, "\xC0\x20")},
         {"a name with a loop behind a label", read({good}, "\1a\xC0\x0C")},
+        {"more pointers than a name has labels", read_behind_pointers(128)},
         {"a reserved label type", read({good}, "\x80x")},
         {"a control character", read({good}, bytes("\3a\nb\0", 5))},
         {"a NUL", read({good}, bytes("\3a\0b\0", 5))},

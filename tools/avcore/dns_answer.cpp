@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t QUESTION_TAIL_SIZE = 4; // type and class
 constexpr size_t NAME_MAX_SIZE = 253;
+constexpr unsigned POINTERS_MAX = 127; // one before each label of the longest name
 constexpr unsigned RECORDS_MAX = 256;
 constexpr unsigned CNAME_CHAIN_MAX = 16;
 constexpr uint16_t TYPE_A = 1;
@@ -70,21 +71,20 @@ std::string reader::name() {
     std::string text;
     size_t at = offset_;
     size_t lowest = offset_; // each pointer leads below this: no loops
-    bool jumped = false;
+    unsigned pointers = 0;
     while (at < message_.size()) {
         const uint8_t length = message_.u8(at);
         if ((length & 0xC0) == 0xC0) {
             const size_t target = message_.u16(at) & 0x3FFFu;
-            if (!jumped)
+            if (pointers == 0)
                 skip(at + 2 - offset_);
-            if (target >= lowest || failed_)
+            if (target >= lowest || failed_ || ++pointers > POINTERS_MAX)
                 break;
-            jumped = true;
             at = lowest = target;
             continue;
         }
         if (length == 0) {
-            if (!jumped)
+            if (pointers == 0)
                 skip(at + 1 - offset_);
             return text;
         }

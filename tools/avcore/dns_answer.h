@@ -1,7 +1,8 @@
 // Reads a DNS answer (RFC 1035, RFC 3596): which addresses the name that was asked has.
 //
-// The message comes from the network and is believed in nothing: pointers lead backwards only,
-// lengths are checked, and a name that holds anything but printable characters is none.
+// The message comes from the network and is believed in nothing: pointers lead backwards only and
+// are counted, lengths are checked, and a name that holds anything but printable characters is
+// none.
 #pragma once
 
 #include "avcore/ip_address.h"
