@@ -508,8 +508,8 @@ class Routed(Layout, InlineTest):
                                    capture_output=True, check=True).stdout
                     for way in ("ingress", "egress")]
 
-        def avcore(*words):
-            done = subprocess.run([jorn_path("avcore"), *words], text=True, capture_output=True)
+        def avcore(*words, before=()):
+            done = subprocess.run([*before, jorn_path("avcore"), *words], text=True, capture_output=True)
             return done.returncode, done.stdout + done.stderr
 
         before = filters()
@@ -537,6 +537,10 @@ class Routed(Layout, InlineTest):
         attached = filters()
         self.assertEqual([text.count("direct-action") for text in attached], [1, 1], attached)
         self.assertEqual(avcore("setup", "--inline", "wlan7")[0], 1)
+        for lost, said in (("-all", "there is no telling what the program is at"),
+                           ("-net_admin", "the gate can't be detached from")):
+            self.assertEqual(avcore("teardown", before=("setpriv", "--bounding-set=" + lost)), (
+                1, f"avcore: {said} wlan0: Operation not permitted\n"))
         self.assertEqual(filters(), attached)
         for _ in range(2):
             self.assertEqual(avcore("teardown"), (0, ""))

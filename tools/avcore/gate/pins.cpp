@@ -25,9 +25,17 @@ namespace fs = std::filesystem;
 
 constexpr char OWN_MOUNT[] = "jorn-gate"; // its source in /proc/self/mountinfo
 
+[[noreturn]] void fail(const std::string &what, int error) {
+    throw std::runtime_error(what + ": " + std::generic_category().message(error));
+}
+
 bool is_bpffs(const std::string &path) {
     struct statfs about = {};
-    return statfs(path.c_str(), &about) == 0 && about.f_type == BPF_FS_MAGIC;
+    if (statfs(path.c_str(), &about) == 0)
+        return about.f_type == BPF_FS_MAGIC;
+    if (errno != ENOENT && errno != ENOTDIR)
+        fail(path + " can't be looked at", errno);
+    return false;
 }
 
 // A line: six words, of which the fifth is where; options; " - ", the type, the source.
@@ -52,9 +60,8 @@ bool is_layout(const std::string &name) {
            std::all_of(name.begin() + 1, name.end(), [](unsigned char c) { return isdigit(c); });
 }
 
-std::vector<fs::path> folders_in(const std::string &pins) {
+std::vector<fs::path> folders_in(const std::string &pins, std::error_code &error) {
     std::vector<fs::path> folders;
-    std::error_code error;
     for (const fs::directory_entry &entry : fs::directory_iterator(pins, error))
         if (is_layout(entry.path().filename().string()))
             folders.push_back(entry.path());
@@ -86,8 +93,7 @@ void make_pins(const std::string &pins) {
     if (error)
         throw std::runtime_error("no folder " + pins + " for the gate: " + error.message());
     if (!is_bpffs(pins) && mount(OWN_MOUNT, pins.c_str(), "bpf", 0, "mode=0700") != 0)
-        throw std::runtime_error("no bpffs can be mounted at " + pins + ": " +
-                                 std::generic_category().message(errno));
+        fail("no bpffs can be mounted at " + pins, errno);
     fs::create_directory(layout_folder(pins), error);
     if (error)
         throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());
@@ -105,14 +111,18 @@ void remove_pins(const std::string &pins, layouts which) {
     if (!is_bpffs(pins))
         return;
     std::error_code error;
-    for (const fs::path &folder : folders_in(pins))
+    for (const fs::path &folder : folders_in(pins, error)) {
         if (which == layouts::all || folder.filename() != GATE_LAYOUT)
             fs::remove_all(folder, error);
+        if (error && which == layouts::all)
+            fail(folder.string() + " can't be removed", error.value());
+    }
+    if (error && which == layouts::all)
+        fail(pins + " can't be read", error.value());
     if (which != layouts::all || has_entries(pins))
         return;
     if (is_own_mount(pins) && umount(pins.c_str()) != 0)
-        throw std::runtime_error(pins +
-                                 " can't be unmounted: " + std::generic_category().message(errno));
+        fail(pins + " can't be unmounted", errno);
     fs::remove(pins, error);
 }
 

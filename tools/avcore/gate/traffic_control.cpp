@@ -136,7 +136,9 @@ std::optional<tc_program> gate_at(unsigned if_index, tc_side side) {
     if (bpf_tc_query(&hook, &options) != 0)
         return std::nullopt;
     const unique_fd fd(bpf_prog_get_fd_by_id(options.prog_id));
-    tc_program program = fd.valid() ? program_of(fd.get()) : tc_program();
+    if (!fd.valid())
+        fail("there is no telling what the program is at", if_index, errno);
+    tc_program program = program_of(fd.get());
     if (program.name.starts_with(GATE_PROGRAM))
         return program;
     throw std::runtime_error("another program, " + program.name + ", has the gate's place at " +
@@ -160,7 +162,9 @@ void remove_hooks(unsigned if_index) {
         if (!filters_at(if_index, side).empty())
             return;
     bpf_tc_hook hook = hook_at(if_index, BPF_TC_INGRESS | BPF_TC_EGRESS);
-    bpf_tc_hook_destroy(&hook);
+    const int error = bpf_tc_hook_destroy(&hook);
+    if (error != 0 && error != -ENOENT && error != -EINVAL) // there is none any more
+        fail("clsact can't be removed from", if_index, error);
 }
 
 void attach(unsigned if_index, tc_side side, int program_fd) {
