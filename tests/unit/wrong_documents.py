@@ -71,7 +71,7 @@ WRONG = [
     (in_utp(id="1"), "/utps/0/id", 'is "1"; it must be a whole number'),
     (in_utp(id=True), "/utps/0/id", "is true; it must be a whole number"),
     (in_policy(attr1=256), "/policies/0/attr1", "0 to 255"),
-    (in_rule(rate_up=65536), RULE + "/rate_up", "0 to 65535"),
+    (in_rule(rate_up=65536), RULE + "/rate_up", "0 to 65535; rate_unit of [enforce]"),
     (in_rule(cat_id="Games"), RULE + "/cat_id", '"Games"; it must be a whole number from 0 to 65535'),
     (in_rule(deny=2), RULE + "/deny", "true or false"),
     # Texts.

@@ -51,6 +51,15 @@ struct qos_bits {
     }
 };
 
+struct rate : number<> {
+    template <typename T>
+    static void read(const node &from, T &to) {
+        to = static_cast<T>(
+            number_in(from, LEAST<T>, MOST<T>,
+                      "; rate_unit of [enforce] in avcore's configuration makes the unit larger"));
+    }
+};
+
 inline constexpr field<arc_rule> RULE_FIELDS[] = {
     {"app_id", at<&arc_rule::app_id, number<>>, OPTIONAL,
      "the flow's application, together with cat_id; without it the rule goes by the flow's name"},
@@ -61,9 +70,8 @@ inline constexpr field<arc_rule> RULE_FIELDS[] = {
      "\"User Defined\": the application of that name in \"applications\""},
     {"deny", at<&arc_rule::deny, flag>, OPTIONAL, "the flow is blocked"},
     {"qos", at<&arc_rule::qos, qos_bits>},
-    {"rate_up", at<&arc_rule::rate_up, number<>>, OPTIONAL,
-     "in the controller's unit; 0: no limit"},
-    {"rate_down", at<&arc_rule::rate_down, number<>>, OPTIONAL,
+    {"rate_up", at<&arc_rule::rate_up, rate>, OPTIONAL, "in the controller's unit; 0: no limit"},
+    {"rate_down", at<&arc_rule::rate_down, rate>, OPTIONAL,
      "in the controller's unit; 0: no limit"},
 };
 

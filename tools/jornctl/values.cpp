@@ -74,7 +74,7 @@ std::string string_in(const node &from) {
     return from.value.get<std::string>();
 }
 
-int64_t number_in(const node &from, int64_t min, int64_t max) {
+int64_t number_in(const node &from, int64_t min, int64_t max, const char *remedy) {
     // A number that fits no 64 bits is floating, and one beyond the signed ones unsigned.
     const bool is_whole = from.value.is_number_integer();
     const bool is_huge = is_whole && from.value.is_number_unsigned() &&
@@ -82,7 +82,8 @@ int64_t number_in(const node &from, int64_t min, int64_t max) {
     const int64_t number = is_whole && !is_huge ? from.value.get<int64_t>() : 0;
     if (!is_whole || is_huge || number < min || number > max)
         from.refuse("is " + from.described() + "; it must be a whole number from " +
-                    std::to_string(min) + " to " + std::to_string(max));
+                    std::to_string(min) + " to " + std::to_string(max) +
+                    (is_huge || number > max ? remedy : ""));
     return number;
 }
 
