@@ -203,6 +203,8 @@ class Jornctl(unittest.TestCase):
             self.assertEqual((status, said.decode().startswith(f"{number} {head}")), (0, True), said)
             self.assertIn(part, said.decode())
         self.assertEqual(self.run_it("decode", "5", hostile)[0], 1)
+        status, said, complaint = self.run_it("decode", "20", "-", document={"utps": [{"id": 5}]})
+        self.assertEqual((status, said, "this is a text" in complaint), (1, b"", True))
 
     def test_categories_are_those_of_the_documentation(self):
         with open(os.path.join(os.path.dirname(__file__), "../../docs/jornctl.md")) as file:

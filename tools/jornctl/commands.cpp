@@ -135,6 +135,13 @@ const command_row &row_of(uint32_t number) {
     throw refused("jornctl knows no fields of command " + std::to_string(number));
 }
 
+// Records have zeros between and behind what they hold.
+bool is_text(std::string_view bytes) {
+    return !bytes.empty() && std::ranges::all_of(bytes, [](unsigned char byte) {
+        return byte == '\t' || byte == '\n' || byte == '\r' || (byte >= ' ' && byte < 0xF8);
+    });
+}
+
 std::string described_length(const command &sent, const command_row &row) {
     const size_t length = sent.payload.size();
     const size_t expected = row.payload.size(sent.payload);
@@ -159,6 +166,9 @@ bool leave_file_behind(const std::vector<command> &commands) {
 
 std::string describe(const command &sent) {
     const command_row &row = row_of(sent.number);
+    if (row.payload.words != INTERFACE.words && is_text(sent.payload))
+        throw refused(std::string("this is a text, and the payload of ") + row.name +
+                      " is a record's bytes, as raw sends them");
     std::string text =
         std::to_string(row.number) + ' ' + row.name + ", " + described_length(sent, row) + '\n';
     const ordered_json words = row.payload.words(sent.payload);

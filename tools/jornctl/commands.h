@@ -21,7 +21,7 @@ struct word_payload {
 bool leave_file_behind(const std::vector<command> &commands);
 
 // Number, name, length and the fields as words, in JSON. Throws refused for a number that jornctl
-// doesn't know.
+// doesn't know, and for a text where a record belongs.
 std::string describe(const command &sent);
 
 } // namespace jornctl
