@@ -283,10 +283,13 @@ class Avcore(SystemTest):
     def test_what_is_refused_and_what_cannot_be_written(self):
         with open("/tmp/capture.pcap", "wb") as file:
             file.write(pcap([]))
+        with open("/tmp/long.toml", "wb") as file:
+            file.truncate(2**20 + 1)
         with open("/dev/full", "w") as full:
             for options, streams, status, complaint in [
                 (["-i", CAPTURE], {}, 2, "can't be the peer"),
-                (["-r", "/tmp/capture.pcap", "-c", "/dev/zero"], {}, 1, "longer than 1048576"),
+                (["-r", "/tmp/capture.pcap", "-c", "/tmp/long.toml"], {}, 1, "longer than 1048576"),
+                (["-r", "/tmp/capture.pcap", "-c", "/dev/zero"], {}, 1, "isn't a regular file"),
                 (["-r", "/dev/zero"], {}, 1, "can't read the capture"),
                 (["-r", "/tmp/capture.pcap"], {"stdout": full}, 1, "can't be written"),
             ]:
