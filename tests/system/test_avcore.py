@@ -332,6 +332,17 @@ class Avcore(SystemTest):
         self.assertIn("20000 read, 20000 fed, 20000 answered", totals)
         self.assertIn(" 0 unanswered", totals)
 
+    def test_a_starved_daemon_costs_no_frame(self):
+        avcore = self.start([udp_frame(1 + n % 3, 2) for n in range(601)], "--json")
+        daemon, ends = self.start_daemon(), time.monotonic() + DEADLINE
+        while avcore.poll() is None and time.monotonic() < ends:
+            time.sleep(0.001)
+            daemon.send_signal(signal.SIGSTOP)
+            time.sleep(0.25)
+            daemon.send_signal(signal.SIGCONT)
+        totals = avcore.communicate(timeout=DEADLINE)[1]
+        self.assertIn("601 fed, 601 answered, ", totals)
+
 
 if __name__ == "__main__":
     unittest.main()
