@@ -156,7 +156,7 @@ start_jorn() {
 
 apply() { # document
     echo "  jornctl apply $1"
-    "$BIN/jornctl" apply "$1"
+    "$BIN/jornctl" apply "$1" | sed "s/^/  /"
 }
 
 show_names() {
