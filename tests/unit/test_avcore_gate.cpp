@@ -1,10 +1,13 @@
 // The gate in the kernel, at one end of a veth pair; frames of the client go into the other. Runs
 // as root in namespaces of its own.
+#include "avcore/frame_builder.h"
 #include "avcore/gate/gate.h"
 #include "avcore/gate/netlink.h"
 #include "avcore/gate/places.h"
 #include "support/frames.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -12,8 +15,10 @@
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <linux/nl80211.h>
+#include <map>
 #include <net/if.h>
 #include <poll.h>
+#include <random>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <thread>
@@ -50,7 +55,8 @@ gate_verdict denial(uint8_t flags, uint32_t generation) {
 class AvcoreGate : public testing::Test {
 protected:
     AvcoreGate() {
-        EXPECT_TRUE(run("ip link add gw0 type veth peer name c0 && ip link add gw1 type veth && "
+        EXPECT_TRUE(run("ip link add gw0 mtu 3000 type veth peer name c0 mtu 3000 && ip link add "
+                        "gw1 type veth && "
                         "for i in gw0 c0; do sysctl -qw net.ipv6.conf.$i.disable_ipv6=1 && "
                         "ip link set $i arp off up; done"));
         sockaddr_ll at = {};
@@ -108,6 +114,11 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
     for (int i = 0; i < 9; ++i)
         deep += options;
     const octets tag = octets{0, 1, 0x81, 0};
+    octets priority;
+    for (int i = 0; i < 7; ++i)
+        priority += octets{0xE0, 0, 0x81, 0};
+    const octets long_options = octets{17, 255, 1, 4} + octets(2044, 0);
+    const octets plain = octets{0, 2, 8, 0} + ipv4(17, data);
     const std::vector<int> undecided = {GATE_COUNT_UNDECIDED};
     const std::vector<int> always = {GATE_COUNT_ALWAYS};
     const std::vector<int> fragment = {GATE_COUNT_FRAGMENT};
@@ -122,15 +133,16 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
         {"two tags", ethernet(0x8100, tag + octets{0, 2, 8, 0} + ipv4(17, data)), undecided},
         {"ARP", ethernet(0x0806, arp()), always},
         {"LLC", ethernet(38, octets(46, 0x42)), always},
-        {"a fourth tag",
-         ethernet(0x8100, tag + tag + tag + octets{0, 2, 8, 0} + ipv4(17, data)),
-         {GATE_COUNT_NOT_IP}},
+        {"a fourth tag", ethernet(0x8100, tag + tag + tag + plain), {GATE_COUNT_TAGS}},
+        {"priority tags", ethernet(0x8100, priority + tag + plain), undecided},
+        {"too many", ethernet(0x8100, priority + priority + plain), {GATE_COUNT_TAGS}},
         {"IGMP", ethernet(0x0800, ipv4(2, octets(8, 0))), always},
         {"fragmentation needed", ethernet(0x0800, ipv4(1, octets{3, 4, 0, 0})), always},
-        {"port unreachable", ethernet(0x0800, ipv4(1, octets{3, 3, 0, 0})), undecided},
+        {"port unreachable", ethernet(0x0800, ipv4(1, octets{3, 3, 0, 0})), always},
         {"neighbour discovery", ipv6(0, octets{58, 0, 1, 4, 0, 0, 0, 0} + octets{135, 0, 0, 0}),
          always},
         {"ICMPv6 echo", ipv6(58, octets{128, 0, 0, 0}), undecided},
+        {"ICMPv6 without a meaning", ipv6(58, octets{200, 0, 0, 0}), undecided},
         {"IPv4's later fragment", ethernet(0x0800, ipv4(6, {1, 2, 3}, {.fragment = 1})), fragment},
         {"IPv6's later fragment", ipv6(44, octets{6, 0, 0, 8, 0, 0, 0, 1} + octets(8, 0)),
          fragment},
@@ -146,6 +158,7 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
         {"a mapped address", ipv6(17, data, 0), reserved},
         {"options, then UDP", ipv6(60, options + last + data), undecided},
         {"nine headers", ipv6(60, deep + data), {GATE_COUNT_DEEP_HEADERS}},
+        {"headers longer than a copy", ipv6(60, long_options + data), {GATE_COUNT_DEEP_HEADERS}},
     };
     gate at(PINS, {"gw0"});
     EXPECT_EQ(fate(at, rows[0].frame), std::vector<int>{GATE_COUNT_NOBODY});
@@ -158,6 +171,121 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
     ASSERT_TRUE(at.take(copy));
     EXPECT_EQ(octets(copy.frame.begin(), copy.frame.end()), rows[0].frame);
     EXPECT_EQ(ntohs(copy.head.flow.server_port_be), 2000);
+
+    at.set_rules({.fail_closed = true, .pass_tags = true, .drop_fragments = true});
+    const std::map<std::vector<int>, int> otherwise = {{fragment, GATE_COUNT_CUT},
+                                                       {{GATE_COUNT_TAGS}, GATE_COUNT_NOT_IP}};
+    for (const auto &row : rows) {
+        if (const auto other = otherwise.find(row.fate); other != otherwise.end()) {
+            EXPECT_EQ(fate(at, row.frame), std::vector<int>{other->second}) << row.what;
+        }
+    }
+}
+
+TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = 1, .drop_excess = true});
+    at.beat();
+    const auto unreachable = [](unsigned port, size_t quoted) {
+        const octets from_server =
+            ipv4(17, udp(port, 1000, "x"), {.src = ipv4_words().dst, .dst = ipv4_words().src});
+        return ethernet(0x0800,
+                        ipv4(1, octets{3, 3, 0, 0, 0, 0, 0, 0} + from_server.substr(0, quoted)));
+    };
+    const octets to_server = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x")));
+    for (const int expected : {GATE_COUNT_UNDECIDED, GATE_COUNT_UNDECIDED, GATE_COUNT_EXCESS})
+        EXPECT_EQ(fate(at, to_server), std::vector<int>{expected});
+    gate_copy_seen copy;
+    ASSERT_TRUE(at.take(copy));
+    gate_verdict slow = {};
+    slow.action = GATE_PASS;
+    slow.flags = GATE_NOT_YET_FINAL;
+    slow.generation = at.generation();
+    slow.bucket[GATE_UP] = 1;
+    ASSERT_TRUE(at.set_limit(1, {1, 1}) && at.decide(copy.head.flow, slow));
+    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_DECIDED});
+    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_LIMITED});
+    ASSERT_TRUE(at.decide(copy.head.flow, denial(0, at.generation())));
+    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_DENIED});
+    EXPECT_EQ(fate(at, unreachable(2000, 24)), std::vector<int>{GATE_COUNT_DENIED});
+    EXPECT_EQ(fate(at, unreachable(2001, 24)), std::vector<int>{GATE_COUNT_ALWAYS});
+    EXPECT_EQ(fate(at, unreachable(2000, 22)), std::vector<int>{GATE_COUNT_ALWAYS});
+
+    gate_flow fragments = copy.head.flow;
+    fragments.client_port_be = fragments.server_port_be = 0;
+    fragments.proto = GATE_PROTO_FRAGMENTS;
+    slow.flags = 0;
+    ASSERT_TRUE(at.decide(fragments, slow));
+    const octets later = ethernet(0x0800, ipv4(6, octets(8, 0), {.fragment = 1}));
+    EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_LIMITED});
+    at.next_generation();
+    EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_FRAGMENT});
+
+    const octets flood = ethernet(1200, octets(1200, 0x42));
+    for (int i = 0; i < GATE_ALWAYS_BURST / 1000; ++i)
+        send_frame(flood);
+    EXPECT_EQ(fate(at, flood), std::vector<int>{GATE_COUNT_TOO_MUCH});
+}
+
+// Whoever finds a packet that the two read differently has a flow's packets decided by another's.
+TEST_F(AvcoreGate, ReadsFramesAsTheDaemonDoes) {
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = UINT32_MAX});
+    at.beat();
+    std::minstd_rand random(1); // NOLINT: the same frames each time
+    const auto one_of = [&](auto... choices) {
+        const std::array all = {choices...};
+        return all[random() % all.size()];
+    };
+    const config settings;
+    frame_builder builder(settings, "");
+    int compared = 0;
+    for (int i = 0; i < 4000; ++i) {
+        octets rest = one_of(tcp(1000, 443, "abc"), udp(1000, 443, "abc"), octets(40, 0));
+        uint8_t next = one_of(uint8_t{6}, uint8_t{17}, uint8_t{1}, uint8_t{58}, uint8_t{132},
+                              uint8_t{47}, uint8_t{136});
+        if (next == 58 || next == 1)
+            rest[0] = static_cast<uint8_t>(random());
+        octets frame;
+        if (random() % 2) {
+            frame = ipv4(next, rest,
+                         {.fragment = one_of(uint16_t{0}, uint16_t{0x2000}, uint16_t{0x4000})});
+        } else {
+            for (unsigned headers = random() % 4; headers > 0; --headers) {
+                const uint8_t kind =
+                    one_of(uint8_t{0}, uint8_t{43}, uint8_t{44}, uint8_t{51}, uint8_t{60});
+                rest = octets{next, 0, 0, one_of(uint8_t{0}, uint8_t{1}), 0, 0, 0, 1} + rest;
+                next = kind;
+            }
+            frame = ipv6(next, rest).substr(14);
+        }
+        frame = ethernet(frame[0] >> 4 == 4 ? 0x0800 : 0x86DD, frame);
+        if (random() % 4 == 0)
+            frame.insert(12, octets{0x81, 0, 0, one_of(uint8_t{0}, uint8_t{5})});
+        if (random() % 2)
+            frame[14 + random() % (frame.size() - 14)] = static_cast<uint8_t>(random());
+        send_frame(frame);
+        gate_copy_seen copy;
+        while (at.take(copy)) {
+            const auto built = builder.build(
+                {.bytes = copy.frame, .time_us = i, .captured_on = "gw0", .copy = &copy.head});
+            ASSERT_TRUE(built);
+            const flow_row &row = built->flow.row;
+            const gate_flow &flow = copy.head.flow;
+            const endpoint &client = built->flow.from_client ? row.client : row.server;
+            const endpoint &server = built->flow.from_client ? row.server : row.client;
+            const bool first_of_tcp = flow.proto == 6 && client.port == 0 && server.port == 0;
+            EXPECT_EQ(flow.proto, row.ip_proto);
+            EXPECT_TRUE(std::ranges::equal(flow.client, client.address.octets()));
+            EXPECT_TRUE(std::ranges::equal(flow.server, server.address.octets()));
+            if (!first_of_tcp) {
+                EXPECT_EQ(ntohs(flow.client_port_be), client.port);
+                EXPECT_EQ(ntohs(flow.server_port_be), server.port);
+            }
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 1000);
 }
 
 TEST_F(AvcoreGate, CopiesSayHowDatagramsWereJoined) {

@@ -342,13 +342,19 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
     constexpr std::pair<std::string_view, settings::shaping> shapes[] = {
         {"drop", settings::shaping::drop}, {"htb", settings::shaping::htb}};
     constexpr std::pair<std::string_view, bool> fails[] = {{"open", false}, {"closed", true}};
+    constexpr std::pair<std::string_view, bool> dropped[] = {{"pass", false}, {"drop", true}};
+    constexpr std::pair<std::string_view, bool> passed[] = {{"pass", true}, {"drop", false}};
     const reader in(table, file);
-    in.expect_keys({"reset", "share", "rate_unit", "shape", "fail", "copies"});
+    in.expect_keys(
+        {"reset", "share", "rate_unit", "shape", "fail", "copies", "excess", "fragments", "tags"});
     in.flag("reset", enforce.reset);
     read_choice(in, "share", shares, enforce.share);
     read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
     read_choice(in, "shape", shapes, enforce.shape);
     read_choice(in, "fail", fails, enforce.rules.fail_closed);
+    read_choice(in, "excess", dropped, enforce.rules.drop_excess);
+    read_choice(in, "fragments", dropped, enforce.rules.drop_fragments);
+    read_choice(in, "tags", passed, enforce.rules.pass_tags);
     in.number("copies", enforce.rules.copies_per_second, COPIES_MAX);
     if (enforce.rules.copies_per_second == 0)
         in.fail(*in.find("copies"), "'copies' must be 1 at least");

@@ -108,16 +108,24 @@ void write_link(const ipv6_packet &packet, size_t total_size, std::vector<uint8_
         put(end - 4, std::min(total_size + 2, TOTAL_SIZE_MAX));
 }
 
-// The type of an ICMP echo; none for any other payload, and where the type isn't in this fragment.
-std::optional<uint8_t> echo_type(const ipv6_packet &packet) {
+// An error, or what a link lives by (RFC 4890, 4.4): that has no counterpart in ICMP.
+bool is_of_ipv6_alone(uint8_t type) {
+    return (type >= 1 && type <= 4) || (type >= 130 && type <= 137) ||
+           (type >= 141 && type <= 143) || type == 148 || type == 149 ||
+           (type >= 151 && type <= 153);
+}
+
+// The type in ICMP; none for any other payload, and where the type isn't in this fragment.
+std::optional<uint8_t> icmp_type(const ipv6_packet &packet) {
     if (packet.protocol != IPPROTO_ICMPV6 || packet.payload.empty() ||
         (packet.fragment & FRAGMENT_OFFSET_MASK) != 0)
         return std::nullopt;
-    for (const auto &type : ECHO_TYPES) {
-        if (type.of_ipv6 == packet.payload[0])
-            return type.of_ipv4;
+    const uint8_t type = packet.payload[0];
+    for (const auto &echo : ECHO_TYPES) {
+        if (echo.of_ipv6 == type)
+            return echo.of_ipv4;
     }
-    return std::nullopt;
+    return is_of_ipv6_alone(type) ? std::nullopt : std::optional(type);
 }
 
 } // namespace
@@ -150,13 +158,13 @@ std::optional<ipv6_packet> find_ipv6_packet(std::span<const uint8_t> frame) {
 void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t destination_be,
                    std::vector<uint8_t> &frame) {
     const size_t total_size = std::min(IPV4_HEADER_SIZE + packet.payload_size, TOTAL_SIZE_MAX);
-    const std::optional<uint8_t> echo = echo_type(packet);
+    const std::optional<uint8_t> icmp = icmp_type(packet);
     std::array<uint8_t, IPV4_HEADER_SIZE> header = {0x45, packet.traffic_class};
     put(&header[2], total_size);
     put(&header[4], packet.identifier);
     put(&header[6], packet.fragment);
     header[8] = packet.hop_limit;
-    header[9] = echo ? uint8_t{IPPROTO_ICMP} : packet.protocol;
+    header[9] = icmp ? uint8_t{IPPROTO_ICMP} : packet.protocol;
     memcpy(&header[12], &source_be, sizeof source_be);
     memcpy(&header[16], &destination_be, sizeof destination_be);
     put(&header[10], checksum(header));
@@ -164,8 +172,8 @@ void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t desti
     write_link(packet, total_size, frame);
     frame.insert(frame.end(), header.begin(), header.end());
     frame.insert(frame.end(), packet.payload.begin(), packet.payload.end());
-    if (echo)
-        frame[packet.link.size() + IPV4_HEADER_SIZE] = *echo;
+    if (icmp)
+        frame[packet.link.size() + IPV4_HEADER_SIZE] = *icmp;
 }
 
 } // namespace avcore

@@ -6,7 +6,10 @@
 #include "control/records/arc.h"
 #include "core/text/text.h"
 
+#include <algorithm>
+#include <cstring>
 #include <iterator>
+#include <netinet/in.h>
 #include <string_view>
 
 namespace avcore {
@@ -17,7 +20,6 @@ constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
 constexpr unsigned LINES_A_SECOND = 5;
 constexpr uint16_t NO_RATE = UINT16_MAX;
 constexpr uint8_t TCP = 6;
-constexpr uint8_t ICMPV6 = 58;
 constexpr uint32_t ASK_AGAIN = 0; // older than any generation
 
 // Values of av_qos::mark_pri.
@@ -38,6 +40,8 @@ constexpr traffic_class TRAFFIC_CLASSES[] = {
 };
 // Wi-Fi drivers take a packet's priority from here on for its user priority.
 constexpr uint32_t PRIORITY_OF_USER_PRIORITY = 256;
+// Priorities from here on are the handles of queues' classes.
+constexpr uint32_t QUEUES = 0x10000;
 
 // Whether this frame's verdict may decide: until the engine is through the name may change.
 bool is_late_enough(const flow_row &row, const fed_frame &frame) {
@@ -108,7 +112,10 @@ limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::
                      const av_qos &qos) {
     limit_owner owner;
     owner.client = row.client.mac;
-    if (share == enforce_settings::sharing::client) {
+    // What has no name has an address for one, and a client chooses how many of those it asks.
+    const bool unnamed = name.empty() || ip_address::parse(std::string(name));
+    if (share == enforce_settings::sharing::client ||
+        (unnamed && share == enforce_settings::sharing::application)) {
         owner.rates = {qos.ratelimit_up, qos.ratelimit_down};
         return owner;
     }
@@ -118,13 +125,28 @@ limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::
     return owner;
 }
 
+bool is_limited(const gate_verdict &verdict) {
+    const bool waits = (verdict.flags & GATE_SET_PRIORITY) != 0 && verdict.priority >= QUEUES;
+    return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0 || waits;
+}
+
+bool are_same(const flow_row &row, row_enforcement::side side, const gate_flow &flow) {
+    const bool as_row = side == row_enforcement::CLIENT;
+    const endpoint &client = as_row ? row.client : row.server;
+    const endpoint &server = as_row ? row.server : row.client;
+    return flow.proto == row.ip_proto && ntohs(flow.client_port_be) == client.port &&
+           ntohs(flow.server_port_be) == server.port &&
+           std::ranges::equal(flow.client, client.address.octets()) &&
+           std::ranges::equal(flow.server, server.address.octets());
+}
+
 } // namespace
 
 void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
-    if (copy.flow.proto == ICMPV6 && row.ip_proto == ICMPV6)
-        return; // the gate has one flow of a pair's ICMPv6: what is decided of its echoes holds
     const bool seen_from_client = from_client == (copy.direction == GATE_UP);
     const auto side = seen_from_client ? row_enforcement::CLIENT : row_enforcement::SERVER;
+    if (!are_same(row, side, copy.flow))
+        return;
     row.enforcement.flows[side] = copy.flow;
     if (side == row_enforcement::CLIENT)
         row.enforcement.if_index = copy.if_index;
@@ -143,8 +165,10 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
         decide(row, GATE_DENY, nullptr, name, state.generation);
         return;
     }
-    if (!denies && !state.settled && !is_late_enough(row, frame))
+    if (!denies && !state.settled && !is_late_enough(row, frame)) {
+        decide_for_now(row, verdict.qos, name, frame.generation);
         return;
+    }
     if (!denies) {
         decide(row, GATE_PASS, &verdict.qos, name, frame.generation);
         return;
@@ -201,16 +225,57 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner own
     // Also when it waits in a queue: the settings may change, the book's entry is told once.
     if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
         ++refused_writes_;
-    if (settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
+    verdict.bucket[direction] = place.bucket;
+    const bool final = (verdict.flags & GATE_NOT_YET_FINAL) == 0;
+    if (final && settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
         const uint32_t queue =
             shaper_.priority_of(row.enforcement.if_index, place.bucket, bytes_per_second);
         if (queue != 0) {
             verdict.flags |= GATE_SET_PRIORITY;
             verdict.priority = queue;
-            return;
+            verdict.bucket[direction] = 0;
         }
     }
-    verdict.bucket[direction] = place.bucket;
+}
+
+void enforcer::mark_and_limit(gate_verdict &verdict, const flow_row &row, const av_qos &qos,
+                              std::string_view name) {
+    mark(verdict, qos);
+    const limit_owner owner = owner_of(settings_.share, row, name, qos);
+    limit(verdict, row, owner, GATE_UP, qos.ratelimit_up);
+    limit(verdict, row, owner, GATE_DOWN, qos.ratelimit_down);
+}
+
+// Later fragments show no ports: they are under the limit that a flow of their addresses has.
+void enforcer::write(const flow_row &row, row_enforcement::side side, const gate_verdict &verdict) {
+    const row_enforcement &state = row.enforcement;
+    if (!state.seen[side])
+        return;
+    refused_writes_ += !gate_.decide(state.flows[side], verdict);
+    if (!is_limited(verdict))
+        return;
+    gate_flow fragments = state.flows[side];
+    fragments.client_port_be = fragments.server_port_be = 0;
+    fragments.proto = GATE_PROTO_FRAGMENTS;
+    refused_writes_ += !gate_.decide(fragments, verdict);
+}
+
+void enforcer::decide_for_now(flow_row &row, const av_qos &qos, std::string_view name,
+                              uint32_t generation) {
+    row_enforcement &state = row.enforcement;
+    gate_verdict verdict = {};
+    verdict.generation = generation;
+    verdict.action = GATE_PASS;
+    verdict.flags = GATE_NOT_YET_FINAL;
+    mark_and_limit(verdict, row, qos, name);
+    const bool says_something =
+        verdict.flags != GATE_NOT_YET_FINAL || is_limited(verdict) || settings_.rules.drop_excess;
+    const bool written =
+        state.not_final && memcmp(&*state.not_final, &verdict, sizeof verdict) == 0;
+    if (written || (!says_something && !state.not_final))
+        return;
+    state.not_final = verdict;
+    write(row, row_enforcement::CLIENT, verdict);
 }
 
 // Marks and limits are made where the row's client is; where the server is a client, too, the
@@ -223,18 +288,10 @@ void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std:
     verdict.action = static_cast<uint8_t>(action);
     if (verdict.action == GATE_DENY && settings_.reset)
         verdict.flags |= GATE_RESET;
-    if (state.seen[row_enforcement::SERVER] &&
-        !gate_.decide(state.flows[row_enforcement::SERVER], verdict))
-        ++refused_writes_;
-    if (qos != nullptr) {
-        mark(verdict, *qos);
-        const limit_owner owner = owner_of(settings_.share, row, name, *qos);
-        limit(verdict, row, owner, GATE_UP, qos->ratelimit_up);
-        limit(verdict, row, owner, GATE_DOWN, qos->ratelimit_down);
-    }
-    if (state.seen[row_enforcement::CLIENT] &&
-        !gate_.decide(state.flows[row_enforcement::CLIENT], verdict))
-        ++refused_writes_;
+    write(row, row_enforcement::SERVER, verdict);
+    if (qos != nullptr)
+        mark_and_limit(verdict, row, *qos, name);
+    write(row, row_enforcement::CLIENT, verdict);
     state.settled = true;
     state.denied = verdict.action == GATE_DENY;
     state.generation = verdict.generation;

@@ -1,9 +1,10 @@
 // Carries the daemon's verdicts out: says when one has decided its flow, and what the gate then
 // does to the flow's packets.
 //
-// A denial decides at once. Anything else is the daemon's opinion of what it has seen so far, and
-// decides when the DPI engine is through with the flow or has had enough packets. A denial holds
-// until the policies change or the daemon says otherwise about this very flow.
+// A denial decides at once. Anything else is the daemon's opinion of what it has seen so far: its
+// limits and marks hold, but it decides when the DPI engine is through with the flow or has had
+// enough packets. A denial holds until the policies change or the daemon says otherwise about this
+// very flow.
 #pragma once
 
 #include "avcore/feeder.h"
@@ -29,7 +30,9 @@ public:
     enforcer(gate &gate, const enforce_settings &settings, say_function say)
         : gate_(gate), settings_(settings), say_(std::move(say)), shaper_(say_) {}
 
-    // A copy of a packet of the row's; `from_client`: sent by the row's client.
+    // A copy of a packet that was counted in the row; `from_client`: sent by the row's client.
+    // Where the gate has it in another flow (a first fragment of TCP, whose ports the daemon
+    // doesn't read), the row's verdicts are about no flow of the gate's.
     void saw(flow_row &row, const gate_copy &copy, bool from_client);
 
     // The verdict on one of the row's frames.
@@ -51,8 +54,14 @@ private:
     // `generation`: of the policies by which it was decided.
     void decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
                 uint32_t generation);
+    // Limits and marks of a flow that is still looked at.
+    void decide_for_now(flow_row &row, const av_qos &qos, std::string_view name,
+                        uint32_t generation);
+    void mark_and_limit(gate_verdict &verdict, const flow_row &row, const av_qos &qos,
+                        std::string_view name);
     void limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                gate_direction direction, uint16_t rate);
+    void write(const flow_row &row, row_enforcement::side side, const gate_verdict &verdict);
     void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
 
     gate &gate_;

@@ -20,7 +20,10 @@
 
 #define NS_PER_SECOND 1000000000ull
 #define EXTENSION_HEADERS_MAX 8
-#define VLAN_TAGS_MAX 2 /* in the frame, behind the one that the kernel keeps beside it */
+#define VLAN_TAGS_MAX 2 /* in the frame, behind the one that the kernel keeps beside it; */
+#define PRIORITY_TAGS_MAX 8 /* with the VLAN ID 0, which every receiver takes off */
+#define VLAN_ID 0x0FFF
+#define TAGGED_TYPE_MAX (12 + 4 * (PRIORITY_TAGS_MAX + VLAN_TAGS_MAX))
 #define HOP_LIMIT 64    /* of packets made here */
 #define DNS_PORT_BE bpf_htons(53)
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
@@ -69,7 +72,7 @@ struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_CLIENTS);
     __type(key, struct gate_client);
-    __type(value, struct gate_client_copies);
+    __type(value, struct gate_client_state);
 } clients SEC(".maps");
 
 struct {
@@ -140,6 +143,7 @@ struct packet {
     __u8 is_ipv6;
     __u8 traffic_class;
     __u8 all_loaded; /* the transport's header is where `first` has it */
+    __u8 is_error;   /* of ICMP or ICMPv6: it quotes a packet of the other direction */
 };
 
 static __always_inline void count(const struct packet *packet, __u32 what, __u64 by) {
@@ -199,8 +203,9 @@ static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packe
     return GATE_COUNT_UNDECIDED;
 }
 
-static __always_inline int parse_ports(struct __sk_buff *skb, struct packet *packet, __u32 length) {
+static __always_inline int parse_udp(struct __sk_buff *skb, struct packet *packet) {
     struct tcp_header *ports = &packet->first.tcp;
+    const __u32 length = 8;
     if (packet->transport + length > packet->end ||
         (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, ports, 4)))
         return GATE_COUNT_MALFORMED;
@@ -209,25 +214,29 @@ static __always_inline int parse_ports(struct __sk_buff *skb, struct packet *pac
     return GATE_COUNT_UNDECIDED;
 }
 
+/* ICMP's and ICMPv6's errors have nothing else in common with echoes. */
 static __always_inline int parse_icmp(struct __sk_buff *skb, struct packet *packet) {
-    __u8 head[2]; /* type, code */
+    __u8 type;
     if (packet->transport + 4 > packet->end ||
-        bpf_skb_load_bytes(skb, packet->transport, head, sizeof head))
+        bpf_skb_load_bytes(skb, packet->transport, &type, sizeof type))
         return GATE_COUNT_MALFORMED;
-    const bool fragmentation_needed = head[0] == 3 && head[1] == 4;
-    const bool router = head[0] == 9 || head[0] == 10;
-    return fragmentation_needed || router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
+    packet->is_error = type == 3 || type == 4 || type == 5 || type == 11 || type == 12;
+    const bool router = type == 9 || type == 10;
+    return router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
 }
 
+/* What is none of a link's own (RFC 4890, 4.4) is told to the daemon as ICMP. */
 static __always_inline int parse_icmpv6(struct __sk_buff *skb, struct packet *packet) {
     __u8 type;
     if (packet->transport + 4 > packet->end ||
         bpf_skb_load_bytes(skb, packet->transport, &type, sizeof type))
         return GATE_COUNT_MALFORMED;
-    const bool too_big = type == 2;
+    packet->flow.proto = IPPROTO_ICMP;
+    packet->is_error = type >= 1 && type <= 4;
     const bool listener = (type >= 130 && type <= 132) || type == 143;
-    const bool neighbour = type >= 133 && type <= 137;
-    return too_big || listener || neighbour ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
+    const bool neighbour = (type >= 133 && type <= 137) || type == 141 || type == 142;
+    const bool router = type == 148 || type == 149 || (type >= 151 && type <= 153);
+    return listener || neighbour || router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
 }
 
 static __always_inline int parse_transport(struct __sk_buff *skb, struct packet *packet) {
@@ -236,11 +245,7 @@ static __always_inline int parse_transport(struct __sk_buff *skb, struct packet 
     case IPPROTO_TCP:
         return parse_tcp(skb, packet);
     case IPPROTO_UDP:
-    case IPPROTO_UDPLITE:
-        return parse_ports(skb, packet, 8);
-    case IPPROTO_SCTP:
-    case IPPROTO_DCCP:
-        return parse_ports(skb, packet, 12);
+        return parse_udp(skb, packet);
     case IPPROTO_ICMP:
         return packet->is_ipv6 ? GATE_COUNT_UNDECIDED : parse_icmp(skb, packet);
     case IPPROTO_ICMPV6:
@@ -275,15 +280,15 @@ static __always_inline int parse_ipv4(struct __sk_buff *skb, struct packet *pack
         return GATE_COUNT_MALFORMED;
     if (is_reserved(head->saddr) || is_reserved(head->daddr))
         return GATE_COUNT_RESERVED;
-    const __u16 fragment = bpf_ntohs(head->frag_off);
-    if (fragment & FRAGMENT_OFFSET)
-        return GATE_COUNT_FRAGMENT;
-    packet->first_fragment = (fragment & FRAGMENT_MORE) != 0;
     packet->traffic_class = head->tos;
     packet->flow.proto = head->protocol;
     packet->flow.client[10] = packet->flow.client[11] = 0xFF;
     packet->flow.server[10] = packet->flow.server[11] = 0xFF;
     set_addresses(packet, &head->saddr, &head->daddr, sizeof head->saddr);
+    const __u16 fragment = bpf_ntohs(head->frag_off);
+    if (fragment & FRAGMENT_OFFSET)
+        return GATE_COUNT_FRAGMENT;
+    packet->first_fragment = (fragment & FRAGMENT_MORE) != 0;
     return parse_transport(skb, packet);
 }
 
@@ -314,7 +319,11 @@ static __always_inline int step_over(struct __sk_buff *skb, struct packet *packe
     packet->flow.proto = head.next;
     packet->transport += length;
     packet->extended = 1;
-    return packet->transport <= packet->end ? GATE_COUNT_UNDECIDED : GATE_COUNT_MALFORMED;
+    if (packet->transport > packet->end)
+        return GATE_COUNT_MALFORMED;
+    /* The daemon would see another packet: one that ends before its ports. */
+    return packet->transport + sizeof(struct tcp_header) <= GATE_FRAME_MAX ? GATE_COUNT_UNDECIDED
+                                                                           : GATE_COUNT_DEEP_HEADERS;
 }
 
 /* An IPv6 packet with such an address would be taken for an IPv4 flow. */
@@ -353,6 +362,28 @@ static __always_inline bool is_tag(__u16 type) {
     return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_QINQ1;
 }
 
+/* The offset of the type behind a frame's tags in the upper half, the type in the lower; a tag's
+ * type where there are too many. Global, so that the verifier walks through it once, not once for
+ * each number of tags with all that follows. */
+__noinline int jorn_gate_behind_tags(struct __sk_buff *skb) {
+    __u32 at = offsetof(struct ethhdr, h_proto);
+    __u32 vlans = 0;
+    __be16 words[3]; /* a type, and where it is a tag's what the tag says and the next type */
+    for (int i = 0; i < PRIORITY_TAGS_MAX + VLAN_TAGS_MAX; i++) {
+        if (bpf_skb_load_bytes(skb, at, words, sizeof words))
+            return 0;
+        if (!is_tag(bpf_ntohs(words[0])))
+            return (int)(at << 16 | bpf_ntohs(words[0]));
+        vlans += (bpf_ntohs(words[1]) & VLAN_ID) != 0;
+        if (vlans > VLAN_TAGS_MAX)
+            break;
+        at += 4;
+    }
+    if (bpf_skb_load_bytes(skb, at, words, 2))
+        return 0;
+    return (int)(at << 16 | bpf_ntohs(words[0]));
+}
+
 static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *packet) {
     __u32 at = offsetof(struct ethhdr, h_proto);
     const bool loaded =
@@ -361,13 +392,17 @@ static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *pac
     if (!loaded && bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
         return GATE_COUNT_MALFORMED;
     packet->all_loaded = loaded && type_be == bpf_htons(ETH_P_IP);
-    for (int i = 0; i < VLAN_TAGS_MAX && is_tag(bpf_ntohs(type_be)); i++) {
-        at += 4;
-        if (bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
+    __u16 type = bpf_ntohs(type_be);
+    if (is_tag(type)) {
+        const __u32 found = (__u32)jorn_gate_behind_tags(skb);
+        at = found >> 16;
+        type = (__u16)found;
+        if (at < sizeof(struct ethhdr) || at > TAGGED_TYPE_MAX)
             return GATE_COUNT_MALFORMED;
+        if (is_tag(type))
+            return GATE_COUNT_TAGS;
     }
     packet->network = at + sizeof type_be;
-    const __u16 type = bpf_ntohs(type_be);
     if (type < ETH_P_802_3_MIN)
         return GATE_COUNT_ALWAYS; /* LLC: spanning trees and the like */
     switch (type) {
@@ -478,39 +513,47 @@ static __always_inline bool is_within_limit(__u32 index, const struct packet *pa
 
 /* ---- copies ---- */
 
+static __always_inline struct gate_client_state *client_of(struct __sk_buff *skb,
+                                                           const struct packet *packet) {
+    struct gate_client client = {};
+    const __u32 at = packet->direction == GATE_UP ? offsetof(struct ethhdr, h_source)
+                                                  : offsetof(struct ethhdr, h_dest);
+    if (bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
+        return NULL;
+    struct gate_client_state *state = bpf_map_lookup_elem(&clients, &client);
+    if (!state) {
+        const struct gate_client_state unseen = {};
+        bpf_map_update_elem(&clients, &client, &unseen, BPF_NOEXIST);
+        state = bpf_map_lookup_elem(&clients, &client);
+    }
+    return state;
+}
+
 /* Without a lock, which maps of this kind can't hold: two processors may let one copy too many
  * through. */
 static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet *packet,
                                      __u32 a_second, __u64 now) {
-    struct gate_client client = {};
-    const __u32 at = packet->direction == GATE_UP ? offsetof(struct ethhdr, h_source)
-                                                  : offsetof(struct ethhdr, h_dest);
-    if (a_second == 0 || bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
+    struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
+    if (!client)
         return false;
-    struct gate_client_copies *copies_of = bpf_map_lookup_elem(&clients, &client);
-    if (!copies_of) {
-        const struct gate_client_copies unseen = {};
-        bpf_map_update_elem(&clients, &client, &unseen, BPF_NOEXIST);
-        copies_of = bpf_map_lookup_elem(&clients, &client);
-    }
-    if (!copies_of)
-        return false;
-    if (take_tokens(&copies_of->left, a_second, a_second, 1, now))
+    if (take_tokens(&client->copies[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN], a_second,
+                    a_second, 1, now))
         return true;
-    __sync_fetch_and_add(&copies_of->refused, 1);
+    __sync_fetch_and_add(&client->refused, 1);
     return false;
 }
 
-static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packet,
+/* False: its client had too many. */
+static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
                                const struct gate_settings *set) {
     const __u64 now = bpf_ktime_get_ns();
     const __u32 first = 0;
     struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
     if (!copy)
-        return;
+        return true;
     if (!may_copy(skb, packet, set->copies_per_second, now)) {
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
-        return;
+        return false;
     }
     const __u32 segment_size = packet->flow.proto == IPPROTO_UDP ? skb->gso_size : 0;
     __u32 captured = skb->len;
@@ -521,7 +564,7 @@ static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packe
         captured = GATE_JOINED_MAX;
     /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
     if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
-        return;
+        return true;
     copy->head.flow = packet->flow;
     copy->head.time_ns = now;
     copy->head.if_index = skb->ifindex;
@@ -531,6 +574,7 @@ static __noinline void copy_up(struct __sk_buff *skb, const struct packet *packe
     copy->head.direction = packet->direction;
     const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
     count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+    return true;
 }
 
 /* ---- RST segments, made of the packet that is denied ---- */
@@ -765,20 +809,97 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
     const struct gate_verdict *verdict =
         state ? &state->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
     struct gate_counter *counter = state ? &state->counter : NULL;
-    const bool decided = verdict && verdict->action;
+    const bool judged = verdict && verdict->action;
+    const bool decided = judged && !(verdict->flags & GATE_NOT_YET_FINAL);
     const bool settled = decided && verdict->generation == set->generation;
+    bool excess = false;
     if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
-        copy_up(skb, packet, set);
+        excess = !copy_up(skb, packet, set);
     if (!attended && !set->fail_closed)
         return pass(GATE_COUNT_NOBODY, packet);
     if (!decided && !attended)
         return drop(GATE_COUNT_SHUT, packet);
-    if (decided && verdict->action == GATE_DENY)
+    if (judged && verdict->action == GATE_DENY)
         return deny(skb, packet, verdict, counter);
-    if (decided)
+    if (judged)
         return allow(skb, packet, verdict, counter);
+    if (excess && packet->direction == GATE_UP && (set->rules & GATE_DROP_EXCESS))
+        return drop(GATE_COUNT_EXCESS, packet);
     count_passed(counter, skb, packet);
     return pass(GATE_COUNT_UNDECIDED, packet);
+}
+
+/* ---- what passes without a verdict of its own ---- */
+
+/* Whether the client may send it beside what it has sent of this kind. */
+static __always_inline int pass_always(struct __sk_buff *skb, const struct packet *packet) {
+    if (packet->direction == GATE_UP) {
+        struct gate_client_state *client = client_of(skb, packet);
+        if (!client || !take_tokens(&client->always, GATE_ALWAYS_A_SECOND, GATE_ALWAYS_BURST,
+                                    frame_bytes(skb, packet), bpf_ktime_get_ns()))
+            return drop(GATE_COUNT_TOO_MUCH, packet);
+    }
+    return pass(GATE_COUNT_ALWAYS, packet);
+}
+
+/* The flow of the packet that an error quotes, which went the other way and may be cut behind its
+ * ports. False where it doesn't show one. */
+static __always_inline bool quoted_flow(struct __sk_buff *skb, const struct packet *packet,
+                                        struct packet *quoted) {
+    const __u32 at = packet->transport + 8;
+    __u32 ports_at = at;
+    quoted->direction = packet->direction == GATE_UP ? GATE_DOWN : GATE_UP;
+    if (packet->is_ipv6) {
+        struct ipv6hdr head;
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head))
+            return false;
+        quoted->flow.proto = head.nexthdr == IPPROTO_ICMPV6 ? IPPROTO_ICMP : head.nexthdr;
+        set_addresses(quoted, &head.saddr, &head.daddr, sizeof head.saddr);
+        ports_at += sizeof head;
+    } else {
+        struct iphdr head;
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head) ||
+            (head.frag_off & bpf_htons(FRAGMENT_OFFSET)))
+            return false;
+        quoted->flow.proto = head.protocol;
+        quoted->flow.client[10] = quoted->flow.client[11] = 0xFF;
+        quoted->flow.server[10] = quoted->flow.server[11] = 0xFF;
+        set_addresses(quoted, &head.saddr, &head.daddr, sizeof head.saddr);
+        ports_at += head.ihl * 4;
+    }
+    __be16 ports[2];
+    if (quoted->flow.proto != IPPROTO_TCP && quoted->flow.proto != IPPROTO_UDP)
+        return true;
+    if (bpf_skb_load_bytes(skb, ports_at, ports, sizeof ports))
+        return false;
+    set_ports(quoted, ports[0], ports[1]);
+    return true;
+}
+
+static __noinline int judge_error(struct __sk_buff *skb, const struct packet *packet) {
+    struct packet quoted = {};
+    if (quoted_flow(skb, packet, &quoted)) {
+        const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &quoted.flow);
+        if (verdict && verdict->action == GATE_DENY)
+            return drop(GATE_COUNT_DENIED, packet);
+    }
+    return pass_always(skb, packet);
+}
+
+/* A later fragment: it shows no ports. */
+static __always_inline int pass_fragment(struct __sk_buff *skb, const struct packet *packet,
+                                         const struct gate_settings *set) {
+    struct gate_flow pair = packet->flow;
+    pair.proto = GATE_PROTO_FRAGMENTS;
+    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &pair);
+    if (verdict && verdict->generation == set->generation) {
+        const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
+        if (!is_within_limit(bucket, packet))
+            return drop(GATE_COUNT_LIMITED, packet);
+        if ((verdict->flags & GATE_SET_PRIORITY) && packet->direction == GATE_DOWN)
+            skb->priority = verdict->priority;
+    }
+    return pass(GATE_COUNT_FRAGMENT, packet);
 }
 
 static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
@@ -793,18 +914,26 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     const bool open = !attended && !set->fail_closed;
     if (open && !set->probing)
         return pass(GATE_COUNT_NOBODY, &packet);
-    const int result = parse_frame(skb, &packet);
+    int result = parse_frame(skb, &packet);
     count_segments(skb, &packet);
+    const bool fragment = result == GATE_COUNT_FRAGMENT || packet.first_fragment;
+    if (fragment && direction == GATE_UP && (set->rules & GATE_DROP_FRAGMENTS))
+        result = GATE_COUNT_CUT;
+    else if (result == GATE_COUNT_TAGS && (set->rules & GATE_PASS_TAGS))
+        result = GATE_COUNT_NOT_IP;
+    if (open && (result != GATE_COUNT_UNDECIDED || packet.is_error))
+        return pass(GATE_COUNT_NOBODY, &packet);
     switch (result) {
     case GATE_COUNT_UNDECIDED:
-        return judge(skb, &packet, set, attended);
+        return packet.is_error ? judge_error(skb, &packet) : judge(skb, &packet, set, attended);
     case GATE_COUNT_NOT_IP:
-        return attended || open ? pass(GATE_COUNT_NOT_IP, &packet) : drop(GATE_COUNT_SHUT, &packet);
+        return attended ? pass(GATE_COUNT_NOT_IP, &packet) : drop(GATE_COUNT_SHUT, &packet);
     case GATE_COUNT_ALWAYS:
+        return pass_always(skb, &packet);
     case GATE_COUNT_FRAGMENT:
-        return pass((__u32)result, &packet);
+        return pass_fragment(skb, &packet, set);
     default:
-        return open ? pass(GATE_COUNT_NOBODY, &packet) : drop((__u32)result, &packet);
+        return drop((__u32)result, &packet);
     }
 }
 

@@ -302,9 +302,11 @@ void count_verdicts(int fd, uint64_t (&verdicts)[3]) {
         error = bpf_map_lookup_batch(fd, from, &at, flows.data(), found.data(), &count, nullptr);
         if (error != 0 && error != -ENOENT)
             return;
-        for (uint32_t i = 0; i < count; i++)
-            if (found[i].action < std::size(verdicts))
-                verdicts[found[i].action]++;
+        for (uint32_t i = 0; i < count; i++) {
+            const bool final = (found[i].flags & GATE_NOT_YET_FINAL) == 0;
+            if (flows[i].proto != GATE_PROTO_FRAGMENTS && found[i].action < std::size(verdicts))
+                verdicts[final ? found[i].action : 0]++;
+        }
     }
 }
 
@@ -439,6 +441,11 @@ void gate::set_rules(const gate_rules &rules) {
     gate_settings &settings = *parts_->settings.get();
     write_word(settings.fail_closed, uint32_t{rules.fail_closed});
     write_word(settings.copies_per_second, rules.copies_per_second);
+    uint32_t bits = 0;
+    bits |= rules.pass_tags ? uint32_t{GATE_PASS_TAGS} : 0;
+    bits |= rules.drop_fragments ? uint32_t{GATE_DROP_FRAGMENTS} : 0;
+    bits |= rules.drop_excess ? uint32_t{GATE_DROP_EXCESS} : 0;
+    write_word(settings.rules, bits);
 }
 
 int gate::fd() const {
@@ -496,15 +503,15 @@ gate_counts gate::counts() const {
 
 std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
     std::vector<gate_client> clients(GATE_CLIENTS);
-    std::vector<gate_client_copies> copies(clients.size());
+    std::vector<gate_client_state> states(clients.size());
     auto count = static_cast<uint32_t>(clients.size());
     uint32_t next = 0;
     const int error = bpf_map_lookup_batch(parts_->clients.get(), nullptr, &next, clients.data(),
-                                           copies.data(), &count, nullptr);
+                                           states.data(), &count, nullptr);
     std::map<std::array<uint8_t, 6>, uint64_t> refused;
     for (uint32_t i = 0; i < count && (error == 0 || error == -ENOENT); i++)
-        if (copies[i].refused > 0)
-            refused[std::to_array(clients[i].mac)] = copies[i].refused;
+        if (states[i].refused > 0)
+            refused[std::to_array(clients[i].mac)] = states[i].refused;
     return refused;
 }
 
@@ -532,7 +539,10 @@ gate_status look_at_gate(const std::string &pins) {
         throw std::runtime_error("the gate's settings can't be read: " + reason(errno));
     status.there = true;
     list_attached(id_of_map(settings_map.get()), status);
-    status.rules = {settings.fail_closed != 0, settings.copies_per_second};
+    status.rules = {settings.fail_closed != 0, settings.copies_per_second,
+                    (settings.rules & GATE_PASS_TAGS) != 0,
+                    (settings.rules & GATE_DROP_FRAGMENTS) != 0,
+                    (settings.rules & GATE_DROP_EXCESS) != 0};
     status.generation = settings.generation;
     if (settings.beat_ns != 0)
         status.beat_age_ms = static_cast<int64_t>(monotonic_ns() - settings.beat_ns) / 1'000'000;

@@ -23,7 +23,10 @@ inline constexpr char GATE_PINS[] = "/run/jorn/gate";
 // What holds for the whole gate, whoever runs.
 struct gate_rules {
     bool fail_closed = false;
-    uint32_t copies_per_second = 500; // of each client
+    uint32_t copies_per_second = 500; // of each client, in each direction
+    bool pass_tags = false;           // frames with more VLAN tags than the gate walks over
+    bool drop_fragments = false;      // of clients
+    bool drop_excess = false;         // a client's packets without a verdict, beyond its copies
 };
 
 struct gate_copy_seen {
@@ -95,7 +98,7 @@ struct gate_status {
     gate_rules rules;
     uint32_t generation = 0;
     int64_t beat_age_ms = -1;  // none yet
-    uint64_t verdicts[3] = {}; // in the map, by gate_action
+    uint64_t verdicts[3] = {}; // in the map, by gate_action; first those that aren't final yet
     gate_counts counts = {};
 };
 gate_status look_at_gate(const std::string &pins); // throws std::runtime_error

@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v4"
+#define GATE_LAYOUT "v5"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -25,11 +25,17 @@
 #define GATE_JOINED_MAX                                                                            \
     4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
 
+/* What may come from each client of what always passes, in bytes of its frames: ample for what a
+ * network lives by, an ARP for each address of a /24 at once among it. */
+#define GATE_ALWAYS_A_SECOND 16384
+#define GATE_ALWAYS_BURST 32768
+
 /* Which way a packet goes; the index of what there is for each direction. */
 enum gate_direction { GATE_UP = 0 /* from the client */, GATE_DOWN = 1 };
 
-/* A flow as seen at the client's interface. IPv4 addresses are mapped (::ffff:a.b.c.d, RFC 4291),
- * ports are 0 where the protocol or the fragment has none. */
+/* A flow as seen at the client's interface: as the daemon's decoders tell flows apart, but that a
+ * first fragment of TCP has its ports here. IPv4 addresses are mapped (::ffff:a.b.c.d, RFC 4291);
+ * only TCP and UDP have ports, ICMPv6 is ICMP. */
 struct gate_flow {
     __u8 client[16];
     __u8 server[16];
@@ -40,13 +46,18 @@ struct gate_flow {
 };
 GATE_SIZE(gate_flow, 40);
 
+/* What stands for the protocol where the verdict is that on a pair's later fragments, which show
+ * neither ports nor, in IPv6, the protocol. IANA keeps it reserved. */
+#define GATE_PROTO_FRAGMENTS 255
+
 enum gate_action { GATE_PASS = 1, GATE_DENY = 2 };
 
 /* Bits of gate_verdict::flags. */
 enum gate_flag {
-    GATE_RESET = 1,        /* a denied TCP packet is answered with RST, to both sides */
-    GATE_SET_DSCP = 2,     /* RFC 2474 */
-    GATE_SET_PRIORITY = 4, /* the packet's priority, at the client's egress */
+    GATE_RESET = 1,         /* a denied TCP packet is answered with RST, to both sides */
+    GATE_SET_DSCP = 2,      /* RFC 2474 */
+    GATE_SET_PRIORITY = 4,  /* the packet's priority, at the client's egress */
+    GATE_NOT_YET_FINAL = 8, /* its limits and marks hold; the packets are copied, as before */
 };
 
 /* Written by avcore alone. One of an older generation than the settings' still holds, and the
@@ -99,11 +110,19 @@ struct gate_client {
     __u8 reserved[2];
 };
 GATE_SIZE(gate_client, 8);
-struct gate_client_copies {
-    struct gate_tokens left;
-    __u64 refused; /* so far */
+struct gate_client_state {
+    struct gate_tokens copies[2]; /* by direction */
+    struct gate_tokens always;    /* what always passes, of bytes */
+    __u64 refused;                /* copies, so far */
 };
-GATE_SIZE(gate_client_copies, 24);
+GATE_SIZE(gate_client_state, 56);
+
+/* Bits of gate_settings::rules. */
+enum gate_rule {
+    GATE_PASS_TAGS = 1,      /* frames with more VLAN tags than are walked over */
+    GATE_DROP_FRAGMENTS = 2, /* of clients */
+    GATE_DROP_EXCESS = 4, /* of a client's packets without a verdict, what it has no copies for */
+};
 
 /* One word each is written at a time, through a mapping. */
 struct gate_settings {
@@ -113,7 +132,7 @@ struct gate_settings {
     __u32 copies_per_second; /* of each client */
     __u32 probing;           /* undecided packets are copied without a beat, too */
     __u32 changes;           /* counted up after a verdict was written */
-    __u32 reserved;
+    __u32 rules;             /* gate_rule */
 };
 GATE_SIZE(gate_settings, 32);
 
@@ -121,20 +140,25 @@ GATE_SIZE(gate_settings, 32);
 
 /* What became of packets; the index into each processor's counts. */
 enum gate_count {
-    GATE_COUNT_DECIDED,        /* passed, under a verdict */
-    GATE_COUNT_UNDECIDED,      /* passed before their verdict */
-    GATE_COUNT_NOBODY,         /* passed because nobody was there */
-    GATE_COUNT_ALWAYS,         /* passed, for a network lives by them */
-    GATE_COUNT_NOT_IP,         /* passed, other protocols than IPv4 and IPv6 */
-    GATE_COUNT_FRAGMENT,       /* passed: a later fragment, whose first one was judged */
-    GATE_COUNT_DENIED,         /* dropped: by policy */
-    GATE_COUNT_LIMITED,        /* dropped: by a rate limit */
-    GATE_COUNT_SHUT,           /* dropped: undecided, and nobody was there */
-    GATE_COUNT_MALFORMED,      /* dropped: headers that end early or contradict themselves */
-    GATE_COUNT_RESERVED,       /* dropped: IPv4 of 240.0.0.0/4 but for the broadcast address */
-    GATE_COUNT_DEEP_HEADERS,   /* dropped: IPv6 with more extension headers than are walked */
-    GATE_COUNT_RESETS,         /* RST segments made */
-    GATE_COUNT_COPIES,         /* that went up */
+    GATE_COUNT_DECIDED,      /* passed, under a verdict */
+    GATE_COUNT_UNDECIDED,    /* passed before their verdict */
+    GATE_COUNT_NOBODY,       /* passed because nobody was there */
+    GATE_COUNT_ALWAYS,       /* passed, for a network lives by them */
+    GATE_COUNT_NOT_IP,       /* passed, other protocols than IPv4 and IPv6 */
+    GATE_COUNT_FRAGMENT,     /* passed: a later fragment, whose first one was judged */
+    GATE_COUNT_DENIED,       /* dropped: by policy */
+    GATE_COUNT_LIMITED,      /* dropped: by a rate limit */
+    GATE_COUNT_SHUT,         /* dropped: undecided, and nobody was there */
+    GATE_COUNT_MALFORMED,    /* dropped: headers that end early or contradict themselves */
+    GATE_COUNT_RESERVED,     /* dropped: IPv4 of 240.0.0.0/4 but for the broadcast address */
+    GATE_COUNT_DEEP_HEADERS, /* dropped: IPv6 with more extension headers than are walked, or longer
+                                ones than a copy holds */
+    GATE_COUNT_TAGS,         /* dropped: more VLAN tags than are walked over */
+    GATE_COUNT_CUT,          /* dropped: a client's fragment, where those are */
+    GATE_COUNT_TOO_MUCH,     /* dropped: beyond what a client may send of what always passes */
+    GATE_COUNT_EXCESS,       /* dropped: without a verdict, and its client had too many copies */
+    GATE_COUNT_RESETS,       /* RST segments made */
+    GATE_COUNT_COPIES,       /* that went up */
     GATE_COUNT_COPIES_REFUSED, /* their client had too many */
     GATE_COUNT_COPIES_LOST,    /* the ring was full */
     GATE_COUNTS

@@ -23,7 +23,11 @@ constexpr struct {
     {"shut", "packets dropped undecided, for nobody was there"},
     {"malformed", "packets dropped, for their headers are broken"},
     {"reserved", "packets dropped, of the reserved addresses 240.0.0.0/4"},
-    {"deep_headers", "packets dropped, for they have too many extension headers"},
+    {"deep_headers", "packets dropped, for they have too many or too long extension headers"},
+    {"tags", "packets dropped, for they have too many VLAN tags"},
+    {"cut", "clients' fragments dropped"},
+    {"too_much", "packets dropped that always pass, beyond what a client may send of them"},
+    {"excess", "packets dropped without a verdict, for their client had too many copies"},
     {"resets", "connections' sides reset"},
     {"copies", "copies for the daemon"},
     {"copies_refused", "copies refused, for their client had too many"},
@@ -36,6 +40,11 @@ std::string list_of(const std::vector<std::string> &names) {
     for (const std::string &name : names)
         list += (list.empty() ? "" : ", ") + name;
     return list.empty() ? "nothing" : list;
+}
+
+// As [enforce] has it.
+const char *word_of(bool passes) {
+    return passes ? "pass" : "drop";
 }
 
 std::string beat_text(int64_t age_ms) {
@@ -64,9 +73,13 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         out << "  stations of " << access_point << ": " << list_of(names) << '\n';
     out << "without a daemon: " << (status.rules.fail_closed ? "closed" : "open") << '\n'
         << "copies a second of each client: " << status.rules.copies_per_second << '\n'
+        << "beyond them: " << word_of(!status.rules.drop_excess)
+        << ", clients' fragments: " << word_of(!status.rules.drop_fragments)
+        << ", too many VLAN tags: " << word_of(status.rules.pass_tags) << '\n'
         << "beat: " << beat_text(status.beat_age_ms) << '\n'
         << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
-        << " deny, generation " << status.generation << '\n';
+        << " deny, " << status.verdicts[0] << " not final yet, generation " << status.generation
+        << '\n';
     print_gate_counts(out, status.counts);
 }
 
@@ -77,10 +90,14 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
         object["stations"] = status.stations;
         object["fail"] = status.rules.fail_closed ? "closed" : "open";
         object["copies"] = status.rules.copies_per_second;
+        object["excess"] = word_of(!status.rules.drop_excess);
+        object["fragments"] = word_of(!status.rules.drop_fragments);
+        object["tags"] = word_of(status.rules.pass_tags);
         if (status.beat_age_ms >= 0)
             object["beat_age_ms"] = status.beat_age_ms;
         object["generation"] = status.generation;
-        object["verdicts"] = {{"pass", status.verdicts[GATE_PASS]},
+        object["verdicts"] = {{"not_final", status.verdicts[0]},
+                              {"pass", status.verdicts[GATE_PASS]},
                               {"deny", status.verdicts[GATE_DENY]}};
         for (size_t i = 0; i < status.counts.size(); ++i)
             object["counts"][COUNTS[i].key] = status.counts[i];
