@@ -9,6 +9,7 @@ What is asserted is what arrives at the far side's interface.
 import contextlib
 import ctypes
 import sys
+import unittest
 from typing import NamedTuple
 
 from access_points import namespace
@@ -35,6 +36,8 @@ RULES = {DENIED: {"deny": True}, SWITCHED: {}, VOICE_CALL: {"qos": {"mark": {"ki
          **{port: {"rate_up": limit // 1000, "rate_down": limit // 1000}
             for port, limit in LIMITS.items()}}
 
+counts_rates = unittest.skipIf("JORN_EMULATED" in os.environ, "an emulated machine has other rates")
+
 
 def policies(rules, names=("youtube", "icmp")):
     """The document: an application for each port, names that the client may not reach, and rules
@@ -51,6 +54,11 @@ def policies(rules, names=("youtube", "icmp")):
                   for name in names], *by_name]},
                 {"utp_id": 2, "name": "servers", "rules": [
                     {"app_name": "shop.example", "deny": True}]}]}
+
+
+def link_address(*words):
+    [link] = json.loads(subprocess.check_output(["ip", "-j", *words]))
+    return link["address"]
 
 
 class Packet(NamedTuple):

@@ -11,7 +11,6 @@ DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-t
 LATE_ANSWER = 31
 SCHED_POLICY = ~os.SCHED_RESET_ON_FORK
 PINS = "/tmp/pins"
-counts_rates = unittest.skipIf("JORN_EMULATED" in os.environ, "an emulated machine has other rates")
 PROTOCOLS = {socket.SOCK_DGRAM: UDP, socket.SOCK_STREAM: TCP}
 
 
@@ -32,11 +31,6 @@ class Passing:
 
     def __repr__(self):
         return f"{self.passed} of {self.offered} bytes, not {self.least:.0f} to {self.most:.0f}"
-
-
-def link_address(*words):
-    [link] = json.loads(subprocess.check_output(["ip", "-j", *words]))
-    return link["address"]
 
 
 class Layout:

@@ -20,11 +20,11 @@
 
 #define NS_PER_SECOND 1000000000ull
 #define EXTENSION_HEADERS_MAX 8
-#define VLAN_TAGS_MAX 2 /* in the frame, behind the one that the kernel keeps beside it; */
+#define VLAN_TAGS_MAX 2     /* in the frame, behind the one that the kernel keeps beside it; */
 #define PRIORITY_TAGS_MAX 8 /* with the VLAN ID 0, which every receiver takes off */
 #define VLAN_ID 0x0FFF
 #define TAGGED_TYPE_MAX (12 + 4 * (PRIORITY_TAGS_MAX + VLAN_TAGS_MAX))
-#define HOP_LIMIT 64    /* of packets made here */
+#define HOP_LIMIT 64 /* of packets made here */
 #define DNS_PORT_BE bpf_htons(53)
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
@@ -174,19 +174,22 @@ static __always_inline __u64 coarse_now(struct gate_processor *here) {
 
 /* ---- parsing: each step answers what becomes of the packet, UNDECIDED being: look further ---- */
 
-static __always_inline void set_addresses(struct packet *packet, const void *source,
-                                          const void *dest, __u32 size) {
-    struct gate_flow *flow = &packet->flow;
+static __always_inline void set_addresses(struct gate_flow *flow, __u8 direction,
+                                          const void *source, const void *dest, __u32 size) {
     const __u32 at = sizeof flow->client - size;
-    const bool up = packet->direction == GATE_UP;
+    const bool up = direction == GATE_UP;
     __builtin_memcpy(flow->client + at, up ? source : dest, size);
     __builtin_memcpy(flow->server + at, up ? dest : source, size);
+    if (size == sizeof(__be32)) {
+        flow->client[10] = flow->client[11] = 0xFF;
+        flow->server[10] = flow->server[11] = 0xFF;
+    }
 }
 
-static __always_inline void set_ports(struct packet *packet, __be16 source, __be16 dest) {
-    const bool up = packet->direction == GATE_UP;
-    packet->flow.client_port_be = up ? source : dest;
-    packet->flow.server_port_be = up ? dest : source;
+static __always_inline void set_ports(struct gate_flow *flow, __u8 direction, __be16 source,
+                                      __be16 dest) {
+    flow->client_port_be = direction == GATE_UP ? source : dest;
+    flow->server_port_be = direction == GATE_UP ? dest : source;
 }
 
 static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packet) {
@@ -199,7 +202,7 @@ static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packe
         (packet->transport + length > packet->end && !packet->first_fragment))
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
-    set_ports(packet, tcp->source, tcp->dest);
+    set_ports(&packet->flow, packet->direction, tcp->source, tcp->dest);
     return GATE_COUNT_UNDECIDED;
 }
 
@@ -210,7 +213,7 @@ static __always_inline int parse_udp(struct __sk_buff *skb, struct packet *packe
         (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, ports, 4)))
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
-    set_ports(packet, ports->source, ports->dest);
+    set_ports(&packet->flow, packet->direction, ports->source, ports->dest);
     return GATE_COUNT_UNDECIDED;
 }
 
@@ -282,9 +285,7 @@ static __always_inline int parse_ipv4(struct __sk_buff *skb, struct packet *pack
         return GATE_COUNT_RESERVED;
     packet->traffic_class = head->tos;
     packet->flow.proto = head->protocol;
-    packet->flow.client[10] = packet->flow.client[11] = 0xFF;
-    packet->flow.server[10] = packet->flow.server[11] = 0xFF;
-    set_addresses(packet, &head->saddr, &head->daddr, sizeof head->saddr);
+    set_addresses(&packet->flow, packet->direction, &head->saddr, &head->daddr, sizeof head->saddr);
     const __u16 fragment = bpf_ntohs(head->frag_off);
     if (fragment & FRAGMENT_OFFSET)
         return GATE_COUNT_FRAGMENT;
@@ -322,8 +323,9 @@ static __always_inline int step_over(struct __sk_buff *skb, struct packet *packe
     if (packet->transport > packet->end)
         return GATE_COUNT_MALFORMED;
     /* The daemon would see another packet: one that ends before its ports. */
-    return packet->transport + sizeof(struct tcp_header) <= GATE_FRAME_MAX ? GATE_COUNT_UNDECIDED
-                                                                           : GATE_COUNT_DEEP_HEADERS;
+    return packet->transport + sizeof(struct tcp_header) <= GATE_FRAME_MAX
+               ? GATE_COUNT_UNDECIDED
+               : GATE_COUNT_DEEP_HEADERS;
 }
 
 /* An IPv6 packet with such an address would be taken for an IPv4 flow. */
@@ -345,7 +347,7 @@ static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *pack
         return GATE_COUNT_RESERVED;
     packet->traffic_class = (__u8)(head.priority << 4 | head.flow_lbl[0] >> 4);
     packet->flow.proto = head.nexthdr;
-    set_addresses(packet, &head.saddr, &head.daddr, sizeof head.saddr);
+    set_addresses(&packet->flow, packet->direction, &head.saddr, &head.daddr, sizeof head.saddr);
     for (int i = 0; i < EXTENSION_HEADERS_MAX; i++) {
         if (!is_extension(packet->flow.proto))
             return parse_transport(skb, packet);
@@ -845,41 +847,41 @@ static __always_inline int pass_always(struct __sk_buff *skb, const struct packe
 /* The flow of the packet that an error quotes, which went the other way and may be cut behind its
  * ports. False where it doesn't show one. */
 static __always_inline bool quoted_flow(struct __sk_buff *skb, const struct packet *packet,
-                                        struct packet *quoted) {
+                                        struct gate_flow *flow) {
+    const __u8 direction = packet->direction == GATE_UP ? GATE_DOWN : GATE_UP;
     const __u32 at = packet->transport + 8;
-    __u32 ports_at = at;
-    quoted->direction = packet->direction == GATE_UP ? GATE_DOWN : GATE_UP;
-    if (packet->is_ipv6) {
-        struct ipv6hdr head;
-        if (bpf_skb_load_bytes(skb, at, &head, sizeof head))
-            return false;
-        quoted->flow.proto = head.nexthdr == IPPROTO_ICMPV6 ? IPPROTO_ICMP : head.nexthdr;
-        set_addresses(quoted, &head.saddr, &head.daddr, sizeof head.saddr);
-        ports_at += sizeof head;
-    } else {
-        struct iphdr head;
-        if (bpf_skb_load_bytes(skb, at, &head, sizeof head) ||
-            (head.frag_off & bpf_htons(FRAGMENT_OFFSET)))
-            return false;
-        quoted->flow.proto = head.protocol;
-        quoted->flow.client[10] = quoted->flow.client[11] = 0xFF;
-        quoted->flow.server[10] = quoted->flow.server[11] = 0xFF;
-        set_addresses(quoted, &head.saddr, &head.daddr, sizeof head.saddr);
-        ports_at += head.ihl * 4;
-    }
+    __u32 ports_at;
     __be16 ports[2];
-    if (quoted->flow.proto != IPPROTO_TCP && quoted->flow.proto != IPPROTO_UDP)
+    union {
+        struct iphdr ipv4;
+        struct ipv6hdr ipv6;
+    } head;
+    if (packet->is_ipv6) {
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv6))
+            return false;
+        flow->proto = head.ipv6.nexthdr == IPPROTO_ICMPV6 ? IPPROTO_ICMP : head.ipv6.nexthdr;
+        set_addresses(flow, direction, &head.ipv6.saddr, &head.ipv6.daddr, sizeof head.ipv6.saddr);
+        ports_at = at + sizeof head.ipv6;
+    } else {
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv4) ||
+            (head.ipv4.frag_off & bpf_htons(FRAGMENT_OFFSET)))
+            return false;
+        flow->proto = head.ipv4.protocol;
+        set_addresses(flow, direction, &head.ipv4.saddr, &head.ipv4.daddr, sizeof head.ipv4.saddr);
+        ports_at = at + head.ipv4.ihl * 4;
+    }
+    if (flow->proto != IPPROTO_TCP && flow->proto != IPPROTO_UDP)
         return true;
     if (bpf_skb_load_bytes(skb, ports_at, ports, sizeof ports))
         return false;
-    set_ports(quoted, ports[0], ports[1]);
+    set_ports(flow, direction, ports[0], ports[1]);
     return true;
 }
 
 static __noinline int judge_error(struct __sk_buff *skb, const struct packet *packet) {
-    struct packet quoted = {};
+    struct gate_flow quoted = {};
     if (quoted_flow(skb, packet, &quoted)) {
-        const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &quoted.flow);
+        const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &quoted);
         if (verdict && verdict->action == GATE_DENY)
             return drop(GATE_COUNT_DENIED, packet);
     }

@@ -7,11 +7,8 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <linux/magic.h>
-#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/vfs.h>
@@ -23,7 +20,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char OWN_MOUNT[] = "jorn-gate"; // its source in /proc/self/mountinfo
+// A folder in a bpffs that was mounted here. The mount's source doesn't say so: Linux 5.10 drops it.
+constexpr char OWN_MOUNT[] = "mounted_by_avcore";
 
 [[noreturn]] void fail(const std::string &what, int error) {
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
@@ -38,21 +36,9 @@ bool is_bpffs(const std::string &path) {
     return false;
 }
 
-// A line: six words, of which the fifth is where; options; " - ", the type, the source.
 bool is_own_mount(const std::string &pins) {
     std::error_code error;
-    const std::string at = fs::canonical(pins, error).string();
-    std::ifstream mounts("/proc/self/mountinfo");
-    bool own = false;
-    for (std::string line; std::getline(mounts, line);) {
-        std::istringstream words(line.substr(0, line.find(" - ")));
-        std::string word;
-        for (int i = 0; i < 5; i++)
-            words >> word;
-        if (word == at) // the last one lies on top
-            own = line.find(std::string(" - bpf ") + OWN_MOUNT + " ") != std::string::npos;
-    }
-    return own;
+    return fs::is_directory(fs::path(pins) / OWN_MOUNT, error);
 }
 
 bool is_layout(const std::string &name) {
@@ -68,11 +54,11 @@ std::vector<fs::path> folders_in(const std::string &pins, std::error_code &error
     return folders;
 }
 
-// But for the two files that the kernel itself may put into a bpffs.
+// But for the mark, and the two files that the kernel itself may put into a bpffs.
 bool has_entries(const std::string &pins) {
     std::error_code error;
     for (const fs::directory_entry &entry : fs::directory_iterator(pins, error))
-        if (entry.path().extension() != ".debug")
+        if (entry.path().extension() != ".debug" && entry.path().filename() != OWN_MOUNT)
             return true;
     return false;
 }
@@ -92,8 +78,11 @@ void make_pins(const std::string &pins) {
     fs::create_directories(pins, error);
     if (error)
         throw std::runtime_error("no folder " + pins + " for the gate: " + error.message());
-    if (!is_bpffs(pins) && mount(OWN_MOUNT, pins.c_str(), "bpf", 0, "mode=0700") != 0)
-        fail("no bpffs can be mounted at " + pins, errno);
+    if (!is_bpffs(pins)) {
+        if (mount("jorn-gate", pins.c_str(), "bpf", 0, "mode=0700") != 0)
+            fail("no bpffs can be mounted at " + pins, errno);
+        fs::create_directory(fs::path(pins) / OWN_MOUNT, error);
+    }
     fs::create_directory(layout_folder(pins), error);
     if (error)
         throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());

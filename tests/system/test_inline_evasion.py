@@ -1,0 +1,180 @@
+"""What a client tries to get past the gate, beside what the same gate lets through."""
+import unittest
+
+from inline_lab import *
+
+NO_MEANING = 200  # a type of ICMPv6
+PRIORITY_TAGS = b"\x81\x00\xe0\x00" * 4
+PAGE = bytes(30_000)
+RATE = LIMITS[SLOW] / 8
+BURST = 65536
+
+
+def summed(packet):
+    """An IPv4 packet that routers take."""
+    total = sum(struct.unpack(">10H", packet[:20]))
+    return packet[:10] + struct.pack(">H", ~(total + (total >> 16)) & 0xFFFF) + packet[12:]
+
+
+def of_client(version, protocol, payload, **words):
+    if version == 4:
+        return summed(ipv4(protocol, payload, src=CLIENTS[4], dst=SERVERS[4], **words))
+    return (struct.pack(">IHBB", 6 << 28, len(payload), protocol, 64)
+            + b"".join(socket.inet_pton(socket.AF_INET6, address[6]) for address in (CLIENTS, SERVERS))
+            + payload)
+
+
+def first_fragment(version, segment):
+    """Of a packet that never becomes whole."""
+    if version == 4:
+        return of_client(4, TCP, segment, more=True)
+    return of_client(6, 44, struct.pack(">BxHI", TCP, 1, 1) + segment)
+
+
+class Attempts:
+    def raw(self):
+        """A function that sends a packet as the client's, behind tags."""
+        with namespace("client"):
+            out = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+        self.addCleanup(out.close)
+        with namespace("client"):
+            out.bind(("eth0", 0))
+        next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
+        header = mac(link_address(*next_hop.split())) + mac(link_address("-n", "client", "link",
+                                                                         "show", "eth0"))
+        return lambda packet, tags=b"": out.send(
+            header + tags + (b"\x08\x00" if packet[0] >> 4 == 4 else b"\x86\xdd") + packet)
+
+    def test_fragments_that_decide_about_others(self):
+        self.start()
+        send = self.raw()
+        for version in FAMILIES:
+            with self.subTest(version=version):
+                server = self.bind("server", socket.SOCK_STREAM, SERVERS[version], DENIED)
+                self.addCleanup(server.close)
+                server.listen()
+                client = self.bind("client", socket.SOCK_STREAM, CLIENTS[version], 0)
+                self.addCleanup(client.close)
+                copies = self.status()["counts"]["copies"]
+                for _ in range(31):
+                    send(first_fragment(version, tcp(client.getsockname()[1], DENIED, bytes(20))))
+                self.until(lambda: self.status()["counts"]["copies"] >= copies + 31)
+                self.until(lambda: self.is_shut(version))  # those before it are answered
+                client.settimeout(2)
+                server.settimeout(2)
+                with contextlib.suppress(TimeoutError):
+                    client.connect((SERVERS[version], DENIED))
+                    accepted = server.accept()[0]
+                    self.addCleanup(accepted.close)
+                    accepted.settimeout(2)
+                    for _ in range(20):
+                        client.send(b"x")
+                        time.sleep(0.05)
+                        last = accepted.recv(100)
+                    self.fail(f"{last} came through")
+
+    def test_what_no_policy_was_asked_about(self):
+        """Types of ICMPv6 that are nobody's, and VLAN tags that every receiver takes off."""
+        self.start()
+        send, marked = self.raw(), self.connected(socket.SOCK_DGRAM, SERVERS[4], ALLOWED)
+        for what, version, protocol, payload, tags in (
+                ("ICMPv6", 6, 58, bytes((NO_MEANING, 0, 0, 0)), b""),
+                ("priority tags", 4, UDP, udp(40000, DENIED, b"12345678"), PRIORITY_TAGS)):
+
+            def arrive(count):
+                since = time.time()
+                for _ in range(count):
+                    send(of_client(version, protocol, payload), tags)
+                self.arrived(marked)
+                return [packet for packet in self.at_server.up_to(since) if packet.at >= since
+                        and (packet.version, packet.protocol) == (version, protocol)]
+
+            if tags and self.bridged:
+                continue  # the server takes them off behind where arrivals are seen
+            with self.subTest(what):
+                self.assertTrue(arrive(1))
+                self.until(lambda: not arrive(20))
+
+    @counts_rates
+    def test_limits_hold_from_the_first_verdict_on(self):
+        """Over twenty milliseconds, which a verdict doesn't take, by sixteen connections at once."""
+        self.start(wire_ms=10)
+        server = self.bind("server", socket.SOCK_STREAM, SERVERS[4], SLOW)
+        self.addCleanup(server.close)
+        server.listen()
+
+        def serve():
+            with contextlib.suppress(OSError):
+                while True:
+                    with server.accept()[0] as accepted:
+                        accepted.sendall(PAGE)
+
+        threading.Thread(target=serve, daemon=True).start()
+        begins, received = time.monotonic(), []
+
+        def read_pages():
+            while time.monotonic() < begins + 4:
+                with self.connected(socket.SOCK_STREAM, SERVERS[4], SLOW) as client:
+                    while data := client.recv(1 << 16):
+                        received.append(len(data))
+
+        readers = [threading.Thread(target=read_pages) for _ in range(16)]
+        for reader in readers:
+            reader.start()
+        for reader in readers:
+            reader.join()
+        self.assertLess(sum(received), 2 * (BURST + RATE * (time.monotonic() - begins)))
+
+    @counts_rates
+    def test_later_fragments(self):
+        self.start()
+        client, _ = self.pair(socket.SOCK_DGRAM, 4, SLOW)
+
+        def passed(lasts):
+            begins = time.time()
+            while time.time() < begins + lasts:
+                client.send(bytes(8000))  # six fragments
+            return sum(packet.size for packet in self.at_server.up_to(begins) if packet.at >= begins
+                       and packet.protocol == UDP)
+
+        client.send(bytes(8000))
+        self.until(lambda: self.status()["counts"]["limited"] or client.send(bytes(8000)) == 0)
+        self.assertLess(passed(3), 2 * (BURST + RATE * 3))
+        self.configure('fragments = "drop"')
+        self.avcore.send_signal(signal.SIGHUP)
+        self.until(lambda: self.status()["fragments"] == "drop")
+        self.assertEqual(passed(0.2), 0)
+
+    def test_more_flows_than_copies(self):
+        self.start('excess = "drop"')
+        server = self.bind("server", socket.SOCK_STREAM, SERVERS[4], ALLOWED)
+        self.addCleanup(server.close)
+        server.listen(100)
+        page = [self.connected(socket.SOCK_STREAM, SERVERS[4], ALLOWED) for _ in range(60)]
+        for client in page:
+            accepted = server.accept()[0]
+            self.addCleanup(accepted.close)
+            accepted.sendall(PAGE)
+        for client in page:
+            self.assertEqual(len(client.recv(len(PAGE), socket.MSG_WAITALL)), len(PAGE))
+        self.assertEqual(self.status()["counts"]["excess"], 0)
+        send, since = self.raw(), time.time()
+        for port in range(20_000):
+            send(of_client(4, UDP, udp(port + 1, ALLOWED, b"12345678")))
+        self.arrived(self.connected(socket.SOCK_DGRAM, SERVERS[4], ALLOWED))
+        self.assertGreater(self.status()["counts"]["excess"], 10_000)
+        self.assertLess(len(self.at_server.of(ALLOWED, 4, UDP, since=since)), 10_000)
+
+
+class Routed(Attempts, InlineTest):
+    pass
+
+
+class Bridged(Attempts, InlineTest):
+    bridged = True
+
+
+del Attempts  # its tests are run in both
+
+if __name__ == "__main__":
+    unittest.main()
