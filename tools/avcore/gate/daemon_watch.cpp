@@ -24,7 +24,7 @@ daemon_watch::daemon_watch(gate &gate, const enforce_settings &settings,
       next_beat_ms_(somebody_decides_ ? now_ms : NEVER_MS) {
     gate_.ask_although_unattended(!somebody_decides_);
     const gate_counts counts = gate_.counts();
-    for (shortage *each : {&refused_, &lost_})
+    for (shortage *each : {&refused_, &lost_, &tags_, &much_})
         each->told = counts[each->which];
     refused_before_ = gate_.refused_copies();
 }
@@ -109,10 +109,18 @@ void daemon_watch::tell_shortages(int64_t now_ms) {
     if (const uint64_t refused = take_news(refused_, counts, now_ms); refused > 0)
         say_(refused_clients() + " more than " + std::to_string(settings_.rules.copies_per_second) +
              " undecided packets a second: " + std::to_string(refused) +
-             " passed without being looked at");
+             (settings_.rules.drop_excess
+                  ? " weren't looked at, and dropped where no verdict was there"
+                  : " passed without being looked at"));
     if (const uint64_t lost = take_news(lost_, counts, now_ms); lost > 0)
         say_("more undecided packets than can be taken: " + std::to_string(lost) +
              " passed without being looked at");
+    if (const uint64_t tags = take_news(tags_, counts, now_ms); tags > 0)
+        say_("too many VLAN tags: " + std::to_string(tags) +
+             " frames were dropped; with tags = \"pass\" in [enforce] they pass unjudged");
+    if (const uint64_t much = take_news(much_, counts, now_ms); much > 0)
+        say_("a client sends too much of what always passes (ARP, LLC, errors of ICMP): " +
+             std::to_string(much) + " packets were dropped");
 }
 
 } // namespace avcore

@@ -61,6 +61,8 @@ private:
     shortage refused_ = {GATE_COUNT_COPIES_REFUSED};
     std::map<mac_address, uint64_t> refused_before_; // when it was last told
     shortage lost_ = {GATE_COUNT_COPIES_LOST};
+    shortage tags_ = {GATE_COUNT_TAGS};
+    shortage much_ = {GATE_COUNT_TOO_MUCH};
 };
 
 } // namespace avcore
