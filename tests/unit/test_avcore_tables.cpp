@@ -4,6 +4,7 @@
 #include "avcore/frame_builder.h"
 #include "avcore/gate/limits.h"
 #include "avcore/ipv6_frame.h"
+#include "avcore/line_cap.h"
 #include "avcore/messages.h"
 #include "avcore/report.h"
 #include "avcore/source.h"
@@ -409,6 +410,15 @@ TEST(AvcoreFrames, TagsDontHideWhatTheGateHasLookedAt) {
         ASSERT_TRUE(built);
         EXPECT_EQ(built->flow.row.server.port, size == frame.size() ? 2000 : 0) << size;
     }
+}
+
+TEST(AvcoreLog, FiveLinesASecondAndTheNextSaysHowManyHadNone) {
+    line_cap cap;
+    std::string written;
+    for (int64_t ms = 10'000; ms <= 11'000; ms += 100)
+        if (cap.admits(ms))
+            written += 'x' + cap.remark();
+    EXPECT_EQ(written, "xxxxxx (and 5 more)");
 }
 
 } // namespace

@@ -149,11 +149,12 @@ session::ending session::turn() {
 }
 
 void session::follow_interfaces() {
-    const std::vector<std::string> lines = gate_->follow_interfaces();
-    follow_due_ms_ = gate_->misses_interfaces() ? monotonic_ms() + FOLLOW_AGAIN_MS : NEVER_MS;
-    for (const std::string &line : lines)
-        say(line);
-    if (!lines.empty())
+    const interface_news news = gate_->follow_interfaces();
+    const int64_t now_ms = monotonic_ms();
+    follow_due_ms_ = gate_->misses_interfaces() ? now_ms + FOLLOW_AGAIN_MS : NEVER_MS;
+    say_some(news.changes, interface_changes_, now_ms);
+    say_some(news.failures, interface_failures_, now_ms);
+    if (!news.empty())
         enforcer_->interfaces_changed();
 }
 
@@ -453,6 +454,12 @@ void session::explain_link_type() {
 void session::say(const std::string &what) {
     progress_.clear();
     std::cerr << "avcore: " << what << '\n';
+}
+
+void session::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {
+    for (const std::string &line : lines)
+        if (cap.admits(now_ms))
+            say(line + cap.remark());
 }
 
 void session::report() {

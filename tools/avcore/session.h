@@ -13,6 +13,7 @@
 #include "avcore/gate/enforcer.h"
 #include "avcore/gate/gate.h"
 #include "avcore/gate/urgency.h"
+#include "avcore/line_cap.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
 #include "avcore/report.h"
@@ -62,6 +63,7 @@ private:
     void explain_waiting(int64_t now_ms);
     void explain_link_type();
     void say(const std::string &what); // on standard error
+    void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
     void report();
 
     const options &options_;
@@ -87,6 +89,8 @@ private:
     std::map<std::string, int32_t> switches_; // "av wlan0" and the like
     bool engine_asked_ = false;
     bool engine_ignored_ = false;
+    line_cap interface_changes_;
+    line_cap interface_failures_;
     int64_t follow_due_ms_ = NEVER_MS; // interfaces that the gate couldn't be attached to
     size_t max_frame_size_ = 0;
     uint64_t malformed_messages_ = 0;

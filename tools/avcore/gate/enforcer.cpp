@@ -17,7 +17,6 @@ namespace {
 
 constexpr uint64_t ENOUGH_TCP_PACKETS = 30;
 constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
-constexpr unsigned LINES_A_SECOND = 5;
 constexpr uint16_t NO_RATE = UINT16_MAX;
 constexpr uint8_t TCP = 6;
 constexpr uint32_t ASK_AGAIN = 0; // older than any generation
@@ -298,18 +297,8 @@ void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std:
 }
 
 void enforcer::tell_denial(const flow_row &row, const std::string &why, int64_t now_ms) {
-    if (now_ms - lines_since_ms_ >= 1000) {
-        lines_since_ms_ = now_ms;
-        lines_ = 0;
-    }
-    if (++lines_ > LINES_A_SECOND) {
-        ++silent_denials_;
-        return;
-    }
-    const std::string silent =
-        silent_denials_ > 0 ? " (and " + std::to_string(silent_denials_) + " more)" : "";
-    silent_denials_ = 0;
-    say_("denied: " + flow_text(row) + ": " + why + silent);
+    if (denials_.admits(now_ms))
+        say_("denied: " + flow_text(row) + ": " + why + denials_.remark());
 }
 
 } // namespace avcore

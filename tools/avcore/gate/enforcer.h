@@ -13,6 +13,7 @@
 #include "avcore/gate/gate.h"
 #include "avcore/gate/limits.h"
 #include "avcore/gate/shaper.h"
+#include "avcore/line_cap.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
@@ -69,9 +70,7 @@ private:
     say_function say_;
     shaper shaper_;
     limit_book limits_;
-    int64_t lines_since_ms_ = 0;
-    unsigned lines_ = 0;          // since then
-    uint64_t silent_denials_ = 0; // of which no line was written, since the last one that says so
+    line_cap denials_;
     uint64_t refused_writes_ = 0;
 };
 

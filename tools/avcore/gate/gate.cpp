@@ -417,7 +417,7 @@ gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) 
 gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
 
-std::vector<std::string> gate::follow_interfaces() {
+interface_news gate::follow_interfaces() {
     return parts_->places.follow();
 }
 

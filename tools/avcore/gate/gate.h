@@ -7,6 +7,7 @@
 #pragma once
 
 #include "avcore/gate/gate_records.h"
+#include "avcore/gate/interface_news.h"
 
 #include <array>
 #include <cstdint>
@@ -48,9 +49,8 @@ public:
 
     int interfaces_fd() const; // readable when interfaces may have come or gone
     // Attaches it again where one of the interfaces was made anew, and where an access point among
-    // them has one for single stations. A line for the log for each that came or went since the
-    // last call.
-    std::vector<std::string> follow_interfaces();
+    // them has one for single stations. Returns what is new since the last call.
+    interface_news follow_interfaces();
     bool misses_interfaces() const; // an attempt failed: it is to be made again, in a second
     std::vector<std::string> interfaces() const; // where it is attached in this run
     // What rules know the interface of a copy by: the access point's, where it is one for single

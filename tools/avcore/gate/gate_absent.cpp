@@ -22,7 +22,7 @@ gate::~gate() = default;
 gate::gate(gate &&) noexcept = default;
 
 // Of a gate that is there; none is.
-std::vector<std::string> gate::follow_interfaces() {
+interface_news gate::follow_interfaces() {
     return {};
 }
 bool gate::misses_interfaces() const {

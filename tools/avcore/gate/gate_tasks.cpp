@@ -13,8 +13,10 @@ int set_up_gate(const options &options, const config &settings) {
         attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)
         std::cout << "attached to " << name << '\n';
-    for (const std::string &line : attached.follow_interfaces())
-        std::cout << line << '\n';
+    const interface_news news = attached.follow_interfaces();
+    for (const auto *lines : {&news.changes, &news.failures})
+        for (const std::string &line : *lines)
+            std::cout << line << '\n';
     for (const std::string &way : ways_past_gate(attached.interfaces()))
         std::cout << "past the gate: " << way << '\n';
     return std::cout.flush() ? 0 : 1;

@@ -49,7 +49,7 @@ gate_places::gate_places(const std::string &pins, const std::vector<std::string>
     follow_stations();
 }
 
-std::vector<std::string> gate_places::follow() {
+interface_news gate_places::follow() {
     if (has_changed() || misses_some_) {
         misses_some_ = false;
         follow_named();
@@ -57,7 +57,7 @@ std::vector<std::string> gate_places::follow() {
         if (!misses_some_)
             told_.clear();
     }
-    return std::exchange(lines_, {});
+    return std::exchange(news_, {});
 }
 
 // What changed is looked up, so that messages that were lost for want of room are no loss.
@@ -72,7 +72,7 @@ bool gate_places::has_changed() const {
 void gate_places::complain(const std::string &what) {
     misses_some_ = true;
     if (told_.insert(what).second)
-        lines_.push_back(what);
+        news_.failures.push_back(what);
 }
 
 void gate_places::follow_named() {
@@ -82,7 +82,7 @@ void gate_places::follow_named() {
             continue;
         if (now == 0) {
             index = now;
-            lines_.push_back(name + " is gone, and the gate there with it");
+            news_.changes.push_back(name + " is gone, and the gate there with it");
             continue;
         }
         names_[now] = name;
@@ -90,7 +90,7 @@ void gate_places::follow_named() {
             const unique_fd lock = lock_beside(pins_);
             attach_all(ethernet_interface(name), programs_);
             index = now;
-            lines_.push_back(name + " was made anew: the gate is attached there again");
+            news_.changes.push_back(name + " was made anew: the gate is attached there again");
         } catch (const std::runtime_error &error) {
             complain(error.what());
         }
@@ -129,8 +129,8 @@ void gate_places::take(unsigned index, unsigned access_point) {
         const unique_fd lock = lock_beside(pins_);
         gate_programs_at(access_point);
         attach_all(index, programs_);
-        lines_.push_back(place.name + " has stations of " + place.access_point +
-                         ": the gate is attached there");
+        news_.changes.push_back(place.name + " has stations of " + place.access_point +
+                                ": the gate is attached there");
     } catch (const std::runtime_error &error) {
         if (!current_name(index).empty())
             complain(error.what());
@@ -142,16 +142,16 @@ void gate_places::take(unsigned index, unsigned access_point) {
 
 void gate_places::leave(unsigned index, const station_place &place) {
     if (current_name(index).empty()) {
-        lines_.push_back(place.name + " is gone, and the gate there with it");
+        news_.changes.push_back(place.name + " is gone, and the gate there with it");
         return;
     }
     try {
         const unique_fd lock = lock_beside(pins_);
         take_gate_from(index);
-        lines_.push_back(place.name + " has no more stations of " + place.access_point +
-                         ": the gate is detached there");
+        news_.changes.push_back(place.name + " has no more stations of " + place.access_point +
+                                ": the gate is detached there");
     } catch (const std::runtime_error &error) {
-        lines_.emplace_back(error.what());
+        news_.failures.emplace_back(error.what());
     }
 }
 

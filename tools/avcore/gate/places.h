@@ -3,6 +3,7 @@
 // with their stations; the kernel tells of each change.
 #pragma once
 
+#include "avcore/gate/interface_news.h"
 #include "avcore/gate/traffic_control.h"
 #include "avcore/gate/wireless.h"
 #include "unique_fd.h"
@@ -25,9 +26,9 @@ public:
                 list_function list = wireless_interfaces);
 
     int fd() const { return changes_.get(); } // readable when interfaces have changed
-    // Attaches the gate where interfaces came or were made anew, and where that failed before. A
-    // line for the log for each that came or went, and once for what fails.
-    std::vector<std::string> follow();
+    // Attaches the gate where interfaces came or were made anew, and where that failed before. What
+    // fails is told once.
+    interface_news follow();
     bool misses_some() const { return misses_some_; } // and wants to be called again, unasked
 
     std::vector<std::string> names() const; // of all
@@ -57,7 +58,7 @@ private:
     std::map<std::string, unsigned> named_; // their indices; 0 while there is none
     std::map<unsigned, station_place> stations_;
     std::map<unsigned, std::string> names_; // of those that were asked for or taken
-    std::vector<std::string> lines_;        // since the last call
+    interface_news news_;                   // since the last call
     bool misses_some_ = false;
     std::set<std::string> told_; // complaints, as long as some are missed
 };
