@@ -2,11 +2,14 @@
 and under verdicts, taken in turn, round by round.
 
     scripts/private python3 -B bench/inline.py [--bridged] [--rounds N] [--seconds N] [--flows N]
+                                                   [--pages N]
 
 One client sends to one server as fast as this machine can: TCP, then UDP in packets of 200 bytes;
 then it pings. Ratios are to the same round's figures without the gate; what is printed are medians.
 Before that, how long a denied flow's packets pass: for each flow a datagram every 0.2 ms, after the
-first ten at intervals that grow by a tenth. --rounds 0 measures that alone.
+first ten at intervals that grow by a tenth. And how many pages of a name that is denied curl gets
+whole, from a server next door and from one 20 ms away; DNS gave the name before, so that the first
+packet is judged by it. What is given as 0 is left out.
 """
 import argparse
 import os
@@ -29,6 +32,8 @@ STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None),
 TIMES = [0.0002 * number if number <= 10 else 0.002 * 1.1 ** (number - 10) for number in range(43)]
 FIRST_SOURCE = 20000  # the flows' ports: one that comes again has its verdict
 QOS = {"qos": {"mark": {"kind": "both", "type": "Voice"}, "classify": "Voice"}}
+PAGE = b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n" + bytes(1000)
+ALLOWED_SITE, DENIED_SITE = ("www.open.example", SERVERS[4]), ("www.shut.example", NAMED[4])
 ON_CLIENT, ON_SERVER = (("nsenter", f"--net=/run/netns/{netns}") for netns in ("client", "server"))
 
 
@@ -36,6 +41,15 @@ def busy_seconds():
     with open("/proc/stat") as file:
         ticks = [int(word) for word in file.readline().split()[1:9]]
     return (sum(ticks) - ticks[3] - ticks[4]) / os.sysconf("SC_CLK_TCK")
+
+
+def round_trip():
+    """In microseconds."""
+    done = subprocess.run([*ON_CLIENT, "ping", "-i", "0.005", "-c", "200", SERVERS[4]],
+                          capture_output=True, text=True, check=True)
+    times = [float(found) * 1000 for found in re.findall("time=([0-9.]+)", done.stdout)]
+    assert len(times) == 200, done.stdout
+    return statistics.median(times)
 
 
 def packets_at_server():
@@ -60,7 +74,8 @@ class Measurement(InlineTest):
         self.options = ()
         self.rounds = []
         self.lines = Record("lines of avcore")
-        self.measure_first_verdicts()
+        if arguments.flows:
+            self.measure_first_verdicts()
         for number in range(arguments.rounds):
             order = STATES[number % len(STATES):] + STATES[:number % len(STATES)]
             self.rounds.append({state[0]: self.measure_state(*state) for state in order})
@@ -72,8 +87,8 @@ class Measurement(InlineTest):
         self.configure("copies = 10000")
         self.start_avcore()
         daemon = self.start_daemon()
-        self.assertEqual(jornctl("apply", "-", document=policies({DENIED: {"deny": True}}, ())),
-                         (0, "", ""))
+        self.assertEqual(jornctl("apply", "-", document=policies({DENIED: {"deny": True}},
+                                                                      ()))[::2], (0, ""))
         server = self.bind("server", socket.SOCK_DGRAM, SERVERS[4], DENIED)
         self.addCleanup(server.close)
         server.setblocking(False)
@@ -120,10 +135,10 @@ class Measurement(InlineTest):
                 self.jorn = self.start_daemon()
                 end.callback(self.jorn.stop)
             if judged:
-                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ())),
-                                 (0, "", ""))
+                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ()))[::2],
+                                 (0, ""))
                 time.sleep(0.5)
-            return {**self.tcp(port, counted), **self.udp(port, counted), "ping": self.latency()}
+            return {**self.tcp(port, counted), **self.udp(port, counted), "ping": round_trip()}
 
     def tcp(self, port, counted):
         """The receiver's figures; the first second, in which the verdict comes, doesn't count."""
@@ -175,13 +190,6 @@ class Measurement(InlineTest):
     def counts(self, counted):
         return self.status()["counts"] if counted else {}
 
-    def latency(self):
-        done = subprocess.run([*ON_CLIENT, "ping", "-i", "0.005", "-c", "200", SERVERS[4]],
-                              capture_output=True, text=True, check=True)
-        times = [float(found) * 1000 for found in re.findall("time=([0-9.]+)", done.stdout)]
-        assert len(times) == 200, done.stdout
-        return statistics.median(times)
-
     def tell(self):
         print(f"\n{'bridged' if self.bridged else 'routed'}, {arguments.rounds} rounds\n"
               f"{'':24}{'TCP':>17}{'CPU':>8}{'UDP, 200 bytes':>20}{'CPU':>10}{'ping':>8}\n"
@@ -196,8 +204,82 @@ class Measurement(InlineTest):
                   f"{row['udp']:12.1f}{ratios['udp']:8.3f}{row['udp_cpu']:10.2f}{row['ping']:8.0f}")
 
 
+class Pages(InlineTest):
+    def __init__(self, wire_ms):
+        super().__init__("measure")
+        self.bridged, self.wire_ms = arguments.bridged, wire_ms
+
+    def measure(self):
+        self._lay_out(self.wire_ms)
+        run_quietly("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=pages", "-keyout",
+                    "/tmp/pages.key", "-out", "/tmp/pages.pem")
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        tls.load_cert_chain("/tmp/pages.pem", "/tmp/pages.key")
+        for _, address in ALLOWED_SITE, DENIED_SITE:
+            for port, context in (80, None), (443, tls):
+                listener = self.bind("server", socket.SOCK_STREAM, address, port)
+                self.addCleanup(listener.close)
+                listener.listen()
+                threading.Thread(target=serve, args=(listener, context), daemon=True).start()
+        print(f"a server {round_trip() / 1000:.2f} ms away (a ping and its answer):")
+        self.configure("reset = true\ncopies = 10000")
+        self.options = ()
+        for words, priority in ((), "everybody's"), (("chrt", "-r", "1"), "real-time"):
+            self.start_avcore()
+            self.jorn = self.daemon(before=words)
+            self.until(lambda: os.path.exists(COMMAND_SOCKET))
+            self.assertEqual(jornctl("apply", "-", document=policies({"shut.example": {
+                "deny": True}}, ()))[::2], (0, ""))
+            for name, address in ALLOWED_SITE, DENIED_SITE:
+                self.tell_name(4, name, address)
+            for scheme in "http", "https":
+                self.until(lambda: self.page(scheme, DENIED_SITE) is None)
+                self.measure_pages(scheme, priority)
+            self.jorn.stop()
+            self.stop_avcore(self.avcore)
+            run_quietly(jorn_path("avcore"), "teardown")
+            os.unlink(COMMAND_SOCKET)
+
+    def measure_pages(self, scheme, priority):
+        pages = {site: [] for site in (ALLOWED_SITE, DENIED_SITE)}
+        for _ in range(arguments.pages):
+            for site, found in pages.items():
+                found.append(self.page(scheme, site))
+        allowed, denied = ([each for each in found if each is not None] for found in pages.values())
+        self.assertEqual(len(allowed), arguments.pages)
+        print(f"    {scheme}, the daemon at {priority} priority: {len(denied)} of {arguments.pages} "
+              f"denied pages came whole; an allowed one takes {statistics.median(allowed):.2f} ms "
+              f"(median); load {os.getloadavg()[0]:.1f}")
+
+    def page(self, scheme, site):
+        """How many milliseconds it took; none: it didn't come whole."""
+        name, address = site
+        done = subprocess.run(
+            [*ON_CLIENT, "curl", "-sk", "--noproxy", "*", "--max-time", "3", "--connect-to",
+             f"::{address}:", "-o", "/dev/null", "-w", "%{time_total}", f"{scheme}://{name}/"],
+            capture_output=True, text=True)
+        return float(done.stdout) * 1000 if done.returncode == 0 else None
+
+
+def serve(listener, context):
+    listener.settimeout(None)
+    while True:
+        try:
+            connection = listener.accept()[0]
+        except OSError:
+            return  # closed
+        with contextlib.ExitStack() as end, contextlib.suppress(OSError):
+            end.enter_context(connection)
+            connection.settimeout(1)
+            if context:
+                connection = end.enter_context(context.wrap_socket(connection, server_side=True))
+            connection.recv(4096)
+            connection.sendall(PAGE)
+
+
 def run_quietly(*words):
-    subprocess.run(words, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(words, check=True, capture_output=True)
 
 
 if __name__ == "__main__":
@@ -206,5 +288,10 @@ if __name__ == "__main__":
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=2)
     parser.add_argument("--flows", type=int, default=200)
+    parser.add_argument("--pages", type=int, default=40)
     arguments = parser.parse_args()
-    Measurement("measure").debug()
+    if arguments.pages:
+        for milliseconds in 0, 10:
+            Pages(milliseconds).debug()
+    if arguments.flows or arguments.rounds:
+        Measurement("measure").debug()

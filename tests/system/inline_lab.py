@@ -410,6 +410,16 @@ class InlineTest(SystemTest):
         self.addCleanup(sender.stop)
         return sender
 
+    def tell_name(self, version, name, address):
+        """The client asks for an address, and a server answers."""
+        with self.bind("server", socket.SOCK_DGRAM, SERVERS[version], 53) as resolver:
+            client = self.connected(socket.SOCK_DGRAM, SERVERS[version], 53)
+            answer = dns_answer(name, "cdn.example", address)
+            client.send(answer[:2] + b"\1\0\0\1\0\0\0\0\0\0" + dns_name(name) +
+                        struct.pack(">HH", 28 if ":" in address else 1, 1))
+            resolver.sendto(answer, resolver.recvfrom(512)[1])
+        client.recv(512)
+
     def arrived(self, flow):
         """The numbers of a client's datagrams that have come through so far."""
         self.marks += 1

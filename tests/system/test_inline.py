@@ -37,17 +37,6 @@ class Layout:
     """What has to hold routed and bridged."""
     fails = ("open", "closed")
 
-    def tell_name(self, version, name, address):
-        """The client asks for an address, and a server answers."""
-        resolver = self.bind("server", socket.SOCK_DGRAM, SERVERS[version], 53)
-        self.addCleanup(resolver.close)
-        client = self.connected(socket.SOCK_DGRAM, SERVERS[version], 53)
-        answer = dns_answer(name, "cdn.example", address)
-        client.send(answer[:2] + b"\1\0\0\1\0\0\0\0\0\0" + dns_name(name) +
-                    struct.pack(">HH", 28 if ":" in address else 1, 1))
-        resolver.sendto(answer, resolver.recvfrom(512)[1])
-        client.recv(512)
-
     def test_a_denied_flow_does_not_arrive_and_others_do(self):
         self.start()
         mac, expected = link_address("-n", "client", "link", "show", "eth0").upper(), {}
