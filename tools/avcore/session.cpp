@@ -453,7 +453,7 @@ void session::explain_link_type() {
 
 void session::say(const std::string &what) {
     progress_.clear();
-    std::cerr << "avcore: " << what << '\n';
+    std::cerr << "avcore: " + what + '\n'; // one write: the stream has no buffer
 }
 
 void session::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {
