@@ -155,6 +155,6 @@ int main(int argc, char *argv[]) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return EXIT_FAILURE;
-    platform.keeps_calls = false;
+    platform.is_thorough = false;
     return run_benchmarks(GOALS, 0);
 }

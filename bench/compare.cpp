@@ -258,7 +258,7 @@ int main(int argc, char *argv[]) {
     for (octets &frame : frames)
         frame = with_trailer(frame, plain_trailer());
     jorn_pkt_processor = jorn_decode_eth_pkt;
-    platform.keeps_calls = false;
+    platform.is_thorough = false;
     platform.dns_answer = name_of_address;
     if (jorn_dnscache_hash_table_init() != 0)
         lab_fail("the DNS cache");

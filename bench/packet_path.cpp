@@ -179,6 +179,6 @@ int main(int argc, char *argv[]) {
     const double bare_ns = shortly ? measure_b(1, 1000) : measure_b(BARE_RUNS, BARE_PACKETS);
     lab_pin(lab_choose_cpus().consumer);
     jorn_pkt_processor = jorn_decode_eth_pkt;
-    platform.keeps_calls = false;
+    platform.is_thorough = false;
     return run_benchmarks(GOALS, bare_ns);
 }

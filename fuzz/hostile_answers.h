@@ -37,10 +37,7 @@ inline int hostile_category_answer(const urlf_request *request, urlf_reply *repl
     return domain[0] == 'n' ? -1 : domain[0] == 'p' ? 1 : 0;
 }
 
-// A platform that has forgotten the calls before, so that a long run's memory doesn't grow.
 inline void hostile_platform() {
-    platform.calls.clear();
-    platform.records.clear();
     platform.dns_answer = hostile_dns_answer;
     platform.category_answer = hostile_category_answer;
 }

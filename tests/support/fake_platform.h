@@ -1,8 +1,6 @@
-// The platform of the unit tests, fuzz targets and benchmarks: notes what the daemon's code asks of
-// it, in order, and answers at once what has been set.
-//
-// A new operation is one line in fake_platform.cpp, `return called(__func__, its arguments ...)`;
-// what it returns is set in `results`.
+// The platform of the unit tests, fuzz targets and benchmarks: does nothing, and answers at once
+// what has been set. A new operation is one line in fake_platform.cpp, `return done(what it is
+// handed)`.
 #pragma once
 
 #include "platform/records.h"
@@ -11,7 +9,6 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <vector>
 
 // What the platform's DNS cache says about an address.
 struct fake_dns_answer {
@@ -21,21 +18,17 @@ struct fake_dns_answer {
 };
 
 struct fake_platform {
-    std::vector<std::string> calls;            // "operation(arguments)"
-    std::vector<std::vector<uint8_t>> records; // the bytes that they handed over
-    bool keeps_calls = true; // off, nothing is noted or allocated but what is counted here:
+    bool is_thorough = true; // reads every byte that it is handed, so that a sanitizer sees it
+    uint64_t calls = 0;
     uint64_t verdicts = 0;
     uint32_t last_verdict = 0;
 
-    std::map<std::string_view, int> results; // by operation; of the others 0
-    std::map<std::string, int> avc_enable;   // by interface; of the others 0
+    std::map<std::string, int> avc_enable; // by interface; of the others 0
     std::string base_mac = "00:1A:2B:3C:4D:5E";
-    std::string fw_version = "1.0";
-    std::string url_server;                  // empty: none is configured
     std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
 
     // In place of `dns`, and of an agent that knows every domain and no category. They allocate
-    // nothing where `keeps_calls` is off.
+    // nothing.
     fake_dns_answer (*dns_answer)(uint32_t address_be) = nullptr;
     int (*category_answer)(const urlf_request *request, urlf_reply *reply) = nullptr;
 };

@@ -1,9 +1,11 @@
 #include "control/files/arc_section.h"
 #include "control/files/configuration.h"
-#include "fresh_state_fixture.h"
+#include "support/fresh_state.h"
+#include "support/policies.h"
 #include "support/saved_folder.h"
 
 #include <cstring>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -121,11 +123,11 @@ TEST_F(Configuration, Holds1024Policies) {
     const std::string log = restore(policies(repeated(block, 1026)));
     EXPECT_EQ(policy_count(), 1024u);
     EXPECT_EQ(occurrences(log, "1024 ARC policies, one more is refused"), 1u);
-    const size_t calls = platform.calls.size();
+    const uint64_t calls = platform.calls;
     const arc_policy_wire more = {};
     EXPECT_EQ(__arc_policy_add_end(&more), -1);
     EXPECT_EQ(policy_count(), 1024u);
-    EXPECT_EQ(platform.calls.size(), calls);
+    EXPECT_EQ(platform.calls, calls);
 }
 
 TEST_F(Configuration, BlockStaysBelow8096Characters) {
@@ -134,22 +136,20 @@ TEST_F(Configuration, BlockStaysBelow8096Characters) {
         memset(rule.app_name, 'a', 63);
         memset(rule.cat_name, 'c', 31);
     }
-    char text[ARC_BLOCK_LIMIT + 1] = {};
-    size_t length = 0;
-    ASSERT_EQ(jorn_format_arc_policy(text, &policy, &length, ARC_BLOCK_LIMIT), 0);
+    const auto length = [&policy] {
+        char text[2 * ARC_BLOCK_LIMIT];
+        size_t used = 0;
+        EXPECT_EQ(jorn_format_arc_policy(text, &policy, &used, sizeof text), 0);
+        return used;
+    };
     // Longer numbers fill the rest of the room.
-    size_t missing = ARC_BLOCK_LIMIT - 1 - length;
     for (arc_rule &rule : policy.rules) {
         for (uint16_t *number : {&rule.app_id, &rule.cat_id, &rule.rate_up}) {
-            if (missing >= 4) {
-                *number = 10000;
-                missing -= 4;
-            }
+            while (*number < 10000 && length() < ARC_BLOCK_LIMIT - 1)
+                *number = *number == 0 ? 10 : *number * 10;
         }
     }
-    const uint16_t last[] = {0, 10, 100, 1000};
-    ASSERT_LT(missing, std::size(last));
-    policy.rules[0].rate_down = last[missing];
+    ASSERT_EQ(length(), ARC_BLOCK_LIMIT - 1);
     add_policy(policy);
     add_policy(7);
     EXPECT_EQ(written().size(), policies("[policy]\n0;0;0;0;7;\n[policy end]\n\n").size() + 8095);
