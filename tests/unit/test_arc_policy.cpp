@@ -1,26 +1,21 @@
 #include "classify/arc_policy.h"
-#include "core/state/state.h"
-#include "fresh_state_fixture.h"
+#include "support/fresh_state.h"
+#include "support/policies.h"
 
-#include <cstring>
+#include <gtest/gtest.h>
 
 namespace {
 
-arc_rule deny_rule() {
-    arc_rule rule = rule_of("deny-me");
-    rule.deny = 1;
-    return rule;
-}
-
-using ArcPolicy = FreshState;
-
-TEST_F(ArcPolicy, TablesFilledInAnotherWayThanByCommands) {
+TEST(ArcPolicy, TablesFilledInAnotherWayThanByCommands) {
+    fresh_state();
+    arc_rule deny = rule_of("deny-me");
+    deny.deny = 1;
     arc_policy unlisted = {};
-    unlisted.rules[0] = deny_rule();
+    unlisted.rules[0] = deny;
     jorn_state.arc_utp_table[1].id = 2;
     jorn_state.arc_utp_table[1].policy = &unlisted;
     add_policy(1, {rule_of("something")});
-    jorn_state.arc_policy_list.tail->rules[0] = deny_rule();
+    jorn_state.arc_policy_list.tail->rules[0] = deny;
     settle_arc_tables();
     for (const uint32_t utp_id : {1u, 2u}) {
         pkt_ctx ctx = {};
@@ -29,6 +24,7 @@ TEST_F(ArcPolicy, TablesFilledInAnotherWayThanByCommands) {
         jorn_apply_arc_policy(&ctx);
         EXPECT_EQ(ctx.arc_action, ARC_ACTION_BLOCK) << utp_id;
     }
+    jorn_process_arc_policy_flush();
 }
 
 } // namespace

@@ -1,12 +1,31 @@
-#include "dns_cache_fixture.h"
+#include "core/base/hash_table.h"
+#include "core/dns/dns_cache.h"
+#include "support/frames.h"
+#include "support/fresh_state.h"
 #include "support/memory_file.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 
 constexpr uint32_t FULL = 16385;
 
-class DnsCache : public DnsCacheFixture {
+class DnsCache : public testing::Test {
 protected:
+    void SetUp() override {
+        fresh_state();
+        ASSERT_EQ(jorn_dnscache_hash_table_init(), 0);
+    }
+    void TearDown() override {
+        hash_table_clear(jorn_state.dns_cache);
+        hash_table_free(jorn_state.dns_cache);
+        fresh_state();
+    }
+    // The cached name, or "-".
+    static std::string cached(const std::string &address) {
+        char name[64];
+        return jorn_dnscache_find(ip(address), name, sizeof name) != nullptr ? name : "-";
+    }
     static std::string listing() {
         const memory_file reply;
         EXPECT_EQ(jorn_dnscache_show(reply.fd()), 0);

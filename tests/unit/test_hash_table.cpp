@@ -64,10 +64,12 @@ void HashTable::behaves_like_a_map(const std::vector<uint32_t> &keys, size_t ste
         if (random() % 3 != 0) {
             item *added = make_item(key);
             ASSERT_EQ(hash_table_insert(table, added), known == model.end() ? 0 : -5);
-            if (known == model.end())
+            if (known == model.end()) {
                 model[key] = added;
-            else
+            } else { // another object that has the key
+                ASSERT_EQ(hash_table_delete(table, added), -4);
                 free(added);
+            }
         } else if (known != model.end()) {
             ASSERT_EQ(hash_table_delete(table, known->second), 0);
             model.erase(known);
@@ -77,7 +79,7 @@ void HashTable::behaves_like_a_map(const std::vector<uint32_t> &keys, size_t ste
         ASSERT_EQ(find(probe), expected == model.end() ? nullptr : expected->second);
         ASSERT_EQ(error, expected == model.end() ? -4 : 0);
     }
-    testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(testing::internal::GetCapturedStdout().starts_with("key confilictions\n"));
     ASSERT_EQ(table->count, static_cast<int32_t>(model.size()));
     for (const auto &[key, expected] : model)
         ASSERT_EQ(find(key), expected);
@@ -87,8 +89,8 @@ TEST_F(HashTable, RandomKeysWhileItsIndexGrows) {
     std::vector<uint32_t> keys(60'000);
     std::mt19937 random(2);
     std::generate(keys.begin(), keys.end(), random);
-    behaves_like_a_map(keys, 200'000);
-    EXPECT_GT(table->count, 30'000);
+    behaves_like_a_map(keys, 100'000);
+    EXPECT_GT(table->count, 20'000);
 }
 
 TEST_F(HashTable, CraftedKeys) {
@@ -120,17 +122,6 @@ TEST_F(HashTable, NewestAtTheHeadOfTheChainThatTheSignedBytesChoose) {
     EXPECT_EQ(counter, 8u);
     EXPECT_EQ(find(keys[1]), nullptr);
     EXPECT_NE(find(keys[0]), nullptr);
-}
-
-TEST_F(HashTable, EqualKeyIsRefusedAndAnotherObjectWithItIsNotDeleted) {
-    ASSERT_EQ(hash_table_insert(table, make_item(1)), 0);
-    item *twin = make_item(1);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(hash_table_insert(table, twin), -5);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "key confilictions\n");
-    EXPECT_EQ(hash_table_delete(table, twin), -4);
-    EXPECT_NE(find(1), twin);
-    free(twin);
 }
 
 } // namespace

@@ -1,14 +1,32 @@
 #include "core/state/state.h"
+#include "support/fresh_state.h"
+#include "support/memory_file.h"
 #include "userapps/builtin_ports.h"
-#include "userapps_fixture.h"
+#include "userapps/port_service.h"
+#include "userapps/userdef.h"
 
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 namespace {
 
-using texts = std::vector<std::string>;
+class PortService : public testing::Test {
+protected:
+    void SetUp() override { fresh_state(); }
+    void TearDown() override { port_app_list_clear(&jorn_state.port_apps); }
 
-using PortService = UserApps;
+    static pkt_ctx packet(uint8_t protocol, uint16_t src_port, uint16_t dst_port) {
+        pkt_ctx pkt = {};
+        pkt.ip_proto = protocol;
+        pkt.src_port = src_port;
+        pkt.dst_port = dst_port;
+        return pkt;
+    }
+
+    static int load_ports(const std::string &content) {
+        const memory_file file(content);
+        return jorn_parse_port_service_conf_file(file.path(), &jorn_state.port_apps);
+    }
+};
 
 TEST_F(PortService, Holds1025Entries) {
     std::string content;

@@ -56,36 +56,32 @@ TEST(LineReader, LinesOfEveryShape) {
               (texts{longest + " (cut)", longest}));
 }
 
-// A file of which one call in two is interrupted by a signal, and the other takes one byte.
+// A file of which one call in two is interrupted by a signal, and the other moves one byte.
 struct interrupted_file {
     std::string content;
     size_t at = 0;
-    bool interrupted = false;
-
-    template <typename Move>
-    ssize_t take(size_t length, Move move) {
-        errno = EINTR;
-        interrupted = !interrupted;
-        if (interrupted || length == 0)
-            return -1;
-        move();
-        return 1;
-    }
-    static ssize_t read(void *cookie, char *to, size_t length) {
-        auto &file = *static_cast<interrupted_file *>(cookie);
-        return file.at == file.content.size()
-                   ? 0
-                   : file.take(length, [&] { *to = file.content[file.at++]; });
-    }
-    static ssize_t write(void *cookie, const char *from, size_t length) {
-        auto &file = *static_cast<interrupted_file *>(cookie);
-        return std::max<ssize_t>(file.take(length, [&] { file.content += *from; }), 0);
-    }
+    bool now = false;
 };
 
+ssize_t read_one(void *cookie, char *to, size_t) {
+    auto &file = *static_cast<interrupted_file *>(cookie);
+    errno = EINTR;
+    if ((file.now = !file.now))
+        return -1;
+    return static_cast<ssize_t>(file.content.copy(to, 1, std::min(file.at++, file.content.size())));
+}
+
+ssize_t write_one(void *cookie, const char *from, size_t) {
+    auto &file = *static_cast<interrupted_file *>(cookie);
+    errno = EINTR;
+    if ((file.now = !file.now))
+        return 0;
+    file.content += *from;
+    return 1;
+}
+
 TEST(Files, ASignalInBetweenDoesntCount) {
-    const cookie_io_functions_t calls = {interrupted_file::read, interrupted_file::write, nullptr,
-                                         nullptr};
+    const cookie_io_functions_t calls = {read_one, write_one, nullptr, nullptr};
     interrupted_file memory;
     FILE *file = fopencookie(&memory, "w", calls);
     setvbuf(file, nullptr, _IONBF, 0);
