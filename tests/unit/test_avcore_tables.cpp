@@ -277,6 +277,9 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
     octets nine;
     for (int i = 0; i < 9; ++i)
         nine += option(i < 8 ? 60 : 6);
+    const auto bare = [](uint8_t next, const octets &rest, size_t length) {
+        return ethernet(0x86DD, ipv6(next, rest, length));
+    };
     const octets fragment = {17, 0, 0x05, 0xB9, 0, 0, 0x43, 0x21}; // offset 1464, more follow
     const struct {
         const char *what;
@@ -287,30 +290,27 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
         uint16_t total;
         size_t carried; // behind the IPv4 header
     } rows[] = {
-        {"plain, padded", ethernet(0x86DD, ipv6(6, data + octets(6, 0), 8)), 6, true, 0, 28, 8},
+        {"plain, padded", bare(6, data + octets(6, 0), 8), 6, true, 0, 28, 8},
         {"behind a tag", ethernet(0x8100, be16(5) + be16(0x86DD) + ipv6(6, data, 8)), 6, true, 0,
          28, 8},
         {"in a PPPoE session",
          ethernet(0x8864, octets{0x11, 0, 0, 1, 0, 50, 0, 0x57} + ipv6(6, data, 8)), 6, true, 0, 28,
          8},
-        {"cut by the capture", ethernet(0x86DD, ipv6(17, data, 1400)), 17, true, 0, 1420, 8},
-        {"without a length", ethernet(0x86DD, ipv6(0, option(6) + data, 0)), 6, true, 0, 28, 8},
-        {"the longest", ethernet(0x86DD, ipv6(6, data, 65535)), 6, true, 0, 65535, 8},
+        {"cut by the capture", bare(17, data, 1400), 17, true, 0, 1420, 8},
+        {"without a length", bare(0, option(6) + data, 0), 6, true, 0, 28, 8},
+        {"the longest", bare(6, data, 65535), 6, true, 0, 65535, 8},
         {"options, routing, AH",
-         ethernet(0x86DD,
-                  ipv6(0, option(43) + option(51) + octets{6, 1} + octets(10, 0) + data, 36)),
-         6, true, 0, 28, 8},
-        {"a later fragment", ethernet(0x86DD, ipv6(44, fragment + data, 16)), 17, true, 0x20B7, 28,
+         bare(0, option(43) + option(51) + octets{6, 1} + octets(10, 0) + data, 36), 6, true, 0, 28,
          8},
-        {"one of a header", ethernet(0x86DD, ipv6(44, octets{60} + fragment.substr(1) + data, 16)),
-         60, false, 0x20B7, 28, 8},
-        {"a header beyond the packet", ethernet(0x86DD, ipv6(60, option(60) + data, 12)), 60, false,
-         0, 24, 4},
-        {"a header beyond the capture", ethernet(0x86DD, ipv6(60, octets{6, 255} + data, 2048)), 60,
-         false, 0, 2068, 10},
-        {"nine headers", ethernet(0x86DD, ipv6(60, nine + data, 80)), 60, false, 0, 36, 16},
-        {"an echo", ethernet(0x86DD, ipv6(58, octets{128, 0}, 2)), 1, true, 0, 22, 2},
-        {"neighbour discovery", ethernet(0x86DD, ipv6(58, octets{135, 0}, 2)), 58, true, 0, 22, 2},
+        {"a later fragment", bare(44, fragment + data, 16), 17, true, 0x20B7, 28, 8},
+        {"one of a header", bare(44, octets{60} + fragment.substr(1) + data, 16), 60, false, 0x20B7,
+         28, 8},
+        {"a header beyond the packet", bare(60, option(60) + data, 12), 60, false, 0, 24, 4},
+        {"a header beyond the capture", bare(60, octets{6, 255} + data, 2048), 60, false, 0, 2068,
+         10},
+        {"nine headers", bare(60, nine + data, 80), 60, false, 0, 36, 16},
+        {"an echo", bare(58, octets{128, 0}, 2), 1, true, 0, 22, 2},
+        {"neighbour discovery", bare(58, octets{135, 0}, 2), 58, true, 0, 22, 2},
     };
     for (const auto &row : rows) {
         const octets exact = row.frame; // of its own size: a read beyond is caught

@@ -48,13 +48,11 @@ TEST(AvcoreCategories, TheLongestSuffixInWholeLabelsCounts) {
         EXPECT_EQ(answer.categories[0], row.first) << row.domain;
         EXPECT_EQ(answer.category_count, row.count) << row.domain;
     }
-    for (const auto &[line, count, last] :
-         std::initializer_list<std::tuple<const char *, int, int>>{{"a 6 real ESTATE 45", 3, 45},
-                                                                   {"a 6 Real Estate", 2, 1},
-                                                                   {"a 7,Real Estate , 6", 3, 6}}) {
+    for (const char *line : {"a 6 real ESTATE 45", "a 6,Real Estate , 45"}) {
         const urlf_answer answer = category_list::parse(line, "f").answer("a");
-        EXPECT_EQ(answer.category_count, count) << line;
-        EXPECT_EQ(answer.categories[count - 1], last) << line;
+        EXPECT_EQ(std::vector(answer.categories, answer.categories + answer.category_count),
+                  (std::vector<int32_t>{6, 1, 45}))
+            << line;
     }
     for (const char *line :
          {"a.example", "a.example Real Estat", "a.example Real, Estate", "a.example Uncategorized",
@@ -90,17 +88,14 @@ TEST_F(AvcoreLists, TakeWhatIsPublishedAndCountTheRest) {
         bool is_bad;
     } rows[] = {
         {"0.0.0.0 Ads.example # why", "ads.example", false},
-        {"127.0.0.1\tads.example", "ads.example", false},
         {":: ads.example\r", "ads.example", false},
         {"0.0.0.0 a.example ads.example", "ads.example", false},
         {"  ads.example.", "ads.example", false},
         {"*.ads.example", "ads.example", false},
         {"||ads.example^", "ads.example", false},
         {"# 0.0.0.0 ads.example", "", false},
-        {"! Title: ads.example", "", false},
         {"[Adblock Plus 2.0]", "", false},
         {"127.0.0.1 localhost localhost.localdomain", "", false},
-        {"ff02::1%eth0 ip6-allnodes", "", false},
         {"0.0.0.0 0.0.0.0", "", false},
         {"", "", false},
         {"10.0.0.1 ads.example", "", true}, // leads somewhere
@@ -109,7 +104,6 @@ TEST_F(AvcoreLists, TakeWhatIsPublishedAndCountTheRest) {
         {"ads.example##.banner", "", true},
         {"/ads[0-9]/", "", true},
         {"com", "", true},
-        {"192.0.2.1", "", true},
         {"two words", "", true},
         {"0.0.0.0 fine.example b\xC3\xA4r.example", "fine.example", true},
     };
@@ -261,18 +255,6 @@ TEST(AvcoreFlows, AVerdictByFlowKeyFitsEitherDirection) {
     EXPECT_TRUE(set(2));
     EXPECT_EQ(row.verdict, AV_VERDICT_ALLOW);
     EXPECT_EQ(row.application, "kept");
-
-    frame = {};
-    frame.ether_type = 0x0806;
-    frame.sender.mac = {2};
-    frame.receiver.mac = {4};
-    flows.count_frame(frame, 1);
-    key = {};
-    key.non_ip = 1;
-    key.src_mac[0] = 4;
-    key.dst_mac[0] = 2;
-    key.dst_port_be = htons(0x0806);
-    EXPECT_TRUE(set(3));
 }
 
 TEST(AvcoreSafeSearch, SidesAndNamesAreBounded) {
