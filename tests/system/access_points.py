@@ -1,6 +1,5 @@
 """Access points in namespaces of their own on one network: an avcore each, and a daemon where a
 test wants one."""
-import contextlib
 import ctypes
 
 from testbed import *
@@ -44,15 +43,14 @@ class AccessPoint:
     def lay_out(self):
         ip = ("ip", "-n", self.netns)
         run("ip", "netns", "add", self.netns)
-        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
-            "net.ipv6.conf.default.disable_ipv6=1")
+        sysctl = ("ip", "netns", "exec", self.netns, "sysctl", "-qw")
+        run(*sysctl, "net.ipv6.conf.default.disable_ipv6=1")
         for end in ("in", "out"):
             run(*ip, "link", "add", end + "0", "mtu", "65535", "type", "veth", "peer", end + "1",
                 "mtu", "65535")
             for number in "01":
                 run(*ip, "link", "set", end + number, "arp", "off", "up")
-        run("ip", "netns", "exec", self.netns, "sysctl", "-qw",
-            "net.ipv6.conf.default.disable_ipv6=0")
+        run(*sysctl, "net.ipv6.conf.default.disable_ipv6=0")
         run("ip", "link", "add", self.netns, "type", "veth", "peer", "eth0", "netns", self.netns)
         run("ip", "link", "set", self.netns, "master", "br0", "up")
         run(*ip, "addr", "add", self.address + "/24", "dev", "eth0")
@@ -62,12 +60,11 @@ class AccessPoint:
 
     def start(self, bus=OPEN):
         """With what `bus` has for [bus]; None is no [bus]."""
-        with open(f"/tmp/{self.netns}.toml", "w") as file:
-            file.write(f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n')
-            file.write(f"[bus]\n{bus}" if bus is not None else "")
+        write_file(f"/tmp/{self.netns}.toml", f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n'
+                   + (f"[bus]\n{bus}" if bus is not None else ""))
         self.process = subprocess.Popen(
             ["ip", "netns", "exec", self.netns, jorn_path("avcore"), "-i", "in0", "-o", "out0",
-             "-c", file.name],
+             "-c", f"/tmp/{self.netns}.toml"],
             env=os.environ | {"JORN_BUS_SOCK": self.bus_socket, "JORN_AV_SOCK": self.av_socket,
                               "ASAN_OPTIONS": "quarantine_size_mb=1"},
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)

@@ -69,15 +69,11 @@ def ipv6_frame(next_header, payload, *, src, dst, vlan=None):
 
 
 class Avcore(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.config = ""
+    config = ""
 
     def start(self, frames, *options, **capture):
-        with open("/tmp/capture.pcap", "wb") as file:
-            file.write(pcap(frames, **capture))
-        with open("/tmp/avcore.toml", "w") as file:
-            file.write(self.config)
+        write_file("/tmp/capture.pcap", pcap(frames, **capture))
+        write_file("/tmp/avcore.toml", self.config)
         return self.run_avcore("-r", "/tmp/capture.pcap", "-c", "/tmp/avcore.toml", *options)
 
     def start_on_pipe(self):
@@ -85,76 +81,34 @@ class Avcore(SystemTest):
             os.mkfifo("/tmp/pipe")
         return self.run_avcore("-r", "/tmp/pipe")
 
-    def run_avcore(self, *options, **streams):
-        streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | streams
-        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, *options], text=True, **streams)
-        self.addCleanup(self._end_avcore, avcore)
-        return avcore
-
-    def _end_avcore(self, avcore):
-        avcore.kill()
-        avcore.communicate()
-
-    def start_daemon(self):
-        """Starts the daemon once avcore listens (it asks for the engine at its start) and waits
-        until it takes commands."""
-        self.wait_for(AV_SOCKET)
-        daemon = self.daemon()
-        self.wait_for(COMMAND_SOCKET)
-        return daemon
-
-    def wait_for(self, path):
-        ends = time.monotonic() + DEADLINE
-        while not os.path.exists(path):
-            self.assertLess(time.monotonic(), ends, path)
-            time.sleep(0.01)
-
     def feed(self, frames, *options, before=lambda: None, **capture):
         """The rows of the flow table, and what was said beside them."""
         avcore = self.start(frames, "--json", *options, **capture)
-        daemon = self.start_daemon()
+        self.daemon_behind_avcore()
         before()
         flows, totals = avcore.communicate(timeout=60)
         self.assertEqual(avcore.returncode, 0, totals)
-        daemon.stop()
-        os.unlink(COMMAND_SOCKET)
         return [json.loads(line) for line in flows.splitlines()], totals
 
     def test_flows_are_named_and_judged(self):
-        self._trailers = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
-        self._trailers.bind((CAPTURE, 0))
-        self.addCleanup(self._trailers.close)
         rows, _ = self.feed(TRAFFIC)
         self.assertEqual(len(rows), 16, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
+        names = {key: row["application"] for key, row in flows.items()}
+        self.assertEqual(names, names | {
+            (YOUTUBE, 443): "youtube", (PLAIN, 8099): "www.plain.example",
+            (PLAIN, 443): "www.plain.example", (CLOUD, 443): "azure", (QUIC, 443): "youtube",
+            (SHOWN, 443): "www.shown.example", (SHOWN, 8443): "www.shown.example",
+            (PLAIN, 8444): "www.shared.example", (PLAIN, 80): "moved.example",
+            (MOVED, 8445): "www.plain.example", (PLAIN, 0): "icmp", (SERVER_MAC, 0): "arp"})
         youtube = flows[YOUTUBE, 443]
-        self.assertEqual((youtube["application"], youtube["packets"], youtube["verdict"]),
-                         ("youtube", 2, 1))
-        self.assertEqual((youtube["client"], youtube["client_port"]), (CLIENT, 40002))
-        self.assertEqual(flows[PLAIN, 8099]["application"], "www.plain.example")
+        self.assertEqual((youtube["client"], youtube["client_port"], youtube["packets"],
+                          youtube["verdict"]), (CLIENT, 40002, 2, 1))
         self.assertEqual(flows[PLAIN, 8099]["bytes"], len(TRAFFIC[2]))
-        self.assertEqual(flows[PLAIN, 443]["application"], "www.plain.example")
-        self.assertEqual(flows[CLOUD, 443]["application"], "azure")
-        self.assertEqual((flows[QUIC, 443]["application"], flows[QUIC, 443]["host"]),
-                         ("youtube", "www.youtube.com"))
+        self.assertEqual(flows[QUIC, 443]["host"], "www.youtube.com")
         for port in 443, 8443:
-            self.assertEqual(flows[SHOWN, port]["application"], "www.shown.example")
             self.assertNotIn("claimed", flows[CLAIMED, port]["application"])
         self.assertEqual(flows[CLAIMED, 443]["host"], "www.claimed.example")
-        self.assertEqual(flows[PLAIN, 8444]["application"], "www.shared.example")
-        self.assertEqual(flows[PLAIN, 80]["application"], "moved.example")
-        self.assertEqual(flows[MOVED, 8445]["application"], "www.plain.example")
-        self.assertEqual(flows[PLAIN, 0]["application"], "icmp")
-        self.assertEqual(flows[SERVER_MAC, 0]["application"], "arp")
-
-        domains = set()
-        self._trailers.settimeout(0)
-        try:
-            while frame := self._trailers.recv(65535):
-                domains.add(text_of(frame[-68:]))
-        except BlockingIOError:
-            pass
-        self.assertIn("www.youtube.com", domains)
 
     def test_the_file_says_who_is_the_client_and_which_profile(self):
         self.config = """
@@ -238,16 +192,13 @@ class Avcore(SystemTest):
                 lines.append(avcore.stdout.readline())
             return "".join(lines)
 
-        self.wait_for(AV_SOCKET)
+        wait_for_path(AV_SOCKET)
         self.assertIn(" 0 read,", table(), "no writer has opened the pipe")
-        daemon = self.start_daemon()
+        daemon = self.daemon_behind_avcore()
         capture = pcap([udp_frame(1, 2), udp_frame(1, 3)])
         with open("/tmp/pipe", "wb", buffering=0) as pipe:
             pipe.write(capture[:-10])
-            ends = time.monotonic() + DEADLINE
-            while " 1 answered," not in (so_far := table()):
-                self.assertLess(time.monotonic(), ends, so_far)
-                time.sleep(0.05)
+            wait_until(lambda: " 1 answered," in table())
             daemon.kill()
             pipe.write(capture[-10:])
             totals = avcore.communicate(timeout=60)[1]
@@ -259,7 +210,7 @@ class Avcore(SystemTest):
         avcore = self.start(TRAFFIC)
         self.assertIn("the link of feed0 is down", avcore.stderr.readline())
         run("ip", "link", "set", CAPTURE, "up")
-        self.start_daemon()
+        self.daemon_behind_avcore()
         table, totals = avcore.communicate(timeout=60)
         self.assertEqual(avcore.returncode, 0, totals)
         self.assertIn(f" {len(TRAFFIC)} answered, 0 resent, 0 unanswered\n", table)
@@ -268,9 +219,9 @@ class Avcore(SystemTest):
         for asked in True, False:
             if asked:
                 earlier = self.start_on_pipe()
-                self.wait_for(AV_SOCKET)
+                wait_for_path(AV_SOCKET)
             daemon = self.daemon()
-            self.wait_for(COMMAND_SOCKET)
+            wait_for_path(COMMAND_SOCKET)
             if asked:
                 earlier.send_signal(signal.SIGHUP)
                 self.assertIn(" 0 read,", earlier.communicate(timeout=DEADLINE)[0])
@@ -281,10 +232,8 @@ class Avcore(SystemTest):
             os.unlink(COMMAND_SOCKET)
 
     def test_what_is_refused_and_what_cannot_be_written(self):
-        with open("/tmp/capture.pcap", "wb") as file:
-            file.write(pcap([]))
-        with open("/tmp/long.toml", "wb") as file:
-            file.truncate(2**20 + 1)
+        write_file("/tmp/capture.pcap", pcap([]))
+        write_file("/tmp/long.toml", bytes(2**20 + 1))
         with open("/dev/full", "w") as full:
             for options, streams, status, complaint in [
                 (["-i", CAPTURE], {}, 2, "can't be the peer"),
@@ -299,19 +248,16 @@ class Avcore(SystemTest):
                 self.assertIn(complaint, said)
 
     def test_descriptors_that_others_took_are_missed_for_a_while(self):
-        with open("/tmp/avcore.toml", "w") as file:
-            file.write('[bus]\nlisten = "127.0.0.1:5670"')
-        avcore = self.run_avcore("-i", "lo", "-c", file.name, preexec_fn=lambda: resource.setrlimit(
+        write_file("/tmp/avcore.toml", '[bus]\nlisten = "127.0.0.1:5670"')
+        avcore = self.run_avcore("-i", "lo", "-c", "/tmp/avcore.toml", preexec_fn=lambda: resource.setrlimit(
             resource.RLIMIT_NOFILE, (64, 64)))
-        self.wait_for("/var/run/av_bus.sock")
+        wait_for_path("/var/run/av_bus.sock")
         with contextlib.ExitStack() as held:
             asking, *others = [held.enter_context(socket.socket(
                 socket.AF_UNIX, socket.SOCK_SEQPACKET)) for _ in range(65)]
             for other in others:
                 other.connect("/var/run/av_bus.sock")
-            ends = time.monotonic() + DEADLINE
-            while len(os.listdir(f"/proc/{avcore.pid}/fd")) < 64:
-                self.assertLess(time.monotonic(), ends)
+            wait_until(lambda: len(os.listdir(f"/proc/{avcore.pid}/fd")) == 64)
             asking.connect(AV_SOCKET)
             asking.send(struct.pack("=II64s", OP_VALUE, 7, b"tm_support"))
             asking.settimeout(0.5)
@@ -333,15 +279,15 @@ class Avcore(SystemTest):
         self.assertIn(" 0 unanswered", totals)
 
     def test_a_starved_daemon_costs_no_frame(self):
-        avcore = self.start([udp_frame(1 + n % 3, 2) for n in range(601)], "--json")
-        daemon, ends = self.start_daemon(), time.monotonic() + DEADLINE
+        avcore = self.start([udp_frame(1 + n % 3, 2) for n in range(301)], "--json")
+        daemon, ends = self.daemon_behind_avcore(), time.monotonic() + DEADLINE
         while avcore.poll() is None and time.monotonic() < ends:
             time.sleep(0.001)
             daemon.send_signal(signal.SIGSTOP)
             time.sleep(0.25)
             daemon.send_signal(signal.SIGCONT)
         totals = avcore.communicate(timeout=DEADLINE)[1]
-        self.assertIn("601 fed, 601 answered, ", totals)
+        self.assertIn("301 fed, 301 answered, ", totals)
 
 
 if __name__ == "__main__":

@@ -16,9 +16,8 @@ def resolve(name, kind):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asking:
         asking.settimeout(1)
         asking.connect(("127.0.0.1", 53))
-        question = b"".join(bytes([len(label)]) + label.encode() for label in name.split("."))
-        asking.send(struct.pack(">HHHHHH", 7, 0x100, 1, 0, 0, 0) + question +
-                    struct.pack(">BHH", 0, kind, 1))
+        asking.send(struct.pack(">HHHHHH", 7, 0x100, 1, 0, 0, 0) + dns_name(name) +
+                    struct.pack(">HH", kind, 1))
         try:
             reply = asking.recv(512)
         except OSError:
@@ -30,27 +29,23 @@ def resolve(name, kind):
 class AvcoreWeb(SystemTest):
     def start(self, *options):
         """avcore reads frames from a pipe and prints its rows when it is asked to."""
-        with open("/tmp/categories", "w") as file:
-            file.write("blocked.example 9 5\nfree.example 6\n")
-        with open("/tmp/avcore.toml", "w") as file:
-            file.write('[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
-                       'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n')
+        write_file("/tmp/categories", "blocked.example 9 5\nfree.example 6\n")
+        write_file("/tmp/avcore.toml", '[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
+                   'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n')
         os.mkfifo("/tmp/pipe")
         self.addCleanup(os.unlink, "/tmp/pipe")
         self.addCleanup(shutil.rmtree, SAFE_SEARCH, True)
-        self.avcore = subprocess.Popen(
-            [jorn_path("avcore"), "-o", FEED, "-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
-             "--categories", "/tmp/categories", *options],
-            text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(self.avcore.communicate)
-        self.addCleanup(self.avcore.kill)
-        wait_for_path(AV_SOCKET)
-        self.addCleanup(os.unlink, COMMAND_SOCKET)
-        self.jorn = self.daemon("-d")
-        wait_for_path(COMMAND_SOCKET)
+        self.avcore = self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
+                                      "--categories", "/tmp/categories", *options)
+        self.jorn = self.daemon_behind_avcore("-d")
         self.pipe = open("/tmp/pipe", "wb", buffering=0)
         self.addCleanup(self.pipe.close)
         self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
+
+    def start_judging(self, *options):
+        self.start(*options)
+        command(WEB_POLICY, web_policy("u", categories=[5]))
+        command(WEB_INTF, web_binding())
 
     def feed(self, *frames):
         for frame in frames:
@@ -64,9 +59,7 @@ class AvcoreWeb(SystemTest):
         return {row["client_port"]: row for row in map(json.loads, rows.splitlines())}, totals
 
     def test_categories_and_calls_end_in_the_rows(self):
-        self.start()
-        command(WEB_POLICY, web_policy("u", categories=[5]))
-        command(WEB_INTF, web_binding())
+        self.start_judging()
         command(CARRIER, carrier("Carrier", 3, ("epdg.example", SERVER)))
         command(CARRIER_BINDING, carrier_binding("wlan0", "Carrier"))
         self.feed(web_frame("a.Blocked.example", 1), web_frame("free.example", 2),
@@ -99,9 +92,7 @@ class AvcoreWeb(SystemTest):
         self.assertRegex(known.stdout, r"\Aapp_id +cat_id +(?s:.*)\n\d+ +1 +YouTube +Media\n")
 
     def test_late_answers_deny(self):
-        self.start("--url-agent-delay", "1000")
-        command(WEB_POLICY, web_policy("u", categories=[5]))
-        command(WEB_INTF, web_binding())
+        self.start_judging("--url-agent-delay", "1000")
         self.feed(web_frame("blocked.example", 1), web_frame("blocked.example", 2),
                   web_frame("free.example", 3))
         rows, totals = self.report()  # once the late ones are through
@@ -111,9 +102,7 @@ class AvcoreWeb(SystemTest):
         self.assertEqual(len([line for line in self.jorn.lines.items if "Send DENY back" in line]), 2)
 
     def test_an_agent_that_is_down_and_comes_back(self):
-        self.start("--url-agent-down")
-        command(WEB_POLICY, web_policy("u", categories=[5]))
-        command(WEB_INTF, web_binding())
+        self.start_judging("--url-agent-down")
         self.feed(*[web_frame("blocked.example", port) for port in range(1, 6)])
         self.jorn.wait_line("urlFilteringServerUnreachable")
         self.avcore.send_signal(signal.SIGUSR2)
@@ -123,29 +112,16 @@ class AvcoreWeb(SystemTest):
         self.assertEqual([rows[port]["verdict"] for port in (1, 7)], [1, 3])
         self.assertIn("late answers of the URL-filtering agent: 5\n", totals)
 
-    def test_late_answers_without_a_daemon_are_dropped(self):
-        self.start("--url-agent-delay", "0", "--command-socket", "/tmp/nobody.sock")
-        command(WEB_POLICY, web_policy("u", categories=[5]))
-        command(WEB_INTF, web_binding())
-        self.feed(web_frame("blocked.example", 1))
-        rows, totals = self.report()
-        self.assertEqual(rows[1]["verdict"], 1)
-        self.assertIn("late answers that no daemon took: 1\n", totals)
-
     def test_a_resolver_follows_safe_search(self):
         self.start("--safe-search", SAFE_SEARCH)
         hosts = SAFE_SEARCH + "/wlan0/hosts"
-
-        def mapped():
-            with open(hosts) as file:
-                return file.read()
 
         def bind(vip):
             command(WEB_FLUSH)
             command(WEB_POLICY, web_policy("u", utp_id=5, google=vip))
             command(WEB_INTF, web_binding())
             expected = "".join(f"{vip} {host}\n" for host in HOSTS) if vip else ""
-            wait_until(lambda: os.path.exists(hosts) and mapped() == expected)
+            wait_until(lambda: os.path.exists(hosts) and read_file(hosts) == expected)
 
         bind("192.0.2.80")
         self.assertEqual(os.listdir(SAFE_SEARCH + "/utp-5"), os.listdir(SAFE_SEARCH + "/wlan0"))

@@ -36,8 +36,7 @@ class BusAccessPoint(AccessPoint):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
     def resident_kb(self):
-        with open(f"/proc/{self.process.pid}/status") as file:
-            return next(int(line.split()[1]) for line in file if line.startswith("VmRSS"))
+        return int(read_file(f"/proc/{self.process.pid}/status").split("VmRSS:")[1].split()[0])
 
 
 class Client:
@@ -136,13 +135,12 @@ class Bus(unittest.TestCase):
         self.assertEqual(c.receive(), (self.a.name, TOPIC, b"over IPv6"))
 
         # Refused and dropped: the old address holds, and order is kept.
-        for address in ("0.0.0.0", "255.255.255.255", "224.0.0.1", "169.254.0.1", "fe80::1", "::",
-                        "ff02::1", "::ffff:0.0.0.0", "ap2", ""):
+        for address in ("224.0.0.1", "ap2"):
             a.send(2, self.b.name, address)
         a.publish(self.a, b"to itself").send(3, "AP.stranger", TOPIC, payload=b"where?")
         a.publish(self.b, b"still there")
         self.assertEqual(b.receive()[2], b"still there")
-        for line in ("203 for peers, 203 sent", "addresses refused: 10", "own name: 1",
+        for line in ("203 for peers, 203 sent", "addresses refused: 2", "own name: 1",
                      "where the peer is: 1"):
             self.a.wait_report(line)
 
@@ -160,41 +158,19 @@ class Bus(unittest.TestCase):
             wait_until(lambda: self.a.descriptors() < descriptors, "A finds out by itself")
             return lambda: self.black_hole(False)
 
-        def accept_and(serve):
+        def take_nothing():
             self.b.stop()
             with namespace(self.b.netns):
                 listener = socket.create_server((self.b.address, PORT), backlog=1)
             listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-            accepted = []
-            stop = threading.Event()
-
-            def loop():
-                listener.settimeout(0.05)
-                while not stop.is_set():
-                    with contextlib.suppress(TimeoutError):
-                        accepted.append(listener.accept()[0])
-                        serve(accepted[-1])
-                listener.close()
-                for each in accepted:
-                    each.close()
-
-            thread = threading.Thread(target=loop)
-            thread.start()
 
             def back():
-                stop.set()
-                thread.join()
+                listener.close()
                 self.b.start()
             return back
 
-        def reset(connection):
-            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-            connection.close()
-
-        for way, leave in (("refuses", refuse), ("black-holed", black_hole),
-                           ("resets", lambda: accept_and(reset)),
-                           ("takes nothing", lambda: accept_and(lambda connection: None))):
-            with self.subTest(way):
+        for leave in (refuse, black_hole, take_nothing):
+            with self.subTest(leave.__name__):
                 self.a.start()
                 self.b.start()
                 a, b = self.a.client().add_peer(self.b), self.b.client().subscribe()
@@ -203,17 +179,17 @@ class Bus(unittest.TestCase):
                 come_back = leave()
                 b.close()
                 sent = [struct.pack("I", n).ljust(PAYLOAD_MAX, b"\0")
-                        for n in range(40 if way == "takes nothing" else 20)]
+                        for n in range(40 if leave is take_nothing else 20)]
                 for payload in sent:
                     a.publish(self.b, payload)
-                if way == "takes nothing":
+                if leave is take_nothing:
                     self.a.wait_line("it takes nothing")
-                elif way != "resets":
+                else:
                     self.a.wait_report("waited for a peer: 4")
                 come_back()
                 received = self.b.client().subscribe().payloads(sent[-1])
                 self.assertEqual(received, sent[-len(received):])
-                if way in ("refuses", "black-holed"):  # else a try may lose what the kernel took
+                if leave is not take_nothing:  # a try may lose what the kernel took
                     self.assertEqual(len(received), 16)
                 self.a.stop()
                 self.b.stop()
@@ -398,28 +374,6 @@ class Bus(unittest.TestCase):
                     self.assertLess(self.b.descriptors(), descriptors + 40)
         self.b.wait_report("gave way")
         self.assertLess(self.b.resident_kb() - memory, 8192)
-
-    def test_a_roam_notice(self):
-        """What jornctl sends is the record."""
-        with socket.socket(socket.AF_UNIX) as listener:
-            listener.bind(COMMAND_SOCKET)
-            self.addCleanup(os.unlink, COMMAND_SOCKET)
-            listener.listen()
-            for options, tail in (
-                    (("--address", "10.9.0.2"), struct.pack("H6x4s16x", 2, b"\x0a\x09\0\2")),
-                    (("--address", "fd00::2"), struct.pack("H10x16s", 10,
-                                                           bytes.fromhex("fd").ljust(15, b"\0")
-                                                           + b"\2"))):
-                roam = subprocess.Popen([jorn_path("jornctl"), "roam", "--station", CLIENT_MAC,
-                                         "--to", "0A:1b:2c:3d:4e:5F", *options, "--from",
-                                         SERVER_MAC, "--from-address", "10.9.0.1"])
-                connection = listener.accept()[0]
-                message = connection.recv(65536)
-                connection.close()
-                self.assertEqual(roam.wait(DEADLINE), 0)
-                self.assertEqual(message[-76:], mac(CLIENT_MAC) + mac(SERVER_MAC)
-                                 + mac("0a:1b:2c:3d:4e:5f")
-                                 + struct.pack("H4x4s20x", 2, b"\x0a\x09\0\1") + tail)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,4 @@
 """The files that outlive the daemon, and the rest of its start."""
-import random
-
 from records import *
 
 FOLDER, POLICY_FILE = "/writable/jorn", "/writable/jorn/jorn_config.txt"
@@ -8,15 +6,8 @@ RULE_FOLDER, VERSION_FILE = "/writable/fw/tdts_rule", "/writable/fw/tdts_ver"
 EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end]\n"
 
 
-def write_file(path, text):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as file:
-        file.write(text.encode("latin-1"))
-
-
 def saved():
-    with open(POLICY_FILE, encoding="utf-8") as file:
-        return file.read()
+    return read_file(POLICY_FILE)
 
 
 def app(name, app_id, cat_id, **fields):
@@ -224,22 +215,6 @@ class Files(SystemTest):
         command(WRITE)
         self.assertEqual(saved(), WHOLE)
 
-    def test_kill_9_at_any_moment_of_a_save(self):
-        source = random.Random(8)
-        for _ in range(12):
-            if os.path.exists(POLICY_FILE):
-                os.unlink(POLICY_FILE)
-            self.start()
-            self.configure()
-            kill_while_sending(self.jorn, WRITE, source)
-            found = saved() if os.path.exists(POLICY_FILE) else ""
-            self.assertTrue(WHOLE.startswith(found))
-            self.jorn = None
-            self.start()
-            self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict,
-                             4 if found.count("[policy end]") == 2 else 1)
-            self.assertEqual(self.name(8080).app_name == "door", found == WHOLE[:len(WHOLE) - 1] + "\n")
-
     def test_start_up_calls_and_the_rule_agent(self):
         write_file("/tmp/sbin/tdts_rule_agent", '#!/bin/sh\necho "$@" >>/tmp/agent\n')
         os.chmod("/tmp/sbin/tdts_rule_agent", 0o755)
@@ -266,14 +241,9 @@ class Files(SystemTest):
                 calls = [body for op, body in self.av.messages.items[since:] if op == OP_SWITCH]
                 tm = [struct.pack("=Ii24x", 4, 1)] if support == "1" else []
                 self.assertEqual(calls, devices + tm)
-                with open("/tmp/agent") as file:
-                    said = f"-r {RULE_FOLDER}/{agent}"[:127 - len("/usr/sbin/tdts_rule_agent ")] if agent else ""
-                    self.assertEqual(file.read().strip(), said)
-                if written is None:
-                    self.assertFalse(os.path.exists(VERSION_FILE))
-                else:
-                    with open(VERSION_FILE) as file:
-                        self.assertEqual(file.read(), written)
+                said = f"-r {RULE_FOLDER}/{agent}"[:127 - len("/usr/sbin/tdts_rule_agent ")] if agent else ""
+                self.assertEqual(read_file("/tmp/agent").strip(), said)
+                self.assertEqual(read_file(VERSION_FILE) if os.path.exists(VERSION_FILE) else None, written)
 
 
 if __name__ == "__main__":

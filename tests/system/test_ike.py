@@ -1,10 +1,12 @@
 """A real IKE exchange through the access point: strongSwan on a phone and as a carrier's gateway,
 which the phone finds by name. What IKE looks like, and that the gateway is the one that DNS says,
 are other programs' word here."""
+from access_points import lay_out
 from records import *
 
-GATEWAY_NAME, GATEWAY, RESOLVER, PHONE = ("epdg.carrier.example", "10.9.0.10", "10.9.0.53",
-                                          "10.9.0.2")
+GATEWAY_NAME = "epdg.carrier.example"
+PHONE, GATEWAY, RESOLVER = (f"10.9.0.{number}" for number in (1, 2, 3))  # in ap1, ap2, ap3
+PHONE_PORT = "ap1"
 ROWS = "/tmp/rows"
 DOCUMENT = {"carriers": [{"pname": "other", "priority": 1, "epdg": [{"fqdn": "epdg.other.example"}]},
                          {"pname": "carrier", "priority": 3, "epdg": [{"fqdn": GATEWAY_NAME}]}],
@@ -35,11 +37,9 @@ class Charon:
 
     def __init__(self, netns, *connection):
         self.folder = f"/tmp/{netns}"
-        os.makedirs(self.folder)
         for name, text in (("strongswan.conf", CHARON.format(self.folder)),
                            ("swanctl.conf", CONNECTION.format(*connection))):
-            with open(f"{self.folder}/{name}", "w") as file:
-                file.write(text)
+            write_file(f"{self.folder}/{name}", text)
         self.log = open(f"{self.folder}/log", "w+")
         self.process = subprocess.Popen(
             ["ip", "netns", "exec", netns, "sh", "-c",
@@ -54,10 +54,6 @@ class Charon:
         return subprocess.run(["swanctl", *words, "--uri", f"unix://{self.folder}/vici"],
                               capture_output=True, text=True)
 
-    def said(self):
-        with open(f"{self.folder}/log") as file:
-            return file.read()
-
     def end(self):
         self.process.terminate()
         self.process.wait(DEADLINE)
@@ -65,57 +61,35 @@ class Charon:
 
 
 class IkeExchange(SystemTest):
-    def lay_out(self):
-        run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
-        run("ip", "link", "set", "br0", "up")
-        for netns, port, addresses in (("phone", "wlan0", [PHONE]),
-                                       ("carrier", "uplink", [GATEWAY, RESOLVER])):
-            run("ip", "netns", "add", netns)
-            run("ip", "link", "add", port, "type", "veth", "peer", "eth0", "netns", netns)
-            run("ip", "link", "set", port, "master", "br0", "up")
-            for address in addresses:
-                run("ip", "-n", netns, "addr", "add", address + "/24", "dev", "eth0")
-            for link in ("lo", "eth0"):
-                run("ip", "-n", netns, "link", "set", link, "up")
-
-    def start(self, *command, **how):
-        process = subprocess.Popen(command, text=True, **how)
-        self.addCleanup(process.communicate)
-        self.addCleanup(process.kill)
-        return process
-
     def start_resolver(self):
         for name, line in (("resolv.conf", f"nameserver {RESOLVER}"), ("nsswitch.conf", "hosts: dns")):
             os.unlink(f"/etc/{name}")
-            with open(f"/etc/{name}", "w") as file:
-                file.write(line + "\n")
-        self.start("ip", "netns", "exec", "carrier", "dnsmasq", "--no-daemon", "--pid-file=",
-                   "--conf-file=/dev/null", "--no-resolv", "--no-hosts", "--bind-interfaces",
-                   f"--listen-address={RESOLVER}", "--local=/#/", "--local-ttl=60",
-                   f"--address=/{GATEWAY_NAME}/{GATEWAY}", stderr=subprocess.DEVNULL)
+            write_file(f"/etc/{name}", line + "\n")
+        resolver = subprocess.Popen(
+            ["ip", "netns", "exec", "ap3", "dnsmasq", "--no-daemon", "--pid-file=",
+             "--conf-file=/dev/null", "--no-resolv", "--no-hosts", "--bind-interfaces",
+             f"--listen-address={RESOLVER}", "--local=/#/", "--local-ttl=60",
+             f"--address=/{GATEWAY_NAME}/{GATEWAY}"], stderr=subprocess.DEVNULL)
+        self.addCleanup(resolver.communicate)
+        self.addCleanup(resolver.kill)
 
     def start_access_point(self):
-        with open("/tmp/avcore.toml", "w") as file:
-            file.write('[client]\nfilter_type = ["wificalling"]\n')
+        write_file("/tmp/avcore.toml", '[client]\nfilter_type = ["wificalling"]\n')
         with open(ROWS, "w") as rows:
-            avcore = self.start(jorn_path("avcore"), "-o", FEED, "-i", "wlan0", "-c",
-                                "/tmp/avcore.toml", "--json", stdout=rows, stderr=subprocess.DEVNULL)
-        wait_for_path(AV_SOCKET)
-        self.daemon()
-        wait_for_path(COMMAND_SOCKET)
+            avcore = self.run_avcore("-i", PHONE_PORT, "-c", "/tmp/avcore.toml", "--json", stdout=rows,
+                                     stderr=subprocess.DEVNULL)
+        self.daemon_behind_avcore()
         return avcore
 
     def rows(self, avcore, until):
-        """The phone's rows by the server's port, once they are as wanted or time is up."""
-        ends, rows = time.monotonic() + DEADLINE, {}
-        while not until(rows) and time.monotonic() < ends:
+        """The phone's rows by the server's port, once they are as wanted."""
+        def asked():
             avcore.send_signal(signal.SIGUSR1)
-            time.sleep(0.05)
-            with open(ROWS) as file:
-                lines = file.read().rpartition("\n")[0].splitlines()
+            lines = read_file(ROWS).rpartition("\n")[0].splitlines()
             rows = {row["server_port"]: row for row in map(json.loads, lines)
                     if row["client"] == PHONE}
-        return rows
+            return until(rows) and rows
+        return wait_until(asked, "the rows")
 
     def charon(self, *arguments):
         charon = Charon(*arguments)
@@ -123,15 +97,16 @@ class IkeExchange(SystemTest):
         return charon
 
     def test_its_flows_carry_the_carriers_tag(self):
-        self.lay_out()
+        lay_out()
         self.start_resolver()
         avcore = self.start_access_point()
         self.assertEqual(jornctl("apply", "-", document=DOCUMENT)[0], 0)
-        gateway = self.charon("carrier", f"local_addrs = {GATEWAY}", GATEWAY_NAME, "%any")
-        phone = self.charon("phone", f"remote_addrs = {GATEWAY_NAME}\nencap = yes",
+        gateway = self.charon("ap2", f"local_addrs = {GATEWAY}", GATEWAY_NAME, "%any")
+        phone = self.charon("ap1", f"remote_addrs = {GATEWAY_NAME}\nencap = yes",
                             "subscriber@carrier.example", GATEWAY_NAME)
         called = phone.swanctl("--initiate", "--ike", "call", "--timeout", str(DEADLINE))
-        self.assertEqual(called.returncode, 0, (called, phone.said(), gateway.said()))
+        self.assertEqual(called.returncode, 0, (called, read_file("/tmp/ap1/log"),
+                                                read_file("/tmp/ap2/log")))
         rows = self.rows(avcore, until=lambda rows: {500, 4500} <= rows.keys()
                          and "wificalling" in rows[4500])
         for port in (500, 4500):

@@ -20,8 +20,7 @@ class Start(SystemTest):
 
     def test_questions_about_the_programs(self):
         self.platform()
-        self.daemon()
-        self.wait_until_judging()
+        self.start()
         for name in ("jorn", "avcore", "jornctl"):
             for option, says in (("--version", rf"{name} \d+\.\d+\.\d+\n\Z"), ("--help", "(?i)usage")):
                 with self.subTest(name=name, option=option):
@@ -42,8 +41,8 @@ class Start(SystemTest):
 
     def test_second_instance_leaves_the_first_alone(self):
         self.platform()
-        first = self.daemon()
-        self.wait_until_judging()
+        self.start()
+        first = self.jorn
         self.assertEqual(pid_file(), first.pid)
         self.assertEqual(os.stat(PID_FILE).st_mode & 0o777, 0o644)
         self.start_fails(0, says="jorn is existing!")
@@ -54,8 +53,7 @@ class Start(SystemTest):
         self.platform()
         for content in (f"{os.getpid()}\n", "999999\n", "0\n", "-1\n", "jorn\n", "", "9" * 300):
             with self.subTest(content):
-                with open(PID_FILE, "w") as file:
-                    file.write(content)
+                write_file(PID_FILE, content)
                 daemon = self.daemon()
                 self.wait_until_judging()
                 self.assertEqual(pid_file(), daemon.pid)
@@ -124,32 +122,27 @@ class End(SystemTest):
 
 
 class CaptureInterface(SystemTest):
-    def said(self, daemon):
-        return [line.split(": ", 3)[3] for line in daemon.lines.items]
+    def wait_line(self, text):
+        """Commands make the loop pass, which looks at the interface every five seconds else."""
+        wait_until(lambda: command(34, bytes(4)) or any(text in said for said in self.jorn.lines.items))
 
-    def test_down_and_up_again(self):
+    def test_down_and_up_then_deleted_and_made_again(self):
         self.platform()
-        daemon = self.daemon()
-        self.wait_until_judging()
+        self.start()
         run("ip", "link", "set", CAPTURE, "down")
-        daemon.wait_line("the interface is down")
+        self.wait_line("the interface is down")
         run("ip", "link", "set", CAPTURE, "up")
+        self.wait_line("the interface is back")
         self.assertEqual(self.judge([udp_frame(40001, 40002)]), [flow(40001, 40002, 17)])
-        daemon.wait_line("the interface is back")
-        self.assertEqual(self.said(daemon), [f"capture on {CAPTURE}: the interface is down",
-                                             f"capture on {CAPTURE}: the interface is back"])
-
-    def test_deleted_and_made_again(self):
-        self.platform()
-        daemon = self.daemon()
-        self.wait_until_judging()
         run("ip", "link", "del", FEED)
-        daemon.wait_line("trying again")
-        for _ in range(20):  # the loop passes, and says no more
+        self.wait_line("trying again")
+        for _ in range(20):
             command(34, bytes(4))
         self.make_links()
-        self.assertEqual(self.judge([udp_frame(40001, 40002)]), [flow(40001, 40002, 17)])
-        self.assertEqual(self.said(daemon), [
+        self.assertEqual(self.judge([udp_frame(40001, 40002)]), [flow(40001, 40002, 17)])  # by itself
+        self.assertEqual([line.split(": ", 3)[3] for line in self.jorn.lines.items], [
+            f"capture on {CAPTURE}: the interface is down",
+            f"capture on {CAPTURE}: the interface is back",
             f"capture on {CAPTURE} failed: The interface disappeared",
             f"capture on {CAPTURE}, trying again: there is no such interface, or it is down",
             f"capture on {CAPTURE}: the interface is back"])
@@ -157,8 +150,7 @@ class CaptureInterface(SystemTest):
     def test_another_interface_has_the_name(self):
         """Renamed while it is up, then deleted: what is told is told of the old one."""
         self.platform()
-        self.daemon()
-        self.wait_until_judging()
+        self.start()
         run("ip", "link", "set", CAPTURE, "name", "old0")
         run("ip", "link", "set", FEED, "name", "old1")
         self.make_links()

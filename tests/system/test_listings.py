@@ -59,8 +59,7 @@ NO:2
 
     def test_more_than_an_answer_holds(self):
         names = sorted("n" * 60 + f"{i:04}" for i in range(1025))
-        with open(PORT_SERVICE_FILE, "w") as file:
-            file.writelines(f"{i + 1},tcp,1,1,{name}\n" for i, name in enumerate(names))
+        write_file(PORT_SERVICE_FILE, "".join(f"{i + 1},tcp,1,1,{name}\n" for i, name in enumerate(names)))
         command(PORT_SERVICES)
         text = command(PORT_SHOW).decode()
         entries = text.split("NO:")

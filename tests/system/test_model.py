@@ -93,9 +93,9 @@ class AgainstTheModel(SystemTest):
     def do_services(self):
         rows = self.some(self.pick(4, 40), self.service)
         self.model.read_services(rows)
-        with open(PORT_SERVICE_FILE, "w") as file:
-            for name, port, protocol, app_id, cat_id in rows:
-                file.write(f"{port},{'tcp' if protocol == 6 else 'UDP'},{cat_id},{app_id},{name}\n")
+        write_file(PORT_SERVICE_FILE, "".join(
+            f"{port},{'tcp' if protocol == 6 else 'UDP'},{cat_id},{app_id},{name}\n"
+            for name, port, protocol, app_id, cat_id in rows).encode())
         command(PORT_SERVICES)
 
     def do_log(self):

@@ -4,11 +4,12 @@ import ipaddress
 import re
 
 from access_points import *
+from records import DNS_SHOW, jornctl
 
 BUS_SOCKET = "/var/run/av_bus.sock"
 SUBSCRIBE, ADD_PEER, PUBLISH, DELIVER = 1, 2, 3, 4
 TOPIC = b"RflowRoamInfo"
-NOTIFY, DNS_SHOW = 9, 10
+NOTIFY = 9
 STATION, HERE, THERE = "02:00:00:00:0a:0b", "00:1a:2b:00:00:01", "00:1a:2b:3c:4d:5e"
 PEER = b"AP.00:1A:2B:3C:4D:5E"
 
@@ -116,7 +117,11 @@ class Publishing(RoamingTest):
                 asked = []
                 platform.answers[OP_ROAM] = lambda body: (asked.append(body), (rc, answer))[1]
                 since, lines = len(bus.messages), len(daemon.lines)
-                command(NOTIFY, notify(to))
+                if to:
+                    jornctl("roam", "--station", STATION.upper(), "--to", THERE, "--address", to,
+                            "--from", HERE, "--from-address", "192.0.2.1")
+                else:
+                    command(NOTIFY, notify(to))
                 self.assertEqual(asked, [notify(to)])
                 if says:
                     daemon.wait_line(says, since=lines)

@@ -10,6 +10,7 @@ daemon's own, nothing else uses them, and what a test leaves behind is swept up 
 
 Waiting always has a deadline and never a fixed length.
 """
+import contextlib
 import dataclasses
 import glob
 import os
@@ -52,6 +53,18 @@ def run(*command):
 
 def mac(text):
     return bytes.fromhex(text.replace(":", ""))
+
+
+def read_file(path):
+    with open(path, newline="") as file:
+        return file.read()
+
+
+def write_file(path, text):
+    """The folders above it are made, too."""
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as file:
+        file.write(text if isinstance(text, bytes) else text.encode("latin-1"))
 
 
 def text_of(field):
@@ -197,29 +210,28 @@ class Verdict:
     classify_type: int = 255
     arc_match_src: int = 0
     url_decided: int = 255
+    reserved_qos: int = 255
     ratelimit_up: int = 65535
     ratelimit_down: int = 65535
     arc_match_utp: int = 0
     match_info: int = 0
     wificalling_f: int = 0
     policy_type: int = 2
-    zeros: bytes = bytes(35)   # all padding: 4, 3 and 24 bytes of the flow key, 2 and 2 beside the
-    reserved_qos: int = 255    # application ids
+    zeros: bytes = bytes(35)  # all padding: of the flow key, and beside the application ids
 
     @classmethod
     def parse(cls, record):
-        (verdict, non_ip, zeros1, dst_mac, src_mac, dst_port, src_port, protocol, zeros2, dst_ip,
-         src_ip, zeros3, default_policy, app_name, wfc_fqdn, zeros4, app_id, app_cat_id, zeros5,
-         deny, mark_pri, mark_type, classify, classify_type, arc_match_src, url_decided,
-         reserved_qos, up, down, arc_match_utp, match_info, wificalling_f, policy_type) = \
-            struct.unpack("=II4s6s6s2s2sB3s4s4s24sI64s64s2sHH2s8BHHIIII", record)
-        return cls(verdict, non_ip, dst_mac.hex(":"), src_mac.hex(":"),
-                   int.from_bytes(dst_port, "big"), int.from_bytes(src_port, "big"), protocol,
-                   socket.inet_ntoa(dst_ip), socket.inet_ntoa(src_ip), default_policy,
-                   text_of(app_name), text_of(wfc_fqdn), app_id, app_cat_id, deny, mark_pri,
-                   mark_type, classify, classify_type, arc_match_src, url_decided, up, down,
-                   arc_match_utp, match_info, wificalling_f, policy_type,
-                   zeros1 + zeros2 + zeros3 + zeros4 + zeros5, reserved_qos)
+        def read(field, value):
+            if not isinstance(value, bytes):
+                return value
+            return {"mac": lambda: value.hex(":"), "port": lambda: int.from_bytes(value, "big"),
+                    "ip": lambda: socket.inet_ntoa(value)}.get(
+                        field.name.rpartition("_")[2], lambda: text_of(value))()
+
+        values = struct.unpack("=II4x6s6s2s2sB3x4s4s24xI64s64s2xHH2x8BHHIIII", record)
+        zeros = b"".join(record[begin:end] for begin, end in (
+            (8, 12), (29, 32), (40, 64), (196, 198), (202, 204)))
+        return cls(*map(read, dataclasses.fields(cls), values), zeros)
 
 
 def flow(src_port=0, dst_port=0, protocol=0, *, src=CLIENT, dst=SERVER, **fields):
@@ -415,8 +427,7 @@ class Daemon:
 
 
 def pid_file():
-    with open(PID_FILE) as file:
-        return int(file.read())
+    return int(read_file(PID_FILE))
 
 
 def end_background_daemon(pid):
@@ -444,24 +455,12 @@ def command(number, payload=b"", *, length=None):
         return reply
 
 
-def kill_while_sending(daemon, number, source):
-    """Sends one command after the other and kills the daemon at some moment of it."""
-    killer = threading.Timer(source.uniform(0, 0.02), daemon.kill)
-    killer.start()
-    try:
-        while True:
-            command(number)
-    except OSError:
-        killer.join()
-
-
 class SystemTest(unittest.TestCase):
     def setUp(self):
         self._platform = self._feed = self.jorn = None
         # Nothing saved before; the port-service file is there, or its want would be reported.
         shutil.rmtree("/writable/jorn", ignore_errors=True)
-        os.makedirs("/writable/jorn")
-        open(PORT_SERVICE_FILE, "w").close()
+        write_file(PORT_SERVICE_FILE, "")
         self.make_links()
         self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
         self.addCleanup(lambda: self._feed.close())
@@ -474,8 +473,7 @@ class SystemTest(unittest.TestCase):
         run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
             "65535")
         for end in (CAPTURE, FEED):
-            with open(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "w") as switch:
-                switch.write("1")
+            write_file(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "1")
             run("ip", "link", "set", end, "arp", "off", "up")
         self._feed = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self._feed.bind((FEED, 0))
@@ -483,8 +481,7 @@ class SystemTest(unittest.TestCase):
     def _check_sanitizers(self):
         reports = ""
         for path in glob.glob(SANITIZER_LOG + ".*"):
-            with open(path) as report:
-                reports += report.read()
+            reports += read_file(path)
             os.unlink(path)
         self.assertFalse(reports, reports)
 
@@ -493,6 +490,24 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(os.unlink, AV_SOCKET)
         self.addCleanup(self._platform.kill)
         return self._platform
+
+    def run_avcore(self, *options, **streams):
+        """The real one in the platform's place, with its frames' way to the daemon."""
+        streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | streams
+        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, *options], text=True, **streams)
+        self.addCleanup(avcore.communicate)
+        self.addCleanup(avcore.kill)
+        return avcore
+
+    def daemon_behind_avcore(self, *options):
+        """Starts once avcore listens, of which the daemon asks much at its start, and is waited for
+        until it takes commands."""
+        wait_for_path(AV_SOCKET)
+        if os.path.exists(COMMAND_SOCKET):
+            os.unlink(COMMAND_SOCKET)
+        daemon = self.daemon(*options)
+        wait_for_path(COMMAND_SOCKET)
+        return daemon
 
     def daemon(self, *options, interface=CAPTURE, before=()):
         daemon = Daemon("-i", interface, *options, before=before)
@@ -514,8 +529,9 @@ class SystemTest(unittest.TestCase):
                 end_background_daemon(pid_file())
         finally:
             daemon.kill()
-            if os.path.exists(PID_FILE):
-                os.unlink(PID_FILE)
+            for path in (PID_FILE, COMMAND_SOCKET):
+                if os.path.exists(path):
+                    os.unlink(path)
 
     def send(self, frame, trailing=trailer()):
         self._feed.send(frame + trailing)
@@ -525,14 +541,13 @@ class SystemTest(unittest.TestCase):
         vanish, and so do verdicts while the channel is down."""
         probes = self._platform.probes
         since = len(probes)
-        ends = time.monotonic() + DEADLINE
-        while len(probes) == since:
-            self.assertLess(time.monotonic(), ends, "the daemon judges nothing")
+
+        def answered():
             self.send(ethernet(0x9000, src=PROBE_MAC))
-            try:
+            with contextlib.suppress(AssertionError):
                 probes.wait_length(since + 1, timeout=0.2)
-            except AssertionError:
-                pass
+            return len(probes) > since
+        wait_until(answered, "the daemon judges nothing")
 
     def messages_so_far(self):
         """How many the platform has been sent up to now: a verdict comes behind them."""
