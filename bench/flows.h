@@ -2,6 +2,7 @@
 // through the packet path in memory.
 #pragma once
 
+#include "core/text/text.h"
 #include "packet/capture.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
@@ -25,6 +26,17 @@ inline octets flow_packet(uint32_t flow, uint8_t protocol = IPPROTO_TCP, uint16_
 
 inline octets flow_frame(uint32_t flow) {
     return ethernet(0x0800, flow_packet(flow));
+}
+
+// A trailer of a frame from wlan0 to eth0 for which no inspection is asked.
+inline av_pkt_trailer plain_trailer() {
+    av_pkt_trailer trailer = {};
+    trailer.src_if_index = 3;
+    trailer.dst_if_index = 2;
+    copy_text(trailer.src_if_name, "wlan0");
+    copy_text(trailer.dst_if_name, "eth0");
+    trailer.flow_id = 1;
+    return trailer;
 }
 
 // The frames of the first flows with this trailer behind each.

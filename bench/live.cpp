@@ -6,6 +6,7 @@
 // so that a busy machine disturbs both; the figures are medians. CPU time is the consumer's own:
 // what the feeder's side costs runs on another CPU.
 #include "core/text/text.h"
+#include "flows.h"
 #include "lab.h"
 #include "live_path.h"
 

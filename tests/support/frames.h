@@ -92,17 +92,6 @@ inline std::string http_redirect_to(uint32_t address) {
            "/login\r\nContent-Length: 0\r\n\r\n";
 }
 
-// A trailer of a frame from wlan0 to eth0 for which no inspection is asked.
-inline av_pkt_trailer plain_trailer() {
-    av_pkt_trailer trailer = {};
-    trailer.src_if_index = 3;
-    trailer.dst_if_index = 2;
-    copy_text(trailer.src_if_name, "wlan0");
-    copy_text(trailer.dst_if_name, "eth0");
-    trailer.flow_id = 1;
-    return trailer;
-}
-
 inline octets with_trailer(const octets &frame, const av_pkt_trailer &trailer = {}) {
     return frame + octets(reinterpret_cast<const uint8_t *>(&trailer), sizeof trailer);
 }

@@ -48,31 +48,17 @@ TEST(BusWaiting, TheNewestWaitAndNoneForLong) {
 }
 
 TEST(BusAddress, OnlyOneHostsAddresses) {
-    const struct {
-        const char *text;
-        const char *address; // null: refused
-    } rows[] = {
-        {"192.0.2.1", "192.0.2.1"},
-        {"fd00::1", "fd00::1"},
-        {"::ffff:192.0.2.1", "192.0.2.1"},
-        {"127.0.0.1", "127.0.0.1"},
-        {"0.0.0.0", nullptr},
-        {"255.255.255.255", nullptr},
-        {"239.1.2.3", nullptr},
-        {"169.254.7.7", nullptr},
-        {"::", nullptr},
-        {"ff02::1", nullptr},
-        {"fe80::1", nullptr},
-        {"febf::1", nullptr},
-        {"::ffff:169.254.7.7", nullptr},
-        {"fd00::1%eth0", nullptr},
-        {"192.0.2.1 ", nullptr},
-        {"", nullptr},
+    const auto shown = [](const char *text) {
+        const auto address = bus_address::of_peer(text, 5670);
+        return address ? address->text() : "";
     };
-    for (const auto &row : rows) {
-        const auto address = bus_address::of_peer(row.text, 5670);
-        EXPECT_EQ(address ? address->text() : "", row.address != nullptr ? row.address : "");
-    }
+    for (const char *text : {"192.0.2.1", "fd00::1", "127.0.0.1"})
+        EXPECT_EQ(shown(text), text);
+    EXPECT_EQ(shown("::ffff:192.0.2.1"), "192.0.2.1");
+    for (const char *text :
+         {"0.0.0.0", "255.255.255.255", "239.1.2.3", "169.254.7.7", "::", "ff02::1", "fe80::1",
+          "febf::1", "::ffff:169.254.7.7", "fd00::1%eth0", "192.0.2.1 ", ""})
+        EXPECT_EQ(shown(text), "") << text;
     for (const char *bad : {"", "5670", "::", ":::5670", "[::]", "[::]:0", "[::]:65536",
                             "[192.0.2.1]:1", "192.0.2.1:x", "fd00::1:5670"})
         EXPECT_FALSE(bus_address::of_listener(bad)) << bad;

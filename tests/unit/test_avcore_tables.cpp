@@ -291,11 +291,6 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
         size_t carried; // behind the IPv4 header
     } rows[] = {
         {"plain, padded", bare(6, data + octets(6, 0), 8), 6, true, 0, 28, 8},
-        {"behind a tag", ethernet(0x8100, be16(5) + be16(0x86DD) + ipv6(6, data, 8)), 6, true, 0,
-         28, 8},
-        {"in a PPPoE session",
-         ethernet(0x8864, octets{0x11, 0, 0, 1, 0, 50, 0, 0x57} + ipv6(6, data, 8)), 6, true, 0, 28,
-         8},
         {"cut by the capture", bare(17, data, 1400), 17, true, 0, 1420, 8},
         {"without a length", bare(0, option(6) + data, 0), 6, true, 0, 28, 8},
         {"the longest", bare(6, data, 65535), 6, true, 0, 65535, 8},

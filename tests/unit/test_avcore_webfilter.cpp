@@ -82,42 +82,29 @@ protected:
 };
 
 TEST_F(AvcoreLists, TakeWhatIsPublishedAndCountTheRest) {
-    const struct {
-        const char *line;
-        const char *name; // empty: none
-        bool is_bad;
-    } rows[] = {
-        {"0.0.0.0 Ads.example # why", "ads.example", false},
-        {":: ads.example\r", "ads.example", false},
-        {"0.0.0.0 a.example ads.example", "ads.example", false},
-        {"  ads.example.", "ads.example", false},
-        {"*.ads.example", "ads.example", false},
-        {"||ads.example^", "ads.example", false},
-        {"# 0.0.0.0 ads.example", "", false},
-        {"[Adblock Plus 2.0]", "", false},
-        {"127.0.0.1 localhost localhost.localdomain", "", false},
-        {"0.0.0.0 0.0.0.0", "", false},
-        {"", "", false},
-        {"10.0.0.1 ads.example", "", true}, // leads somewhere
-        {"||ads.example^$third-party", "", true},
-        {"@@||ads.example^", "", true},
-        {"ads.example##.banner", "", true},
-        {"/ads[0-9]/", "", true},
-        {"com", "", true},
-        {"two words", "", true},
-        {"0.0.0.0 fine.example b\xC3\xA4r.example", "fine.example", true},
+    const auto last_in = [this](const char *line, unsigned first_bad_line) {
+        std::vector<std::string> names = {""};
+        const list_counts counts = read_domain_list(file("list", "# a list\n" + std::string(line)),
+                                                    [&](std::string_view name) {
+                                                        names.emplace_back(name);
+                                                        return true;
+                                                    });
+        EXPECT_EQ(counts.names + 1, names.size());
+        EXPECT_EQ(counts.first_bad_line, first_bad_line) << line;
+        return names.back();
     };
-    for (const auto &row : rows) {
-        std::vector<std::string> names;
-        const list_counts counts = read_domain_list(
-            file("list", "# a list\n" + std::string(row.line)), [&](std::string_view name) {
-                names.emplace_back(name);
-                return true;
-            });
-        EXPECT_EQ(names.empty() ? "" : names.back(), row.name) << row.line;
-        EXPECT_EQ(counts.names, names.size());
-        EXPECT_EQ(counts.first_bad_line, row.is_bad ? 2u : 0u) << row.line;
-    }
+    for (const char *line :
+         {"0.0.0.0 Ads.example # why", ":: ads.example\r", "0.0.0.0 a.example ads.example",
+          "  ads.example.", "*.ads.example", "||ads.example^"})
+        EXPECT_EQ(last_in(line, 0), "ads.example") << line;
+    for (const char *line : {"# 0.0.0.0 ads.example", "[Adblock Plus 2.0]", "0.0.0.0 0.0.0.0", "",
+                             "127.0.0.1 localhost localhost.localdomain"})
+        EXPECT_EQ(last_in(line, 0), "") << line;
+    for (const char *line :
+         {"10.0.0.1 ads.example", "||ads.example^$third-party", "@@||ads.example^",
+          "ads.example##.banner", "/ads[0-9]/", "com", "two words"})
+        EXPECT_EQ(last_in(line, 2), "") << line;
+    EXPECT_EQ(last_in("0.0.0.0 fine.example b\xC3\xA4r.example", 2), "fine.example");
     const std::string odd = file("odd", std::string(9'000, 'a') + ".b.c\nx.y" +
                                             std::string(1, '\0') + "z\nlast.example");
     EXPECT_NE(
@@ -261,14 +248,20 @@ TEST(AvcoreSafeSearch, SidesAndNamesAreBounded) {
     const std::string folder =
         testing::TempDir() + "avcore_safe_search." + std::to_string(getpid());
     safe_search service(folder);
-    const auto add = [&service](uint32_t utp_id, const std::string &host) {
+    const auto add = [&service](uint32_t utp_id, const std::string &host,
+                                std::string_view ifname = {}) {
         av_safesearch_setting setting = {};
         setting.action = av_safesearch_action::add;
-        setting.mode = 2;
+        setting.mode = ifname.data() == nullptr ? 2 : 1;
         setting.utp_id = utp_id;
+        copy_text(setting.ifname, ifname);
         copy_text(setting.host, host);
         return service.take(setting).empty();
     };
+    for (const char *ifname : {"../x", ".", "..", "", "a/b", "utp-5", "w\n"})
+        EXPECT_FALSE(add(0, "a.example", ifname)) << ifname;
+    for (const char *host : {"", ".a", "a b", "a\n1.1.1.1 b", "a/b"})
+        EXPECT_FALSE(add(0, host, "wlan0")) << host;
     for (uint32_t i = 0; i < 300; ++i) {
         EXPECT_EQ(add(i, "a.example"), i < safe_search::MAX_SIDES);
         EXPECT_EQ(add(0, 'n' + std::to_string(i)), i < safe_search::MAX_NAMES - 1);

@@ -57,12 +57,6 @@ protected:
         jorn_save_configuration();
         return folder().read(APPLICATION_POLICY_FILE);
     }
-    static size_t policy_count() {
-        size_t count = 0;
-        for (const arc_policy *p = jorn_state.arc_policy_list.head; p != nullptr; p = p->next)
-            ++count;
-        return count;
-    }
 };
 
 TEST_F(Configuration, ByteForByteAndBack) {
@@ -111,7 +105,7 @@ TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
         const std::string content = whole.substr(0, length);
         const bool complete = length == whole.size();
         const std::string log = restore(content);
-        EXPECT_EQ(policy_count(), occurrences(content, "[policy end]")) << length;
+        EXPECT_EQ(jorn_state.arc_policy_list.count, occurrences(content, "[policy end]")) << length;
         EXPECT_EQ(jorn_state.userdef_apps.count, complete ? 2 : 0) << length;
         EXPECT_EQ(jorn_state.userdef_apps.records[0].dst_port, complete ? 80 : 0) << length;
         EXPECT_EQ(occurrences(log, " ends early, "), complete ? 0u : 1u) << length;
@@ -121,12 +115,12 @@ TEST_F(Configuration, CutAnywhereRestoresWhatIsWhole) {
 TEST_F(Configuration, Holds1024Policies) {
     const std::string block = "[policy]\n0;0;0;0;1;\n1,2,n,c,0,0,0,0,0,0,0,0;\n[policy end]\n\n";
     const std::string log = restore(policies(repeated(block, 1026)));
-    EXPECT_EQ(policy_count(), 1024u);
+    EXPECT_EQ(jorn_state.arc_policy_list.count, 1024u);
     EXPECT_EQ(occurrences(log, "1024 ARC policies, one more is refused"), 1u);
     const uint64_t calls = platform.calls;
     const arc_policy_wire more = {};
     EXPECT_EQ(__arc_policy_add_end(&more), -1);
-    EXPECT_EQ(policy_count(), 1024u);
+    EXPECT_EQ(jorn_state.arc_policy_list.count, 1024u);
     EXPECT_EQ(platform.calls, calls);
 }
 

@@ -80,14 +80,6 @@ TEST_F(DnsCache, FullCacheRefusesUntilAgingMakesRoomForOne) {
     EXPECT_EQ(jorn_state.dns_cache->count, static_cast<int32_t>(FULL) - 1);
     EXPECT_EQ(learn_dns_name(FULL + 1, "n"), 0);
     EXPECT_EQ(jorn_state.dns_cache->count, static_cast<int32_t>(FULL));
-
-    // What doesn't fit is left out, entry by entry.
-    const std::string text = listing();
-    EXPECT_LE(text.size(), 122'880u);
-    EXPECT_GT(text.size(), 122'880u - 100);
-    EXPECT_NE(text.find("\nTOTAL:16385\nNO:1\n"), text.npos);
-    EXPECT_EQ(text.substr(text.size() - 2), "\n\n");
-    EXPECT_GT(text.rfind("\t aging time: "), text.rfind("NO:"));
 }
 
 } // namespace

@@ -22,8 +22,6 @@ item *make_item(uint32_t key) {
     return made;
 }
 
-hash_table *walked;
-
 class HashTable : public testing::Test {
 protected:
     void SetUp() override {
@@ -107,21 +105,14 @@ TEST_F(HashTable, NewestAtTheHeadOfTheChainThatTheSignedBytesChoose) {
     const std::vector<uint32_t> keys = crafted_keys(3);
     for (const uint32_t k : keys)
         ASSERT_EQ(hash_table_insert(table, make_item(k)), 0);
-    // A walk may delete what it is shown.
     std::vector<uint32_t> seen;
     const auto visit = [](void *object, void *argument) {
-        auto *to = static_cast<std::vector<uint32_t> *>(argument);
-        to->push_back(static_cast<item *>(object)->key);
-        if (to->size() == 2)
-            hash_table_delete(walked, object);
+        static_cast<std::vector<uint32_t> *>(argument)->push_back(static_cast<item *>(object)->key);
     };
-    walked = table;
     uint32_t counter = 5;
     hash_table_walk(table, visit, &counter, &seen);
     EXPECT_EQ(seen, (std::vector<uint32_t>{keys[2], keys[1], keys[0]}));
     EXPECT_EQ(counter, 8u);
-    EXPECT_EQ(find(keys[1]), nullptr);
-    EXPECT_NE(find(keys[0]), nullptr);
 }
 
 } // namespace

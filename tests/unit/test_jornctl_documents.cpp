@@ -319,21 +319,20 @@ TEST(JornctlDocuments, AllMistakesAreSaidAtOnce) {
                      {"name": "b", "nam": "c"}, {"utp_id": 1}],
         "utps": [{"id": 1, "uuid": "u"}],
         "applications": [{"app_name": "net", "dst_ip": "10.0.0", "netmask": "255.0.0.0"}],
-        "web_policies": [{"uuid": "w", "google_safe_search": true, "google_vip": "x"}],
-        "web_interfaces": [{"ifname": "wlan0", "enable": true, "policy_uuid": "v"}],
-        "carriers": [{"pname": "c", "priority": 1, "epdg": [{"fqdn": "f;"}]}],
         "wificalling_interfaces": [{"ifname": "wlan0", "profile": "c"}]})");
-    std::vector<std::string> paths;
-    for (const std::string &mistake : read.found.mistakes())
-        paths.push_back(mistake.substr(0, mistake.find(':')));
-    EXPECT_EQ(paths,
-              (std::vector<std::string>{
-                  R"(/policies/0/uuid ("a"))", R"(/policies/0/uuid ("a"))",
-                  R"(/policies/0/rules/1/app_name ("a"))", R"(/policies/0/rules/1/deny ("a"))",
-                  R"(/policies/0/rules/2 ("a"))", R"(/policies/1 ("b"))",
-                  R"(/policies/1/nam ("b"))", R"(/applications/0/dst_ip ("net"))",
-                  "/web_policies/0/google_vip", R"(/carriers/0/epdg/0/fqdn ("f;"))",
-                  R"(/wificalling_interfaces/0/profile ("wlan0"))", "/policies/2/utp_id"}));
+    const char *const expected[] = {R"(/policies/0/uuid ("a"))",
+                                    R"(/policies/0/uuid ("a"))",
+                                    R"(/policies/0/rules/1/app_name ("a"))",
+                                    R"(/policies/0/rules/1/deny ("a"))",
+                                    R"(/policies/0/rules/2 ("a"))",
+                                    R"(/policies/1 ("b"))",
+                                    R"(/policies/1/nam ("b"))",
+                                    R"(/applications/0/dst_ip ("net"))",
+                                    R"(/wificalling_interfaces/0/profile ("wlan0"))",
+                                    "/policies/2/utp_id"};
+    ASSERT_EQ(read.found.mistakes().size(), std::size(expected));
+    for (size_t i = 0; i < std::size(expected); ++i)
+        EXPECT_TRUE(read.found.mistakes()[i].starts_with(expected[i])) << read.found.mistakes()[i];
     EXPECT_TRUE(read.found.warnings().empty()) << read.found.warnings().front();
     EXPECT_THROW(commands_of(read), std::runtime_error);
 }

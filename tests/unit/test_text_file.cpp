@@ -1,5 +1,4 @@
 #include "core/base/reply.h"
-#include "core/files/regular_file.h"
 #include "core/files/text_file.h"
 #include "core/text/line_format.h"
 #include "core/text/text.h"
@@ -54,48 +53,6 @@ TEST(LineReader, LinesOfEveryShape) {
     const std::string longest(line_reader::LENGTH_MAX, 'x');
     EXPECT_EQ(read_lines(longest + "y\n" + longest + "\n", SIZE_MAX),
               (texts{longest + " (cut)", longest}));
-}
-
-// A file of which one call in two is interrupted by a signal, and the other moves one byte.
-struct interrupted_file {
-    std::string content;
-    size_t at = 0;
-    bool now = false;
-};
-
-ssize_t read_one(void *cookie, char *to, size_t) {
-    auto &file = *static_cast<interrupted_file *>(cookie);
-    errno = EINTR;
-    if ((file.now = !file.now))
-        return -1;
-    return static_cast<ssize_t>(file.content.copy(to, 1, std::min(file.at++, file.content.size())));
-}
-
-ssize_t write_one(void *cookie, const char *from, size_t) {
-    auto &file = *static_cast<interrupted_file *>(cookie);
-    errno = EINTR;
-    if ((file.now = !file.now))
-        return 0;
-    file.content += *from;
-    return 1;
-}
-
-TEST(Files, ASignalInBetweenDoesntCount) {
-    const cookie_io_functions_t calls = {read_one, write_one, nullptr, nullptr};
-    interrupted_file memory;
-    FILE *file = fopencookie(&memory, "w", calls);
-    setvbuf(file, nullptr, _IONBF, 0);
-    EXPECT_TRUE(write_whole(file, "ab\ncd"));
-    fclose(file);
-    EXPECT_EQ(memory.content, "ab\ncd");
-    file = fopencookie(&memory, "r", calls);
-    line_reader reader(file, "test file", JORN_HERE);
-    texts lines;
-    for (std::string_view line; reader.next(line);)
-        lines.emplace_back(line);
-    EXPECT_EQ(lines, (texts{"ab", "cd"}));
-    EXPECT_EQ(reader.read_error(), 0);
-    fclose(file);
 }
 
 struct listed {
