@@ -1,17 +1,13 @@
 """avcore and the daemon together: a capture file in, a table of named and judged flows out."""
-import contextlib
-import json
 import resource
-import unittest
 
-from testbed import *
+from records import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
 SHOWN, CLAIMED, MOVED = "198.51.100.3", "198.51.100.4", "198.51.100.5"
 SERVER_HELLO = b"\x16\x03\x03\x00\x04\x02\x00\x00\x00"
 CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 QUIC = "198.51.100.6"
-POLICY = 23
 SEEDS = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../fuzz/corpus/quic_hello")
 
 
@@ -81,11 +77,11 @@ class Avcore(SystemTest):
             os.mkfifo("/tmp/pipe")
         return self.run_avcore("-r", "/tmp/pipe")
 
-    def feed(self, frames, *options, before=lambda: None, **capture):
-        """The rows of the flow table, and what was said beside them."""
+    def feed(self, frames, *options, block=(), **capture):
+        """The rows of the flow table, and what was said beside them; UTP 9 blocks these names."""
         avcore = self.start(frames, "--json", *options, **capture)
         self.daemon_behind_avcore()
-        before()
+        command(POLICY, policy(9, *[rule(name, deny=1) for name in block]))
         flows, totals = avcore.communicate(timeout=60)
         self.assertEqual(avcore.returncode, 0, totals)
         return [json.loads(line) for line in flows.splitlines()], totals
@@ -119,11 +115,7 @@ class Avcore(SystemTest):
             tm_support = "0"
         """
 
-        def block():
-            rule = struct.pack("=8x64s32sBBHHxx", PLAIN.encode(), b"", 1, 0, 0, 0)
-            command(POLICY, struct.pack("=48xI", 9) + rule.ljust(7168, b"\0") + bytes(132))
-
-        rows, totals = self.feed([TRAFFIC[2]] * 400, before=block)
+        rows, totals = self.feed([TRAFFIC[2]] * 400, block=[PLAIN])
         [row] = rows
         self.assertEqual((row["client"], row["client_port"], row["server"]), (PLAIN, 8099, CLIENT))
         self.assertEqual((row["packets"], row["verdict"]), (400, 3))
@@ -136,11 +128,6 @@ class Avcore(SystemTest):
             network = "2001:db8::/64"
             utp_id = 9
         """
-
-        def block():
-            rules = b"".join(struct.pack("=8x64s32sBBHHxx", name, b"", 1, 0, 0, 0)
-                             for name in (b"shop.example", b"ICMP"))
-            command(POLICY, struct.pack("=48xI", 9) + rules.ljust(7168, b"\0") + bytes(132))
 
         hop_by_hop = struct.pack(">BB6x", 6, 0)
         frames = [
@@ -158,7 +145,7 @@ class Avcore(SystemTest):
             tcp_frame(1, 2, src="240.0.0.1"),
             udp_frame(1, 2, dst="255.255.255.255"),
         ]
-        rows, totals = self.feed(frames, before=block)
+        rows, totals = self.feed(frames, block=["shop.example", "ICMP"])
         flows = {(row["server"], row["server_port"], row["protocol"]): row for row in rows}
         self.assertEqual(len(rows), 8, rows)
         denied = flows[shop, 443, "TCP"]

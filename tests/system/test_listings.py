@@ -18,12 +18,7 @@ def shown():
     return found
 
 
-class Listings(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.platform()
-        self.start()
-
+class Listings(JudgingTest):
     def test_texts(self):
         self.assertEqual(command(USERDEF_SHOW), b"\n====User Defined Applications Policies====\n")
         self.assertEqual(command(PORT_SHOW), b"\n====JORN port app list====\nTOTAL:0\n")

@@ -6,11 +6,8 @@ MORE, KNOWN, FAILED = 1, 2, 3
 HIT = (1, 1, 1)
 
 
-class Naming(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.av = self.platform(tm_support="1")
-        self.start()
+class Naming(JudgingTest):
+    values = {"tm_support": "1"}
 
     def questions(self):
         return [socket.inet_ntoa(body[:4]) for op, body in self.av.messages.items

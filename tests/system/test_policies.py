@@ -2,12 +2,7 @@
 from records import *
 
 
-class Policies(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.av = self.platform()
-        self.start()
-
+class Policies(JudgingTest):
     def ping(self, src=0, dst=0):
         return self.judge([PING], trailer(src_utp_id=src, dst_utp_id=dst))[0]
 
@@ -77,12 +72,7 @@ class Policies(SystemTest):
         self.assertIn("jorn_output", self.jorn.wait_line("the flow would be allowed, port 0:0"))
 
 
-class HostileClients(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.platform()
-        self.start()
-
+class HostileClients(JudgingTest):
     def connect(self):
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         client.connect(COMMAND_SOCKET)  # waits while the backlog is full

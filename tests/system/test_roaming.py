@@ -165,19 +165,6 @@ class Importing(RoamingTest):
                      "a message of 9 bytes isn't one of the bus", "receive RflowRoamInfo from AP.a?bxx"):
             daemon.wait_line(line)
 
-    def test_the_far_end_comes_goes_and_comes_back(self):
-        self.platform()
-        self.daemon("-D")
-        self.wait_until_judging()  # without a bus
-        for _ in range(2):
-            bus = Bus()
-            while not len(bus.messages):
-                self.judge([udp_frame(1, 2)])  # the loop passes
-            self.assertEqual(bus.messages.items[0][0], SUBSCRIBE)
-            bus.deliver(message(roam_flow(b"a.example", "198.51.100.7")))
-            self.listed(until="198.51.100.7")
-            bus.close()
-
 
 class AccessPoints(unittest.TestCase):
     """A daemon and an avcore each, in namespaces of their own."""

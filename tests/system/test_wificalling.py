@@ -55,8 +55,6 @@ REFUSED = [
 
 # A file that was edited or cut, and what is written after it was read.
 EDITED = [
-    (whole([A], ["wlan0;1;7;2;A,B;"]).upper(),
-     whole([A.upper()], ["WLAN0;1;7;2;A,B;"])),
     (whole([A], ["wlan0;1;7;1;A;"]).replace("[wificallingPolicy]", ""), whole([], [])),
     (whole([A, A.replace("A", "B", 1)], [])[:-60], whole([A], [])),
     (whole(["A;;5;9;" + ",".join(f"{i},1.1.1.{i}" for i in range(9)) + ";x", "B;;x;-1;b,1.1.1.1;",
@@ -70,12 +68,7 @@ EDITED = [
 ]
 
 
-class WifiCalling(SystemTest):
-    def setUp(self):
-        super().setUp()
-        self.av = self.platform()
-        self.start()
-
+class WifiCalling(JudgingTest):
     def say(self, number, payload, says):
         since = self.lines_so_far(self.jorn)
         command(number, payload)
@@ -200,21 +193,17 @@ class WifiCalling(SystemTest):
         epdgs = [[(f"{i}.{j}." + "f" * 250, f"10.{i}.{j}.1") for j in range(i)] for i in range(6)]
         for i, list_of in enumerate(epdgs):
             command(CARRIER, carrier(f"c{i}", i, *list_of))
-        texts = []
-        for i in range(40):
-            numbers = [(i + j) % 6 for j in range(5)] if i else [1]
-            command(CARRIER_BINDING, carrier_binding(f"wlan{i}", *[f"C{n}" for n in numbers]))
-            text = f"Interface Name: wlan{i}\n"
+        text = ""
+        for ifname, numbers in (("wlan0", [1]), ("wlan1", [0, 5, 3])):
+            command(CARRIER_BINDING, carrier_binding(ifname, *[f"C{n}" for n in numbers]))
+            text += f"Interface Name: {ifname}\n"
             for place, n in enumerate(numbers, 1):
                 *first, (name, address) = [(f[:255], a) for f, a in epdgs[n]] or [("", "0.0.0.0")]
                 text += (f"({place}) Policy Name: C{n}\nPriority: {n}\nFQDN: "
                          + "".join(f"{f}," for f, _ in first) + f" {name}\nIPaddr:"
                          + "".join(f" {a}," for _, a in first) + f"{address}\n\n")
-            texts.append(text + "\n")
-            if i == 0:
-                self.assertEqual(command(SHOW).decode(), texts[0])
-        fit = next(n for n in range(40) if len("".join(texts[:n + 1])) >= 122880)
-        self.assertEqual(command(SHOW).decode(), "".join(texts[:fit]))
+            text += "\n"
+        self.assertEqual(command(SHOW).decode(), text)
 
     def configure(self):
         command(CARRIER, carrier("CarrierA", 5, ("epdg-1", "192.0.2.5"), ("", "10.0.0.2"), alt=""))

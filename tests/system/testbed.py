@@ -113,10 +113,6 @@ def icmp_echo():
     return struct.pack(">BBHHH", 8, 0, 0, 1, 1)
 
 
-def igmp_report(group="224.0.0.251"):
-    return struct.pack(">BBH4s", 0x16, 0, 0, socket.inet_aton(group))
-
-
 def arp_request(target=SERVER, sender=CLIENT, sender_mac=CLIENT_MAC):
     return struct.pack(">HHBBH6s4s6x4s", 1, 0x0800, 6, 4, 1, mac(sender_mac),
                        socket.inet_aton(sender), socket.inet_aton(target))
@@ -172,7 +168,6 @@ TRAILER_FIELDS = {"dst_utp_id": 0, "src_utp_id": 0, "word2": 0, "word3": 0, "dst
                   "src_if_index": 3, "dst_if_name": "eth0", "src_if_name": "wlan0", "flow_id": 0,
                   "filter_type": 0, "dpi_retry": 0, "url_retry": 0, "dpi_status": 0,
                   "dpi_app_id": 0, "dpi_cat_id": 0, "dpi_app_name": "", "kernel_domain": ""}
-TRAILER_SIZE = 276
 
 
 def trailer(**fields):
@@ -573,3 +568,13 @@ class SystemTest(unittest.TestCase):
                 self.send(frame, trailing)
             verdicts.wait_length(since + first + len(sent), timeout=timeout)
         return verdicts.items[since:]
+
+
+class JudgingTest(SystemTest):
+    """The daemon judges from the start, before a platform with these values."""
+    values = {}
+
+    def setUp(self):
+        super().setUp()
+        self.av = self.platform(**self.values)
+        self.start()
