@@ -6,10 +6,6 @@ RULE_FOLDER, VERSION_FILE = "/writable/fw/tdts_rule", "/writable/fw/tdts_ver"
 EMPTY = "[appPolicy]\n[appPolicy end]\n[userdef]\n[userdef end]\n"
 
 
-def saved():
-    return read_file(POLICY_FILE)
-
-
 def app(name, app_id, cat_id, **fields):
     return dict(app_name=name.lower(), app_id=app_id, app_cat_id=cat_id, match_info=1, **fields)
 
@@ -70,7 +66,7 @@ class Files(SystemTest):
         write_file(PORT_SERVICE_FILE, "9000,tcp,4,1201,Portal\n")
         self.start()
         self.configure()
-        self.assertEqual(saved(), WHOLE)
+        self.assertEqual(read_file(POLICY_FILE), WHOLE)
         for _ in range(2):
             clock = app("Clock", 40001, 9)
             self.assertEqual(self.name(8443), flow(40000, 8443, 6, **clock))
@@ -86,17 +82,17 @@ class Files(SystemTest):
         for number in (UTP, LOG):
             shutil.rmtree("/writable")  # the folder is made anew, with those above it
             command(number)
-            self.assertEqual(saved(), WHOLE)
+            self.assertEqual(read_file(POLICY_FILE), WHOLE)
         for flush in (CLEAN, UTP_FLUSH, POLICY_FLUSH):
             command(flush)
-            self.assertEqual(saved(), WHOLE)
+            self.assertEqual(read_file(POLICY_FILE), WHOLE)
         command(WRITE)
-        self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
+        self.assertEqual(read_file(POLICY_FILE), WHOLE.replace(POLICY_LINES, ""))
         command(USERDEF, userdefs())
-        self.assertEqual(saved(), EMPTY)
+        self.assertEqual(read_file(POLICY_FILE), EMPTY)
         self.configure()
         self.assertEqual(jornctl("apply", "-", document={"policies": []})[0], 0)
-        self.assertEqual(saved(), WHOLE.replace(POLICY_LINES, ""))
+        self.assertEqual(read_file(POLICY_FILE), WHOLE.replace(POLICY_LINES, ""))
 
     def test_definitions_at_their_limits(self):
         self.start()
@@ -108,7 +104,7 @@ class Files(SystemTest):
             os.unlink(POLICY_FILE)
             command(USERDEF, payload)
             self.jorn.wait_line(says)
-            self.assertIn(f"[userdef]\n{DEFINITION_LINES}[", saved())
+            self.assertIn(f"[userdef]\n{DEFINITION_LINES}[", read_file(POLICY_FILE))
         command(USERDEF, userdefs(*[userdef("No", port=1)] * 31, userdef("Last", port=9000)))
         self.start()
         self.assertEqual(self.name(9000).app_name, "last")
@@ -117,7 +113,7 @@ class Files(SystemTest):
         self.start()
         self.configure()
         command(POLICY, policy(2, rule("\u00f6k\0\n"), rule("", category="\n"), name="not\nsaved"))
-        whole = saved()
+        whole = read_file(POLICY_FILE)
         self.assertIn("0,0,\u00f6k,,", whole)
         control = "holds a control character, 0x"
         for number, payload, says in (
@@ -130,7 +126,7 @@ class Files(SystemTest):
             calls = self.messages_so_far()
             command(number, payload)
             self.jorn.wait_line(says)
-            self.assertEqual(saved(), whole)
+            self.assertEqual(read_file(POLICY_FILE), whole)
             told = self.av.messages.items[calls:self.messages_so_far()]
             self.assertNotIn(OP_RESET, [op for op, _ in told])
         self.assertEqual(self.judge([PING], trailer(src_utp_id=1))[0].verdict, 4)
@@ -156,7 +152,7 @@ class Files(SystemTest):
                 self.assert_said(create_error=1 if what == "folder" else 0)
                 if what != "folder":
                     self.assertFalse(os.path.islink(POLICY_FILE))
-                    self.assertEqual(saved(), EMPTY)
+                    self.assertEqual(read_file(POLICY_FILE), EMPTY)
                 put(POLICY_FILE)
                 self.start()
                 self.assertEqual(os.path.lexists(POLICY_FILE), is_link)
@@ -206,14 +202,14 @@ class Files(SystemTest):
         command(POLICY_FLUSH)
         since = self.lines_so_far(self.jorn)
         self.configure()
-        self.assertEqual(saved(), WHOLE)
+        self.assertEqual(read_file(POLICY_FILE), WHOLE)
         run("mount", "-o", "remount,bind,ro", FOLDER)
         command(WRITE)
         self.jorn.wait_line("create error", since=since)
         self.assertEqual(self.name(8443).app_name, "clock")
         run("mount", "-o", "remount,bind,rw", FOLDER)
         command(WRITE)
-        self.assertEqual(saved(), WHOLE)
+        self.assertEqual(read_file(POLICY_FILE), WHOLE)
 
     def test_start_up_calls_and_the_rule_agent(self):
         write_file("/tmp/sbin/tdts_rule_agent", '#!/bin/sh\necho "$@" >>/tmp/agent\n')

@@ -100,10 +100,10 @@ class End(SystemTest):
         platform = self.platform()
         for number in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(number.name):
-                answered = len(platform.probes) + len(platform.verdicts)
+                before = len(platform.probes) + len(platform.verdicts)
                 daemon = self.daemon("-d")
                 self.judge([udp_frame(1, n) for n in range(3)])
-                answered = len(platform.probes) + len(platform.verdicts) - answered
+                answered = len(platform.probes) + len(platform.verdicts) - before
                 self.assertEqual(daemon.stop(number), 0)
                 said = [text for line in daemon.lines.items
                         if (text := line.partition(" (Debug) ")[2])]

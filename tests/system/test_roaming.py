@@ -50,22 +50,13 @@ class Bus:
         self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._listener.bind(BUS_SOCKET)
         self._listener.listen()
-        threading.Thread(target=self._accept, daemon=True).start()
+        threading.Thread(target=self._serve, daemon=True).start()
 
-    def _accept(self):
-        try:
-            while True:
-                self.connection = self._listener.accept()[0]
-                threading.Thread(target=self._serve, args=(self.connection,), daemon=True).start()
-        except OSError:
-            pass  # closed
-
-    def _serve(self, connection):
-        try:
-            while datagram := connection.recv(65536):
+    def _serve(self):
+        with contextlib.suppress(OSError):  # closed
+            self.connection = self._listener.accept()[0]
+            while datagram := self.connection.recv(65536):
                 self.messages.add((struct.unpack_from("=I", datagram)[0], datagram[4:]))
-        except OSError:
-            pass  # closed
 
     def deliver(self, payload, *, sender=b"AP.peer", topic=TOPIC, kind=DELIVER):
         self.connection.send(struct.pack("=I64s64s", kind, sender, topic) + payload)
@@ -78,14 +69,10 @@ class Bus:
         os.unlink(BUS_SOCKET)
 
 
-class RoamingTest(SystemTest):
-    def bus(self):
-        bus = Bus()
-        self.addCleanup(bus.close)
-        return bus
-
+class Messages(SystemTest):
     def started(self, *options):
-        platform, bus = self.platform(), self.bus()
+        platform, bus = self.platform(), Bus()
+        self.addCleanup(bus.close)
         daemon = self.daemon("-d", *options)
         self.wait_until_judging()
         kind, body = bus.messages.wait(lambda m: True)
@@ -97,8 +84,6 @@ class RoamingTest(SystemTest):
         return wait_until(lambda: until in (found := names_in(command(DNS_SHOW).decode())) and found,
                           f"{until} isn't listed")
 
-
-class Publishing(RoamingTest):
     def test_what_a_notify_publishes(self):
         platform, bus, daemon = self.started()
         one = roam_flow(b"one.example", "198.51.100.1")
@@ -137,8 +122,6 @@ class Publishing(RoamingTest):
                      "                    one.example"):
             self.assertTrue(any(line in s for s in daemon.lines.items), line)
 
-
-class Importing(RoamingTest):
     def test_what_peers_send(self):
         platform, bus, daemon = self.started("-x")  # an unknown option starts all the same
         platform.domains["198.51.100.9"] = (1, 1, 1, "known.example")

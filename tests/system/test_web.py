@@ -413,10 +413,6 @@ class Files(WebTest):
         command(WEB_INTF, web_binding("wlan1", "", enable=0, value=0xFFFFFFFF))
         command(WEB_INTF, web_binding("wlan2", "none"))
 
-    def load(self, text):
-        write_file(FILE, text)
-        self.start()
-
     def test_what_is_saved_comes_back(self):
         self.av.values["avc_enable/wlan0"] = "1"
         self.start()
@@ -457,7 +453,8 @@ class Files(WebTest):
                 ("behind the end", WHOLE + "wlan9;1;1;3;u;\n",
                  WHOLE.replace("[intfcfg end]", "wlan9;1;1;3;u;\n[intfcfg end]"))):
             with self.subTest(what):
-                self.load(text)
+                write_file(FILE, text)
+                self.start()
                 command(WRITE)
                 self.assertEqual(read_file(FILE), kept)
 

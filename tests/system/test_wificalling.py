@@ -6,10 +6,6 @@ FILE = "/writable/jorn/wificalling_config.txt"
 WIFICALLING = 4  # of filter_type
 
 
-def saved():
-    return read_file(FILE)
-
-
 def whole(carriers, bindings):
     return ("[wificallingPolicy]\n" + "".join(f"[policy]\n{line}\n[policy_end]\n\n" for line in carriers)
             + "[wificallingPolicy end]\n\n[intfcfg]\n" + "".join(f"{line}\n" for line in bindings)
@@ -19,7 +15,7 @@ def whole(carriers, bindings):
 def unchanged_save():
     """A command that is refused rewrites the file all the same."""
     command(CARRIER_BINDING, carrier_binding("nobody's", enable=0))
-    return saved()
+    return read_file(FILE)
 
 
 A = "A;alt;5;2;one,10.0.0.1,two,0.0.0.0;"
@@ -96,7 +92,7 @@ class WifiCalling(JudgingTest):
                 self.say(CARRIER, carrier("A", 5, ("one", "10.0.0.1"), ("two", "0.0.0.0")),
                          "Added wificalling policy first node")
                 self.say(CARRIER, carrier("A", priority, epdg, alt="new"), says)
-                self.assertEqual(saved(), whole([line], []))
+                self.assertEqual(read_file(FILE), whole([line], []))
         for i in range(2):
             command(CARRIER, carrier("A", 6, (f"e{i}", f"10.1.0.{i}")))
         for epdg, says in ((("e1", "10.1.0.1"), "Policy already exists!"),
@@ -104,11 +100,11 @@ class WifiCalling(JudgingTest):
             self.say(CARRIER, carrier("A", 8, epdg), says)
         # A name in another case is another carrier, which keeps all that was sent.
         command(CARRIER, carrier("a", 1, ("x" * 300, "1.2.3.4"), ("", "0.0.0.0"), alt=""))
-        self.assertEqual(saved(), whole(
+        self.assertEqual(read_file(FILE), whole(
             ["A;alt;8;5;one,10.0.0.1,two,0.0.0.0,,0.0.0.0,e0,10.1.0.0,e1,10.1.0.1;",
              f"a;;1;2;{'x' * 255},1.2.3.4,,0.0.0.0;"], []))
         self.say(CARRIER, carrier("n" * 70, 1, ("f", "1.1.1.1"), count=200), "200 is cut to 5")
-        self.assertIn(f"{'n' * 64};alt;1;5;f,1.1.1.1{',,0.0.0.0' * 4};", saved())
+        self.assertIn(f"{'n' * 64};alt;1;5;f,1.1.1.1{',,0.0.0.0' * 4};", read_file(FILE))
 
     def test_bindings(self):
         for name, priority in (("Tel", 1), ("A", 2), ("TEL", 3)):
@@ -117,25 +113,25 @@ class WifiCalling(JudgingTest):
         self.assertTagged(self.judge_ike(), "tel", 3, "TEL")  # the later of the two
         for number, payload, says in REFUSED:
             with self.subTest(says):
-                before = saved()
+                before = read_file(FILE)
                 self.say(number, payload, says)
-                self.assertEqual(saved(), before)
+                self.assertEqual(read_file(FILE), before)
         self.say(CARRIER_BINDING, carrier_binding("WLAN0", "a", enable=9, value=5), "Updating Existing node !")
-        self.assertTrue(saved().endswith("[intfcfg]\nwlan0;1;-7;1;a;\n[intfcfg end]\n"))
+        self.assertTrue(read_file(FILE).endswith("[intfcfg]\nwlan0;1;-7;1;a;\n[intfcfg end]\n"))
         self.assertTagged(self.judge_ike(), "a", 2, "A")
         self.say(CARRIER_BINDING, carrier_binding("wlan0", "gone", "gone too", count=2), "No such policy 'gone'")
         self.assertEqual(command(SHOW), b"Interface Name: wlan0\n(1) Policy Name: gone\n"
                                         b"(2) Policy Name: gone too\n\n")
         self.assertUntagged(self.judge_ike())
         self.say(CARRIER_BINDING, carrier_binding("a-name-of-19-bytes!", "A", "", "", "", "", count=9), "9 is cut to 5")
-        self.assertIn("\na-name-of-19-byt;1;0;5;A,,,,;\n", saved())
+        self.assertIn("\na-name-of-19-byt;1;0;5;A,,,,;\n", read_file(FILE))
         self.say(CARRIER_BINDING, carrier_binding("wlan0", count=-1), "-1 is cut to 0")
-        self.assertIn("\nwlan0;1;-7;0;;\n", saved())
+        self.assertIn("\nwlan0;1;-7;0;;\n", read_file(FILE))
         # A flush takes the carriers from the bindings until they are sent again.
         command(CARRIER_BINDING, carrier_binding("wlan0", "A"))
-        before = saved()
+        before = read_file(FILE)
         command(FLUSH)
-        self.assertEqual(saved(), before)
+        self.assertEqual(read_file(FILE), before)
         self.assertUntagged(self.judge_ike())
         command(CARRIER, carrier("A", 7, ("new", "192.0.2.5")))
         self.assertUntagged(self.judge_ike())
@@ -215,7 +211,7 @@ class WifiCalling(JudgingTest):
 
     def test_what_is_saved_comes_back(self):
         expected = self.configure()
-        self.assertEqual(saved(), expected)
+        self.assertEqual(read_file(FILE), expected)
         listing = command(SHOW)
         for _ in range(2):
             since = self.messages_so_far()
@@ -226,7 +222,7 @@ class WifiCalling(JudgingTest):
             self.assertTagged(self.judge_ike(), "carriera", 5, "epdg-1")
             self.assertEqual(unchanged_save(), expected)
         command(FLUSH)
-        self.assertEqual(saved(), expected)
+        self.assertEqual(read_file(FILE), expected)
 
     def test_files_that_were_edited_or_cut(self):
         for text, written in EDITED:

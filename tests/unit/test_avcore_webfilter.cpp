@@ -163,15 +163,17 @@ TEST(AvcoreDomains, AreFoundAmongMany) {
     }
 }
 
+question about(const urlf_request &request) {
+    return {{av_op::urlfilter_get_category, 1}, std::as_bytes(std::span(&request, 1))};
+}
+
 TEST(AvcoreAgent, WaitingAnswersAreBoundedAndOneAFlow) {
     url_agent agent({true, false, 10, "/nowhere/jorn.sock"}, category_list());
     const auto ask = [&agent](uint16_t port, const char *domain) {
         urlf_request request = {};
         request.flow_key.src_port_be = port;
         copy_text(request.domain, domain);
-        const question asked = {{av_op::urlfilter_get_category, 1},
-                                std::as_bytes(std::span(&request, 1))};
-        return agent.answer(asked, 0).size() > sizeof(av_answer_head);
+        return agent.answer(about(request), 0).size() > sizeof(av_answer_head);
     };
     for (uint16_t port = 0; port < url_agent::MAX_WAITING + 2; ++port) {
         EXPECT_FALSE(ask(port, "a.example"));
@@ -197,10 +199,8 @@ TEST(AvcoreAgent, ADaemonThatClosesNothingHoldsItForSeconds) {
     ASSERT_EQ(listen(listener.get(), 8), 0);
     url_agent agent({true, true, 0, address.sun_path}, category_list());
     urlf_request request = {};
-    const question asked = {{av_op::urlfilter_get_category, 1},
-                            std::as_bytes(std::span(&request, 1))};
     for (; request.flow_key.src_port_be < 100; ++request.flow_key.src_port_be)
-        agent.answer(asked, 0);
+        agent.answer(about(request), 0);
     int64_t now_ms = 0;
     for (; agent.waiting(); now_ms = std::max(now_ms, agent.next_tick_ms()))
         agent.serve(now_ms);

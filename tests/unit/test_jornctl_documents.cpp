@@ -6,25 +6,17 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <map>
 
 using namespace jornctl;
 
 namespace {
 
-const char *table_of(uint32_t number) {
-    switch (number) {
-    case CMD_ARC_POLICY_CFG_REQ:
-        return "policies";
-    case CMD_WEB_POLICY_CFG_REQ:
-        return "web_policies";
-    case CMD_WEB_INTF_CFG_REQ:
-        return "web_interfaces";
-    case CMD_WIFICALLING_POLICY_CFG_REQ:
-        return "carriers";
-    default:
-        return "utps";
-    }
-}
+const std::map<uint32_t, const char *> TABLES = {{CMD_ARC_UTP_CFG_REQ, "utps"},
+                                                 {CMD_ARC_POLICY_CFG_REQ, "policies"},
+                                                 {CMD_WEB_POLICY_CFG_REQ, "web_policies"},
+                                                 {CMD_WEB_INTF_CFG_REQ, "web_interfaces"},
+                                                 {CMD_WIFICALLING_POLICY_CFG_REQ, "carriers"}};
 
 // The document again, from the payloads of its commands and their description.
 document described_again(const document &read) {
@@ -38,7 +30,7 @@ document described_again(const document &read) {
         if (words.erase("count") != 0)
             again["applications"] = words["applications"];
         else
-            again[table_of(each.number)].push_back(words);
+            again[TABLES.at(each.number)].push_back(words);
     }
     return read_document(again.dump());
 }
