@@ -40,7 +40,8 @@ TRAFFIC = [
     # Without DNS: one server takes the handshake, the other refuses the name with an alert.
     tcp_frame(40005, 443, client_hello("www.shown.example"), dst=SHOWN),
     tcp_frame(443, 40005, SERVER_HELLO, src=SHOWN, dst=CLIENT),
-    tcp_frame(40006, 8443, b"later", dst=SHOWN),
+    *[udp_frame(40006, 8443, b"later", dst=SHOWN)] * 12,  # the same client, and another
+    *[udp_frame(40006, 8444, b"later", src=CLOUD, dst=SHOWN)] * 12,
     tcp_frame(40007, 443, client_hello("www.claimed.example"), dst=CLAIMED),
     tcp_frame(443, 40007, b"\x15\x03\x03\x00\x02\x02\x70", src=CLAIMED, dst=CLIENT),
     tcp_frame(40008, 8443, b"later", dst=CLAIMED),
@@ -88,7 +89,7 @@ class Avcore(SystemTest):
 
     def test_flows_are_named_and_judged(self):
         rows, _ = self.feed(TRAFFIC)
-        self.assertEqual(len(rows), 16, rows)
+        self.assertEqual(len(rows), 17, rows)
         flows = {(row["server"], row["server_port"]): row for row in rows}
         names = {key: row["application"] for key, row in flows.items()}
         self.assertEqual(names, names | {
@@ -104,6 +105,7 @@ class Avcore(SystemTest):
         self.assertEqual(flows[QUIC, 443]["host"], "www.youtube.com")
         for port in 443, 8443:
             self.assertNotIn("claimed", flows[CLAIMED, port]["application"])
+        self.assertEqual(flows[SHOWN, 8444]["application"], f"{CLOUD} {SHOWN}:8444")
         self.assertEqual(flows[CLAIMED, 443]["host"], "www.claimed.example")
 
     def test_the_file_says_who_is_the_client_and_which_profile(self):

@@ -103,22 +103,23 @@ TEST(RoamFlows, TheLatestNamedOnesOfTheStation) {
     flow_table flows(rules);
     dns_names names;
     const uint32_t server = inet_addr("192.0.2.7");
-    names.learn({"long.example", {{server, 1}}}, 0);
-    const auto pass = [&](uint8_t mac, uint16_t port, const char *host, int64_t time_us) {
+    const auto pass = [&](uint8_t mac, uint16_t port, const std::string &name, int64_t time_us) {
+        if (!name.empty())
+            names.learn({name, {{server, 1}}}, time_us);
         frame_facts frame;
         frame.ipv4 = true;
         frame.ip_proto = 6;
         frame.sender = {{2, 0, 0, 0, 0, mac}, inet_addr("10.1.0.2"), port};
         frame.receiver = {{2, 0, 0, 0, 0, 9}, server, 443};
-        note_frame(flows.count_frame(frame, 60).row, names, {time_us, {}, {server, host}});
+        note_frame(flows.count_frame(frame, 60).row, names, time_us);
     };
     constexpr int64_t second_us = 1'000'000;
     const int64_t now_us = 400 * second_us;
-    pass(1, 1, "host.example", 0); // row 1, outlives its name's second
-    pass(1, 1, "host.example", now_us - 300 * second_us);
-    pass(1, 2, "", now_us);             // nameless at first
-    pass(1, 2, "host.example", now_us); // row 2
-    pass(1, 3, "", now_us);             // never named
+    pass(1, 1, "long.example", 0); // row 1, outlives its name's second
+    pass(1, 1, "", now_us - 300 * second_us);
+    pass(1, 2, "host.example", now_us - second_us); // row 2
+    pass(1, 3, "", now_us);                         // nameless
+    pass(1, 3, "other.example", now_us);            // and stays so
     pass(2, 4, "other.example", now_us);
     pass(1, 5, "old.example", now_us - 300 * second_us - 1);
 

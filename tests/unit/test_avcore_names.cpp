@@ -37,12 +37,18 @@ bytes address(const char *text, const bytes &owner, unsigned ttl_s = 60) {
     return record(owner, 1, bytes(reinterpret_cast<const char *>(&address_be), 4), ttl_s);
 }
 
-dns_answer read(std::initializer_list<bytes> records, const bytes &asked = name("www.example.org"),
-                unsigned flags = 0x8180, unsigned questions = 1) {
-    bytes wire = u16(7) + u16(flags) + u16(questions) + u16(unsigned(records.size())) + u16(0) +
+bytes message(std::initializer_list<bytes> records, const bytes &asked, unsigned flags,
+              unsigned questions = 1, unsigned id = 7) {
+    bytes wire = u16(id) + u16(flags) + u16(questions) + u16(unsigned(records.size())) + u16(0) +
                  u16(0) + asked + u16(1) + u16(1);
     for (const bytes &one : records)
         wire += one;
+    return wire;
+}
+
+dns_answer read(std::initializer_list<bytes> records, const bytes &asked = name("www.example.org"),
+                unsigned flags = 0x8180, unsigned questions = 1) {
+    const bytes wire = message(records, asked, flags, questions);
     return read_dns_answer({reinterpret_cast<const uint8_t *>(wire.data()), wire.size()});
 }
 
@@ -116,15 +122,6 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     EXPECT_EQ(names.size(), 2u);
     EXPECT_EQ(names.find(one, 2 * second_us), nullptr);
 
-    // A host shown in a handshake stands behind DNS, and for those that DNS doesn't name.
-    const uint32_t three = inet_addr("192.0.2.3");
-    names.learn(host_finding{one, "shown.example.org"}, 0);
-    names.learn(host_finding{three, "shown.example.org"}, 2 * second_us);
-    ASSERT_NE(names.find(one, 300 * second_us - 1), nullptr);
-    EXPECT_EQ(names.find(one, 300 * second_us), nullptr);
-    EXPECT_EQ(*names.find(three, 2 * second_us), "www.example.org");
-    EXPECT_EQ(*names.find(three, 100 * second_us), "shown.example.org");
-
     // A question of eight bytes: the address and room for four characters and their end.
     uint32_t body[] = {inet_addr("192.0.2.3"), 5};
     const question asked = {{av_op::dnscache_get_name, 1}, std::as_bytes(std::span(body))};
@@ -148,8 +145,8 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
 
 TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
     name_timeline timeline;
-    timeline.add(1, {10, read({address("192.0.2.1", ASKED)}), {}});
-    timeline.add(2, {90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org")), {}});
+    timeline.add(1, {10, read({address("192.0.2.1", ASKED)})});
+    timeline.add(2, {90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org"))});
     const uint32_t one = inet_addr("192.0.2.1");
     timeline.advance(0);
     EXPECT_EQ(timeline.names().find(one, timeline.time_us()), nullptr);
@@ -188,10 +185,10 @@ TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
         EXPECT_EQ(takes_handshake(row.shown, all), row.taken) << row.payload;
         EXPECT_FALSE(takes_handshake(row.shown, all.first(all.size() - row.payload.size())));
     }
-    EXPECT_EQ(host_name_in("WWW.example.org.:8080").value_or(""), "WWW.example.org");
+    EXPECT_EQ(flow_name_in("WWW.example.org.:8080").value_or(""), "www.example.org");
     for (const bytes &none : {bytes("192.0.2.1:80"), bytes("[2001:db8::1]"), bytes("a\nb.example"),
-                              bytes("fe80::1"), bytes("Cover.defo.ie"), bytes(79, 'a'), bytes()})
-        EXPECT_FALSE(host_name_in(none)) << none;
+                              bytes("fe80::1"), bytes("Cover.defo.ie"), bytes()})
+        EXPECT_FALSE(flow_name_in(none)) << none;
 }
 
 TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
@@ -240,6 +237,42 @@ TEST(AvcoreHandshakes, AFlowIsCalledAfterTheHostThatItsServerTook) {
         EXPECT_EQ(built.frame.trailer().dpi_app_id != 0, row.told != row.own) << row.host;
         EXPECT_EQ(built.flow.row.own_name, row.own) << row.host << row.answer;
         EXPECT_EQ(built.frame.engine_done, row.answer == ok) << row.host << row.answer;
+    }
+}
+
+TEST(AvcoreHandshakes, NameTheSameClientsFlowsThatShowNoneAndNobodyElses) {
+    const config settings = parse_config("rule=[{network='10.2.0.0/16',filter_type=['url']}]", "f");
+    const struct {
+        const char *what;
+        uint32_t shown_by, client;
+        bool in_dns;
+        bytes told, domain;
+    } rows[] = {
+        {"its own", 0x0A01000C, 0x0A01000C, false, "shop.example", ""},
+        {"where URLs are filtered", 0x0A02000C, 0x0A02000C, false, "", "shop.example"},
+        {"another client's", 0x0A01000C, 0x0A01000D, false, "", ""},
+        {"an address that DNS names", 0x0A01000C, 0x0A01000C, true, "", ""},
+    };
+    constexpr uint32_t server = 0xC0000201;
+    for (const auto &row : rows) {
+        frame_builder builder(settings, "");
+        const auto build = [&](uint8_t protocol, const octets &data, const ipv4_words &words) {
+            const octets frame = ethernet(0x0800, ipv4(protocol, data, words));
+            return *builder.build({frame, 0, {}, nullptr});
+        };
+        build(6, tcp(1000, 80, "GET / HTTP/1.1\r\nHost: Shop.example\r\n\r\n"),
+              {row.shown_by, server});
+        build(6, tcp(80, 1000, "HTTP/1.1 200 OK\r\n\r\n"), {server, row.shown_by});
+        const bytes answer = message({address("192.0.2.1", ASKED)}, name("a.example"), 0x8180);
+        if (row.in_dns)
+            build(17, udp(53, 1000, answer), {0xC0000205, row.client});
+        const octets data = udp(1001, 9999, bytes(50, '\xAA'));
+        for (int i = 1; i < 12; ++i)
+            EXPECT_STREQ(build(17, data, {row.client, server}).frame.trailer().dpi_app_name, "");
+        const av_pkt_trailer late = build(17, data, {row.client, server}).frame.trailer();
+        EXPECT_EQ(late.dpi_app_name, row.told) << row.what;
+        EXPECT_EQ(late.dpi_status == AV_DPI_IDENTIFIED, !row.told.empty()) << row.what;
+        EXPECT_EQ(late.kernel_domain, row.domain) << row.what;
     }
 }
 

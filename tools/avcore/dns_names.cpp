@@ -12,7 +12,7 @@ constexpr int64_t US_A_SECOND = 1'000'000;
 
 } // namespace
 
-void address_names::learn(const ip_address &address, int64_t expires_us, const std::string &name) {
+void dns_names::learn(const ip_address &address, int64_t expires_us, const std::string &name) {
     auto found = index_.find(address);
     if (found == index_.end()) {
         if (names_.size() >= limit_) {
@@ -26,7 +26,7 @@ void address_names::learn(const ip_address &address, int64_t expires_us, const s
     names_.front() = {address, expires_us, name};
 }
 
-const std::string *address_names::find(const ip_address &address, int64_t time_us) const {
+const std::string *dns_names::find(const ip_address &address, int64_t time_us) const {
     const auto found = index_.find(address);
     if (found == index_.end() || time_us >= found->second->expires_us)
         return nullptr;
@@ -36,18 +36,8 @@ const std::string *address_names::find(const ip_address &address, int64_t time_u
 void dns_names::learn(const dns_answer &answer, int64_t time_us) {
     for (const dns_finding &finding : answer.findings) {
         const int64_t ttl_s = finding.ttl_s <= TTL_MAX_S ? finding.ttl_s : 0;
-        answered_.learn(finding.address, time_us + ttl_s * US_A_SECOND, answer.name);
+        learn(finding.address, time_us + ttl_s * US_A_SECOND, answer.name);
     }
-}
-
-void dns_names::learn(const host_finding &host, int64_t time_us) {
-    if (!host.name.empty())
-        shown_.learn(host.address, time_us + HOST_TTL_S * US_A_SECOND, host.name);
-}
-
-const std::string *dns_names::find(const ip_address &address, int64_t time_us) const {
-    const std::string *answered = answered_.find(address, time_us);
-    return answered != nullptr ? answered : shown_.find(address, time_us);
 }
 
 void name_timeline::add(uint64_t frame, name_lesson lesson) {
@@ -59,7 +49,6 @@ void name_timeline::advance(uint64_t frame) {
         const name_lesson &lesson = ahead_.front().lesson;
         time_us_ = lesson.time_us;
         names_.learn(lesson.answer, time_us_);
-        names_.learn(lesson.host, time_us_);
     }
 }
 

@@ -1,6 +1,8 @@
-// The platform's names by address: those in the DNS answers that pass, kept for their TTL, and
-// for an address that none of these names the host that clients showed it in a handshake. They age
+// The platform's names by address: those in the DNS answers that pass, kept for their TTL. They age
 // on the frames' time stamps and are bounded in number: the one learnt longest ago gives way.
+//
+// The daemon keeps what it is told of an address for all clients. So what a client shows in a
+// handshake is none of these names.
 //
 // What a frame teaches holds from it on. Frames are read long before the daemon judges them, so
 // `name_timeline` keeps the lessons of the frames between.
@@ -20,12 +22,14 @@
 
 namespace avcore {
 
-class address_names {
+class dns_names {
 public:
-    explicit address_names(size_t limit) : limit_(limit) {}
+    static constexpr size_t MAX_NAMES = 16'384;
+
+    explicit dns_names(size_t limit = MAX_NAMES) : limit_(limit) {}
 
     // The newer name holds.
-    void learn(const ip_address &address, int64_t expires_us, const std::string &name);
+    void learn(const dns_answer &answer, int64_t time_us);
     // Null when there is none, or none any more.
     const std::string *find(const ip_address &address, int64_t time_us) const;
 
@@ -37,40 +41,18 @@ private:
         int64_t expires_us;
         std::string name;
     };
+
+    void learn(const ip_address &address, int64_t expires_us, const std::string &name);
+
     size_t limit_;
     std::list<entry> names_; // the one learnt last at the front
     std::map<ip_address, std::list<entry>::iterator> index_;
-};
-
-// A host that a server has taken a handshake for.
-struct host_finding {
-    ip_address address;
-    std::string name; // empty: no finding
-};
-
-class dns_names {
-public:
-    static constexpr size_t MAX_NAMES = 16'384; // of either kind
-    static constexpr int64_t HOST_TTL_S = 300;  // handshakes have none
-
-    explicit dns_names(size_t limit = MAX_NAMES) : answered_(limit), shown_(limit) {}
-
-    void learn(const dns_answer &answer, int64_t time_us);
-    void learn(const host_finding &host, int64_t time_us);
-    const std::string *find(const ip_address &address, int64_t time_us) const;
-
-    size_t size() const { return answered_.size() + shown_.size(); }
-
-private:
-    address_names answered_; // by DNS
-    address_names shown_;    // in handshakes
 };
 
 // What one frame teaches.
 struct name_lesson {
     int64_t time_us = 0; // of its capture
     dns_answer answer;
-    host_finding host;
 };
 
 class name_timeline {

@@ -72,6 +72,10 @@ dpi_engine::dpi_engine(size_t max_flows)
 
 dpi_engine::~dpi_engine() = default;
 
+bool dpi_engine::had_enough(uint8_t ip_proto, uint64_t packets) {
+    return packets >= (ip_proto == IPPROTO_TCP ? ENOUGH_TCP_PACKETS : ENOUGH_OTHER_PACKETS);
+}
+
 dpi_engine::flow_state &dpi_engine::state_of(const flow_id &id, int64_t time_us) {
     while (!flows_.empty() && time_us - flows_.back().last_us > MAX_IDLE_US) {
         index_.erase(flows_.back().id);

@@ -69,6 +69,11 @@ public:
     static constexpr unsigned MAX_TCP_PACKETS = 80;
     static constexpr unsigned MAX_OTHER_PACKETS = 24;
 
+    // Then what it says of a flow so far has to do.
+    static constexpr uint64_t ENOUGH_TCP_PACKETS = 30;
+    static constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
+    static bool had_enough(uint8_t ip_proto, uint64_t packets);
+
     explicit dpi_engine(size_t max_flows = MAX_FLOWS); // throws std::runtime_error
     ~dpi_engine();
 

@@ -3,6 +3,7 @@
 #include "avcore/ipv6_frame.h"
 #include "avcore/roam_flows.h"
 #include "avcore/trailer_builder.h"
+#include "core/text/text.h"
 #include "packet/decode/cursor.h"
 
 #include <cstring>
@@ -34,6 +35,18 @@ std::span<const uint8_t> without_tags(std::span<const uint8_t> frame, std::vecto
     plain.assign(frame.begin(), frame.begin() + TYPE_OFFSET);
     plain.insert(plain.end(), frame.begin() + static_cast<ptrdiff_t>(type_at), frame.end());
     return plain;
+}
+
+// By a host that the flow itself hasn't shown.
+void call_after(const std::string &host, av_pkt_trailer &trailer) {
+    if ((trailer.filter_type & AV_FILTER_URL) != 0) {
+        copy_text(trailer.kernel_domain, host);
+        return;
+    }
+    trailer.dpi_status = AV_DPI_IDENTIFIED;
+    trailer.dpi_app_id = 0;
+    trailer.dpi_cat_id = 0;
+    copy_text(trailer.dpi_app_name, host);
 }
 
 bool looks_like_stand_in(const endpoint &side) {
@@ -94,12 +107,16 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);
     const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, *frame, flow);
-    name_lesson lesson = inspect(*frame, std::span(bytes).first(shown_size), captured.time_us,
-                                 flow.row, trailer, fed.engine_done);
+    name_lesson lesson = {captured.time_us, {}};
     time_us_ = captured.time_us;
-    note_frame(flow.row, names_, lesson);
+    note_frame(flow.row, names_, time_us_);
+    if (const auto packet = ipv4_packet(std::span(bytes).first(shown_size)); !packet.empty()) {
+        if (frame->sender.port == DNS_PORT)
+            lesson.answer = read_dns_answer(udp_payload(packet));
+        if (dpi_)
+            inspect(*frame, packet, time_us_, flow.row, trailer, fed.engine_done);
+    }
     names_.learn(lesson.answer, time_us_);
-    names_.learn(lesson.host, time_us_);
     memcpy(bytes.data() + shown_size, &trailer, sizeof trailer);
     fed.key = frame->key;
     fed.flow = flow.row.id;
@@ -109,38 +126,44 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
 }
 
 // Completes the row and the trailer with what the packet itself shows.
-name_lesson frame_builder::inspect(const frame_facts &frame, std::span<const uint8_t> shown,
-                                   int64_t time_us, flow_row &row, av_pkt_trailer &trailer,
-                                   bool &engine_done) {
-    name_lesson lesson;
-    lesson.time_us = time_us;
-    const std::span<const uint8_t> packet = ipv4_packet(shown);
-    if (packet.empty())
-        return lesson;
-    if (frame.sender.port == DNS_PORT)
-        lesson.answer = read_dns_answer(udp_payload(packet));
-    if (!dpi_)
-        return lesson;
+void frame_builder::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
+                            int64_t time_us, flow_row &row, av_pkt_trailer &trailer,
+                            bool &engine_done) {
     const auto look = [&](std::span<const uint8_t> one) {
         const shown_host host = dpi_->inspect(frame, one, time_us, trailer);
         row.host = host.host;
         row.own_name = host.name;
         engine_done = host.engine_done;
-        if (host.just_taken)
-            lesson.host = {frame.sender.address, host_name_in(host.host).value_or("")};
+        const bool of_server = host.just_taken && frame.sender.address == row.server.address;
+        if (const auto name = of_server ? flow_name_in(host.host) : std::nullopt)
+            shown_.put(row.client.mac, sides_of(row), *name, time_us);
     };
     if (frame.segment_size == 0) {
         look(packet);
-        return lesson;
+    } else {
+        // A client may have thousands joined to one copy; the engine looks at no more of a flow.
+        constexpr size_t most = dpi_engine::MAX_OTHER_PACKETS;
+        const av_pkt_trailer unseen = trailer;
+        for (const std::vector<uint8_t> &one : cut_datagrams(packet, frame.segment_size, most)) {
+            trailer = unseen;
+            look(one);
+        }
     }
-    // A client may have thousands joined to one copy; the engine looks at no more of a flow.
-    constexpr size_t most = dpi_engine::MAX_OTHER_PACKETS;
-    const av_pkt_trailer unseen = trailer;
-    for (const std::vector<uint8_t> &one : cut_datagrams(packet, frame.segment_size, most)) {
-        trailer = unseen;
-        look(one);
-    }
-    return lesson;
+    const bool through = engine_done || dpi_engine::had_enough(row.ip_proto, row.packets);
+    if (through && row.host.empty() && !frame.redirects && !names_application(trailer))
+        name_by_earlier_flow(row, time_us, trailer);
+}
+
+frame_builder::acquaintance frame_builder::sides_of(const flow_row &row) {
+    return {row.client.mac, row.client.address, row.server.address};
+}
+
+void frame_builder::name_by_earlier_flow(const flow_row &row, int64_t time_us,
+                                         av_pkt_trailer &trailer) const {
+    if (names_.find(row.server.address, time_us) != nullptr)
+        return;
+    if (const std::string *host = shown_.find(sides_of(row), time_us))
+        call_after(*host, trailer);
 }
 
 } // namespace avcore

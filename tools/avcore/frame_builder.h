@@ -4,6 +4,7 @@
 #pragma once
 
 #include "avcore/client_rules.h"
+#include "avcore/client_table.h"
 #include "avcore/config.h"
 #include "avcore/dns_names.h"
 #include "avcore/dpi.h"
@@ -12,6 +13,7 @@
 #include "avcore/source.h"
 #include "avcore/stand_ins.h"
 
+#include <compare>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -49,13 +51,27 @@ public:
 
 private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
-    name_lesson inspect(const frame_facts &frame, std::span<const uint8_t> shown, int64_t time_us,
-                        flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
+    void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
+                 flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
+    void name_by_earlier_flow(const flow_row &row, int64_t time_us, av_pkt_trailer &trailer) const;
+
+    // Who has shown a host to whom. A MAC address may be a router's, that of many.
+    struct acquaintance {
+        mac_address mac;
+        ip_address client;
+        ip_address server;
+
+        auto operator<=>(const acquaintance &) const = default;
+    };
+    static constexpr table_bounds SHOWN_HOSTS = {16'384, 1'024, 300'000'000};
+
+    static acquaintance sides_of(const flow_row &row);
 
     client_rules rules_;
     stand_in_table stand_ins_;
     frame_counts counts_;
     flow_table flows_;
+    client_table<acquaintance, std::string> shown_{SHOWN_HOSTS}; // and a server took it
     dns_names names_; // as of the last frame, like the rows; the daemon isn't there yet
     int64_t time_us_ = 0;
     std::unique_ptr<dpi_engine> dpi_; // null: switched off

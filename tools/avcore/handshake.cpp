@@ -13,7 +13,6 @@ namespace avcore {
 namespace {
 
 constexpr size_t TCP_HEADER_SIZE = 20;
-constexpr size_t CUT_SIZE = 79; // nDPI keeps the end of a longer one
 constexpr uint8_t TLS_HANDSHAKE = 22;
 constexpr uint8_t TLS_SERVER_HELLO = 2;
 constexpr size_t TLS_RECORD_HEADER_SIZE = 5;
@@ -92,11 +91,6 @@ bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4) {
         break;
     }
     return false;
-}
-
-std::optional<std::string> host_name_in(std::string_view shown) {
-    const std::string_view host = shown.size() < CUT_SIZE ? name_in(shown) : std::string_view();
-    return host.empty() ? std::nullopt : std::optional(std::string(host));
 }
 
 std::optional<std::string> flow_name_in(std::string_view shown) {

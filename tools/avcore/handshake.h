@@ -21,13 +21,10 @@ enum class handshake : uint8_t {
 // QUIC packet of a handshake that goes on.
 bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4);
 
-// The host without a port and a final dot, where it is the name of one: of letters, digits,
-// hyphens, underscores and dots, not an address, and short enough not to have been cut by nDPI.
-// None for the outer name of an encrypted ClientHello, which hides the server's.
-std::optional<std::string> host_name_in(std::string_view shown);
-
-// The same as a flow's name: in small letters, and of a longer one as much of its end as a verdict
-// has room for, whether or not nDPI cut it.
+// The host as a flow's name, without a port and a final dot, where it is the name of one: of
+// letters, digits, hyphens, underscores and dots, not an address. In small letters, and of a longer
+// one as much of its end as a verdict has room for, whether or not nDPI cut it. None for the outer
+// name of an encrypted ClientHello, which hides the server's.
 std::optional<std::string> flow_name_in(std::string_view shown);
 
 } // namespace avcore

@@ -26,13 +26,11 @@ roam_flow record_of(const flow_row &row) {
 
 } // namespace
 
-void note_frame(flow_row &row, const dns_names &names, const name_lesson &lesson) {
+void note_frame(flow_row &row, const dns_names &names, int64_t time_us) {
     const bool first = row.packets == 1;
-    row.last_us = lesson.time_us;
+    row.last_us = time_us;
     if (const std::string *name = first ? names.find(row.server.address, row.last_us) : nullptr)
         row.server_name = *name;
-    if (row.server_name.empty() && lesson.host.address == row.server.address)
-        row.server_name = lesson.host.name;
 }
 
 std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us,

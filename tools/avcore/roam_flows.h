@@ -9,10 +9,10 @@
 
 namespace avcore {
 
-// To be told of each frame of `row`, before its lesson is learnt. The row keeps the name that the
-// server's address had when the flow began, for a name's time ends before a long connection does;
-// without one it keeps the host of the handshake that the server took.
-void note_frame(flow_row &row, const dns_names &names, const name_lesson &lesson);
+// To be told of each frame of `row`, before what it teaches is learnt. The row keeps the name that
+// the server's address had when the flow began, for a name's time ends before a long connection
+// does.
+void note_frame(flow_row &row, const dns_names &names, int64_t time_us);
 
 // The rows of the station's MAC address that carried something in the five minutes before `now_us`
 // and have a name, the latest first.

@@ -1,6 +1,7 @@
 #include "avcore/gate/enforcer.h"
 
 #include "avcore/category_names.h"
+#include "avcore/dpi.h"
 #include "avcore/printable.h"
 #include "avcore/report.h"
 #include "control/records/arc.h"
@@ -15,10 +16,7 @@
 namespace avcore {
 namespace {
 
-constexpr uint64_t ENOUGH_TCP_PACKETS = 30;
-constexpr uint64_t ENOUGH_OTHER_PACKETS = 12;
 constexpr uint16_t NO_RATE = UINT16_MAX;
-constexpr uint8_t TCP = 6;
 constexpr uint32_t ASK_AGAIN = 0; // older than any generation
 
 // Values of av_qos::mark_pri.
@@ -44,8 +42,7 @@ constexpr uint32_t QUEUES = 0x10000;
 
 // Whether this frame's verdict may decide: until the engine is through the name may change.
 bool is_late_enough(const flow_row &row, const fed_frame &frame) {
-    const uint64_t enough = row.ip_proto == TCP ? ENOUGH_TCP_PACKETS : ENOUGH_OTHER_PACKETS;
-    return frame.number_in_flow >= enough || frame.engine_done;
+    return frame.engine_done || dpi_engine::had_enough(row.ip_proto, frame.number_in_flow);
 }
 
 void mark(gate_verdict &verdict, const av_qos &qos) {
@@ -81,11 +78,13 @@ std::string source_of_name(const flow_row &row, const fed_frame &frame, const av
         return "the administrator's definitions";
     if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
         equals_ignoring_case(field_text(trailer.dpi_app_name), name))
-        return trailer.dpi_app_id != 0 ? "the DPI engine" : "the handshake";
+        return trailer.dpi_app_id != 0 ? "the DPI engine"
+               : row.own_name.empty()  ? "an earlier handshake of the client's"
+                                       : "the handshake";
     if (!row.host.empty() && equals_ignoring_case(row.host, name))
         return "the handshake";
     if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
-        return "DNS, or an earlier handshake with the server";
+        return "DNS";
     return "the daemon's tables";
 }
 
