@@ -69,6 +69,26 @@ class Layout:
                           for flow in expected}, expected)
         self.assertEqual({rows[flow]["client_mac"] for flow in expected}, {mac})
 
+    def test_a_client_that_answers_names_nothing_unless_it_is_a_resolver(self):
+        self.start("", "--inline", "eth0")  # the servers are clients, too
+        mac = link_address("-n", "server", "link", "show", "eth0").upper()
+        names = [f'"{address} {mac}"' for address in SERVERS.values()]
+        for version in FAMILIES:
+            self.tell_name(version, "shop.example", NAMED[version])
+            flow = self.talk(NAMED[version], SHOP)
+            self.settle(flow)
+            sent = flow.stop()
+            self.assertEqual(self.arrived(flow.socket), list(range(sent)))
+        self.lines.wait(lambda line: f"write [names] resolvers = [{names[0]}]" in line)
+        self.configure(f"[names]\nresolvers = [{', '.join(names)}]")
+        self.avcore.send_signal(signal.SIGHUP)
+        self.lines.wait(lambda line: "was read again" in line)
+        for version in FAMILIES:
+            self.tell_name(version, "shop.example", NAMED[version])
+            flow = self.talk(NAMED[version], SHOP)
+            self.until(lambda: self.is_stopped(flow))
+            flow.stop()
+
     def packets_to_client(self):
         """A socket that takes them as they leave, with their priorities; None if it can't."""
         taken = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))

@@ -155,6 +155,83 @@ TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
     EXPECT_EQ(*timeline.names().find(one, timeline.time_us()), "www.example.org");
 }
 
+// An answer that a gate sees, to the question with id 7 from port 1000 of the client's.
+struct seen_answer {
+    bool up = false;      // from a client, whose MAC address ends in 0C
+    bool came_up = false; // before it went down
+    unsigned id = 7;
+    unsigned port = 1000;
+    const char *asked = "www.EXAMPLE.org";
+    int64_t seconds = 9;    // behind the question
+    bool flooding = false;  // there were 17,000 further questions of the client's,
+    bool disturbed = false; // or of another's
+};
+
+TEST(AvcoreDns, OfWhatAGateShowsOnlyAResolversAnswersTeach) {
+    const char *unsaid = nullptr;
+    const struct {
+        const char *what;
+        const char *resolvers;
+        bool taught;
+        seen_answer seen = {};
+    } rows[] = {
+        {"what was asked", unsaid, true},
+        {"another id", unsaid, false, {.id = 8}},
+        {"another port", unsaid, false, {.port = 1001}},
+        {"another name", unsaid, false, {.asked = "www.example.net"}},
+        {"too late", unsaid, false, {.seconds = 10}},
+        {"behind too many questions", unsaid, false, {.flooding = true}},
+        {"behind those of others", unsaid, true, {.disturbed = true}},
+        {"of a client", unsaid, false, {.up = true}},
+        {"of a client, on its way down", unsaid, false, {.came_up = true}},
+        {"of a resolver", "'192.0.2.7', '192.0.2.5'", true},
+        {"of another", "'192.0.2.7'", false},
+        {"where nobody may", "", false},
+        {"of a client without its MAC", "'192.0.2.5'", false, {.up = true}},
+        {"of a client with another's", "'192.0.2.5 02:00:00:00:00:0D'", false, {.up = true}},
+        {"of a resolver client", "'192.0.2.5 02:00:00:00:00:0c'", true, {.up = true}},
+        {"its way down", "'192.0.2.5 02:00:00:00:00:0C'", false, {.came_up = true}},
+    };
+    for (const auto &row : rows) {
+        const seen_answer &seen = row.seen;
+        const config settings = parse_config(
+            std::string("dpi = false\n[names]\n") +
+                (row.resolvers ? std::string("resolvers = [") + row.resolvers + "]" : ""),
+            "f");
+        frame_builder builder(settings, "");
+        const auto pass = [&](bool of_first, bool up, const octets &datagram, bool question,
+                              int64_t seconds, bool gate) {
+            const ipv4_words to_client = {0xC0000205, 0x0A01000C};
+            const octets frame =
+                ethernet(0x0800, ipv4(17, datagram, question ? ipv4_words() : to_client), of_first);
+            gate_copy copy = {};
+            copy.direction = up ? GATE_UP : GATE_DOWN;
+            copy.came_up = seen.came_up;
+            return builder.build({frame, seconds * 1'000'000, {}, gate ? &copy : nullptr});
+        };
+        const auto ask = [&](unsigned id, bool of_first) {
+            pass(of_first, true, udp(1000, 53, message({}, name("www.example.org"), 0x0100, 1, id)),
+                 true, 0, true);
+        };
+        ask(7, true);
+        for (unsigned id = 100; (seen.flooding || seen.disturbed) && id < 17'100; ++id)
+            ask(id, seen.flooding);
+        const octets answer =
+            udp(53, seen.port,
+                message({address("192.0.2.9", ASKED)}, name(seen.asked), 0x8180, 1, seen.id));
+        const auto come = [&](bool gate) {
+            return pass(seen.up, seen.up, answer, false, seen.seconds, gate)
+                ->lesson.answer.findings.size();
+        };
+        EXPECT_EQ(come(true), row.taught) << row.what;
+        EXPECT_EQ(builder.counts().answers_refused, !row.taught && !seen.came_up) << row.what;
+        EXPECT_EQ(builder.take_remark().empty(), row.taught || seen.came_up) << row.what;
+        come(true);
+        EXPECT_EQ(builder.take_remark(), "") << "said once";
+        EXPECT_EQ(come(false), 1u) << row.what << ", in a capture";
+    }
+}
+
 TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
     const bytes tcp = bytes("\0\0\0\0\0\0\0\0\0\0\0\0\x50\0\0\0\0\0\0\0", 20);
     const struct {

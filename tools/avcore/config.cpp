@@ -313,6 +313,36 @@ bus_settings read_bus(const toml::table &table, const std::string &file) {
     return bus;
 }
 
+std::optional<resolver> parse_resolver(const std::string &text) {
+    const size_t blank = text.find(' ');
+    const std::optional<ip_address> address = ip_address::parse(text.substr(0, blank));
+    if (!address || blank == text.npos)
+        return address ? std::optional<resolver>({*address, {}}) : std::nullopt;
+    const std::optional<mac_address> mac = parse_mac(std::string_view(text).substr(blank + 1));
+    return mac ? std::optional<resolver>({*address, mac}) : std::nullopt;
+}
+
+void read_names(const toml::table &table, const std::string &file, config &settings) {
+    const reader in(table, file);
+    in.expect_keys({"resolvers"});
+    const toml::node *node = in.find("resolvers");
+    if (node == nullptr)
+        return;
+    const toml::array *entries = node->as_array();
+    if (entries == nullptr)
+        in.fail(*node, "'resolvers' must be a list of addresses, as in "
+                       R"(["192.0.2.53", "10.1.0.53 02:00:00:00:00:53"])");
+    std::vector<resolver> &resolvers = settings.resolvers.emplace();
+    for (const toml::node &entry : *entries) {
+        const auto text = entry.value_exact<std::string>();
+        const std::optional<resolver> one = text ? parse_resolver(*text) : std::nullopt;
+        if (!one)
+            in.fail(entry, "'resolvers' holds something other than an address, or a client's "
+                           "address and MAC address with a blank between them");
+        resolvers.push_back(*one);
+    }
+}
+
 // A text that is one of a few.
 template <typename Value, size_t N>
 void read_choice(const reader &in, std::string_view key,
@@ -374,7 +404,7 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce"});
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names"});
     config settings;
     in.flag("dpi", settings.dpi);
     if (!settings.dpi)
@@ -397,6 +427,8 @@ config parse_config(std::string_view text, const std::string &name) {
         settings.bus = read_bus(*bus, name);
     if (const toml::table *enforce = in.table("enforce"))
         read_enforce(*enforce, name, settings.enforce);
+    if (const toml::table *names = in.table("names"))
+        read_names(*names, name, settings);
     return settings;
 }
 

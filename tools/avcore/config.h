@@ -41,6 +41,12 @@ struct client_rule {
     client_profile profile;
 };
 
+// One whose DNS answers may name servers; `mac`: it is a client.
+struct resolver {
+    ip_address address;
+    std::optional<mac_address> mac;
+};
+
 struct config {
     client_profile client = {.side = {.if_name = "wlan0", .if_index = 1}};
     side_profile uplink = {.if_name = "eth0", .if_index = 2};
@@ -49,6 +55,7 @@ struct config {
     bool dpi = true;
     std::optional<bus_settings> bus; // none: there is no bus
     enforce_settings enforce;
+    std::optional<std::vector<resolver>> resolvers; // none: any beyond the clients
     std::vector<std::string> warnings; // of what holds and may not be meant, with file and line
 };
 

@@ -143,27 +143,57 @@ records read_records(reader &in, unsigned count) {
     return found;
 }
 
+struct header {
+    uint16_t id;
+    uint16_t flags;
+    uint16_t questions;
+    uint16_t answers;
+    bool response;
+};
+
+header read_header(reader &in) {
+    header head = {};
+    head.id = in.u16();
+    head.flags = in.u16();
+    head.questions = in.u16();
+    head.answers = in.u16();
+    in.skip(4);
+    head.response = (head.flags & 0x8000) != 0;
+    return head;
+}
+
+// False unless there is one, of a standard query.
+bool read_question(reader &in, const header &head, std::string &name) {
+    const bool standard_query = (head.flags & 0x7800) == 0;
+    if (in.failed() || !standard_query || head.questions != 1)
+        return false;
+    name = in.name();
+    in.skip(QUESTION_TAIL_SIZE);
+    return !in.failed() && !name.empty();
+}
+
 } // namespace
+
+std::optional<dns_question> read_dns_question(std::span<const uint8_t> message) {
+    reader in(message);
+    const header head = read_header(in);
+    dns_question asked;
+    if (head.response || !read_question(in, head, asked.name))
+        return std::nullopt;
+    asked.id = head.id;
+    return asked;
+}
 
 dns_answer read_dns_answer(std::span<const uint8_t> message) {
     dns_answer answer;
     reader in(message);
-    in.skip(2);
-    const uint16_t flags = in.u16();
-    const uint16_t questions = in.u16();
-    const uint16_t answers = in.u16();
-    in.skip(4);
-    const bool response = (flags & 0x8000) != 0;
-    const bool standard_query = (flags & 0x7800) == 0;
-    const bool success = (flags & 0x000F) == 0;
-    if (in.failed() || !response || !standard_query || !success || questions != 1)
+    const header head = read_header(in);
+    const bool success = (head.flags & 0x000F) == 0;
+    if (!head.response || !success || !read_question(in, head, answer.name))
         return answer;
-    answer.name = in.name();
-    in.skip(QUESTION_TAIL_SIZE);
-    if (in.failed() || answer.name.empty())
-        return answer;
+    answer.id = head.id;
 
-    const records found = read_records(in, answers);
+    const records found = read_records(in, head.answers);
     std::string owner = lower_case(answer.name);
     for (unsigned step = 0; step < CNAME_CHAIN_MAX; ++step) {
         for (const records::address &record : found.addresses) {

@@ -57,6 +57,7 @@ bool looks_like_stand_in(const endpoint &side) {
 
 frame_builder::frame_builder(const config &settings, const std::string &captured_on)
     : rules_(settings, captured_on),
+      resolvers_(settings),
       flows_(rules_),
       dpi_(settings.dpi ? std::make_unique<dpi_engine>() : nullptr) {}
 
@@ -111,8 +112,7 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     time_us_ = captured.time_us;
     note_frame(flow.row, names_, time_us_);
     if (const auto packet = ipv4_packet(std::span(bytes).first(shown_size)); !packet.empty()) {
-        if (frame->sender.port == DNS_PORT)
-            lesson.answer = read_dns_answer(udp_payload(packet));
+        lesson.answer = read_names(*frame, packet, captured);
         if (dpi_)
             inspect(*frame, packet, time_us_, flow.row, trailer, fed.engine_done);
     }
@@ -123,6 +123,27 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     fed.number_in_flow = flow.row.packets;
     fed.from_client = flow.from_client;
     return built_frame{std::move(fed), std::move(lesson), flow};
+}
+
+frame_counts frame_builder::counts() const {
+    frame_counts counts = counts_;
+    counts.answers_refused = resolvers_.refused();
+    return counts;
+}
+
+// A capture may have been made anywhere, and show answers without their questions.
+dns_answer frame_builder::read_names(const frame_facts &frame, std::span<const uint8_t> packet,
+                                     const captured_frame &captured) {
+    const std::span<const uint8_t> message = udp_payload(packet);
+    if (captured.copy != nullptr && frame.receiver.port == DNS_PORT)
+        resolvers_.saw_question(frame, *captured.copy, message, captured.time_us);
+    dns_answer answer;
+    if (frame.sender.port == DNS_PORT)
+        answer = read_dns_answer(message);
+    if (captured.copy != nullptr && !answer.findings.empty() &&
+        !resolvers_.may_teach(frame, *captured.copy, answer, captured.time_us))
+        answer = {};
+    return answer;
 }
 
 // Completes the row and the trailer with what the packet itself shows.

@@ -10,6 +10,7 @@
 #include "avcore/dpi.h"
 #include "avcore/feeder.h"
 #include "avcore/flow_table.h"
+#include "avcore/resolvers.h"
 #include "avcore/source.h"
 #include "avcore/stand_ins.h"
 
@@ -26,6 +27,7 @@ namespace avcore {
 struct frame_counts {
     uint64_t reserved = 0; // not carried: an address could be taken for one of another family
     uint64_t unwalked = 0; // IPv6 packets with more or longer extension headers than are walked
+    uint64_t answers_refused = 0; // of DNS
 };
 
 class frame_builder {
@@ -45,12 +47,16 @@ public:
     flow_table &flows() { return flows_; }
     int64_t time_us() const { return time_us_; } // of the last frame's capture
     const stand_in_table &stand_ins() const { return stand_ins_; }
-    const frame_counts &counts() const { return counts_; }
+    frame_counts counts() const;
+    // What the last frame gives to say; else empty.
+    std::string take_remark() { return resolvers_.take_remark(); }
     bool has_engine() const { return dpi_ != nullptr; }
     const dpi_engine *engine() const { return dpi_.get(); } // null: switched off
 
 private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
+    dns_answer read_names(const frame_facts &frame, std::span<const uint8_t> packet,
+                          const captured_frame &captured);
     void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                  flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
     void name_by_earlier_flow(const flow_row &row, int64_t time_us, av_pkt_trailer &trailer) const;
@@ -68,6 +74,7 @@ private:
     static acquaintance sides_of(const flow_row &row);
 
     client_rules rules_;
+    resolver_watch resolvers_;
     stand_in_table stand_ins_;
     frame_counts counts_;
     flow_table flows_;

@@ -214,6 +214,8 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
          "not carried, for an address is one of 240.0.0.0/4 or IPv4's in IPv6"},
         {totals.frames.unwalked,
          "IPv6 packets whose extension headers weren't walked to their end"},
+        {totals.frames.answers_refused,
+         "DNS answers that weren't taken, for they aren't a resolver's or answer no question"},
         {totals.source.cut_short, "carried as captured, without their ends"},
         {totals.source.dropped, "dropped by the kernel before they were read"},
         {totals.source.stale, "copies that had waited for too long"},

@@ -285,6 +285,8 @@ void session::pull_frames() {
 
 void session::take_frame(const captured_frame &captured) {
     std::optional<frame_builder::built_frame> built = builder_.build(captured);
+    if (const std::string remark = builder_.take_remark(); !remark.empty())
+        say(remark);
     if (!built)
         return;
     const int64_t now_ms = monotonic_ms();

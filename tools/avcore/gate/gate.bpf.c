@@ -28,6 +28,9 @@
 #define DNS_PORT_BE bpf_htons(53)
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
+/* tc_index of a datagram of DNS that came from a client. It stays with the packet, bridged or
+ * routed, until it goes down to another. */
+#define CAME_UP 0x4A55
 
 struct locked_bucket {
     struct bpf_spin_lock lock;
@@ -574,6 +577,7 @@ static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packe
     copy->head.captured = (__u16)captured;
     copy->head.segment_size = (__u16)segment_size;
     copy->head.direction = packet->direction;
+    copy->head.came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
     const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
     count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
     return true;
@@ -815,6 +819,8 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
     const bool decided = judged && !(verdict->flags & GATE_NOT_YET_FINAL);
     const bool settled = decided && verdict->generation == set->generation;
     bool excess = false;
+    if (packet->direction == GATE_UP && is_dns(&packet->flow))
+        skb->tc_index = CAME_UP;
     if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
         excess = !copy_up(skb, packet, set);
     if (!attended && !set->fail_closed)
