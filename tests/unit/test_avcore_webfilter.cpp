@@ -262,8 +262,9 @@ TEST(AvcoreSafeSearch, SidesAndNamesAreBounded) {
         EXPECT_FALSE(add(0, "a.example", ifname)) << ifname;
     for (const char *host : {"", ".a", "a b", "a\n1.1.1.1 b", "a/b"})
         EXPECT_FALSE(add(0, host, "wlan0")) << host;
+    EXPECT_TRUE(add(0, "a.example", "wlan0"));
     for (uint32_t i = 0; i < 300; ++i) {
-        EXPECT_EQ(add(i, "a.example"), i < safe_search::MAX_SIDES);
+        EXPECT_EQ(add(i, "a.example"), i < safe_search::MAX_SIDES - 1);
         EXPECT_EQ(add(0, 'n' + std::to_string(i)), i < safe_search::MAX_NAMES - 1);
     }
     EXPECT_EQ(service.write(), "");
