@@ -184,6 +184,17 @@ class WifiCalling(JudgingTest):
         self.jorn.wait_line("No Match in FQDN. Lets see if ZEG cache has FQDN-IP map")
         self.jorn.wait_line("[Cache Request] <ifname wlan0> Do you have FQDN for IPv4 C6433")
 
+    def test_tables_end_at_their_limits(self):
+        write_file(FILE, whole([f"c{n};;1;1;,192.0.2.5;" for n in range(1024)],
+                               [f"w{n};1;0;1;C7;" for n in range(1024)]))
+        self.start()
+        self.say(CARRIER, carrier("more", 1), "the carrier more is refused: there are 1024")
+        self.say(CARRIER_BINDING, carrier_binding("more", "c7"),
+                 "the binding of more is refused: there are 1024")
+        command(CARRIER_BINDING, carrier_binding("W0", "c9"))  # what is there can still be changed
+        for ifname, name in (("w0", "c9"), ("w1023", "c7")):
+            self.assertTagged(self.judge_ike(src_if=ifname), name, 1, "")
+
     def test_listing(self):
         self.assertEqual(command(SHOW), b"")
         epdgs = [[(f"{i}.{j}." + "f" * 250, f"10.{i}.{j}.1") for j in range(i)] for i in range(6)]

@@ -118,8 +118,8 @@ def arp_request(target=SERVER, sender=CLIENT, sender_mac=CLIENT_MAC):
                        socket.inet_aton(sender), socket.inet_aton(target))
 
 
-def pppoe_session(packet, ppp_protocol=0x0021):
-    return struct.pack(">BBHHH", 0x11, 0, 1, len(packet) + 2, ppp_protocol) + packet
+def pppoe_session(packet):
+    return struct.pack(">BBHHH", 0x11, 0, 1, len(packet) + 2, 0x0021) + packet
 
 
 def http_302(location):
