@@ -4,7 +4,7 @@
 //
 // The input is records: what the bytes are (bits below, seconds since the last one in the upper
 // half), their number in two bytes, and the bytes.
-#include "avcore/quic_hello.h"
+#include "avcore/hello_reader.h"
 #include "avcore/host_text.h"
 #include "support/quic_packets.h"
 
@@ -32,18 +32,19 @@ class one_flow {
 public:
     void arrives(const octets &datagram, unsigned seconds, bool is_one_packet) {
         time_us_ += int64_t{seconds} * 1'000'000;
-        const quic_hellos::sight seen = hellos_.look(flow_, client_, datagram, time_us_);
-        const bool gathering = seen.what == quic_hellos::outcome::gathering;
+        const hello_reader::sight seen =
+            hellos_.look_at_datagram(flow_, client_, datagram, time_us_);
+        const bool gathering = seen.what == hello_reader::outcome::gathering;
         demand(hellos_.flows() == (gathering ? 1u : 0u));
-        demand(seen.server_name.empty() ||
-               (seen.what == quic_hellos::outcome::read && is_host_text(seen.server_name)));
-        if (!gathering_ || time_us_ - since_us_ > quic_hellos::MAX_AGE_US) {
+        demand(seen.host.empty() ||
+               (seen.what == hello_reader::outcome::read && is_host_text(seen.host)));
+        if (!gathering_ || time_us_ - since_us_ > hello_reader::MAX_AGE_US) {
             since_us_ = time_us_;
             packets_ = 0;
         }
         gathering_ = gathering;
         packets_ += gathering && is_one_packet;
-        demand(packets_ <= quic_hellos::MAX_PACKETS);
+        demand(packets_ <= hello_reader::MAX_PACKETS);
     }
 
 private:
@@ -51,7 +52,7 @@ private:
     const endpoint server_ = {{}, 0x070200C0, 443};
     const flow_id flow_ = {true, 0, 17, client_, server_};
 
-    quic_hellos hellos_;
+    hello_reader hellos_;
     int64_t time_us_ = 0;
     bool gathering_ = false;
     int64_t since_us_ = 0;

@@ -353,6 +353,67 @@ TEST(AvcoreHandshakes, NameTheSameClientsFlowsThatShowNoneAndNobodyElses) {
     }
 }
 
+// A server takes all of these, and nDPI 4.2 finds the host in none.
+TEST(AvcoreHandshakes, AClientShowsItsHostHoweverItCutsItsStream) {
+    const octets hello = client_hello_for("www.youtube.com");
+    const auto record = [](const octets &part) {
+        return octets{22, 3, 1} + be16(part.size()) + part;
+    };
+    const octets tls = record(hello);
+    const octets other = client_hello_for("a.example");
+    const octets around = client_hello_for("www.youtube.com", be16(9) + be16(other.size()) + other);
+    const octets first = record(around.substr(0, around.size() - other.size()));
+    const octets get = octets_of("GET / HTTP/1.1\r\nAccept: */*\r\nHost: www.youtube.com\r\n\r\n");
+    struct piece {
+        uint32_t at;
+        octets data;
+    };
+    const struct {
+        const char *what;
+        std::vector<piece> pieces;
+    } rows[] = {
+        {"two records", {{0, record(hello.substr(0, 50)) + record(hello.substr(50))}}},
+        {"a hello in the second record", {{0, first}, {uint32_t(first.size()), record(other)}}},
+        {"two segments", {{60, tls.substr(60)}, {0, tls.substr(0, 60)}}},
+        {"three segments", {{70, tls.substr(70)}, {0, tls.substr(0, 4)}, {4, tls.substr(4, 66)}}},
+        {"first data wins", {{40, tls.substr(40)}, {60, octets(9, 'x')}, {0, tls.substr(0, 50)}}},
+        {"a keep-alive, and a segment out of the window",
+         {{~0u, {9}}, {1u << 30, tls}, {60, tls.substr(60)}, {0, tls.substr(0, 60)}}},
+        {"a request out of the window",
+         {{1u << 30, octets_of("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n")}, {0, tls}}},
+        {"a cut Host", {{0, get.substr(0, 50)}, {50, get.substr(50)}}},
+        {"a line before", {{0, octets_of("junk\r\n")}, {6, get}}},
+        {"LF alone", {{0, octets_of("GET / HTTP/1.1\nHost : www.youtube.com\n\n")}}},
+        {"a URI",
+         {{0, octets_of("GET http://a@www.youtube.com/ HTTP/1.1\r\nHost: b.example\r\n\r\n")}}},
+    };
+    const config settings;
+    frame_builder builder(settings, "");
+    unsigned port = 1000;
+    for (const auto &row : rows) {
+        const unsigned to = row.pieces.back().data[0] < 0x20 ? 443 : 80;
+        const auto build = [&](uint32_t at, const octets &data, uint8_t flags) {
+            const octets segment =
+                tcp(port, to, bytes(data.begin(), data.end()), flags, 0xFFFFFFF0 + at);
+            const octets frame = ethernet(0x0800, ipv4(6, segment));
+            return builder.build({frame, 0, {}, nullptr})->frame;
+        };
+        ++port;
+        fed_frame frame = build(~0u, {}, 2);
+        for (const piece &one : row.pieces) {
+            const av_pkt_trailer before = frame.trailer();
+            EXPECT_TRUE(before.dpi_status == AV_DPI_MORE_PACKETS ||
+                        before.kernel_domain == std::string_view("a.example"))
+                << row.what;
+            EXPECT_FALSE(frame.engine_done) << row.what;
+            frame = build(one.at, one.data, 0x18);
+        }
+        const av_pkt_trailer trailer = frame.trailer();
+        EXPECT_STREQ(trailer.dpi_app_name, "YouTube") << row.what;
+        EXPECT_STREQ(trailer.kernel_domain, "www.youtube.com") << row.what;
+    }
+}
+
 class AvcoreDpiEngine : public testing::Test {
 protected:
     av_pkt_trailer inspect(uint16_t port, uint16_t to_port, const bytes &payload,

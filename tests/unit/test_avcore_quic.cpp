@@ -9,8 +9,8 @@
 namespace {
 
 using namespace avcore;
-using outcome = quic_hellos::outcome;
-constexpr int64_t MAX_AGE_US = quic_hellos::MAX_AGE_US;
+using outcome = hello_reader::outcome;
+constexpr int64_t MAX_AGE_US = hello_reader::MAX_AGE_US;
 
 octets from_hex(const std::string &digits) {
     octets bytes;
@@ -29,12 +29,12 @@ protected:
                  bool back = false) {
         const endpoint client = {{}, ip("10.0.0.2"), port};
         const endpoint server = {{}, ip("192.0.2.7"), 443};
-        const auto seen =
-            hellos.look({true, 0, 17, client, server}, back ? server : client, datagram, time_us);
-        name = seen.server_name;
+        const auto seen = hellos.look_at_datagram({true, 0, 17, client, server},
+                                                  back ? server : client, datagram, time_us);
+        name = seen.host;
         return seen.what;
     }
-    quic_hellos hellos{2};
+    hello_reader hellos{2};
     std::string name;
 };
 
@@ -139,7 +139,7 @@ TEST_F(AvcoreQuic, FollowsIdsNumbersRetriesAndPacketsThatShareADatagram) {
 }
 
 TEST_F(AvcoreQuic, WhatNeverEndsIsGivenUp) {
-    for (unsigned i = 0; i < quic_hellos::MAX_PACKETS; ++i)
+    for (unsigned i = 0; i < hello_reader::MAX_PACKETS; ++i)
         ASSERT_EQ(look(initial_packet(FIRST)), outcome::gathering);
     EXPECT_EQ(look(initial_packet(REST)), outcome::in_vain);
 

@@ -2,17 +2,25 @@
 
 #include "core/text/text.h"
 
+#include <algorithm>
 #include <ndpi_api.h>
+#include <netinet/tcp.h>
 #include <stdexcept>
 
 namespace avcore {
 namespace {
 
 constexpr uint32_t DPI_FAILED = 3;
+constexpr size_t HOST_KEPT =
+    sizeof ndpi_flow_struct::host_server_name - 1; // the end of a longer one
 constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
 // The daemon passes these over, so that the server's name from DNS counts.
 constexpr const char *BARE_HTTP = "HTTP";
 constexpr const char *BARE_TLS = "HTTP Protocol over TLS SSL";
+
+bool is_same_side(const endpoint &one, const endpoint &other) {
+    return one.ip_be == other.ip_be && one.port == other.port;
+}
 
 } // namespace
 
@@ -182,32 +190,78 @@ void dpi_engine::feed(flow_state &state, std::span<const uint8_t> packet, int64_
     state.flow.reset();
 }
 
-// What nDPI would say of the flow had it read the hello. While the pieces come in, nothing is said.
-void dpi_engine::look_for_hello(flow_state &state, const endpoint &sender,
-                                std::span<const uint8_t> packet, int64_t time_us) {
-    if (!state.found.host.empty() || state.packets >= MAX_OTHER_PACKETS) {
+hello_reader::sight dpi_engine::look_at_segment(flow_state &state, const frame_facts &frame,
+                                                std::span<const uint8_t> packet, int64_t time_us) {
+    const std::optional<tcp_segment> segment = tcp_segment_in(packet);
+    if (!segment)
+        return {};
+    const uint32_t opens = (segment->flags & TH_SYN) != 0 ? 1 : 0; // it has a number of its own
+    // Not what the client says in the server's name.
+    const bool from_server = !frame.sender_is_client.value_or(false);
+    const bool accepts = from_server && opens != 0 && (segment->flags & TH_ACK) != 0;
+    if (accepts && state.hello == hello_state::unseen)
+        state.stream = {frame.receiver, segment->acknowledged};
+    else if (!state.stream && (opens != 0 || !segment->data.empty()))
+        state.stream = {frame.sender, segment->sequence + opens};
+    if (state.hello == hello_state::unseen && segment->data.empty())
+        return {};
+    // A server speaks when the hello is whole. The copies of its pieces may be cut, or missing.
+    if (from_server && !segment->data.empty() &&
+        !is_same_side(state.stream->client, frame.sender)) {
         hellos_.forget(state.id);
-        state.hello = quic_hello::over;
+        return {};
+    }
+    const auto offset = static_cast<int32_t>(segment->sequence + opens - state.stream->sequence);
+    return hellos_.look_at_segment(state.id, frame.sender, offset, segment->data, time_us);
+}
+
+// While the pieces of a hello come in, nothing is said unless nDPI knows the host.
+void dpi_engine::look_for_hello(flow_state &state, const frame_facts &frame,
+                                std::span<const uint8_t> packet, int64_t time_us) {
+    const bool is_tcp = state.id.ip_proto == IPPROTO_TCP;
+    const bool is_known = !is_tcp && !state.found.host.empty();
+    if (is_known || state.packets >= (is_tcp ? MAX_TCP_PACKETS : MAX_OTHER_PACKETS)) {
+        hellos_.forget(state.id);
+        state.hello = hello_state::over;
         return;
     }
-    const quic_hellos::sight seen = hellos_.look(state.id, sender, udp_payload(packet), time_us);
-    if (seen.what == quic_hellos::outcome::gathering)
-        state.hello = quic_hello::gathering;
-    else if (seen.what != quic_hellos::outcome::nothing || state.hello == quic_hello::gathering)
-        state.hello = quic_hello::over;
-    if (seen.what != quic_hellos::outcome::read)
+    const hello_reader::sight seen =
+        is_tcp ? look_at_segment(state, frame, packet, time_us)
+               : hellos_.look_at_datagram(state.id, frame.sender, udp_payload(packet), time_us);
+    using outcome = hello_reader::outcome;
+    if (seen.what == outcome::gathering)
+        state.hello = hello_state::gathering;
+    else if (seen.what != outcome::nothing || state.hello == hello_state::gathering)
+        state.hello = hello_state::over;
+    if (seen.what == outcome::read)
+        take_hello(state, seen, frame.receiver);
+}
+
+// What nDPI would say of the flow had it read the hello. It may have read another one: it looks at
+// each segment and each record by itself.
+void dpi_engine::take_hello(flow_state &state, const hello_reader::sight &seen,
+                            const endpoint &server) {
+    const std::string_view host = seen.host;
+    const bool has_read_it = equals_ignoring_case(
+        host.substr(host.size() - std::min(host.size(), HOST_KEPT)), state.found.host);
+    if (has_read_it && seen.in != handshake::quic)
         return;
-    state.found.host = seen.server_name;
-    state.found.shown_in = handshake::quic;
-    identify(state.found,
-             dpi_application_of(NDPI_PROTOCOL_QUIC, application_of_host(seen.server_name)));
+    state.found.host = host;
+    state.found.shown_in = seen.in;
+    state.found.taken_name.clear();
+    state.shown_to = host.empty() ? std::nullopt : std::optional(server);
+    const uint16_t carrier = seen.in == handshake::quic   ? NDPI_PROTOCOL_QUIC
+                             : seen.in == handshake::http ? NDPI_PROTOCOL_HTTP
+                                                          : NDPI_PROTOCOL_TLS;
+    const uint16_t application = application_of_host(host.substr(0, host.find(':')));
+    identify(state.found, dpi_application_of(carrier, application));
     state.flow.reset();
 }
 
 bool dpi_engine::just_taken(flow_state &state, const frame_facts &frame,
                             std::span<const uint8_t> packet) {
-    if (!state.shown_to || state.shown_to->ip_be != frame.sender.ip_be ||
-        state.shown_to->port != frame.sender.port || !takes_handshake(state.found.shown_in, packet))
+    if (!state.shown_to || !is_same_side(*state.shown_to, frame.sender) ||
+        !takes_handshake(state.found.shown_in, packet))
         return false;
     state.shown_to.reset();
     state.found.taken_name = flow_name_in(state.found.host).value_or("");
@@ -228,36 +282,47 @@ void dpi_engine::write(const finding &found, bool by_own_name, av_pkt_trailer &t
     copy_text(trailer.dpi_app_name, found.name);
 }
 
-shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
-                               int64_t time_us, av_pkt_trailer &trailer) {
-    flow_state &state = state_of(flow_id_of(frame), time_us);
+// Not before its client has said something is nDPI's word the last one on a TCP flow: it takes data
+// for the client's that the server doesn't.
+bool dpi_engine::awaits_hello(const flow_state &state) {
+    return state.hello == hello_state::gathering ||
+           (state.hello == hello_state::unseen && state.id.ip_proto == IPPROTO_TCP);
+}
+
+void dpi_engine::look(flow_state &state, const frame_facts &frame, std::span<const uint8_t> packet,
+                      int64_t time_us) {
     const bool host_known = !state.found.host.empty();
-    const bool gathers = state.hello == quic_hello::gathering;
-    const bool may_hold_hello = state.id.ip_proto == IPPROTO_UDP &&
-                                (gathers || (state.flow && state.hello == quic_hello::unseen));
-    if (state.flow || gathers)
+    const bool may_hold_hello =
+        awaits_hello(state) ||
+        (state.id.ip_proto == IPPROTO_UDP && state.flow && state.hello == hello_state::unseen);
+    if (state.flow || may_hold_hello)
         ++state.packets;
     if (state.flow)
         feed(state, packet, time_us);
     if (may_hold_hello)
-        look_for_hello(state, frame.sender, packet, time_us);
-    const std::string_view host = state.found.host;
+        look_for_hello(state, frame, packet, time_us);
     const bool http_response = state.found.shown_in == handshake::http &&
                                takes_handshake(handshake::http, packet); // with a header Host
-    if (!host_known && !host.empty() && !http_response)
+    if (!host_known && !state.found.host.empty() && !http_response)
         state.shown_to = frame.receiver;
+}
+
+shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
+                               int64_t time_us, av_pkt_trailer &trailer) {
+    flow_state &state = state_of(flow_id_of(frame), time_us);
+    look(state, frame, packet, time_us);
     const bool taken = just_taken(state, frame, packet);
     static const finding nothing_yet;
-    const bool gathering = state.hello == quic_hello::gathering;
-    const finding &found = gathering ? nothing_yet : state.found;
+    const bool gathering = state.hello == hello_state::gathering;
+    const finding &found = gathering && state.found.host.empty() ? nothing_yet : state.found;
     const std::string_view own_name = found.own_name();
     // A name from the engine takes a packet from the web's decision, and keeps the daemon from
     // learning where a redirect leads.
     const bool may_say = (trailer.filter_type & AV_FILTER_URL) == 0 && !frame.redirects;
     trailer.dpi_retry = static_cast<int32_t>(state.packets);
     write(found, may_say && !own_name.empty(), trailer);
-    const bool may_get_name = gathering || (found.bare && state.shown_to.has_value());
-    return {host, own_name, taken, !state.flow && !may_get_name && !frame.redirects};
+    const bool may_get_name = awaits_hello(state) || (found.bare && state.shown_to.has_value());
+    return {state.found.host, own_name, taken, !state.flow && !may_get_name && !frame.redirects};
 }
 
 } // namespace avcore

@@ -1,5 +1,6 @@
-// The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields. The hellos
-// of QUIC that come in pieces are read here, for nDPI doesn't put them together.
+// The DPI engine: nDPI on every IPv4 flow, and its findings in the trailer's DPI fields. What
+// clients say first is read here as well, for nDPI doesn't put its pieces together, or not all of
+// them.
 //
 // State per flow is bounded in number and, on the frames' time stamps, in age. nDPI's own share of
 // it ends with the inspection; the finding stays for the flow's later frames. So does the host that
@@ -12,7 +13,7 @@
 
 #include "avcore/frame.h"
 #include "avcore/handshake.h"
-#include "avcore/quic_hello.h"
+#include "avcore/hello_reader.h"
 
 #include <cstdint>
 #include <list>
@@ -106,7 +107,11 @@ private:
 
         std::string_view own_name() const { return bare ? taken_name : std::string_view(); }
     };
-    enum class quic_hello : uint8_t { unseen, gathering, over };
+    enum class hello_state : uint8_t { unseen, gathering, over };
+    struct stream_start {
+        endpoint client;
+        uint32_t sequence = 0;
+    };
     struct flow_state {
         flow_id id;
         std::unique_ptr<ndpi_flow_struct, flow_closer> flow; // null: the inspection has ended
@@ -114,7 +119,8 @@ private:
         int64_t last_us = 0;
         finding found;
         std::optional<endpoint> shown_to; // a host, and it hasn't taken the handshake yet
-        quic_hello hello = quic_hello::unseen;
+        hello_state hello = hello_state::unseen;
+        std::optional<stream_start> stream; // of TCP, since its client is known
     };
 
     flow_state &state_of(const flow_id &id, int64_t time_us);
@@ -122,16 +128,22 @@ private:
     void identify(finding &found, const dpi_application &application);
     uint16_t application_of_host(std::string_view host); // by nDPI's own table of them
     uint16_t category_of(uint16_t app) const;
+    static bool awaits_hello(const flow_state &state);
     static bool just_taken(flow_state &state, const frame_facts &frame,
                            std::span<const uint8_t> packet);
+    void look(flow_state &state, const frame_facts &frame, std::span<const uint8_t> packet,
+              int64_t time_us);
     void feed(flow_state &state, std::span<const uint8_t> packet, int64_t time_us);
-    void look_for_hello(flow_state &state, const endpoint &sender, std::span<const uint8_t> packet,
-                        int64_t time_us);
+    void look_for_hello(flow_state &state, const frame_facts &frame,
+                        std::span<const uint8_t> packet, int64_t time_us);
+    hello_reader::sight look_at_segment(flow_state &state, const frame_facts &frame,
+                                        std::span<const uint8_t> packet, int64_t time_us);
+    void take_hello(flow_state &state, const hello_reader::sight &seen, const endpoint &server);
     static void write(const finding &found, bool by_own_name, av_pkt_trailer &trailer);
 
     size_t max_flows_;
     std::unique_ptr<ndpi_detection_module_struct, module_closer> module_;
-    quic_hellos hellos_;
+    hello_reader hellos_;
     std::list<flow_state> flows_; // the one seen last at the front
     std::map<flow_id, std::list<flow_state>::iterator> index_;
 };

@@ -16,6 +16,8 @@ namespace {
 constexpr size_t IPV4_HEADER_SIZE = 20;
 constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
+constexpr size_t TCP_HEADER_SIZE = 20;
+constexpr uint8_t TCP = 6;
 constexpr uint8_t UDP = 17;
 
 void put_u16(std::vector<uint8_t> &bytes, size_t at, size_t value) {
@@ -112,6 +114,18 @@ std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4) {
         return {};
     return ipv4.subspan(header_size + UDP_HEADER_SIZE,
                         datagram.first(size).size() - UDP_HEADER_SIZE);
+}
+
+std::optional<tcp_segment> tcp_segment_in(std::span<const uint8_t> ipv4) {
+    const byte_view packet(ipv4.data(), ipv4.size());
+    const size_t ip_header_size = ipv4_header_size(packet);
+    const byte_view segment = packet.from(ip_header_size);
+    const size_t header_size = (segment.u8(12) >> 4) * size_t{4};
+    if (packet.u8(9) != TCP || header_size < TCP_HEADER_SIZE || !segment.holds(header_size))
+        return std::nullopt;
+    return tcp_segment{uint32_t{segment.u16(4)} << 16 | segment.u16(6),
+                       uint32_t{segment.u16(8)} << 16 | segment.u16(10), segment.u8(13),
+                       ipv4.subspan(ip_header_size + header_size)};
 }
 
 std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,

@@ -73,6 +73,15 @@ std::span<const uint8_t> ipv4_packet(std::span<const uint8_t> frame);
 // The payload of the UDP datagram in such a packet; empty when there is none.
 std::span<const uint8_t> udp_payload(std::span<const uint8_t> ipv4);
 
+struct tcp_segment {
+    uint32_t sequence = 0;
+    uint32_t acknowledged = 0;
+    uint8_t flags = 0; // TH_SYN and so on
+    std::span<const uint8_t> data;
+};
+// The segment of TCP in such a packet.
+std::optional<tcp_segment> tcp_segment_in(std::span<const uint8_t> ipv4);
+
 // The packets that segmentation joined to such a one of UDP, each as it was on the wire but for its
 // checksums; `most` of them from the first on.
 std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,

@@ -7,12 +7,10 @@
 #include "platform/host/messages/av_messages.h"
 
 #include <algorithm>
-#include <netinet/in.h>
 
 namespace avcore {
 namespace {
 
-constexpr size_t TCP_HEADER_SIZE = 20;
 constexpr uint8_t TLS_HANDSHAKE = 22;
 constexpr uint8_t TLS_SERVER_HELLO = 2;
 constexpr size_t TLS_RECORD_HEADER_SIZE = 5;
@@ -28,12 +26,9 @@ constexpr std::string_view OUTER_NAMES[] = {
     "public.tls-ech.dev",
 };
 
-byte_view tcp_payload(byte_view packet) {
-    const byte_view segment = packet.from((packet.u8(0) & 0x0Fu) * size_t{4});
-    const size_t header_size = (segment.u8(12) >> 4) * size_t{4};
-    if (packet.u8(9) != IPPROTO_TCP || header_size < TCP_HEADER_SIZE)
-        return {};
-    return segment.from(header_size);
+byte_view tcp_payload(std::span<const uint8_t> ipv4) {
+    const std::optional<tcp_segment> segment = tcp_segment_in(ipv4);
+    return segment ? byte_view(segment->data.data(), segment->data.size()) : byte_view();
 }
 
 bool is_server_hello(byte_view payload) {
@@ -77,12 +72,11 @@ std::string_view name_in(std::string_view shown) {
 } // namespace
 
 bool takes_handshake(handshake shown, std::span<const uint8_t> ipv4) {
-    const byte_view packet(ipv4.data(), ipv4.size());
     switch (shown) {
     case handshake::http:
-        return tcp_payload(packet).text().starts_with("HTTP/1.");
+        return tcp_payload(ipv4).text().starts_with("HTTP/1.");
     case handshake::tls:
-        return is_server_hello(tcp_payload(packet));
+        return is_server_hello(tcp_payload(ipv4));
     case handshake::quic: {
         const std::span<const uint8_t> payload = udp_payload(ipv4);
         return goes_on_in_quic({payload.data(), payload.size()});

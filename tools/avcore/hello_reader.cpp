@@ -1,4 +1,6 @@
-#include "avcore/quic_hello.h"
+#include "avcore/hello_reader.h"
+
+#include "avcore/stream_hello.h"
 
 #include <iterator>
 #include <utility>
@@ -40,13 +42,13 @@ bool skip_ack(byte_view &rest, bool with_ecn) {
     return ranges && skip_varints(rest, 1 + 2 * *ranges + (with_ecn ? 3 : 0));
 }
 
-bool take_crypto(byte_view &rest, crypto_pieces &pieces) {
+bool take_crypto(byte_view &rest, hello_pieces &pieces) {
     const std::optional<uint64_t> offset = take_varint(rest);
     const std::optional<byte_view> piece = take_bytes(rest);
     return offset && piece && pieces.put(*offset, *piece);
 }
 
-bool take_frame(byte_view &rest, crypto_pieces &pieces) {
+bool take_frame(byte_view &rest, hello_pieces &pieces) {
     switch (take_varint(rest).value_or(~uint64_t{0})) {
     case PADDING:
     case PING:
@@ -64,31 +66,24 @@ bool take_frame(byte_view &rest, crypto_pieces &pieces) {
     }
 }
 
-} // namespace
-
-bool crypto_pieces::put(uint64_t offset, byte_view piece) {
-    if (offset > CLIENT_HELLO_MAX || piece.size() > CLIENT_HELLO_MAX - offset)
-        return false;
-    const size_t end = offset + piece.size();
-    if (end > bytes_.size()) {
-        bytes_.resize(end);
-        known_.resize(end);
+hello_reader::sight seen_in(const client_hello &read, handshake in) {
+    using outcome = hello_reader::outcome;
+    switch (read.is) {
+    case client_hello::state::whole:
+        return {outcome::read, read.server_name, in};
+    case client_hello::state::malformed:
+        return {outcome::in_vain};
+    case client_hello::state::partial:
+        break;
     }
-    for (size_t i = 0; i < piece.size(); ++i) {
-        const size_t at = offset + i;
-        if (known_[at] && bytes_[at] != piece.u8(i))
-            return false;
-        bytes_[at] = piece.u8(i);
-        known_[at] = true;
-    }
-    while (whole_ < known_.size() && known_[whole_])
-        ++whole_;
-    return true;
+    return {outcome::gathering};
 }
+
+} // namespace
 
 // The keys stay those of the first id, whatever ids the client sends to when the server has
 // answered. A Retry alone, or another version, has it begin anew.
-std::optional<byte_view> quic_hellos::open(gathering &hello, const quic_packet &packet) {
+std::optional<byte_view> hello_reader::open(gathering &hello, const quic_packet &packet) {
     const bool same_version = hello.opened && packet.version == hello.version;
     if (same_version) {
         if (const auto frames = crypto_.open(packet, hello.keys, hello.largest))
@@ -110,8 +105,8 @@ std::optional<byte_view> quic_hellos::open(gathering &hello, const quic_packet &
     return frames;
 }
 
-quic_hellos::sight quic_hellos::take_datagram(gathering &hello, byte_view datagram) {
-    sight in_vain = {outcome::in_vain, {}};
+hello_reader::sight hello_reader::take_datagram(gathering &hello, byte_view datagram) {
+    sight in_vain = {outcome::in_vain};
     while (const std::optional<quic_packet> packet = take_packet(datagram)) {
         if (!packet->is_initial)
             continue;
@@ -126,51 +121,83 @@ quic_hellos::sight quic_hellos::take_datagram(gathering &hello, byte_view datagr
     }
     if (!hello.opened)
         return {};
-    client_hello read = read_client_hello(hello.pieces.whole());
-    switch (read.is) {
-    case client_hello::state::whole:
-        return {outcome::read, std::move(read.server_name)};
-    case client_hello::state::malformed:
-        return in_vain;
-    case client_hello::state::partial:
-        break;
-    }
-    return {outcome::gathering, {}};
+    return seen_in(read_client_hello(hello.pieces.whole()), handshake::quic);
 }
 
-quic_hellos::sight quic_hellos::look(const flow_id &flow, const endpoint &sender,
-                                     std::span<const uint8_t> datagram, int64_t time_us) {
+// What the server has already, or doesn't take because it lies outside of its window, changes
+// nothing here either, and isn't counted: anybody could use up the packets with that.
+hello_reader::sight hello_reader::take_segment(gathering &hello, int32_t offset, byte_view data) {
+    if (offset < 0) {
+        data = data.from(static_cast<size_t>(-int64_t{offset}));
+        offset = 0;
+    }
+    const auto at = static_cast<size_t>(offset);
+    const size_t known = hello.pieces.known();
+    if (at < hello_pieces::MAX_SIZE)
+        hello.pieces.put(at, data.first(hello_pieces::MAX_SIZE - at));
+    if (hello.pieces.known() == 0)
+        return {};
+    const bool is_new = hello.pieces.known() != known;
+    if (is_new && ++hello.packets > MAX_PACKETS)
+        return {outcome::in_vain};
+    const byte_view stream = hello.pieces.whole();
+    if (!is_new || stream.size() == 0)
+        return {outcome::gathering};
+    const stream_hello read = read_stream_hello(stream);
+    if (read.hello.is == client_hello::state::partial && stream.size() == hello_pieces::MAX_SIZE)
+        return {outcome::in_vain};
+    return seen_in(read.hello, read.in);
+}
+
+template <typename take_function>
+hello_reader::sight hello_reader::look(const flow_id &flow, const endpoint &sender, int64_t time_us,
+                                       take_function take) {
     while (!hellos_.empty() && time_us - hellos_.front().since_us > MAX_AGE_US)
         forget(hellos_.front().flow);
-    const byte_view bytes(datagram.data(), datagram.size());
     const auto known = index_.find(flow);
     if (known == index_.end()) {
         gathering fresh;
         fresh.flow = flow;
         fresh.client = sender;
         fresh.since_us = time_us;
-        sight seen = take_datagram(fresh, bytes);
+        sight seen = take(fresh);
         if (seen.what == outcome::gathering)
             keep(std::move(fresh));
         return seen;
     }
     gathering &hello = *known->second;
     if (hello.client.ip_be != sender.ip_be || hello.client.port != sender.port)
-        return {outcome::gathering, {}};
-    sight seen = take_datagram(hello, bytes);
+        return {outcome::gathering};
+    sight seen = take(hello);
     if (seen.what != outcome::gathering)
         forget(flow);
     return seen;
 }
 
-void quic_hellos::keep(gathering &&hello) {
+hello_reader::sight hello_reader::look_at_datagram(const flow_id &flow, const endpoint &sender,
+                                                   std::span<const uint8_t> datagram,
+                                                   int64_t time_us) {
+    return look(flow, sender, time_us, [&](gathering &hello) {
+        return take_datagram(hello, {datagram.data(), datagram.size()});
+    });
+}
+
+hello_reader::sight hello_reader::look_at_segment(const flow_id &flow, const endpoint &sender,
+                                                  int32_t offset, std::span<const uint8_t> data,
+                                                  int64_t time_us) {
+    return look(flow, sender, time_us, [&](gathering &hello) {
+        return take_segment(hello, offset, {data.data(), data.size()});
+    });
+}
+
+void hello_reader::keep(gathering &&hello) {
     if (hellos_.size() >= max_flows_)
         forget(hellos_.front().flow);
     hellos_.push_back(std::move(hello));
     index_.emplace(hellos_.back().flow, std::prev(hellos_.end()));
 }
 
-void quic_hellos::forget(const flow_id &flow) {
+void hello_reader::forget(const flow_id &flow) {
     const auto known = index_.find(flow);
     if (known == index_.end())
         return;
