@@ -414,6 +414,57 @@ TEST(AvcoreHandshakes, AClientShowsItsHostHoweverItCutsItsStream) {
     }
 }
 
+// Of 16-bit words, RFC 1071.
+uint16_t sum_of(octets summed) {
+    summed += uint8_t{0};
+    uint32_t sum = 0;
+    for (size_t i = 0; i + 1 < summed.size(); i += 2)
+        sum += uint32_t(summed[i] << 8 | summed[i + 1]);
+    sum = (sum & 0xFFFF) + (sum >> 16);
+    return uint16_t(sum + (sum >> 16));
+}
+
+TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
+    const octets hello = client_hello_for("www.youtube.com");
+    const octets record = octets{22, 3, 1} + be16(hello.size()) + hello;
+    const octets junk = tcp(1000, 443, "junk");
+    const config settings;
+    for (const bool six : {false, true}) {
+        frame_builder builder(settings, "");
+        const octets sides = six ? octets(15, 0x20) + octets(17, 0x21) // of IPv6
+                                 : be32(ipv4_words().src) + be32(ipv4_words().dst);
+        const auto pseudo = [&](const octets &segment) {
+            return sides + be16(6) + be16(segment.size());
+        };
+        const auto packet = [&](octets segment, uint16_t checksum) {
+            segment.replace(16, 2, be16(checksum));
+            const octets head = octets{0x60, 0, 0, 0} + be16(segment.size()) + octets{6, 64};
+            return six ? ethernet(0x86DD, head + sides + segment)
+                       : ethernet(0x0800, ipv4(6, segment));
+        };
+        const auto build = [&](const octets &frame, uint16_t segment_size = 0) {
+            gate_copy copy = {};
+            copy.segment_size = segment_size;
+            return builder.build({frame, 0, {}, &copy})->frame;
+        };
+        const auto right = [&](const octets &segment) {
+            return uint16_t(~sum_of(pseudo(segment) + segment));
+        };
+        const octets damaged = packet(junk, uint16_t(right(junk) + 1));
+        for (unsigned i = 0; i < 40; ++i)
+            ASSERT_EQ(build(damaged).number_in_flow, 0u);
+        const octets shown = tcp(1000, 443, bytes(record.begin(), record.end()));
+        const fed_frame named = build(packet(shown, right(shown)));
+        EXPECT_STREQ(named.trailer().dpi_app_name, "YouTube");
+        EXPECT_EQ(named.number_in_flow, 1u);
+
+        // Those that the card is to complete, and those of which it can't be told.
+        EXPECT_EQ(build(packet(junk, sum_of(pseudo(junk)))).number_in_flow, 2u);
+        EXPECT_EQ(build(damaged, 1400).number_in_flow, 3u) << "joined";
+        EXPECT_EQ(build(damaged.substr(0, damaged.size() - 1)).number_in_flow, 4u) << "cut";
+    }
+}
+
 class AvcoreDpiEngine : public testing::Test {
 protected:
     av_pkt_trailer inspect(uint16_t port, uint16_t to_port, const bytes &payload,

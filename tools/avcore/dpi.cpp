@@ -310,8 +310,9 @@ void dpi_engine::look(flow_state &state, const frame_facts &frame, std::span<con
 shown_host dpi_engine::inspect(const frame_facts &frame, std::span<const uint8_t> packet,
                                int64_t time_us, av_pkt_trailer &trailer) {
     flow_state &state = state_of(flow_id_of(frame), time_us);
-    look(state, frame, packet, time_us);
-    const bool taken = just_taken(state, frame, packet);
+    if (!frame.is_damaged)
+        look(state, frame, packet, time_us);
+    const bool taken = !frame.is_damaged && just_taken(state, frame, packet);
     static const finding nothing_yet;
     const bool gathering = state.hello == hello_state::gathering;
     const finding &found = gathering && state.found.host.empty() ? nothing_yet : state.found;

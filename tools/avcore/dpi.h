@@ -79,7 +79,8 @@ public:
     ~dpi_engine();
 
     // Looks at one packet (what `ipv4_packet` found in the frame) and fills the trailer's DPI
-    // fields, bit 2 of filter_type and kernel_domain.
+    // fields, bit 2 of filter_type and kernel_domain. A damaged one isn't looked at: it is told
+    // what is known of its flow.
     shown_host inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                        av_pkt_trailer &trailer);
 

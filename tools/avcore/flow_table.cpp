@@ -61,8 +61,10 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     const row_ref found = known != index_.end() ? known->second : add(sides, frame);
     rows_.splice(rows_.begin(), rows_, found);
     flow_row &row = *found;
-    ++row.packets;
-    row.bytes += size;
+    if (!frame.is_damaged) {
+        ++row.packets;
+        row.bytes += size;
+    }
     const bool from_client =
         frame.ipv4 ? frame.sender.ip_be == row.client.ip_be && frame.sender.port == row.client.port
                    : frame.sender.mac == row.client.mac;

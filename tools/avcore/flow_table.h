@@ -60,7 +60,7 @@ public:
         flow_row &row;    // valid until the next frame is counted
         bool from_client; // direction of this frame
     };
-    // Counts one frame of `size` bytes in its flow.
+    // Counts one frame of `size` bytes in its flow, unless it is damaged.
     sighting count_frame(const frame_facts &frame, size_t size);
 
     // On a frame of the row with this id, fed with this trailer. Null when it has left.

@@ -2,6 +2,7 @@
 
 #include "avcore/ipv6_frame.h"
 #include "avcore/roam_flows.h"
+#include "avcore/tcp_checksum.h"
 #include "avcore/trailer_builder.h"
 #include "core/text/text.h"
 #include "packet/decode/cursor.h"
@@ -96,13 +97,17 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     fed_frame fed;
     std::vector<uint8_t> &bytes = fed.bytes;
     std::vector<uint8_t> plain;
-    std::optional<frame_facts> frame = show(
-        captured.copy != nullptr ? without_tags(captured.bytes, plain) : captured.bytes, bytes);
+    const std::span<const uint8_t> untagged =
+        captured.copy != nullptr ? without_tags(captured.bytes, plain) : captured.bytes;
+    std::optional<frame_facts> frame = show(untagged, bytes);
     if (!frame)
         return std::nullopt;
     if (captured.copy != nullptr) {
+        const uint16_t segment_size = captured.copy->segment_size;
         frame->sender_is_client = captured.copy->direction == GATE_UP;
-        frame->segment_size = captured.copy->segment_size;
+        frame->segment_size = frame->ip_proto == IPPROTO_UDP ? segment_size : uint16_t{0};
+        // The kernel checks what it joins.
+        frame->is_damaged = segment_size == 0 && has_damaged_segment(untagged);
     }
 
     const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);

@@ -560,9 +560,9 @@ static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packe
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return false;
     }
-    const __u32 segment_size = packet->flow.proto == IPPROTO_UDP ? skb->gso_size : 0;
+    const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
     __u32 captured = skb->len;
-    if (!segment_size && captured > GATE_FRAME_MAX)
+    if (!joined_datagrams && captured > GATE_FRAME_MAX)
         captured = GATE_FRAME_MAX;
     asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
     if (captured > GATE_JOINED_MAX)
@@ -575,7 +575,7 @@ static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packe
     copy->head.if_index = skb->ifindex;
     copy->head.length = skb->len;
     copy->head.captured = (__u16)captured;
-    copy->head.segment_size = (__u16)segment_size;
+    copy->head.segment_size = (__u16)skb->gso_size;
     copy->head.direction = packet->direction;
     copy->head.came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
     const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;

@@ -179,8 +179,8 @@ struct gate_copy {
     __u32 if_index;     /* of the client's interface */
     __u32 length;       /* of the whole frame */
     __u16 captured;     /* at most GATE_FRAME_MAX, or GATE_JOINED_MAX */
-    __u16 segment_size; /* of UDP's payload in each datagram that segmentation has joined to one; 0:
-                           it is one */
+    __u16 segment_size; /* of the payload in each packet that segmentation has joined to one; 0: it
+                           is one */
     __u8 direction;     /* gate_direction */
     __u8 came_up;       /* of one on its way down: a datagram of DNS that a gate saw on its way up */
     __u8 reserved[2];
