@@ -143,6 +143,16 @@ TEST_F(AvcoreQuic, WhatNeverEndsIsGivenUp) {
         ASSERT_EQ(look(initial_packet(FIRST)), outcome::gathering);
     EXPECT_EQ(look(initial_packet(REST)), outcome::in_vain);
 
+    const endpoint client = {{}, ip("10.0.0.2"), 1};
+    const octets begin = {22};
+    const auto segment = [&](int32_t at) {
+        return hellos.look_at_segment({true, 0, 6, client, {}}, client, at, begin, 0).what;
+    };
+    for (int32_t i = hello_reader::MAX_PACKETS; i > 0; --i)
+        for (const int32_t at : {i * 100, i * 100}) // a repetition isn't counted
+            EXPECT_EQ(segment(at), outcome::gathering);
+    EXPECT_EQ(segment(0), outcome::in_vain);
+
     EXPECT_EQ(look(initial_packet(FIRST), 7), outcome::gathering);
     EXPECT_EQ(look(initial_packet(REST), 8 + MAX_AGE_US), outcome::gathering) << "anew";
     for (uint16_t port = 2; port < 5; ++port)
