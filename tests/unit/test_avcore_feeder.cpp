@@ -3,6 +3,7 @@
 
 #include <deque>
 #include <gtest/gtest.h>
+#include <map>
 
 namespace {
 
@@ -130,6 +131,22 @@ TEST_F(Feeder, LosesNothingToADaemonThatIsStarved) {
     }
     EXPECT_EQ(feeder_.counts().answered, 301u);
     EXPECT_EQ(feeder_.counts().unanswered, 0u);
+    EXPECT_LT(feeder_.counts().resent, 10u) << "they take the daemon's time";
+}
+
+TEST_F(Feeder, SendsInASilenceOneFrameAfterAnotherEverLater) {
+    start();
+    for (const uint16_t port : ports{1, 2, 3})
+        add(port);
+    send();
+    std::map<int64_t, ports> sent;
+    for (int64_t ms = 100; ms <= 4'500; ms += 100) {
+        if (const ports now = after(100); !now.empty())
+            sent[ms] = now;
+    }
+    EXPECT_EQ(sent,
+              (std::map<int64_t, ports>{
+                  {200, {1}}, {600, {2}}, {1400, {3}}, {2400, {1}}, {3400, {2}}, {4400, {3}}}));
 }
 
 TEST_F(Feeder, GivesUpAFrameThatOthersOvertakeTenTimesMore) {

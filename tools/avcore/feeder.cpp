@@ -57,10 +57,9 @@ void feeder::sent(int64_t now_ms) {
     if (!frame->sent) {
         frame->sent = true;
         ++counts_.sent;
-    } else if (started_) {
-        ++counts_.resent;
     } else {
-        ++counts_.start_repeats;
+        frame->resent = true;
+        ++(started_ ? counts_.resent : counts_.start_repeats);
     }
     ++frame->copies;
     copies_.push_back({frame->frame.key, frame, now_ms});
@@ -114,12 +113,12 @@ std::optional<feeder::frame_ref> feeder::drop_oldest_copy() {
 std::optional<fed_frame> feeder::take_verdict(const flow_key &key, int64_t now_ms) {
     last_sign_ms_ = now_ms;
     silent_rounds_ = 0;
-    std::optional<fed_frame> answered = answer(key, now_ms < doubt_until_ms_);
+    std::optional<fed_frame> answered = answer(key, now_ms);
     waiting_since_ms_ = frames_.empty() ? std::nullopt : std::optional(now_ms);
     return answered;
 }
 
-std::optional<fed_frame> feeder::answer(const flow_key &key, bool in_doubt) {
+std::optional<fed_frame> feeder::answer(const flow_key &key, int64_t now_ms) {
     const auto found = std::find_if(copies_.begin(), copies_.end(), [&key](const copy &one) {
         return memcmp(&one.key, &key, sizeof key) == 0;
     });
@@ -129,12 +128,15 @@ std::optional<fed_frame> feeder::answer(const flow_key &key, bool in_doubt) {
     }
     for (auto older = found - copies_.begin(); older > 0; --older) {
         const std::optional<frame_ref> frame = drop_oldest_copy();
-        if (frame && !in_doubt && ++(*frame)->overtaken == MAX_TRIES)
+        if (frame && now_ms >= doubt_until_ms_ && ++(*frame)->overtaken == MAX_TRIES)
             give_up(*frame);
     }
     started_ = true;
     std::optional<fed_frame> answered;
-    if (const std::optional<frame_ref> frame = pop_copy().frame) {
+    const copy judged = pop_copy();
+    if (const std::optional<frame_ref> frame = judged.frame) {
+        if (!(*frame)->resent)
+            note_delay(now_ms - judged.sent_ms, now_ms);
         --(*frame)->copies;
         newest_answered_ = std::max(newest_answered_, (*frame)->number);
         ++counts_.answered;
@@ -145,6 +147,23 @@ std::optional<fed_frame> feeder::answer(const flow_key &key, bool in_doubt) {
     if (copies_.empty())
         draining_ = false;
     return answered;
+}
+
+void feeder::note_delay(int64_t delay_ms, int64_t now_ms) {
+    if (const int64_t age_ms = now_ms - slow_since_ms_; age_ms >= SLOW_MS) {
+        slowest_before_ms_ = age_ms < 2 * SLOW_MS ? slowest_ms_ : 0;
+        slowest_ms_ = 0;
+        slow_since_ms_ = now_ms;
+    }
+    slowest_ms_ = std::max(slowest_ms_, delay_ms);
+}
+
+// How long nothing may come until something is sent again.
+int64_t feeder::silence_ms() const {
+    if (!started_)
+        return SILENCE_MS;
+    const int64_t first_ms = std::max(SILENCE_MS, 2 * std::max(slowest_ms_, slowest_before_ms_));
+    return std::min(first_ms << std::min(silent_rounds_, 3U), LONGEST_SILENCE_MS);
 }
 
 // Since when nothing came although something could have.
@@ -178,26 +197,31 @@ void feeder::daemon_ended(int64_t now_ms) {
     link_lost(now_ms);
 }
 
-void feeder::resend_outstanding() {
-    const bool only_oldest = silent_rounds_++ == 0 || !started_;
+void feeder::probe() {
+    const auto on_their_way = static_cast<size_t>(std::count_if(
+        frames_.begin(), frames_.end(), [](const outstanding &frame) { return frame.copies > 0; }));
+    const size_t round = started_ ? silent_rounds_ : 0;
+    ++silent_rounds_;
     draining_ = true;
     to_send_.clear();
     for (outstanding &frame : frames_)
         frame.queued = false;
+    queue(std::next(frames_.begin(),
+                    static_cast<std::ptrdiff_t>(round % std::max<size_t>(on_their_way, 1))));
+    // Behind it wait the frames that have no copy on its way.
     for (frame_ref frame = frames_.begin(); frame != frames_.end(); ++frame) {
-        // Behind a round of one wait the frames that have no copy on its way.
-        if (!only_oldest || frame == frames_.begin() || frame->copies == 0)
+        if (frame->copies == 0)
             queue(frame);
     }
-    round_left_ = only_oldest ? std::min<size_t>(1, to_send_.size()) : to_send_.size();
+    round_left_ = 1;
 }
 
 void feeder::tick(int64_t now_ms) {
-    if (copies_.empty() || now_ms - quiet_since_ms() < SILENCE_MS)
+    if (copies_.empty() || now_ms - quiet_since_ms() < silence_ms())
         return;
     const bool heard_since_round = draining_ && silent_rounds_ == 0;
     if (!heard_since_round && !frames_.empty()) {
-        resend_outstanding();
+        probe();
         return;
     }
     doubt_until_ms_ = now_ms + GONE_MS;
@@ -210,7 +234,7 @@ void feeder::tick(int64_t now_ms) {
 std::optional<int64_t> feeder::next_tick_ms() const {
     if (copies_.empty())
         return std::nullopt;
-    return quiet_since_ms() + SILENCE_MS;
+    return quiet_since_ms() + silence_ms();
 }
 
 bool feeder::daemon_gone(int64_t now_ms) const {

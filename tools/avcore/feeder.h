@@ -4,11 +4,16 @@
 // The daemon's capture drops what it has no room for, and only a verdict shows that a frame got
 // through. Verdicts come in the order of the frames and carry the flow key, so the queue holds
 // every copy on its way in the order of sending, and a verdict answers the first copy with its
-// key: whatever was sent before that copy was lost. After 200 ms without a verdict everything
-// outstanding is sent again, the oldest frame alone at first, for a daemon that was merely busy
-// still has the others. From then on copies may be on their way whose verdicts look like those of
-// later frames; no new frame is sent until all of them are answered or the daemon, heard again, has
-// been quiet for 200 ms.
+// key: whatever was sent before that copy was lost. No frame is sent again while verdicts on those
+// before it come. After a silence one of what is outstanding is sent again, the oldest frame at
+// first, for a daemon that was merely busy still has all of it; while the silence lasts the next
+// one follows, later each time. From then on copies may be on their way whose verdicts look like
+// those of later frames; no new frame is sent until all of them are answered or the daemon, heard
+// again, has fallen silent anew: then everything outstanding is sent again.
+//
+// A silence is 200 ms without a verdict, or twice as long as the slowest one of the last seconds
+// took to come: a daemon that hardly gets to run would otherwise get the same frames over and over,
+// and spend its little time on them.
 //
 // A frame is given up when it was overtaken eleven times, and for no silence: one that lasts is the
 // daemon's end. After a silence copies that were taken for lost may still be answered by a daemon
@@ -71,8 +76,10 @@ public:
     static constexpr size_t MAX_FRAMES = 128;
     static constexpr size_t MAX_BYTES = size_t{1024} * 1024;
     static constexpr size_t MAX_BURSTS = 4; // milliseconds in which something outstanding was sent
-    static constexpr unsigned MAX_TRIES = 11; // of a frame, overtaken
-    static constexpr int64_t SILENCE_MS = 200;
+    static constexpr unsigned MAX_TRIES = 11;  // of a frame, overtaken
+    static constexpr int64_t SILENCE_MS = 200; // at least
+    static constexpr int64_t LONGEST_SILENCE_MS = 1'000;
+    static constexpr int64_t SLOW_MS = 5'000; // a slow verdict counts for as long, or twice
     static constexpr int64_t GONE_MS = 5'000;
     // Until the first verdict: the daemon may still have to be started.
     static constexpr int64_t START_MS = 30'000;
@@ -119,6 +126,7 @@ private:
         unsigned copies = 0;    // in copies_
         unsigned overtaken = 0; // copies of it
         bool sent = false;
+        bool resent = false;
         bool queued = false; // in to_send_
     };
     using frame_ref = std::list<outstanding>::iterator;
@@ -129,11 +137,13 @@ private:
     };
 
     void queue(frame_ref frame);
-    std::optional<fed_frame> answer(const flow_key &key, bool in_doubt);
+    std::optional<fed_frame> answer(const flow_key &key, int64_t now_ms);
     fed_frame finish(frame_ref frame);
     void give_up(frame_ref frame);
     std::optional<frame_ref> drop_oldest_copy();
-    void resend_outstanding();
+    void probe();
+    void note_delay(int64_t delay_ms, int64_t now_ms);
+    int64_t silence_ms() const;
     int64_t quiet_since_ms() const;
     bool burst_open(int64_t now_ms) const;
     copy pop_copy();
@@ -154,7 +164,10 @@ private:
     unsigned silent_rounds_ = 0; // since the last verdict
     size_t round_left_ = 0;      // frames at the front of to_send_ that the round sends
     int64_t doubt_until_ms_ = 0; // copies that were taken for lost may be answered
-    int64_t last_sign_ms_ = 0;   // of the last verdict, or when the link was last found down
+    int64_t slowest_ms_ = 0;     // of the verdicts since `slow_since_ms_`
+    int64_t slowest_before_ms_ = 0;
+    int64_t slow_since_ms_ = 0;
+    int64_t last_sign_ms_ = 0; // of the last verdict, or when the link was last found down
     std::optional<int64_t> waiting_since_ms_; // none: no frame went unanswered since the last sign
     feeder_counts counts_;
 };
