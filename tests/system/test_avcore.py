@@ -1,4 +1,5 @@
 """avcore and the daemon together: a capture file in, a table of named and judged flows out."""
+import fcntl
 import resource
 
 from records import *
@@ -191,6 +192,31 @@ class Avcore(SystemTest):
             totals = avcore.communicate(timeout=60)[1]
         self.assertEqual(avcore.returncode, 1, totals)
         self.assertIn("avcore: no verdict for 5 seconds: the daemon is gone\n", totals)
+
+    def test_a_report_that_nobody_reads_yet_holds_nothing_up(self):
+        avcore = self.start_on_pipe()
+        self.daemon_behind_avcore()
+        fcntl.fcntl(avcore.stdout, fcntl.F_SETPIPE_SZ, 4096)
+        capture = pcap([udp_frame(1, 2 + n) for n in range(100)])
+        with open("/tmp/pipe", "wb", buffering=0) as pipe, socket.socket(
+                socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3)) as fed:
+            fed.bind((CAPTURE, 0))
+            fed.settimeout(DEADLINE)
+
+            def wait_for_frame(port):
+                while fed.recv(2000)[36:38] != struct.pack(">H", port):
+                    pass
+
+            pipe.write(capture[:-10])
+            wait_for_frame(100)
+            avcore.send_signal(signal.SIGUSR1)
+            select.select([avcore.stdout], [], [], DEADLINE)
+            pipe.write(capture[-10:])
+            wait_for_frame(101)
+            avcore.terminate()
+            tables, totals = avcore.communicate(timeout=DEADLINE)
+        self.assertEqual(avcore.returncode, 0, totals)
+        self.assertEqual([table.count("UDP") for table in tables.split("\nCLIENT ")], [99, 100])
 
     def test_a_lost_link_is_waited_for(self):
         run("ip", "link", "set", CAPTURE, "down")

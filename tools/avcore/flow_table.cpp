@@ -120,4 +120,19 @@ std::vector<const flow_row *> flow_table::rows() const {
     return rows;
 }
 
+const flow_row *flow_table::find(uint32_t id) const {
+    const auto found = by_id_.find(id);
+    return found != by_id_.end() ? &*found->second : nullptr;
+}
+
+flow_sum flow_table::all() const {
+    flow_sum sum = summed_;
+    sum.flows += rows_.size();
+    for (const flow_row &row : rows_) {
+        sum.packets += row.packets;
+        sum.bytes += row.bytes;
+    }
+    return sum;
+}
+
 } // namespace avcore

@@ -42,7 +42,6 @@ struct flow_row {
     row_enforcement enforcement;
 };
 
-// What became of the flows that had to leave.
 struct flow_sum {
     uint64_t flows = 0;
     uint64_t packets = 0;
@@ -74,7 +73,9 @@ public:
 
     // In the order in which the flows appeared.
     std::vector<const flow_row *> rows() const;
+    const flow_row *find(uint32_t id) const; // null when it has left
     const flow_sum &summed() const { return summed_; }
+    flow_sum all() const; // those that had to leave, too
 
 private:
     using row_ref = std::list<flow_row>::iterator;
@@ -89,7 +90,7 @@ private:
     std::map<flow_id, row_ref> index_;
     std::unordered_map<uint32_t, row_ref> by_id_;
     uint32_t last_id_ = 0;
-    flow_sum summed_;
+    flow_sum summed_; // the flows that had to leave
 };
 
 } // namespace avcore

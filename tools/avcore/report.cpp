@@ -7,25 +7,16 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <ostream>
-#include <vector>
+#include <utility>
 
 namespace avcore {
 namespace {
 
 // The station comes last: a narrow terminal wraps it alone.
-enum column {
-    CLIENT,
-    SERVER,
-    PROTOCOL,
-    APPLICATION,
-    VERDICT,
-    PACKETS,
-    BYTES,
-    DROPPED,
-    CLIENT_MAC,
-    COLUMNS
-};
-using table_line = std::array<std::string, COLUMNS>;
+enum column { CLIENT, SERVER, PROTOCOL, APPLICATION, VERDICT, PACKETS, BYTES, DROPPED, CLIENT_MAC };
+constexpr size_t COLUMNS = std::tuple_size_v<row_writer::table_line>;
+constexpr char CELL_END = '\0';
+constexpr int ROWS_AT_ONCE = 16;
 
 std::string address_text(const flow_row &row, const endpoint &side) {
     return row.ipv4 ? side.address.text() : mac_text(side.mac);
@@ -94,9 +85,9 @@ passage passage_of(const flow_row &row, const gate *gate) {
     return passed.packets + passed.dropped != 0 ? passed : passage{row.packets, row.bytes, 0};
 }
 
-table_line line_of(const flow_row &row, const gate *gate) {
+row_writer::table_line line_of(const flow_row &row, const gate *gate) {
     const passage passed = passage_of(row, gate);
-    table_line line;
+    row_writer::table_line line;
     line[CLIENT] = endpoint_text(row, row.client);
     line[SERVER] = endpoint_text(row, row.server);
     line[PROTOCOL] = protocol_text(row);
@@ -110,8 +101,8 @@ table_line line_of(const flow_row &row, const gate *gate) {
     return line;
 }
 
-table_line line_of(const flow_sum &sum) {
-    table_line line;
+row_writer::table_line line_of(const flow_sum &sum) {
+    row_writer::table_line line;
     line.fill("-");
     line[CLIENT] = std::to_string(sum.flows) + " flows, seen longest ago";
     line[PACKETS] = std::to_string(sum.packets);
@@ -119,8 +110,36 @@ table_line line_of(const flow_sum &sum) {
     return line;
 }
 
-void print_line(std::ostream &out, const nlohmann::ordered_json &object) {
-    out << object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+nlohmann::ordered_json object_of(const flow_row &row, const gate *gate) {
+    const passage passed = passage_of(row, gate);
+    nlohmann::ordered_json object = {
+        {"client", address_text(row, row.client)},
+        {"client_mac", mac_text(row.client.mac)},
+        {"server", address_text(row, row.server)},
+        {"client_port", row.client.port},
+        {"server_port", row.server.port},
+        {"protocol", protocol_text(row)},
+        {"application", application_of(row)},
+        {"verdict", row.verdict},
+        {"packets", passed.packets},
+        {"bytes", passed.bytes},
+    };
+    if (gate != nullptr)
+        object["dropped"] = passed.dropped;
+    if (!row.host.empty())
+        object["host"] = row.host;
+    if (row.wificalling) {
+        object["wificalling"] = true;
+        object["priority"] = row.wfc_priority;
+        object["fqdn"] = row.wfc_fqdn;
+    }
+    if (row.outdated)
+        object["outdated"] = true;
+    return object;
+}
+
+nlohmann::ordered_json object_of(const flow_sum &sum) {
+    return {{"flows_seen_longest_ago", sum.flows}, {"packets", sum.packets}, {"bytes", sum.bytes}};
 }
 
 } // namespace
@@ -131,73 +150,88 @@ std::string flow_text(const flow_row &row) {
            protocol_text(row) + ")";
 }
 
-void print_table(std::ostream &out, const flow_table &flows, const gate *gate) {
-    std::vector<table_line> lines = {{"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT",
-                                      "PACKETS", "BYTES", "DROPPED", "CLIENT MAC"}};
+row_writer::row_writer(const flow_table &flows, const gate *gate, bool json)
+    : flows_(flows),
+      gate_(gate),
+      json_(json),
+      summed_(flows.summed()),
+      sum_due_(summed_.flows > 0) {
     for (const flow_row *row : flows.rows())
-        lines.push_back(line_of(*row, gate));
-    if (flows.summed().flows > 0)
-        lines.push_back(line_of(flows.summed()));
-    std::array<size_t, COLUMNS> width = {};
-    for (const table_line &line : lines) {
-        for (size_t i = 0; i < COLUMNS; ++i)
-            width[i] = std::max(width[i], line[i].size());
+        ids_.push_back(row->id);
+    if (!json)
+        add_line({"CLIENT", "SERVER", "PROTOCOL", "APPLICATION", "VERDICT", "PACKETS", "BYTES",
+                  "DROPPED", "CLIENT MAC"});
+}
+
+// The next one that is still there; null behind the last one.
+const flow_row *row_writer::next_row() {
+    while (next_ < ids_.size()) {
+        if (const flow_row *row = flows_.find(ids_[next_++]))
+            return row;
     }
-    for (const table_line &line : lines) {
-        std::string text;
-        for (size_t i = 0; i < CLIENT_MAC; ++i) {
-            if (i == DROPPED && gate == nullptr)
-                continue;
-            const std::string padding(width[i] - line[i].size(), ' ');
-            text += (i >= PACKETS ? padding + line[i] : line[i] + padding) + "  ";
-        }
-        out << text << line[CLIENT_MAC] << '\n';
+    return nullptr;
+}
+
+bool row_writer::add_some(std::string &out) {
+    for (int steps = 0; steps < ROWS_AT_ONCE; ++steps) {
+        if (!(json_ ? add_object(out) : take_line() || lay_out_line(out)))
+            return false;
+    }
+    return true;
+}
+
+bool row_writer::add_object(std::string &out) {
+    nlohmann::ordered_json object;
+    if (const flow_row *row = next_row())
+        object = object_of(*row, gate_);
+    else if (std::exchange(sum_due_, false))
+        object = object_of(summed_);
+    else
+        return false;
+    out += object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    out += '\n';
+    return true;
+}
+
+void row_writer::add_line(const table_line &line) {
+    for (size_t i = 0; i < COLUMNS; ++i) {
+        widths_[i] = std::max(widths_[i], line[i].size());
+        lines_ += line[i];
+        lines_ += CELL_END;
     }
 }
 
-void print_json(std::ostream &out, const flow_table &flows, const gate *gate) {
-    for (const flow_row *listed : flows.rows()) {
-        const flow_row &row = *listed;
-        const passage passed = passage_of(row, gate);
-        nlohmann::ordered_json object = {
-            {"client", address_text(row, row.client)},
-            {"client_mac", mac_text(row.client.mac)},
-            {"server", address_text(row, row.server)},
-            {"client_port", row.client.port},
-            {"server_port", row.server.port},
-            {"protocol", protocol_text(row)},
-            {"application", application_of(row)},
-            {"verdict", row.verdict},
-            {"packets", passed.packets},
-            {"bytes", passed.bytes},
-        };
-        if (gate != nullptr)
-            object["dropped"] = passed.dropped;
-        if (!row.host.empty())
-            object["host"] = row.host;
-        if (row.wificalling) {
-            object["wificalling"] = true;
-            object["priority"] = row.wfc_priority;
-            object["fqdn"] = row.wfc_fqdn;
+bool row_writer::take_line() {
+    if (const flow_row *row = next_row())
+        add_line(line_of(*row, gate_));
+    else if (std::exchange(sum_due_, false))
+        add_line(line_of(summed_));
+    else
+        return false;
+    return true;
+}
+
+bool row_writer::lay_out_line(std::string &out) {
+    if (laid_out_ == lines_.size())
+        return false;
+    for (size_t i = 0; i < COLUMNS; ++i) {
+        const size_t end = lines_.find(CELL_END, laid_out_);
+        const std::string cell = lines_.substr(laid_out_, end - laid_out_);
+        laid_out_ = end + 1;
+        if (i == CLIENT_MAC) {
+            out += cell + '\n';
+        } else if (i != DROPPED || gate_ != nullptr) {
+            const std::string padding(widths_[i] - cell.size(), ' ');
+            out += (i >= PACKETS ? padding + cell : cell + padding) + "  ";
         }
-        if (row.outdated)
-            object["outdated"] = true;
-        print_line(out, object);
     }
-    if (const flow_sum &sum = flows.summed(); sum.flows > 0)
-        print_line(out, {{"flows_seen_longest_ago", sum.flows},
-                         {"packets", sum.packets},
-                         {"bytes", sum.bytes}});
+    return true;
 }
 
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals) {
-    const std::vector<const flow_row *> rows = flows.rows();
-    uint64_t bytes = flows.summed().bytes;
-    for (const flow_row *row : rows)
-        bytes += row->bytes;
+    const flow_sum all = flows.all();
     const feeder_counts &fed = totals.feeder;
-    const uint64_t count = rows.size() + flows.summed().flows;
-    out << count << (count == 1 ? " flow, " : " flows, ") << bytes
+    out << all.flows << (all.flows == 1 ? " flow, " : " flows, ") << all.bytes
         << " bytes; frames: " << totals.source.read << " read, " << fed.sent << " fed, "
         << fed.answered << " answered, " << fed.resent << " resent, " << fed.unanswered
         << " unanswered\n";

@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <iostream>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace avcore {
@@ -104,20 +106,45 @@ std::string session::bus_name() {
 }
 
 int session::run() {
-    ending end = ending::none;
     try {
+        ending end = ending::none;
         while (end == ending::none)
             end = turn();
+        // The gate counts on its beat for as long as this program lives.
+        if (gate_ && end == ending::stopped)
+            finish_reports(true);
     } catch (const std::runtime_error &error) {
         error_ = error.what();
-        end = ending::failed;
     }
     progress_.clear();
     if (!error_.empty())
         say(error_);
     if (const bool useless_input = !error_.empty() && source_.counts().read == 0; !useless_input)
-        report();
+        finish_reports(false);
     return error_.empty() && report_written_ ? 0 : 1;
+}
+
+// The last one, behind one that is still being written. Another signal to stop leaves it there.
+void session::finish_reports(bool serving) {
+    input_ended_ = true;
+    ending_ = true;
+    while (report_ || !last_report_begun_) {
+        if (!report_) {
+            last_report_begun_ = true;
+            begin_report();
+        }
+        const int64_t now_ms = monotonic_ms();
+        if (serving) {
+            tick(now_ms);
+            send_frames();
+            serve(now_ms);
+            continue;
+        }
+        pollfd waited[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}};
+        poll(waited, std::size(waited), -1);
+        take_signal();
+        continue_report();
+    }
 }
 
 session::ending session::turn() {
@@ -125,7 +152,7 @@ session::ending session::turn() {
     tick(now_ms);
     send_frames();
     pull_frames();
-    if (!options_.file.empty())
+    if (!options_.file.empty() && !report_)
         progress_.show(source_.share_read(), feeder_.counts().answered, now_ms);
     if (stop_requested_)
         return ending::stopped;
@@ -137,6 +164,11 @@ session::ending session::turn() {
         return ending::failed;
     }
     explain_waiting(now_ms);
+    serve(now_ms);
+    return ending::none;
+}
+
+void session::serve(int64_t now_ms) {
     wait(now_ms);
     serve_channel();
     if (watch_)
@@ -145,7 +177,7 @@ session::ending session::turn() {
         urgency_->look(monotonic_ns());
     take_signal();
     take_categories();
-    return ending::none;
+    continue_report();
 }
 
 void session::follow_interfaces() {
@@ -180,18 +212,24 @@ void session::tick(int64_t now_ms) {
 
 void session::take_signal() {
     switch (signals_.take()) {
+    case signals::request::hangup:
+        if (gate_) {
+            hang_up();
+            break;
+        }
+        [[fallthrough]];
     case signals::request::stop:
+        if (ending_ && report_) {
+            last_report_begun_ = true;
+            end_report("the report is left unfinished");
+        }
         stop_requested_ = true;
         break;
-    case signals::request::hangup:
-        if (gate_)
-            hang_up();
-        else
-            stop_requested_ = true;
-        break;
     case signals::request::print:
-        progress_.clear();
-        report();
+        if (report_)
+            say("the report before is still being written");
+        else
+            begin_report();
         break;
     case signals::request::agent:
         agent_.bring_back();
@@ -321,7 +359,7 @@ void session::wait(int64_t now_ms) {
         timeout_ms = std::clamp<int64_t>(*tick_ms - now_ms, 0, LONGEST_WAIT_MS);
     if (sink_full_)
         timeout_ms = SINK_RETRY_MS;
-    if (more_input_)
+    if (more_input_ || (report_ && !report_waits_))
         timeout_ms = 0;
     const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
                                      channel_.next_tick_ms(),
@@ -338,6 +376,7 @@ void session::wait(int64_t now_ms) {
         {bus_ ? bus_->fd() : -1, POLLIN, 0},
         {agent_.fd(), POLLIN, 0},
         {gate_ ? gate_->interfaces_fd() : -1, POLLIN, 0},
+        {report_ && report_waits_ ? STDOUT_FILENO : -1, POLLOUT, 0},
     };
     poll(waited, std::size(waited), static_cast<int>(timeout_ms));
     const int64_t woken_ms = monotonic_ms();
@@ -464,7 +503,41 @@ void session::say_some(const std::vector<std::string> &lines, line_cap &cap, int
             say(line + cap.remark());
 }
 
-void session::report() {
+void session::begin_report() {
+    progress_.clear();
+    report_waits_ = false;
+    report_ = std::make_unique<report_job>(
+        row_writer(builder_.flows(), gate_.get(), options_.json),
+        [this] { return options_.json ? "" : '\n' + totals_text(); }, STDOUT_FILENO);
+}
+
+void session::continue_report() {
+    if (!report_)
+        return;
+    report_job::state now = report_job::state::goes_on;
+    const auto go_on = [&] { now = report_->go_on(); };
+    if (urgency_)
+        urgency_->exempt(go_on);
+    else
+        go_on();
+    report_waits_ = now == report_job::state::waits;
+    if (now == report_job::state::written)
+        end_report(nullptr);
+    else if (now == report_job::state::failed)
+        end_report("the report can't be written");
+}
+
+void session::end_report(const char *failure) {
+    report_.reset();
+    progress_.clear();
+    if (options_.json)
+        std::cerr << totals_text();
+    if (failure != nullptr)
+        say(failure);
+    report_written_ = report_written_ && failure == nullptr;
+}
+
+std::string session::totals_text() {
     const flow_table &flows = builder_.flows();
     const totals totals = {source_.counts(),
                            feeder_.counts(),
@@ -477,23 +550,13 @@ void session::report() {
                            builder_.has_engine() && !engine_asked_ && engine_ignored_,
                            builder_.counts(),
                            enforcer_ ? enforcer_->refused_writes() : 0};
-    if (options_.json)
-        print_json(std::cout, flows, gate_.get());
-    else
-        print_table(std::cout, flows, gate_.get());
-    std::ostream &out = options_.json ? std::cerr : std::cout;
-    if (!options_.json)
-        out << '\n';
+    std::ostringstream out;
     print_totals(out, flows, totals);
     if (bus_)
         bus_->report(out);
     if (gate_)
         print_gate_counts(out, gate_->counts());
-    std::cout.flush();
-    if (!std::cout)
-        say("the report can't be written");
-    report_written_ = report_written_ && std::cout;
-    std::cout.clear();
+    return out.str();
 }
 
 } // namespace avcore

@@ -16,7 +16,7 @@
 #include "avcore/line_cap.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
-#include "avcore/report.h"
+#include "avcore/report_job.h"
 #include "avcore/safe_search.h"
 #include "avcore/signals.h"
 #include "avcore/source.h"
@@ -39,6 +39,8 @@ private:
     enum class ending { none, complete, stopped, failed };
 
     ending turn();
+    void serve(int64_t now_ms); // the half of a turn that waits, and answers
+    void finish_reports(bool serving);
     void tick(int64_t now_ms);
     void follow_interfaces(); // of the gate
     void take_signal();
@@ -64,7 +66,10 @@ private:
     void explain_link_type();
     void say(const std::string &what); // on standard error
     void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
-    void report();
+    void begin_report();
+    void continue_report();
+    void end_report(const char *failure); // null: none
+    std::string totals_text();
 
     const options &options_;
     config settings_;
@@ -102,6 +107,10 @@ private:
     bool sink_full_ = false;
     bool link_down_ = false; // when it was last asked
     bool stop_requested_ = false;
+    bool ending_ = false; // all that is left to do is the report
+    bool last_report_begun_ = false;
+    std::unique_ptr<report_job> report_; // being written
+    bool report_waits_ = false;          // for its reader
     bool waiting_explained_ = false;
     bool link_type_explained_ = false;
     bool report_written_ = true;

@@ -36,6 +36,12 @@ int urgency::set(bool urgent) {
                                  (urgent ? SCHED_RR : SCHED_OTHER) | SCHED_RESET_ON_FORK, &param);
 }
 
+void urgency::exempt(const std::function<void()> &work) {
+    const uint64_t used_before_ns = used_ns();
+    work();
+    used_until_ns_ += used_ns() - used_before_ns;
+}
+
 void urgency::look(uint64_t now_ns) {
     if (!granted_ || now_ns - since_ns_ < WINDOW_NS)
         return;

@@ -21,6 +21,8 @@ public:
 
     // To be called in every turn of the loop.
     void look(uint64_t now_ns);
+    // What this takes isn't counted: something long, in little pieces, that comes to an end.
+    void exempt(const std::function<void()> &work);
 
 private:
     int set(bool urgent);
