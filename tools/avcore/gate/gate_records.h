@@ -182,7 +182,7 @@ struct gate_copy {
     __u16 segment_size; /* of the payload in each packet that segmentation has joined to one; 0: it
                            is one */
     __u8 direction;     /* gate_direction */
-    __u8 came_up;       /* of one on its way down: a datagram of DNS that a gate saw on its way up */
+    __u8 came_up; /* of one on its way down: a datagram of DNS that a gate saw on its way up */
     __u8 reserved[2];
 };
 GATE_SIZE(gate_copy, 64);

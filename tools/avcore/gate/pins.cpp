@@ -20,7 +20,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A folder in a bpffs that was mounted here. The mount's source doesn't say so: Linux 5.10 drops it.
+// A folder in a bpffs that was mounted here. The mount's source doesn't say so: Linux 5.10 drops
+// it.
 constexpr char OWN_MOUNT[] = "mounted_by_avcore";
 
 [[noreturn]] void fail(const std::string &what, int error) {
