@@ -241,6 +241,7 @@ class Avcore(SystemTest):
                 self.assertEqual(earlier.returncode, 0)
             table, totals = self.start(TRAFFIC).communicate(timeout=60)
             self.assertEqual("no daemon asked for the DPI engine" in table, not asked, table)
+            self.assertEqual(totals.count("the daemon does without the DPI engine"), not asked)
             daemon.stop()
             os.unlink(COMMAND_SOCKET)
 

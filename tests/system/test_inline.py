@@ -278,6 +278,8 @@ class Layout:
             for who in "avcore", "jorn":
                 with self.subTest(fail=fail, killed=who):
                     self.kill_and_restart(who, fail)
+        subprocess.run([jorn_path("avcore"), "teardown"], check=True)
+        self.lines.wait(lambda line: "the gate at wlan0 was taken away" in line)
 
     def kill_and_restart(self, who, fail):
         allowed, denied = ({version: self.talk(SERVERS[version], port, 0.002)

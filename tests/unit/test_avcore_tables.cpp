@@ -30,11 +30,13 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         const char *text;
         const char *message;
     } rows[] = {
-        {"[client]\nutp = 3\n", "line 2: unknown key 'utp'"},
+        {"[client]\nutp = 3\n", "line 2: unknown key 'utp'; the keys are interface, if_index"},
         {"[client]\nutp_id = \"3\"\n", "line 2: 'utp_id'"},
         {"[uplink]\ninterface = \"sixteen-letters-\"\n", "line 2: 'interface'"},
         {"[[rule]]\nutp_id = 3\n", "line 1: a rule needs"},
         {"[[rule]]\nmac = \"02:00:00:00:00:-1\"\n", "line 2: 'mac'"},
+        {"[[rule]]\nmac = 02:00:00:00:00:01\n",
+         "line 2: Error while parsing time: expected '.', saw ':' (texts stand in quotes)"},
         {"[[rule]]\nnetwork = \"10.0.0.0/\"\n", "line 2: 'network'"},
         {"[[rule]]\nnetwork = \"10.0.0.0/33\"\n", "line 2: 'network'"},
         {"[[rule]]\nnetwork = \"2001:db8::/129\"\n", "line 2: 'network'"},

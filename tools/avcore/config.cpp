@@ -41,7 +41,7 @@ public:
     void expect_keys(std::initializer_list<std::string_view> known) const {
         for (const auto &[key, node] : table_) {
             if (std::find(known.begin(), known.end(), key.str()) == known.end())
-                fail(node, "unknown key " + quoted(key.str()));
+                fail(node, "unknown key " + quoted(key.str()) + "; the keys are " + list(known));
         }
     }
 
@@ -96,6 +96,13 @@ public:
     static std::string quoted(std::string_view key) { return '\'' + printable(key) + '\''; }
 
 private:
+    static std::string list(std::initializer_list<std::string_view> words) {
+        std::string text;
+        for (const std::string_view word : words)
+            text += (text.empty() ? "" : ", ") + std::string(word);
+        return text;
+    }
+
     const toml::table &table_;
     const std::string &file_;
 };
@@ -401,6 +408,10 @@ config parse_config(std::string_view text, const std::string &name) {
         std::ostringstream message;
         message << name << ", line " << error.source().begin.line << ": "
                 << printable(error.description());
+        // A MAC address without quotes is taken for a time.
+        if (!error.description().starts_with("Error while parsing key") &&
+            !error.description().starts_with("Error while parsing table"))
+            message << " (texts stand in quotes)";
         throw config_error(message.str());
     }
     const reader in(root, name);

@@ -6,8 +6,10 @@
 
 #include <exception>
 #include <iostream>
+#include <string_view>
 #include <sys/resource.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -18,6 +20,13 @@ void raise_descriptor_limit() {
         limit.rlim_cur = limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
+}
+
+// Which call of the kernel's comes first to a user without the rights says little to them.
+const char *remedy_for(std::string_view failure) {
+    const bool refused = failure.find("ermission") != std::string_view::npos ||
+                         failure.find("not permitted") != std::string_view::npos;
+    return refused && geteuid() != 0 ? "; run it as root" : "";
 }
 
 } // namespace
@@ -49,7 +58,7 @@ int main(int argc, char **argv) {
         }
         return avcore::session(*options, settings).run();
     } catch (const std::exception &error) {
-        std::cerr << "avcore: " << error.what() << '\n';
+        std::cerr << "avcore: " << error.what() << remedy_for(error.what()) << '\n';
         return 1;
     }
 }

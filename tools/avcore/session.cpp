@@ -428,7 +428,11 @@ void session::take(const av_verdict &verdict) {
         if (row != nullptr)
             enforcer_->judged(*row, *frame, verdict, now_ms);
     }
-    engine_ignored_ |= ignores_engine(frame->trailer(), verdict);
+    const bool ignored = ignores_engine(frame->trailer(), verdict);
+    if (!std::exchange(engine_ignored_, engine_ignored_ || ignored) && engine_missed())
+        say("the daemon does without the DPI engine, and names flows less well: it asks once, at "
+            "its "
+            "start, when avcore has to be there; start it again");
 }
 
 void session::take(const syslog_line &line) {
@@ -537,6 +541,10 @@ void session::end_report(const char *failure) {
     report_written_ = report_written_ && failure == nullptr;
 }
 
+bool session::engine_missed() const {
+    return builder_.has_engine() && !engine_asked_ && engine_ignored_;
+}
+
 std::string session::totals_text() {
     const flow_table &flows = builder_.flows();
     const totals totals = {source_.counts(),
@@ -547,7 +555,7 @@ std::string session::totals_text() {
                            refused_safe_search_,
                            agent_.counts(),
                            switches_,
-                           builder_.has_engine() && !engine_asked_ && engine_ignored_,
+                           engine_missed(),
                            builder_.counts(),
                            enforcer_ ? enforcer_->refused_writes() : 0};
     std::ostringstream out;

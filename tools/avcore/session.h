@@ -70,6 +70,7 @@ private:
     void continue_report();
     void end_report(const char *failure); // null: none
     std::string totals_text();
+    bool engine_missed() const; // the DPI engine is there, and a daemon showed that it does without
 
     const options &options_;
     config settings_;

@@ -56,7 +56,8 @@ struct rate : number<> {
     static void read(const node &from, T &to) {
         to = static_cast<T>(
             number_in(from, LEAST<T>, MOST<T>,
-                      "; rate_unit of [enforce] in avcore's configuration makes the unit larger"));
+                      "; the unit is kbit/s, or a larger one by rate_unit of [enforce] in avcore's "
+                      "configuration"));
     }
 };
 

@@ -8,6 +8,7 @@ namespace jornctl {
 namespace {
 
 constexpr char DELETE_CHARACTER = 0x7F;
+constexpr size_t LISTED_MAX = 32; // more words, as web categories have, bury the message
 
 bool is_control(char c) {
     return static_cast<unsigned char>(c) < ' ' || c == DELETE_CHARACTER;
@@ -83,7 +84,7 @@ int64_t number_in(const node &from, int64_t min, int64_t max, const char *remedy
     if (!is_whole || is_huge || number < min || number > max)
         from.refuse("is " + from.described() + "; it must be a whole number from " +
                     std::to_string(min) + " to " + std::to_string(max) +
-                    (is_huge || number > max ? remedy : ""));
+                    (!is_whole || is_huge || number > max ? remedy : ""));
     return number;
 }
 
@@ -127,7 +128,9 @@ void refuse_number_or_word(const node &from, int64_t min, int64_t max,
     const std::vector<std::string> known = texts_of(words);
     from.refuse("is " + from.described() + did_you_mean(string_in(from), known) +
                 "; it must be a whole number from " + std::to_string(min) + " to " +
-                std::to_string(max) + " or one of " + joined(known));
+                std::to_string(max) + " or " +
+                (known.size() > LISTED_MAX ? "a name that `jornctl categories` prints"
+                                           : "one of " + joined(known)));
 }
 
 uint32_t address_in(const node &from) {

@@ -47,7 +47,7 @@ struct file_format {
 };
 
 std::string string_in(const node &from);
-// `remedy` is said of a number that is too large.
+// `remedy` is said of what is too large, or no whole number.
 int64_t number_in(const node &from, int64_t min, int64_t max, const char *remedy = "");
 ordered_json number_schema(int64_t min, int64_t max);
 bool flag_in(const node &from); // true or false; 1 and 0, as the daemon prints them, too

@@ -47,11 +47,15 @@ void daemon_watch::look(bool link_down, int64_t now_ms) {
         return;
     gate_.beat();
     next_beat_ms_ = now_ms + BEAT_MS;
+    for (const std::string &name : gate_.taken_away())
+        say_("the gate at " + name +
+             " was taken away: what passes there isn't judged until avcore is started again");
     tell_shortages(now_ms);
 }
 
 bool daemon_watch::answered(int64_t now_ms) {
     decides(true, now_ms);
+    has_answered_ = true;
     return std::exchange(may_be_new_, false);
 }
 
@@ -62,12 +66,13 @@ void daemon_watch::decides(bool does, int64_t now_ms) {
     gate_.ask_although_unattended(!does);
     if (!does) {
         has_left_ = true;
-        say_("the daemon is gone: the gate is told so, and waits for it");
+        say_(std::string(has_answered_ ? "the daemon is gone" : "no daemon answers yet") +
+             ": the gate is told so, and waits for it");
         feeder_.link_lost(now_ms);
         return;
     }
     if (has_left_)
-        say_("the daemon is back");
+        say_(has_answered_ ? "the daemon is back" : "the daemon is there");
     lost_.told = gate_.counts()[lost_.which]; // nobody took the others, for nobody was there
 }
 

@@ -1,5 +1,6 @@
 // The watch over who decides: it tells the gate, once a second, for as long as a daemon does, and
-// the log when the daemon leaves or is back and when copies of packets don't reach it.
+// the log when the daemon leaves or is back, when copies of packets don't reach it and when the
+// gate itself is gone.
 //
 // A daemon that answers, or that has come to the channel, decides; one that has left, lets a frame
 // wait for a second or can't be shown any, for the link to it is down, doesn't. The session has it
@@ -52,8 +53,9 @@ private:
     const channel_server &channel_;
     feeder &feeder_;
     say_function say_;
-    bool somebody_decides_;   // as far as has shown
-    bool has_left_ = false;   // once, or it was silent
+    bool somebody_decides_; // as far as has shown
+    bool has_left_ = false; // once, or it was silent
+    bool has_answered_ = false;
     bool may_be_new_ = false; // whoever sends the next verdict
     size_t connections_ = 0;  // at the last look
     uint64_t connects_ = 0;   // until then

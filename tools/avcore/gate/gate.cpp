@@ -268,7 +268,8 @@ void set_up(const std::string &pins, const std::vector<std::string> &interfaces)
         indices.push_back(ethernet_interface(name));
     beginnings begun;
     begun.pins = pins;
-    begun.pins_are_new = !std::filesystem::exists(layout_folder(pins));
+    std::error_code error; // that it can't be looked at shows when it is made
+    begun.pins_are_new = !std::filesystem::exists(layout_folder(pins), error);
     make_pins(pins);
     const unique_fd lock = lock_beside(pins);
     const object_owner object = open_object();
@@ -431,6 +432,10 @@ int gate::interfaces_fd() const {
 
 std::vector<std::string> gate::interfaces() const {
     return parts_->places.names();
+}
+
+std::vector<std::string> gate::taken_away() {
+    return parts_->places.taken_away();
 }
 
 const std::string &gate::interface_of(uint32_t if_index) {

@@ -53,6 +53,7 @@ public:
     interface_news follow_interfaces();
     bool misses_interfaces() const; // an attempt failed: it is to be made again, in a second
     std::vector<std::string> interfaces() const; // where it is attached in this run
+    std::vector<std::string> taken_away();       // from which of them, since the last call
     // What rules know the interface of a copy by: the access point's, where it is one for single
     // stations. Empty where the interface is gone.
     const std::string &interface_of(uint32_t if_index);

@@ -34,6 +34,9 @@ int gate::interfaces_fd() const {
 std::vector<std::string> gate::interfaces() const {
     return {};
 }
+std::vector<std::string> gate::taken_away() {
+    return {};
+}
 const std::string &gate::interface_of(uint32_t) {
     static const std::string none;
     return none;

@@ -30,6 +30,14 @@ unique_fd open_changes() {
     return fd;
 }
 
+bool stands_at(unsigned index) {
+    try {
+        return gate_at(index, tc_side::ingress) && gate_at(index, tc_side::egress);
+    } catch (const std::runtime_error &) { // another program is there, or it goes this moment
+        return false;
+    }
+}
+
 std::string current_name(unsigned index) {
     char name[IF_NAMESIZE] = {};
     return if_indextoname(index, name) ? name : std::string();
@@ -153,6 +161,20 @@ void gate_places::leave(unsigned index, const station_place &place) {
     } catch (const std::runtime_error &error) {
         news_.failures.emplace_back(error.what());
     }
+}
+
+// Where an interface itself is gone, or was made anew, `follow` says so.
+std::vector<std::string> gate_places::taken_away() {
+    std::vector<std::string> names;
+    for (const auto &[name, index] : named_) {
+        if (index == 0 || index != if_nametoindex(name.c_str()))
+            continue;
+        if (stands_at(index))
+            without_gate_.erase(name);
+        else if (without_gate_.insert(name).second)
+            names.push_back(name);
+    }
+    return names;
 }
 
 std::vector<std::string> gate_places::names() const {

@@ -31,6 +31,8 @@ public:
     interface_news follow();
     bool misses_some() const { return misses_some_; } // and wants to be called again, unasked
 
+    // Where it was named to stand and somebody took it away since the last call: a teardown, or tc.
+    std::vector<std::string> taken_away();
     std::vector<std::string> names() const; // of all
     // By which rules know it: for one of stations that of the access point. Empty where the kernel
     // doesn't know the interface, or no longer.
@@ -58,6 +60,7 @@ private:
     std::map<std::string, unsigned> named_; // their indices; 0 while there is none
     std::map<unsigned, station_place> stations_;
     std::map<unsigned, std::string> names_; // of those that were asked for or taken
+    std::set<std::string> without_gate_;    // which was told
     interface_news news_;                   // since the last call
     bool misses_some_ = false;
     std::set<std::string> told_; // complaints, as long as some are missed
