@@ -111,7 +111,7 @@ TEST_F(AvcoreLists, TakeWhatIsPublishedAndCountTheRest) {
         category_list::read({odd + "=real estate"})
             .remarks()
             .at(0)
-            .find(": 1 domains of category 1 (Real Estate); lines passed over: 2, first line 1"),
+            .find(": 1 domain of category 1 (Real Estate); lines passed over: 2, first line 1"),
         std::string::npos);
 }
 

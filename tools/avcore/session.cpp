@@ -486,7 +486,8 @@ void session::explain_waiting(int64_t now_ms) {
         now_ms - first_frame_ms_ < EXPLAIN_AFTER_MS)
         return;
     waiting_explained_ = true;
-    say("waiting for a daemon to answer the first frame");
+    if (!gate_ || settings_.enforce.rules.fail_closed) // else the watch has said it
+        say("waiting for a daemon to answer the first frame");
 }
 
 void session::explain_link_type() {
