@@ -67,7 +67,7 @@ WRONG = [
     (in_utp(id=2**64 - 1), "/utps/0/id", "is 18446744073709551615"),
     (in_utp(id="1"), "/utps/0/id", 'is "1"; it must be a whole number'),
     (in_utp(id=True), "/utps/0/id", "is true; it must be a whole number"),
-    (in_rule(rate_up=65536), RULE + "/rate_up", "0 to 65535; rate_unit of [enforce]"),
+    (in_rule(rate_up=65536), RULE + "/rate_up", "0 to 65535; the unit is kbit/s, or a larger"),
     (in_rule(cat_id="Games"), RULE + "/cat_id", '"Games"; it must be a whole number from 0 to 65535'),
     (in_rule(deny=2), RULE + "/deny", "true or false"),
     # Texts.
@@ -109,7 +109,7 @@ WRONG = [
     (in_application(protocol=6), APP + "/protocol", "one of tcp, udp"),
     # Web filtering.
     (in_web_policy(categories=["Gamblig"]), WEB + "/categories/0",
-     'is "Gamblig" (did you mean "Gambling"?); it must be a whole number from 0 to 65535 or one of '),
+     'is "Gamblig" (did you mean "Gambling"?); it must be a whole number from 0 to 65535 or a name '),
     (in_web_policy(categories=[1] * 84), WEB + "/categories", "83 have room"),
     (in_web_policy(whitelist=["a", ""]), WEB + "/whitelist/1", "is empty"),
     (in_web_policy(blacklist=["a,b"]), WEB + "/blacklist/0", 'one of ";,"'),
