@@ -436,11 +436,14 @@ TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
         const auto pseudo = [&](const octets &segment) {
             return sides + be16(6) + be16(segment.size());
         };
-        const auto packet = [&](octets segment, uint16_t checksum) {
+        const auto packet = [&](octets segment, uint16_t checksum, bool harmed = false) {
             segment.replace(16, 2, be16(checksum));
             const octets head = octets{0x60, 0, 0, 0} + be16(segment.size()) + octets{6, 64};
-            return six ? ethernet(0x86DD, head + sides + segment)
-                       : ethernet(0x0800, ipv4(6, segment));
+            if (six)
+                return ethernet(0x86DD, head + sides + segment);
+            octets whole = ipv4(6, segment);
+            whole.replace(10, 2, be16(uint16_t(~sum_of(whole.substr(0, 20)) + harmed)));
+            return ethernet(0x0800, whole);
         };
         const auto build = [&](const octets &frame, uint16_t segment_size = 0) {
             gate_copy copy = {};
@@ -453,6 +456,7 @@ TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
         const octets damaged = packet(junk, uint16_t(right(junk) + 1));
         for (unsigned i = 0; i < 40; ++i)
             ASSERT_EQ(build(damaged).number_in_flow, 0u);
+        EXPECT_TRUE(six || build(packet(junk, right(junk), true)).number_in_flow == 0u);
         const octets shown = tcp(1000, 443, bytes(record.begin(), record.end()));
         const fed_frame named = build(packet(shown, right(shown)));
         EXPECT_STREQ(named.trailer().dpi_app_name, "YouTube");

@@ -42,7 +42,7 @@ struct frame_facts {
     bool ipv4 = false;
     bool redirects = false;               // the daemon may learn an address from it
     std::optional<bool> sender_is_client; // where the capture tells
-    bool is_damaged = false; // no host takes it: the sum of its TCP segment doesn't hold
+    bool is_damaged = false; // no host takes it: a sum of its TCP segment's doesn't hold
     // Of UDP's payload in each datagram, where the capture tells that several were joined; else 0.
     uint16_t segment_size = 0;
 };

@@ -49,10 +49,12 @@ bool has_damaged_segment(std::span<const uint8_t> frame) {
     }
     const std::span<const uint8_t> bytes = ipv4_packet(frame);
     const byte_view packet(bytes.data(), bytes.size());
+    if (packet.u8(9) != IPPROTO_TCP)
+        return false;
+    const size_t header_size = (packet.u8(0) & 0x0Fu) * size_t{4};
     const bool is_whole = packet.u16(2) == packet.size() && (packet.u16(6) & FRAGMENT_MASK) == 0;
-    return is_whole && packet.u8(9) == IPPROTO_TCP &&
-           is_damaged(sum_of(packet.from(12).first(8)),
-                      packet.from((packet.u8(0) & 0x0Fu) * size_t{4}));
+    return folded(sum_of(packet.first(header_size))) != ZERO ||
+           (is_whole && is_damaged(sum_of(packet.from(12).first(8)), packet.from(header_size)));
 }
 
 } // namespace avcore
