@@ -55,24 +55,24 @@ void daemon_watch::look(bool link_down, int64_t now_ms) {
 
 bool daemon_watch::answered(int64_t now_ms) {
     decides(true, now_ms);
-    has_answered_ = true;
     return std::exchange(may_be_new_, false);
 }
 
 void daemon_watch::decides(bool does, int64_t now_ms) {
+    const bool has_come = std::exchange(has_come_, has_come_ || does);
     if (std::exchange(somebody_decides_, does) == does)
         return;
     next_beat_ms_ = does ? now_ms : NEVER_MS;
     gate_.ask_although_unattended(!does);
     if (!does) {
         has_left_ = true;
-        say_(std::string(has_answered_ ? "the daemon is gone" : "no daemon answers yet") +
+        say_(std::string(has_come ? "the daemon is gone" : "no daemon answers yet") +
              ": the gate is told so, and waits for it");
         feeder_.link_lost(now_ms);
         return;
     }
     if (has_left_)
-        say_(has_answered_ ? "the daemon is back" : "the daemon is there");
+        say_(has_come ? "the daemon is back" : "the daemon is there");
     lost_.told = gate_.counts()[lost_.which]; // nobody took the others, for nobody was there
 }
 

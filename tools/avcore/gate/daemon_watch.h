@@ -55,7 +55,7 @@ private:
     say_function say_;
     bool somebody_decides_; // as far as has shown
     bool has_left_ = false; // once, or it was silent
-    bool has_answered_ = false;
+    bool has_come_ = false;
     bool may_be_new_ = false; // whoever sends the next verdict
     size_t connections_ = 0;  // at the last look
     uint64_t connects_ = 0;   // until then
