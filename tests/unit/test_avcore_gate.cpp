@@ -213,11 +213,15 @@ TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
 
     gate_flow fragments = copy.head.flow;
     fragments.client_port_be = fragments.server_port_be = 0;
-    fragments.proto = GATE_PROTO_FRAGMENTS;
+    fragments.proto = 0;
+    fragments.fragments = 1;
     slow.flags = 0;
     ASSERT_TRUE(at.decide(fragments, slow));
     const octets later = ethernet(0x0800, ipv4(6, octets(8, 0), {.fragment = 1}));
     EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_LIMITED});
+    for (const uint8_t protocol : {uint8_t{0}, uint8_t{255}})
+        EXPECT_EQ(fate(at, ethernet(0x0800, ipv4(protocol, octets(8, 0)))),
+                  std::vector<int>{GATE_COUNT_EXCESS});
     at.next_generation();
     EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_FRAGMENT});
 

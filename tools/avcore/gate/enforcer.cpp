@@ -254,7 +254,8 @@ void enforcer::write(const flow_row &row, row_enforcement::side side, const gate
         return;
     gate_flow fragments = state.flows[side];
     fragments.client_port_be = fragments.server_port_be = 0;
-    fragments.proto = GATE_PROTO_FRAGMENTS;
+    fragments.proto = 0;
+    fragments.fragments = 1;
     refused_writes_ += !gate_.decide(fragments, verdict);
 }
 

@@ -898,7 +898,8 @@ static __noinline int judge_error(struct __sk_buff *skb, const struct packet *pa
 static __always_inline int pass_fragment(struct __sk_buff *skb, const struct packet *packet,
                                          const struct gate_settings *set) {
     struct gate_flow pair = packet->flow;
-    pair.proto = GATE_PROTO_FRAGMENTS;
+    pair.proto = 0;
+    pair.fragments = 1;
     const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &pair);
     if (verdict && verdict->generation == set->generation) {
         const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];

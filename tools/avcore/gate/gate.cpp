@@ -305,7 +305,7 @@ void count_verdicts(int fd, uint64_t (&verdicts)[3]) {
             return;
         for (uint32_t i = 0; i < count; i++) {
             const bool final = (found[i].flags & GATE_NOT_YET_FINAL) == 0;
-            if (flows[i].proto != GATE_PROTO_FRAGMENTS && found[i].action < std::size(verdicts))
+            if (flows[i].fragments == 0 && found[i].action < std::size(verdicts))
                 verdicts[final ? found[i].action : 0]++;
         }
     }

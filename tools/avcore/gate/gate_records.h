@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v5"
+#define GATE_LAYOUT "v6"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -41,14 +41,12 @@ struct gate_flow {
     __u8 server[16];
     __u16 client_port_be;
     __u16 server_port_be;
-    __u8 proto; /* behind IPv6's extension headers */
-    __u8 reserved[3];
+    __u8 proto;     /* behind IPv6's extension headers */
+    __u8 fragments; /* 1: the pair's later fragments, which show neither ports nor, in IPv6, the
+                       protocol: both are 0 */
+    __u8 reserved[2];
 };
 GATE_SIZE(gate_flow, 40);
-
-/* What stands for the protocol where the verdict is that on a pair's later fragments, which show
- * neither ports nor, in IPv6, the protocol. IANA keeps it reserved. */
-#define GATE_PROTO_FRAGMENTS 255
 
 enum gate_action { GATE_PASS = 1, GATE_DENY = 2 };
 
