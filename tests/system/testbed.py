@@ -255,9 +255,18 @@ class Record:
         return len(self.items)
 
     def wait(self, wanted, *, since=0, timeout=DEADLINE):
-        """The first item from `since` on that `wanted` accepts."""
-        return self._wait(lambda: next(((item,) for item in self.items[since:] if wanted(item)), ()),
-                          timeout, since)[0]
+        """The first item from `since` on that `wanted` accepts, which is asked once about each."""
+        looked_at = since
+
+        def find():
+            nonlocal looked_at
+            while looked_at < len(self.items):
+                looked_at += 1
+                if wanted(self.items[looked_at - 1]):
+                    return (self.items[looked_at - 1],)
+            return ()
+
+        return self._wait(find, timeout, since)[0]
 
     def wait_length(self, length, *, timeout=DEADLINE):
         self._wait(lambda: len(self.items) >= length, timeout)
