@@ -117,6 +117,13 @@ TEST(AvcoreLimits, ABucketIsItsOwnersUntilAllAreTaken) {
     EXPECT_TRUE(book.place_of(video, 2000).changed);
     EXPECT_EQ(book.place_of(down, 1).bucket, second); // chat's, asked for longest ago
     EXPECT_TRUE(book.place_of(video, 2000).bucket == first && book.place_of(chat, 9).changed);
+
+    limit_book larger(9);
+    for (const bool round : {false, true, false, true}) {
+        ++chat.flow;
+        EXPECT_EQ(larger.place_of(chat, 1000).judge_anew, round);
+        EXPECT_FALSE(larger.place_of(chat, 1000).judge_anew);
+    }
 }
 
 frame_facts tcp_frame(const char *from, uint16_t from_port, const char *to, uint16_t to_port) {

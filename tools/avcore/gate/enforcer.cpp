@@ -223,6 +223,8 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner own
     // Also when it waits in a queue: the settings may change, the book's entry is told once.
     if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
         ++refused_writes_;
+    if (place.judge_anew)
+        gate_.next_generation();
     verdict.bucket[direction] = place.bucket;
     const bool final = (verdict.flags & GATE_NOT_YET_FINAL) == 0;
     if (final && settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {

@@ -8,6 +8,7 @@ namespace {
 
 constexpr uint64_t SMALLEST_BURST = 65'536;
 constexpr uint64_t BURSTS_A_SECOND = 5;
+constexpr uint32_t ROUND_PARTS = 4;
 
 } // namespace
 
@@ -24,7 +25,7 @@ limit_book::place limit_book::place_of(const limit_owner &owner, uint64_t bytes_
         entries_.splice(entries_.begin(), entries_, known->second);
         const bool changed = found.bytes_per_second != bytes_per_second;
         found.bytes_per_second = bytes_per_second;
-        return {found.bucket, changed};
+        return {found.bucket, changed, false};
     }
     auto bucket = static_cast<uint32_t>(1 + (first_ + entries_.size()) % (buckets_ - 1));
     if (entries_.size() + 1 >= buckets_) {
@@ -34,7 +35,10 @@ limit_book::place limit_book::place_of(const limit_owner &owner, uint64_t bytes_
     }
     entries_.push_front({owner, bucket, bytes_per_second});
     index_.emplace(owner, entries_.begin());
-    return {bucket, true};
+    const bool judge_anew = ++handed_out_ >= buckets_ / ROUND_PARTS;
+    if (judge_anew)
+        handed_out_ = 0;
+    return {bucket, true, judge_anew};
 }
 
 } // namespace avcore

@@ -1,7 +1,9 @@
 // The rate limits in force: which bucket of the gate a flow's limit is.
 //
 // Bounded: when all buckets are in use the one that was asked for longest ago is given to another
-// limit, and the flows that still refer to it share that one until their next verdict.
+// limit. A flow that still refers to it would be under that one, at its rate. So all flows are to
+// be judged anew whenever a quarter of the buckets was handed out: the limits of those that send
+// are asked for again long before their turn comes, and the others have no valid verdict any more.
 //
 // Pinned verdicts of an earlier run refer to buckets as well. So the first one is anywhere, or each
 // run would begin with the buckets of the last one's first flows.
@@ -42,7 +44,8 @@ public:
 
     struct place {
         uint32_t bucket;
-        bool changed; // its limit has to be told to the gate
+        bool changed;    // its limit has to be told to the gate
+        bool judge_anew; // all flows
     };
     place place_of(const limit_owner &owner, uint64_t bytes_per_second);
 
@@ -54,6 +57,7 @@ private:
     };
     uint32_t buckets_;
     uint32_t first_;
+    uint32_t handed_out_ = 0;  // since all flows were last to be judged anew
     std::list<entry> entries_; // the one asked for last at the front
     std::map<limit_owner, std::list<entry>::iterator> index_;
 };
