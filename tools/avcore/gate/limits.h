@@ -3,7 +3,8 @@
 // Bounded: when all buckets are in use the one that was asked for longest ago is given to another
 // limit. A flow that still refers to it would be under that one, at its rate. So all flows are to
 // be judged anew whenever a quarter of the buckets was handed out: the limits of those that send
-// are asked for again long before their turn comes, and the others have no valid verdict any more.
+// are asked for again long before their turn comes, and the next packet of any other brings a new
+// verdict.
 //
 // Pinned verdicts of an earlier run refer to buckets as well. So the first one is anywhere, or each
 // run would begin with the buckets of the last one's first flows.
