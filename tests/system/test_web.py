@@ -257,7 +257,7 @@ class Decision(WebTest):
         command(WEB_POLICY, web_policy("more"))
         self.jorn.wait_line("web policy  is refused: there are 1024")
         command(WEB_INTF, web_binding("if0", "none"))  # one that is there is replaced
-        # Behind 1024 messages about interfaces the platform's answer may come too late.
+        # Behind thousands of messages about interfaces the platform's answer may come too late.
         wait_until(lambda: self.get("q", src_if_name="if0") == web_flow(""))
         self.assertEqual(self.get("q", src_if_name="if1023").deny, 1)
 
