@@ -24,7 +24,7 @@ std::string_view field_text(const char (&field)[N]) {
 template <size_t N>
 void copy_text(char (&field)[N], std::string_view text) {
     const size_t length = std::min(text.substr(0, text.find('\0')).size(), N - 1);
-    memcpy(field, text.data(), length);
+    text.copy(field, length); // of no text, too, which may lie nowhere
     memset(field + length, 0, N - length);
 }
 
