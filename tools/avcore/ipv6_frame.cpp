@@ -1,5 +1,6 @@
 #include "avcore/ipv6_frame.h"
 
+#include "avcore/internet_sum.h"
 #include "packet/decode/cursor.h"
 
 #include <algorithm>
@@ -92,14 +93,6 @@ void put(uint8_t *to, size_t value) {
     to[1] = static_cast<uint8_t>(value);
 }
 
-uint16_t checksum(const std::array<uint8_t, IPV4_HEADER_SIZE> &header) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < header.size(); i += 2)
-        sum += static_cast<uint32_t>(header[i] << 8 | header[i + 1]);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    return static_cast<uint16_t>(~(sum + (sum >> 16)));
-}
-
 void write_link(const ipv6_packet &packet, size_t total_size, std::vector<uint8_t> &frame) {
     frame.assign(packet.link.begin(), packet.link.end());
     uint8_t *end = frame.data() + frame.size();
@@ -167,7 +160,8 @@ void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t desti
     header[9] = icmp ? uint8_t{IPPROTO_ICMP} : packet.protocol;
     memcpy(&header[12], &source_be, sizeof source_be);
     memcpy(&header[16], &destination_be, sizeof destination_be);
-    put(&header[10], checksum(header));
+    const uint16_t sum = folded(internet_sum({header.data(), header.size()}));
+    put(&header[10], static_cast<uint16_t>(~sum));
 
     write_link(packet, total_size, frame);
     frame.insert(frame.end(), header.begin(), header.end());

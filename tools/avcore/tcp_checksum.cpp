@@ -1,6 +1,7 @@
 #include "avcore/tcp_checksum.h"
 
 #include "avcore/frame.h"
+#include "avcore/internet_sum.h"
 #include "avcore/ipv6_frame.h"
 #include "packet/decode/cursor.h"
 
@@ -13,28 +14,15 @@ constexpr size_t CHECKSUM_OFFSET = 16;
 constexpr uint16_t ZERO = 0xFFFF;          // what everything together comes to
 constexpr uint16_t FRAGMENT_MASK = 0x3FFF; // more of them, or an offset
 
-// Of words of 16 bits, the last one completed with zeros (RFC 1071).
-uint64_t sum_of(byte_view bytes) {
-    uint64_t sum = 0;
-    for (size_t i = 0; i < bytes.size(); i += 2)
-        sum += bytes.u16(i);
-    return sum;
-}
-
-uint16_t folded(uint64_t sum) {
-    while (sum >> 16 != 0)
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    return static_cast<uint16_t>(sum);
-}
-
 bool is_damaged(uint64_t addresses, byte_view segment) {
     const uint16_t pseudo_header = folded(addresses + IPPROTO_TCP + segment.size());
-    return segment.holds(CHECKSUM_OFFSET + 2) && folded(pseudo_header + sum_of(segment)) != ZERO &&
+    return segment.holds(CHECKSUM_OFFSET + 2) &&
+           folded(pseudo_header + internet_sum(segment)) != ZERO &&
            segment.u16(CHECKSUM_OFFSET) != pseudo_header;
 }
 
 uint64_t sum_of(const ip_address &address) {
-    return sum_of({address.octets().data(), address.octets().size()});
+    return internet_sum({address.octets().data(), address.octets().size()});
 }
 
 } // namespace
@@ -53,8 +41,9 @@ bool has_damaged_segment(std::span<const uint8_t> frame) {
         return false;
     const size_t header_size = (packet.u8(0) & 0x0Fu) * size_t{4};
     const bool is_whole = packet.u16(2) == packet.size() && (packet.u16(6) & FRAGMENT_MASK) == 0;
-    return folded(sum_of(packet.first(header_size))) != ZERO ||
-           (is_whole && is_damaged(sum_of(packet.from(12).first(8)), packet.from(header_size)));
+    return folded(internet_sum(packet.first(header_size))) != ZERO ||
+           (is_whole &&
+            is_damaged(internet_sum(packet.from(12).first(8)), packet.from(header_size)));
 }
 
 } // namespace avcore
