@@ -37,8 +37,6 @@ constexpr traffic_class TRAFFIC_CLASSES[] = {
 };
 // Wi-Fi drivers take a packet's priority from here on for its user priority.
 constexpr uint32_t PRIORITY_OF_USER_PRIORITY = 256;
-// Priorities from here on are the handles of queues' classes.
-constexpr uint32_t QUEUES = 0x10000;
 
 // Whether this frame's verdict may decide: until the engine is through the name may change.
 bool is_late_enough(const flow_row &row, const fed_frame &frame) {
@@ -106,14 +104,21 @@ std::string policy_of(const fed_frame &frame, const av_verdict &verdict) {
            (of_client ? ", the client's" : ", the server's");
 }
 
+// What has no name has an address for one, and a client chooses how many of those it asks.
+bool is_unnamed(std::string_view name) {
+    return name.empty() || ip_address::parse(std::string(name));
+}
+
+bool is_rate(uint16_t rate) {
+    return rate != 0 && rate != NO_RATE;
+}
+
 limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::string_view name,
                      const av_qos &qos) {
     limit_owner owner;
     owner.client = row.client.mac;
-    // What has no name has an address for one, and a client chooses how many of those it asks.
-    const bool unnamed = name.empty() || ip_address::parse(std::string(name));
-    if (share == enforce_settings::sharing::client ||
-        (unnamed && share == enforce_settings::sharing::application)) {
+    using sharing = enforce_settings::sharing;
+    if (share == sharing::client || (share == sharing::application && is_unnamed(name))) {
         owner.rates = {qos.ratelimit_up, qos.ratelimit_down};
         return owner;
     }
@@ -124,7 +129,8 @@ limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::
 }
 
 bool is_limited(const gate_verdict &verdict) {
-    const bool waits = (verdict.flags & GATE_SET_PRIORITY) != 0 && verdict.priority >= QUEUES;
+    const bool waits =
+        (verdict.flags & GATE_SET_PRIORITY) != 0 && shaper::is_queue(verdict.priority);
     return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0 || waits;
 }
 
@@ -215,7 +221,7 @@ void enforcer::interfaces_changed() {
 
 void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                      gate_direction direction, uint16_t rate) {
-    if (rate == 0 || rate == NO_RATE)
+    if (!is_rate(rate))
         return;
     owner.direction = direction;
     const uint64_t bytes_per_second = rate * settings_.bytes_per_rate_unit;
@@ -241,6 +247,8 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner own
 void enforcer::mark_and_limit(gate_verdict &verdict, const flow_row &row, const av_qos &qos,
                               std::string_view name) {
     mark(verdict, qos);
+    if (!is_rate(qos.ratelimit_up) && !is_rate(qos.ratelimit_down))
+        return;
     const limit_owner owner = owner_of(settings_.share, row, name, qos);
     limit(verdict, row, owner, GATE_UP, qos.ratelimit_up);
     limit(verdict, row, owner, GATE_DOWN, qos.ratelimit_down);

@@ -13,8 +13,7 @@
 namespace avcore {
 namespace {
 
-constexpr uint32_t MAJOR = 0xA40C;
-constexpr char ROOT[] = "a40c:";
+constexpr char ROOT[] = "a40c:"; // shaper::MAJOR
 constexpr uint32_t NO_BUCKET = GATE_BUCKETS;
 constexpr uint64_t SMALLEST_QUEUE = 15'140; // ten full frames
 constexpr uint64_t QUEUES_A_SECOND = 10;
