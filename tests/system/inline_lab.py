@@ -128,7 +128,7 @@ class Arrivals:
         while self._open:
             try:
                 record, ((_, _, stamp), *_), _, _ = self._socket.recvmsg(200, 64)
-            except TimeoutError:
+            except OSError:  # nothing came, or the interface goes
                 continue
             seconds, nanoseconds = struct.unpack("=qq", stamp)
             if packet := parse(record, seconds + nanoseconds / 1e9):
