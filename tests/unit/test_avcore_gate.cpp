@@ -2,7 +2,6 @@
 // as root in namespaces of its own.
 #include "avcore/frame_builder.h"
 #include "avcore/gate/gate.h"
-#include "avcore/gate/netlink.h"
 #include "avcore/gate/places.h"
 #include "support/frames.h"
 
@@ -13,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
 #include <linux/if_packet.h>
 #include <linux/nl80211.h>
 #include <map>
@@ -398,10 +398,11 @@ TEST(AvcoreStations, AreOfTheAccessPointWithTheirRadioAndAddress) {
     for (size_t at = 0; at < RADIO.size(); at += 2)
         bytes.push_back(std::byte(std::stoi(std::string(RADIO.substr(at, 2)), nullptr, 16)));
     wireless_list list;
-    each_message(bytes.data(), bytes.size(), [&](const nlmsghdr &message) {
-        if (const auto found = wireless_interface_in(message))
+    auto left = static_cast<int>(bytes.size());
+    for (auto *message = static_cast<const nlmsghdr *>(static_cast<void *>(bytes.data()));
+         mnl_nlmsg_ok(message, left); message = mnl_nlmsg_next(message, &left))
+        if (const auto found = wireless_interface_in(*message))
             list.push_back(*found);
-    });
     const std::array<uint8_t, 6> mac = {2, 0, 0, 0, 0, 0};
     const std::array<uint8_t, 6> other = {2, 0, 0, 0, 0, 1};
     EXPECT_EQ(list, (wireless_list{{11, 0, NL80211_IFTYPE_MONITOR, mac},

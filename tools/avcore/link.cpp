@@ -1,56 +1,26 @@
 #include "avcore/link.h"
 
-#include "unique_fd.h"
+#include "avcore/netlink.h"
 
-#include <array>
-#include <cstddef>
-#include <cstring>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/socket.h>
 
 namespace avcore {
 namespace {
 
-struct link_request {
-    nlmsghdr head;
-    ifinfomsg link;
-    rtattr name_head;
-    char name[IFNAMSIZ];
-};
-
-link_request request_for(const std::string &name) {
-    link_request request = {};
-    request.head.nlmsg_len = sizeof request;
-    request.head.nlmsg_type = RTM_GETLINK;
-    request.head.nlmsg_flags = NLM_F_REQUEST;
-    request.name_head.rta_type = IFLA_IFNAME;
-    request.name_head.rta_len = RTA_LENGTH(sizeof request.name);
-    memcpy(request.name, name.data(), name.size());
-    return request;
-}
-
-template <typename Value>
-void take(const rtattr &attribute, Value &value) {
-    if (RTA_PAYLOAD(&attribute) >= sizeof value)
-        memcpy(&value, RTA_DATA(&attribute), sizeof value);
-}
-
-link_facts facts_in(nlmsghdr &message) {
-    auto *link = static_cast<ifinfomsg *>(NLMSG_DATA(&message));
+link_facts facts_in(const nlmsghdr &message, const ifinfomsg &link) {
     link_facts facts;
-    facts.index = link->ifi_index;
-    facts.running = (link->ifi_flags & IFF_RUNNING) != 0;
-    auto left = static_cast<int>(IFLA_PAYLOAD(&message));
-    for (rtattr *attribute = IFLA_RTA(link); RTA_OK(attribute, left);
-         attribute = RTA_NEXT(attribute, left)) {
-        if (attribute->rta_type == IFLA_LINK)
-            take(*attribute, facts.lower);
-        else if (attribute->rta_type == IFLA_LINK_NETNSID)
+    facts.index = link.ifi_index;
+    facts.running = (link.ifi_flags & IFF_RUNNING) != 0;
+    each_attribute(message, sizeof link, [&](const nlattr &attribute) {
+        const uint16_t type = mnl_attr_get_type(&attribute);
+        if (type == IFLA_LINK)
+            read(attribute, facts.lower);
+        else if (type == IFLA_LINK_NETNSID)
             facts.far = true;
-        else if (attribute->rta_type == IFLA_CARRIER_DOWN_COUNT)
-            take(*attribute, facts.times_down);
-    }
+        else if (type == IFLA_CARRIER_DOWN_COUNT)
+            read(attribute, facts.times_down);
+    });
     return facts;
 }
 
@@ -59,17 +29,14 @@ link_facts facts_in(nlmsghdr &message) {
 std::optional<link_facts> look_at_link(const std::string &name) {
     if (name.empty() || name.size() >= IFNAMSIZ)
         return std::nullopt;
-    const unique_fd socket_fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    const link_request request = request_for(name);
-    alignas(nlmsghdr) std::array<std::byte, 32'768> reply;
-    if (send(socket_fd.get(), &request, sizeof request, 0) < 0)
-        return std::nullopt;
-    const ssize_t size = recv(socket_fd.get(), reply.data(), reply.size(), 0);
-    auto *message = reinterpret_cast<nlmsghdr *>(reply.data());
-    if (size < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(ifinfomsg))) ||
-        !NLMSG_OK(message, static_cast<unsigned>(size)) || message->nlmsg_type != RTM_NEWLINK)
-        return std::nullopt;
-    return facts_in(*message);
+    netlink_request question(RTM_GETLINK, 0, ifinfomsg{});
+    mnl_attr_put_strz(question.message(), IFLA_IFNAME, name.c_str());
+    std::optional<link_facts> facts;
+    netlink_ask(NETLINK_ROUTE, question, [&](const nlmsghdr &message) {
+        if (const std::optional<ifinfomsg> link = head_of<ifinfomsg>(message))
+            facts = facts_in(message, *link);
+    });
+    return facts;
 }
 
 bool are_peers(const std::string &a, const std::string &b) {

@@ -234,11 +234,13 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner own
     verdict.bucket[direction] = place.bucket;
     const bool final = (verdict.flags & GATE_NOT_YET_FINAL) == 0;
     if (final && settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
-        const uint32_t queue =
-            shaper_.priority_of(row.enforcement.if_index, place.bucket, bytes_per_second);
-        if (queue != 0) {
+        const shaper::queue queue =
+            shaper_.queue_of(row.enforcement.if_index, owner, bytes_per_second);
+        if (queue.judge_anew)
+            gate_.next_generation();
+        if (queue.priority != 0) {
             verdict.flags |= GATE_SET_PRIORITY;
-            verdict.priority = queue;
+            verdict.priority = queue.priority;
             verdict.bucket[direction] = 0;
         }
     }

@@ -1,6 +1,5 @@
 #include "avcore/gate/gate.h"
 
-#include "avcore/gate/netlink.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/places.h"
 #include "avcore/gate/traffic_control.h"

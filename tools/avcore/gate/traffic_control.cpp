@@ -1,6 +1,6 @@
 #include "avcore/gate/traffic_control.h"
 
-#include "avcore/gate/netlink.h"
+#include "avcore/netlink.h"
 #include "unique_fd.h"
 
 #include <array>
@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <linux/pkt_cls.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <stdexcept>
@@ -55,17 +57,19 @@ bool names_redirect(std::string_view options) {
     return options.find("mirred") != std::string_view::npos;
 }
 
-tc_filter filter_in(nlmsghdr &message, const tcmsg &head) {
+tc_filter filter_in(const nlmsghdr &message, const tcmsg &head) {
     tc_filter filter;
     filter.priority = head.tcm_info >> 16;
-    each_attribute(message, sizeof(tcmsg), [&](const netlink_attribute &attribute) {
-        if (attribute.type == TCA_KIND)
+    each_attribute(message, sizeof(tcmsg), [&](const nlattr &attribute) {
+        if (mnl_attr_get_type(&attribute) == TCA_KIND)
             filter.kind = text_of(attribute);
-        if (attribute.type != TCA_OPTIONS)
+        if (mnl_attr_get_type(&attribute) != TCA_OPTIONS)
             return;
-        filter.redirects = names_redirect(attribute.bytes);
-        each_attribute(attribute.bytes, [&](const netlink_attribute &option) {
-            if (filter.kind == "bpf" && option.type == TCA_BPF_NAME)
+        filter.redirects =
+            names_redirect({static_cast<const char *>(mnl_attr_get_payload(&attribute)),
+                            mnl_attr_get_payload_len(&attribute)});
+        each_nested(attribute, [&](const nlattr &option) {
+            if (filter.kind == "bpf" && mnl_attr_get_type(&option) == TCA_BPF_NAME)
                 filter.name = text_of(option);
         });
     });
@@ -77,13 +81,12 @@ bool has_clsact(unsigned if_index) {
     tcmsg request = {};
     request.tcm_ifindex = static_cast<int>(if_index);
     bool found = false;
-    netlink_dump(RTM_GETQDISC, request, [&](const nlmsghdr &message) {
-        tcmsg head;
-        if (message.nlmsg_len < NLMSG_LENGTH(sizeof head))
+    netlink_ask(NETLINK_ROUTE, {RTM_GETQDISC, NLM_F_DUMP, request}, [&](const nlmsghdr &message) {
+        const std::optional<tcmsg> head = head_of<tcmsg>(message);
+        if (!head || head->tcm_ifindex != request.tcm_ifindex)
             return;
-        memcpy(&head, NLMSG_DATA(&message), sizeof head);
-        each_attribute(message, sizeof head, [&](const netlink_attribute &attribute) {
-            if (head.tcm_ifindex == request.tcm_ifindex && attribute.type == TCA_KIND)
+        each_attribute(message, sizeof *head, [&](const nlattr &attribute) {
+            if (mnl_attr_get_type(&attribute) == TCA_KIND)
                 found = found || text_of(attribute) == "clsact";
         });
     });
@@ -99,14 +102,10 @@ unsigned ethernet_interface(const std::string &name) {
     ifinfomsg request = {};
     request.ifi_index = static_cast<int>(index);
     bool ethernet = false;
-    const auto see = [&](const nlmsghdr &message) {
-        ifinfomsg link = {};
-        if (message.nlmsg_len < NLMSG_LENGTH(sizeof link))
-            return;
-        memcpy(&link, NLMSG_DATA(&message), sizeof link);
-        ethernet = link.ifi_type == ARPHRD_ETHER;
-    };
-    netlink_dump(RTM_GETLINK, request, see, 0);
+    netlink_ask(NETLINK_ROUTE, {RTM_GETLINK, 0, request}, [&](const nlmsghdr &message) {
+        const std::optional<ifinfomsg> link = head_of<ifinfomsg>(message);
+        ethernet = link && link->ifi_type == ARPHRD_ETHER;
+    });
     if (!ethernet)
         throw std::runtime_error("the gate can't stand at " + name +
                                  ", which has no Ethernet frames");
@@ -225,13 +224,10 @@ std::vector<tc_filter> filters_at(unsigned if_index, tc_side side) {
     request.tcm_parent =
         TC_H_MAKE(TC_H_CLSACT, side == tc_side::ingress ? TC_H_MIN_INGRESS : TC_H_MIN_EGRESS);
     std::vector<tc_filter> filters;
-    netlink_dump(RTM_GETTFILTER, request, [&](nlmsghdr &message) {
-        tcmsg head;
-        if (message.nlmsg_type != RTM_NEWTFILTER || message.nlmsg_len < NLMSG_LENGTH(sizeof head))
-            return;
-        memcpy(&head, NLMSG_DATA(&message), sizeof head);
-        if (head.tcm_handle != 0) // else it is what filters of one priority hang on
-            filters.push_back(filter_in(message, head));
+    netlink_ask(NETLINK_ROUTE, {RTM_GETTFILTER, NLM_F_DUMP, request}, [&](const nlmsghdr &message) {
+        const std::optional<tcmsg> head = head_of<tcmsg>(message);
+        if (head && head->tcm_handle != 0) // else it is what filters of one priority hang on
+            filters.push_back(filter_in(message, *head));
     });
     return filters;
 }

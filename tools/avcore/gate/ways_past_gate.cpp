@@ -1,6 +1,6 @@
 #include "avcore/gate/gate.h"
-#include "avcore/gate/netlink.h"
 #include "avcore/gate/traffic_control.h"
+#include "avcore/netlink.h"
 #include "unique_fd.h"
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <linux/ethtool.h>
+#include <linux/rtnetlink.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <nlohmann/json.hpp>
@@ -81,13 +82,14 @@ void add_offload(const std::string &name, unsigned index, lines &found) {
     ifinfomsg request = {};
     request.ifi_index = static_cast<int>(index);
     const auto see = [&](const nlmsghdr &message) {
-        each_attribute(message, sizeof request, [&](const netlink_attribute &attribute) {
-            if (attribute.type == IFLA_PHYS_SWITCH_ID && !attribute.bytes.empty())
+        each_attribute(message, sizeof request, [&](const nlattr &attribute) {
+            if (mnl_attr_get_type(&attribute) == IFLA_PHYS_SWITCH_ID &&
+                mnl_attr_get_payload_len(&attribute) > 0)
                 found.push_back(name +
                                 ": a port of a switch, which forwards between its ports itself");
         });
     };
-    netlink_dump(RTM_GETLINK, request, see, 0);
+    netlink_ask(NETLINK_ROUTE, {RTM_GETLINK, 0, request}, see);
 }
 
 void add_programs(const std::string &name, unsigned index, lines &found) {
