@@ -18,7 +18,7 @@ import re
 import ssl
 import sys
 import weakref
-sys.path.insert(0, (HERE := os.path.dirname(os.path.abspath(__file__))) + "/../tests/system")
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../tests/system")
 from access_points import *
 
 CPUS = sorted(os.sched_getaffinity(0))
@@ -179,10 +179,9 @@ def main():
     os.sched_setaffinity(0, CPUS[:1])
     os.setpriority(os.PRIO_PROCESS, 0, -10)
     lay_out()
-    for address in ("10.9.0.254", *ATTACKERS):
-        run("ip", "addr", "add", address + "/24", "dev", "br0")
+    add_addresses(None, "br0", *(address + "/24" for address in ("10.9.0.254", *ATTACKERS)))
     for folder in (KEYS, FOREIGN):
-        run(f"{HERE}/../scripts/bus-keys", folder, PEER, AccessPoint(1).name)
+        run(BUS_KEYS, folder, PEER, AccessPoint(1).name)
     for secured in (False, True):
         print(f"\n{'with certificates, ms' if secured else 'without, ms':28}  median     p99     max"
               "    late  no verdict  refused  gave way  messages", flush=True)

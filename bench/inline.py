@@ -19,7 +19,6 @@ import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../tests/system"))
 from inline_lab import *  # pylint: disable=wrong-import-position
-from testbed import wait_until  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
 ALONE = "the daemon, no gate"  # its capture costs others' packets something, too
@@ -34,7 +33,7 @@ FIRST_SOURCE = 20000  # the flows' ports: one that comes again has its verdict
 QOS = {"qos": {"mark": {"kind": "both", "type": "Voice"}, "classify": "Voice"}}
 PAGE = b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n" + bytes(1000)
 ALLOWED_SITE, DENIED_SITE = ("www.open.example", SERVERS[4]), ("www.shut.example", NAMED[4])
-ON_CLIENT, ON_SERVER = (("nsenter", f"--net=/run/netns/{netns}") for netns in ("client", "server"))
+ON_CLIENT, ON_SERVER = inside("client"), inside("server")
 
 
 def busy_seconds():

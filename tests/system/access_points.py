@@ -1,29 +1,14 @@
 """Access points in namespaces of their own on one network: an avcore each, and a daemon where a
 test wants one."""
-import ctypes
-
 from testbed import *
 
 KEYS = "/tmp/keys"
 OPEN = "insecure = true\n"  # [bus] without certificates
 
 
-@contextlib.contextmanager
-def namespace(name):
-    """This thread is in the namespace, and what it opens there stays there."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    with open("/proc/thread-self/ns/net") as here, open(f"/run/netns/{name}") as there:
-        assert libc.setns(there.fileno(), 0) == 0, os.strerror(ctypes.get_errno())
-        try:
-            yield
-        finally:
-            assert libc.setns(here.fileno(), 0) == 0
-
-
 def lay_out():
     """The network that joins three of them."""
-    run("ip", "link", "add", "br0", "type", "bridge")
-    run("ip", "link", "set", "br0", "up")
+    add_bridge("br0")
     for number in (1, 2, 3):
         AccessPoint(number).lay_out()
 
@@ -41,29 +26,18 @@ class AccessPoint:
         self.process = self._reader = None
 
     def lay_out(self):
-        ip = ("ip", "-n", self.netns)
-        run("ip", "netns", "add", self.netns)
-        sysctl = ("ip", "netns", "exec", self.netns, "sysctl", "-qw")
-        run(*sysctl, "net.ipv6.conf.default.disable_ipv6=1")
+        add_namespace(self.netns)
         for end in ("in", "out"):
-            run(*ip, "link", "add", end + "0", "mtu", "65535", "type", "veth", "peer", end + "1",
-                "mtu", "65535")
-            for number in "01":
-                run(*ip, "link", "set", end + number, "arp", "off", "up")
-        run(*sysctl, "net.ipv6.conf.default.disable_ipv6=0")
-        run("ip", "link", "add", self.netns, "type", "veth", "peer", "eth0", "netns", self.netns)
-        run("ip", "link", "set", self.netns, "master", "br0", "up")
-        run(*ip, "addr", "add", self.address + "/24", "dev", "eth0")
-        run(*ip, "addr", "add", self.ipv6 + "/64", "dev", "eth0", "nodad")
-        for link in ("lo", "eth0"):
-            run(*ip, "link", "set", link, "up")
+            add_capture_pair(end + "0", end + "1", self.netns)
+        plug(self.netns, self.netns, "eth0", "br0")
+        add_addresses(self.netns, "eth0", self.address + "/24", self.ipv6 + "/64")
 
     def start(self, bus=OPEN):
         """With what `bus` has for [bus]; None is no [bus]."""
         write_file(f"/tmp/{self.netns}.toml", f'dpi = false\n[platform]\nbase_mac = "{self.name[3:]}"\n'
                    + (f"[bus]\n{bus}" if bus is not None else ""))
         self.process = subprocess.Popen(
-            ["ip", "netns", "exec", self.netns, jorn_path("avcore"), "-i", "in0", "-o", "out0",
+            [*inside(self.netns), jorn_path("avcore"), "-i", "in0", "-o", "out0",
              "-c", f"/tmp/{self.netns}.toml"],
             env=os.environ | {"JORN_BUS_SOCK": self.bus_socket, "JORN_AV_SOCK": self.av_socket,
                               "ASAN_OPTIONS": "quarantine_size_mb=1"},
@@ -106,13 +80,9 @@ class AccessPoint:
 
     def daemon(self, *options):
         """The daemon of this access point, whose /run and /writable are its own."""
-        for folder in (f"{self.folder}/run", f"{self.folder}/writable", "/writable"):
-            os.makedirs(folder, exist_ok=True)
         return Daemon(*options, "-i", "out1", before=(
-            "ip", "netns", "exec", self.netns, "env", f"JORN_BUS_SOCK={self.bus_socket}",
-            f"JORN_AV_SOCK={self.av_socket}", "sh", "-c",
-            'mount --bind "$0/writable" /writable && mount --bind "$0/run" /run && exec "$@"',
-            self.folder))
+            *with_own_folders(self.netns, self.folder), "env", f"JORN_BUS_SOCK={self.bus_socket}",
+            f"JORN_AV_SOCK={self.av_socket}"))
 
     def wait_for(self, path):
         """Until the daemon has made this path, which lies under its /run."""

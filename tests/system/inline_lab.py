@@ -2,7 +2,7 @@
 namespace, where avcore and the daemon run) and a server, each with IPv4 and IPv6.
 
     client              access point                     server
-    eth0 ------- wlan0 [routes or bridges] eth0 ------- eth0, over scripts/slow-wire where a test wants it
+    eth0 ------- wlan0 [routes or bridges] eth0 ------- eth0, far away where a test wants it
 
 What is asserted is what arrives at the far side's interface.
 """
@@ -12,7 +12,6 @@ import sys
 import unittest
 from typing import NamedTuple
 
-from access_points import namespace
 from records import *
 
 CLIENTS, SERVERS, NAMED = ({4: "10.1.0.12", 6: "fd00:1::12"}, {4: "192.0.2.5", 6: "fd00:2::5"},
@@ -25,8 +24,6 @@ SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
 SO_RCVPRIORITY = 82  # since Linux 6.14
 CONFIG = "/tmp/inline.toml"
 REPORT = "/tmp/inline.json"
-EXAMPLES = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../examples")
-SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../scripts/slow-wire")
 
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
@@ -300,65 +297,40 @@ class InlineTest(SystemTest):
     # The network.
 
     def _lay_out(self, wire_ms):
-        for switch, value in (("ipv4/ip_forward", "1"), ("ipv6/conf/all/forwarding", "1"),
-                              ("ipv6/conf/default/accept_dad", "0")):
-            with open("/proc/sys/net/" + switch, "w") as file:
-                file.write(value)
+        for name, value in (("ipv4/ip_forward", 1), ("ipv6/conf/all/forwarding", 1),
+                            ("ipv6/conf/default/accept_dad", 0)):
+            set_switch(None, name, value)
         self.addCleanup(self._tear_down)
         if self.bridged:
-            run("ip", "link", "add", "br0", "type", "bridge", "mcast_snooping", "0")
-            run("ip", "link", "set", "br0", "up")
+            add_bridge("br0")
         self._add_station("client", "wlan0", 0, CLIENTS)
         self._add_station("server", "eth0", wire_ms, SERVERS, NAMED)
         for port, addresses in GATEWAYS.items():
-            if self.bridged:
-                run("ip", "link", "set", port, "master", "br0")
-            for address in addresses:
-                run("ip", "addr", "add", address, "dev", "br0" if self.bridged else port,
-                    *(("nodad",) if ":" in address else ()))
+            add_addresses(None, "br0" if self.bridged else port, *addresses)
         for port in (DENIED, ALLOWED, SWITCHED, SHOP):
             self.addCleanup(self.bind("server", socket.SOCK_DGRAM, "::", port).close)
 
     def _add_station(self, netns, port, wire_ms, *addresses):
         """To the access point's port. Bridged, all stations are neighbours."""
-        run("ip", "netns", "add", netns)
+        add_namespace(netns)
         self._connect(netns, port, wire_ms)
-        run("ip", "link", "set", port, "up")
-        ip = ("ip", "-n", netns)
-        with namespace(netns), open("/proc/sys/net/ipv6/conf/eth0/accept_dad", "w") as file:
-            file.write("0")
-        for link in ("lo", "eth0"):
-            run(*ip, "link", "set", link, "up")
         for each in addresses:
-            run(*ip, "addr", "add", each[4] + "/32", "dev", "eth0")
-            run(*ip, "addr", "add", each[6] + "/128", "dev", "eth0", "nodad")
+            add_addresses(netns, "eth0", each[4] + "/32", each[6] + "/128")
         for address in GATEWAYS[port]:
             gateway = address.split("/")[0]
-            run(*ip, "route", "add", gateway, "dev", "eth0")
-            run(*ip, "route", "add", "::/0" if ":" in gateway else "0.0.0.0/0",
-                *(() if self.bridged else ("via", gateway)), "dev", "eth0")
+            ip(netns, "route", "add", gateway, "dev", "eth0")
+            ip(netns, "route", "add", "::/0" if ":" in gateway else "0.0.0.0/0",
+               *(() if self.bridged else ("via", gateway)), "dev", "eth0")
 
     def _connect(self, netns, port, wire_ms):
         """The port, and the station's eth0."""
-        if not wire_ms:
-            run("ip", "link", "add", port, "type", "veth", "peer", "eth0", "netns", netns)
-        else:
-            run("ip", "netns", "add", "wire")
-            run("ip", "link", "add", port, "type", "veth", "peer", "near", "netns", "wire")
-            run("ip", "-n", netns, "link", "add", "eth0", "type", "veth", "peer", "far", "netns",
-                "wire")
-            for end in ("near", "far"):
-                run("ip", "-n", "wire", "link", "set", end, "up")
-            wire = subprocess.Popen(
-                ["nsenter", "--net=/run/netns/wire", SLOW_WIRE, "near", "far", str(wire_ms)])
+        bridge = "br0" if self.bridged else None
+        if wire_ms:
+            wire = plug_far(port, netns, "eth0", wire_ms, bridge)
             self.addCleanup(wire.wait)
             self.addCleanup(wire.kill)
-            wait_until(self._wire_is_there)
-
-    def _wire_is_there(self):
-        """Whether both its ends are bound; what was sent before is lost."""
-        with namespace("wire"), open("/proc/thread-self/net/packet") as sockets:
-            return sum(line.split()[4] != "0" for line in list(sockets)[1:]) == 2
+        else:
+            plug(port, netns, "eth0", bridge)
 
     def _tear_down(self):
         subprocess.run([jorn_path("avcore"), "teardown"], capture_output=True)
@@ -458,6 +430,6 @@ class InlineTest(SystemTest):
 
     def ping(self, address):
         """The answers to three."""
-        done = subprocess.run(["nsenter", "--net=/run/netns/client", "ping", "-q", "-c", "3", "-i",
-                               "0.1", "-W", "1", address], capture_output=True, text=True)
+        done = subprocess.run([*inside("client"), "ping", "-q", "-c", "3", "-i", "0.1", "-W", "1",
+                               address], capture_output=True, text=True)
         return int(done.stdout.split(" received")[0].split()[-1])

@@ -130,12 +130,10 @@ class AvcoreWeb(SystemTest):
 
         bind("192.0.2.80")
         self.assertEqual(os.listdir(SAFE_SEARCH + "/utp-5"), os.listdir(SAFE_SEARCH + "/wlan0"))
-        for options in ([f"--address=/#/{SERVER}", "--port=54", "--conf-file=/dev/null"],
-                        ["--server=127.0.0.1#54", f"--hostsdir={SAFE_SEARCH}/wlan0",
-                         f"--conf-file={SAFE_SEARCH}/wlan0/dnsmasq.conf"]):
-            resolver = subprocess.Popen(
-                ["dnsmasq", "--keep-in-foreground", "--user=root", "--no-resolv", "--no-hosts",
-                 "--pid-file=", "--log-facility=/dev/null", *options])
+        for words in (name_server(f"--address=/#/{SERVER}", "--port=54"),
+                      name_server("--server=127.0.0.1#54", f"--hostsdir={SAFE_SEARCH}/wlan0",
+                                  settings=f"{SAFE_SEARCH}/wlan0/dnsmasq.conf")):
+            resolver = subprocess.Popen(words, stderr=subprocess.DEVNULL)
             self.addCleanup(resolver.wait)
             self.addCleanup(resolver.terminate)
         wait_until(lambda: resolve("www.google.com", 1) == (0, {"192.0.2.80"}))

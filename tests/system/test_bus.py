@@ -8,7 +8,6 @@ from access_points import *
 PORT = 5670
 TOPIC = "RflowRoamInfo"
 PAYLOAD_MAX = 16_900
-SCRIPTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../scripts")
 
 
 def wire(sender, topic, payload, length=None):
@@ -83,8 +82,8 @@ class Client:
 
 
 def make_keys(a, b):
-    run(f"{SCRIPTS}/bus-keys", KEYS, a, b, "AP.other")
-    run(f"{SCRIPTS}/bus-keys", "/tmp/foreign", a)
+    run(BUS_KEYS, KEYS, a, b, "AP.other")
+    run(BUS_KEYS, "/tmp/foreign", a)
     for end in ("pem", "key"):
         os.rename(f"/tmp/foreign/{a}.{end}", f"{KEYS}/foreign.{end}")
     shutil.copy("/tmp/foreign/ca.pem", f"{KEYS}/foreign-ca.pem")
@@ -101,7 +100,7 @@ class Bus(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         lay_out()
-        run("ip", "addr", "add", "10.9.0.254/24", "dev", "br0")
+        add_addresses(None, "br0", "10.9.0.254/24")
         make_keys("AP.02:00:00:00:00:01", "AP.02:00:00:00:00:02")
 
     def setUp(self):
@@ -114,8 +113,8 @@ class Bus(unittest.TestCase):
 
     def black_hole(self, on):
         """A's packets to B get lost on the way, and nobody says so."""
-        run("ip", "-n", "ap1", "neigh", "replace" if on else "del", self.b.address, "dev", "eth0",
-            *(("lladdr", "02:ff:00:00:00:00", "nud", "permanent") if on else ()))
+        ip("ap1", "neigh", "replace" if on else "del", self.b.address, "dev", "eth0",
+           *(("lladdr", "02:ff:00:00:00:00", "nud", "permanent") if on else ()))
 
     def test_messages_reach_whom_they_are_for(self):
         for each in (self.a, self.b, self.c):

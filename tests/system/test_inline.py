@@ -6,8 +6,6 @@ import unittest
 from inline_lab import *
 
 AS_LONG_AS_A_BEAT = 2  # seconds
-DNSMASQ = ("--user=root", "--no-resolv", "--no-hosts", "--pid-file=", "--local-ttl=60",
-           "--log-facility=/dev/null")
 LATE_ANSWER = 31
 SCHED_POLICY = ~os.SCHED_RESET_ON_FORK
 PINS = "/tmp/pins"
@@ -258,8 +256,8 @@ class Layout:
         for version in FAMILIES:
             with self.subTest(version=version):
                 self.until(lambda: self.ping(SERVERS[version]) == 0)
-                for command_line in (["ip"], ["ip", "-n", "client"], ["ip", "-n", "server"]):
-                    run(*command_line, "neigh", "flush", "all")
+                for netns in None, "client", "server":
+                    ip(netns, "neigh", "flush", "all")
                 client, server = self.pair(socket.SOCK_DGRAM, version, ALLOWED)
                 server.send(b"back")
                 self.assertEqual(client.recv(8), b"back")
@@ -324,7 +322,7 @@ class Layout:
     def test_a_flood_of_flows(self):
         """Half of them from one client, half from thousands; each has a name of its own."""
         self.start()
-        run("ip", "-n", "server", "route", "add", "blackhole", "10.2.0.0/16")
+        ip("server", "route", "add", "blackhole", "10.2.0.0/16")
         denied = self.talk(SERVERS[4], DENIED)
         self.until(lambda: self.is_stopped(denied))
         before = self.arrived(denied.socket)
@@ -376,13 +374,12 @@ class Layout:
             "web_interfaces": [{"ifname": "wlan0", "enable": True, "policy_uuid": "f"}]}),
             (0, "sent 1 web policy, 1 web interface\n", ""))
         self.until(lambda: os.path.exists("/tmp/resolvers/wlan0/dnsmasq.conf"))
-        on_server = ("nsenter", "--net=/run/netns/server")
         for program in (
-                (*on_server, sys.executable, "-m", "http.server", "80", "--directory", EXAMPLES),
-                ("dnsmasq", "-k", "--port=54", f"--address=/#/{SERVERS[4]}", "--conf-file=/dev/null",
-                 f"--address=/#/{SERVERS[6]}", *DNSMASQ),
-                ("dnsmasq", "-k", "--server=127.0.0.1#54", "--hostsdir=/tmp/resolvers/wlan0",
-                 "--conf-file=/tmp/resolvers/wlan0/dnsmasq.conf", *DNSMASQ)):
+                (*inside("server"), sys.executable, "-m", "http.server", "80", "--directory", EXAMPLES),
+                name_server("--port=54", f"--address=/#/{SERVERS[4]}", f"--address=/#/{SERVERS[6]}",
+                            "--local-ttl=60"),
+                name_server("--server=127.0.0.1#54", "--hostsdir=/tmp/resolvers/wlan0",
+                            "--local-ttl=60", settings="/tmp/resolvers/wlan0/dnsmasq.conf")):
             process = subprocess.Popen(program, stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
             self.addCleanup(process.wait)
             self.addCleanup(process.terminate)
@@ -430,8 +427,8 @@ class Layout:
 
     def curl(self, *words):
         done = subprocess.run(
-            ["nsenter", "--net=/run/netns/client", "curl", "-s", "--noproxy", "*", "--max-time", "3",
-             "-o", "/dev/null", "-w", "%{http_code} %{remote_ip}", *words], text=True,
+            [*inside("client"), "curl", "-s", "--noproxy", "*", "--max-time", "3", "-o", "/dev/null", "-w",
+             "%{http_code} %{remote_ip}", *words], text=True,
             capture_output=True)
         return done.returncode, done.stdout
 

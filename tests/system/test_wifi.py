@@ -14,7 +14,6 @@ FILES = {
     "macs": "02:00:00:00:01:00 7\n",  # the second radio
     "supplicant": 'network={\n ssid="lab"\n key_mgmt=WPA-PSK\n psk="correct horse"\n'
                   ' scan_freq=2412\n}\n'}
-IN_STATION = ("nsenter", "--net=/run/netns/client")
 
 
 class Stations(InlineTest):
@@ -44,12 +43,13 @@ class Stations(InlineTest):
         self.run_program("AP-ENABLED", "hostapd", "/tmp/hostapd")
         radio = os.path.basename(os.path.realpath("/sys/class/net/wlan1/phy80211"))
         run("iw", "phy", radio, "set", "netns", "name", netns)
-        run("ip", "-n", netns, "link", "set", "wlan1", "name", "eth0")
+        ip(netns, "link", "set", "wlan1", "name", "eth0")
         if self.how == FOUR_ADDRESSES:
-            run(*IN_STATION, "iw", "dev", "eth0", "set", "4addr", "on")
+            run(*inside(netns), "iw", "dev", "eth0", "set", "4addr", "on")
+        ip(netns, "link", "set", "eth0", "up")
 
     def associate(self):
-        self.supplicant = self.run_program("EVENT-CONNECTED", *IN_STATION, "wpa_supplicant",
+        self.supplicant = self.run_program("EVENT-CONNECTED", *inside("client"), "wpa_supplicant",
                                            "-Dnl80211", "-ieth0", "-c/tmp/supplicant")
 
     def run_program(self, ready, *words):

@@ -21,9 +21,14 @@ import socket
 import ssl
 import struct
 import subprocess
+import sys
 import threading
 import time
 import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../.."))
+from lab.network import *
+from lab.programs import *
 
 os.environ.pop("JORN_AV_SOCK", None)  # the daemon finds the channel where it is by default
 
@@ -39,16 +44,11 @@ OP_ROAM, OP_DOMAIN, OP_CATEGORY, OP_VALUE = 33, 34, 35, 36
 
 CLIENT_MAC, SERVER_MAC, PROBE_MAC = "02:00:00:00:00:0c", "02:00:00:00:00:05", "02:00:00:00:00:ff"
 CLIENT, SERVER = "10.1.0.12", "192.0.2.5"
-DEADLINE = 60  # seconds, for what takes milliseconds on an idle machine
 BURST = 100    # frames in a row: one or two blocks of the capture's ring, and the channel holds them
 
 
 def jorn_path(name="jorn"):
     return os.path.join(os.environ["JORN_BIN_DIR"], name)
-
-
-def run(*command):
-    subprocess.run(command, check=True)
 
 
 def mac(text):
@@ -69,19 +69,6 @@ def write_file(path, text):
 
 def text_of(field):
     return field.split(b"\0")[0].decode()
-
-
-def wait_until(done, what="what was awaited"):
-    """What `done` returns, once that is something."""
-    ends = time.monotonic() + DEADLINE
-    while not (found := done()):
-        assert time.monotonic() < ends, what
-        time.sleep(0.01)
-    return found
-
-
-def wait_for_path(path):
-    wait_until(lambda: os.path.exists(path), path)
 
 
 # Frames.
@@ -474,11 +461,7 @@ class SystemTest(unittest.TestCase):
         """The capture's pair, and a socket at its far end."""
         if self._feed:
             self._feed.close()
-        run("ip", "link", "add", CAPTURE, "mtu", "65535", "type", "veth", "peer", FEED, "mtu",
-            "65535")
-        for end in (CAPTURE, FEED):
-            write_file(f"/proc/sys/net/ipv6/conf/{end}/disable_ipv6", "1")
-            run("ip", "link", "set", end, "arp", "off", "up")
+        add_capture_pair(CAPTURE, FEED)
         self._feed = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self._feed.bind((FEED, 0))
 

@@ -2,9 +2,9 @@
 """A wire between two interfaces on which every frame takes its time: what comes in at one end leaves
 the other one so many milliseconds later.
 
-    scripts/slow-wire INTERFACE INTERFACE MILLISECONDS
+    lab/slow_wire.py INTERFACE INTERFACE MILLISECONDS
 
-For tests and the demo, where the kernel has no netem.
+For kernels that have no netem.
 """
 import collections
 import select
