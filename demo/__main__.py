@@ -1,0 +1,64 @@
+"""The demo's inner part: run by scripts/demo through scripts/private, where /run and /etc, the network
+and the processes are its own and vanish with it. Is told what it plays ("live", "roam" or "capture"),
+and for a capture its name, a policy and a configuration; the capture itself is the standard input.
+
+Every wait in here is bounded; together they stay below two minutes."""
+from . import box, roam, traffic, web, wifi_calling
+from .stage import *
+
+
+def can_enforce():
+    """The gate takes a build with it, and root of the machine itself."""
+    with open("/proc/self/uid_map") as file:
+        if file.read().split()[1] != "0":
+            note("Verdicts are shown, not enforced, which takes root: sudo scripts/demo")
+            return False
+    for words in ("setup", "--inline", "av0"), ("teardown",):
+        status, said = answer(f"{BIN}/avcore", *words)
+        if status != 0:
+            note(f"Verdicts are shown, not enforced: {said}")
+            return False
+    return True
+
+
+def play_live():
+    if can_enforce():
+        how, servers = ("--inline", "wlan0"), box.play()
+    else:
+        how, servers = ("-i", "wlan0"), traffic.play_live()
+    web.play(servers, how)
+    wifi_calling.play(how)
+
+
+def show_what_next():
+    heading("What next")
+    say("""\
+  scripts/demo FILE.pcap     the same with a capture of yours (--policy, --config: and your rules)
+  scripts/demo roam          a client that walks from one access point to another
+  scripts/private bash       a shell in a small machine of its own, to play by hand (README, "By hand")
+  docs/architecture.md       how it works, on one page""")
+
+
+def main(what, *arguments):
+    os.makedirs(LOGS)
+    set_switch(None, "ipv6/conf/default/disable_ipv6", 1)
+    add_capture_pair("av0", "av1")
+    if what == "capture":
+        traffic.play_capture(*arguments)
+    else:
+        {"live": play_live, "roam": roam.play}[what]()
+    show_what_next()
+
+
+if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(130))
+    try:
+        main(*sys.argv[1:])
+    except KeyboardInterrupt:
+        sys.exit(130)
+    except Failed as error:
+        show_logs()
+        sys.exit(f"{RED}demo: {error}{RESET}")
+    except Exception:
+        show_logs()
+        raise
