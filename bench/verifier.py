@@ -2,7 +2,7 @@
 """How many instructions the kernel's verifier goes through before it takes the gate: all the ways
 through it, of which there may be a million.
 
-    sudo bench/verifier.py build/release/tools/avcore/gate/gate.bpf.o
+    sudo bench/verifier.py build/release/avcore/gate/gate.bpf.o
 """
 import ctypes
 import re

@@ -6,7 +6,7 @@
 #include "avcore/gate/interface_news.h"
 #include "avcore/gate/traffic_control.h"
 #include "avcore/gate/wireless.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <functional>
 #include <map>

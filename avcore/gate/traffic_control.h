@@ -2,7 +2,7 @@
 // priority and with a handle of their own, so that they can be told from what others attached.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <array>
 #include <cstdint>

@@ -7,7 +7,7 @@
 #include "avcore/bus/ground.h"
 #include "avcore/local_listener.h"
 #include "avcore/messages.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <functional>
 #include <map>

@@ -1,7 +1,7 @@
 #include "avcore/gate/traffic_control.h"
 
 #include "avcore/netlink.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <array>
 #include <bpf/bpf.h>

@@ -5,7 +5,7 @@
 // regular files, behind links, are opened.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <string>
 #include <string_view>

@@ -1,7 +1,7 @@
 // What the bus waits for: any number of descriptors behind one, and the part that each belongs to.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <array>
 #include <cstdint>

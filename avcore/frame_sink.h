@@ -2,7 +2,7 @@
 // the daemon captures.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <cstddef>
 #include <cstdint>

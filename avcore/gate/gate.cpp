@@ -4,7 +4,7 @@
 #include "avcore/gate/places.h"
 #include "avcore/gate/traffic_control.h"
 #include "avcore/monotonic_clock.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <algorithm>
 #include <atomic>

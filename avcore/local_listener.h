@@ -1,7 +1,7 @@
 // A listening UNIX socket of type SOCK_SEQPACKET, whose name goes with it.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <string>
 

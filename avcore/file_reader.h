@@ -4,7 +4,7 @@
 // it whatever it waits for.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <atomic>
 #include <condition_variable>

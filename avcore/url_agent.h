@@ -12,7 +12,7 @@
 
 #include "avcore/categories.h"
 #include "avcore/messages.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <cstdint>
 #include <deque>

@@ -13,7 +13,7 @@
 #pragma once
 
 #include "platform/host/messages/av_messages.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <cstdint>
 #include <map>

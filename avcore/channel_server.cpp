@@ -1,6 +1,6 @@
 #include "avcore/channel_server.h"
 
-#include "av_questions.h"
+#include "shared/av_questions.h"
 
 #include <array>
 #include <cerrno>

@@ -2,7 +2,7 @@
 
 #include "control/records/message.h"
 #include "jornctl/failure.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <algorithm>
 #include <array>

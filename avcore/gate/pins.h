@@ -1,7 +1,7 @@
 // Where the gate's maps are pinned: PINS/LAYOUT/MAP, in a file system of the kernel's.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 // The signals that avcore answers, as something that its loop waits for.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 namespace avcore {
 

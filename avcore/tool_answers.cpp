@@ -1,6 +1,6 @@
 #include "avcore/tool_answers.h"
 
-#include "av_questions.h"
+#include "shared/av_questions.h"
 
 #include <set>
 

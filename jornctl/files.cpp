@@ -1,7 +1,7 @@
 #include "jornctl/files.h"
 
 #include "jornctl/failure.h"
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <array>
 #include <cerrno>

@@ -1,8 +1,8 @@
 #include "jornctl/platform_facts.h"
 
-#include "av_questions.h"
 #include "jornctl/complain.h"
-#include "unique_fd.h"
+#include "shared/av_questions.h"
+#include "shared/unique_fd.h"
 
 #include <cerrno>
 #include <chrono>

@@ -2,7 +2,7 @@
 // signals; whoever holds it waits for the descriptor and says when to go on.
 #pragma once
 
-#include "unique_fd.h"
+#include "shared/unique_fd.h"
 
 #include <cstddef>
 #include <memory>
