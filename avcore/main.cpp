@@ -1,8 +1,8 @@
-#include "avcore/applications.h"
-#include "avcore/config.h"
-#include "avcore/gate/gate_tasks.h"
+#include "avcore/engine/applications.h"
+#include "avcore/gate_tasks.h"
 #include "avcore/options.h"
 #include "avcore/session.h"
+#include "avcore/settings/config.h"
 
 #include <exception>
 #include <iostream>

@@ -1,6 +1,6 @@
 #include "avcore/options.h"
 
-#include "avcore/link.h"
+#include "avcore/netlink/link.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -1,11 +1,11 @@
 #include "avcore/session.h"
 
-#include "avcore/gate/gate_report.h"
-#include "avcore/monotonic_clock.h"
-#include "avcore/platform_values.h"
-#include "avcore/printable.h"
-#include "avcore/roam_flows.h"
-#include "avcore/tool_answers.h"
+#include "avcore/base/monotonic_clock.h"
+#include "avcore/base/printable.h"
+#include "avcore/channel/platform_values.h"
+#include "avcore/channel/tool_answers.h"
+#include "avcore/enforce/gate_report.h"
+#include "avcore/flows/roam_flows.h"
 #include "platform/host/machine/base_mac.h"
 
 #include <algorithm>

@@ -11,8 +11,8 @@
 // the names that the capture's DNS answers give. ndpiReader's side: user and system time of
 // "-q -l 11" less that of "-q -l 1", divided by ten, which leaves out its start. It reads the file
 // in every pass; what reading alone costs is shown beside it.
-#include "avcore/dns_answer.h"
-#include "avcore/frame.h"
+#include "avcore/frames/frame.h"
+#include "avcore/names/dns_answer.h"
 #include "core/base/hash_table.h"
 #include "core/dns/dns_cache.h"
 #include "core/state/state.h"

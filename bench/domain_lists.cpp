@@ -6,7 +6,7 @@
 // The list is a hosts file of generated names. Each of the two sides reads it five times, each time
 // in a process of its own, and is asked for a hundred thousand domains with two labels above a
 // listed name, and for as many that aren't listed. Medians of CPU time.
-#include "avcore/categories.h"
+#include "avcore/web/categories.h"
 
 #include <algorithm>
 #include <array>

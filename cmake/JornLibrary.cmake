@@ -1,11 +1,12 @@
 # jorn_library(NAME FOLDER [HEADERS ...] [PRIVATE_HEADERS ...] [SOURCES ...]
 #              [LINKS ...] [PRIVATE_LINKS ...])
 #
-# One library of the house: the folder src/FOLDER, whole. Its HEADERS are offered as
+# One library of the house: the folder FOLDER, whole, or a part of it. Its HEADERS are offered as
 # "FOLDER/header.h" through an include directory of its own, so a file sees the headers of the
 # libraries that it links and no others: an include that the link line doesn't grant doesn't build.
 # LINKS are the libraries whose headers its own HEADERS include; a user gets them, too. What only
-# its sources need are PRIVATE_LINKS, and PRIVATE_HEADERS are for its sources alone.
+# its sources need are PRIVATE_LINKS, and PRIVATE_HEADERS are for its sources alone. It is compiled
+# with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names.
 #
 # The directory holds symbolic links, one per header, made afresh with every configuration: a header
 # that left the list is gone. A library without sources is header-only.
@@ -18,7 +19,7 @@ function(jorn_library name folder)
   if(arg_SOURCES)
     add_library(${name} STATIC ${arg_SOURCES})
     target_include_directories(${name} PUBLIC ${room})
-    target_link_libraries(${name} PRIVATE jorn_daemon_flags ${arg_PRIVATE_LINKS} PUBLIC ${arg_LINKS})
+    target_link_libraries(${name} PRIVATE ${JORN_LIBRARY_FLAGS} ${arg_PRIVATE_LINKS} PUBLIC ${arg_LINKS})
     if(arg_PRIVATE_HEADERS)
       _jorn_offer(${back_room} ${folder} ${arg_PRIVATE_HEADERS})
       target_include_directories(${name} PRIVATE ${back_room})

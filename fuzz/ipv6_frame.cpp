@@ -1,9 +1,9 @@
 // A frame on its way to the daemon: what is shown of an IPv6 packet is one of IPv4 of stand-ins,
 // whose lengths hold, and no longer than what was captured. DNS answers inside are read, too, and
 // what could be several datagrams is cut.
-#include "avcore/ipv6_frame.h"
-#include "avcore/config.h"
-#include "avcore/frame_builder.h"
+#include "avcore/frames/ipv6_frame.h"
+#include "avcore/flows/frame_builder.h"
+#include "avcore/settings/config.h"
 #include "support/fresh_state.h"
 
 #include <algorithm>

@@ -4,8 +4,8 @@
 //
 // The input is records: what the bytes are (bits below, seconds since the last one in the upper
 // half), their number in two bytes, and the bytes.
-#include "avcore/hello_reader.h"
-#include "avcore/host_text.h"
+#include "avcore/base/host_text.h"
+#include "avcore/hello/hello_reader.h"
 #include "support/quic_packets.h"
 
 #include <cstdlib>

@@ -3,8 +3,8 @@
 //
 // The input: up to 15 lengths of pieces, ended by 0, and the stream. They come in the order of
 // their lengths' bits when those are turned round; the last one holds what is left.
-#include "avcore/hello_reader.h"
-#include "avcore/host_text.h"
+#include "avcore/base/host_text.h"
+#include "avcore/hello/hello_reader.h"
 #include "support/frames.h"
 
 #include <algorithm>

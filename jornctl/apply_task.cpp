@@ -1,13 +1,13 @@
 #include "jornctl/apply_task.h"
 
-#include "jornctl/apply.h"
-#include "jornctl/commands.h"
-#include "jornctl/complain.h"
-#include "jornctl/failure.h"
-#include "jornctl/files.h"
-#include "jornctl/listings.h"
-#include "jornctl/printable.h"
-#include "jornctl/suggestion.h"
+#include "jornctl/base/complain.h"
+#include "jornctl/base/failure.h"
+#include "jornctl/base/files.h"
+#include "jornctl/base/printable.h"
+#include "jornctl/base/suggestion.h"
+#include "jornctl/client/apply.h"
+#include "jornctl/client/commands.h"
+#include "jornctl/client/listings.h"
 
 #include <algorithm>
 #include <iostream>

@@ -1,7 +1,7 @@
 // `jornctl apply`: from a file to the daemon's tables, with everything that may be said against it.
 #pragma once
 
-#include "jornctl/client.h"
+#include "jornctl/client/client.h"
 
 #include <string>
 

@@ -2,6 +2,7 @@
 // tell.
 #pragma once
 
+#include "avcore/base/monotonic_clock.h"
 #include "avcore/bus/handshake_gate.h"
 #include "avcore/bus/poller.h"
 #include "avcore/bus/tls.h"
@@ -9,7 +10,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -68,7 +68,5 @@ struct bus_ground {
         lines.tell(line, now_ms, counts.unsaid);
     }
 };
-
-inline constexpr int64_t NEVER_MS = std::numeric_limits<int64_t>::max();
 
 } // namespace avcore

@@ -2,8 +2,8 @@
 // read here and handed on; what the network brought waits here for those that want it.
 #pragma once
 
+#include "avcore/base/local_listener.h"
 #include "avcore/bus/ground.h"
-#include "avcore/local_listener.h"
 #include "platform/host/messages/bus_messages.h"
 
 #include <functional>

@@ -4,7 +4,7 @@
  *
  * Each packet is parsed once, by bounded copies, for its data may lie in pages that the program
  * can't see. What passes goes on to the filters of others. Runs on Linux 5.10 and later. */
-#include "gate_records.h"
+#include "avcore/records/gate_records.h"
 
 #include <linux/bpf.h>
 #include <linux/if_ether.h>

@@ -1,9 +1,9 @@
 #include "avcore/gate/gate.h"
 
+#include "avcore/base/monotonic_clock.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/places.h"
 #include "avcore/gate/traffic_control.h"
-#include "avcore/monotonic_clock.h"
 #include "shared/unique_fd.h"
 
 #include <algorithm>

@@ -6,8 +6,9 @@
 // function that would open it throws and says so.
 #pragma once
 
-#include "avcore/gate/gate_records.h"
 #include "avcore/gate/interface_news.h"
+#include "avcore/records/enforce_settings.h"
+#include "avcore/records/gate_records.h"
 
 #include <array>
 #include <cstdint>
@@ -20,15 +21,6 @@
 namespace avcore {
 
 inline constexpr char GATE_PINS[] = "/run/jorn/gate";
-
-// What holds for the whole gate, whoever runs.
-struct gate_rules {
-    bool fail_closed = false;
-    uint32_t copies_per_second = 500; // of each client, in each direction
-    bool pass_tags = false;           // frames with more VLAN tags than the gate walks over
-    bool drop_fragments = false;      // of clients
-    bool drop_excess = false;         // a client's packets without a verdict, beyond its copies
-};
 
 struct gate_copy_seen {
     gate_copy head;

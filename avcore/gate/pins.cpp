@@ -1,6 +1,6 @@
 #include "avcore/gate/pins.h"
 
-#include "avcore/gate/gate_records.h"
+#include "avcore/records/gate_records.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
 #include "avcore/gate/gate.h"
 #include "avcore/gate/traffic_control.h"
-#include "avcore/netlink.h"
+#include "avcore/netlink/netlink.h"
 #include "shared/unique_fd.h"
 
 #include <algorithm>

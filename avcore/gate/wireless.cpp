@@ -1,6 +1,6 @@
 #include "avcore/gate/wireless.h"
 
-#include "avcore/netlink.h"
+#include "avcore/netlink/netlink.h"
 
 #include <algorithm>
 #include <cerrno>

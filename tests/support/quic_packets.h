@@ -1,7 +1,7 @@
 // What QUIC's clients send first: hellos, frames, and the Initial packets that hold them.
 #pragma once
 
-#include "avcore/quic_initial.h"
+#include "avcore/hello/quic_initial.h"
 #include "support/frames.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #include "avcore/bus/handshake_gate.h"
 #include "avcore/bus/waiting.h"
 #include "avcore/bus/wire.h"
-#include "avcore/roam_flows.h"
+#include "avcore/flows/roam_flows.h"
 #include "platform/records.h"
 
 #include <algorithm>

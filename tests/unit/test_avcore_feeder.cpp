@@ -1,5 +1,5 @@
 // The feeder against a capture that loses, delays and repeats.
-#include "avcore/feeder.h"
+#include "avcore/feed/feeder.h"
 
 #include <deque>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The gate in the kernel, at one end of a veth pair; frames of the client go into the other. Runs
 // as root in namespaces of its own.
-#include "avcore/frame_builder.h"
+#include "avcore/flows/frame_builder.h"
 #include "avcore/gate/gate.h"
 #include "avcore/gate/places.h"
 #include "support/frames.h"

@@ -1,8 +1,8 @@
 // What avcore learns about flows: names from DNS answers, hostile ones among them, and nDPI's
 // findings.
-#include "avcore/dns_names.h"
-#include "avcore/dpi.h"
-#include "avcore/frame_builder.h"
+#include "avcore/engine/dpi.h"
+#include "avcore/flows/frame_builder.h"
+#include "avcore/names/dns_names.h"
 #include "support/quic_packets.h"
 
 #include <arpa/inet.h>

@@ -1,7 +1,7 @@
 // QUIC's hellos: the vectors of RFC 9001 and RFC 9369, pieces in any order, hostile ones among
 // them, and what the DPI engine says meanwhile.
-#include "avcore/config.h"
-#include "avcore/frame_builder.h"
+#include "avcore/flows/frame_builder.h"
+#include "avcore/settings/config.h"
 #include "support/quic_packets.h"
 
 #include <gtest/gtest.h>

@@ -1,12 +1,12 @@
 // What avcore plays of web filtering: categories, the agent's late answers, verdicts by flow key,
 // safe search.
-#include "avcore/categories.h"
-#include "avcore/config.h"
-#include "avcore/domain_lists.h"
-#include "avcore/domain_table.h"
-#include "avcore/flow_table.h"
-#include "avcore/safe_search.h"
-#include "avcore/url_agent.h"
+#include "avcore/flows/flow_table.h"
+#include "avcore/settings/config.h"
+#include "avcore/web/categories.h"
+#include "avcore/web/domain_lists.h"
+#include "avcore/web/domain_table.h"
+#include "avcore/web/safe_search.h"
+#include "avcore/web/url_agent.h"
 
 #include "core/text/text.h"
 

@@ -1,6 +1,6 @@
-#include "jornctl/apply.h"
-#include "jornctl/commands.h"
-#include "jornctl/documents.h"
+#include "jornctl/client/apply.h"
+#include "jornctl/client/commands.h"
+#include "jornctl/documents/documents.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -1,7 +1,7 @@
-#include "jornctl/client.h"
-#include "jornctl/failure.h"
-#include "jornctl/files.h"
-#include "jornctl/port_services.h"
+#include "jornctl/base/failure.h"
+#include "jornctl/base/files.h"
+#include "jornctl/client/client.h"
+#include "jornctl/documents/port_services.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>

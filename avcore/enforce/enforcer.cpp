@@ -1,0 +1,316 @@
+#include "avcore/enforce/enforcer.h"
+
+#include "avcore/base/printable.h"
+#include "avcore/engine/dpi.h"
+#include "avcore/flows/flow_text.h"
+#include "avcore/web/category_names.h"
+#include "control/records/arc.h"
+#include "core/text/text.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <netinet/in.h>
+#include <string_view>
+
+namespace avcore {
+namespace {
+
+constexpr uint16_t NO_RATE = UINT16_MAX;
+constexpr uint32_t ASK_AGAIN = 0; // older than any generation
+
+// Values of av_qos::mark_pri.
+constexpr uint8_t MARK_DOT1P = 0;
+constexpr uint8_t MARK_DSCP = 1;
+
+// What a traffic type is on the wire (RFC 8325, 4): the code point, and the user priority of
+// IEEE 802.1D, which chooses the access category.
+struct traffic_class {
+    uint8_t dscp;
+    uint8_t user_priority;
+};
+constexpr traffic_class TRAFFIC_CLASSES[] = {
+    {8, 1},  // background: CS1
+    {0, 0},  // best effort
+    {34, 4}, // video: AF41
+    {46, 6}, // voice: EF
+};
+// Wi-Fi drivers take a packet's priority from here on for its user priority.
+constexpr uint32_t PRIORITY_OF_USER_PRIORITY = 256;
+
+// Whether this frame's verdict may decide: until the engine is through the name may change.
+bool is_late_enough(const flow_row &row, const fed_frame &frame) {
+    return frame.engine_done || dpi_engine::had_enough(row.ip_proto, frame.number_in_flow);
+}
+
+void mark(gate_verdict &verdict, const av_qos &qos) {
+    if (qos.mark_type < std::size(TRAFFIC_CLASSES) && qos.mark_pri <= AV_MARK_DOT1P_AND_DSCP) {
+        const traffic_class &type = TRAFFIC_CLASSES[qos.mark_type];
+        if (qos.mark_pri != MARK_DOT1P) {
+            verdict.flags |= GATE_SET_DSCP;
+            verdict.dscp = type.dscp;
+        }
+        if (qos.mark_pri != MARK_DSCP) {
+            verdict.flags |= GATE_SET_PRIORITY;
+            verdict.priority = PRIORITY_OF_USER_PRIORITY + type.user_priority;
+        }
+    }
+    if (qos.classify == 1 && qos.classify_type < std::size(TRAFFIC_CLASSES)) {
+        verdict.flags |= GATE_SET_PRIORITY;
+        verdict.priority =
+            PRIORITY_OF_USER_PRIORITY + TRAFFIC_CLASSES[qos.classify_type].user_priority;
+    }
+}
+
+// The web policy is asked first; what it lets pass is the application policy's.
+bool is_by_web(const av_verdict &verdict) {
+    return verdict.wificalling_f == AV_DECIDED_BY_WEB && verdict.qos.url_decided != 0;
+}
+
+std::string source_of_name(const flow_row &row, const fed_frame &frame, const av_verdict &verdict) {
+    const std::string_view name = field_text(verdict.app_name);
+    const av_pkt_trailer trailer = frame.trailer();
+    if (is_by_web(verdict))
+        return "the address that was asked for";
+    if (verdict.match_info != 0)
+        return "the administrator's definitions";
+    if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
+        equals_ignoring_case(field_text(trailer.dpi_app_name), name))
+        return trailer.dpi_app_id != 0 ? "the DPI engine"
+               : row.own_name.empty()  ? "an earlier handshake of the client's"
+                                       : "the handshake";
+    if (!row.host.empty() && equals_ignoring_case(row.host, name))
+        return "the handshake";
+    if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
+        return "DNS";
+    return "the daemon's tables";
+}
+
+// A category decides, or an entry of the black list; with that one the record has the category of
+// the administrator's definition, where one names the flow. That is mostly none of the web's.
+std::string web_reason(const av_verdict &verdict) {
+    const bool is_defined = verdict.match_info != 0;
+    if (verdict.app_cat_id == 0 || (is_defined && verdict.app_cat_id == CATEGORY_USER_DEFINED))
+        return "black list";
+    return category_text(verdict.app_cat_id) + (is_defined ? " or black list" : "");
+}
+
+// An application policy goes by the profile of the frame's sender, or else of its receiver.
+std::string policy_of(const fed_frame &frame, const av_verdict &verdict) {
+    if (is_by_web(verdict))
+        return "the web policy, " + web_reason(verdict);
+    const bool of_client = frame.from_client == (verdict.qos.arc_match_src != 0);
+    return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp) +
+           (of_client ? ", the client's" : ", the server's");
+}
+
+// What has no name has an address for one, and a client chooses how many of those it asks.
+bool is_unnamed(std::string_view name) {
+    return name.empty() || ip_address::parse(std::string(name));
+}
+
+bool is_rate(uint16_t rate) {
+    return rate != 0 && rate != NO_RATE;
+}
+
+limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::string_view name,
+                     const av_qos &qos) {
+    limit_owner owner;
+    owner.client = row.client.mac;
+    using sharing = enforce_settings::sharing;
+    if (share == sharing::client || (share == sharing::application && is_unnamed(name))) {
+        owner.rates = {qos.ratelimit_up, qos.ratelimit_down};
+        return owner;
+    }
+    owner.application = name;
+    if (share == enforce_settings::sharing::flow)
+        owner.flow = row.id;
+    return owner;
+}
+
+bool is_limited(const gate_verdict &verdict) {
+    const bool waits =
+        (verdict.flags & GATE_SET_PRIORITY) != 0 && shaper::is_queue(verdict.priority);
+    return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0 || waits;
+}
+
+bool are_same(const flow_row &row, row_enforcement::side side, const gate_flow &flow) {
+    const bool as_row = side == row_enforcement::CLIENT;
+    const endpoint &client = as_row ? row.client : row.server;
+    const endpoint &server = as_row ? row.server : row.client;
+    return flow.proto == row.ip_proto && ntohs(flow.client_port_be) == client.port &&
+           ntohs(flow.server_port_be) == server.port &&
+           std::ranges::equal(flow.client, client.address.octets()) &&
+           std::ranges::equal(flow.server, server.address.octets());
+}
+
+} // namespace
+
+void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
+    const bool seen_from_client = from_client == (copy.direction == GATE_UP);
+    const auto side = seen_from_client ? row_enforcement::CLIENT : row_enforcement::SERVER;
+    if (!are_same(row, side, copy.flow))
+        return;
+    row.enforcement.flows[side] = copy.flow;
+    if (side == row_enforcement::CLIENT)
+        row.enforcement.if_index = copy.if_index;
+    row.enforcement.seen[side] = true;
+}
+
+void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict,
+                      int64_t now_ms) {
+    row_enforcement &state = row.enforcement;
+    const bool denies = verdict.verdict == AV_VERDICT_DENY;
+    const std::string_view name = field_text(verdict.app_name);
+    state.qos = verdict.qos;
+    state.qos_generation = frame.generation;
+    if (state.denied && state.generation == gate_.generation()) {
+        // A copy of a denied flow: it was on its way, or the gate had no room for the denial.
+        decide(row, GATE_DENY, nullptr, name, state.generation);
+        return;
+    }
+    if (!denies && !state.settled && !is_late_enough(row, frame)) {
+        decide_for_now(row, verdict.qos, name, frame.generation);
+        return;
+    }
+    if (!denies) {
+        decide(row, GATE_PASS, &verdict.qos, name, frame.generation);
+        return;
+    }
+    const bool is_news = !state.denied;
+    decide(row, GATE_DENY, nullptr, name, frame.generation); // first: packets don't wait
+    if (is_news)
+        tell_denial(row,
+                    printable(name) + ", named by " + source_of_name(row, frame, verdict) +
+                        "; by " + policy_of(frame, verdict),
+                    now_ms);
+}
+
+void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
+    const row_enforcement &state = row.enforcement;
+    if (setting.verdict != AV_VERDICT_DENY) {
+        // What was denied may have another policy against it: its next packet is asked about.
+        if (state.settled)
+            decide(row, GATE_PASS, state.qos ? &*state.qos : nullptr, row.application,
+                   state.denied ? ASK_AGAIN : state.qos_generation);
+        return;
+    }
+    const bool is_news = !state.denied;
+    decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
+    if (is_news)
+        tell_denial(row,
+                    printable(row.application) +
+                        ", named by the address that was asked for; by the web policy, " +
+                        category_text(setting.category) + ", after a late answer",
+                    now_ms);
+}
+
+void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
+    if (settings_.shape != enforce_settings::shaping::htb)
+        shaper_.remove_from(interfaces);
+    policies_changed();
+}
+
+// A limit's queue is at one interface; at a new one it is made by the next verdict.
+void enforcer::interfaces_changed() {
+    if (settings_.shape != enforce_settings::shaping::htb)
+        return;
+    shaper_.forget_gone();
+    policies_changed();
+}
+
+void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
+                     gate_direction direction, uint16_t rate) {
+    if (!is_rate(rate))
+        return;
+    owner.direction = direction;
+    const uint64_t bytes_per_second = rate * settings_.bytes_per_rate_unit;
+    const limit_book::place place = limits_.place_of(owner, bytes_per_second);
+    // Also when it waits in a queue: the settings may change, the book's entry is told once.
+    if (place.changed && !gate_.set_limit(place.bucket, limit_of(bytes_per_second)))
+        ++refused_writes_;
+    if (place.judge_anew)
+        gate_.next_generation();
+    verdict.bucket[direction] = place.bucket;
+    const bool final = (verdict.flags & GATE_NOT_YET_FINAL) == 0;
+    if (final && settings_.shape == enforce_settings::shaping::htb && direction == GATE_DOWN) {
+        const shaper::queue queue =
+            shaper_.queue_of(row.enforcement.if_index, owner, bytes_per_second);
+        if (queue.judge_anew)
+            gate_.next_generation();
+        if (queue.priority != 0) {
+            verdict.flags |= GATE_SET_PRIORITY;
+            verdict.priority = queue.priority;
+            verdict.bucket[direction] = 0;
+        }
+    }
+}
+
+void enforcer::mark_and_limit(gate_verdict &verdict, const flow_row &row, const av_qos &qos,
+                              std::string_view name) {
+    mark(verdict, qos);
+    if (!is_rate(qos.ratelimit_up) && !is_rate(qos.ratelimit_down))
+        return;
+    const limit_owner owner = owner_of(settings_.share, row, name, qos);
+    limit(verdict, row, owner, GATE_UP, qos.ratelimit_up);
+    limit(verdict, row, owner, GATE_DOWN, qos.ratelimit_down);
+}
+
+// Later fragments show no ports: they are under the limit that a flow of their addresses has.
+void enforcer::write(const flow_row &row, row_enforcement::side side, const gate_verdict &verdict) {
+    const row_enforcement &state = row.enforcement;
+    if (!state.seen[side])
+        return;
+    refused_writes_ += !gate_.decide(state.flows[side], verdict);
+    if (!is_limited(verdict))
+        return;
+    gate_flow fragments = state.flows[side];
+    fragments.client_port_be = fragments.server_port_be = 0;
+    fragments.proto = 0;
+    fragments.fragments = 1;
+    refused_writes_ += !gate_.decide(fragments, verdict);
+}
+
+void enforcer::decide_for_now(flow_row &row, const av_qos &qos, std::string_view name,
+                              uint32_t generation) {
+    row_enforcement &state = row.enforcement;
+    gate_verdict verdict = {};
+    verdict.generation = generation;
+    verdict.action = GATE_PASS;
+    verdict.flags = GATE_NOT_YET_FINAL;
+    mark_and_limit(verdict, row, qos, name);
+    const bool says_something =
+        verdict.flags != GATE_NOT_YET_FINAL || is_limited(verdict) || settings_.rules.drop_excess;
+    const bool written =
+        state.not_final && memcmp(&*state.not_final, &verdict, sizeof verdict) == 0;
+    if (written || (!says_something && !state.not_final))
+        return;
+    state.not_final = verdict;
+    write(row, row_enforcement::CLIENT, verdict);
+}
+
+// Marks and limits are made where the row's client is; where the server is a client, too, the
+// packets pass a second gate.
+void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
+                      uint32_t generation) {
+    row_enforcement &state = row.enforcement;
+    gate_verdict verdict = {};
+    verdict.generation = generation;
+    verdict.action = static_cast<uint8_t>(action);
+    if (verdict.action == GATE_DENY && settings_.reset)
+        verdict.flags |= GATE_RESET;
+    write(row, row_enforcement::SERVER, verdict);
+    if (qos != nullptr)
+        mark_and_limit(verdict, row, *qos, name);
+    write(row, row_enforcement::CLIENT, verdict);
+    state.settled = true;
+    state.denied = verdict.action == GATE_DENY;
+    state.generation = verdict.generation;
+}
+
+void enforcer::tell_denial(const flow_row &row, const std::string &why, int64_t now_ms) {
+    if (denials_.admits(now_ms))
+        say_("denied: " + flow_text(row) + ": " + why + denials_.remark());
+}
+
+} // namespace avcore

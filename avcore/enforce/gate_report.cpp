@@ -1,0 +1,108 @@
+#include "avcore/enforce/gate_report.h"
+
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+namespace avcore {
+namespace {
+
+// In the order of gate_count.
+constexpr struct {
+    const char *key; // of the JSON
+    const char *what;
+} COUNTS[] = {
+    {"decided", "packets passed under a verdict"},
+    {"undecided", "packets passed before their verdict"},
+    {"nobody", "packets passed because nobody was there"},
+    {"always", "packets passed, for a network lives by them"},
+    {"not_ip", "packets passed that are neither IPv4 nor IPv6"},
+    {"fragments", "later fragments passed"},
+    {"denied", "packets dropped by policy"},
+    {"limited", "packets dropped by a rate limit"},
+    {"shut", "packets dropped undecided, for nobody was there"},
+    {"malformed", "packets dropped, for their headers are broken"},
+    {"reserved", "packets dropped, of the reserved addresses 240.0.0.0/4"},
+    {"deep_headers", "packets dropped, for they have too many or too long extension headers"},
+    {"tags", "packets dropped, for they have too many VLAN tags"},
+    {"cut", "clients' fragments dropped"},
+    {"too_much", "packets dropped that always pass, beyond what a client may send of them"},
+    {"excess", "packets dropped without a verdict, for their client had too many copies"},
+    {"resets", "connections' sides reset"},
+    {"copies", "copies for the daemon"},
+    {"copies_refused", "copies refused, for their client had too many"},
+    {"copies_lost", "copies lost, for nobody took them in time"},
+};
+static_assert(std::size(COUNTS) == GATE_COUNTS);
+
+std::string list_of(const std::vector<std::string> &names) {
+    std::string list;
+    for (const std::string &name : names)
+        list += (list.empty() ? "" : ", ") + name;
+    return list.empty() ? "nothing" : list;
+}
+
+// As [enforce] has it.
+const char *word_of(bool passes) {
+    return passes ? "pass" : "drop";
+}
+
+std::string beat_text(int64_t age_ms) {
+    if (age_ms < 0)
+        return "none yet";
+    const bool fresh = age_ms * 1'000'000 <= static_cast<int64_t>(GATE_BEAT_NS);
+    return std::to_string(age_ms) + " ms ago" + (fresh ? "" : ": nobody decides");
+}
+
+} // namespace
+
+void print_gate_counts(std::ostream &out, const gate_counts &counts) {
+    for (size_t i = 0; i < counts.size(); ++i) {
+        if (counts[i] != 0)
+            out << COUNTS[i].what << ": " << counts[i] << '\n';
+    }
+}
+
+void print_gate_status(std::ostream &out, const gate_status &status) {
+    if (!status.there) {
+        out << "there is no gate\n";
+        return;
+    }
+    out << "attached to: " << list_of(status.interfaces) << '\n';
+    for (const auto &[access_point, names] : status.stations)
+        out << "  stations of " << access_point << ": " << list_of(names) << '\n';
+    out << "without a daemon: " << (status.rules.fail_closed ? "closed" : "open") << '\n'
+        << "copies a second of each client: " << status.rules.copies_per_second << '\n'
+        << "beyond them: " << word_of(!status.rules.drop_excess)
+        << ", clients' fragments: " << word_of(!status.rules.drop_fragments)
+        << ", too many VLAN tags: " << word_of(status.rules.pass_tags) << '\n'
+        << "beat: " << beat_text(status.beat_age_ms) << '\n'
+        << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
+        << " deny, " << status.verdicts[0] << " not final yet, generation " << status.generation
+        << '\n';
+    print_gate_counts(out, status.counts);
+}
+
+void print_gate_status_json(std::ostream &out, const gate_status &status) {
+    nlohmann::ordered_json object = {{"there", status.there}};
+    if (status.there) {
+        object["interfaces"] = status.interfaces;
+        object["stations"] = status.stations;
+        object["fail"] = status.rules.fail_closed ? "closed" : "open";
+        object["copies"] = status.rules.copies_per_second;
+        object["excess"] = word_of(!status.rules.drop_excess);
+        object["fragments"] = word_of(!status.rules.drop_fragments);
+        object["tags"] = word_of(status.rules.pass_tags);
+        if (status.beat_age_ms >= 0)
+            object["beat_age_ms"] = status.beat_age_ms;
+        object["generation"] = status.generation;
+        object["verdicts"] = {{"not_final", status.verdicts[0]},
+                              {"pass", status.verdicts[GATE_PASS]},
+                              {"deny", status.verdicts[GATE_DENY]}};
+        for (size_t i = 0; i < status.counts.size(); ++i)
+            object["counts"][COUNTS[i].key] = status.counts[i];
+    }
+    out << object.dump() << '\n';
+}
+
+} // namespace avcore

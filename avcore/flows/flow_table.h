@@ -1,0 +1,96 @@
+// The flow table: one row for both directions of a flow.
+//
+// Bounded: when it is full, a new flow takes the place of the one seen longest ago, whose packets
+// and bytes are added to one sum of all such flows. When that one is seen again, it is a new flow.
+#pragma once
+
+#include "avcore/frames/frame.h"
+#include "avcore/records/row_enforcement.h"
+#include "avcore/settings/client_rules.h"
+#include "platform/host/messages/av_messages.h"
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace avcore {
+
+struct flow_row {
+    uint32_t id = 0; // counted up from 1
+    flow_id sides;
+    endpoint client;
+    endpoint server;
+    uint16_t ether_type = 0;
+    uint8_t ip_proto = 0;
+    bool ipv4 = false;
+    uint64_t packets = 0;
+    uint64_t bytes = 0;   // without trailers
+    uint32_t verdict = 0; // the last one's av_verdict_code; 0 = none came
+    bool outdated = false;
+    bool wificalling = false; // the last verdict was Wi-Fi calling's, with what follows
+    uint8_t wfc_priority = 0;
+    std::string wfc_fqdn;        // any bytes, as the daemon sent them
+    std::string application;     // any bytes, as the daemon sent them but for stand-ins
+    std::string host;            // that the client showed in a handshake; any bytes, as sent
+    std::string own_name;        // by a handshake that the server took, where DPI knows no better
+    bool own_name_first = false; // whoever gave the last verdict its name stands behind it
+    int64_t last_us = 0;         // of the last frame's capture
+    std::string server_name;     // see note_frame
+    row_enforcement enforcement;
+};
+
+struct flow_sum {
+    uint64_t flows = 0;
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+};
+
+class flow_table {
+public:
+    static constexpr size_t DEFAULT_LIMIT = 65'536;
+
+    explicit flow_table(const client_rules &rules, size_t limit = DEFAULT_LIMIT)
+        : rules_(rules), limit_(limit) {}
+
+    struct sighting {
+        flow_row &row;    // valid until the next frame is counted
+        bool from_client; // direction of this frame
+    };
+    // Counts one frame of `size` bytes in its flow, unless it is damaged.
+    sighting count_frame(const frame_facts &frame, size_t size);
+
+    // On a frame of the row with this id, fed with this trailer. Null when it has left.
+    flow_row *set_verdict(uint32_t id, const av_verdict &verdict, const av_pkt_trailer &trailer);
+
+    // On the flow with this key, of either direction. Null when there is none.
+    flow_row *set_application(const av_app_setting &setting);
+
+    // The daemon's policies changed: no verdict counts until the flow's next one.
+    void outdate_verdicts();
+
+    // In the order in which the flows appeared.
+    std::vector<const flow_row *> rows() const;
+    const flow_row *find(uint32_t id) const; // null when it has left
+    const flow_sum &summed() const { return summed_; }
+    flow_sum all() const; // those that had to leave, too
+
+private:
+    using row_ref = std::list<flow_row>::iterator;
+
+    row_ref add(const flow_id &sides, const frame_facts &frame);
+    void sum_up_oldest();
+
+    const client_rules &rules_;
+    size_t limit_;
+    std::list<flow_row> rows_; // the one seen last at the front
+    // Ordered rather than hashed: who chooses the addresses doesn't choose the cost.
+    std::map<flow_id, row_ref> index_;
+    std::unordered_map<uint32_t, row_ref> by_id_;
+    uint32_t last_id_ = 0;
+    flow_sum summed_; // the flows that had to leave
+};
+
+} // namespace avcore

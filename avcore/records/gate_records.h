@@ -1,0 +1,188 @@
+/* What the gate in the kernel and avcore tell each other: the records of its maps and of its ring.
+ *
+ * For C (the gate's program) and C++. Byte orders as the members say, else the machine's. The maps
+ * are pinned and outlive both programs: whoever changes a record or a map's size changes
+ * GATE_LAYOUT, which names the folder of the pins. */
+#ifndef AVCORE_RECORDS_GATE_RECORDS_H
+#define AVCORE_RECORDS_GATE_RECORDS_H
+
+#include <linux/types.h>
+
+#ifdef __cplusplus
+#define GATE_SIZE(record, size) static_assert(sizeof(struct record) == (size))
+#else
+#define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
+#endif
+
+#define GATE_LAYOUT "v6"
+
+/* Bounds of the maps. */
+#define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
+#define GATE_CLIENTS 4096 /* whose copies are limited */
+#define GATE_BUCKETS 16384
+#define GATE_RING_BYTES (4 * 1024 * 1024)
+#define GATE_FRAME_MAX 2016 /* of a frame, in a copy; */
+#define GATE_JOINED_MAX                                                                            \
+    4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
+
+/* What may come from each client of what always passes, in bytes of its frames: ample for what a
+ * network lives by, an ARP for each address of a /24 at once among it. */
+#define GATE_ALWAYS_A_SECOND 16384
+#define GATE_ALWAYS_BURST 32768
+
+/* Which way a packet goes; the index of what there is for each direction. */
+enum gate_direction { GATE_UP = 0 /* from the client */, GATE_DOWN = 1 };
+
+/* A flow as seen at the client's interface: as the daemon's decoders tell flows apart, but that a
+ * first fragment of TCP has its ports here. IPv4 addresses are mapped (::ffff:a.b.c.d, RFC 4291);
+ * only TCP and UDP have ports, ICMPv6 is ICMP. */
+struct gate_flow {
+    __u8 client[16];
+    __u8 server[16];
+    __u16 client_port_be;
+    __u16 server_port_be;
+    __u8 proto;     /* behind IPv6's extension headers */
+    __u8 fragments; /* 1: the pair's later fragments, which show neither ports nor, in IPv6, the
+                       protocol: both are 0 */
+    __u8 reserved[2];
+};
+GATE_SIZE(gate_flow, 40);
+
+enum gate_action { GATE_PASS = 1, GATE_DENY = 2 };
+
+/* Bits of gate_verdict::flags. */
+enum gate_flag {
+    GATE_RESET = 1,         /* a denied TCP packet is answered with RST, to both sides */
+    GATE_SET_DSCP = 2,      /* RFC 2474 */
+    GATE_SET_PRIORITY = 4,  /* the packet's priority, at the client's egress */
+    GATE_NOT_YET_FINAL = 8, /* its limits and marks hold; the packets are copied, as before */
+};
+
+/* Written by avcore alone. One of an older generation than the settings' still holds, and the
+ * flow's packets are copied again. */
+struct gate_verdict {
+    __u32 generation;
+    __u8 action; /* gate_action */
+    __u8 flags;
+    __u8 dscp; /* six bits */
+    __u8 reserved;
+    __u32 priority;
+    __u32 bucket[2]; /* of each direction; 0 = no limit */
+};
+GATE_SIZE(gate_verdict, 20);
+
+struct gate_counter {
+    __u64 packets[2]; /* that passed, by direction */
+    __u64 bytes[2];   /* of their frames, as on the wire */
+    __u64 denied;     /* packets dropped by a verdict */
+    __u64 limited;    /* and by a rate limit */
+};
+GATE_SIZE(gate_counter, 48);
+
+/* Written by the kernel alone. It looks a flow's verdict up once a tick, and when any has changed;
+ * between them this copy spares each packet the second look-up. */
+struct gate_flow_state {
+    struct gate_counter counter;
+    struct gate_verdict verdict; /* action 0: there was none */
+    __u32 reserved;
+    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
+};
+GATE_SIZE(gate_flow_state, 80);
+
+/* A rate limit: written by avcore alone. Entry 0 is none. */
+struct gate_limit {
+    __u64 bytes_per_second; /* of IP packets, as on the wire */
+    __u64 burst;            /* bytes */
+};
+GATE_SIZE(gate_limit, 16);
+
+/* Tokens are thousand millionths, so that no refill is rounded away. */
+struct gate_tokens {
+    __s64 tokens;
+    __u64 filled_ns; /* 0: never, they start full */
+};
+
+/* Whose copies are limited, and what became of that: written by the kernel alone. */
+struct gate_client {
+    __u8 mac[6];
+    __u8 reserved[2];
+};
+GATE_SIZE(gate_client, 8);
+struct gate_client_state {
+    struct gate_tokens copies[2]; /* by direction */
+    struct gate_tokens always;    /* what always passes, of bytes */
+    __u64 refused;                /* copies, so far */
+};
+GATE_SIZE(gate_client_state, 56);
+
+/* Bits of gate_settings::rules. */
+enum gate_rule {
+    GATE_PASS_TAGS = 1,      /* frames with more VLAN tags than are walked over */
+    GATE_DROP_FRAGMENTS = 2, /* of clients */
+    GATE_DROP_EXCESS = 4, /* of a client's packets without a verdict, what it has no copies for */
+};
+
+/* One word each is written at a time, through a mapping. */
+struct gate_settings {
+    __u64 beat_ns;           /* CLOCK_MONOTONIC, of the last sign that somebody decides */
+    __u32 generation;        /* of the verdicts that are asked for */
+    __u32 fail_closed;       /* without a beat; else everything passes then */
+    __u32 copies_per_second; /* of each client */
+    __u32 probing;           /* undecided packets are copied without a beat, too */
+    __u32 changes;           /* counted up after a verdict was written */
+    __u32 rules;             /* gate_rule */
+};
+GATE_SIZE(gate_settings, 32);
+
+#define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
+
+/* What became of packets; the index into each processor's counts. */
+enum gate_count {
+    GATE_COUNT_DECIDED,      /* passed, under a verdict */
+    GATE_COUNT_UNDECIDED,    /* passed before their verdict */
+    GATE_COUNT_NOBODY,       /* passed because nobody was there */
+    GATE_COUNT_ALWAYS,       /* passed, for a network lives by them */
+    GATE_COUNT_NOT_IP,       /* passed, other protocols than IPv4 and IPv6 */
+    GATE_COUNT_FRAGMENT,     /* passed: a later fragment, whose first one was judged */
+    GATE_COUNT_DENIED,       /* dropped: by policy */
+    GATE_COUNT_LIMITED,      /* dropped: by a rate limit */
+    GATE_COUNT_SHUT,         /* dropped: undecided, and nobody was there */
+    GATE_COUNT_MALFORMED,    /* dropped: headers that end early or contradict themselves */
+    GATE_COUNT_RESERVED,     /* dropped: IPv4 of 240.0.0.0/4 but for the broadcast address */
+    GATE_COUNT_DEEP_HEADERS, /* dropped: IPv6 with more extension headers than are walked, or longer
+                                ones than a copy holds */
+    GATE_COUNT_TAGS,         /* dropped: more VLAN tags than are walked over */
+    GATE_COUNT_CUT,          /* dropped: a client's fragment, where those are */
+    GATE_COUNT_TOO_MUCH,     /* dropped: beyond what a client may send of what always passes */
+    GATE_COUNT_EXCESS,       /* dropped: without a verdict, and its client had too many copies */
+    GATE_COUNT_RESETS,       /* RST segments made */
+    GATE_COUNT_COPIES,       /* that went up */
+    GATE_COUNT_COPIES_REFUSED, /* their client had too many */
+    GATE_COUNT_COPIES_LOST,    /* the ring was full */
+    GATE_COUNTS
+};
+
+/* Of one processor; written by the kernel alone. */
+struct gate_processor {
+    __u64 counts[GATE_COUNTS];
+    __u64 tick; /* the kernel's, and the time at its first packet */
+    __u64 now_ns;
+};
+GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 16);
+
+/* A copy in the ring; the frame follows, `captured` bytes of it. */
+struct gate_copy {
+    struct gate_flow flow;
+    __u64 time_ns;      /* CLOCK_MONOTONIC */
+    __u32 if_index;     /* of the client's interface */
+    __u32 length;       /* of the whole frame */
+    __u16 captured;     /* at most GATE_FRAME_MAX, or GATE_JOINED_MAX */
+    __u16 segment_size; /* of the payload in each packet that segmentation has joined to one; 0: it
+                           is one */
+    __u8 direction;     /* gate_direction */
+    __u8 came_up; /* of one on its way down: a datagram of DNS that a gate saw on its way up */
+    __u8 reserved[2];
+};
+GATE_SIZE(gate_copy, 64);
+
+#endif

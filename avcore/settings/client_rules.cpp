@@ -1,0 +1,48 @@
+#include "avcore/settings/client_rules.h"
+
+#include <utility>
+
+namespace avcore {
+
+client_rules::client_rules(const config &settings, std::string captured_on)
+    : settings_(settings), captured_on_(std::move(captured_on)) {}
+
+bool client_rules::fits_capture(const client_rule &rule) const {
+    return rule.captured_on.empty() || rule.captured_on == captured_on_;
+}
+
+bool client_rules::names(const client_rule &rule, const endpoint &side) const {
+    if (!rule.mac && !rule.network)
+        return false;
+    return fits_capture(rule) && (!rule.mac || *rule.mac == side.mac) &&
+           (!rule.network || (!side.address.is_unspecified() && rule.network->holds(side.address)));
+}
+
+bool client_rules::sender_is_client(const frame_facts &frame) const {
+    for (const client_rule &rule : settings_.rules) {
+        if (names(rule, frame.sender))
+            return true;
+        if (names(rule, frame.receiver))
+            return false;
+    }
+    return true;
+}
+
+const client_profile &client_rules::client(const endpoint &side) const {
+    for (const client_rule &rule : settings_.rules) {
+        const bool any_client = !rule.mac && !rule.network && fits_capture(rule);
+        if (any_client || names(rule, side))
+            return rule.profile;
+    }
+    return settings_.client;
+}
+
+const side_profile &client_rules::server(const endpoint &side) const {
+    for (const client_rule &rule : settings_.rules) {
+        if (names(rule, side))
+            return rule.profile.side;
+    }
+    return settings_.uplink;
+}
+
+} // namespace avcore

@@ -1,0 +1,36 @@
+// Which side of a flow is the client, and what the trailer says about either side.
+#pragma once
+
+#include "avcore/frames/frame.h"
+#include "avcore/settings/config.h"
+
+#include <string>
+#include <string_view>
+
+namespace avcore {
+
+class client_rules {
+public:
+    // `settings` outlives the rules. `captured_on` is the interface of a live capture, else empty.
+    client_rules(const config &settings, std::string captured_on);
+
+    // The frames that follow were captured on this interface.
+    void capture_on(std::string_view interface) { captured_on_ = interface; }
+
+    // Whether the sender of this frame is the flow's client: the first rule that names either side
+    // says so; where none does, whoever sent the flow's first frame is.
+    bool sender_is_client(const frame_facts &frame) const;
+
+    const client_profile &client(const endpoint &side) const;
+    // The side opposite the client: another client of a rule of its own, else the uplink.
+    const side_profile &server(const endpoint &side) const;
+
+private:
+    bool names(const client_rule &rule, const endpoint &side) const;
+    bool fits_capture(const client_rule &rule) const;
+
+    const config &settings_;
+    std::string captured_on_;
+};
+
+} // namespace avcore

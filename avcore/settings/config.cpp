@@ -1,0 +1,450 @@
+#include "avcore/settings/config.h"
+
+#include "avcore/base/config_text.h"
+#include "avcore/base/printable.h"
+#include "avcore/bus/address.h"
+
+#include <algorithm>
+#include <charconv>
+#include <initializer_list>
+#include <iterator>
+#include <net/if.h>
+#include <sstream>
+#include <toml++/toml.h>
+
+namespace avcore {
+namespace {
+
+constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
+constexpr uint32_t COPIES_MAX = 1'000'000;
+constexpr uint32_t UTP_ID_MAX = 63; // a packet's look-up knows no higher one
+constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
+                                              AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
+
+// One table of the file with the file's name at hand for messages.
+class reader {
+public:
+    reader(const toml::table &table, const std::string &file) : table_(table), file_(file) {}
+
+    [[noreturn]] void fail(const toml::node &where, const std::string &what) const {
+        throw config_error(at(where, what));
+    }
+
+    // A message about a place of the file.
+    std::string at(const toml::node &where, const std::string &what) const {
+        std::ostringstream message;
+        message << file_ << ", line " << where.source().begin.line << ": " << what;
+        return message.str();
+    }
+
+    // A misspelt key would otherwise be a setting that silently doesn't hold.
+    void expect_keys(std::initializer_list<std::string_view> known) const {
+        for (const auto &[key, node] : table_) {
+            if (std::find(known.begin(), known.end(), key.str()) == known.end())
+                fail(node, "unknown key " + quoted(key.str()) + "; the keys are " + list(known));
+        }
+    }
+
+    const toml::node *find(std::string_view key) const { return table_.get(key); }
+
+    const toml::table *table(std::string_view key) const {
+        const toml::node *node = find(key);
+        if (node != nullptr && !node->is_table())
+            fail(*node, quoted(key) + " must be a table, [" + std::string(key) + "]");
+        return node != nullptr ? node->as_table() : nullptr;
+    }
+
+    std::optional<std::string> text(std::string_view key) const {
+        const toml::node *node = find(key);
+        if (node != nullptr && !node->is_string())
+            fail(*node, quoted(key) + " must be a text in quotes");
+        return node != nullptr ? node->value<std::string>() : std::nullopt;
+    }
+
+    void number(std::string_view key, uint32_t &value, uint32_t most = UINT32_MAX) const {
+        if (const toml::node *node = find(key); node != nullptr)
+            value = number_of(*node, key, most);
+    }
+
+    uint32_t number_of(const toml::node &node, std::string_view key,
+                       uint32_t most = UINT32_MAX) const {
+        const std::optional<int64_t> value = node.value_exact<int64_t>();
+        if (!value || *value < 0 || *value > most)
+            fail(node, quoted(key) + " must be a whole number from 0 to " + std::to_string(most));
+        return static_cast<uint32_t>(*value);
+    }
+
+    void flag(std::string_view key, bool &value) const {
+        const toml::node *node = find(key);
+        if (node == nullptr)
+            return;
+        const std::optional<bool> on = node->value_exact<bool>();
+        if (!on)
+            fail(*node, quoted(key) + " must be true or false");
+        value = *on;
+    }
+
+    void interface_name(std::string_view key, std::string &name) const {
+        const std::optional<std::string> value = text(key);
+        if (!value)
+            return;
+        if (value->empty() || value->size() >= IFNAMSIZ)
+            fail(*find(key), quoted(key) + " must be an interface name of 1 to 15 characters");
+        name = *value;
+    }
+
+    static std::string quoted(std::string_view key) { return '\'' + printable(key) + '\''; }
+
+private:
+    static std::string list(std::initializer_list<std::string_view> words) {
+        std::string text;
+        for (const std::string_view word : words)
+            text += (text.empty() ? "" : ", ") + std::string(word);
+        return text;
+    }
+
+    const toml::table &table_;
+    const std::string &file_;
+};
+
+std::optional<mac_address> parse_mac(std::string_view text) {
+    mac_address mac = {};
+    if (text.size() != 17)
+        return std::nullopt;
+    for (size_t i = 0; i < mac.size(); ++i) {
+        const char *digits = text.data() + i * 3;
+        const auto [end, error] = std::from_chars(digits, digits + 2, mac[i], 16);
+        if (error != std::errc() || end != digits + 2 || (i < 5 && digits[2] != ':'))
+            return std::nullopt;
+    }
+    return mac;
+}
+
+void read_side(const reader &in, side_profile &side) {
+    in.interface_name("interface", side.if_name);
+    in.number("if_index", side.if_index);
+    in.number("utp_id", side.utp_id, UTP_ID_MAX);
+}
+
+void read_web_utp(const reader &in, client_profile &profile) {
+    const toml::node *node = in.find("web_utp");
+    if (node == nullptr)
+        return;
+    const toml::array *words = node->as_array();
+    if (words == nullptr || words->size() != 2)
+        in.fail(*node, "'web_utp' must hold the two web UTP ids, as in [0, 7]");
+    for (size_t i = 0; i < 2; ++i)
+        profile.web_utp[i] = in.number_of(*words->get(i), "web_utp");
+}
+
+void read_filter_type(const reader &in, client_profile &profile) {
+    const toml::node *node = in.find("filter_type");
+    if (node == nullptr)
+        return;
+    const toml::array *names = node->as_array();
+    if (names == nullptr)
+        in.fail(*node, R"('filter_type' must be a list, as in ["url", "wificalling"])");
+    profile.filter_type = 0;
+    for (const toml::node &name : *names) {
+        const std::optional<std::string> text = name.value<std::string>();
+        if (text == "url")
+            profile.filter_type |= AV_FILTER_URL;
+        else if (text == "wificalling")
+            profile.filter_type |= AV_FILTER_WIFICALLING;
+        else
+            in.fail(name, "'filter_type' holds something other than \"url\" and \"wificalling\"");
+    }
+}
+
+void read_client(const reader &in, client_profile &profile) {
+    read_side(in, profile.side);
+    read_web_utp(in, profile);
+    read_filter_type(in, profile);
+}
+
+client_rule read_rule(const toml::table &table, const std::string &file,
+                      const client_profile &defaults) {
+    const reader in(table, file);
+    in.expect_keys({"mac", "network", "captured_on", "interface", "if_index", "utp_id", "web_utp",
+                    "filter_type"});
+    client_rule rule;
+    rule.profile = defaults;
+    if (const auto text = in.text("mac")) {
+        rule.mac = parse_mac(*text);
+        if (!rule.mac)
+            in.fail(*in.find("mac"), "'mac' must look like 00:1a:2b:3c:4d:5e");
+    }
+    if (const auto text = in.text("network")) {
+        rule.network = ip_network::parse(*text);
+        if (!rule.network)
+            in.fail(*in.find("network"),
+                    "'network' must look like 192.168.1.0/24 or 2001:db8::/64");
+    }
+    in.interface_name("captured_on", rule.captured_on);
+    if (!rule.mac && !rule.network && rule.captured_on.empty())
+        in.fail(table, "a rule needs 'mac', 'network' or 'captured_on'");
+    read_client(in, rule.profile);
+    return rule;
+}
+
+// The rules by whom they are for, to find those behind another one for the same.
+class rule_index {
+public:
+    // Returns the place of a rule that fits before this one wherever this one would; else none.
+    std::optional<size_t> add(const client_rule &rule, size_t place) {
+        std::vector<entry> &same = by_client_[{rule.mac, rule.mac ? std::nullopt : rule.network}];
+        const auto found = std::find_if(same.begin(), same.end(), [&](const entry &earlier) {
+            return hides(earlier.rule, rule);
+        });
+        if (found != same.end())
+            return found->place;
+        same.push_back({rule, place});
+        return std::nullopt;
+    }
+
+private:
+    struct entry {
+        client_rule rule;
+        size_t place;
+    };
+
+    static bool hides(const client_rule &earlier, const client_rule &later) {
+        return (!earlier.network || earlier.network == later.network) &&
+               (earlier.captured_on.empty() || earlier.captured_on == later.captured_on);
+    }
+
+    std::map<std::pair<std::optional<mac_address>, std::optional<ip_network>>, std::vector<entry>>
+        by_client_;
+};
+
+// The daemon judges a packet once: by the web policies or by the rules of applications.
+void warn_of_url_filtering(const toml::table &root, const reader &in, config &settings) {
+    if (!settings.dpi) // the daemon filters with the engine alone
+        return;
+    const toml::node *first = root.at_path("client.filter_type").node();
+    bool asks = (settings.client.filter_type & AV_FILTER_URL) != 0;
+    for (size_t i = 0; !asks && i < settings.rules.size(); ++i) {
+        asks = (settings.rules[i].profile.filter_type & AV_FILTER_URL) != 0;
+        first = root["rule"][i]["filter_type"].node();
+    }
+    if (asks && first != nullptr)
+        settings.warnings.push_back(
+            in.at(*first,
+                  "'filter_type' holds \"url\": such a client's traffic, of the web above all, is "
+                  "for the web policies and never gets to the rules for applications: no block, "
+                  "limit or mark of theirs holds for it"));
+}
+
+void read_rules(const reader &in, const std::string &file, config &settings) {
+    const toml::node *node = in.find("rule");
+    if (node == nullptr)
+        return;
+    if (!node->is_array_of_tables())
+        in.fail(*node, "'rule' must be a list of tables, [[rule]]");
+    const toml::array &tables = *node->as_array();
+    rule_index index;
+    for (const toml::node &rule : tables) {
+        const size_t place = settings.rules.size();
+        settings.rules.push_back(read_rule(*rule.as_table(), file, settings.client));
+        const std::optional<size_t> earlier = index.add(settings.rules.back(), place);
+        if (!earlier)
+            continue;
+        const auto line = tables.get(*earlier)->source().begin.line;
+        settings.warnings.push_back(in.at(rule, "the rule never holds, for the one in line " +
+                                                    std::to_string(line) +
+                                                    " fits the same clients before it"));
+    }
+}
+
+bool is_platform_key(std::string_view key) {
+    constexpr std::string_view enable = "avc_enable/wlan";
+    if (!key.starts_with(enable))
+        return std::find(std::begin(PLATFORM_KEYS), std::end(PLATFORM_KEYS), key) !=
+               std::end(PLATFORM_KEYS);
+    key.remove_prefix(enable.size());
+    return !key.empty() && key.size() <= 3 &&
+           key.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// Keys with a slash may also be written as a table: [platform.avc_enable], wlan0 = 1.
+void read_platform(const toml::table &table, const std::string &file, const std::string &prefix,
+                   config &settings) {
+    const reader in(table, file);
+    for (const auto &[name, node] : table) {
+        const std::string key = prefix + std::string(name.str());
+        if (const toml::table *inner = node.as_table(); inner != nullptr && prefix.empty()) {
+            read_platform(*inner, file, key + "/", settings);
+            continue;
+        }
+        if (!is_platform_key(key))
+            in.fail(node, "unknown key " + reader::quoted(key));
+        std::optional<std::string> value = node.value_exact<std::string>();
+        if (const auto number = node.value_exact<int64_t>())
+            value = std::to_string(*number);
+        if (!value)
+            in.fail(node, reader::quoted(key) + " must be a text in quotes or a whole number");
+        if (value->size() > PLATFORM_VALUE_MAX)
+            in.fail(node, reader::quoted(key) + " must have at most 127 characters");
+        if (key == AV_KEY_BASE_MAC && !parse_mac(*value))
+            in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
+        if (key == AV_KEY_BASE_MAC)
+            std::transform(value->begin(), value->end(), value->begin(),
+                           [](char c) { return c >= 'a' && c <= 'f' ? char(c - 'a' + 'A') : c; });
+        settings.platform_values[key] = *value;
+    }
+}
+
+bus_settings read_bus(const toml::table &table, const std::string &file) {
+    const reader in(table, file);
+    in.expect_keys({"listen", "ca", "certificate", "key", "insecure"});
+    bus_settings bus;
+    bus.listen = in.text("listen").value_or(bus.listen);
+    const auto address = bus_address::of_listener(bus.listen);
+    if (!address)
+        in.fail(*in.find("listen"), "'listen' must look like [::]:5670 or 192.0.2.1:5670; "
+                                    "without [bus] nothing is listened at");
+    bus.ca = in.text("ca").value_or("");
+    bus.certificate = in.text("certificate").value_or("");
+    bus.key = in.text("key").value_or("");
+    const bool none = bus.ca.empty() && bus.certificate.empty() && bus.key.empty();
+    if (!none && (bus.ca.empty() || bus.certificate.empty() || bus.key.empty()))
+        in.fail(table, "'ca', 'certificate' and 'key' go together");
+    in.flag("insecure", bus.insecure);
+    if (bus.insecure && bus.secured())
+        in.fail(*in.find("insecure"), "'insecure' is for a bus without certificates");
+    if (bus.loopback_only() && !address->is_loopback())
+        in.fail(table, "[bus] needs 'ca', 'certificate' and 'key', as scripts/bus-keys makes them; "
+                       "without them listen = \"127.0.0.1:5670\", which no other machine reaches, "
+                       "or insecure = true, with which whoever reaches the port can name "
+                       "addresses");
+    return bus;
+}
+
+std::optional<resolver> parse_resolver(const std::string &text) {
+    const size_t blank = text.find(' ');
+    const std::optional<ip_address> address = ip_address::parse(text.substr(0, blank));
+    if (!address || blank == text.npos)
+        return address ? std::optional<resolver>({*address, {}}) : std::nullopt;
+    const std::optional<mac_address> mac = parse_mac(std::string_view(text).substr(blank + 1));
+    return mac ? std::optional<resolver>({*address, mac}) : std::nullopt;
+}
+
+void read_names(const toml::table &table, const std::string &file, config &settings) {
+    const reader in(table, file);
+    in.expect_keys({"resolvers"});
+    const toml::node *node = in.find("resolvers");
+    if (node == nullptr)
+        return;
+    const toml::array *entries = node->as_array();
+    if (entries == nullptr)
+        in.fail(*node, "'resolvers' must be a list of addresses, as in "
+                       R"(["192.0.2.53", "10.1.0.53 02:00:00:00:00:53"])");
+    std::vector<resolver> &resolvers = settings.resolvers.emplace();
+    for (const toml::node &entry : *entries) {
+        const auto text = entry.value_exact<std::string>();
+        const std::optional<resolver> one = text ? parse_resolver(*text) : std::nullopt;
+        if (!one)
+            in.fail(entry, "'resolvers' holds something other than an address, or a client's "
+                           "address and MAC address with a blank between them");
+        resolvers.push_back(*one);
+    }
+}
+
+// A text that is one of a few.
+template <typename Value, size_t N>
+void read_choice(const reader &in, std::string_view key,
+                 const std::pair<std::string_view, Value> (&choices)[N], Value &value) {
+    const std::optional<std::string> text = in.text(key);
+    if (!text)
+        return;
+    std::string names;
+    for (const auto &[name, chosen] : choices) {
+        if (*text == name) {
+            value = chosen;
+            return;
+        }
+        names += (names.empty() ? "\"" : " or \"") + std::string(name) + '"';
+    }
+    in.fail(*in.find(key), reader::quoted(key) + " must be " + names);
+}
+
+void read_enforce(const toml::table &table, const std::string &file, enforce_settings &enforce) {
+    using settings = enforce_settings;
+    constexpr std::pair<std::string_view, settings::sharing> shares[] = {
+        {"application", settings::sharing::application},
+        {"flow", settings::sharing::flow},
+        {"client", settings::sharing::client}};
+    constexpr std::pair<std::string_view, uint64_t> units[] = {
+        {"kbit/s", 125}, {"kB/s", 1000}, {"Mbit/s", 125'000}};
+    constexpr std::pair<std::string_view, settings::shaping> shapes[] = {
+        {"drop", settings::shaping::drop}, {"htb", settings::shaping::htb}};
+    constexpr std::pair<std::string_view, bool> fails[] = {{"open", false}, {"closed", true}};
+    constexpr std::pair<std::string_view, bool> dropped[] = {{"pass", false}, {"drop", true}};
+    constexpr std::pair<std::string_view, bool> passed[] = {{"pass", true}, {"drop", false}};
+    const reader in(table, file);
+    in.expect_keys(
+        {"reset", "share", "rate_unit", "shape", "fail", "copies", "excess", "fragments", "tags"});
+    in.flag("reset", enforce.reset);
+    read_choice(in, "share", shares, enforce.share);
+    read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
+    read_choice(in, "shape", shapes, enforce.shape);
+    read_choice(in, "fail", fails, enforce.rules.fail_closed);
+    read_choice(in, "excess", dropped, enforce.rules.drop_excess);
+    read_choice(in, "fragments", dropped, enforce.rules.drop_fragments);
+    read_choice(in, "tags", passed, enforce.rules.pass_tags);
+    in.number("copies", enforce.rules.copies_per_second, COPIES_MAX);
+    if (enforce.rules.copies_per_second == 0)
+        in.fail(*in.find("copies"), "'copies' must be 1 at least");
+}
+
+} // namespace
+
+config parse_config(std::string_view text, const std::string &name) {
+    refuse_deep_keys(text, name);
+    toml::table root;
+    try {
+        root = toml::parse(text, name);
+    } catch (const toml::parse_error &error) {
+        std::ostringstream message;
+        message << name << ", line " << error.source().begin.line << ": "
+                << printable(error.description());
+        // A MAC address without quotes is taken for a time.
+        if (!error.description().starts_with("Error while parsing key") &&
+            !error.description().starts_with("Error while parsing table"))
+            message << " (texts stand in quotes)";
+        throw config_error(message.str());
+    }
+    const reader in(root, name);
+    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names"});
+    config settings;
+    in.flag("dpi", settings.dpi);
+    if (!settings.dpi)
+        settings.platform_values.clear(); // the daemon's default: no engine
+    if (const toml::table *client = in.table("client")) {
+        const reader client_in(*client, name);
+        client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
+        read_client(client_in, settings.client);
+    }
+    if (const toml::table *uplink = in.table("uplink")) {
+        const reader uplink_in(*uplink, name);
+        uplink_in.expect_keys({"interface", "if_index", "utp_id"});
+        read_side(uplink_in, settings.uplink);
+    }
+    read_rules(in, name, settings);
+    warn_of_url_filtering(root, in, settings);
+    if (const toml::table *platform = in.table("platform"))
+        read_platform(*platform, name, "", settings);
+    if (const toml::table *bus = in.table("bus"))
+        settings.bus = read_bus(*bus, name);
+    if (const toml::table *enforce = in.table("enforce"))
+        read_enforce(*enforce, name, settings.enforce);
+    if (const toml::table *names = in.table("names"))
+        read_names(*names, name, settings);
+    return settings;
+}
+
+config read_config(const std::string &path) {
+    return parse_config(read_config_text(path), path);
+}
+
+} // namespace avcore

@@ -1,0 +1,16 @@
+#include "jornctl/base/complain.h"
+
+#include "jornctl/base/printable.h"
+
+#include <iostream>
+
+namespace jornctl {
+
+void complain(std::string line) {
+    constexpr size_t shown_max = 1'000;
+    if (line.size() > shown_max)
+        line.replace(shown_max, std::string::npos, "...");
+    std::cerr << "jornctl: " << printable(line) << '\n';
+}
+
+} // namespace jornctl
