@@ -6,6 +6,7 @@
 // function that would open it throws and says so.
 #pragma once
 
+#include "avcore/gate/counts.h"
 #include "avcore/gate/interface_news.h"
 #include "avcore/records/enforce_settings.h"
 #include "avcore/records/gate_records.h"
@@ -26,8 +27,6 @@ struct gate_copy_seen {
     gate_copy head;
     std::span<const uint8_t> frame; // valid until the next one is taken
 };
-
-using gate_counts = std::array<uint64_t, GATE_COUNTS>; // by gate_count
 
 class gate {
 public:

@@ -76,7 +76,7 @@ std::string pin_of(const std::string &pins, const std::string &map) {
 
 void make_pins(const std::string &pins) {
     std::error_code error;
-    fs::create_directories(pins, error);
+    fs::create_directory(pins, error);
     if (error)
         throw std::runtime_error("no folder " + pins + " for the gate: " + error.message());
     if (!is_bpffs(pins)) {
@@ -89,11 +89,19 @@ void make_pins(const std::string &pins) {
         throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());
 }
 
+void make_folder_beside(const std::string &pins) {
+    const fs::path folder = fs::absolute(pins).parent_path();
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error)
+        fail("no folder " + folder.string() + " for the gate", error.value());
+}
+
 unique_fd lock_beside(const std::string &pins) {
     const std::string folder = fs::absolute(pins).parent_path();
     unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.valid())
-        flock(fd.get(), LOCK_EX);
+    if (fd.valid() ? flock(fd.get(), LOCK_EX) != 0 : errno != ENOENT)
+        fail("no lock on " + folder + ", where the gate's pins are", errno);
     return fd;
 }
 

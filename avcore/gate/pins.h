@@ -13,9 +13,11 @@ std::string pin_of(const std::string &pins, const std::string &map);
 // Makes the folder, and mounts a bpffs at `pins` where there is none. Throws std::runtime_error.
 void make_pins(const std::string &pins);
 
-// One process at a time sets a gate up or takes it down. Not the pins' own folder: a mount that is
-// open can't go.
+// One process at a time sets a gate up or takes it down: it holds the folder that the pins' own
+// lies in. Not the pins' own: a mount that is open can't go. Not valid where there is no such
+// folder. Throws std::runtime_error.
 unique_fd lock_beside(const std::string &pins);
+void make_folder_beside(const std::string &pins); // throws std::runtime_error
 
 // Removes one layout's folder, or all, and then the mount if make_pins() made it and nothing else
 // is in it. Does nothing where there is none.

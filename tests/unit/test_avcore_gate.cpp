@@ -2,7 +2,9 @@
 // as root in namespaces of its own.
 #include "avcore/flows/frame_builder.h"
 #include "avcore/gate/gate.h"
+#include "avcore/gate/pins.h"
 #include "avcore/gate/places.h"
+#include "shared/unique_fd.h"
 #include "support/frames.h"
 
 #include <algorithm>
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
 #include <linux/if_packet.h>
@@ -19,6 +22,8 @@
 #include <net/if.h>
 #include <poll.h>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <thread>
@@ -374,6 +379,41 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     } catch (const std::runtime_error &error) {
         EXPECT_NE(std::string(error.what()).find(pin), std::string::npos) << error.what();
     }
+}
+
+// How many of this process's threads wait for a lock.
+long waiting() {
+    std::ifstream locks("/proc/locks");
+    const std::string own = " " + std::to_string(getpid()) + " ";
+    std::string line;
+    long count = 0;
+    while (std::getline(locks, line))
+        count += line.find("->") != line.npos && line.find(own) != line.npos;
+    return count;
+}
+
+TEST_F(AvcoreGate, IsSetUpWhileAnotherFails) {
+    ASSERT_TRUE(run("tc qdisc add dev gw1 ingress"));
+    const auto start = [](const char *interface, long others) {
+        std::thread begun([interface] {
+            try {
+                gate(PINS, {interface});
+            } catch (const std::runtime_error &) {
+            }
+        });
+        while (waiting() <= others)
+            std::this_thread::yield();
+        return begun;
+    };
+    make_folder_beside(PINS);
+    unique_fd lock = lock_beside(PINS);
+    std::thread fails = start("gw1", 0);
+    std::thread works = start("gw0", 1);
+    lock = {};
+    works.join();
+    fails.join();
+    EXPECT_TRUE(std::filesystem::exists(pin_of(PINS, "verdicts")));
+    EXPECT_EQ(look_at_gate(PINS).interfaces, std::vector<std::string>{"gw0"});
 }
 
 // Linux 6.1 about a radio that hostapd has, with a station whose frames have four addresses.

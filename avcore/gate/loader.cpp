@@ -1,0 +1,196 @@
+#include "avcore/gate/loader.h"
+
+#include "avcore/gate/maps.h"
+#include "avcore/gate/pins.h"
+#include "avcore/gate/traffic_control.h"
+#include "shared/unique_fd.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace avcore {
+namespace {
+
+constexpr unsigned char OBJECT[] = {
+#include "gate_object.inc"
+};
+
+std::string reason(int error) {
+    return std::generic_category().message(error < 0 ? -error : error);
+}
+
+// The verifier's log says all that led to its refusal, then why. Older kernels cut its end off
+// where it doesn't fit; what isn't written takes no memory.
+constexpr size_t VERIFIER_LOG_SIZE = size_t{16} * 1024 * 1024;
+constexpr int VERIFIER_LINES = 8; // of them, in an error
+
+std::string last_lines(std::string_view log) {
+    std::string lines;
+    for (int i = 0; i < VERIFIER_LINES && !log.empty(); i++) {
+        log = log.substr(0, log.find_last_not_of('\n') + 1);
+        const size_t line = log.rfind('\n') + 1;
+        lines.insert(0, "\n    " + std::string(log.substr(line)));
+        log = log.substr(0, line);
+    }
+    return lines.empty() ? lines : "; its verifier's last lines:" + lines;
+}
+
+// What a constructor began, to be taken back when it fails.
+struct beginnings {
+    std::string pins;
+    bool pins_are_new = false;
+    std::vector<std::string> pinned;
+    std::vector<std::pair<unsigned, tc_side>> attached;
+    std::vector<unsigned> hooks;
+    bool done = false;
+
+    ~beginnings() {
+        if (done)
+            return;
+        try {
+            for (const auto &[index, side] : attached)
+                detach(index, side);
+            for (const unsigned index : hooks)
+                remove_hooks(index);
+            for (const std::string &pin : pinned)
+                unlink(pin.c_str());
+            if (pins_are_new)
+                remove_pins(pins, layouts::all);
+        } catch (const std::exception &) {
+            return; // the first error is the one to be told
+        }
+    }
+};
+
+struct close_object {
+    void operator()(bpf_object *object) const { bpf_object__close(object); }
+};
+using object_owner = std::unique_ptr<bpf_object, close_object>;
+
+bool is_alike(const bpf_map *map, int fd) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 && info.type == bpf_map__type(map) &&
+           info.key_size == bpf_map__key_size(map) && info.value_size == bpf_map__value_size(map) &&
+           info.max_entries == bpf_map__max_entries(map) &&
+           info.map_flags == bpf_map__map_flags(map);
+}
+
+void reuse_maps(bpf_object *object, const std::string &pins) {
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, object) {
+        const std::string pin = pin_of(pins, bpf_map__name(map));
+        const unique_fd fd = find_map(pins, bpf_map__name(map));
+        if (!fd.valid())
+            continue;
+        if (!is_alike(map, fd.get())) {
+            if (!std::filesystem::exists(pin))
+                continue; // of another layout, attached still
+            throw std::runtime_error(pin + " is no map of this gate: `avcore teardown` removes it");
+        }
+        const int error = bpf_map__reuse_fd(map, fd.get());
+        if (error != 0)
+            throw std::runtime_error(pin + " can't be used again: " + reason(error));
+    }
+}
+
+object_owner open_object() {
+    bpf_object_open_opts options = {};
+    options.sz = sizeof options;
+    options.object_name = "jorn_gate";
+    object_owner object(bpf_object__open_mem(OBJECT, sizeof OBJECT, &options));
+    if (!object)
+        throw std::runtime_error("the gate's program can't be read: " + reason(errno));
+    return object;
+}
+
+void load(bpf_object *object, beginnings &begun) {
+    const auto log = std::make_unique_for_overwrite<char[]>(VERIFIER_LOG_SIZE);
+    log[0] = '\0';
+    bpf_program *program = nullptr;
+    bpf_object__for_each_program(program, object)
+        bpf_program__set_log_buf(program, log.get(), VERIFIER_LOG_SIZE);
+    const int error = bpf_object__load(object);
+    if (error != 0)
+        throw std::runtime_error("the kernel doesn't take the gate: " + reason(error) +
+                                 last_lines(log.get()));
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, object) {
+        const std::string pin = pin_of(begun.pins, bpf_map__name(map));
+        if (bpf_obj_pin(bpf_map__fd(map), pin.c_str()) == 0)
+            begun.pinned.push_back(pin);
+        else if (errno != EEXIST)
+            throw std::runtime_error("no pin " + pin + ": " + reason(errno));
+    }
+}
+
+int program_fd(bpf_object *object, tc_side side) {
+    const std::string name = std::string(GATE_PROGRAM) + (side == tc_side::ingress ? "up" : "down");
+    return bpf_program__fd(bpf_object__find_program_by_name(object, name.c_str()));
+}
+
+// Leaves what is attached already, unless it comes from another build or works on other maps.
+void attach_where_needed(bpf_object *object, unsigned index, bool is_new, beginnings &begun) {
+    if (is_new && make_hooks(index))
+        begun.hooks.push_back(index);
+    for (const tc_side side : TC_SIDES) {
+        const int fd = program_fd(object, side);
+        const tc_program ours = program_of(fd);
+        const std::optional<tc_program> there = gate_at(index, side);
+        if (!there && !is_new)
+            continue;
+        if (there && there->tag == ours.tag && there->map_ids == ours.map_ids)
+            continue;
+        attach(index, side, fd);
+        if (!there)
+            begun.attached.emplace_back(index, side);
+    }
+}
+
+// Where the gate stands at other interfaces, too, it is brought up to date there.
+void attach_everywhere(bpf_object *object, const std::vector<unsigned> &wanted, uint32_t settings,
+                       beginnings &begun) {
+    for (const unsigned index : wanted)
+        attach_where_needed(object, index, true, begun);
+    for (const auto &[index, name] : all_interfaces()) {
+        const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
+        if (there && uses(*there, settings))
+            attach_where_needed(object, index, false, begun);
+    }
+}
+
+} // namespace
+
+void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces) {
+    std::vector<unsigned> indices;
+    indices.reserve(interfaces.size());
+    for (const std::string &name : interfaces)
+        indices.push_back(ethernet_interface(name));
+    make_folder_beside(pins);
+    const unique_fd lock = lock_beside(pins);
+    beginnings begun; // taken back before the lock is
+    begun.pins = pins;
+    std::error_code error; // that it can't be looked at shows when it is made
+    begun.pins_are_new = !std::filesystem::exists(layout_folder(pins), error);
+    make_pins(pins);
+    const object_owner object = open_object();
+    reuse_maps(object.get(), pins);
+    load(object.get(), begun);
+    const int settings = bpf_object__find_map_fd_by_name(object.get(), "settings");
+    attach_everywhere(object.get(), indices, id_of_map(settings), begun);
+    remove_pins(pins, layouts::others);
+    begun.done = true;
+}
+
+} // namespace avcore

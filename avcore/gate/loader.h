@@ -1,0 +1,14 @@
+// Sets the gate up: its programs and maps into the kernel, their pins, the programs to the
+// interfaces.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+// As gate's constructor says. One process at a time does it, from the look at what is there to the
+// end, also when what it began is taken back.
+void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces);
+
+} // namespace avcore

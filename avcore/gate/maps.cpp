@@ -1,0 +1,78 @@
+#include "avcore/gate/maps.h"
+
+#include "avcore/gate/pins.h"
+
+#include <algorithm>
+#include <bpf/bpf.h>
+#include <cerrno>
+#include <cstring>
+#include <net/if.h>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+
+namespace avcore {
+namespace {
+
+bool has_name(int fd, const char *name) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 &&
+           strncmp(info.name, name, sizeof info.name) == 0;
+}
+
+// A map of a gate whose pins are lost, for their mount lay in a namespace that ended: the attached
+// programs still hold it.
+unique_fd attached_map(const char *name) {
+    for (const auto &[index, interface] : all_interfaces()) {
+        const std::optional<tc_program> program = gate_at(index, tc_side::ingress);
+        for (const uint32_t id : program ? program->map_ids : std::vector<uint32_t>()) {
+            unique_fd fd(bpf_map_get_fd_by_id(id));
+            if (fd.valid() && has_name(fd.get(), name))
+                return fd;
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+unique_fd find_map(const std::string &pins, const char *name) {
+    const std::string pin = pin_of(pins, name);
+    unique_fd fd(bpf_obj_get(pin.c_str()));
+    if (fd.valid())
+        return fd;
+    if (errno != ENOENT)
+        throw std::runtime_error(pin +
+                                 " can't be opened: " + std::generic_category().message(errno));
+    return attached_map(name);
+}
+
+unique_fd pinned_map(const std::string &pins, const char *name) {
+    unique_fd fd = find_map(pins, name);
+    if (!fd.valid())
+        throw std::runtime_error("no map of the gate at " + pin_of(pins, name));
+    return fd;
+}
+
+uint32_t id_of_map(int fd) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
+}
+
+bool uses(const tc_program &program, uint32_t map_id) {
+    return std::find(program.map_ids.begin(), program.map_ids.end(), map_id) !=
+           program.map_ids.end();
+}
+
+std::vector<std::pair<unsigned, std::string>> all_interfaces() {
+    struct if_nameindex *list = if_nameindex();
+    std::vector<std::pair<unsigned, std::string>> interfaces;
+    for (struct if_nameindex *at = list; at && at->if_index != 0; at++)
+        interfaces.emplace_back(at->if_index, at->if_name);
+    if_freenameindex(list);
+    return interfaces;
+}
+
+} // namespace avcore

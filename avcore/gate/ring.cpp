@@ -1,0 +1,51 @@
+#include "avcore/gate/ring.h"
+
+#include "avcore/records/gate_records.h"
+
+#include <linux/bpf.h>
+#include <unistd.h>
+
+namespace avcore {
+namespace {
+
+constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kernel's own word
+
+uint32_t head_of(const uint8_t *head) {
+    auto *word = reinterpret_cast<uint32_t *>(const_cast<uint8_t *>(head));
+    return std::atomic_ref(*word).load();
+}
+
+} // namespace
+
+ring::ring(int fd)
+    : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))),
+      reader_(fd, page_, PROT_READ | PROT_WRITE, 0),
+      writer_(fd, page_ + 2 * static_cast<size_t>(GATE_RING_BYTES), PROT_READ,
+              static_cast<off_t>(page_)) {}
+
+std::span<const uint8_t> ring::next() {
+    uint64_t at = read_word(*reader_.get()) + taken_;
+    taken_ = 0;
+    for (;;) {
+        write_word(*reader_.get(), at);
+        if (at >= read_word(*writer_.get()))
+            return {};
+        const uint8_t *head = record_at(at);
+        const uint32_t word = head_of(head);
+        if (word & BPF_RINGBUF_BUSY_BIT)
+            return {};
+        const uint32_t length = word & ~(BPF_RINGBUF_BUSY_BIT | BPF_RINGBUF_DISCARD_BIT);
+        const uint64_t whole = (uint64_t{length} + RING_HEAD + 7) / 8 * 8;
+        if (!(word & BPF_RINGBUF_DISCARD_BIT)) {
+            taken_ = whole;
+            return {head + RING_HEAD, length};
+        }
+        at += whole;
+    }
+}
+
+const uint8_t *ring::record_at(uint64_t at) const {
+    return reinterpret_cast<const uint8_t *>(writer_.get()) + page_ + (at & (GATE_RING_BYTES - 1));
+}
+
+} // namespace avcore
