@@ -1,0 +1,98 @@
+/* What goes up to avcore, and how much of each client's. */
+#pragma once
+
+#include "avcore/gate/kernel/limits.h"
+
+/* tc_index of a datagram of DNS that came from a client. It stays with the packet, bridged or
+ * routed, until it goes down to another. */
+#define CAME_UP 0x4A55
+
+struct whole_copy {
+    struct gate_copy head;
+    __u8 frame[GATE_JOINED_MAX];
+};
+
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, GATE_CLIENTS);
+    __type(key, struct gate_client);
+    __type(value, struct gate_client_state);
+} clients SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_RINGBUF);
+    __uint(max_entries, GATE_RING_BYTES);
+} copies SEC(".maps");
+
+/* Where a copy is put together: too large for the stack. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct whole_copy);
+} workbench SEC(".maps");
+
+static __always_inline struct gate_client_state *client_of(struct __sk_buff *skb,
+                                                           const struct packet *packet) {
+    struct gate_client client = {};
+    const __u32 at = packet->direction == GATE_UP ? offsetof(struct ethhdr, h_source)
+                                                  : offsetof(struct ethhdr, h_dest);
+    if (bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
+        return NULL;
+    struct gate_client_state *state = bpf_map_lookup_elem(&clients, &client);
+    if (!state) {
+        const struct gate_client_state unseen = {};
+        bpf_map_update_elem(&clients, &client, &unseen, BPF_NOEXIST);
+        state = bpf_map_lookup_elem(&clients, &client);
+    }
+    return state;
+}
+
+/* Without a lock, which maps of this kind can't hold: two processors may let one copy too many
+ * through. */
+static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet *packet,
+                                     __u32 a_second, __u64 now) {
+    struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
+    if (!client)
+        return false;
+    if (take_tokens(&client->copies[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN], a_second,
+                    a_second, 1, now))
+        return true;
+    __sync_fetch_and_add(&client->refused, 1);
+    return false;
+}
+
+/* False: its client had too many. */
+static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
+                               const struct gate_settings *set) {
+    const __u64 now = bpf_ktime_get_ns();
+    const __u32 first = 0;
+    struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
+    if (!copy)
+        return true;
+    if (!may_copy(skb, packet, set->copies_per_second, now)) {
+        count(packet, GATE_COUNT_COPIES_REFUSED, 1);
+        return false;
+    }
+    const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
+    __u32 captured = skb->len;
+    if (!joined_datagrams && captured > GATE_FRAME_MAX)
+        captured = GATE_FRAME_MAX;
+    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
+    if (captured > GATE_JOINED_MAX)
+        captured = GATE_JOINED_MAX;
+    /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
+    if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
+        return true;
+    copy->head.flow = packet->flow;
+    copy->head.time_ns = now;
+    copy->head.if_index = skb->ifindex;
+    copy->head.length = skb->len;
+    copy->head.captured = (__u16)captured;
+    copy->head.segment_size = (__u16)skb->gso_size;
+    copy->head.direction = packet->direction;
+    copy->head.came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
+    const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
+    count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+    return true;
+}

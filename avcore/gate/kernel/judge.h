@@ -1,0 +1,144 @@
+/* What becomes of a packet: by its flow's verdict, or without one of its own. */
+#pragma once
+
+#include "avcore/gate/kernel/copies.h"
+#include "avcore/gate/kernel/flows.h"
+#include "avcore/gate/kernel/limits.h"
+#include "avcore/gate/kernel/marks.h"
+#include "avcore/gate/kernel/packet.h"
+#include "avcore/gate/kernel/parse.h"
+#include "avcore/gate/kernel/replies.h"
+
+#define DNS_PORT_BE bpf_htons(53)
+
+static __always_inline int deny(struct __sk_buff *skb, const struct packet *packet,
+                                const struct gate_verdict *verdict, struct gate_counter *counter) {
+    const bool resets = (verdict->flags & GATE_RESET) != 0;
+    if (resets && is_pure_reset(packet))
+        return pass(GATE_COUNT_DECIDED, packet);
+    count(packet, GATE_COUNT_DENIED, packet->segments);
+    if (counter)
+        __sync_fetch_and_add(&counter->denied, packet->segments);
+    return resets ? reset(skb, packet) : TC_ACT_SHOT;
+}
+
+static __always_inline int allow(struct __sk_buff *skb, const struct packet *packet,
+                                 const struct gate_verdict *verdict, struct gate_counter *counter) {
+    const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
+    if (!is_within_limit(bucket, packet)) {
+        if (counter)
+            __sync_fetch_and_add(&counter->limited, packet->segments);
+        return drop(GATE_COUNT_LIMITED, packet);
+    }
+    if ((verdict->flags & GATE_SET_PRIORITY) && packet->direction == GATE_DOWN)
+        skb->priority = verdict->priority;
+    if (verdict->flags & GATE_SET_DSCP)
+        set_dscp(skb, packet, verdict->dscp);
+    count_passed(counter, skb, packet);
+    return pass(GATE_COUNT_DECIDED, packet);
+}
+
+static __always_inline bool is_dns(const struct gate_flow *flow) {
+    return flow->proto == IPPROTO_UDP &&
+           (flow->client_port_be == DNS_PORT_BE || flow->server_port_be == DNS_PORT_BE);
+}
+
+static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
+                                 const struct gate_settings *set, bool attended) {
+    struct gate_flow_state *state = state_of(packet, set);
+    const struct gate_verdict *verdict =
+        state ? &state->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
+    struct gate_counter *counter = state ? &state->counter : NULL;
+    const bool judged = verdict && verdict->action;
+    const bool decided = judged && !(verdict->flags & GATE_NOT_YET_FINAL);
+    const bool settled = decided && verdict->generation == set->generation;
+    bool excess = false;
+    if (packet->direction == GATE_UP && is_dns(&packet->flow))
+        skb->tc_index = CAME_UP;
+    if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
+        excess = !copy_up(skb, packet, set);
+    if (!attended && !set->fail_closed)
+        return pass(GATE_COUNT_NOBODY, packet);
+    if (!decided && !attended)
+        return drop(GATE_COUNT_SHUT, packet);
+    if (judged && verdict->action == GATE_DENY)
+        return deny(skb, packet, verdict, counter);
+    if (judged)
+        return allow(skb, packet, verdict, counter);
+    if (excess && packet->direction == GATE_UP && (set->rules & GATE_DROP_EXCESS))
+        return drop(GATE_COUNT_EXCESS, packet);
+    count_passed(counter, skb, packet);
+    return pass(GATE_COUNT_UNDECIDED, packet);
+}
+
+/* Whether the client may send it beside what it has sent of this kind. */
+static __always_inline int pass_always(struct __sk_buff *skb, const struct packet *packet) {
+    if (packet->direction == GATE_UP) {
+        struct gate_client_state *client = client_of(skb, packet);
+        if (!client || !take_tokens(&client->always, GATE_ALWAYS_A_SECOND, GATE_ALWAYS_BURST,
+                                    frame_bytes(skb, packet), bpf_ktime_get_ns()))
+            return drop(GATE_COUNT_TOO_MUCH, packet);
+    }
+    return pass(GATE_COUNT_ALWAYS, packet);
+}
+
+/* The flow of the packet that an error quotes, which went the other way and may be cut behind its
+ * ports. False where it doesn't show one. */
+static __always_inline bool quoted_flow(struct __sk_buff *skb, const struct packet *packet,
+                                        struct gate_flow *flow) {
+    const __u8 direction = packet->direction == GATE_UP ? GATE_DOWN : GATE_UP;
+    const __u32 at = packet->transport + 8;
+    __u32 ports_at;
+    __be16 ports[2];
+    union {
+        struct iphdr ipv4;
+        struct ipv6hdr ipv6;
+    } head;
+    if (packet->is_ipv6) {
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv6))
+            return false;
+        flow->proto = head.ipv6.nexthdr == IPPROTO_ICMPV6 ? IPPROTO_ICMP : head.ipv6.nexthdr;
+        set_addresses(flow, direction, &head.ipv6.saddr, &head.ipv6.daddr, sizeof head.ipv6.saddr);
+        ports_at = at + sizeof head.ipv6;
+    } else {
+        if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv4) ||
+            (head.ipv4.frag_off & bpf_htons(FRAGMENT_OFFSET)))
+            return false;
+        flow->proto = head.ipv4.protocol;
+        set_addresses(flow, direction, &head.ipv4.saddr, &head.ipv4.daddr, sizeof head.ipv4.saddr);
+        ports_at = at + head.ipv4.ihl * 4;
+    }
+    if (flow->proto != IPPROTO_TCP && flow->proto != IPPROTO_UDP)
+        return true;
+    if (bpf_skb_load_bytes(skb, ports_at, ports, sizeof ports))
+        return false;
+    set_ports(flow, direction, ports[0], ports[1]);
+    return true;
+}
+
+static __noinline int judge_error(struct __sk_buff *skb, const struct packet *packet) {
+    struct gate_flow quoted = {};
+    if (quoted_flow(skb, packet, &quoted)) {
+        const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &quoted);
+        if (verdict && verdict->action == GATE_DENY)
+            return drop(GATE_COUNT_DENIED, packet);
+    }
+    return pass_always(skb, packet);
+}
+
+/* A later fragment: it shows no ports. */
+static __always_inline int pass_fragment(struct __sk_buff *skb, const struct packet *packet,
+                                         const struct gate_settings *set) {
+    struct gate_flow pair = packet->flow;
+    pair.proto = 0;
+    pair.fragments = 1;
+    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &pair);
+    if (verdict && verdict->generation == set->generation) {
+        const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
+        if (!is_within_limit(bucket, packet))
+            return drop(GATE_COUNT_LIMITED, packet);
+        if ((verdict->flags & GATE_SET_PRIORITY) && packet->direction == GATE_DOWN)
+            skb->priority = verdict->priority;
+    }
+    return pass(GATE_COUNT_FRAGMENT, packet);
+}

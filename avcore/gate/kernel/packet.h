@@ -1,0 +1,92 @@
+/* What the steps of the program pass to each other about a packet, and what becomes of it. */
+#pragma once
+
+#include "avcore/records/gate_records.h"
+
+#include <linux/bpf.h>
+#include <linux/if_ether.h>
+#include <linux/in.h>
+#include <linux/ip.h>
+#include <linux/ipv6.h>
+#include <linux/pkt_cls.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+#include <stdbool.h>
+#include <stddef.h>
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct gate_processor);
+} processors SEC(".maps");
+
+struct tcp_header {
+    __be16 source;
+    __be16 dest;
+    __be32 seq;
+    __be32 ack;
+    __u8 offset; /* in its upper half, in words */
+    __u8 flags;
+    __be16 window;
+    __u16 check;
+    __be16 urgent;
+};
+#define TCP_FIN 0x01
+#define TCP_SYN 0x02
+#define TCP_RST 0x04
+#define TCP_ACK 0x10
+
+/* What most frames begin with. */
+struct first_headers {
+    __u8 aligning[2];
+    struct ethhdr ethernet;
+    struct iphdr ipv4;     /* unless it is an IPv6 packet */
+    struct tcp_header tcp; /* its ports are other protocols', too */
+};
+#define FIRST_HEADERS_SIZE (sizeof(struct first_headers) - 2)
+
+struct packet {
+    struct gate_processor *here; /* the processor that is at it */
+    struct gate_flow flow;
+    struct first_headers first; /* loaded at once where they fit, or where they are */
+    __u32 network;              /* offsets in the frame: the IP header, */
+    __u32 transport;            /* what follows it, */
+    __u32 end;                  /* and the end, before any padding */
+    __u32 segments;             /* on the wire; more than one of a GSO packet */
+    __u32 headers;              /* from the frame's first byte to the payload, of each segment */
+    __u8 direction;
+    __u8 first_fragment;
+    __u8 extended; /* IPv6 with extension headers */
+    __u8 is_ipv6;
+    __u8 traffic_class;
+    __u8 all_loaded; /* the transport's header is where `first` has it */
+    __u8 is_error;   /* of ICMP or ICMPv6: it quotes a packet of the other direction */
+};
+
+static __always_inline void count(const struct packet *packet, __u32 what, __u64 by) {
+    if (what < GATE_COUNTS)
+        packet->here->counts[what] += by;
+}
+
+static __always_inline int pass(__u32 why, const struct packet *packet) {
+    count(packet, why, packet->segments);
+    return TC_ACT_UNSPEC;
+}
+
+static __always_inline int drop(__u32 why, const struct packet *packet) {
+    count(packet, why, packet->segments);
+    return TC_ACT_SHOT;
+}
+
+/* The clock costs as much as all the rest of an idle gate; a tick's age of the time is nothing to
+ * beats. */
+static __always_inline __u64 coarse_now(struct gate_processor *here) {
+    const __u64 tick = bpf_jiffies64();
+    if (here->tick != tick || here->now_ns == 0) {
+        here->tick = tick;
+        here->now_ns = bpf_ktime_get_ns();
+    }
+    return here->now_ns;
+}

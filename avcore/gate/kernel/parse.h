@@ -1,0 +1,262 @@
+/* From a frame to its flow. Each step answers what becomes of the packet, UNDECIDED being: look
+ * further. */
+#pragma once
+
+#include "avcore/gate/kernel/packet.h"
+
+#define EXTENSION_HEADERS_MAX 8
+#define VLAN_TAGS_MAX 2     /* in the frame, behind the one that the kernel keeps beside it; */
+#define PRIORITY_TAGS_MAX 8 /* with the VLAN ID 0, which every receiver takes off */
+#define VLAN_ID 0x0FFF
+#define TAGGED_TYPE_MAX (12 + 4 * (PRIORITY_TAGS_MAX + VLAN_TAGS_MAX))
+#define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
+#define FRAGMENT_MORE 0x2000
+
+static __always_inline void set_addresses(struct gate_flow *flow, __u8 direction,
+                                          const void *source, const void *dest, __u32 size) {
+    const __u32 at = sizeof flow->client - size;
+    const bool up = direction == GATE_UP;
+    __builtin_memcpy(flow->client + at, up ? source : dest, size);
+    __builtin_memcpy(flow->server + at, up ? dest : source, size);
+    if (size == sizeof(__be32)) {
+        flow->client[10] = flow->client[11] = 0xFF;
+        flow->server[10] = flow->server[11] = 0xFF;
+    }
+}
+
+static __always_inline void set_ports(struct gate_flow *flow, __u8 direction, __be16 source,
+                                      __be16 dest) {
+    flow->client_port_be = direction == GATE_UP ? source : dest;
+    flow->server_port_be = direction == GATE_UP ? dest : source;
+}
+
+static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packet) {
+    struct tcp_header *tcp = &packet->first.tcp;
+    if (packet->transport + sizeof *tcp > packet->end ||
+        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, tcp, sizeof *tcp)))
+        return GATE_COUNT_MALFORMED;
+    const __u32 length = (tcp->offset >> 4) * 4;
+    if (length < sizeof *tcp ||
+        (packet->transport + length > packet->end && !packet->first_fragment))
+        return GATE_COUNT_MALFORMED;
+    packet->headers = packet->transport + length;
+    set_ports(&packet->flow, packet->direction, tcp->source, tcp->dest);
+    return GATE_COUNT_UNDECIDED;
+}
+
+static __always_inline int parse_udp(struct __sk_buff *skb, struct packet *packet) {
+    struct tcp_header *ports = &packet->first.tcp;
+    const __u32 length = 8;
+    if (packet->transport + length > packet->end ||
+        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, ports, 4)))
+        return GATE_COUNT_MALFORMED;
+    packet->headers = packet->transport + length;
+    set_ports(&packet->flow, packet->direction, ports->source, ports->dest);
+    return GATE_COUNT_UNDECIDED;
+}
+
+/* ICMP's and ICMPv6's errors have nothing else in common with echoes. */
+static __always_inline int parse_icmp(struct __sk_buff *skb, struct packet *packet) {
+    __u8 type;
+    if (packet->transport + 4 > packet->end ||
+        bpf_skb_load_bytes(skb, packet->transport, &type, sizeof type))
+        return GATE_COUNT_MALFORMED;
+    packet->is_error = type == 3 || type == 4 || type == 5 || type == 11 || type == 12;
+    const bool router = type == 9 || type == 10;
+    return router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
+}
+
+/* What is none of a link's own (RFC 4890, 4.4) is told to the daemon as ICMP. */
+static __always_inline int parse_icmpv6(struct __sk_buff *skb, struct packet *packet) {
+    __u8 type;
+    if (packet->transport + 4 > packet->end ||
+        bpf_skb_load_bytes(skb, packet->transport, &type, sizeof type))
+        return GATE_COUNT_MALFORMED;
+    packet->flow.proto = IPPROTO_ICMP;
+    packet->is_error = type >= 1 && type <= 4;
+    const bool listener = (type >= 130 && type <= 132) || type == 143;
+    const bool neighbour = (type >= 133 && type <= 137) || type == 141 || type == 142;
+    const bool router = type == 148 || type == 149 || (type >= 151 && type <= 153);
+    return listener || neighbour || router ? GATE_COUNT_ALWAYS : GATE_COUNT_UNDECIDED;
+}
+
+static __always_inline int parse_transport(struct __sk_buff *skb, struct packet *packet) {
+    packet->headers = packet->transport;
+    switch (packet->flow.proto) {
+    case IPPROTO_TCP:
+        return parse_tcp(skb, packet);
+    case IPPROTO_UDP:
+        return parse_udp(skb, packet);
+    case IPPROTO_ICMP:
+        return packet->is_ipv6 ? GATE_COUNT_UNDECIDED : parse_icmp(skb, packet);
+    case IPPROTO_ICMPV6:
+        return packet->is_ipv6 ? parse_icmpv6(skb, packet) : GATE_COUNT_UNDECIDED;
+    case IPPROTO_IGMP:
+        return packet->is_ipv6 ? GATE_COUNT_UNDECIDED : GATE_COUNT_ALWAYS;
+    default:
+        return GATE_COUNT_UNDECIDED;
+    }
+}
+
+/* The largest GSO packets say 0, for their length doesn't fit. */
+static __always_inline bool set_end(struct __sk_buff *skb, struct packet *packet, __u32 length) {
+    packet->end = length == 0 && skb->gso_size ? skb->len : packet->network + length;
+    return packet->end <= skb->len;
+}
+
+static __always_inline bool is_reserved(__be32 address) {
+    return (address & bpf_htonl(0xF0000000)) == bpf_htonl(0xF0000000) && address != 0xFFFFFFFF;
+}
+
+static __always_inline int parse_ipv4(struct __sk_buff *skb, struct packet *packet) {
+    struct iphdr *head = &packet->first.ipv4;
+    if (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->network, head, sizeof *head))
+        return GATE_COUNT_MALFORMED;
+    const __u32 length = head->ihl * 4;
+    if (length != sizeof *head)
+        packet->all_loaded = 0;
+    packet->transport = packet->network + length;
+    if (head->version != 4 || length < sizeof *head ||
+        !set_end(skb, packet, bpf_ntohs(head->tot_len)) || packet->transport > packet->end)
+        return GATE_COUNT_MALFORMED;
+    if (is_reserved(head->saddr) || is_reserved(head->daddr))
+        return GATE_COUNT_RESERVED;
+    packet->traffic_class = head->tos;
+    packet->flow.proto = head->protocol;
+    set_addresses(&packet->flow, packet->direction, &head->saddr, &head->daddr, sizeof head->saddr);
+    const __u16 fragment = bpf_ntohs(head->frag_off);
+    if (fragment & FRAGMENT_OFFSET)
+        return GATE_COUNT_FRAGMENT;
+    packet->first_fragment = (fragment & FRAGMENT_MORE) != 0;
+    return parse_transport(skb, packet);
+}
+
+static __always_inline bool is_extension(__u8 header) {
+    return header == IPPROTO_HOPOPTS || header == IPPROTO_ROUTING || header == IPPROTO_FRAGMENT ||
+           header == IPPROTO_AH || header == IPPROTO_DSTOPTS;
+}
+
+/* Steps over one extension header at `transport`. */
+static __always_inline int step_over(struct __sk_buff *skb, struct packet *packet) {
+    struct {
+        __u8 next;
+        __u8 length;
+        __be16 fragment;
+    } head;
+    if (packet->transport + 8 > packet->end ||
+        bpf_skb_load_bytes(skb, packet->transport, &head, sizeof head))
+        return GATE_COUNT_MALFORMED;
+    __u32 length = (head.length + 1) * 8;
+    if (packet->flow.proto == IPPROTO_AH)
+        length = (head.length + 2) * 4;
+    if (packet->flow.proto == IPPROTO_FRAGMENT) {
+        length = 8;
+        if (head.fragment & bpf_htons(0xFFF8))
+            return GATE_COUNT_FRAGMENT;
+        packet->first_fragment = (head.fragment & bpf_htons(1)) != 0;
+    }
+    packet->flow.proto = head.next;
+    packet->transport += length;
+    packet->extended = 1;
+    if (packet->transport > packet->end)
+        return GATE_COUNT_MALFORMED;
+    /* The daemon would see another packet: one that ends before its ports. */
+    return packet->transport + sizeof(struct tcp_header) <= GATE_FRAME_MAX
+               ? GATE_COUNT_UNDECIDED
+               : GATE_COUNT_DEEP_HEADERS;
+}
+
+/* An IPv6 packet with such an address would be taken for an IPv4 flow. */
+static __always_inline bool is_mapped(const struct in6_addr *address) {
+    const __be32 *words = address->in6_u.u6_addr32;
+    return !words[0] && !words[1] && words[2] == bpf_htonl(0xFFFF);
+}
+
+static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *packet) {
+    struct ipv6hdr head;
+    packet->is_ipv6 = 1;
+    if (bpf_skb_load_bytes(skb, packet->network, &head, sizeof head) || head.version != 6)
+        return GATE_COUNT_MALFORMED;
+    const __u32 payload = bpf_ntohs(head.payload_len);
+    packet->transport = packet->network + sizeof head;
+    if (!set_end(skb, packet, payload || !skb->gso_size ? sizeof head + payload : 0))
+        return GATE_COUNT_MALFORMED;
+    if (is_mapped(&head.saddr) || is_mapped(&head.daddr))
+        return GATE_COUNT_RESERVED;
+    packet->traffic_class = (__u8)(head.priority << 4 | head.flow_lbl[0] >> 4);
+    packet->flow.proto = head.nexthdr;
+    set_addresses(&packet->flow, packet->direction, &head.saddr, &head.daddr, sizeof head.saddr);
+    for (int i = 0; i < EXTENSION_HEADERS_MAX; i++) {
+        if (!is_extension(packet->flow.proto))
+            return parse_transport(skb, packet);
+        const int result = step_over(skb, packet);
+        if (result != GATE_COUNT_UNDECIDED)
+            return result;
+    }
+    if (!is_extension(packet->flow.proto))
+        return parse_transport(skb, packet);
+    return GATE_COUNT_DEEP_HEADERS;
+}
+
+static __always_inline bool is_tag(__u16 type) {
+    return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_QINQ1;
+}
+
+/* The offset of the type behind a frame's tags in the upper half, the type in the lower; a tag's
+ * type where there are too many. Global, so that the verifier walks through it once, not once for
+ * each number of tags with all that follows. */
+__noinline int jorn_gate_behind_tags(struct __sk_buff *skb) {
+    __u32 at = offsetof(struct ethhdr, h_proto);
+    __u32 vlans = 0;
+    __be16 words[3]; /* a type, and where it is a tag's what the tag says and the next type */
+    for (int i = 0; i < PRIORITY_TAGS_MAX + VLAN_TAGS_MAX; i++) {
+        if (bpf_skb_load_bytes(skb, at, words, sizeof words))
+            return 0;
+        if (!is_tag(bpf_ntohs(words[0])))
+            return (int)(at << 16 | bpf_ntohs(words[0]));
+        vlans += (bpf_ntohs(words[1]) & VLAN_ID) != 0;
+        if (vlans > VLAN_TAGS_MAX)
+            break;
+        at += 4;
+    }
+    if (bpf_skb_load_bytes(skb, at, words, 2))
+        return 0;
+    return (int)(at << 16 | bpf_ntohs(words[0]));
+}
+
+static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *packet) {
+    __u32 at = offsetof(struct ethhdr, h_proto);
+    const bool loaded =
+        bpf_skb_load_bytes(skb, 0, &packet->first.ethernet, FIRST_HEADERS_SIZE) == 0;
+    __be16 type_be = packet->first.ethernet.h_proto;
+    if (!loaded && bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
+        return GATE_COUNT_MALFORMED;
+    packet->all_loaded = loaded && type_be == bpf_htons(ETH_P_IP);
+    __u16 type = bpf_ntohs(type_be);
+    if (is_tag(type)) {
+        const __u32 found = (__u32)jorn_gate_behind_tags(skb);
+        at = found >> 16;
+        type = (__u16)found;
+        if (at < sizeof(struct ethhdr) || at > TAGGED_TYPE_MAX)
+            return GATE_COUNT_MALFORMED;
+        if (is_tag(type))
+            return GATE_COUNT_TAGS;
+    }
+    packet->network = at + sizeof type_be;
+    if (type < ETH_P_802_3_MIN)
+        return GATE_COUNT_ALWAYS; /* LLC: spanning trees and the like */
+    switch (type) {
+    case ETH_P_IP:
+        return parse_ipv4(skb, packet);
+    case ETH_P_IPV6:
+        return parse_ipv6(skb, packet);
+    case ETH_P_ARP:
+    case ETH_P_RARP:
+    case ETH_P_PAE:
+    case ETH_P_PREAUTH:
+    case ETH_P_LLDP:
+        return GATE_COUNT_ALWAYS;
+    default:
+        return GATE_COUNT_NOT_IP;
+    }
+}
