@@ -17,6 +17,8 @@ constexpr size_t PPPOE_HEADER_SIZE = 8; // with the PPP protocol field
 constexpr size_t IPV6_HEADER_SIZE = 40;
 constexpr size_t IPV4_HEADER_SIZE = 20;
 constexpr size_t FRAGMENT_HEADER_SIZE = 8;
+constexpr size_t UDP_HEADER_SIZE = 8;
+constexpr size_t UDP_LENGTH_AT = 4;
 constexpr size_t TOTAL_SIZE_MAX = 65'535;
 constexpr unsigned EXTENSIONS_MAX = 8;
 constexpr uint16_t ETHER_TYPE_IPV4 = 0x0800;
@@ -121,6 +123,13 @@ std::optional<uint8_t> icmp_type(const ipv6_packet &packet) {
     return is_of_ipv6_alone(type) ? std::nullopt : std::optional(type);
 }
 
+// Receivers take a datagram that says no length for one as long as its packet (RFC 2675, 4).
+bool is_datagram_without_length(const ipv6_packet &packet) {
+    const byte_view datagram(packet.payload.data(), packet.payload.size());
+    return packet.protocol == IPPROTO_UDP && (packet.fragment & FRAGMENT_OFFSET_MASK) == 0 &&
+           datagram.holds(UDP_HEADER_SIZE) && datagram.u16(UDP_LENGTH_AT) == 0;
+}
+
 } // namespace
 
 std::optional<ipv6_packet> find_ipv6_packet(std::span<const uint8_t> frame) {
@@ -166,8 +175,11 @@ void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t desti
     write_link(packet, total_size, frame);
     frame.insert(frame.end(), header.begin(), header.end());
     frame.insert(frame.end(), packet.payload.begin(), packet.payload.end());
+    uint8_t *payload = frame.data() + packet.link.size() + IPV4_HEADER_SIZE;
     if (icmp)
-        frame[packet.link.size() + IPV4_HEADER_SIZE] = *icmp;
+        *payload = *icmp;
+    if (is_datagram_without_length(packet))
+        put(payload + UDP_LENGTH_AT, total_size - IPV4_HEADER_SIZE);
 }
 
 } // namespace avcore

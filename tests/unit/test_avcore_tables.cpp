@@ -284,6 +284,7 @@ octets ipv6(uint8_t next, const octets &rest, size_t length) {
 
 TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
     const octets data = {0x12, 0x34, 0x00, 0x50, 5, 6, 7, 8};
+    const octets silent = octets{0x12, 0x34, 0x00, 0x35, 0, 0, 7, 8, 1, 2, 3, 4}; // of its length
     const auto option = [](uint8_t next) { return octets{next, 0, 0, 0, 0, 0, 0, 0}; };
     octets nine;
     for (int i = 0; i < 9; ++i)
@@ -304,6 +305,7 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
         {"plain, padded", bare(6, data + octets(6, 0), 8), 6, true, 0, 28, 8},
         {"cut by the capture", bare(17, data, 1400), 17, true, 0, 1420, 8},
         {"without a length", bare(0, option(6) + data, 0), 6, true, 0, 28, 8},
+        {"its datagram without a length", bare(17, silent, 12), 17, true, 0, 32, 12},
         {"the longest", bare(6, data, 65535), 6, true, 0, 65535, 8},
         {"options, routing, AH",
          bare(0, option(43) + option(51) + octets{6, 1} + octets(10, 0) + data, 36), 6, true, 0, 28,
@@ -337,6 +339,8 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
             sum += ipv4.u16(i);
         EXPECT_EQ((sum & 0xFFFF) + (sum >> 16), 0xFFFFu) << row.what;
         EXPECT_EQ(row.protocol == 1, ipv4.u8(20) == 8) << row.what;
+        EXPECT_EQ(ipv4.u16(24) == row.carried, row.protocol == 17 && row.carried == silent.size())
+            << row.what;
     }
     const octets cut = ethernet(0x86DD, ipv6(6, {}, 0));
     EXPECT_FALSE(find_ipv6_packet({cut.data(), cut.size() - 1}));
