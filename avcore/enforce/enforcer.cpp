@@ -129,9 +129,7 @@ limit_owner owner_of(enforce_settings::sharing share, const flow_row &row, std::
 }
 
 bool is_limited(const gate_verdict &verdict) {
-    const bool waits =
-        (verdict.flags & GATE_SET_PRIORITY) != 0 && shaper::is_queue(verdict.priority);
-    return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0 || waits;
+    return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0;
 }
 
 bool are_same(const flow_row &row, row_enforcement::side side, const gate_flow &flow) {
@@ -241,7 +239,7 @@ void enforcer::limit(gate_verdict &verdict, const flow_row &row, limit_owner own
         if (queue.priority != 0) {
             verdict.flags |= GATE_SET_PRIORITY;
             verdict.priority = queue.priority;
-            verdict.bucket[direction] = 0;
+            verdict.queue_at = row.enforcement.if_index;
         }
     }
 }

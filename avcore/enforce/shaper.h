@@ -33,9 +33,6 @@ public:
     void remove_from(const std::vector<std::string> &interfaces);
     void forget_gone(); // interfaces
 
-    // Whether a packet priority leads into a class of ours.
-    static constexpr bool is_queue(uint32_t priority) { return priority >> 16 == MAJOR; }
-
 private:
     static constexpr uint32_t MAJOR = 0xA40C; // of the classes' handles
     // Each takes some 10 KB of the kernel's memory.

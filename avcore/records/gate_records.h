@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v6"
+#define GATE_LAYOUT "v7"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -68,8 +68,10 @@ struct gate_verdict {
     __u8 reserved;
     __u32 priority;
     __u32 bucket[2]; /* of each direction; 0 = no limit */
+    __u32 queue_at;  /* 0, or the interface at which `priority` is that of a queue, which keeps the
+                        limit towards the client there; at others its bucket does */
 };
-GATE_SIZE(gate_verdict, 20);
+GATE_SIZE(gate_verdict, 24);
 
 struct gate_counter {
     __u64 packets[2]; /* that passed, by direction */
@@ -84,7 +86,6 @@ GATE_SIZE(gate_counter, 48);
 struct gate_flow_state {
     struct gate_counter counter;
     struct gate_verdict verdict; /* action 0: there was none */
-    __u32 reserved;
     __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
 };
 GATE_SIZE(gate_flow_state, 80);

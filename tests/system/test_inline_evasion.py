@@ -32,13 +32,13 @@ def first_fragment(version, segment):
 
 
 class Attempts:
-    def raw(self):
+    def raw(self, interface="eth0"):
         """A function that sends a packet as the client's, behind tags."""
         with namespace("client"):
             out = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
         self.addCleanup(out.close)
         with namespace("client"):
-            out.bind(("eth0", 0))
+            out.bind((interface, 0))
         next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
         header = mac(link_address(*next_hop.split())) + mac(link_address("-n", "client", "link",
                                                                          "show", "eth0"))
@@ -165,6 +165,30 @@ class Routed(Attempts, InlineTest):
 
 class Bridged(Attempts, InlineTest):
     bridged = True
+
+    def _lay_out(self, wire_ms):
+        super()._lay_out(wire_ms)
+        plug("wlan1", "client", "eth1", "br0")
+
+    @counts_rates
+    def test_a_queue_that_the_client_leaves_behind(self):
+        """It goes on at another interface of the access point's."""
+        self.start('shape = "htb"', "--inline", "wlan1")
+        client, server = self.pair(socket.SOCK_DGRAM, 4, SLOW)
+        flow = Sender(client, 0.01)
+        self.addCleanup(flow.stop)
+        self.settle(flow)
+        flow.stop()
+        there = Arrivals("client", "eth1")
+        self.addCleanup(there.close)
+        self.raw("eth1")(of_client(4, UDP, udp(40000, ALLOWED)))
+        self.addCleanup(Sender(server, 0.0005, 1000).stop)  # 16 Mbit/s
+        there.wait(lambda packet: packet.src_port == SLOW)
+        begins = time.time()
+        there.up_to(begins + 3)
+        passed = there.rate(SLOW, 4, UDP, begins, begins + 3) * 3 / 8
+        self.assertLess(passed, 2 * (BURST + RATE * 3))
+        self.assertGreater(passed, RATE)
 
 
 del Attempts  # its tests are run in both

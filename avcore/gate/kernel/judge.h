@@ -22,16 +22,25 @@ static __always_inline int deny(struct __sk_buff *skb, const struct packet *pack
     return resets ? reset(skb, packet) : TC_ACT_SHOT;
 }
 
+/* Takes the packet's tokens, or shows it to its queue. False: it exceeds the limit. */
+static __always_inline bool take_turn(struct __sk_buff *skb, const struct packet *packet,
+                                      const struct gate_verdict *verdict) {
+    const bool down = packet->direction == GATE_DOWN;
+    const bool waits = down && verdict->queue_at == skb->ifindex;
+    if (!waits && !is_within_limit(verdict->bucket[down ? GATE_DOWN : GATE_UP], packet))
+        return false;
+    if (down && (verdict->flags & GATE_SET_PRIORITY) && (waits || !verdict->queue_at))
+        skb->priority = verdict->priority;
+    return true;
+}
+
 static __always_inline int allow(struct __sk_buff *skb, const struct packet *packet,
                                  const struct gate_verdict *verdict, struct gate_counter *counter) {
-    const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
-    if (!is_within_limit(bucket, packet)) {
+    if (!take_turn(skb, packet, verdict)) {
         if (counter)
             __sync_fetch_and_add(&counter->limited, packet->segments);
         return drop(GATE_COUNT_LIMITED, packet);
     }
-    if ((verdict->flags & GATE_SET_PRIORITY) && packet->direction == GATE_DOWN)
-        skb->priority = verdict->priority;
     if (verdict->flags & GATE_SET_DSCP)
         set_dscp(skb, packet, verdict->dscp);
     count_passed(counter, skb, packet);
@@ -133,12 +142,7 @@ static __always_inline int pass_fragment(struct __sk_buff *skb, const struct pac
     pair.proto = 0;
     pair.fragments = 1;
     const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &pair);
-    if (verdict && verdict->generation == set->generation) {
-        const __u32 bucket = verdict->bucket[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN];
-        if (!is_within_limit(bucket, packet))
-            return drop(GATE_COUNT_LIMITED, packet);
-        if ((verdict->flags & GATE_SET_PRIORITY) && packet->direction == GATE_DOWN)
-            skb->priority = verdict->priority;
-    }
+    if (verdict && verdict->generation == set->generation && !take_turn(skb, packet, verdict))
+        return drop(GATE_COUNT_LIMITED, packet);
     return pass(GATE_COUNT_FRAGMENT, packet);
 }
