@@ -61,7 +61,7 @@ key = "{KEYS}/AP.{self.mac}.key"
 
     def show_names(self):
         names = ", ".join(f"{name} ({address})" for name, address in self.names())
-        say(f"  {f'access point {self.number} has the names':28} {names or 'none'}")
+        say(f"  access point {self.number} has the names {names or 'none'}")
 
     def end(self):
         if self._avcore.stop(signal.SIGINT) != 0:
@@ -103,7 +103,7 @@ class Chat(threading.Thread):
         wait_for("echo in the chat", lambda: self.heard > since + 5)
 
     def show(self):
-        say(f"  {'''the client's chat''':28} {self.heard} lines said and heard, one connection")
+        say(f"  the client's chat            {self.heard} lines said and heard, one connection")
 
     def end(self):
         self._goes_on = False
