@@ -1,16 +1,9 @@
 #include "avcore/session.h"
 
 #include "avcore/base/monotonic_clock.h"
-#include "avcore/base/printable.h"
-#include "avcore/channel/platform_values.h"
-#include "avcore/channel/tool_answers.h"
-#include "avcore/enforce/gate_report.h"
-#include "avcore/flows/roam_flows.h"
-#include "platform/host/machine/base_mac.h"
 
 #include <algorithm>
 #include <iostream>
-#include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -20,17 +13,14 @@
 namespace avcore {
 namespace {
 
-constexpr int PULLS_A_TURN = 32;     // then the channel gets its turn, or verdicts pile up in it
-constexpr size_t SWITCHES_MAX = 256; // clients name the interfaces
+constexpr int PULLS_A_TURN = 32; // then the channel gets its turn, or verdicts pile up in it
 constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
-constexpr int64_t BUS_NAME_MS = 1'000;
-constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
 
-frame_source open_source(const options &options, gate *gate) {
-    if (gate != nullptr)
-        return frame_source::open_gate(*gate);
+frame_source open_source(const options &options, enforcement *behind_gate) {
+    if (behind_gate != nullptr)
+        return frame_source::open_gate(behind_gate->opened());
     return options.in_interface.empty() ? frame_source::open_file(options.file)
                                         : frame_source::open_interface(options.in_interface);
 }
@@ -50,11 +40,12 @@ url_agent open_agent(const options &options) {
 session::session(const options &options, config settings)
     : options_(options),
       settings_(std::move(settings)),
-      gate_(options.gate_interfaces.empty()
-                ? nullptr
-                : std::make_unique<gate>(options.pins, options.gate_interfaces)),
+      inline_(options.gate_interfaces.empty()
+                  ? nullptr
+                  : std::make_unique<enforcement>(options.pins, options.gate_interfaces,
+                                                  settings_.enforce, sayer())),
       builder_(settings_, options.in_interface),
-      source_(open_source(options, gate_.get())),
+      source_(open_source(options, inline_.get())),
       sink_(options.out_interface),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
@@ -62,47 +53,77 @@ session::session(const options &options, config settings)
       safe_search_(options.safe_search.empty()
                        ? nullptr
                        : std::make_unique<safe_search>(options.safe_search)),
-      max_frame_size_(sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer))) {
-    source_.set_max_frame_size(max_frame_size_);
-    if (max_frame_size_ < MAX_FRAME_SIZE)
+      conversation_({settings_, builder_, feeder_, names_, agent_, safe_search_.get(),
+                     inline_.get(), sayer()}),
+      bus_name_(settings_.platform_values) {
+    const size_t max_frame_size =
+        sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer));
+    source_.set_max_frame_size(max_frame_size);
+    if (max_frame_size < MAX_FRAME_SIZE)
         std::cerr << "avcore: the MTU of " << options.out_interface << " is below 65535: frames "
-                  << "longer than " << max_frame_size_ << " bytes can't be carried\n";
-    open_bus();
-    if (!gate_)
-        return;
-    const auto say_line = [this](const std::string &line) { say(line); };
-    enforcer_ = std::make_unique<enforcer>(*gate_, settings_.enforce, say_line);
-    gate_->set_rules(settings_.enforce.rules);
-    enforcer_->policies_changed(); // as far as anyone knows, since the last run
-    watch_ = std::make_unique<daemon_watch>(*gate_, settings_.enforce, channel_, feeder_, say_line,
-                                            monotonic_ms());
-    urgency_ = std::make_unique<urgency>(say_line);
-    for (const std::string &way : ways_past_gate(gate_->interfaces()))
-        say("past the gate: " + way);
-    follow_interfaces();
+                  << "longer than " << max_frame_size << " bytes can't be carried\n";
+    if (settings_.bus)
+        bus_ = std::make_unique<message_bus>(
+            *settings_.bus, message_bus::surroundings{bus_socket_path(),
+                                                      [this] { return bus_name_.get(); }, sayer()});
+    if (inline_)
+        inline_->begin(channel_, feeder_);
+    fill_loop();
 }
 
-void session::open_bus() {
-    if (!settings_.bus)
-        return;
-    bus_ = std::make_unique<message_bus>(
-        *settings_.bus, message_bus::surroundings{bus_socket_path(), [this] { return bus_name(); },
-                                                  [this](const std::string &line) { say(line); }});
+std::function<void(const std::string &)> session::sayer() {
+    return [this](const std::string &line) { say(line); };
 }
 
-// The base MAC as the daemon finds it; an interface may come, and with it a name.
-std::string session::bus_name() {
-    const int64_t now_ms = monotonic_ms();
-    if (!bus_name_.empty() && now_ms - bus_name_ms_ < BUS_NAME_MS)
-        return bus_name_;
-    bus_name_ms_ = now_ms;
-    char found[MAC_TEXT_SIZE];
-    if (const auto given = settings_.platform_values.find(AV_KEY_BASE_MAC);
-        given != settings_.platform_values.end())
-        bus_name_ = "AP." + given->second;
-    else
-        bus_name_ = machine_base_mac(found) ? std::string("AP.") + found : std::string();
-    return bus_name_;
+// A row without a function to serve it wakes the loop for what is done in every turn.
+void session::fill_loop() {
+    if (inline_) {
+        loop_.add({.descriptor = [this] { return inline_->interfaces_fd(); },
+                   .due_ms = [this](int64_t) { return inline_->follow_due_ms(); },
+                   .serve = [this](int64_t) { inline_->follow_interfaces(); }});
+        loop_.add({.due_ms = [this](int64_t) { return inline_->next_beat_ms(); }});
+    }
+    if (bus_)
+        loop_.add({.descriptor = [this] { return bus_->fd(); },
+                   .due_ms = [this](int64_t) { return bus_->next_tick_ms(); },
+                   .serve = [this](int64_t now_ms) { bus_->serve(now_ms); }});
+    loop_.add({.descriptor = [this] { return agent_.fd(); },
+               .due_ms = [this](int64_t) { return agent_.next_tick_ms(); },
+               .serve = [this](int64_t now_ms) { agent_.serve(now_ms); }});
+    loop_.add({.descriptor = [this] { return channel_.fd(); },
+               .due_ms = [this](int64_t) { return channel_.next_tick_ms(); },
+               .serve = [this](int64_t now_ms) { serve_channel(now_ms); }});
+    // Only while there is room: what waits in the capture's buffer stays there.
+    loop_.add({.descriptor = [this] { return has_room() ? source_.fd() : -1; },
+               .due_ms = [this](int64_t now_ms) { return frames_due_ms(now_ms); }});
+    loop_.add({.due_ms = [this](int64_t now_ms) {
+        return fresh_categories_.valid() ? now_ms + LONGEST_WAIT_MS : NEVER_MS;
+    }});
+    for (loop *each : {&loop_, &last_loop_}) {
+        each->add({.descriptor = [this] { return signals_.fd(); },
+                   .serve = [this](int64_t) { take_signal(); }});
+        each->add(
+            {.descriptor = [this] { return report_ && report_waits_ ? STDOUT_FILENO : -1; },
+             .due_ms =
+                 [this](int64_t now_ms) { return report_ && !report_waits_ ? now_ms : NEVER_MS; },
+             .serve = [this](int64_t) { continue_report(); },
+             .events = POLLOUT});
+    }
+}
+
+bool session::has_room() const {
+    return !input_ended_ && feeder_.has_room(monotonic_ms());
+}
+
+int64_t session::frames_due_ms(int64_t now_ms) const {
+    if (more_input_)
+        return now_ms;
+    if (sink_full_)
+        return now_ms + SINK_RETRY_MS;
+    const int64_t latest_ms = now_ms + LONGEST_WAIT_MS;
+    if (const auto tick_ms = feeder_.next_tick_ms())
+        return std::min(*tick_ms, latest_ms);
+    return feeder_.waiting() ? latest_ms : NEVER_MS;
 }
 
 int session::run() {
@@ -111,7 +132,7 @@ int session::run() {
         while (end == ending::none)
             end = turn();
         // The gate counts on its beat for as long as this program lives.
-        if (gate_ && end == ending::stopped)
+        if (inline_ && end == ending::stopped)
             finish_reports(true);
     } catch (const std::runtime_error &error) {
         error_ = error.what();
@@ -140,10 +161,7 @@ void session::finish_reports(bool serving) {
             serve(now_ms);
             continue;
         }
-        pollfd waited[] = {{signals_.fd(), POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}};
-        poll(waited, std::size(waited), -1);
-        take_signal();
-        continue_report();
+        last_loop_.wait_and_serve(now_ms);
     }
 }
 
@@ -158,7 +176,7 @@ session::ending session::turn() {
         return ending::stopped;
     if (input_ended_ && !feeder_.waiting() && !agent_.waiting())
         return ending::complete;
-    if (!gate_ && feeder_.daemon_gone(now_ms)) {
+    if (!inline_ && feeder_.daemon_gone(now_ms)) {
         error_ = feeder_.started() ? "no verdict for 5 seconds: the daemon is gone"
                                    : "no verdict in 30 seconds: no daemon captures the frames";
         return ending::failed;
@@ -169,29 +187,14 @@ session::ending session::turn() {
 }
 
 void session::serve(int64_t now_ms) {
-    wait(now_ms);
-    serve_channel();
-    if (watch_)
-        watch_->look(link_down_, monotonic_ms());
-    if (urgency_)
-        urgency_->look(monotonic_ns());
-    take_signal();
+    loop_.wait_and_serve(now_ms);
     take_categories();
-    continue_report();
+    if (inline_)
+        inline_->look(link_down_);
 }
 
-void session::follow_interfaces() {
-    const interface_news news = gate_->follow_interfaces();
-    const int64_t now_ms = monotonic_ms();
-    follow_due_ms_ = gate_->misses_interfaces() ? now_ms + FOLLOW_AGAIN_MS : NEVER_MS;
-    say_some(news.changes, interface_changes_, now_ms);
-    say_some(news.failures, interface_failures_, now_ms);
-    if (!news.empty())
-        enforcer_->interfaces_changed();
-}
-
-void session::serve_channel() {
-    channel_.serve([this](byte_span datagram) { return take_datagram(datagram); }, monotonic_ms());
+void session::serve_channel(int64_t now_ms) {
+    channel_.serve([this](byte_span datagram) { return conversation_.take(datagram); }, now_ms);
     if (const std::string failed = safe_search_ ? safe_search_->write() : ""; !failed.empty())
         say("safe search: " + failed);
 }
@@ -213,7 +216,7 @@ void session::tick(int64_t now_ms) {
 void session::take_signal() {
     switch (signals_.take()) {
     case signals::request::hangup:
-        if (gate_) {
+        if (inline_) {
             hang_up();
             break;
         }
@@ -268,7 +271,7 @@ void session::take_categories() {
         for (const std::string &remark : categories.remarks())
             say(remark);
         agent_.replace_categories(std::move(categories));
-        outdate_verdicts();
+        conversation_.outdate_verdicts();
         say("the categories were read again");
     } catch (const std::exception &error) {
         say(std::string(error.what()) + "; the categories stay as they were");
@@ -284,8 +287,7 @@ void session::read_config_again() {
         fresh.bus = settings_.bus;
         fresh.dpi = settings_.dpi;
         settings_ = std::move(fresh);
-        gate_->set_rules(settings_.enforce.rules);
-        enforcer_->settings_changed(gate_->interfaces());
+        inline_->settings_changed();
         say("the configuration was read again");
     } catch (const config_error &error) {
         say(std::string(error.what()) + "; the configuration stays as it was");
@@ -330,10 +332,8 @@ void session::take_frame(const captured_frame &captured) {
     const int64_t now_ms = monotonic_ms();
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
-    if (captured.copy != nullptr) {
-        enforcer_->saw(built->flow.row, *captured.copy, built->flow.from_client);
-        built->frame.generation = gate_->generation();
-    }
+    if (captured.copy != nullptr)
+        inline_->saw(built->flow.row, *captured.copy, built->flow.from_client, built->frame);
     names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
@@ -353,140 +353,12 @@ void session::send_frames() {
     }
 }
 
-void session::wait(int64_t now_ms) {
-    int64_t timeout_ms = feeder_.waiting() ? LONGEST_WAIT_MS : -1;
-    if (const auto tick_ms = feeder_.next_tick_ms())
-        timeout_ms = std::clamp<int64_t>(*tick_ms - now_ms, 0, LONGEST_WAIT_MS);
-    if (sink_full_)
-        timeout_ms = SINK_RETRY_MS;
-    if (more_input_ || (report_ && !report_waits_))
-        timeout_ms = 0;
-    const int64_t due_ms = std::min({bus_ ? bus_->next_tick_ms() : NEVER_MS, agent_.next_tick_ms(),
-                                     channel_.next_tick_ms(),
-                                     watch_ ? watch_->next_tick_ms() : NEVER_MS, follow_due_ms_});
-    if (due_ms != NEVER_MS) {
-        const int64_t left_ms = std::max<int64_t>(due_ms - now_ms, 0);
-        timeout_ms = timeout_ms < 0 ? left_ms : std::min(timeout_ms, left_ms);
-    }
-    pollfd waited[] = {
-        {signals_.fd(), POLLIN, 0},
-        {channel_.fd(), POLLIN, 0},
-        // Only while there is room: what waits in the capture's buffer stays there.
-        {!input_ended_ && feeder_.has_room(monotonic_ms()) ? source_.fd() : -1, POLLIN, 0},
-        {bus_ ? bus_->fd() : -1, POLLIN, 0},
-        {agent_.fd(), POLLIN, 0},
-        {gate_ ? gate_->interfaces_fd() : -1, POLLIN, 0},
-        {report_ && report_waits_ ? STDOUT_FILENO : -1, POLLOUT, 0},
-    };
-    poll(waited, std::size(waited), static_cast<int>(timeout_ms));
-    const int64_t woken_ms = monotonic_ms();
-    if (waited[5].revents != 0 || woken_ms >= follow_due_ms_)
-        follow_interfaces();
-    if (bus_ && (waited[3].revents != 0 || woken_ms >= bus_->next_tick_ms()))
-        bus_->serve(woken_ms);
-    agent_.serve(woken_ms);
-}
-
-std::vector<std::byte> session::take_datagram(byte_span datagram) {
-    const std::optional<channel_message> message = parse_message(datagram);
-    if (!message) {
-        ++malformed_messages_;
-        return {};
-    }
-    if (const auto *asked = std::get_if<question>(&*message))
-        return answer(*asked);
-    if (const auto *verdict = std::get_if<av_verdict>(&*message))
-        take(*verdict);
-    else if (const auto *line = std::get_if<syslog_line>(&*message))
-        take(*line);
-    else if (const auto *application = std::get_if<av_app_setting>(&*message))
-        take(*application);
-    else if (const auto *mapping = std::get_if<av_safesearch_setting>(&*message))
-        take(*mapping);
-    else if (const auto *setting = std::get_if<switch_setting>(&*message))
-        take(*setting);
-    else if (std::holds_alternative<policy_reset>(*message))
-        outdate_verdicts();
-    return {};
-}
-
-void session::outdate_verdicts() {
-    builder_.flows().outdate_verdicts();
-    if (enforcer_)
-        enforcer_->policies_changed();
-}
-
-void session::take(const av_verdict &verdict) {
-    const int64_t now_ms = monotonic_ms();
-    const std::optional<fed_frame> frame = feeder_.take_verdict(verdict.flow_key, now_ms);
-    if (!frame)
-        return;
-    flow_row *row = builder_.flows().set_verdict(frame->flow, verdict, frame->trailer());
-    if (enforcer_) {
-        if (watch_->answered(now_ms))
-            enforcer_->policies_changed();
-        if (row != nullptr)
-            enforcer_->judged(*row, *frame, verdict, now_ms);
-    }
-    const bool ignored = ignores_engine(frame->trailer(), verdict);
-    if (!std::exchange(engine_ignored_, engine_ignored_ || ignored) && engine_missed())
-        say("the daemon does without the DPI engine, and names flows less well: it asks once, at "
-            "its "
-            "start, when avcore has to be there; start it again");
-}
-
-void session::take(const syslog_line &line) {
-    const std::string text = with_real_addresses(
-        line.text, [this](uint32_t ip_be) { return builder_.stand_ins().real(ip_be); });
-    say("syslog, level " + std::to_string(line.level) + ": " + printable(text));
-}
-
-void session::take(const av_app_setting &setting) {
-    flow_row *row = builder_.flows().set_application(setting);
-    if (row == nullptr)
-        ++unknown_flows_;
-    else if (enforcer_)
-        enforcer_->set(*row, setting, monotonic_ms());
-}
-
-void session::take(const av_safesearch_setting &setting) {
-    const std::string refusal = safe_search_ ? safe_search_->take(setting) : "";
-    if (!refusal.empty() && refused_safe_search_++ == 0)
-        say("safe search: " + refusal);
-}
-
-void session::take(const switch_setting &setting) {
-    constexpr const char *names[] = {"", "av", "url", "wfc", "tm"};
-    std::string name = names[static_cast<uint32_t>(setting.which)];
-    if (!setting.if_name.empty())
-        name += ' ' + printable(setting.if_name);
-    if (switches_.size() < SWITCHES_MAX || switches_.contains(name))
-        switches_[name] = setting.value;
-}
-
-std::vector<std::byte> session::answer(const question &asked) {
-    switch (asked.head.op) {
-    case av_op::rflow_get_roam:
-        return answer_roam_flows(builder_.flows(), builder_.time_us(), asked);
-    case av_op::dnscache_get_name:
-        names_.advance(feeder_.judged());
-        return answer_domain_name(names_.names(), builder_.stand_ins(), names_.time_us(), asked);
-    case av_op::urlfilter_get_category:
-        return agent_.answer(asked, monotonic_ms());
-    case av_op::platform_value:
-        engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
-        return answer_platform_value(settings_, asked);
-    default:
-        return answer_tool(builder_.engine(), settings_, asked);
-    }
-}
-
 void session::explain_waiting(int64_t now_ms) {
     if (waiting_explained_ || link_down_ || feeder_.counts().answered > 0 || first_frame_ms_ < 0 ||
         now_ms - first_frame_ms_ < EXPLAIN_AFTER_MS)
         return;
     waiting_explained_ = true;
-    if (!gate_ || settings_.enforce.rules.fail_closed) // else the watch has said it
+    if (!inline_ || !inline_->tells_of_waiting()) // else it has
         say("waiting for a daemon to answer the first frame");
 }
 
@@ -502,17 +374,11 @@ void session::say(const std::string &what) {
     std::cerr << "avcore: " + what + '\n'; // one write: the stream has no buffer
 }
 
-void session::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {
-    for (const std::string &line : lines)
-        if (cap.admits(now_ms))
-            say(line + cap.remark());
-}
-
 void session::begin_report() {
     progress_.clear();
     report_waits_ = false;
     report_ = std::make_unique<report_job>(
-        row_writer(builder_.flows(), gate_.get(), options_.json),
+        row_writer(builder_.flows(), inline_ ? &inline_->opened() : nullptr, options_.json),
         [this] { return options_.json ? "" : '\n' + totals_text(); }, STDOUT_FILENO);
 }
 
@@ -521,8 +387,8 @@ void session::continue_report() {
         return;
     report_job::state now = report_job::state::goes_on;
     const auto go_on = [&] { now = report_->go_on(); };
-    if (urgency_)
-        urgency_->exempt(go_on);
+    if (inline_)
+        inline_->exempt(go_on);
     else
         go_on();
     report_waits_ = now == report_job::state::waits;
@@ -542,29 +408,24 @@ void session::end_report(const char *failure) {
     report_written_ = report_written_ && failure == nullptr;
 }
 
-bool session::engine_missed() const {
-    return builder_.has_engine() && !engine_asked_ && engine_ignored_;
-}
-
 std::string session::totals_text() {
     const flow_table &flows = builder_.flows();
     const totals totals = {source_.counts(),
                            feeder_.counts(),
-                           max_frame_size_,
-                           malformed_messages_,
-                           unknown_flows_,
-                           refused_safe_search_,
+                           source_.max_frame_size(),
+                           conversation_.malformed(),
+                           safe_search_ ? safe_search_->refused() : 0,
                            agent_.counts(),
-                           switches_,
-                           engine_missed(),
+                           conversation_.switches(),
+                           conversation_.engine_missed(),
                            builder_.counts(),
-                           enforcer_ ? enforcer_->refused_writes() : 0};
+                           inline_ ? inline_->refused_writes() : 0};
     std::ostringstream out;
     print_totals(out, flows, totals);
     if (bus_)
         bus_->report(out);
-    if (gate_)
-        print_gate_counts(out, gate_->counts());
+    if (inline_)
+        inline_->report(out);
     return out.str();
 }
 

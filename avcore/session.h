@@ -2,16 +2,15 @@
 // and serves the AV channel meanwhile.
 #pragma once
 
-#include "avcore/base/line_cap.h"
+#include "avcore/base/loop.h"
 #include "avcore/bus/bus.h"
+#include "avcore/bus/own_name.h"
 #include "avcore/channel/channel_server.h"
-#include "avcore/enforce/daemon_watch.h"
-#include "avcore/enforce/enforcer.h"
-#include "avcore/enforce/urgency.h"
+#include "avcore/conversation.h"
+#include "avcore/enforce/enforcement.h"
 #include "avcore/feed/feeder.h"
 #include "avcore/feed/frame_sink.h"
 #include "avcore/flows/frame_builder.h"
-#include "avcore/gate/gate.h"
 #include "avcore/names/dns_names.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
@@ -22,7 +21,10 @@
 #include "avcore/web/safe_search.h"
 #include "avcore/web/url_agent.h"
 
+#include <functional>
 #include <future>
+#include <memory>
+#include <string>
 
 namespace avcore {
 
@@ -42,7 +44,6 @@ private:
     void serve(int64_t now_ms); // the half of a turn that waits, and answers
     void finish_reports(bool serving);
     void tick(int64_t now_ms);
-    void follow_interfaces(); // of the gate
     void take_signal();
     void hang_up();
     void read_config_again();
@@ -50,32 +51,23 @@ private:
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
-    void wait(int64_t now_ms);
-    void serve_channel();
-    void open_bus();
-    std::string bus_name();
-    std::vector<std::byte> take_datagram(byte_span datagram);
-    void outdate_verdicts();
-    void take(const av_verdict &verdict);
-    void take(const syslog_line &line);
-    void take(const av_app_setting &setting);
-    void take(const av_safesearch_setting &setting);
-    void take(const switch_setting &setting);
-    std::vector<std::byte> answer(const question &asked);
+    void fill_loop();
+    bool has_room() const;                       // for a frame, and there may be one
+    int64_t frames_due_ms(int64_t now_ms) const; // to be moved, whatever comes
+    void serve_channel(int64_t now_ms);
     void explain_waiting(int64_t now_ms);
     void explain_link_type();
     void say(const std::string &what); // on standard error
-    void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
+    std::function<void(const std::string &)> sayer();
     void begin_report();
     void continue_report();
     void end_report(const char *failure); // null: none
     std::string totals_text();
-    bool engine_missed() const; // the DPI engine is there, and a daemon showed that it does without
 
     const options &options_;
     config settings_;
-    signals signals_;            // before anything starts a thread
-    std::unique_ptr<gate> gate_; // null: verdicts aren't enforced
+    signals signals_;                     // before anything starts a thread
+    std::unique_ptr<enforcement> inline_; // null: verdicts aren't enforced
     frame_builder builder_;
     feeder feeder_;
     frame_source source_;
@@ -85,23 +77,12 @@ private:
     name_timeline names_;
     url_agent agent_;
     std::future<category_list> fresh_categories_; // being read again
-    std::unique_ptr<enforcer> enforcer_;          // beside the gate
-    std::unique_ptr<daemon_watch> watch_;         // as well
-    std::unique_ptr<urgency> urgency_;            // as well
     std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out
-    std::unique_ptr<message_bus> bus_;            // null: there is none
-    std::string bus_name_;
-    int64_t bus_name_ms_ = 0;                 // when it was last looked up
-    std::map<std::string, int32_t> switches_; // "av wlan0" and the like
-    bool engine_asked_ = false;
-    bool engine_ignored_ = false;
-    line_cap interface_changes_;
-    line_cap interface_failures_;
-    int64_t follow_due_ms_ = NEVER_MS; // interfaces that the gate couldn't be attached to
-    size_t max_frame_size_ = 0;
-    uint64_t malformed_messages_ = 0;
-    uint64_t unknown_flows_ = 0;
-    uint64_t refused_safe_search_ = 0;
+    conversation conversation_;
+    own_name bus_name_;
+    std::unique_ptr<message_bus> bus_; // null: there is none
+    loop loop_;
+    loop last_loop_; // of a report that is finished when nothing else goes on
     int64_t first_frame_ms_ = -1;
     bool input_ended_ = false;
     bool more_input_ = false; // without waiting

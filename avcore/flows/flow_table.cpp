@@ -93,8 +93,10 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict,
 
 flow_row *flow_table::set_application(const av_app_setting &setting) {
     const auto found = index_.find(flow_id_of(setting.flow_key));
-    if (found == index_.end())
+    if (found == index_.end()) {
+        ++unknown_;
         return nullptr;
+    }
     flow_row &row = *found->second;
     row.verdict =
         setting.verdict == APP_SETTING_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;

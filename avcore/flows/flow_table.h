@@ -67,6 +67,7 @@ public:
 
     // On the flow with this key, of either direction. Null when there is none.
     flow_row *set_application(const av_app_setting &setting);
+    uint64_t unknown() const { return unknown_; } // such settings for no flow
 
     // The daemon's policies changed: no verdict counts until the flow's next one.
     void outdate_verdicts();
@@ -91,6 +92,7 @@ private:
     std::unordered_map<uint32_t, row_ref> by_id_;
     uint32_t last_id_ = 0;
     flow_sum summed_; // the flows that had to leave
+    uint64_t unknown_ = 0;
 };
 
 } // namespace avcore

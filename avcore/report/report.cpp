@@ -216,7 +216,7 @@ void print_totals(std::ostream &out, const flow_table &flows, const totals &tota
         {fed.start_repeats, "repeats of a first frame until the daemon answered"},
         {fed.overlooked, "verdicts that answered no frame"},
         {totals.malformed_messages, "malformed messages on the AV channel"},
-        {totals.unknown_flows, "verdicts for flows that aren't in the table"},
+        {flows.unknown(), "verdicts for flows that aren't in the table"},
         {totals.refused_writes, "verdicts and rate limits that the kernel refused to take"},
         {totals.refused_safe_search, "refused settings of safe search"},
         {totals.agent.sent, "late answers of the URL-filtering agent"},

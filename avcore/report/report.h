@@ -28,7 +28,6 @@ struct totals {
     feeder_counts feeder;
     size_t max_frame_size = 0;
     uint64_t malformed_messages = 0;
-    uint64_t unknown_flows = 0;       // of the daemon's verdicts by flow key
     uint64_t refused_safe_search = 0; // settings
     url_agent_counts agent;
     std::map<std::string, int32_t> switches; // what the daemon switched, printable

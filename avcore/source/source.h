@@ -37,6 +37,7 @@ public:
 
     // Frames longer than this are not carried.
     void set_max_frame_size(size_t size) { max_frame_size_ = size; }
+    size_t max_frame_size() const { return max_frame_size_; }
 
     enum class result {
         frame,

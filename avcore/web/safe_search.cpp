@@ -59,6 +59,12 @@ safe_search::safe_search(const std::string &folder)
 }
 
 std::string safe_search::take(const av_safesearch_setting &setting) {
+    std::string refusal = carry_out(setting);
+    refused_ += !refusal.empty();
+    return refusal;
+}
+
+std::string safe_search::carry_out(const av_safesearch_setting &setting) {
     const std::string name = side_name(setting);
     if (name.empty())
         return printable(field_text(setting.ifname)) + " is no interface with a folder";

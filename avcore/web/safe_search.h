@@ -31,6 +31,7 @@ public:
 
     // Returns why it was refused; empty when it was taken.
     std::string take(const av_safesearch_setting &setting);
+    uint64_t refused() const { return refused_; } // settings
 
     // Replaces the files of what has changed. Returns what failed; it is tried again with the
     // side's next change.
@@ -42,6 +43,7 @@ private:
         bool changed = true; // and of a side that is new here an earlier run may have left files
     };
 
+    std::string carry_out(const av_safesearch_setting &setting);
     std::string map_host(resolver &side, const av_safesearch_setting &setting);
     void write_side(const std::string &name, const resolver &side) const;
 
@@ -49,6 +51,7 @@ private:
     unique_fd folder_;
     std::map<std::string, resolver> sides_;
     bool changed_ = false; // any of them
+    uint64_t refused_ = 0;
 };
 
 } // namespace avcore

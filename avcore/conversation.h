@@ -1,0 +1,74 @@
+// What daemons and tools say on the AV channel: each message goes to whom it concerns, and each
+// question is answered by whoever knows.
+#pragma once
+
+#include "avcore/base/messages.h"
+#include "avcore/enforce/enforcement.h"
+#include "avcore/feed/feeder.h"
+#include "avcore/flows/frame_builder.h"
+#include "avcore/names/dns_names.h"
+#include "avcore/settings/config.h"
+#include "avcore/web/safe_search.h"
+#include "avcore/web/url_agent.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+class conversation {
+public:
+    // All of them outlive it.
+    struct partners {
+        const config &settings;
+        frame_builder &builder;
+        feeder &frames;
+        name_timeline &names;
+        url_agent &agent;
+        safe_search *resolvers; // null: nobody carries safe search out
+        enforcement *at_gate;   // null: verdicts aren't enforced
+        std::function<void(const std::string &)> say;
+    };
+    explicit conversation(partners with) : with_(std::move(with)) {}
+
+    // Returns the answer to send back; empty for none.
+    std::vector<std::byte> take(byte_span datagram);
+
+    // Policies changed, or what else a verdict depends on.
+    void outdate_verdicts();
+
+    uint64_t malformed() const { return malformed_; }
+    // What the daemon switched, printable: "av wlan0" and the like.
+    const std::map<std::string, int32_t> &switches() const { return switches_; }
+    // The DPI engine is there, and a daemon showed that it does without.
+    bool engine_missed() const;
+
+private:
+    struct question_row;
+    static const question_row QUESTIONS[];
+
+    void hear(const av_verdict &verdict);
+    void hear(const av_app_setting &setting);
+    void hear(const policy_reset &) { outdate_verdicts(); }
+    void hear(const switch_setting &setting);
+    void hear(const av_safesearch_setting &setting);
+    void hear(const syslog_line &line);
+    void hear(const ignored_message &) {}
+
+    std::vector<std::byte> answer(const question &asked);
+    std::vector<std::byte> roam_flows(const question &asked);
+    std::vector<std::byte> domain_name(const question &asked);
+    std::vector<std::byte> category(const question &asked);
+    std::vector<std::byte> platform_value(const question &asked);
+
+    partners with_;
+    std::map<std::string, int32_t> switches_;
+    bool engine_asked_ = false;
+    bool engine_ignored_ = false;
+    uint64_t malformed_ = 0;
+};
+
+} // namespace avcore

@@ -1,0 +1,75 @@
+#include "avcore/enforce/enforcement.h"
+
+#include "avcore/base/monotonic_clock.h"
+#include "avcore/enforce/gate_report.h"
+
+#include <utility>
+
+namespace avcore {
+namespace {
+
+constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
+
+} // namespace
+
+enforcement::enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
+                         const enforce_settings &settings, say_function say)
+    : settings_(settings),
+      say_(std::move(say)),
+      gate_(pins, interfaces),
+      enforcer_(gate_, settings_, say_) {}
+
+void enforcement::begin(const channel_server &channel, feeder &feeder) {
+    gate_.set_rules(settings_.rules);
+    policies_changed(); // as far as anyone knows, since the last run
+    watch_.emplace(gate_, settings_, channel, feeder, say_, monotonic_ms());
+    urgency_.emplace(say_);
+    for (const std::string &way : ways_past_gate(gate_.interfaces()))
+        say_("past the gate: " + way);
+    follow_interfaces();
+}
+
+void enforcement::follow_interfaces() {
+    const interface_news news = gate_.follow_interfaces();
+    const int64_t now_ms = monotonic_ms();
+    follow_due_ms_ = gate_.misses_interfaces() ? now_ms + FOLLOW_AGAIN_MS : NEVER_MS;
+    say_some(news.changes, changes_, now_ms);
+    say_some(news.failures, failures_, now_ms);
+    if (!news.empty())
+        enforcer_.interfaces_changed();
+}
+
+void enforcement::look(bool link_down) {
+    watch_->look(link_down, monotonic_ms());
+    urgency_->look(monotonic_ns());
+}
+
+void enforcement::saw(flow_row &row, const gate_copy &copy, bool from_client, fed_frame &frame) {
+    enforcer_.saw(row, copy, from_client);
+    frame.generation = gate_.generation();
+}
+
+void enforcement::judged(flow_row *row, const fed_frame &frame, const av_verdict &verdict,
+                         int64_t now_ms) {
+    if (watch_->answered(now_ms))
+        policies_changed();
+    if (row != nullptr)
+        enforcer_.judged(*row, frame, verdict, now_ms);
+}
+
+void enforcement::settings_changed() {
+    gate_.set_rules(settings_.rules);
+    enforcer_.settings_changed(gate_.interfaces());
+}
+
+void enforcement::report(std::ostream &out) const {
+    print_gate_counts(out, gate_.counts());
+}
+
+void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {
+    for (const std::string &line : lines)
+        if (cap.admits(now_ms))
+            say_(line + cap.remark());
+}
+
+} // namespace avcore

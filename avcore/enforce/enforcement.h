@@ -1,0 +1,79 @@
+// What a run with --inline has beside any other: the gate, the enforcer that carries verdicts out
+// at it, the watch over who decides, and the priority of the thread that does all this. It is there
+// as a whole or not at all.
+#pragma once
+
+#include "avcore/base/line_cap.h"
+#include "avcore/channel/channel_server.h"
+#include "avcore/enforce/daemon_watch.h"
+#include "avcore/enforce/enforcer.h"
+#include "avcore/enforce/urgency.h"
+#include "avcore/gate/gate.h"
+#include "avcore/records/enforce_settings.h"
+
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace avcore {
+
+class enforcement {
+public:
+    using say_function = std::function<void(const std::string &)>;
+
+    // Opens the gate, and changes nothing of what it does so far. Throws std::runtime_error.
+    // `settings` outlive it; they may change.
+    enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
+                const enforce_settings &settings, say_function say);
+
+    // Once daemons can come: verdicts are asked for and carried out from here on. Both outlive it.
+    void begin(const channel_server &channel, feeder &feeder);
+
+    gate &opened() { return gate_; }
+    const gate &opened() const { return gate_; }
+
+    // For the loop: interfaces of the gate's that come and go, and the beat.
+    int interfaces_fd() const { return gate_.interfaces_fd(); }
+    int64_t follow_due_ms() const {
+        return follow_due_ms_;
+    } // those that it couldn't be attached to
+    void follow_interfaces();
+    int64_t next_beat_ms() const { return watch_->next_tick_ms(); }
+    // To be called in every turn of the loop.
+    void look(bool link_down);
+    // What this takes doesn't count against the thread's priority.
+    void exempt(const std::function<void()> &work) { urgency_->exempt(work); }
+
+    // A copy of a packet was counted in the row, and `frame` is made of it.
+    void saw(flow_row &row, const gate_copy &copy, bool from_client, fed_frame &frame);
+    // `row`: null when it has left.
+    void judged(flow_row *row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
+    void set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
+        enforcer_.set(row, setting, now_ms);
+    }
+    void policies_changed() { enforcer_.policies_changed(); }
+    void settings_changed();
+
+    // Whether the log is told of a daemon that doesn't come.
+    bool tells_of_waiting() const { return !settings_.rules.fail_closed; }
+    uint64_t refused_writes() const { return enforcer_.refused_writes(); }
+    void report(std::ostream &out) const;
+
+private:
+    void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
+
+    const enforce_settings &settings_;
+    say_function say_;
+    gate gate_;
+    enforcer enforcer_;
+    std::optional<daemon_watch> watch_; // since it began
+    std::optional<urgency> urgency_;    // as well
+    line_cap changes_;                  // of interfaces
+    line_cap failures_;
+    int64_t follow_due_ms_ = NEVER_MS;
+};
+
+} // namespace avcore
