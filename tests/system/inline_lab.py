@@ -334,7 +334,7 @@ class InlineTest(SystemTest):
 
     def _tear_down(self):
         subprocess.run([jorn_path("avcore"), "teardown"], capture_output=True)
-        for link in ("wlan0", "eth0", "br0"):
+        for link in ("wlan0", "wlan1", "eth0", "br0"):
             subprocess.run(["ip", "link", "del", link], capture_output=True)
         for netns in ("client", "server", "wire"):
             subprocess.run(["ip", "netns", "del", netns], capture_output=True)
