@@ -92,7 +92,7 @@ class Chat(threading.Thread):
 
     def run(self):
         with namespace("client"), socket.create_connection((CHAT_NAME, CHAT_PORT)) as chat:
-            chat.settimeout(4)
+            chat.settimeout(SECONDS)
             while self._goes_on:
                 chat.send(f"{self.heard + 1}\n".encode())
                 self.heard = int(chat.recv(10))

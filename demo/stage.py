@@ -10,10 +10,10 @@ import time
 from lab.network import *
 from lab.programs import *
 
-BIN = "build/demo/bin"
+BIN = os.environ.get("JORN_BIN_DIR", "build/demo/bin")  # tests name theirs
 LOGS = "/run/demo"     # a file for each program
 FILES = "/run/demo.d"  # what the scenes write for them
-SECONDS = 5            # that are waited for something at most
+SECONDS = DEADLINE if "JORN_BIN_DIR" in os.environ else 5  # that are waited for something at most
 LAST_FRAMES_S = 0.3    # and their verdicts
 ON_A_WIRE = ("gso_max_segs", "1")  # the sender cuts what it sends itself, so frames are as long as on a wire
 
@@ -109,7 +109,7 @@ def wait_for(what, done):
     try:
         return wait_until(done, seconds=SECONDS)
     except AssertionError:
-        raise Failed(f"no {what} after five seconds") from None
+        raise Failed(f"no {what} after {SECONDS} seconds") from None
 
 
 def wait_for_file(what, path):
