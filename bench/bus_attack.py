@@ -113,7 +113,7 @@ class Bench:
     def __init__(self, secured):
         self.point = point = AccessPoint(1)
         point.start(point.keys() if secured else OPEN)
-        wait_for_path(point.bus_socket)
+        wait_for_listener(point.bus_socket, point.process.pid)
         self.avcore = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.avcore.connect(point.av_socket)
         point.av_socket = f"/tmp/between.{time.monotonic_ns()}"  # where jorn will look

@@ -227,7 +227,7 @@ class Pages(InlineTest):
         for words, priority in ((), "everybody's"), (("chrt", "-r", "1"), "real-time"):
             self.start_avcore()
             self.jorn = self.daemon(before=words)
-            self.until(lambda: os.path.exists(COMMAND_SOCKET))
+            wait_for_listener(COMMAND_SOCKET)
             self.assertEqual(jornctl("apply", "-", document=policies({"shut.example": {
                 "deny": True}}, ()))[::2], (0, ""))
             for name, address in ALLOWED_SITE, DENIED_SITE:

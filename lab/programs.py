@@ -22,8 +22,14 @@ def wait_until(done, what="what was awaited", seconds=DEADLINE):
     return found
 
 
-def wait_for_path(path):
-    wait_until(lambda: os.path.exists(path), path)
+def wait_for_listener(path, process="self"):
+    """Until a local socket of the process's network takes connections: its name is there before. The
+    name of one that was killed stays."""
+    def listens():
+        with open(f"/proc/{process}/net/unix") as sockets:
+            return any((flags, rest[-1]) == ("00010000", path)
+                       for _, _, _, flags, *rest in map(str.split, sockets))
+    wait_until(listens, path)
 
 
 def name_server(*options, settings="/dev/null"):

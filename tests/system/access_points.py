@@ -62,7 +62,7 @@ class AccessPoint:
 
     def wait_report(self, text):
         """Asks for reports until one says so."""
-        wait_for_path(self.av_socket)  # before it SIGUSR1 would end avcore
+        wait_for_listener(self.av_socket, self.process.pid)  # before it SIGUSR1 would end avcore
         since = len(self.lines)
         wait_until(lambda: self.process.send_signal(signal.SIGUSR1) or any(
             text in line for line in self.lines.items[since:]), (text, self.lines.items))
@@ -83,10 +83,6 @@ class AccessPoint:
         return Daemon(*options, "-i", "out1", before=(
             *with_own_folders(self.netns, self.folder), "env", f"JORN_BUS_SOCK={self.bus_socket}",
             f"JORN_AV_SOCK={self.av_socket}"))
-
-    def wait_for(self, path):
-        """Until the daemon has made this path, which lies under its /run."""
-        wait_for_path(self.folder + path.removeprefix("/var"))
 
     def jornctl(self, *words):
         return subprocess.run([jorn_path("jornctl"), "--socket", f"{self.folder}/run/jorn.sock",

@@ -248,8 +248,6 @@ class InlineTest(SystemTest):
                        f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
 
     def start_avcore(self):
-        if os.path.exists(AV_SOCKET):
-            os.unlink(AV_SOCKET)
         self.lines = Record("lines of avcore")
         with open(REPORT, "w") as report:
             self.avcore = subprocess.Popen(
@@ -257,7 +255,7 @@ class InlineTest(SystemTest):
                  *self.options], stdout=report, stderr=subprocess.PIPE, text=True)
         threading.Thread(target=self._read, args=(self.avcore.stderr, self.lines), daemon=True).start()
         self.addCleanup(self.stop_avcore, self.avcore)
-        self.until(lambda: os.path.exists(AV_SOCKET))
+        wait_for_listener(AV_SOCKET)
 
     def _read(self, stream, lines):
         with stream:
@@ -276,10 +274,8 @@ class InlineTest(SystemTest):
             self.assertEqual(avcore.wait(DEADLINE), 0)
 
     def start_daemon(self):
-        if os.path.exists(COMMAND_SOCKET):
-            os.unlink(COMMAND_SOCKET)
         daemon = self.daemon()
-        self.until(lambda: os.path.exists(COMMAND_SOCKET))
+        wait_for_listener(COMMAND_SOCKET)
         return daemon
 
     def until(self, done):

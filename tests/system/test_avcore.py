@@ -180,7 +180,7 @@ class Avcore(SystemTest):
                 lines.append(avcore.stdout.readline())
             return "".join(lines)
 
-        wait_for_path(AV_SOCKET)
+        wait_for_listener(AV_SOCKET)
         self.assertIn(" 0 read,", table(), "no writer has opened the pipe")
         daemon = self.daemon_behind_avcore()
         capture = pcap([udp_frame(1, 2), udp_frame(1, 3)])
@@ -232,9 +232,9 @@ class Avcore(SystemTest):
         for asked in True, False:
             if asked:
                 earlier = self.start_on_pipe()
-                wait_for_path(AV_SOCKET)
+                wait_for_listener(AV_SOCKET)
             daemon = self.daemon()
-            wait_for_path(COMMAND_SOCKET)
+            wait_for_listener(COMMAND_SOCKET)
             if asked:
                 earlier.send_signal(signal.SIGHUP)
                 self.assertIn(" 0 read,", earlier.communicate(timeout=DEADLINE)[0])
@@ -265,7 +265,7 @@ class Avcore(SystemTest):
         write_file("/tmp/avcore.toml", '[bus]\nlisten = "127.0.0.1:5670"')
         avcore = self.run_avcore("-i", "lo", "-c", "/tmp/avcore.toml", preexec_fn=lambda: resource.setrlimit(
             resource.RLIMIT_NOFILE, (64, 64)))
-        wait_for_path("/var/run/av_bus.sock")
+        wait_for_listener("/var/run/av_bus.sock")
         with contextlib.ExitStack() as held:
             asking, *others = [held.enter_context(socket.socket(
                 socket.AF_UNIX, socket.SOCK_SEQPACKET)) for _ in range(65)]

@@ -166,7 +166,7 @@ class AccessPoints(unittest.TestCase):
 
     def start_daemon(self, point):
         self.daemons.append(point.daemon("-d"))
-        point.wait_for(COMMAND_SOCKET)
+        wait_for_listener(COMMAND_SOCKET, self.daemons[-1].pid)
 
     def listed(self, point):
         return names_in(point.jornctl("show", "dns"))

@@ -489,11 +489,9 @@ class SystemTest(unittest.TestCase):
     def daemon_behind_avcore(self, *options):
         """Starts once avcore listens, of which the daemon asks much at its start, and is waited for
         until it takes commands."""
-        wait_for_path(AV_SOCKET)
-        if os.path.exists(COMMAND_SOCKET):
-            os.unlink(COMMAND_SOCKET)
+        wait_for_listener(AV_SOCKET)
         daemon = self.daemon(*options)
-        wait_for_path(COMMAND_SOCKET)
+        wait_for_listener(COMMAND_SOCKET)
         return daemon
 
     def daemon(self, *options, interface=CAPTURE, before=()):
