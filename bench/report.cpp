@@ -50,7 +50,7 @@ double goal_reporter::yardstick_ns(const bench_goal &goal) const {
 void goal_reporter::Finalize() {
     printf("\nGoals");
     if (bare_ns_ > 0)
-        printf(" (B = %.0f ns, B/25 = %.1f ns)\n", bare_ns_, bare_ns_ / 25);
+        printf(" (B = %.0f ns)\n", bare_ns_);
     else
         printf(" (B was not measured)\n");
     for (const bench_goal &goal : goals_) {
