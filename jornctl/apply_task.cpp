@@ -23,7 +23,7 @@ public:
     void warn_beforehand() {
         warn_of_unnamed_bindings();
         warn_of_lost_utps();
-        warn_of_lost_web_utps();
+        warn_of_web_utps();
         if (leaves_policies_to_daemon() && !daemon_.has_policies())
             warn_of_lonely_utps([](const utp_entry_wire &) { return true; });
     }
@@ -75,8 +75,9 @@ private:
                                 "the ARC UTP table is emptied with this one: " + joined(lost));
     }
 
-    void warn_of_lost_web_utps() {
-        if (!read_.utps || read_.web_utps)
+    // Those that go, or that are left without a policy: no command frees one of them alone.
+    void warn_of_web_utps() {
+        if (read_.web_utps || (!read_.utps && !read_.web_policies))
             return;
         std::vector<std::string> lost;
         for (uint32_t id = UTP_ID_MIN; id <= UTP_ID_MAX; ++id) {
@@ -84,9 +85,14 @@ private:
             if (!comes_back && daemon_.web_utp(id))
                 lost.push_back(std::to_string(id));
         }
-        if (!lost.empty())
+        if (lost.empty())
+            return;
+        if (read_.utps)
             read_.found.warning("/utps",
                                 "the web UTP table is emptied with this one: " + joined(lost));
+        else
+            read_.found.warning("/web_policies",
+                                "web UTPs stay in use, without a policy: " + joined(lost));
     }
 
     template <typename Policy>

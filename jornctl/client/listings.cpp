@@ -321,6 +321,18 @@ std::string cut_by_size(std::string_view listing_text) {
     return "something may be missing, for there is room for " + std::to_string(Room) + " bytes";
 }
 
+// Of a listing with the text of a web policy, which is cut behind a line: its last one is missing
+// then.
+std::string cut_in_policy(std::string_view listing_text) {
+    bool has_policy = false;
+    bool is_whole = false;
+    for (const std::string_view line : split(listing_text, '\n')) {
+        has_policy = has_policy || line.find("No of Blocked categories:") != line.npos;
+        is_whole = is_whole || line.starts_with("Bing");
+    }
+    return !has_policy || is_whole ? std::string() : "the policy is cut, for want of room";
+}
+
 using enum listing_argument;
 
 constexpr size_t RULES_ROOM = 20'480;
@@ -340,9 +352,9 @@ constexpr listing LISTINGS[] = {
     {"utps", CMD_UTP_SHOW_REQ, NONE, "The ARC UTP table with the ARC and web policies",
      records<UTP_CELLS>, never_cut},
     {"url", CMD_INTF_URL_POLICY_SHOW_REQ, INTERFACE, "URL filtering and web policy of INTERFACE",
-     object<INTERFACE_CELLS, WEB_POLICY_CELLS>, never_cut},
+     object<INTERFACE_CELLS, WEB_POLICY_CELLS>, cut_in_policy},
     {"utp-web", CMD_UTP_WEB_POLICY_SHOW_REQ, ID, "The web UTP ID with its web policy",
-     object<WEB_UTP_CELLS, WEB_POLICY_CELLS>, never_cut},
+     object<WEB_UTP_CELLS, WEB_POLICY_CELLS>, cut_in_policy},
     {"wifi-calling", CMD_WIFICALLING_INTF_SHOW_REQ, NONE,
      "The interfaces with Wi-Fi calling and their carriers", wificalling,
      cut_by_size<BINDINGS_ROOM, BINDING_PIECE>},

@@ -14,10 +14,9 @@ namespace jornctl {
 std::string web_policy_separators();
 std::string web_pattern_separators();
 std::string web_binding_separators();
-inline constexpr std::string_view WEB_FILE_MARKERS[] = {WEB_BLOCK_END};
-inline constexpr file_format WEB_POLICY_TEXT = {web_policy_separators, WEB_FILE_MARKERS, false};
-inline constexpr file_format WEB_PATTERN_TEXT = {web_pattern_separators, WEB_FILE_MARKERS, false};
-inline constexpr file_format WEB_BINDING_TEXT = {web_binding_separators, WEB_FILE_MARKERS, true};
+inline constexpr file_format WEB_POLICY_TEXT = {web_policy_separators, WEB_POLICY_MARKERS, false};
+inline constexpr file_format WEB_PATTERN_TEXT = {web_pattern_separators, WEB_POLICY_MARKERS, false};
+inline constexpr file_format WEB_BINDING_TEXT = {web_binding_separators, {}, true};
 
 inline constexpr auto FILTER_TYPES = numbered(WEB_FILTER_TYPES);
 

@@ -10,12 +10,14 @@ namespace jornctl {
 
 // The Wi-Fi calling file, all of whose names are or stand beside lists.
 std::string wificalling_separators();
-inline constexpr file_format WIFICALLING_FILE = {wificalling_separators, WIFICALLING_INTF_MARKERS,
-                                                 false};
+inline constexpr file_format CARRIER_TEXT = {wificalling_separators, WIFICALLING_POLICY_MARKERS,
+                                             false};
+inline constexpr file_format CARRIER_BINDING_TEXT = {wificalling_separators,
+                                                     WIFICALLING_INTF_MARKERS, false};
 inline constexpr size_t WIFICALLING_IFNAME_MAX = 16;
 
 inline constexpr field<epdg_entry> EPDG_FIELDS[] = {
-    {"fqdn", at<&epdg_entry::fqdn, file_text<WIFICALLING_FILE>>, OPTIONAL,
+    {"fqdn", at<&epdg_entry::fqdn, file_text<CARRIER_TEXT>>, OPTIONAL,
      "fits wherever it stands in the flow's domain"},
     {"ipaddr", at<&epdg_entry::ipaddr, address>},
 };
@@ -25,8 +27,8 @@ struct epdg_kind : record<EPDG_FIELDS> {
 };
 
 inline constexpr field<wificalling_policy_wire> CARRIER_FIELDS[] = {
-    {"pname", at<&wificalling_policy_wire::pname, file_text<WIFICALLING_FILE, 1>>, REQUIRED},
-    {"alt_name", at<&wificalling_policy_wire::alt_name, file_text<WIFICALLING_FILE>>, OPTIONAL,
+    {"pname", at<&wificalling_policy_wire::pname, file_text<CARRIER_TEXT, 1>>, REQUIRED},
+    {"alt_name", at<&wificalling_policy_wire::alt_name, file_text<CARRIER_TEXT>>, OPTIONAL,
      "kept and saved, not interpreted"},
     {"priority", at<&wificalling_policy_wire::priority, number<>>, REQUIRED,
      "the traffic type that the carrier's packets are marked and queued as"},
@@ -38,11 +40,11 @@ inline constexpr field<wificalling_policy_wire> CARRIER_FIELDS[] = {
 void read_wificalling_delete(const node &from, wificalling_intf_wire &to);
 ordered_json wificalling_delete_words(const wificalling_intf_wire &from);
 
-using profile_name = file_text<WIFICALLING_FILE, 1>;
+using profile_name = file_text<CARRIER_BINDING_TEXT, 1>;
 
 inline constexpr field<wificalling_intf_wire> WIFICALLING_INTF_FIELDS[] = {
     {"ifname",
-     at<&wificalling_intf_wire::ifname, file_text<WIFICALLING_FILE, 1, WIFICALLING_IFNAME_MAX>>,
+     at<&wificalling_intf_wire::ifname, file_text<CARRIER_BINDING_TEXT, 1, WIFICALLING_IFNAME_MAX>>,
      REQUIRED},
     {"intf_value", at<&wificalling_intf_wire::intf_value, number<>>, OPTIONAL,
      "kept and saved, not interpreted"},

@@ -59,7 +59,8 @@ int bus_descriptor(const loop_inputs &) {
 }
 
 void serve_bus(const loop_inputs &) {
-    wdlm_receive(jorn_settings.bus);
+    if (wdlm_receive(jorn_settings.bus) == WDLM_ERR_DROPPED)
+        JORN_ERROR_AS("jorn_main_loop", "what came isn't a message of the bus, it is dropped\n");
 }
 
 int waiting_descriptor(const loop_inputs &) {

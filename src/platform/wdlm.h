@@ -59,8 +59,10 @@ int wdlm_pub(struct wdlm_bus *bus, struct wdlm_label *label, const void *payload
 // The descriptor that is readable when a message waits, or -1. It may change from call to call.
 int wdlm_fd(struct wdlm_bus *bus);
 
-// Takes one waiting message and hands it to its subscription. Returns 0, nonzero when there was
-// none.
+// Takes one waiting message and hands it to its subscription. Returns 0, WDLM_ERR_DROPPED when what
+// waited was no message of the bus and was dropped, which the daemon puts in its log, and another
+// value when there was none.
+enum { WDLM_ERR_DROPPED = -74 }; // as EBADMSG
 int wdlm_receive(struct wdlm_bus *bus);
 
 #ifdef __cplusplus

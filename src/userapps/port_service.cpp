@@ -58,8 +58,8 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
         std::string_view version;
         const port_service_line kind = parse_port_service_line(line, row, version);
         if (kind == port_service_line::VERSION)
-            JORN_DEBUG_AS(READER, "port service file version: %.*s\n",
-                          static_cast<int>(version.size()), version.data());
+            JORN_DEBUG_AS(READER, "port service file version: %s\n",
+                          printable_text(version).c_str());
         if (kind != port_service_line::RECORD)
             continue;
         if (const int result = add_record(list, row); result != 0)

@@ -15,8 +15,6 @@ namespace {
 // say.
 constexpr char LOADER[] = "jorn_load_web_configurations";
 
-constexpr std::string_view MARKERS[] = {WEB_BLOCK_END}; // what no stored text may hold
-
 struct pending_web_policy {
     web_policy_wire policy;
 };
@@ -104,7 +102,9 @@ void jorn_load_web_configurations() {
             continue;
         JORN_DEBUG(" set url_filter_enable for interface %s\n",
                    printable_text(binding.ifname).c_str());
-        psms_av_set_dev_url(binding.ifname, 1);
+        if (psms_av_set_dev_url(binding.ifname, 1) != 0)
+            JORN_ERROR("URL filtering isn't switched on for %s: the platform wasn't told\n",
+                       printable_text(binding.ifname).c_str());
     }
 }
 
@@ -145,7 +145,7 @@ int jorn_write_web_filtering_interface_configuration(FILE *file) {
 bool is_storable(const web_policy_wire &asked) {
     char what[96];
     snprintf(what, sizeof what, "web policy %.64s", printable_text(field_text(asked.name)).c_str());
-    return is_storable(asked, WEB_POLICY_LINE, MARKERS, what,
+    return is_storable(asked, WEB_POLICY_LINE, WEB_POLICY_MARKERS, what,
                        JORN_AS("__web_find_intf_and_build_utp_for_pcy"));
 }
 
@@ -153,6 +153,7 @@ bool is_storable(const web_intf_wire &asked) {
     char what[96];
     snprintf(what, sizeof what, "web binding of %.16s",
              printable_text(field_text(asked.ifname)).c_str());
-    return asked.op != WEB_INTF_ADD || is_storable(asked, WEB_INTF_LINE, MARKERS, what,
-                                                   JORN_AS("jorn_process_web_intf_config"));
+    // No marker divides the bindings: even the end of their section is read as one of them.
+    return asked.op != WEB_INTF_ADD ||
+           is_storable(asked, WEB_INTF_LINE, {}, what, JORN_AS("jorn_process_web_intf_config"));
 }

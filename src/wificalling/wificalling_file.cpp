@@ -74,12 +74,14 @@ bool restore(log_origin from) {
     return load_file(WIFICALLING_FILE, {&policies, &intfs}, from);
 }
 
-// Reports, for the fields of a line as they are read, the count that its list of `most` can't hold.
+// Reports, for the fields of a line as they are read, the count, a `Count` in its record, that its
+// list of `most` can't hold.
+template <typename Count>
 auto count_watch(int32_t most, log_origin from) {
     return [most, from](int position, std::string_view text) {
         if (position != WIFICALLING_COUNT_POSITION)
             return;
-        const int64_t count = leading_decimal(text);
+        const auto count = static_cast<Count>(leading_decimal(text));
         if (count < 0 || count > most)
             JORN_LOG(JORN_LOG_ERROR, from, 0, "a count of %lld is cut to %d\n",
                      static_cast<long long>(count), count < 0 ? 0 : most);
@@ -107,7 +109,9 @@ void jorn_load_wificalling_configurations() {
             continue;
         JORN_DEBUG(" set wificalling_enable for interface %s\n",
                    printable_text(binding.ifname).c_str());
-        psms_av_set_dev_wfc(binding.ifname, 1);
+        if (psms_av_set_dev_wfc(binding.ifname, 1) != 0)
+            JORN_ERROR("Wi-Fi calling isn't switched on for %s: the platform wasn't told\n",
+                       printable_text(binding.ifname).c_str());
     }
 }
 
@@ -115,10 +119,11 @@ bool is_storable(const wificalling_policy_wire &asked) {
     const log_origin from = JORN_AS("jorn_process_wificalling_policy_cfg");
     char what[96];
     snprintf(what, sizeof what, "carrier %.64s", printable_text(field_text(asked.pname)).c_str());
-    // An update takes the first ePDG whatever the count says.
-    return is_storable(asked, WIFICALLING_POLICY_LINE, WIFICALLING_POLICY_MARKERS, what, from) &&
-           is_storable(field_text(asked.epdg[0].fqdn), WIFICALLING_POLICY_MARKERS, what, "epdg",
-                       from);
+    // An update takes the first ePDG, whatever the count says, and no other text.
+    if (find_carrier(field_text(asked.pname)) != nullptr)
+        return is_storable(field_text(asked.epdg[0].fqdn), WIFICALLING_POLICY_MARKERS, what, "epdg",
+                           from);
+    return is_storable(asked, WIFICALLING_POLICY_LINE, WIFICALLING_POLICY_MARKERS, what, from);
 }
 
 bool is_storable(const wificalling_intf_wire &asked) {
@@ -167,11 +172,13 @@ int wificalling_policy_to_text(char *text, const wificalling_policy_wire *policy
 }
 
 void jorn_parse_wificalling_policy_config(std::string_view line, wificalling_policy_wire *record) {
-    read_line(line, WIFICALLING_POLICY_LINE, *record, count_watch(EPDGS_PER_POLICY, JORN_HERE));
+    read_line(line, WIFICALLING_POLICY_LINE, *record,
+              count_watch<uint8_t>(EPDGS_PER_POLICY, JORN_HERE));
 }
 
 void jorn_parse_wificalling_intf_config(std::string_view line) {
     wificalling_intf_wire binding = {};
-    read_line(line, WIFICALLING_INTF_LINE, binding, count_watch(PROFILES_PER_INTF, JORN_HERE));
+    read_line(line, WIFICALLING_INTF_LINE, binding,
+              count_watch<int64_t>(PROFILES_PER_INTF, JORN_HERE));
     jorn_process_wificalling_intf_config(binding);
 }

@@ -174,10 +174,7 @@ int jorn_process_wificalling_policy_cfg(const wificalling_policy_wire &asked) {
     if (policy == nullptr)
         return -1;
     record_list<wificalling_policy> &policies = jorn_state.wificalling_policy_list;
-    wificalling_policy *known = policies.find([&policy](const wificalling_policy &listed) {
-        return strcmp(listed.pname, policy->pname) == 0;
-    });
-    if (known != nullptr)
+    if (wificalling_policy *known = find_carrier(policy->pname); known != nullptr)
         return update_policy(*known, *policy);
     if (policies.count >= WIFICALLING_POLICIES_MAX) {
         JORN_ERROR("the carrier %s is refused: there are %u\n",
@@ -215,6 +212,12 @@ int jorn_process_wificalling_policy_flush() {
     jorn_state.wificalling_policy_list.release_all();
     JORN_DEBUG("Wifi-Callling policies flushed\n");
     return 0;
+}
+
+wificalling_policy *find_carrier(std::string_view pname) {
+    return jorn_state.wificalling_policy_list.find([pname](const wificalling_policy &listed) {
+        return pname.substr(0, sizeof listed.pname - 1) == listed.pname;
+    });
 }
 
 const wificalling_intf *__jorn_get_wificalling_intf(const char *ifname) {

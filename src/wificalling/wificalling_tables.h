@@ -9,6 +9,8 @@
 
 #include "wificalling/records/wificalling.h"
 
+#include <string_view>
+
 inline constexpr int WIFICALLING_ERR_EPDGS_FULL = 23;
 
 // Command 35: adds a carrier, or takes the priority and the first ePDG of what was sent for the one
@@ -24,6 +26,9 @@ int jorn_process_wificalling_intf_config(const wificalling_intf_wire &asked);
 // Command 38: releases all carriers. The bindings stay, without a carrier until they are sent
 // again. Returns 0.
 int jorn_process_wificalling_policy_flush();
+
+// The carrier that a command of this name would update, or none.
+wificalling_policy *find_carrier(std::string_view pname);
 
 // The binding of an interface with exactly this name, or none.
 const wificalling_intf *__jorn_get_wificalling_intf(const char *ifname);

@@ -109,6 +109,8 @@ NO:2
                 ({"web_utps": [{"id": 7, "uuid": "u"}]},
                  ("/web_utps: the ARC UTP table is emptied with this one: 3",
                   "/web_utps/0/uuid: the daemon has no policy")),
+                ({"web_policies": [{"uuid": "w"}], "web_interfaces": []},
+                 ("/web_policies: web UTPs stay in use, without a policy: 7",)),
                 ({"utps": [{"id": 3}]}, ("/utps: the web UTP table is emptied with this one: 7",)),
                 ({"utps": [{"id": 3}], "web_utps": []}, ())):
             with self.subTest(document):

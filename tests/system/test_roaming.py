@@ -122,6 +122,21 @@ class Messages(SystemTest):
                      "                    one.example"):
             self.assertTrue(any(line in s for s in daemon.lines.items), line)
 
+    def test_a_bus_that_is_back_before_its_end_was_heard(self):
+        platform, bus, daemon = self.started()
+        platform.answers[OP_ROAM] = lambda _: (0, message(roam_flow(b"a", "198.51.100.1")))
+        tried = time.monotonic()
+        wait_until(lambda: time.monotonic() > tried + 1)  # one connection a second
+        daemon.send_signal(signal.SIGSTOP)
+        wait_until(lambda: ") T " in read_file(f"/proc/{daemon.pid}/stat"))
+        bus.close()
+        bus.__init__()
+        with socket.socket(socket.AF_UNIX) as waiting:
+            waiting.connect(COMMAND_SOCKET)
+            waiting.sendall(struct.pack("=II8xI", 0, NOTIFY, 76) + notify("192.0.2.9"))
+            daemon.send_signal(signal.SIGCONT)
+            bus.messages.wait(lambda m: m[0] == PUBLISH)
+
     def test_what_peers_send(self):
         platform, bus, daemon = self.started("-x")  # an unknown option starts all the same
         platform.domains["198.51.100.9"] = (1, 1, 1, "known.example")
@@ -145,7 +160,7 @@ class Messages(SystemTest):
             "198.51.100.3": "n" * 63, "198.51.100.4": "a?b", "198.51.100.5": ""})
         for line in ("sync rflow count (0) error!", "sync rflow count (129) error!",
                      "3 flows don't fit into the 268 bytes", "1 flows don't fit into the 135 bytes",
-                     "a message of 9 bytes isn't one of the bus", "receive RflowRoamInfo from AP.a?bxx"):
+                     "(Debug) what came isn't a message of the bus", "receive RflowRoamInfo from AP.a?bxx"):
             daemon.wait_line(line)
 
 

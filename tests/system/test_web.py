@@ -271,7 +271,8 @@ class Decision(WebTest):
             self.jorn.wait_line(says)
         command(WEB_INTF, web_binding("wlan0", "u\n"))
         self.jorn.wait_line("web binding of wlan0 is refused: policy_uuid")
-        self.assertEqual(read_file(FILE).count("[policy_end]"), 1)
+        command(WEB_INTF, web_binding("wlan1", "[policy_end]"))  # divides no bindings
+        self.assertEqual(read_file(FILE).count("[policy_end]"), 2)
         self.assertEqual(self.get("a;b").deny, 1)
 
 
@@ -491,6 +492,11 @@ class Files(WebTest):
         # The fullest policy of our category names is shown whole.
         self.bind("full", categories=range(1, 84), white=["w" * 64] * 16, black=["b" * 64] * 16)
         self.assertIn("BingSafeSearch: Disable\n\n", command(SHOW_INTF, b"wlan0").decode()[-30:])
+        self.assertEqual(jornctl("show", "url", "wlan0")[2], "")
+        vips = dict.fromkeys(("google", "youtube", "bing"), "255.255.255.255")
+        self.bind("fuller", categories=[53] * 83, white=["w" * 64] * 16, black=["b" * 64] * 16,
+                  filter_type=2, **vips)
+        self.assertIn("url: the policy is cut", jornctl("show", "url", "wlan0")[2])
 
 
 if __name__ == "__main__":

@@ -40,7 +40,7 @@ UPDATES = [
 REFUSED = [
     (CARRIER, carrier("A\tB", 1), "0x09, at byte 1"),
     (CARRIER, carrier("A", 1, ("x\x7f", "1.1.1.1")), "0x7f, at byte 1"),
-    (CARRIER, carrier("A", 1, ("x\n", "1.1.1.1"), count=0), "0x0a, at byte 1"),
+    (CARRIER, carrier("A", 1, ("x\n", "1.1.1.1"), count=0), "0x0a, at byte 1"),  # an update
     (CARRIER, carrier("B", 1, alt="x[Policy_End]"), 'alt_name holds "[policy_end]"'),
     (CARRIER_BINDING, carrier_binding("wlan0", "A", "[INTFCFG end]"), 'profile holds "[intfcfg end]"'),
     (CARRIER_BINDING, carrier_binding("wl\rn0", "A"), "0x0d, at byte 2"),
@@ -53,7 +53,7 @@ REFUSED = [
 EDITED = [
     (whole([A], ["wlan0;1;7;1;A;"]).replace("[wificallingPolicy]", ""), whole([], [])),
     (whole([A, A.replace("A", "B", 1)], [])[:-60], whole([A], [])),
-    (whole(["A;;5;9;" + ",".join(f"{i},1.1.1.{i}" for i in range(9)) + ";x", "B;;x;-1;b,1.1.1.1;",
+    (whole(["A;;5;9;" + ",".join(f"{i},1.1.1.{i}" for i in range(9)) + ";x", "B;;x;256;b,1.1.1.1;",
             "C;c;1;2;,,c,1.1.1.1.1;"], ["wlan0;1;0;-3;A;", "wlan1;256;0;1;A;", "wlan2;3;0;7;,x,a;"]),
      whole(["A;;5;5;" + ",".join(f"{i},1.1.1.{i}" for i in range(5)) + ";", "B;;0;0;,0.0.0.0;",
             "C;c;1;2;,0.0.0.0,c,0.0.0.0;"], ["wlan2;3;0;5;,x,a,,;"])),
@@ -91,7 +91,7 @@ class WifiCalling(JudgingTest):
                 command(FLUSH)
                 self.say(CARRIER, carrier("A", 5, ("one", "10.0.0.1"), ("two", "0.0.0.0")),
                          "Added wificalling policy first node")
-                self.say(CARRIER, carrier("A", priority, epdg, alt="new"), says)
+                self.say(CARRIER, carrier("A", priority, epdg, alt="[policy_end]\t"), says)
                 self.assertEqual(read_file(FILE), whole([line], []))
         for i in range(2):
             command(CARRIER, carrier("A", 6, (f"e{i}", f"10.1.0.{i}")))
@@ -119,9 +119,9 @@ class WifiCalling(JudgingTest):
         self.say(CARRIER_BINDING, carrier_binding("WLAN0", "a", enable=9, value=5), "Updating Existing node !")
         self.assertTrue(read_file(FILE).endswith("[intfcfg]\nwlan0;1;-7;1;a;\n[intfcfg end]\n"))
         self.assertTagged(self.judge_ike(), "a", 2, "A")
-        self.say(CARRIER_BINDING, carrier_binding("wlan0", "gone", "gone too", count=2), "No such policy 'gone'")
+        self.say(CARRIER_BINDING, carrier_binding("wlan0", "gone", "[policy_end]", count=2), "No such policy 'gone'")
         self.assertEqual(command(SHOW), b"Interface Name: wlan0\n(1) Policy Name: gone\n"
-                                        b"(2) Policy Name: gone too\n\n")
+                                        b"(2) Policy Name: [policy_end]\n\n")
         self.assertUntagged(self.judge_ike())
         self.say(CARRIER_BINDING, carrier_binding("a-name-of-19-bytes!", "A", "", "", "", "", count=9), "9 is cut to 5")
         self.assertIn("\na-name-of-19-byt;1;0;5;A,,,,;\n", read_file(FILE))
@@ -234,6 +234,10 @@ class WifiCalling(JudgingTest):
             self.assertEqual(unchanged_save(), expected)
         command(FLUSH)
         self.assertEqual(read_file(FILE), expected)
+        self.assertEqual(self.jorn.stop(), 0)
+        self.av.kill()
+        self.jorn = self.daemon()
+        self.jorn.wait_line("Wi-Fi calling isn't switched on for wlan0: the platform wasn't told")
 
     def test_files_that_were_edited_or_cut(self):
         for text, written in EDITED:

@@ -43,7 +43,9 @@ TEST_F(PortService, Holds1025Entries) {
 
 TEST_F(PortService, AFileEndsWhereItCantBeReadAndOneLineSaysSo) {
     jorn_settings.debug = 1; // the log goes to standard error
-    load_ports("1,tcp,1,2,a\n");
+    testing::internal::CaptureStderr();
+    load_ports("WDL_PORT_SERVICE_FILE_VER:1\x1b[2J\n1,tcp,1,2,a\n");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("version: 1?[2J"), std::string::npos);
     testing::internal::CaptureStderr();
     EXPECT_EQ(jorn_parse_port_service_conf_file("/proc/self/mem", &jorn_state.port_apps), 0);
     const std::string log = testing::internal::GetCapturedStderr();

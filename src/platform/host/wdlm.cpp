@@ -14,7 +14,6 @@
 #include <cstring>
 #include <new>
 #include <sys/socket.h>
-#include <syslog.h>
 
 struct wdlm_label {
     char peer[64]; // padded with NULs, which a full text lacks, as in the messages
@@ -58,27 +57,36 @@ bool fill(char (&field)[N], const char *text) {
     return true;
 }
 
-template <typename Record>
-bool send_message(wdlm_bus &bus, bus_kind kind, const Record &record, const void *payload = nullptr,
-                  size_t length = 0) {
-    std::array<std::byte, sizeof(bus_message_head) + sizeof(bus_publication) + BUS_PAYLOAD_MAX>
-        message;
-    static_assert(sizeof(bus_message_head) + sizeof record <= message.size());
-    if (length > BUS_PAYLOAD_MAX)
-        return false;
-    const bus_message_head head = {kind};
-    memcpy(message.data(), &head, sizeof head);
-    memcpy(message.data() + sizeof head, &record, sizeof record);
-    if (length != 0)
-        memcpy(message.data() + sizeof head + sizeof record, payload, length);
-    return bus.connection.send(std::span(message).first(sizeof head + sizeof record + length)) ==
+// A message as it is sent.
+class outgoing {
+public:
+    template <typename Record>
+    outgoing(bus_kind kind, const Record &record, const void *payload = nullptr,
+             size_t length = 0) {
+        static_assert(sizeof(bus_message_head) + sizeof record <= sizeof bytes_);
+        const bus_message_head head = {kind};
+        memcpy(bytes_, &head, sizeof head);
+        memcpy(bytes_ + sizeof head, &record, sizeof record);
+        if (length != 0)
+            memcpy(bytes_ + sizeof head + sizeof record, payload, length);
+        size_ = sizeof head + sizeof record + length;
+    }
+    std::span<const std::byte> bytes() const { return std::span(bytes_).first(size_); }
+
+private:
+    std::byte bytes_[sizeof(bus_message_head) + sizeof(bus_publication) + BUS_PAYLOAD_MAX];
+    size_t size_;
+};
+
+bool send_subscription(wdlm_bus &bus, const bus_subscription &wanted) {
+    return bus.connection.send(outgoing(bus_kind::subscribe, wanted).bytes()) ==
            local_connection::sent::yes;
 }
 
 // Without its subscriptions a connection is of no use: it is given up, and tried again.
 bool subscribe_all(wdlm_bus &bus) {
     for (size_t i = 0; i < bus.subscription_count; ++i) {
-        if (!send_message(bus, bus_kind::subscribe, bus.subscriptions[i].message)) {
+        if (!send_subscription(bus, bus.subscriptions[i].message)) {
             if (bus.connection.fd() >= 0)
                 bus.connection.end();
             return false;
@@ -98,6 +106,17 @@ bool connected(wdlm_bus &bus) {
     }
     bus.connection.renumber(LOWEST_DESCRIPTOR);
     return subscribe_all(bus);
+}
+
+// A connection that is found gone is, where a try is due, replaced: whoever had the network may be
+// back already, and what is lost here nobody sends again.
+bool send_message(wdlm_bus &bus, const outgoing &message) {
+    while (connected(bus)) {
+        const auto result = bus.connection.send(message.bytes());
+        if (result != local_connection::sent::ended)
+            return result == local_connection::sent::yes;
+    }
+    return false;
 }
 
 wdlm_label *create_label(const char *peer, const char *topic) {
@@ -194,7 +213,7 @@ int wdlm_sub(wdlm_bus *bus, wdlm_label *label, wdlm_callback callback, void *arg
     memcpy(added.message.sender, label->peer, sizeof label->peer);
     memcpy(added.message.topic, label->topic, sizeof label->topic);
     // Without a connection the next one starts with it.
-    if (bus->connection.fd() >= 0 && !send_message(*bus, bus_kind::subscribe, added.message) &&
+    if (bus->connection.fd() >= 0 && !send_subscription(*bus, added.message) &&
         bus->connection.fd() >= 0)
         bus->connection.end();
     return 0;
@@ -202,18 +221,18 @@ int wdlm_sub(wdlm_bus *bus, wdlm_label *label, wdlm_callback callback, void *arg
 
 int __wdlm_add_peer(const char *, int, const char *peer, const char *address) {
     bus_peer message;
-    if (opened == nullptr || !fill(message.name, peer) || !fill(message.address, address) ||
-        !connected(*opened))
+    if (opened == nullptr || !fill(message.name, peer) || !fill(message.address, address))
         return -1;
-    return send_message(*opened, bus_kind::add_peer, message) ? 0 : -1;
+    return send_message(*opened, outgoing(bus_kind::add_peer, message)) ? 0 : -1;
 }
 
 int wdlm_pub(wdlm_bus *bus, wdlm_label *label, const void *payload, size_t length) {
+    if (length > BUS_PAYLOAD_MAX)
+        return -1;
     bus_publication message;
     memcpy(message.destination, label->peer, sizeof message.destination);
     memcpy(message.topic, label->topic, sizeof message.topic);
-    return connected(*bus) && send_message(*bus, bus_kind::publish, message, payload, length) ? 0
-                                                                                              : -1;
+    return send_message(*bus, outgoing(bus_kind::publish, message, payload, length)) ? 0 : -1;
 }
 
 int wdlm_fd(wdlm_bus *bus) {
@@ -234,11 +253,8 @@ int wdlm_receive(wdlm_bus *bus) {
         return -1;
     }
     const auto message = std::span<const std::byte>(datagram).first(static_cast<size_t>(received));
-    if (!is_delivery(message)) {
-        syslog(LOG_ERR, "wdlm_receive: a message of %zd bytes isn't one of the bus, it is dropped",
-               received);
-        return -1;
-    }
+    if (!is_delivery(message))
+        return WDLM_ERR_DROPPED;
     deliver(*bus, message);
     return 0;
 }

@@ -5,12 +5,17 @@
 #include "core/text/line_format.h"
 #include "webfilter/records/web.h"
 
+#include <string_view>
+
 inline constexpr char WEB_POLICIES_BEGIN[] = "[webPolicy]";
 inline constexpr char WEB_POLICIES_END[] = "[webPolicy end]";
 inline constexpr char WEB_BLOCK_BEGIN[] = "[policy]";
 inline constexpr char WEB_BLOCK_END[] = "[policy_end]";
 inline constexpr char WEB_INTFS_BEGIN[] = "[intfcfg]";
 inline constexpr char WEB_INTFS_END[] = "[intfcfg end]";
+
+// What the texts of a policy must not hold.
+inline constexpr std::string_view WEB_POLICY_MARKERS[] = {WEB_BLOCK_END};
 
 inline constexpr char WEB_LIST_SEPARATOR = ','; // inside a field of several values
 

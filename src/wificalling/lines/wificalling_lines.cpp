@@ -24,7 +24,8 @@ uint32_t address_of(std::string_view text) {
 }
 
 void read_num_epdg(std::string_view text, wificalling_policy_wire &to) {
-    to.num_epdg = static_cast<uint8_t>(within(leading_decimal(text), EPDGS_PER_POLICY));
+    const auto count = static_cast<uint8_t>(leading_decimal(text));
+    to.num_epdg = static_cast<uint8_t>(within(count, EPDGS_PER_POLICY));
 }
 
 void write_num_epdg(text_appender &to, const wificalling_policy_wire &from) {

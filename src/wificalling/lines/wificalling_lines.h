@@ -16,8 +16,7 @@ inline constexpr char WIFICALLING_INTFS_END[] = "[intfcfg end]";
 
 // What the texts of a carrier, and those of a binding, must not hold.
 inline constexpr std::string_view WIFICALLING_POLICY_MARKERS[] = {WIFICALLING_BLOCK_END};
-inline constexpr std::string_view WIFICALLING_INTF_MARKERS[] = {WIFICALLING_BLOCK_END,
-                                                                WIFICALLING_INTFS_END};
+inline constexpr std::string_view WIFICALLING_INTF_MARKERS[] = {WIFICALLING_INTFS_END};
 
 inline constexpr char WIFICALLING_LIST_SEPARATOR = ','; // inside a field of several values
 
@@ -28,5 +27,5 @@ extern const line_format<wificalling_policy_wire> WIFICALLING_POLICY_LINE;
 extern const line_format<wificalling_intf_wire> WIFICALLING_INTF_LINE;
 
 // Where the count stands in both of them, from 1. A count that its list can't hold is read as the
-// nearest that it can.
+// nearest that it can; a carrier's has first become a byte, as its record has it.
 inline constexpr int WIFICALLING_COUNT_POSITION = 4;
