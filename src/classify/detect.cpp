@@ -110,7 +110,7 @@ struct captured_packet {
 
 struct detection_step {
     int (*run)(pkt_ctx *ctx, const captured_packet &captured);
-    const char *decided; // the line of the log for a packet that it decided; none for the last
+    log_text decided; // for a packet that it decided
 };
 
 // In their order; the first that decides ends the pipeline.
@@ -136,8 +136,7 @@ int jorn_detect_pkt(pkt_ctx *ctx, const pcap_pkthdr *pkthdr, const uint8_t *byte
         const int result = step.run(ctx, captured);
         if (result == JORN_DETECT_NO_MATCH)
             continue;
-        if (step.decided != nullptr)
-            JORN_DEBUG("%s", step.decided);
+        jorn_log_text(JORN_LOG_DEBUG, JORN_HERE, 0, step.decided);
         return result;
     }
     return JORN_DETECT_NO_MATCH;

@@ -73,7 +73,7 @@ void serve_waiting(const loop_inputs &) {
 
 struct loop_row {
     int (*descriptor)(const loop_inputs &); // asked before every wait; -1 is left out
-    const char *line;                       // for the debug log, when it is ready; none: no line
+    log_text says;                          // for the debug log, when it is ready
     void (*serve)(const loop_inputs &);
 };
 
@@ -105,8 +105,7 @@ struct pass {
         for (size_t i = 0; i < std::size(ROWS); ++i) {
             if (!ready.ready(descriptors[i]))
                 continue;
-            if (ROWS[i].line != nullptr)
-                JORN_DEBUG_AS("jorn_main_loop", "%s", ROWS[i].line);
+            jorn_log_text(JORN_LOG_DEBUG, JORN_AS("jorn_main_loop"), 0, ROWS[i].says);
             ROWS[i].serve(in);
         }
     }

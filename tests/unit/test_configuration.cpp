@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -72,6 +73,13 @@ TEST_F(Configuration, ByteForByteAndBack) {
     const std::string log = restore(text);
     EXPECT_EQ(occurrences(log, "userdef : 2\n"), 1u);
     EXPECT_EQ(occurrences(log, "ends early"), 0u);
+    std::set<std::string> places; // what a line of the log begins with leads to one text
+    for (const char *says : {"appPolicy start", "Policy start", "Policy end", "appPolicy end"}) {
+        const size_t end = log.find(std::string(": 0 (Debug) ") + says);
+        const size_t begin = log.rfind('\n', end) + 1;
+        places.insert(log.substr(begin, end - begin));
+    }
+    EXPECT_EQ(places.size(), 4u) << log;
     EXPECT_EQ(written(), text);
     arc_policy *policy = jorn_state.arc_policy_list.head;
     ASSERT_NE(policy, nullptr);

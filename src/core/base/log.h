@@ -1,5 +1,5 @@
-// The daemon's one way of reporting: a line with a level, the calling function's name, the line
-// number of the call and an error number.
+// The daemon's one way of reporting: a line with a level, the calling function's name, the number
+// of the line that says it and an error number.
 //
 // The macros test the level before their arguments are evaluated, so that a debug line costs a load
 // and a branch while debugging is off. Never called from a signal handler: syslog and stdio are not
@@ -22,20 +22,17 @@ inline bool jorn_log_enabled(int level) {
     return level != JORN_LOG_DEBUG || jorn_settings.debug != 0;
 }
 
-// Where a line of the log comes from: a function of the system's interface, and the line of the
-// code that speaks for it. What serves several such functions takes the origin from its caller.
+// Under whose name a line stands in the log: a function of the system's interface. What serves
+// several such functions takes the name from its caller; the line's number is that of its text.
 struct log_origin {
     const char *function;
-    int line;
 };
-#define JORN_HERE (log_origin{__func__, __LINE__})
+#define JORN_HERE (log_origin{__func__})
 
 #define JORN_LOG(level, origin, error_number, ...)                                                 \
     do {                                                                                           \
-        if (jorn_log_enabled(level)) {                                                             \
-            const log_origin jorn_origin = origin;                                                 \
-            jorn_log(level, jorn_origin.function, jorn_origin.line, error_number, __VA_ARGS__);    \
-        }                                                                                          \
+        if (jorn_log_enabled(level))                                                               \
+            jorn_log(level, (origin).function, __LINE__, error_number, __VA_ARGS__);               \
     } while (0)
 
 // The calling function's own lines.
@@ -45,9 +42,21 @@ struct log_origin {
 #define JORN_DEBUG(...) JORN_LOG(JORN_LOG_DEBUG, JORN_HERE, 0, __VA_ARGS__)
 
 // A part of a function of the interface speaks in its name.
-#define JORN_AS(function) (log_origin{function, __LINE__})
+#define JORN_AS(function) (log_origin{function})
 #define JORN_ERROR_AS(function, ...) JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), 0, __VA_ARGS__)
 #define JORN_ERRNO_AS(function, error_number, ...)                                                 \
     JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), error_number, __VA_ARGS__)
 #define JORN_INFO_AS(function, ...) JORN_LOG(JORN_LOG_INFO, JORN_AS(function), 0, __VA_ARGS__)
 #define JORN_DEBUG_AS(function, ...) JORN_LOG(JORN_LOG_DEBUG, JORN_AS(function), 0, __VA_ARGS__)
+
+// A text that stands in a table, or is handed on, with the line where it stands.
+struct log_text {
+    const char *text; // none = nothing is said
+    int line;
+    constexpr log_text(const char *said, int at = __builtin_LINE()) : text(said), line(at) {}
+};
+
+inline void jorn_log_text(int level, log_origin from, int error_number, const log_text &said) {
+    if (said.text != nullptr && jorn_log_enabled(level))
+        jorn_log(level, from.function, said.line, error_number, "%s", said.text);
+}

@@ -47,7 +47,7 @@ void save_file(const char *name, std::initializer_list<saved_section> sections, 
     }
     for (const saved_section &part : sections) {
         if (part.write(file) != 0) {
-            JORN_LOG(JORN_LOG_ERROR, from, 0, "%s", part.failure);
+            jorn_log_text(JORN_LOG_ERROR, from, 0, part.failure);
             break;
         }
     }
@@ -73,7 +73,7 @@ bool load_file(const char *name, std::initializer_list<section_reader *> section
 void section_writer::write(std::string_view piece) {
     if (result_ != 0 || write_whole(file_, piece))
         return;
-    JORN_LOG(JORN_LOG_ERROR, from_, errno, "%s", failure_);
+    jorn_log_text(JORN_LOG_ERROR, from_, errno, failure_);
     result_ = SAVED_FILE_ERR_WRITE;
 }
 

@@ -28,7 +28,7 @@ private:
 // and what is then logged for it.
 struct saved_section {
     int (*write)(FILE *file);
-    const char *failure;
+    log_text failure;
 };
 
 // Rewrites the file, section by section, and stops at the first that can't be written. Failures
@@ -43,7 +43,7 @@ bool load_file(const char *name, std::initializer_list<section_reader *> section
 // under `from`, as `failure`, and is the last.
 class section_writer {
 public:
-    section_writer(FILE *file, const char *failure, log_origin from)
+    section_writer(FILE *file, log_text failure, log_origin from)
         : file_(file), failure_(failure), from_(from) {}
 
     void write(std::string_view piece);
@@ -52,7 +52,7 @@ public:
 
 private:
     FILE *file_;
-    const char *failure_;
+    log_text failure_;
     log_origin from_;
     int result_ = 0;
 };

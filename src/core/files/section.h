@@ -30,7 +30,7 @@ template <typename Pending>
 struct section_row {
     uint8_t at;
     std::string_view marker; // empty: every line has it
-    const char *says;        // at debug level, before anything is done; none = nothing
+    log_text says;           // at debug level, before anything is done
     void (*take)(std::string_view line, Pending &pending); // none = nothing
     uint8_t then_at;
     bool whole = false; // the file may end from here on
@@ -68,8 +68,7 @@ public:
 
 private:
     void run(const section_row<Pending> &row, std::string_view line) {
-        if (row.says != nullptr)
-            JORN_LOG(JORN_LOG_DEBUG, from_, 0, "%s", row.says);
+        jorn_log_text(JORN_LOG_DEBUG, from_, 0, row.says);
         if (row.take != nullptr)
             row.take(line, pending_);
         place_ = row.then_at;
