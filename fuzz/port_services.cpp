@@ -3,6 +3,7 @@
 #include "support/fresh_state.h"
 #include "support/memory_file.h"
 #include "userapps/port_service.h"
+#include "userapps/walk.h"
 
 #include <cstdlib>
 #include <cstring>

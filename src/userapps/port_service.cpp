@@ -10,6 +10,7 @@
 #include "platform/psms.h"
 #include "userapps/port_file/port_service_line.h"
 #include "userapps/settle.h"
+#include "userapps/walk.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -71,20 +72,6 @@ int read_records(FILE *file, const char *path, port_app_list &list) {
     return 0;
 }
 
-const port_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
-    const arc_policy *policy = arc_policy_of(utp_id);
-    for (const port_app &entry : jorn_state.port_apps) {
-        if (policy != nullptr && __is_userdef_port_attached_to_arc(policy, &entry) == 0)
-            continue;
-        if (entry.begin_port != pkt.dst_port && entry.begin_port != pkt.src_port)
-            continue;
-        if ((entry.tcp_flag != 0 && pkt.ip_proto == IPPROTO_TCP) ||
-            (entry.udp_flag != 0 && pkt.ip_proto == IPPROTO_UDP))
-            return &entry;
-    }
-    return nullptr;
-}
-
 } // namespace
 
 int jorn_parse_port_service_conf_file(const char *path, port_app_list *list) {
@@ -120,8 +107,7 @@ void port_app_list_clear(port_app_list *list) {
 }
 
 int jorn_detect_pkt_userdef_port_service_app(pkt_ctx *pkt) {
-    if (jorn_log_enabled(JORN_LOG_DEBUG))
-        walk_port_apps(*pkt);
+    trace_port_search(*pkt);
     const port_app *entry = find_port_app(*pkt);
     if (entry == nullptr)
         return 0;
@@ -154,22 +140,4 @@ const port_app *find_port_app(const pkt_ctx &pkt) {
             return apps.port_apps[second];
     }
     return nullptr;
-}
-
-const port_app *walk_port_apps(const pkt_ctx &pkt) {
-    const port_app *entry = walk_for(pkt, pkt.src_utp_id);
-    return entry != nullptr ? entry : walk_for(pkt, pkt.dst_utp_id);
-}
-
-int __is_userdef_port_attached_to_arc(const arc_policy *policy, const port_app *entry) {
-    for (const arc_rule &rule : policy->rules) {
-        if (field_text(rule.cat_name) == CATEGORY_NAME_USER_DEFINED &&
-            field_text(rule.app_name) == field_text(entry->app_name)) {
-            JORN_DEBUG("userdef attached %s attached to arc policy %s\n",
-                       printable_text(field_text(entry->app_name)).c_str(),
-                       printable_text(policy->name).c_str());
-            return 1;
-        }
-    }
-    return 0;
 }

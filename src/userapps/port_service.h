@@ -39,10 +39,3 @@ int jorn_detect_pkt_userdef_port_service_app(pkt_ctx *pkt);
 
 // The entry that names a packet, or none, by the settled index.
 const port_app *find_port_app(const pkt_ctx &pkt);
-
-// The same by walking the list, with a line of the log for each step: debugging shows it, and
-// decides nothing by it.
-const port_app *walk_port_apps(const pkt_ctx &pkt);
-
-// 1 when the policy lists the entry's application as "User Defined", else 0.
-int __is_userdef_port_attached_to_arc(const arc_policy *policy, const port_app *entry);

@@ -8,8 +8,7 @@
 // policy's 64 rules are looked up among the sorted names, so that a packet waits for the rules of
 // two policies and never for those of all. The order of the list plays no part in it.
 //
-// The packet path decides by this. While debugging is on it walks the tables before, because every
-// step of the walk is a line of the log.
+// The packet path decides by this; the log has the walk of the tables (walk.h).
 #pragma once
 
 #include "userapps/records/settled.h"

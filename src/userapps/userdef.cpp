@@ -7,6 +7,7 @@
 #include "platform/psms.h"
 #include "userapps/lines/userdef_line.h"
 #include "userapps/settle.h"
+#include "userapps/walk.h"
 
 #include <bit>
 #include <cstdio>
@@ -20,17 +21,13 @@ bool is_address_family(uint16_t family) {
     return family == AF_INET || family == AF_INET6;
 }
 
-bool outside(uint32_t ip_be, uint32_t network_be, uint32_t netmask_be) {
-    return ((ip_be ^ network_be) & netmask_be) != 0;
-}
-
 // The definitions that the packet fits, a bit each, whatever the policies allow.
 uint32_t fitting_definitions(const settled_apps &apps, const pkt_ctx &pkt) {
     uint32_t fitting = 0;
     for (unsigned i = 0; i < apps.userdef_count; ++i) {
         const userdef_criteria &wanted = apps.criteria[i];
-        if (outside(pkt.dst_ip, wanted.network_be, wanted.netmask_be) &&
-            outside(pkt.src_ip, wanted.network_be, wanted.netmask_be))
+        if (is_outside(pkt.dst_ip, wanted.network_be, wanted.netmask_be) &&
+            is_outside(pkt.src_ip, wanted.network_be, wanted.netmask_be))
             continue;
         if (((pkt.dst_port ^ wanted.port) & wanted.port_mask) != 0 &&
             ((pkt.src_port ^ wanted.port) & wanted.port_mask) != 0)
@@ -39,19 +36,6 @@ uint32_t fitting_definitions(const settled_apps &apps, const pkt_ctx &pkt) {
             fitting |= uint32_t{1} << i;
     }
     return fitting;
-}
-
-const userdef_app *walk_for(const pkt_ctx &pkt, uint32_t utp_id) {
-    const arc_policy *policy = arc_policy_of(utp_id);
-    const userdef_table &table = jorn_state.userdef_apps;
-    for (int32_t i = 0; i < table.count; ++i) {
-        const userdef_app *record = &table.records[i];
-        if (policy != nullptr && __is_userdef_attached_to_arc(policy, record) == 0)
-            continue;
-        if (jorn_is_pkt_match_userdef_app(&pkt, record) != 0)
-            return record;
-    }
-    return nullptr;
 }
 
 // Whether the file can keep the names of the definitions. What can't be kept is reported.
@@ -126,8 +110,7 @@ void userdef_build_bitmap(userdef_app *record) {
 }
 
 int jorn_detect_pkt_userdef_app(pkt_ctx *pkt) {
-    if (jorn_log_enabled(JORN_LOG_DEBUG))
-        walk_userdef_apps(*pkt);
+    trace_userdef_search(*pkt);
     const userdef_app *record = find_userdef_app(*pkt);
     if (record == nullptr)
         return 0;
@@ -151,44 +134,4 @@ const userdef_app *find_userdef_app(const pkt_ctx &pkt) {
             return &jorn_state.userdef_apps.records[std::countr_zero(allowed)];
     }
     return nullptr;
-}
-
-const userdef_app *walk_userdef_apps(const pkt_ctx &pkt) {
-    const userdef_app *record = walk_for(pkt, pkt.src_utp_id);
-    return record != nullptr ? record : walk_for(pkt, pkt.dst_utp_id);
-}
-
-int jorn_is_pkt_match_userdef_app(const pkt_ctx *pkt, const userdef_app *record) {
-    if ((record->bitmap & USERDEF_DST_IP) != 0) {
-        uint32_t network_be;
-        memcpy(&network_be, record->dst_ip, sizeof network_be);
-        if (outside(pkt->dst_ip, network_be, record->netmask) &&
-            outside(pkt->src_ip, network_be, record->netmask)) {
-            JORN_DEBUG("User-Defined App: IP NO MATCH\n");
-            return 0;
-        }
-    }
-    if ((record->bitmap & USERDEF_DST_PORT) != 0 && pkt->dst_port != record->dst_port &&
-        pkt->src_port != record->dst_port) {
-        JORN_DEBUG("User-Defined App: PORT NO MATCH\n");
-        return 0;
-    }
-    if ((record->bitmap & USERDEF_PROTOCOL) != 0 && pkt->ip_proto != record->protocol) {
-        JORN_DEBUG("User-Defined App: PROTOCOL NO MATCH\n");
-        return 0;
-    }
-    return 1;
-}
-
-int __is_userdef_attached_to_arc(const arc_policy *policy, const userdef_app *record) {
-    for (const arc_rule &rule : policy->rules) {
-        if (field_text(rule.cat_name) == CATEGORY_NAME_USER_DEFINED &&
-            field_text(rule.app_name) == field_text(record->app_name)) {
-            JORN_DEBUG("userdef policy %s is attached to arc node %d!\n",
-                       printable_text(field_text(record->app_name)).c_str(),
-                       static_cast<int>(policy->utp_id));
-            return 1;
-        }
-    }
-    return 0;
 }

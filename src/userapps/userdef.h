@@ -33,14 +33,3 @@ int jorn_detect_pkt_userdef_app(pkt_ctx *pkt);
 
 // The definition that names a packet, or none, by the settled criteria.
 const userdef_app *find_userdef_app(const pkt_ctx &pkt);
-
-// The same by walking the table, with a line of the log for each step: debugging shows it, and
-// decides nothing by it.
-const userdef_app *walk_userdef_apps(const pkt_ctx &pkt);
-
-// 1 when the packet fits the record's criteria, else 0. The record's destination is looked for on
-// both sides of the packet, its source restricts nothing.
-int jorn_is_pkt_match_userdef_app(const pkt_ctx *pkt, const userdef_app *record);
-
-// 1 when the policy lists the record's application as "User Defined", else 0.
-int __is_userdef_attached_to_arc(const arc_policy *policy, const userdef_app *record);

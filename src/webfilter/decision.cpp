@@ -4,6 +4,7 @@
 #include "core/base/log.h"
 #include "core/state/state.h"
 #include "core/text/text.h"
+#include "webfilter/list_trace.h"
 #include "webfilter/policy_index.h"
 
 #include <algorithm>
@@ -47,44 +48,6 @@ const web_policy *policy_of_side(const pkt_ctx &ctx, std::string_view ifname) {
     return binding->policy;
 }
 
-constexpr char CHECK_LISTS[] = "jorn_check_white_black_list";
-
-// An empty pattern ends the search.
-void note_pattern(const web_pattern &examined, bool is_white) {
-    JORN_DEBUG_AS(CHECK_LISTS, "UI Configured %s-list domain name %s\n",
-                  is_white ? "white" : "black", printable_text(examined).c_str());
-    if (examined[0] == '\0')
-        return;
-    const std::string_view core = pattern_core(examined);
-    if (!is_white)
-        JORN_DEBUG_AS(CHECK_LISTS, "Domain start %s and len %d \n",
-                      printable_text(core.data()).c_str(), static_cast<int>(core.size()));
-    JORN_DEBUG_AS(CHECK_LISTS, "Extracted domain %s \n", printable_text(core).c_str());
-}
-
-// Says of a list what was examined up to the pattern that decided. Returns whether the search went
-// on behind it.
-bool note_list(const web_pattern_list &list, uint8_t count, bool is_white, int decided) {
-    const unsigned usable = usable_patterns(list, count);
-    for (unsigned i = 0; i < usable; ++i) {
-        note_pattern(list[i], is_white);
-        if (static_cast<int>(i) == decided)
-            return false;
-    }
-    if (usable == count)
-        return true;
-    note_pattern(list[usable], is_white);
-    return false;
-}
-
-// What the search in order of the lists would have said; the index has already decided.
-void note_search(const web_policy &policy, int decided) {
-    constexpr int FIRST_BLACK = web_policy_index::FIRST_BLACK;
-    if (note_list(policy.whitelist, policy.num_whitelist, true, decided))
-        note_list(policy.blacklist, policy.num_blacklist, false,
-                  decided != NO_PATTERN ? decided - FIRST_BLACK : NO_PATTERN);
-}
-
 } // namespace
 
 const web_intf *__jorn_get_web_intf(std::string_view ifname) {
@@ -123,8 +86,7 @@ int jorn_check_white_black_list(pkt_ctx *ctx, std::string_view domain) {
     char lower_case[sizeof ctx->app_name];
     copy_lower_case(lower_case, domain);
     const int number = first_matching_pattern(policy.index, lower_case);
-    if (jorn_settings.debug != 0)
-        note_search(policy, number);
+    trace_list_search(policy, number);
     if (number == NO_PATTERN)
         return WEB_NOT_FOUND;
 

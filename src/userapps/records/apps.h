@@ -40,6 +40,11 @@ static_assert(offsetof(userdef_app, app_name) == 76);
 static_assert(offsetof(userdef_app, app_id) == 142);
 static_assert(offsetof(userdef_app, bitmap) == 146);
 
+// Whether an address is none of the network's. All are in network byte order.
+constexpr bool is_outside(uint32_t ip_be, uint32_t network_be, uint32_t netmask_be) {
+    return ((ip_be ^ network_be) & netmask_be) != 0;
+}
+
 // Bits of userdef_app::bitmap. Only the last three take part in matching.
 inline constexpr uint8_t USERDEF_SRC_IP = 0x01;
 inline constexpr uint8_t USERDEF_SRC_PORT = 0x02;
