@@ -15,7 +15,7 @@ struct av_clients_answer {
     uint64_t web_utps; // and of web UTPs, as far as there are bits
 };
 static_assert(sizeof(av_clients_answer) == 16);
-inline constexpr uint32_t AV_CLIENTS_UTP_MAX = 63;
+static_assert(AV_UTP_ID_MAX < 64);
 
 // Whoever asks nothing else isn't the daemon.
 constexpr bool is_tool_question(av_op op) {

@@ -18,7 +18,7 @@ std::vector<std::byte> make_text_answer(const question &asked, const std::string
 }
 
 uint64_t bit_of(uint32_t utp_id) {
-    return utp_id <= AV_CLIENTS_UTP_MAX ? uint64_t{1} << utp_id : 0;
+    return utp_id <= AV_UTP_ID_MAX ? uint64_t{1} << utp_id : 0;
 }
 
 // What sides of flows are given, all rules together.

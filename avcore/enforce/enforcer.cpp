@@ -19,10 +19,6 @@ namespace {
 constexpr uint16_t NO_RATE = UINT16_MAX;
 constexpr uint32_t ASK_AGAIN = 0; // older than any generation
 
-// Values of av_qos::mark_pri.
-constexpr uint8_t MARK_DOT1P = 0;
-constexpr uint8_t MARK_DSCP = 1;
-
 // What a traffic type is on the wire (RFC 8325, 4): the code point, and the user priority of
 // IEEE 802.1D, which chooses the access category.
 struct traffic_class {
@@ -46,11 +42,11 @@ bool is_late_enough(const flow_row &row, const fed_frame &frame) {
 void mark(gate_verdict &verdict, const av_qos &qos) {
     if (qos.mark_type < std::size(TRAFFIC_CLASSES) && qos.mark_pri <= AV_MARK_DOT1P_AND_DSCP) {
         const traffic_class &type = TRAFFIC_CLASSES[qos.mark_type];
-        if (qos.mark_pri != MARK_DOT1P) {
+        if (qos.mark_pri != AV_MARK_DOT1P) {
             verdict.flags |= GATE_SET_DSCP;
             verdict.dscp = type.dscp;
         }
-        if (qos.mark_pri != MARK_DSCP) {
+        if (qos.mark_pri != AV_MARK_DSCP) {
             verdict.flags |= GATE_SET_PRIORITY;
             verdict.priority = PRIORITY_OF_USER_PRIORITY + type.user_priority;
         }

@@ -15,8 +15,6 @@ constexpr size_t HOST_KEPT =
     sizeof ndpi_flow_struct::host_server_name - 1; // the end of a longer one
 constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
 // The daemon passes these over, so that the server's name from DNS counts.
-constexpr const char *BARE_HTTP = "HTTP";
-constexpr const char *BARE_TLS = "HTTP Protocol over TLS SSL";
 
 bool is_same_side(const endpoint &one, const endpoint &other) {
     return one.ip_be == other.ip_be && one.port == other.port;
@@ -39,17 +37,18 @@ dpi_application dpi_application_of(uint16_t master, uint16_t application) {
                           : either(NDPI_PROTOCOL_QUIC) ? handshake::quic
                                                        : handshake::none;
     if (bare(NDPI_PROTOCOL_HTTP))
-        return {NDPI_PROTOCOL_HTTP, BARE_HTTP, web};
+        return {NDPI_PROTOCOL_HTTP, AV_DPI_BARE_HTTP, web};
     if (bare(NDPI_PROTOCOL_TLS))
-        return {NDPI_PROTOCOL_TLS, BARE_TLS, web};
+        return {NDPI_PROTOCOL_TLS, AV_DPI_BARE_TLS, web};
     if (bare(NDPI_PROTOCOL_QUIC))
-        return {NDPI_PROTOCOL_QUIC, BARE_TLS, web};
+        return {NDPI_PROTOCOL_QUIC, AV_DPI_BARE_TLS, web};
     return {application != NDPI_PROTOCOL_UNKNOWN ? application : master, nullptr, web};
 }
 
 bool names_application(const av_pkt_trailer &trailer) {
     const std::string_view found = field_text(trailer.dpi_app_name);
-    return trailer.dpi_status == AV_DPI_IDENTIFIED && found != BARE_HTTP && found != BARE_TLS;
+    return trailer.dpi_status == AV_DPI_IDENTIFIED && found != AV_DPI_BARE_HTTP &&
+           found != AV_DPI_BARE_TLS;
 }
 
 bool ignores_engine(const av_pkt_trailer &trailer, const av_verdict &verdict) {

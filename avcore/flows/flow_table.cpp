@@ -10,9 +10,6 @@
 namespace avcore {
 namespace {
 
-constexpr uint32_t APP_SETTING_ALLOW = 2; // of a verdict record it is the white list
-constexpr std::string_view ANY_APPLICATION = "***";
-
 // The daemon names a flow after its addresses when it knows nothing better.
 std::string application_text(const flow_row &row, std::string_view name) {
     if (!row.ipv4 || row.server.address.is_ipv4())
@@ -99,10 +96,10 @@ flow_row *flow_table::set_application(const av_app_setting &setting) {
     }
     flow_row &row = *found->second;
     row.verdict =
-        setting.verdict == APP_SETTING_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;
+        setting.verdict == AV_SET_APP_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;
     row.outdated = false;
     if (const std::string_view name = field_text(setting.name);
-        !name.empty() && name != ANY_APPLICATION)
+        !name.empty() && name != AV_ANY_APPLICATION)
         row.application = application_text(row, name);
     return &row;
 }

@@ -17,7 +17,6 @@ namespace {
 
 constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
 constexpr uint32_t COPIES_MAX = 1'000'000;
-constexpr uint32_t UTP_ID_MAX = 63; // a packet's look-up knows no higher one
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
 
@@ -123,7 +122,7 @@ std::optional<mac_address> parse_mac(std::string_view text) {
 void read_side(const reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
     in.number("if_index", side.if_index);
-    in.number("utp_id", side.utp_id, UTP_ID_MAX);
+    in.number("utp_id", side.utp_id, AV_UTP_ID_MAX);
 }
 
 void read_web_utp(const reader &in, client_profile &profile) {

@@ -16,8 +16,6 @@
 namespace avcore {
 namespace {
 
-constexpr uint32_t MODE_INTERFACE = 1;
-constexpr uint32_t MODE_UTP = 2;
 constexpr char UTP_PREFIX[] = "utp-";
 
 unique_fd open_folder(int in, const char *name) {
@@ -42,10 +40,11 @@ void replace_file(int folder, const std::string &name, const std::string &text) 
 
 // The folder's name; empty for a side that can't have one.
 std::string side_name(const av_safesearch_setting &setting) {
-    if (setting.mode == MODE_UTP)
+    if (setting.mode == AV_SAFESEARCH_UTP)
         return UTP_PREFIX + std::to_string(setting.utp_id);
     const std::string ifname(field_text(setting.ifname));
-    return setting.mode == MODE_INTERFACE && is_host_text(ifname) && !ifname.starts_with(UTP_PREFIX)
+    return setting.mode == AV_SAFESEARCH_INTERFACE && is_host_text(ifname) &&
+                   !ifname.starts_with(UTP_PREFIX)
                ? ifname
                : std::string();
 }

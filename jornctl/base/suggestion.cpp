@@ -1,18 +1,14 @@
 #include "jornctl/base/suggestion.h"
 
+#include "core/text/text.h"
+
 #include <algorithm>
-#include <cctype>
 #include <numeric>
 
 namespace jornctl {
 namespace {
 
 constexpr size_t COMPARED_MAX = 64; // no word is longer, and time is quadratic in it
-
-bool same_letter(char a, char b) {
-    return std::tolower(static_cast<unsigned char>(a)) ==
-           std::tolower(static_cast<unsigned char>(b));
-}
 
 // How many letters to add, drop or exchange, neighbours that changed places counting once (optimal
 // string alignment). Letter case is no difference.

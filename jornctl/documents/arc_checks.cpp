@@ -67,7 +67,7 @@ bool has_entry_of(const document &read, const arc_policy_wire &policy,
                   const std::set<uint32_t> &given) {
     return policy.uuid[0] != '\0' && read.utps &&
            std::ranges::any_of(*read.utps, [&](const utp_entry_wire &entry) {
-               return strcasecmp(entry.uuid, policy.uuid) == 0 && given.contains(entry.id);
+               return equals_ignoring_case(entry.uuid, policy.uuid) && given.contains(entry.id);
            });
 }
 

@@ -33,7 +33,8 @@ std::string folded(const char *name) {
 void warn_of_utp(uint32_t id, const std::string &path, const std::set<uint32_t> *given,
                  document &read) {
     if (id > UTP_ID_LOOKUP_MAX)
-        read.found.warning(path, "packets never find a UTP beyond 63");
+        read.found.warning(path,
+                           "packets never find a UTP beyond " + std::to_string(UTP_ID_LOOKUP_MAX));
     else if (given != nullptr && !given->contains(id))
         read.found.remark(path, "no client has it: neither [client] nor a [[rule]] of avcore's "
                                 "configuration gives it");

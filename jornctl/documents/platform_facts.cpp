@@ -90,7 +90,7 @@ std::set<std::string> texts_in(std::string_view bytes) {
 
 std::set<uint32_t> ids_in(uint64_t bits) {
     std::set<uint32_t> ids;
-    for (uint32_t id = 0; id <= AV_CLIENTS_UTP_MAX; ++id) {
+    for (uint32_t id = 0; id <= AV_UTP_ID_MAX; ++id) {
         if ((bits >> id & 1) != 0)
             ids.insert(id);
     }

@@ -1,13 +1,13 @@
 // What the checks of a document's tables have in common.
 #pragma once
 
+#include "core/text/text.h"
 #include "jornctl/base/json.h"
 #include "jornctl/documents/documents.h"
 
 #include <cstring>
 #include <map>
 #include <string>
-#include <strings.h>
 #include <vector>
 
 namespace jornctl {
@@ -61,7 +61,7 @@ void check_unique(const std::vector<Record> &records, KeyOf key_of, const char *
 template <typename Policy>
 const Policy *find_by_uuid(const std::vector<Policy> &policies, const char *uuid) {
     for (const Policy &policy : policies) {
-        if (strcasecmp(policy.uuid, uuid) == 0)
+        if (equals_ignoring_case(policy.uuid, uuid))
             return &policy;
     }
     return nullptr;

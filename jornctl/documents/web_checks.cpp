@@ -6,20 +6,10 @@ namespace {
 
 constexpr int32_t UNCATEGORIZED = 0;
 
-// A pattern as the daemon looks for it.
-std::string_view core_of(std::string_view pattern) {
-    const auto ends = [](std::string_view text, const char *end) { return text.ends_with(end); };
-    if (pattern.starts_with('*'))
-        pattern.remove_prefix(pattern.starts_with("*.") ? 2 : 1);
-    if (ends(pattern, "*"))
-        pattern.remove_suffix(ends(pattern, ".*") ? 2 : 1);
-    return pattern;
-}
-
 void warn_of_patterns(const web_pattern_list &patterns, size_t count, const std::string &list,
                       document &read) {
     for (size_t i = 0; i < count; ++i) {
-        const std::string_view core = core_of(patterns[i]);
+        const std::string_view core = pattern_core(patterns[i]);
         const std::string path = list + std::to_string(i);
         if (core.empty())
             read.found.warning(path, "fits every domain");

@@ -38,7 +38,7 @@ void check_carriers(document &read) {
 
 bool has_carrier(const document &read, const char *name) {
     for (const wificalling_policy_wire &carrier : *read.carriers) {
-        if (strcasecmp(carrier.pname, name) == 0)
+        if (equals_ignoring_case(carrier.pname, name))
             return true;
     }
     return false;

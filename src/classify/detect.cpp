@@ -22,8 +22,7 @@ using std::string_view;
 constexpr char DETECT_UTP[] = "jorn_detect_pkt_utp";
 
 // What the engine calls web traffic that it knows no more about.
-constexpr string_view GENERIC_WEB_NAMES[] = {"World Wide Web HTTP", "HTTP",
-                                             "HTTP Protocol over TLS SSL"};
+constexpr string_view GENERIC_WEB_NAMES[] = {AV_DPI_BARE_WEB, AV_DPI_BARE_HTTP, AV_DPI_BARE_TLS};
 
 constexpr size_t FLOW_NAME_TEXT_MAX = IPV4_TEXT_MAX + 1 + IPV4_TEXT_MAX + 1 + 5;
 static_assert(FLOW_NAME_TEXT_MAX < sizeof(pkt_ctx::app_name));

@@ -1,10 +1,10 @@
 #include "control/cmdsock.h"
 
 #include "control/commands.h"
-#include "core/base/clock.h"
-#include "core/base/descriptors.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
+#include "core/system/clock.h"
+#include "core/system/descriptors.h"
 
 #include <algorithm>
 #include <array>

@@ -1,11 +1,11 @@
 #include "core/main_loop.h"
 
 #include "control/cmdsock.h"
-#include "core/base/descriptors.h"
 #include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/dns/dns_cache.h"
 #include "core/signals.h"
+#include "core/system/descriptors.h"
 #include "platform/wdlm.h"
 
 #include <algorithm>

@@ -1,10 +1,10 @@
 #include "packet/capture.h"
 
-#include "core/base/clock.h"
 #include "core/base/flags.h"
 #include "core/base/log.h"
 #include "core/base/record_bytes.h"
 #include "core/state/stats.h"
+#include "core/system/clock.h"
 #include "core/text/text.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"

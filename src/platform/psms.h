@@ -49,14 +49,14 @@ int psms_av_set_dev_url(const char *ifname, int enable);
 int psms_av_set_dev_wfc(const char *ifname, int enable);
 
 // Sets the application and the verdict of one flow: its key, what is done with it, the
-// application's name (at most 63 characters, "***" for any), its web category (an id of g_cat_map)
-// and a verdict: AV_VERDICT_DENY, or AV_VERDICT_WHITE_LIST to allow it. `a4` and `a7` are always 0,
+// application's name (at most 63 characters, or AV_ANY_APPLICATION), its web category (an id of
+// g_cat_map) and a verdict: AV_VERDICT_DENY or AV_SET_APP_ALLOW. `a4` and `a7` are always 0,
 // `a8` 2. Returns 0 on success.
 int psms_rflow_set_app(const struct flow_key *key, const struct av_qos *action, const char *name,
                        int a4, uint16_t category, uint32_t verdict, int a7, int a8);
 
-// The DNS spoofing service behind safe search. `mode` is 2 for a UTP (`ifname` is then NULL) and 1
-// for an interface (`utp_id` is then 0). They remove and add the mapping of a host name to an
+// The DNS spoofing service behind safe search. `mode` is an av_safesearch_mode: `ifname` is NULL
+// for a UTP, `utp_id` 0 for an interface. They remove and add the mapping of a host name to an
 // address in network byte order, and switch the service on (1) or off (0) for an interface. `a4` is
 // always 1, `a5` and `a6` 0. Each returns 0 on success.
 int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int mode,

@@ -53,6 +53,9 @@ RECORD_HOLDS(offsetof(struct av_pkt_trailer, dpi_status) == 72);
 RECORD_HOLDS(offsetof(struct av_pkt_trailer, dpi_app_name) == 80);
 RECORD_HOLDS(offsetof(struct av_pkt_trailer, kernel_domain) == 208);
 
+// The highest id of a user traffic profile under which the daemon looks for a policy.
+enum { AV_UTP_ID_MAX = 63 };
+
 // Bits of av_pkt_trailer.filter_type.
 enum av_filter {
     AV_FILTER_URL = 1,
@@ -65,6 +68,12 @@ enum av_dpi_status {
     AV_DPI_MORE_PACKETS = 1,
     AV_DPI_IDENTIFIED = 2,
 };
+
+// The names in av_pkt_trailer.dpi_app_name that say no more than that it is web traffic. The daemon
+// passes over them.
+#define AV_DPI_BARE_WEB "World Wide Web HTTP"
+#define AV_DPI_BARE_HTTP "HTTP"
+#define AV_DPI_BARE_TLS "HTTP Protocol over TLS SSL"
 
 // flow_key, 60 bytes. For a frame without IPv4 header the addresses, ports and protocol are 0.
 struct flow_key {
@@ -110,14 +119,19 @@ enum av_policy_type {
     AV_POLICY_QOS = 5,
 };
 
-enum { AV_MARK_DOT1P_AND_DSCP = 2 }; // of av_qos.mark_pri
+// Values of av_qos.mark_pri: the field that is marked (IEEE 802.1Q, RFC 2474).
+enum av_mark_field {
+    AV_MARK_DOT1P = 0,
+    AV_MARK_DSCP = 1,
+    AV_MARK_DOT1P_AND_DSCP = 2,
+};
 
 // The QoS bytes of a verdict, and the action block of psms_rflow_set_app, 16 bytes. All ones means
 // "no decision"; reserved is all ones always. In a verdict the two members about the match are
 // always those of the packet, 0 where no rule fitted.
 struct av_qos {
     uint8_t deny;     // 1 deny, 0 allow
-    uint8_t mark_pri; // marking field: 0 dot1p (IEEE 802.1Q), 1 dscp (RFC 2474), 2 both
+    uint8_t mark_pri; // av_mark_field
     uint8_t mark_type;
     uint8_t classify; // 1 = QoS classification on
     uint8_t classify_type;
@@ -166,6 +180,19 @@ RECORD_HOLDS(offsetof(struct av_verdict, app_id) == 198);
 RECORD_HOLDS(offsetof(struct av_verdict, qos) == 204);
 RECORD_HOLDS(offsetof(struct av_verdict, match_info) == 220);
 RECORD_HOLDS(offsetof(struct av_verdict, policy_type) == 228);
+
+// --- what is set of a flow that has passed, and of names
+
+// Of psms_rflow_set_app: the name of a flow that keeps the one it has, and the verdict that allows
+// it; the other verdict is AV_VERDICT_DENY.
+#define AV_ANY_APPLICATION "***"
+enum { AV_SET_APP_ALLOW = AV_VERDICT_WHITE_LIST };
+
+// Whose DNS answers the operations of safe search are about.
+enum av_safesearch_mode {
+    AV_SAFESEARCH_INTERFACE = 1,
+    AV_SAFESEARCH_UTP = 2,
+};
 
 // --- the URL-filtering agent
 

@@ -13,17 +13,12 @@ namespace {
 
 constexpr uint32_t OUTAGE_AT = 5; // failures in a row
 constexpr uint32_t FAILURES_MAX = 6;
-constexpr char ANY_APPLICATION[] = "***"; // the flow keeps its name
 
 // What jorn_uf_ctx_get_web_policy returns.
 constexpr int LATE_DENY = 2;
 constexpr int LATE_ALLOW = 3;
 
 constexpr char GET_WEB_POLICY[] = "jorn_uf_ctx_get_web_policy";
-
-// The verdict codes of psms_rflow_set_app are those of the verdict record; it takes 2 for "allow".
-constexpr uint32_t CODE_ALLOW = AV_VERDICT_WHITE_LIST;
-constexpr uint32_t CODE_DENY = AV_VERDICT_DENY;
 
 void count_failure(daemon_state &state) {
     if (state.fail_cnt >= FAILURES_MAX)
@@ -91,8 +86,9 @@ int set_flow(const flow_key &key, bool denied, int32_t category) {
     av_qos action;
     memset(&action, 0xFF, sizeof action);
     action.deny = action.url_decided = denied ? 1 : 0;
-    return psms_rflow_set_app(&key, &action, ANY_APPLICATION, 0, static_cast<uint16_t>(category),
-                              denied ? CODE_DENY : CODE_ALLOW, 0, 2);
+    return psms_rflow_set_app(&key, &action, AV_ANY_APPLICATION, 0, static_cast<uint16_t>(category),
+                              denied ? uint32_t{AV_VERDICT_DENY} : uint32_t{AV_SET_APP_ALLOW}, 0,
+                              2);
 }
 
 } // namespace
@@ -122,12 +118,12 @@ int jorn_process_uf_agent_async_reply(const uf_agent_reply &late) {
     if (!denied)
         JORN_DEBUG(
             "JORN UF_ASYNC IOCTL No web policy found ALLOW %s, fail_cnt %d, reachable_flag %d\n",
-            ANY_APPLICATION, static_cast<int>(state.fail_cnt), state.reachable_flag);
+            AV_ANY_APPLICATION, static_cast<int>(state.fail_cnt), state.reachable_flag);
     if (result != 0)
         JORN_ERROR("JORN UF_ASYNC reply IOCTL failed fail_cnt %d, reachable_flag %d\n",
                    static_cast<int>(state.fail_cnt), state.reachable_flag);
     else
         JORN_DEBUG("JORN UF_ASYNC IOCTL Sent with app %s, fail_cnt %d, reachable_flag %d\n",
-                   ANY_APPLICATION, static_cast<int>(state.fail_cnt), state.reachable_flag);
+                   AV_ANY_APPLICATION, static_cast<int>(state.fail_cnt), state.reachable_flag);
     return 0;
 }

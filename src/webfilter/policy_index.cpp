@@ -29,15 +29,6 @@ unsigned usable_patterns(const web_pattern_list &list, uint8_t count) {
     return static_cast<unsigned>(first_empty - std::begin(list));
 }
 
-std::string_view pattern_core(std::string_view pattern) {
-    std::string_view core = pattern;
-    if (pattern.starts_with('*'))
-        core.remove_prefix(pattern.starts_with("*.") ? 2 : 1);
-    if (pattern.ends_with('*'))
-        core.remove_suffix(std::min<size_t>(core.size(), pattern.ends_with(".*") ? 2 : 1));
-    return core;
-}
-
 void build_policy_index(web_policy_index &index, const web_policy_wire &policy) {
     index = {};
     std::array<std::string_view, 2 * WEB_PATTERNS_MAX> cores;

@@ -14,10 +14,6 @@
 // The patterns of a list that count.
 unsigned usable_patterns(const web_pattern_list &list, uint8_t count);
 
-// A pattern without a wildcard at either end and the dot that stands between; nothing is left of a
-// pattern that is wildcards and dots only, like "*" or "*.*".
-std::string_view pattern_core(std::string_view pattern);
-
 // Settles the index of a policy whose texts end inside their fields and whose counts are within
 // their lists.
 void build_policy_index(web_policy_index &index, const web_policy_wire &policy);

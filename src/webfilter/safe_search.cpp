@@ -31,9 +31,6 @@ constexpr search_engine ENGINES[] = {
      "Youtube"},
 };
 
-constexpr int MODE_INTERFACE = 1;
-constexpr int MODE_UTP = 2;
-
 // Whose DNS answers are meant.
 struct spoofed_side {
     uint32_t utp_id;
@@ -41,7 +38,7 @@ struct spoofed_side {
     unsigned refused = 0; // calls that the platform didn't take
 
     void count(int result) { refused += result != 0 ? 1 : 0; }
-    int mode() const { return ifname != nullptr ? MODE_INTERFACE : MODE_UTP; }
+    int mode() const { return ifname != nullptr ? AV_SAFESEARCH_INTERFACE : AV_SAFESEARCH_UTP; }
 };
 
 // Calls use(host) for each host of an engine.

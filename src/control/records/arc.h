@@ -7,12 +7,14 @@
 // add the daemon's links.
 #pragma once
 
+#include "platform/records.h"
+
 #include <cstddef>
 #include <cstdint>
 
 inline constexpr uint32_t UTP_ID_MIN = 1;
-inline constexpr uint32_t UTP_ID_MAX = 64;        // ids that a table has a slot for
-inline constexpr uint32_t UTP_ID_LOOKUP_MAX = 63; // ids that a packet's look-up finds
+inline constexpr uint32_t UTP_ID_MAX = 64;                   // ids that a table has a slot for
+inline constexpr uint32_t UTP_ID_LOOKUP_MAX = AV_UTP_ID_MAX; // ids that a packet's look-up finds
 inline constexpr size_t ARC_RULES_PER_POLICY = 64;
 inline constexpr uint32_t ARC_POLICIES_MAX = 1024;
 inline constexpr uint16_t CATEGORY_USER_DEFINED = 0x8000;

@@ -8,10 +8,6 @@ namespace {
 constexpr char TRIMMED[] = " \r\n";
 constexpr char WHITE_SPACE[] = " \t\n\v\f\r";
 
-bool same_letter(char a, char b) {
-    return ascii_lower(a) == ascii_lower(b);
-}
-
 } // namespace
 
 std::string_view trimmed(std::string_view text) {

@@ -13,6 +13,10 @@ constexpr char ascii_lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
+constexpr bool same_letter(char a, char b) {
+    return ascii_lower(a) == ascii_lower(b);
+}
+
 // The text in a field that need not hold a NUL: it ends at the first one or with the field.
 template <size_t N>
 std::string_view field_text(const char (&field)[N]) {

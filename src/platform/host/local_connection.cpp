@@ -1,9 +1,10 @@
 #include "platform/host/local_connection.h"
 
+#include "core/system/clock.h"
+#include "core/system/descriptors.h"
+
 #include <cerrno>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,19 +14,12 @@ namespace {
 
 constexpr int64_t RECONNECT_MS = 1000;
 
-// To the kernel's tick, without a look at the hardware.
-int64_t coarse_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
-
 } // namespace
 
 local_connection::state local_connection::ensure(const char *(*path)()) {
     if (fd_ >= 0)
         return state::kept;
-    const int64_t now_ms = coarse_ms();
+    const int64_t now_ms = coarse_monotonic_ms();
     if (tried_ && now_ms - last_try_ms_ < RECONNECT_MS)
         return state::none;
     tried_ = true;
@@ -61,10 +55,6 @@ void local_connection::end() {
     fd_ = -1;
 }
 
-void local_connection::renumber(int lowest) {
-    const int moved = fcntl(fd_, F_DUPFD_CLOEXEC, lowest);
-    if (moved < 0)
-        return;
-    close(fd_);
-    fd_ = moved;
+void local_connection::move_behind_capture() {
+    fd_ = behind_capture(fd_);
 }

@@ -22,8 +22,8 @@ public:
 
     void end();
 
-    // Gives the descriptor a number of `lowest` at least.
-    void renumber(int lowest);
+    // For a descriptor that the loop waits for.
+    void move_behind_capture();
 
     int fd() const { return fd_; } // -1 while there is no connection
 

@@ -34,8 +34,6 @@ int set_safesearch(av_safesearch_setting setting, const char *ifname, std::strin
     return av_send(av_op::safesearch, parts);
 }
 
-constexpr uint32_t SAFESEARCH_BY_INTERFACE = 1;
-
 } // namespace
 
 int psms_wdl_ioctl(int command, int arg, unsigned int length, void *record) {
@@ -146,7 +144,7 @@ int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *h
 int psms_dnsspoof_set_enable_for_safesearch(const char *ifname, int enable) {
     av_safesearch_setting setting = {};
     setting.action = av_safesearch_action::enable;
-    setting.mode = SAFESEARCH_BY_INTERFACE;
+    setting.mode = AV_SAFESEARCH_INTERFACE;
     setting.value = enable;
     return set_safesearch(setting, ifname, "");
 }

@@ -22,8 +22,6 @@ struct wdlm_label {
 
 namespace {
 
-// Behind the capture's descriptor: below it each packet would pay for this one, too.
-constexpr int LOWEST_DESCRIPTOR = 64;
 constexpr size_t SUBSCRIPTIONS_MAX = 4;
 constexpr size_t RECEIVED_MIN = sizeof(bus_message_head) + sizeof(bus_delivery);
 
@@ -104,7 +102,7 @@ bool connected(wdlm_bus &bus) {
     case local_connection::state::fresh:
         break;
     }
-    bus.connection.renumber(LOWEST_DESCRIPTOR);
+    bus.connection.move_behind_capture();
     return subscribe_all(bus);
 }
 

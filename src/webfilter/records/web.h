@@ -9,8 +9,10 @@
 
 #include "platform/records.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 inline constexpr size_t WEB_CATEGORIES_MAX = 83; // of one policy; the ids of our table are 0 to 83
 inline constexpr size_t WEB_PATTERNS_MAX = 16;   // of one list
@@ -21,6 +23,17 @@ inline constexpr uint32_t WEB_INTFS_MAX = 1024;
 inline constexpr const char *WEB_FILTER_TYPES[] = {
     "NO_ADULT", "CLEAN_AND_SAFE", "CHILD_AND_STUDENT_FRIENDLY", "STRICT", "CUSTOM",
 };
+
+// A pattern without a wildcard at either end and the dot that stands between, which is what is
+// looked for; nothing is left of a pattern that is wildcards and dots only, like "*" or "*.*".
+constexpr std::string_view pattern_core(std::string_view pattern) {
+    std::string_view core = pattern;
+    if (pattern.starts_with('*'))
+        core.remove_prefix(pattern.starts_with("*.") ? 2 : 1);
+    if (pattern.ends_with('*'))
+        core.remove_suffix(std::min<size_t>(core.size(), pattern.ends_with(".*") ? 2 : 1));
+    return core;
+}
 
 using web_pattern = char[65];
 using web_pattern_list = web_pattern[WEB_PATTERNS_MAX];

@@ -103,7 +103,7 @@ enum class av_safesearch_action : uint32_t { remove = 1, add = 2, enable = 3 };
 //    4 mode     12 value                    44 host
 struct av_safesearch_setting {
     av_safesearch_action action;
-    uint32_t mode;
+    uint32_t mode; // av_safesearch_mode
     uint32_t utp_id;
     int32_t value;       // of enable: 1 on, 0 off
     uint32_t address_be; // of add

@@ -4,3 +4,6 @@
 #include <cstdint>
 
 int64_t monotonic_ms();
+
+// The same to the kernel's tick, without a look at the hardware: for what each packet asks.
+int64_t coarse_monotonic_ms();

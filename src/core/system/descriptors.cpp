@@ -1,4 +1,4 @@
-#include "core/base/descriptors.h"
+#include "core/system/descriptors.h"
 
 #include <fcntl.h>
 #include <unistd.h>
