@@ -1,5 +1,6 @@
 #include "jornctl/apply_task.h"
 
+#include "control/lines/arc_listing.h"
 #include "jornctl/base/complain.h"
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"
@@ -114,7 +115,7 @@ private:
         const ordered_json listed = daemon_.list(CMD_UTP_SHOW_REQ);
         warn_of_lonely_utps([&](const utp_entry_wire &entry) {
             return std::ranges::any_of(listed, [&](const ordered_json &each) {
-                return each["id"] == entry.id && each["arc_policy"] == "None";
+                return each["id"] == entry.id && each["arc_policy"] == LISTED_NO_POLICY;
             });
         });
     }

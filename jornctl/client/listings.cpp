@@ -1,7 +1,12 @@
 #include "jornctl/client/listings.h"
 
+#include "control/lines/arc_listing.h"
+#include "core/dns/dns_listing.h"
 #include "jornctl/base/complain.h"
 #include "jornctl/base/failure.h"
+#include "userapps/lines/userapps_listing.h"
+#include "webfilter/lines/web_listing.h"
+#include "wificalling/lines/wificalling_listing.h"
 
 #include <algorithm>
 #include <charconv>
@@ -17,13 +22,10 @@ constexpr size_t SHOWN_CELL_MAX = 60;
                   std::string(cell.substr(0, SHOWN_CELL_MAX)) + '"');
 }
 
-// Listings are made of cells, which line feeds and tabs divide; no value holds either. A cell is a
-// label with a value behind it.
-struct cell {
-    const char *label;
-    const char *behind; // the value, where something is
-    // Where the value goes in the JSON; null where it says nothing. On the way, "+" is a new
-    // element of an array and "." the last one.
+// Where a cell's value goes in the JSON; a null path where it says nothing. On the way, "+" is a
+// new element of an array and "." the last one.
+struct reading {
+    const listing_cell *cell;
     const char *path;
     ordered_json (*value)(std::string_view text);
     const char *items = nullptr; // where each of the lines goes that follow behind a tab
@@ -42,7 +44,7 @@ ordered_json number(std::string_view from) {
 }
 
 ordered_json enabled(std::string_view from) {
-    return from == "Enable";
+    return from == LISTED_ENABLED;
 }
 
 ordered_json yes(std::string_view) {
@@ -73,116 +75,127 @@ std::string_view without_blanks(std::string_view from) {
     return from.substr(begin, from.find_last_not_of(' ') + 1 - begin);
 }
 
+// Without what divides cells.
+std::string_view without_ends(std::string_view from) {
+    return from.substr(0, from.find_first_of("\n\t"));
+}
+
 ordered_json addresses(std::string_view from) {
     ordered_json read = ordered_json::array();
-    for (const std::string_view part : split(from, ','))
+    for (const std::string_view part : split(from, LISTED_EPDG_SEPARATOR))
         read.push_back(without_blanks(part));
     return read;
 }
 
-using cells = std::span<const cell>;
+using readings = std::span<const reading>;
 
-constexpr cell APPLICATION_CELLS[] = {
-    {"====User Defined Applications Policies====", "", nullptr, nothing},
-    {"NO:", "", nullptr, nothing},
-    {" bitmap: ", " ", "/+/bitmap", number<16>},
-    {" dst ip family:", "", "/./dst_family", text},
-    {"dst ip:", "", "/./dst_ip", text},
-    {" dst netmask:", "", "/./netmask", text},
-    {" dst port :", "", "/./dst_port", number<10>},
-    {" protocol type:", "", "/./protocol", text},
-    {" application name:", " ", "/./app_name", text},
-    {" application id: ", "", "/./app_id", number<10>},
-    {" category id: ", "", "/./cat_id", number<10>},
+constexpr const userdef_listing &USERDEF = USERDEF_LISTING;
+constexpr reading APPLICATION_READINGS[] = {
+    {&USERDEF.title, nullptr, nothing},
+    {&LISTED_NUMBER, nullptr, nothing},
+    {&USERDEF.bitmap, "/+/bitmap", number<16>},
+    {&USERDEF.dst_family, "/./dst_family", text},
+    {&USERDEF.dst_ip, "/./dst_ip", text},
+    {&USERDEF.netmask, "/./netmask", text},
+    {&USERDEF.dst_port, "/./dst_port", number<10>},
+    {&USERDEF.protocol, "/./protocol", text},
+    {&USERDEF.app_name, "/./app_name", text},
+    {&USERDEF.app_id, "/./app_id", number<10>},
+    {&USERDEF.cat_id, "/./cat_id", number<10>},
 };
 
-constexpr cell DNS_CELLS[] = {
-    {"====JORN DNS CACHE====", "", "/entries", no_items},
-    {"TOTAL:", "", "/total", number<10>},
-    {"NO:", "", nullptr, nothing},
-    {" dst ip: ", "", "/entries/+/ip", text},
-    {" application name: ", "", "/entries/./app_name", text},
-    {" aging time: ", "", "/entries/./aging_time", number<10>},
+constexpr reading DNS_READINGS[] = {
+    {&DNS_LISTING.title, "/entries", no_items},
+    {&LISTED_TOTAL, "/total", number<10>},
+    {&LISTED_NUMBER, nullptr, nothing},
+    {&DNS_LISTING.ip, "/entries/+/ip", text},
+    {&DNS_LISTING.app_name, "/entries/./app_name", text},
+    {&DNS_LISTING.age, "/entries/./aging_time", number<10>},
 };
 
-constexpr cell PORT_CELLS[] = {
-    {"====JORN port app list====", "", "/entries", no_items},
-    {"TOTAL:", "", "/total", number<10>},
-    {"NO:", "", nullptr, nothing},
-    {" application name: ", "", "/entries/+/app_name", text},
-    {" begin port: ", "", "/entries/./begin_port", number<10>},
-    {" end port: ", "", "/entries/./end_port", number<10>},
-    {" tcp proto flag: ", "", "/entries/./tcp_flag", number<10>},
-    {" udp proto flag: ", "", "/entries/./udp_flag", number<10>},
+constexpr const port_app_listing &PORT_APP = PORT_APP_LISTING;
+constexpr reading PORT_READINGS[] = {
+    {&PORT_APP.title, "/entries", no_items},
+    {&LISTED_TOTAL, "/total", number<10>},
+    {&LISTED_NUMBER, nullptr, nothing},
+    {&PORT_APP.app_name, "/entries/+/app_name", text},
+    {&PORT_APP.begin_port, "/entries/./begin_port", number<10>},
+    {&PORT_APP.end_port, "/entries/./end_port", number<10>},
+    {&PORT_APP.tcp_flag, "/entries/./tcp_flag", number<10>},
+    {&PORT_APP.udp_flag, "/entries/./udp_flag", number<10>},
 };
 
-constexpr cell UTP_CELLS[] = {
-    {" No UTP configured! ", "", nullptr, nothing}, {"UTP Name  : ", "", "/+/name", text},
-    {"UTP ID    : ", "", "/./id", number<10>},      {"AVC policy: ", "", "/./arc_policy", text},
-    {"Web policy: ", "", "/./web_policy", text},
+constexpr reading UTP_READINGS[] = {
+    {&UTP_LISTING.none, nullptr, nothing},
+    {&UTP_LISTING.name, "/+/name", text},
+    {&UTP_LISTING.id, "/./id", number<10>},
+    {&UTP_LISTING.arc_policy, "/./arc_policy", text},
+    {&UTP_LISTING.web_policy, "/./web_policy", text},
 };
 
-constexpr cell PRIORITY_CELLS[] = {
-    {" ARC Policy Name: ", " ", "/name", text},
-    {"App Id:", "", "/rules/+/app_id", number<10>},
-    {"Cat Id:", "", "/rules/./cat_id", number<10>},
-    {"App Name:", " ", "/rules/./app_name", text},
-    {"Cat Name:", "", "/rules/./cat_name", text},
-    {"Rule:Deny ", "", "/rules/./deny", yes},
-    {"QoS mark pri:", "", "/rules/./qos/mark/kind", text},
-    {"QoS mark type:", "", "/rules/./qos/mark/type", text},
-    {"QoS classify pri:Priority", "", nullptr, nothing},
-    {"QoS classify type:", "", "/rules/./qos/classify", text},
-    {"Ratelimit Uplink:", "", "/rules/./rate_up", number<10>},
-    {"Ratelimit Downlink:", "", "/rules/./rate_down", number<10>},
+constexpr const priority_listing &PRIORITY = PRIORITY_LISTING;
+constexpr reading PRIORITY_READINGS[] = {
+    {&PRIORITY.name, "/name", text},
+    {&PRIORITY.app_id, "/rules/+/app_id", number<10>},
+    {&PRIORITY.cat_id, "/rules/./cat_id", number<10>}, // the user-defined one, too
+    {&PRIORITY.app_name, "/rules/./app_name", text},
+    {&PRIORITY.cat_name, "/rules/./cat_name", text},
+    {&PRIORITY.deny, "/rules/./deny", yes},
+    {&PRIORITY.mark_kind, "/rules/./qos/mark/kind", text},
+    {&PRIORITY.mark_type, "/rules/./qos/mark/type", text},
+    {&PRIORITY.classify, nullptr, nothing},
+    {&PRIORITY.classify_type, "/rules/./qos/classify", text},
+    {&PRIORITY.rate_up, "/rules/./rate_up", number<10>},
+    {&PRIORITY.rate_down, "/rules/./rate_down", number<10>},
 };
 
-constexpr cell INTERFACE_CELLS[] = {
-    {"URL Filtering is: ", "", "/enable", enabled},
-    {"Policy UUID: ", "", "/policy/uuid", text},
-    {"==== No URL Filtering Policy Attached ====", "", "/policy", nothing},
+constexpr reading INTERFACE_READINGS[] = {
+    {&WEB_INTF_LISTING.enable, "/enable", enabled},
+    {&WEB_INTF_LISTING.policy_uuid, "/policy/uuid", text},
+    {&WEB_INTF_LISTING.no_policy, "/policy", nothing},
 };
 
-constexpr cell WEB_UTP_CELLS[] = {
-    {"UTP Name: ", " ", "/name", text},
-    {"ID: ", "", "/id", number<10>},
-    {"Policy Name: ", " ", "/policy/name", text},
-    {"Policy UUID: ", " ", "/policy/uuid", text},
-    {"==== No Web Policy Attached ====", "", "/policy", nothing},
+constexpr reading WEB_UTP_READINGS[] = {
+    {&WEB_UTP_LISTING.name, "/name", text},
+    {&WEB_UTP_LISTING.id, "/id", number<10>},
+    {&WEB_UTP_LISTING.policy_name, "/policy/name", text},
+    {&WEB_UTP_LISTING.policy_uuid, "/policy/uuid", text},
+    {&WEB_UTP_LISTING.no_policy, "/policy", nothing},
 };
 
-constexpr cell WEB_POLICY_CELLS[] = {
-    {"Filter_Type: ", "", "/policy/filter_type", text},
-    {"No of Blocked categories:", "", "/policy/categories", no_items},
-    {"Blocked categories:", "", nullptr, nothing, "/policy/categories/+"},
-    {"Whitelist-Domains: Not Configured", "", "/policy/whitelist", no_items},
-    {"Whitelist-Domains:", "", "/policy/whitelist", no_items, "/policy/whitelist/+"},
-    {"Blacklist-Domains: Not Configured", "", "/policy/blacklist", no_items},
-    {"Blacklist-Domains:", "", "/policy/blacklist", no_items, "/policy/blacklist/+"},
-    {"GoogleSafeSearch: Disable", "", "/policy/google_vip", nothing},
-    {"Google Safe Search VIP: ", "", "/policy/google_vip", text},
-    {"YoutubeSafeSearch: Disable", "", "/policy/youtube_vip", nothing},
-    {"YouTube Safe Search VIP: ", "", "/policy/youtube_vip", text},
-    {"BingSafeSearch: Disable", "", "/policy/bing_vip", nothing},
-    {"Bing Safe Search VIP: ", "", "/policy/bing_vip", text},
+constexpr const web_policy_listing &WEB_POLICY = WEB_POLICY_LISTING;
+constexpr reading WEB_POLICY_READINGS[] = {
+    {&WEB_POLICY.filter_type, "/policy/filter_type", text},
+    {&WEB_POLICY.num_categories, "/policy/categories", no_items},
+    {&WEB_POLICY.categories, nullptr, nothing, "/policy/categories/+"},
+    {&WEB_POLICY.no_whitelist, "/policy/whitelist", no_items},
+    {&WEB_POLICY.whitelist, "/policy/whitelist", no_items, "/policy/whitelist/+"},
+    {&WEB_POLICY.no_blacklist, "/policy/blacklist", no_items},
+    {&WEB_POLICY.blacklist, "/policy/blacklist", no_items, "/policy/blacklist/+"},
+    {&WEB_POLICY.no_google, "/policy/google_vip", nothing},
+    {&WEB_POLICY.google_vip, "/policy/google_vip", text},
+    {&WEB_POLICY.no_youtube, "/policy/youtube_vip", nothing},
+    {&WEB_POLICY.youtube_vip, "/policy/youtube_vip", text},
+    {&WEB_POLICY.no_bing, "/policy/bing_vip", nothing},
+    {&WEB_POLICY.bing_vip, "/policy/bing_vip", text},
 };
-
-constexpr std::string_view PROFILE_LABEL = ") Policy Name: ";
 
 // Behind its number.
 ordered_json profile(std::string_view from) {
-    const size_t label = from.find(PROFILE_LABEL);
-    if (label == std::string_view::npos)
+    const std::string_view label = WIFICALLING_LISTING.profile.label;
+    const size_t at = from.find(label);
+    if (at == std::string_view::npos)
         fail_at(from);
-    return from.substr(label + PROFILE_LABEL.size());
+    return from.substr(at + label.size());
 }
 
-constexpr cell WIFICALLING_CELLS[] = {
-    {"Interface Name: ", "", "/+/ifname", text},
-    {"(", "", "/./carriers/+/pname", profile},
-    {"Priority: ", "", "/./carriers/./priority", number<10>},
-    {"FQDN: ", "", "/./carriers/./fqdn", text},
-    {"IPaddr:", "", "/./carriers/./ipaddr", addresses},
+constexpr const wificalling_listing &WIFICALLING = WIFICALLING_LISTING;
+constexpr reading WIFICALLING_READINGS[] = {
+    {&WIFICALLING.ifname, "/+/ifname", text},
+    {&WIFICALLING.number, "/./carriers/+/pname", profile},
+    {&WIFICALLING.priority, "/./carriers/./priority", number<10>},
+    {&WIFICALLING.fqdns, "/./carriers/./fqdn", text},
+    {&WIFICALLING.ipaddrs, "/./carriers/./ipaddr", addresses},
 };
 
 // A place in the JSON, made where it isn't there yet.
@@ -203,7 +216,7 @@ ordered_json &place_at(ordered_json &root, std::string_view path) {
 
 class reader {
 public:
-    reader(ordered_json &to, std::span<const cells> known) : to_(to), known_(known) {}
+    reader(ordered_json &to, std::span<const readings> known) : to_(to), known_(known) {}
 
     void read(std::string_view listing_text) {
         for (const std::string_view line : split(listing_text, '\n'))
@@ -224,19 +237,20 @@ private:
     }
 
     void read_cell(std::string_view part) {
-        const cell &found = find(part);
-        std::string_view value = part.substr(std::string_view(found.label).size());
-        if (*found.behind != '\0' && value.ends_with(found.behind))
-            value.remove_suffix(std::string_view(found.behind).size());
+        const reading &found = find(part);
+        const std::string_view behind = without_ends(found.cell->behind);
+        std::string_view value = part.substr(found.cell->label.size());
+        if (value.ends_with(behind))
+            value.remove_suffix(behind.size());
         if (found.path != nullptr)
             place_at(to_, found.path) = found.value(value);
         items_ = found.items;
     }
 
-    const cell &find(std::string_view part) const {
-        for (const cells table : known_) {
-            for (const cell &each : table) {
-                if (part.starts_with(each.label))
+    const reading &find(std::string_view part) const {
+        for (const readings table : known_) {
+            for (const reading &each : table) {
+                if (part.starts_with(each.cell->label))
                     return each;
             }
         }
@@ -244,25 +258,25 @@ private:
     }
 
     ordered_json &to_;
-    std::span<const cells> known_;
+    std::span<const readings> known_;
     const char *items_ = nullptr;
 };
 
-template <const auto &...Cells>
+template <const auto &...Readings>
 ordered_json read_into(ordered_json to, std::string_view from) {
-    static constexpr cells KNOWN[] = {Cells...};
+    static constexpr readings KNOWN[] = {Readings...};
     reader(to, KNOWN).read(from);
     return to;
 }
 
-template <const auto &Cells>
+template <const auto &Readings>
 ordered_json records(std::string_view from) {
-    return read_into<Cells>(ordered_json::array(), from);
+    return read_into<Readings>(ordered_json::array(), from);
 }
 
-template <const auto &...Cells>
+template <const auto &...Readings>
 ordered_json object(std::string_view from) {
-    return read_into<Cells...>(ordered_json::object(), from);
+    return read_into<Readings...>(ordered_json::object(), from);
 }
 
 // The names of ePDGs with their addresses; a name with a comma in it leaves nothing to tell which
@@ -271,7 +285,7 @@ void join_epdgs(ordered_json &carrier) {
     if (!carrier.contains("fqdn") || !carrier.contains("ipaddr"))
         return;
     const std::string names = carrier["fqdn"].get<std::string>();
-    const std::vector<std::string_view> fqdns = split(names, ',');
+    const std::vector<std::string_view> fqdns = split(names, LISTED_EPDG_SEPARATOR);
     const ordered_json ipaddrs = carrier["ipaddr"];
     if (fqdns.size() != ipaddrs.size())
         return;
@@ -286,7 +300,7 @@ void join_epdgs(ordered_json &carrier) {
 }
 
 ordered_json wificalling(std::string_view from) {
-    ordered_json read = records<WIFICALLING_CELLS>(from);
+    ordered_json read = records<WIFICALLING_READINGS>(from);
     for (ordered_json &binding : read) {
         for (ordered_json &carrier : binding["carriers"])
             join_epdgs(carrier);
@@ -300,13 +314,12 @@ std::string never_cut(std::string_view) {
 
 // Of a listing that numbers its entries and tells their total.
 std::string cut_by_total(std::string_view listing_text) {
-    constexpr std::string_view TOTAL = "TOTAL:";
     int64_t total = 0;
     int64_t shown = 0;
     for (const std::string_view line : split(listing_text, '\n')) {
-        if (line.starts_with(TOTAL))
-            total = number<10>(line.substr(TOTAL.size())).get<int64_t>();
-        shown += line.starts_with("NO:");
+        if (line.starts_with(LISTED_TOTAL.label))
+            total = number<10>(line.substr(LISTED_TOTAL.label.size())).get<int64_t>();
+        shown += line.starts_with(LISTED_NUMBER.label);
     }
     if (total <= shown)
         return {};
@@ -327,49 +340,44 @@ std::string cut_in_policy(std::string_view listing_text) {
     bool has_policy = false;
     bool is_whole = false;
     for (const std::string_view line : split(listing_text, '\n')) {
-        has_policy = has_policy || line.find("No of Blocked categories:") != line.npos;
-        is_whole = is_whole || line.starts_with("Bing");
+        has_policy = has_policy || line.find(WEB_POLICY.num_categories.label) != line.npos;
+        is_whole = is_whole || line.starts_with(WEB_POLICY.no_bing.label) ||
+                   line.starts_with(WEB_POLICY.bing_vip.label);
     }
     return !has_policy || is_whole ? std::string() : "the policy is cut, for want of room";
 }
 
 using enum listing_argument;
 
-constexpr size_t RULES_ROOM = 20'480;
-constexpr size_t RULE_PIECE = 100;
-constexpr size_t BINDINGS_ROOM = 122'879;
-constexpr size_t BINDING_PIECE = 8'000;
-
 constexpr listing LISTINGS[] = {
     {"priority", CMD_CHECK_PRIORITY_REQ, ID,
-     "Rules, QoS and rate limits of the ARC policy of UTP ID", object<PRIORITY_CELLS>,
-     cut_by_size<RULES_ROOM, RULE_PIECE>},
+     "Rules, QoS and rate limits of the ARC policy of UTP ID", object<PRIORITY_READINGS>,
+     cut_by_size<PRIORITY_LISTING_SIZE, PRIORITY_PIECE_MAX>},
     {"applications", CMD_USERDEF_SHOW_REQ, NONE, "The user-defined applications",
-     records<APPLICATION_CELLS>, never_cut},
-    {"dns", CMD_DNS_CACHE_SHOW_REQ, NONE, "The DNS cache", object<DNS_CELLS>, cut_by_total},
+     records<APPLICATION_READINGS>, never_cut},
+    {"dns", CMD_DNS_CACHE_SHOW_REQ, NONE, "The DNS cache", object<DNS_READINGS>, cut_by_total},
     {"port-services", CMD_PORT_APP_SHOW_REQ, NONE, "The applications of the port-service file",
-     object<PORT_CELLS>, cut_by_total},
+     object<PORT_READINGS>, cut_by_total},
     {"utps", CMD_UTP_SHOW_REQ, NONE, "The ARC UTP table with the ARC and web policies",
-     records<UTP_CELLS>, never_cut},
+     records<UTP_READINGS>, never_cut},
     {"url", CMD_INTF_URL_POLICY_SHOW_REQ, INTERFACE, "URL filtering and web policy of INTERFACE",
-     object<INTERFACE_CELLS, WEB_POLICY_CELLS>, cut_in_policy},
+     object<INTERFACE_READINGS, WEB_POLICY_READINGS>, cut_in_policy},
     {"utp-web", CMD_UTP_WEB_POLICY_SHOW_REQ, ID, "The web UTP ID with its web policy",
-     object<WEB_UTP_CELLS, WEB_POLICY_CELLS>, cut_in_policy},
+     object<WEB_UTP_READINGS, WEB_POLICY_READINGS>, cut_in_policy},
     {"wifi-calling", CMD_WIFICALLING_INTF_SHOW_REQ, NONE,
      "The interfaces with Wi-Fi calling and their carriers", wificalling,
-     cut_by_size<BINDINGS_ROOM, BINDING_PIECE>},
+     cut_by_size<REPLY_SIZE - 1, WIFICALLING_BINDING_TEXT>},
 };
 
 // How answers refuse.
 constexpr struct {
     command_number command;
-    const char *begins;
-    const char *ends;
+    const listing_cell *cell;
 } REFUSALS[] = {
-    {CMD_CHECK_PRIORITY_REQ, "Invalid ", ""},
-    {CMD_INTF_URL_POLICY_SHOW_REQ, "Interface ", " not present"},
-    {CMD_UTP_WEB_POLICY_SHOW_REQ, "Invalid ", ""},
-    {CMD_UTP_WEB_POLICY_SHOW_REQ, "UTP ID ", " not preset"},
+    {CMD_CHECK_PRIORITY_REQ, &PRIORITY.invalid},
+    {CMD_INTF_URL_POLICY_SHOW_REQ, &WEB_INTF_LISTING.absent},
+    {CMD_UTP_WEB_POLICY_SHOW_REQ, &WEB_UTP_LISTING.invalid},
+    {CMD_UTP_WEB_POLICY_SHOW_REQ, &WEB_UTP_LISTING.absent},
 };
 
 // Whether an empty answer means an empty table.
@@ -388,12 +396,12 @@ const listing &listing_of(command_number command) {
 }
 
 std::string refusal_in(uint32_t command, std::string_view reply) {
-    constexpr std::string_view BLANKS = " \n\t";
-    const size_t begin = std::min(reply.find_first_not_of(BLANKS), reply.size());
-    const std::string_view said = reply.substr(begin, reply.find_last_not_of(BLANKS) + 1 - begin);
     for (const auto &each : REFUSALS) {
-        if (each.command == command && said.starts_with(each.begins) && said.ends_with(each.ends))
-            return std::string(said);
+        if (each.command != command || !reply.starts_with(each.cell->before))
+            continue;
+        const std::string_view said = reply.substr(each.cell->before.size());
+        if (said.starts_with(each.cell->label) && said.ends_with(each.cell->behind))
+            return std::string(without_blanks(without_ends(said)));
     }
     return {};
 }

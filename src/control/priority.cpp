@@ -1,5 +1,6 @@
 #include "control/priority.h"
 
+#include "control/lines/arc_listing.h"
 #include "control/tables/arc_tables.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
@@ -25,27 +26,27 @@ const char *mark_kind_text(uint8_t kind) {
 
 void list_rule(line_buffer &listing, const arc_rule &rule) {
     char traffic_type[TRAFFIC_TYPE_SIZE];
-    listing.format("\tApp Id:%d\t", rule.app_id);
-    listing.format(rule.cat_id == CATEGORY_USER_DEFINED ? "Cat Id:%d (User Defined)\n"
-                                                        : "Cat Id:%d\n",
-                   rule.cat_id);
-    listing.format("\tApp Name:%s ", printable_text(field_text(rule.app_name)).c_str());
-    listing.format("\tCat Name:%s\n", printable_text(field_text(rule.cat_name)).c_str());
+    const priority_listing &cells = PRIORITY_LISTING;
+    listing.cell(cells.app_id, rule.app_id);
+    listing.cell(rule.cat_id == CATEGORY_USER_DEFINED ? cells.cat_id_user_defined : cells.cat_id,
+                 rule.cat_id);
+    listing.cell(cells.app_name, printable_text(field_text(rule.app_name)).c_str());
+    listing.cell(cells.cat_name, printable_text(field_text(rule.cat_name)).c_str());
     if (rule.deny != 0)
-        listing.append("\tRule:Deny \n");
+        listing.cell(cells.deny);
     if (ARC_QOS_MARKING.of(rule.qos) != 0) {
-        listing.format("\tQoS mark pri:%s", mark_kind_text(ARC_QOS_MARK_KIND.of(rule.qos)));
+        listing.cell(cells.mark_kind, mark_kind_text(ARC_QOS_MARK_KIND.of(rule.qos)));
         jorn_check_traffic_type(traffic_type, ARC_QOS_MARK_TYPE.of(rule.qos));
-        listing.format("\tQoS mark type:%s\n", traffic_type);
+        listing.cell(cells.mark_type, traffic_type);
     }
     if (ARC_QOS_CLASSIFICATION.of(rule.qos) != 0) {
-        listing.append("\tQoS classify pri:Priority");
+        listing.cell(cells.classify);
         jorn_check_traffic_type(traffic_type, ARC_QOS_CLASSIFY_TYPE.of(rule.qos));
-        listing.format("\tQoS classify type:%s\n", traffic_type);
+        listing.cell(cells.classify_type, traffic_type);
     }
     if (rule.rate_up != 0 || rule.rate_down != 0) {
-        listing.format("\tRatelimit Uplink:%u", rule.rate_up);
-        listing.format("\tRatelimit Downlink:%u\n", rule.rate_down);
+        listing.cell(cells.rate_up, rule.rate_up);
+        listing.cell(cells.rate_down, rule.rate_down);
     }
     listing.append("\n");
 }
@@ -60,12 +61,12 @@ const arc_policy *find_policy(uint32_t id) {
 void list_priorities(line_buffer &text, uint32_t arc_policy_id) {
     const arc_policy *policy = find_policy(arc_policy_id);
     if (policy == nullptr) {
-        text.append("\n Invalid ARC PCY ID \n");
+        text.cell(PRIORITY_LISTING.invalid);
         return;
     }
-    char listing[LISTING_SIZE];
+    char listing[PRIORITY_LISTING_SIZE];
     jorn_check_priority(listing, sizeof listing, policy);
-    text.format("\n ARC Policy Name: %s \n", printable_text(policy->name).c_str());
+    text.cell(PRIORITY_LISTING.name, printable_text(policy->name).c_str());
     text.append(listing);
 }
 

@@ -4,7 +4,9 @@
 #include "core/state/state.h"
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
+#include "userapps/lines/userapps_listing.h"
 
+#include <cstdio>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -19,7 +21,7 @@ void list_record(line_buffer &text, int number, const Record &record,
     format(formatted, sizeof formatted, &record);
     char piece[Size + 32];
     line_buffer numbered(piece, sizeof piece);
-    numbered.format("NO:%d\n", number);
+    numbered.cell(LISTED_NUMBER, number);
     numbered.append(formatted);
     numbered.append("\n");
     text.append(numbered.text());
@@ -27,7 +29,7 @@ void list_record(line_buffer &text, int number, const Record &record,
 
 void list_userdef_apps(line_buffer &text) {
     const userdef_table &table = jorn_state.userdef_apps;
-    text.append("\n====User Defined Applications Policies====\n");
+    text.cell(USERDEF_LISTING.title);
     if (table.count < 1 || table.count > USERDEF_APPS_MAX)
         return;
     for (int32_t i = 0; i < table.count; ++i)
@@ -35,8 +37,8 @@ void list_userdef_apps(line_buffer &text) {
 }
 
 void list_port_apps(line_buffer &text) {
-    text.append("\n====JORN port app list====\n");
-    text.format("TOTAL:%d\n", static_cast<int>(jorn_state.port_apps.port_app_count()));
+    text.cell(PORT_APP_LISTING.title);
+    text.cell(LISTED_TOTAL, static_cast<int>(jorn_state.port_apps.port_app_count()));
     int number = 0;
     for (const port_app &entry : jorn_state.port_apps)
         list_record<PORT_APP_TEXT>(text, ++number, entry, jorn_format_port_app);
@@ -64,17 +66,20 @@ int jorn_show_userdef_apps(int fd) {
 
 int jorn_format_userdef_app(char *text, size_t size, const userdef_app *record) {
     line_buffer to(text, size, when_full::leave_out);
-    to.format("\t bitmap: %x \n", record->bitmap);
-    to.format("\t dst ip family:%s", family_word(record->dst_family));
+    const userdef_listing &cells = USERDEF_LISTING;
+    char bitmap[3];
+    snprintf(bitmap, sizeof bitmap, "%x", record->bitmap);
+    to.cell(cells.bitmap, bitmap);
+    to.cell(cells.dst_family, family_word(record->dst_family));
     if (record->dst_family == AF_INET) {
-        to.format("\tdst ip:%s\n", ipv4_text(ipv4_of(record->dst_ip)).c_str());
-        to.format("\t dst netmask:%s", ipv4_text(record->netmask).c_str());
+        to.cell(cells.dst_ip, ipv4_text(ipv4_of(record->dst_ip)).c_str());
+        to.cell(cells.netmask, ipv4_text(record->netmask).c_str());
     }
-    to.format("\t dst port :%d", record->dst_port);
-    to.format("\t protocol type:%s\n", protocol_word(record->protocol));
-    to.format("\t application name:%s ", printable_text(field_text(record->app_name)).c_str());
-    to.format("\t application id: %d", record->app_id);
-    to.format("\t category id: %d\n", record->cat_id);
+    to.cell(cells.dst_port, record->dst_port);
+    to.cell(cells.protocol, protocol_word(record->protocol));
+    to.cell(cells.app_name, printable_text(field_text(record->app_name)).c_str());
+    to.cell(cells.app_id, record->app_id);
+    to.cell(cells.cat_id, record->cat_id);
     return 0;
 }
 
@@ -84,10 +89,11 @@ int jorn_show_port_apps(int fd) {
 
 int jorn_format_port_app(char *text, size_t size, const port_app *entry) {
     line_buffer to(text, size, when_full::leave_out);
-    to.format("\t application name: %s\n", printable_text(field_text(entry->app_name)).c_str());
-    to.format("\t begin port: %d\n", static_cast<int>(entry->begin_port));
-    to.format("\t end port: %d\n", static_cast<int>(entry->end_port));
-    to.format("\t tcp proto flag: %d\n", entry->tcp_flag);
-    to.format("\t udp proto flag: %d\n", entry->udp_flag);
+    const port_app_listing &cells = PORT_APP_LISTING;
+    to.cell(cells.app_name, printable_text(field_text(entry->app_name)).c_str());
+    to.cell(cells.begin_port, static_cast<int>(entry->begin_port));
+    to.cell(cells.end_port, static_cast<int>(entry->end_port));
+    to.cell(cells.tcp_flag, entry->tcp_flag);
+    to.cell(cells.udp_flag, entry->udp_flag);
     return 0;
 }

@@ -5,9 +5,6 @@
 
 #include <cstddef>
 
-inline constexpr size_t USERDEF_APP_TEXT = 8192; // one definition
-inline constexpr size_t PORT_APP_TEXT = 1024;    // one entry of the port-service list
-
 // Command 7: answers with the user-defined applications. Returns 0.
 int jorn_show_userdef_apps(int fd);
 

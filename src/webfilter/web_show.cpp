@@ -7,51 +7,55 @@
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
 #include "platform/psm.h"
+#include "webfilter/lines/web_listing.h"
 
 #include <iterator>
 
 namespace {
 
+constexpr const web_policy_listing &POLICY = WEB_POLICY_LISTING;
+
 void list_categories(line_buffer &text, const web_policy_wire &policy) {
-    text.format("No of Blocked categories:%d\n", policy.num_categories);
+    text.cell(POLICY.num_categories, policy.num_categories);
     if (policy.num_categories == 0)
         return;
-    text.append("Blocked categories:\n");
+    text.cell(POLICY.categories);
     for (unsigned i = 0; i < policy.num_categories; ++i) {
         const int32_t id = policy.categories[i];
         if (id >= 0 && static_cast<size_t>(id) < std::size(g_cat_map))
-            text.format("\t%s\n", g_cat_map[id] + 1);
+            text.cell(LISTED_ITEM, g_cat_map[id] + 1);
         else
-            text.format("\t%d\n", id);
+            text.cell(LISTED_ITEM, id);
     }
     text.append("\n");
 }
 
-void list_patterns(line_buffer &text, const char *what, const web_pattern_list &list,
-                   uint8_t count) {
+void list_patterns(line_buffer &text, const listing_cell &none, const listing_cell &some,
+                   const web_pattern_list &list, uint8_t count) {
     if (count == 0) {
-        text.format("%s-Domains: Not Configured\n", what);
+        text.cell(none);
         return;
     }
-    text.format("%s-Domains:\n", what);
+    text.cell(some);
     for (unsigned i = 0; i < count; ++i)
-        text.format("\t%s\n", printable_text(list[i]).c_str());
+        text.cell(LISTED_ITEM, printable_text(list[i]).c_str());
     text.append("\n");
+}
+
+void list_engine(line_buffer &text, const listing_cell &off, const listing_cell &on, uint8_t forced,
+                 uint32_t vip) {
+    if (forced == 1)
+        text.cell(on, ipv4_text(vip).c_str());
+    else
+        text.cell(off);
 }
 
 void list_safe_search(line_buffer &text, const web_policy_wire &policy) {
-    if (policy.google_safe_search == 1)
-        text.format("Google Safe Search VIP: %s\n", ipv4_text(policy.google_vip).c_str());
-    else
-        text.append("GoogleSafeSearch: Disable\n");
-    if (policy.youtube_safe_search == 1)
-        text.format("YouTube Safe Search VIP: %s\n", ipv4_text(policy.youtube_vip).c_str());
-    else
-        text.append("YoutubeSafeSearch: Disable\n");
-    if (policy.bing_safe_search == 1)
-        text.format("Bing Safe Search VIP: %s\n", ipv4_text(policy.bing_vip).c_str());
-    else
-        text.append("BingSafeSearch: Disable\n");
+    list_engine(text, POLICY.no_google, POLICY.google_vip, policy.google_safe_search,
+                policy.google_vip);
+    list_engine(text, POLICY.no_youtube, POLICY.youtube_vip, policy.youtube_safe_search,
+                policy.youtube_vip);
+    list_engine(text, POLICY.no_bing, POLICY.bing_vip, policy.bing_safe_search, policy.bing_vip);
 }
 
 void append_policy(line_buffer &text, const web_policy_wire &policy) {
@@ -61,44 +65,42 @@ void append_policy(line_buffer &text, const web_policy_wire &policy) {
 }
 
 void list_interface(line_buffer &text, std::string_view ifname) {
+    const web_intf_listing &cells = WEB_INTF_LISTING;
     const web_intf *binding = jorn_state.web_intf_list.find(
         [ifname](const web_intf &listed) { return ifname == listed.ifname; });
     if (binding == nullptr) {
-        text.format("\nInterface %s not present \n", printable_text(ifname).c_str());
+        text.cell(cells.absent, printable_text(ifname).c_str());
         return;
     }
     JORN_DEBUG_AS("jorn_process_per_intf_url_policy_list", "Found intf match\n");
-    const char *state = binding->enable == 1 ? "Enable" : "Disable";
+    text.cell(cells.enable, binding->enable == 1 ? LISTED_ENABLED : LISTED_DISABLED);
     if (binding->policy == nullptr) {
-        text.format("\nURL Filtering is: %s\n", state);
-        text.append("\n==== No URL Filtering Policy Attached ====\n");
+        text.cell(cells.no_policy);
         return;
     }
-    text.format("\nURL Filtering is: %s\tPolicy UUID: %s\n", state,
-                printable_text(binding->policy_uuid).c_str());
+    text.cell(cells.policy_uuid, printable_text(binding->policy_uuid).c_str());
     append_policy(text, *binding->policy);
 }
 
 void list_utp(line_buffer &text, uint32_t utp_id) {
+    const web_utp_listing &cells = WEB_UTP_LISTING;
     if (!is_utp_id(utp_id)) {
-        text.append("\n Invalid UTP ID \n");
+        text.cell(cells.invalid);
         return;
     }
     const utp_entry<web_policy> &entry = jorn_state.web_utp_table[utp_id - 1];
     if (entry.id == 0) {
-        text.format("\nUTP ID %d not preset \n", static_cast<int>(utp_id));
+        text.cell(cells.absent, static_cast<int>(utp_id));
         return;
     }
-    const printable_text name(entry.name);
-    const int id = static_cast<int>(entry.id);
+    text.cell(cells.name, printable_text(entry.name).c_str());
+    text.cell(cells.id, static_cast<int>(entry.id));
     if (entry.policy == nullptr) {
-        text.format("\nUTP Name: %s \tID: %d\n", name.c_str(), id);
-        text.append("\n==== No Web Policy Attached ====\n");
+        text.cell(cells.no_policy);
         return;
     }
-    text.format("\nUTP Name: %s \tID: %d \nPolicy Name: %s \tPolicy UUID: %s \n", name.c_str(), id,
-                printable_text(entry.policy->name).c_str(),
-                printable_text(entry.policy->uuid).c_str());
+    text.cell(cells.policy_name, printable_text(entry.policy->name).c_str());
+    text.cell(cells.policy_uuid, printable_text(entry.policy->uuid).c_str());
     append_policy(text, *entry.policy);
 }
 
@@ -115,10 +117,12 @@ int jorn_show_utp_web_policy(int fd, uint32_t utp_id) {
 int jorn_format_web_policy_text(char *text, size_t size, const web_policy_wire &policy) {
     line_buffer listed(text, size);
     if (policy.filter_type < std::size(WEB_FILTER_TYPES))
-        listed.format("Filter_Type: %s\t", WEB_FILTER_TYPES[policy.filter_type]);
+        listed.cell(POLICY.filter_type, WEB_FILTER_TYPES[policy.filter_type]);
     list_categories(listed, policy);
-    list_patterns(listed, "Whitelist", policy.whitelist, policy.num_whitelist);
-    list_patterns(listed, "Blacklist", policy.blacklist, policy.num_blacklist);
+    list_patterns(listed, POLICY.no_whitelist, POLICY.whitelist, policy.whitelist,
+                  policy.num_whitelist);
+    list_patterns(listed, POLICY.no_blacklist, POLICY.blacklist, policy.blacklist,
+                  policy.num_blacklist);
     list_safe_search(listed, policy);
     listed.append("\n");
     return 0;

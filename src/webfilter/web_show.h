@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <string_view>
 
-inline constexpr size_t WEB_POLICY_TEXT_SIZE = 4096; // a policy's text with its NUL
-
 // Command 32: answers with the state and the policy of an interface. Returns 0.
 int jorn_process_per_intf_url_policy_list(int fd, std::string_view ifname);
 

@@ -4,24 +4,27 @@
 #include "core/state/state.h"
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
+#include "wificalling/lines/wificalling_listing.h"
 
 namespace {
+
+constexpr const wificalling_listing &CELLS = WIFICALLING_LISTING;
 
 // Names and addresses of the ePDGs, a line each. A carrier without one shows its first place.
 void list_epdgs(line_buffer &text, const wificalling_policy &policy) {
     const int last = policy.num_epdg != 0 ? policy.num_epdg - 1 : 0;
-    text.append("FQDN: ");
+    text.cell(CELLS.fqdns);
     for (int i = 0; i < last; ++i)
-        text.format("%s,", printable_text(policy.epdg[i].fqdn).c_str());
-    text.format(" %s\n", printable_text(policy.epdg[last].fqdn).c_str());
-    text.append("IPaddr:");
+        text.format("%s%c", printable_text(policy.epdg[i].fqdn).c_str(), LISTED_EPDG_SEPARATOR);
+    text.cell(CELLS.last_fqdn, printable_text(policy.epdg[last].fqdn).c_str());
+    text.cell(CELLS.ipaddrs);
     for (int i = 0; i < last; ++i)
-        text.format(" %s,", ipv4_text(policy.epdg[i].ipaddr).c_str());
-    text.format("%s\n", ipv4_text(policy.epdg[last].ipaddr).c_str());
+        text.format(" %s%c", ipv4_text(policy.epdg[i].ipaddr).c_str(), LISTED_EPDG_SEPARATOR);
+    text.cell(CELLS.last_ipaddr, ipv4_text(policy.epdg[last].ipaddr).c_str());
 }
 
 void list_policy(line_buffer &text, const wificalling_policy &policy) {
-    text.format("Priority: %d\n", policy.priority);
+    text.cell(CELLS.priority, policy.priority);
     list_epdgs(text, policy);
     text.append("\n");
 }
@@ -45,9 +48,10 @@ int jorn_show_wificalling_intf(int fd) {
 
 int jorn_format_wificalling_intf(char *text, size_t size, const wificalling_intf *binding) {
     line_buffer to(text, size, when_full::leave_out);
-    to.format("Interface Name: %s\n", printable_text(binding->ifname).c_str());
+    to.cell(CELLS.ifname, printable_text(binding->ifname).c_str());
     for (int i = 0; i < binding->num_profiles; ++i) {
-        to.format("(%d) Policy Name: %s\n", i + 1, printable_text(binding->profile[i]).c_str());
+        to.cell(CELLS.number, i + 1);
+        to.cell(CELLS.profile, printable_text(binding->profile[i]).c_str());
         if (binding->policy_ref[i] != nullptr)
             list_policy(to, *binding->policy_ref[i]);
     }

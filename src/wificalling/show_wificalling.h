@@ -5,8 +5,6 @@
 
 #include <cstddef>
 
-inline constexpr size_t WIFICALLING_BINDING_TEXT = 8000; // holds the longest binding there is
-
 // Command 37: writes the listing to a command connection; nothing where there is no binding.
 // Returns 0.
 int jorn_show_wificalling_intf(int fd);

@@ -1,5 +1,6 @@
 #include "core/base/reply.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -39,6 +40,18 @@ void line_buffer::format(const char *format, ...) {
     vsnprintf(piece, sizeof piece, format, arguments);
     va_end(arguments);
     append(piece);
+}
+
+void line_buffer::cell(const listing_cell &which, std::string_view value) {
+    const auto length = [](std::string_view part) { return static_cast<int>(part.size()); };
+    format("%.*s%.*s%.*s%.*s", length(which.before), which.before.data(), length(which.label),
+           which.label.data(), length(value), value.data(), length(which.behind),
+           which.behind.data());
+}
+
+void line_buffer::cell(const listing_cell &which, int64_t value) {
+    char digits[24];
+    cell(which, {digits, std::to_chars(digits, digits + sizeof digits, value).ptr});
 }
 
 line_buffer start_reply() {

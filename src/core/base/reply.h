@@ -3,6 +3,8 @@
 // A show is one function that fills a line_buffer; `answer` has it filled and sends it.
 #pragma once
 
+#include "core/text/listing.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -24,6 +26,10 @@ public:
     // A piece formatted as by printf, cut to 2,048 bytes less its NUL.
     [[gnu::format(printf, 2, 3)]] void format(const char *format, ...);
 
+    // A cell with its value, in one piece.
+    void cell(const listing_cell &which, std::string_view value = "");
+    void cell(const listing_cell &which, int64_t value);
+
     std::string_view text() const { return {text_, length_}; }
 
 private:
@@ -33,8 +39,6 @@ private:
     when_full rule_;
     bool full_ = false;
 };
-
-inline constexpr size_t REPLY_SIZE = 122'880;
 
 // The one reply under construction: there is one command at a time. Emptied by each call.
 line_buffer start_reply();

@@ -3,6 +3,7 @@
 #include "core/base/hash_table.h"
 #include "core/base/log.h"
 #include "core/base/reply.h"
+#include "core/dns/dns_listing.h"
 #include "core/state/state.h"
 #include "core/text/ipv4_text.h"
 #include "core/text/text.h"
@@ -38,15 +39,19 @@ struct listing {
 void list_entry(void *object, void *argument) {
     const auto *entry = static_cast<const dns_cache_entry *>(object);
     auto *list = static_cast<listing *>(argument);
-    list->text.format("NO:%d\n\t dst ip: %s\n\t application name: %s\n\t aging time: %d\n\n",
-                      ++list->number, ipv4_text(entry->ip).c_str(),
-                      printable_text(field_text(entry->name)).c_str(),
-                      static_cast<int>(entry->age));
+    char piece[512];
+    line_buffer listed(piece, sizeof piece);
+    listed.cell(LISTED_NUMBER, ++list->number);
+    listed.cell(DNS_LISTING.ip, ipv4_text(entry->ip).c_str());
+    listed.cell(DNS_LISTING.app_name, printable_text(field_text(entry->name)).c_str());
+    listed.cell(DNS_LISTING.age, static_cast<int>(entry->age));
+    list->text.append(listed.text());
 }
 
 void list_cache(line_buffer &text) {
     listing list = {text, 0};
-    text.format("\n====JORN DNS CACHE====\nTOTAL:%d\n", jorn_state.dns_cache->count);
+    text.cell(DNS_LISTING.title);
+    text.cell(LISTED_TOTAL, jorn_state.dns_cache->count);
     hash_table_walk(jorn_state.dns_cache, list_entry, nullptr, &list);
 }
 
