@@ -58,14 +58,6 @@ void release_policies(daemon_state &state) {
 
 } // namespace
 
-void settle_arc_tables() {
-    for (arc_policy &policy : jorn_state.arc_policy_list) {
-        delete policy.index;
-        policy.index = make_index(policy);
-    }
-    ++jorn_state.arc_generation;
-}
-
 int jorn_process_arc_config(const void *payload) {
     utp_entry<arc_policy> entry = {};
     memcpy(static_cast<utp_entry_wire *>(&entry), payload, sizeof(utp_entry_wire));

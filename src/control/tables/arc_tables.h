@@ -2,9 +2,7 @@
 //
 // Owns the tables of the state block and the policy records behind them. The commands that change
 // them run between two packets; the packet path looks up and borrows. Every link of a UTP entry
-// names a record of the list or nothing: whoever releases a policy empties the links first. Whoever
-// changes a rule in place, or fills the table, its links or the list in another way than by the
-// functions below, calls settle_arc_tables() afterwards.
+// names a record of the list or nothing: whoever releases a policy empties the links first.
 #pragma once
 
 #include "control/records/arc.h"
@@ -24,9 +22,6 @@ const utp_entry<Policy> *utp_lookup(const utp_entry<Policy> (&table)[UTP_ID_MAX]
 constexpr bool is_utp_id(uint32_t id) {
     return id >= UTP_ID_MIN && id <= UTP_ID_MAX;
 }
-
-// Works out anew what the packet path uses in place of the tables.
-void settle_arc_tables();
 
 // Command 20: adds or replaces one ARC UTP entry (utp_entry_wire). Returns 0, or -1 for an id
 // outside 1 to 64.

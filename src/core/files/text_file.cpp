@@ -24,14 +24,14 @@ bool line_reader::next(std::string_view &line) {
     size_t length = 0;
     bool ended = false; // the text; what follows up to the line feed is skipped
     bool any = false;
-    cut_ = false;
+    bool cut = false;
     errno = 0;
     for (int c; (c = next_character(file_)) != EOF;) {
         any = true;
         if (c == '\n')
             break;
         if (ended || c == '\0' || length == capacity_)
-            ended = cut_ = true;
+            ended = cut = true;
         else
             text_[length++] = static_cast<char>(c);
     }
@@ -42,7 +42,7 @@ bool line_reader::next(std::string_view &line) {
     if (!any)
         return false;
     ++line_number_;
-    if (cut_)
+    if (cut)
         JORN_LOG(JORN_LOG_ERROR, from_, 0, "%s: line %u is cut after %zu characters\n", path_,
                  line_number_, length);
     return true;

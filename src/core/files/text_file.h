@@ -27,7 +27,6 @@ public:
     bool next(std::string_view &line);
 
     unsigned line_number() const { return line_number_; } // of the last line read, from 1
-    bool was_cut() const { return cut_; }                 // that line held more than was returned
     int read_error() const { return read_error_; }        // errno value, 0 = none
 
 private:
@@ -37,6 +36,5 @@ private:
     size_t capacity_;
     unsigned line_number_ = 0;
     int read_error_ = 0;
-    bool cut_ = false;
     char text_[LENGTH_MAX + 1];
 };
