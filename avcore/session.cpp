@@ -7,7 +7,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace avcore {
@@ -55,7 +54,15 @@ session::session(const options &options, config settings)
                        : std::make_unique<safe_search>(options.safe_search)),
       conversation_({settings_, builder_, feeder_, names_, agent_, safe_search_.get(),
                      inline_.get(), sayer()}),
-      bus_name_(settings_.platform_values) {
+      bus_name_(settings_.platform_values),
+      reports_({builder_.flows(), inline_ ? &inline_->opened() : nullptr, options.json,
+                [this] { return totals_text(); }, progress_, sayer(),
+                [this](const std::function<void()> &work) {
+                    if (inline_)
+                        inline_->exempt(work);
+                    else
+                        work();
+                }}) {
     const size_t max_frame_size =
         sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer));
     source_.set_max_frame_size(max_frame_size);
@@ -102,12 +109,7 @@ void session::fill_loop() {
     for (loop *each : {&loop_, &last_loop_}) {
         each->add({.descriptor = [this] { return signals_.fd(); },
                    .serve = [this](int64_t) { take_signal(); }});
-        each->add(
-            {.descriptor = [this] { return report_ && report_waits_ ? STDOUT_FILENO : -1; },
-             .due_ms =
-                 [this](int64_t now_ms) { return report_ && !report_waits_ ? now_ms : NEVER_MS; },
-             .serve = [this](int64_t) { continue_report(); },
-             .events = POLLOUT});
+        each->add(reports_.row());
     }
 }
 
@@ -142,17 +144,17 @@ int session::run() {
         say(error_);
     if (const bool useless_input = !error_.empty() && source_.counts().read == 0; !useless_input)
         finish_reports(false);
-    return error_.empty() && report_written_ ? 0 : 1;
+    return error_.empty() && reports_.all_written() ? 0 : 1;
 }
 
 // The last one, behind one that is still being written. Another signal to stop leaves it there.
 void session::finish_reports(bool serving) {
     input_ended_ = true;
     ending_ = true;
-    while (report_ || !last_report_begun_) {
-        if (!report_) {
+    while (reports_.is_writing() || !last_report_begun_) {
+        if (!reports_.is_writing()) {
             last_report_begun_ = true;
-            begin_report();
+            reports_.begin();
         }
         const int64_t now_ms = monotonic_ms();
         if (serving) {
@@ -170,7 +172,7 @@ session::ending session::turn() {
     tick(now_ms);
     send_frames();
     pull_frames();
-    if (!options_.file.empty() && !report_)
+    if (!options_.file.empty() && !reports_.is_writing())
         progress_.show(source_.share_read(), feeder_.counts().answered, now_ms);
     if (stop_requested_)
         return ending::stopped;
@@ -222,17 +224,17 @@ void session::take_signal() {
         }
         [[fallthrough]];
     case signals::request::stop:
-        if (ending_ && report_) {
+        if (ending_ && reports_.is_writing()) {
             last_report_begun_ = true;
-            end_report("the report is left unfinished");
+            reports_.leave_unfinished();
         }
         stop_requested_ = true;
         break;
     case signals::request::print:
-        if (report_)
+        if (reports_.is_writing())
             say("the report before is still being written");
         else
-            begin_report();
+            reports_.begin();
         break;
     case signals::request::agent:
         agent_.bring_back();
@@ -372,40 +374,6 @@ void session::explain_link_type() {
 void session::say(const std::string &what) {
     progress_.clear();
     std::cerr << "avcore: " + what + '\n'; // one write: the stream has no buffer
-}
-
-void session::begin_report() {
-    progress_.clear();
-    report_waits_ = false;
-    report_ = std::make_unique<report_job>(
-        row_writer(builder_.flows(), inline_ ? &inline_->opened() : nullptr, options_.json),
-        [this] { return options_.json ? "" : '\n' + totals_text(); }, STDOUT_FILENO);
-}
-
-void session::continue_report() {
-    if (!report_)
-        return;
-    report_job::state now = report_job::state::goes_on;
-    const auto go_on = [&] { now = report_->go_on(); };
-    if (inline_)
-        inline_->exempt(go_on);
-    else
-        go_on();
-    report_waits_ = now == report_job::state::waits;
-    if (now == report_job::state::written)
-        end_report(nullptr);
-    else if (now == report_job::state::failed)
-        end_report("the report can't be written");
-}
-
-void session::end_report(const char *failure) {
-    report_.reset();
-    progress_.clear();
-    if (options_.json)
-        std::cerr << totals_text();
-    if (failure != nullptr)
-        say(failure);
-    report_written_ = report_written_ && failure == nullptr;
 }
 
 std::string session::totals_text() {

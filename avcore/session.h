@@ -14,7 +14,7 @@
 #include "avcore/names/dns_names.h"
 #include "avcore/options.h"
 #include "avcore/progress.h"
-#include "avcore/report/report_job.h"
+#include "avcore/reporter.h"
 #include "avcore/settings/config.h"
 #include "avcore/signals.h"
 #include "avcore/source/source.h"
@@ -59,9 +59,6 @@ private:
     void explain_link_type();
     void say(const std::string &what); // on standard error
     std::function<void(const std::string &)> sayer();
-    void begin_report();
-    void continue_report();
-    void end_report(const char *failure); // null: none
     std::string totals_text();
 
     const options &options_;
@@ -80,6 +77,7 @@ private:
     std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out
     conversation conversation_;
     own_name bus_name_;
+    reporter reports_;
     std::unique_ptr<message_bus> bus_; // null: there is none
     loop loop_;
     loop last_loop_; // of a report that is finished when nothing else goes on
@@ -91,11 +89,8 @@ private:
     bool stop_requested_ = false;
     bool ending_ = false; // all that is left to do is the report
     bool last_report_begun_ = false;
-    std::unique_ptr<report_job> report_; // being written
-    bool report_waits_ = false;          // for its reader
     bool waiting_explained_ = false;
     bool link_type_explained_ = false;
-    bool report_written_ = true;
     std::string error_;
 };
 
