@@ -30,6 +30,8 @@ public:
 
     std::string_view text() const { return {text_, length_}; }
 
+    text_signature signature() const { return signature_of(text()); }
+
 private:
     char text_[FLOW_NAME_MAX + TOP_LEVEL_DOMAIN.size()];
     size_t length_ = 0;
@@ -68,13 +70,8 @@ candidate_rules candidates_in(const arc_policy &policy, const pkt_ctx &ctx,
                               const searchable_name &name) {
     if (policy.index == nullptr)
         return walk_rules(ctx, policy);
-    return {rules_with_ids_of(ctx, *policy.index), policy.index->domains.candidates(name.text())};
-}
-
-bool domain_occurs(const arc_policy &policy, unsigned n, const searchable_name &name) {
-    return policy.index != nullptr
-               ? policy.index->domains.occurs_in(name.text(), n)
-               : contains_ignoring_case(name.text(), field_text(policy.rules[n].app_name));
+    return {rules_with_ids_of(ctx, *policy.index),
+            policy.index->domains.candidates(name.signature())};
 }
 
 const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &name,
@@ -89,7 +86,7 @@ const arc_rule *first_fitting_rule(const pkt_ctx &ctx, const searchable_name &na
                           ctx.app_id, ctx.app_cat_id);
             return rule;
         }
-        if (domain_occurs(policy, n, name)) {
+        if (lower_case_contains(name.text(), field_text(rule->app_name))) {
             JORN_DEBUG_AS(FUNCTION, "__jorn_policy_match: Domain matched %s\n",
                           printable_text(ctx.app_name).c_str());
             return rule;

@@ -85,7 +85,7 @@ int jorn_check_white_black_list(pkt_ctx *ctx, std::string_view domain) {
                policy.num_whitelist, policy.num_blacklist, printable_text(domain).c_str());
     char lower_case[sizeof ctx->app_name];
     copy_lower_case(lower_case, domain);
-    const int number = first_matching_pattern(policy.index, lower_case);
+    const int number = first_matching_pattern(policy, lower_case);
     trace_list_search(policy, number);
     if (number == NO_PATTERN)
         return WEB_NOT_FOUND;
@@ -109,7 +109,7 @@ int jorn_check_white_black_list(pkt_ctx *ctx, std::string_view domain) {
 int32_t first_blocked_category(const urlf_answer &answer, const web_policy &policy) {
     constexpr int32_t LAST = URLF_CATEGORIES - 1;
     for (int32_t i = 0; i <= std::min(answer.category_count, LAST); ++i) {
-        if (is_blocked_category(policy.index, answer.categories[i]))
+        if (is_blocked_category(policy, answer.categories[i]))
             return answer.categories[i];
     }
     return NO_CATEGORY;

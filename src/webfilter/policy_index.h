@@ -21,7 +21,7 @@ void build_policy_index(web_policy_index &index, const web_policy_wire &policy);
 inline constexpr int NO_PATTERN = -1;
 
 // The number of the first pattern, white ones first, that occurs in a domain.
-int first_matching_pattern(const web_policy_index &index, std::string_view lower_case_domain);
+int first_matching_pattern(const web_policy &policy, std::string_view lower_case_domain);
 
 // Whether a category is one of the policy's. Ids start with 1.
-bool is_blocked_category(const web_policy_index &index, int32_t category);
+bool is_blocked_category(const web_policy &policy, int32_t category);

@@ -12,9 +12,7 @@
 #include <cstdint>
 
 struct arc_rule_index {
-    uint64_t id_rules;                  // rule n has an application id: bit n
-    uint32_t ids[ARC_RULES_PER_POLICY]; // app_id << 16 | cat_id; 0 in the other rules
-    needle_index domains;               // of the domain rules, under the rules' numbers
+    uint64_t id_rules;                          // rule n has an application id: bit n
+    uint32_t ids[ARC_RULES_PER_POLICY];         // app_id << 16 | cat_id; 0 in the other rules
+    needle_index<ARC_RULES_PER_POLICY> domains; // of the domain rules, under the rules' numbers
 };
-static_assert(ARC_RULES_PER_POLICY <= needle_index::NEEDLES_MAX);
-static_assert(sizeof(arc_rule::app_name) <= needle_index::NEEDLE_MAX);

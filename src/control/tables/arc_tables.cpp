@@ -6,7 +6,6 @@
 #include "core/text/text.h"
 #include "platform/psms.h"
 
-#include <array>
 #include <cstring>
 #include <new>
 
@@ -17,17 +16,15 @@ const arc_rule_index *make_index(const arc_policy_wire &policy) {
     auto *index = new (std::nothrow) arc_rule_index();
     if (index == nullptr)
         return nullptr;
-    std::array<std::string_view, ARC_RULES_PER_POLICY> domains;
     for (unsigned n = 0; n < ARC_RULES_PER_POLICY; ++n) {
         const arc_rule &rule = policy.rules[n];
         if (rule.app_id == 0) {
-            domains[n] = field_text(rule.app_name);
+            index->domains.set(n, field_text(rule.app_name));
         } else {
             index->id_rules |= uint64_t{1} << n;
             index->ids[n] = uint32_t{rule.app_id} << 16 | rule.cat_id;
         }
     }
-    index->domains.build(domains);
     return index;
 }
 

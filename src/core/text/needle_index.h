@@ -1,53 +1,77 @@
-// Which of up to 64 texts, the needles, occur in a name, letters A to Z compared without regard to
-// case. Built when a configuration arrives, asked with every packet.
+// Which of up to 64 texts, the needles, may occur in a name, letters A to Z compared without regard
+// to case. Built when a configuration arrives, asked with every packet.
 //
-// A needle is known by two pairs of neighbouring letters that it holds and few of the others do. A
-// name that lacks either pair can't contain it. What `candidates` names is to be tested by
-// `occurs_in`; what it doesn't name never occurs.
+// Name and needles are known by their signatures, a bit for each pair of neighbouring letters. A
+// name whose signature lacks one of a needle's bits can't contain it; one that has them all is to
+// be searched. The needles themselves stay where they are.
 #pragma once
 
+#include "core/text/text.h"
+
+#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <span>
+#include <cstring>
 #include <string_view>
 
+using text_signature = uint64_t;
+
+// 0 of a text without a pair.
+constexpr text_signature signature_of(std::string_view lower_case_text) {
+    text_signature signature = 0;
+    for (size_t i = 0; i + 1 < lower_case_text.size(); ++i) {
+        const unsigned pair = static_cast<uint8_t>(lower_case_text[i]) * 31U ^
+                              static_cast<uint8_t>(lower_case_text[i + 1]) * 7U;
+        signature |= text_signature{1} << ((pair ^ pair >> 6) % 64);
+    }
+    return signature;
+}
+
+template <size_t NEEDLES>
 class needle_index {
+    static_assert(NEEDLES <= 64);
+
 public:
-    static constexpr size_t NEEDLES_MAX = 64;
-    static constexpr size_t NEEDLE_MAX = 64; // bytes
-
-    // Replaces all needles by these, at most NEEDLES_MAX of at most NEEDLE_MAX bytes, numbered in
-    // their order. An empty one is a gap: its number is no candidate.
-    void build(std::span<const std::string_view> needles);
-
-    // The needles that may occur in a name, as a bit each. The name is in lower case, as it is for
-    // `occurs_in`.
-    uint64_t candidates(std::string_view lower_case_name) const {
-        uint64_t first = 0;
-        uint64_t second = 0;
-        for (size_t i = 0; i + 1 < lower_case_name.size(); ++i) {
-            const unsigned bucket = bucket_of(lower_case_name[i], lower_case_name[i + 1]);
-            first |= first_pair_[bucket];
-            second |= second_pair_[bucket];
-        }
-        return (first & second) | always_;
+    // `number` below NEEDLES, a needle of at most 64 bytes. Numbers without one, and with an empty
+    // one, are no candidates.
+    void set(unsigned number, std::string_view needle) {
+        char lower_case[65];
+        copy_lower_case(lower_case, needle);
+        const uint64_t bit = uint64_t{1} << number;
+        present_ = needle.empty() ? present_ & ~bit : present_ | bit;
+        const text_signature signature = signature_of(field_text(lower_case));
+        low_[number] = static_cast<uint32_t>(signature);
+        high_[number] = static_cast<uint32_t>(signature >> 32);
     }
 
-    bool occurs_in(std::string_view lower_case_name, unsigned needle) const;
+    // The needles that may occur in a name with that signature, as a bit each.
+    uint64_t candidates(text_signature name) const {
+        const auto without_low = static_cast<uint32_t>(~name);
+        const auto without_high = static_cast<uint32_t>(~name >> 32);
+        uint8_t may[NEEDLES]; // 0 or 1: the loop becomes vector instructions
+        for (size_t n = 0; n < NEEDLES; ++n)
+            may[n] = ((low_[n] & without_low) | (high_[n] & without_high)) == 0;
+        uint64_t found = 0;
+        for (size_t n = 0; n < NEEDLES; n += BYTES)
+            found |= uint64_t{bits_of(may + n)} << n;
+        return found & present_;
+    }
 
 private:
-    static constexpr unsigned PAIR_BUCKETS = 256;
+    static constexpr size_t BYTES = 8;
+    static_assert(NEEDLES % BYTES == 0);
 
-    static constexpr unsigned bucket_of(char a, char b) {
-        const unsigned mixed = (static_cast<uint8_t>(a) * 31u) ^ (static_cast<uint8_t>(b) * 7u);
-        return (mixed ^ mixed >> 8) % PAIR_BUCKETS;
+    // Eight bytes of 0 or 1 as a bit each, the first the lowest.
+    static uint8_t bits_of(const uint8_t *bytes) {
+        uint64_t word = 0;
+        memcpy(&word, bytes, sizeof word);
+        if constexpr (std::endian::native == std::endian::little)
+            return static_cast<uint8_t>(word * 0x0102040810204080 >> 56);
+        else
+            return static_cast<uint8_t>(word * 0x8040201008040201 >> 56);
     }
 
-    void choose_pairs(unsigned needle, const uint16_t (&popularity)[PAIR_BUCKETS]);
-
-    uint64_t always_ = 0;                    // needles too short to hold a pair
-    uint64_t first_pair_[PAIR_BUCKETS] = {}; // needles by the hash of a pair
-    uint64_t second_pair_[PAIR_BUCKETS] = {};
-    uint8_t length_[NEEDLES_MAX] = {};
-    char needle_[NEEDLES_MAX][NEEDLE_MAX] = {}; // in lower case
+    uint64_t present_ = 0;
+    uint32_t low_[NEEDLES] = {}; // halves of their signatures
+    uint32_t high_[NEEDLES] = {};
 };

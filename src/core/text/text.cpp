@@ -68,3 +68,11 @@ bool contains_ignoring_case(std::string_view text, std::string_view part) {
                text.end() ||
            part.empty();
 }
+
+bool lower_case_contains(std::string_view lower_case_text, std::string_view part) {
+    char wanted[256];
+    if (part.size() > lower_case_text.size() || part.size() > sizeof wanted)
+        return false;
+    std::transform(part.begin(), part.end(), wanted, ascii_lower);
+    return memmem(lower_case_text.data(), lower_case_text.size(), wanted, part.size()) != nullptr;
+}

@@ -104,3 +104,5 @@ int64_t leading_decimal(std::string_view text);
 
 bool equals_ignoring_case(std::string_view a, std::string_view b);
 bool contains_ignoring_case(std::string_view text, std::string_view part);
+// The same of a text that is in lower case already, of at most 255 bytes; in linear time.
+bool lower_case_contains(std::string_view lower_case_text, std::string_view part);

@@ -9,12 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// The blocked categories of a policy: those below 128, which are all of a usual table, as bits, the
-// others sorted.
+// The blocked categories of a policy: those below 128, which are all of a usual table, as bits. Of
+// others the record's own slots tell.
 struct web_category_set {
     uint64_t bits[2];
-    uint32_t num_others;
-    int32_t others[WEB_CATEGORIES_MAX];
+    bool has_others;
 };
 
 // The lists and categories of a policy as a packet is compared with them, settled once, when the
@@ -23,17 +22,16 @@ struct web_category_set {
 struct web_policy_index {
     static constexpr unsigned FIRST_BLACK = WEB_PATTERNS_MAX;
 
-    needle_index patterns; // without their wildcards
-    uint64_t match_all;    // nothing but wildcards: these match every domain
+    needle_index<2 * WEB_PATTERNS_MAX> patterns; // without their wildcards
+    uint64_t match_all;                          // nothing but wildcards: these match every domain
     web_category_set blocked;
 };
-static_assert(2 * WEB_PATTERNS_MAX <= needle_index::NEEDLES_MAX);
-static_assert(sizeof(web_pattern) <= needle_index::NEEDLE_MAX + 1);
 
 struct web_policy : web_policy_wire {
     web_policy_index index;
     web_policy *next;
 };
+static_assert(sizeof(web_policy) <= 3072); // there may be 1,024 of them
 
 struct web_intf : web_intf_wire {
     web_policy *policy; // of web_policy_list, or none
