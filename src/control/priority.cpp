@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr size_t LISTING_SIZE = 20'480;
 static_assert(std::ranges::all_of(ARC_TRAFFIC_TYPES, [](std::string_view name) {
     return name.size() < TRAFFIC_TYPE_SIZE;
 }));
