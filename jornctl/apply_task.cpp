@@ -9,6 +9,7 @@
 #include "jornctl/client/apply.h"
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
+#include "shared/counted.h"
 
 #include <algorithm>
 #include <iostream>
@@ -236,8 +237,7 @@ std::string counts_of(const document &sent) {
     for (const table_count &each : COUNTS) {
         const std::optional<size_t> count = each.of(sent);
         if (count)
-            text += (text.empty() ? "" : ", ") + std::to_string(*count) + ' ' +
-                    (*count == 1 ? each.one : each.more);
+            text += (text.empty() ? "" : ", ") + counted(*count, each.one, each.more);
     }
     return text;
 }

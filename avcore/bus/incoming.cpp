@@ -14,8 +14,7 @@ namespace avcore {
 namespace {
 
 constexpr int BACKLOG = 64;
-constexpr size_t ACCEPTED_A_TURN = 16;
-constexpr int64_t PAUSE_MS = 100;
+constexpr int ACCEPTED_A_TURN = 16;
 
 unique_fd try_listener(const bus_address &address) {
     unique_fd fd(socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -49,21 +48,19 @@ incoming::incoming(bus_ground &ground, const bus_address &address, taker take)
 }
 
 void incoming::accept(int64_t now_ms) {
-    for (size_t taken = 0; taken < ACCEPTED_A_TURN; ++taken) {
+    const auto take = [&] {
         sockaddr_storage address = {};
         socklen_t size = sizeof address;
         unique_fd fd(accept4(listener_.get(), reinterpret_cast<sockaddr *>(&address), &size,
                              SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!fd.valid()) {
-            if (errno == EMFILE || errno == ENFILE) {
-                paused_until_ms_ = now_ms + PAUSE_MS;
-                ground_.poll.change(listener_.get(), bus_part::listener, 0, 0);
-            }
-            return;
-        }
+        if (!fd.valid())
+            return false;
         make_room();
         admit(std::move(fd), bus_address::of_socket(address), now_ms);
-    }
+        return true;
+    };
+    if (!pause_.take_some(ACCEPTED_A_TURN, now_ms, take))
+        ground_.poll.change(listener_.get(), bus_part::listener, 0, 0);
 }
 
 void incoming::make_room() {
@@ -221,10 +218,8 @@ bool incoming::take_message(connection &from, int64_t now_ms) {
 }
 
 void incoming::tick(int64_t now_ms) {
-    if (paused_until_ms_ != 0 && now_ms >= paused_until_ms_) {
-        paused_until_ms_ = 0;
+    if (pause_.ends(now_ms))
         ground_.poll.change(listener_.get(), bus_part::listener, 0, EPOLLIN);
-    }
     for (const uint32_t id : std::exchange(unread_, {})) {
         if (const entry which = connections_.find(id); which != connections_.end())
             receive(which, now_ms);
@@ -242,7 +237,7 @@ void incoming::tick(int64_t now_ms) {
 int64_t incoming::next_tick_ms(int64_t now_ms) const {
     if (!unread_.empty())
         return now_ms;
-    int64_t next_ms = paused_until_ms_ != 0 ? paused_until_ms_ : NEVER_MS;
+    int64_t next_ms = pause_.until_ms();
     for (const auto &[id, one] : connections_) {
         if (!one.known)
             next_ms = std::min(next_ms, one.heard_ms + AUTHENTICATION_MS);

@@ -2,6 +2,7 @@
 // time who they are or go, and store no more than one message each.
 #pragma once
 
+#include "avcore/base/accept_pause.h"
 #include "avcore/bus/address.h"
 #include "avcore/bus/ground.h"
 #include "avcore/bus/transport.h"
@@ -62,7 +63,7 @@ private:
     bus_ground &ground_;
     taker take_;
     unique_fd listener_;
-    int64_t paused_until_ms_ = 0; // no descriptor was left
+    accept_pause pause_;
     uint32_t last_id_ = 0;
     std::map<uint32_t, connection> connections_;
     std::set<uint32_t> unread_; // bytes are there that the poller doesn't see

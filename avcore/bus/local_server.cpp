@@ -14,9 +14,8 @@ namespace {
 
 constexpr size_t DATAGRAM_MAX =
     sizeof(bus_message_head) + sizeof(bus_publication) + BUS_PAYLOAD_MAX;
-constexpr size_t ACCEPTED_A_TURN = 16;
+constexpr int ACCEPTED_A_TURN = 16;
 constexpr size_t DATAGRAMS_A_TURN = 16;
-constexpr int64_t PAUSE_MS = 100;
 
 // The record behind the head; none when the datagram is shorter, or longer and has no payload.
 template <typename Record>
@@ -59,19 +58,17 @@ bool local_server::client::wants(std::span<const std::byte> datagram) const {
 }
 
 void local_server::accept(int64_t now_ms) {
-    for (size_t taken = 0; taken < ACCEPTED_A_TURN; ++taken) {
+    const auto take = [this] {
         unique_fd fd = listener_.accept();
-        if (!fd.valid()) {
-            if (errno == EMFILE || errno == ENFILE) {
-                paused_until_ms_ = now_ms + PAUSE_MS;
-                ground_.poll.change(listener_.fd(), bus_part::local_listener, 0, 0);
-            }
-            return;
-        }
+        if (!fd.valid())
+            return false;
         const uint32_t id = ++last_id_;
         if (ground_.poll.add(fd.get(), bus_part::local, id, EPOLLIN))
             clients_.emplace(id, client{std::move(fd), {}, waiting_messages(ground_.counts.local)});
-    }
+        return true;
+    };
+    if (!pause_.take_some(ACCEPTED_A_TURN, now_ms, take))
+        ground_.poll.change(listener_.fd(), bus_part::local_listener, 0, 0);
 }
 
 void local_server::watch(uint32_t id, const client &which) {
@@ -188,10 +185,8 @@ void local_server::deliver(std::span<const std::byte> body, int64_t now_ms) {
 }
 
 void local_server::tick(int64_t now_ms) {
-    if (paused_until_ms_ != 0 && now_ms >= paused_until_ms_) {
-        paused_until_ms_ = 0;
+    if (pause_.ends(now_ms))
         ground_.poll.change(listener_.fd(), bus_part::local_listener, 0, EPOLLIN);
-    }
     unclaimed_.drop_old(now_ms);
     for (auto &[id, each] : clients_)
         each.waiting.drop_old(now_ms);
@@ -205,8 +200,7 @@ size_t local_server::waiting() const {
 }
 
 int64_t local_server::next_tick_ms() const {
-    int64_t next_ms = paused_until_ms_ != 0 ? paused_until_ms_ : NEVER_MS;
-    next_ms = std::min(next_ms, unclaimed_.next_drop_ms().value_or(NEVER_MS));
+    int64_t next_ms = std::min(pause_.until_ms(), unclaimed_.next_drop_ms().value_or(NEVER_MS));
     for (const auto &[id, each] : clients_)
         next_ms = std::min(next_ms, each.waiting.next_drop_ms().value_or(NEVER_MS));
     return next_ms;

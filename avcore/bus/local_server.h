@@ -2,6 +2,7 @@
 // read here and handed on; what the network brought waits here for those that want it.
 #pragma once
 
+#include "avcore/base/accept_pause.h"
 #include "avcore/base/local_listener.h"
 #include "avcore/bus/ground.h"
 #include "platform/host/messages/bus_messages.h"
@@ -73,7 +74,7 @@ private:
     bus_ground &ground_;
     taker take_;
     local_listener listener_;
-    int64_t paused_until_ms_ = 0; // no descriptor was left
+    accept_pause pause_;
     uint32_t last_id_ = 0;
     std::map<uint32_t, client> clients_;
     waiting_messages unclaimed_; // nobody wanted them when they came

@@ -1,5 +1,7 @@
 #include "avcore/bus/tls.h"
 
+#include "shared/counted.h"
+
 #include <cerrno>
 #include <cstring>
 #include <openssl/err.h>
@@ -235,7 +237,7 @@ std::string tls_identity::validity_remark() const {
     if (days < 0 || seconds < 0)
         return "has ended";
     if (days < REMARK_DAYS)
-        return "ends in " + std::to_string(days) + (days == 1 ? " day" : " days");
+        return "ends in " + counted(static_cast<uint64_t>(days), "day", "days");
     return {};
 }
 

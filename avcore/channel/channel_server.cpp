@@ -15,7 +15,6 @@ namespace {
 constexpr int ACCEPTED_A_TURN = 64;
 constexpr size_t MAX_DATAGRAM = 65'536;
 constexpr int DATAGRAMS_A_TURN = 512;
-constexpr int64_t PAUSE_MS = 100;
 
 } // namespace
 
@@ -33,26 +32,22 @@ void channel_server::watch_listener() {
     event.events = EPOLLIN;
     event.data.fd = listener_.fd();
     epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.fd(), &event);
-    paused_until_ms_ = NEVER_MS;
 }
 
 void channel_server::accept_clients(int64_t now_ms) {
-    for (int taken = 0; taken < ACCEPTED_A_TURN; ++taken) {
+    const auto take = [this] {
         unique_fd accepted = listener_.accept();
-        if (!accepted.valid()) {
-            // The others wait in the backlog until one becomes free, here or on the bus.
-            if (errno == EMFILE || errno == ENFILE) {
-                epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.fd(), nullptr);
-                paused_until_ms_ = now_ms + PAUSE_MS;
-            }
-            return;
-        }
+        if (!accepted.valid())
+            return false;
         epoll_event event = {};
         event.events = EPOLLIN;
         const int fd = event.data.fd = accepted.get();
         if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0)
             clients_.emplace(fd, client{std::move(accepted)});
-    }
+        return true;
+    };
+    if (!pause_.take_some(ACCEPTED_A_TURN, now_ms, take))
+        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.fd(), nullptr);
 }
 
 void channel_server::note_sender(client &sender, byte_span datagram) {
@@ -89,7 +84,7 @@ bool channel_server::serve_client(client &served, const handler &handle) {
 }
 
 void channel_server::serve(const handler &handle, int64_t now_ms) {
-    if (now_ms >= paused_until_ms_)
+    if (pause_.ends(now_ms))
         watch_listener();
     std::array<epoll_event, 64> events;
     const int ready = epoll_wait(epoll_.get(), events.data(), events.size(), 0);

@@ -4,6 +4,7 @@
 // channel gets its share of a turn and no more, and one that is gone is forgotten.
 #pragma once
 
+#include "avcore/base/accept_pause.h"
 #include "avcore/base/local_listener.h"
 #include "avcore/base/messages.h"
 #include "avcore/base/monotonic_clock.h"
@@ -25,7 +26,7 @@ public:
     explicit channel_server(std::string path);
 
     int fd() const { return epoll_.get(); } // readable when `serve` has work
-    int64_t next_tick_ms() const { return paused_until_ms_; }
+    int64_t next_tick_ms() const { return pause_.until_ms(); }
     void serve(const handler &handle, int64_t now_ms);
     // Of daemons: of those that said anything but what tools ask.
     size_t connections() const { return daemons_; }
@@ -44,7 +45,7 @@ private:
 
     unique_fd epoll_;
     local_listener listener_;
-    int64_t paused_until_ms_ = NEVER_MS; // the listener isn't watched: no descriptor was left
+    accept_pause pause_;
     std::map<int, client> clients_;
     size_t daemons_ = 0; // of them
     uint64_t connects_ = 0;

@@ -1,6 +1,6 @@
 #include "avcore/names/dns_answer.h"
 
-#include "core/text/text.h"
+#include "avcore/base/host_text.h"
 #include "packet/decode/cursor.h"
 
 #include <algorithm>
@@ -99,11 +99,6 @@ std::string reader::name() {
     }
     failed_ = true;
     return {};
-}
-
-std::string lower_case(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), ascii_lower);
-    return text;
 }
 
 struct records {

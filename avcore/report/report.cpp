@@ -1,6 +1,7 @@
 #include "avcore/report/report.h"
 
 #include "avcore/base/printable.h"
+#include "shared/counted.h"
 
 #include <algorithm>
 #include <array>
@@ -191,7 +192,7 @@ bool row_writer::lay_out_line(std::string &out) {
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals) {
     const flow_sum all = flows.all();
     const feeder_counts &fed = totals.feeder;
-    out << all.flows << (all.flows == 1 ? " flow, " : " flows, ") << all.bytes
+    out << counted(all.flows, "flow", "flows") << ", " << all.bytes
         << " bytes; frames: " << totals.source.read << " read, " << fed.sent << " fed, "
         << fed.answered << " answered, " << fed.resent << " resent, " << fed.unanswered
         << " unanswered\n";

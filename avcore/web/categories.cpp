@@ -5,6 +5,7 @@
 #include "avcore/base/printable.h"
 #include "avcore/web/category_names.h"
 #include "avcore/web/domain_lists.h"
+#include "shared/counted.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -90,9 +91,8 @@ void category_list::add_list(const std::string &path, uint16_t category) {
     if (!has_room)
         throw config_error(path + ": more than " + std::to_string(domain_table::NAMES_MAX) +
                            " names in all lists");
-    std::string remark = path + ": " + std::to_string(counts.names) +
-                         (counts.names == 1 ? " domain of " : " domains of ") +
-                         category_text(category);
+    std::string remark =
+        path + ": " + counted(counts.names, "domain", "domains") + " of " + category_text(category);
     if (counts.bad_lines != 0)
         remark += "; lines passed over: " + std::to_string(counts.bad_lines) + ", first line " +
                   std::to_string(counts.first_bad_line);
