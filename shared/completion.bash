@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Bash completion of jorn, avcore and jornctl: made from what their own help lists.
 
 _jorn_interfaces() {
