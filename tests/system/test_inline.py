@@ -17,7 +17,7 @@ class Layout:
     def test_a_denied_flow_does_not_arrive_and_others_do(self):
         self.start()
         mac, expected = link_address("-n", "client", "link", "show", "eth0").upper(), {}
-        time.sleep(1)  # a few denials a second have a line each
+        time.sleep(1)  # five denials a second have a line each, and the start had some
         for version in FAMILIES:
             self.tell_name(version, "shop.example", NAMED[version])
             lines = len(self.lines)
@@ -187,7 +187,7 @@ class Layout:
             self.jorn.kill()
             self.lines.wait(lambda line: "the daemon is gone" in line, since=lines)
         opens = time.time() + AS_LONG_AS_A_BEAT + 0.1
-        time.sleep(AS_LONG_AS_A_BEAT + 0.2)
+        time.sleep(AS_LONG_AS_A_BEAT + 0.2)  # a closed gate shows by nothing that it noticed
         late = {version: self.talk(SERVERS[version], SWITCHED) for version in FAMILIES}
         for version in FAMILIES:
             for flow in denied[version], late[version]:
