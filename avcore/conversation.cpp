@@ -69,9 +69,9 @@ void conversation::hear(const av_verdict &verdict) {
 }
 
 void conversation::hear(const av_app_setting &setting) {
-    flow_row *row = with_.builder.flows().set_application(setting);
-    if (row != nullptr && with_.at_gate != nullptr)
-        with_.at_gate->set(*row, setting, monotonic_ms());
+    for (flow_row *row : with_.builder.flows().set_application(setting))
+        if (with_.at_gate != nullptr)
+            with_.at_gate->set(*row, setting, monotonic_ms());
 }
 
 void conversation::hear(const switch_setting &setting) {

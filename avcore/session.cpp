@@ -335,7 +335,7 @@ void session::take_frame(const captured_frame &captured) {
     if (first_frame_ms_ < 0)
         first_frame_ms_ = now_ms;
     if (captured.copy != nullptr)
-        inline_->saw(built->flow.row, *captured.copy, built->flow.from_client, built->frame);
+        inline_->saw(built->flow.row, *captured.copy, built->frame);
     names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }

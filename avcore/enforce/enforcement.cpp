@@ -44,8 +44,8 @@ void enforcement::look(bool link_down) {
     urgency_->look(monotonic_ns());
 }
 
-void enforcement::saw(flow_row &row, const gate_copy &copy, bool from_client, fed_frame &frame) {
-    enforcer_.saw(row, copy, from_client);
+void enforcement::saw(flow_row &row, const gate_copy &copy, fed_frame &frame) {
+    enforcer_.saw(row, copy);
     frame.generation = gate_.generation();
 }
 

@@ -48,7 +48,7 @@ public:
     void exempt(const std::function<void()> &work) { urgency_->exempt(work); }
 
     // A copy of a packet was counted in the row, and `frame` is made of it.
-    void saw(flow_row &row, const gate_copy &copy, bool from_client, fed_frame &frame);
+    void saw(flow_row &row, const gate_copy &copy, fed_frame &frame);
     // `row`: null when it has left.
     void judged(flow_row *row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
     void set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {

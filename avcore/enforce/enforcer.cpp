@@ -128,27 +128,20 @@ bool is_limited(const gate_verdict &verdict) {
     return verdict.bucket[GATE_UP] != 0 || verdict.bucket[GATE_DOWN] != 0;
 }
 
-bool are_same(const flow_row &row, row_enforcement::side side, const gate_flow &flow) {
-    const bool as_row = side == row_enforcement::CLIENT;
-    const endpoint &client = as_row ? row.client : row.server;
-    const endpoint &server = as_row ? row.server : row.client;
-    return flow.proto == row.ip_proto && ntohs(flow.client_port_be) == client.port &&
-           ntohs(flow.server_port_be) == server.port &&
-           std::ranges::equal(flow.client, client.address.octets()) &&
-           std::ranges::equal(flow.server, server.address.octets());
+bool are_same(const flow_row &row, const gate_flow &flow) {
+    return flow.proto == row.ip_proto && ntohs(flow.client_port_be) == row.client.port &&
+           ntohs(flow.server_port_be) == row.server.port &&
+           std::ranges::equal(flow.client, row.client.address.octets()) &&
+           std::ranges::equal(flow.server, row.server.address.octets());
 }
 
 } // namespace
 
-void enforcer::saw(flow_row &row, const gate_copy &copy, bool from_client) {
-    const bool seen_from_client = from_client == (copy.direction == GATE_UP);
-    const auto side = seen_from_client ? row_enforcement::CLIENT : row_enforcement::SERVER;
-    if (!are_same(row, side, copy.flow))
+void enforcer::saw(flow_row &row, const gate_copy &copy) {
+    if (!are_same(row, copy.flow))
         return;
-    row.enforcement.flows[side] = copy.flow;
-    if (side == row_enforcement::CLIENT)
-        row.enforcement.if_index = copy.if_index;
-    row.enforcement.seen[side] = true;
+    row.enforcement.flow = copy.flow;
+    row.enforcement.if_index = copy.if_index;
 }
 
 void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict,
@@ -251,14 +244,13 @@ void enforcer::mark_and_limit(gate_verdict &verdict, const flow_row &row, const 
 }
 
 // Later fragments show no ports: they are under the limit that a flow of their addresses has.
-void enforcer::write(const flow_row &row, row_enforcement::side side, const gate_verdict &verdict) {
-    const row_enforcement &state = row.enforcement;
-    if (!state.seen[side])
+void enforcer::write(const flow_row &row, const gate_verdict &verdict) {
+    if (!row.enforcement.flow)
         return;
-    refused_writes_ += !gate_.decide(state.flows[side], verdict);
+    refused_writes_ += !gate_.decide(*row.enforcement.flow, verdict);
     if (!is_limited(verdict))
         return;
-    gate_flow fragments = state.flows[side];
+    gate_flow fragments = *row.enforcement.flow;
     fragments.client_port_be = fragments.server_port_be = 0;
     fragments.proto = 0;
     fragments.fragments = 1;
@@ -280,11 +272,9 @@ void enforcer::decide_for_now(flow_row &row, const av_qos &qos, std::string_view
     if (written || (!says_something && !state.not_final))
         return;
     state.not_final = verdict;
-    write(row, row_enforcement::CLIENT, verdict);
+    write(row, verdict);
 }
 
-// Marks and limits are made where the row's client is; where the server is a client, too, the
-// packets pass a second gate.
 void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std::string_view name,
                       uint32_t generation) {
     row_enforcement &state = row.enforcement;
@@ -293,10 +283,9 @@ void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std:
     verdict.action = static_cast<uint8_t>(action);
     if (verdict.action == GATE_DENY && settings_.reset)
         verdict.flags |= GATE_RESET;
-    write(row, row_enforcement::SERVER, verdict);
     if (qos != nullptr)
         mark_and_limit(verdict, row, *qos, name);
-    write(row, row_enforcement::CLIENT, verdict);
+    write(row, verdict);
     state.settled = true;
     state.denied = verdict.action == GATE_DENY;
     state.generation = verdict.generation;

@@ -31,10 +31,10 @@ public:
     enforcer(gate &gate, const enforce_settings &settings, say_function say)
         : gate_(gate), settings_(settings), say_(std::move(say)), shaper_(say_) {}
 
-    // A copy of a packet that was counted in the row; `from_client`: sent by the row's client.
+    // A copy of a packet that was counted in the row.
     // Where the gate has it in another flow (a first fragment of TCP, whose ports the daemon
     // doesn't read), the row's verdicts are about no flow of the gate's.
-    void saw(flow_row &row, const gate_copy &copy, bool from_client);
+    void saw(flow_row &row, const gate_copy &copy);
 
     // The verdict on one of the row's frames.
     void judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
@@ -62,7 +62,7 @@ private:
                         std::string_view name);
     void limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                gate_direction direction, uint16_t rate);
-    void write(const flow_row &row, row_enforcement::side side, const gate_verdict &verdict);
+    void write(const flow_row &row, const gate_verdict &verdict);
     void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
 
     gate &gate_;

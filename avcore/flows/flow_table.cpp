@@ -88,20 +88,24 @@ flow_row *flow_table::set_verdict(uint32_t id, const av_verdict &verdict,
     return &row;
 }
 
-flow_row *flow_table::set_application(const av_app_setting &setting) {
-    const auto found = index_.find(flow_id_of(setting.flow_key));
-    if (found == index_.end()) {
-        ++unknown_;
-        return nullptr;
+std::vector<flow_row *> flow_table::set_application(const av_app_setting &setting) {
+    std::vector<flow_row *> rows;
+    flow_id id = flow_id_of(setting.flow_key);
+    for (const flow_id::side client : flow_id::SIDES) {
+        id.client = client;
+        if (const auto found = index_.find(id); found != index_.end())
+            rows.push_back(&*found->second);
     }
-    flow_row &row = *found->second;
-    row.verdict =
-        setting.verdict == AV_SET_APP_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;
-    row.outdated = false;
-    if (const std::string_view name = field_text(setting.name);
-        !name.empty() && name != AV_ANY_APPLICATION)
-        row.application = application_text(row, name);
-    return &row;
+    unknown_ += rows.empty();
+    for (flow_row *row : rows) {
+        row->verdict =
+            setting.verdict == AV_SET_APP_ALLOW ? uint32_t{AV_VERDICT_ALLOW} : setting.verdict;
+        row->outdated = false;
+        if (const std::string_view name = field_text(setting.name);
+            !name.empty() && name != AV_ANY_APPLICATION)
+            row->application = application_text(*row, name);
+    }
+    return rows;
 }
 
 void flow_table::outdate_verdicts() {

@@ -65,8 +65,9 @@ public:
     // On a frame of the row with this id, fed with this trailer. Null when it has left.
     flow_row *set_verdict(uint32_t id, const av_verdict &verdict, const av_pkt_trailer &trailer);
 
-    // On the flow with this key, of either direction. Null when there is none.
-    flow_row *set_application(const av_app_setting &setting);
+    // On the flow with this key, of either direction. Two where both its sides are clients behind
+    // a gate, none when there is none.
+    std::vector<flow_row *> set_application(const av_app_setting &setting);
     uint64_t unknown() const { return unknown_; } // such settings for no flow
 
     // The daemon's policies changed: no verdict counts until the flow's next one.

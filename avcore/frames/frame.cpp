@@ -47,8 +47,12 @@ flow_id flow_id_of(const frame_facts &frame) {
         id.ether_type = frame.ether_type;
     }
     id.low.address = id.high.address = {};
-    if (id.high < id.low)
+    const bool sender_is_low = !(id.high < id.low);
+    if (!sender_is_low)
         std::swap(id.low, id.high);
+    if (frame.sender_is_client)
+        id.client =
+            *frame.sender_is_client == sender_is_low ? flow_id::side::LOW : flow_id::side::HIGH;
     return id;
 }
 

@@ -47,8 +47,13 @@ struct frame_facts {
     uint16_t segment_size = 0;
 };
 
-// The two sides in their own order, so that both directions of a flow have one id.
+// The two sides in their own order, so that both directions of a flow have one id. Where a gate saw
+// it, it is the flow of the client behind that gate: of two clients each has its own, and so has a
+// packet that a client sends as if it came from the server.
 struct flow_id {
+    enum class side : uint8_t { UNTOLD, LOW, HIGH };
+    static constexpr side SIDES[] = {side::UNTOLD, side::LOW, side::HIGH};
+
     bool ipv4 = false;
     uint16_t ether_type = 0; // only without IPv4
     uint8_t ip_proto = 0;
@@ -56,6 +61,7 @@ struct flow_id {
     // flow.
     endpoint low;
     endpoint high;
+    side client = side::UNTOLD;
 
     auto operator<=>(const flow_id &) const = default;
 };

@@ -4,26 +4,20 @@
 #include "avcore/records/gate_records.h"
 #include "platform/records.h"
 
-#include <array>
 #include <cstdint>
 #include <optional>
 
 namespace avcore {
 
 struct row_enforcement {
-    // As the gates see it, each from its client: the row's client first, then, when the server is
-    // a client, too, the other way round.
-    std::array<gate_flow, 2> flows = {};
-    std::array<bool, 2> seen = {};
-    uint32_t if_index = 0; // of the client's interface
-    bool settled = false;  // a verdict has decided it; the next one will do so at once
+    std::optional<gate_flow> flow; // as the gate sees it
+    uint32_t if_index = 0;         // of the client's interface
+    bool settled = false;          // a verdict has decided it; the next one will do so at once
     bool denied = false;
     uint32_t generation = 0;               // of the verdict that is in force; 0 = none
     std::optional<gate_verdict> not_final; // the last one that was written before it was decided
     std::optional<av_qos> qos;             // of the last verdict on a frame
     uint32_t qos_generation = 0;           // of the policies that it comes from
-
-    enum side { CLIENT, SERVER };
 };
 
 } // namespace avcore

@@ -44,8 +44,8 @@ struct passage {
 passage passage_of(const flow_row &row, const gate *gate) {
     const row_enforcement &state = row.enforcement;
     gate_counter seen = {};
-    if (gate != nullptr && state.seen[row_enforcement::CLIENT])
-        seen = gate->counter_of(state.flows[row_enforcement::CLIENT]);
+    if (gate != nullptr && state.flow)
+        seen = gate->counter_of(*state.flow);
     const passage passed = {seen.packets[GATE_UP] + seen.packets[GATE_DOWN],
                             seen.bytes[GATE_UP] + seen.bytes[GATE_DOWN],
                             seen.denied + seen.limited};

@@ -118,6 +118,23 @@ class Attempts:
         self.assertLess(received, 2 * (BURST + RATE * lasted))
         self.assertGreater(received, 0)
 
+    def keeps_limit(self, arrivals):
+        begins = time.time()
+        arrivals.up_to(begins + 3)
+        passed = arrivals.rate(SLOW, 4, UDP, begins, begins + 3) * 3 / 8
+        self.assertLess(passed, 2 * (BURST + RATE * 3))
+        self.assertGreater(passed, RATE)
+
+    @counts_rates
+    def test_a_packet_in_the_servers_name(self):
+        """It comes first, as if the flow were the server's."""
+        self.start()
+        client = self.connected(socket.SOCK_DGRAM, SERVERS[4], SLOW)
+        self.raw()(summed(ipv4(UDP, udp(SLOW, client.getsockname()[1]), src=SERVERS[4],
+                               dst=CLIENTS[4])))
+        self.addCleanup(Sender(client, 0.0005, 1000).stop)  # 16 Mbit/s
+        self.keeps_limit(self.at_server)
+
     @counts_rates
     def test_later_fragments(self):
         self.start()
@@ -184,11 +201,7 @@ class Bridged(Attempts, InlineTest):
         self.raw("eth1")(of_client(4, UDP, udp(40000, ALLOWED)))
         self.addCleanup(Sender(server, 0.0005, 1000).stop)  # 16 Mbit/s
         there.wait(lambda packet: packet.src_port == SLOW)
-        begins = time.time()
-        there.up_to(begins + 3)
-        passed = there.rate(SLOW, 4, UDP, begins, begins + 3) * 3 / 8
-        self.assertLess(passed, 2 * (BURST + RATE * 3))
-        self.assertGreater(passed, RATE)
+        self.keeps_limit(there)
 
 
 del Attempts  # its tests are run in both

@@ -232,7 +232,7 @@ TEST(AvcoreFlows, AVerdictByFlowKeyFitsEitherDirection) {
     const auto set = [&](uint32_t verdict) {
         setting.flow_key = key;
         setting.verdict = verdict;
-        return flows.set_application(setting);
+        return !flows.set_application(setting).empty();
     };
     EXPECT_TRUE(set(3));
     EXPECT_EQ(row.verdict, AV_VERDICT_DENY);
