@@ -1,5 +1,7 @@
 #include "core/base/reply.h"
 
+#include "core/text/text.h"
+
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -43,10 +45,12 @@ void line_buffer::format(const char *format, ...) {
 }
 
 void line_buffer::cell(const listing_cell &which, std::string_view value) {
-    const auto length = [](std::string_view part) { return static_cast<int>(part.size()); };
-    format("%.*s%.*s%.*s%.*s", length(which.before), which.before.data(), length(which.label),
-           which.label.data(), length(value), value.data(), length(which.behind),
-           which.behind.data());
+    char piece[PIECE_SIZE];
+    size_t length = 0;
+    text_appender to(piece, &length, sizeof piece);
+    for (const std::string_view part : {which.before, which.label, value, which.behind})
+        to.append(part);
+    append({piece, length});
 }
 
 void line_buffer::cell(const listing_cell &which, int64_t value) {

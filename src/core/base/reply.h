@@ -26,11 +26,12 @@ public:
     // A piece formatted as by printf, cut to 2,048 bytes less its NUL.
     [[gnu::format(printf, 2, 3)]] void format(const char *format, ...);
 
-    // A cell with its value, in one piece.
+    // A cell with its value, in one piece of less than 2,048 bytes.
     void cell(const listing_cell &which, std::string_view value = "");
     void cell(const listing_cell &which, int64_t value);
 
     std::string_view text() const { return {text_, length_}; }
+    bool has_ended() const { return full_; } // and takes no more
 
 private:
     char *text_;

@@ -39,6 +39,8 @@ struct listing {
 void list_entry(void *object, void *argument) {
     const auto *entry = static_cast<const dns_cache_entry *>(object);
     auto *list = static_cast<listing *>(argument);
+    if (list->text.has_ended())
+        return;
     char piece[512];
     line_buffer listed(piece, sizeof piece);
     listed.cell(LISTED_NUMBER, ++list->number);
