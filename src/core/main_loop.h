@@ -1,7 +1,7 @@
 // The event loop: one select over the capture, the command socket, its clients that haven't said
-// anything yet and the message bus, each ready descriptor served to completion, in that order, before
-// the next wait. What is waited for is a row in main_loop.cpp. Where nothing comes for five seconds
-// the DNS cache ages.
+// anything yet and the message bus, each ready descriptor served to completion, in that order,
+// before the next wait. What is waited for is a row in main_loop.cpp. Where nothing comes for five
+// seconds the DNS cache ages.
 #pragma once
 
 #include "packet/capture.h"
