@@ -46,7 +46,7 @@ _jorn() {
             if [[ $value ]] && ((++i < COMP_CWORD)); then
                 value=''
             fi
-        elif _jorn_listed "$said" Subcommands | grep -q -- "^$word "; then
+        elif [[ $'\n'$(_jorn_listed "$said" Subcommands) == *$'\n'"$word "* ]]; then
             path+=("$word")
             said=$("$program" "${path[@]}" --help 2>/dev/null)
             # jornctl takes the options of all words before, avcore those of the last.

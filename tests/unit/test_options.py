@@ -57,7 +57,8 @@ def document(path):
 
 def completed(program, *words):
     return set(subprocess.run(["bash", "-c", COMPLETE, f"{PROJECT}/shared/completion.bash", PROGRAMS[program],
-                               *words], text=True, check=True, stdout=subprocess.PIPE).stdout.split())
+                               *words], text=True, check=True, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT).stdout.split())
 
 
 class Options(unittest.TestCase):
@@ -85,6 +86,7 @@ class Options(unittest.TestCase):
         readme = f"{PROJECT}/README.md"
         for offered, *words in (("lo", "jorn", "-i", "l"), ("lo", "jornctl", "--socket", "x", "show", "url", "l"),
                                 ("off", "jornctl", "debug", "of"), (readme, "jornctl", "apply", readme[:-2]),
+                                ("--strict", "jornctl", "apply", "a[", "--st"),
                                 (readme, "avcore", "-o", "x", "-r", readme[:-2])):
             self.assertEqual(completed(*words), {offered}, words)
 
