@@ -45,6 +45,19 @@ class Attempts:
         return lambda packet, tags=b"": out.send(
             header + tags + (b"\x08\x00" if packet[0] >> 4 == 4 else b"\x86\xdd") + packet)
 
+    def move_client(self, interface):
+        """To another interface, again and again: it answers ARP at its own."""
+        send, left = self.raw(interface), threading.Event()
+
+        def stay():
+            while not left.wait(0.01):
+                send(of_client(4, UDP, udp(40000, ALLOWED)))
+
+        thread = threading.Thread(target=stay, daemon=True)
+        thread.start()
+        self.addCleanup(thread.join)
+        self.addCleanup(left.set)
+
     def test_fragments_that_decide_about_others(self):
         self.start()
         send = self.raw()
@@ -198,7 +211,7 @@ class Bridged(Attempts, InlineTest):
         flow.stop()
         there = Arrivals("client", "eth1")
         self.addCleanup(there.close)
-        self.raw("eth1")(of_client(4, UDP, udp(40000, ALLOWED)))
+        self.move_client("eth1")
         self.addCleanup(Sender(server, 0.0005, 1000).stop)  # 16 Mbit/s
         there.wait(lambda packet: packet.src_port == SLOW)
         self.keeps_limit(there)
