@@ -40,7 +40,9 @@ using netlink_visitor = std::function<void(const nlmsghdr &)>;
 // that changed while the kernel wrote it is asked for again. Returns 0 or an errno value, with
 // which nothing was called. `protocol`: NETLINK_ROUTE, for links, qdiscs and filters, or another.
 int netlink_ask(int protocol, netlink_request request, const netlink_visitor &each);
-inline int netlink_order(netlink_request request) { // to NETLINK_ROUTE
+// To NETLINK_ROUTE. Its flags share bits with those of a list, which ends by itself.
+inline int netlink_order(netlink_request request) {
+    request.message()->nlmsg_flags |= NLM_F_ACK;
     return netlink_ask(NETLINK_ROUTE, request, [](const nlmsghdr &) {});
 }
 
