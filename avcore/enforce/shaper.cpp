@@ -3,6 +3,7 @@
 #include "avcore/netlink/netlink.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -79,13 +80,15 @@ int set_class(uint32_t if_index, uint32_t number, uint64_t bytes_per_second) {
     return netlink_order(request);
 }
 
+// EINVAL says that a run before left one, whose number of flows can't be set again.
 int queue_flows(uint32_t if_index, uint32_t number) {
     netlink_request request = request_for(RTM_NEWQDISC, NLM_F_CREATE | NLM_F_REPLACE,
                                           at(if_index, ROOT | number, 0), "fq_codel");
     nlattr *options = mnl_attr_nest_start(request.message(), TCA_OPTIONS);
     put(request, TCA_FQ_CODEL_FLOWS, FLOWS);
     mnl_attr_nest_end(request.message(), options);
-    return netlink_order(request);
+    const int refused = netlink_order(request);
+    return refused == EINVAL ? 0 : refused;
 }
 
 int queue_bytes(uint32_t if_index, uint32_t number, uint64_t bytes) {
