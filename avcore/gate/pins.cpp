@@ -64,6 +64,12 @@ bool has_entries(const std::string &pins) {
     return false;
 }
 
+// A "/" at the end of the name names the same folder.
+fs::path folder_beside(const std::string &pins) {
+    const fs::path path = fs::absolute(pins).lexically_normal();
+    return (path.has_filename() ? path : path.parent_path()).parent_path();
+}
+
 } // namespace
 
 std::string layout_folder(const std::string &pins) {
@@ -90,7 +96,7 @@ void make_pins(const std::string &pins) {
 }
 
 void make_folder_beside(const std::string &pins) {
-    const fs::path folder = fs::absolute(pins).parent_path();
+    const fs::path folder = folder_beside(pins);
     std::error_code error;
     fs::create_directories(folder, error);
     if (error)
@@ -98,7 +104,7 @@ void make_folder_beside(const std::string &pins) {
 }
 
 unique_fd lock_beside(const std::string &pins) {
-    const std::string folder = fs::absolute(pins).parent_path();
+    const std::string folder = folder_beside(pins);
     unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.valid() ? flock(fd.get(), LOCK_EX) != 0 : errno != ENOENT)
         fail("no lock on " + folder + ", where the gate's pins are", errno);

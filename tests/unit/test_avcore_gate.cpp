@@ -33,7 +33,7 @@ namespace {
 
 using namespace avcore;
 
-constexpr char PINS[] = "/run/jorn/gate";
+constexpr char PINS[] = "/run/jorn/gate/";
 constexpr char V6[] = "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0";
 
 bool run(const char *command) {
