@@ -14,7 +14,6 @@ constexpr uint32_t DPI_FAILED = 3;
 constexpr size_t HOST_KEPT =
     sizeof ndpi_flow_struct::host_server_name - 1; // the end of a longer one
 constexpr size_t DOMAIN_MAX = sizeof(av_pkt_trailer::kernel_domain) - 1;
-// The daemon passes these over, so that the server's name from DNS counts.
 
 bool is_same_side(const endpoint &one, const endpoint &other) {
     return one.ip_be == other.ip_be && one.port == other.port;
