@@ -1,5 +1,6 @@
 #include "avcore/netlink/netlink.h"
 
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <sys/socket.h>
@@ -27,7 +28,7 @@ int ask_once(int protocol, const nlmsghdr &request, std::vector<datagram> &answe
     const std::unique_ptr<mnl_socket, closer> socket(mnl_socket_open2(protocol, SOCK_CLOEXEC));
     if (!socket || mnl_socket_sendto(socket.get(), &request, request.nlmsg_len) < 0)
         return errno;
-    std::vector<std::byte> bytes(65'536);
+    alignas(nlmsghdr) std::array<std::byte, 65'536> bytes; // written by the kernel
     for (int state = MNL_CB_OK; state > MNL_CB_STOP;) {
         const ssize_t size = mnl_socket_recvfrom(socket.get(), bytes.data(), bytes.size());
         if (size < 0)

@@ -401,8 +401,8 @@ TEST_F(AvcoreGate, IsSetUpWhileAnotherFails) {
             } catch (const std::runtime_error &) {
             }
         });
-        while (waiting() <= others)
-            std::this_thread::yield();
+        for (int i = 0; i < 1000 && waiting() <= others; i++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         return begun;
     };
     make_folder_beside(PINS);
