@@ -7,6 +7,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <linux/pkt_cls.h>
@@ -16,11 +17,14 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <thread>
 
 namespace avcore {
 namespace {
 
 constexpr uint32_t HANDLE = 0x6A6F;
+constexpr int BUSY_TRIES = 20;
+constexpr std::chrono::milliseconds BUSY_PAUSE(10);
 
 bpf_tc_hook hook_at(unsigned if_index, int points) {
     bpf_tc_hook hook = {};
@@ -161,7 +165,11 @@ void remove_hooks(unsigned if_index) {
         if (!filters_at(if_index, side).empty())
             return;
     bpf_tc_hook hook = hook_at(if_index, BPF_TC_INGRESS | BPF_TC_EGRESS);
-    const int error = bpf_tc_hook_destroy(&hook);
+    int error = bpf_tc_hook_destroy(&hook);
+    for (int i = 0; i < BUSY_TRIES && error == -EBUSY; i++) { // somebody lists what is attached
+        std::this_thread::sleep_for(BUSY_PAUSE);
+        error = bpf_tc_hook_destroy(&hook);
+    }
     if (error != 0 && error != -ENOENT && error != -EINVAL) // there is none any more
         fail("clsact can't be removed from", if_index, error);
 }
