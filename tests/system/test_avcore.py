@@ -226,7 +226,7 @@ class Avcore(SystemTest):
         self.daemon_behind_avcore()
         table, totals = avcore.communicate(timeout=60)
         self.assertEqual(avcore.returncode, 0, totals)
-        self.assertIn(f" {len(TRAFFIC)} answered, 0 resent, 0 unanswered\n", table)
+        self.assertRegex(table, rf" {len(TRAFFIC)} answered, \d+ resent, 0 unanswered\n")
 
     def test_the_engine_is_missed_only_by_a_daemon_that_does_not_use_it(self):
         for asked in True, False:
