@@ -5,12 +5,15 @@
 #include "core/base/record_bytes.h"
 #include "core/state/stats.h"
 #include "core/system/clock.h"
+#include "core/system/descriptors.h"
 #include "core/text/text.h"
 #include "packet/decode/decode.h"
 #include "packet/process.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -28,6 +31,7 @@ struct interface_watch {
     bool complained = false; // about a try in vain
     unsigned index = 0;      // of the interface that was opened
     int64_t looked_ms = 0;
+    int news_fd = -1; // while it isn't fine: readable when any interface changes
 };
 
 interface_watch watch;
@@ -47,6 +51,38 @@ bool is_up(const char *device) {
 // another one may be up under it.
 bool is_ours_up(const char *device) {
     return if_nametoindex(device) == watch.index && is_up(device);
+}
+
+// The kernel says when an interface comes; the loop's wait is longer than that may take. Without it
+// the interface is looked for once a wait.
+int listen_for_news() {
+    const int fd =
+        behind_capture(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK;
+    if (fd >= 0)
+        bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    return fd;
+}
+
+// Which interface they are of is found by looking.
+void drop_news() {
+    char message[4096];
+    while (recv(watch.news_fd, message, sizeof message, 0) >= 0 || errno == ENOBUFS) {
+    }
+}
+
+void is_not_fine(decltype(watch.state) state) {
+    watch.state = state;
+    watch.looked_ms = 0; // what came before the listening isn't in the news
+    if (watch.news_fd < 0)
+        watch.news_fd = listen_for_news();
+}
+
+void is_fine() {
+    close(watch.news_fd);
+    watch = {.index = watch.index};
 }
 
 // Opens the device, non-blocking. Returns false, with the words for it in `failure` and the reason
@@ -76,7 +112,7 @@ void try_again(capture_context *capture_ctx) {
     if (is_up(capture_ctx->device) && open_device(capture_ctx, failure)) {
         if (pcap_datalink(capture_ctx->handle) == DLT_EN10MB) {
             JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
-            watch = {.index = watch.index};
+            is_fine();
             return;
         }
         snprintf(failure, sizeof failure, "the datalink layer type is %d, not ethernet!!\n",
@@ -91,7 +127,7 @@ void try_again(capture_context *capture_ctx) {
 void lose(capture_context *capture_ctx, const char *reason) {
     JORN_ERROR_AS(LOOP, "capture on %s failed: %s\n", capture_ctx->device, reason);
     close_capture(capture_ctx);
-    watch.state = interface_watch::GONE;
+    is_not_fine(interface_watch::GONE);
 }
 
 // A second look: what went down may be deleted by now, and nothing more is heard of it then.
@@ -107,7 +143,7 @@ void look_again(capture_context *capture_ctx) {
         try_again(capture_ctx); // it may be there again already
     } else if (is_up(capture_ctx->device)) {
         JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
-        watch.state = interface_watch::FINE;
+        is_fine();
     }
 }
 
@@ -134,10 +170,15 @@ void close_capture(capture_context *capture_ctx) {
 int jorn_capture_descriptor(capture_context *capture_ctx) {
     if (watch.state != interface_watch::FINE)
         look_again(capture_ctx);
-    return capture_ctx->handle != nullptr ? pcap_fileno(capture_ctx->handle) : -1;
+    return watch.state == interface_watch::FINE ? pcap_fileno(capture_ctx->handle) : watch.news_fd;
 }
 
 void jorn_capture_dispatch(capture_context *capture_ctx) {
+    if (watch.state != interface_watch::FINE) [[unlikely]] {
+        drop_news();
+        watch.looked_ms = 0; // the next wait is behind a look
+        return;
+    }
     const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR) {
@@ -145,7 +186,7 @@ void jorn_capture_dispatch(capture_context *capture_ctx) {
     } else if (result == 0 && watch.state == interface_watch::FINE &&
                !is_ours_up(capture_ctx->device)) { // readable without a packet: so it is told
         JORN_ERROR_AS(LOOP, "capture on %s: the interface is down\n", capture_ctx->device);
-        watch.state = interface_watch::DOWN;
+        is_not_fine(interface_watch::DOWN);
     }
 }
 

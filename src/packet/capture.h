@@ -37,9 +37,10 @@ int jorn_set_pkt_processor(capture_context *capture_ctx);
 // libpcap's callback: runs one packet through the chain. `user` is the capture context.
 void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
 
-// The capture's descriptor, asked before every wait, or -1 while there is no interface. Without one
-// it is tried again, once a second at most.
+// The capture's descriptor, asked before every wait. While the interface is down or gone it is that
+// of the kernel's news of interfaces instead; it is looked for at each of them, and else once a
+// second at most.
 int jorn_capture_descriptor(capture_context *capture_ctx);
 
-// Takes at most one packet.
+// Takes at most one packet, or the news.
 void jorn_capture_dispatch(capture_context *capture_ctx);

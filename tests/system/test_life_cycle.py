@@ -122,20 +122,16 @@ class End(SystemTest):
 
 
 class CaptureInterface(SystemTest):
-    def wait_line(self, text):
-        """Commands make the loop pass, which looks at the interface every five seconds else."""
-        wait_until(lambda: command(34, bytes(4)) or any(text in said for said in self.jorn.lines.items))
-
     def test_down_and_up_then_deleted_and_made_again(self):
         self.platform()
         self.start()
         run("ip", "link", "set", CAPTURE, "down")
-        self.wait_line("the interface is down")
+        self.jorn.wait_line("the interface is down")
         run("ip", "link", "set", CAPTURE, "up")
-        self.wait_line("the interface is back")
+        self.jorn.wait_line("the interface is back")
         self.assertEqual(self.judge([udp_frame(40001, 40002)]), [flow(40001, 40002, 17)])
         run("ip", "link", "del", FEED)
-        self.wait_line("trying again")
+        self.jorn.wait_line("trying again")
         for _ in range(20):
             command(34, bytes(4))
         self.make_links()
