@@ -61,9 +61,10 @@ int listen_for_news() {
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK;
-    if (fd >= 0)
-        bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    return fd;
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return fd;
+    close(fd);
+    return -1;
 }
 
 // Which interface they are of is found by looking.
