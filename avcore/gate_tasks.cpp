@@ -8,7 +8,7 @@
 namespace avcore {
 
 int set_up_gate(const options &options, const config &settings) {
-    gate attached(options.pins, options.gate_interfaces);
+    gate attached(options.pins, options.gate_interfaces, options.attach);
     if (!options.config.empty()) // or a closed gate would open
         attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)

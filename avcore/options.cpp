@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
+#include <set>
 
 namespace avcore {
 namespace {
@@ -17,6 +18,22 @@ void add_gate_interfaces(CLI::App &app, options &chosen, const char *what) {
         ->type_name("IFACE")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+void add_attach(CLI::App &app, options &chosen) {
+    std::set<std::string> names;
+    for (const attach_way way : ATTACH_WAYS)
+        names.insert(name_of(way));
+    app.add_option_function<std::string>(
+           "--attach",
+           [&chosen](const std::string &name) {
+               for (const attach_way way : ATTACH_WAYS)
+                   if (name == name_of(way))
+                       chosen.attach = way;
+           },
+           "How the kernel is to run the gate: tcx where it has that (Linux 6.6), else clsact")
+        ->type_name("WAY")
+        ->check(CLI::IsMember(names));
 }
 
 void add_pins(CLI::App &app, options &chosen) {
@@ -41,6 +58,7 @@ void add_run_options(CLI::App &app, options &chosen) {
     add_gate_interfaces(*input, chosen,
                         "Enforce the verdicts on this interface of clients, until SIGINT; may be "
                         "given several times");
+    add_attach(app, chosen);
     add_pins(app, chosen);
     add_config(app, chosen);
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
@@ -77,6 +95,7 @@ void add_tasks(CLI::App &app, options &chosen) {
                           "would carry packets past it",
                           task::set_up_gate);
     add_gate_interfaces(*setup, chosen, "Interface of clients; may be given several times");
+    add_attach(*setup, chosen);
     add_config(*setup, chosen);
     add("teardown", "Detach the gate everywhere and forget its verdicts", task::tear_down_gate);
     add("status", "Show where the gate is attached, and what it does", task::show_gate)

@@ -24,6 +24,7 @@ struct options {
     std::string file; // one of these three is set
     std::string in_interface;
     std::vector<std::string> gate_interfaces; // also of set_up_gate
+    std::optional<attach_way> attach;         // the gate there
     std::string pins = GATE_PINS;
     std::string config; // may be empty
     bool json = false;

@@ -42,7 +42,7 @@ session::session(const options &options, config settings)
       inline_(options.gate_interfaces.empty()
                   ? nullptr
                   : std::make_unique<enforcement>(options.pins, options.gate_interfaces,
-                                                  settings_.enforce, sayer())),
+                                                  options.attach, settings_.enforce, sayer())),
       builder_(settings_, options.in_interface),
       source_(open_source(options, inline_.get())),
       sink_(options.out_interface),

@@ -2,7 +2,7 @@
 and under verdicts, taken in turn, round by round.
 
     scripts/private python3 -B bench/inline.py [--bridged] [--rounds N] [--seconds N] [--flows N]
-                                                   [--pages N]
+                                                   [--pages N] [--attach tcx|clsact]
 
 One client sends to one server as fast as this machine can: TCP, then UDP in packets of 200 bytes;
 then it pings. Ratios are to the same round's figures without the gate; what is printed are medians.
@@ -58,6 +58,9 @@ def packets_at_server():
 
 
 class Measurement(InlineTest):
+    def attach(self):
+        return ("--attach", arguments.attach) if arguments.attach else ()
+
     def measure(self):
         self.bridged = arguments.bridged
         self._lay_out(0)
@@ -124,7 +127,8 @@ class Measurement(InlineTest):
         self.configure("")
         with contextlib.ExitStack() as end:
             if counted:
-                run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", "-c", CONFIG)
+                run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(),
+                            "-c", CONFIG)
                 end.callback(run_quietly, jorn_path("avcore"), "teardown")
             judged = counted in ("decided", "undecided")
             if judged:
@@ -288,6 +292,7 @@ if __name__ == "__main__":
     parser.add_argument("--seconds", type=int, default=2)
     parser.add_argument("--flows", type=int, default=200)
     parser.add_argument("--pages", type=int, default=40)
+    parser.add_argument("--attach", choices=("tcx", "clsact"))
     arguments = parser.parse_args()
     if arguments.pages:
         for milliseconds in 0, 10:

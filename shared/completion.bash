@@ -10,7 +10,7 @@ _jorn_value() { # help, option
     awk -v option="$2" '{
         count = split($1, names, ",")
         for (n = 1; n <= count; ++n)
-            if (names[n] == option && index($0, $1 " " $2) && match($2, /^[A-Z][A-Z]+/)) {
+            if (names[n] == option && index($0, $1 " " $2) && match($2, /^[A-Z][A-Z]+(:[{].*[}])?/)) {
                 print substr($2, 1, RLENGTH)
                 exit
             }

@@ -13,10 +13,11 @@ constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
 } // namespace
 
 enforcement::enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
-                         const enforce_settings &settings, say_function say)
+                         std::optional<attach_way> way, const enforce_settings &settings,
+                         say_function say)
     : settings_(settings),
       say_(std::move(say)),
-      gate_(pins, interfaces),
+      gate_(pins, interfaces, way),
       enforcer_(gate_, settings_, say_) {}
 
 void enforcement::begin(const channel_server &channel, feeder &feeder) {

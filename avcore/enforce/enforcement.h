@@ -25,9 +25,9 @@ public:
     using say_function = std::function<void(const std::string &)>;
 
     // Opens the gate, and changes nothing of what it does so far. Throws std::runtime_error.
-    // `settings` outlive it; they may change.
+    // `settings` outlive it; they may change. `way`: of attaching the gate.
     enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
-                const enforce_settings &settings, say_function say);
+                std::optional<attach_way> way, const enforce_settings &settings, say_function say);
 
     // Once daemons can come: verdicts are asked for and carried out from here on. Both outlive it.
     void begin(const channel_server &channel, feeder &feeder);

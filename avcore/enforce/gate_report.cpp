@@ -35,10 +35,15 @@ constexpr struct {
 };
 static_assert(std::size(COUNTS) == GATE_COUNTS);
 
-std::string list_of(const std::vector<std::string> &names) {
+using attach_ways = std::map<std::string, std::vector<attach_way>>;
+
+std::string list_of(const std::vector<std::string> &names, const attach_ways &ways) {
     std::string list;
-    for (const std::string &name : names)
+    for (const std::string &name : names) {
         list += (list.empty() ? "" : ", ") + name;
+        for (const attach_way way : ways.at(name))
+            list += std::string(" (") + name_of(way) + ")";
+    }
     return list.empty() ? "nothing" : list;
 }
 
@@ -68,9 +73,9 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         out << "there is no gate\n";
         return;
     }
-    out << "attached to: " << list_of(status.interfaces) << '\n';
+    out << "attached to: " << list_of(status.interfaces, status.ways) << '\n';
     for (const auto &[access_point, names] : status.stations)
-        out << "  stations of " << access_point << ": " << list_of(names) << '\n';
+        out << "  stations of " << access_point << ": " << list_of(names, status.ways) << '\n';
     out << "without a daemon: " << (status.rules.fail_closed ? "closed" : "open") << '\n'
         << "copies a second of each client: " << status.rules.copies_per_second << '\n'
         << "beyond them: " << word_of(!status.rules.drop_excess)
@@ -88,6 +93,10 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
     if (status.there) {
         object["interfaces"] = status.interfaces;
         object["stations"] = status.stations;
+        object["attached_by"] = nlohmann::ordered_json::object();
+        for (const auto &[name, ways] : status.ways)
+            for (const attach_way way : ways)
+                object["attached_by"][name].push_back(name_of(way));
         object["fail"] = status.rules.fail_closed ? "closed" : "open";
         object["copies"] = status.rules.copies_per_second;
         object["excess"] = word_of(!status.rules.drop_excess);

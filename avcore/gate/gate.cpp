@@ -30,8 +30,10 @@ void list_attached(uint32_t settings_id, gate_status &status) {
     std::map<unsigned, std::string> attached;
     for (const auto &[index, name] : all_interfaces()) {
         const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
-        if (there && uses(*there, settings_id))
-            attached[index] = name;
+        if (!there || !uses(*there, settings_id))
+            continue;
+        attached[index] = name;
+        status.ways[name] = ways_of_gate(index, tc_side::ingress);
     }
     const wireless_list all = wireless_interfaces().value_or(wireless_list());
     for (const auto &[index, name] : attached) {
@@ -72,9 +74,10 @@ struct gate::parts {
     gate_places places;
 };
 
-gate::gate(const std::string &pins, const std::vector<std::string> &interfaces) {
+gate::gate(const std::string &pins, const std::vector<std::string> &interfaces,
+           std::optional<attach_way> wanted) {
     libbpf_set_print(nullptr); // it would talk to standard error
-    set_up_gate(pins, interfaces);
+    set_up_gate(pins, interfaces, wanted);
     parts_ = std::make_unique<parts>(pins, interfaces);
     if (generation() == 0) { // a new one
         set_rules({});

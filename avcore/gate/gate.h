@@ -6,6 +6,7 @@
 // function that would open it throws and says so.
 #pragma once
 
+#include "avcore/gate/attach_way.h"
 #include "avcore/gate/counts.h"
 #include "avcore/gate/interface_news.h"
 #include "avcore/records/enforce_settings.h"
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -32,9 +34,11 @@ class gate {
 public:
     // Loads the gate where it isn't, keeps what is pinned there, and attaches it to the interfaces
     // that it isn't attached to. What others attached stays. Mounts a bpffs at `pins` where there
-    // is none. Throws std::runtime_error with a reason for the user; nothing that it began is left
-    // behind then.
-    gate(const std::string &pins, const std::vector<std::string> &interfaces);
+    // is none. `wanted`: by which way; otherwise by the better one that the kernel has. Where it
+    // stands by the other one it is moved. Throws std::runtime_error with a reason for the user;
+    // nothing that it began is left behind then.
+    gate(const std::string &pins, const std::vector<std::string> &interfaces,
+         std::optional<attach_way> wanted = std::nullopt);
     ~gate(); // the gate itself stays where it is
     gate(gate &&) noexcept;
 
@@ -87,6 +91,7 @@ struct gate_status {
     bool there = false;
     std::vector<std::string> interfaces; // it is attached to, but for those of single stations:
     std::map<std::string, std::vector<std::string>> stations; // by the access point's
+    std::map<std::string, std::vector<attach_way>> ways;      // of all of them
     gate_rules rules;
     uint32_t generation = 0;
     int64_t beat_age_ms = -1;  // none yet

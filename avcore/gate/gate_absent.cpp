@@ -15,7 +15,7 @@ namespace {
 
 } // namespace
 
-gate::gate(const std::string &, const std::vector<std::string> &) {
+gate::gate(const std::string &, const std::vector<std::string> &, std::optional<attach_way>) {
     refuse();
 }
 gate::~gate() = default;

@@ -1,5 +1,6 @@
 #include "avcore/gate/loader.h"
 
+#include "avcore/gate/clsact.h"
 #include "avcore/gate/maps.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/traffic_control.h"
@@ -11,13 +12,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <tuple>
 #include <unistd.h>
-#include <utility>
 
 namespace avcore {
 namespace {
@@ -51,7 +53,7 @@ struct beginnings {
     std::string pins;
     bool pins_are_new = false;
     std::vector<std::string> pinned;
-    std::vector<std::pair<unsigned, tc_side>> attached;
+    std::vector<std::tuple<unsigned, tc_side, attach_way>> attached;
     std::vector<unsigned> hooks;
     bool done = false;
 
@@ -59,8 +61,8 @@ struct beginnings {
         if (done)
             return;
         try {
-            for (const auto &[index, side] : attached)
-                detach(index, side);
+            for (const auto &[index, side, way] : attached)
+                detach(index, side, way);
             for (const unsigned index : hooks)
                 remove_hooks(index);
             for (const std::string &pin : pinned)
@@ -141,38 +143,61 @@ int program_fd(bpf_object *object, tc_side side) {
 }
 
 // Leaves what is attached already, unless it comes from another build or works on other maps.
-void attach_where_needed(bpf_object *object, unsigned index, bool is_new, beginnings &begun) {
-    if (is_new && make_hooks(index))
+void attach_where_needed(bpf_object *object, unsigned index, attach_way way, bool is_new,
+                         beginnings &begun) {
+    if (way == attach_way::clsact && make_hooks(index))
         begun.hooks.push_back(index);
     for (const tc_side side : TC_SIDES) {
         const int fd = program_fd(object, side);
         const tc_program ours = program_of(fd);
-        const std::optional<tc_program> there = gate_at(index, side);
-        if (!there && !is_new)
+        if (!is_new && !gate_at(index, side))
             continue;
+        const std::optional<tc_program> there = gate_at(index, side, way);
         if (there && there->tag == ours.tag && there->map_ids == ours.map_ids)
             continue;
-        attach(index, side, fd);
+        attach(index, side, way, fd);
         if (!there)
-            begun.attached.emplace_back(index, side);
+            begun.attached.emplace_back(index, side, way);
     }
 }
 
-// Where the gate stands at other interfaces, too, it is brought up to date there.
-void attach_everywhere(bpf_object *object, const std::vector<unsigned> &wanted, uint32_t settings,
-                       beginnings &begun) {
-    for (const unsigned index : wanted)
-        attach_where_needed(object, index, true, begun);
+// Where the gate stands at other interfaces, too, it is brought up to date there. Returns all of
+// them.
+std::map<unsigned, attach_way> attach_everywhere(bpf_object *object,
+                                                 const std::vector<unsigned> &named,
+                                                 std::optional<attach_way> wanted,
+                                                 uint32_t settings, beginnings &begun) {
+    std::map<unsigned, attach_way> attached;
+    for (const unsigned index : named) {
+        attached[index] = way_to_attach(index, wanted);
+        attach_where_needed(object, index, attached[index], true, begun);
+    }
     for (const auto &[index, name] : all_interfaces()) {
         const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
-        if (there && uses(*there, settings))
-            attach_where_needed(object, index, false, begun);
+        if (attached.contains(index) || !there || !uses(*there, settings))
+            continue;
+        attached[index] = way_to_attach(index, wanted);
+        attach_where_needed(object, index, attached[index], false, begun);
     }
+    return attached;
+}
+
+// A gate that was attached by the other way goes when its successor stands, or packets would pass
+// unjudged in between. The kernel has no single step from one way to the other: for as long as the
+// rest takes (some 25 ms an interface) one judges behind the other. What one denies stays denied;
+// what both let pass is counted, copied and taken from its limit twice. A successor that ended the
+// road of what it lets pass would spare that, and pass over what others have attached.
+void take_predecessors_away(const std::map<unsigned, attach_way> &attached) {
+    for (const auto &[index, chosen] : attached)
+        for (const attach_way way : ATTACH_WAYS)
+            if (way != chosen)
+                take_gate_from(index, way);
 }
 
 } // namespace
 
-void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces) {
+void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
+                 std::optional<attach_way> wanted) {
     std::vector<unsigned> indices;
     indices.reserve(interfaces.size());
     for (const std::string &name : interfaces)
@@ -188,9 +213,11 @@ void set_up_gate(const std::string &pins, const std::vector<std::string> &interf
     reuse_maps(object.get(), pins);
     load(object.get(), begun);
     const int settings = bpf_object__find_map_fd_by_name(object.get(), "settings");
-    attach_everywhere(object.get(), indices, id_of_map(settings), begun);
+    const auto attached =
+        attach_everywhere(object.get(), indices, wanted, id_of_map(settings), begun);
+    begun.done = true; // from here on what was begun may be all that stands
+    take_predecessors_away(attached);
     remove_pins(pins, layouts::others);
-    begun.done = true;
 }
 
 } // namespace avcore

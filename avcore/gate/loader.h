@@ -2,6 +2,9 @@
 // interfaces.
 #pragma once
 
+#include "avcore/gate/attach_way.h"
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,6 +12,7 @@ namespace avcore {
 
 // As gate's constructor says. One process at a time does it, from the look at what is there to the
 // end, also when what it began is taken back.
-void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces);
+void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
+                 std::optional<attach_way> wanted);
 
 } // namespace avcore

@@ -135,8 +135,7 @@ void gate_places::take(unsigned index, unsigned access_point) {
         return; // gone already
     try {
         const unique_fd lock = lock_beside(pins_);
-        gate_programs_at(access_point);
-        attach_all(index, programs_);
+        attach_all(index, gate_programs_at(access_point));
         news_.changes.push_back(place.name + " has stations of " + place.access_point +
                                 ": the gate is attached there");
     } catch (const std::runtime_error &error) {

@@ -1,11 +1,12 @@
-// The gate's programs at the interfaces: attached to the kernel's traffic control (clsact), at a
-// priority and with a handle of their own, so that they can be told from what others attached.
+// The gate's programs at the interfaces, by either of the kernel's ways: tcx where it has that,
+// clsact else. Everything throws std::runtime_error with a reason for the user.
 #pragma once
 
+#include "avcore/gate/attach_way.h"
+#include "avcore/gate/tc_program.h"
 #include "shared/unique_fd.h"
 
 #include <array>
-#include <cstdint>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -13,48 +14,30 @@
 
 namespace avcore {
 
-// Programs are known by it whoever loaded them; "up" or "down" follows.
-inline constexpr char GATE_PROGRAM[] = "jorn_gate_";
-inline constexpr uint32_t GATE_PRIORITY = 7; // the kernel's own choice starts at 49152
-
-enum class tc_side { ingress, egress };
-inline constexpr tc_side TC_SIDES[] = {tc_side::ingress, tc_side::egress};
-
-struct tc_program {
-    uint32_t id = 0;
-    std::string name;
-    std::string tag; // the kernel's hash of the instructions
-    std::vector<uint32_t> map_ids;
-};
-
-struct tc_filter {
-    uint32_t priority = 0;
-    std::string kind;
-    std::string name;       // of a BPF program
-    bool redirects = false; // one of its actions does; of a BPF program nobody knows
-};
-
-tc_program program_of(int fd);
-
 // Throws where there is none, or where it has no Ethernet frames.
 unsigned ethernet_interface(const std::string &name);
 
-// The gate's program there. Throws where what stands in its place is somebody else's.
-std::optional<tc_program> gate_at(unsigned if_index, tc_side side);
-// True when the interface had no clsact and got one.
-bool make_hooks(unsigned if_index);
-// Only where nothing is attached to them any more.
-void remove_hooks(unsigned if_index);
-void attach(unsigned if_index, tc_side side, int program_fd); // in the place of an older one
-void detach(unsigned if_index, tc_side side);
+// `wanted`, or the better one that the kernel has.
+attach_way way_to_attach(unsigned if_index, std::optional<attach_way> wanted);
 
-// By TC_SIDES, for other interfaces: what is in the kernel needn't be loaded and verified again.
-using gate_programs = std::array<unique_fd, std::size(TC_SIDES)>;
+// The gate's program there.
+std::optional<tc_program> gate_at(unsigned if_index, tc_side side, attach_way way);
+std::optional<tc_program> gate_at(unsigned if_index, tc_side side); // by any way
+std::vector<attach_way> ways_of_gate(unsigned if_index, tc_side side);
+
+void attach(unsigned if_index, tc_side side, attach_way way, int program_fd); // for an older one
+void detach(unsigned if_index, tc_side side, attach_way way);
+
+// What is in the kernel needn't be loaded and verified again for other interfaces.
+struct gate_programs {
+    attach_way way = attach_way::tcx;
+    std::array<unique_fd, std::size(TC_SIDES)> fds;
+};
 gate_programs gate_programs_at(unsigned if_index); // throws where there is no gate
 void attach_all(unsigned if_index, const gate_programs &programs);
-// False where there was none.
-bool take_gate_from(unsigned if_index);
 
-std::vector<tc_filter> filters_at(unsigned if_index, tc_side side);
+// False where there was none.
+bool take_gate_from(unsigned if_index, attach_way way);
+bool take_gate_from(unsigned if_index);
 
 } // namespace avcore

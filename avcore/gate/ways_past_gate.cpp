@@ -1,11 +1,11 @@
+#include "avcore/gate/clsact.h"
 #include "avcore/gate/gate.h"
-#include "avcore/gate/traffic_control.h"
+#include "avcore/gate/tcx.h"
 #include "avcore/netlink/netlink.h"
 #include "shared/unique_fd.h"
 
 #include <algorithm>
 #include <array>
-#include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cstdio>
 #include <cstring>
@@ -20,8 +20,6 @@
 namespace avcore {
 namespace {
 
-// The number is Linux's since 6.6; older headers don't have it.
-constexpr auto TCX_INGRESS = static_cast<bpf_attach_type>(46);
 constexpr uint32_t STRINGS_MAX = 256;
 
 using lines = std::vector<std::string>;
@@ -97,12 +95,13 @@ void add_programs(const std::string &name, unsigned index, lines &found) {
     if (bpf_xdp_query_id(static_cast<int>(index), 0, &id) == 0 && id != 0)
         found.push_back(name + ": an XDP program (id " + std::to_string(id) +
                         ") sees packets before the gate");
-    uint32_t ids[16] = {};
-    uint32_t count = std::size(ids);
-    if (bpf_prog_query(static_cast<int>(index), TCX_INGRESS, 0, nullptr, ids, &count) == 0 &&
-        count > 0)
-        found.push_back(name + ": a tcx program (id " + std::to_string(ids[0]) +
+    const std::optional<tc_program> gate = tcx_gate(index, tc_side::ingress);
+    for (const uint32_t before : tcx_programs(index, tc_side::ingress)) {
+        if (gate && gate->id == before)
+            return; // which sees them before any filter, too
+        found.push_back(name + ": a tcx program (id " + std::to_string(before) +
                         ") sees packets before the gate");
+    }
     for (const tc_filter &filter : filters_at(index, tc_side::ingress)) {
         const bool own = filter.name.starts_with(GATE_PROGRAM);
         const bool may_redirect = filter.redirects || filter.kind == "bpf";

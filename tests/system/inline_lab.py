@@ -251,11 +251,15 @@ class InlineTest(SystemTest):
         self.lines = Record("lines of avcore")
         with open(REPORT, "w") as report:
             self.avcore = subprocess.Popen(
-                [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", "-c", CONFIG, "--json",
-                 *self.options], stdout=report, stderr=subprocess.PIPE, text=True)
+                [jorn_path("avcore"), "-o", FEED, "--inline", "wlan0", *self.attach(), "-c", CONFIG,
+                 "--json", *self.options], stdout=report, stderr=subprocess.PIPE, text=True)
         threading.Thread(target=self._read, args=(self.avcore.stderr, self.lines), daemon=True).start()
         self.addCleanup(self.stop_avcore, self.avcore)
         wait_for_listener(AV_SOCKET)
+
+    def attach(self):
+        """Routed as the kernel has it, bridged the older way, so that both are tried."""
+        return ("--attach", "clsact") if self.bridged else ()
 
     def _read(self, stream, lines):
         with stream:

@@ -4,7 +4,9 @@
 #include "avcore/gate/gate.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/places.h"
+#include "avcore/gate/traffic_control.h"
 #include "shared/unique_fd.h"
+#include "support/foreign_program.h"
 #include "support/frames.h"
 
 #include <algorithm>
@@ -55,6 +57,15 @@ gate_verdict denial(uint8_t flags, uint32_t generation) {
     verdict.action = GATE_DENY;
     verdict.flags = flags;
     return verdict;
+}
+
+using attached_by = std::map<std::string, std::vector<attach_way>>;
+
+// Those that this kernel has.
+std::vector<attach_way> ways_here() {
+    if (way_to_attach(if_nametoindex("lo"), std::nullopt) == attach_way::clsact)
+        return {attach_way::clsact};
+    return {attach_way::tcx, attach_way::clsact};
 }
 
 class AvcoreGate : public testing::Test {
@@ -346,7 +357,7 @@ TEST_F(AvcoreGate, ResetsHaveAChecksum) {
 
 TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     ASSERT_TRUE(run("tc qdisc add dev gw1 ingress"));
-    EXPECT_THROW(gate(PINS, {"gw0", "gw1"}), std::runtime_error);
+    EXPECT_THROW(gate(PINS, {"gw0", "gw1"}, attach_way::clsact), std::runtime_error);
     EXPECT_FALSE(std::filesystem::exists(PINS));
     EXPECT_FALSE(run("tc qdisc show dev gw0 | grep clsact"));
     gate_flow flow = {};
@@ -363,13 +374,13 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     EXPECT_FALSE(look_at_gate(PINS).there);
 
     constexpr char MAKE_ANEW[] = "ip link del gw1 && ip link add gw1 type veth";
-    {
+    for (const attach_way way : ways_here()) {
         EXPECT_TRUE(run(MAKE_ANEW));
-        gate fresh(PINS, {"gw1"});
+        gate fresh(PINS, {"gw1"}, way);
         EXPECT_TRUE(fresh.follow_interfaces().empty());
         EXPECT_TRUE(run(MAKE_ANEW));
         EXPECT_EQ(fresh.follow_interfaces().changes.size(), 1u);
-        EXPECT_EQ(look_at_gate(PINS).interfaces, std::vector<std::string>{"gw1"});
+        EXPECT_EQ(look_at_gate(PINS).ways, attached_by({{"gw1", {way}}}));
     }
     const std::string pin = std::string(PINS) + "/" GATE_LAYOUT "/limits";
     std::filesystem::rename(std::string(PINS) + "/" GATE_LAYOUT "/processors", pin);
@@ -379,6 +390,63 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     } catch (const std::runtime_error &error) {
         EXPECT_NE(std::string(error.what()).find(pin), std::string::npos) << error.what();
     }
+}
+
+TEST_F(AvcoreGate, MovesFromOneWayToTheOtherAmongThePrograms) {
+    if (ways_here().size() < 2)
+        GTEST_SKIP() << "this kernel has one way";
+    foreign_program in_list;
+    foreign_program filter;
+    in_list.attach_to_tcx("gw0", false);
+    filter.attach_to_clsact("gw0");
+    const octets frame = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x")));
+    using numbers = std::vector<uint64_t>;
+    const auto frame_runs = [&](const gate &at, int expected) {
+        EXPECT_EQ(fate(at, frame), std::vector<int>{expected});
+        return numbers{in_list.runs(), filter.runs()};
+    };
+    const auto ways_past = [] { return ways_past_gate({"gw0"}).size(); };
+    for (const attach_way way : {attach_way::clsact, attach_way::tcx, attach_way::clsact}) {
+        SCOPED_TRACE(name_of(way));
+        gate at(PINS, {"gw0"}, way);
+        EXPECT_EQ(look_at_gate(PINS).ways, attached_by({{"gw0", {way}}}));
+        EXPECT_EQ(ways_past(), way == attach_way::clsact ? 1u : 0u);
+        at.beat();
+        at.next_generation();
+        EXPECT_EQ(frame_runs(at, GATE_COUNT_UNDECIDED), (numbers{1, 1}));
+        gate_copy_seen copy;
+        ASSERT_TRUE(at.take(copy));
+        ASSERT_TRUE(at.decide(copy.head.flow, denial(0, at.generation())));
+        EXPECT_EQ(frame_runs(at, GATE_COUNT_DENIED),
+                  (way == attach_way::clsact ? numbers{1, 0} : numbers{0, 0}));
+        gate_verdict verdict = denial(0, at.generation());
+        verdict.action = GATE_PASS;
+        ASSERT_TRUE(at.decide(copy.head.flow, verdict));
+        EXPECT_EQ(frame_runs(at, GATE_COUNT_DECIDED), (numbers{1, 1}));
+        gate_verdict forgotten = {};
+        ASSERT_TRUE(at.decide(copy.head.flow, forgotten));
+
+        EXPECT_TRUE(run("ip link del gw1 && ip link add gw1 type veth && "
+                        "tc qdisc add dev gw1 ingress"));
+        const attach_way other = way == attach_way::clsact ? attach_way::tcx : attach_way::clsact;
+        EXPECT_THROW(gate(PINS, {"gw0", "none"}, other), std::runtime_error);
+        EXPECT_THROW(gate(PINS, {"gw0", "gw1"}, attach_way::clsact), std::runtime_error);
+        EXPECT_EQ(look_at_gate(PINS).ways, attached_by({{"gw0", {way}}}));
+    }
+    {
+        const gate at(PINS, {"gw0"});
+        foreign_program in_front;
+        in_front.attach_to_tcx("gw0", true);
+        EXPECT_EQ(ways_past(), 1u);
+    }
+    EXPECT_EQ(tear_down_gate(PINS), std::vector<std::string>{"gw0"});
+    send_frame(frame);
+    uint64_t left = 0;
+    for (int i = 0; i < 1000 && left < 2; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        left += in_list.runs() + filter.runs();
+    }
+    EXPECT_EQ(left, 2u) << "what others attached";
 }
 
 // How many of this process's threads wait for a lock.
@@ -397,7 +465,7 @@ TEST_F(AvcoreGate, IsSetUpWhileAnotherFails) {
     const auto start = [](const char *interface, long others) {
         std::thread begun([interface] {
             try {
-                gate(PINS, {interface});
+                gate(PINS, {interface}, attach_way::clsact);
             } catch (const std::runtime_error &) {
             }
         });

@@ -87,6 +87,7 @@ class Options(unittest.TestCase):
         for offered, *words in (("lo", "jorn", "-i", "l"), ("lo", "jornctl", "--socket", "x", "show", "url", "l"),
                                 ("off", "jornctl", "debug", "of"), (readme, "jornctl", "apply", readme[:-2]),
                                 ("--strict", "jornctl", "apply", "a[", "--st"),
+                                ("tcx", "avcore", "setup", "--attach", "t"),
                                 (readme, "avcore", "-o", "x", "-r", readme[:-2])):
             self.assertEqual(completed(*words), {offered}, words)
 
