@@ -15,21 +15,7 @@
 namespace {
 
 constexpr time_t WAIT_SECONDS = 5;
-
-// The descriptors of one wait; -1 leaves one out.
-struct read_set {
-    fd_set descriptors;
-    int highest = -1;
-
-    read_set() { FD_ZERO(&descriptors); }
-    void add(int fd) {
-        if (fd < 0 || fd >= FD_SETSIZE)
-            return;
-        FD_SET(fd, &descriptors);
-        highest = std::max(highest, fd);
-    }
-    bool ready(int fd) const { return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, &descriptors); }
-};
+constexpr suseconds_t AT_ONCE_US = 10;
 
 // What the loop waits for, beyond what the rooms keep themselves.
 struct loop_inputs {
@@ -85,49 +71,90 @@ constexpr loop_row ROWS[] = {
     {bus_descriptor, nullptr, serve_bus},
 };
 
-// The rows' descriptors of one pass, as one wait finds them.
-struct pass {
-    int descriptors[std::size(ROWS)];
-    read_set ready;
-
-    explicit pass(const loop_inputs &in) {
+// What select is asked. It is kept from pass to pass, for the descriptors seldom change, and the C
+// library's checked FD_SET is a call.
+class wait_set {
+public:
+    // Asks the rows for their descriptors.
+    void ask(const loop_inputs &in) {
+        bool changed = false;
         for (size_t i = 0; i < std::size(ROWS); ++i) {
-            descriptors[i] = ROWS[i].descriptor(in);
-            ready.add(descriptors[i]);
+            const int fd = ROWS[i].descriptor(in);
+            changed = changed || fd != descriptors_[i];
+            descriptors_[i] = fd;
         }
+        if (changed)
+            fill();
     }
-    // What select returns.
-    int wait() {
+    // What select returns. While packets queue up it is asked without a wait: for one that ends at
+    // once the kernel still reads its clock twice and enters the process with each descriptor,
+    // which takes as long as everything that the daemon itself does about a packet.
+    int wait(fd_set &ready) {
+        if (busy_) {
+            timeval none = {0, 0};
+            if (const int count = select_ready(ready, none); count != 0)
+                return count;
+        }
         timeval time_out = {WAIT_SECONDS, 0};
-        return select(ready.highest + 1, &ready.descriptors, nullptr, nullptr, &time_out);
+        const int count = select_ready(ready, time_out);
+        // Linux leaves in the time-out what is left of it.
+        busy_ = count > 0 && time_out.tv_usec > 1'000'000 - AT_ONCE_US;
+        return count;
     }
-    void serve(const loop_inputs &in) const {
-        for (size_t i = 0; i < std::size(ROWS); ++i) {
-            if (!ready.ready(descriptors[i]))
+    // Serves the rows that are ready, which are `count`.
+    void serve(const loop_inputs &in, const fd_set &ready, int count) const {
+        for (size_t i = 0; i < std::size(ROWS) && count > 0; ++i) {
+            if (!fits(descriptors_[i]) || !FD_ISSET(descriptors_[i], &ready))
                 continue;
+            --count;
             jorn_log_text(JORN_LOG_DEBUG, JORN_AS("jorn_main_loop"), 0, ROWS[i].says);
             ROWS[i].serve(in);
         }
     }
+
+private:
+    int select_ready(fd_set &ready, timeval &time_out) const {
+        ready = wanted_;
+        return select(highest_ + 1, &ready, nullptr, nullptr, &time_out);
+    }
+    static bool fits(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+
+    [[gnu::cold]] void fill() {
+        FD_ZERO(&wanted_);
+        highest_ = -1;
+        for (const int fd : descriptors_) {
+            if (!fits(fd))
+                continue;
+            FD_SET(fd, &wanted_);
+            highest_ = std::max(highest_, fd);
+        }
+    }
+
+    int descriptors_[std::size(ROWS)] = {-1, -1, -1, -1};
+    int highest_ = -1;
+    fd_set wanted_ = {};
+    bool busy_ = false; // the last wait ended at once
 };
 
 } // namespace
 
 int jorn_main_loop(capture_context *capture_ctx) {
     const loop_inputs in = {capture_ctx, behind_capture(jorn_cmdsock_init())};
+    wait_set waited;
     while (running != 0) {
-        pass current(in);
-        const int ready = current.wait();
+        waited.ask(in);
+        fd_set ready;
+        const int count = waited.wait(ready);
         log_handled_signals();
-        if (ready == -1) {
+        if (count == -1) {
             JORN_ERROR("select return -1, something wrong!!\n");
             jorn_signal_handle(capture_ctx);
             return -1;
         }
-        if (ready == 0)
+        if (count == 0)
             jorn_dnscache_age();
         else
-            current.serve(in);
+            waited.serve(in, ready, count);
         jorn_signal_handle(capture_ctx);
     }
     return 0;
