@@ -137,6 +137,17 @@ class Messages(SystemTest):
             daemon.send_signal(signal.SIGCONT)
             bus.messages.wait(lambda m: m[0] == PUBLISH)
 
+    def test_a_bus_that_comes_while_packets_do(self):
+        self.platform()
+        daemon = self.daemon()
+        self.wait_until_judging()
+        bus = Bus()
+        self.addCleanup(bus.close)
+        frames = [udp_frame(1, n) for n in range(200)]
+        wait_until(lambda: self.judge(frames, burst=50) and bus.messages.items)
+        # Behind its packets the loop waits again.
+        wait_until(lambda: ") S " in read_file(f"/proc/{daemon.pid}/stat"))
+
     def test_what_peers_send(self):
         platform, bus, daemon = self.started("-x")  # an unknown option starts all the same
         platform.domains["198.51.100.9"] = (1, 1, 1, "known.example")

@@ -124,6 +124,10 @@ bool av_connected() {
     return state != local_connection::state::none;
 }
 
+uint32_t av_messages() {
+    return channel.seq;
+}
+
 int av_send(av_op op, std::span<const av_bytes> parts) {
     return send_message({op, channel.seq++}, parts) ? 0 : -1;
 }

@@ -35,6 +35,9 @@ bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<st
 bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
                  size_t &taken, av_clock::duration wait = AV_ANSWER_TIME);
 
+// The number of messages that the channel was given to send.
+uint32_t av_messages();
+
 // Whether the channel is connected, after a try to connect where one is due.
 bool av_connected();
 
