@@ -20,7 +20,7 @@ constexpr size_t SWITCHES_MAX = 256; // clients name the interfaces
 
 struct conversation::question_row {
     av_op op;
-    std::vector<std::byte> (conversation::*answer)(const question &asked);
+    channel_answer (conversation::*answer)(const question &asked);
 };
 
 // Of the daemon's; a tool's are another table.
@@ -29,9 +29,10 @@ const conversation::question_row conversation::QUESTIONS[] = {
     {av_op::dnscache_get_name, &conversation::domain_name},
     {av_op::urlfilter_get_category, &conversation::category},
     {av_op::platform_value, &conversation::platform_value},
+    {av_op::name_page, &conversation::name_page},
 };
 
-std::vector<std::byte> conversation::take(byte_span datagram) {
+channel_answer conversation::take(byte_span datagram) {
     const std::optional<channel_message> message = parse_message(datagram);
     if (!message) {
         ++malformed_;
@@ -95,31 +96,36 @@ void conversation::hear(const syslog_line &line) {
     with_.say("syslog, level " + std::to_string(line.level) + ": " + printable(text));
 }
 
-std::vector<std::byte> conversation::answer(const question &asked) {
+channel_answer conversation::answer(const question &asked) {
     const auto *row =
         std::find_if(std::begin(QUESTIONS), std::end(QUESTIONS),
                      [&](const question_row &each) { return each.op == asked.head.op; });
-    return row != std::end(QUESTIONS) ? (this->*row->answer)(asked)
-                                      : answer_tool(with_.builder.engine(), with_.settings, asked);
+    return row != std::end(QUESTIONS)
+               ? (this->*row->answer)(asked)
+               : channel_answer{answer_tool(with_.builder.engine(), with_.settings, asked)};
 }
 
-std::vector<std::byte> conversation::roam_flows(const question &asked) {
-    return answer_roam_flows(with_.builder.flows(), with_.builder.time_us(), asked);
+channel_answer conversation::roam_flows(const question &asked) {
+    return {answer_roam_flows(with_.builder.flows(), with_.builder.time_us(), asked)};
 }
 
-std::vector<std::byte> conversation::domain_name(const question &asked) {
+channel_answer conversation::domain_name(const question &asked) {
     with_.names.advance(with_.frames.judged());
-    return answer_domain_name(with_.names.names(), with_.builder.stand_ins(), with_.names.time_us(),
-                              asked);
+    return {answer_domain_name(with_.names, with_.builder.stand_ins(), asked)};
 }
 
-std::vector<std::byte> conversation::category(const question &asked) {
-    return with_.agent.answer(asked, monotonic_ms());
+channel_answer conversation::category(const question &asked) {
+    return {with_.agent.answer(asked, monotonic_ms())};
 }
 
-std::vector<std::byte> conversation::platform_value(const question &asked) {
+channel_answer conversation::platform_value(const question &asked) {
     engine_asked_ |= asked_key(asked) == AV_KEY_DPI_ENGINE;
-    return answer_platform_value(with_.settings, asked);
+    return {answer_platform_value(with_.settings, asked)};
+}
+
+channel_answer conversation::name_page(const question &asked) {
+    const int page = with_.names.word().descriptor();
+    return {make_answer(asked, page >= 0 ? 0 : -1), page};
 }
 
 bool conversation::engine_missed() const {

@@ -34,8 +34,7 @@ public:
     };
     explicit conversation(partners with) : with_(std::move(with)) {}
 
-    // Returns the answer to send back; empty for none.
-    std::vector<std::byte> take(byte_span datagram);
+    channel_answer take(byte_span datagram);
 
     // Policies changed, or what else a verdict depends on.
     void outdate_verdicts();
@@ -58,11 +57,12 @@ private:
     void hear(const syslog_line &line);
     void hear(const ignored_message &) {}
 
-    std::vector<std::byte> answer(const question &asked);
-    std::vector<std::byte> roam_flows(const question &asked);
-    std::vector<std::byte> domain_name(const question &asked);
-    std::vector<std::byte> category(const question &asked);
-    std::vector<std::byte> platform_value(const question &asked);
+    channel_answer answer(const question &asked);
+    channel_answer roam_flows(const question &asked);
+    channel_answer domain_name(const question &asked);
+    channel_answer category(const question &asked);
+    channel_answer platform_value(const question &asked);
+    channel_answer name_page(const question &asked);
 
     partners with_;
     std::map<std::string, int32_t> switches_;

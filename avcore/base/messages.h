@@ -46,6 +46,12 @@ using channel_message = std::variant<av_verdict, av_app_setting, policy_reset, s
 
 std::optional<channel_message> parse_message(byte_span datagram);
 
+// What goes back: nothing where it is empty.
+struct channel_answer {
+    std::vector<std::byte> bytes;
+    int descriptor = -1; // that goes with them; -1: none
+};
+
 // The body is sent only with return code 0.
 std::vector<std::byte> make_answer(const question &asked, int32_t rc, byte_span body = {});
 

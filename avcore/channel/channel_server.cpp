@@ -1,5 +1,6 @@
 #include "avcore/channel/channel_server.h"
 
+#include "avcore/base/send_message.h"
 #include "shared/av_questions.h"
 
 #include <array>
@@ -74,9 +75,8 @@ bool channel_server::serve_client(client &served, const handler &handle) {
             continue; // cut: none of ours is that long
         const byte_span datagram = byte_span(buffer_).first(static_cast<size_t>(received));
         note_sender(served, datagram);
-        const std::vector<std::byte> answer = handle(datagram);
-        if (!answer.empty() &&
-            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
+        const channel_answer answer = handle(datagram);
+        if (!answer.bytes.empty() && send_message(fd, answer.bytes, answer.descriptor) < 0 &&
             errno != EAGAIN)
             return false;
     }

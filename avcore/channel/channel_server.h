@@ -19,8 +19,8 @@ namespace avcore {
 
 class channel_server {
 public:
-    // Takes one datagram; returns the answer to send back, empty for none.
-    using handler = std::function<std::vector<std::byte>(byte_span datagram)>;
+    // Takes one datagram.
+    using handler = std::function<channel_answer(byte_span datagram)>;
 
     // Throws std::runtime_error.
     explicit channel_server(std::string path);

@@ -99,6 +99,7 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     std::vector<uint8_t> plain;
     const std::span<const uint8_t> untagged =
         captured.copy != nullptr ? without_tags(captured.bytes, plain) : captured.bytes;
+    const uint64_t stand_ins_taken = stand_ins_.taken();
     std::optional<frame_facts> frame = show(untagged, bytes);
     if (!frame)
         return std::nullopt;
@@ -114,13 +115,15 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
     av_pkt_trailer trailer = build_trailer(rules_, *frame, flow);
     name_lesson lesson = {captured.time_us, {}};
-    time_us_ = captured.time_us;
+    const int64_t time_before_us = std::exchange(time_us_, captured.time_us);
     note_frame(flow.row, names_, time_us_);
     if (const auto packet = ipv4_packet(std::span(bytes).first(shown_size)); !packet.empty()) {
         lesson.answer = read_names(*frame, packet, captured);
         if (dpi_)
             inspect(*frame, packet, time_us_, flow.row, trailer, fed.engine_done);
     }
+    lesson.has_news = names_.has_news(lesson.answer, time_before_us) ||
+                      (stand_ins_.taken() != stand_ins_taken && has_known_side(*frame));
     names_.learn(lesson.answer, time_us_);
     memcpy(bytes.data() + shown_size, &trailer, sizeof trailer);
     fed.key = frame->key;
@@ -128,6 +131,11 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     fed.number_in_flow = flow.row.packets;
     fed.from_client = flow.from_client;
     return built_frame{std::move(fed), std::move(lesson), flow};
+}
+
+// By expired names, too.
+bool frame_builder::has_known_side(const frame_facts &frame) const {
+    return names_.expiry_us(frame.sender.address) || names_.expiry_us(frame.receiver.address);
 }
 
 frame_counts frame_builder::counts() const {

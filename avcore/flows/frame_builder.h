@@ -57,6 +57,7 @@ private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
     dns_answer read_names(const frame_facts &frame, std::span<const uint8_t> packet,
                           const captured_frame &captured);
+    bool has_known_side(const frame_facts &frame) const;
     void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                  flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
     void name_by_earlier_flow(const flow_row &row, int64_t time_us, av_pkt_trailer &trailer) const;

@@ -23,6 +23,7 @@ uint32_t stand_in_table::anywhere() {
 uint32_t stand_in_table::take_next() {
     while (by_stand_in_.contains(next_))
         next_ = after(next_);
+    ++taken_;
     return std::exchange(next_, after(next_));
 }
 

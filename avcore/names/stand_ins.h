@@ -30,6 +30,7 @@ public:
     std::optional<ip_address> real(uint32_t stand_in_be) const;
 
     size_t size() const { return used_.size(); }
+    uint64_t taken() const { return taken_; } // that were ever
 
 private:
     struct entry {
@@ -43,6 +44,7 @@ private:
 
     size_t limit_;
     uint32_t next_;
+    uint64_t taken_ = 0;
     std::list<entry> used_; // the one used last at the front
     std::map<ip_address, entry_ref> by_address_;
     std::map<uint32_t, entry_ref> by_stand_in_;

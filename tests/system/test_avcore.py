@@ -163,6 +163,18 @@ class Avcore(SystemTest):
         self.assertIn("240.0.0.0/4 or IPv4's in IPv6: 2\n", totals)
         self.assertIn("extension headers weren't walked to their end: 1\n", totals)
 
+    def test_a_name_learnt_between_two_packets_of_an_unnamed_flow_names_the_second(self):
+        # Of the flow to FAR the daemon judges more packets before the answer is read than are on
+        # their way at a time, of the others probably none.
+        FAR, NEAR, SIX = servers = "198.51.100.7", "198.51.100.8", "2001:db8:1::9"
+        far, near = (udp_frame(40020, 8500, b"unnamed", dst=server) for server in (FAR, NEAR))
+        six = ipv6_frame(17, udp(40020, 8500, b"unnamed"), src="2001:db8::c", dst=SIX)
+        answers = [from_server(RESOLVER, 53, 40053, dns_answer("a.example", "b.example", server))
+                   for server in servers]
+        rows, _ = self.feed([far] * 400 + [near, six] * 20 + answers + [far, near, six])
+        flows = {row["server"]: row for row in rows}
+        self.assertEqual([flows[server]["application"] for server in servers], ["a.example"] * 3)
+
     def test_what_cannot_be_carried_is_counted(self):
         frames = [ethernet(0x88B5, bytes(65259 - 14)), ethernet(0x88B5, bytes(65260 - 14))]
         rows, totals = self.feed(frames, claimed=100_000)

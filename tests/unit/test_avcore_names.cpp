@@ -125,21 +125,24 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
     // A question of eight bytes: the address and room for four characters and their end.
     uint32_t body[] = {inet_addr("192.0.2.3"), 5};
     const question asked = {{av_op::dnscache_get_name, 1}, std::as_bytes(std::span(body))};
-    stand_in_table stand_ins;
-    const std::vector<std::byte> answer = answer_domain_name(names, stand_ins, second_us, asked);
-    ASSERT_EQ(answer.size(), 12u + 12u + 256u);
-    EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
-    EXPECT_EQ(answer_domain_name(names, stand_ins, 0, {asked.head, asked.body.first(7)}).size(),
-              12u);
     // An answer with IPv6 addresses teaches a name, and takes no stand-in.
     const ip_address six = *ip_address::parse("2001:db8::7");
-    names.learn(read({record(ASKED, 28, bytes(six.octets().begin(), six.octets().end()))},
-                     name("six.example.org")),
-                second_us);
+    stand_in_table stand_ins;
+    name_timeline timeline;
+    timeline.add(1, {second_us, read({address("192.0.2.3", ASKED)})});
+    timeline.add(
+        2, {second_us, read({record(ASKED, 28, bytes(six.octets().begin(), six.octets().end()))},
+                            name("six.example.org"))});
+    timeline.advance(2);
+    const std::vector<std::byte> answer = answer_domain_name(timeline, stand_ins, asked);
+    ASSERT_EQ(answer.size(), 12u + 12u + 256u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&answer[24]), "www.");
+    EXPECT_EQ(answer_domain_name(timeline, stand_ins, {asked.head, asked.body.first(7)}).size(),
+              12u);
     EXPECT_EQ(stand_ins.size(), 0u);
     body[0] = stand_ins.stand_in_for(six);
     EXPECT_STREQ(
-        reinterpret_cast<const char *>(&answer_domain_name(names, stand_ins, second_us, asked)[24]),
+        reinterpret_cast<const char *>(&answer_domain_name(timeline, stand_ins, asked)[24]),
         "six.");
 }
 
@@ -149,10 +152,89 @@ TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
     timeline.add(2, {90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org"))});
     const uint32_t one = inet_addr("192.0.2.1");
     timeline.advance(0);
-    EXPECT_EQ(timeline.names().find(one, timeline.time_us()), nullptr);
+    EXPECT_EQ(timeline.find(one), nullptr);
     timeline.advance(1);
-    ASSERT_NE(timeline.names().find(one, timeline.time_us()), nullptr) << "60 seconds aren't over";
-    EXPECT_EQ(*timeline.names().find(one, timeline.time_us()), "www.example.org");
+    ASSERT_NE(timeline.find(one), nullptr) << "60 seconds aren't over";
+    EXPECT_EQ(*timeline.find(one), "www.example.org");
+}
+
+// What the daemon makes of the word: an answer "none" that it got under it.
+class AvcoreNameWord : public testing::Test {
+protected:
+    // Reads the next frame, an answer that names an address or none, so many seconds after the
+    // first one.
+    bool raised_by_frame(int64_t seconds, const bytes &answer = {}) {
+        const octets dns = udp(53, 1000, answer);
+        return raised_by([&] {
+            read_frame(ethernet(0x0800, ipv4(17, answer.empty() ? udp(1, 2, "") : dns)), seconds);
+        });
+    }
+    bool raised_by_stand_in(const ip_address &six) {
+        const octets head = {0x60, 0, 0, 0, 0, 8, 17, 64};
+        const octets sides =
+            octets(15, 0x20) + octets{1} + octets(six.octets().data(), six.octets().size());
+        return raised_by(
+            [&] { read_frame(ethernet(0x86DD, head + sides + udp(1, 2, "")), now_s); });
+    }
+    // The daemon judges this frame, and asks.
+    bool raised_by_question(uint64_t frame, const ip_address &asked = inet_addr("192.0.2.1")) {
+        timeline.advance(frame);
+        return raised_by([&] { EXPECT_EQ(timeline.find(asked), nullptr); });
+    }
+
+    static bytes naming(const char *text) {
+        return message({address(text, ASKED, 10)}, name("a.b"), 0x8180);
+    }
+
+    name_timeline timeline;
+
+private:
+    template <typename Act>
+    bool raised_by(Act act) {
+        const uint32_t before = word();
+        act();
+        return word() != before;
+    }
+    void read_frame(const octets &frame, int64_t seconds) {
+        now_s = seconds;
+        timeline.add(++frames, builder.build({frame, seconds * 1'000'000, {}, nullptr})->lesson);
+    }
+    uint32_t word() const {
+        uint32_t value = 0;
+        EXPECT_EQ(pread(timeline.word().descriptor(), &value, sizeof value, 0), 4);
+        return value;
+    }
+
+    const config settings;
+    frame_builder builder{settings, ""};
+    uint64_t frames = 0;
+    int64_t now_s = 0;
+};
+
+TEST_F(AvcoreNameWord, IsRaisedBeforeAnAddressMayHaveAName) {
+    EXPECT_FALSE(raised_by_frame(1));
+    EXPECT_FALSE(raised_by_question(1));
+    EXPECT_TRUE(raised_by_frame(2, naming("192.0.2.1")));
+    EXPECT_TRUE(raised_by_question(1)) << "none yet, but it is known that there will be one";
+    EXPECT_FALSE(raised_by_question(1, inet_addr("192.0.2.2")));
+    EXPECT_FALSE(raised_by_frame(11, naming("192.0.2.1"))) << "it had it before";
+    EXPECT_FALSE(raised_by_frame(30));
+    EXPECT_FALSE(raised_by_question(4)) << "its time is over";
+    EXPECT_FALSE(raised_by_frame(21)) << "and still is";
+    EXPECT_TRUE(raised_by_frame(20)) << "and now isn't";
+    EXPECT_TRUE(raised_by_question(5)) << "until then it is";
+    EXPECT_FALSE(raised_by_frame(40));
+    EXPECT_TRUE(raised_by_frame(41, naming("192.0.2.1")));
+}
+
+TEST_F(AvcoreNameWord, IsRaisedWhereAStandInComesToAName) {
+    const ip_address six = *ip_address::parse("2001:db8::7");
+    EXPECT_FALSE(raised_by_stand_in(*ip_address::parse("2001:db8::8")));
+    EXPECT_TRUE(raised_by_frame(
+        2, message({record(ASKED, 28, bytes(six.octets().begin(), six.octets().end()))},
+                   name("a.b"), 0x8180)));
+    EXPECT_TRUE(raised_by_stand_in(six));
+    EXPECT_FALSE(raised_by_stand_in(six)) << "it has it";
 }
 
 // An answer that a gate sees, to the question with id 7 from port 1000 of the client's.

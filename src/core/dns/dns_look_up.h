@@ -1,8 +1,8 @@
 // The name of an address, from wherever the daemon can have it: its own cache, else the platform,
 // whose answer the cache then learns. For the steps of detection that name a flow by its addresses.
 //
-// Nothing remembers that an address has no name: the platform is asked again with every packet, and
-// the packet waits for it.
+// Nothing here remembers that an address has no name: the platform is asked again with every
+// packet, and the packet waits for it, unless the platform's library can tell that nothing is new.
 #pragma once
 
 #include "core/base/log.h"

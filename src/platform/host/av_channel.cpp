@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 namespace {
 
@@ -21,6 +22,7 @@ constexpr size_t MESSAGE_SIZE = 1024;
 
 struct channel_state {
     local_connection connection;
+    uint32_t connections = 0; // that were ever made
     uint32_t seq = 0;
 };
 channel_state channel;
@@ -82,32 +84,85 @@ bool wait_readable(time_point deadline) {
     }
 }
 
-enum class outcome { answered, too_short, too_late, connection_ended };
+// Where an answer goes.
+struct answer_place {
+    int32_t &rc;
+    std::span<std::byte> body;
+    size_t &taken;             // of the body
+    int *descriptor = nullptr; // null: the kernel closes what comes with a message
+};
+
+// The descriptor that came with a message, which had room for one. Where the kernel had to close
+// others there was no agreement about what they are.
+int descriptor_of(msghdr &message) {
+    int descriptor = -1;
+    const cmsghdr *head = CMSG_FIRSTHDR(&message);
+    if (head != nullptr && head->cmsg_level == SOL_SOCKET && head->cmsg_type == SCM_RIGHTS)
+        memcpy(&descriptor, CMSG_DATA(head), sizeof descriptor);
+    if (descriptor >= 0 && (message.msg_flags & MSG_CTRUNC) != 0) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+ssize_t receive(av_answer_head &head, std::span<std::byte> body, int *descriptor) {
+    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof *descriptor)> control;
+    std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
+    msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
+    if (descriptor != nullptr) {
+        message.msg_control = control.data();
+        message.msg_controllen = CMSG_LEN(sizeof *descriptor); // the space may hold two
+    }
+    const ssize_t received = recvmsg(channel.connection.fd(), &message, MSG_CMSG_CLOEXEC);
+    if (received >= 0 && descriptor != nullptr)
+        *descriptor = descriptor_of(message);
+    return received;
+}
+
+enum class outcome { answered, too_short, too_late, connection_ended, not_asked };
 
 // Receives until the answer to `wanted` comes; other messages, late answers among them, are dropped
 // and don't buy time.
-outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
-                       std::span<std::byte> body, size_t &taken) {
+outcome receive_answer(av_message_head wanted, time_point deadline, const answer_place &into) {
     while (wait_readable(deadline)) {
         av_answer_head head = {};
-        std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
-        msghdr message = {};
-        message.msg_iov = pieces.data();
-        message.msg_iovlen = pieces.size();
-        const ssize_t received = recvmsg(channel.connection.fd(), &message, 0);
+        int descriptor = -1;
+        const ssize_t received =
+            receive(head, into.body, into.descriptor != nullptr ? &descriptor : nullptr);
         if (received < 0 && (errno == EAGAIN || errno == EINTR))
             continue;
+        const auto size = static_cast<size_t>(std::max<ssize_t>(received, 0));
+        const bool is_wanted = size >= sizeof head.question && head.question.op == wanted.op &&
+                               head.question.seq == wanted.seq;
+        if (is_wanted && size >= sizeof head) {
+            into.rc = head.rc;
+            into.taken = size - sizeof head;
+            if (into.descriptor != nullptr)
+                *into.descriptor = descriptor;
+            return outcome::answered;
+        }
+        if (descriptor >= 0)
+            close(descriptor);
         if (received <= 0)
             return outcome::connection_ended;
-        const auto size = static_cast<size_t>(received);
-        if (size < sizeof head.question || head.question.op != wanted.op ||
-            head.question.seq != wanted.seq)
-            continue;
-        rc = head.rc;
-        taken = size - std::min(size, sizeof head);
-        return size >= sizeof head ? outcome::answered : outcome::too_short;
+        if (is_wanted)
+            return outcome::too_short;
     }
     return outcome::too_late;
+}
+
+outcome ask(av_op op, std::span<const av_bytes> parts, const answer_place &into,
+            av_clock::duration wait) {
+    const av_message_head question = {op, channel.seq++};
+    if (!send_message(question, parts))
+        return outcome::not_asked;
+    const outcome result = receive_answer(question, av_clock::now() + wait, into);
+    if (result == outcome::connection_ended)
+        channel.connection.end();
+    return result;
 }
 
 } // namespace
@@ -115,6 +170,7 @@ outcome receive_answer(av_message_head wanted, time_point deadline, int32_t &rc,
 bool av_connected() {
     const auto state = channel.connection.ensure(av_socket_path);
     if (state == local_connection::state::fresh) {
+        ++channel.connections;
         // The first form isn't bound by net.core.wmem_max and needs CAP_NET_ADMIN.
         constexpr int room = AV_SEND_BUFFER;
         const int fd = channel.connection.fd();
@@ -126,6 +182,10 @@ bool av_connected() {
 
 uint32_t av_messages() {
     return channel.seq;
+}
+
+uint32_t av_connection() {
+    return channel.connection.fd() >= 0 ? channel.connections : 0;
 }
 
 int av_send(av_op op, std::span<const av_bytes> parts) {
@@ -140,16 +200,28 @@ bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<st
 
 bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
                  size_t &taken, av_clock::duration wait) {
+    if (av_pauses(op))
+        return false;
+    const outcome result = ask(op, parts, {rc, body, taken}, wait);
     question_pause *pause = pause_of(op);
-    if (pause != nullptr && av_clock::now() < pause->end)
-        return false;
-    const av_message_head question = {op, channel.seq++};
-    if (!send_message(question, parts))
-        return false;
-    const outcome result = receive_answer(question, av_clock::now() + wait, rc, body, taken);
-    if (result == outcome::connection_ended)
-        channel.connection.end();
     if (result == outcome::too_late && pause != nullptr)
         pause->end = av_clock::now() + PAUSE_TIME;
     return result == outcome::answered;
+}
+
+bool av_ask_descriptor(av_op op, int &descriptor, av_clock::duration wait) {
+    descriptor = -1;
+    int32_t rc = -1;
+    size_t taken = 0;
+    const outcome result = ask(op, {}, {rc, {}, taken, &descriptor}, wait);
+    if (descriptor >= 0 && rc != 0) {
+        close(descriptor);
+        descriptor = -1;
+    }
+    return result != outcome::not_asked;
+}
+
+bool av_pauses(av_op op) {
+    const question_pause *pause = pause_of(op);
+    return pause != nullptr && av_clock::now() < pause->end;
 }

@@ -2,6 +2,7 @@
 #include "platform/psms.h"
 
 #include "platform/host/av_channel.h"
+#include "platform/host/nameless.h"
 
 #include <algorithm>
 #include <cstring>
@@ -32,6 +33,24 @@ int set_safesearch(av_safesearch_setting setting, const char *ifname, std::strin
         return -1;
     const av_bytes parts[] = {av_part(setting)};
     return av_send(av_op::safesearch, parts);
+}
+
+nameless_addresses nameless;
+
+// A platform that is silent or absent knows no name; that is not an error.
+int32_t ask_for_name(const av_name_question &question, av_name_answer &answer) {
+    const av_clock::duration left = AV_ANSWER_TIME - nameless.prepare();
+    const av_bytes parts[] = {av_part(question)};
+    int32_t rc = 0;
+    if (!av_ask(av_op::dnscache_get_name, parts, rc, std::as_writable_bytes(std::span(&answer, 1)),
+                left)) {
+        answer = {};
+        return 0;
+    }
+    const bool has_none = std::ranges::count(answer.words, 0u) == std::ssize(answer.words);
+    if (rc == 0 && has_none && question.buffer_size > 1) // else no name has room
+        nameless.remember(question.address_be);
+    return rc;
 }
 
 } // namespace
@@ -80,16 +99,8 @@ int psms_av_set_tm_en(int enable) {
 
 int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int size, uint32_t *word1,
                                uint32_t *word2, uint32_t *word3) {
-    const av_name_question question = {address_be, size};
-    const av_bytes parts[] = {av_part(question)};
     av_name_answer answer = {};
-    int32_t rc = 0;
-    // A platform that is silent or absent knows no name; that is not an error.
-    if (!av_ask(av_op::dnscache_get_name, parts, rc,
-                std::as_writable_bytes(std::span(&answer, 1)))) {
-        answer = {};
-        rc = 0;
-    }
+    const int32_t rc = nameless.has(address_be) ? 0 : ask_for_name({address_be, size}, answer);
     if (rc != 0)
         return rc;
     *word1 = answer.words[0];

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <fcntl.h>
 
 inline constexpr char AV_SOCKET_PATH[] = "/var/run/av_core.sock";
 inline constexpr char AV_SOCKET_VARIABLE[] = "JORN_AV_SOCK"; // names another path
@@ -38,6 +39,7 @@ enum class av_op : uint32_t {
     dnscache_get_name = 34,
     urlfilter_get_category = 35,
     platform_value = 36,
+    name_page = 37, // no body
 };
 inline constexpr av_op AV_LAST_ONE_WAY_OP = av_op::log_syslog;
 
@@ -135,6 +137,14 @@ struct av_name_answer {
 static_assert(sizeof(av_name_question) == 8);
 static_assert(sizeof(av_name_answer) == 268);
 static_assert(offsetof(av_name_answer, name) == 12);
+
+// op 37, answered by nothing but one descriptor (SCM_RIGHTS): a memfd of this size with at least
+// these seals. Its first word, a uint32_t, is atomic, and is compared for equality alone: while it
+// stays the same, an address that op 34 had no name for (return code 0, all words 0) still has
+// none.
+inline constexpr size_t AV_NAME_PAGE_SIZE = 4096;
+inline constexpr int AV_NAME_PAGE_SEALS =
+    F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL;
 
 // op 35: a urlf_request, answered by a urlf_reply.
 
