@@ -48,8 +48,14 @@ void add_config(CLI::App &app, options &chosen) {
 }
 
 void add_run_options(CLI::App &app, options &chosen) {
-    app.add_option("-o", chosen.out_interface, "Interface to write into; jorn captures on its peer")
-        ->type_name("IFACE");
+    CLI::Option *capture =
+        app.add_option("--capture", chosen.capture,
+                       "Make this interface, for jorn to capture on, and remove it at the end")
+            ->type_name("IFACE");
+    app.add_option("-o", chosen.out_interface,
+                   "Write into this interface of a pair made by hand; jorn captures on its peer")
+        ->type_name("IFACE")
+        ->excludes(capture);
     CLI::Option_group *input = app.add_option_group("Input", "exactly one of");
     input->add_option("-r", chosen.file, "Read frames from this pcap or pcapng file")
         ->type_name("FILE");
@@ -110,13 +116,13 @@ void check(const options &chosen) {
         throw CLI::RequiredError("--inline");
     if (chosen.wanted != task::run)
         return;
-    if (chosen.out_interface.empty())
-        throw CLI::RequiredError("-o");
+    if (chosen.out_interface.empty() && chosen.capture.empty() && chosen.config.empty())
+        throw CLI::RequiredError("--capture, or -o,");
     const bool inputs[] = {!chosen.file.empty(), !chosen.in_interface.empty(),
                            !chosen.gate_interfaces.empty()};
     if (std::count(std::begin(inputs), std::end(inputs), true) != 1)
         throw CLI::ValidationError("exactly one of -r, -i and --inline is required");
-    if (chosen.in_interface == chosen.out_interface)
+    if (!chosen.in_interface.empty() && chosen.in_interface == chosen.out_interface)
         throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
                                          "what it wrote");
     if (are_peers(chosen.in_interface, chosen.out_interface))

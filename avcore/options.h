@@ -20,8 +20,9 @@ enum class task {
 
 struct options {
     task wanted = task::run;
-    std::string out_interface;
-    std::string file; // one of these three is set
+    std::string capture;       // to make; empty: the configuration says,
+    std::string out_interface; // unless there is one to write into
+    std::string file;          // one of these three is set
     std::string in_interface;
     std::vector<std::string> gate_interfaces; // also of set_up_gate
     std::optional<attach_way> attach;         // the gate there

@@ -17,6 +17,18 @@ constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
 
+// The capture's interface that is asked for on the command line goes before the file's.
+frame_sink open_sink(const options &options, capture_settings capture) {
+    if (!options.out_interface.empty())
+        return frame_sink(options.out_interface);
+    if (!options.capture.empty())
+        capture.interface = options.capture;
+    if (capture.interface.empty())
+        throw std::runtime_error("neither --capture nor -o is given, and " + options.config +
+                                 " has no [capture]");
+    return frame_sink(capture);
+}
+
 frame_source open_source(const options &options, enforcement *behind_gate) {
     if (behind_gate != nullptr)
         return frame_source::open_gate(behind_gate->opened());
@@ -39,13 +51,14 @@ url_agent open_agent(const options &options) {
 session::session(const options &options, config settings)
     : options_(options),
       settings_(std::move(settings)),
+      sink_(open_sink(options, settings_.capture)),
       inline_(options.gate_interfaces.empty()
                   ? nullptr
                   : std::make_unique<enforcement>(options.pins, options.gate_interfaces,
                                                   options.attach, settings_.enforce, sayer())),
       builder_(settings_, options.in_interface),
+      feeder_(sink_.timer_ms()),
       source_(open_source(options, inline_.get())),
-      sink_(options.out_interface),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
       agent_(open_agent(options)),
@@ -63,12 +76,14 @@ session::session(const options &options, config settings)
                     else
                         work();
                 }}) {
+    refuse_own_frames();
+    for (const std::string &remark : sink_.remarks())
+        say(remark);
     const size_t max_frame_size =
         sink_.max_size() - std::min(sink_.max_size(), sizeof(av_pkt_trailer));
     source_.set_max_frame_size(max_frame_size);
     if (max_frame_size < MAX_FRAME_SIZE)
-        std::cerr << "avcore: the MTU of " << options.out_interface << " is below 65535: frames "
-                  << "longer than " << max_frame_size << " bytes can't be carried\n";
+        say("frames longer than " + std::to_string(max_frame_size) + " bytes can't be carried");
     if (settings_.bus)
         bus_ = std::make_unique<message_bus>(
             *settings_.bus, message_bus::surroundings{bus_socket_path(),
@@ -76,6 +91,15 @@ session::session(const options &options, config settings)
     if (inline_)
         inline_->begin(channel_, feeder_);
     fill_loop();
+}
+
+// What was written would be fed again, without an end.
+void session::refuse_own_frames() const {
+    std::vector<std::string> inputs = options_.gate_interfaces;
+    inputs.push_back(options_.in_interface);
+    for (const std::string &input : inputs)
+        if (!input.empty() && sink_.leads_to(input))
+            throw std::runtime_error(input + " is where avcore's own frames are");
 }
 
 std::function<void(const std::string &)> session::sayer() {
@@ -208,8 +232,7 @@ void session::tick(int64_t now_ms) {
         if (link_down_)
             feeder_.link_lost(now_ms);
         if (link_down_ && !was_down)
-            say("the link of " + options_.out_interface +
-                " is down or was: waiting for the daemon");
+            say("the link of " + sink_.name() + " is down or was: waiting for the daemon");
     }
     if (!link_down_)
         feeder_.tick(now_ms);
@@ -280,13 +303,14 @@ void session::take_categories() {
     }
 }
 
-// What the bus and the DPI engine were started with stays.
+// What the bus, the capture and the DPI engine were started with stays.
 void session::read_config_again() {
     try {
         config fresh = read_config(options_.config);
         for (const std::string &warning : fresh.warnings)
             say(warning);
         fresh.bus = settings_.bus;
+        fresh.capture = settings_.capture;
         fresh.dpi = settings_.dpi;
         settings_ = std::move(fresh);
         inline_->settings_changed();

@@ -51,6 +51,7 @@ private:
     void pull_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
+    void refuse_own_frames() const;
     void fill_loop();
     bool has_room() const;                       // for a frame, and there may be one
     int64_t frames_due_ms(int64_t now_ms) const; // to be moved, whatever comes
@@ -63,12 +64,12 @@ private:
 
     const options &options_;
     config settings_;
-    signals signals_;                     // before anything starts a thread
+    signals signals_; // before anything starts a thread
+    frame_sink sink_;
     std::unique_ptr<enforcement> inline_; // null: verdicts aren't enforced
     frame_builder builder_;
     feeder feeder_;
     frame_source source_;
-    frame_sink sink_;
     channel_server channel_;
     progress_bar progress_;
     name_timeline names_;

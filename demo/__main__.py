@@ -13,12 +13,16 @@ def can_enforce():
         if file.read().split()[1] != "0":
             note("Verdicts are shown, not enforced, which takes root: sudo scripts/demo")
             return False
-    for words in ("setup", "--inline", "av0"), ("teardown",):
-        status, said = answer(f"{BIN}/avcore", *words)
-        if status != 0:
-            note(f"Verdicts are shown, not enforced: {said}")
-            return False
-    return True
+    add_bridge("any")
+    try:
+        for words in ("setup", "--inline", "any"), ("teardown",):
+            status, said = answer(f"{BIN}/avcore", *words)
+            if status != 0:
+                note(f"Verdicts are shown, not enforced: {said}")
+                return False
+        return True
+    finally:
+        ip(None, "link", "del", "any")
 
 
 def play_live():
@@ -42,7 +46,6 @@ def show_what_next():
 def main(what, *arguments):
     os.makedirs(LOGS)
     set_switch(None, "ipv6/conf/default/disable_ipv6", 1)
-    add_capture_pair("av0", "av1")
     if what == "capture":
         traffic.play_capture(*arguments)
     else:

@@ -22,7 +22,6 @@ class AccessPoint:
 
     def lay_out(self):
         add_host(self.netns)
-        add_capture_pair("av0", "av1", self.netns)
         add_bridge(self.air)
         add_bridge("lan", self.netns)
         for port, bridge, interface in (("antenna", self.air, "wlan0"), ("lan", "br0", "eth0")):
@@ -40,7 +39,7 @@ certificate = "{KEYS}/AP.{self.mac}.pem"
 key = "{KEYS}/AP.{self.mac}.key"
 """)
         here = with_own_folders(self.netns, self.folder)
-        self._avcore = Program(f"avcore{self.number}", *here, f"{BIN}/avcore", "-o", "av0", "-i", "wlan0",
+        self._avcore = Program(f"avcore{self.number}", *here, f"{BIN}/avcore", *CAPTURE, "-i", "wlan0",
                                "-c", "/run/avcore.toml")
         wait_for_file(f"AV channel of access point {self.number}", self.folder + "/run/av_core.sock")
         Program(f"jorn{self.number}", *here, f"{BIN}/jorn", "-i", "av1")

@@ -140,12 +140,17 @@ def output(*words):
 
 # The access point.
 
+CAPTURE = ("--capture", "av1")  # avcore makes it, for jorn -i av1
+
+
 class Avcore(Program):
     """It plays the kernel module: `-i` it takes frames from a port of the bridge, `-r` from a file.
     It is there before the daemon, which asks once, at its start, whether there is a DPI engine."""
 
     def __init__(self, config, *options):
-        super().__init__("avcore", f"{BIN}/avcore", "-o", "av0", "-c", config, *options)
+        words = (*CAPTURE, "-c", config, *options)
+        say("  avcore " + " ".join(words))
+        super().__init__("avcore", f"{BIN}/avcore", *words)
         wait_for_file("AV channel of avcore", "/run/av_core.sock")
 
     def report(self):
@@ -156,6 +161,7 @@ class Avcore(Program):
 
 
 def start_jorn():
+    say("  jorn -i av1")
     Program("jorn", f"{BIN}/jorn", "-i", "av1")
     wait_for_file("command socket of jorn", "/run/jorn.sock")
 

@@ -69,7 +69,7 @@ def play_capture(name, policy, config):
 
     heading("Feeding " + name)
     with open(f"{LOGS}/avcore", "w") as table:
-        feeding = subprocess.Popen([f"{BIN}/avcore", "-o", "av0", "-r", "/dev/stdin", "-c", config],
+        feeding = subprocess.Popen([f"{BIN}/avcore", *CAPTURE, "-r", "/dev/stdin", "-c", config],
                                    stdout=table)
     try:
         status = feeding.wait(CAPTURE_SECONDS)

@@ -7,13 +7,13 @@
 namespace avcore {
 
 bool feeder::burst_open(int64_t now_ms) const {
-    return bursts_.size() < MAX_BURSTS || bursts_.back().sent_ms == now_ms;
+    return bursts_.size() < MAX_BURSTS || bursts_.back().run == run_of(now_ms);
 }
 
 bool feeder::has_room(int64_t now_ms) const {
     if (!started_ && !frames_.empty())
         return false;
-    return !draining_ && burst_open(now_ms) && frames_.size() < MAX_FRAMES &&
+    return !draining_ && burst_open(now_ms) && frames_.size() < max_frames_ &&
            outstanding_bytes_ + MAX_FED_SIZE <= MAX_BYTES;
 }
 
@@ -63,8 +63,8 @@ void feeder::sent(int64_t now_ms) {
     }
     ++frame->copies;
     copies_.push_back({frame->frame.key, frame, now_ms});
-    if (bursts_.empty() || bursts_.back().sent_ms != now_ms)
-        bursts_.push_back({now_ms, 0});
+    if (bursts_.empty() || bursts_.back().run != run_of(now_ms))
+        bursts_.push_back({run_of(now_ms), 0});
     ++bursts_.back().copies;
 }
 

@@ -19,9 +19,11 @@
 // daemon's end. After a silence copies that were taken for lost may still be answered by a daemon
 // that hardly gets to run; what such verdicts seem to overtake isn't counted.
 //
-// The daemon's capture keeps eight blocks and closes one after about a millisecond however few
-// frames are in it. So what is outstanding must also stem from few milliseconds: a trickle of one
-// frame a millisecond would overrun a daemon that is busy for ten.
+// The daemon's capture keeps eight blocks and closes one, however few frames are in it, whenever
+// its timer has run, which on most interfaces is a millisecond. So what is outstanding must also
+// stem from few runs of that timer: a trickle of one frame a millisecond would overrun a daemon
+// that is busy for ten. A slow timer hands over more frames at once, and more have to be on their
+// way.
 //
 // The first frame is sent alone and repeated without limit: before the daemon's capture is open,
 // frames vanish. So it goes with the oldest one when the link to the daemon was down, for the
@@ -34,6 +36,7 @@
 #include "avcore/frames/frame.h"
 #include "platform/records.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -72,17 +75,24 @@ struct feeder_counts {
 class feeder {
 public:
     // A feeder may keep 400. But the verdicts of all of them must fit into the channel when this
-    // process doesn't get to read for a while, and Linux lets a sender have some 160 unread.
-    static constexpr size_t MAX_FRAMES = 128;
+    // process doesn't get to read for a while, and a daemon without privileges gets room for some
+    // 160 of Linux.
+    static constexpr size_t FRAMES_A_MS = 128; // of the timer
+    static constexpr size_t MAX_FRAMES = 400;
     static constexpr size_t MAX_BYTES = size_t{1024} * 1024;
-    static constexpr size_t MAX_BURSTS = 4; // milliseconds in which something outstanding was sent
-    static constexpr unsigned MAX_TRIES = 11;  // of a frame, overtaken
+    static constexpr size_t MAX_BURSTS = 4;   // runs of the timer in which what is outstanding left
+    static constexpr unsigned MAX_TRIES = 11; // of a frame, overtaken
     static constexpr int64_t SILENCE_MS = 200; // at least
     static constexpr int64_t LONGEST_SILENCE_MS = 1'000;
     static constexpr int64_t SLOW_MS = 5'000; // a slow verdict counts for as long, or twice
     static constexpr int64_t GONE_MS = 5'000;
     // Until the first verdict: the daemon may still have to be started.
     static constexpr int64_t START_MS = 30'000;
+
+    // `timer_ms`: of the daemon's capture.
+    explicit feeder(int64_t timer_ms = 1)
+        : timer_ms_(timer_ms),
+          max_frames_(std::min(MAX_FRAMES, FRAMES_A_MS * static_cast<size_t>(timer_ms))) {}
 
     // Whether one more frame of any size may be added now.
     bool has_room(int64_t now_ms) const;
@@ -145,14 +155,17 @@ private:
     void note_delay(int64_t delay_ms, int64_t now_ms);
     int64_t silence_ms() const;
     int64_t quiet_since_ms() const;
+    int64_t run_of(int64_t now_ms) const { return now_ms / timer_ms_; }
     bool burst_open(int64_t now_ms) const;
     copy pop_copy();
 
+    int64_t timer_ms_;
+    size_t max_frames_;
     std::list<outstanding> frames_; // unresolved, in their order
     std::deque<frame_ref> to_send_; // new ones and lost ones
     std::deque<copy> copies_;       // on their way, in the order of sending
     struct burst {
-        int64_t sent_ms;
+        int64_t run; // of the timer
         size_t copies;
     };
     std::deque<burst> bursts_; // of copies_

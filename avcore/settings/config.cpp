@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t PLATFORM_VALUE_MAX = sizeof(av_value_answer::value) - 1;
 constexpr uint32_t COPIES_MAX = 1'000'000;
+constexpr uint32_t SPEED_MAX = 1'000'000; // Mbit/s
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
 
@@ -396,6 +397,20 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
         in.fail(*in.find("copies"), "'copies' must be 1 at least");
 }
 
+void read_capture(const toml::table &table, const std::string &file, capture_settings &capture) {
+    constexpr std::pair<std::string_view, capture_kind> kinds[] = {{"veth", capture_kind::veth},
+                                                                   {"tap", capture_kind::tap}};
+    const reader in(table, file);
+    in.expect_keys({"interface", "kind", "speed"});
+    in.interface_name("interface", capture.interface);
+    read_choice(in, "kind", kinds, capture.kind);
+    if (in.find("speed") != nullptr && capture.kind != capture_kind::tap)
+        in.fail(*in.find("speed"), "'speed' is for kind = \"tap\": a veth's can't be chosen");
+    in.number("speed", capture.speed, SPEED_MAX);
+    if (capture.speed == 0)
+        in.fail(*in.find("speed"), "'speed' must be 1 at least");
+}
+
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
@@ -414,7 +429,8 @@ config parse_config(std::string_view text, const std::string &name) {
         throw config_error(message.str());
     }
     const reader in(root, name);
-    in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names"});
+    in.expect_keys(
+        {"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names", "capture"});
     config settings;
     in.flag("dpi", settings.dpi);
     if (!settings.dpi)
@@ -437,6 +453,8 @@ config parse_config(std::string_view text, const std::string &name) {
         settings.bus = read_bus(*bus, name);
     if (const toml::table *enforce = in.table("enforce"))
         read_enforce(*enforce, name, settings.enforce);
+    if (const toml::table *capture = in.table("capture"))
+        read_capture(*capture, name, settings.capture);
     if (const toml::table *names = in.table("names"))
         read_names(*names, name, settings);
     return settings;

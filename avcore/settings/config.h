@@ -6,6 +6,7 @@
 #include "avcore/base/ip_address.h"
 #include "avcore/bus/settings.h"
 #include "avcore/frames/frame.h"
+#include "avcore/records/capture_settings.h"
 #include "avcore/records/enforce_settings.h"
 #include "platform/host/messages/av_messages.h"
 
@@ -54,6 +55,7 @@ struct config {
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};
     bool dpi = true;
     std::optional<bus_settings> bus; // none: there is no bus
+    capture_settings capture;
     enforce_settings enforce;
     std::optional<std::vector<resolver>> resolvers; // none: any beyond the clients
     std::vector<std::string> warnings; // of what holds and may not be meant, with file and line

@@ -66,6 +66,16 @@ def ipv6_frame(next_header, payload, *, src, dst, vlan=None):
     return ethernet(0x86DD, header + addresses + payload, vlan=vlan)
 
 
+def report(avcore):
+    """One that is asked for."""
+    avcore.send_signal(signal.SIGUSR1)
+    lines = [avcore.stdout.readline()]
+    while "frames: " not in lines[-1]:
+        assert lines[-1] != "", "it has ended"
+        lines.append(avcore.stdout.readline())
+    return "".join(lines)
+
+
 class Avcore(SystemTest):
     config = ""
 
@@ -184,21 +194,13 @@ class Avcore(SystemTest):
     def test_a_pipe_is_never_waited_for_and_a_killed_daemon_noticed(self):
         avcore = self.start_on_pipe()
 
-        def table():
-            avcore.send_signal(signal.SIGUSR1)
-            lines = [avcore.stdout.readline()]
-            while "frames: " not in lines[-1]:
-                self.assertNotEqual(lines[-1], "", "it has ended")
-                lines.append(avcore.stdout.readline())
-            return "".join(lines)
-
         wait_for_listener(AV_SOCKET)
-        self.assertIn(" 0 read,", table(), "no writer has opened the pipe")
+        self.assertIn(" 0 read,", report(avcore), "no writer has opened the pipe")
         daemon = self.daemon_behind_avcore()
         capture = pcap([udp_frame(1, 2), udp_frame(1, 3)])
         with open("/tmp/pipe", "wb", buffering=0) as pipe:
             pipe.write(capture[:-10])
-            wait_until(lambda: " 1 answered," in table())
+            wait_until(lambda: " 1 answered," in report(avcore))
             daemon.kill()
             pipe.write(capture[-10:])
             totals = avcore.communicate(timeout=60)[1]
@@ -314,6 +316,97 @@ class Avcore(SystemTest):
             daemon.send_signal(signal.SIGCONT)
         totals = avcore.communicate(timeout=DEADLINE)[1]
         self.assertIn("301 fed, 301 answered, ", totals)
+
+
+class MadeInterface(SystemTest):
+    """avcore makes what the daemon captures on."""
+    way = ("--capture", CAPTURE)
+    kinds = ("tap", "veth") if os.path.exists("/dev/net/tun") else ("veth",)
+    longest = udp_frame(7, 7, bytes(65_259 - 42))  # with its trailer 65,535
+
+    def make_links(self):
+        if not os.path.exists("/tmp/pipe"):
+            os.mkfifo("/tmp/pipe")
+
+    def start(self, kind, **how):
+        write_file("/tmp/avcore.toml", f'[capture]\nkind = "{kind}"\n')
+        return self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", **how)
+
+    def link(self):
+        """Its index, where it is there."""
+        done = subprocess.run(["ip", "-j", "link", "show", CAPTURE], capture_output=True, text=True)
+        return json.loads(done.stdout)[0]["ifindex"] if done.returncode == 0 else None
+
+    def assert_refused(self, avcore, complaint):
+        said = avcore.communicate(timeout=DEADLINE)[1]
+        self.assertEqual(avcore.returncode, 1, said)
+        self.assertIn(complaint, said)
+
+    def test_a_daemon_keeps_judging_from_one_avcore_to_the_next(self):
+        for kind, next_kind in {(one, other) for one in self.kinds for other in self.kinds}:
+            with self.subTest(kind, next=next_kind):
+                killed = self.start(kind)
+                daemon = self.daemon_behind_avcore()
+                made = self.link()
+                with open("/tmp/pipe", "wb", buffering=0) as pipe:
+                    capture = pcap([self.longest, udp_frame(1, 2)])
+                    pipe.write(capture[:-10])
+                    wait_until(lambda: " 1 answered," in report(killed))
+                    run("ip", "link", "set", CAPTURE, "down")
+                    pipe.write(capture[-10:])
+                    self.assertIn("the link of cap0 is down", killed.stderr.readline())
+                    run("ip", "link", "set", CAPTURE, "up")
+                    wait_until(lambda: " 2 answered," in report(killed))
+                    killed.kill()
+                    killed.wait()
+                self.assertEqual(self.link(), made if kind == "veth" else None)
+                os.unlink(AV_SOCKET)
+                successor = self.start(next_kind)
+                wait_for_listener(AV_SOCKET)
+                self.assertEqual(self.link() == made, kind == next_kind == "veth")
+                write_file("/tmp/pipe", pcap([udp_frame(1, 3), self.longest]))
+                table, said = successor.communicate(timeout=DEADLINE)
+                self.assertIn(" 2 answered, 0 resent, 0 unanswered", table)
+                self.assertEqual((successor.returncode, said, self.link()), (0, "", None))
+                self.assertEqual(daemon.stop(), 0)
+                os.unlink(COMMAND_SOCKET)
+
+    def test_what_is_not_its_own_is_left_alone(self):
+        add_capture_pair(CAPTURE, FEED)
+        self.addCleanup(subprocess.run, ["ip", "link", "del", CAPTURE], capture_output=True)
+        foreign = self.link()
+        for kind in self.kinds:
+            self.assert_refused(self.start(kind), "that isn't avcore's")
+        self.assertEqual(self.link(), foreign)
+        run("ip", "link", "del", CAPTURE)
+        for kind in self.kinds:
+            first = self.start(kind)
+            wait_for_listener(AV_SOCKET)
+            made = self.link()
+            for other in self.kinds:
+                self.assert_refused(self.start(other), "another avcore, which runs, has it")
+            self.assertEqual(self.link(), made)
+            first.terminate()
+            self.assertEqual((first.communicate(timeout=DEADLINE)[1], self.link()), ("", None))
+        self.assert_refused(self.run_avcore("-i", CAPTURE), "where avcore's own frames are")
+
+    def test_what_cannot_be_had_is_said(self):
+        self.assert_refused(self.start("veth", before=("setpriv", "--bounding-set", "-net_admin")),
+                            "for the daemon's capture: Operation not permitted")
+        avcore = self.start("tap", before=("unshare", "--mount", "sh", "-c",
+                                           'mount -t tmpfs none /dev/net && exec "$0" "$@"'))
+        self.assertIn("no TAP device, for /dev/net/tun: No such file", avcore.stderr.readline())
+        wait_for_listener(AV_SOCKET)
+        avcore.terminate()
+        avcore.communicate(timeout=DEADLINE)
+        run("ip", "link", "add", FEED, "mtu", "9000", "type", "veth", "peer", CAPTURE, "mtu", "65535")
+        set_switch(None, f"ipv6/conf/{CAPTURE}/disable_ipv6", 1)
+        run("ip", "link", "set", FEED, "up")
+        self.way = ("-o", FEED)
+        said = self.run_avcore("-r", "/dev/null").communicate(timeout=DEADLINE)[1]
+        for line in ("feed0 is without mtu 65535, arp off, net.ipv6.conf.feed0.disable_ipv6=1 (",
+                     "cap0 is without arp off (", "frames longer than 8738 bytes can't be carried"):
+            self.assertIn(f"avcore: {line}", said)
 
 
 if __name__ == "__main__":

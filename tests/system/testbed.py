@@ -447,6 +447,8 @@ def command(number, payload=b"", *, length=None):
 
 
 class SystemTest(unittest.TestCase):
+    way = ("-o", FEED)  # avcore's, to the daemon
+
     def setUp(self):
         self._platform = self._feed = self.jorn = None
         # Nothing saved before; the port-service file is there, or its want would be reported.
@@ -454,7 +456,7 @@ class SystemTest(unittest.TestCase):
         write_file(PORT_SERVICE_FILE, "")
         self.make_links()
         self.addCleanup(lambda: subprocess.run(["ip", "link", "del", FEED], capture_output=True))
-        self.addCleanup(lambda: self._feed.close())
+        self.addCleanup(lambda: self._feed and self._feed.close())
         self.addCleanup(self._check_sanitizers)
 
     def make_links(self):
@@ -478,10 +480,10 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(self._platform.kill)
         return self._platform
 
-    def run_avcore(self, *options, **streams):
+    def run_avcore(self, *options, before=(), **streams):
         """The real one in the platform's place, with its frames' way to the daemon."""
         streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | streams
-        avcore = subprocess.Popen([jorn_path("avcore"), "-o", FEED, *options], text=True, **streams)
+        avcore = subprocess.Popen([*before, jorn_path("avcore"), *self.way, *options], text=True, **streams)
         self.addCleanup(avcore.communicate)
         self.addCleanup(avcore.kill)
         return avcore

@@ -218,15 +218,26 @@ TEST_F(Feeder, ALostLinkIsNoGoneDaemon) {
 }
 
 TEST_F(Feeder, KeepsItsBounds) {
-    start();
-    size_t frames = 0;
-    for (; feeder_.has_room(now_ms); ++frames) {
-        add(1);
-        send();
+    for (const auto &[timer_ms, most] : std::map<int64_t, size_t>{{8, 400}, {2, 256}, {1, 128}}) {
+        feeder_ = feeder(timer_ms);
+        now_ms = 8000;
+        start();
+        size_t frames = 0;
+        for (; feeder_.has_room(now_ms); ++frames) {
+            add(1);
+            send();
+        }
+        EXPECT_EQ(frames, most);
+        while (feeder_.waiting())
+            ASSERT_TRUE(verdict(1));
+        for (frames = 0; feeder_.has_room(now_ms) && frames < most; ++frames, ++now_ms) {
+            add(1);
+            send();
+        }
+        EXPECT_EQ(frames, 4u * static_cast<size_t>(timer_ms)) << "one each millisecond";
+        while (feeder_.waiting())
+            ASSERT_TRUE(verdict(1));
     }
-    EXPECT_EQ(frames, feeder::MAX_FRAMES);
-    while (feeder_.waiting())
-        ASSERT_TRUE(verdict(1));
 
     size_t bytes = 0;
     for (; feeder_.has_room(now_ms); bytes += 65'535) {

@@ -57,6 +57,8 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
          "line 5: 'insecure'"},
         {"[enforce]\nfail = \"shut\"\n", "line 2: 'fail' must be \"open\" or \"closed\""},
         {"[enforce]\ncopies = 0\n", "line 2: 'copies' must be 1 at least"},
+        {"[capture]\nkind = \"tun\"\n", "line 2: 'kind' must be \"veth\" or \"tap\""},
+        {"[capture]\nkind = \"veth\"\nspeed = 10\n", "line 3: 'speed' is for kind = \"tap\""},
         {"[names]\nresolver = []\n", "line 2: unknown key 'resolver'"},
         {"[names]\nresolvers = \"192.0.2.53\"\n", "line 2: 'resolvers' must be a list"},
         {"[names]\nresolvers = [\"192.0.2.53\",\n\"10.1.0.53  02:00:00:00:00:53\"]\n",

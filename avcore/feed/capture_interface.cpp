@@ -1,0 +1,175 @@
+#include "avcore/feed/capture_interface.h"
+
+#include "avcore/netlink/link.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <linux/ethtool.h>
+#include <linux/if_tun.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace avcore {
+namespace {
+
+constexpr char ALIAS[] = "avcore: jorn captures here";
+constexpr char ENTRY_ALIAS[] = "avcore: the frames' way to jorn";
+constexpr char ENTRY_NAME[] = "avcore%d"; // the kernel counts
+constexpr char TAP_DEVICE[] = "/dev/net/tun";
+constexpr uint32_t VETH_MTU = 65'535;
+constexpr uint32_t TAP_MTU = 65'521; // its largest; with the link header 65,535
+
+[[noreturn]] void fail(const std::string &name, const std::string &why) {
+    throw std::runtime_error("can't make " + name + " for the daemon's capture: " + why);
+}
+
+void check(int error, const std::string &name) {
+    if (error != 0)
+        fail(name, strerror(error));
+}
+
+// The kernel would take a percent sign for the place of a number.
+bool is_interface_name(const std::string &name) {
+    return !name.empty() && name.size() < IFNAMSIZ && name != "." && name != ".." &&
+           name.find_first_of("/:% \t\n") == std::string::npos;
+}
+
+ifreq request_for(const std::string &name) {
+    ifreq request = {};
+    memcpy(request.ifr_name, name.data(), name.size());
+    return request;
+}
+
+// Whether a program's frames go into it: that of an avcore receives nothing, which is protocol 0.
+bool is_fed(int index) {
+    std::ifstream sockets("/proc/net/packet");
+    for (std::string line; std::getline(sockets, line);) {
+        std::istringstream fields(line);
+        std::string address, references, type, protocol;
+        int interface = 0;
+        if (fields >> address >> references >> type >> protocol >> interface &&
+            protocol == "0000" && interface == index)
+            return true;
+    }
+    return false;
+}
+
+// What is there under the name; throws where it isn't a killed avcore's.
+std::optional<link_facts> find_leftover(const std::string &name) {
+    std::optional<link_facts> link = look_at_link(name);
+    if (!link)
+        return link;
+    if (link->alias != ALIAS)
+        fail(name, "there is an interface of this name" +
+                       (link->kind.empty() ? "" : ", a " + link->kind + " device,") +
+                       " that isn't avcore's; choose another name, or -o, which writes into a "
+                       "pair that you made");
+    if (link->kind != "veth" || (!link->far && is_fed(link->lower)))
+        fail(name, "another avcore, which runs, has it");
+    return link;
+}
+
+// The kernel has a capture's block closed after 8 ms where the interface claims less than 1 Gbit/s,
+// else after about the time in which it would fill, at the claimed speed, one of libpcap's blocks.
+int64_t block_timer_ms(uint32_t megabits) {
+    constexpr uint32_t block_megabits = 2;
+    return megabits < 1000 ? 8 : block_megabits / (megabits / 1000) + 1;
+}
+
+// Has an interface claim a speed; returns what it claims then.
+uint32_t claim_speed(const std::string &name, uint32_t megabits) {
+    const unique_fd any(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request = request_for(name);
+    ethtool_cmd link = {};
+    request.ifr_data = reinterpret_cast<char *>(&link);
+    const auto ask = [&](uint32_t command) {
+        link.cmd = command;
+        return ioctl(any.get(), SIOCETHTOOL, &request) == 0;
+    };
+    if (ask(ETHTOOL_GSET)) {
+        ethtool_cmd_speed_set(&link, megabits);
+        ask(ETHTOOL_SSET);
+    }
+    return ask(ETHTOOL_GSET) ? ethtool_cmd_speed(&link) : 0;
+}
+
+// False where there is IPv6 and it can't be switched off.
+bool switch_ipv6_off(const std::string &name) {
+    const std::string path = "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
+    const unique_fd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return file.valid() ? write(file.get(), "1", 1) == 1 : errno == ENOENT;
+}
+
+} // namespace
+
+capture_interface::pair::~pair() {
+    if (index_ > 0)
+        remove_link(index_);
+}
+
+capture_interface::capture_interface(const capture_settings &wanted) : name_(wanted.interface) {
+    if (!is_interface_name(name_))
+        fail(name_, "that is no name for an interface");
+    const std::optional<link_facts> leftover = find_leftover(name_);
+    if (wanted.kind == capture_kind::tap) {
+        tap_ = unique_fd(open(TAP_DEVICE, O_RDWR | O_CLOEXEC | O_NONBLOCK));
+        if (!tap_.valid())
+            remarks_.push_back(std::string("no TAP device, for ") + TAP_DEVICE + ": " +
+                               strerror(errno) + "; " + name_ + " is one end of a veth pair");
+    }
+    const bool as_it_is = leftover && !leftover->far && !tap_.valid();
+    if (leftover && !as_it_is)
+        check(remove_link(leftover->index), name_);
+    if (tap_.valid())
+        make_tap(wanted);
+    else
+        make_pair(as_it_is ? leftover->lower : 0);
+}
+
+void capture_interface::make_tap(const capture_settings &wanted) {
+    ifreq request = request_for(name_);
+    request.ifr_flags = static_cast<short>(IFF_TAP | IFF_NO_PI | IFF_TUN_EXCL);
+    if (ioctl(tap_.get(), TUNSETIFF, &request) != 0)
+        fail(name_, strerror(errno));
+    const uint32_t claimed = claim_speed(name_, wanted.speed);
+    if (claimed != wanted.speed)
+        remarks_.push_back(name_ + " claims " + std::to_string(claimed) +
+                           " Mbit/s, for the kernel lets a TAP device claim nothing else");
+    timer_ms_ = block_timer_ms(claimed);
+    finish(name_, TAP_MTU, ALIAS);
+}
+
+// `near_end`: of one that is there.
+void capture_interface::make_pair(int near_end) {
+    if (near_end == 0) {
+        check(make_veth(name_, ENTRY_NAME, VETH_MTU), name_);
+        const std::optional<link_facts> made = look_at_link(name_);
+        near_end = made ? made->lower : 0;
+    }
+    pair_.own(near_end);
+    const std::optional<link_facts> entry = look_at_link(near_end);
+    if (!entry)
+        fail(name_, "it is gone again");
+    entry_ = entry->name;
+    finish(entry_, VETH_MTU, ENTRY_ALIAS);
+    finish(name_, VETH_MTU, ALIAS);
+}
+
+// What would let the kernel send frames of its own is off before the interface goes up.
+void capture_interface::finish(const std::string &name, uint32_t mtu, const char *alias) {
+    const std::optional<link_facts> link = look_at_link(name);
+    check(link ? set_up_link(link->index, mtu, alias) : ENODEV, name);
+    if (!switch_ipv6_off(name))
+        remarks_.push_back("IPv6 can't be switched off on " + name + ": " + strerror(errno) +
+                           "; the kernel's own frames will turn up between the others");
+    check(switch_on(link->index), name);
+}
+
+} // namespace avcore
