@@ -184,7 +184,7 @@ void jorn_capture_dispatch(capture_context *capture_ctx) {
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR) {
         lose(capture_ctx, pcap_geterr(capture_ctx->handle));
-    } else if (result == 0 && watch.state == interface_watch::FINE &&
+    } else if (result == 0 &&
                !is_ours_up(capture_ctx->device)) { // readable without a packet: so it is told
         JORN_ERROR_AS(LOOP, "capture on %s: the interface is down\n", capture_ctx->device);
         is_not_fine(interface_watch::DOWN);
