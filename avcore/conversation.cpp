@@ -85,7 +85,9 @@ void conversation::hear(const switch_setting &setting) {
 }
 
 void conversation::hear(const av_safesearch_setting &setting) {
-    const std::string refusal = with_.resolvers != nullptr ? with_.resolvers->take(setting) : "";
+    if (with_.resolvers == nullptr)
+        return;
+    const std::string refusal = with_.resolvers->take(setting);
     if (!refusal.empty() && with_.resolvers->refused() == 1)
         with_.say("safe search: " + refusal);
 }

@@ -14,7 +14,8 @@ namespace avcore {
 inline constexpr char GATE_PROGRAM[] = "jorn_gate_";
 
 enum class tc_side { ingress, egress };
-inline constexpr tc_side TC_SIDES[] = {tc_side::ingress, tc_side::egress};
+inline constexpr size_t TC_SIDE_COUNT = 2;
+inline constexpr tc_side TC_SIDES[TC_SIDE_COUNT] = {tc_side::ingress, tc_side::egress};
 
 struct tc_program {
     uint32_t id = 0;

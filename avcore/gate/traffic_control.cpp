@@ -76,7 +76,7 @@ void detach(unsigned if_index, tc_side side, attach_way way) {
 
 gate_programs gate_programs_at(unsigned if_index) {
     gate_programs programs;
-    for (size_t i = 0; i < programs.fds.size(); i++) {
+    for (size_t i = 0; i < TC_SIDE_COUNT; i++) {
         const std::optional<tc_program> there = gate_at(if_index, TC_SIDES[i]);
         if (!there)
             throw std::runtime_error("there is no gate at " + interface_name(if_index));
@@ -89,7 +89,7 @@ gate_programs gate_programs_at(unsigned if_index) {
 void attach_all(unsigned if_index, const gate_programs &programs) {
     if (programs.way == attach_way::clsact)
         make_hooks(if_index);
-    for (size_t i = 0; i < programs.fds.size(); i++) {
+    for (size_t i = 0; i < TC_SIDE_COUNT; i++) {
         const int fd = programs.fds[i].get();
         const std::optional<tc_program> there = gate_at(if_index, TC_SIDES[i], programs.way);
         if (!there || there->id != program_of(fd).id)

@@ -31,7 +31,7 @@ void detach(unsigned if_index, tc_side side, attach_way way);
 // What is in the kernel needn't be loaded and verified again for other interfaces.
 struct gate_programs {
     attach_way way = attach_way::tcx;
-    std::array<unique_fd, std::size(TC_SIDES)> fds;
+    std::array<unique_fd, TC_SIDE_COUNT> fds;
 };
 gate_programs gate_programs_at(unsigned if_index); // throws where there is no gate
 void attach_all(unsigned if_index, const gate_programs &programs);
