@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """How many instructions the kernel's verifier goes through before it takes the gate: all the ways
-through it, of which there may be a million.
+through it, of which there may be a million. It is asked to be as strict as on a machine whose words
+have to be aligned.
 
     sudo bench/verifier.py build/release/avcore/gate/gate.bpf.o
 """
@@ -10,6 +11,7 @@ import sys
 
 STATISTICS = 4  # the level of the verifier's log that has nothing else
 LOG_SIZE = 65536
+STRICT_ALIGNMENT = 1  # BPF_F_STRICT_ALIGNMENT
 
 libbpf = ctypes.CDLL("libbpf.so.1", use_errno=True)
 for function in ("bpf_object__open", "bpf_object__next_program", "bpf_program__name"):
@@ -34,6 +36,7 @@ def main(path):
         name = ctypes.string_at(libbpf.bpf_program__name(program)).decode()
         logs[name] = ctypes.create_string_buffer(LOG_SIZE)
         libbpf.bpf_program__set_log_level(program, STATISTICS)
+        libbpf.bpf_program__set_flags(program, STRICT_ALIGNMENT)
         libbpf.bpf_program__set_log_buf(program, logs[name], ctypes.c_size_t(LOG_SIZE))
     if libbpf.bpf_object__load(gate) != 0:
         sys.exit("".join(log.value.decode() for log in logs.values()) + "The kernel refuses the gate.")

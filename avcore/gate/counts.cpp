@@ -1,7 +1,8 @@
 #include "avcore/gate/counts.h"
 
+#include "avcore/gate/maps.h"
+
 #include <bpf/bpf.h>
-#include <bpf/libbpf.h>
 #include <cerrno>
 #include <iterator>
 #include <vector>
@@ -9,8 +10,7 @@
 namespace avcore {
 
 gate_counts read_counts(int fd) {
-    const int processors = libbpf_num_possible_cpus();
-    std::vector<gate_processor> each(processors > 0 ? static_cast<size_t>(processors) : 1);
+    std::vector<gate_processor> each(possible_processors());
     gate_counts counts = {};
     const uint32_t first = 0;
     if (bpf_map_lookup_elem(fd, &first, each.data()) == 0)

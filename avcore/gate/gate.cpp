@@ -1,6 +1,7 @@
 #include "avcore/gate/gate.h"
 
 #include "avcore/base/monotonic_clock.h"
+#include "avcore/gate/flow_counters.h"
 #include "avcore/gate/loader.h"
 #include "avcore/gate/mapping.h"
 #include "avcore/gate/maps.h"
@@ -52,24 +53,28 @@ struct gate::parts {
         : pins(at),
           verdicts(pinned_map(pins, "verdicts")),
           flows(pinned_map(pins, "flows")),
+          recent(pinned_map(pins, "recent")),
           limits(pinned_map(pins, "limits")),
           clients(pinned_map(pins, "clients")),
           processors(pinned_map(pins, "processors")),
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
           settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
+          counters(flows.get(), recent.get()),
           ring_of_copies(copies.get()),
           places(pins, names) {}
 
     std::string pins;
     unique_fd verdicts;
     unique_fd flows;
+    unique_fd recent;
     unique_fd limits;
     unique_fd clients;
     unique_fd processors;
     unique_fd copies;
     unique_fd settings_map;
     mapping<gate_settings> settings;
+    flow_counters counters;
     ring ring_of_copies;
     gate_places places;
 };
@@ -144,10 +149,7 @@ bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
 }
 
 gate_counter gate::counter_of(const gate_flow &flow) const {
-    gate_flow_state state = {};
-    if (bpf_map_lookup_elem(parts_->flows.get(), &flow, &state) != 0)
-        state = {};
-    return state.counter;
+    return parts_->counters.of(flow);
 }
 
 bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {

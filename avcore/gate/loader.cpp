@@ -4,6 +4,7 @@
 #include "avcore/gate/maps.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/traffic_control.h"
+#include "avcore/records/gate_records.h"
 #include "shared/unique_fd.h"
 
 #include <bpf/bpf.h>
@@ -114,6 +115,8 @@ object_owner open_object() {
     object_owner object(bpf_object__open_mem(OBJECT, sizeof OBJECT, &options));
     if (!object)
         throw std::runtime_error("the gate's program can't be read: " + reason(errno));
+    bpf_map *recent = bpf_object__find_map_by_name(object.get(), "recent");
+    bpf_map__set_max_entries(recent, static_cast<uint32_t>(GATE_RECENT * possible_processors()));
     return object;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bpf/bpf.h>
+#include <bpf/libbpf.h>
 #include <cerrno>
 #include <cstring>
 #include <net/if.h>
@@ -59,6 +60,11 @@ uint32_t id_of_map(int fd) {
     bpf_map_info info = {};
     uint32_t size = sizeof info;
     return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
+}
+
+size_t possible_processors() {
+    const int processors = libbpf_num_possible_cpus();
+    return processors > 0 ? static_cast<size_t>(processors) : 1;
 }
 
 bool uses(const tc_program &program, uint32_t map_id) {

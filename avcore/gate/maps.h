@@ -5,6 +5,7 @@
 #include "avcore/gate/traffic_control.h"
 #include "shared/unique_fd.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -18,6 +19,8 @@ unique_fd pinned_map(const std::string &pins, const char *name); // throws where
 
 uint32_t id_of_map(int fd); // 0: it is none
 bool uses(const tc_program &program, uint32_t map_id);
+
+size_t possible_processors();
 
 // Of this network namespace: index and name.
 std::vector<std::pair<unsigned, std::string>> all_interfaces();

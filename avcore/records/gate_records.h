@@ -14,10 +14,11 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v7"
+#define GATE_LAYOUT "v8"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
+#define GATE_RECENT 1024  /* flows that each processor has at hand; a power of two */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
 #define GATE_RING_BYTES (4 * 1024 * 1024)
@@ -45,7 +46,7 @@ struct gate_flow {
     __u8 fragments; /* 1: the pair's later fragments, which show neither ports nor, in IPv6, the
                        protocol: both are 0 */
     __u8 reserved[2];
-};
+} __attribute__((aligned(8))); /* compared and mixed by words */
 GATE_SIZE(gate_flow, 40);
 
 enum gate_action { GATE_PASS = 1, GATE_DENY = 2 };
@@ -81,14 +82,29 @@ struct gate_counter {
 };
 GATE_SIZE(gate_counter, 48);
 
-/* Written by the kernel alone. It looks a flow's verdict up once a tick, and when any has changed;
- * between them this copy spares each packet the second look-up. */
-struct gate_flow_state {
-    struct gate_counter counter;
+/* A flow that a processor has at hand: written by the kernel alone, each by one processor. It looks
+ * the verdict up once a tick, when any has changed, and when another flow has had the place; what
+ * it has counted since then goes to the flow's counter at the next look-up. So a packet costs no
+ * look-up by its flow and no locked addition. */
+struct gate_recent {
+    struct gate_flow flow;
     struct gate_verdict verdict; /* action 0: there was none */
-    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
+    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick; 0
+                        while it is done */
+    struct gate_counter counter; /* what isn't in the flow's yet */
+    __u64 reserved;
 };
-GATE_SIZE(gate_flow_state, 80);
+GATE_SIZE(gate_recent, 128);
+
+/* Where a processor has a flow, among its GATE_RECENT. Flows that meet there cost each other
+ * look-ups and nothing else, so it needn't be hard to guess. */
+static inline __u32 gate_place(const struct gate_flow *flow) {
+    __u64 words[sizeof(struct gate_flow) / 8];
+    __builtin_memcpy(words, flow, sizeof words);
+    const __u64 mixed =
+        (words[0] ^ words[1] ^ words[2] ^ words[3] ^ words[4]) * 0x9E3779B97F4A7C15ull;
+    return (__u32)(mixed >> 32) & (GATE_RECENT - 1);
+}
 
 /* A rate limit: written by avcore alone. Entry 0 is none. */
 struct gate_limit {
@@ -168,8 +184,9 @@ struct gate_processor {
     __u64 counts[GATE_COUNTS];
     __u64 tick; /* the kernel's, and the time at its first packet */
     __u64 now_ns;
+    __u64 recent; /* the first of its gate_recent */
 };
-GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 16);
+GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 24);
 
 /* A copy in the ring; the frame follows, `captured` bytes of it. */
 struct gate_copy {

@@ -51,9 +51,15 @@ octets ipv6(uint8_t next, const octets &rest, uint8_t first = 0x20) {
                                 side + rest);
 }
 
-gate_verdict denial(uint8_t flags, uint32_t generation) {
+gate_verdict allowance(uint32_t generation) {
     gate_verdict verdict = {};
     verdict.generation = generation;
+    verdict.action = GATE_PASS;
+    return verdict;
+}
+
+gate_verdict denial(uint8_t flags, uint32_t generation) {
+    gate_verdict verdict = allowance(generation);
     verdict.action = GATE_DENY;
     verdict.flags = flags;
     return verdict;
@@ -68,6 +74,30 @@ std::vector<attach_way> ways_here() {
     return {attach_way::tcx, attach_way::clsact};
 }
 
+// The Internet checksum's sum.
+uint32_t folded_sum(const octets &words) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < words.size(); i += 2)
+        sum += static_cast<uint32_t>(words[i] << 8 | words[i + 1]);
+    while (sum > 0xFFFF)
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    return sum;
+}
+
+octets summed(octets packet) {
+    return packet.replace(10, 2, be16(0xFFFF - folded_sum(packet.substr(0, 20))));
+}
+
+unique_fd packet_socket(const char *interface) {
+    unique_fd fd(socket(AF_PACKET, SOCK_RAW, 0));
+    sockaddr_ll at = {};
+    at.sll_family = AF_PACKET;
+    at.sll_protocol = htons(0x0003);
+    at.sll_ifindex = static_cast<int>(if_nametoindex(interface));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&at), sizeof at), 0) << strerror(errno);
+    return fd;
+}
+
 class AvcoreGate : public testing::Test {
 protected:
     AvcoreGate() {
@@ -75,20 +105,16 @@ protected:
                         "gw1 type veth && "
                         "for i in gw0 c0; do sysctl -qw net.ipv6.conf.$i.disable_ipv6=1 && "
                         "ip link set $i arp off up; done"));
-        sockaddr_ll at = {};
-        at.sll_family = AF_PACKET;
-        at.sll_protocol = htons(0x0003);
-        at.sll_ifindex = static_cast<int>(if_nametoindex("c0"));
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&at), sizeof at), 0) << strerror(errno);
+        fd_ = packet_socket("c0");
     }
     ~AvcoreGate() override {
-        close(fd_);
         tear_down_gate(PINS);
-        run("ip link del gw0; ip link del gw1");
+        run("ip link del gw0; ip link del gw1; ip link del br0 2>/dev/null");
     }
 
     void send_frame(const octets &frame) const {
-        EXPECT_EQ(send(fd_, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+        EXPECT_EQ(send(fd_.get(), frame.data(), frame.size(), 0),
+                  static_cast<ssize_t>(frame.size()));
     }
     // What became of a frame: the counts of packets that changed.
     std::vector<int> fate(const gate &at, const octets &frame) const {
@@ -104,22 +130,22 @@ protected:
         }
         return changed;
     }
-    // The next frame that comes out at the client, but for its own.
-    octets answer() const {
+    // The next frame that comes in there, but for those to groups.
+    static octets answer(int fd) {
         octets frame(2000, 0);
         sockaddr_ll from = {};
         socklen_t size = sizeof from;
-        pollfd readable = {fd_, POLLIN, 0};
+        pollfd readable = {fd, POLLIN, 0};
         while (poll(&readable, 1, 2000) > 0) {
-            const ssize_t length = recvfrom(fd_, frame.data(), frame.size(), 0,
+            const ssize_t length = recvfrom(fd, frame.data(), frame.size(), 0,
                                             reinterpret_cast<sockaddr *>(&from), &size);
-            if (from.sll_pkttype != PACKET_OUTGOING)
+            if (from.sll_pkttype != PACKET_OUTGOING && (frame[0] & 1) == 0)
                 return frame.substr(0, static_cast<size_t>(length));
         }
         return {};
     }
 
-    int fd_ = socket(AF_PACKET, SOCK_RAW, 0);
+    unique_fd fd_;
 };
 
 TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
@@ -209,14 +235,14 @@ TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
                         ipv4(1, octets{3, 3, 0, 0, 0, 0, 0, 0} + from_server.substr(0, quoted)));
     };
     const octets to_server = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x")));
-    for (const int expected : {GATE_COUNT_UNDECIDED, GATE_COUNT_UNDECIDED, GATE_COUNT_EXCESS})
+    for (const int expected : {GATE_COUNT_UNDECIDED, GATE_COUNT_UNDECIDED, GATE_COUNT_EXCESS}) {
         EXPECT_EQ(fate(at, to_server), std::vector<int>{expected});
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a tick, or tokens stand still
+    }
     gate_copy_seen copy;
     ASSERT_TRUE(at.take(copy));
-    gate_verdict slow = {};
-    slow.action = GATE_PASS;
+    gate_verdict slow = allowance(at.generation());
     slow.flags = GATE_NOT_YET_FINAL;
-    slow.generation = at.generation();
     slow.bucket[GATE_UP] = 1;
     ASSERT_TRUE(at.set_limit(1, {1, 1}) && at.decide(copy.head.flow, slow));
     EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_DECIDED});
@@ -329,6 +355,72 @@ TEST_F(AvcoreGate, CopiesSayHowDatagramsWereJoined) {
     close(sender);
 }
 
+// Of a frame of more than a page that is said to have short headers the kernel keeps only
+// Ethernet's where programs see it.
+TEST_F(AvcoreGate, MarksWhatItSeesInPlaceAndWhatItDoesNot) {
+    ASSERT_TRUE(run("ip link add br0 type bridge && ip link set br0 up && "
+                    "for i in gw0 gw1 c0 veth0; do ip link set $i mtu 9000 up; done && "
+                    "for i in gw0 gw1; do ip link set $i master br0; done && "
+                    "until ! grep -v 3 /sys/class/net/gw?/brport/state; do sleep 0.01; done"));
+    const unique_fd beyond = packet_socket("veth0");
+    const int heads = 1;
+    ASSERT_EQ(setsockopt(fd_.get(), SOL_PACKET, PACKET_VNET_HDR, &heads, sizeof heads), 0);
+    const octets head = octets(2, 0) + octets{14, 0} + octets(6, 0); // a virtio_net_hdr
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = 1000});
+    at.beat();
+    for (const unsigned size : {10u, 4200u}) {
+        const octets data = udp(size, 443, std::string(size, 'x'));
+        const octets plain = ipv4(17, data);
+        octets voice = plain;
+        voice[1] = 46 << 2;
+        octets labelled = ipv6(17, data);
+        labelled[15] = 0x0B;
+        octets voice6 = labelled;
+        voice6.replace(14, 2, {0x60 | 46 >> 2, (46 << 6 & 0xFF) | 0x0B});
+        const struct {
+            octets frame;
+            octets marked;
+        } rows[] = {{ethernet(0x0800, summed(plain)), ethernet(0x0800, summed(voice))},
+                    {labelled, voice6}};
+        for (const auto &[frame, marked] : rows) {
+            EXPECT_EQ(fate(at, head + frame), std::vector<int>{GATE_COUNT_UNDECIDED});
+            EXPECT_EQ(answer(beyond.get()).substr(0, 60), frame.substr(0, 60));
+            gate_copy_seen copy;
+            ASSERT_TRUE(at.take(copy));
+            gate_verdict marks = allowance(at.generation());
+            marks.flags = GATE_SET_DSCP;
+            marks.dscp = 46;
+            ASSERT_TRUE(at.decide(copy.head.flow, marks));
+            send_frame(head + frame);
+            EXPECT_EQ(answer(beyond.get()).substr(0, 60), marked.substr(0, 60));
+        }
+    }
+}
+
+TEST_F(AvcoreGate, FlowsThatMeetAtAPlaceKeepTheirVerdictsAndCounts) {
+    gate at(PINS, {"gw0"});
+    at.beat();
+    const auto sent = [](unsigned port) { return ethernet(0x0800, ipv4(17, udp(port, 443, "x"))); };
+    fate(at, sent(1));
+    gate_copy_seen copy;
+    ASSERT_TRUE(at.take(copy));
+    const gate_flow allowed = copy.head.flow;
+    gate_flow denied = allowed;
+    for (unsigned port = 2; gate_place(&denied) != gate_place(&allowed) || port == 2; ++port)
+        denied.client_port_be = htons(static_cast<uint16_t>(port));
+    ASSERT_TRUE(at.decide(allowed, allowance(at.generation())) &&
+                at.decide(denied, denial(0, at.generation())));
+    for (int i = 1; i <= 5; ++i) {
+        EXPECT_EQ(fate(at, sent(1)), std::vector<int>{GATE_COUNT_DECIDED});
+        EXPECT_EQ(fate(at, sent(ntohs(denied.client_port_be))),
+                  std::vector<int>{GATE_COUNT_DENIED});
+        EXPECT_EQ(at.counter_of(allowed).packets[GATE_UP], static_cast<uint64_t>(i) + 1);
+        EXPECT_EQ(at.counter_of(denied).denied, static_cast<uint64_t>(i));
+    }
+    EXPECT_EQ(at.counter_of(denied).packets[GATE_UP] + at.counter_of(allowed).denied, 0u);
+}
+
 // Segments whose checksum isn't left to the hardware; sockets on a veth pair have no others.
 TEST_F(AvcoreGate, ResetsHaveAChecksum) {
     gate at(PINS, {"gw0"});
@@ -340,16 +432,11 @@ TEST_F(AvcoreGate, ResetsHaveAChecksum) {
         ASSERT_TRUE(at.take(copy));
         ASSERT_TRUE(at.decide(copy.head.flow, denial(GATE_RESET, at.generation())));
         send_frame(frame);
-        const octets reset = answer();
+        const octets reset = answer(fd_.get());
         ASSERT_EQ(reset.size(), frame.size() - 3);
         const size_t addresses = frame[12] == 8 ? 8 : 32;
         const octets sum_of = reset.substr(reset.size() - 20 - addresses) + be16(6) + be16(20);
-        uint64_t sum = 0;
-        for (size_t i = 0; i < sum_of.size(); i += 2)
-            sum += static_cast<unsigned>(sum_of[i] << 8 | sum_of[i + 1]);
-        while (sum > 0xFFFF)
-            sum = (sum & 0xFFFF) + (sum >> 16);
-        EXPECT_EQ(sum, 0xFFFFu);
+        EXPECT_EQ(folded_sum(sum_of), 0xFFFFu);
         EXPECT_EQ(reset.substr(reset.size() - 16, 4), be32(99)) << "the sequence number";
         EXPECT_EQ(reset[reset.size() - 7], 4) << "RST alone";
     }

@@ -35,10 +35,13 @@ struct {
 static __always_inline struct gate_client_state *client_of(struct __sk_buff *skb,
                                                            const struct packet *packet) {
     struct gate_client client = {};
-    const __u32 at = packet->direction == GATE_UP ? offsetof(struct ethhdr, h_source)
-                                                  : offsetof(struct ethhdr, h_dest);
-    if (bpf_skb_load_bytes(skb, at, client.mac, sizeof client.mac))
+    const struct ethhdr *head = ethernet_of(skb);
+    if (!head)
         return NULL;
+    if (packet->direction == GATE_UP)
+        __builtin_memcpy(client.mac, head->h_source, sizeof client.mac);
+    else
+        __builtin_memcpy(client.mac, head->h_dest, sizeof client.mac);
     struct gate_client_state *state = bpf_map_lookup_elem(&clients, &client);
     if (!state) {
         const struct gate_client_state unseen = {};
@@ -49,14 +52,14 @@ static __always_inline struct gate_client_state *client_of(struct __sk_buff *skb
 }
 
 /* Without a lock, which maps of this kind can't hold: two processors may let one copy too many
- * through. */
+ * through. The time of the tick will do: tokens that come a tick late are no fewer. */
 static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet *packet,
-                                     __u32 a_second, __u64 now) {
+                                     __u32 a_second) {
     struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
     if (!client)
         return false;
     if (take_tokens(&client->copies[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN], a_second,
-                    a_second, 1, now))
+                    a_second, 1, packet->here->now_ns))
         return true;
     __sync_fetch_and_add(&client->refused, 1);
     return false;
@@ -65,15 +68,14 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
 /* False: its client had too many. */
 static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
                                const struct gate_settings *set) {
-    const __u64 now = bpf_ktime_get_ns();
     const __u32 first = 0;
-    struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
-    if (!copy)
-        return true;
-    if (!may_copy(skb, packet, set->copies_per_second, now)) {
+    if (!may_copy(skb, packet, set->copies_per_second)) {
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return false;
     }
+    struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
+    if (!copy)
+        return true;
     const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
     __u32 captured = skb->len;
     if (!joined_datagrams && captured > GATE_FRAME_MAX)
@@ -85,7 +87,7 @@ static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packe
     if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
         return true;
     copy->head.flow = packet->flow;
-    copy->head.time_ns = now;
+    copy->head.time_ns = bpf_ktime_get_ns();
     copy->head.if_index = skb->ifindex;
     copy->head.length = skb->len;
     copy->head.captured = (__u16)captured;

@@ -14,8 +14,17 @@ struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_FLOWS);
     __type(key, struct gate_flow);
-    __type(value, struct gate_flow_state);
+    __type(value, struct gate_counter);
 } flows SEC(".maps");
+
+/* GATE_RECENT for each processor: whoever loads it makes it so large. */
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, GATE_RECENT);
+    __type(key, __u32);
+    __type(value, struct gate_recent);
+} recent SEC(".maps");
 
 static __always_inline void count_segments(struct __sk_buff *skb, struct packet *packet) {
     packet->segments = 1;
@@ -35,34 +44,64 @@ static __always_inline __u64 ip_bytes(const struct packet *packet) {
            (__u64)(packet->segments - 1) * (packet->headers - packet->network);
 }
 
-static __always_inline struct gate_flow_state *state_of(const struct packet *packet,
-                                                        const struct gate_settings *set) {
-    const __u64 now = (__u64)set->changes << 32 | (__u32)packet->here->tick;
-    struct gate_flow_state *state = bpf_map_lookup_elem(&flows, &packet->flow);
-    if (!state) {
-        const struct gate_flow_state unseen = {.looked_up = ~now};
-        bpf_map_update_elem(&flows, &packet->flow, &unseen, BPF_NOEXIST);
-        state = bpf_map_lookup_elem(&flows, &packet->flow);
+static __always_inline bool are_same(const struct gate_flow *a, const struct gate_flow *b) {
+    __u64 of_a[sizeof *a / 8];
+    __u64 of_b[sizeof *b / 8];
+    __builtin_memcpy(of_a, a, sizeof of_a);
+    __builtin_memcpy(of_b, b, sizeof of_b);
+    return ((of_a[4] ^ of_b[4]) | (of_a[3] ^ of_b[3]) | (of_a[2] ^ of_b[2]) | (of_a[1] ^ of_b[1]) |
+            (of_a[0] ^ of_b[0])) == 0;
+}
+
+static __always_inline void add_to_flow(const struct gate_flow *flow,
+                                        const struct gate_counter *seen) {
+    struct gate_counter *counter = bpf_map_lookup_elem(&flows, flow);
+    if (!counter && bpf_map_update_elem(&flows, flow, seen, BPF_NOEXIST) == 0)
+        return;
+    if (!counter)
+        counter = bpf_map_lookup_elem(&flows, flow); /* another processor has just made it */
+    if (!counter)
+        return;
+    for (int way = 0; way < 2; way++) {
+        __sync_fetch_and_add(&counter->packets[way], seen->packets[way]);
+        __sync_fetch_and_add(&counter->bytes[way], seen->bytes[way]);
     }
-    if (!state || state->looked_up == now)
-        return state;
-    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, &packet->flow);
-    const struct gate_verdict none = {};
-    state->verdict = verdict ? *verdict : none;
-    state->looked_up = now;
-    return state;
+    __sync_fetch_and_add(&counter->denied, seen->denied);
+    __sync_fetch_and_add(&counter->limited, seen->limited);
+}
+
+/* Whoever reads the counts meanwhile sees by `looked_up` that they are on their way. */
+static __noinline void take_to_hand(struct gate_recent *place, const struct gate_flow *flow,
+                                    __u64 now) {
+    const struct gate_verdict no_verdict = {};
+    const struct gate_counter nothing = {};
+    const struct gate_counter *seen = &place->counter;
+    place->looked_up = 0;
+    if (seen->packets[GATE_UP] | seen->packets[GATE_DOWN] | seen->denied | seen->limited) {
+        add_to_flow(&place->flow, seen);
+        place->counter = nothing;
+    }
+    place->flow = *flow;
+    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, flow);
+    place->verdict = verdict ? *verdict : no_verdict;
+    place->looked_up = now;
+}
+
+static __always_inline struct gate_recent *at_hand(const struct packet *packet,
+                                                   const struct gate_settings *set) {
+    const __u64 now = (__u64)set->changes << 32 | (__u32)packet->here->tick;
+    const __u32 index = (__u32)packet->here->recent + gate_place(&packet->flow);
+    struct gate_recent *place = bpf_map_lookup_elem(&recent, &index);
+    if (place && !(place->looked_up == now && are_same(&place->flow, &packet->flow)))
+        take_to_hand(place, &packet->flow, now);
+    return place;
 }
 
 static __always_inline void count_passed(struct gate_counter *counter, struct __sk_buff *skb,
                                          const struct packet *packet) {
     if (!counter)
         return;
-    const __u64 bytes = frame_bytes(skb, packet);
-    if (packet->direction == GATE_UP) {
-        __sync_fetch_and_add(&counter->packets[GATE_UP], packet->segments);
-        __sync_fetch_and_add(&counter->bytes[GATE_UP], bytes);
-    } else {
-        __sync_fetch_and_add(&counter->packets[GATE_DOWN], packet->segments);
-        __sync_fetch_and_add(&counter->bytes[GATE_DOWN], bytes);
-    }
+    const __u32 way = packet->direction == GATE_UP ? GATE_UP : GATE_DOWN;
+    counter->packets[way] += packet->segments;
+    counter->bytes[way] += frame_bytes(skb, packet);
 }

@@ -18,7 +18,8 @@ static __always_inline int deny(struct __sk_buff *skb, const struct packet *pack
         return pass(GATE_COUNT_DECIDED, packet);
     count(packet, GATE_COUNT_DENIED, packet->segments);
     if (counter)
-        __sync_fetch_and_add(&counter->denied, packet->segments);
+        counter->denied += packet->segments; /* before a reset, which passes a gate meanwhile: that
+                                                may give the place to another flow */
     return resets ? reset(skb, packet) : TC_ACT_SHOT;
 }
 
@@ -38,7 +39,7 @@ static __always_inline int allow(struct __sk_buff *skb, const struct packet *pac
                                  const struct gate_verdict *verdict, struct gate_counter *counter) {
     if (!take_turn(skb, packet, verdict)) {
         if (counter)
-            __sync_fetch_and_add(&counter->limited, packet->segments);
+            counter->limited += packet->segments;
         return drop(GATE_COUNT_LIMITED, packet);
     }
     if (verdict->flags & GATE_SET_DSCP)
@@ -54,10 +55,10 @@ static __always_inline bool is_dns(const struct gate_flow *flow) {
 
 static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
                                  const struct gate_settings *set, bool attended) {
-    struct gate_flow_state *state = state_of(packet, set);
+    struct gate_recent *place = at_hand(packet, set);
     const struct gate_verdict *verdict =
-        state ? &state->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
-    struct gate_counter *counter = state ? &state->counter : NULL;
+        place ? &place->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
+    struct gate_counter *counter = place ? &place->counter : NULL;
     const bool judged = verdict && verdict->action;
     const bool decided = judged && !(verdict->flags & GATE_NOT_YET_FINAL);
     const bool settled = decided && verdict->generation == set->generation;

@@ -38,32 +38,52 @@ struct tcp_header {
 #define TCP_RST 0x04
 #define TCP_ACK 0x10
 
-/* What most frames begin with. */
-struct first_headers {
-    __u8 aligning[2];
-    struct ethhdr ethernet;
-    struct iphdr ipv4;     /* unless it is an IPv6 packet */
-    struct tcp_header tcp; /* its ports are other protocols', too */
-};
-#define FIRST_HEADERS_SIZE (sizeof(struct first_headers) - 2)
-
 struct packet {
     struct gate_processor *here; /* the processor that is at it */
     struct gate_flow flow;
-    struct first_headers first; /* loaded at once where they fit, or where they are */
-    __u32 network;              /* offsets in the frame: the IP header, */
-    __u32 transport;            /* what follows it, */
-    __u32 end;                  /* and the end, before any padding */
-    __u32 segments;             /* on the wire; more than one of a GSO packet */
-    __u32 headers;              /* from the frame's first byte to the payload, of each segment */
+    __u32 network;   /* offsets in the frame: the IP header, */
+    __u32 transport; /* what follows it, */
+    __u32 end;       /* and the end, before any padding */
+    __u32 segments;  /* on the wire; more than one of a GSO packet */
+    __u32 headers;   /* from the frame's first byte to the payload, of each segment */
     __u8 direction;
     __u8 first_fragment;
     __u8 extended; /* IPv6 with extension headers */
     __u8 is_ipv6;
     __u8 traffic_class;
-    __u8 all_loaded; /* the transport's header is where `first` has it */
-    __u8 is_error;   /* of ICMP or ICMPv6: it quotes a packet of the other direction */
+    __u8 tcp_flags;
+    __u8 is_error; /* of ICMP or ICMPv6: it quotes a packet of the other direction */
 };
+
+/* A header behind Ethernet's, in place: NULL where it doesn't lie in the part that the program can
+ * see. It begins two bytes behind a multiple of four, which the kernel aligns; the mask shows that
+ * to the verifier of a machine whose words have to be aligned, and a bound beyond all tags and
+ * IPv4's options. */
+#define IN_PLACE_MASK 0x7C
+
+static __always_inline void *in_place(struct __sk_buff *skb, __u32 at, __u32 size) {
+    __u8 *data = (__u8 *)(unsigned long)skb->data;
+    const __u8 *end = (const __u8 *)(unsigned long)skb->data_end;
+    __u32 words = at - 2;
+    asm volatile("" : "+r"(words)); /* or the compiler looks at another register than it adds */
+    words &= IN_PLACE_MASK;
+    return words + 2 == at && data + words + 2 + size <= end ? data + words + 2 : NULL;
+}
+
+/* Where it isn't in place it is loaded into `copy`. NULL: the frame ends before. */
+static __always_inline const void *header_at(struct __sk_buff *skb, __u32 at, __u32 size,
+                                             void *copy) {
+    const void *header = in_place(skb, at, size);
+    if (header)
+        return header;
+    return bpf_skb_load_bytes(skb, at, copy, size) ? NULL : copy;
+}
+
+/* Always there: the kernel has read it itself, or written it. */
+static __always_inline const struct ethhdr *ethernet_of(struct __sk_buff *skb) {
+    const struct ethhdr *head = (const struct ethhdr *)(unsigned long)skb->data;
+    return (unsigned long)(head + 1) <= skb->data_end ? head : NULL;
+}
 
 static __always_inline void count(const struct packet *packet, __u32 what, __u64 by) {
     if (what < GATE_COUNTS)
@@ -87,6 +107,7 @@ static __always_inline __u64 coarse_now(struct gate_processor *here) {
     if (here->tick != tick || here->now_ns == 0) {
         here->tick = tick;
         here->now_ns = bpf_ktime_get_ns();
+        here->recent = (__u64)bpf_get_smp_processor_id() * GATE_RECENT;
     }
     return here->now_ns;
 }

@@ -31,27 +31,32 @@ static __always_inline void set_ports(struct gate_flow *flow, __u8 direction, __
 }
 
 static __always_inline int parse_tcp(struct __sk_buff *skb, struct packet *packet) {
-    struct tcp_header *tcp = &packet->first.tcp;
-    if (packet->transport + sizeof *tcp > packet->end ||
-        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, tcp, sizeof *tcp)))
+    struct tcp_header copy;
+    if (packet->transport + sizeof copy > packet->end)
+        return GATE_COUNT_MALFORMED;
+    const struct tcp_header *tcp = header_at(skb, packet->transport, sizeof copy, &copy);
+    if (!tcp)
         return GATE_COUNT_MALFORMED;
     const __u32 length = (tcp->offset >> 4) * 4;
     if (length < sizeof *tcp ||
         (packet->transport + length > packet->end && !packet->first_fragment))
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
+    packet->tcp_flags = tcp->flags;
     set_ports(&packet->flow, packet->direction, tcp->source, tcp->dest);
     return GATE_COUNT_UNDECIDED;
 }
 
 static __always_inline int parse_udp(struct __sk_buff *skb, struct packet *packet) {
-    struct tcp_header *ports = &packet->first.tcp;
+    __be16 copy[2];
     const __u32 length = 8;
-    if (packet->transport + length > packet->end ||
-        (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->transport, ports, 4)))
+    if (packet->transport + length > packet->end)
+        return GATE_COUNT_MALFORMED;
+    const __be16 *ports = header_at(skb, packet->transport, sizeof copy, copy);
+    if (!ports)
         return GATE_COUNT_MALFORMED;
     packet->headers = packet->transport + length;
-    set_ports(&packet->flow, packet->direction, ports->source, ports->dest);
+    set_ports(&packet->flow, packet->direction, ports[0], ports[1]);
     return GATE_COUNT_UNDECIDED;
 }
 
@@ -109,12 +114,11 @@ static __always_inline bool is_reserved(__be32 address) {
 }
 
 static __always_inline int parse_ipv4(struct __sk_buff *skb, struct packet *packet) {
-    struct iphdr *head = &packet->first.ipv4;
-    if (!packet->all_loaded && bpf_skb_load_bytes(skb, packet->network, head, sizeof *head))
+    struct iphdr copy;
+    const struct iphdr *head = header_at(skb, packet->network, sizeof copy, &copy);
+    if (!head)
         return GATE_COUNT_MALFORMED;
     const __u32 length = head->ihl * 4;
-    if (length != sizeof *head)
-        packet->all_loaded = 0;
     packet->transport = packet->network + length;
     if (head->version != 4 || length < sizeof *head ||
         !set_end(skb, packet, bpf_ntohs(head->tot_len)) || packet->transport > packet->end)
@@ -173,19 +177,20 @@ static __always_inline bool is_mapped(const struct in6_addr *address) {
 }
 
 static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *packet) {
-    struct ipv6hdr head;
+    struct ipv6hdr copy;
     packet->is_ipv6 = 1;
-    if (bpf_skb_load_bytes(skb, packet->network, &head, sizeof head) || head.version != 6)
+    const struct ipv6hdr *head = header_at(skb, packet->network, sizeof copy, &copy);
+    if (!head || head->version != 6)
         return GATE_COUNT_MALFORMED;
-    const __u32 payload = bpf_ntohs(head.payload_len);
-    packet->transport = packet->network + sizeof head;
-    if (!set_end(skb, packet, payload || !skb->gso_size ? sizeof head + payload : 0))
+    const __u32 payload = bpf_ntohs(head->payload_len);
+    packet->transport = packet->network + sizeof *head;
+    if (!set_end(skb, packet, payload || !skb->gso_size ? sizeof *head + payload : 0))
         return GATE_COUNT_MALFORMED;
-    if (is_mapped(&head.saddr) || is_mapped(&head.daddr))
+    if (is_mapped(&head->saddr) || is_mapped(&head->daddr))
         return GATE_COUNT_RESERVED;
-    packet->traffic_class = (__u8)(head.priority << 4 | head.flow_lbl[0] >> 4);
-    packet->flow.proto = head.nexthdr;
-    set_addresses(&packet->flow, packet->direction, &head.saddr, &head.daddr, sizeof head.saddr);
+    packet->traffic_class = (__u8)(head->priority << 4 | head->flow_lbl[0] >> 4);
+    packet->flow.proto = head->nexthdr;
+    set_addresses(&packet->flow, packet->direction, &head->saddr, &head->daddr, sizeof head->saddr);
     for (int i = 0; i < EXTENSION_HEADERS_MAX; i++) {
         if (!is_extension(packet->flow.proto))
             return parse_transport(skb, packet);
@@ -226,13 +231,10 @@ __noinline int jorn_gate_behind_tags(struct __sk_buff *skb) {
 
 static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *packet) {
     __u32 at = offsetof(struct ethhdr, h_proto);
-    const bool loaded =
-        bpf_skb_load_bytes(skb, 0, &packet->first.ethernet, FIRST_HEADERS_SIZE) == 0;
-    __be16 type_be = packet->first.ethernet.h_proto;
-    if (!loaded && bpf_skb_load_bytes(skb, at, &type_be, sizeof type_be))
+    const struct ethhdr *head = ethernet_of(skb);
+    if (!head)
         return GATE_COUNT_MALFORMED;
-    packet->all_loaded = loaded && type_be == bpf_htons(ETH_P_IP);
-    __u16 type = bpf_ntohs(type_be);
+    __u16 type = bpf_ntohs(head->h_proto);
     if (is_tag(type)) {
         const __u32 found = (__u32)jorn_gate_behind_tags(skb);
         at = found >> 16;
@@ -242,7 +244,7 @@ static __always_inline int parse_frame(struct __sk_buff *skb, struct packet *pac
         if (is_tag(type))
             return GATE_COUNT_TAGS;
     }
-    packet->network = at + sizeof type_be;
+    packet->network = at + sizeof(__be16);
     if (type < ETH_P_802_3_MIN)
         return GATE_COUNT_ALWAYS; /* LLC: spanning trees and the like */
     switch (type) {

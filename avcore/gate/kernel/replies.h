@@ -32,17 +32,18 @@ static __always_inline __u16 pseudo_sum(const struct gate_flow *flow, __u32 leng
 
 /* Packets made by this machine, or put together from several, hold the pseudo-header's sum alone;
  * the rest is added when they leave. */
-static __always_inline bool is_checksum_partial(const struct packet *packet) {
-    return packet->first.tcp.check == pseudo_sum(&packet->flow, packet->end - packet->transport);
+static __always_inline bool is_checksum_partial(const struct packet *packet, __u16 check) {
+    return check == pseudo_sum(&packet->flow, packet->end - packet->transport);
 }
 
-static __always_inline void finish_tcp(const struct packet *packet, struct tcp_header *tcp) {
+static __always_inline void finish_tcp(const struct packet *packet, const struct tcp_header *denied,
+                                       struct tcp_header *tcp) {
     tcp->offset = 5 << 4;
     tcp->window = 0;
     tcp->urgent = 0;
     tcp->check = 0;
     const __u16 pseudo = pseudo_sum(&packet->flow, sizeof *tcp);
-    tcp->check = is_checksum_partial(packet)
+    tcp->check = is_checksum_partial(packet, denied->check)
                      ? pseudo
                      : (__u16)~folded((__u64)pseudo + sum_of(tcp, sizeof *tcp));
 }
@@ -91,8 +92,9 @@ static __always_inline bool load_ends(struct __sk_buff *skb, const struct packet
 
 /* The packet is cut already. The kernel's own sum over a received packet doesn't hold the MACs. */
 static __always_inline bool store(struct __sk_buff *skb, const struct packet *packet,
-                                  const struct ends *ends, struct tcp_header *tcp) {
-    finish_tcp(packet, tcp);
+                                  const struct ends *ends, const struct tcp_header *denied,
+                                  struct tcp_header *tcp) {
+    finish_tcp(packet, denied, tcp);
     if (bpf_skb_store_bytes(skb, 0, ends->macs, sizeof ends->macs, 0) ||
         bpf_skb_store_bytes(skb, packet->transport, tcp, sizeof *tcp, BPF_F_RECOMPUTE_CSUM))
         return false;
@@ -108,8 +110,8 @@ static __always_inline bool is_for_group(const struct ends *ends) {
 }
 
 /* What a closed port would have said (RFC 9293, 3.10.7.1). */
-static __always_inline struct tcp_header answer_to(const struct packet *packet) {
-    const struct tcp_header *in = &packet->first.tcp;
+static __always_inline struct tcp_header answer_to(const struct packet *packet,
+                                                   const struct tcp_header *in) {
     struct tcp_header out = {.source = in->dest, .dest = in->source, .flags = TCP_RST};
     if (in->flags & TCP_ACK) {
         out.seq = in->ack;
@@ -123,7 +125,7 @@ static __always_inline struct tcp_header answer_to(const struct packet *packet) 
 }
 
 static __always_inline bool is_pure_reset(const struct packet *packet) {
-    return packet->flow.proto == IPPROTO_TCP && (packet->first.tcp.flags & TCP_RST) &&
+    return packet->flow.proto == IPPROTO_TCP && (packet->tcp_flags & TCP_RST) &&
            packet->headers == packet->end;
 }
 
@@ -131,25 +133,26 @@ static __always_inline bool is_pure_reset(const struct packet *packet) {
  * asked for exists at its sender alone. */
 static __noinline int reset(struct __sk_buff *skb, const struct packet *packet) {
     struct ends ends;
+    struct tcp_header denied;
     if (packet->flow.proto != IPPROTO_TCP || packet->extended || packet->first_fragment ||
-        (packet->first.tcp.flags & TCP_RST))
+        (packet->tcp_flags & TCP_RST))
         return TC_ACT_SHOT;
     if (!load_ends(skb, packet, &ends) || is_for_group(&ends) ||
+        bpf_skb_load_bytes(skb, packet->transport, &denied, sizeof denied) ||
         bpf_skb_change_tail(skb, packet->transport + sizeof(struct tcp_header), 0))
         return TC_ACT_SHOT;
-    struct tcp_header tcp = answer_to(packet);
+    struct tcp_header tcp = answer_to(packet, &denied);
     turn_round(packet, &ends);
-    if (!store(skb, packet, &ends, &tcp) ||
+    if (!store(skb, packet, &ends, &denied, &tcp) ||
         bpf_clone_redirect(skb, skb->ifindex, packet->direction == GATE_DOWN ? BPF_F_INGRESS : 0))
         return TC_ACT_SHOT;
     count(packet, GATE_COUNT_RESETS, 1);
-    const __u8 flags = packet->first.tcp.flags;
-    if ((flags & TCP_SYN) && !(flags & TCP_ACK))
+    if ((denied.flags & TCP_SYN) && !(denied.flags & TCP_ACK))
         return TC_ACT_SHOT;
-    tcp = packet->first.tcp;
-    tcp.flags = TCP_RST | (flags & TCP_ACK);
+    tcp = denied;
+    tcp.flags = TCP_RST | (denied.flags & TCP_ACK);
     turn_round(packet, &ends);
-    if (!store(skb, packet, &ends, &tcp))
+    if (!store(skb, packet, &ends, &denied, &tcp))
         return TC_ACT_SHOT;
     count(packet, GATE_COUNT_RESETS, 1);
     return TC_ACT_UNSPEC;
