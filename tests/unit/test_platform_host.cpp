@@ -99,7 +99,7 @@ private:
         message.msg_iovlen = 1;
         message.msg_control = control.data();
         message.msg_controllen = CMSG_SPACE(descriptors * sizeof(int));
-        auto *rights = reinterpret_cast<cmsghdr *>(control.data());
+        cmsghdr *rights = CMSG_FIRSTHDR(&message);
         *rights = {CMSG_LEN(descriptors * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
         const int both[] = {memory_, memory_};
         memcpy(CMSG_DATA(rights), both, descriptors * sizeof(int));

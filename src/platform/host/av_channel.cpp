@@ -89,32 +89,38 @@ struct answer_place {
     int32_t &rc;
     std::span<std::byte> body;
     size_t &taken;             // of the body
-    int *descriptor = nullptr; // null: the kernel closes what comes with a message
+    int *descriptor = nullptr; // null: none is wanted
 };
 
-// The descriptor that came with a message, which had room for one. Where the kernel had to close
-// others there was no agreement about what they are.
+// Of the descriptors that come with a message: one is wanted, and a second shows that there were
+// more. Those without room the kernel closes.
+constexpr size_t DESCRIPTORS_MAX = 2;
+
+// The descriptor that came, -1 for none and for several.
 int descriptor_of(msghdr &message) {
-    int descriptor = -1;
     const cmsghdr *head = CMSG_FIRSTHDR(&message);
-    if (head != nullptr && head->cmsg_level == SOL_SOCKET && head->cmsg_type == SCM_RIGHTS)
-        memcpy(&descriptor, CMSG_DATA(head), sizeof descriptor);
-    if (descriptor >= 0 && (message.msg_flags & MSG_CTRUNC) != 0) {
-        close(descriptor);
+    if (head == nullptr || head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS)
         return -1;
-    }
-    return descriptor;
+    std::array<int, DESCRIPTORS_MAX> came = {};
+    const size_t count = std::min((head->cmsg_len - CMSG_LEN(0)) / sizeof(int), came.size());
+    memcpy(came.data(), CMSG_DATA(head), count * sizeof(int));
+    if (count == 1 && (message.msg_flags & MSG_CTRUNC) == 0)
+        return came.front();
+    for (const int descriptor : std::span(came).first(count))
+        close(descriptor);
+    return -1;
 }
 
+// `descriptor` null: the kernel closes what comes with the message.
 ssize_t receive(av_answer_head &head, std::span<std::byte> body, int *descriptor) {
-    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof *descriptor)> control;
+    alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(DESCRIPTORS_MAX * sizeof(int))> control;
     std::array<iovec, 2> pieces = {iovec{&head, sizeof head}, iovec{body.data(), body.size()}};
     msghdr message = {};
     message.msg_iov = pieces.data();
     message.msg_iovlen = pieces.size();
     if (descriptor != nullptr) {
         message.msg_control = control.data();
-        message.msg_controllen = CMSG_LEN(sizeof *descriptor); // the space may hold two
+        message.msg_controllen = control.size();
     }
     const ssize_t received = recvmsg(channel.connection.fd(), &message, MSG_CMSG_CLOEXEC);
     if (received >= 0 && descriptor != nullptr)

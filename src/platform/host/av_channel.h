@@ -35,9 +35,6 @@ bool av_ask(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<st
 bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::span<std::byte> body,
                  size_t &taken, av_clock::duration wait = AV_ANSWER_TIME);
 
-// The number of messages that the channel was given to send.
-uint32_t av_messages();
-
 // Asks a question without a body for a descriptor (close-on-exec), which is then the caller's; -1
 // when the answer is another, doesn't come in time or brings several. Returns whether the question
 // went out. What comes with any other message is closed.
@@ -48,6 +45,9 @@ bool av_pauses(av_op op);
 
 // Whether the channel is connected, after a try to connect where one is due.
 bool av_connected();
+
+// The number of messages that the channel was given to send.
+uint32_t av_messages();
 
 // Which connection there is, another number for each; 0 without one.
 uint32_t av_connection();
