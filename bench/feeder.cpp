@@ -1,5 +1,6 @@
 #include "feeder.h"
 
+#include "avcore/base/send_message.h"
 #include "lab.h"
 #include "platform/host/messages/av_messages.h"
 
@@ -209,6 +210,9 @@ bool feeder::handle(int fd, const uint8_t *message, size_t size) {
     } else if (head.op == av_op::platform_value && options_.engine_present &&
                asks_for_engine(message + sizeof head, size - sizeof head)) {
         send_record(fd, answer_record<av_value_answer>{{head, 0}, {"1"}});
+    } else if (head.op == av_op::name_page && options_.page_shared) {
+        const av_answer_head answer = {head, 0};
+        avcore::send_message(fd, std::as_bytes(std::span(&answer, 1)), nothing_new_.descriptor());
     } else {
         send_record(fd, av_answer_head{head, -1});
     }

@@ -6,6 +6,7 @@
 // lost.
 #pragma once
 
+#include "avcore/names/name_word.h"
 #include "support/frames.h"
 
 #include <cstdint>
@@ -16,6 +17,7 @@
 struct feeder_options {
     bool engine_present = false; // the answer to `tm_support`
     bool names_known = false;    // whether a question for an address's name is a hit
+    bool page_shared = false;    // whether it says that there is nothing new
 };
 
 struct feed_result {
@@ -54,6 +56,7 @@ private:
     feeder_options options_;
     int packet_socket_ = -1;
     int listener_ = -1;
+    avcore::name_word nothing_new_;
     std::vector<int> connections_;
     uint64_t questions_ = 0;
 };

@@ -18,6 +18,7 @@
 namespace {
 
 constexpr double GOAL_RATIO = 1.1;
+constexpr double GOAL_OF_NAMED = 1.5;
 
 struct live_options {
     unsigned runs = 5;
@@ -27,7 +28,7 @@ struct live_options {
 
 struct scenario {
     const char *name;
-    bool has_goal;
+    enum { beside_bare_loop, beside_named, none } goal;
     unsigned packets_divisor; // where every packet waits for the feeder's side
     feeder_options options;
     av_pkt_trailer (*trailer)();
@@ -44,9 +45,18 @@ av_pkt_trailer identified_trailer() {
 }
 
 constexpr scenario SCENARIOS[] = {
-    {"named by the daemon's own cache", true, 1, {.names_known = true}, plain_trailer},
-    {"named by the DPI engine", true, 1, {.engine_present = true}, identified_trailer},
-    {"unnamed: the platform is asked", false, 10, {}, plain_trailer},
+    {"named by the daemon's own cache",
+     scenario::beside_bare_loop,
+     1,
+     {.names_known = true},
+     plain_trailer},
+    {"named by the DPI engine",
+     scenario::beside_bare_loop,
+     1,
+     {.engine_present = true},
+     identified_trailer},
+    {"unnamed", scenario::beside_named, 1, {.page_shared = true}, plain_trailer},
+    {"unnamed, the platform asked each time", scenario::none, 10, {}, plain_trailer},
 };
 
 live_options read_options(int argc, char *argv[]) {
@@ -83,8 +93,26 @@ void print_row(const char *consumer, const live_figures &figures) {
     putchar('\n');
 }
 
-// Returns B, the bare loop's CPU time a packet.
-double run_scenario(const scenario &wanted, const live_options &options) {
+struct costs {
+    double bare_ns;
+    double daemon_ns;
+};
+
+void print_goal(const scenario &wanted, const costs &cost, double named_ns) {
+    printf("  ratio     %8.2f", cost.daemon_ns / cost.bare_ns);
+    const bool beside_named = wanted.goal == scenario::beside_named;
+    const double ratio = cost.daemon_ns / (beside_named ? named_ns : cost.bare_ns);
+    const double goal = beside_named ? GOAL_OF_NAMED : GOAL_RATIO;
+    if (beside_named)
+        printf("  %.2f times a named one,", ratio);
+    if (wanted.goal != scenario::none)
+        printf("  goal at most %.1f: %s", goal, ratio <= goal ? "met" : "MISSED");
+    printf("\n\n");
+    fflush(stdout);
+}
+
+// `named_ns` is what the daemon took for a packet that its own cache names.
+costs run_scenario(const scenario &wanted, const live_options &options, double named_ns) {
     const live_traffic traffic = {live_frames(wanted.trailer()), wanted.options,
                                   options.packets / wanted.packets_divisor};
     std::vector<live_figures> bare_runs;
@@ -95,17 +123,13 @@ double run_scenario(const scenario &wanted, const live_options &options) {
     }
     const live_figures bare = median_figures(bare_runs);
     const live_figures daemon = median_figures(daemon_runs);
-    const double ratio = daemon.cpu_ns / bare.cpu_ns;
+    const costs cost = {bare.cpu_ns, daemon.cpu_ns};
 
     printf("%s\n", wanted.name);
     print_row("bare loop", bare);
     print_row("daemon", daemon);
-    printf("  ratio     %8.2f", ratio);
-    if (wanted.has_goal)
-        printf("  goal at most %.1f: %s", GOAL_RATIO, ratio <= GOAL_RATIO ? "met" : "MISSED");
-    printf("\n\n");
-    fflush(stdout);
-    return bare.cpu_ns;
+    print_goal(wanted, cost, named_ns);
+    return cost;
 }
 
 } // namespace
@@ -118,8 +142,13 @@ int main(int argc, char *argv[]) {
            lab_choose_cpus().count);
     fflush(stdout); // the children inherit what isn't written yet
     double bare_ns = 0;
-    for (const scenario &wanted : SCENARIOS)
-        bare_ns = std::max(bare_ns, run_scenario(wanted, options));
+    double named_ns = 0;
+    for (const scenario &wanted : SCENARIOS) {
+        const costs cost = run_scenario(wanted, options, named_ns);
+        bare_ns = std::max(bare_ns, cost.bare_ns);
+        if (&wanted == SCENARIOS)
+            named_ns = cost.daemon_ns;
+    }
     printf("B = %.0f ns\n", bare_ns);
     return EXIT_SUCCESS;
 }
