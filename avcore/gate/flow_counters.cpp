@@ -25,8 +25,8 @@ void add(gate_counter &sum, const gate_counter &more) {
 
 struct flow_counters::at_hand {
     gate_counter counter = {};
-    uint64_t looked_up = 0; // of all processors together
-    bool moves = false;     // to the map, at this moment
+    uint64_t taken = 0; // of all processors together
+    bool moves = false; // to the map, at this moment
 };
 
 flow_counters::flow_counters(int flows_fd, int recent_fd)
@@ -38,11 +38,11 @@ flow_counters::at_hand flow_counters::look(const gate_flow &flow) const {
     at_hand all;
     for (size_t i = 0; i < processors_; i++) {
         gate_recent &one = recent_.get()[i * GATE_RECENT + gate_place(&flow)];
-        const uint64_t looked_up = read_word(one.looked_up);
-        all.looked_up += looked_up;
+        const uint64_t taken = read_word(one.taken);
+        all.taken += taken;
         if (memcmp(&one.flow, &flow, sizeof flow) != 0)
             continue;
-        all.moves = all.moves || looked_up == 0;
+        all.moves = all.moves || taken % 2 != 0;
         add(all.counter, one.counter);
     }
     return all;
@@ -56,7 +56,7 @@ gate_counter flow_counters::of(const gate_flow &flow) const {
         if (bpf_map_lookup_elem(flows_fd_, &flow, &counter) != 0)
             counter = {};
         add(counter, before.counter);
-        if (!before.moves && look(flow).looked_up == before.looked_up)
+        if (!before.moves && look(flow).taken == before.taken)
             break;
     }
     return counter;

@@ -89,10 +89,9 @@ GATE_SIZE(gate_counter, 48);
 struct gate_recent {
     struct gate_flow flow;
     struct gate_verdict verdict; /* action 0: there was none */
-    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick; 0
-                        while it is done */
+    __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
     struct gate_counter counter; /* what isn't in the flow's yet */
-    __u64 reserved;
+    __u64 taken; /* grows as the look-up begins, and again as it ends: odd between */
 };
 GATE_SIZE(gate_recent, 128);
 

@@ -70,31 +70,59 @@ static __always_inline void add_to_flow(const struct gate_flow *flow,
     __sync_fetch_and_add(&counter->limited, seen->limited);
 }
 
-/* Whoever reads the counts meanwhile sees by `looked_up` that they are on their way. */
+#define COMPILER_BARRIER() asm volatile("" ::: "memory")
+
+static __always_inline void look_up(const struct gate_flow *flow, struct gate_verdict *verdict) {
+    const struct gate_verdict none = {};
+    const struct gate_verdict *found = bpf_map_lookup_elem(&verdicts, flow);
+    *verdict = found ? *found : none;
+}
+
 static __noinline void take_to_hand(struct gate_recent *place, const struct gate_flow *flow,
-                                    __u64 now) {
-    const struct gate_verdict no_verdict = {};
+                                    __u64 now, struct gate_verdict *verdict) {
     const struct gate_counter nothing = {};
     const struct gate_counter *seen = &place->counter;
-    place->looked_up = 0;
+    place->taken++;
+    COMPILER_BARRIER();
     if (seen->packets[GATE_UP] | seen->packets[GATE_DOWN] | seen->denied | seen->limited) {
         add_to_flow(&place->flow, seen);
         place->counter = nothing;
     }
+    look_up(flow, verdict);
     place->flow = *flow;
-    const struct gate_verdict *verdict = bpf_map_lookup_elem(&verdicts, flow);
-    place->verdict = verdict ? *verdict : no_verdict;
+    place->verdict = *verdict;
     place->looked_up = now;
+    COMPILER_BARRIER();
+    place->taken++;
 }
 
+/* The packet's verdict, action 0 being none, and where it counts. On kernels whose network code can
+ * be preempted (PREEMPT_RT) another packet may take the place at any moment: `taken` shows that,
+ * and then the verdict is looked up, and the packet counts nowhere. */
 static __always_inline struct gate_recent *at_hand(const struct packet *packet,
-                                                   const struct gate_settings *set) {
+                                                   const struct gate_settings *set,
+                                                   struct gate_verdict *verdict) {
     const __u64 now = (__u64)set->changes << 32 | (__u32)packet->here->tick;
     const __u32 index = (__u32)packet->here->recent + gate_place(&packet->flow);
     struct gate_recent *place = bpf_map_lookup_elem(&recent, &index);
-    if (place && !(place->looked_up == now && are_same(&place->flow, &packet->flow)))
-        take_to_hand(place, &packet->flow, now);
-    return place;
+    if (!place) {
+        look_up(&packet->flow, verdict);
+        return NULL;
+    }
+    const __u64 taken = place->taken;
+    COMPILER_BARRIER();
+    if (taken % 2 == 0) {
+        if (place->looked_up != now || !are_same(&place->flow, &packet->flow)) {
+            take_to_hand(place, &packet->flow, now, verdict);
+            return place;
+        }
+        *verdict = place->verdict;
+        COMPILER_BARRIER();
+        if (place->taken == taken)
+            return place;
+    }
+    look_up(&packet->flow, verdict);
+    return NULL;
 }
 
 static __always_inline void count_passed(struct gate_counter *counter, struct __sk_buff *skb,

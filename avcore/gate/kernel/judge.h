@@ -28,7 +28,8 @@ static __always_inline bool take_turn(struct __sk_buff *skb, const struct packet
                                       const struct gate_verdict *verdict) {
     const bool down = packet->direction == GATE_DOWN;
     const bool waits = down && verdict->queue_at == skb->ifindex;
-    if (!waits && !is_within_limit(verdict->bucket[down ? GATE_DOWN : GATE_UP], packet))
+    const __u32 bucket = down ? verdict->bucket[GATE_DOWN] : verdict->bucket[GATE_UP];
+    if (!waits && !is_within_limit(bucket, packet))
         return false;
     if (down && (verdict->flags & GATE_SET_PRIORITY) && (waits || !verdict->queue_at))
         skb->priority = verdict->priority;
@@ -55,13 +56,12 @@ static __always_inline bool is_dns(const struct gate_flow *flow) {
 
 static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
                                  const struct gate_settings *set, bool attended) {
-    struct gate_recent *place = at_hand(packet, set);
-    const struct gate_verdict *verdict =
-        place ? &place->verdict : bpf_map_lookup_elem(&verdicts, &packet->flow);
+    struct gate_verdict verdict;
+    struct gate_recent *place = at_hand(packet, set, &verdict);
     struct gate_counter *counter = place ? &place->counter : NULL;
-    const bool judged = verdict && verdict->action;
-    const bool decided = judged && !(verdict->flags & GATE_NOT_YET_FINAL);
-    const bool settled = decided && verdict->generation == set->generation;
+    const bool judged = verdict.action != 0;
+    const bool decided = judged && !(verdict.flags & GATE_NOT_YET_FINAL);
+    const bool settled = decided && verdict.generation == set->generation;
     bool excess = false;
     if (packet->direction == GATE_UP && is_dns(&packet->flow))
         skb->tc_index = CAME_UP;
@@ -71,10 +71,10 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
         return pass(GATE_COUNT_NOBODY, packet);
     if (!decided && !attended)
         return drop(GATE_COUNT_SHUT, packet);
-    if (judged && verdict->action == GATE_DENY)
-        return deny(skb, packet, verdict, counter);
+    if (judged && verdict.action == GATE_DENY)
+        return deny(skb, packet, &verdict, counter);
     if (judged)
-        return allow(skb, packet, verdict, counter);
+        return allow(skb, packet, &verdict, counter);
     if (excess && packet->direction == GATE_UP && (set->rules & GATE_DROP_EXCESS))
         return drop(GATE_COUNT_EXCESS, packet);
     count_passed(counter, skb, packet);
