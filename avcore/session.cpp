@@ -125,7 +125,7 @@ void session::fill_loop() {
                .due_ms = [this](int64_t) { return channel_.next_tick_ms(); },
                .serve = [this](int64_t now_ms) { serve_channel(now_ms); }});
     // Only while there is room: what waits in the capture's buffer stays there.
-    loop_.add({.descriptor = [this] { return has_room() ? source_.fd() : -1; },
+    loop_.add({.descriptor = [this] { return has_room() && !sink_full_ ? source_.fd() : -1; },
                .due_ms = [this](int64_t now_ms) { return frames_due_ms(now_ms); }});
     loop_.add({.due_ms = [this](int64_t now_ms) {
         return fresh_categories_.valid() ? now_ms + LONGEST_WAIT_MS : NEVER_MS;

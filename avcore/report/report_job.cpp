@@ -53,7 +53,8 @@ report_job::state report_job::go_on() {
         if (const state now = write_some(); now != state::goes_on)
             return now;
     }
-    return state::goes_on;
+    // Whoever has read its last line may ask for the next one at once.
+    return text_.empty() && !make_more() ? state::written : state::goes_on;
 }
 
 } // namespace avcore
