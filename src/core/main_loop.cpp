@@ -3,6 +3,7 @@
 #include "control/cmdsock.h"
 #include "core/base/flags.h"
 #include "core/base/log.h"
+#include "core/base/record_bytes.h"
 #include "core/dns/dns_cache.h"
 #include "core/signals.h"
 #include "core/system/descriptors.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <iterator>
 #include <sys/select.h>
+#include <utility>
 
 namespace {
 
@@ -71,6 +73,17 @@ constexpr loop_row ROWS[] = {
     {bus_descriptor, nullptr, serve_bus},
 };
 
+// Calls `visit` for the rows and their places, in their order, until it returns true. Each row has
+// code of its own, so that what every pass calls are plain calls, or none.
+template <typename Visit, size_t... Place>
+void visit_rows(Visit visit, std::index_sequence<Place...>) {
+    (void)(visit(ROWS[Place], Place) || ...);
+}
+template <typename Visit>
+void visit_rows(Visit visit) {
+    visit_rows(visit, std::make_index_sequence<std::size(ROWS)>());
+}
+
 // What select is asked. It is kept from pass to pass, for the descriptors seldom change, and the C
 // library's checked FD_SET is a call.
 class wait_set {
@@ -78,11 +91,12 @@ public:
     // Asks the rows for their descriptors.
     void ask(const loop_inputs &in) {
         bool changed = false;
-        for (size_t i = 0; i < std::size(ROWS); ++i) {
-            const int fd = ROWS[i].descriptor(in);
+        visit_rows([&](const loop_row &row, size_t i) {
+            const int fd = row.descriptor(in);
             changed = changed || fd != descriptors_[i];
             descriptors_[i] = fd;
-        }
+            return false;
+        });
         if (changed)
             fill();
     }
@@ -103,18 +117,18 @@ public:
     }
     // Serves the rows that are ready, which are `count`.
     void serve(const loop_inputs &in, const fd_set &ready, int count) const {
-        for (size_t i = 0; i < std::size(ROWS) && count > 0; ++i) {
+        visit_rows([&](const loop_row &row, size_t i) {
             if (!fits(descriptors_[i]) || !FD_ISSET(descriptors_[i], &ready))
-                continue;
-            --count;
-            jorn_log_text(JORN_LOG_DEBUG, JORN_AS("jorn_main_loop"), 0, ROWS[i].says);
-            ROWS[i].serve(in);
-        }
+                return false;
+            jorn_log_text(JORN_LOG_DEBUG, JORN_AS("jorn_main_loop"), 0, row.says);
+            row.serve(in);
+            return --count == 0;
+        });
     }
 
 private:
     int select_ready(fd_set &ready, timeval &time_out) const {
-        ready = wanted_;
+        copy_record(ready, wanted_);
         return select(highest_ + 1, &ready, nullptr, nullptr, &time_out);
     }
     static bool fits(int fd) { return fd >= 0 && fd < FD_SETSIZE; }

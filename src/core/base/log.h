@@ -19,7 +19,7 @@ inline constexpr int JORN_LOG_DEBUG = 7;
                                                        int error_number, const char *format, ...);
 
 inline bool jorn_log_enabled(int level) {
-    return level != JORN_LOG_DEBUG || jorn_settings.debug != 0;
+    return level != JORN_LOG_DEBUG || __builtin_expect(jorn_settings.debug, 0) != 0;
 }
 
 // Under whose name a line stands in the log: a function of the system's interface. What serves
