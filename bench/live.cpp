@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr double GOAL_RATIO = 1.1;
+constexpr double GOAL_RATIO = 1.2;
 constexpr double GOAL_OF_NAMED = 1.5;
 
 struct live_options {
