@@ -106,20 +106,29 @@ bool open_device(capture_context *capture_ctx, char (&failure)[FAILURE_SIZE]) {
     return true;
 }
 
+bool open_ethernet(capture_context *capture_ctx, char (&failure)[FAILURE_SIZE]) {
+    if (!open_device(capture_ctx, failure))
+        return false;
+    const int link_type = pcap_datalink(capture_ctx->handle);
+    if (link_type == DLT_EN10MB)
+        return true;
+    snprintf(failure, sizeof failure, "the datalink layer type is %d, not ethernet!!\n", link_type);
+    return false;
+}
+
 // Opens the interface by its name: one that was deleted is another one when it is back. Tries in
 // vain are told once.
 void try_again(capture_context *capture_ctx) {
     char failure[FAILURE_SIZE] = "there is no such interface, or it is down\n";
-    if (is_up(capture_ctx->device) && open_device(capture_ctx, failure)) {
-        if (pcap_datalink(capture_ctx->handle) == DLT_EN10MB) {
+    if (is_up(capture_ctx->device)) {
+        if (open_ethernet(capture_ctx, failure)) {
             JORN_INFO_AS(LOOP, "capture on %s: the interface is back\n", capture_ctx->device);
             is_fine();
             return;
         }
-        snprintf(failure, sizeof failure, "the datalink layer type is %d, not ethernet!!\n",
-                 pcap_datalink(capture_ctx->handle));
+        close_capture(capture_ctx);
+        drop_news(); // that it was promiscuous, and is no more: each would be a reason to try again
     }
-    close_capture(capture_ctx);
     if (!watch.complained)
         JORN_ERROR_AS(LOOP, "capture on %s, trying again: %s", capture_ctx->device, failure);
     watch.complained = true;

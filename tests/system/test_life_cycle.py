@@ -1,6 +1,8 @@
 """The process: its start, its one instance, its way into the background and its end."""
 from testbed import *
 
+RTMGRP_LINK = 1
+
 
 class Start(SystemTest):
     def start_fails(self, status, *options, says, interface=CAPTURE):
@@ -151,6 +153,28 @@ class CaptureInterface(SystemTest):
         run("ip", "link", "set", FEED, "name", "old1")
         self.make_links()
         run("ip", "link", "del", "old0")
+        self.wait_until_judging()
+
+    def test_one_of_another_kind_has_the_name(self):
+        """It is looked at in vain, which the kernel has news of in its turn."""
+        self.platform()
+        self.start()
+        run("ip", "link", "del", FEED)
+        self.jorn.wait_line("trying again")
+        run("ip", "tuntap", "add", CAPTURE, "mode", "tun")
+        run("ip", "link", "set", CAPTURE, "up")
+        with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE) as news:
+            news.bind((0, RTMGRP_LINK))
+            news.setblocking(False)
+            for _ in range(50):
+                command(34, bytes(4))
+            count = 0
+            with contextlib.suppress(BlockingIOError):
+                while news.recv(65536):
+                    count += 1
+        self.assertLess(count, 50)
+        run("ip", "link", "del", CAPTURE)
+        self.make_links()
         self.wait_until_judging()
 
 
