@@ -35,7 +35,6 @@ private:
     class pair {
     public:
         pair() = default;
-        explicit pair(int index) : index_(index) {}
         pair(const pair &) = delete;
         pair &operator=(const pair &) = delete;
         ~pair();
