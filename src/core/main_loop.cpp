@@ -67,7 +67,7 @@ struct loop_row {
 
 // In the order of serving.
 constexpr loop_row ROWS[] = {
-    {capture_descriptor, "\n\n\ncapture the packet, let's process \n", serve_capture},
+    {capture_descriptor, nullptr, serve_capture}, // it isn't always a packet
     {command_descriptor, "receive the ipc message, let's process \n", serve_commands},
     {waiting_descriptor, nullptr, serve_waiting}, // their line was written when they were accepted
     {bus_descriptor, nullptr, serve_bus},

@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr char LOOP[] = "jorn_main_loop"; // its lines about the interface
+constexpr char LOOP[] = "jorn_main_loop"; // its lines about the interface and its packets
 constexpr int64_t TRY_AGAIN_MS = 1000;
 constexpr size_t FAILURE_SIZE = PCAP_ERRBUF_SIZE + 80;
 
@@ -189,6 +189,7 @@ void jorn_capture_dispatch(capture_context *capture_ctx) {
         watch.looked_ms = 0; // the next wait is behind a look
         return;
     }
+    JORN_DEBUG_AS(LOOP, "\n\n\ncapture the packet, let's process \n");
     const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR) {

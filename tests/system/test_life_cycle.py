@@ -157,10 +157,14 @@ class CaptureInterface(SystemTest):
 
     def test_one_of_another_kind_has_the_name(self):
         """It is looked at in vain, which the kernel has news of in its turn."""
+        def packets_told():
+            return sum("capture the packet" in line for line in self.jorn.lines.items)
+
         self.platform()
-        self.start()
+        self.start("-d")
         run("ip", "link", "del", FEED)
         self.jorn.wait_line("trying again")
+        told = packets_told()
         run("ip", "tuntap", "add", CAPTURE, "mode", "tun")
         run("ip", "link", "set", CAPTURE, "up")
         with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE) as news:
@@ -173,6 +177,7 @@ class CaptureInterface(SystemTest):
                 while news.recv(65536):
                     count += 1
         self.assertLess(count, 50)
+        self.assertEqual(packets_told(), told)
         run("ip", "link", "del", CAPTURE)
         self.make_links()
         self.wait_until_judging()
