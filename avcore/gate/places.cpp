@@ -33,7 +33,7 @@ unique_fd open_changes() {
 bool stands_at(unsigned index) {
     try {
         return gate_at(index, tc_side::ingress) && gate_at(index, tc_side::egress);
-    } catch (const std::runtime_error &) { // another program is there, or it goes this moment
+    } catch (const std::runtime_error &) { // there is no telling: it goes this moment
         return false;
     }
 }

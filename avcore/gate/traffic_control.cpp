@@ -10,8 +10,25 @@
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <stdexcept>
+#include <utility>
 
 namespace avcore {
+namespace {
+
+struct standing_gate {
+    attach_way way;
+    tc_program program;
+};
+
+// The first is looked at again: a gate that another process moves meanwhile is no missing one.
+std::optional<standing_gate> find_gate(unsigned if_index, tc_side side) {
+    for (const attach_way way : {attach_way::tcx, attach_way::clsact, attach_way::tcx})
+        if (std::optional<tc_program> program = gate_at(if_index, side, way))
+            return standing_gate{way, std::move(*program)};
+    return std::nullopt;
+}
+
+} // namespace
 
 unsigned ethernet_interface(const std::string &name) {
     const unsigned index = name.size() < IF_NAMESIZE ? if_nametoindex(name.c_str()) : 0;
@@ -44,12 +61,9 @@ std::optional<tc_program> gate_at(unsigned if_index, tc_side side, attach_way wa
     return way == attach_way::tcx ? tcx_gate(if_index, side) : clsact_gate(if_index, side);
 }
 
-// The first is looked at again: a gate that another process moves meanwhile is no missing one.
 std::optional<tc_program> gate_at(unsigned if_index, tc_side side) {
-    for (const attach_way way : {attach_way::tcx, attach_way::clsact, attach_way::tcx})
-        if (std::optional<tc_program> program = gate_at(if_index, side, way))
-            return program;
-    return std::nullopt;
+    const std::optional<standing_gate> gate = find_gate(if_index, side);
+    return gate ? std::optional(gate->program) : std::nullopt;
 }
 
 std::vector<attach_way> ways_of_gate(unsigned if_index, tc_side side) {
@@ -77,12 +91,13 @@ void detach(unsigned if_index, tc_side side, attach_way way) {
 gate_programs gate_programs_at(unsigned if_index) {
     gate_programs programs;
     for (size_t i = 0; i < TC_SIDE_COUNT; i++) {
-        const std::optional<tc_program> there = gate_at(if_index, TC_SIDES[i]);
+        const std::optional<standing_gate> there = find_gate(if_index, TC_SIDES[i]);
         if (!there)
             throw std::runtime_error("there is no gate at " + interface_name(if_index));
-        programs.fds[i] = open_program(there->id, if_index);
+        programs.fds[i] = open_program(there->program.id, if_index);
+        if (TC_SIDES[i] == tc_side::ingress)
+            programs.way = there->way;
     }
-    programs.way = ways_of_gate(if_index, tc_side::ingress).front();
     return programs;
 }
 
