@@ -17,7 +17,7 @@ public:
     // `busy` says that something else goes on beside the asking, so that this isn't the last for a
     // while: while the clock stands still from look to look, seven of eight busy calls don't look
     // at it. That costs a packet what a system call would, cold as it is then; a try is late by
-    // seven packets at most, and by none where they are more than a tick apart.
+    // seven packets at most, and by none where no two of them come within a tick.
     state ensure(const char *(*path)(), bool busy = false);
 
     enum class sent { yes, doesnt_fit, ended };
