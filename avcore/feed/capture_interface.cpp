@@ -11,6 +11,7 @@
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <sys/ioctl.h>
@@ -100,6 +101,14 @@ uint32_t claim_speed(const std::string &name, uint32_t megabits) {
     return ask(ETHTOOL_GSET) ? ethtool_cmd_speed(&link) : 0;
 }
 
+// A name that nothing has. An interface which has the daemon's must be known as avcore's from then
+// on, or one that was killed would leave its successor a stranger.
+std::string passing_name() {
+    std::ostringstream name;
+    name << "avcore-" << std::hex << (std::random_device()() & 0xFFFFFFFF);
+    return name.str();
+}
+
 // False where there is IPv6 and it can't be switched off.
 bool switch_ipv6_off(const std::string &name) {
     const std::string path = "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
@@ -143,14 +152,16 @@ void capture_interface::make_tap(const capture_settings &wanted) {
         remarks_.push_back(name_ + " claims " + std::to_string(claimed) +
                            " Mbit/s, for the kernel lets a TAP device claim nothing else");
     timer_ms_ = block_timer_ms(claimed);
-    finish(name_, TAP_MTU, ALIAS);
+    finish(name_, name_, TAP_MTU, ALIAS);
 }
 
 // `near_end`: of one that is there.
 void capture_interface::make_pair(int near_end) {
+    std::string far_name = name_;
     if (near_end == 0) {
-        check(make_veth(name_, ENTRY_NAME, VETH_MTU), name_);
-        const std::optional<link_facts> made = look_at_link(name_);
+        far_name = passing_name();
+        check(make_veth(far_name, ENTRY_NAME, VETH_MTU), name_);
+        const std::optional<link_facts> made = look_at_link(far_name);
         near_end = made ? made->lower : 0;
     }
     pair_.own(near_end);
@@ -158,14 +169,17 @@ void capture_interface::make_pair(int near_end) {
     if (!entry)
         fail(name_, "it is gone again");
     entry_ = entry->name;
-    finish(entry_, VETH_MTU, ENTRY_ALIAS);
-    finish(name_, VETH_MTU, ALIAS);
+    finish(entry_, entry_, VETH_MTU, ENTRY_ALIAS);
+    finish(far_name, name_, VETH_MTU, ALIAS);
 }
 
 // What would let the kernel send frames of its own is off before the interface goes up.
-void capture_interface::finish(const std::string &name, uint32_t mtu, const char *alias) {
-    const std::optional<link_facts> link = look_at_link(name);
+void capture_interface::finish(const std::string &made_as, const std::string &name, uint32_t mtu,
+                               const char *alias) {
+    const std::optional<link_facts> link = look_at_link(made_as);
     check(link ? set_up_link(link->index, mtu, alias) : ENODEV, name);
+    if (made_as != name)
+        check(rename_link(link->index, name), name);
     if (!switch_ipv6_off(name))
         remarks_.push_back("IPv6 can't be switched off on " + name + ": " + strerror(errno) +
                            "; the kernel's own frames will turn up between the others");

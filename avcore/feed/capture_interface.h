@@ -46,7 +46,8 @@ private:
 
     void make_tap(const capture_settings &wanted);
     void make_pair(int near_end);
-    void finish(const std::string &name, uint32_t mtu, const char *alias);
+    void finish(const std::string &made_as, const std::string &name, uint32_t mtu,
+                const char *alias);
 
     std::string name_;
     std::string entry_;

@@ -111,6 +111,12 @@ int set_up_link(int index, uint32_t mtu, const std::string &alias) {
     return netlink_order(order);
 }
 
+int rename_link(int index, const std::string &name) {
+    netlink_request order(RTM_SETLINK, 0, link_at(index));
+    mnl_attr_put_strz(order.message(), IFLA_IFNAME, name.c_str());
+    return netlink_order(order);
+}
+
 int switch_on(int index) {
     ifinfomsg link = link_at(index);
     link.ifi_flags = link.ifi_change = IFF_UP;

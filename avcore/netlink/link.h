@@ -35,6 +35,8 @@ bool are_peers(const std::string &a, const std::string &b);
 int make_veth(const std::string &name, const std::string &peer, uint32_t mtu);
 // Without ARP. It stays up or down.
 int set_up_link(int index, uint32_t mtu, const std::string &alias);
+// One that is down.
+int rename_link(int index, const std::string &name);
 int switch_on(int index);
 int remove_link(int index);
 

@@ -371,6 +371,24 @@ class MadeInterface(SystemTest):
                 self.assertEqual(daemon.stop(), 0)
                 os.unlink(COMMAND_SOCKET)
 
+    def test_a_killed_one_leaves_nothing_that_is_not_known(self):
+        """Whenever it was killed: what has the name has the alias, too."""
+        with socket.socket(socket.AF_NETLINK, socket.SOCK_RAW) as news:
+            news.bind((0, 1))  # of interfaces
+            avcore = self.start("veth")
+            wait_for_listener(AV_SOCKET)
+            avcore.terminate()
+            avcore.communicate(timeout=DEADLINE)
+            news.settimeout(DEADLINE)
+            named = struct.pack("=HH", 9, 3) + CAPTURE.encode() + b"\0"
+            known = []
+            while len(known) == 0 or kind != 17:  # it is deleted
+                message = news.recv(65536)
+                kind = struct.unpack_from("=4xH", message)[0]
+                if named in message:
+                    known.append(b"avcore: jorn captures here" in message)
+        self.assertEqual(known, [True] * len(known))
+
     def test_what_is_not_its_own_is_left_alone(self):
         add_capture_pair(CAPTURE, FEED)
         self.addCleanup(subprocess.run, ["ip", "link", "del", CAPTURE], capture_output=True)
