@@ -48,18 +48,20 @@ ifreq request_for(const std::string &name) {
     return request;
 }
 
-// Whether a program's frames go into it: that of an avcore receives nothing, which is protocol 0.
-bool is_fed(int index) {
+constexpr char TAKEN[] = "another avcore, which runs, has it";
+
+// How many programs' frames go into it: that of an avcore receives nothing, which is protocol 0.
+int count_feeders(int index) {
     std::ifstream sockets("/proc/net/packet");
+    int feeders = 0;
     for (std::string line; std::getline(sockets, line);) {
         std::istringstream fields(line);
         std::string address, references, type, protocol;
         int interface = 0;
-        if (fields >> address >> references >> type >> protocol >> interface &&
-            protocol == "0000" && interface == index)
-            return true;
+        if (fields >> address >> references >> type >> protocol >> interface)
+            feeders += protocol == "0000" && interface == index;
     }
-    return false;
+    return feeders;
 }
 
 // What is there under the name; throws where it isn't a killed avcore's.
@@ -72,8 +74,8 @@ std::optional<link_facts> find_leftover(const std::string &name) {
                        (link->kind.empty() ? "" : ", a " + link->kind + " device,") +
                        " that isn't avcore's; choose another name, or -o, which writes into a "
                        "pair that you made");
-    if (link->kind != "veth" || (!link->far && is_fed(link->lower)))
-        fail(name, "another avcore, which runs, has it");
+    if (link->kind != "veth" || (!link->far && count_feeders(link->lower) > 0))
+        fail(name, TAKEN);
     return link;
 }
 
@@ -171,6 +173,13 @@ void capture_interface::make_pair(int near_end) {
     entry_ = entry->name;
     finish(entry_, entry_, VETH_MTU, ENTRY_ALIAS);
     finish(far_name, name_, VETH_MTU, ALIAS);
+}
+
+void capture_interface::refuse_company() {
+    if (count_feeders(pair_.index()) < 2)
+        return;
+    pair_.own(0);
+    fail(name_, TAKEN);
 }
 
 // What would let the kernel send frames of its own is off before the interface goes up.

@@ -25,6 +25,9 @@ public:
     // Of a pair: the interface into which frames are written; empty: they are written to `tap`.
     const std::string &entry() const { return entry_; }
     int tap() const { return tap_.get(); }
+    // Once `entry` is written into: two that were started at once may have taken the same pair. Who
+    // finds another there leaves it to him, and throws std::runtime_error; that may be both.
+    void refuse_company();
     // After how many milliseconds the daemon's capture closes a block.
     int64_t timer_ms() const { return timer_ms_; }
     // What is other than it was wanted, for people.
@@ -39,6 +42,7 @@ private:
         pair &operator=(const pair &) = delete;
         ~pair();
         void own(int index) { index_ = index; }
+        int index() const { return index_; }
 
     private:
         int index_ = 0; // of its near end

@@ -52,6 +52,7 @@ frame_sink::frame_sink(const std::string &interface) : entry_(interface) {
 frame_sink::frame_sink(const capture_settings &wanted) : made_(wanted), entry_(made_->entry()) {
     if (made_->tap() < 0) {
         open_entry();
+        made_->refuse_company();
         return;
     }
     entry_ = made_->name();

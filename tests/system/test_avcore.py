@@ -389,6 +389,26 @@ class MadeInterface(SystemTest):
                     known.append(b"avcore: jorn captures here" in message)
         self.assertEqual(known, [True] * len(known))
 
+    def test_of_two_that_start_at_once_one_at_most_has_it(self):
+        sockets = ("/tmp/av1", "/tmp/av2")
+        self.addCleanup(subprocess.run, ["ip", "link", "del", CAPTURE], capture_output=True)
+        for _ in range(10):
+            killed = self.start("veth")
+            wait_for_listener(AV_SOCKET)
+            killed.kill()
+            killed.wait()
+            os.unlink(AV_SOCKET)
+            both = [self.start("veth", before=("env", f"JORN_AV_SOCK={path}")) for path in sockets]
+            for avcore, path in zip(both, sockets):
+                wait_until(lambda: avcore.poll() is not None or os.path.exists(path))
+            refused = [avcore.poll() for avcore in both]
+            for avcore, path in zip(both, sockets):
+                avcore.terminate()
+                avcore.communicate(timeout=DEADLINE)
+                with contextlib.suppress(FileNotFoundError):
+                    os.unlink(path)
+            self.assertIn(1, refused)
+
     def test_what_is_not_its_own_is_left_alone(self):
         add_capture_pair(CAPTURE, FEED)
         self.addCleanup(subprocess.run, ["ip", "link", "del", CAPTURE], capture_output=True)
