@@ -46,6 +46,20 @@ void list_attached(uint32_t settings_id, gate_status &status) {
     }
 }
 
+// A gate that teardown can't reach would keep to its rules: by tcx one goes along with an interface
+// into another network namespace.
+void leave_open(int settings_fd) {
+    bpf_map_info info = {};
+    uint32_t size = sizeof info;
+    if (bpf_obj_get_info_by_fd(settings_fd, &info, &size) != 0 ||
+        info.value_size != sizeof(gate_settings) || (info.map_flags & BPF_F_MMAPABLE) == 0)
+        return;
+    const mapping<gate_settings> settings(settings_fd, sizeof(gate_settings),
+                                          PROT_READ | PROT_WRITE, 0);
+    write_word(settings.get()->fail_closed, uint32_t{0});
+    write_word(settings.get()->probing, uint32_t{0});
+}
+
 } // namespace
 
 struct gate::parts {
@@ -196,10 +210,12 @@ std::vector<std::string> tear_down_gate(const std::string &pins) {
     std::vector<std::string> names;
     libbpf_set_print(nullptr);
     const unique_fd lock = lock_beside(pins);
+    const unique_fd settings(bpf_obj_get(pin_of(pins, "settings").c_str()));
     for (const auto &[index, name] : all_interfaces()) {
         if (take_gate_from(index))
             names.push_back(name);
     }
+    leave_open(settings.get());
     remove_pins(pins, layouts::all);
     return names;
 }

@@ -526,14 +526,23 @@ TEST_F(AvcoreGate, MovesFromOneWayToTheOtherAmongThePrograms) {
         in_front.attach_to_tcx("gw0", true);
         EXPECT_EQ(ways_past(), 1u);
     }
+    const auto others_run = [&](uint64_t expected) {
+        send_frame(frame);
+        uint64_t runs = 0;
+        for (int i = 0; i < 1000 && runs < expected; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            runs += in_list.runs() + filter.runs();
+        }
+        return runs == expected;
+    };
     EXPECT_EQ(tear_down_gate(PINS), std::vector<std::string>{"gw0"});
-    send_frame(frame);
-    uint64_t left = 0;
-    for (int i = 0; i < 1000 && left < 2; i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        left += in_list.runs() + filter.runs();
-    }
-    EXPECT_EQ(left, 2u) << "what others attached";
+    EXPECT_TRUE(others_run(2)) << "what others attached";
+    gate(PINS, {"gw0"}, attach_way::tcx).set_rules({.fail_closed = true});
+    ASSERT_TRUE(
+        run("ip netns add away && ip link set gw0 netns away && ip -n away link set gw0 up"));
+    EXPECT_EQ(tear_down_gate(PINS), std::vector<std::string>());
+    EXPECT_TRUE(others_run(1)) << "beside a gate that is out of reach";
+    EXPECT_TRUE(run("ip -n away link set gw0 netns $PPID && ip netns del away"));
 }
 
 // How many of this process's threads wait for a lock.
