@@ -10,6 +10,7 @@
 #include "platform/wdlm.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <sys/select.h>
 #include <utility>
@@ -51,6 +52,14 @@ void serve_bus(const loop_inputs &) {
         JORN_ERROR_AS("jorn_main_loop", "what came isn't a message of the bus, it is dropped\n");
 }
 
+int news_descriptor(const loop_inputs &) {
+    return jorn_capture_news_descriptor();
+}
+
+void serve_news(const loop_inputs &) {
+    jorn_capture_news();
+}
+
 int waiting_descriptor(const loop_inputs &) {
     return cmdsock_waiting_descriptor();
 }
@@ -67,10 +76,11 @@ struct loop_row {
 
 // In the order of serving.
 constexpr loop_row ROWS[] = {
-    {capture_descriptor, nullptr, serve_capture}, // it isn't always a packet
+    {capture_descriptor, "\n\n\ncapture the packet, let's process \n", serve_capture},
     {command_descriptor, "receive the ipc message, let's process \n", serve_commands},
     {waiting_descriptor, nullptr, serve_waiting}, // their line was written when they were accepted
     {bus_descriptor, nullptr, serve_bus},
+    {news_descriptor, nullptr, serve_news},
 };
 
 // Calls `visit` for the rows and their places, in their order, until it returns true. Each row has
@@ -88,6 +98,8 @@ void visit_rows(Visit visit) {
 // library's checked FD_SET is a call.
 class wait_set {
 public:
+    wait_set() { descriptors_.fill(-1); }
+
     // Asks the rows for their descriptors.
     void ask(const loop_inputs &in) {
         bool changed = false;
@@ -144,7 +156,7 @@ private:
         }
     }
 
-    int descriptors_[std::size(ROWS)] = {-1, -1, -1, -1};
+    std::array<int, std::size(ROWS)> descriptors_;
     int highest_ = -1;
     fd_set wanted_ = {};
     bool busy_ = false; // the last wait ended at once

@@ -180,21 +180,24 @@ void close_capture(capture_context *capture_ctx) {
 int jorn_capture_descriptor(capture_context *capture_ctx) {
     if (watch.state != interface_watch::FINE)
         look_again(capture_ctx);
-    return watch.state == interface_watch::FINE ? pcap_fileno(capture_ctx->handle) : watch.news_fd;
+    return capture_ctx->handle != nullptr ? pcap_fileno(capture_ctx->handle) : -1;
+}
+
+int jorn_capture_news_descriptor() {
+    return watch.news_fd;
+}
+
+void jorn_capture_news() {
+    drop_news();
+    watch.looked_ms = 0; // the next wait is behind a look
 }
 
 void jorn_capture_dispatch(capture_context *capture_ctx) {
-    if (watch.state != interface_watch::FINE) [[unlikely]] {
-        drop_news();
-        watch.looked_ms = 0; // the next wait is behind a look
-        return;
-    }
-    JORN_DEBUG_AS(LOOP, "\n\n\ncapture the packet, let's process \n");
     const int result = pcap_dispatch(capture_ctx->handle, 1, jorn_pkt_callback,
                                      reinterpret_cast<u_char *>(capture_ctx));
     if (result == PCAP_ERROR) {
         lose(capture_ctx, pcap_geterr(capture_ctx->handle));
-    } else if (result == 0 &&
+    } else if (result == 0 && watch.state == interface_watch::FINE &&
                !is_ours_up(capture_ctx->device)) { // readable without a packet: so it is told
         JORN_ERROR_AS(LOOP, "capture on %s: the interface is down\n", capture_ctx->device);
         is_not_fine(interface_watch::DOWN);

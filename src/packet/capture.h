@@ -37,10 +37,13 @@ int jorn_set_pkt_processor(capture_context *capture_ctx);
 // libpcap's callback: runs one packet through the chain. `user` is the capture context.
 void jorn_pkt_callback(uint8_t *user, const pcap_pkthdr *pkthdr, const uint8_t *bytes);
 
-// The capture's descriptor, asked before every wait. While the interface is down or gone it is that
-// of the kernel's news of interfaces instead; it is looked for at each of them, and else once a
-// second at most.
+// The capture's descriptor, asked before every wait, or -1 while there is no interface. Where it is
+// down or gone it is looked for behind each of the kernel's news, and else once a second at most.
 int jorn_capture_descriptor(capture_context *capture_ctx);
 
-// Takes at most one packet, or the news.
+// That of the kernel's news of interfaces, while the capture's is down or gone; else -1.
+int jorn_capture_news_descriptor();
+void jorn_capture_news();
+
+// Takes at most one packet.
 void jorn_capture_dispatch(capture_context *capture_ctx);

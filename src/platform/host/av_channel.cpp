@@ -186,10 +186,6 @@ bool av_connected() {
     return state != local_connection::state::none;
 }
 
-uint32_t av_messages() {
-    return channel.seq;
-}
-
 uint32_t av_connection() {
     return channel.connection.fd() >= 0 ? channel.connections : 0;
 }
@@ -215,11 +211,11 @@ bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::sp
     return result == outcome::answered;
 }
 
-bool av_ask_descriptor(av_op op, int &descriptor, av_clock::duration wait) {
+bool av_ask_descriptor(av_op op, int &descriptor) {
     descriptor = -1;
     int32_t rc = -1;
     size_t taken = 0;
-    const outcome result = ask(op, {}, {rc, {}, taken, &descriptor}, wait);
+    const outcome result = ask(op, {}, {rc, {}, taken, &descriptor}, AV_ANSWER_TIME);
     if (descriptor >= 0 && rc != 0) {
         close(descriptor);
         descriptor = -1;

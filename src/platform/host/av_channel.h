@@ -38,16 +38,13 @@ bool av_ask_some(av_op op, std::span<const av_bytes> parts, int32_t &rc, std::sp
 // Asks a question without a body for a descriptor (close-on-exec), which is then the caller's; -1
 // when the answer is another, doesn't come in time or brings several. Returns whether the question
 // went out. What comes with any other message is closed.
-bool av_ask_descriptor(av_op op, int &descriptor, av_clock::duration wait);
+bool av_ask_descriptor(av_op op, int &descriptor);
 
 // Whether questions of this op fail at once now.
 bool av_pauses(av_op op);
 
 // Whether the channel is connected, after a try to connect where one is due.
 bool av_connected();
-
-// The number of messages that the channel was given to send.
-uint32_t av_messages();
 
 // Which connection there is, another number for each; 0 without one.
 uint32_t av_connection();

@@ -13,20 +13,13 @@
 namespace {
 
 constexpr int64_t RECONNECT_MS = 1000;
-constexpr unsigned LOOKS_SPARED = 7;
 
 } // namespace
 
-local_connection::state local_connection::ensure(const char *(*path)(), bool busy) {
+local_connection::state local_connection::ensure(const char *(*path)()) {
     if (fd_ >= 0)
         return state::kept;
-    if (busy && looks_spared_ != 0) {
-        --looks_spared_;
-        return state::none;
-    }
     const int64_t now_ms = coarse_monotonic_ms();
-    looks_spared_ = now_ms == last_look_ms_ ? LOOKS_SPARED : 0;
-    last_look_ms_ = now_ms;
     if (tried_ && now_ms - last_try_ms_ < RECONNECT_MS)
         return state::none;
     tried_ = true;

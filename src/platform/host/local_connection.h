@@ -12,13 +12,8 @@ public:
 
     // Tries to connect to what `path` names where there is no connection and a try is due. A
     // listener with a full backlog counts as absent. Says whether there is a connection, and
-    // whether it is a new one.
-    //
-    // `busy` says that something else goes on beside the asking, so that this isn't the last for a
-    // while: while the clock stands still from look to look, seven of eight busy calls don't look
-    // at it. That costs a packet what a system call would, cold as it is then; a try is late by
-    // seven packets at most, and by none where no two of them come within a tick.
-    state ensure(const char *(*path)(), bool busy = false);
+    // whether it is a new one. Each packet asks: nothing is looked up while no try is due.
+    state ensure(const char *(*path)());
 
     enum class sent { yes, doesnt_fit, ended };
 
@@ -36,6 +31,4 @@ private:
     int fd_ = -1;
     bool tried_ = false;
     int64_t last_try_ms_ = 0;
-    int64_t last_look_ms_ = 0;
-    unsigned looks_spared_ = 0; // what is left of them
 };

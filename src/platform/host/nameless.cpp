@@ -9,10 +9,6 @@
 
 namespace {
 
-// Of half a second for both, so that a platform that doesn't answer the first question has some for
-// the second.
-constexpr av_clock::duration PAGE_TIME = AV_ANSWER_TIME / 2;
-
 const uint32_t *map_page(int descriptor) {
     struct stat info = {};
     const int seals = fcntl(descriptor, F_GET_SEALS);
@@ -52,16 +48,11 @@ bool nameless_addresses::has(uint32_t address_be) {
     return true;
 }
 
-av_clock::duration nameless_addresses::prepare() {
-    av_clock::duration took = {};
-    if (av_connected() && av_connection() != connection_ && !av_pauses(av_op::dnscache_get_name)) {
-        const av_clock::time_point begun = av_clock::now();
+void nameless_addresses::prepare() {
+    if (av_connected() && av_connection() != connection_ && !av_pauses(av_op::dnscache_get_name))
         ask_for_page();
-        took = av_clock::now() - begun;
-    }
     if (knows())
         word_ = word_now();
-    return took;
 }
 
 void nameless_addresses::remember(uint32_t address_be) {
@@ -79,7 +70,7 @@ void nameless_addresses::remember(uint32_t address_be) {
 void nameless_addresses::ask_for_page() {
     forget();
     int descriptor = -1;
-    if (av_ask_descriptor(av_op::name_page, descriptor, PAGE_TIME))
+    if (av_ask_descriptor(av_op::name_page, descriptor))
         connection_ = av_connection();
     if (descriptor < 0)
         return;

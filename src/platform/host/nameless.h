@@ -25,9 +25,9 @@ public:
     // No system call.
     bool has(uint32_t address_be);
 
-    // Before the platform is asked for a name. Returns how long that took: the page is asked for at
-    // the first such question of a connection.
-    av_clock::duration prepare();
+    // Before the platform is asked for a name. The page is asked for at the first such question of
+    // a connection.
+    void prepare();
     // The answer was: none.
     void remember(uint32_t address_be);
 

@@ -39,11 +39,11 @@ nameless_addresses nameless;
 
 // A platform that is silent or absent knows no name; that is not an error.
 int32_t ask_for_name(const av_name_question &question, av_name_answer &answer) {
-    const av_clock::duration left = AV_ANSWER_TIME - nameless.prepare();
+    nameless.prepare();
     const av_bytes parts[] = {av_part(question)};
     int32_t rc = 0;
-    if (!av_ask(av_op::dnscache_get_name, parts, rc, std::as_writable_bytes(std::span(&answer, 1)),
-                left)) {
+    if (!av_ask(av_op::dnscache_get_name, parts, rc,
+                std::as_writable_bytes(std::span(&answer, 1)))) {
         answer = {};
         return 0;
     }

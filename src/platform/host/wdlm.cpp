@@ -5,7 +5,6 @@
 // is published then fails, and every new connection starts with the subscriptions.
 #include "platform/wdlm.h"
 
-#include "platform/host/av_channel.h"
 #include "platform/host/local_connection.h"
 #include "platform/host/messages/bus_messages.h"
 
@@ -39,7 +38,6 @@ struct wdlm_bus {
     char client[32];
     std::array<subscription, SUBSCRIPTIONS_MAX> subscriptions;
     size_t subscription_count;
-    uint32_t av_messages; // at the last wdlm_fd
 };
 
 namespace {
@@ -95,8 +93,8 @@ bool subscribe_all(wdlm_bus &bus) {
     return true;
 }
 
-bool connected(wdlm_bus &bus, bool busy = false) {
-    switch (bus.connection.ensure(bus_socket_path, busy)) {
+bool connected(wdlm_bus &bus) {
+    switch (bus.connection.ensure(bus_socket_path)) {
     case local_connection::state::none:
         return false;
     case local_connection::state::kept:
@@ -235,12 +233,8 @@ int wdlm_pub(wdlm_bus *bus, wdlm_label *label, const void *payload, size_t lengt
     return send_message(*bus, outgoing(bus_kind::publish, message, payload, length)) ? 0 : -1;
 }
 
-// The loop asks at every pass. One in which a packet had its verdict sent is hardly the last;
-// behind one without, the next may be seconds away.
 int wdlm_fd(wdlm_bus *bus) {
-    const bool busy = av_messages() != bus->av_messages;
-    bus->av_messages = av_messages();
-    return connected(*bus, busy) ? bus->connection.fd() : -1;
+    return connected(*bus) ? bus->connection.fd() : -1;
 }
 
 int wdlm_receive(wdlm_bus *bus) {
