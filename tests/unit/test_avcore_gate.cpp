@@ -101,10 +101,10 @@ unique_fd packet_socket(const char *interface) {
 class AvcoreGate : public testing::Test {
 protected:
     AvcoreGate() {
-        EXPECT_TRUE(run("ip link add gw0 mtu 3000 type veth peer name c0 mtu 3000 && ip link add "
-                        "gw1 type veth && "
-                        "for i in gw0 c0; do sysctl -qw net.ipv6.conf.$i.disable_ipv6=1 && "
-                        "ip link set $i arp off up; done"));
+        EXPECT_TRUE(run("sysctl -qw net.ipv6.conf.default.disable_ipv6=1 && "
+                        "ip link add gw0 mtu 3000 type veth peer name c0 mtu 3000 && "
+                        "ip link add gw1 type veth && "
+                        "for i in gw0 c0; do ip link set $i arp off up; done"));
         fd_ = packet_socket("c0");
     }
     ~AvcoreGate() override {
@@ -358,7 +358,7 @@ TEST_F(AvcoreGate, CopiesSayHowDatagramsWereJoined) {
 // Of a frame of more than a page that is said to have short headers the kernel keeps only
 // Ethernet's where programs see it.
 TEST_F(AvcoreGate, MarksWhatItSeesInPlaceAndWhatItDoesNot) {
-    ASSERT_TRUE(run("ip link add br0 type bridge && ip link set br0 up && "
+    ASSERT_TRUE(run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up && "
                     "for i in gw0 gw1 c0 veth0; do ip link set $i mtu 9000 up; done && "
                     "for i in gw0 gw1; do ip link set $i master br0; done && "
                     "until ! grep -v 3 /sys/class/net/gw?/brport/state; do sleep 0.01; done"));
