@@ -64,7 +64,9 @@ uint32_t id_of_map(int fd) {
 
 size_t possible_processors() {
     const int processors = libbpf_num_possible_cpus();
-    return processors > 0 ? static_cast<size_t>(processors) : 1;
+    if (processors <= 0) // the kernel would write more records than there is room for
+        throw std::runtime_error("/sys doesn't say how many processors the kernel may have");
+    return static_cast<size_t>(processors);
 }
 
 bool uses(const tc_program &program, uint32_t map_id) {

@@ -20,7 +20,7 @@ unique_fd pinned_map(const std::string &pins, const char *name); // throws where
 uint32_t id_of_map(int fd); // 0: it is none
 bool uses(const tc_program &program, uint32_t map_id);
 
-size_t possible_processors();
+size_t possible_processors(); // throws where /sys doesn't say
 
 // Of this network namespace: index and name.
 std::vector<std::pair<unsigned, std::string>> all_interfaces();

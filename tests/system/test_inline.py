@@ -381,6 +381,10 @@ class Routed(Layout, InlineTest):
         for names in (["wlan7"], ["wlan0", "wlan7"], ["eth0", "wlan7"]):  # eth0 has no clsact
             self.assertEqual(avcore("setup", *(f"--inline={name}" for name in names))[0], 1)
             self.assertEqual(filters(), before)
+        status, said = avcore("setup", "--inline=wlan0", before=(
+            "unshare", "-m", "sh", "-c", 'umount -l /sys; "$0" "$@"'))
+        self.assertEqual((status, filters()), (1, before))
+        self.assertIn("how many processors", said)
         # Without CAP_PERFMON the verifier is as strict as an older one.
         self.addCleanup(run, "umount", PINS)
         os.makedirs(PINS, exist_ok=True)
