@@ -37,7 +37,7 @@ static const char *checked;
 static char unanswered[512]; // of the check that runs
 
 // For a client would feel them.
-static int (*volatile linked_and_not_called[])(void) = {
+int (*volatile linked_and_not_called[])(void) = {
     psms_rflow_reset_app_policy,
     (int (*)(void))(void (*)(void))psms_av_set_tm_en,
     (int (*)(void))(void (*)(void))__wdlm_add_peer,

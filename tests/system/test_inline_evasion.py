@@ -122,13 +122,15 @@ class Attempts:
             client.setblocking(False)
         self.until(lambda: self.status()["verdicts"]["not_final"] >= len(ends))
         begins, received = time.monotonic(), 0
+        unattended = self.status()["counts"]["nobody"]
         for _, accepted in ends:
             accepted.sendall(PAGE)
         while (lasted := time.monotonic() - begins) < 2:
             for client, _ in ends:
                 with contextlib.suppress(BlockingIOError):
                     received += len(client.recv(1 << 16))
-        self.assertLess(received, 2 * (BURST + RATE * lasted))
+        unattended = self.status()["counts"]["nobody"] - unattended  # packets, on a machine that stalls
+        self.assertLess(received, 2 * (BURST + RATE * lasted) + 1514 * unattended)
         self.assertGreater(received, 0)
 
     def keeps_limit(self, arrivals):

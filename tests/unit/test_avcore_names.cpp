@@ -205,7 +205,7 @@ private:
         return value;
     }
 
-    const config settings;
+    const config settings = {};
     frame_builder builder{settings, ""};
     uint64_t frames = 0;
     int64_t now_s = 0;

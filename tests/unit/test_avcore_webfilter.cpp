@@ -159,7 +159,7 @@ TEST(AvcoreDomains, AreFoundAmongMany) {
         std::vector<uint16_t> found;
         table.each_category(name, [&](uint16_t category) { found.push_back(category); });
         EXPECT_EQ(found, expected) << name;
-        table.each_category(name + 'c', [&](uint16_t) { ADD_FAILURE() << name; });
+        table.each_category(name + 'c', [&name = name](uint16_t) { ADD_FAILURE() << name; });
     }
 }
 
