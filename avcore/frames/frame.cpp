@@ -1,5 +1,6 @@
 #include "avcore/frames/frame.h"
 
+#include "avcore/frames/network_order.h"
 #include "packet/decode/cursor.h"
 #include "packet/decode/decode.h"
 #include "packet/decode/flow_key.h"
@@ -19,11 +20,6 @@ constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
 constexpr size_t TCP_HEADER_SIZE = 20;
 constexpr uint8_t TCP = 6;
 constexpr uint8_t UDP = 17;
-
-void put_u16(std::vector<uint8_t> &bytes, size_t at, size_t value) {
-    bytes[at] = static_cast<uint8_t>(value >> 8);
-    bytes[at + 1] = static_cast<uint8_t>(value);
-}
 
 size_t ipv4_header_size(byte_view packet) {
     return (packet.u8(0) & 0x0Fu) * size_t{4};
@@ -132,23 +128,32 @@ std::optional<tcp_segment> tcp_segment_in(std::span<const uint8_t> ipv4) {
                        ipv4.subspan(ip_header_size + header_size)};
 }
 
+std::vector<std::vector<uint8_t>> cut_payload(std::span<const uint8_t> headers,
+                                              std::span<const uint8_t> payload, size_t segment_size,
+                                              size_t most) {
+    std::vector<std::vector<uint8_t>> packets;
+    while (!payload.empty() && packets.size() < most) {
+        const auto segment = payload.first(std::min(segment_size, payload.size()));
+        payload = payload.subspan(segment.size());
+        std::vector<uint8_t> &packet = packets.emplace_back(headers.begin(), headers.end());
+        packet.insert(packet.end(), segment.begin(), segment.end());
+    }
+    return packets;
+}
+
 std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,
                                                 size_t most) {
-    std::span<const uint8_t> payload = udp_payload(ipv4);
+    const std::span<const uint8_t> payload = udp_payload(ipv4);
     std::vector<std::vector<uint8_t>> packets;
     if (payload.empty() || segment_size == 0) {
         packets.emplace_back(ipv4.begin(), ipv4.end());
         return packets;
     }
     const size_t headers_size = ipv4_header_size({ipv4.data(), ipv4.size()}) + UDP_HEADER_SIZE;
-    const auto headers = ipv4.first(headers_size);
-    while (!payload.empty() && packets.size() < most) {
-        const auto segment = payload.first(std::min(segment_size, payload.size()));
-        payload = payload.subspan(segment.size());
-        std::vector<uint8_t> &packet = packets.emplace_back(headers.begin(), headers.end());
-        packet.insert(packet.end(), segment.begin(), segment.end());
-        put_u16(packet, 2, packet.size());
-        put_u16(packet, headers_size - 4, UDP_HEADER_SIZE + segment.size());
+    packets = cut_payload(ipv4.first(headers_size), payload, segment_size, most);
+    for (std::vector<uint8_t> &packet : packets) {
+        put_u16(&packet[2], packet.size());
+        put_u16(&packet[headers_size - 4], packet.size() - headers_size + UDP_HEADER_SIZE);
     }
     return packets;
 }

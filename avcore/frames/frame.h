@@ -89,6 +89,12 @@ struct tcp_segment {
 // The segment of TCP in such a packet.
 std::optional<tcp_segment> tcp_segment_in(std::span<const uint8_t> ipv4);
 
+// A packet of the headers and each `segment_size` bytes of the payload, the last with what is left;
+// `most` of them from the first on.
+std::vector<std::vector<uint8_t>> cut_payload(std::span<const uint8_t> headers,
+                                              std::span<const uint8_t> payload, size_t segment_size,
+                                              size_t most = SIZE_MAX);
+
 // The packets that segmentation joined to such a one of UDP, each as it was on the wire but for its
 // checksums; `most` of them from the first on.
 std::vector<std::vector<uint8_t>> cut_datagrams(std::span<const uint8_t> ipv4, size_t segment_size,

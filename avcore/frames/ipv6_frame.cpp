@@ -1,6 +1,8 @@
 #include "avcore/frames/ipv6_frame.h"
 
 #include "avcore/frames/internet_sum.h"
+#include "avcore/frames/ipv6_extension.h"
+#include "avcore/frames/network_order.h"
 #include "packet/decode/cursor.h"
 
 #include <algorithm>
@@ -16,7 +18,6 @@ constexpr size_t VLAN_TAG_SIZE = 4;
 constexpr size_t PPPOE_HEADER_SIZE = 8; // with the PPP protocol field
 constexpr size_t IPV6_HEADER_SIZE = 40;
 constexpr size_t IPV4_HEADER_SIZE = 20;
-constexpr size_t FRAGMENT_HEADER_SIZE = 8;
 constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr size_t UDP_LENGTH_AT = 4;
 constexpr size_t TOTAL_SIZE_MAX = 65'535;
@@ -35,19 +36,6 @@ constexpr struct {
     uint8_t of_ipv6;
     uint8_t of_ipv4;
 } ECHO_TYPES[] = {{128, 8}, {129, 0}};
-
-bool is_extension(uint8_t protocol) {
-    return protocol == IPPROTO_HOPOPTS || protocol == IPPROTO_ROUTING ||
-           protocol == IPPROTO_FRAGMENT || protocol == IPPROTO_AH || protocol == IPPROTO_DSTOPTS;
-}
-
-size_t extension_size(uint8_t protocol, byte_view header) {
-    if (protocol == IPPROTO_FRAGMENT)
-        return FRAGMENT_HEADER_SIZE;
-    if (protocol == IPPROTO_AH)
-        return (header.u8(1) + size_t{2}) * 4;
-    return (header.u8(1) + size_t{1}) * 8;
-}
 
 // Where the packet starts; 0 when there is none.
 size_t packet_offset(byte_view frame, bool &in_pppoe) {
@@ -90,17 +78,12 @@ size_t walk_extensions(ipv6_packet &packet, byte_view rest) {
     return taken;
 }
 
-void put(uint8_t *to, size_t value) {
-    to[0] = static_cast<uint8_t>(value >> 8);
-    to[1] = static_cast<uint8_t>(value);
-}
-
 void write_link(const ipv6_packet &packet, size_t total_size, std::vector<uint8_t> &frame) {
     frame.assign(packet.link.begin(), packet.link.end());
     uint8_t *end = frame.data() + frame.size();
-    put(end - 2, packet.in_pppoe ? PPP_IPV4 : ETHER_TYPE_IPV4);
+    put_u16(end - 2, packet.in_pppoe ? PPP_IPV4 : ETHER_TYPE_IPV4);
     if (packet.in_pppoe)
-        put(end - 4, std::min(total_size + 2, TOTAL_SIZE_MAX));
+        put_u16(end - 4, std::min(total_size + 2, TOTAL_SIZE_MAX));
 }
 
 // An error, or what a link lives by (RFC 4890, 4.4): that has no counterpart in ICMP.
@@ -162,15 +145,15 @@ void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t desti
     const size_t total_size = std::min(IPV4_HEADER_SIZE + packet.payload_size, TOTAL_SIZE_MAX);
     const std::optional<uint8_t> icmp = icmp_type(packet);
     std::array<uint8_t, IPV4_HEADER_SIZE> header = {0x45, packet.traffic_class};
-    put(&header[2], total_size);
-    put(&header[4], packet.identifier);
-    put(&header[6], packet.fragment);
+    put_u16(&header[2], total_size);
+    put_u16(&header[4], packet.identifier);
+    put_u16(&header[6], packet.fragment);
     header[8] = packet.hop_limit;
     header[9] = icmp ? uint8_t{IPPROTO_ICMP} : packet.protocol;
     memcpy(&header[12], &source_be, sizeof source_be);
     memcpy(&header[16], &destination_be, sizeof destination_be);
     const uint16_t sum = folded(internet_sum({header.data(), header.size()}));
-    put(&header[10], static_cast<uint16_t>(~sum));
+    put_u16(&header[10], static_cast<uint16_t>(~sum));
 
     write_link(packet, total_size, frame);
     frame.insert(frame.end(), header.begin(), header.end());
@@ -179,7 +162,7 @@ void write_as_ipv4(const ipv6_packet &packet, uint32_t source_be, uint32_t desti
     if (icmp)
         *payload = *icmp;
     if (is_datagram_without_length(packet))
-        put(payload + UDP_LENGTH_AT, total_size - IPV4_HEADER_SIZE);
+        put_u16(payload + UDP_LENGTH_AT, total_size - IPV4_HEADER_SIZE);
 }
 
 } // namespace avcore

@@ -32,6 +32,17 @@ inline octets octets_of(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
+// The Internet checksum's sum.
+inline uint16_t folded_sum(octets words) {
+    words += octets(words.size() % 2, 0);
+    size_t sum = 0;
+    for (size_t i = 0; i < words.size(); i += 2)
+        sum += static_cast<size_t>(words[i] << 8 | words[i + 1]);
+    while (sum > 0xFFFF)
+        sum = (sum & 0xFFFF) + (sum >> 16);
+    return static_cast<uint16_t>(sum);
+}
+
 // From the client, or to it.
 inline octets ethernet(unsigned type, const octets &payload, bool from_client = true) {
     const octets client = {2, 0, 0, 0, 0, 12};

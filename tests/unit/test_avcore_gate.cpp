@@ -74,18 +74,8 @@ std::vector<attach_way> ways_here() {
     return {attach_way::tcx, attach_way::clsact};
 }
 
-// The Internet checksum's sum.
-uint32_t folded_sum(const octets &words) {
-    uint32_t sum = 0;
-    for (size_t i = 0; i < words.size(); i += 2)
-        sum += static_cast<uint32_t>(words[i] << 8 | words[i + 1]);
-    while (sum > 0xFFFF)
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    return sum;
-}
-
 octets summed(octets packet) {
-    return packet.replace(10, 2, be16(0xFFFF - folded_sum(packet.substr(0, 20))));
+    return packet.replace(10, 2, be16(0xFFFFu - folded_sum(packet.substr(0, 20))));
 }
 
 unique_fd packet_socket(const char *interface) {

@@ -497,15 +497,6 @@ TEST(AvcoreHandshakes, AClientShowsItsHostHoweverItCutsItsStream) {
 }
 
 // Of 16-bit words, RFC 1071.
-uint16_t sum_of(octets summed) {
-    summed += uint8_t{0};
-    uint32_t sum = 0;
-    for (size_t i = 0; i + 1 < summed.size(); i += 2)
-        sum += uint32_t(summed[i] << 8 | summed[i + 1]);
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    return uint16_t(sum + (sum >> 16));
-}
-
 TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
     const octets hello = client_hello_for("www.youtube.com");
     const octets record = octets{22, 3, 1} + be16(hello.size()) + hello;
@@ -524,7 +515,7 @@ TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
             if (six)
                 return ethernet(0x86DD, head + sides + segment);
             octets whole = ipv4(6, segment);
-            whole.replace(10, 2, be16(uint16_t(~sum_of(whole.substr(0, 20)) + harmed)));
+            whole.replace(10, 2, be16(uint16_t(~folded_sum(whole.substr(0, 20)) + harmed)));
             return ethernet(0x0800, whole);
         };
         const auto build = [&](const octets &frame, uint16_t segment_size = 0) {
@@ -533,7 +524,7 @@ TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
             return builder.build({frame, 0, {}, &copy})->frame;
         };
         const auto right = [&](const octets &segment) {
-            return uint16_t(~sum_of(pseudo(segment) + segment));
+            return uint16_t(~folded_sum(pseudo(segment) + segment));
         };
         const octets damaged = packet(junk, uint16_t(right(junk) + 1));
         for (unsigned i = 0; i < 40; ++i)
@@ -545,7 +536,7 @@ TEST(AvcoreHandshakes, WhatNoHostTakesIsNotShownToTheEngine) {
         EXPECT_EQ(named.number_in_flow, 1u);
 
         // Those that the card is to complete, and those of which it can't be told.
-        EXPECT_EQ(build(packet(junk, sum_of(pseudo(junk)))).number_in_flow, 2u);
+        EXPECT_EQ(build(packet(junk, folded_sum(pseudo(junk)))).number_in_flow, 2u);
         EXPECT_EQ(build(damaged, 1400).number_in_flow, 3u) << "joined";
         EXPECT_EQ(build(damaged.substr(0, damaged.size() - 1)).number_in_flow, 4u) << "cut";
     }

@@ -6,6 +6,7 @@
 #include "avcore/flows/frame_builder.h"
 #include "avcore/flows/trailer_builder.h"
 #include "avcore/frames/ipv6_frame.h"
+#include "avcore/frames/wire_packets.h"
 #include "avcore/names/stand_ins.h"
 #include "avcore/report/report.h"
 #include "avcore/settings/config.h"
@@ -336,16 +337,113 @@ TEST(AvcoreIpv6, IsShownAsFarAsItsHeadersCanBeWalked) {
         EXPECT_EQ(ipv4.u16(4), row.fragment != 0 ? 0x4321 : 0) << row.what;
         EXPECT_EQ(ipv4.u16(6), row.fragment) << row.what;
         EXPECT_EQ(ipv4.u16(8), 63 << 8 | row.protocol) << row.what;
-        unsigned sum = 0;
-        for (size_t i = 0; i < 20; i += 2)
-            sum += ipv4.u16(i);
-        EXPECT_EQ((sum & 0xFFFF) + (sum >> 16), 0xFFFFu) << row.what;
+        EXPECT_EQ(folded_sum(octets_of(ipv4.first(20).text())), 0xFFFF) << row.what;
         EXPECT_EQ(row.protocol == 1, ipv4.u8(20) == 8) << row.what;
         EXPECT_EQ(ipv4.u16(24) == row.carried, row.protocol == 17 && row.carried == silent.size())
             << row.what;
     }
     const octets cut = ethernet(0x86DD, ipv6(6, {}, 0));
     EXPECT_FALSE(find_ipv6_packet({cut.data(), cut.size() - 1}));
+}
+
+// Its frames have a tag and options (IPv6: an extension header).
+struct wire_client {
+    bool six;
+    uint8_t protocol;
+    bool fragments = false;
+    wire_layout at = {}; // of the last frame
+    uint16_t pseudo_header = 0;
+
+    // With right checksums.
+    octets frame(std::string_view data, uint8_t flags = 0x18, uint32_t sequence = 1, int id = 1) {
+        const bool tcps = protocol == 6;
+        const octets segment = tcps ? tcp(1, 443, data, flags, sequence) : udp(1, 443, data);
+        const octets extension = {protocol, 0, 0, fragments, 0, 0, 0, 0};
+        const ipv4_words words = {.fragment = fragments ? 0x2000u : 0x4000u, .options = be32(0)};
+        octets packet = six ? ipv6(fragments ? 44 : 60, extension + segment, 8 + segment.size())
+                            : ipv4(protocol, segment, words);
+        if (!six) {
+            packet.replace(4, 2, be16(uint16_t(id)));
+            packet.replace(10, 2, be16(uint16_t(~folded_sum(packet.substr(0, 24)))));
+        }
+        const size_t transport = 18 + packet.size() - segment.size();
+        at = {18, transport, transport + (tcps ? 20 : 8), 18 + packet.size(), protocol, six};
+        pseudo_header = folded_sum(packet.substr(six ? 8 : 12, six ? 32 : 8) + be16(protocol) +
+                                   be16(segment.size()));
+        const auto sum = uint16_t(~folded_sum(be16(pseudo_header) + segment));
+        return with(vlan(six ? 0x86DD : 0x0800, packet), sum == 0 && !tcps ? 0xFFFF : sum);
+    }
+    octets with(octets frame, size_t checksum) const {
+        return frame.replace(at.transport + (protocol == 6 ? 16 : 6), 2, be16(checksum));
+    }
+};
+const wire_client WIRE_CLIENTS[] = {{false, 6}, {false, 17}, {true, 6}, {true, 17}};
+
+std::vector<octets> on_the_wire(const octets &frame, const wire_layout &at, uint16_t segment_size) {
+    std::vector<octets> packets;
+    const octets exact = frame; // of its own size: a read beyond is caught
+    for (const auto &packet : wire_packets({exact.data(), exact.size()}, at, segment_size))
+        packets.emplace_back(packet.begin(), packet.end());
+    return packets;
+}
+
+TEST(AvcoreWirePackets, JoinedOnesAreCutAsTheyWereSent) {
+    const std::string_view data = "seven, seven, six";
+    for (wire_client client : WIRE_CLIENTS) {
+        for (const size_t checksum : {0x1234, 0}) {
+            const octets all = client.frame(data, 0xD9, 0xFFFFFFFC, 0xFFFF);
+            const auto cut = on_the_wire(client.with(all, checksum) + octets(5, 0), client.at, 7);
+            const bool unchecked = checksum == 0 && client.protocol == 17 && !client.six;
+            const auto sent = [&](size_t from, uint8_t flags, uint32_t sequence, int id) {
+                const octets one = client.frame(data.substr(from, 7), flags, sequence, id);
+                return unchecked ? client.with(one, 0) : one;
+            };
+            EXPECT_EQ(cut, (std::vector{sent(0, 0xD0, 0xFFFFFFFC, 0xFFFF), sent(7, 0x50, 3, 0),
+                                        sent(14, 0x59, 10, 1)}));
+        }
+    }
+}
+
+TEST(AvcoreWirePackets, OfOnePacketAPartialChecksumIsCompleted) {
+    for (wire_client client : WIRE_CLIENTS) {
+        const octets zeros = client.frame({"\0\0", 2});
+        const char *checksum = reinterpret_cast<const char *>(zeros.data()) + client.at.transport +
+                               (client.protocol == 6 ? 16 : 6);
+        for (const std::string &data : {std::string("odd"), std::string(checksum, 2)}) {
+            const octets right = client.frame(data) + octets{1, 2, 3};
+            const octets partial = client.with(right, client.pseudo_header);
+            EXPECT_EQ(on_the_wire(partial, client.at, 0), std::vector{right});
+            EXPECT_EQ(on_the_wire(partial, client.at, 3), std::vector{right}) << "joined by none";
+            for (const octets &kept :
+                 {right, client.with(right, client.pseudo_header + 1u), client.with(right, 0)})
+                EXPECT_EQ(on_the_wire(kept, client.at, 0), std::vector{kept});
+        }
+    }
+}
+
+TEST(AvcoreWirePackets, FragmentsTunnelsAndWhatContradictsItselfStay) {
+    for (wire_client client : WIRE_CLIENTS) {
+        const octets whole = client.frame("data");
+        const octets partial = client.with(whole, client.pseudo_header);
+        std::vector<wire_layout> wrong(9, client.at);
+        wrong[0].network = client.at.transport - (client.six ? 39 : 19);
+        wrong[1].network = client.at.transport + 1;
+        wrong[2].transport = client.at.payload - (client.protocol == 6 ? 19 : 7);
+        wrong[3].transport = SIZE_MAX;
+        wrong[4].payload = client.at.end + 1;
+        wrong[5].payload = SIZE_MAX;
+        wrong[6].end = client.at.payload - 1;
+        wrong[7].end = partial.size() + 1;
+        wrong[8].protocol = 47;
+        client.fragments = true;
+        const octets fragment = client.frame("data");
+        const octets first = client.with(fragment, client.pseudo_header);
+        for (const auto segment_size : {uint16_t{0}, uint16_t{1}}) {
+            for (size_t i = 0; i < wrong.size(); ++i)
+                EXPECT_EQ(on_the_wire(partial, wrong[i], segment_size), std::vector{partial}) << i;
+            EXPECT_EQ(on_the_wire(first, client.at, segment_size), std::vector{first});
+        }
+    }
 }
 
 TEST(AvcoreSource, TimeStampsStayInBoundsWhereAgesCanBeAdded) {
