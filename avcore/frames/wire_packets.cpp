@@ -37,6 +37,7 @@ bool holds_together(const wire_layout &layout, size_t frame_size) {
            layout.payload <= layout.end && layout.end <= frame_size;
 }
 
+// Or its chain of headers ends before `transport`.
 bool is_fragment(std::span<const uint8_t> frame, const wire_layout &layout) {
     const byte_view headers = part(frame, layout.network, layout.transport);
     if (!layout.ipv6)
@@ -48,7 +49,7 @@ bool is_fragment(std::span<const uint8_t> frame, const wire_layout &layout) {
         protocol = rest.u8(0);
         rest = rest.from(size);
     }
-    return rest.size() != 0 && protocol == IPPROTO_FRAGMENT;
+    return rest.size() != 0;
 }
 
 size_t checksum_at(const wire_layout &layout) {
