@@ -1,13 +1,12 @@
 #include "avcore/feed/capture_interface.h"
 
 #include "avcore/netlink/link.h"
+#include "avcore/netlink/tap.h"
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <linux/ethtool.h>
-#include <linux/if_tun.h>
 #include <linux/sockios.h>
 #include <net/if.h>
 #include <optional>
@@ -23,9 +22,7 @@ namespace {
 constexpr char ALIAS[] = "avcore: jorn captures here";
 constexpr char ENTRY_ALIAS[] = "avcore: the frames' way to jorn";
 constexpr char ENTRY_NAME[] = "avcore%d"; // the kernel counts
-constexpr char TAP_DEVICE[] = "/dev/net/tun";
 constexpr uint32_t VETH_MTU = 65'535;
-constexpr uint32_t TAP_MTU = 65'521; // its largest; with the link header 65,535
 
 [[noreturn]] void fail(const std::string &name, const std::string &why) {
     throw std::runtime_error("can't make " + name + " for the daemon's capture: " + why);
@@ -111,13 +108,6 @@ std::string passing_name() {
     return name.str();
 }
 
-// False where there is IPv6 and it can't be switched off.
-bool switch_ipv6_off(const std::string &name) {
-    const std::string path = "/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6";
-    const unique_fd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    return file.valid() ? write(file.get(), "1", 1) == 1 : errno == ENOENT;
-}
-
 } // namespace
 
 capture_interface::pair::~pair() {
@@ -130,7 +120,7 @@ capture_interface::capture_interface(const capture_settings &wanted) : name_(wan
         fail(name_, "that is no name for an interface");
     const std::optional<link_facts> leftover = find_leftover(name_);
     if (wanted.kind == capture_kind::tap) {
-        tap_ = unique_fd(open(TAP_DEVICE, O_RDWR | O_CLOEXEC | O_NONBLOCK));
+        tap_ = open_tap_device();
         if (!tap_.valid())
             remarks_.push_back(std::string("no TAP device, for ") + TAP_DEVICE + ": " +
                                strerror(errno) + "; " + name_ + " is one end of a veth pair");
@@ -145,10 +135,7 @@ capture_interface::capture_interface(const capture_settings &wanted) : name_(wan
 }
 
 void capture_interface::make_tap(const capture_settings &wanted) {
-    ifreq request = request_for(name_);
-    request.ifr_flags = static_cast<short>(IFF_TAP | IFF_NO_PI | IFF_TUN_EXCL);
-    if (ioctl(tap_.get(), TUNSETIFF, &request) != 0)
-        fail(name_, strerror(errno));
+    check(avcore::make_tap(tap_.get(), name_), name_);
     const uint32_t claimed = claim_speed(name_, wanted.speed);
     if (claimed != wanted.speed)
         remarks_.push_back(name_ + " claims " + std::to_string(claimed) +
