@@ -113,6 +113,7 @@ void session::fill_loop() {
                    .due_ms = [this](int64_t) { return inline_->follow_due_ms(); },
                    .serve = [this](int64_t) { inline_->follow_interfaces(); }});
         loop_.add({.due_ms = [this](int64_t) { return inline_->next_beat_ms(); }});
+        loop_.add({.due_ms = [this](int64_t) { return inline_->next_hold_ms(); }});
     }
     if (bus_)
         loop_.add({.descriptor = [this] { return bus_->fd(); },
@@ -320,8 +321,18 @@ void session::read_config_again() {
     }
 }
 
+// What is held longest is over, whether or not it can be asked about.
+void session::pull_late_frames() {
+    for (int pulls = 0; pulls < PULLS_A_TURN && source_.is_next_late(); ++pulls) {
+        captured_frame captured;
+        if (source_.next(captured) == frame_source::result::frame && !captured.held.empty())
+            inline_->hold(*captured.copy, captured.held, monotonic_ms());
+    }
+}
+
 void session::pull_frames() {
     more_input_ = false;
+    pull_late_frames();
     for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(monotonic_ms()); ++pulls) {
         if (pulls == PULLS_A_TURN) {
             more_input_ = true;
@@ -350,6 +361,8 @@ void session::pull_frames() {
 }
 
 void session::take_frame(const captured_frame &captured) {
+    if (!captured.held.empty() && !inline_->hold(*captured.copy, captured.held, monotonic_ms()))
+        return;
     std::optional<frame_builder::built_frame> built = builder_.build(captured);
     if (const std::string remark = builder_.take_remark(); !remark.empty())
         say(remark);

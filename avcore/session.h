@@ -49,6 +49,7 @@ private:
     void read_config_again();
     void take_categories();
     void pull_frames();
+    void pull_late_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
     void refuse_own_frames() const;

@@ -1,8 +1,9 @@
 // A frame on its way to the daemon: what is shown of an IPv6 packet is one of IPv4 of stand-ins,
 // whose lengths hold, and no longer than what was captured. DNS answers inside are read, too, and
-// what could be several datagrams is cut.
+// what could be several datagrams is cut, for the engine and for the wire.
 #include "avcore/frames/ipv6_frame.h"
 #include "avcore/flows/frame_builder.h"
+#include "avcore/frames/wire_packets.h"
 #include "avcore/settings/config.h"
 #include "support/fresh_state.h"
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <netinet/in.h>
 
 namespace {
 
@@ -48,6 +50,32 @@ void check_cut(std::span<const uint8_t> ipv4) {
     demand(std::equal(again.begin(), again.end(), payload.begin(), payload.end()));
 }
 
+// Whatever the gate says of a frame, which is its last bytes here.
+void check_on_wire(std::span<const uint8_t> frame) {
+    constexpr size_t words = 7;
+    if (frame.size() < words)
+        return;
+    const auto said = frame.last(words);
+    const wire_layout layout = {.network = said[0],
+                                .transport = said[1],
+                                .payload = said[2],
+                                .end = size_t{said[3]} * 4,
+                                .protocol =
+                                    said[4] % 2 != 0 ? uint8_t{IPPROTO_TCP} : uint8_t{IPPROTO_UDP},
+                                .ipv6 = said[5] % 2 != 0};
+    const auto packets = wire_packets(frame, layout, said[6]);
+    if (packets.size() == 1) {
+        demand(packets.front().size() == frame.size());
+        return;
+    }
+    std::vector<uint8_t> again;
+    for (const std::vector<uint8_t> &packet : packets)
+        again.insert(again.end(), packet.begin() + static_cast<ptrdiff_t>(layout.payload),
+                     packet.end());
+    const auto payload = frame.first(layout.end).subspan(layout.payload);
+    demand(std::equal(again.begin(), again.end(), payload.begin(), payload.end()));
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -64,6 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (packet && built)
         check_shown(*packet, built->frame, size);
     check_cut(ipv4_packet(frame));
+    check_on_wire(frame);
     static const gate_copy copy = {}; // whose tags are taken off
     (void)builder().build({frame, 0, {}, &copy});
     return 0;

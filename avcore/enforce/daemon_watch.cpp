@@ -24,7 +24,7 @@ daemon_watch::daemon_watch(gate &gate, const enforce_settings &settings,
       next_beat_ms_(somebody_decides_ ? now_ms : NEVER_MS) {
     gate_.ask_although_unattended(!somebody_decides_);
     const gate_counts counts = gate_.counts();
-    for (shortage *each : {&refused_, &lost_, &tags_, &much_})
+    for (shortage *each : {&refused_, &lost_, &tags_, &much_, &holds_refused_, &holds_lost_})
         each->told = counts[each->which];
     refused_before_ = gate_.refused_copies();
 }
@@ -120,6 +120,12 @@ void daemon_watch::tell_shortages(int64_t now_ms) {
     if (const uint64_t lost = take_news(lost_, counts, now_ms); lost > 0)
         say_("more undecided packets than can be taken: " + std::to_string(lost) +
              " passed without being looked at");
+    if (const uint64_t refused = take_news(holds_refused_, counts, now_ms); refused > 0)
+        say_("a client has more than " + std::to_string(settings_.rules.holds_per_second) +
+             " packets a second to be held: " + std::to_string(refused) + " were dropped");
+    if (const uint64_t lost = take_news(holds_lost_, counts, now_ms); lost > 0)
+        say_("more packets to be held than can be taken: " + std::to_string(lost) +
+             " were dropped");
     if (const uint64_t tags = take_news(tags_, counts, now_ms); tags > 0)
         say_("too many VLAN tags: " + std::to_string(tags) +
              " frames were dropped; with tags = \"pass\" in [enforce] they pass unjudged");

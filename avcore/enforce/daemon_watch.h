@@ -65,6 +65,8 @@ private:
     shortage lost_ = {GATE_COUNT_COPIES_LOST};
     shortage tags_ = {GATE_COUNT_TAGS};
     shortage much_ = {GATE_COUNT_TOO_MUCH};
+    shortage holds_refused_ = {GATE_COUNT_HOLDS_REFUSED};
+    shortage holds_lost_ = {GATE_COUNT_HOLDS_LOST};
 };
 
 } // namespace avcore

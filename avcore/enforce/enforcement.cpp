@@ -3,6 +3,7 @@
 #include "avcore/base/monotonic_clock.h"
 #include "avcore/enforce/gate_report.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace avcore {
@@ -18,10 +19,13 @@ enforcement::enforcement(const std::string &pins, const std::vector<std::string>
     : settings_(settings),
       say_(std::move(say)),
       gate_(pins, interfaces, way),
-      enforcer_(gate_, settings_, say_) {}
+      holding_(gate_, settings_),
+      enforcer_(gate_, holding_, settings_, say_) {}
 
 void enforcement::begin(const channel_server &channel, feeder &feeder) {
-    gate_.set_rules(settings_.rules);
+    if (settings_.rules.hold_undecided)
+        gate_.open_way_back();
+    set_rules(settings_.rules);
     policies_changed(); // as far as anyone knows, since the last run
     watch_.emplace(gate_, settings_, channel, feeder, say_, monotonic_ms());
     urgency_.emplace(say_);
@@ -42,6 +46,7 @@ void enforcement::follow_interfaces() {
 
 void enforcement::look(bool link_down) {
     watch_->look(link_down, monotonic_ms());
+    holding_.tick(monotonic_ms());
     urgency_->look(monotonic_ns());
 }
 
@@ -58,13 +63,29 @@ void enforcement::judged(flow_row *row, const fed_frame &frame, const av_verdict
         enforcer_.judged(*row, frame, verdict, now_ms);
 }
 
+void enforcement::set_rules(const gate_rules &rules) {
+    gate_.set_rules(rules);
+    if (rules.hold_undecided && !rules.fail_closed)
+        say_("undecided = \"hold\" wants fail = \"closed\": with \"open\" everything passes "
+             "whenever "
+             "verdicts take longer than a second");
+}
+
 void enforcement::settings_changed() {
-    gate_.set_rules(settings_.rules);
+    gate_rules rules = settings_.rules;
+    try {
+        if (rules.hold_undecided)
+            gate_.open_way_back();
+    } catch (const std::runtime_error &error) {
+        say_(error.what());
+        rules.hold_undecided = false;
+    }
+    set_rules(rules);
     enforcer_.settings_changed(gate_.interfaces());
 }
 
 void enforcement::report(std::ostream &out) const {
-    print_gate_counts(out, gate_.counts());
+    print_gate_counts(out, gate_.counts(), gate_.endings());
 }
 
 void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {

@@ -42,11 +42,16 @@ public:
     } // those that it couldn't be attached to
     void follow_interfaces();
     int64_t next_beat_ms() const { return watch_->next_tick_ms(); }
+    int64_t next_hold_ms() const { return holding_.next_tick_ms(); } // to be let go, or dropped
     // To be called in every turn of the loop.
     void look(bool link_down);
     // What this takes doesn't count against the thread's priority.
     void exempt(const std::function<void()> &work) { urgency_->exempt(work); }
 
+    // What the gate took. False when there is nothing to ask the daemon about it.
+    bool hold(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms) {
+        return holding_.take(head, frame, now_ms);
+    }
     // A copy of a packet was counted in the row, and `frame` is made of it.
     void saw(flow_row &row, const gate_copy &copy, fed_frame &frame);
     // `row`: null when it has left.
@@ -63,11 +68,13 @@ public:
     void report(std::ostream &out) const;
 
 private:
+    void set_rules(const gate_rules &rules);
     void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
 
     const enforce_settings &settings_;
     say_function say_;
     gate gate_;
+    holding holding_;
     enforcer enforcer_;
     std::optional<daemon_watch> watch_; // since it began
     std::optional<urgency> urgency_;    // as well

@@ -1,5 +1,6 @@
 #include "avcore/enforce/enforcer.h"
 
+#include "avcore/base/monotonic_clock.h"
 #include "avcore/base/printable.h"
 #include "avcore/engine/dpi.h"
 #include "avcore/flows/flow_text.h"
@@ -247,7 +248,7 @@ void enforcer::mark_and_limit(gate_verdict &verdict, const flow_row &row, const 
 void enforcer::write(const flow_row &row, const gate_verdict &verdict) {
     if (!row.enforcement.flow)
         return;
-    refused_writes_ += !gate_.decide(*row.enforcement.flow, verdict);
+    refused_writes_ += !holding_.decide(*row.enforcement.flow, verdict, monotonic_ms());
     if (!is_limited(verdict))
         return;
     gate_flow fragments = *row.enforcement.flow;
@@ -265,10 +266,12 @@ void enforcer::decide_for_now(flow_row &row, const av_qos &qos, std::string_view
     verdict.action = GATE_PASS;
     verdict.flags = GATE_NOT_YET_FINAL;
     mark_and_limit(verdict, row, qos, name);
-    const bool says_something =
-        verdict.flags != GATE_NOT_YET_FINAL || is_limited(verdict) || settings_.rules.drop_excess;
+    const bool awaited = state.flow && holding_.waits(*state.flow);
+    const bool says_something = verdict.flags != GATE_NOT_YET_FINAL || is_limited(verdict) ||
+                                settings_.rules.drop_excess || settings_.rules.hold_undecided ||
+                                awaited;
     const bool written =
-        state.not_final && memcmp(&*state.not_final, &verdict, sizeof verdict) == 0;
+        !awaited && state.not_final && memcmp(&*state.not_final, &verdict, sizeof verdict) == 0;
     if (written || (!says_something && !state.not_final))
         return;
     state.not_final = verdict;

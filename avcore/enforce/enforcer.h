@@ -8,6 +8,7 @@
 #pragma once
 
 #include "avcore/base/line_cap.h"
+#include "avcore/enforce/holding.h"
 #include "avcore/enforce/limits.h"
 #include "avcore/enforce/shaper.h"
 #include "avcore/feed/feeder.h"
@@ -27,9 +28,13 @@ class enforcer {
 public:
     using say_function = std::function<void(const std::string &)>;
 
-    // `gate` and `settings` outlive the enforcer; the settings may change.
-    enforcer(gate &gate, const enforce_settings &settings, say_function say)
-        : gate_(gate), settings_(settings), say_(std::move(say)), shaper_(say_) {}
+    // All of them outlive the enforcer; the settings may change.
+    enforcer(gate &gate, holding &holding, const enforce_settings &settings, say_function say)
+        : gate_(gate),
+          holding_(holding),
+          settings_(settings),
+          say_(std::move(say)),
+          shaper_(say_) {}
 
     // A copy of a packet that was counted in the row.
     // Where the gate has it in another flow (a first fragment of TCP, whose ports the daemon
@@ -66,6 +71,7 @@ private:
     void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
 
     gate &gate_;
+    holding &holding_;
     const enforce_settings &settings_;
     say_function say_;
     shaper shaper_;

@@ -1,5 +1,7 @@
 #include "avcore/enforce/gate_report.h"
 
+#include <algorithm>
+#include <array>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -28,12 +30,34 @@ constexpr struct {
     {"cut", "clients' fragments dropped"},
     {"too_much", "packets dropped that always pass, beyond what a client may send of them"},
     {"excess", "packets dropped without a verdict, for their client had too many copies"},
+    {"held", "packets held until their flow's first verdict"},
+    {"held_long", "packets dropped undecided, for they are too long to be held"},
+    {"holds_refused", "packets dropped undecided, for their client had too many to be held"},
+    {"holds_lost", "packets dropped undecided, for nobody took them in time"},
     {"resets", "connections' sides reset"},
     {"copies", "copies for the daemon"},
     {"copies_refused", "copies refused, for their client had too many"},
     {"copies_lost", "copies lost, for nobody took them in time"},
+    {"back", "held packets that came back"},
 };
 static_assert(std::size(COUNTS) == GATE_COUNTS);
+
+// What avcore did with held packets, and how many it has still, or had when it was killed.
+struct ending_row {
+    const char *key;
+    const char *what;
+    uint64_t count;
+};
+std::array<ending_row, 4> rows_of(const gate_counts &counts, const gate_endings &endings) {
+    const uint64_t told =
+        counts[GATE_COUNT_BACK] + endings.unjudged + endings.crowded + endings.unwritten;
+    const uint64_t held = counts[GATE_COUNT_HELD];
+    return {
+        {{"held_unjudged", "held packets dropped, for no verdict came in time", endings.unjudged},
+         {"held_crowded", "packets dropped, for too many were held", endings.crowded},
+         {"held_unwritten", "held packets that the kernel didn't take back", endings.unwritten},
+         {"held_missing", "held packets that aren't back", held - std::min(held, told)}}};
+}
 
 using attach_ways = std::map<std::string, std::vector<attach_way>>;
 
@@ -52,6 +76,12 @@ const char *word_of(bool passes) {
     return passes ? "pass" : "drop";
 }
 
+std::string undecided_text(const gate_rules &rules) {
+    if (!rules.hold_undecided)
+        return "pass";
+    return "hold, " + std::to_string(rules.holds_per_second) + " a second of each client";
+}
+
 std::string beat_text(int64_t age_ms) {
     if (age_ms < 0)
         return "none yet";
@@ -61,10 +91,14 @@ std::string beat_text(int64_t age_ms) {
 
 } // namespace
 
-void print_gate_counts(std::ostream &out, const gate_counts &counts) {
+void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_endings &endings) {
     for (size_t i = 0; i < counts.size(); ++i) {
         if (counts[i] != 0)
             out << COUNTS[i].what << ": " << counts[i] << '\n';
+    }
+    for (const ending_row &row : rows_of(counts, endings)) {
+        if (row.count != 0)
+            out << row.what << ": " << row.count << '\n';
     }
 }
 
@@ -81,11 +115,12 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         << "beyond them: " << word_of(!status.rules.drop_excess)
         << ", clients' fragments: " << word_of(!status.rules.drop_fragments)
         << ", too many VLAN tags: " << word_of(status.rules.pass_tags) << '\n'
+        << "undecided: " << undecided_text(status.rules) << '\n'
         << "beat: " << beat_text(status.beat_age_ms) << '\n'
         << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
         << " deny, " << status.verdicts[0] << " not final yet, generation " << status.generation
         << '\n';
-    print_gate_counts(out, status.counts);
+    print_gate_counts(out, status.counts, status.endings);
 }
 
 void print_gate_status_json(std::ostream &out, const gate_status &status) {
@@ -102,6 +137,8 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
         object["excess"] = word_of(!status.rules.drop_excess);
         object["fragments"] = word_of(!status.rules.drop_fragments);
         object["tags"] = word_of(status.rules.pass_tags);
+        object["undecided"] = status.rules.hold_undecided ? "hold" : "pass";
+        object["holds"] = status.rules.holds_per_second;
         if (status.beat_age_ms >= 0)
             object["beat_age_ms"] = status.beat_age_ms;
         object["generation"] = status.generation;
@@ -110,6 +147,8 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
                               {"deny", status.verdicts[GATE_DENY]}};
         for (size_t i = 0; i < status.counts.size(); ++i)
             object["counts"][COUNTS[i].key] = status.counts[i];
+        for (const ending_row &row : rows_of(status.counts, status.endings))
+            object["counts"][row.key] = row.count;
     }
     out << object.dump() << '\n';
 }

@@ -9,6 +9,7 @@
 #include "avcore/gate/places.h"
 #include "avcore/gate/ring.h"
 #include "avcore/gate/traffic_control.h"
+#include "avcore/gate/way_back.h"
 #include "avcore/gate/wireless.h"
 #include "shared/unique_fd.h"
 
@@ -20,9 +21,11 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <system_error>
+#include <utility>
 
 namespace avcore {
 namespace {
@@ -63,13 +66,17 @@ void leave_open(int settings_fd) {
 } // namespace
 
 struct gate::parts {
-    parts(const std::string &at, const std::vector<std::string> &names)
+    parts(const std::string &at, const std::vector<std::string> &names,
+          std::optional<attach_way> wanted, unique_fd program)
         : pins(at),
+          way(wanted),
+          back_program(std::move(program)),
           verdicts(pinned_map(pins, "verdicts")),
           flows(pinned_map(pins, "flows")),
           recent(pinned_map(pins, "recent")),
           limits(pinned_map(pins, "limits")),
           clients(pinned_map(pins, "clients")),
+          holds(pinned_map(pins, "holds")),
           processors(pinned_map(pins, "processors")),
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
@@ -79,11 +86,14 @@ struct gate::parts {
           places(pins, names) {}
 
     std::string pins;
+    std::optional<attach_way> way; // that was wanted
+    unique_fd back_program;
     unique_fd verdicts;
     unique_fd flows;
     unique_fd recent;
     unique_fd limits;
     unique_fd clients;
+    unique_fd holds;
     unique_fd processors;
     unique_fd copies;
     unique_fd settings_map;
@@ -91,13 +101,14 @@ struct gate::parts {
     flow_counters counters;
     ring ring_of_copies;
     gate_places places;
+    std::optional<way_back> back; // once packets may be held
 };
 
 gate::gate(const std::string &pins, const std::vector<std::string> &interfaces,
            std::optional<attach_way> wanted) {
     libbpf_set_print(nullptr); // it would talk to standard error
-    set_up_gate(pins, interfaces, wanted);
-    parts_ = std::make_unique<parts>(pins, interfaces);
+    unique_fd back_program = set_up_gate(pins, interfaces, wanted);
+    parts_ = std::make_unique<parts>(pins, interfaces, wanted, std::move(back_program));
     if (generation() == 0) { // a new one
         set_rules({});
         next_generation();
@@ -139,6 +150,8 @@ void gate::set_rules(const gate_rules &rules) {
     bits |= rules.pass_tags ? uint32_t{GATE_PASS_TAGS} : 0;
     bits |= rules.drop_fragments ? uint32_t{GATE_DROP_FRAGMENTS} : 0;
     bits |= rules.drop_excess ? uint32_t{GATE_DROP_EXCESS} : 0;
+    bits |= rules.hold_undecided ? uint32_t{GATE_HOLD} : 0;
+    write_word(settings.holds_per_second, rules.holds_per_second);
     write_word(settings.rules, bits);
 }
 
@@ -154,6 +167,37 @@ bool gate::take(gate_copy_seen &copy) {
     const std::span<const uint8_t> frame = record.subspan(sizeof copy.head);
     copy.frame = frame.first(std::min<size_t>(frame.size(), copy.head.captured));
     return true;
+}
+
+std::optional<gate_copy> gate::next_head() const {
+    const std::span<const uint8_t> record = parts_->ring_of_copies.peek();
+    gate_copy head;
+    if (record.size() < sizeof head)
+        return std::nullopt;
+    memcpy(&head, record.data(), sizeof head);
+    return head;
+}
+
+void gate::open_way_back() {
+    if (parts_->back)
+        return;
+    parts_->back.emplace(parts_->back_program.get(), parts_->way);
+    uint32_t mark = 0;
+    while (mark == 0)
+        mark = std::random_device()();
+    write_word(parts_->settings.get()->back_mark, mark);
+}
+
+bool gate::put_back(uint32_t if_index, std::vector<uint8_t> frame) {
+    return parts_->back && parts_->back->write(if_index, std::move(frame));
+}
+
+void gate::forget_holds(const gate_flow &flow) {
+    bpf_map_delete_elem(parts_->holds.get(), &flow);
+}
+
+void gate::add_ending(__u64 gate_endings::*which, uint64_t packets) {
+    std::atomic_ref(parts_->settings.get()->endings.*which) += packets;
 }
 
 bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
@@ -190,6 +234,10 @@ void gate::next_generation() {
 
 gate_counts gate::counts() const {
     return read_counts(parts_->processors.get());
+}
+
+gate_endings gate::endings() const {
+    return parts_->settings.get()->endings;
 }
 
 std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
@@ -233,15 +281,19 @@ gate_status look_at_gate(const std::string &pins) {
                                  std::generic_category().message(errno));
     status.there = true;
     list_attached(id_of_map(settings_map.get()), status);
-    status.rules = {settings.fail_closed != 0, settings.copies_per_second,
+    status.rules = {settings.fail_closed != 0,
+                    settings.copies_per_second,
                     (settings.rules & GATE_PASS_TAGS) != 0,
                     (settings.rules & GATE_DROP_FRAGMENTS) != 0,
-                    (settings.rules & GATE_DROP_EXCESS) != 0};
+                    (settings.rules & GATE_DROP_EXCESS) != 0,
+                    (settings.rules & GATE_HOLD) != 0,
+                    settings.holds_per_second};
     status.generation = settings.generation;
     if (settings.beat_ns != 0)
         status.beat_age_ms = static_cast<int64_t>(monotonic_ns() - settings.beat_ns) / 1'000'000;
     count_verdicts(pinned_map(pins, "verdicts").get(), status.verdicts);
     status.counts = read_counts(pinned_map(pins, "processors").get());
+    status.endings = settings.endings;
     return status;
 }
 

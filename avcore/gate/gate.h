@@ -56,8 +56,20 @@ public:
     void set_rules(const gate_rules &rules);
 
     int fd() const; // readable when there are copies
-    // Takes one copy; false when there is none now.
+    // Takes one copy or held packet; false when there is none now.
     bool take(gate_copy_seen &copy);
+    // The head of the one that would be taken next.
+    std::optional<gate_copy> next_head() const;
+
+    // Packets can be held from here on, which is the rules' business. Throws std::runtime_error.
+    void open_way_back();
+    // A held packet, as on the wire, goes on as if it had come in at the interface now. False when
+    // the kernel doesn't take it.
+    bool put_back(uint32_t if_index, std::vector<uint8_t> frame);
+    // All packets of the flow that will come back are back.
+    void forget_holds(const gate_flow &flow);
+    // Held packets that won't come back; for status, too.
+    void add_ending(__u64 gate_endings::*which, uint64_t packets);
 
     // False when the kernel refuses it.
     bool decide(const gate_flow &flow, const gate_verdict &verdict);
@@ -74,6 +86,7 @@ public:
     void next_generation();
 
     gate_counts counts() const;
+    gate_endings endings() const;
     // By the clients' MAC addresses, as long as the gate remembers them.
     std::map<std::array<uint8_t, 6>, uint64_t> refused_copies() const;
 
@@ -97,6 +110,7 @@ struct gate_status {
     int64_t beat_age_ms = -1;  // none yet
     uint64_t verdicts[3] = {}; // in the map, by gate_action; first those that aren't final yet
     gate_counts counts = {};
+    gate_endings endings = {};
 };
 gate_status look_at_gate(const std::string &pins); // throws std::runtime_error
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -199,8 +200,8 @@ void take_predecessors_away(const std::map<unsigned, attach_way> &attached) {
 
 } // namespace
 
-void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
-                 std::optional<attach_way> wanted) {
+unique_fd set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
+                      std::optional<attach_way> wanted) {
     std::vector<unsigned> indices;
     indices.reserve(interfaces.size());
     for (const std::string &name : interfaces)
@@ -221,6 +222,8 @@ void set_up_gate(const std::string &pins, const std::vector<std::string> &interf
     begun.done = true; // from here on what was begun may be all that stands
     take_predecessors_away(attached);
     remove_pins(pins, layouts::others);
+    const bpf_program *back = bpf_object__find_program_by_name(object.get(), "jorn_back");
+    return unique_fd(fcntl(bpf_program__fd(back), F_DUPFD_CLOEXEC, 0));
 }
 
 } // namespace avcore

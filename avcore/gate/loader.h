@@ -3,6 +3,7 @@
 #pragma once
 
 #include "avcore/gate/attach_way.h"
+#include "shared/unique_fd.h"
 
 #include <optional>
 #include <string>
@@ -11,8 +12,8 @@
 namespace avcore {
 
 // As gate's constructor says. One process at a time does it, from the look at what is there to the
-// end, also when what it began is taken back.
-void set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
-                 std::optional<attach_way> wanted);
+// end, also when what it began is taken back. Returns the program for a way back (way_back.h).
+unique_fd set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
+                      std::optional<attach_way> wanted);
 
 } // namespace avcore

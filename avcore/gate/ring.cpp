@@ -23,25 +23,34 @@ ring::ring(int fd)
       writer_(fd, page_ + 2 * static_cast<size_t>(GATE_RING_BYTES), PROT_READ,
               static_cast<off_t>(page_)) {}
 
-std::span<const uint8_t> ring::next() {
-    uint64_t at = read_word(*reader_.get()) + taken_;
-    taken_ = 0;
-    for (;;) {
-        write_word(*reader_.get(), at);
-        if (at >= read_word(*writer_.get()))
-            return {};
-        const uint8_t *head = record_at(at);
+ring::place ring::find() const {
+    place found = {.at = read_word(*reader_.get()) + taken_};
+    while (found.at < read_word(*writer_.get())) {
+        const uint8_t *head = record_at(found.at);
         const uint32_t word = head_of(head);
         if (word & BPF_RINGBUF_BUSY_BIT)
-            return {};
+            break;
         const uint32_t length = word & ~(BPF_RINGBUF_BUSY_BIT | BPF_RINGBUF_DISCARD_BIT);
         const uint64_t whole = (uint64_t{length} + RING_HEAD + 7) / 8 * 8;
         if (!(word & BPF_RINGBUF_DISCARD_BIT)) {
-            taken_ = whole;
-            return {head + RING_HEAD, length};
+            found.whole = whole;
+            found.record = {head + RING_HEAD, length};
+            break;
         }
-        at += whole;
+        found.at += whole;
     }
+    return found;
+}
+
+std::span<const uint8_t> ring::peek() const {
+    return find().record;
+}
+
+std::span<const uint8_t> ring::next() {
+    const place found = find();
+    write_word(*reader_.get(), found.at);
+    taken_ = found.whole;
+    return found.record;
 }
 
 const uint8_t *ring::record_at(uint64_t at) const {

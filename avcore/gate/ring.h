@@ -20,8 +20,16 @@ public:
 
     // The next record; empty when there is none now. Frees the record of the last call.
     std::span<const uint8_t> next();
+    // The same without taking it, nor freeing the last one.
+    std::span<const uint8_t> peek() const;
 
 private:
+    struct place {
+        uint64_t at = 0;    // where the search ended
+        uint64_t whole = 0; // bytes in the ring; 0: there is no record
+        std::span<const uint8_t> record = {};
+    };
+    place find() const;
     const uint8_t *record_at(uint64_t at) const;
 
     size_t page_;

@@ -12,6 +12,8 @@ struct gate_rules {
     bool pass_tags = false;           // frames with more VLAN tags than the gate walks over
     bool drop_fragments = false;      // of clients
     bool drop_excess = false;         // a client's packets without a verdict, beyond its copies
+    bool hold_undecided = false;      // clients' packets wait for their flow's first verdict
+    uint32_t holds_per_second = 500;  // of each client
 };
 
 struct enforce_settings {

@@ -14,17 +14,19 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v8"
+#define GATE_LAYOUT "v9"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
 #define GATE_RECENT 1024  /* flows that each processor has at hand; a power of two */
 #define GATE_CLIENTS 4096 /* whose copies are limited */
 #define GATE_BUCKETS 16384
+#define GATE_HOLDS 16384 /* flows of which packets were held */
 #define GATE_RING_BYTES (4 * 1024 * 1024)
 #define GATE_FRAME_MAX 2016 /* of a frame, in a copy; */
 #define GATE_JOINED_MAX                                                                            \
     4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
+#define GATE_HELD_MAX 16384 /* of a frame that is held, which is whole */
 
 /* What may come from each client of what always passes, in bytes of its frames: ample for what a
  * network lives by, an ARP for each address of a /24 at once among it. */
@@ -57,6 +59,7 @@ enum gate_flag {
     GATE_SET_DSCP = 2,      /* RFC 2474 */
     GATE_SET_PRIORITY = 4,  /* the packet's priority, at the client's egress */
     GATE_NOT_YET_FINAL = 8, /* its limits and marks hold; the packets are copied, as before */
+    GATE_WAS_HELD = 16,     /* packets of it were held: later ones queue up behind them */
 };
 
 /* Written by avcore alone. One of an older generation than the settings' still holds, and the
@@ -105,6 +108,26 @@ static inline __u32 gate_place(const struct gate_flow *flow) {
     return (__u32)(mixed >> 32) & (GATE_RECENT - 1);
 }
 
+/* A flow of which packets were held until its first verdict: written by the kernel alone, removed
+ * by avcore. Packets that come while the two counts differ go the same way, behind the others. */
+struct gate_hold {
+    __u64 taken; /* packets, as on the wire */
+    __u64 back;  /* that came back */
+    __u64 begun_ns;
+    __u64 let_go_ns; /* when the first one came back; 0: none yet */
+    __u32 mark;      /* what somebody else had marked the last one with */
+    __u32 reserved;
+};
+GATE_SIZE(gate_hold, 40);
+
+#define GATE_BEHIND_NS 1000000000ull /* as long later packets wait for what doesn't come back */
+
+/* What avcore writes behind a frame that goes back to where it was taken. */
+struct gate_back {
+    __u32 if_index;
+};
+GATE_SIZE(gate_back, 4);
+
 /* A rate limit: written by avcore alone. Entry 0 is none. */
 struct gate_limit {
     __u64 bytes_per_second; /* of IP packets, as on the wire */
@@ -127,16 +150,26 @@ GATE_SIZE(gate_client, 8);
 struct gate_client_state {
     struct gate_tokens copies[2]; /* by direction */
     struct gate_tokens always;    /* what always passes, of bytes */
-    __u64 refused;                /* copies, so far */
+    struct gate_tokens held;
+    __u64 refused; /* copies, so far */
 };
-GATE_SIZE(gate_client_state, 56);
+GATE_SIZE(gate_client_state, 72);
 
 /* Bits of gate_settings::rules. */
 enum gate_rule {
     GATE_PASS_TAGS = 1,      /* frames with more VLAN tags than are walked over */
     GATE_DROP_FRAGMENTS = 2, /* of clients */
     GATE_DROP_EXCESS = 4, /* of a client's packets without a verdict, what it has no copies for */
+    GATE_HOLD = 8,        /* a client's packets without a verdict are taken instead of copied */
 };
+
+/* Held packets, as on the wire, that avcore didn't let go: written by it alone. */
+struct gate_endings {
+    __u64 unjudged;  /* no verdict came in time, and the gate is to be closed then */
+    __u64 crowded;   /* there were too many, of their client or of all */
+    __u64 unwritten; /* the kernel didn't take them back */
+};
+GATE_SIZE(gate_endings, 24);
 
 /* One word each is written at a time, through a mapping. */
 struct gate_settings {
@@ -147,8 +180,11 @@ struct gate_settings {
     __u32 probing;           /* undecided packets are copied without a beat, too */
     __u32 changes;           /* counted up after a verdict was written */
     __u32 rules;             /* gate_rule */
+    __u32 holds_per_second;  /* of each client */
+    __u32 back_mark;         /* of packets that come back; 0: none do */
+    struct gate_endings endings;
 };
-GATE_SIZE(gate_settings, 32);
+GATE_SIZE(gate_settings, 64);
 
 #define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
 
@@ -171,10 +207,15 @@ enum gate_count {
     GATE_COUNT_CUT,          /* dropped: a client's fragment, where those are */
     GATE_COUNT_TOO_MUCH,     /* dropped: beyond what a client may send of what always passes */
     GATE_COUNT_EXCESS,       /* dropped: without a verdict, and its client had too many copies */
-    GATE_COUNT_RESETS,       /* RST segments made */
-    GATE_COUNT_COPIES,       /* that went up */
+    GATE_COUNT_HELD,         /* taken, until their flow's first verdict */
+    GATE_COUNT_HELD_LONG,    /* dropped: too long to be held; their beginning went up */
+    GATE_COUNT_HOLDS_REFUSED,  /* dropped: their client had too many to be held */
+    GATE_COUNT_HOLDS_LOST,     /* dropped: the ring was full */
+    GATE_COUNT_RESETS,         /* RST segments made */
+    GATE_COUNT_COPIES,         /* that went up */
     GATE_COUNT_COPIES_REFUSED, /* their client had too many */
     GATE_COUNT_COPIES_LOST,    /* the ring was full */
+    GATE_COUNT_BACK,           /* of the held ones; what became of them is counted as well */
     GATE_COUNTS
 };
 
@@ -187,19 +228,29 @@ struct gate_processor {
 };
 GATE_SIZE(gate_processor, GATE_COUNTS * sizeof(__u64) + 24);
 
-/* A copy in the ring; the frame follows, `captured` bytes of it. */
+/* A copy in the ring, or a packet that was taken; the frame follows, `captured` bytes of it. */
 struct gate_copy {
     struct gate_flow flow;
-    __u64 time_ns;      /* CLOCK_MONOTONIC */
-    __u32 if_index;     /* of the client's interface */
-    __u32 length;       /* of the whole frame */
-    __u16 captured;     /* at most GATE_FRAME_MAX, or GATE_JOINED_MAX */
+    __u64 time_ns;  /* CLOCK_MONOTONIC */
+    __u32 if_index; /* of the client's interface */
+    __u32 length;   /* of the whole frame */
+    __u16 captured; /* at most GATE_FRAME_MAX, or GATE_JOINED_MAX; GATE_HELD_MAX of a held one */
     __u16 segment_size; /* of the payload in each packet that segmentation has joined to one; 0: it
                            is one */
     __u8 direction;     /* gate_direction */
     __u8 came_up; /* of one on its way down: a datagram of DNS that a gate saw on its way up */
-    __u8 reserved[2];
+    __u8 held;    /* the packet itself: it goes on when avcore writes it back */
+    __u8 is_ipv6;
+    /* Of a held one: the tag that the kernel keeps beside the frame (IEEE 802.1Q), its type 0 where
+     * there is none, and offsets in the frame. */
+    __u16 vlan_type;
+    __u16 vlan_tci;
+    __u16 network;
+    __u16 transport;
+    __u16 payload; /* behind the header of TCP or UDP, or `transport` */
+    __u16 end;     /* before any padding */
+    __u32 reserved2;
 };
-GATE_SIZE(gate_copy, 64);
+GATE_SIZE(gate_copy, 80);
 
 #endif

@@ -380,10 +380,11 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
         {"drop", settings::shaping::drop}, {"htb", settings::shaping::htb}};
     constexpr std::pair<std::string_view, bool> fails[] = {{"open", false}, {"closed", true}};
     constexpr std::pair<std::string_view, bool> dropped[] = {{"pass", false}, {"drop", true}};
+    constexpr std::pair<std::string_view, bool> undecided[] = {{"pass", false}, {"hold", true}};
     constexpr std::pair<std::string_view, bool> passed[] = {{"pass", true}, {"drop", false}};
     const reader in(table, file);
-    in.expect_keys(
-        {"reset", "share", "rate_unit", "shape", "fail", "copies", "excess", "fragments", "tags"});
+    in.expect_keys({"reset", "share", "rate_unit", "shape", "fail", "copies", "excess", "fragments",
+                    "tags", "undecided", "holds"});
     in.flag("reset", enforce.reset);
     read_choice(in, "share", shares, enforce.share);
     read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
@@ -392,9 +393,13 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
     read_choice(in, "excess", dropped, enforce.rules.drop_excess);
     read_choice(in, "fragments", dropped, enforce.rules.drop_fragments);
     read_choice(in, "tags", passed, enforce.rules.pass_tags);
-    in.number("copies", enforce.rules.copies_per_second, COPIES_MAX);
-    if (enforce.rules.copies_per_second == 0)
-        in.fail(*in.find("copies"), "'copies' must be 1 at least");
+    read_choice(in, "undecided", undecided, enforce.rules.hold_undecided);
+    for (const auto &[key, rate] : {std::pair("copies", &enforce.rules.copies_per_second),
+                                    std::pair("holds", &enforce.rules.holds_per_second)}) {
+        in.number(key, *rate, COPIES_MAX);
+        if (*rate == 0)
+            in.fail(*in.find(key), "'" + std::string(key) + "' must be 1 at least");
+    }
 }
 
 void read_capture(const toml::table &table, const std::string &file, capture_settings &capture) {

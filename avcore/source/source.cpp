@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <netinet/in.h>
 #include <stdexcept>
 
 namespace avcore {
@@ -13,6 +14,7 @@ namespace {
 constexpr int SNAP_LENGTH = 262'144;
 constexpr int READ_TIMEOUT_MS = 5;
 constexpr int64_t STALE_US = 2'000'000;
+constexpr int64_t STALE_HELD_US = 1'000'000; // as long packets are held
 // While the daemon is busy, frames wait in the capture's buffer.
 constexpr int LIVE_BUFFER_BYTES = 32 * 1024 * 1024;
 
@@ -31,6 +33,18 @@ int64_t real_time_us() {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
+}
+
+int64_t age_us_of(const gate_copy &head) {
+    return static_cast<int64_t>(monotonic_ns() - head.time_ns) / 1000;
+}
+
+// A held packet comes whole; the daemon is shown as much of it as of a copy.
+std::span<const uint8_t> shown_of(const gate_copy_seen &copy) {
+    const bool joined_datagrams =
+        copy.head.segment_size != 0 && copy.head.flow.proto == IPPROTO_UDP;
+    const size_t most = joined_datagrams ? GATE_JOINED_MAX : GATE_FRAME_MAX;
+    return copy.frame.first(std::min(copy.frame.size(), most));
 }
 
 } // namespace
@@ -113,25 +127,32 @@ frame_source::result frame_source::next_live() {
     }
 }
 
+bool frame_source::is_next_late() const {
+    const std::optional<gate_copy> head = gate_ != nullptr ? gate_->next_head() : std::nullopt;
+    return head && age_us_of(*head) > (head->held != 0 ? STALE_HELD_US : STALE_US);
+}
+
 // What waited while nobody read is of flows that have gone on without a verdict, or ended.
 frame_source::result frame_source::next_copy(captured_frame &frame) {
     if (!gate_->take(copy_))
         return result::nothing;
     ++counts_.read;
-    const int64_t age_us = static_cast<int64_t>(monotonic_ns() - copy_.head.time_ns) / 1000;
-    if (age_us > STALE_US) {
+    const int64_t age_us = age_us_of(copy_.head);
+    if (age_us > STALE_US && copy_.head.held == 0) {
         ++counts_.stale;
         return result::skipped;
     }
-    frame.bytes = copy_.frame;
+    frame.bytes = shown_of(copy_);
     frame.time_us = real_time_us() - age_us;
-    if (copy_.frame.size() > max_frame_size_) {
+    if (frame.bytes.size() > max_frame_size_) {
         ++counts_.too_long;
         return result::skipped;
     }
     frame.captured_on = gate_->interface_of(copy_.head.if_index);
     frame.copy = &copy_.head;
-    if (copy_.head.captured < copy_.head.length)
+    if (copy_.head.held != 0)
+        frame.held = copy_.frame;
+    if (frame.bytes.size() < copy_.head.length)
         ++counts_.cut_short;
     return result::frame;
 }

@@ -48,6 +48,9 @@ public:
     };
     result next(captured_frame &frame);
 
+    // Whether what comes next, of a gate, has waited for too long to be asked about.
+    bool is_next_late() const;
+
     int fd() const; // readable when there is more than nothing
     const std::string &error() const { return error_; }
     double share_read() const { return file_ ? file_->share_read() : 0; }

@@ -214,6 +214,57 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
     }
 }
 
+TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
+    using fates = std::vector<int>;
+    gate at(PINS, {"gw0"});
+    at.open_way_back();
+    at.set_rules({.fail_closed = true, .hold_undecided = true, .holds_per_second = 4});
+    at.beat();
+    const octets frame = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x"))) + octets(17, 0);
+    const auto come_back = [&](const gate_copy_seen &copy) {
+        const gate_counts before = at.counts();
+        EXPECT_TRUE(at.put_back(copy.head.if_index, {frame.begin(), frame.end()}));
+        while (at.counts()[GATE_COUNT_BACK] == before[GATE_COUNT_BACK])
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        fates changed;
+        for (int i = 0; i < GATE_COUNT_RESETS; ++i)
+            if (at.counts()[static_cast<size_t>(i)] != before[static_cast<size_t>(i)])
+                changed.push_back(i);
+        return changed;
+    };
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD});
+    gate_copy_seen copy;
+    ASSERT_TRUE(at.take(copy));
+    EXPECT_EQ(octets(copy.frame.begin(), copy.frame.end()), frame);
+    const gate_copy head = copy.head;
+    EXPECT_EQ((std::array{head.held, head.is_ipv6}), (std::array<uint8_t, 2>{1, 0}));
+    EXPECT_EQ((std::array{head.network, head.transport, head.payload, head.end}),
+              (std::array<uint16_t, 4>{14, 34, 42, 43}));
+
+    gate_verdict heard = allowance(at.generation());
+    heard.flags = GATE_NOT_YET_FINAL | GATE_WAS_HELD;
+    ASSERT_TRUE(at.decide(head.flow, heard));
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD}) << "behind the first, which isn't back";
+    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD});
+    ASSERT_TRUE(at.decide(head.flow, denial(GATE_WAS_HELD, at.generation())));
+    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DENIED});
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DENIED}) << "which needs no order";
+    ASSERT_TRUE(at.decide(head.flow, heard));
+    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "all are back";
+
+    const octets other = ethernet(0x0800, ipv4(17, udp(1001, 2000, "x")));
+    fates its = fate(at, other);
+    EXPECT_EQ(its, fates{GATE_COUNT_HELD});
+    for (int i = 0; i < 100 && its == fates{GATE_COUNT_HELD}; ++i)
+        its = fate(at, other);
+    EXPECT_EQ(its, fates{GATE_COUNT_HOLDS_REFUSED});
+    ASSERT_TRUE(at.decide(head.flow, allowance(at.generation())));
+    at.next_generation();
+    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "an outdated verdict holds";
+}
+
 TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
     gate at(PINS, {"gw0"});
     at.set_rules({.copies_per_second = 1, .drop_excess = true});

@@ -1,6 +1,7 @@
 // avcore's configuration, the client of a flow, and messages from whoever connects.
 #include "avcore/base/line_cap.h"
 #include "avcore/base/messages.h"
+#include "avcore/enforce/held_packets.h"
 #include "avcore/enforce/limits.h"
 #include "avcore/flows/flow_table.h"
 #include "avcore/flows/frame_builder.h"
@@ -58,6 +59,7 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
          "line 5: 'insecure'"},
         {"[enforce]\nfail = \"shut\"\n", "line 2: 'fail' must be \"open\" or \"closed\""},
         {"[enforce]\ncopies = 0\n", "line 2: 'copies' must be 1 at least"},
+        {"[enforce]\nundecided = \"wait\"\n", "line 2: 'undecided' must be \"pass\" or \"hold\""},
         {"[capture]\nkind = \"tun\"\n", "line 2: 'kind' must be \"veth\" or \"tap\""},
         {"[capture]\nkind = \"veth\"\nspeed = 10\n", "line 3: 'speed' is for kind = \"tap\""},
         {"[names]\nresolver = []\n", "line 2: unknown key 'resolver'"},
@@ -529,6 +531,63 @@ TEST(AvcoreLog, FiveLinesASecondAndTheNextSaysHowManyHadNone) {
         if (cap.admits(ms))
             written += 'x' + cap.remark();
     EXPECT_EQ(written, "xxxxxx (and 5 more)");
+}
+
+// What is held of flows, which are told apart by their port; frames by their last byte.
+class AvcoreHeldPackets : public testing::Test {
+protected:
+    static gate_flow flow(int port) {
+        gate_flow flow = {};
+        flow.client_port_be = static_cast<uint16_t>(port);
+        return flow;
+    }
+    bool add(int port, int number, int client = 1, uint64_t at_ms = 0, size_t size = 60) {
+        std::vector<uint8_t> frame(size, static_cast<uint8_t>(client));
+        frame.back() = static_cast<uint8_t>(number);
+        gate_copy head = {};
+        head.flow = flow(port);
+        head.time_ns = at_ms * 1'000'000;
+        return packets.add(head, frame);
+    }
+
+    octets back;
+    held_packets packets{[this](const held_packet &packet) { back += packet.frame.back(); }};
+};
+
+TEST_F(AvcoreHeldPackets, GoOnInTheirOrder) {
+    for (const auto &[port, number] : {std::pair(1, 1), {2, 2}, {1, 3}})
+        EXPECT_TRUE(add(port, number));
+    EXPECT_FALSE(packets.first_overdue(999));
+    gate_verdict verdict = {};
+    verdict.priority = 7;
+    packets.let_go(flow(1), verdict, 500);
+    EXPECT_EQ(back, (octets{1, 3}));
+    EXPECT_TRUE(add(1, 4)) << "it is behind them";
+    EXPECT_EQ(back, (octets{1, 3, 4}));
+    EXPECT_TRUE(packets.knows(flow(1)) && !packets.waits(flow(1)) && packets.waits(flow(2)));
+    EXPECT_EQ(packets.first_overdue(1000)->client_port_be, 2);
+    EXPECT_EQ(packets.drop_overdue(flow(2), 1000), 1U);
+    EXPECT_FALSE(packets.first_overdue(1499));
+    EXPECT_EQ(packets.first_overdue(1500)->client_port_be, 1);
+    EXPECT_EQ(packets.forget(flow(1)).priority, 7U);
+    EXPECT_EQ(packets.next_due_ms(), NEVER_MS);
+}
+
+TEST_F(AvcoreHeldPackets, OfOneClientLeaveRoomForOthers) {
+    for (size_t i = 0; i < held_packets::CLIENT_PACKETS; ++i)
+        ASSERT_TRUE(add(1, 1, 1, i));
+    EXPECT_FALSE(add(1, 1) || add(2, 1));
+    EXPECT_FALSE(packets.knows(flow(2)));
+    EXPECT_TRUE(add(3, 1, 2));
+    EXPECT_EQ(packets.drop_overdue(flow(1), 1009), 10U) << "each has its own second";
+    EXPECT_TRUE(add(2, 1));
+    const size_t fit = held_packets::CLIENT_BYTES / GATE_HELD_MAX;
+    for (size_t i = 0; i < fit + 1; ++i)
+        EXPECT_EQ(add(4, 1, 3, 0, GATE_HELD_MAX), i < fit);
+    size_t more = 0;
+    for (int port = 10; add(port, 1, port % 64 + 10); ++port)
+        ++more;
+    EXPECT_LE(more, held_packets::ALL_PACKETS);
 }
 
 } // namespace

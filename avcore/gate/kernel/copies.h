@@ -9,7 +9,7 @@
 
 struct whole_copy {
     struct gate_copy head;
-    __u8 frame[GATE_JOINED_MAX];
+    __u8 frame[GATE_HELD_MAX];
 };
 
 struct {
@@ -65,36 +65,54 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
     return false;
 }
 
-/* False: its client had too many. */
-static __noinline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
-                               const struct gate_settings *set) {
+/* What a copy has of a frame: of joined datagrams the first ones. */
+static __always_inline __u32 size_of_copy(struct __sk_buff *skb, const struct packet *packet) {
+    const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
+    const __u32 most = joined_datagrams ? GATE_JOINED_MAX : GATE_FRAME_MAX;
+    return skb->len < most ? skb->len : most;
+}
+
+/* False: the ring is full. A frame that can't be read is nothing to wait for. */
+static __noinline bool send_up(struct __sk_buff *skb, const struct packet *packet, __u32 captured,
+                               bool held) {
     const __u32 first = 0;
+    struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
+    if (!copy)
+        return false;
+    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
+    if (captured > GATE_HELD_MAX)
+        captured = GATE_HELD_MAX;
+    /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
+    if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
+        return false;
+    struct gate_copy *head = &copy->head;
+    head->flow = packet->flow;
+    head->time_ns = bpf_ktime_get_ns();
+    head->if_index = skb->ifindex;
+    head->length = skb->len;
+    head->captured = (__u16)captured;
+    head->segment_size = (__u16)skb->gso_size;
+    head->direction = packet->direction;
+    head->came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
+    head->held = held;
+    head->is_ipv6 = packet->is_ipv6;
+    head->vlan_type = skb->vlan_present ? bpf_ntohs((__u16)skb->vlan_proto) : 0;
+    head->vlan_tci = (__u16)skb->vlan_tci;
+    head->network = (__u16)packet->network;
+    head->transport = (__u16)packet->transport;
+    head->payload = (__u16)packet->headers;
+    head->end = (__u16)packet->end;
+    return bpf_ringbuf_output(&copies, copy, sizeof *head + captured, 0) == 0;
+}
+
+/* False: its client had too many. */
+static __always_inline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
+                                    const struct gate_settings *set) {
     if (!may_copy(skb, packet, set->copies_per_second)) {
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return false;
     }
-    struct whole_copy *copy = bpf_map_lookup_elem(&workbench, &first);
-    if (!copy)
-        return true;
-    const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
-    __u32 captured = skb->len;
-    if (!joined_datagrams && captured > GATE_FRAME_MAX)
-        captured = GATE_FRAME_MAX;
-    asm volatile("" : "+r"(captured)); /* the verifier has to see both bounds on one register */
-    if (captured > GATE_JOINED_MAX)
-        captured = GATE_JOINED_MAX;
-    /* No frame is that short; older verifiers learn no bound from a comparison with 0. */
-    if (captured < ETH_HLEN || bpf_skb_load_bytes(skb, 0, copy->frame, captured))
-        return true;
-    copy->head.flow = packet->flow;
-    copy->head.time_ns = bpf_ktime_get_ns();
-    copy->head.if_index = skb->ifindex;
-    copy->head.length = skb->len;
-    copy->head.captured = (__u16)captured;
-    copy->head.segment_size = (__u16)skb->gso_size;
-    copy->head.direction = packet->direction;
-    copy->head.came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
-    const bool lost = bpf_ringbuf_output(&copies, copy, sizeof copy->head + captured, 0) != 0;
+    const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
     count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
     return true;
 }

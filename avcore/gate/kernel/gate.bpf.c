@@ -16,6 +16,14 @@ struct {
     __type(value, struct gate_settings);
 } settings SEC(".maps");
 
+/* The mark is a secret of avcore's, so nobody else's packets have it. */
+static __always_inline bool take_mark_off(struct __sk_buff *skb, const struct gate_settings *set) {
+    if (!set->back_mark || skb->mark != set->back_mark)
+        return false;
+    skb->mark = 0;
+    return true;
+}
+
 static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     const __u32 first = 0;
     const struct gate_settings *set = bpf_map_lookup_elem(&settings, &first);
@@ -23,13 +31,16 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     if (!set || !here)
         return TC_ACT_UNSPEC;
     struct packet packet = {.here = here, .direction = direction, .segments = 1};
+    packet.is_back = direction == GATE_UP && take_mark_off(skb, set);
     /* A beat may be younger than the time. */
     const bool attended = (__s64)(coarse_now(here) - set->beat_ns) <= (__s64)GATE_BEAT_NS;
     const bool open = !attended && !set->fail_closed;
-    if (open && !set->probing)
+    if (open && !set->probing && !packet.is_back)
         return pass(GATE_COUNT_NOBODY, &packet);
     int result = parse_frame(skb, &packet);
     count_segments(skb, &packet);
+    if (packet.is_back)
+        note_back(skb, &packet);
     const bool fragment = result == GATE_COUNT_FRAGMENT || packet.first_fragment;
     if (fragment && direction == GATE_UP && (set->rules & GATE_DROP_FRAGMENTS))
         result = GATE_COUNT_CUT;
@@ -59,6 +70,22 @@ int jorn_gate_up(struct __sk_buff *skb) {
 SEC("tc")
 int jorn_gate_down(struct __sk_buff *skb) {
     return gate(skb, GATE_DOWN);
+}
+
+/* At the device into which avcore writes packets that were held: each goes back to where it was
+ * taken, as if it had come in there. */
+SEC("tc")
+int jorn_back(struct __sk_buff *skb) {
+    const __u32 first = 0;
+    const struct gate_settings *set = bpf_map_lookup_elem(&settings, &first);
+    struct gate_back to;
+    if (!set || skb->len <= ETH_HLEN + sizeof to)
+        return TC_ACT_SHOT;
+    const __u32 size = skb->len - sizeof to;
+    if (bpf_skb_load_bytes(skb, size, &to, sizeof to) || bpf_skb_change_tail(skb, size, 0))
+        return TC_ACT_SHOT;
+    skb->mark = set->back_mark;
+    return bpf_redirect(to.if_index, BPF_F_INGRESS);
 }
 
 char LICENSE[] SEC("license") = "GPL";

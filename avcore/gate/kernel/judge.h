@@ -3,6 +3,7 @@
 
 #include "avcore/gate/kernel/copies.h"
 #include "avcore/gate/kernel/flows.h"
+#include "avcore/gate/kernel/holds.h"
 #include "avcore/gate/kernel/limits.h"
 #include "avcore/gate/kernel/marks.h"
 #include "avcore/gate/kernel/packet.h"
@@ -54,6 +55,17 @@ static __always_inline bool is_dns(const struct gate_flow *flow) {
            (flow->client_port_be == DNS_PORT_BE || flow->server_port_be == DNS_PORT_BE);
 }
 
+static __always_inline bool is_to_be_held(const struct packet *packet,
+                                          const struct gate_settings *set,
+                                          const struct gate_verdict *verdict) {
+    if (packet->direction != GATE_UP || packet->is_back || !(set->rules & GATE_HOLD))
+        return false;
+    if (!verdict->action)
+        return true;
+    return verdict->action == GATE_PASS && (verdict->flags & GATE_WAS_HELD) &&
+           are_others_behind(packet);
+}
+
 static __always_inline int judge(struct __sk_buff *skb, const struct packet *packet,
                                  const struct gate_settings *set, bool attended) {
     struct gate_verdict verdict;
@@ -63,9 +75,11 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
     const bool decided = judged && !(verdict.flags & GATE_NOT_YET_FINAL);
     const bool settled = decided && verdict.generation == set->generation;
     bool excess = false;
+    if (attended && is_to_be_held(packet, set, &verdict))
+        return hold(skb, packet, set, judged);
     if (packet->direction == GATE_UP && is_dns(&packet->flow))
         skb->tc_index = CAME_UP;
-    if ((attended || set->probing) && (!settled || is_dns(&packet->flow)))
+    if ((attended || set->probing) && !packet->is_back && (!settled || is_dns(&packet->flow)))
         excess = !copy_up(skb, packet, set);
     if (!attended && !set->fail_closed)
         return pass(GATE_COUNT_NOBODY, packet);
@@ -75,6 +89,8 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
         return deny(skb, packet, &verdict, counter);
     if (judged)
         return allow(skb, packet, &verdict, counter);
+    if (packet->is_back && set->fail_closed)
+        return drop(GATE_COUNT_SHUT, packet); /* its verdict has left the map meanwhile */
     if (excess && packet->direction == GATE_UP && (set->rules & GATE_DROP_EXCESS))
         return drop(GATE_COUNT_EXCESS, packet);
     count_passed(counter, skb, packet);

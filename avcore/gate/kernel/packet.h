@@ -53,6 +53,7 @@ struct packet {
     __u8 traffic_class;
     __u8 tcp_flags;
     __u8 is_error; /* of ICMP or ICMPv6: it quotes a packet of the other direction */
+    __u8 is_back;  /* it was held */
 };
 
 /* A header behind Ethernet's, in place: NULL where it doesn't lie in the part that the program can

@@ -1,0 +1,96 @@
+/* A client's packets that wait for their flow's first verdict: taken out of the kernel, and put
+ * back by avcore through a device of its own. */
+#pragma once
+
+#include "avcore/gate/kernel/copies.h"
+
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, GATE_HOLDS);
+    __type(key, struct gate_flow);
+    __type(value, struct gate_hold);
+} holds SEC(".maps");
+
+/* As many as avcore will cut it into: what else is joined stays so. */
+static __always_inline __u32 pieces_of(struct __sk_buff *skb, const struct packet *packet) {
+    const bool is_cut = packet->flow.proto == IPPROTO_TCP || packet->flow.proto == IPPROTO_UDP;
+    const __u32 size = is_cut ? skb->gso_size : 0;
+    if (!size || packet->end <= packet->headers)
+        return 1;
+    return (packet->end - packet->headers + size - 1) / size;
+}
+
+/* Counts the packet as taken. `judged`: it only goes behind others. Where the others have gone on,
+ * or nothing is left of them, another count begins. */
+static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
+                                                    const struct packet *packet, bool judged) {
+    const __u64 now = bpf_ktime_get_ns();
+    struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
+    if (!hold) {
+        const struct gate_hold begun = {.begun_ns = now};
+        bpf_map_update_elem(&holds, &packet->flow, &begun, BPF_NOEXIST);
+        hold = bpf_map_lookup_elem(&holds, &packet->flow);
+        if (!hold)
+            return NULL;
+    } else if (!judged && (hold->let_go_ns || now - hold->begun_ns > 2 * GATE_BEHIND_NS)) {
+        hold->taken = hold->back = 0;
+        hold->let_go_ns = 0;
+        hold->begun_ns = now;
+    }
+    hold->mark = skb->mark;
+    __sync_fetch_and_add(&hold->taken, pieces_of(skb, packet));
+    return hold;
+}
+
+static __always_inline bool may_hold(struct __sk_buff *skb, const struct packet *packet,
+                                     __u32 a_second) {
+    struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
+    return client && take_tokens(&client->held, a_second, a_second, 1, packet->here->now_ns);
+}
+
+/* What can't be held is lost to its flow: nothing passes before its verdict. */
+static __noinline int hold(struct __sk_buff *skb, const struct packet *packet,
+                           const struct gate_settings *set, bool judged) {
+    const __u32 pieces = pieces_of(skb, packet);
+    if (!may_hold(skb, packet, set->holds_per_second)) {
+        count(packet, GATE_COUNT_HOLDS_REFUSED, pieces);
+        return TC_ACT_SHOT;
+    }
+    if (skb->len > GATE_HELD_MAX) {
+        const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
+        count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+        count(packet, GATE_COUNT_HELD_LONG, pieces);
+        return TC_ACT_SHOT;
+    }
+    struct gate_hold *of_flow = note_taken(skb, packet, judged); /* before avcore can see it */
+    if (send_up(skb, packet, skb->len, true)) {
+        count(packet, GATE_COUNT_HELD, pieces);
+        return TC_ACT_SHOT;
+    }
+    if (of_flow)
+        __sync_fetch_and_add(&of_flow->taken, -(__u64)pieces);
+    count(packet, GATE_COUNT_HOLDS_LOST, pieces);
+    return TC_ACT_SHOT;
+}
+
+/* Whether earlier packets of its flow are still on their way back. */
+static __noinline bool are_others_behind(const struct packet *packet) {
+    const struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
+    if (!hold || hold->taken == hold->back)
+        return false;
+    const __u64 until =
+        hold->let_go_ns ? hold->let_go_ns + GATE_BEHIND_NS : hold->begun_ns + 2 * GATE_BEHIND_NS;
+    return bpf_ktime_get_ns() < until;
+}
+
+/* The mark that it came back by is gone already; it gets another's. */
+static __always_inline void note_back(struct __sk_buff *skb, const struct packet *packet) {
+    struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
+    count(packet, GATE_COUNT_BACK, 1);
+    if (!hold)
+        return;
+    skb->mark = hold->mark;
+    if (!hold->let_go_ns)
+        hold->let_go_ns = bpf_ktime_get_ns();
+    __sync_fetch_and_add(&hold->back, 1);
+}

@@ -1,0 +1,26 @@
+// The device by which packets that were held go back into the kernel: a TAP device whose program
+// puts each at the ingress of the interface that it was taken from, marked as one that comes back.
+#pragma once
+
+#include "avcore/gate/attach_way.h"
+#include "shared/unique_fd.h"
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace avcore {
+
+class way_back {
+public:
+    // Throws std::runtime_error.
+    way_back(int program_fd, std::optional<attach_way> wanted);
+
+    // A frame as it is on the wire, tags and all. False when the kernel doesn't take it.
+    bool write(uint32_t if_index, std::vector<uint8_t> frame);
+
+private:
+    unique_fd device_;
+};
+
+} // namespace avcore
