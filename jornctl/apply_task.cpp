@@ -9,6 +9,9 @@
 #include "jornctl/client/apply.h"
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
+#include "jornctl/memory/applied.h"
+#include "jornctl/memory/baseline.h"
+#include "jornctl/tables/differing_commands.h"
 #include "shared/counted.h"
 
 #include <algorithm>
@@ -20,20 +23,20 @@ namespace {
 // What the document's tables do to those of the daemon, which has to be asked.
 class daemon_checks {
 public:
-    daemon_checks(document &read, const client &daemon) : read_(read), daemon_{daemon} {}
+    daemon_checks(document &read, const client &daemon) : read_(read), daemon_(daemon) {}
 
     void warn_beforehand() {
         warn_of_unnamed_bindings();
         warn_of_lost_utps();
         warn_of_web_utps();
-        if (leaves_policies_to_daemon() && !daemon_.has_policies())
+        if (leaves_policies_to_daemon() && !has_policies())
             warn_of_lonely_utps([](const utp_entry_wire &) { return true; });
     }
 
     // Of UTP entries whose policies only the daemon may have: whether they found them. It shows no
     // uuid of a policy beforehand, only whether there is any.
     void warn_afterwards() {
-        if (leaves_policies_to_daemon() && daemon_.has_policies())
+        if (leaves_policies_to_daemon() && has_policies())
             warn_of_utps_left_lonely();
         if (read_.web_utps && !read_.web_policies)
             warn_of_lonely_web_utps();
@@ -50,7 +53,7 @@ private:
     void warn_of_unnamed_bindings() {
         if (!read_.carriers || !read_.wificalling_interfaces)
             return;
-        for (const ordered_json &binding : daemon_.list(CMD_WIFICALLING_INTF_SHOW_REQ)) {
+        for (const ordered_json &binding : listed(daemon_, CMD_WIFICALLING_INTF_SHOW_REQ)) {
             const std::string ifname = binding["ifname"].get<std::string>();
             const auto is_named = [&](const wificalling_intf_wire &named) {
                 return ifname == named.ifname;
@@ -67,7 +70,7 @@ private:
         if (!read_.web_utps || read_.utps)
             return;
         std::vector<std::string> lost;
-        for (const ordered_json &entry : daemon_.list(CMD_UTP_SHOW_REQ)) {
+        for (const ordered_json &entry : listed(daemon_, CMD_UTP_SHOW_REQ)) {
             const auto id = entry["id"].get<uint32_t>();
             if (!read_.policies || !has_policy_of(*read_.policies, id))
                 lost.push_back(std::to_string(id));
@@ -84,7 +87,7 @@ private:
         std::vector<std::string> lost;
         for (uint32_t id = UTP_ID_MIN; id <= UTP_ID_MAX; ++id) {
             const bool comes_back = read_.web_policies && has_policy_of(*read_.web_policies, id);
-            if (!comes_back && daemon_.web_utp(id))
+            if (!comes_back && web_utp(id))
                 lost.push_back(std::to_string(id));
         }
         if (lost.empty())
@@ -113,9 +116,9 @@ private:
     }
 
     void warn_of_utps_left_lonely() {
-        const ordered_json listed = daemon_.list(CMD_UTP_SHOW_REQ);
+        const ordered_json entries = listed(daemon_, CMD_UTP_SHOW_REQ);
         warn_of_lonely_utps([&](const utp_entry_wire &entry) {
-            return std::ranges::any_of(listed, [&](const ordered_json &each) {
+            return std::ranges::any_of(entries, [&](const ordered_json &each) {
                 return each["id"] == entry.id && each["arc_policy"] == LISTED_NO_POLICY;
             });
         });
@@ -126,8 +129,8 @@ private:
             const utp_entry_wire &entry = (*read_.web_utps)[i];
             if (entry.uuid[0] == '\0')
                 continue;
-            const std::optional<ordered_json> listed = daemon_.web_utp(entry.id);
-            if (listed && (*listed)["policy"].is_null())
+            const std::optional<ordered_json> shown = web_utp(entry.id);
+            if (shown && (*shown)["policy"].is_null())
                 warn_of_lonely("web_utps", i, entry);
         }
     }
@@ -138,33 +141,21 @@ private:
                                 std::to_string(entry.id) + " passes");
     }
 
-    // The daemon's listings as JSON.
-    struct lister {
-        const client &daemon;
+    bool has_policies() const {
+        for (uint32_t id = UTP_ID_MIN; id <= UTP_ID_MAX; ++id) {
+            const std::string reply = daemon_.send({CMD_CHECK_PRIORITY_REQ, record_bytes(id)});
+            if (refusal_in(CMD_CHECK_PRIORITY_REQ, reply).empty())
+                return true;
+        }
+        return false;
+    }
 
-        ordered_json list(command_number command) const {
-            const listing &wanted = listing_of(command);
-            return wanted.parse(ask(daemon, wanted, {}));
-        }
-        bool has_policies() const {
-            for (uint32_t id = UTP_ID_MIN; id <= UTP_ID_MAX; ++id) {
-                const std::string reply = daemon.send({CMD_CHECK_PRIORITY_REQ, record_bytes(id)});
-                if (refusal_in(CMD_CHECK_PRIORITY_REQ, reply).empty())
-                    return true;
-            }
-            return false;
-        }
-        std::optional<ordered_json> web_utp(uint32_t id) const {
-            const listing &wanted = listing_of(CMD_UTP_WEB_POLICY_SHOW_REQ);
-            const std::string reply = daemon.send({wanted.command, record_bytes(id)});
-            if (!refusal_in(wanted.command, reply).empty())
-                return std::nullopt;
-            return wanted.parse(reply);
-        }
-    };
+    std::optional<ordered_json> web_utp(uint32_t id) const {
+        return listed(daemon_, CMD_UTP_WEB_POLICY_SHOW_REQ, record_bytes(id));
+    }
 
     document &read_;
-    lister daemon_;
+    const client &daemon_;
 };
 
 void print_warnings(const document &read, const std::string &file) {
@@ -192,20 +183,62 @@ std::optional<document> load_document(const apply_settings &wanted, const client
     }
 }
 
-void send_all(const std::vector<command> &commands, const client &daemon) {
+size_t count_of(const std::vector<command_group> &groups) {
+    size_t count = 0;
+    for (const command_group &group : groups)
+        count += group.size();
+    return count;
+}
+
+void send_one(const command &sent, const client &daemon) {
+    const std::string reply = daemon.send(sent);
+    if (sent.number == CMD_WRITE_CFG_REQ)
+        check_answer(reply, CMD_WRITE_CFG_REQ);
+}
+
+void send_all(const std::vector<command_group> &groups, const client &daemon) {
     size_t sent = 0;
     try {
-        for (; sent < commands.size(); ++sent) {
-            const std::string reply = daemon.send(commands[sent]);
-            if (commands[sent].number == CMD_WRITE_CFG_REQ)
-                check_answer(reply, CMD_WRITE_CFG_REQ);
+        for (const command_group &group : groups) {
+            for (const command &each : group) {
+                send_one(each, daemon);
+                ++sent;
+            }
         }
     } catch (const no_daemon &reason) {
         if (sent == 0)
             throw;
         throw no_daemon(reason.what() + std::string("; the tables are half made (") +
-                        std::to_string(sent) + " of " + std::to_string(commands.size()) +
+                        std::to_string(sent) + " of " + std::to_string(count_of(groups)) +
                         " commands sent), apply again");
+    }
+}
+
+// Whoever breaks off from here on leaves no memory of what isn't there.
+void forget_before_sending() {
+    try {
+        forget_applied(SAVED_FILES_FOLDER);
+    } catch (const refused &reason) {
+        complain(std::string("warning: ") + reason.what());
+    }
+}
+
+// What differs, where it is known what is there.
+way way_to(const document &wanted, const baseline &before) {
+    return before.is_remembered ? shortest_way(before.tables, wanted)
+                                : whole_way(before.tables, wanted);
+}
+
+// Where no daemon can be asked what it has, all is sent.
+void print_commands(const document &wanted, const client &daemon) {
+    baseline before;
+    try {
+        before = learn_baseline(&daemon, SAVED_FILES_FOLDER);
+    } catch (const no_daemon &) {
+    }
+    for (const command_group &group : way_to(wanted, before).groups) {
+        for (const command &each : group)
+            std::cout << printable(describe(each), "\n");
     }
 }
 
@@ -250,17 +283,32 @@ int apply_document(const apply_settings &wanted, const client &daemon) {
         return STATUS_REFUSED;
     if (wanted.check_only)
         return STATUS_DONE;
-    const std::vector<command> commands = commands_of(*read);
     if (wanted.dry_run) {
-        for (const command &each : commands)
-            std::cout << printable(describe(each), "\n");
+        print_commands(*read, daemon);
         return STATUS_DONE;
     }
-    send_all(commands, daemon);
+    const baseline before = learn_baseline(&daemon, SAVED_FILES_FOLDER);
+    const way taken = way_to(*read, before);
+    const size_t count = count_of(taken.groups);
+    if (count > 0) {
+        forget_before_sending();
+        send_all(taken.groups, daemon);
+        baseline after = after_all(before, *read);
+        after.tables = taken.end;
+        remember(after, daemon, SAVED_FILES_FOLDER);
+    }
     read->found.forget_warnings();
     daemon_checks(*read, daemon).warn_afterwards();
     print_warnings(*read, wanted.file);
-    std::cout << "sent " << counts_of(*read) << '\n';
+    if (!before.is_remembered)
+        std::cout << "sent " << counts_of(*read) << '\n';
+    else if (count > 0)
+        std::cout << "sent what differs, "
+                  << counted(count, "command of ", "commands of ") +
+                         std::to_string(commands_of(*read).size())
+                  << '\n';
+    else
+        std::cout << "nothing differs, nothing is sent\n";
     if (wanted.strict && read->found.has_warnings())
         throw refused(wanted.file + ": --strict takes no warnings, but this one shows only when "
                                     "all is sent");

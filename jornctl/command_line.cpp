@@ -11,6 +11,7 @@
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
 #include "jornctl/client/roam.h"
+#include "jornctl/document_tasks.h"
 #include "jornctl/documents/documents.h"
 #include "jornctl/documents/port_services.h"
 #include "jornctl/fields/web_fields.h"
@@ -55,6 +56,7 @@ struct request {
     uint32_t number = 0;
     apply_settings applied;
     bool as_json = false;
+    bool check_only = false;
     std::function<int()> action;
 
     client daemon() const { return {socket, std::chrono::seconds(patience_seconds)}; }
@@ -148,14 +150,13 @@ void add_apply(CLI::App &app, request &asked) {
     CLI::App *apply_app =
         app.add_subcommand("apply", "Make the daemon's tables what a document says");
     apply_app->footer(
-        "Everything is checked before anything is sent. Each table that the document\n"
-        "mentions is emptied first, then filled: \"policies\", \"web_policies\" and\n"
-        "\"carriers\" delete the daemon's, \"utps\" or \"web_utps\" empties both UTP\n"
-        "tables, ARC and web, \"applications\" replaces the user-defined applications.\n"
-        "The other tables stay, and so do the bindings that \"web_interfaces\" and\n"
-        "\"wificalling_interfaces\" don't name. The daemon's files hold in the end what\n"
-        "the tables hold; but that the carriers are gone is only written with the next\n"
-        "carrier or binding.");
+        "Everything is checked before anything is sent, and only what differs is sent\n"
+        "where it is known what the daemon has. Each table that the document mentions\n"
+        "holds in the end what it says; \"utps\" or \"web_utps\" alone empties the other\n"
+        "one, too. The other tables stay, and so do the bindings that \"web_interfaces\"\n"
+        "and \"wificalling_interfaces\" don't name. The daemon's files hold in the end\n"
+        "what the tables hold; but that the carriers are gone is only written with the\n"
+        "next carrier or binding.");
     apply_app->add_option("FILE", asked.applied.file, "The JSON document; - is standard input")
         ->required();
     CLI::Option *check = apply_app->add_flag("--check", asked.applied.check_only,
@@ -166,6 +167,29 @@ void add_apply(CLI::App &app, request &asked) {
     apply_app->add_flag("--strict", asked.applied.strict, "Refuse a document that is warned of");
     apply_app->callback(
         [&] { asked.action = [&] { return apply_document(asked.applied, asked.daemon()); }; });
+}
+
+void add_comparisons(CLI::App &app, request &asked) {
+    CLI::App *diff = app.add_subcommand("diff", "Print what applying a document would change");
+    diff->footer("Exit status: 0 nothing, 1 something, 2 the document is wrong or there is no\n"
+                 "daemon. What can't be known of the daemon's tables is said, and doesn't count.");
+    diff->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
+    diff->add_flag("--json", asked.as_json, "As JSON");
+    diff->callback([&] {
+        asked.action = [&] { return show_differences(asked.file, asked.as_json, asked.daemon()); };
+    });
+
+    CLI::App *exported = app.add_subcommand("export", "Print the document that is in force");
+    exported->footer("It has all tables. After a restart of the daemon, or where somebody else\n"
+                     "configures it, it is made of the saved files and the listings, which don't\n"
+                     "tell all: what is unknown is said.");
+    exported->add_flag("--check", asked.check_only, "Ask nothing of the daemon");
+    exported->callback([&] {
+        asked.action = [&] {
+            const client daemon = asked.daemon();
+            return export_document(asked.check_only ? nullptr : &daemon);
+        };
+    });
 }
 
 void add_shows(CLI::App &app, request &asked) {
@@ -291,6 +315,7 @@ void describe(CLI::App &app, request &asked) {
         ->check(CLI::Range(1U, PATIENCE_SECONDS_MAX))
         ->capture_default_str();
     add_apply(app, asked);
+    add_comparisons(app, asked);
     add_shows(app, asked);
     add_flushes(app, asked);
     add_port_services(app, asked);

@@ -11,6 +11,9 @@ inline constexpr int STATUS_DONE = 0;
 inline constexpr int STATUS_REFUSED = 1;
 inline constexpr int STATUS_USAGE = 2; // not understood, nothing tried
 inline constexpr int STATUS_NO_DAEMON = 2;
+// Of a comparison, as other programs that compare have them.
+inline constexpr int STATUS_DIFFERS = 1;
+inline constexpr int STATUS_NOT_COMPARED = 2;
 
 // Refused by jornctl itself or by the daemon's answer, or something on this machine failed.
 struct refused : std::runtime_error {

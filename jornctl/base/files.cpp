@@ -12,7 +12,6 @@
 namespace jornctl {
 namespace {
 
-constexpr mode_t FILE_MODE = 0644;
 constexpr size_t READ_MAX = 16'777'216;
 
 [[noreturn]] void fail(const std::string &path, const char *what, int error) {
@@ -45,9 +44,9 @@ public:
             unlink(path_.c_str());
     }
 
-    void fill(std::string_view bytes) {
+    void fill(std::string_view bytes, mode_t mode) {
         write_all(fd_.get(), bytes, path_);
-        if (fchmod(fd_.get(), FILE_MODE) != 0 || fsync(fd_.get()) != 0)
+        if (fchmod(fd_.get(), mode) != 0 || fsync(fd_.get()) != 0)
             fail(path_, "can't be written", errno);
     }
 
@@ -63,16 +62,7 @@ private:
     bool renamed_ = false;
 };
 
-} // namespace
-
-std::string read_file(const std::string &path) {
-    unique_fd opened;
-    if (path != "-") {
-        opened = unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!opened.valid())
-            fail(path, "can't be opened", errno);
-    }
-    const int fd = opened.valid() ? opened.get() : STDIN_FILENO;
+std::string read_all(int fd, const std::string &path) {
     std::string bytes;
     std::array<char, 65'536> piece;
     for (ssize_t got; (got = read(fd, piece.data(), piece.size())) != 0;) {
@@ -86,7 +76,49 @@ std::string read_file(const std::string &path) {
     return bytes;
 }
 
-void replace_file(const std::filesystem::path &target, std::string_view bytes) {
+// Invalid where there is no such file. Whatever stands there, the opening doesn't wait for it.
+unique_fd open_regular(const std::string &path, int flags, struct stat &status) {
+    unique_fd opened(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags));
+    if (!opened.valid() && errno == ENOENT)
+        return opened;
+    if (!opened.valid() || fstat(opened.get(), &status) != 0)
+        fail(path, "can't be opened", errno);
+    if (!S_ISREG(status.st_mode))
+        throw refused(path + ": isn't a regular file");
+    return opened;
+}
+
+} // namespace
+
+std::string read_file(const std::string &path) {
+    unique_fd opened;
+    if (path != "-") {
+        opened = unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!opened.valid())
+            fail(path, "can't be opened", errno);
+    }
+    return read_all(opened.valid() ? opened.get() : STDIN_FILENO, path);
+}
+
+std::optional<std::string> read_regular_file(const std::string &path) {
+    struct stat status = {};
+    const unique_fd opened = open_regular(path, 0, status);
+    return opened.valid() ? std::optional(read_all(opened.get(), path)) : std::nullopt;
+}
+
+std::optional<std::string> read_guarded_file(const std::string &path) {
+    struct stat status = {};
+    const unique_fd opened = open_regular(path, O_NOFOLLOW, status);
+    if (!opened.valid())
+        return std::nullopt;
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+        throw refused(path + ": is another user's");
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        throw refused(path + ": others may write it");
+    return read_all(opened.get(), path);
+}
+
+void replace_file(const std::filesystem::path &target, std::string_view bytes, mode_t mode) {
     const std::filesystem::path directory = target.has_parent_path() ? target.parent_path() : ".";
     std::error_code error;
     std::filesystem::create_directories(directory, error);
@@ -94,7 +126,7 @@ void replace_file(const std::filesystem::path &target, std::string_view bytes) {
         fail(directory, "can't be made", error.value());
 
     temporary_file fresh(target);
-    fresh.fill(bytes);
+    fresh.fill(bytes, mode);
     fresh.rename_to(target);
     // The name has to survive a power cut as well as the bytes.
     const unique_fd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -110,6 +110,10 @@ std::string to_text(const ordered_json &value) {
     return value.dump(INDENT, ' ', false, ordered_json::error_handler_t::replace) + '\n';
 }
 
+std::string to_line(const ordered_json &value) {
+    return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
 void node::refuse(const std::string &reason) const {
     throw unreadable(path.to_string(), reason);
 }

@@ -20,6 +20,8 @@ nlohmann::json parse_json(std::string_view text, findings &found);
 
 // As it is printed, with a line feed at its end.
 std::string to_text(const ordered_json &value);
+// The same on one line, without the line feed.
+std::string to_line(const ordered_json &value);
 
 // Ends the reading of one value; attempt makes a mistake of the document out of it.
 struct unreadable : refused {

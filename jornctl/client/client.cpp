@@ -55,6 +55,12 @@ public:
         fail("answers more than a daemon can");
     }
 
+    pid_t listener() const {
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        return getsockopt(socket_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+    }
+
 private:
     void connect_to(const std::string &path, milliseconds patience) {
         sockaddr_un address = {};
@@ -110,6 +116,10 @@ std::string client::send(const command &sent) const {
     exchange talk(socket_path_, patience_);
     talk.send(message);
     return talk.receive();
+}
+
+pid_t client::listener() const {
+    return exchange(socket_path_, patience_).listener();
 }
 
 } // namespace jornctl

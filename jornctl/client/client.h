@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace jornctl {
 
@@ -33,6 +34,9 @@ public:
     // Sends a command and returns the whole answer; configuration commands have an empty one.
     // Throws no_daemon, at the latest when the patience for the whole exchange is used up.
     std::string send(const command &sent) const;
+
+    // The process that listens there, or 0 where it can't be seen. Throws no_daemon.
+    pid_t listener() const;
 
 private:
     std::string socket_path_;

@@ -423,4 +423,17 @@ std::string ask(const client &daemon, const listing &wanted, const std::string &
     return reply;
 }
 
+ordered_json listed(const client &daemon, command_number command) {
+    const listing &wanted = listing_of(command);
+    return wanted.parse(ask(daemon, wanted, {}));
+}
+
+std::optional<ordered_json> listed(const client &daemon, command_number command,
+                                   const std::string &payload) {
+    const std::string reply = daemon.send({command, payload});
+    if (!refusal_in(command, reply).empty())
+        return std::nullopt;
+    return listing_of(command).parse(reply);
+}
+
 } // namespace jornctl

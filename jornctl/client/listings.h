@@ -6,6 +6,7 @@
 #include "jornctl/client/client.h"
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,5 +39,11 @@ void check_answer(const std::string &reply, uint32_t command);
 // The daemon's text, with a warning on standard error where it was cut. Throws refused and
 // no_daemon.
 std::string ask(const client &daemon, const listing &wanted, const std::string &payload);
+
+// The same as JSON: of a listing without an argument, and of one that may be refused, which is
+// nothing.
+ordered_json listed(const client &daemon, command_number command);
+std::optional<ordered_json> listed(const client &daemon, command_number command,
+                                   const std::string &payload);
 
 } // namespace jornctl

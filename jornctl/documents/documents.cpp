@@ -79,6 +79,15 @@ document read_document(std::string_view text, const platform_facts &around) {
     return read;
 }
 
+ordered_json document_words(const document &said) {
+    ordered_json words = ordered_json::object();
+    for (const field<document> &row : DOCUMENT_FIELDS) {
+        if (ordered_json table = row.value.words(said); !table.is_null())
+            words[row.key] = std::move(table);
+    }
+    return words;
+}
+
 ordered_json document_schema() {
     ordered_json schema = {{SCHEMA_KEY, "http://json-schema.org/draft-07/schema#"},
                            {"title", "A document of jornctl apply"}};

@@ -38,6 +38,9 @@ struct document {
 // that the document is for.
 document read_document(std::string_view text, const platform_facts &around = {});
 
+// The document in words, as read_document takes it; all tables that it has, empty ones too.
+ordered_json document_words(const document &said);
+
 // What read_document takes, as JSON Schema, as far as that can say it.
 ordered_json document_schema();
 

@@ -1,0 +1,82 @@
+#include "jornctl/document_tasks.h"
+
+#include "jornctl/base/complain.h"
+#include "jornctl/base/failure.h"
+#include "jornctl/base/files.h"
+#include "jornctl/base/printable.h"
+#include "jornctl/memory/baseline.h"
+#include "jornctl/memory/saved_files.h"
+#include "jornctl/tables/differences.h"
+#include "jornctl/tables/document_of.h"
+
+#include <iostream>
+
+namespace jornctl {
+namespace {
+
+void say_doubts(const baseline &seen) {
+    for (const std::string &each : seen.doubts())
+        complain("unknown: " + each);
+}
+
+// What is to be, but for the records: a mapping of safe search, a file that is behind.
+bool differs_unseen(const baseline &seen, const daemon_tables &goal) {
+    return seen.is_whole() && !same(seen.tables, goal);
+}
+
+int print_differences(const baseline &seen, const daemon_tables &goal, bool as_json) {
+    const std::vector<difference> found = differences(seen.tables, goal);
+    const bool is_unseen = found.empty() && differs_unseen(seen, goal);
+    if (as_json) {
+        const ordered_json said = {
+            {"changes", json_of(found)}, {"beside", is_unseen}, {"unknown", seen.doubts()}};
+        std::cout << printable(to_text(said), "\n");
+    } else {
+        for (const difference &each : found) {
+            for (const std::string &line : lines_of(each))
+                std::cout << printable(line) << '\n';
+        }
+        if (is_unseen)
+            std::cout << "~ beside the records: a saved file, or safe search\n";
+        say_doubts(seen);
+    }
+    return found.empty() && !is_unseen ? STATUS_DONE : STATUS_DIFFERS;
+}
+
+} // namespace
+
+int show_differences(const std::string &file, bool as_json, const client &daemon) {
+    try {
+        const document wanted = read_document(read_file(file));
+        for (const std::string &mistake : wanted.found.mistakes())
+            complain(std::string(file).append(": ").append(mistake));
+        if (wanted.found.has_mistakes())
+            return STATUS_NOT_COMPARED;
+        baseline seen = learn_baseline(&daemon, SAVED_FILES_FOLDER);
+        if (!seen.is_whole())
+            assume_unknown(seen, after_all(seen, wanted).tables);
+        return print_differences(seen, after_all(seen, wanted).tables, as_json);
+    } catch (const refused &reason) {
+        complain(std::string(file).append(": ").append(reason.what()));
+        return STATUS_NOT_COMPARED;
+    }
+}
+
+int export_document(const client *daemon) {
+    const baseline seen = learn_baseline(daemon, SAVED_FILES_FOLDER);
+    const std::string text = to_text(document_words(document_of(seen.tables)));
+    std::cout << printable(text, "\n");
+    const document again = read_document(text);
+    for (const std::string &mistake : again.found.mistakes())
+        complain("warning: no document says it: " + mistake);
+    if (!again.found.has_mistakes()) {
+        for (const difference &each : differences(tables_of(again), seen.tables)) {
+            for (const std::string &line : lines_of(each))
+                complain("warning: no document says it: " + line);
+        }
+    }
+    say_doubts(seen);
+    return STATUS_DONE;
+}
+
+} // namespace jornctl

@@ -1,0 +1,182 @@
+#include "jornctl/memory/baseline.h"
+
+#include "control/records/commands.h"
+#include "core/text/text.h"
+#include "jornctl/base/complain.h"
+#include "jornctl/base/failure.h"
+#include "jornctl/client/apply.h"
+#include "jornctl/memory/applied.h"
+#include "jornctl/memory/listed_tables.h"
+#include "jornctl/tables/differing_commands.h"
+#include "jornctl/tables/document_of.h"
+
+#include <algorithm>
+
+namespace jornctl {
+namespace {
+
+constexpr char NOT_USED[] = "; what the last apply left isn't used";
+
+bool has_utps(const utp_table &table) {
+    return std::ranges::any_of(table, [](const linked_utp &each) { return each.entry.id != 0; });
+}
+
+// Why the memory is no longer true, or nothing.
+std::string outdated(const applied &memory, const daemon_tables &tables, const client *daemon,
+                     const std::string &folder) {
+    const pid_t pid = daemon != nullptr ? daemon->listener() : memory.daemon.pid;
+    if (start_of(pid) != memory.daemon)
+        return "the daemon was started since";
+    const file_hashes hashes = hash_saved_files(folder);
+    for (const auto &[name, hash] : hashes) {
+        const auto known = memory.files.find(name);
+        if (known == memory.files.end() || known->second != hash)
+            return name + " was written since by somebody else";
+    }
+    const std::string other = daemon != nullptr ? contradiction(tables, *daemon) : std::string();
+    return other.empty() ? other : other + " were changed since by somebody else";
+}
+
+// Carriers that a flush took are in the file until a command writes it.
+bool is_wificalling_file_behind(const daemon_tables &tables, const std::string &folder) {
+    return !std::ranges::equal(tables_in_files(folder).carriers, tables.carriers,
+                               same_bytes<wificalling_policy_wire>);
+}
+
+std::optional<baseline> remembered(const client *daemon, const std::string &folder) {
+    try {
+        const std::optional<applied> memory = read_applied(folder);
+        if (!memory)
+            return std::nullopt;
+        daemon_tables tables = tables_of(memory->made);
+        const std::string reason = outdated(*memory, tables, daemon, folder);
+        if (reason.empty()) {
+            tables.wificalling_file_behind = is_wificalling_file_behind(tables, folder);
+            return baseline{std::move(tables), KNOWS_ALL, true};
+        }
+        complain(reason + NOT_USED);
+    } catch (const refused &reason) {
+        complain(reason.what() + std::string(NOT_USED));
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::vector<std::string> baseline::doubts() const {
+    std::vector<std::string> doubts;
+    if ((known & KNOWS_OTHERS) == 0)
+        doubts.emplace_back("the saved files and the listings don't hold the same");
+    if ((known & KNOWS_POLICIES) == 0)
+        doubts.emplace_back("the uuids of the ARC policies are unknown");
+    if ((known & KNOWS_UTPS) == 0)
+        doubts.emplace_back("by which uuid UTPs have their policies is unknown");
+    if ((known & KNOWS_WEB_POLICIES) == 0)
+        doubts.emplace_back("which UTP a web policy is for is unknown where no web UTP shows it");
+    if ((known & KNOWS_WEB_UTPS) == 0)
+        doubts.emplace_back("whether web UTPs have other uuids is unknown");
+    if ((known & KNOWS_CARRIERS) == 0)
+        doubts.emplace_back("carriers are those of the file, of which some may be gone");
+    return doubts;
+}
+
+baseline learn_baseline(const client *daemon, const std::string &folder) {
+    if (std::optional<baseline> kept = remembered(daemon, folder))
+        return *kept;
+    baseline seen;
+    try {
+        seen.tables = tables_in_files(folder);
+    } catch (const refused &reason) {
+        complain(reason.what());
+        return seen;
+    }
+    daemon_tables &tables = seen.tables;
+    const listings_fit fit =
+        daemon != nullptr ? complete_from_listings(tables, *daemon) : listings_fit();
+    const auto knows = [&](table_bit table, bool is_known) {
+        if (is_known)
+            seen.known |= table;
+    };
+    knows(KNOWS_OTHERS, fit.bindings);
+    knows(KNOWS_POLICIES, fit.arc && tables.policies.empty());
+    knows(KNOWS_UTPS, fit.arc && !has_utps(tables.utps));
+    knows(KNOWS_WEB_POLICIES, fit.web_utps && tables.web_policies.empty());
+    knows(KNOWS_WEB_UTPS, fit.web_utps && !has_utps(tables.web_utps));
+    knows(KNOWS_CARRIERS, fit.bindings && tables.carriers.empty());
+    return seen;
+}
+
+baseline after_all(const baseline &before, const document &wanted) {
+    baseline after = {before.tables, before.known};
+    const std::vector<command> all = commands_of(wanted);
+    after.tables.take(all);
+    if (wanted.policies)
+        after.known |= KNOWS_POLICIES;
+    if (wanted.web_policies)
+        after.known |= KNOWS_WEB_POLICIES;
+    if (wanted.carriers)
+        after.known |= KNOWS_CARRIERS;
+    const bool are_utps_new = std::ranges::any_of(
+        all, [](const command &each) { return each.number == CMD_UTP_FLUSH_REQ; });
+    const auto knows_utps = [&](uint8_t policies, uint8_t utps) {
+        if ((after.known & policies) == 0)
+            after.known &= static_cast<uint8_t>(~utps);
+        else if (are_utps_new)
+            after.known |= utps;
+    };
+    knows_utps(KNOWS_POLICIES, KNOWS_UTPS);
+    knows_utps(KNOWS_WEB_POLICIES, KNOWS_WEB_UTPS);
+    return after;
+}
+
+void remember(const baseline &left, const client &daemon, const std::string &folder) {
+    if (!left.is_whole())
+        return;
+    const std::string other = contradiction(left.tables, daemon);
+    if (!other.empty()) {
+        complain("warning: " + other +
+                 " aren't what was sent: somebody else sends, too, or the daemon refused it, which "
+                 "its log says");
+        return;
+    }
+    const document said = document_of(left.tables);
+    const document again = read_document(to_text(document_words(said)));
+    if (again.found.has_mistakes() || !says_all(again, left.tables))
+        return;
+    const std::optional<process_start> start = start_of(daemon.listener());
+    if (!start)
+        return;
+    try {
+        write_applied(folder, {*start, hash_saved_files(folder), again});
+    } catch (const refused &reason) {
+        complain(std::string("warning: what was applied isn't remembered: ") + reason.what());
+    }
+}
+
+void assume_unknown(baseline &seen, const daemon_tables &goal) {
+    if ((seen.known & KNOWS_POLICIES) == 0) {
+        for (arc_policy_wire &each : seen.tables.policies) {
+            const auto same =
+                std::ranges::find(goal.policies, each.utp_id, &arc_policy_wire::utp_id);
+            if (same != goal.policies.end())
+                copy_text(each.uuid, field_text(same->uuid));
+        }
+    }
+    if ((seen.known & KNOWS_WEB_POLICIES) == 0) {
+        for (web_policy_wire &each : seen.tables.web_policies) {
+            const auto same = std::ranges::find_if(goal.web_policies, [&](const auto &other) {
+                return equals_ignoring_case(each.uuid, other.uuid);
+            });
+            if (same != goal.web_policies.end())
+                each.utp_id = same->utp_id;
+        }
+    }
+    for (linked_wificalling_interface &each : seen.tables.wificalling_interfaces) {
+        const auto *const same = find_wificalling_interface(goal, each.binding.ifname);
+        if (same != nullptr && !seen.is_whole())
+            memcpy(each.binding.profile_alt, same->binding.profile_alt,
+                   sizeof each.binding.profile_alt);
+    }
+}
+
+} // namespace jornctl

@@ -1,0 +1,178 @@
+"""What a document changes in the daemon, what is in force as a document, and that only what differs
+is sent, whatever came in between."""
+import random
+
+from records import *
+from test_listings import EXAMPLE, SENT, shown
+
+FOLDER = "/writable/jorn"
+FILES = ("jorn_config.txt", "web_filter_config.txt", "wificalling_config.txt")
+APPLIED = f"{FOLDER}/applied.json"
+NOTHING = (0, "nothing differs, nothing is sent\n", "")
+UNUSED = "; what the last apply left isn't used\n"
+
+
+def example():
+    return json.loads(read_file(EXAMPLE).partition("\n")[2])  # behind the comment
+
+
+def files():
+    """What is in them, and by which write."""
+    return {name: (read_file(f"{FOLDER}/{name}"), os.stat(f"{FOLDER}/{name}").st_ino) for name in FILES}
+
+
+def texts():
+    return {name: text for name, (text, _) in files().items()}
+
+
+class Documents(JudgingTest):
+    def apply(self, document, *options):
+        return jornctl("apply", *options, "-", document=document)
+
+    def diff(self, document, *options):
+        return jornctl("diff", *options, "-", document=document)
+
+    def restart_empty(self):
+        self.assertEqual(self.jorn.stop(), 0)
+        shutil.rmtree(FOLDER)
+        write_file(PORT_SERVICE_FILE, "")
+        self.start()
+
+    def test_what_differs_and_what_is_in_force(self):
+        document = example()
+        self.assertEqual(self.diff(document)[0], 1)
+        self.assertEqual(self.apply(document), (0, SENT, ""))
+        self.assertEqual(os.stat(APPLIED).st_mode & 0o7777, 0o640)
+        before = files(), shown()
+        self.assertEqual(self.apply(document), NOTHING)
+        self.assertEqual(self.diff(document), (0, "", ""))
+        status, exported, complaints = jornctl("export")
+        self.assertEqual((status, complaints, jornctl("export", "--check")), (0, "", (0, exported, "")))
+        self.assertEqual(self.apply(json.loads(exported)), NOTHING)
+        self.assertEqual((files(), shown()), before)
+
+        document["policies"][0]["rules"][0]["deny"] = not document["policies"][0]["rules"][0].get("deny")
+        document["utps"].append({"id": 33, "name": "more"})
+        document["carriers"][0]["priority"] = 2
+        policy, rule = document["policies"][0]["name"], document["policies"][0]["rules"][0]
+        status, said, complaints = self.diff(document)
+        self.assertEqual((status, complaints), (1, ""))
+        self.assertIn(f'~ policy "{policy}": rules "{rule["app_name"]}" deny: ', said)
+        self.assertIn('+ UTP "more (UTP 33)"\n', said)
+        self.assertIn(f'~ carrier "{document["carriers"][0]["pname"]}": priority: ', said)
+        self.assertEqual(said.count("\n"), 3, said)
+        changes = json.loads(self.diff(document, "--json")[1])["changes"]
+        self.assertEqual([(c["change"], c["table"]) for c in changes],
+                         [("~", "policies"), ("+", "utps"), ("~", "carriers")])
+        self.assertIn("sent what differs, ", self.apply(document)[1])
+        self.assertEqual(self.apply(document), NOTHING)
+        self.assertEqual(files()[FILES[1]], before[0][FILES[1]])  # nobody wrote it
+
+        listed, written, exported = shown(), texts(), json.loads(jornctl("export")[1])
+        self.restart_empty()
+        self.assertEqual(self.apply(exported)[::2], (0, ""))
+        self.assertEqual((shown(), texts()), (listed, written))
+        # Files bring back what they hold, and the whole document the rest.
+        self.start()
+        status, said, complaints = self.diff(document)
+        self.assertEqual((status, complaints.count("the daemon was started since" + UNUSED)), (1, 1))
+        self.assertIn('+ web UTP "', said)
+        self.assertIn("unknown: ", complaints)
+        self.assertEqual(self.apply(document)[0], 0)
+        self.assertEqual((shown(), texts(), self.apply(document)), (listed, written, NOTHING))
+
+    def test_what_is_wrong(self):
+        self.assertEqual(self.diff({"policies": [{}]})[0], 2)
+        self.assertEqual(jornctl("diff", "/nowhere")[0], 2)
+        self.jorn.stop()
+        for arguments in (("diff", EXAMPLE), ("export",)):
+            self.assertEqual(jornctl(*arguments)[0], 2)
+        self.assertEqual(jornctl("export", "--check")[0], 0)
+
+    def test_somebody_else_in_between(self):
+        document = example()
+        self.apply(document)
+        left = texts(), shown()
+        other = policy(5, rule("other"), name="other", uuid="o")
+        for number, payload in ((POLICY_FLUSH, b""), (CLEAN, b""), (UTP_FLUSH, b""), (WEB_FLUSH, b""),
+                                (38, b""), (POLICY, other), (WEB_INTF, web_binding("wlan9"))):
+            with self.subTest(number):
+                command(number, payload)
+                status, _, complaints = self.apply(document)
+                self.assertEqual((status, complaints.count("since by somebody else" + UNUSED)), (0, 1),
+                                 complaints)
+                if number == WEB_INTF:  # it stays, for the document doesn't name it
+                    self.assertIn("wlan9", texts()[FILES[1]])
+                else:
+                    self.assertEqual((texts(), shown()), left)
+
+    def test_hostile_memory(self):
+        document = example()
+        self.apply(document)
+        memory, left = read_file(APPLIED), (texts(), shown())
+
+        def put(text, mode=0o640, owner=0):
+            write_file(APPLIED, text)
+            os.chmod(APPLIED, mode)
+            os.chown(APPLIED, owner, 0)
+
+        def link():
+            write_file("/tmp/applied", memory)
+            os.symlink("/tmp/applied", APPLIED)
+
+        def huge():
+            put(memory)
+            os.truncate(APPLIED, 100_000_000)
+        for name, make in (
+                ("torn", lambda: put(memory[:len(memory) // 2])), ("empty", lambda: put("")),
+                ("of another version", lambda: put(memory.replace('"version": 1', '"version": 2'))),
+                ("a link", link), ("another owner's", lambda: put(memory, owner=1)),
+                ("100 MB", huge), ("for all to write", lambda: put(memory, mode=0o666)),
+                ("a FIFO", lambda: os.mkfifo(APPLIED)), ("a folder", lambda: os.mkdir(APPLIED)),
+                ("no document", lambda: put(memory.replace('"document"', '"documents"'))),
+                ("no hashes", lambda: put(memory.replace('"files": {', '"files": {}, "was": {'))),
+                ("a document with mistakes", lambda: put(memory.replace('"policies"', '"polices"')))):
+            with self.subTest(name):
+                if os.path.exists(APPLIED):
+                    os.unlink(APPLIED)
+                make()
+                for run in (lambda: self.diff(document), lambda: self.apply(document)):
+                    status, said, complaints = run()
+                    self.assertEqual(complaints.count(UNUSED), 1, complaints)
+                    self.assertLess(complaints.index(UNUSED), 300)
+                self.assertEqual((status, said, texts(), shown()), (0, SENT, *left))
+                if name == "a folder":
+                    os.rmdir(APPLIED)
+                self.assertEqual(self.apply(document), (0, SENT, "") if name == "a folder" else NOTHING)
+
+    def test_killed_at_any_moment(self):
+        first, second = example(), example()
+        second["policies"][0]["rules"].append({"app_name": "last.example", "deny": True})
+        second["web_policies"][0]["blacklist"] = ["other.example"]
+        second["carriers"].append({"pname": "new", "priority": 1})
+        wanted = []
+        for document in (first, second):
+            self.apply(document)
+            wanted.append((texts(), shown()))
+        self.assertNotEqual(*wanted)
+        began = time.monotonic()
+        self.apply(first)
+        takes = time.monotonic() - began
+        broken = 0
+        for i in range(30):
+            document = (second, first)[i % 2]
+            process = subprocess.Popen([jorn_path("jornctl"), "apply", "-"], stdin=subprocess.PIPE,
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            process.stdin.write(json.dumps(document).encode())
+            process.stdin.close()
+            time.sleep(takes * random.random())
+            process.kill()
+            broken += process.wait() != 0
+            self.assertEqual(self.apply(document)[0], 0)
+            self.assertEqual((texts(), shown()), wanted[(i + 1) % 2])
+            self.assertEqual(self.apply(document), NOTHING)
+        self.assertGreater(broken, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
