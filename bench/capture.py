@@ -29,7 +29,6 @@ KINDS = {"by hand": "", "veth": 'kind = "veth"'} | {
     f"tap-{speed}": f'kind = "tap"\nspeed = {speed}' for speed in (10, 1000, 2000, 10000)}
 ONE, PIPE = "/tmp/one.pcap", "/tmp/pipe"
 RUNS_OF_ONE = 3
-SHUT = "shut.example"
 HEAD = struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1)
 NAMING = ethernet(0x0800, ipv4(17, udp(53, 1, dns_answer("a.example", "b.example", SERVER)),
                                src="192.0.2.53", dst=CLIENT), src=SERVER_MAC, dst=CLIENT_MAC)
@@ -52,11 +51,11 @@ class Capture(inline.Measurement):
         """Each kind has its own."""
 
     def measure(self):
-        self.bridged, self.lines = False, Record("lines of avcore")
         self._lay_out(0)
         os.mkfifo(PIPE)
         write_file(ONE, HEAD + records(NAMING))
-        self.serve_tcp()
+        self.serve_speed(PLAIN)
+        self.serve_pages(http=None)
         rounds = []
         for number in range(arguments.rounds):
             first = number % len(arguments.kinds)
@@ -65,21 +64,10 @@ class Capture(inline.Measurement):
             print(f"round {number + 1} of {arguments.rounds} is done", file=sys.stderr)
         self.tell(rounds)
 
-    def serve_tcp(self):
-        speed = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(PLAIN)],
-                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(speed.wait)
-        self.addCleanup(speed.terminate)
-        for _, address in ALLOWED_SITE, DENIED_SITE:
-            listener = self.bind("server", socket.SOCK_STREAM, address, 80)
-            self.addCleanup(listener.close)
-            listener.listen()
-            threading.Thread(target=serve, args=(listener, None), daemon=True).start()
-
     def measure_kind(self, kind):
         """The figures of a round. By hand the pair is there before avcore, and stays."""
-        write_file(CONFIG, "[client]\nutp_id = 1\n[uplink]\nutp_id = 2\n[enforce]\nreset = true\n"
-                           "copies = 10000\n" + (f"[capture]\n{KINDS[kind]}\n" if KINDS[kind] else ""))
+        self.capture = f"[capture]\n{KINDS[kind]}\n"
+        self.configure("reset = true\ncopies = 10000")
         if kind == "by hand":
             super().make_links()
         self.way = ("-o", FEED) if kind == "by hand" else ("--capture", CAPTURE)
@@ -90,20 +78,6 @@ class Capture(inline.Measurement):
             row |= self.verdicts()
         subprocess.run(["ip", "link", "del", CAPTURE], capture_output=True)
         return row
-
-    @contextlib.contextmanager
-    def judging(self, *options):
-        """avcore and the daemon run."""
-        avcore = subprocess.Popen([jorn_path("avcore"), *self.way, "-c", CONFIG, *options],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        wait_for_listener(AV_SOCKET)
-        daemon = self.start_daemon()
-        try:
-            yield avcore
-        finally:
-            avcore.terminate()
-            avcore.wait(DEADLINE)
-            daemon.stop()
 
     def disturbance(self):
         def look():
@@ -138,29 +112,15 @@ class Capture(inline.Measurement):
         return {"-r": arguments.frames / times[0], "restart": statistics.median(times[1:]) * 1000}
 
     def verdicts(self):
-        with self.judging("--inline", "wlan0"):
-            self.assertEqual(jornctl("apply", "-", document=policies(
-                {DENIED: {"deny": True}, SHUT: {"deny": True}}, ()))[::2], (0, ""))
-            for site in ALLOWED_SITE, DENIED_SITE:
-                self.tell_name(4, *site)
-            self.until(lambda: self.page(DENIED_SITE) < 0)
-            whole = [self.page(ALLOWED_SITE) and self.page(DENIED_SITE) > 0
-                     for _ in range(arguments.pages)]
-            passed = self.times_that_flows_pass() if arguments.flows else []
-        run_quietly(jorn_path("avcore"), "teardown")
-        return {"pages": sum(whole), "verdict": passed}
-
-    def page(self, site):
-        return inline.Pages.page(self, "http", site)
-
-    def times_that_flows_pass(self):
-        with self.bind("server", socket.SOCK_DGRAM, SERVERS[4], DENIED) as server:
-            server.setblocking(False)
-            os.sched_setscheduler(0, os.SCHED_RR | os.SCHED_RESET_ON_FORK, os.sched_param(10))
-            passed = [self.passing_milliseconds(server, FIRST_SOURCE + number)
-                      for number in range(arguments.flows + 1)]
-            os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
-        return passed[1:]  # everything starts with the first one
+        row = {}
+        with self.judging():
+            self.apply({DENIED: {"deny": True}, SHUT: {"deny": True}})
+            if arguments.pages:
+                self.tell_names()
+                row["pages"] = sum(ms > 0 for ms in self.pages("http")[1])
+            if arguments.flows:
+                row["verdict"] = self.times_that_flows_pass()
+        return row
 
     def tell(self, rounds):
         columns = {"TCP": ".3f", "wake-ups": ".0f", "verdict": ".2f", "99 %": ".2f", "pages": ".0f",
@@ -170,7 +130,7 @@ class Capture(inline.Measurement):
             rows = [each[kind] for each in rounds]
             figures = {key: [row[key] for row in rows] for key in rows[0]}
             if passed := sorted(sum(figures.pop("verdict", []), [])):
-                figures |= {"verdict": passed, "99 %": [passed[len(passed) * 99 // 100]]}
+                figures |= {"verdict": passed, "99 %": [percentile(passed, 99)]}
             print(f"{kind:10}" + "".join(
                 f"{statistics.median(figures[column]) if figures.get(column) else float('nan'):10{form}}"
                 for column, form in columns.items()), flush=True)
@@ -184,6 +144,7 @@ if __name__ == "__main__":
     parser.add_argument("--pages", type=int, default=40)
     parser.add_argument("--frames", type=int, default=100_000)
     parser.add_argument("kinds", nargs="*", default=list(KINDS), metavar="KIND")
+    parser.set_defaults(bridged=False, attach=None, speed=None)  # of the other benchmark's
     arguments = inline.arguments = parser.parse_args()
     if arguments.pages:
         print(f"pages: of {arguments.pages} each round")

@@ -2,14 +2,18 @@
 and under verdicts, taken in turn, round by round.
 
     scripts/private python3 -B bench/inline.py [--bridged] [--rounds N] [--seconds N] [--flows N]
-                                                   [--pages N] [--attach tcx|clsact]
+                                                   [--pages N] [--attach tcx|clsact] [--speed MBIT]
 
 One client sends to one server as fast as this machine can: TCP, then UDP in packets of 200 bytes;
 then it pings. Ratios are to the same round's figures without the gate; what is printed are medians.
+
 Before that, how long a denied flow's packets pass: for each flow a datagram every 0.2 ms, after the
 first ten at intervals that grow by a tenth. And how many pages of a name that is denied curl gets
 whole, from a server next door and from one 20 ms away; DNS gave the name before, so that the first
 packet is judged by it. What is given as 0 is left out.
+
+With --speed the interface on which the daemon captures claims that many Mbit/s, by which the kernel
+chooses how long it keeps packets from it; else it is one end of a veth pair.
 """
 import argparse
 import os
@@ -37,7 +41,9 @@ TIMES = [0.0002 * number if number <= 10 else 0.002 * 1.1 ** (number - 10) for n
 FIRST_SOURCE = 20000  # the flows' ports: one that comes again has its verdict
 QOS = {"qos": {"mark": {"kind": "both", "type": "Voice"}, "classify": "Voice"}}
 PAGE = b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n" + bytes(1000)
-ALLOWED_SITE, DENIED_SITE = ("www.open.example", SERVERS[4]), ("www.shut.example", NAMED[4])
+PORTS = {"http": 80, "https": 443}
+SHUT = "shut.example"
+ALLOWED_SITE, DENIED_SITE = ("www.open.example", SERVERS[4]), (f"www.{SHUT}", NAMED[4])
 ON_CLIENT, ON_SERVER = inside("client"), inside("server")
 
 
@@ -56,31 +62,103 @@ def round_trip():
     return statistics.median(times)
 
 
+def percentile(ordered, share):
+    return ordered[len(ordered) * share // 100]
+
+
 def packets_at_server():
     done = subprocess.run([*ON_SERVER, "ip", "-s", "-j", "link", "show", "eth0"],
                           capture_output=True, text=True, check=True)
     return json.loads(done.stdout)[0]["stats64"]["rx"]["packets"]
 
 
-class Measurement(InlineTest):
+@contextlib.contextmanager
+def on_time():
+    """However busy the machine is, this program isn't late; what it measures isn't spared."""
+    os.sched_setscheduler(0, os.SCHED_RR | os.SCHED_RESET_ON_FORK, os.sched_param(10))
+    try:
+        yield
+    finally:
+        os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+
+
+class Bench(InlineTest):
+    capture = ""  # the configuration's
+    lines = Record("lines of avcore")
+
+    def setUp(self):
+        self.bridged = arguments.bridged
+        super().setUp()
+
+    def make_links(self):
+        if arguments.speed:
+            self.way = ("--capture", CAPTURE)
+            self.capture = f"[capture]\nspeed = {arguments.speed}\n"
+        else:
+            super().make_links()
+
+    def configure(self, enforce):
+        super().configure(f"{enforce}\n{self.capture}")
+
     def attach(self):
         return ("--attach", arguments.attach) if arguments.attach else ()
 
+    @contextlib.contextmanager
+    def judging(self, *options, before=(), **streams):
+        """avcore, with the gate unless other options are given, and the daemon run."""
+        avcore = self.run_avcore(*(options or ("--inline", "wlan0", *self.attach())), "-c", CONFIG,
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **streams)
+        wait_for_listener(AV_SOCKET)
+        self.jorn = self.daemon(before=before)
+        wait_for_listener(COMMAND_SOCKET)
+        try:
+            yield avcore
+        finally:
+            self.stop_avcore(avcore)
+            self.jorn.stop()
+            if not options:
+                run_quietly(jorn_path("avcore"), "teardown")
+
+    def apply(self, rules):
+        self.assertEqual(jornctl("apply", "-", document=policies(rules, ()))[::2], (0, ""))
+
+    def serve_pages(self, **contexts):
+        """Of both sites, by these schemes."""
+        for _, address in ALLOWED_SITE, DENIED_SITE:
+            for scheme, context in contexts.items():
+                listener = self.bind("server", socket.SOCK_STREAM, address, PORTS[scheme])
+                self.addCleanup(listener.close)
+                listener.listen()
+                threading.Thread(target=serve, args=(listener, context), daemon=True).start()
+
+    def tell_names(self):
+        for site in ALLOWED_SITE, DENIED_SITE:
+            self.tell_name(4, *site)
+
+    def pages(self, scheme):
+        """Of the allowed and of the denied site, in turn, each as page() has it."""
+        self.until(lambda: self.page(scheme, DENIED_SITE) < 0)
+        asked = [(self.page(scheme, ALLOWED_SITE), self.page(scheme, DENIED_SITE))
+                 for _ in range(arguments.pages)]
+        allowed, denied = zip(*asked)
+        self.assertGreater(min(allowed), 0)
+        return allowed, denied
+
+    def page(self, scheme, site):
+        """How many milliseconds it took; didn't it come whole, curl's exit status, negative."""
+        name, address = site
+        done = subprocess.run(
+            [*ON_CLIENT, "curl", "-sk", "--noproxy", "*", "--max-time", "10", "--connect-to",
+             f"::{address}:", "-o", "/dev/null", "-w", "%{time_total}", f"{scheme}://{name}/"],
+            capture_output=True, text=True)
+        return -done.returncode or float(done.stdout) * 1000
+
+
+class Measurement(Bench):
     def measure(self):
-        self.bridged = arguments.bridged
         self._lay_out(0)
-        self.servers = {}
-        for port in PLAIN, MARKED:
-            server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
-                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            self.servers[port] = server
-            self.addCleanup(server.wait)
-            self.addCleanup(server.terminate)
-            wait_until(lambda port=port: f":{port} " in subprocess.run(
-                [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
-        self.options = ()
+        self.servers = {port: self.serve_speed(port) for port in (PLAIN, MARKED)}
         self.rounds = []
-        self.lines = Record("lines of avcore")
         if arguments.flows:
             self.measure_first_verdicts()
         for number in range(arguments.rounds):
@@ -90,27 +168,30 @@ class Measurement(InlineTest):
         if self.rounds:
             self.tell()
 
+    def serve_speed(self, port):
+        server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        wait_until(lambda: f":{port} " in subprocess.run(
+            [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
+        return server
+
     def measure_first_verdicts(self):
         self.configure("copies = 10000")
-        self.start_avcore()
-        daemon = self.start_daemon()
-        self.assertEqual(jornctl("apply", "-", document=policies({DENIED: {"deny": True}},
-                                                                      ()))[::2], (0, ""))
-        server = self.bind("server", socket.SOCK_DGRAM, SERVERS[4], DENIED)
-        self.addCleanup(server.close)
-        server.setblocking(False)
-        # The sender is on time, however busy the machine is; what it measures isn't spared.
-        os.sched_setscheduler(0, os.SCHED_RR | os.SCHED_RESET_ON_FORK, os.sched_param(10))
-        self.passing_milliseconds(server, FIRST_SOURCE)  # with which everything starts
-        passed = sorted(self.passing_milliseconds(server, FIRST_SOURCE + 1 + number)
-                        for number in range(arguments.flows))
-        os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+        with self.judging():
+            self.apply({DENIED: {"deny": True}})
+            passed = sorted(self.times_that_flows_pass())
         print(f"a denied flow's packets pass for {statistics.median(passed):.2f} ms (median), "
-              f"90 %: {passed[len(passed) * 90 // 100]:.2f}, 99 %: "
-              f"{passed[len(passed) * 99 // 100]:.2f}; {len(passed)} flows")
-        daemon.stop()
-        self.stop_avcore(self.avcore)
-        run_quietly(jorn_path("avcore"), "teardown")
+              f"90 %: {percentile(passed, 90):.2f}, 99 %: {percentile(passed, 99):.2f}; "
+              f"{len(passed)} flows")
+
+    def times_that_flows_pass(self):
+        with self.bind("server", socket.SOCK_DGRAM, SERVERS[4], DENIED) as server, on_time():
+            server.setblocking(False)
+            passed = [self.passing_milliseconds(server, FIRST_SOURCE + number)
+                      for number in range(arguments.flows + 1)]
+        return passed[1:]  # everything starts with the first one
 
     def passing_milliseconds(self, server, source):
         """Up to the middle between the last datagram that passed and the next one."""
@@ -131,22 +212,18 @@ class Measurement(InlineTest):
     def measure_state(self, name, port, counted):
         self.configure("")
         with contextlib.ExitStack() as end:
-            if counted:
+            if counted == "nobody":
                 run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(),
                             "-c", CONFIG)
                 end.callback(run_quietly, jorn_path("avcore"), "teardown")
-                [self.way] = self.status()["attached_by"]["wlan0"]
-            judged = counted in ("decided", "undecided")
-            if judged:
-                self.start_avcore()
-                end.callback(self.stop_avcore, self.avcore)
-            if judged or name == ALONE:
-                self.jorn = self.start_daemon()
-                end.callback(self.jorn.stop)
-            if judged:
-                self.assertEqual(jornctl("apply", "-", document=policies({MARKED: QOS}, ()))[::2],
-                                 (0, ""))
+            elif counted:
+                end.enter_context(self.judging())
+                self.apply({MARKED: QOS})
                 time.sleep(0.5)
+            elif name == ALONE:  # avcore gets nothing, and may be what made the interface
+                end.enter_context(self.judging("-r", "-", stdin=subprocess.PIPE))
+            if counted:
+                [self.attached_by] = self.status()["attached_by"]["wlan0"]
             return {**self.tcp(port, counted), **self.udp(port, counted), "ping": round_trip()}
 
     def tcp(self, port, counted):
@@ -200,7 +277,9 @@ class Measurement(InlineTest):
         return self.status()["counts"] if counted else {}
 
     def tell(self):
-        print(f"\n{'bridged' if self.bridged else 'routed'}, by {self.way}, {arguments.rounds} rounds\n"
+        captured = f", captured at {arguments.speed} Mbit/s" if arguments.speed else ""
+        print(f"\n{'bridged' if self.bridged else 'routed'}, by {self.attached_by}{captured}, "
+              f"{arguments.rounds} rounds\n"
               f"{'':24}{'TCP':>17}{'CPU':>8}{'UDP, 200 bytes':>20}{'CPU':>10}{'ping':>8}\n"
               f"{'':24}{'Gbit/s   ratio':>17}{'s/GB':>8}{'kpackets/s   ratio':>20}{'us/packet':>10}"
               f"{'us':>8}")
@@ -214,15 +293,16 @@ class Measurement(InlineTest):
                   f"{self.beside_goals(name, ratios)}")
 
     def beside_goals(self, name, ratios):
-        least = [goal - BRIDGED_LESS * self.bridged for goal in GOALS[self.way].get(name, ())]
+        goals = GOALS[self.attached_by].get(name, ())
+        least = [goal - BRIDGED_LESS * self.bridged for goal in goals]
         return "".join(f"  {what} at least {goal:.2f}: {'met' if ratios[key] >= goal else 'MISSED'}"
                        for what, key, goal in zip(("TCP", "UDP"), ("tcp", "udp"), least))
 
 
-class Pages(InlineTest):
+class Pages(Bench):
     def __init__(self, wire_ms):
         super().__init__("measure")
-        self.bridged, self.wire_ms = arguments.bridged, wire_ms
+        self.wire_ms = wire_ms
 
     def measure(self):
         self._lay_out(self.wire_ms)
@@ -231,50 +311,22 @@ class Pages(InlineTest):
                     "/tmp/pages.key", "-out", "/tmp/pages.pem")
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         tls.load_cert_chain("/tmp/pages.pem", "/tmp/pages.key")
-        for _, address in ALLOWED_SITE, DENIED_SITE:
-            for port, context in (80, None), (443, tls):
-                listener = self.bind("server", socket.SOCK_STREAM, address, port)
-                self.addCleanup(listener.close)
-                listener.listen()
-                threading.Thread(target=serve, args=(listener, context), daemon=True).start()
+        self.serve_pages(http=None, https=tls)
         print(f"a server {round_trip() / 1000:.2f} ms away (a ping and its answer):")
         self.configure("reset = true\ncopies = 10000")
-        self.options = ()
         for words, priority in ((), "everybody's"), (("chrt", "-r", "1"), "real-time"):
-            self.start_avcore()
-            self.jorn = self.daemon(before=words)
-            wait_for_listener(COMMAND_SOCKET)
-            self.assertEqual(jornctl("apply", "-", document=policies({"shut.example": {
-                "deny": True}}, ()))[::2], (0, ""))
-            for name, address in ALLOWED_SITE, DENIED_SITE:
-                self.tell_name(4, name, address)
-            for scheme in "http", "https":
-                self.until(lambda: self.page(scheme, DENIED_SITE) < 0)
-                self.measure_pages(scheme, priority)
-            self.jorn.stop()
-            self.stop_avcore(self.avcore)
-            run_quietly(jorn_path("avcore"), "teardown")
-            os.unlink(COMMAND_SOCKET)
+            with self.judging(before=words):
+                self.apply({SHUT: {"deny": True}})
+                self.tell_names()
+                for scheme in PORTS:
+                    self.measure_pages(scheme, priority)
 
     def measure_pages(self, scheme, priority):
-        pages = {site: [] for site in (ALLOWED_SITE, DENIED_SITE)}
-        for _ in range(arguments.pages):
-            for site, found in pages.items():
-                found.append(self.page(scheme, site))
-        allowed, denied = ([each for each in found if each > 0] for found in pages.values())
-        self.assertEqual(allowed, pages[ALLOWED_SITE])
-        print(f"    {scheme}, the daemon at {priority} priority: {len(denied)} of {arguments.pages} "
-              f"denied pages came whole; an allowed one takes {statistics.median(allowed):.2f} ms "
-              f"(median); load {os.getloadavg()[0]:.1f}")
-
-    def page(self, scheme, site):
-        """How many milliseconds it took; didn't it come whole, curl's exit status, negative."""
-        name, address = site
-        done = subprocess.run(
-            [*ON_CLIENT, "curl", "-sk", "--noproxy", "*", "--max-time", "10", "--connect-to",
-             f"::{address}:", "-o", "/dev/null", "-w", "%{time_total}", f"{scheme}://{name}/"],
-            capture_output=True, text=True)
-        return -done.returncode or float(done.stdout) * 1000
+        allowed, denied = self.pages(scheme)
+        print(f"    {scheme}, the daemon at {priority} priority: {sum(ms > 0 for ms in denied)} of "
+              f"{len(denied)} denied pages came whole; an allowed one takes "
+              f"{statistics.median(allowed):.2f} ms (median); load {os.getloadavg()[0]:.1f}",
+              flush=True)
 
 
 def serve(listener, context):
@@ -305,6 +357,7 @@ if __name__ == "__main__":
     parser.add_argument("--flows", type=int, default=200)
     parser.add_argument("--pages", type=int, default=40)
     parser.add_argument("--attach", choices=("tcx", "clsact"))
+    parser.add_argument("--speed", type=int, metavar="MBIT")
     arguments = parser.parse_args()
     if arguments.pages:
         for milliseconds in 0, 10:
