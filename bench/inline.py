@@ -7,16 +7,19 @@ and under verdicts, taken in turn, round by round.
 One client sends to one server as fast as this machine can: TCP, then UDP in packets of 200 bytes;
 then it pings. Ratios are to the same round's figures without the gate; what is printed are medians.
 
-Before that, how long a denied flow's packets pass: for each flow a datagram every 0.2 ms, after the
-first ten at intervals that grow by a tenth. And how many pages of a name that is denied curl gets
-whole, from a server next door and from one 20 ms away; DNS gave the name before, so that the first
-packet is judged by it. What is given as 0 is left out.
+Before that, each while packets without a verdict pass and while they are held: how long a denied
+flow's packets pass, for each flow a datagram every 0.2 ms, after the first ten at intervals that
+grow by a tenth; and how long an allowed one waits for its first round trip, UDP's datagram and
+answer, TCP's connect(). And how many pages of a name that is denied curl gets whole, from a server
+next door and from one 20 ms away; DNS gave the name before, so that the first packet is judged by
+it. What is given as 0 is left out.
 
 With --speed the interface on which the daemon captures claims that many Mbit/s, by which the kernel
 chooses how long it keeps packets from it; else it is one end of a veth pair.
 """
 import argparse
 import os
+import random
 import re
 import statistics
 import sys
@@ -26,16 +29,20 @@ from inline_lab import *  # pylint: disable=wrong-import-position
 
 PLAIN, MARKED = 5201, 5202  # iperf3's ports
 ALONE = "the daemon, no gate"  # its capture costs others' packets something, too
+HOLDING = "decided: allow, hold"
 # What is measured, the port, and as what the gate has to count the packets.
 STATES = [("nothing", PLAIN, None), (ALONE, PLAIN, None),
           ("attached, nobody there", PLAIN, "nobody"), ("decided: allow", PLAIN, "decided"),
-          ("decided: DSCP and class", MARKED, "decided"),
+          (HOLDING, PLAIN, "decided"), ("decided: DSCP and class", MARKED, "decided"),
           ("everything undecided", PLAIN, "undecided")]
 # The least share of what passes without the gate, of TCP and of packets; bridged it is less.
 GOALS = {"tcx": {"attached, nobody there": (0.99, 0.99), "decided: allow": (0.95, 0.97),
-                 "decided: DSCP and class": (0.95, 0.96)},
-         "clsact": {"decided: allow": (0.95, 0.95), "decided: DSCP and class": (0.95, 0.95)}}
+                 HOLDING: (0.95, 0.97), "decided: DSCP and class": (0.95, 0.96)},
+         "clsact": {"decided: allow": (0.95, 0.95), HOLDING: (0.95, 0.95),
+                    "decided: DSCP and class": (0.95, 0.95)}}
 BRIDGED_LESS = 0.02
+# What becomes of packets without a verdict.
+UNDECIDED = {"pass": "", "hold": 'undecided = "hold"\nfail = "closed"\n'}
 # When a denied flow's datagrams are sent, in seconds: few, or they would be what is measured.
 TIMES = [0.0002 * number if number <= 10 else 0.002 * 1.1 ** (number - 10) for number in range(43)]
 FIRST_SOURCE = 20000  # the flows' ports: one that comes again has its verdict
@@ -112,6 +119,8 @@ class Bench(InlineTest):
         self.jorn = self.daemon(before=before)
         wait_for_listener(COMMAND_SOCKET)
         try:
+            if not options:  # a closed gate drops what comes sooner
+                self.until(lambda: self.status().get("beat_age_ms", 1000) < 1000)
             yield avcore
         finally:
             self.stop_avcore(avcore)
@@ -160,7 +169,7 @@ class Measurement(Bench):
         self.servers = {port: self.serve_speed(port) for port in (PLAIN, MARKED)}
         self.rounds = []
         if arguments.flows:
-            self.measure_first_verdicts()
+            self.measure_first_packets()
         for number in range(arguments.rounds):
             order = STATES[number % len(STATES):] + STATES[:number % len(STATES)]
             self.rounds.append({state[0]: self.measure_state(*state) for state in order})
@@ -177,14 +186,21 @@ class Measurement(Bench):
             [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
         return server
 
-    def measure_first_verdicts(self):
-        self.configure("copies = 10000")
-        with self.judging():
-            self.apply({DENIED: {"deny": True}})
-            passed = sorted(self.times_that_flows_pass())
-        print(f"a denied flow's packets pass for {statistics.median(passed):.2f} ms (median), "
-              f"90 %: {percentile(passed, 90):.2f}, 99 %: {percentile(passed, 99):.2f}; "
-              f"{len(passed)} flows")
+    def measure_first_packets(self):
+        print(f"of {arguments.flows} flows, in ms, by `undecided`:\n"
+              f"{'':8}{'denied, its packets pass':>30}{'allowed, first round trip: UDP':>34}"
+              f"{'TCP':>8}\n{'':8}{'median':>12}{'90 %':>9}{'99 %':>9}{'median':>25}{'99 %':>9}"
+              f"{'median':>8}{'99 %':>9}")
+        for undecided, enforce in UNDECIDED.items():
+            self.configure("copies = 10000\n" + enforce)
+            with self.judging():
+                self.apply({DENIED: {"deny": True}})
+                passed, udp, tcp = (sorted(times()) for times in (
+                    self.times_that_flows_pass, self.udp_round_trips, self.tcp_round_trips))
+            print(f"{undecided:8}{statistics.median(passed):12.2f}{percentile(passed, 90):9.2f}"
+                  f"{percentile(passed, 99):9.2f}{statistics.median(udp):25.2f}"
+                  f"{percentile(udp, 99):9.2f}{statistics.median(tcp):8.2f}"
+                  f"{percentile(tcp, 99):9.2f}", flush=True)
 
     def times_that_flows_pass(self):
         with self.bind("server", socket.SOCK_DGRAM, SERVERS[4], DENIED) as server, on_time():
@@ -207,10 +223,37 @@ class Measurement(Bench):
             while True:
                 last = max(last, *server.recv(8))
         time.sleep(0.05)  # what is still to be judged doesn't delay the next one
-        return statistics.mean(sent[last - 1:last + 1]) * 1000
+        return statistics.mean(sent[last - 1:last + 1]) * 1000 if last else 0
+
+    def udp_round_trips(self):
+        with self.bind("server", socket.SOCK_DGRAM, SERVERS[4], ALLOWED) as server:
+            def exchange(client):
+                client.sendto(b"ping", (SERVERS[4], ALLOWED))
+                server.sendto(*server.recvfrom(8))
+                client.recv(8)
+            return self.times_of_flows(socket.SOCK_DGRAM, exchange)
+
+    def tcp_round_trips(self):
+        with self.bind("server", socket.SOCK_STREAM, SERVERS[4], ALLOWED) as server:
+            server.listen(arguments.flows + 1)
+            return self.times_of_flows(socket.SOCK_STREAM,
+                                       lambda client: client.connect((SERVERS[4], ALLOWED)))
+
+    def times_of_flows(self, kind, exchange):
+        """What it takes a new flow, in milliseconds."""
+        times = []
+        with on_time():
+            for number in range(arguments.flows + 1):
+                with self.bind("client", kind, CLIENTS[4], FIRST_SOURCE + number) as client:
+                    begun = time.monotonic()
+                    exchange(client)
+                    times.append((time.monotonic() - begun) * 1000)
+                # The verdict came when the capture's timer had run out; the next flow begins anywhen.
+                time.sleep(random.uniform(0.005, 0.015))
+        return times[1:]  # everything starts with the first one
 
     def measure_state(self, name, port, counted):
-        self.configure("")
+        self.configure(UNDECIDED["hold"] if name == HOLDING else "")
         with contextlib.ExitStack() as end:
             if counted == "nobody":
                 run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(),
@@ -313,13 +356,15 @@ class Pages(Bench):
         tls.load_cert_chain("/tmp/pages.pem", "/tmp/pages.key")
         self.serve_pages(http=None, https=tls)
         print(f"a server {round_trip() / 1000:.2f} ms away (a ping and its answer):")
-        self.configure("reset = true\ncopies = 10000")
-        for words, priority in ((), "everybody's"), (("chrt", "-r", "1"), "real-time"):
-            with self.judging(before=words):
-                self.apply({SHUT: {"deny": True}})
-                self.tell_names()
-                for scheme in PORTS:
-                    self.measure_pages(scheme, priority)
+        for undecided, enforce in UNDECIDED.items():
+            print(f"  undecided packets: {undecided}")
+            self.configure("reset = true\ncopies = 10000\n" + enforce)
+            for words, priority in ((), "everybody's"), (("chrt", "-r", "1"), "real-time"):
+                with self.judging(before=words):
+                    self.apply({SHUT: {"deny": True}})
+                    self.tell_names()
+                    for scheme in PORTS:
+                        self.measure_pages(scheme, priority)
 
     def measure_pages(self, scheme, priority):
         allowed, denied = self.pages(scheme)
