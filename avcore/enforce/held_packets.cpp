@@ -53,7 +53,9 @@ bool held_packets::add(const gate_copy &head, std::span<const uint8_t> frame) {
         return true;
     }
     const auto client = clients_.try_emplace(client_of(frame)).first;
-    const bool fits = client->second.packets < CLIENT_PACKETS && all_.packets < ALL_PACKETS &&
+    const uint32_t pieces = pieces_of(head);
+    const bool fits = client->second.packets + pieces <= CLIENT_PACKETS &&
+                      all_.packets + pieces <= ALL_PACKETS &&
                       client->second.bytes + frame.size() <= CLIENT_BYTES &&
                       all_.bytes + frame.size() <= ALL_BYTES;
     if (!fits) {
@@ -64,7 +66,7 @@ bool held_packets::add(const gate_copy &head, std::span<const uint8_t> frame) {
         return false;
     }
     for (amount *each : {&client->second, &all_}) {
-        ++each->packets;
+        each->packets += pieces;
         each->bytes += frame.size();
     }
     if (is_new)
@@ -78,7 +80,7 @@ held_packet held_packets::take_first(flow_state &state) {
     state.waiting.pop_front();
     const auto client = clients_.find(client_of(packet.frame));
     for (amount *each : {&client->second, &all_}) {
-        --each->packets;
+        each->packets -= pieces_of(packet.head);
         each->bytes -= packet.frame.size();
     }
     if (client->second.packets == 0)

@@ -30,7 +30,7 @@ uint32_t pieces_of(const gate_copy &head);
 
 class held_packets {
 public:
-    static constexpr size_t CLIENT_PACKETS = 256;
+    static constexpr size_t CLIENT_PACKETS = 256; // as on the wire
     static constexpr size_t CLIENT_BYTES = size_t{1} << 20;
     static constexpr size_t ALL_PACKETS = 4'096;
     static constexpr size_t ALL_BYTES = size_t{16} << 20;

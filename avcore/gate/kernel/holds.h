@@ -43,16 +43,16 @@ static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
 }
 
 static __always_inline bool may_hold(struct __sk_buff *skb, const struct packet *packet,
-                                     __u32 a_second) {
+                                     __u32 a_second, __u32 pieces) {
     struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
-    return client && take_tokens(&client->held, a_second, a_second, 1, packet->here->now_ns);
+    return client && take_tokens(&client->held, a_second, a_second, pieces, packet->here->now_ns);
 }
 
 /* What can't be held is lost to its flow: nothing passes before its verdict. */
 static __noinline int hold(struct __sk_buff *skb, const struct packet *packet,
                            const struct gate_settings *set, bool judged) {
     const __u32 pieces = pieces_of(skb, packet);
-    if (!may_hold(skb, packet, set->holds_per_second)) {
+    if (!may_hold(skb, packet, set->holds_per_second, pieces)) {
         count(packet, GATE_COUNT_HOLDS_REFUSED, pieces);
         return TC_ACT_SHOT;
     }
