@@ -128,9 +128,26 @@ class Bench(InlineTest):
             if not options:
                 run_quietly(jorn_path("avcore"), "teardown")
 
+    def set_up(self, end):
+        """The gate alone, until then."""
+        run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(), "-c", CONFIG)
+        end.callback(run_quietly, jorn_path("avcore"), "teardown")
+
     def apply(self, rules):
         status, _, complaints = jornctl("apply", "-", document=policies(rules, ()))
         self.assertEqual(status, 0, complaints)  # it says that there was another daemon before
+
+    def serve_speed(self, port):
+        server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        wait_until(lambda: f":{port} " in subprocess.run(
+            [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
+        return server
+
+    def counts(self, counted):
+        return self.status()["counts"] if counted else {}
 
     def serve_pages(self, **contexts):
         """Of both sites, by these schemes."""
@@ -177,15 +194,6 @@ class Measurement(Bench):
             print(f"round {number + 1} of {arguments.rounds} is done", file=sys.stderr)
         if self.rounds:
             self.tell()
-
-    def serve_speed(self, port):
-        server = subprocess.Popen([*ON_SERVER, "iperf3", "-s", "-p", str(port)],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(server.wait)
-        self.addCleanup(server.terminate)
-        wait_until(lambda: f":{port} " in subprocess.run(
-            [*ON_SERVER, "ss", "-ltnH"], capture_output=True, text=True, check=True).stdout)
-        return server
 
     def measure_first_packets(self):
         print(f"of {arguments.flows} flows, in ms, by `undecided`:\n"
@@ -257,9 +265,7 @@ class Measurement(Bench):
         self.configure(UNDECIDED["hold"] if name == HOLDING else "")
         with contextlib.ExitStack() as end:
             if counted == "nobody":
-                run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(),
-                            "-c", CONFIG)
-                end.callback(run_quietly, jorn_path("avcore"), "teardown")
+                self.set_up(end)
             elif counted:
                 end.enter_context(self.judging())
                 self.apply({MARKED: QOS})
@@ -316,9 +322,6 @@ class Measurement(Bench):
         if counted and grown[counted] < 0.95 * sum(
                 grown[key] for key in ("decided", "undecided", "nobody", "denied", "limited")):
             raise AssertionError(f"the gate did something else than {counted}: {grown}")
-
-    def counts(self, counted):
-        return self.status()["counts"] if counted else {}
 
     def tell(self):
         captured = f", captured at {arguments.speed} Mbit/s" if arguments.speed else ""
