@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v9"
+#define GATE_LAYOUT "v10"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -26,7 +26,9 @@
 #define GATE_FRAME_MAX 2016 /* of a frame, in a copy; */
 #define GATE_JOINED_MAX                                                                            \
     4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
-#define GATE_HELD_MAX 16384 /* of a frame that is held, which is whole */
+#define GATE_HELD_MAX                                                                              \
+    16000 /* of a frame that is held, which is whole: a little less than programs like the gate's  \
+             may write (the kernel's SKB_MAX_ALLOC) */
 
 /* What may come from each client of what always passes, in bytes of its frames: ample for what a
  * network lives by, an ARP for each address of a /24 at once among it. */

@@ -223,8 +223,8 @@ TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
     const octets frame = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x"))) + octets(17, 0);
     const auto come_back = [&](const gate_copy_seen &copy) {
         const gate_counts before = at.counts();
-        EXPECT_TRUE(at.put_back(copy.head.if_index, {frame.begin(), frame.end()}));
-        while (at.counts()[GATE_COUNT_BACK] == before[GATE_COUNT_BACK])
+        EXPECT_TRUE(at.put_back(copy.head.if_index, {copy.frame.begin(), copy.frame.end()}));
+        for (int i = 0; i < 1000 && at.counts()[GATE_COUNT_BACK] == before[GATE_COUNT_BACK]; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         fates changed;
         for (int i = 0; i < GATE_COUNT_RESETS; ++i)
@@ -263,6 +263,17 @@ TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
     ASSERT_TRUE(at.decide(head.flow, allowance(at.generation())));
     at.next_generation();
     EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "an outdated verdict holds";
+
+    ASSERT_TRUE(run("for i in gw0 c0; do ip link set $i mtu 20000; done"));
+    at.set_rules({.fail_closed = true, .hold_undecided = true, .holds_per_second = 500});
+    const octets longest =
+        ethernet(0x0800, ipv4(17, udp(1002, 2000, std::string(GATE_HELD_MAX - 42, 'x'))));
+    EXPECT_EQ(fate(at, longest), fates{GATE_COUNT_HELD});
+    while (copy.head.length != longest.size())
+        ASSERT_TRUE(at.take(copy));
+    EXPECT_EQ(copy.frame.size(), longest.size());
+    ASSERT_TRUE(at.decide(copy.head.flow, allowance(at.generation())));
+    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
 }
 
 TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
