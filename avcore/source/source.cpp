@@ -39,11 +39,14 @@ int64_t age_us_of(const gate_copy &head) {
     return static_cast<int64_t>(monotonic_ns() - head.time_ns) / 1000;
 }
 
-// A held packet comes whole; the daemon is shown as much of it as of a copy.
-std::span<const uint8_t> shown_of(const gate_copy_seen &copy) {
+// A held packet comes whole; the daemon is shown as much of it as of a copy, and no more than can
+// be carried, for without its verdict the packet is lost.
+std::span<const uint8_t> shown_of(const gate_copy_seen &copy, size_t carried) {
     const bool joined_datagrams =
         copy.head.segment_size != 0 && copy.head.flow.proto == IPPROTO_UDP;
-    const size_t most = joined_datagrams ? GATE_JOINED_MAX : GATE_FRAME_MAX;
+    size_t most = joined_datagrams ? GATE_JOINED_MAX : GATE_FRAME_MAX;
+    if (copy.head.held != 0)
+        most = std::min(most, carried);
     return copy.frame.first(std::min(copy.frame.size(), most));
 }
 
@@ -142,7 +145,7 @@ frame_source::result frame_source::next_copy(captured_frame &frame) {
         ++counts_.stale;
         return result::skipped;
     }
-    frame.bytes = shown_of(copy_);
+    frame.bytes = shown_of(copy_, max_frame_size_);
     frame.time_us = real_time_us() - age_us;
     if (frame.bytes.size() > max_frame_size_) {
         ++counts_.too_long;
