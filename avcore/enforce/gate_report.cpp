@@ -42,7 +42,8 @@ constexpr struct {
 };
 static_assert(std::size(COUNTS) == GATE_COUNTS);
 
-// What avcore did with held packets, and how many it has still, or had when it was killed.
+// What avcore did with held packets, and how many it has still, or had when it was killed or their
+// interface went down.
 struct ending_row {
     const char *key;
     const char *what;

@@ -47,13 +47,13 @@ void held_packets::erase(flow_map::iterator flow) {
 
 bool held_packets::add(const gate_copy &head, std::span<const uint8_t> frame) {
     held_packet packet = {head, {frame.begin(), frame.end()}};
+    const uint32_t pieces = pieces_of(head);
     const auto [flow, is_new] = flows_.try_emplace(words_of(head.flow));
-    if (flow->second.is_let_go) {
+    if (flow->second.is_let_go && pieces <= CLIENT_PACKETS) {
         put_back_(packet);
         return true;
     }
     const auto client = clients_.try_emplace(client_of(frame)).first;
-    const uint32_t pieces = pieces_of(head);
     const bool fits = client->second.packets + pieces <= CLIENT_PACKETS &&
                       all_.packets + pieces <= ALL_PACKETS &&
                       client->second.bytes + frame.size() <= CLIENT_BYTES &&

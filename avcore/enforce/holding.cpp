@@ -68,10 +68,10 @@ void holding::put_back(const held_packet &packet) {
                                 .end = head.end,
                                 .protocol = head.flow.proto,
                                 .ipv6 = head.is_ipv6 != 0};
-    uint64_t lost = 0;
+    uint64_t lost = pieces_of(head); // of a joined one that can't be cut all but one are
     for (std::vector<uint8_t> &frame : wire_packets(packet.frame, layout, head.segment_size)) {
         insert_tag(frame, head);
-        lost += !gate_.put_back(head.if_index, std::move(frame));
+        lost -= gate_.put_back(head.if_index, std::move(frame));
     }
     if (lost > 0)
         gate_.add_ending(&gate_endings::unwritten, lost);

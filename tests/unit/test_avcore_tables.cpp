@@ -590,4 +590,21 @@ TEST_F(AvcoreHeldPackets, OfOneClientLeaveRoomForOthers) {
     EXPECT_LE(more, held_packets::ALL_PACKETS);
 }
 
+TEST_F(AvcoreHeldPackets, CountAsThePacketsThatWereJoined) {
+    gate_copy head = {};
+    head.flow.proto = IPPROTO_UDP;
+    head.segment_size = 4;
+    head.payload = 42;
+    head.end = head.payload + 4 * held_packets::CLIENT_PACKETS;
+    octets frame(head.end, 1);
+    EXPECT_TRUE(packets.add(head, frame));
+    EXPECT_FALSE(add(1, 1));
+    packets.let_go(head.flow, {}, 0);
+    EXPECT_TRUE(add(1, 1));
+    ++head.end;
+    frame.push_back(1);
+    EXPECT_FALSE(packets.add(head, frame)) << "too many to be written at once";
+    EXPECT_EQ(back.size(), 1U);
+}
+
 } // namespace
