@@ -26,9 +26,10 @@
 #define GATE_FRAME_MAX 2016 /* of a frame, in a copy; */
 #define GATE_JOINED_MAX                                                                            \
     4032 /* of one with several datagrams: a hello of QUIC's takes two or three */
-#define GATE_HELD_MAX                                                                              \
-    16000 /* of a frame that is held, which is whole: a little less than programs like the gate's  \
-             may write (the kernel's SKB_MAX_ALLOC) */
+#define GATE_HELD_MAX 16384 /* of a frame that is held, which is whole; */
+#define GATE_BACK_MAX                                                                              \
+    16000 /* and of each packet of it: a little less than programs like the gate's may write (the  \
+             kernel's SKB_MAX_ALLOC) */
 
 /* What may come from each client of what always passes, in bytes of its frames: ample for what a
  * network lives by, an ARP for each address of a /24 at once among it. */

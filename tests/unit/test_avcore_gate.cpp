@@ -267,7 +267,8 @@ TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
     ASSERT_TRUE(run("for i in gw0 c0; do ip link set $i mtu 20000; done"));
     at.set_rules({.fail_closed = true, .hold_undecided = true, .holds_per_second = 500});
     const octets longest =
-        ethernet(0x0800, ipv4(17, udp(1002, 2000, std::string(GATE_HELD_MAX - 42, 'x'))));
+        ethernet(0x0800, ipv4(17, udp(1002, 2000, std::string(GATE_BACK_MAX - 42, 'x'))));
+    EXPECT_EQ(fate(at, longest + octets{0}), fates{GATE_COUNT_HELD_LONG});
     EXPECT_EQ(fate(at, longest), fates{GATE_COUNT_HELD});
     while (copy.head.length != longest.size())
         ASSERT_TRUE(at.take(copy));

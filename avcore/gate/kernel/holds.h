@@ -48,6 +48,12 @@ static __always_inline bool may_hold(struct __sk_buff *skb, const struct packet 
     return client && take_tokens(&client->held, a_second, a_second, pieces, packet->here->now_ns);
 }
 
+static __always_inline bool is_too_long(struct __sk_buff *skb, const struct packet *packet,
+                                        __u32 pieces) {
+    const __u32 longest = pieces > 1 ? skb->gso_size + packet->headers : skb->len;
+    return skb->len > GATE_HELD_MAX || longest > GATE_BACK_MAX;
+}
+
 /* What can't be held is lost to its flow: nothing passes before its verdict. */
 static __noinline int hold(struct __sk_buff *skb, const struct packet *packet,
                            const struct gate_settings *set, bool judged) {
@@ -56,7 +62,7 @@ static __noinline int hold(struct __sk_buff *skb, const struct packet *packet,
         count(packet, GATE_COUNT_HOLDS_REFUSED, pieces);
         return TC_ACT_SHOT;
     }
-    if (skb->len > GATE_HELD_MAX) {
+    if (is_too_long(skb, packet, pieces)) {
         const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
         count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
         count(packet, GATE_COUNT_HELD_LONG, pieces);
