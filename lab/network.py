@@ -73,13 +73,13 @@ def plug(port, netns, interface, bridge=None, *options, at=None):
     ip(netns, "link", "set", interface, *options, "up")
 
 
-def plug_far(port, netns, interface, milliseconds, bridge=None, *options):
+def plug_far(port, netns, interface, milliseconds, bridge=None, *options, lost_percent=0):
     """The same by way of a slow wire, the process of which is returned. It begins where the options
     end."""
     add_namespace("wire")
     plug(port, "wire", "near", bridge, *options)
     plug("far", netns, interface, at="wire")
-    wire = subprocess.Popen([*inside("wire"), SLOW_WIRE, "near", "far", str(milliseconds)])
+    wire = subprocess.Popen([*inside("wire"), SLOW_WIRE, "near", "far", str(milliseconds), str(lost_percent)])
 
     def carries():
         """Both its ends are bound; what comes before is lost."""

@@ -2,11 +2,15 @@
 """A wire between two interfaces on which every frame takes its time: what comes in at one end leaves
 the other one so many milliseconds later.
 
-    lab/slow_wire.py INTERFACE INTERFACE MILLISECONDS
+    lab/slow_wire.py INTERFACE INTERFACE MILLISECONDS [PERCENT]
+
+So many percent of them are lost, and as many take twice the time, so that later ones overtake them.
 
 For kernels that have no netem.
 """
-import collections
+import heapq
+import itertools
+import random
 import select
 import socket
 import sys
@@ -27,15 +31,17 @@ def end_of_wire(interface):
     return end
 
 
-def carry(ends, delay):
-    on_the_way = collections.deque()  # in the order in which they came
+def carry(ends, delay, percent):
+    on_the_way, numbers = [], itertools.count()  # by when they leave, then in the order in which they came
     while True:
         wait = None if not on_the_way else max(0, on_the_way[0][0] - time.monotonic())
         for end in select.select(ends, [], [], wait)[0]:
-            frame = end.recv(SEGMENTS)
-            on_the_way.append((time.monotonic() + delay, ends[end is ends[0]], frame))
+            frame, luck = end.recv(SEGMENTS), random.uniform(0, 100)
+            if luck >= percent:
+                leaves = time.monotonic() + delay * (2 if luck < 2 * percent else 1)
+                heapq.heappush(on_the_way, (leaves, next(numbers), ends[end is ends[0]], frame))
         while on_the_way and on_the_way[0][0] <= time.monotonic():
-            _, end, frame = on_the_way.popleft()
+            *_, end, frame = heapq.heappop(on_the_way)
             try:
                 end.send(frame)
             except OSError:
@@ -46,6 +52,7 @@ if __name__ == "__main__":
     if sys.argv[1:2] in (["-h"], ["--help"]):
         print(__doc__, end="")
         sys.exit()
-    if len(sys.argv) != 4:
+    if len(sys.argv) not in (4, 5):
         sys.exit(__doc__)
-    carry([end_of_wire(interface) for interface in sys.argv[1:3]], float(sys.argv[3]) / 1000)
+    milliseconds, percent = (float(word) for word in (*sys.argv[3:], 0)[:2])
+    carry([end_of_wire(interface) for interface in sys.argv[1:3]], milliseconds / 1000, percent)

@@ -53,6 +53,20 @@ def policies(rules, names=("youtube", "icmp")):
                     {"app_name": "shop.example", "deny": True}]}]}
 
 
+def summed(packet):
+    """An IPv4 packet that routers take."""
+    total = sum(struct.unpack(">10H", packet[:20]))
+    return packet[:10] + struct.pack(">H", ~(total + (total >> 16)) & 0xFFFF) + packet[12:]
+
+
+def of_client(version, protocol, payload, **words):
+    if version == 4:
+        return summed(ipv4(protocol, payload, src=CLIENTS[4], dst=SERVERS[4], **words))
+    return (struct.pack(">IHBB", 6 << 28, len(payload), protocol, 64)
+            + b"".join(socket.inet_pton(socket.AF_INET6, address[6]) for address in (CLIENTS, SERVERS))
+            + payload)
+
+
 def link_address(*words):
     [link] = json.loads(subprocess.check_output(["ip", "-j", *words]))
     return link["address"]
@@ -216,6 +230,8 @@ class Sender(threading.Thread):
 class InlineTest(SystemTest):
     bridged = False
     inspections = "[]"
+    lost_percent = 0   # of the frames between the client and the access point
+    slips_through = 1  # of a denied flow's packets, before it is judged
 
     def setUp(self):
         with open("/proc/self/uid_map") as file:
@@ -325,8 +341,11 @@ class InlineTest(SystemTest):
     def _connect(self, netns, port, wire_ms):
         """The port, and the station's eth0."""
         bridge = "br0" if self.bridged else None
-        if wire_ms:
-            wire = plug_far(port, netns, "eth0", wire_ms, bridge)
+        lost_percent = self.lost_percent if netns == "client" else 0
+        if wire_ms or lost_percent:
+            wire = plug_far(port, netns, "eth0", wire_ms or 1, bridge, lost_percent=lost_percent)
+            # From one processor, or the kernel might swap frames behind where a test sees them.
+            os.sched_setaffinity(wire.pid, {min(os.sched_getaffinity(wire.pid))})
             self.addCleanup(wire.wait)
             self.addCleanup(wire.kill)
         else:
@@ -352,9 +371,9 @@ class InlineTest(SystemTest):
         bound.bind((address, port))
         return bound
 
-    def connected(self, kind, address, port):
+    def connected(self, kind, address, port, source=0):
         """A client's socket."""
-        client = self.bind("client", kind, CLIENTS[6 if ":" in address else 4], 0)
+        client = self.bind("client", kind, CLIENTS[6 if ":" in address else 4], source)
         self.addCleanup(client.close)
         client.connect((address, port))
         return client
@@ -381,6 +400,19 @@ class InlineTest(SystemTest):
         sender = Sender(self.connected(socket.SOCK_DGRAM, address, port), interval)
         self.addCleanup(sender.stop)
         return sender
+
+    def raw(self, interface="eth0"):
+        """A function that sends a packet behind tags, as the client's or of another MAC address."""
+        with namespace("client"):
+            out = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+        self.addCleanup(out.close)
+        with namespace("client"):
+            out.bind((interface, 0))
+        next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
+        receiver, client = (mac(link_address(*words.split()))
+                            for words in (next_hop, "-n client link show eth0"))
+        return lambda packet, tags=b"", sender=client: out.send(
+            receiver + sender + tags + (b"\x08\x00" if packet[0] >> 4 == 4 else b"\x86\xdd") + packet)
 
     def tell_name(self, version, name, address):
         """The client asks for an address, and a server answers."""
@@ -417,7 +449,7 @@ class InlineTest(SystemTest):
             if time.monotonic() > ends:
                 return False
         client.send(struct.pack(">Q", 1))
-        return self.arrived(client) == [0]
+        return self.arrived(client) == list(range(self.slips_through))
 
     def settle(self, *flows):
         """Until all of them are decided."""

@@ -10,20 +10,6 @@ RATE = LIMITS[SLOW] / 8
 BURST = 65536
 
 
-def summed(packet):
-    """An IPv4 packet that routers take."""
-    total = sum(struct.unpack(">10H", packet[:20]))
-    return packet[:10] + struct.pack(">H", ~(total + (total >> 16)) & 0xFFFF) + packet[12:]
-
-
-def of_client(version, protocol, payload, **words):
-    if version == 4:
-        return summed(ipv4(protocol, payload, src=CLIENTS[4], dst=SERVERS[4], **words))
-    return (struct.pack(">IHBB", 6 << 28, len(payload), protocol, 64)
-            + b"".join(socket.inet_pton(socket.AF_INET6, address[6]) for address in (CLIENTS, SERVERS))
-            + payload)
-
-
 def first_fragment(version, segment):
     """Of a packet that never becomes whole."""
     if version == 4:
@@ -32,19 +18,6 @@ def first_fragment(version, segment):
 
 
 class Attempts:
-    def raw(self, interface="eth0"):
-        """A function that sends a packet as the client's, behind tags."""
-        with namespace("client"):
-            out = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
-        self.addCleanup(out.close)
-        with namespace("client"):
-            out.bind((interface, 0))
-        next_hop = "-n server link show eth0" if self.bridged else "link show wlan0"
-        header = mac(link_address(*next_hop.split())) + mac(link_address("-n", "client", "link",
-                                                                         "show", "eth0"))
-        return lambda packet, tags=b"": out.send(
-            header + tags + (b"\x08\x00" if packet[0] >> 4 == 4 else b"\x86\xdd") + packet)
-
     def move_client(self, interface):
         """To another interface, again and again: it answers ARP at its own."""
         send, left = self.raw(interface), threading.Event()
