@@ -15,7 +15,9 @@
 #include "shared/counted.h"
 
 #include <algorithm>
+#include <array>
 #include <iostream>
+#include <span>
 
 namespace jornctl {
 namespace {
@@ -196,15 +198,43 @@ void send_one(const command &sent, const client &daemon) {
         check_answer(reply, CMD_WRITE_CFG_REQ);
 }
 
+// Sent twice they leave what they leave when sent once: each record comes into an emptied list.
+bool are_repeatable(std::span<const command> sent) {
+    constexpr struct {
+        uint32_t record;
+        std::array<uint32_t, 2> flushes;
+    } lists[] = {
+        {CMD_ARC_POLICY_CFG_REQ, {CMD_POLICY_CLEAN, CMD_ARC_POLICY_FLUSH_REQ}},
+        {CMD_WEB_POLICY_CFG_REQ, {CMD_WEB_POLICY_FLUSH_REQ, CMD_WEB_POLICY_FLUSH_REQ}},
+        {CMD_WIFICALLING_POLICY_CFG_REQ,
+         {CMD_WIFICALLING_POLICY_FLUSH_REQ, CMD_WIFICALLING_POLICY_FLUSH_REQ}},
+    };
+    return std::ranges::all_of(lists, [&](const auto &list) {
+        const auto record = std::ranges::find(sent, list.record, &command::number);
+        return record == sent.end() ||
+               std::ranges::find_first_of(sent.begin(), record, list.flushes.begin(),
+                                          list.flushes.end(), {}, &command::number) != record;
+    });
+}
+
+// The first few go together where they may; `sent` counts.
+void send_group(const command_group &group, const client &daemon, size_t &sent) {
+    const std::vector<command> first(
+        group.begin(),
+        group.begin() + static_cast<std::ptrdiff_t>(std::min(group.size(), COMMANDS_TOGETHER)));
+    size_t done = 0;
+    if (first.size() > 1 && are_repeatable(first) && daemon.send_together(first))
+        done = first.size();
+    sent += done;
+    for (; done < group.size(); ++done, ++sent)
+        send_one(group[done], daemon);
+}
+
 void send_all(const std::vector<command_group> &groups, const client &daemon) {
     size_t sent = 0;
     try {
-        for (const command_group &group : groups) {
-            for (const command &each : group) {
-                send_one(each, daemon);
-                ++sent;
-            }
-        }
+        for (const command_group &group : groups)
+            send_group(group, daemon, sent);
     } catch (const no_daemon &reason) {
         if (sent == 0)
             throw;

@@ -1,14 +1,18 @@
 #include "jornctl/client/client.h"
 
+#include "control/records/arc.h"
+#include "control/records/commands.h"
 #include "control/records/message.h"
 #include "jornctl/base/failure.h"
 #include "shared/unique_fd.h"
+#include "webfilter/records/web.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -20,6 +24,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr size_t REPLY_MAX = 122'880; // no answer of the daemon is longer
+constexpr uint32_t CMD_NOTHING = 0;   // the daemon has no such command, and closes the connection
 
 // One exchange: a connection with the time by which it has to be over.
 class exchange {
@@ -53,6 +58,12 @@ public:
                 fail(strerror(errno));
         }
         fail("answers more than a daemon can");
+    }
+
+    // The daemon is through with it.
+    bool is_over() const {
+        pollfd waiting = {socket_.get(), POLLRDHUP, 0};
+        return poll(&waiting, 1, 0) != 0;
     }
 
     pid_t listener() const {
@@ -99,6 +110,87 @@ private:
     unique_fd socket_;
 };
 
+// While it lives, nothing but the kernel's own work takes the processor away, where the user may
+// have that.
+class undisturbed {
+public:
+    undisturbed() : usual_(sched_getscheduler(0)) {
+        const sched_param lowest = {.sched_priority = sched_get_priority_min(SCHED_FIFO)};
+        sched_getparam(0, &usual_priority_);
+        sched_setscheduler(0, SCHED_FIFO, &lowest);
+    }
+    undisturbed(const undisturbed &) = delete;
+    undisturbed &operator=(const undisturbed &) = delete;
+    ~undisturbed() { sched_setscheduler(0, usual_, &usual_priority_); }
+
+private:
+    int usual_;
+    sched_param usual_priority_ = {};
+};
+
+// A command that changes nothing and has the daemon write a file, which takes it longer than these
+// take to be sent: where it can be, one that they have it write, too.
+command slow_beside(const std::vector<command> &few) {
+    const bool is_web = std::ranges::any_of(few, [](const command &each) {
+        return each.number == CMD_WEB_POLICY_CFG_REQ || each.number == CMD_WEB_INTF_CFG_REQ;
+    });
+    if (is_web)
+        return {CMD_WEB_INTF_CFG_REQ, record_bytes(web_intf_wire())}; // of no operation
+    arc_policy_log_cfg nobody = {};
+    nobody.name[0] = '\n'; // is in no policy's name
+    return {CMD_ARC_POLICY_LOG_CFG_REQ, record_bytes(nobody)};
+}
+
+// Commands that the daemon takes together, behind a slow one, the gate.
+class joint_exchange {
+public:
+    joint_exchange(const std::string &path, milliseconds patience, size_t count)
+        : gate_(path, patience) {
+        talks_.reserve(count);
+        for (size_t i = 0; i < count; ++i)
+            talks_.emplace_back(path, patience);
+    }
+
+    // Returns whether the gate's command was still running when the last message was there: the
+    // daemon looks for them behind it. Returns once none of those that were sent is still to be
+    // run.
+    bool send(const std::string &slow, const std::vector<std::string> &messages) {
+        const bool are_together = send_behind_gate(slow, messages);
+        bool are_taken = is_taken(gate_);
+        for (size_t i = 0; i < begun_; ++i)
+            are_taken = is_taken(talks_[i]) && are_taken;
+        return are_together && are_taken;
+    }
+
+private:
+    bool send_behind_gate(const std::string &slow, const std::vector<std::string> &messages) {
+        const undisturbed now;
+        try {
+            gate_.send(slow);
+            while (begun_ < talks_.size() && !gate_.is_over()) {
+                ++begun_;
+                talks_[begun_ - 1].send(messages[begun_ - 1]);
+            }
+        } catch (const no_daemon &) { // it made room for somebody else's connection
+            return false;
+        }
+        return begun_ == talks_.size() && !gate_.is_over();
+    }
+
+    static bool is_taken(exchange &talk) {
+        try {
+            talk.receive();
+            return true;
+        } catch (const no_daemon &) {
+            return false;
+        }
+    }
+
+    exchange gate_;
+    std::vector<exchange> talks_;
+    size_t begun_ = 0;
+};
+
 } // namespace
 
 std::string make_message(const command &sent) {
@@ -120,6 +212,15 @@ std::string client::send(const command &sent) const {
 
 pid_t client::listener() const {
     return exchange(socket_path_, patience_).listener();
+}
+
+bool client::send_together(const std::vector<command> &few) const {
+    std::vector<std::string> messages(few.size());
+    std::ranges::transform(few, messages.begin(), make_message);
+    joint_exchange joint(socket_path_, patience_, few.size());
+    // Connections are accepted in their order: behind this one's answer all are set aside.
+    send({CMD_NOTHING, {}});
+    return joint.send(make_message(slow_beside(few)), messages);
 }
 
 } // namespace jornctl

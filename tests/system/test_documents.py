@@ -174,5 +174,40 @@ class Documents(JudgingTest):
         self.assertGreater(broken, 0)
 
 
+class Verdicts(JudgingTest):
+    values = {"tm_support": "1"}
+
+    def test_other_rules_while_one_changes(self):
+        try:
+            os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(1))
+            os.sched_setscheduler(0, os.SCHED_OTHER, os.sched_param(0))
+        except PermissionError:
+            self.skipTest("jornctl can't take the processor for the moments that it needs it")
+        names = [f"host{i:02}.example" for i in range(64)]
+        frames = [tcp_frame(40000, 443) + trailer(src_utp_id=1, filter_type=2, dpi_status=2,
+                                                  dpi_app_name=name) for name in names]
+
+        def document(deny):
+            return {"policies": [{"utp_id": 1, "uuid": "u", "rules": [
+                {"app_name": name, "deny": i % 2 == 0 if i < 63 else deny}
+                for i, name in enumerate(names)]}], "utps": [{"id": 1, "name": "n", "uuid": "u"}]}
+        self.assertEqual(jornctl("apply", "-", document=document(True))[0], 0)
+        said = set()
+
+        def change():
+            for i in range(100):
+                said.add(jornctl("apply", "-", document=document(i % 2 == 1))[1:])
+        changes = threading.Thread(target=change)
+        changes.start()
+        judged, last = [], set()
+        while changes.is_alive():
+            verdicts = [v.verdict for v in self.judge(frames, b"", burst=64)]
+            judged += verdicts[:63]
+            last.add(verdicts[63])
+        self.assertEqual((said, last), ({("sent what differs, 3 commands of 4\n", "")}, {1, 3}))
+        wrong = sum(verdict != (3 if i % 63 % 2 == 0 else 1) for i, verdict in enumerate(judged))
+        self.assertEqual(wrong, 0, len(judged))
+
+
 if __name__ == "__main__":
     unittest.main()
