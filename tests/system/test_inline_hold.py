@@ -13,6 +13,7 @@ SEGMENT = 1000  # bytes
 UDP_SEGMENT, SO_MARK, SO_RCVMARK = 103, 36, 75
 SIOCETHTOOL, ETHTOOL_SGRO = 0x8946, 0x2C
 PACKET_AUXDATA, VLAN_VALID = 8, 0x10
+KERNEL = tuple(map(int, os.uname().release.split(".")[:2]))
 
 
 def numbered(number, size=8):
@@ -196,6 +197,8 @@ class Holding:
                 self.assertFalse(any(packet.large for packet in self.at_server.of(ALLOWED, version)))
                 held = self.grown(before)["held"]
                 self.assertGreaterEqual(held, 10 + 7)
+                if KERNEL < (5, 11):
+                    continue  # veth has the sender cut them
                 verdicts = self.status()["verdicts"]
                 long.send(b"".join(datagrams))
                 self.until(lambda: sum(self.status()["verdicts"].values()) > sum(verdicts.values()))
@@ -303,6 +306,7 @@ class Routed(Holding, InlineTest):
             ip(None, "link", "set", end, "up")
         add_addresses(None, "wlan1", "10.9.0.1/24")
 
+    @unittest.skipIf(KERNEL < (5, 19), "this kernel tells no receiver of marks")
     def test_the_marks_of_others(self):
         """Of packets that come from this very machine, as from a container."""
         self.start(HOLD, "--inline", "wlan1")
