@@ -317,6 +317,7 @@ int apply_document(const apply_settings &wanted, const client &daemon) {
         print_commands(*read, daemon);
         return STATUS_DONE;
     }
+    const apply_lock alone(SAVED_FILES_FOLDER);
     const baseline before = learn_baseline(&daemon, SAVED_FILES_FOLDER);
     const way taken = way_to(*read, before);
     const size_t count = count_of(taken.groups);

@@ -4,17 +4,25 @@
 #include "jornctl/base/files.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <sstream>
+#include <sys/file.h>
+#include <thread>
 #include <unistd.h>
 
 namespace jornctl {
 namespace {
 
+using std::chrono::milliseconds;
+
 constexpr int VERSION = 1;
 constexpr mode_t MODE = 0640;
 constexpr int START_FIELD = 22; // of /proc/PID/stat, from 1
+constexpr milliseconds PATIENCE = std::chrono::seconds(30);
+constexpr milliseconds PAUSE(20);
 
 std::string path_in(const std::string &folder) {
     return folder + "/applied.json";
@@ -113,6 +121,16 @@ void forget_applied(const std::string &folder) {
     const std::string path = path_in(folder);
     if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR)
         throw refused(path + ": can't be removed: " + strerror(errno));
+}
+
+apply_lock::apply_lock(const std::string &folder)
+    : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    for (auto left = PATIENCE; folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0;
+         left -= PAUSE) {
+        if (left <= PAUSE)
+            throw refused("another jornctl has been applying a document for too long");
+        std::this_thread::sleep_for(PAUSE);
+    }
 }
 
 } // namespace jornctl

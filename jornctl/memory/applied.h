@@ -7,6 +7,7 @@
 
 #include "jornctl/documents/documents.h"
 #include "jornctl/memory/saved_files.h"
+#include "shared/unique_fd.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,5 +39,15 @@ std::optional<applied> read_applied(const std::string &folder);
 // Throws refused; then none is left.
 void write_applied(const std::string &folder, const applied &made);
 void forget_applied(const std::string &folder);
+
+// While it lives, no other apply of this machine sends anything. Waits for one that does; throws
+// refused where it takes too long. Where there is no folder yet, there is nothing to keep apart.
+class apply_lock {
+public:
+    explicit apply_lock(const std::string &folder);
+
+private:
+    unique_fd folder_;
+};
 
 } // namespace jornctl

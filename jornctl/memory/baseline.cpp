@@ -66,17 +66,17 @@ std::optional<baseline> remembered(const client *daemon, const std::string &fold
 std::vector<std::string> baseline::doubts() const {
     std::vector<std::string> doubts;
     if ((known & KNOWS_OTHERS) == 0)
-        doubts.emplace_back("the saved files and the listings don't hold the same");
+        doubts.emplace_back("whether bindings have their policies and carriers");
     if ((known & KNOWS_POLICIES) == 0)
-        doubts.emplace_back("the uuids of the ARC policies are unknown");
+        doubts.emplace_back("the uuids of the ARC policies");
     if ((known & KNOWS_UTPS) == 0)
-        doubts.emplace_back("by which uuid UTPs have their policies is unknown");
+        doubts.emplace_back("by which uuid UTPs have their policies");
     if ((known & KNOWS_WEB_POLICIES) == 0)
-        doubts.emplace_back("which UTP a web policy is for is unknown where no web UTP shows it");
+        doubts.emplace_back("which UTP a web policy is for that no web UTP shows");
     if ((known & KNOWS_WEB_UTPS) == 0)
-        doubts.emplace_back("whether web UTPs have other uuids is unknown");
+        doubts.emplace_back("by which uuid web UTPs have their policies");
     if ((known & KNOWS_CARRIERS) == 0)
-        doubts.emplace_back("carriers are those of the file, of which some may be gone");
+        doubts.emplace_back("which carriers of the file are still there");
     return doubts;
 }
 

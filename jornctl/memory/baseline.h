@@ -29,7 +29,7 @@ struct baseline {
     bool is_remembered = false; // by the last apply
 
     bool is_whole() const { return known == KNOWS_ALL; }
-    // What may be otherwise in the tables that aren't known, in words.
+    // What isn't known, in words.
     std::vector<std::string> doubts() const;
 };
 
