@@ -50,6 +50,8 @@ void daemon_watch::look(bool link_down, int64_t now_ms) {
     for (const std::string &name : gate_.taken_away())
         say_("the gate at " + name +
              " was taken away: what passes there isn't judged until avcore is started again");
+    if (gate_.renew_way_back())
+        say_("the device by which held packets go back was taken down or away, and made anew");
     tell_shortages(now_ms);
 }
 

@@ -188,6 +188,14 @@ void gate::open_way_back() {
     write_word(parts_->settings.get()->back_mark, mark);
 }
 
+bool gate::renew_way_back() {
+    if (!parts_->back || parts_->back->is_up())
+        return false;
+    parts_->back.reset();
+    open_way_back();
+    return true;
+}
+
 bool gate::put_back(uint32_t if_index, std::vector<uint8_t> frame) {
     return parts_->back && parts_->back->write(if_index, std::move(frame));
 }

@@ -63,6 +63,8 @@ public:
 
     // Packets can be held from here on, which is the rules' business. Throws std::runtime_error.
     void open_way_back();
+    // Opens it again where somebody has taken it down or away; true then. Throws as well.
+    bool renew_way_back();
     // A held packet, as on the wire, goes on as if it had come in at the interface now. False when
     // the kernel doesn't take it.
     bool put_back(uint32_t if_index, std::vector<uint8_t> frame);

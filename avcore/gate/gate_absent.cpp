@@ -52,6 +52,9 @@ std::optional<gate_copy> gate::next_head() const {
     return std::nullopt;
 }
 void gate::open_way_back() {}
+bool gate::renew_way_back() {
+    return false;
+}
 bool gate::put_back(uint32_t, std::vector<uint8_t>) {
     return false;
 }

@@ -32,12 +32,18 @@ way_back::way_back(int program_fd, std::optional<attach_way> wanted) : device_(o
     const std::optional<link_facts> link = look_at_link(name);
     check(link ? set_up_link(link->index, TAP_MTU, ALIAS) : ENODEV, name);
     switch_ipv6_off(name); // what the kernel says there goes nowhere
-    const auto index = static_cast<unsigned>(link->index);
+    index_ = link->index;
+    const auto index = static_cast<unsigned>(index_);
     const attach_way way = way_to_attach(index, wanted);
     if (way == attach_way::clsact)
         make_hooks(index);
     attach(index, tc_side::ingress, way, program_fd);
     check(switch_on(link->index), name);
+}
+
+bool way_back::is_up() const {
+    const std::optional<link_facts> link = look_at_link(index_);
+    return link && link->up;
 }
 
 bool way_back::write(uint32_t if_index, std::vector<uint8_t> frame) {

@@ -19,8 +19,11 @@ public:
     // A frame as it is on the wire, tags and all. False when the kernel doesn't take it.
     bool write(uint32_t if_index, std::vector<uint8_t> frame);
 
+    bool is_up() const; // somebody else may take it down or away
+
 private:
     unique_fd device_;
+    int index_ = 0;
 };
 
 } // namespace avcore

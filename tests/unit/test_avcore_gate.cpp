@@ -275,6 +275,14 @@ TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
     EXPECT_EQ(copy.frame.size(), longest.size());
     ASSERT_TRUE(at.decide(copy.head.flow, allowance(at.generation())));
     EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
+
+    EXPECT_FALSE(at.renew_way_back());
+    for (const char *away : {"ip link set jorn-back0 down", "ip link del jorn-back0"}) {
+        ASSERT_TRUE(run(away));
+        EXPECT_FALSE(at.put_back(copy.head.if_index, {copy.frame.begin(), copy.frame.end()}));
+        EXPECT_TRUE(at.renew_way_back());
+        EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED}) << away;
+    }
 }
 
 TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
