@@ -29,6 +29,10 @@ bool is_overdue(const gate_copy &head, int64_t now_ms) {
 
 } // namespace
 
+holding::~holding() {
+    tick(NEVER_MS - held_packets::BEHIND_MS);
+}
+
 bool holding::take(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms) {
     const bool overdue = is_overdue(head, now_ms);
     if (overdue && settings_.rules.fail_closed) {

@@ -17,6 +17,7 @@ public:
         : gate_(gate),
           settings_(settings),
           packets_([this](const held_packet &packet) { put_back(packet); }) {}
+    ~holding(); // as if the time of all that waits were over
 
     // What the gate took. False: its time was over before it was seen, so there is nothing to ask.
     bool take(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms);
