@@ -321,9 +321,13 @@ void session::read_config_again() {
     }
 }
 
-// What is held longest is over, whether or not it can be asked about.
-void session::pull_late_frames() {
-    for (int pulls = 0; pulls < PULLS_A_TURN && source_.is_next_late(); ++pulls) {
+// What is held longest is over, whether or not it can be asked about; and what only goes behind
+// others of its flow doesn't wait for the daemon.
+void session::pull_unasked_frames() {
+    const bool has_room = feeder_.has_room(monotonic_ms());
+    for (int pulls = 0; pulls < PULLS_A_TURN && (source_.is_next_late() ||
+                                                 (!has_room && inline_ && inline_->goes_on_next()));
+         ++pulls) {
         captured_frame captured;
         if (source_.next(captured) == frame_source::result::frame && !captured.held.empty())
             inline_->hold(*captured.copy, captured.held, monotonic_ms());
@@ -332,7 +336,7 @@ void session::pull_late_frames() {
 
 void session::pull_frames() {
     more_input_ = false;
-    pull_late_frames();
+    pull_unasked_frames();
     for (int pulls = 0; !input_ended_ && !sink_full_ && feeder_.has_room(monotonic_ms()); ++pulls) {
         if (pulls == PULLS_A_TURN) {
             more_input_ = true;

@@ -49,7 +49,7 @@ private:
     void read_config_again();
     void take_categories();
     void pull_frames();
-    void pull_late_frames();
+    void pull_unasked_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
     void refuse_own_frames() const;

@@ -63,6 +63,11 @@ void enforcement::judged(flow_row *row, const fed_frame &frame, const av_verdict
         enforcer_.judged(*row, frame, verdict, now_ms);
 }
 
+bool enforcement::goes_on_next() const {
+    const std::optional<gate_copy> head = gate_.next_head();
+    return head && head->held != 0 && holding_.goes_on(head->flow);
+}
+
 void enforcement::set_rules(const gate_rules &rules) {
     gate_.set_rules(rules);
     if (rules.hold_undecided && !rules.fail_closed)

@@ -52,6 +52,8 @@ public:
     bool hold(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms) {
         return holding_.take(head, frame, now_ms);
     }
+    // Whether what comes next was held and waits for nothing.
+    bool goes_on_next() const;
     // A copy of a packet was counted in the row, and `frame` is made of it.
     void saw(flow_row &row, const gate_copy &copy, fed_frame &frame);
     // `row`: null when it has left.

@@ -98,9 +98,7 @@ bool held_packets::knows(const gate_flow &flow) const {
 }
 
 void held_packets::let_go(const gate_flow &flow, const gate_verdict &verdict, int64_t now_ms) {
-    const auto found = flows_.find(words_of(flow));
-    if (found == flows_.end())
-        return;
+    const auto found = flows_.try_emplace(words_of(flow)).first;
     flow_state &state = found->second;
     state.verdict = verdict;
     if (std::exchange(state.is_let_go, true))

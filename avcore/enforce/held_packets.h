@@ -34,8 +34,10 @@ public:
     static constexpr size_t CLIENT_BYTES = size_t{1} << 20;
     static constexpr size_t ALL_PACKETS = 4'096;
     static constexpr size_t ALL_BYTES = size_t{16} << 20;
-    static constexpr int64_t WAIT_MS = 1'000;   // for a verdict, since the gate took the packet
-    static constexpr int64_t BEHIND_MS = 1'000; // as long later packets queue up behind, at most
+    static constexpr int64_t WAIT_MS = 1'000; // for a verdict, since the gate took the packet
+    // As long later packets are expected behind: the gate sends none after a second, and the last
+    // ones have to come out of the ring.
+    static constexpr int64_t BEHIND_MS = 1'500;
 
     using put_back_function = std::function<void(const held_packet &)>;
     explicit held_packets(put_back_function put_back) : put_back_(std::move(put_back)) {}
@@ -45,7 +47,8 @@ public:
 
     bool waits(const gate_flow &flow) const;
     bool knows(const gate_flow &flow) const; // it waits, or was let go a moment ago
-    // Its packets go on. `verdict` is what holds of it when its time is over.
+    // Its packets go on, also those that are only to come. `verdict` is what holds of it when its
+    // time is over.
     void let_go(const gate_flow &flow, const gate_verdict &verdict, int64_t now_ms);
 
     // A flow whose time is over: one that waits has a packet for which no verdict came, of any

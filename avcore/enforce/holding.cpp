@@ -48,10 +48,16 @@ bool holding::take(const gate_copy &head, std::span<const uint8_t> frame, int64_
 
 bool holding::decide(const gate_flow &flow, const gate_verdict &verdict, int64_t now_ms) {
     gate_verdict entry = verdict;
-    if (packets_.knows(flow))
-        entry.flags |= GATE_WAS_HELD;
-    const bool done = gate_.decide(flow, entry);
-    packets_.let_go(flow, verdict, now_ms); // behind it, for the gate goes by it
+    bool done = false;
+    bool was_held = packets_.knows(flow);
+    do { // packets may be in the ring still, or be taken just now
+        was_held = was_held || gate_.has_taken(flow);
+        if (was_held)
+            entry.flags |= GATE_WAS_HELD;
+        done = gate_.decide(flow, entry);
+    } while (!was_held && gate_.has_taken(flow));
+    if (was_held)
+        packets_.let_go(flow, verdict, now_ms); // behind it, for the gate goes by it
     return done;
 }
 
@@ -90,8 +96,6 @@ void holding::tick(int64_t now_ms) {
             let_pass(*flow, now_ms);
         } else {
             gate_.add_ending(&gate_endings::unjudged, packets_.drop_overdue(*flow, now_ms));
-            if (!packets_.knows(*flow))
-                gate_.forget_holds(*flow);
         }
     }
 }

@@ -23,6 +23,9 @@ public:
     bool take(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms);
 
     bool waits(const gate_flow &flow) const { return packets_.waits(flow); }
+    bool goes_on(const gate_flow &flow) const {
+        return packets_.knows(flow) && !packets_.waits(flow);
+    }
     // Has the gate do as the verdict says, and lets go what waits for it; the gate judges that,
     // too. False when the kernel refuses the verdict.
     bool decide(const gate_flow &flow, const gate_verdict &verdict, int64_t now_ms);

@@ -200,6 +200,11 @@ bool gate::put_back(uint32_t if_index, std::vector<uint8_t> frame) {
     return parts_->back && parts_->back->write(if_index, std::move(frame));
 }
 
+bool gate::has_taken(const gate_flow &flow) const {
+    gate_hold hold;
+    return bpf_map_lookup_elem(parts_->holds.get(), &flow, &hold) == 0 && hold.taken != hold.back;
+}
+
 void gate::forget_holds(const gate_flow &flow) {
     bpf_map_delete_elem(parts_->holds.get(), &flow);
 }

@@ -58,6 +58,9 @@ bool gate::renew_way_back() {
 bool gate::put_back(uint32_t, std::vector<uint8_t>) {
     return false;
 }
+bool gate::has_taken(const gate_flow &) const {
+    return false;
+}
 void gate::forget_holds(const gate_flow &) {}
 void gate::add_ending(__u64 gate_endings::*, uint64_t) {}
 bool gate::decide(const gate_flow &, const gate_verdict &) {

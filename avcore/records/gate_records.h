@@ -114,11 +114,11 @@ static inline __u32 gate_place(const struct gate_flow *flow) {
 /* A flow of which packets were held until its first verdict: written by the kernel alone, removed
  * by avcore. Packets that come while the two counts differ go the same way, behind the others. */
 struct gate_hold {
-    __u64 taken; /* packets, as on the wire */
-    __u64 back;  /* that came back */
-    __u64 begun_ns;
-    __u64 let_go_ns; /* when the first one came back; 0: none yet */
-    __u32 mark;      /* what somebody else had marked the last one with */
+    __u64 taken;        /* packets, as on the wire */
+    __u64 back;         /* that came back */
+    __u64 undecided_ns; /* when the last one without a verdict was taken */
+    __u64 let_go_ns;    /* when the first one came back; 0: none yet */
+    __u32 mark;         /* what somebody else had marked the last one with */
     __u32 reserved;
 };
 GATE_SIZE(gate_hold, 40);

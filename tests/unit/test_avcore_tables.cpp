@@ -567,10 +567,13 @@ TEST_F(AvcoreHeldPackets, GoOnInTheirOrder) {
     EXPECT_TRUE(packets.knows(flow(1)) && !packets.waits(flow(1)) && packets.waits(flow(2)));
     EXPECT_EQ(packets.first_overdue(1000)->client_port_be, 2);
     EXPECT_EQ(packets.drop_overdue(flow(2), 1000), 1U);
-    EXPECT_FALSE(packets.first_overdue(1499));
-    EXPECT_EQ(packets.first_overdue(1500)->client_port_be, 1);
+    EXPECT_FALSE(packets.first_overdue(1999));
+    EXPECT_EQ(packets.first_overdue(2000)->client_port_be, 1);
     EXPECT_EQ(packets.forget(flow(1)).priority, 7U);
     EXPECT_EQ(packets.next_due_ms(), NEVER_MS);
+    packets.let_go(flow(5), verdict, 2000);
+    EXPECT_TRUE(add(5, 5)) << "it was in the ring";
+    EXPECT_EQ(back.back(), 5);
 }
 
 TEST_F(AvcoreHeldPackets, OfOneClientLeaveRoomForOthers) {

@@ -27,16 +27,17 @@ static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
     const __u64 now = bpf_ktime_get_ns();
     struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
     if (!hold) {
-        const struct gate_hold begun = {.begun_ns = now};
+        const struct gate_hold begun = {.undecided_ns = now};
         bpf_map_update_elem(&holds, &packet->flow, &begun, BPF_NOEXIST);
         hold = bpf_map_lookup_elem(&holds, &packet->flow);
         if (!hold)
             return NULL;
-    } else if (!judged && (hold->let_go_ns || now - hold->begun_ns > 2 * GATE_BEHIND_NS)) {
+    } else if (!judged && (hold->let_go_ns || now - hold->undecided_ns > 2 * GATE_BEHIND_NS)) {
         hold->taken = hold->back = 0;
         hold->let_go_ns = 0;
-        hold->begun_ns = now;
     }
+    if (!judged)
+        hold->undecided_ns = now;
     hold->mark = skb->mark;
     __sync_fetch_and_add(&hold->taken, pieces_of(skb, packet));
     return hold;
@@ -84,8 +85,8 @@ static __noinline bool are_others_behind(const struct packet *packet) {
     const struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
     if (!hold || hold->taken == hold->back)
         return false;
-    const __u64 until =
-        hold->let_go_ns ? hold->let_go_ns + GATE_BEHIND_NS : hold->begun_ns + 2 * GATE_BEHIND_NS;
+    const __u64 until = hold->let_go_ns ? hold->let_go_ns + GATE_BEHIND_NS
+                                        : hold->undecided_ns + 2 * GATE_BEHIND_NS;
     return bpf_ktime_get_ns() < until;
 }
 
