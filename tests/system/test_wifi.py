@@ -75,6 +75,29 @@ class Stations(InlineTest):
         return "htb" in subprocess.run(["tc", "qdisc", "show", "dev", "wlan0.sta1"], text=True,
                                        capture_output=True).stdout
 
+    def hold(self, how):
+        """A station's packets, until they are judged."""
+        self.slips_through = 0
+        self.start_apart(how, 'undecided = "hold"\nfail = "closed"')
+        before = self.status()["counts"]
+        for version in FAMILIES:
+            denied, allowed = (self.talk(SERVERS[version], port) for port in (DENIED, ALLOWED))
+            for flow in denied, allowed:
+                flow.send_more(100)
+            sent = list(range(allowed.stop()))
+            self.until(lambda: self.arrived(allowed.socket) == sent)
+            denied.stop()
+            self.assertEqual(self.arrived(denied.socket), [])
+        counts = self.status()["counts"]
+        self.assertGreaterEqual(counts["back"], before["back"] + 4)
+        self.assertEqual(counts["held_missing"], before["held_missing"])
+
+    def test_held_of_a_station(self):
+        self.hold("")
+
+    def test_held_of_a_station_with_four_addresses(self):
+        self.hold(FOUR_ADDRESSES)
+
     def test_a_station_with_four_addresses(self):
         self.start_apart(FOUR_ADDRESSES, 'shape = "htb"')
         apart = {"wlan0": ["wlan0.sta1"]}, {"wlan0": {1}, "wlan0.sta1": {1}}
