@@ -196,7 +196,7 @@ bool gate::renew_way_back() {
     return true;
 }
 
-bool gate::put_back(uint32_t if_index, std::vector<uint8_t> frame) {
+bool gate::put_back(uint32_t if_index, std::vector<uint8_t> &&frame) {
     return parts_->back && parts_->back->write(if_index, std::move(frame));
 }
 

@@ -67,7 +67,7 @@ public:
     bool renew_way_back();
     // A held packet, as on the wire, goes on as if it had come in at the interface now. False when
     // the kernel doesn't take it.
-    bool put_back(uint32_t if_index, std::vector<uint8_t> frame);
+    bool put_back(uint32_t if_index, std::vector<uint8_t> &&frame);
     // Whether packets of the flow were taken that aren't back.
     bool has_taken(const gate_flow &flow) const;
     // All packets of the flow that will come back are back.

@@ -55,7 +55,7 @@ void gate::open_way_back() {}
 bool gate::renew_way_back() {
     return false;
 }
-bool gate::put_back(uint32_t, std::vector<uint8_t>) {
+bool gate::put_back(uint32_t, std::vector<uint8_t> &&) {
     return false;
 }
 bool gate::has_taken(const gate_flow &) const {

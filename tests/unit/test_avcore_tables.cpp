@@ -392,7 +392,7 @@ std::vector<octets> on_the_wire(const octets &frame, const wire_layout &at, uint
 TEST(AvcoreWirePackets, JoinedOnesAreCutAsTheyWereSent) {
     const std::string_view data = "seven, seven, six";
     for (wire_client client : WIRE_CLIENTS) {
-        for (const size_t checksum : {0x1234, 0}) {
+        for (const size_t checksum : {size_t{0x1234}, size_t{0}}) {
             const octets all = client.frame(data, 0xD9, 0xFFFFFFFC, 0xFFFF);
             const auto cut = on_the_wire(client.with(all, checksum) + octets(5, 0), client.at, 7);
             const bool unchecked = checksum == 0 && client.protocol == 17 && !client.six;

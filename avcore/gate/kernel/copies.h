@@ -65,6 +65,11 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
     return false;
 }
 
+/* A first fragment is one packet, whatever its sender says. */
+static __always_inline __u32 segment_size_of(struct __sk_buff *skb, const struct packet *packet) {
+    return packet->first_fragment ? 0 : skb->gso_size;
+}
+
 /* What a copy has of a frame: of joined datagrams the first ones. */
 static __always_inline __u32 size_of_copy(struct __sk_buff *skb, const struct packet *packet) {
     const bool joined_datagrams = packet->flow.proto == IPPROTO_UDP && skb->gso_size;
@@ -91,7 +96,7 @@ static __noinline bool send_up(struct __sk_buff *skb, const struct packet *packe
     head->if_index = skb->ifindex;
     head->length = skb->len;
     head->captured = (__u16)captured;
-    head->segment_size = (__u16)skb->gso_size;
+    head->segment_size = (__u16)segment_size_of(skb, packet);
     head->direction = packet->direction;
     head->came_up = packet->direction == GATE_DOWN && skb->tc_index == CAME_UP;
     head->held = held;

@@ -14,7 +14,7 @@ struct {
 /* As many as avcore will cut it into: what else is joined stays so. */
 static __always_inline __u32 pieces_of(struct __sk_buff *skb, const struct packet *packet) {
     const bool is_cut = packet->flow.proto == IPPROTO_TCP || packet->flow.proto == IPPROTO_UDP;
-    const __u32 size = is_cut ? skb->gso_size : 0;
+    const __u32 size = is_cut ? segment_size_of(skb, packet) : 0;
     if (!size || packet->end <= packet->headers)
         return 1;
     return (packet->end - packet->headers + size - 1) / size;
@@ -46,7 +46,8 @@ static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
 static __always_inline bool may_hold(struct __sk_buff *skb, const struct packet *packet,
                                      __u32 a_second, __u32 pieces) {
     struct gate_client_state *client = a_second ? client_of(skb, packet) : NULL;
-    return client && take_tokens(&client->held, a_second, a_second, pieces, packet->here->now_ns);
+    const __u32 cost = pieces < a_second ? pieces : a_second; /* no debt of many seconds */
+    return client && take_tokens(&client->held, a_second, a_second, cost, packet->here->now_ns);
 }
 
 static __always_inline bool is_too_long(struct __sk_buff *skb, const struct packet *packet,
