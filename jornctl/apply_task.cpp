@@ -217,29 +217,39 @@ bool are_repeatable(std::span<const command> sent) {
     });
 }
 
-// The first few go together where they may; `sent` counts.
-void send_group(const command_group &group, const client &daemon, size_t &sent) {
+struct progress {
+    size_t sent = 0;
+    bool is_begun = false; // some may have been taken
+};
+
+// The first few go together where they may.
+void send_group(const command_group &group, const client &daemon, progress &so_far) {
     const std::vector<command> first(
         group.begin(),
         group.begin() + static_cast<std::ptrdiff_t>(std::min(group.size(), COMMANDS_TOGETHER)));
     size_t done = 0;
-    if (first.size() > 1 && are_repeatable(first) && daemon.send_together(first))
-        done = first.size();
-    sent += done;
-    for (; done < group.size(); ++done, ++sent)
+    if (first.size() > 1 && are_repeatable(first)) {
+        done = daemon.send_together(first) ? first.size() : 0;
+        so_far.is_begun = true;
+    }
+    so_far.sent += done;
+    for (; done < group.size(); ++done) {
         send_one(group[done], daemon);
+        so_far.is_begun = true;
+        ++so_far.sent;
+    }
 }
 
 void send_all(const std::vector<command_group> &groups, const client &daemon) {
-    size_t sent = 0;
+    progress so_far;
     try {
         for (const command_group &group : groups)
-            send_group(group, daemon, sent);
+            send_group(group, daemon, so_far);
     } catch (const no_daemon &reason) {
-        if (sent == 0)
+        if (!so_far.is_begun)
             throw;
         throw no_daemon(reason.what() + std::string("; the tables are half made (") +
-                        std::to_string(sent) + " of " + std::to_string(count_of(groups)) +
+                        std::to_string(so_far.sent) + " of " + std::to_string(count_of(groups)) +
                         " commands sent), apply again");
     }
 }

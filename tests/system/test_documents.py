@@ -173,6 +173,28 @@ class Documents(JudgingTest):
             self.assertEqual(self.apply(document), NOTHING)
         self.assertGreater(broken, 0)
 
+    def test_a_daemon_that_dies(self):
+        document = {"web_policies": [{"uuid": f"u{i}", "utp_id": 1 + i % 64} for i in range(64)] +
+                    [{"uuid": f"v{i}"} for i in range(300)], "web_interfaces": []}
+        process = subprocess.Popen([jorn_path("jornctl"), "apply", "-"], stdin=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+        process.stdin.write(json.dumps(document))
+        process.stdin.close()
+
+        def is_begun():
+            with contextlib.suppress(FileNotFoundError):  # it is written anew each time
+                return "u60;" in read_file(f"{FOLDER}/{FILES[1]}")
+        wait_until(is_begun)
+        self.jorn.kill()
+        said = process.stderr.read()
+        self.assertEqual(process.wait(), 2)
+        process.stderr.close()
+        self.assertRegex(said, r"the tables are half made \(\d+ of 365 commands sent\), apply again\n$")
+        self.jorn = None
+        self.start()
+        self.assertEqual(self.apply(document)[:2], (0, "sent 364 web policies, 0 web interfaces\n"))
+        self.assertEqual(read_file(f"{FOLDER}/{FILES[1]}").count("[policy]"), 364)
+
     def test_two_at_once(self):
         documents = [example(), example()]
         documents[1]["policies"][0]["rules"][0]["deny"] = False
