@@ -54,19 +54,14 @@ class Share(inline.Bench):
             self.measure_share(*state)
 
     def measure_share(self, name, port, counted):
-        self.configure(UNDECIDED["hold"] if name == HOLDING else "")
         with contextlib.ExitStack() as end:
-            if counted == "nobody":
-                self.set_up(end)
-            elif counted:
-                end.enter_context(self.judging())
-                self.apply({MARKED: QOS})
+            self.begin_state(end, name, counted)
+            if counted:
+                programs = {side: first_program(self.index, side) for side in TCX_SIDES}
             else:
                 programs = dict.fromkeys(TCX_SIDES, empty_program())
                 self.switch(BPF_PROG_ATTACH, programs)
                 end.callback(self.switch, BPF_PROG_DETACH, programs)
-            if counted:
-                programs = {side: first_program(self.index, side) for side in TCX_SIDES}
             end.enter_context(self.flood(port))
             before = self.counts(counted)
             shares = [self.share(programs) for _ in range(arguments.cycles)]

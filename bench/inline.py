@@ -128,10 +128,17 @@ class Bench(InlineTest):
             if not options:
                 run_quietly(jorn_path("avcore"), "teardown")
 
-    def set_up(self, end):
-        """The gate alone, until then."""
-        run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(), "-c", CONFIG)
-        end.callback(run_quietly, jorn_path("avcore"), "teardown")
+    def begin_state(self, end, name, counted):
+        """The gate is alone until then, or judges, as packets are to be counted; or isn't there."""
+        self.configure(UNDECIDED["hold"] if name == HOLDING else "")
+        if counted == "nobody":
+            run_quietly(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach(), "-c",
+                        CONFIG)
+            end.callback(run_quietly, jorn_path("avcore"), "teardown")
+        elif counted:
+            end.enter_context(self.judging())
+            self.apply({MARKED: QOS})
+            time.sleep(0.5)
 
     def apply(self, rules):
         status, _, complaints = jornctl("apply", "-", document=policies(rules, ()))
@@ -262,15 +269,9 @@ class Measurement(Bench):
         return times[1:]  # everything starts with the first one
 
     def measure_state(self, name, port, counted):
-        self.configure(UNDECIDED["hold"] if name == HOLDING else "")
         with contextlib.ExitStack() as end:
-            if counted == "nobody":
-                self.set_up(end)
-            elif counted:
-                end.enter_context(self.judging())
-                self.apply({MARKED: QOS})
-                time.sleep(0.5)
-            elif name == ALONE:  # avcore gets nothing, and may be what made the interface
+            self.begin_state(end, name, counted)
+            if name == ALONE:  # avcore gets nothing, and may be what made the interface
                 end.enter_context(self.judging("-r", "-", stdin=subprocess.PIPE))
             if counted:
                 [self.attached_by] = self.status()["attached_by"]["wlan0"]
