@@ -63,10 +63,13 @@ ordered_json carriers_of(const linked_wificalling_interface &bound, const daemon
     return carriers;
 }
 
+std::string show_wificalling(const client &daemon) {
+    return daemon.send({CMD_WIFICALLING_INTF_SHOW_REQ, {}});
+}
+
 // As far as the answer has room for them.
-ordered_json listed_wificalling(const client &daemon) {
-    const listing &wanted = listing_of(CMD_WIFICALLING_INTF_SHOW_REQ);
-    ordered_json bindings = wanted.parse(daemon.send({wanted.command, {}}));
+ordered_json bindings_in(const std::string &shown) {
+    ordered_json bindings = listing_of(CMD_WIFICALLING_INTF_SHOW_REQ).parse(shown);
     for (ordered_json &binding : bindings) {
         for (ordered_json &carrier : binding["carriers"]) {
             for (const char *key : {"epdg", "fqdn", "ipaddr"})
@@ -77,15 +80,15 @@ ordered_json listed_wificalling(const client &daemon) {
 }
 
 std::string wificalling_contradiction(const daemon_tables &tables, const client &daemon) {
-    const ordered_json bindings = listed_wificalling(daemon);
+    const std::string shown = show_wificalling(daemon);
+    const ordered_json bindings = bindings_in(shown);
     for (const ordered_json &binding : bindings) {
         const std::string ifname = binding["ifname"].get<std::string>();
         const auto *const known = find_wificalling_interface(tables, ifname.c_str());
         if (known == nullptr || binding["carriers"] != carriers_of(*known, tables))
             return "Wi-Fi calling of interface " + ifname;
     }
-    const std::string text = daemon.send({CMD_WIFICALLING_INTF_SHOW_REQ, {}});
-    const bool is_cut = !listing_of(CMD_WIFICALLING_INTF_SHOW_REQ).cut(text).empty();
+    const bool is_cut = !listing_of(CMD_WIFICALLING_INTF_SHOW_REQ).cut(shown).empty();
     return is_cut || bindings.size() == tables.wificalling_interfaces.size()
                ? std::string()
                : "the interfaces with Wi-Fi calling";
@@ -157,7 +160,7 @@ bool complete_bindings(daemon_tables &tables, const client &daemon) {
         if (!shown || (*shown)["policy"].is_null())
             each.policy.reset();
     }
-    const ordered_json bindings = listed_wificalling(daemon);
+    const ordered_json bindings = bindings_in(show_wificalling(daemon));
     for (const ordered_json &binding : bindings) {
         const std::string ifname = binding["ifname"].get<std::string>();
         const auto found = std::ranges::find_if(tables.wificalling_interfaces, [&](auto &each) {
