@@ -71,9 +71,8 @@ bool enforcement::goes_on_next() const {
 void enforcement::set_rules(const gate_rules &rules) {
     gate_.set_rules(rules);
     if (rules.hold_undecided && !rules.fail_closed)
-        say_("undecided = \"hold\" wants fail = \"closed\": with \"open\" everything passes "
-             "whenever "
-             "verdicts take longer than a second");
+        say_("undecided = \"hold\" wants fail = \"closed\": with \"open\" everything "
+             "passes whenever verdicts take longer than a second");
 }
 
 void enforcement::settings_changed() {

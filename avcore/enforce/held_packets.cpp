@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <netinet/in.h>
 
 namespace avcore {
 namespace {
@@ -17,21 +16,17 @@ mac_address client_of(std::span<const uint8_t> frame) {
 } // namespace
 
 uint32_t pieces_of(const gate_copy &head) {
-    const bool is_cut = head.flow.proto == IPPROTO_TCP || head.flow.proto == IPPROTO_UDP;
-    if (!is_cut || head.segment_size == 0 || head.end <= head.payload)
-        return 1;
-    const uint32_t size = head.segment_size;
-    return (uint32_t{head.end} - head.payload + size - 1) / size;
+    return gate_pieces(head.payload, head.end, head.segment_size);
+}
+
+int64_t due_ms_of(const gate_copy &head) {
+    return static_cast<int64_t>(head.time_ns / 1'000'000) + held_packets::WAIT_MS;
 }
 
 held_packets::flow_words held_packets::words_of(const gate_flow &flow) {
     flow_words words;
     memcpy(words.data(), &flow, sizeof flow);
     return words;
-}
-
-int64_t held_packets::due_ms_of(const held_packet &packet) {
-    return static_cast<int64_t>(packet.head.time_ns / 1'000'000) + WAIT_MS;
 }
 
 void held_packets::set_due(flow_map::iterator flow, int64_t due_ms) {
@@ -70,7 +65,7 @@ bool held_packets::add(const gate_copy &head, std::span<const uint8_t> frame) {
         each->bytes += frame.size();
     }
     if (is_new)
-        set_due(flow, due_ms_of(packet));
+        set_due(flow, due_ms_of(packet.head));
     flow->second.waiting.push_back(std::move(packet));
     return true;
 }
@@ -122,12 +117,12 @@ uint64_t held_packets::drop_overdue(const gate_flow &flow, int64_t now_ms) {
     if (found == flows_.end())
         return dropped;
     flow_state &state = found->second;
-    while (!state.waiting.empty() && due_ms_of(state.waiting.front()) <= now_ms)
+    while (!state.waiting.empty() && due_ms_of(state.waiting.front().head) <= now_ms)
         dropped += pieces_of(take_first(state).head);
     if (state.waiting.empty())
         erase(found);
     else
-        set_due(found, due_ms_of(state.waiting.front()));
+        set_due(found, due_ms_of(state.waiting.front().head));
     return dropped;
 }
 

@@ -27,6 +27,8 @@ struct held_packet {
 
 // How many packets of the wire it stands for.
 uint32_t pieces_of(const gate_copy &head);
+// When its time is over without a verdict.
+int64_t due_ms_of(const gate_copy &head);
 
 class held_packets {
 public:
@@ -34,7 +36,8 @@ public:
     static constexpr size_t CLIENT_BYTES = size_t{1} << 20;
     static constexpr size_t ALL_PACKETS = 4'096;
     static constexpr size_t ALL_BYTES = size_t{16} << 20;
-    static constexpr int64_t WAIT_MS = 1'000; // for a verdict, since the gate took the packet
+    static constexpr int64_t WAIT_MS =
+        GATE_WAIT_NS / 1'000'000; // for a verdict, since the gate took the packet
     // As long later packets are expected behind: the gate sends none after a second, and the last
     // ones have to come out of the ring.
     static constexpr int64_t BEHIND_MS = 1'500;
@@ -75,7 +78,6 @@ private:
     using flow_map = std::map<flow_words, flow_state>;
 
     static flow_words words_of(const gate_flow &flow);
-    static int64_t due_ms_of(const held_packet &packet);
     void set_due(flow_map::iterator flow, int64_t due_ms);
     void erase(flow_map::iterator flow);
     held_packet take_first(flow_state &state);

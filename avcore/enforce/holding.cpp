@@ -23,10 +23,6 @@ void insert_tag(std::vector<uint8_t> &frame, const gate_copy &head) {
     frame.insert(frame.begin() + TYPE_OFFSET, tag.begin(), tag.end());
 }
 
-bool is_overdue(const gate_copy &head, int64_t now_ms) {
-    return now_ms - static_cast<int64_t>(head.time_ns / 1'000'000) >= held_packets::WAIT_MS;
-}
-
 } // namespace
 
 holding::~holding() {
@@ -34,7 +30,7 @@ holding::~holding() {
 }
 
 bool holding::take(const gate_copy &head, std::span<const uint8_t> frame, int64_t now_ms) {
-    const bool overdue = is_overdue(head, now_ms);
+    const bool overdue = due_ms_of(head) <= now_ms;
     if (overdue && settings_.rules.fail_closed) {
         gate_.add_ending(&gate_endings::unjudged, pieces_of(head));
         return false;

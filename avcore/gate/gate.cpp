@@ -202,7 +202,8 @@ bool gate::put_back(uint32_t if_index, std::vector<uint8_t> &&frame) {
 
 bool gate::has_taken(const gate_flow &flow) const {
     gate_hold hold;
-    return bpf_map_lookup_elem(parts_->holds.get(), &flow, &hold) == 0 && hold.taken != hold.back;
+    return parts_->back && bpf_map_lookup_elem(parts_->holds.get(), &flow, &hold) == 0 &&
+           hold.taken != hold.back;
 }
 
 void gate::forget_holds(const gate_flow &flow) {

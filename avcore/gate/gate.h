@@ -68,7 +68,7 @@ public:
     // A held packet, as on the wire, goes on as if it had come in at the interface now. False when
     // the kernel doesn't take it.
     bool put_back(uint32_t if_index, std::vector<uint8_t> &&frame);
-    // Whether packets of the flow were taken that aren't back.
+    // Whether packets of the flow were taken that aren't back. Without a way back: none.
     bool has_taken(const gate_flow &flow) const;
     // All packets of the flow that will come back are back.
     void forget_holds(const gate_flow &flow);

@@ -131,6 +131,14 @@ struct gate_back {
 };
 GATE_SIZE(gate_back, 4);
 
+#define GATE_WAIT_NS 1000000000ull /* as long a packet is held without a verdict */
+
+/* How many packets of the wire a frame stands for that segmentation has joined; `segment_size` is 0
+ * where it hasn't. Those that are taken, and those that come back. */
+static inline __u32 gate_pieces(__u32 payload, __u32 end, __u32 segment_size) {
+    return !segment_size || end <= payload ? 1 : (end - payload + segment_size - 1) / segment_size;
+}
+
 /* A rate limit: written by avcore alone. Entry 0 is none. */
 struct gate_limit {
     __u64 bytes_per_second; /* of IP packets, as on the wire */

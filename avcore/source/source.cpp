@@ -14,7 +14,7 @@ namespace {
 constexpr int SNAP_LENGTH = 262'144;
 constexpr int READ_TIMEOUT_MS = 5;
 constexpr int64_t STALE_US = 2'000'000;
-constexpr int64_t STALE_HELD_US = 1'000'000; // as long packets are held
+constexpr int64_t STALE_HELD_US = GATE_WAIT_NS / 1'000;
 // While the daemon is busy, frames wait in the capture's buffer.
 constexpr int LIVE_BUFFER_BYTES = 32 * 1024 * 1024;
 

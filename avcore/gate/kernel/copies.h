@@ -65,9 +65,11 @@ static __always_inline bool may_copy(struct __sk_buff *skb, const struct packet 
     return false;
 }
 
-/* A first fragment is one packet, whatever its sender says. */
+/* 0 of what nobody cuts: a first fragment is one packet, whatever its sender says, and what else is
+ * joined stays so. */
 static __always_inline __u32 segment_size_of(struct __sk_buff *skb, const struct packet *packet) {
-    return packet->first_fragment ? 0 : skb->gso_size;
+    const bool is_cut = packet->flow.proto == IPPROTO_TCP || packet->flow.proto == IPPROTO_UDP;
+    return is_cut && !packet->first_fragment ? skb->gso_size : 0;
 }
 
 /* What a copy has of a frame: of joined datagrams the first ones. */
@@ -77,7 +79,7 @@ static __always_inline __u32 size_of_copy(struct __sk_buff *skb, const struct pa
     return skb->len < most ? skb->len : most;
 }
 
-/* False: the ring is full. A frame that can't be read is nothing to wait for. */
+/* False: the ring is full, or the frame can't be read. */
 static __noinline bool send_up(struct __sk_buff *skb, const struct packet *packet, __u32 captured,
                                bool held) {
     const __u32 first = 0;
@@ -110,6 +112,11 @@ static __noinline bool send_up(struct __sk_buff *skb, const struct packet *packe
     return bpf_ringbuf_output(&copies, copy, sizeof *head + captured, 0) == 0;
 }
 
+static __always_inline void send_copy(struct __sk_buff *skb, const struct packet *packet) {
+    const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
+    count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+}
+
 /* False: its client had too many. */
 static __always_inline bool copy_up(struct __sk_buff *skb, const struct packet *packet,
                                     const struct gate_settings *set) {
@@ -117,7 +124,6 @@ static __always_inline bool copy_up(struct __sk_buff *skb, const struct packet *
         count(packet, GATE_COUNT_COPIES_REFUSED, 1);
         return false;
     }
-    const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
-    count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+    send_copy(skb, packet);
     return true;
 }

@@ -11,19 +11,10 @@ struct {
     __type(value, struct gate_hold);
 } holds SEC(".maps");
 
-/* As many as avcore will cut it into: what else is joined stays so. */
-static __always_inline __u32 pieces_of(struct __sk_buff *skb, const struct packet *packet) {
-    const bool is_cut = packet->flow.proto == IPPROTO_TCP || packet->flow.proto == IPPROTO_UDP;
-    const __u32 size = is_cut ? segment_size_of(skb, packet) : 0;
-    if (!size || packet->end <= packet->headers)
-        return 1;
-    return (packet->end - packet->headers + size - 1) / size;
-}
-
 /* Counts the packet as taken. `judged`: it only goes behind others. Where the others have gone on,
  * or nothing is left of them, another count begins. */
-static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
-                                                    const struct packet *packet, bool judged) {
+static __always_inline struct gate_hold *
+note_taken(struct __sk_buff *skb, const struct packet *packet, __u32 pieces, bool judged) {
     const __u64 now = bpf_ktime_get_ns();
     struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
     if (!hold) {
@@ -39,7 +30,7 @@ static __always_inline struct gate_hold *note_taken(struct __sk_buff *skb,
     if (!judged)
         hold->undecided_ns = now;
     hold->mark = skb->mark;
-    __sync_fetch_and_add(&hold->taken, pieces_of(skb, packet));
+    __sync_fetch_and_add(&hold->taken, pieces);
     return hold;
 }
 
@@ -52,25 +43,25 @@ static __always_inline bool may_hold(struct __sk_buff *skb, const struct packet 
 
 static __always_inline bool is_too_long(struct __sk_buff *skb, const struct packet *packet,
                                         __u32 pieces) {
-    const __u32 longest = pieces > 1 ? skb->gso_size + packet->headers : skb->len;
+    const __u32 longest = pieces > 1 ? segment_size_of(skb, packet) + packet->headers : skb->len;
     return skb->len > GATE_HELD_MAX || longest > GATE_BACK_MAX;
 }
 
 /* What can't be held is lost to its flow: nothing passes before its verdict. */
 static __noinline int hold(struct __sk_buff *skb, const struct packet *packet,
                            const struct gate_settings *set, bool judged) {
-    const __u32 pieces = pieces_of(skb, packet);
+    const __u32 pieces = gate_pieces(packet->headers, packet->end, segment_size_of(skb, packet));
     if (!may_hold(skb, packet, set->holds_per_second, pieces)) {
         count(packet, GATE_COUNT_HOLDS_REFUSED, pieces);
         return TC_ACT_SHOT;
     }
     if (is_too_long(skb, packet, pieces)) {
-        const bool lost = !send_up(skb, packet, size_of_copy(skb, packet), false);
-        count(packet, lost ? GATE_COUNT_COPIES_LOST : GATE_COUNT_COPIES, 1);
+        send_copy(skb, packet);
         count(packet, GATE_COUNT_HELD_LONG, pieces);
         return TC_ACT_SHOT;
     }
-    struct gate_hold *of_flow = note_taken(skb, packet, judged); /* before avcore can see it */
+    struct gate_hold *of_flow =
+        note_taken(skb, packet, pieces, judged); /* before avcore can see it */
     if (send_up(skb, packet, skb->len, true)) {
         count(packet, GATE_COUNT_HELD, pieces);
         return TC_ACT_SHOT;
