@@ -21,14 +21,9 @@ void each_record(const document &wanted, uint32_t number, std::vector<command> &
         commands.push_back({number, record_bytes(record)});
 }
 
-template <auto Table>
-void counted_records(const document &wanted, uint32_t number, std::vector<command> &commands) {
-    if (!(wanted.*Table))
-        return;
-    std::string bytes = record_bytes(static_cast<int32_t>((wanted.*Table)->size()));
-    for (const auto &record : *(wanted.*Table))
-        bytes += record_bytes(record);
-    commands.push_back({number, bytes});
+void all_applications(const document &wanted, uint32_t number, std::vector<command> &commands) {
+    if (wanted.applications)
+        commands.push_back({number, applications_payload(*wanted.applications)});
 }
 
 // One command empties both UTP tables.
@@ -37,12 +32,11 @@ void flush_utps(const document &wanted, uint32_t number, std::vector<command> &c
         commands.push_back({number, {}});
 }
 
-// Without the NULs that fill the record up to its alignment.
 void each_carrier(const document &wanted, uint32_t number, std::vector<command> &commands) {
     if (!wanted.carriers)
         return;
     for (const wificalling_policy_wire &carrier : *wanted.carriers)
-        commands.push_back({number, record_bytes(carrier).substr(0, WIFICALLING_POLICY_PAYLOAD)});
+        commands.push_back({number, carrier_payload(carrier)});
 }
 
 // Each binding is deleted before it is made: an update would leave some of its fields.
@@ -68,7 +62,7 @@ struct step {
 // come behind them. Bindings, too, find their policies when they arrive. A carrier that is known is
 // only updated, so they all go first.
 constexpr step STEPS[] = {
-    {CMD_POLICY_USERDEF_CFG_REQ, counted_records<&document::applications>},
+    {CMD_POLICY_USERDEF_CFG_REQ, all_applications},
     {CMD_ARC_POLICY_FLUSH_REQ, flush<&document::policies>},
     {CMD_UTP_FLUSH_REQ, flush_utps},
     {CMD_WEB_POLICY_FLUSH_REQ, flush<&document::web_policies>},
@@ -83,6 +77,17 @@ constexpr step STEPS[] = {
 };
 
 } // namespace
+
+std::string carrier_payload(const wificalling_policy_wire &carrier) {
+    return record_bytes(carrier).substr(0, WIFICALLING_POLICY_PAYLOAD);
+}
+
+std::string applications_payload(const std::vector<userdef_app> &applications) {
+    std::string bytes = record_bytes(static_cast<int32_t>(applications.size()));
+    for (const userdef_app &each : applications)
+        bytes += record_bytes(each);
+    return bytes;
+}
 
 std::vector<command> commands_of(const document &wanted) {
     if (wanted.found.has_mistakes())

@@ -4,6 +4,7 @@
 #include "jornctl/client/client.h"
 #include "jornctl/documents/documents.h"
 
+#include <string>
 #include <vector>
 
 namespace jornctl {
@@ -13,5 +14,10 @@ namespace jornctl {
 // daemon's file follow; it is the only one of them with an answer. Throws refused for a document
 // that has mistakes.
 std::vector<command> commands_of(const document &wanted);
+
+// Payloads that aren't one record's bytes: a carrier without the NULs that fill it up to its
+// alignment, applications behind their count.
+std::string carrier_payload(const wificalling_policy_wire &carrier);
+std::string applications_payload(const std::vector<userdef_app> &applications);
 
 } // namespace jornctl

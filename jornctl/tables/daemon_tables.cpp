@@ -50,7 +50,7 @@ linked_utp made_by_policy(uint32_t id, size_t policy) {
     return made;
 }
 
-void map_search(daemon_tables &in, const std::string &side, const web_policy_wire &policy) {
+void map_search(daemon_tables &in, const search_side &side, const web_policy_wire &policy) {
     const search_addresses wanted = {
         policy.google_safe_search != 0 ? std::optional(policy.google_vip) : std::nullopt,
         policy.bing_safe_search != 0 ? std::optional(policy.bing_vip) : std::nullopt,
@@ -136,10 +136,10 @@ void take_web_policy(daemon_tables &in, const std::string &payload) {
     if (is_utp(policy.utp_id)) {
         for (const linked_web_interface &each : in.web_interfaces) {
             if (each.policy && in.web_policies[*each.policy].utp_id == policy.utp_id)
-                map_search(in, each.binding.ifname, policy);
+                map_search(in, {0, each.binding.ifname}, policy);
         }
         in.web_utps[policy.utp_id - 1] = made_by_policy(policy.utp_id, in.web_policies.size());
-        map_search(in, std::to_string(policy.utp_id), policy);
+        map_search(in, {policy.utp_id, ""}, policy);
     }
     in.web_policies.push_back(policy);
 }
@@ -152,7 +152,7 @@ void take_web_utp(daemon_tables &in, const std::string &payload) {
     const link policy = policy_of(entry, in.web_policies);
     in.web_utps[entry.id - 1] = {entry, policy};
     if (policy) {
-        map_search(in, std::to_string(entry.id), in.web_policies[*policy]);
+        map_search(in, {entry.id, ""}, in.web_policies[*policy]);
         in.web_policies[*policy].utp_id = entry.id;
     }
     in.arc_enabled = true;
@@ -182,7 +182,7 @@ void take_web_interface(daemon_tables &in, const std::string &payload) {
     const link policy = find_uuid(in.web_policies, binding.policy_uuid);
     in.web_interfaces.push_back({binding, policy});
     if (policy)
-        map_search(in, binding.ifname, in.web_policies[*policy]);
+        map_search(in, {0, binding.ifname}, in.web_policies[*policy]);
 }
 
 // Wi-Fi calling.

@@ -16,6 +16,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace jornctl {
@@ -41,6 +42,7 @@ struct linked_wificalling_interface {
 // What the search hosts of Google, Bing and YouTube resolve to for a side; nothing where they are
 // left alone.
 using search_addresses = std::array<std::optional<uint32_t>, 3>;
+using search_side = std::pair<uint32_t, std::string>; // a UTP, or 0 and an interface
 
 struct daemon_tables {
     std::vector<arc_policy_wire> policies;
@@ -53,7 +55,7 @@ struct daemon_tables {
     std::vector<linked_wificalling_interface> wificalling_interfaces;
 
     bool arc_enabled = false;
-    std::map<std::string, search_addresses> safe_search; // by interface or by the UTP's number
+    std::map<search_side, search_addresses> safe_search;
     // The tables changed, and no command has had their file follow.
     bool policy_file_behind = false;
     bool web_file_behind = false;

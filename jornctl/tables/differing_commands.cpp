@@ -43,10 +43,6 @@ private:
     bool is_open_ = false; // the last group takes more
 };
 
-std::string carrier_payload(const wificalling_policy_wire &carrier) {
-    return record_bytes(carrier).substr(0, WIFICALLING_POLICY_PAYLOAD);
-}
-
 // What belongs to ARC and the web, whose UTP tables one command empties.
 constexpr uint32_t WIFICALLING_COMMANDS[] = {
     CMD_WIFICALLING_POLICY_CFG_REQ, CMD_WIFICALLING_INTF_CFG_REQ, CMD_WIFICALLING_POLICY_FLUSH_REQ};
@@ -122,6 +118,11 @@ void send_utps(const std::optional<std::vector<utp_entry_wire>> &wanted, const d
         on.send(number, record_bytes(entry));
 }
 
+search_addresses mapped(const daemon_tables &in, const char *ifname) {
+    const auto found = in.safe_search.find({0, ifname});
+    return found != in.safe_search.end() ? found->second : search_addresses();
+}
+
 void send_web_interfaces(const document &wanted, const daemon_tables &goal, march &on) {
     if (!wanted.web_interfaces)
         return;
@@ -130,13 +131,7 @@ void send_web_interfaces(const document &wanted, const daemon_tables &goal, marc
         const linked_web_interface *const then = find_web_interface(goal, binding.ifname);
         const bool is_settled =
             now != nullptr && then != nullptr ? same_binding(*now, *then) : now == then;
-        const auto mapped = on.at().safe_search.find(binding.ifname);
-        const auto to_map = goal.safe_search.find(binding.ifname);
-        const bool is_mapped =
-            mapped != on.at().safe_search.end() && to_map != goal.safe_search.end()
-                ? mapped->second == to_map->second
-                : (mapped == on.at().safe_search.end()) == (to_map == goal.safe_search.end());
-        if (!is_settled || !is_mapped)
+        if (!is_settled || mapped(on.at(), binding.ifname) != mapped(goal, binding.ifname))
             on.send(CMD_WEB_INTF_CFG_REQ, record_bytes(binding));
     }
 }
@@ -258,13 +253,6 @@ march all_commands(const daemon_tables &from, const std::vector<command> &all,
     }
     on.end_together();
     return on;
-}
-
-std::string applications_payload(const std::vector<userdef_app> &applications) {
-    std::string bytes = record_bytes(static_cast<int32_t>(applications.size()));
-    for (const userdef_app &each : applications)
-        bytes += record_bytes(each);
-    return bytes;
 }
 
 } // namespace
