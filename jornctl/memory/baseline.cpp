@@ -110,10 +110,11 @@ baseline after_all(const baseline &before, const document &wanted) {
     baseline after = {before.tables, before.known};
     const std::vector<command> all = commands_of(wanted);
     after.tables.take(all);
+    // With their policies UTP entries lose their links, but for those that the new ones make.
     if (wanted.policies)
-        after.known |= KNOWS_POLICIES;
+        after.known |= KNOWS_POLICIES | KNOWS_UTPS;
     if (wanted.web_policies)
-        after.known |= KNOWS_WEB_POLICIES;
+        after.known |= KNOWS_WEB_POLICIES | KNOWS_WEB_UTPS;
     if (wanted.carriers)
         after.known |= KNOWS_CARRIERS;
     const bool are_utps_new = std::ranges::any_of(
@@ -165,7 +166,8 @@ void assume_unknown(baseline &seen, const daemon_tables &goal) {
     if ((seen.known & KNOWS_WEB_POLICIES) == 0) {
         for (web_policy_wire &each : seen.tables.web_policies) {
             const auto same = std::ranges::find_if(goal.web_policies, [&](const auto &other) {
-                return equals_ignoring_case(each.uuid, other.uuid);
+                return equals_ignoring_case(each.uuid, other.uuid) &&
+                       (each.uuid[0] != '\0' || field_text(each.name) == field_text(other.name));
             });
             if (same != goal.web_policies.end())
                 each.utp_id = same->utp_id;

@@ -81,6 +81,16 @@ class Documents(JudgingTest):
         self.assertEqual(self.apply(document)[0], 0)
         self.assertEqual((shown(), texts(), self.apply(document)), (listed, written, NOTHING))
 
+    def test_policies_alone_over_a_restart(self):
+        document = {"policies": [{"utp_id": i, "rules": [{"app_name": "host.example"}]}
+                                 for i in (1, 2)],
+                    "web_policies": [{"utp_id": i, "name": f"w{i}"} for i in (1, 2)], "web_interfaces": []}
+        self.apply(document)
+        self.start()
+        self.assertNotIn("~", self.diff(document)[1])
+        self.assertIn("sent 2 policies, ", self.apply(document)[1])
+        self.assertEqual(self.apply(document), NOTHING)
+
     def test_what_is_wrong(self):
         self.assertEqual(self.diff({"policies": [{}]})[0], 2)
         self.assertEqual(jornctl("diff", "/nowhere")[0], 2)
