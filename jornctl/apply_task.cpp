@@ -275,6 +275,8 @@ void print_commands(const document &wanted, const client &daemon) {
     try {
         before = learn_baseline(&daemon, SAVED_FILES_FOLDER);
     } catch (const no_daemon &) {
+    } catch (const refused &reason) { // whoever may not use the socket may see what they would send
+        complain(reason.what());
     }
     for (const command_group &group : way_to(wanted, before).groups) {
         for (const command &each : group)

@@ -10,6 +10,7 @@
 #include "jornctl/tables/document_of.h"
 
 #include <iostream>
+#include <optional>
 
 namespace jornctl {
 namespace {
@@ -43,27 +44,42 @@ int print_differences(const baseline &seen, const daemon_tables &goal, bool as_j
     return found.empty() && !is_unseen ? STATUS_DONE : STATUS_DIFFERS;
 }
 
+// Nothing, and everything said, for one that is wrong.
+std::optional<document> load_document(const std::string &file) {
+    const std::string text = read_file(file);
+    try {
+        document read = read_document(text);
+        for (const std::string &mistake : read.found.mistakes())
+            complain(std::string(file).append(": ").append(mistake));
+        return read.found.has_mistakes() ? std::nullopt : std::optional(std::move(read));
+    } catch (const refused &reason) {
+        throw refused(file + ": " + reason.what());
+    }
+}
+
 } // namespace
 
 int show_differences(const std::string &file, bool as_json, const client &daemon) {
     try {
-        const document wanted = read_document(read_file(file));
-        for (const std::string &mistake : wanted.found.mistakes())
-            complain(std::string(file).append(": ").append(mistake));
-        if (wanted.found.has_mistakes())
+        const std::optional<document> wanted = load_document(file);
+        if (!wanted)
             return STATUS_NOT_COMPARED;
         baseline seen = learn_baseline(&daemon, SAVED_FILES_FOLDER);
+        if (!seen.are_files_read)
+            return STATUS_NOT_COMPARED;
         if (!seen.is_whole())
-            assume_unknown(seen, after_all(seen, wanted).tables);
-        return print_differences(seen, after_all(seen, wanted).tables, as_json);
+            assume_unknown(seen, after_all(seen, *wanted).tables);
+        return print_differences(seen, after_all(seen, *wanted).tables, as_json);
     } catch (const refused &reason) {
-        complain(std::string(file).append(": ").append(reason.what()));
+        complain(reason.what());
         return STATUS_NOT_COMPARED;
     }
 }
 
 int export_document(const client *daemon) {
     const baseline seen = learn_baseline(daemon, SAVED_FILES_FOLDER);
+    if (!seen.are_files_read) // an empty document would be taken for what is in force
+        return STATUS_REFUSED;
     const std::string text = to_text(document_words(document_of(seen.tables)));
     std::cout << printable(text, "\n");
     const document again = read_document(text);

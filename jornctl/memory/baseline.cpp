@@ -88,6 +88,7 @@ baseline learn_baseline(const client *daemon, const std::string &folder) {
         seen.tables = tables_in_files(folder);
     } catch (const refused &reason) {
         complain(reason.what());
+        seen.are_files_read = false;
         return seen;
     }
     daemon_tables &tables = seen.tables;

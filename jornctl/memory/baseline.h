@@ -27,6 +27,7 @@ struct baseline {
     daemon_tables tables;
     uint8_t known = 0;          // tables of which nothing is unknown
     bool is_remembered = false; // by the last apply
+    bool are_files_read = true; // else nothing of the tables is known
 
     bool is_whole() const { return known == KNOWS_ALL; }
     // What isn't known, in words.
@@ -34,7 +35,8 @@ struct baseline {
 };
 
 // Asks nothing of a daemon that isn't given. Why the last apply's memory isn't used, where there is
-// one, is said on standard error, and what is in the way of files. Throws no_daemon.
+// one, is said on standard error, and why a file can't be read. Throws no_daemon, and refused for
+// listings that can't be read.
 baseline learn_baseline(const client *daemon, const std::string &folder);
 
 // What is known of the tables once all of the document's commands are sent.

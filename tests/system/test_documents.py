@@ -93,7 +93,11 @@ class Documents(JudgingTest):
 
     def test_what_is_wrong(self):
         self.assertEqual(self.diff({"policies": [{}]})[0], 2)
-        self.assertEqual(jornctl("diff", "/nowhere")[0], 2)
+        self.assertEqual(jornctl("diff", "/nowhere")[::2],
+                         (2, "jornctl: /nowhere: can't be opened: No such file or directory\n"))
+        os.mkdir(f"{FOLDER}/{FILES[0]}")  # nobody can read it
+        self.assertEqual((self.diff(example())[0], jornctl("export")[:2]), (2, (1, "")))
+        os.rmdir(f"{FOLDER}/{FILES[0]}")
         self.jorn.stop()
         for arguments in (("diff", EXAMPLE), ("export",)):
             self.assertEqual(jornctl(*arguments)[0], 2)
