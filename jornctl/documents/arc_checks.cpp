@@ -1,18 +1,10 @@
 #include "jornctl/documents/table_checks.h"
 
-#include "control/lines/arc_lines.h"
 #include "jornctl/documents/name_checks.h"
-
-#include <array>
+#include "jornctl/fields/arc_fields.h"
 
 namespace jornctl {
 namespace {
-
-bool fits_file(const arc_policy_wire &policy) {
-    std::array<char, ARC_BLOCK_LIMIT> block;
-    size_t length = 0;
-    return jorn_format_arc_policy(block.data(), &policy, &length, block.size()) == 0;
-}
 
 // Whether a flow that the later rule fits always fits the earlier one. Rules without a name
 // couldn't be read.
@@ -80,7 +72,7 @@ void warn_of_policy(const arc_policy_wire &policy, size_t index, const platform_
     if (policy.rules[0].app_name[0] == '\0')
         read.found.warning(place("policies", index),
                            "has no rules, so a restart of the daemon loses it");
-    else if (!fits_file(policy))
+    else if (!fits_policy_file(policy))
         read.found.warning(place("policies", index), "too much text for the daemon's file, so a "
                                                      "restart of the daemon loses it");
 }

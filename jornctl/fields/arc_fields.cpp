@@ -6,6 +6,12 @@ std::string policy_file_separators() {
     return {ARC_RULE_LINE.split.separator, USERDEF_LINE.split.separator};
 }
 
+bool fits_policy_file(const arc_policy_wire &policy) {
+    std::array<char, ARC_BLOCK_LIMIT> block;
+    size_t length = 0;
+    return jorn_format_arc_policy(block.data(), &policy, &length, block.size()) == 0;
+}
+
 void qos_bits::read(const node &from, uint8_t &to) {
     qos_settings read;
     record<QOS_FIELDS>::read(from, read);

@@ -13,6 +13,8 @@ namespace jornctl {
 std::string policy_file_separators();
 inline constexpr std::string_view POLICY_FILE_MARKERS[] = {ARC_BLOCK_END, USERDEFS_END};
 inline constexpr file_format POLICY_FILE = {policy_file_separators, POLICY_FILE_MARKERS, true};
+// Whether it has room for all of the policy's text. A policy that it hasn't isn't in it.
+bool fits_policy_file(const arc_policy_wire &policy);
 
 inline constexpr auto MARK_KINDS = numbered(ARC_MARK_KINDS);
 inline constexpr auto TRAFFIC_TYPES = numbered(ARC_TRAFFIC_TYPES);

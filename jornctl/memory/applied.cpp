@@ -125,7 +125,8 @@ void forget_applied(const std::string &folder) {
 
 apply_lock::apply_lock(const std::string &folder)
     : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    for (auto left = PATIENCE; folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0;
+    for (auto left = PATIENCE;
+         folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
          left -= PAUSE) {
         if (left <= PAUSE)
             throw refused("another jornctl has been applying a document for too long");

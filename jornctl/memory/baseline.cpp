@@ -26,7 +26,7 @@ std::string outdated(const applied &memory, const daemon_tables &tables, const c
                      const std::string &folder) {
     const pid_t pid = daemon != nullptr ? daemon->listener() : memory.daemon.pid;
     if (start_of(pid) != memory.daemon)
-        return "the daemon was started since";
+        return daemon != nullptr ? "the daemon was started since" : "the daemon has ended since";
     const file_hashes hashes = hash_saved_files(folder);
     for (const auto &[name, hash] : hashes) {
         const auto known = memory.files.find(name);
@@ -52,13 +52,24 @@ std::optional<baseline> remembered(const client *daemon, const std::string &fold
         const std::string reason = outdated(*memory, tables, daemon, folder);
         if (reason.empty()) {
             tables.wificalling_file_behind = is_wificalling_file_behind(tables, folder);
-            return baseline{std::move(tables), KNOWS_ALL, true};
+            return baseline{.tables = std::move(tables),
+                            .known = KNOWS_ALL,
+                            .is_remembered = true,
+                            .daemon = memory->daemon};
         }
         complain(reason + NOT_USED);
     } catch (const refused &reason) {
         complain(reason.what() + std::string(NOT_USED));
     }
     return std::nullopt;
+}
+
+// What isn't as it was sent, or nothing.
+std::string spoiled(const daemon_tables &tables, const client &daemon, const std::string &folder) {
+    std::string other = contradiction(tables, daemon);
+    if (other.empty() && !are_saved(tables, folder))
+        other = "the saved files";
+    return other;
 }
 
 } // namespace
@@ -84,6 +95,8 @@ baseline learn_baseline(const client *daemon, const std::string &folder) {
     if (std::optional<baseline> kept = remembered(daemon, folder))
         return *kept;
     baseline seen;
+    if (daemon != nullptr)
+        seen.daemon = start_of(daemon->listener());
     try {
         seen.tables = tables_in_files(folder);
     } catch (const refused &reason) {
@@ -108,7 +121,7 @@ baseline learn_baseline(const client *daemon, const std::string &folder) {
 }
 
 baseline after_all(const baseline &before, const document &wanted) {
-    baseline after = {before.tables, before.known};
+    baseline after = {.tables = before.tables, .known = before.known, .daemon = before.daemon};
     const std::vector<command> all = commands_of(wanted);
     after.tables.take(all);
     // With their policies UTP entries lose their links, but for those that the new ones make.
@@ -132,24 +145,22 @@ baseline after_all(const baseline &before, const document &wanted) {
 }
 
 void remember(const baseline &left, const client &daemon, const std::string &folder) {
-    if (!left.is_whole())
-        return;
-    const std::string other = contradiction(left.tables, daemon);
-    if (!other.empty()) {
-        complain("warning: " + other +
-                 " aren't what was sent: somebody else sends, too, or the daemon refused it, which "
-                 "its log says");
+    const std::optional<process_start> start = start_of(daemon.listener());
+    if (start != left.daemon) {
+        complain("warning: the daemon was started meanwhile and may have only a part; apply again");
         return;
     }
-    const document said = document_of(left.tables);
-    const document again = read_document(to_text(document_words(said)));
-    if (again.found.has_mistakes() || !says_all(again, left.tables))
-        return;
-    const std::optional<process_start> start = start_of(daemon.listener());
-    if (!start)
+    if (!left.is_whole() || !start)
         return;
     try {
-        write_applied(folder, {*start, hash_saved_files(folder), again});
+        const std::string other = spoiled(left.tables, daemon, folder);
+        const document again = read_document(to_text(document_words(document_of(left.tables))));
+        if (!other.empty())
+            complain("warning: " + other +
+                     " aren't what was sent: somebody else sends, too, or the daemon refused it or "
+                     "couldn't write it, which its log says");
+        else if (!again.found.has_mistakes() && says_all(again, left.tables))
+            write_applied(folder, {*start, hash_saved_files(folder), again});
     } catch (const refused &reason) {
         complain(std::string("warning: what was applied isn't remembered: ") + reason.what());
     }

@@ -4,6 +4,7 @@
 
 #include "jornctl/client/client.h"
 #include "jornctl/documents/documents.h"
+#include "jornctl/memory/applied.h"
 #include "jornctl/tables/daemon_tables.h"
 
 #include <optional>
@@ -25,9 +26,10 @@ enum table_bit : uint8_t {
 
 struct baseline {
     daemon_tables tables;
-    uint8_t known = 0;          // tables of which nothing is unknown
-    bool is_remembered = false; // by the last apply
-    bool are_files_read = true; // else nothing of the tables is known
+    uint8_t known = 0;                        // tables of which nothing is unknown
+    bool is_remembered = false;               // by the last apply
+    bool are_files_read = true;               // else nothing of the tables is known
+    std::optional<process_start> daemon = {}; // whose they are
 
     bool is_whole() const { return known == KNOWS_ALL; }
     // What isn't known, in words.
@@ -42,8 +44,9 @@ baseline learn_baseline(const client *daemon, const std::string &folder);
 // What is known of the tables once all of the document's commands are sent.
 baseline after_all(const baseline &before, const document &wanted);
 
-// Keeps what a complete apply has left, where it is whole, the listings agree and a document can
-// say it. Why it isn't kept is said on standard error where that is odd.
+// Keeps what a complete apply has left, where it is whole, the daemon is still the same one, its
+// listings and files agree, and a document can say it. Why it isn't kept is said on standard error
+// where that is odd.
 void remember(const baseline &left, const client &daemon, const std::string &folder);
 
 // Fits what was seen of policies to those that the document would make, in the parts that can't be

@@ -4,12 +4,14 @@
 #include "control/records/commands.h"
 #include "core/text/text.h"
 #include "jornctl/base/files.h"
+#include "jornctl/fields/arc_fields.h"
 #include "userapps/lines/userdef_line.h"
 #include "webfilter/lines/web_lines.h"
 #include "wificalling/lines/wificalling_lines.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <span>
 #include <utility>
 
@@ -187,6 +189,29 @@ void read_rows(std::string_view text, std::span<const file_row> rows, reading_st
     }
 }
 
+// What files hold of the tables: no links, no names and uuids of ARC policies, none without rules.
+daemon_tables savable(daemon_tables of) {
+    std::erase_if(of.policies, [](const arc_policy_wire &each) {
+        return !is_written(each.rules[0]) || !fits_policy_file(each);
+    });
+    for (arc_policy_wire &each : of.policies) {
+        copy_text(each.name, "");
+        copy_text(each.uuid, "");
+    }
+    of.utps = of.web_utps = {};
+    of.arc_enabled = false;
+    of.safe_search.clear();
+    for (web_policy_wire &each : of.web_policies)
+        each.utp_id = 0;
+    for (linked_web_interface &each : of.web_interfaces)
+        each.policy.reset();
+    for (linked_wificalling_interface &each : of.wificalling_interfaces) {
+        each.carriers = {};
+        memset(each.binding.profile_alt, 0, sizeof each.binding.profile_alt);
+    }
+    return of;
+}
+
 } // namespace
 
 file_hashes hash_saved_files(const std::string &folder) {
@@ -205,6 +230,13 @@ daemon_tables tables_in_files(const std::string &folder) {
             read_rows(*content, each.rows, state);
     }
     return std::move(state.tables);
+}
+
+bool are_saved(const daemon_tables &tables, const std::string &folder) {
+    const daemon_tables held = savable(tables_in_files(folder));
+    const daemon_tables wanted = savable(tables);
+    return same_arc(held, wanted) && same_applications(held, wanted) && same_web(held, wanted) &&
+           (tables.wificalling_file_behind || same_wificalling(held, wanted));
 }
 
 } // namespace jornctl

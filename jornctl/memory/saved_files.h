@@ -19,4 +19,8 @@ file_hashes hash_saved_files(const std::string &folder);
 // What the daemon restores from them at its start. Throws refused where one can't be read.
 daemon_tables tables_in_files(const std::string &folder);
 
+// Whether the files hold what they can of the tables, and nothing else. They don't on a full disk,
+// nor where somebody else has sent something. Throws refused where one can't be read.
+bool are_saved(const daemon_tables &tables, const std::string &folder);
+
 } // namespace jornctl

@@ -187,27 +187,72 @@ class Documents(JudgingTest):
             self.assertEqual(self.apply(document), NOTHING)
         self.assertGreater(broken, 0)
 
-    def test_a_daemon_that_dies(self):
-        document = {"web_policies": [{"uuid": f"u{i}", "utp_id": 1 + i % 64} for i in range(64)] +
-                    [{"uuid": f"v{i}"} for i in range(300)], "web_interfaces": []}
+    def begin(self, document, file, mark):
+        """An apply of the document, once the mark is in the daemon's file."""
         process = subprocess.Popen([jorn_path("jornctl"), "apply", "-"], stdin=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True)
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         process.stdin.write(json.dumps(document))
         process.stdin.close()
 
         def is_begun():
             with contextlib.suppress(FileNotFoundError):  # it is written anew each time
-                return "u60;" in read_file(f"{FOLDER}/{FILES[1]}")
+                return mark in read_file(f"{FOLDER}/{file}")
         wait_until(is_begun)
-        self.jorn.kill()
+        return process
+
+    def end(self, process):
+        """What it said."""
         said = process.stderr.read()
-        self.assertEqual(process.wait(), 2)
+        process.wait()
         process.stderr.close()
-        self.assertRegex(said, r"the tables are half made \(\d+ of 365 commands sent\), apply again\n$")
+        return said
+
+    def kill_daemon(self):
+        self.jorn.kill()
         self.jorn = None
+
+    def test_a_daemon_that_dies(self):
+        document = {"web_policies": [{"uuid": f"u{i}", "utp_id": 1 + i % 64} for i in range(64)] +
+                    [{"uuid": f"v{i}"} for i in range(300)], "web_interfaces": []}
+        process = self.begin(document, FILES[1], "u60;")
+        self.kill_daemon()
+        self.assertRegex(self.end(process),
+                         r"the tables are half made \(\d+ of 365 commands sent\), apply again\n$")
+        self.assertEqual(process.returncode, 2)
         self.start()
         self.assertEqual(self.apply(document)[:2], (0, "sent 364 web policies, 0 web interfaces\n"))
         self.assertEqual(read_file(f"{FOLDER}/{FILES[1]}").count("[policy]"), 364)
+
+    def test_a_daemon_that_is_started_anew_meanwhile(self):
+        document = {"policies": [{"utp_id": i, "uuid": f"u{i}", "rules": [{"app_name": f"host{i}.example"}]}
+                                 for i in range(1, 64)]}
+        process = self.begin(document, FILES[0], "host20.")
+        process.send_signal(signal.SIGSTOP)
+        self.kill_daemon()
+        self.start()
+        process.send_signal(signal.SIGCONT)
+        # It notices at once where a command was on its way.
+        self.assertRegex(self.end(process), r"half made \(\d+ of|was started meanwhile")
+        self.assertEqual(self.apply(document)[:2], (0, "sent 63 policies\n"))
+
+    def test_a_full_disk(self):
+        document = {"policies": [{"utp_id": i, "rules": [{"app_name": f"host{j:02}.example"}
+                                                          for j in range(20)]}
+                                 for i in range(1, 11)], "web_policies": [], "web_interfaces": []}
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", FOLDER], check=True)
+        self.addCleanup(subprocess.run, ["umount", FOLDER])
+        for i in range(200):
+            command(WEB_POLICY, web_policy(f"u{i}", white=["x" * 60] * 6))
+        with contextlib.suppress(OSError), open(f"{FOLDER}/else", "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(4096))
+        # The flushed web policies make room for what is remembered, but not before it is needed.
+        status, said, complaints = self.apply(document)
+        self.assertEqual((status, complaints.count("the saved files aren't what was sent")), (0, 1), complaints)
+        os.unlink(f"{FOLDER}/else")
+        self.assertEqual(self.apply(document), (0, said, complaints.partition("jornctl: warning: the saved")[0]))
+        self.assertEqual((read_file(f"{FOLDER}/{FILES[0]}").count("[policy]"), self.apply(document)),
+                         (10, NOTHING))
 
     def test_two_at_once(self):
         documents = [example(), example()]

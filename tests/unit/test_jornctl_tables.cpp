@@ -307,27 +307,6 @@ std::string said(const texts &all) {
     return text;
 }
 
-// What the files hold of the tables.
-bool is_read_back(daemon_tables tables, daemon_tables read) {
-    for (daemon_tables *each : {&tables, &read}) {
-        each->utps = each->web_utps = {};
-        each->safe_search.clear();
-        each->arc_enabled = false;
-        for (arc_policy_wire &policy : each->policies) {
-            copy_text(policy.name, "");
-            copy_text(policy.uuid, "");
-        }
-        for (web_policy_wire &policy : each->web_policies)
-            policy.utp_id = 0;
-        for (linked_web_interface &bound : each->web_interfaces)
-            bound.policy.reset();
-        for (linked_wificalling_interface &bound : each->wificalling_interfaces)
-            bound.carriers = {};
-    }
-    return same_arc(tables, read) && same_applications(tables, read) && same_web(tables, read) &&
-           (tables.wificalling_file_behind || same_wificalling(tables, read));
-}
-
 TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
     fresh_state();
     author writes;
@@ -358,7 +337,7 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
             << i;
         before = now;
         tables = taken.end;
-        EXPECT_TRUE(is_read_back(tables, tables_in_files(shorter.folder()))) << i;
+        EXPECT_TRUE(are_saved(tables, shorter.folder())) << i;
 
         const document kept = document_of(tables);
         if (i % 3 != 0 || !says_all(kept, tables))
