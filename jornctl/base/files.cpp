@@ -13,6 +13,7 @@ namespace jornctl {
 namespace {
 
 constexpr size_t READ_MAX = 16'777'216;
+constexpr std::string_view UNIQUE = "XXXXXX"; // of mkostemp, which fills it in
 
 [[noreturn]] void fail(const std::string &path, const char *what, int error) {
     throw refused(path + ": " + what + ": " + strerror(error));
@@ -32,7 +33,7 @@ void write_all(int fd, std::string_view bytes, const std::string &path) {
 // A file of a name that nobody else has, gone again unless it was renamed.
 class temporary_file {
 public:
-    explicit temporary_file(const std::string &target) : path_(target + ".XXXXXX") {
+    explicit temporary_file(const std::string &target) : path_(target + '.' + std::string(UNIQUE)) {
         fd_ = unique_fd(mkostemp(path_.data(), O_CLOEXEC));
         if (!fd_.valid())
             fail(path_, "can't be made", errno);
@@ -132,6 +133,18 @@ void replace_file(const std::filesystem::path &target, std::string_view bytes, m
     const unique_fd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir.valid() || fsync(dir.get()) != 0)
         fail(directory, "can't be written", errno);
+}
+
+void forget_unfinished(const std::filesystem::path &target) {
+    const std::string begin = target.filename().string() + '.';
+    std::error_code error;
+    std::error_code not_removed;
+    for (std::filesystem::directory_iterator at(target.parent_path(), error), end;
+         !error && at != end; at.increment(error)) {
+        const std::string name = at->path().filename();
+        if (name.starts_with(begin) && name.size() == begin.size() + UNIQUE.size())
+            std::filesystem::remove(at->path(), not_removed);
+    }
 }
 
 } // namespace jornctl

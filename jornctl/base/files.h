@@ -18,6 +18,9 @@ std::string read_file(const std::string &path);
 // nothing is left beside the target.
 void replace_file(const std::filesystem::path &target, std::string_view bytes, mode_t mode = 0644);
 
+// Removes what a replacement of `target` that was killed has left beside it, as far as that can be.
+void forget_unfinished(const std::filesystem::path &target);
+
 // The bytes of a file that may be missing. Throws refused, as read_file does, and for what isn't a
 // regular file.
 std::optional<std::string> read_regular_file(const std::string &path);

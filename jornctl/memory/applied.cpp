@@ -119,14 +119,16 @@ void write_applied(const std::string &folder, const applied &made) {
 
 void forget_applied(const std::string &folder) {
     const std::string path = path_in(folder);
+    forget_unfinished(path);
     if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR)
         throw refused(path + ": can't be removed: " + strerror(errno));
 }
 
 apply_lock::apply_lock(const std::string &folder)
-    : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    : file_(open((folder + "/apply.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                 S_IRUSR | S_IWUSR)) {
     for (auto left = PATIENCE;
-         folder_.valid() && flock(folder_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+         file_.valid() && flock(file_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
          left -= PAUSE) {
         if (left <= PAUSE)
             throw refused("another jornctl has been applying a document for too long");

@@ -38,16 +38,18 @@ struct applied {
 std::optional<applied> read_applied(const std::string &folder);
 // Throws refused; then none is left.
 void write_applied(const std::string &folder, const applied &made);
+// What a killed one has left unfinished beside it goes, too: to be called under the lock.
 void forget_applied(const std::string &folder);
 
 // While it lives, no other apply of this machine sends anything. Waits for one that does; throws
-// refused where it takes too long. Where there is no folder yet, there is nothing to keep apart.
+// refused where it takes too long. Where there is no folder yet, there is nothing to keep apart. It
+// is of a file of its own, apply.lock (mode 0600): who may read the folder can't lock it.
 class apply_lock {
 public:
     explicit apply_lock(const std::string &folder);
 
 private:
-    unique_fd folder_;
+    unique_fd file_;
 };
 
 } // namespace jornctl

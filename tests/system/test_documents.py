@@ -173,6 +173,7 @@ class Documents(JudgingTest):
         self.apply(first)
         takes = time.monotonic() - began
         broken = 0
+        write_file(f"{APPLIED}.abcdef", "{")  # of one that was killed as it wrote
         for i in range(30):
             document = (second, first)[i % 2]
             process = subprocess.Popen([jorn_path("jornctl"), "apply", "-"], stdin=subprocess.PIPE,
@@ -186,6 +187,7 @@ class Documents(JudgingTest):
             self.assertEqual((texts(), shown()), wanted[(i + 1) % 2])
             self.assertEqual(self.apply(document), NOTHING)
         self.assertGreater(broken, 0)
+        self.assertFalse([name for name in os.listdir(FOLDER) if name.startswith("applied.json.")])
 
     def begin(self, document, file, mark):
         """An apply of the document, once the mark is in the daemon's file."""
