@@ -31,6 +31,10 @@ std::span<const std::byte> bytes_of(const Record *record) {
     return std::as_bytes(std::span(record, 1));
 }
 
+std::string mapping_of(const char *ifname, const char *host, uint32_t utp_id) {
+    return std::to_string(utp_id) + ' ' + (ifname != nullptr ? ifname : "") + ' ' + host;
+}
+
 // What an operation returns that is handed these texts and records.
 template <typename... Handed>
 int done(const Handed &...handed) {
@@ -169,13 +173,15 @@ int psms_rflow_set_app(const flow_key *key, const av_qos *action, const char *na
 }
 
 int psms_dnsspoof_del_dn_ip_map_for_safesearch(const char *ifname, const char *host, int,
-                                               uint32_t) {
+                                               uint32_t utp_id) {
+    platform.safe_search.erase(mapping_of(ifname, host, utp_id));
     return done(ifname, host);
 }
 
 int psms_dnsspoof_add_dn_ip_map_for_safesearch(const char *ifname, const char *host,
                                                const uint32_t *address_be, int, int, int, int,
-                                               uint32_t) {
+                                               uint32_t utp_id) {
+    platform.safe_search[mapping_of(ifname, host, utp_id)] = *address_be;
     return done(ifname, host, bytes_of(address_be));
 }
 

@@ -23,7 +23,8 @@ struct fake_platform {
     uint64_t verdicts = 0;
     uint32_t last_verdict = 0;
 
-    std::map<std::string, int> avc_enable; // by interface; of the others 0
+    std::map<std::string, int> avc_enable;       // by interface; of the others 0
+    std::map<std::string, uint32_t> safe_search; // addresses by UTP, interface and host
     std::string base_mac = "00:1A:2B:3C:4D:5E";
     std::map<uint32_t, fake_dns_answer> dns; // by address in network byte order; others: no name
 

@@ -30,7 +30,7 @@ namespace {
 constexpr unsigned SEED = 20261126;
 constexpr int DOCUMENTS = 2'000;
 const std::vector<uint32_t> IDS = {1, 2, 3, 64};
-const std::vector<std::string> INTERFACES = {"wlan0", "wlan1", "Wlan1"};
+const std::vector<std::string> INTERFACES = {"2", "wlan1", "Wlan1"}; // a UTP has the first's name
 const std::vector<std::string> NAMES = {"one.example", "two.example", "tor"};
 
 // The text with its parts behind the first one in order; each begins with the marker. The order of
@@ -95,6 +95,9 @@ public:
              {"jorn_config.txt", "web_filter_config.txt", "wificalling_config.txt"})
             all[name] = in_order(folder_.read(name), "[intfcfg]", "\n");
         all["verdicts"] = verdicts();
+        std::string &mapped = all["safe search"];
+        for (const auto &[side, address_be] : platform.safe_search)
+            mapped += side + ' ' + std::to_string(address_be) + '\n';
         leave();
         return all;
     }
@@ -103,6 +106,7 @@ private:
     void enter() {
         std::swap(*state_, jorn_state);
         std::swap(settings_, jorn_settings);
+        std::swap(safe_search_, platform.safe_search);
         folder_.use();
         silence_log();
         jorn_settings.tm_engine_enabled = 1;
@@ -110,6 +114,7 @@ private:
     void leave() {
         std::swap(*state_, jorn_state);
         std::swap(settings_, jorn_settings);
+        std::swap(safe_search_, platform.safe_search);
     }
 
     static std::string answer_to(const command &sent) {
@@ -158,6 +163,7 @@ private:
     saved_folder folder_;
     std::unique_ptr<daemon_state> state_ = std::make_unique<daemon_state>();
     daemon_settings settings_ = {};
+    std::map<std::string, uint32_t> safe_search_;
 };
 
 // Documents of few names, so that they meet.
@@ -333,7 +339,8 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
         without_any += few.empty();
         // What the listings show otherwise is said.
         EXPECT_TRUE(now == before || !differences(tables, taken.end).empty() ||
-                    tables.wificalling_file_behind || tables.arc_enabled != taken.end.arc_enabled)
+                    tables.wificalling_file_behind || tables.arc_enabled != taken.end.arc_enabled ||
+                    tables.safe_search != taken.end.safe_search)
             << i;
         before = now;
         tables = taken.end;
@@ -345,6 +352,7 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
         daemon_in_turn empty;
         empty.send(commands_of(kept));
         texts again = empty.shown();
+        again["safe search"] = shown.at("safe search"); // it outlives what it was made for
         if (tables.wificalling_file_behind)
             again["wificalling_config.txt"] = shown.at("wificalling_config.txt");
         ASSERT_EQ(said(again), now) << "document " << i;
@@ -355,6 +363,29 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
     EXPECT_LT(sent_shorter * 3, sent_whole * 2);
     EXPECT_GT(without_any, 20u);
     EXPECT_GT(exported, 50u);
+}
+
+// A new policy gets the interfaces of the one that had its UTP, until their bindings are set again.
+TEST(JornctlTables, SafeSearchStaysABindingsOwn) {
+    fresh_state();
+    daemon_in_turn whole;
+    daemon_in_turn shorter;
+    daemon_tables tables;
+    for (const char *text :
+         {R"({"web_policies": [{"uuid": "p", "utp_id": 1}], "web_utps": [{"id": 2, "uuid": "p"}],
+              "web_interfaces": [{"ifname": "2", "policy_uuid": "p"}]})",
+          R"({"web_policies": [{"uuid": "p", "utp_id": 1}, {"uuid": "q", "utp_id": 2,
+                                "google_safe_search": true, "google_vip": "203.0.113.1"}],
+              "web_utps": [{"id": 1, "uuid": "p"}],
+              "web_interfaces": [{"ifname": "2", "policy_uuid": "p"}]})"}) {
+        const document wanted = read_document(text);
+        whole.send(commands_of(wanted));
+        const way taken = shortest_way(tables, wanted);
+        shorter.send(all_of(taken));
+        tables = taken.end;
+        EXPECT_EQ(said(shorter.shown()), said(whole.shown()));
+    }
+    EXPECT_EQ(tables.safe_search.size(), 1u);
 }
 
 } // namespace
