@@ -9,15 +9,14 @@
 #include "jornctl/client/apply.h"
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
+#include "jornctl/client/sending.h"
 #include "jornctl/memory/applied.h"
 #include "jornctl/memory/baseline.h"
 #include "jornctl/tables/differing_commands.h"
 #include "shared/counted.h"
 
 #include <algorithm>
-#include <array>
 #include <iostream>
-#include <span>
 
 namespace jornctl {
 namespace {
@@ -182,75 +181,6 @@ std::optional<document> load_document(const apply_settings &wanted, const client
         return read;
     } catch (const refused &reason) {
         throw refused(wanted.file + ": " + reason.what());
-    }
-}
-
-size_t count_of(const std::vector<command_group> &groups) {
-    size_t count = 0;
-    for (const command_group &group : groups)
-        count += group.size();
-    return count;
-}
-
-void send_one(const command &sent, const client &daemon) {
-    const std::string reply = daemon.send(sent);
-    if (sent.number == CMD_WRITE_CFG_REQ)
-        check_answer(reply, CMD_WRITE_CFG_REQ);
-}
-
-// Sent twice they leave what they leave when sent once: each record comes into an emptied list.
-bool are_repeatable(std::span<const command> sent) {
-    constexpr struct {
-        uint32_t record;
-        std::array<uint32_t, 2> flushes;
-    } lists[] = {
-        {CMD_ARC_POLICY_CFG_REQ, {CMD_POLICY_CLEAN, CMD_ARC_POLICY_FLUSH_REQ}},
-        {CMD_WEB_POLICY_CFG_REQ, {CMD_WEB_POLICY_FLUSH_REQ, CMD_WEB_POLICY_FLUSH_REQ}},
-        {CMD_WIFICALLING_POLICY_CFG_REQ,
-         {CMD_WIFICALLING_POLICY_FLUSH_REQ, CMD_WIFICALLING_POLICY_FLUSH_REQ}},
-    };
-    return std::ranges::all_of(lists, [&](const auto &list) {
-        const auto record = std::ranges::find(sent, list.record, &command::number);
-        return record == sent.end() ||
-               std::ranges::find_first_of(sent.begin(), record, list.flushes.begin(),
-                                          list.flushes.end(), {}, &command::number) != record;
-    });
-}
-
-struct progress {
-    size_t sent = 0;
-    bool is_begun = false; // some may have been taken
-};
-
-// The first few go together where they may.
-void send_group(const command_group &group, const client &daemon, progress &so_far) {
-    const std::vector<command> first(
-        group.begin(),
-        group.begin() + static_cast<std::ptrdiff_t>(std::min(group.size(), COMMANDS_TOGETHER)));
-    size_t done = 0;
-    if (first.size() > 1 && are_repeatable(first)) {
-        done = daemon.send_together(first) ? first.size() : 0;
-        so_far.is_begun = true;
-    }
-    so_far.sent += done;
-    for (; done < group.size(); ++done) {
-        send_one(group[done], daemon);
-        so_far.is_begun = true;
-        ++so_far.sent;
-    }
-}
-
-void send_all(const std::vector<command_group> &groups, const client &daemon) {
-    progress so_far;
-    try {
-        for (const command_group &group : groups)
-            send_group(group, daemon, so_far);
-    } catch (const no_daemon &reason) {
-        if (!so_far.is_begun)
-            throw;
-        throw no_daemon(reason.what() + std::string("; the tables are half made (") +
-                        std::to_string(so_far.sent) + " of " + std::to_string(count_of(groups)) +
-                        " commands sent), apply again");
     }
 }
 

@@ -4,16 +4,13 @@
 // all the commands of the document lead to, else they all are sent.
 #pragma once
 
+#include "jornctl/client/sending.h"
 #include "jornctl/documents/documents.h"
 #include "jornctl/tables/daemon_tables.h"
 
 #include <vector>
 
 namespace jornctl {
-
-// Commands that the daemon should take between two packets: before their last one something is
-// missing that packets need.
-using command_group = std::vector<command>;
 
 struct way {
     std::vector<command_group> groups; // in their order
