@@ -12,6 +12,9 @@ using nlohmann::json;
 constexpr size_t SHOWN_VALUE_MAX = 60;
 // Several times what a document needs: the library recurses where it writes and releases values.
 constexpr size_t DEPTH_MAX = 64;
+// Many times what a document needs: a value takes far more memory than its text.
+constexpr size_t VALUES_MAX = 1'000'000;
+constexpr size_t KEY_MAX = 1'000; // each mistake below it holds it
 
 // What the library's message says, without its own name for the exception before it.
 std::string reason_of(const json::exception &error) {
@@ -39,8 +42,10 @@ public:
     bool end_array() override { return close(); }
 
     bool key(string_t &name) override {
+        if (name.size() > KEY_MAX)
+            throw refused("has a key of " + std::to_string(name.size()) + " bytes");
         open_.back().place = name;
-        if (open_.back().keys.insert(name).second)
+        if (open_.back().keys.insert(name).second || found_.is_full())
             return true;
         json::json_pointer path;
         for (const level &each : open_)
@@ -63,6 +68,8 @@ private:
     };
 
     bool enter_value() {
+        if (++values_ > VALUES_MAX)
+            throw refused("has more than " + std::to_string(VALUES_MAX) + " values");
         if (!open_.empty() && open_.back().is_array)
             open_.back().place = std::to_string(open_.back().elements++);
         return true;
@@ -83,6 +90,7 @@ private:
 
     findings &found_;
     std::vector<level> open_;
+    size_t values_ = 0;
 };
 
 // To the library a NUL is the end of the text, whatever stands behind it.

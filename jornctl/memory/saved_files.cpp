@@ -115,8 +115,10 @@ void end_carrier(std::string_view, reading_state &state) {
 void read_wificalling_interface(std::string_view line, reading_state &state) {
     wificalling_intf_wire binding = {};
     read_line(line, WIFICALLING_INTF_LINE, binding);
-    if (find_wificalling_interface(state.tables, binding.ifname) == nullptr)
-        state.tables.wificalling_interfaces.push_back({binding, {}});
+    auto &all = state.tables.wificalling_interfaces;
+    if (all.size() < WIFICALLING_INTFS_MAX &&
+        find_wificalling_interface(state.tables, binding.ifname) == nullptr)
+        all.push_back({binding, {}});
     state.tables.take({CMD_WIFICALLING_INTF_CFG_REQ, record_bytes(binding)});
 }
 

@@ -102,6 +102,11 @@ class Documents(JudgingTest):
         for arguments in (("diff", EXAMPLE), ("export",)):
             self.assertEqual(jornctl(*arguments)[0], 2)
         self.assertEqual(jornctl("export", "--check")[0], 0)
+        # No more than the daemon takes of it.
+        write_file(f"{FOLDER}/{FILES[2]}", "[wificallingPolicy]\n[wificallingPolicy end]\n[intfcfg]\n" +
+                   "".join(f"w{i};1;0;1;c;\n" for i in range(1100)))
+        exported = json.loads(jornctl("export", "--check")[1])
+        self.assertEqual(len(exported["wificalling_interfaces"]), 1024)
 
     def test_somebody_else_in_between(self):
         document = example()

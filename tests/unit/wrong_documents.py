@@ -50,6 +50,8 @@ WRONG = [
     ('{"policies": [{"utp_id": 1e999}]}', "number overflow", ""),
     ("[" * 100_000 + "]" * 100_000, "is nested deeper than 64 levels", ""),
     ('{"policies": [' + "{}," * 200_000 + "{}]}", "/policies", "64 have room"),
+    ('{"policies": [' + "{}," * 1_000_000 + "{}]}", "has more than 1000000 values", ""),
+    ('{"' + "x" * 100_000 + '": {' + '"a": 0,' * 100_000 + '"a": 0}}', "has a key of 100000 bytes", ""),
     # The document.
     ([], "the document", "must be an object"),
     ({}, "the document", "has no table"),
