@@ -58,6 +58,7 @@ struct request {
     bool as_json = false;
     bool check_only = false;
     std::function<int()> action;
+    int status_refused = STATUS_REFUSED;
 
     client daemon() const { return {socket, std::chrono::seconds(patience_seconds)}; }
     std::string send(const command &sent) const { return daemon().send(sent); }
@@ -176,6 +177,7 @@ void add_comparisons(CLI::App &app, request &asked) {
     diff->add_option("FILE", asked.file, "The JSON document; - is standard input")->required();
     diff->add_flag("--json", asked.as_json, "As JSON");
     diff->callback([&] {
+        asked.status_refused = STATUS_NOT_COMPARED;
         asked.action = [&] { return show_differences(asked.file, asked.as_json, asked.daemon()); };
     });
 
@@ -377,7 +379,7 @@ int run(int argc, char **argv) {
         return STATUS_NO_DAEMON;
     } catch (const std::exception &error) {
         complain(error.what());
-        return STATUS_REFUSED;
+        return asked.status_refused;
     }
 }
 

@@ -60,20 +60,15 @@ std::optional<document> load_document(const std::string &file) {
 } // namespace
 
 int show_differences(const std::string &file, bool as_json, const client &daemon) {
-    try {
-        const std::optional<document> wanted = load_document(file);
-        if (!wanted)
-            return STATUS_NOT_COMPARED;
-        baseline seen = learn_baseline(&daemon, SAVED_FILES_FOLDER);
-        if (!seen.are_files_read)
-            return STATUS_NOT_COMPARED;
-        if (!seen.is_whole())
-            assume_unknown(seen, after_all(seen, *wanted).tables);
-        return print_differences(seen, after_all(seen, *wanted).tables, as_json);
-    } catch (const refused &reason) {
-        complain(reason.what());
+    const std::optional<document> wanted = load_document(file);
+    if (!wanted)
         return STATUS_NOT_COMPARED;
-    }
+    baseline seen = learn_baseline(&daemon, SAVED_FILES_FOLDER);
+    if (!seen.are_files_read)
+        return STATUS_NOT_COMPARED;
+    if (!seen.is_whole())
+        assume_unknown(seen, after_all(seen, *wanted).tables);
+    return print_differences(seen, after_all(seen, *wanted).tables, as_json);
 }
 
 int export_document(const client *daemon) {

@@ -9,6 +9,7 @@
 #include "wificalling/lines/wificalling_listing.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <system_error>
 
@@ -380,6 +381,40 @@ constexpr struct {
     {CMD_UTP_WEB_POLICY_SHOW_REQ, &WEB_UTP_LISTING.absent},
 };
 
+// What records have in any answer that wasn't broken off. Behind a null there is no more.
+constexpr struct {
+    command_number command;
+    std::array<const char *, 4> paths;
+} NEEDED[] = {
+    {CMD_CHECK_PRIORITY_REQ, {"/name"}},
+    {CMD_UTP_SHOW_REQ, {"/name", "/id", "/arc_policy", "/web_policy"}},
+    {CMD_INTF_URL_POLICY_SHOW_REQ, {"/enable", "/policy/uuid"}},
+    {CMD_UTP_WEB_POLICY_SHOW_REQ, {"/name", "/policy/name", "/policy/uuid"}},
+};
+
+bool says(const ordered_json &record, std::string_view path) {
+    const ordered_json *at = &record;
+    for (const std::string_view key : split(path.substr(1), '/')) {
+        const auto found = at->find(std::string(key));
+        if (found == at->end())
+            return false;
+        at = &*found;
+        if (at->is_null())
+            break;
+    }
+    return true;
+}
+
+void check_record(const ordered_json &record, command_number command) {
+    for (const auto &each : NEEDED) {
+        for (const char *path : each.paths) {
+            if (each.command == command && path != nullptr && !says(record, path))
+                throw refused("the daemon's answer to command " + std::to_string(command) +
+                              " broke off");
+        }
+    }
+}
+
 // Whether an empty answer means an empty table.
 bool may_be_empty(uint32_t command) {
     return command == CMD_WIFICALLING_INTF_SHOW_REQ;
@@ -425,7 +460,10 @@ std::string ask(const client &daemon, const listing &wanted, const std::string &
 
 ordered_json listed(const client &daemon, command_number command) {
     const listing &wanted = listing_of(command);
-    return wanted.parse(ask(daemon, wanted, {}));
+    ordered_json records = wanted.parse(ask(daemon, wanted, {}));
+    for (const ordered_json &each : records)
+        check_record(each, command);
+    return records;
 }
 
 std::optional<ordered_json> listed(const client &daemon, command_number command,
@@ -433,7 +471,9 @@ std::optional<ordered_json> listed(const client &daemon, command_number command,
     const std::string reply = daemon.send({command, payload});
     if (!refusal_in(command, reply).empty())
         return std::nullopt;
-    return listing_of(command).parse(reply);
+    ordered_json record = listing_of(command).parse(reply);
+    check_record(record, command);
+    return record;
 }
 
 } // namespace jornctl

@@ -41,7 +41,7 @@ void check_answer(const std::string &reply, uint32_t command);
 std::string ask(const client &daemon, const listing &wanted, const std::string &payload);
 
 // The same as JSON: of a listing without an argument, and of one that may be refused, which is
-// nothing.
+// nothing. Throws refused, too, for an answer that broke off before what every record has.
 ordered_json listed(const client &daemon, command_number command);
 std::optional<ordered_json> listed(const client &daemon, command_number command,
                                    const std::string &payload);

@@ -98,6 +98,10 @@ class Documents(JudgingTest):
         os.mkdir(f"{FOLDER}/{FILES[0]}")  # nobody can read it
         self.assertEqual((self.diff(example())[0], jornctl("export")[:2]), (2, (1, "")))
         os.rmdir(f"{FOLDER}/{FILES[0]}")
+        with open("/dev/full", "w") as full:  # "something differs" has to be said
+            done = subprocess.run([jorn_path("jornctl"), "diff", "--json", EXAMPLE], stdout=full,
+                                  stderr=subprocess.DEVNULL)
+        self.assertEqual(done.returncode, 2)
         self.jorn.stop()
         for arguments in (("diff", EXAMPLE), ("export",)):
             self.assertEqual(jornctl(*arguments)[0], 2)
@@ -107,6 +111,41 @@ class Documents(JudgingTest):
                    "".join(f"w{i};1;0;1;c;\n" for i in range(1100)))
         exported = json.loads(jornctl("export", "--check")[1])
         self.assertEqual(len(exported["wificalling_interfaces"]), 1024)
+
+    def stand_in(self, number, reply):
+        """The path of a socket in front of the daemon's with another answer to this command."""
+        path = f"/var/run/stand-in{number}-{len(reply)}.sock"
+        listener = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listener.close)
+        listener.bind(path)
+        listener.listen()
+
+        def serve():
+            with contextlib.suppress(OSError):
+                while True:
+                    with listener.accept()[0] as client:
+                        message = b""
+                        while piece := client.recv(65536):
+                            message += piece
+                        if message:
+                            asked, = struct.unpack_from("=I", message, 4)
+                            client.sendall(reply if asked == number else command(asked, message[20:]))
+        threading.Thread(target=serve, daemon=True).start()
+        return path
+
+    def test_answers_that_break_off(self):
+        document = example()
+        self.apply(document)
+        left = texts(), shown()
+        for number, reply in ((4, b""), (25, command(25).partition(b"AVC policy")[0]), (32, b""), (33, b""),
+                              (33, command(33, struct.pack("=I", 10)).partition(b"Policy UUID")[0])):
+            with self.subTest(number=number, reply=reply):
+                path = self.stand_in(number, reply)
+                for status, arguments in ((2, ("diff", "-")), (1, ("export",)), (1, ("apply", "-"))):
+                    done = jornctl(*arguments, "--socket", path, document=document)
+                    self.assertEqual((done[:2], f"command {number} broke off" in done[2]),
+                                     ((status, ""), True), done)
+                self.assertEqual((texts(), shown()), left)
 
     def test_somebody_else_in_between(self):
         document = example()
