@@ -67,7 +67,7 @@ int show_differences(const std::string &file, bool as_json, const client &daemon
     if (!seen.are_files_read)
         return STATUS_NOT_COMPARED;
     if (!seen.is_whole())
-        assume_unknown(seen, after_all(seen, *wanted).tables);
+        assume_unknown(seen, *wanted);
     return print_differences(seen, after_all(seen, *wanted).tables, as_json);
 }
 

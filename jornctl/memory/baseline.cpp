@@ -166,13 +166,23 @@ void remember(const baseline &left, const client &daemon, const std::string &fol
     }
 }
 
-void assume_unknown(baseline &seen, const daemon_tables &goal) {
+void assume_unknown(baseline &seen, const document &wanted) {
+    const daemon_tables goal = after_all(seen, wanted).tables;
     if ((seen.known & KNOWS_POLICIES) == 0) {
         for (arc_policy_wire &each : seen.tables.policies) {
             const auto same =
                 std::ranges::find(goal.policies, each.utp_id, &arc_policy_wire::utp_id);
             if (same != goal.policies.end())
                 copy_text(each.uuid, field_text(same->uuid));
+        }
+        // Of policies that stay, a UTP has the one that it shows. One without a name is likely of
+        // the file, which brings no uuid back either.
+        for (size_t i = 0; !wanted.policies && i < goal.utps.size(); ++i) {
+            if (const link &policy = seen.tables.utps[i].policy) {
+                arc_policy_wire &shown = seen.tables.policies[*policy];
+                if (shown.name[0] != '\0' && shown.uuid[0] == '\0')
+                    copy_text(shown.uuid, field_text(goal.utps[i].entry.uuid));
+            }
         }
     }
     if ((seen.known & KNOWS_WEB_POLICIES) == 0) {

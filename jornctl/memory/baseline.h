@@ -49,8 +49,8 @@ baseline after_all(const baseline &before, const document &wanted);
 // where that is odd.
 void remember(const baseline &left, const client &daemon, const std::string &folder);
 
-// Fits what was seen of policies to those that the document would make, in the parts that can't be
-// known: they don't differ.
-void assume_unknown(baseline &seen, const daemon_tables &goal);
+// Fits what was seen of policies to what the document would make, in the parts that can't be known:
+// they don't differ.
+void assume_unknown(baseline &seen, const document &wanted);
 
 } // namespace jornctl

@@ -98,6 +98,13 @@ class Documents(JudgingTest):
         os.mkdir(f"{FOLDER}/{FILES[0]}")  # nobody can read it
         self.assertEqual((self.diff(example())[0], jornctl("export")[:2]), (2, (1, "")))
         os.rmdir(f"{FOLDER}/{FILES[0]}")
+        # A UTP may well have its policy by the uuid that nobody shows.
+        self.apply(example())
+        os.unlink(APPLIED)
+        known = {table: example()[table] for table in ("utps", "web_utps")}
+        self.assertEqual(self.diff(known)[:2], (0, ""))
+        known["utps"][0]["uuid"] = ""
+        self.assertEqual(self.diff(known)[:2], (1, '~ UTP "Guests (UTP 10)": policy: "guests" -> none\n'))
         with open("/dev/full", "w") as full:  # "something differs" has to be said
             done = subprocess.run([jorn_path("jornctl"), "diff", "--json", EXAMPLE], stdout=full,
                                   stderr=subprocess.DEVNULL)
