@@ -7,9 +7,11 @@
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/file.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -124,9 +126,11 @@ void forget_applied(const std::string &folder) {
         throw refused(path + ": can't be removed: " + strerror(errno));
 }
 
-apply_lock::apply_lock(const std::string &folder)
-    : file_(open((folder + "/apply.lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
-                 S_IRUSR | S_IWUSR)) {
+apply_lock::apply_lock(const std::string &folder) {
+    std::error_code not_made; // the daemon may make it only now
+    std::filesystem::create_directories(folder, not_made);
+    file_ = unique_fd(open((folder + "/apply.lock").c_str(),
+                           O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
     for (auto left = PATIENCE;
          file_.valid() && flock(file_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
          left -= PAUSE) {

@@ -42,8 +42,8 @@ void write_applied(const std::string &folder, const applied &made);
 void forget_applied(const std::string &folder);
 
 // While it lives, no other apply of this machine sends anything. Waits for one that does; throws
-// refused where it takes too long. Where there is no folder yet, there is nothing to keep apart. It
-// is of a file of its own, apply.lock (mode 0600): who may read the folder can't lock it.
+// refused where it takes too long. Makes the folder where there is none yet. It is of a file of its
+// own, apply.lock (mode 0600): who may read the folder can't lock it.
 class apply_lock {
 public:
     explicit apply_lock(const std::string &folder);

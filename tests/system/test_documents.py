@@ -288,6 +288,21 @@ class Documents(JudgingTest):
         self.assertRegex(self.end(process), r"half made \(\d+ of|was started meanwhile")
         self.assertEqual(self.apply(document)[:2], (0, "sent 63 policies\n"))
 
+    def test_two_at_once_without_a_folder(self):
+        first, second = ({"policies": [{"utp_id": i, "rules": [{"app_name": f"{name}{i}.example"}]}
+                                       for i in range(1, 64)]} for name in ("first", "second"))
+        shutil.rmtree(FOLDER)
+        process = self.begin(first, FILES[0], "first20.")
+        process.send_signal(signal.SIGSTOP)
+        other = threading.Thread(target=self.apply, args=(second,))
+        other.start()
+        time.sleep(0.3)
+        process.send_signal(signal.SIGCONT)
+        self.end(process)
+        other.join()
+        policies = read_file(f"{FOLDER}/{FILES[0]}")
+        self.assertEqual((policies.count("first"), policies.count("second")), (0, 63))
+
     def test_a_full_disk(self):
         document = {"policies": [{"utp_id": i, "rules": [{"app_name": f"host{j:02}.example"}
                                                           for j in range(20)]}
