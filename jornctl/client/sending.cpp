@@ -37,27 +37,17 @@ bool are_repeatable(std::span<const command> sent) {
     });
 }
 
-struct progress {
-    size_t sent = 0;
-    bool is_begun = false; // some may have been taken
-};
-
-// The first few go together where they may.
-void send_group(const command_group &group, const client &daemon, progress &so_far) {
+// The first few go together where they may. Counts what is sent.
+void send_group(const command_group &group, const client &daemon, size_t &so_far) {
     const std::vector<command> first(
         group.begin(),
         group.begin() + static_cast<std::ptrdiff_t>(std::min(group.size(), COMMANDS_TOGETHER)));
     size_t done = 0;
-    if (first.size() > 1 && are_repeatable(first)) {
+    if (first.size() > 1 && are_repeatable(first))
         done = daemon.send_together(first) ? first.size() : 0;
-        so_far.is_begun = true;
-    }
-    so_far.sent += done;
-    for (; done < group.size(); ++done) {
+    so_far += done;
+    for (; done < group.size(); ++done, ++so_far)
         send_one(group[done], daemon);
-        so_far.is_begun = true;
-        ++so_far.sent;
-    }
 }
 
 } // namespace
@@ -70,15 +60,14 @@ size_t count_of(const std::vector<command_group> &groups) {
 }
 
 void send_all(const std::vector<command_group> &groups, const client &daemon) {
-    progress so_far;
+    size_t so_far = 0;
     try {
         for (const command_group &group : groups)
             send_group(group, daemon, so_far);
     } catch (const no_daemon &reason) {
-        if (!so_far.is_begun)
-            throw;
-        throw no_daemon(reason.what() + std::string("; the tables are half made (") +
-                        std::to_string(so_far.sent) + " of " + std::to_string(count_of(groups)) +
+        // One that failed may have been taken, the first one, too.
+        throw no_daemon(reason.what() + std::string("; the tables may be half made (") +
+                        std::to_string(so_far) + " of " + std::to_string(count_of(groups)) +
                         " commands sent), apply again");
     }
 }

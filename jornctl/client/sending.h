@@ -14,7 +14,7 @@ using command_group = std::vector<command>;
 size_t count_of(const std::vector<command_group> &groups); // of commands
 
 // Of each group the first few go together where they may. Throws refused, and no_daemon, which says
-// how far it came where any may have been taken.
+// how far it came: some may have been taken.
 void send_all(const std::vector<command_group> &groups, const client &daemon);
 
 } // namespace jornctl

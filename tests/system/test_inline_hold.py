@@ -251,7 +251,8 @@ class Holding:
             self.jorn = self.start_daemon()
         for version in FAMILIES:
             self.until(lambda: self.is_shut(version))
-            held, flow = self.counts()["held"], self.talk(SERVERS[version], ALLOWED, 0.0002)
+            # No faster than a client's bounds admit while its verdict is half a second on its way.
+            held, flow = self.counts()["held"], self.talk(SERVERS[version], ALLOWED, 0.002)
             flow.send_more(100)
             sent = list(range(flow.stop()))
             self.until(lambda: self.arrived(flow.socket) == sent)
