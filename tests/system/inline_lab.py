@@ -302,7 +302,7 @@ class InlineTest(SystemTest):
         ends = time.monotonic() + DEADLINE
         while not (found := done()):
             self.assertLess(time.monotonic(), ends, self.lines.items[-20:])
-            time.sleep(0.01)
+            time.sleep(0.03)  # most look with a program
         return found
 
     def status(self):
