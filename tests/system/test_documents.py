@@ -264,29 +264,30 @@ class Documents(JudgingTest):
         self.jorn.kill()
         self.jorn = None
 
+    # So many commands that an apply isn't over once some are taken.
+    LONG = {"web_policies": [{"uuid": f"u{i}", "utp_id": 1 + i % 64} for i in range(64)] +
+            [{"uuid": f"v{i}"} for i in range(300)], "web_interfaces": []}
+    SENT_LONG = (0, "sent 364 web policies, 0 web interfaces\n")
+
     def test_a_daemon_that_dies(self):
-        document = {"web_policies": [{"uuid": f"u{i}", "utp_id": 1 + i % 64} for i in range(64)] +
-                    [{"uuid": f"v{i}"} for i in range(300)], "web_interfaces": []}
-        process = self.begin(document, FILES[1], "u60;")
+        process = self.begin(self.LONG, FILES[1], "u60;")
         self.kill_daemon()
         self.assertRegex(self.end(process),
                          r"the tables may be half made \(\d+ of 365 commands sent\), apply again\n$")
         self.assertEqual(process.returncode, 2)
         self.start()
-        self.assertEqual(self.apply(document)[:2], (0, "sent 364 web policies, 0 web interfaces\n"))
+        self.assertEqual(self.apply(self.LONG)[:2], self.SENT_LONG)
         self.assertEqual(read_file(f"{FOLDER}/{FILES[1]}").count("[policy]"), 364)
 
     def test_a_daemon_that_is_started_anew_meanwhile(self):
-        document = {"policies": [{"utp_id": i, "uuid": f"u{i}", "rules": [{"app_name": f"host{i}.example"}]}
-                                 for i in range(1, 64)]}
-        process = self.begin(document, FILES[0], "host20.")
+        process = self.begin(self.LONG, FILES[1], "u60;")
         process.send_signal(signal.SIGSTOP)
         self.kill_daemon()
         self.start()
         process.send_signal(signal.SIGCONT)
         # It notices at once where a command was on its way.
         self.assertRegex(self.end(process), r"half made \(\d+ of|was started meanwhile")
-        self.assertEqual(self.apply(document)[:2], (0, "sent 63 policies\n"))
+        self.assertEqual(self.apply(self.LONG)[:2], self.SENT_LONG)
 
     def test_two_at_once_without_a_folder(self):
         first, second = ({"policies": [{"utp_id": i, "rules": [{"app_name": f"{name}{i}.example"}]}
