@@ -160,8 +160,7 @@ private:
 };
 
 void print_warnings(const document &read, const std::string &file) {
-    for (const std::string &warning : read.found.warnings())
-        complain(std::string("warning: ").append(file).append(": ").append(warning));
+    complain_of(read.found.warnings(), std::string("warning: ").append(file).append(": "));
 }
 
 // Nothing, and everything said, for a document that isn't to be sent.
@@ -171,8 +170,7 @@ std::optional<document> load_document(const apply_settings &wanted, const client
         document read = read_document(text, ask_platform());
         if (!read.found.has_mistakes() && !wanted.check_only && !wanted.dry_run)
             daemon_checks(read, daemon).warn_beforehand();
-        for (const std::string &mistake : read.found.mistakes())
-            complain(std::string(wanted.file).append(": ").append(mistake));
+        complain_of(read.found.mistakes(), wanted.file + ": ");
         print_warnings(read, wanted.file);
         if (read.found.has_mistakes())
             return std::nullopt;

@@ -15,9 +15,10 @@
 namespace jornctl {
 namespace {
 
+constexpr char UNSAID[] = "warning: no document says it: ";
+
 void say_doubts(const baseline &seen) {
-    for (const std::string &each : seen.doubts())
-        complain("unknown: " + each);
+    complain_of(seen.doubts(), "unknown: ");
 }
 
 // What is to be, but for the records: a mapping of safe search, a file that is behind.
@@ -49,8 +50,7 @@ std::optional<document> load_document(const std::string &file) {
     const std::string text = read_file(file);
     try {
         document read = read_document(text);
-        for (const std::string &mistake : read.found.mistakes())
-            complain(std::string(file).append(": ").append(mistake));
+        complain_of(read.found.mistakes(), file + ": ");
         return read.found.has_mistakes() ? std::nullopt : std::optional(std::move(read));
     } catch (const refused &reason) {
         throw refused(file + ": " + reason.what());
@@ -78,13 +78,10 @@ int export_document(const client *daemon) {
     const std::string text = to_text(document_words(document_of(seen.tables)));
     std::cout << printable(text, "\n");
     const document again = read_document(text);
-    for (const std::string &mistake : again.found.mistakes())
-        complain("warning: no document says it: " + mistake);
+    complain_of(again.found.mistakes(), UNSAID);
     if (!again.found.has_mistakes()) {
-        for (const difference &each : differences(tables_of(again), seen.tables)) {
-            for (const std::string &line : lines_of(each))
-                complain("warning: no document says it: " + line);
-        }
+        for (const difference &each : differences(tables_of(again), seen.tables))
+            complain_of(lines_of(each), UNSAID);
     }
     say_doubts(seen);
     return STATUS_DONE;

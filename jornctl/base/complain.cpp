@@ -13,4 +13,9 @@ void complain(std::string line) {
     std::cerr << "jornctl: " << printable(line) << '\n';
 }
 
+void complain_of(const std::vector<std::string> &all, const std::string &beginning) {
+    for (const std::string &each : all)
+        complain(beginning + each);
+}
+
 } // namespace jornctl
