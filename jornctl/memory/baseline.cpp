@@ -153,6 +153,8 @@ void remember(const baseline &left, const client &daemon, const std::string &fol
     if (!left.is_whole() || !start)
         return;
     try {
+        // First: what somebody writes meanwhile is then seen by what follows, or by the next apply.
+        const file_hashes files = hash_saved_files(folder);
         const std::string other = spoiled(left.tables, daemon, folder);
         const document again = read_document(to_text(document_words(document_of(left.tables))));
         if (!other.empty())
@@ -160,7 +162,7 @@ void remember(const baseline &left, const client &daemon, const std::string &fol
                      " aren't what was sent: somebody else sends, too, or the daemon refused it or "
                      "couldn't write it, which its log says");
         else if (!again.found.has_mistakes() && says_all(again, left.tables))
-            write_applied(folder, {*start, hash_saved_files(folder), again});
+            write_applied(folder, {*start, files, again});
     } catch (const refused &reason) {
         complain(std::string("warning: what was applied isn't remembered: ") + reason.what());
     }
