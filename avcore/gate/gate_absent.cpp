@@ -69,6 +69,15 @@ bool gate::decide(const gate_flow &, const gate_verdict &) {
 gate_counter gate::counter_of(const gate_flow &) const {
     return {};
 }
+std::optional<gate_flow_state> gate::flow_of(const gate_flow &) const {
+    return std::nullopt;
+}
+bool gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
+    return false;
+}
+uint64_t gate::forgotten_flows() const {
+    return 0;
+}
 bool gate::set_limit(uint32_t, const gate_limit &) {
     return false;
 }

@@ -88,6 +88,9 @@ struct gate_counter {
 };
 GATE_SIZE(gate_counter, 48);
 
+/* How a flow of TCP ended: what passed of it. */
+enum gate_end { GATE_FIN_UP = 1, GATE_FIN_DOWN = 2, GATE_RST = 4 };
+
 /* A flow that a processor has at hand: written by the kernel alone, each by one processor. It looks
  * the verdict up once a tick, when any has changed, and when another flow has had the place; what
  * it has counted since then goes to the flow's counter at the next look-up. So a packet costs no
