@@ -5,7 +5,6 @@
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"
 #include "jornctl/base/printable.h"
-#include "jornctl/base/suggestion.h"
 #include "jornctl/client/apply.h"
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
@@ -14,6 +13,7 @@
 #include "jornctl/memory/baseline.h"
 #include "jornctl/tables/differing_commands.h"
 #include "shared/counted.h"
+#include "shared/suggestion.h"
 
 #include <algorithm>
 #include <iostream>

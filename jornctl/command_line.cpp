@@ -6,7 +6,6 @@
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"
 #include "jornctl/base/printable.h"
-#include "jornctl/base/suggestion.h"
 #include "jornctl/client/client.h"
 #include "jornctl/client/commands.h"
 #include "jornctl/client/listings.h"
@@ -15,6 +14,7 @@
 #include "jornctl/documents/documents.h"
 #include "jornctl/documents/port_services.h"
 #include "jornctl/fields/web_fields.h"
+#include "shared/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -327,33 +327,6 @@ void describe(CLI::App &app, request &asked) {
     add_descriptions(app, asked);
 }
 
-// The words that may stand where the command line wasn't understood any more.
-std::vector<std::string> words_known_there(const CLI::App &app) {
-    std::vector<std::string> known;
-    const CLI::App *level = &app;
-    while (true) {
-        for (const CLI::Option *option : level->get_options())
-            known.push_back(option->get_name());
-        if (level->get_subcommands().empty())
-            break;
-        level = level->get_subcommands().front();
-    }
-    for (const CLI::App *subcommand : level->get_subcommands({}))
-        known.push_back(subcommand->get_name());
-    return known;
-}
-
-int usage_error(const CLI::App &app, const CLI::ParseError &error) {
-    const std::vector<std::string> unknown = app.remaining(true);
-    std::string line = error.what();
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    if (!unknown.empty())
-        line = '"' + unknown.front() + "\" isn't expected here" +
-               did_you_mean(unknown.front(), words_known_there(app));
-    complain(line + "; --help says more");
-    return STATUS_USAGE;
-}
-
 } // namespace
 
 int run(int argc, char **argv) {
@@ -373,7 +346,10 @@ int run(int argc, char **argv) {
             throw refused(std::string("standard output: ") + strerror(errno));
         return status;
     } catch (const CLI::ParseError &error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : usage_error(app, error);
+        if (error.get_exit_code() == 0)
+            return app.exit(error);
+        complain(what_is_wrong(app, error));
+        return STATUS_USAGE;
     } catch (const no_daemon &error) {
         complain(error.what());
         return STATUS_NO_DAEMON;

@@ -1,8 +1,8 @@
 #include "jornctl/documents/cross_checks.h"
 
 #include "core/text/text.h"
-#include "jornctl/base/suggestion.h"
 #include "jornctl/documents/table_checks.h"
+#include "shared/suggestion.h"
 
 #include <algorithm>
 

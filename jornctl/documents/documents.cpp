@@ -1,11 +1,11 @@
 #include "jornctl/documents/documents.h"
 
-#include "jornctl/base/suggestion.h"
 #include "jornctl/documents/cross_checks.h"
 #include "jornctl/fields/arc_fields.h"
 #include "jornctl/fields/userapps_fields.h"
 #include "jornctl/fields/web_fields.h"
 #include "jornctl/fields/wificalling_fields.h"
+#include "shared/suggestion.h"
 
 namespace jornctl {
 namespace {

@@ -1,6 +1,6 @@
 #include "jornctl/fields/fields.h"
 
-#include "jornctl/base/suggestion.h"
+#include "shared/suggestion.h"
 
 namespace jornctl {
 namespace {

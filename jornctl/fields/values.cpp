@@ -2,7 +2,7 @@
 
 #include "core/text/text.h"
 #include "jornctl/base/addresses.h"
-#include "jornctl/base/suggestion.h"
+#include "shared/suggestion.h"
 
 namespace jornctl {
 namespace {

@@ -1,11 +1,10 @@
-#include "jornctl/base/suggestion.h"
+#include "shared/suggestion.h"
 
 #include "core/text/text.h"
 
 #include <algorithm>
 #include <numeric>
 
-namespace jornctl {
 namespace {
 
 constexpr size_t COMPARED_MAX = 64; // no word is longer, and time is quadratic in it
@@ -56,5 +55,3 @@ std::string did_you_mean(std::string_view mistyped, const std::vector<std::strin
     }
     return closest == nullptr ? std::string() : " (did you mean \"" + *closest + "\"?)";
 }
-
-} // namespace jornctl
