@@ -1,16 +1,12 @@
 #include "avcore/settings/config.h"
 
 #include "avcore/base/config_text.h"
-#include "avcore/base/printable.h"
 #include "avcore/bus/address.h"
+#include "avcore/settings/toml_reader.h"
 
 #include <algorithm>
 #include <charconv>
-#include <initializer_list>
 #include <iterator>
-#include <net/if.h>
-#include <sstream>
-#include <toml++/toml.h>
 
 namespace avcore {
 namespace {
@@ -20,92 +16,6 @@ constexpr uint32_t COPIES_MAX = 1'000'000;
 constexpr uint32_t SPEED_MAX = 1'000'000; // Mbit/s
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
-
-// One table of the file with the file's name at hand for messages.
-class reader {
-public:
-    reader(const toml::table &table, const std::string &file) : table_(table), file_(file) {}
-
-    [[noreturn]] void fail(const toml::node &where, const std::string &what) const {
-        throw config_error(at(where, what));
-    }
-
-    // A message about a place of the file.
-    std::string at(const toml::node &where, const std::string &what) const {
-        std::ostringstream message;
-        message << file_ << ", line " << where.source().begin.line << ": " << what;
-        return message.str();
-    }
-
-    // A misspelt key would otherwise be a setting that silently doesn't hold.
-    void expect_keys(std::initializer_list<std::string_view> known) const {
-        for (const auto &[key, node] : table_) {
-            if (std::find(known.begin(), known.end(), key.str()) == known.end())
-                fail(node, "unknown key " + quoted(key.str()) + "; the keys are " + list(known));
-        }
-    }
-
-    const toml::node *find(std::string_view key) const { return table_.get(key); }
-
-    const toml::table *table(std::string_view key) const {
-        const toml::node *node = find(key);
-        if (node != nullptr && !node->is_table())
-            fail(*node, quoted(key) + " must be a table, [" + std::string(key) + "]");
-        return node != nullptr ? node->as_table() : nullptr;
-    }
-
-    std::optional<std::string> text(std::string_view key) const {
-        const toml::node *node = find(key);
-        if (node != nullptr && !node->is_string())
-            fail(*node, quoted(key) + " must be a text in quotes");
-        return node != nullptr ? node->value<std::string>() : std::nullopt;
-    }
-
-    void number(std::string_view key, uint32_t &value, uint32_t most = UINT32_MAX) const {
-        if (const toml::node *node = find(key); node != nullptr)
-            value = number_of(*node, key, most);
-    }
-
-    uint32_t number_of(const toml::node &node, std::string_view key,
-                       uint32_t most = UINT32_MAX) const {
-        const std::optional<int64_t> value = node.value_exact<int64_t>();
-        if (!value || *value < 0 || *value > most)
-            fail(node, quoted(key) + " must be a whole number from 0 to " + std::to_string(most));
-        return static_cast<uint32_t>(*value);
-    }
-
-    void flag(std::string_view key, bool &value) const {
-        const toml::node *node = find(key);
-        if (node == nullptr)
-            return;
-        const std::optional<bool> on = node->value_exact<bool>();
-        if (!on)
-            fail(*node, quoted(key) + " must be true or false");
-        value = *on;
-    }
-
-    void interface_name(std::string_view key, std::string &name) const {
-        const std::optional<std::string> value = text(key);
-        if (!value)
-            return;
-        if (value->empty() || value->size() >= IFNAMSIZ)
-            fail(*find(key), quoted(key) + " must be an interface name of 1 to 15 characters");
-        name = *value;
-    }
-
-    static std::string quoted(std::string_view key) { return '\'' + printable(key) + '\''; }
-
-private:
-    static std::string list(std::initializer_list<std::string_view> words) {
-        std::string text;
-        for (const std::string_view word : words)
-            text += (text.empty() ? "" : ", ") + std::string(word);
-        return text;
-    }
-
-    const toml::table &table_;
-    const std::string &file_;
-};
 
 std::optional<mac_address> parse_mac(std::string_view text) {
     mac_address mac = {};
@@ -120,13 +30,13 @@ std::optional<mac_address> parse_mac(std::string_view text) {
     return mac;
 }
 
-void read_side(const reader &in, side_profile &side) {
+void read_side(const toml_reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
     in.number("if_index", side.if_index);
     in.number("utp_id", side.utp_id, AV_UTP_ID_MAX);
 }
 
-void read_web_utp(const reader &in, client_profile &profile) {
+void read_web_utp(const toml_reader &in, client_profile &profile) {
     const toml::node *node = in.find("web_utp");
     if (node == nullptr)
         return;
@@ -137,7 +47,7 @@ void read_web_utp(const reader &in, client_profile &profile) {
         profile.web_utp[i] = in.number_of(*words->get(i), "web_utp");
 }
 
-void read_filter_type(const reader &in, client_profile &profile) {
+void read_filter_type(const toml_reader &in, client_profile &profile) {
     const toml::node *node = in.find("filter_type");
     if (node == nullptr)
         return;
@@ -156,7 +66,7 @@ void read_filter_type(const reader &in, client_profile &profile) {
     }
 }
 
-void read_client(const reader &in, client_profile &profile) {
+void read_client(const toml_reader &in, client_profile &profile) {
     read_side(in, profile.side);
     read_web_utp(in, profile);
     read_filter_type(in, profile);
@@ -164,7 +74,7 @@ void read_client(const reader &in, client_profile &profile) {
 
 client_rule read_rule(const toml::table &table, const std::string &file,
                       const client_profile &defaults) {
-    const reader in(table, file);
+    const toml_reader in(table, file);
     in.expect_keys({"mac", "network", "captured_on", "interface", "if_index", "utp_id", "web_utp",
                     "filter_type"});
     client_rule rule;
@@ -218,7 +128,7 @@ private:
 };
 
 // The daemon judges a packet once: by the web policies or by the rules of applications.
-void warn_of_url_filtering(const toml::table &root, const reader &in, config &settings) {
+void warn_of_url_filtering(const toml::table &root, const toml_reader &in, config &settings) {
     if (!settings.dpi) // the daemon filters with the engine alone
         return;
     const toml::node *first = root.at_path("client.filter_type").node();
@@ -235,7 +145,7 @@ void warn_of_url_filtering(const toml::table &root, const reader &in, config &se
                   "limit or mark of theirs holds for it"));
 }
 
-void read_rules(const reader &in, const std::string &file, config &settings) {
+void read_rules(const toml_reader &in, const std::string &file, config &settings) {
     const toml::node *node = in.find("rule");
     if (node == nullptr)
         return;
@@ -269,7 +179,7 @@ bool is_platform_key(std::string_view key) {
 // Keys with a slash may also be written as a table: [platform.avc_enable], wlan0 = 1.
 void read_platform(const toml::table &table, const std::string &file, const std::string &prefix,
                    config &settings) {
-    const reader in(table, file);
+    const toml_reader in(table, file);
     for (const auto &[name, node] : table) {
         const std::string key = prefix + std::string(name.str());
         if (const toml::table *inner = node.as_table(); inner != nullptr && prefix.empty()) {
@@ -277,14 +187,14 @@ void read_platform(const toml::table &table, const std::string &file, const std:
             continue;
         }
         if (!is_platform_key(key))
-            in.fail(node, "unknown key " + reader::quoted(key));
+            in.fail(node, "unknown key " + toml_reader::quoted(key));
         std::optional<std::string> value = node.value_exact<std::string>();
         if (const auto number = node.value_exact<int64_t>())
             value = std::to_string(*number);
         if (!value)
-            in.fail(node, reader::quoted(key) + " must be a text in quotes or a whole number");
+            in.fail(node, toml_reader::quoted(key) + " must be a text in quotes or a whole number");
         if (value->size() > PLATFORM_VALUE_MAX)
-            in.fail(node, reader::quoted(key) + " must have at most 127 characters");
+            in.fail(node, toml_reader::quoted(key) + " must have at most 127 characters");
         if (key == AV_KEY_BASE_MAC && !parse_mac(*value))
             in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
         if (key == AV_KEY_BASE_MAC)
@@ -295,7 +205,7 @@ void read_platform(const toml::table &table, const std::string &file, const std:
 }
 
 bus_settings read_bus(const toml::table &table, const std::string &file) {
-    const reader in(table, file);
+    const toml_reader in(table, file);
     in.expect_keys({"listen", "ca", "certificate", "key", "insecure"});
     bus_settings bus;
     bus.listen = in.text("listen").value_or(bus.listen);
@@ -330,7 +240,7 @@ std::optional<resolver> parse_resolver(const std::string &text) {
 }
 
 void read_names(const toml::table &table, const std::string &file, config &settings) {
-    const reader in(table, file);
+    const toml_reader in(table, file);
     in.expect_keys({"resolvers"});
     const toml::node *node = in.find("resolvers");
     if (node == nullptr)
@@ -350,24 +260,6 @@ void read_names(const toml::table &table, const std::string &file, config &setti
     }
 }
 
-// A text that is one of a few.
-template <typename Value, size_t N>
-void read_choice(const reader &in, std::string_view key,
-                 const std::pair<std::string_view, Value> (&choices)[N], Value &value) {
-    const std::optional<std::string> text = in.text(key);
-    if (!text)
-        return;
-    std::string names;
-    for (const auto &[name, chosen] : choices) {
-        if (*text == name) {
-            value = chosen;
-            return;
-        }
-        names += (names.empty() ? "\"" : " or \"") + std::string(name) + '"';
-    }
-    in.fail(*in.find(key), reader::quoted(key) + " must be " + names);
-}
-
 void read_enforce(const toml::table &table, const std::string &file, enforce_settings &enforce) {
     using settings = enforce_settings;
     constexpr std::pair<std::string_view, settings::sharing> shares[] = {
@@ -382,18 +274,18 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
     constexpr std::pair<std::string_view, bool> dropped[] = {{"pass", false}, {"drop", true}};
     constexpr std::pair<std::string_view, bool> undecided[] = {{"pass", false}, {"hold", true}};
     constexpr std::pair<std::string_view, bool> passed[] = {{"pass", true}, {"drop", false}};
-    const reader in(table, file);
+    const toml_reader in(table, file);
     in.expect_keys({"reset", "share", "rate_unit", "shape", "fail", "copies", "excess", "fragments",
                     "tags", "undecided", "holds"});
     in.flag("reset", enforce.reset);
-    read_choice(in, "share", shares, enforce.share);
-    read_choice(in, "rate_unit", units, enforce.bytes_per_rate_unit);
-    read_choice(in, "shape", shapes, enforce.shape);
-    read_choice(in, "fail", fails, enforce.rules.fail_closed);
-    read_choice(in, "excess", dropped, enforce.rules.drop_excess);
-    read_choice(in, "fragments", dropped, enforce.rules.drop_fragments);
-    read_choice(in, "tags", passed, enforce.rules.pass_tags);
-    read_choice(in, "undecided", undecided, enforce.rules.hold_undecided);
+    in.choice("share", shares, enforce.share);
+    in.choice("rate_unit", units, enforce.bytes_per_rate_unit);
+    in.choice("shape", shapes, enforce.shape);
+    in.choice("fail", fails, enforce.rules.fail_closed);
+    in.choice("excess", dropped, enforce.rules.drop_excess);
+    in.choice("fragments", dropped, enforce.rules.drop_fragments);
+    in.choice("tags", passed, enforce.rules.pass_tags);
+    in.choice("undecided", undecided, enforce.rules.hold_undecided);
     for (const auto &[key, rate] : {std::pair("copies", &enforce.rules.copies_per_second),
                                     std::pair("holds", &enforce.rules.holds_per_second)}) {
         in.number(key, *rate, COPIES_MAX);
@@ -405,10 +297,10 @@ void read_enforce(const toml::table &table, const std::string &file, enforce_set
 void read_capture(const toml::table &table, const std::string &file, capture_settings &capture) {
     constexpr std::pair<std::string_view, capture_kind> kinds[] = {{"veth", capture_kind::veth},
                                                                    {"tap", capture_kind::tap}};
-    const reader in(table, file);
+    const toml_reader in(table, file);
     in.expect_keys({"interface", "kind", "speed"});
     in.interface_name("interface", capture.interface);
-    read_choice(in, "kind", kinds, capture.kind);
+    in.choice("kind", kinds, capture.kind);
     if (in.find("speed") != nullptr && capture.kind != capture_kind::tap)
         in.fail(*in.find("speed"), "'speed' is for kind = \"tap\": a veth's can't be chosen");
     in.number("speed", capture.speed, SPEED_MAX);
@@ -419,21 +311,8 @@ void read_capture(const toml::table &table, const std::string &file, capture_set
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
-    refuse_deep_keys(text, name);
-    toml::table root;
-    try {
-        root = toml::parse(text, name);
-    } catch (const toml::parse_error &error) {
-        std::ostringstream message;
-        message << name << ", line " << error.source().begin.line << ": "
-                << printable(error.description());
-        // A MAC address without quotes is taken for a time.
-        if (!error.description().starts_with("Error while parsing key") &&
-            !error.description().starts_with("Error while parsing table"))
-            message << " (texts stand in quotes)";
-        throw config_error(message.str());
-    }
-    const reader in(root, name);
+    const toml::table root = parse_toml(text, name);
+    const toml_reader in(root, name);
     in.expect_keys(
         {"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names", "capture"});
     config settings;
@@ -441,12 +320,12 @@ config parse_config(std::string_view text, const std::string &name) {
     if (!settings.dpi)
         settings.platform_values.clear(); // the daemon's default: no engine
     if (const toml::table *client = in.table("client")) {
-        const reader client_in(*client, name);
+        const toml_reader client_in(*client, name);
         client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
         read_client(client_in, settings.client);
     }
     if (const toml::table *uplink = in.table("uplink")) {
-        const reader uplink_in(*uplink, name);
+        const toml_reader uplink_in(*uplink, name);
         uplink_in.expect_keys({"interface", "if_index", "utp_id"});
         read_side(uplink_in, settings.uplink);
     }
