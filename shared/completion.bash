@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Bash completion of jorn, avcore and jornctl: made from what their own help lists.
+# Bash completion of jorn, avcore, avwatch and jornctl: made from what their own help lists.
 
 _jorn_interfaces() {
     (cd /sys/class/net && compgen -G "$1*")
@@ -49,7 +49,7 @@ _jorn() {
         elif [[ $'\n'$(_jorn_listed "$said" Subcommands) == *$'\n'"$word "* ]]; then
             path+=("$word")
             said=$("$program" "${path[@]}" --help 2>/dev/null)
-            # jornctl takes the options of all words before, avcore those of the last.
+            # avcore takes the options of the last word alone, the others those of all words before.
             [[ ${program##*/} == avcore ]] && options='' || options+=$'\n'
             options+=$said
         else
@@ -68,4 +68,4 @@ _jorn() {
     fi
 }
 
-complete -o filenames -F _jorn jorn avcore jornctl
+complete -o filenames -F _jorn jorn avcore avwatch jornctl

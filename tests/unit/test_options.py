@@ -1,6 +1,6 @@
-"""The options and words of jorn, avcore and jornctl are those that their help lists: in the manual pages,
-the documents and bash's completions, neither more nor fewer.
-Usage: test_options.py JORN AVCORE JORNCTL PROJECT"""
+"""The options and words of the programs are those that their help lists: in the manual pages, the documents
+and bash's completions, neither more nor fewer.
+Usage: test_options.py JORN AVCORE AVWATCH JORNCTL PROJECT"""
 import os
 import re
 import subprocess
@@ -8,7 +8,7 @@ import sys
 import unittest
 
 PROJECT = sys.argv.pop()
-PROGRAMS = {os.path.basename(path): path for path in (sys.argv.pop() for _ in range(3))}
+PROGRAMS = {os.path.basename(path): path for path in (sys.argv.pop() for _ in range(4))}
 ANYWHERE = {"-h", "--help", "--version"}
 COMPLETE = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _jorn; printf "%s\\n" "${COMPREPLY[@]}"'
 
@@ -63,21 +63,23 @@ def completed(program, *words):
 
 class Options(unittest.TestCase):
     def test_manual_pages(self):
-        for program, page in (("jorn", "jorn.8"), ("avcore", "avcore.8"), ("jornctl", "jornctl.1")):
+        for program, page in (("jorn", "jorn.8"), ("avcore", "avcore.8"), ("avwatch", "avwatch.8"),
+                              ("jornctl", "jornctl.1")):
             self.assertEqual(manual(page) - ANYWHERE, all_options(program), page)
 
     def test_documents(self):
-        both = all_options("avcore") | all_options("jornctl") | ANYWHERE
-        for program in "avcore", "jornctl":
+        tools = "avcore", "avwatch", "jornctl"
+        known = set().union(ANYWHERE, *map(all_options, tools))
+        for program in tools:
             described = document(f"docs/{program}.md")
             self.assertEqual(all_options(program) - described, set(), program)
-            self.assertEqual(described - both, set(), program)
+            self.assertEqual(described - known, set(), program)
 
     def test_completions(self):
         for program in PROGRAMS:
             found = levels(program)
             for words, (options, subcommands) in found.items():
-                if program == "jornctl":  # takes those of the words before as well
+                if program in ("avwatch", "jornctl"):  # which take those of the words before as well
                     options = set().union(*(found[words[:n]][0] for n in range(len(words) + 1)))
                 with self.subTest(program, words=words):
                     self.assertEqual(completed(program, *words, "-") - ANYWHERE, options)

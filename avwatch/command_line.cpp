@@ -1,0 +1,66 @@
+#include "avwatch/command_line.h"
+
+#include "avwatch/base/complain.h"
+#include "avwatch/base/failure.h"
+#include "avwatch/settings/settings.h"
+#include "avwatch/views/views.h"
+#include "shared/command_line.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+namespace avwatch {
+namespace {
+
+// In the order of the help.
+constexpr void (*SUBCOMMANDS[])(CLI::App &app, invocation &asked) = {
+    add_clients, add_apps, add_flows, add_denials, add_status,
+};
+
+void describe(CLI::App &app, invocation &asked) {
+    app.fallthrough();            // --utc may stand behind the subcommand
+    app.require_subcommand(0, 1); // run() says better what is missing
+    app.set_version_flag("--version", "avwatch " JORN_VERSION);
+    app.add_option("-c", asked.settings_file, "TOML file: aliases of clients")
+        ->type_name("CONFIG")
+        ->capture_default_str();
+    app.add_option("--watch-socket", asked.watch_socket, "Where avcore tells what it knows")
+        ->type_name("PATH")
+        ->capture_default_str();
+    app.add_flag("--utc", asked.utc, "Times in UTC, not in the local zone");
+    for (const auto add : SUBCOMMANDS)
+        add(app, asked);
+}
+
+} // namespace
+
+int run(int argc, char **argv) {
+    invocation asked;
+    CLI::App app("Shows who uses what: what avcore knows of clients and flows.\n"
+                 "Exit status: 0 done, 1 refused, 2 no avcore or not understood.",
+                 "avwatch");
+    describe(app, asked);
+    try {
+        app.parse(argc, argv);
+        if (!asked.action)
+            throw CLI::RequiredError("What to do");
+        const int status = asked.action();
+        if (!std::cout.flush())
+            throw refused(std::string("standard output: ") + strerror(errno));
+        return status;
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0)
+            return app.exit(error);
+        complain(what_is_wrong(app, error));
+        return STATUS_USAGE;
+    } catch (const no_watch &error) {
+        complain(error.what());
+        return STATUS_NO_WATCH;
+    } catch (const std::exception &error) {
+        complain(error.what());
+        return STATUS_REFUSED;
+    }
+}
+
+} // namespace avwatch

@@ -1,0 +1,47 @@
+#include "avwatch/settings/settings.h"
+
+#include "avcore/settings/toml_reader.h"
+#include "avwatch/base/addresses.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+namespace avwatch {
+namespace {
+
+using avcore::toml_reader;
+
+client_aliases read_aliases(const toml::table &table, const std::string &file) {
+    const toml_reader in(table, file);
+    client_aliases aliases;
+    for (const auto &[key, node] : table) {
+        const std::string name(key.str());
+        const std::string text = in.text(name).value_or("");
+        const std::optional<std::string> mac = canonical_mac(text);
+        const std::optional<std::string> whom = mac ? mac : canonical_address(text);
+        if (!whom)
+            in.fail(node, toml_reader::quoted(name) +
+                              " must be a MAC address or an IP address, as in "
+                              "\"02:00:00:00:00:01\" or \"192.0.2.10\"");
+        if (canonical_mac(name) || canonical_address(name))
+            in.fail(node, toml_reader::quoted(name) + " is an address; an alias is a name");
+        aliases.emplace(name, *whom);
+    }
+    return aliases;
+}
+
+} // namespace
+
+settings read_settings(const std::string &path) {
+    settings read;
+    if (path == SETTINGS_FILE && access(path.c_str(), F_OK) != 0 && errno == ENOENT)
+        return read;
+    const toml::table root = avcore::parse_toml(avcore::read_config_text(path), path);
+    const toml_reader in(root, path);
+    in.expect_keys({"alias"});
+    if (const toml::table *aliases = in.table("alias"))
+        read.aliases = read_aliases(*aliases, path);
+    return read;
+}
+
+} // namespace avwatch
