@@ -89,7 +89,7 @@ void enforcement::settings_changed() {
 }
 
 void enforcement::report(std::ostream &out) const {
-    print_gate_counts(out, gate_.counts(), gate_.endings());
+    print_gate_counts(out, gate_.counts(), gate_.endings(), gate_.forgotten_flows());
 }
 
 void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {

@@ -39,6 +39,7 @@ constexpr struct {
     {"copies_refused", "copies refused, for their client had too many"},
     {"copies_lost", "copies lost, for nobody took them in time"},
     {"back", "held packets that came back"},
+    {"flows", "flows counted"},
 };
 static_assert(std::size(COUNTS) == GATE_COUNTS);
 
@@ -92,7 +93,8 @@ std::string beat_text(int64_t age_ms) {
 
 } // namespace
 
-void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_endings &endings) {
+void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_endings &endings,
+                       uint64_t forgotten_flows) {
     for (size_t i = 0; i < counts.size(); ++i) {
         if (counts[i] != 0)
             out << COUNTS[i].what << ": " << counts[i] << '\n';
@@ -101,6 +103,8 @@ void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_
         if (row.count != 0)
             out << row.what << ": " << row.count << '\n';
     }
+    if (forgotten_flows != 0)
+        out << "flows forgotten, for there were too many: " << forgotten_flows << '\n';
 }
 
 void print_gate_status(std::ostream &out, const gate_status &status) {
@@ -121,7 +125,7 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
         << " deny, " << status.verdicts[0] << " not final yet, generation " << status.generation
         << '\n';
-    print_gate_counts(out, status.counts, status.endings);
+    print_gate_counts(out, status.counts, status.endings, status.forgotten_flows);
 }
 
 void print_gate_status_json(std::ostream &out, const gate_status &status) {
@@ -150,6 +154,7 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
             object["counts"][COUNTS[i].key] = status.counts[i];
         for (const ending_row &row : rows_of(status.counts, status.endings))
             object["counts"][row.key] = row.count;
+        object["counts"]["flows_forgotten"] = status.forgotten_flows;
     }
     out << object.dump() << '\n';
 }

@@ -8,7 +8,8 @@
 namespace avcore {
 
 // A line for each count that isn't 0.
-void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_endings &endings);
+void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_endings &endings,
+                       uint64_t forgotten_flows);
 
 void print_gate_status(std::ostream &out, const gate_status &status);
 void print_gate_status_json(std::ostream &out, const gate_status &status);

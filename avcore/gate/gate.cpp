@@ -1,7 +1,7 @@
 #include "avcore/gate/gate.h"
 
 #include "avcore/base/monotonic_clock.h"
-#include "avcore/gate/flow_counters.h"
+#include "avcore/gate/flow_records.h"
 #include "avcore/gate/loader.h"
 #include "avcore/gate/mapping.h"
 #include "avcore/gate/maps.h"
@@ -81,7 +81,7 @@ struct gate::parts {
           copies(pinned_map(pins, "copies")),
           settings_map(pinned_map(pins, "settings")),
           settings(settings_map.get(), sizeof(gate_settings), PROT_READ | PROT_WRITE, 0),
-          counters(flows.get(), recent.get()),
+          records(flows.get(), recent.get()),
           ring_of_copies(copies.get()),
           places(pins, names) {}
 
@@ -98,7 +98,7 @@ struct gate::parts {
     unique_fd copies;
     unique_fd settings_map;
     mapping<gate_settings> settings;
-    flow_counters counters;
+    flow_records records;
     ring ring_of_copies;
     gate_places places;
     std::optional<way_back> back; // once packets may be held
@@ -221,7 +221,19 @@ bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
 }
 
 gate_counter gate::counter_of(const gate_flow &flow) const {
-    return parts_->counters.of(flow);
+    return parts_->records.counter_of(flow);
+}
+
+std::optional<gate_flow_state> gate::flow_of(const gate_flow &flow) const {
+    return parts_->records.find(flow);
+}
+
+bool gate::walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
+    return parts_->records.walk(cursor, max, visit);
+}
+
+uint64_t gate::forgotten_flows() const {
+    return count_forgotten(parts_->flows.get(), counts()[GATE_COUNT_FLOWS]);
 }
 
 bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
@@ -308,6 +320,8 @@ gate_status look_at_gate(const std::string &pins) {
     count_verdicts(pinned_map(pins, "verdicts").get(), status.verdicts);
     status.counts = read_counts(pinned_map(pins, "processors").get());
     status.endings = settings.endings;
+    status.forgotten_flows =
+        count_forgotten(pinned_map(pins, "flows").get(), status.counts[GATE_COUNT_FLOWS]);
     return status;
 }
 

@@ -8,13 +8,13 @@
 
 #include "avcore/gate/attach_way.h"
 #include "avcore/gate/counts.h"
+#include "avcore/gate/flow_state.h"
 #include "avcore/gate/interface_news.h"
 #include "avcore/records/enforce_settings.h"
 #include "avcore/records/gate_records.h"
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,25 +30,6 @@ struct gate_copy_seen {
     gate_copy head;
     std::span<const uint8_t> frame; // valid until the next one is taken
 };
-
-// A flow as the gate knows it.
-struct gate_flow_state {
-    gate_counter counts = {}; // since it began; they don't fall
-    // What flows that had these addresses and ports earlier had, together: what the last one of
-    // them came to is by how much that has grown since it began.
-    gate_counter before = {};
-    // CLOCK_MONOTONIC, first packet: tells it from all others of these addresses and ports in this
-    // boot. The wall's clock may be set meanwhile: then both of its times change.
-    uint64_t begun_ns = 0;
-    int64_t begun_us = 0; // of the wall's clock
-    int64_t last_us = 0;  // last packet; a tick of the kernel's too early at most
-    uint8_t ended = 0;    // bits of gate_end
-    // Of the last packet that came from the client; until one has, of the first that went to it.
-    std::array<uint8_t, 6> mac = {};
-    uint32_t if_index = 0; // 0: neither is known
-};
-
-using flow_visitor = std::function<void(const gate_flow &, const gate_flow_state &)>;
 
 class gate {
 public:
@@ -102,8 +83,8 @@ public:
     gate_counter counter_of(const gate_flow &flow) const;
     // None where the gate doesn't know the flow, or no longer.
     std::optional<gate_flow_state> flow_of(const gate_flow &flow) const;
-    // Shows about `max` of the flows, at least 256, from `cursor` on, which is 0 at first. False:
-    // these were the last, and `cursor` is 0 again. Flows that come or go during a walk may be
+    // Shows `max` of the flows at most (256 where that is less), from `cursor` on, which is 0 at
+    // first. False: these were the last, and `cursor` is 0 again. Flows that come or go during a walk may be
     // passed over or come twice; those that stay come once.
     bool walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
     // How many the map has dropped for others so far, whatever they had. Once it has been nearly
@@ -145,6 +126,7 @@ struct gate_status {
     uint64_t verdicts[3] = {}; // in the map, by gate_action; first those that aren't final yet
     gate_counts counts = {};
     gate_endings endings = {};
+    uint64_t forgotten_flows = 0;
 };
 gate_status look_at_gate(const std::string &pins); // throws std::runtime_error
 

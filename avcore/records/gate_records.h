@@ -14,7 +14,7 @@
 #define GATE_SIZE(record, size) _Static_assert(sizeof(struct record) == (size), #record)
 #endif
 
-#define GATE_LAYOUT "v10"
+#define GATE_LAYOUT "v11"
 
 /* Bounds of the maps. */
 #define GATE_FLOWS 65536  /* of verdicts, and of flows; the least recently used go first */
@@ -91,16 +91,38 @@ GATE_SIZE(gate_counter, 48);
 /* How a flow of TCP ended: what passed of it. */
 enum gate_end { GATE_FIN_UP = 1, GATE_FIN_DOWN = 2, GATE_RST = 4 };
 
+/* As long a flow is idle, and what comes then with its addresses and ports is another one. */
+#define GATE_IDLE_NS 300000000000ull
+
+/* What flows of the same addresses and ports had, and when the present one came: written by the
+ * kernel alone, by several processors at once. A processor still has some of the counts at hand
+ * when another begins a flow anew; they are that one's then. Times are CLOCK_MONOTONIC, which the
+ * program reads anyway. */
+struct gate_flow_record {
+    struct gate_counter counter; /* of all of them: it never falls */
+    struct gate_counter before;  /* what that was as the present one began */
+    __u64 begun_ns;
+    __u64 last_ns;  /* a tick too early at most */
+    __u32 if_index; /* of the client's interface, at its last packet */
+    __u8 mac[6];    /* the client's, in that one; both: gate_flow_state */
+    __u8 fin[2];    /* 1: has passed, by direction. Bytes, for bits couldn't be set at once */
+    __u8 reset;
+    __u8 reserved[3];
+};
+GATE_SIZE(gate_flow_record, 128);
+
 /* A flow that a processor has at hand: written by the kernel alone, each by one processor. It looks
- * the verdict up once a tick, when any has changed, and when another flow has had the place; what
- * it has counted since then goes to the flow's counter at the next look-up. So a packet costs no
- * look-up by its flow and no locked addition. */
+ * the verdict up once a tick, when any has changed, and when another flow has had the place. The
+ * first packet that counts after that goes to the flow's record, and with it what was counted
+ * before. So other packets cost no look-up by their flow and no locked addition. */
 struct gate_recent {
     struct gate_flow flow;
     struct gate_verdict verdict; /* action 0: there was none */
     __u64 looked_up; /* when that was: the settings' `changes` and, in the lower half, the tick */
-    struct gate_counter counter; /* what isn't in the flow's yet */
-    __u64 taken; /* grows as the look-up begins, and again as it ends: odd between */
+    struct gate_counter counter; /* what isn't in the flow's record yet */
+    __u32 taken; /* grows as the look-up, or the way to the record, begins, and again as it ends:
+                    odd between */
+    __u32 noted; /* 1: the record knows of a packet since the look-up */
 };
 GATE_SIZE(gate_recent, 128);
 
@@ -230,6 +252,7 @@ enum gate_count {
     GATE_COUNT_COPIES_REFUSED, /* their client had too many */
     GATE_COUNT_COPIES_LOST,    /* the ring was full */
     GATE_COUNT_BACK,           /* of the held ones; what became of them is counted as well */
+    GATE_COUNT_FLOWS,          /* flows that got a record */
     GATE_COUNTS
 };
 

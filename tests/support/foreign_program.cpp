@@ -49,3 +49,13 @@ uint64_t foreign_program::runs() {
     EXPECT_EQ(bpf_obj_get_info_by_fd(fd_.get(), &info, &size), 0);
     return info.run_cnt - std::exchange(seen_, info.run_cnt);
 }
+
+bool read_pinned(const std::string &pin, const void *key, void *value) {
+    const unique_fd fd(bpf_obj_get(pin.c_str()));
+    return bpf_map_lookup_elem(fd.get(), key, value) == 0;
+}
+
+bool write_pinned(const std::string &pin, const void *key, const void *value) {
+    const unique_fd fd(bpf_obj_get(pin.c_str()));
+    return bpf_map_update_elem(fd.get(), key, value, BPF_EXIST) == 0;
+}

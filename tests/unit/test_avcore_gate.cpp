@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +25,7 @@
 #include <net/if.h>
 #include <poll.h>
 #include <random>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/mount.h>
@@ -102,14 +104,17 @@ protected:
         run("ip link del gw0; ip link del gw1; ip link del br0 2>/dev/null");
     }
 
-    void send_frame(const octets &frame) const {
-        EXPECT_EQ(send(fd_.get(), frame.data(), frame.size(), 0),
-                  static_cast<ssize_t>(frame.size()));
+    static void send_frame(int fd, const octets &frame) {
+        EXPECT_EQ(send(fd, frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
     }
+    void send_frame(const octets &frame) const { send_frame(fd_.get(), frame); }
     // What became of a frame: the counts of packets that changed.
     std::vector<int> fate(const gate &at, const octets &frame) const {
+        return fate(at, frame, fd_.get());
+    }
+    static std::vector<int> fate(const gate &at, const octets &frame, int fd) {
         const gate_counts before = at.counts();
-        send_frame(frame);
+        send_frame(fd, frame);
         std::vector<int> changed;
         for (int tries = 0; tries < 1000 && changed.empty(); ++tries) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -480,6 +485,205 @@ TEST_F(AvcoreGate, FlowsThatMeetAtAPlaceKeepTheirVerdictsAndCounts) {
         EXPECT_EQ(at.counter_of(denied).denied, static_cast<uint64_t>(i));
     }
     EXPECT_EQ(at.counter_of(denied).packets[GATE_UP] + at.counter_of(allowed).denied, 0u);
+}
+
+octets segment(bool up, uint8_t flags) {
+    const ipv4_words sides;
+    return up ? ethernet(0x0800, ipv4(6, tcp(1000, 443, "", flags)))
+              : ethernet(0x0800,
+                         ipv4(6, tcp(443, 1000, "", flags), {.src = sides.dst, .dst = sides.src}),
+                         false);
+}
+
+// Of the segments above.
+gate_flow flow_of_segments() {
+    const octets mapped = octets(10, 0) + octets(2, 0xFF);
+    const octets client = mapped + be32(ipv4_words().src);
+    const octets server = mapped + be32(ipv4_words().dst);
+    gate_flow flow = {};
+    std::ranges::copy(client, flow.client);
+    std::ranges::copy(server, flow.server);
+    flow.client_port_be = htons(1000);
+    flow.server_port_be = htons(443);
+    flow.proto = 6;
+    return flow;
+}
+
+int64_t wall_us() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+TEST_F(AvcoreGate, AddressesAndPortsThatComeAgainAreAnotherFlow) {
+    constexpr uint8_t fin = 0x11, syn = 0x02, syn_ack = 0x12, rst = 0x14, ack = 0x10;
+    constexpr uint8_t both = GATE_FIN_UP | GATE_FIN_DOWN;
+    const struct {
+        const char *what;
+        bool up;
+        uint8_t flags;
+        unsigned flow; // counted up
+        uint64_t packets;
+        uint8_t ended;
+    } rows[] = {
+        {"asked for by the server", false, syn, 1, 1, 0},
+        {"answered", true, syn_ack, 1, 2, 0},
+        {"asked for from the client, too", true, syn, 1, 3, 0},
+        {"ended by one side", true, fin, 1, 4, GATE_FIN_UP},
+        {"and by the other", false, fin, 1, 5, both},
+        {"which is heard", true, ack, 1, 6, both},
+        {"the server asks", false, syn, 1, 7, both},
+        {"the client asks", true, syn, 2, 1, 0},
+        {"once more", true, syn, 2, 2, 0},
+        {"it is refused", false, rst, 2, 3, GATE_RST},
+        {"and tries again", true, syn, 3, 1, 0},
+        {"half ended", false, fin, 3, 2, GATE_FIN_DOWN},
+        {"the client has forgotten it", true, syn, 4, 1, 0},
+    };
+    gate at(PINS, {"gw0"});
+    at.beat();
+    const unique_fd beyond = packet_socket("gw0"); // what is sent there goes down
+    const gate_flow key = flow_of_segments();
+    const int64_t began_us = wall_us() - 100'000; // ticks, and what tells two clocks apart
+    gate_flow_state last;
+    gate_counter sent = {};
+    unsigned flows = 0;
+    const auto sum = [](const gate_counter &of) { return of.packets[0] + of.packets[1]; };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        at.beat();
+        const octets frame = segment(row.up, row.flags);
+        fate(at, frame, row.up ? fd_.get() : beyond.get());
+        sent.packets[row.up ? GATE_UP : GATE_DOWN]++;
+        const std::optional<gate_flow_state> now = at.flow_of(key);
+        ASSERT_TRUE(now);
+        flows += now->begun_ns != last.begun_ns;
+        EXPECT_EQ(flows, row.flow);
+        EXPECT_EQ(sum(now->counts), row.packets);
+        EXPECT_EQ(sum(now->counts) + sum(now->before), sum(sent));
+        EXPECT_EQ(at.counter_of(key).bytes[GATE_UP], sent.packets[GATE_UP] * frame.size());
+        EXPECT_EQ(now->ended, row.ended);
+        EXPECT_TRUE(began_us < now->begun_us && now->begun_us <= now->last_us &&
+                    now->last_us <= wall_us() + 100'000);
+        EXPECT_EQ(now->mac, (std::array<uint8_t, 6>{2, 0, 0, 0, 0, 12}));
+        EXPECT_EQ(now->if_index, if_nametoindex("gw0"));
+        last = *now;
+    }
+    ASSERT_TRUE(at.decide(key, denial(0, at.generation())));
+    EXPECT_EQ(fate(at, segment(true, fin)), std::vector<int>{GATE_COUNT_DENIED});
+    EXPECT_EQ(at.flow_of(key)->ended, 0) << "what is dropped ends nothing";
+
+    const std::string pin = pin_of(PINS, "flows");
+    for (const uint64_t idle_s : {299, 301}) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a tick
+        gate_flow_record record = {};
+        ASSERT_TRUE(read_pinned(pin, &key, &record));
+        record.last_ns -= idle_s * 1'000'000'000;
+        ASSERT_TRUE(write_pinned(pin, &key, &record));
+        fate(at, segment(true, ack));
+        EXPECT_EQ(at.flow_of(key)->begun_ns != last.begun_ns, idle_s == 301);
+    }
+    EXPECT_EQ(at.flow_of(key)->counts.denied, 1u);
+    EXPECT_EQ(at.counter_of(key).denied, 3u);
+}
+
+TEST_F(AvcoreGate, NothingIsLostOrCountedTwiceWhereProcessorsBeginAFlowAtOnce) {
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = 1});
+    at.beat();
+    std::atomic<int> running = 2;
+    const auto connect_again = [&](size_t processor) {
+        cpu_set_t own;
+        CPU_ZERO(&own);
+        CPU_SET(processor, &own);
+        sched_setaffinity(0, sizeof own, &own); // where there is one alone, so be it
+        const unique_fd fd = packet_socket("c0");
+        for (int i = 0; i < 3000; ++i)
+            for (const uint8_t flags : octets{0x02, 0x10, 0x11})
+                send_frame(fd.get(), segment(true, flags));
+        --running;
+    };
+    std::thread one(connect_again, 0);
+    std::thread other(connect_again, 1);
+    const gate_flow key = flow_of_segments();
+    uint64_t last = 0;
+    uint64_t seen = 0;
+    uint32_t cursor = 0;
+    const auto look = [&](const gate_flow &, const gate_flow_state &state) {
+        const uint64_t all = state.before.packets[GATE_UP] + state.counts.packets[GATE_UP];
+        EXPECT_GE(all, last);
+        last = all;
+        ++seen;
+    };
+    while (running > 0) {
+        at.beat();
+        if (const auto state = at.flow_of(key))
+            look(key, *state);
+        at.walk_flows(cursor, 1, look);
+    }
+    one.join();
+    other.join();
+    EXPECT_GT(seen, 10u);
+    EXPECT_EQ(at.counter_of(key).packets[GATE_UP], at.counts()[GATE_COUNT_UNDECIDED]);
+    EXPECT_GT(at.flow_of(key)->before.packets[GATE_UP], 1000u);
+}
+
+TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = 1});
+    const auto send_flows = [&](unsigned from, unsigned to) {
+        const uint64_t before = at.counts()[GATE_COUNT_UNDECIDED];
+        for (unsigned i = from; i < to; ++i) {
+            if (i % 1000 == 0)
+                at.beat();
+            send_frame(ethernet(0x0800, ipv4(17, udp(1 + i % 50'000, 2000 + i / 50'000, "x"))));
+        }
+        for (int i = 0; i < 1000 && at.counts()[GATE_COUNT_UNDECIDED] < before + to - from; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    using packets_by_flow = std::map<std::pair<uint16_t, uint16_t>, uint64_t>;
+    const auto walk = [&](packets_by_flow &found) {
+        uint32_t cursor = 0;
+        bool more = true;
+        int steps = 0;
+        for (; more; ++steps)
+            more = at.walk_flows(cursor, 1, [&](const gate_flow &flow, const gate_flow_state &is) {
+                found[{flow.client_port_be, flow.server_port_be}] += is.counts.packets[GATE_UP];
+            });
+        return steps;
+    };
+    send_flows(0, 600);
+    send_flows(0, 600);
+    packets_by_flow found;
+    EXPECT_GE(walk(found), 3);
+    EXPECT_EQ(found.size(), 600u);
+    EXPECT_TRUE(std::ranges::all_of(found, [](const auto &one) { return one.second == 2; }));
+    EXPECT_EQ(at.forgotten_flows(), 0u);
+
+    send_flows(600, GATE_FLOWS + 1000);
+    const uint64_t made = at.counts()[GATE_COUNT_FLOWS];
+    found.clear();
+    walk(found);
+    EXPECT_GE(at.forgotten_flows(), made - GATE_FLOWS);
+    EXPECT_EQ(at.forgotten_flows(), made - found.size());
+    EXPECT_EQ(look_at_gate(PINS).forgotten_flows, made - found.size());
+}
+
+TEST_F(AvcoreGate, CopiesOfDecidedFlowsAreOfThoseThatShowNames) {
+    const struct {
+        unsigned client_port;
+        unsigned server_port;
+        bool copied;
+    } rows[] = {{68, 67, true}, {67, 68, false}, {1000, 53, true}, {1000, 67, false}};
+    gate at(PINS, {"gw0"});
+    at.beat();
+    for (const auto &row : rows) {
+        const octets frame = ethernet(0x0800, ipv4(17, udp(row.client_port, row.server_port, "x")));
+        fate(at, frame);
+        gate_copy_seen copy;
+        ASSERT_TRUE(at.take(copy) && at.decide(copy.head.flow, allowance(at.generation())));
+        EXPECT_EQ(fate(at, frame), std::vector<int>{GATE_COUNT_DECIDED});
+        EXPECT_EQ(at.take(copy), row.copied) << row.server_port;
+    }
 }
 
 // Segments whose checksum isn't left to the hardware; sockets on a veth pair have no others.

@@ -1,4 +1,4 @@
-/* The flows' verdicts, and what they have sent. */
+/* The flows' verdicts, and what is known of their packets. */
 #pragma once
 
 #include "avcore/gate/kernel/packet.h"
@@ -14,7 +14,7 @@ struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, GATE_FLOWS);
     __type(key, struct gate_flow);
-    __type(value, struct gate_counter);
+    __type(value, struct gate_flow_record);
 } flows SEC(".maps");
 
 /* GATE_RECENT for each processor: whoever loads it makes it so large. */
@@ -53,21 +53,30 @@ static __always_inline bool are_same(const struct gate_flow *a, const struct gat
             (of_a[0] ^ of_b[0])) == 0;
 }
 
-static __always_inline void add_to_flow(const struct gate_flow *flow,
-                                        const struct gate_counter *seen) {
-    struct gate_counter *counter = bpf_map_lookup_elem(&flows, flow);
-    if (!counter && bpf_map_update_elem(&flows, flow, seen, BPF_NOEXIST) == 0)
-        return;
-    if (!counter)
-        counter = bpf_map_lookup_elem(&flows, flow); /* another processor has just made it */
-    if (!counter)
-        return;
+/* Made where there is none. */
+static __always_inline struct gate_flow_record *record_of(const struct gate_flow *flow,
+                                                          struct gate_processor *here) {
+    struct gate_flow_record *record = bpf_map_lookup_elem(&flows, flow);
+    if (record)
+        return record;
+    struct gate_flow_record begun = {.begun_ns = bpf_ktime_get_ns()};
+    begun.last_ns = begun.begun_ns;
+    if (bpf_map_update_elem(&flows, flow, &begun, BPF_NOEXIST) == 0)
+        here->counts[GATE_COUNT_FLOWS]++;
+    return bpf_map_lookup_elem(&flows, flow); /* perhaps another processor's, just made */
+}
+
+static __always_inline void move_counts(struct gate_recent *place,
+                                        struct gate_flow_record *record) {
+    const struct gate_counter nothing = {};
+    const struct gate_counter *seen = &place->counter;
     for (int way = 0; way < 2; way++) {
-        __sync_fetch_and_add(&counter->packets[way], seen->packets[way]);
-        __sync_fetch_and_add(&counter->bytes[way], seen->bytes[way]);
+        __sync_fetch_and_add(&record->counter.packets[way], seen->packets[way]);
+        __sync_fetch_and_add(&record->counter.bytes[way], seen->bytes[way]);
     }
-    __sync_fetch_and_add(&counter->denied, seen->denied);
-    __sync_fetch_and_add(&counter->limited, seen->limited);
+    __sync_fetch_and_add(&record->counter.denied, seen->denied);
+    __sync_fetch_and_add(&record->counter.limited, seen->limited);
+    place->counter = nothing;
 }
 
 #define COMPILER_BARRIER() asm volatile("" ::: "memory")
@@ -78,20 +87,23 @@ static __always_inline void look_up(const struct gate_flow *flow, struct gate_ve
     *verdict = found ? *found : none;
 }
 
-static __noinline void take_to_hand(struct gate_recent *place, const struct gate_flow *flow,
+static __noinline void take_to_hand(struct gate_recent *place, const struct packet *packet,
                                     __u64 now, struct gate_verdict *verdict) {
-    const struct gate_counter nothing = {};
     const struct gate_counter *seen = &place->counter;
     place->taken++;
     COMPILER_BARRIER();
-    if (seen->packets[GATE_UP] | seen->packets[GATE_DOWN] | seen->denied | seen->limited) {
-        add_to_flow(&place->flow, seen);
-        place->counter = nothing;
+    if (!are_same(&place->flow, &packet->flow)) {
+        if (seen->packets[GATE_UP] | seen->packets[GATE_DOWN] | seen->denied | seen->limited) {
+            struct gate_flow_record *record = record_of(&place->flow, packet->here);
+            if (record)
+                move_counts(place, record);
+        }
+        place->flow = packet->flow;
     }
-    look_up(flow, verdict);
-    place->flow = *flow;
+    look_up(&packet->flow, verdict);
     place->verdict = *verdict;
     place->looked_up = now;
+    place->noted = 0;
     COMPILER_BARRIER();
     place->taken++;
 }
@@ -109,11 +121,11 @@ static __always_inline struct gate_recent *at_hand(const struct packet *packet,
         look_up(&packet->flow, verdict);
         return NULL;
     }
-    const __u64 taken = place->taken;
+    const __u32 taken = place->taken;
     COMPILER_BARRIER();
     if (taken % 2 == 0) {
         if (place->looked_up != now || !are_same(&place->flow, &packet->flow)) {
-            take_to_hand(place, &packet->flow, now, verdict);
+            take_to_hand(place, packet, now, verdict);
             return place;
         }
         *verdict = place->verdict;
@@ -125,8 +137,77 @@ static __always_inline struct gate_recent *at_hand(const struct packet *packet,
     return NULL;
 }
 
-static __always_inline void count_passed(struct gate_counter *counter, struct __sk_buff *skb,
-                                         const struct packet *packet) {
+/* Ends of a connection, and what asks for one. */
+static __always_inline bool is_turn(const struct packet *packet) {
+    const __u8 flags = packet->tcp_flags;
+    return (flags & (TCP_FIN | TCP_SYN | TCP_RST)) && (flags & SYN_ACK) != SYN_ACK;
+}
+
+static __always_inline bool comes_again(const struct packet *packet,
+                                        const struct gate_flow_record *record, __u64 now) {
+    const bool asks = packet->direction == GATE_UP && (packet->tcp_flags & SYN_ACK) == TCP_SYN;
+    const bool has_ended = record->fin[GATE_UP] || record->fin[GATE_DOWN] || record->reset;
+    return (asks && has_ended) || (__s64)(now - record->last_ns) > (__s64)GATE_IDLE_NS;
+}
+
+/* The exact time, by which flows of one tick are told apart. Two processors that do it at once take
+ * two snapshots of the same. */
+static __always_inline void begin_again(struct gate_flow_record *record) {
+    record->before = record->counter;
+    record->begun_ns = record->last_ns = bpf_ktime_get_ns();
+    record->fin[GATE_UP] = record->fin[GATE_DOWN] = record->reset = 0;
+}
+
+static __always_inline void note_client(struct __sk_buff *skb, const struct packet *packet,
+                                        struct gate_flow_record *record) {
+    const struct ethhdr *head = ethernet_of(skb);
+    const bool up = packet->direction == GATE_UP;
+    if (!head || (!up && record->if_index))
+        return;
+    if (up)
+        __builtin_memcpy(record->mac, head->h_source, sizeof record->mac);
+    else
+        __builtin_memcpy(record->mac, head->h_dest, sizeof record->mac);
+    record->if_index = skb->ifindex;
+}
+
+static __noinline void note(struct __sk_buff *skb, const struct packet *packet,
+                            struct gate_recent *place, bool passes) {
+    place->taken++;
+    COMPILER_BARRIER();
+    struct gate_flow_record *record = record_of(&packet->flow, packet->here);
+    if (record) {
+        const __u64 now = packet->here->now_ns;
+        move_counts(place, record);
+        if (comes_again(packet, record, now))
+            begin_again(record);
+        if ((__s64)(now - record->last_ns) > 0)
+            record->last_ns = now;
+        note_client(skb, packet, record);
+        if (passes && (packet->tcp_flags & TCP_RST))
+            record->reset = 1;
+        if (passes && (packet->tcp_flags & TCP_FIN))
+            record->fin[packet->direction == GATE_UP ? GATE_UP : GATE_DOWN] = 1;
+    }
+    place->noted = 1;
+    COMPILER_BARRIER();
+    place->taken++;
+}
+
+/* Where the packet counts. `passes`: it isn't dropped. */
+static __always_inline struct gate_counter *counter_for(struct __sk_buff *skb,
+                                                        const struct packet *packet,
+                                                        struct gate_recent *place, bool passes) {
+    if (!place)
+        return NULL;
+    if (!place->noted || is_turn(packet))
+        note(skb, packet, place, passes);
+    return &place->counter;
+}
+
+static __always_inline void count_passed(struct __sk_buff *skb, const struct packet *packet,
+                                         struct gate_recent *place) {
+    struct gate_counter *counter = counter_for(skb, packet, place, true);
     if (!counter)
         return;
     const __u32 way = packet->direction == GATE_UP ? GATE_UP : GATE_DOWN;

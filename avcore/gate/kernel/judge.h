@@ -11,13 +11,15 @@
 #include "avcore/gate/kernel/replies.h"
 
 #define DNS_PORT_BE bpf_htons(53)
+#define DHCP_PORTS_BE bpf_htonl(68 << 16 | 67) /* the client's and the server's, as in a flow */
 
 static __always_inline int deny(struct __sk_buff *skb, const struct packet *packet,
-                                const struct gate_verdict *verdict, struct gate_counter *counter) {
+                                const struct gate_verdict *verdict, struct gate_recent *place) {
     const bool resets = (verdict->flags & GATE_RESET) != 0;
     if (resets && is_pure_reset(packet))
         return pass(GATE_COUNT_DECIDED, packet);
     count(packet, GATE_COUNT_DENIED, packet->segments);
+    struct gate_counter *counter = counter_for(skb, packet, place, false);
     if (counter)
         counter->denied += packet->segments; /* before a reset, which passes a gate meanwhile: that
                                                 may give the place to another flow */
@@ -38,21 +40,29 @@ static __always_inline bool take_turn(struct __sk_buff *skb, const struct packet
 }
 
 static __always_inline int allow(struct __sk_buff *skb, const struct packet *packet,
-                                 const struct gate_verdict *verdict, struct gate_counter *counter) {
+                                 const struct gate_verdict *verdict, struct gate_recent *place) {
     if (!take_turn(skb, packet, verdict)) {
+        struct gate_counter *counter = counter_for(skb, packet, place, false);
         if (counter)
             counter->limited += packet->segments;
         return drop(GATE_COUNT_LIMITED, packet);
     }
     if (verdict->flags & GATE_SET_DSCP)
         set_dscp(skb, packet, verdict->dscp);
-    count_passed(counter, skb, packet);
+    count_passed(skb, packet, place);
     return pass(GATE_COUNT_DECIDED, packet);
 }
 
 static __always_inline bool is_dns(const struct gate_flow *flow) {
     return flow->proto == IPPROTO_UDP &&
            (flow->client_port_be == DNS_PORT_BE || flow->server_port_be == DNS_PORT_BE);
+}
+
+/* One flow stands for the requests of all clients. */
+static __always_inline bool is_dhcp(const struct packet *packet) {
+    __be32 ports;
+    __builtin_memcpy(&ports, &packet->flow.client_port_be, sizeof ports);
+    return ports == DHCP_PORTS_BE && packet->flow.proto == IPPROTO_UDP && !packet->is_ipv6;
 }
 
 static __always_inline bool is_to_be_held(const struct packet *packet,
@@ -70,7 +80,6 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
                                  const struct gate_settings *set, bool attended) {
     struct gate_verdict verdict;
     struct gate_recent *place = at_hand(packet, set, &verdict);
-    struct gate_counter *counter = place ? &place->counter : NULL;
     const bool judged = verdict.action != 0;
     const bool decided = judged && !(verdict.flags & GATE_NOT_YET_FINAL);
     const bool settled = decided && verdict.generation == set->generation;
@@ -79,21 +88,22 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
         return hold(skb, packet, set, judged);
     if (packet->direction == GATE_UP && is_dns(&packet->flow))
         skb->tc_index = CAME_UP;
-    if ((attended || set->probing) && !packet->is_back && (!settled || is_dns(&packet->flow)))
+    const bool shows_names = is_dns(&packet->flow) || is_dhcp(packet);
+    if ((attended || set->probing) && !packet->is_back && (!settled || shows_names))
         excess = !copy_up(skb, packet, set);
     if (!attended && !set->fail_closed)
         return pass(GATE_COUNT_NOBODY, packet);
     if (!decided && !attended)
         return drop(GATE_COUNT_SHUT, packet);
     if (judged && verdict.action == GATE_DENY)
-        return deny(skb, packet, &verdict, counter);
+        return deny(skb, packet, &verdict, place);
     if (judged)
-        return allow(skb, packet, &verdict, counter);
+        return allow(skb, packet, &verdict, place);
     if (packet->is_back && set->fail_closed)
         return drop(GATE_COUNT_SHUT, packet); /* its verdict has left the map meanwhile */
     if (excess && packet->direction == GATE_UP && (set->rules & GATE_DROP_EXCESS))
         return drop(GATE_COUNT_EXCESS, packet);
-    count_passed(counter, skb, packet);
+    count_passed(skb, packet, place);
     return pass(GATE_COUNT_UNDECIDED, packet);
 }
 

@@ -37,6 +37,7 @@ struct tcp_header {
 #define TCP_SYN 0x02
 #define TCP_RST 0x04
 #define TCP_ACK 0x10
+#define SYN_ACK (TCP_SYN | TCP_ACK)
 
 struct packet {
     struct gate_processor *here; /* the processor that is at it */
