@@ -1,6 +1,6 @@
 // A frame on its way to the daemon: what is shown of an IPv6 packet is one of IPv4 of stand-ins,
-// whose lengths hold, and no longer than what was captured. DNS answers inside are read, too, and
-// what could be several datagrams is cut, for the engine and for the wire.
+// whose lengths hold, and no longer than what was captured. DNS answers and DHCP requests inside
+// are read, too, and what could be several datagrams is cut, for the engine and for the wire.
 #include "avcore/frames/ipv6_frame.h"
 #include "avcore/flows/frame_builder.h"
 #include "avcore/frames/wire_packets.h"

@@ -4,6 +4,7 @@
 #include "avcore/flows/trailer_builder.h"
 #include "avcore/frames/ipv6_frame.h"
 #include "avcore/frames/tcp_checksum.h"
+#include "avcore/names/dhcp.h"
 #include "core/text/text.h"
 #include "packet/decode/cursor.h"
 
@@ -119,6 +120,7 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     note_frame(flow.row, names_, time_us_);
     if (const auto packet = ipv4_packet(std::span(bytes).first(shown_size)); !packet.empty()) {
         lesson.answer = read_names(*frame, packet, captured);
+        read_client_name(*frame, packet);
         if (dpi_)
             inspect(*frame, packet, time_us_, flow.row, trailer, fed.engine_done);
     }
@@ -142,6 +144,15 @@ frame_counts frame_builder::counts() const {
     frame_counts counts = counts_;
     counts.answers_refused = resolvers_.refused();
     return counts;
+}
+
+void frame_builder::read_client_name(const frame_facts &frame, std::span<const uint8_t> packet) {
+    if (!frame.sender_is_client.value_or(true) || frame.ip_proto != IPPROTO_UDP ||
+        frame.receiver.port != DHCP_SERVER_PORT || frame.sender.port != DHCP_CLIENT_PORT)
+        return;
+    std::string name = host_name_in_request(udp_payload(packet), frame.sender.mac);
+    if (!name.empty())
+        client_names_.learn(frame.sender.mac, std::move(name));
 }
 
 // A capture may have been made anywhere, and show answers without their questions.

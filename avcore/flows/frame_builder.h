@@ -9,6 +9,7 @@
 #include "avcore/flows/flow_table.h"
 #include "avcore/flows/resolvers.h"
 #include "avcore/frames/captured_frame.h"
+#include "avcore/names/client_names.h"
 #include "avcore/names/dns_names.h"
 #include "avcore/names/stand_ins.h"
 #include "avcore/settings/client_rules.h"
@@ -47,6 +48,8 @@ public:
     flow_table &flows() { return flows_; }
     int64_t time_us() const { return time_us_; } // of the last frame's capture
     const stand_in_table &stand_ins() const { return stand_ins_; }
+    // Of DHCP.
+    const client_name_table &client_names() const { return client_names_; }
     frame_counts counts() const;
     // What the last frame gives to say; else empty.
     std::string take_remark() { return resolvers_.take_remark(); }
@@ -57,6 +60,7 @@ private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);
     dns_answer read_names(const frame_facts &frame, std::span<const uint8_t> packet,
                           const captured_frame &captured);
+    void read_client_name(const frame_facts &frame, std::span<const uint8_t> packet);
     bool has_known_side(const frame_facts &frame) const;
     void inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                  flow_row &row, av_pkt_trailer &trailer, bool &engine_done);
@@ -80,6 +84,7 @@ private:
     frame_counts counts_;
     flow_table flows_;
     client_table<acquaintance, std::string> shown_{SHOWN_HOSTS}; // and a server took it
+    client_name_table client_names_;
     dns_names names_; // as of the last frame, like the rows; the daemon isn't there yet
     int64_t time_us_ = 0;
     std::unique_ptr<dpi_engine> dpi_; // null: switched off

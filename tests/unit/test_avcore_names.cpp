@@ -2,6 +2,8 @@
 // findings.
 #include "avcore/engine/dpi.h"
 #include "avcore/flows/frame_builder.h"
+#include "avcore/names/client_names.h"
+#include "avcore/names/dhcp.h"
 #include "avcore/names/dns_names.h"
 #include "support/quic_packets.h"
 
@@ -312,6 +314,56 @@ TEST(AvcoreDns, OfWhatAGateShowsOnlyAResolversAnswersTeach) {
         EXPECT_EQ(builder.take_remark(), "") << "said once";
         EXPECT_EQ(come(false), 1u) << row.what << ", in a capture";
     }
+}
+
+// Of the client whose MAC address frames have.
+bytes dhcp_request(const bytes &options, char op = 1, char last_of_mac = 12) {
+    return bytes{op, 1, 6} + bytes(25, '\0') + bytes("\2\0\0\0\0", 5) + last_of_mac +
+           bytes(202, '\0') + "\x63\x82\x53\x63" + options;
+}
+
+TEST(AvcoreDhcp, ClientsNameThemselvesAndNobodyElse) {
+    const bytes type("\x35\1\1", 3);
+    const bytes laptop = "\x0C\6laptop";
+    const bytes end = "\xFF";
+    const struct {
+        const char *what;
+        bytes message;
+        std::string name;
+    } rows[] = {
+        {"a name", dhcp_request(type + laptop + end), "laptop"},
+        {"behind padding, without an end", dhcp_request(bytes(3, '\0') + laptop), "laptop"},
+        {"with a NUL behind it", dhcp_request(bytes("\x0C\3pc\0", 5) + end), "pc"},
+        {"behind the end", dhcp_request(end + laptop), ""},
+        {"in another option", dhcp_request("\x0F\x08" + laptop + end), ""},
+        {"cut", dhcp_request(type + "\x0C\7laptop"), ""},
+        {"without a length", dhcp_request(type + "\x0C"), ""},
+        {"a control character", dhcp_request("\x0C\3a\nb" + end), ""},
+        {"a NUL inside", dhcp_request(bytes("\x0C\3a\0b", 5) + end), ""},
+        {"empty", dhcp_request(bytes("\x0C\0", 2) + end), ""},
+        {"a reply", dhcp_request(laptop + end, 2), ""},
+        {"another's", dhcp_request(laptop + end, 1, 13), ""},
+        {"no cookie", dhcp_request(laptop + end).replace(236, 1, "x"), ""},
+        {"an end before the options", dhcp_request({}), ""},
+        {"an end before the cookie", dhcp_request({}).substr(0, 239), ""},
+    };
+    const mac_address client = {2, 0, 0, 0, 0, 12};
+    const config settings = parse_config("dpi = false", "f");
+    for (const auto &row : rows) {
+        frame_builder builder(settings, "");
+        builder.build({ethernet(0x0800, ipv4(17, udp(68, 67, row.message))), 0, {}, nullptr});
+        const std::string *name = builder.client_names().find(client);
+        EXPECT_EQ(name ? *name : "", row.name) << row.what;
+    }
+    client_name_table names(2);
+    const mac_address other = {2, 0, 0, 0, 0, 13};
+    names.learn(client, "old");
+    names.learn(other, "other");
+    names.learn(client, "new");
+    names.learn({2, 0, 0, 0, 0, 14}, "third");
+    ASSERT_NE(names.find(client), nullptr);
+    EXPECT_EQ(*names.find(client), "new");
+    EXPECT_EQ(names.find(other), nullptr) << "heard longest ago";
 }
 
 TEST(AvcoreHandshakes, OnlyAServerThatGoesOnTakesOne) {
