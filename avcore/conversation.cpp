@@ -5,6 +5,7 @@
 #include "avcore/channel/platform_values.h"
 #include "avcore/channel/tool_answers.h"
 #include "avcore/flows/roam_flows.h"
+#include "avcore/reasons/reasons.h"
 
 #include <algorithm>
 #include <iterator>
@@ -53,6 +54,20 @@ void conversation::outdate_verdicts() {
     with_.builder.flows().outdate_verdicts();
     if (with_.at_gate != nullptr)
         with_.at_gate->policies_changed();
+    if (with_.watched_by != nullptr)
+        with_.watched_by->policies_changed();
+}
+
+bool conversation::is_denied(const flow_row &row) const {
+    return with_.at_gate != nullptr ? row.enforcement.denied : row.verdict == AV_VERDICT_DENY;
+}
+
+void conversation::judged(flow_row &row, bool was_denied) {
+    if (with_.watched_by == nullptr)
+        return;
+    with_.watched_by->note(row);
+    if (!was_denied && is_denied(row))
+        with_.watched_by->denied(row);
 }
 
 void conversation::hear(const av_verdict &verdict) {
@@ -60,9 +75,15 @@ void conversation::hear(const av_verdict &verdict) {
     const std::optional<fed_frame> frame = with_.frames.take_verdict(verdict.flow_key, now_ms);
     if (!frame)
         return;
+    const flow_row *before = with_.builder.flows().find(frame->flow);
+    const bool was_denied = before != nullptr && is_denied(*before);
     flow_row *row = with_.builder.flows().set_verdict(frame->flow, verdict, frame->trailer());
+    if (row != nullptr)
+        row->reason = reason_of(*row, *frame, verdict);
     if (with_.at_gate != nullptr)
         with_.at_gate->judged(row, *frame, verdict, now_ms);
+    if (row != nullptr)
+        judged(*row, was_denied);
     const bool ignored = ignores_engine(frame->trailer(), verdict);
     if (!std::exchange(engine_ignored_, engine_ignored_ || ignored) && engine_missed())
         with_.say("the daemon does without the DPI engine, and names flows less well: it asks "
@@ -70,9 +91,13 @@ void conversation::hear(const av_verdict &verdict) {
 }
 
 void conversation::hear(const av_app_setting &setting) {
-    for (flow_row *row : with_.builder.flows().set_application(setting))
+    for (flow_row *row : with_.builder.flows().set_application(setting)) {
+        const bool was_denied = !row->reason.denial_text.empty();
+        row->reason = reason_of(*row, setting);
         if (with_.at_gate != nullptr)
             with_.at_gate->set(*row, setting, monotonic_ms());
+        judged(*row, was_denied);
+    }
 }
 
 void conversation::hear(const switch_setting &setting) {

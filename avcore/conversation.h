@@ -8,6 +8,7 @@
 #include "avcore/flows/frame_builder.h"
 #include "avcore/names/dns_names.h"
 #include "avcore/settings/config.h"
+#include "avcore/watch/watch.h"
 #include "avcore/web/safe_search.h"
 #include "avcore/web/url_agent.h"
 
@@ -30,6 +31,7 @@ public:
         url_agent &agent;
         safe_search *resolvers; // null: nobody carries safe search out
         enforcement *at_gate;   // null: verdicts aren't enforced
+        watch *watched_by;      // null: there is no watch socket
         std::function<void(const std::string &)> say;
     };
     explicit conversation(partners with) : with_(std::move(with)) {}
@@ -49,6 +51,8 @@ private:
     struct question_row;
     static const question_row QUESTIONS[];
 
+    void judged(flow_row &row, bool was_denied);
+    bool is_denied(const flow_row &row) const;
     void hear(const av_verdict &verdict);
     void hear(const av_app_setting &setting);
     void hear(const policy_reset &) { outdate_verdicts(); }

@@ -86,6 +86,12 @@ void add_run_options(CLI::App &app, options &chosen) {
                    "The daemon's command socket, for the agent's late answers")
         ->type_name("PATH")
         ->capture_default_str();
+    app.add_option("--watch-socket", chosen.watch_socket,
+                   "Where programs that show flows, or keep them, are told of them; an empty path: "
+                   "nowhere")
+        ->type_name("PATH")
+        ->each([&chosen](const std::string &path) { chosen.wants_watch_socket = !path.empty(); })
+        ->capture_default_str();
 }
 
 void add_tasks(CLI::App &app, options &chosen) {

@@ -34,6 +34,8 @@ struct options {
     bool agent_down = false;
     std::optional<int64_t> agent_delay_ms;
     std::string command_socket = "/var/run/jorn.sock";
+    std::string watch_socket = "/run/jorn/watch.sock"; // empty: none
+    bool wants_watch_socket = false;                   // it was asked for
 };
 
 // Returns nothing after having printed the help or what is wrong; `status` is then the exit status.

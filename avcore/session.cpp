@@ -1,6 +1,7 @@
 #include "avcore/session.h"
 
 #include "avcore/base/monotonic_clock.h"
+#include "avcore/watch/profile_object.h"
 
 #include <algorithm>
 #include <iostream>
@@ -16,6 +17,7 @@ constexpr int PULLS_A_TURN = 32; // then the channel gets its turn, or verdicts 
 constexpr int64_t LONGEST_WAIT_MS = 200;
 constexpr int64_t SINK_RETRY_MS = 1;
 constexpr int64_t EXPLAIN_AFTER_MS = 1'000;
+constexpr int64_t LONGEST_FAREWELL_MS = 1'000;
 
 // The capture's interface that is asked for on the command line goes before the file's.
 frame_sink open_sink(const options &options, capture_settings capture) {
@@ -65,8 +67,9 @@ session::session(const options &options, config settings)
       safe_search_(options.safe_search.empty()
                        ? nullptr
                        : std::make_unique<safe_search>(options.safe_search)),
+      watch_(open_watch()),
       conversation_({settings_, builder_, feeder_, names_, agent_, safe_search_.get(),
-                     inline_.get(), sayer()}),
+                     inline_.get(), watch_.get(), sayer()}),
       bus_name_(settings_.platform_values),
       reports_({builder_.flows(), inline_ ? &inline_->opened() : nullptr, options.json,
                 [this] { return totals_text(); }, progress_, sayer(),
@@ -132,10 +135,13 @@ void session::fill_loop() {
         return fresh_categories_.valid() ? now_ms + LONGEST_WAIT_MS : NEVER_MS;
     }});
     for (loop *each : {&loop_, &last_loop_}) {
+        if (watch_)
+            each->add(watch_->row());
         each->add({.descriptor = [this] { return signals_.fd(); },
                    .serve = [this](int64_t) { take_signal(); }});
         each->add(reports_.row());
     }
+    last_loop_.add({.due_ms = [this](int64_t) { return farewell_ends_ms_; }});
 }
 
 bool session::has_room() const {
@@ -169,6 +175,7 @@ int session::run() {
         say(error_);
     if (const bool useless_input = !error_.empty() && source_.counts().read == 0; !useless_input)
         finish_reports(false);
+    let_readers_finish();
     return error_.empty() && reports_.all_written() ? 0 : 1;
 }
 
@@ -377,6 +384,8 @@ void session::take_frame(const captured_frame &captured) {
         first_frame_ms_ = now_ms;
     if (captured.copy != nullptr)
         inline_->saw(built->flow.row, *captured.copy, built->frame);
+    if (watch_)
+        watch_->note(built->flow.row);
     names_.add(feeder_.add(std::move(built->frame), now_ms), std::move(built->lesson));
     names_.advance(feeder_.judged());
 }
@@ -417,20 +426,98 @@ void session::say(const std::string &what) {
     std::cerr << "avcore: " + what + '\n'; // one write: the stream has no buffer
 }
 
+// Without the option a program that was installed on its own, or a second one, goes without.
+std::unique_ptr<watch> session::open_watch() {
+    if (options_.watch_socket.empty())
+        return nullptr;
+    try {
+        return std::make_unique<watch>(watch_surroundings(), options_.watch_socket);
+    } catch (const std::runtime_error &error) {
+        if (options_.wants_watch_socket)
+            throw;
+        say(error.what());
+        return nullptr;
+    }
+}
+
+watch::surroundings session::watch_surroundings() {
+    return {builder_.flows(),
+            inline_ ? &inline_->opened() : nullptr,
+            settings_,
+            !options_.file.empty(),
+            [this] { return builder_.time_us(); },
+            [this] { return look_outside(); },
+            [this] { return all_counts(); },
+            [this] { return gate_state(); },
+            [this](const mac_address &client) {
+                const std::string *name = builder_.client_names().find(client);
+                return name != nullptr ? *name : std::string();
+            },
+            [this](const profile_question &asked) { return profile_for(asked); }};
+}
+
+watch::outside session::look_outside() const {
+    if (!inline_)
+        return {channel_.connections() > 0, "", {}};
+    return {inline_->somebody_decides(), inline_->state(), inline_->present_interfaces()};
+}
+
+// A look at it takes longer the more verdicts there are.
+std::string session::gate_state() {
+    if (!inline_)
+        return "null";
+    const int64_t now_ms = monotonic_ms();
+    if (now_ms - gate_state_ms_ >= GATE_STATE_MS) {
+        gate_state_ms_ = now_ms;
+        gate_state_ = inline_->state_as_json();
+    }
+    return gate_state_;
+}
+
+std::string session::profile_for(const profile_question &asked) {
+    const std::vector<std::string> &gates = options_.gate_interfaces;
+    std::string text;
+    append_profile(text, asked,
+                   {settings_, gates.size() == 1 ? gates[0] : options_.in_interface,
+                    builder_.names(), builder_.time_us(), builder_.engine(), agent_});
+    return text;
+}
+
+named_counts session::all_counts() {
+    named_counts counts = counts_of(builder_.flows(), all_totals());
+    if (inline_)
+        for (named_count &each : inline_->counts())
+            counts.push_back(std::move(each));
+    return counts;
+}
+
+// The ends of flows, for as long as they take them at once.
+void session::let_readers_finish() {
+    if (!watch_ || inline_) // behind a gate flows go on
+        return;
+    watch_->stop();
+    farewell_ends_ms_ = monotonic_ms() + LONGEST_FAREWELL_MS;
+    for (int64_t now_ms = monotonic_ms(); watch_->is_busy() && now_ms < farewell_ends_ms_;
+         now_ms = monotonic_ms())
+        last_loop_.wait_and_serve(now_ms);
+}
+
+totals session::all_totals() const {
+    return {source_.counts(),
+            feeder_.counts(),
+            source_.max_frame_size(),
+            conversation_.malformed(),
+            safe_search_ ? safe_search_->refused() : 0,
+            agent_.counts(),
+            conversation_.switches(),
+            conversation_.engine_missed(),
+            builder_.counts(),
+            inline_ ? inline_->refused_writes() : 0};
+}
+
 std::string session::totals_text() {
-    const flow_table &flows = builder_.flows();
-    const totals totals = {source_.counts(),
-                           feeder_.counts(),
-                           source_.max_frame_size(),
-                           conversation_.malformed(),
-                           safe_search_ ? safe_search_->refused() : 0,
-                           agent_.counts(),
-                           conversation_.switches(),
-                           conversation_.engine_missed(),
-                           builder_.counts(),
-                           inline_ ? inline_->refused_writes() : 0};
     std::ostringstream out;
-    print_totals(out, flows, totals);
+    print_totals(out, builder_.flows(), all_totals());
     if (bus_)
         bus_->report(out);
     if (inline_)

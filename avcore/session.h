@@ -18,6 +18,7 @@
 #include "avcore/settings/config.h"
 #include "avcore/signals.h"
 #include "avcore/source/source.h"
+#include "avcore/watch/watch.h"
 #include "avcore/web/safe_search.h"
 #include "avcore/web/url_agent.h"
 
@@ -38,6 +39,8 @@ public:
     int run();
 
 private:
+    static constexpr int64_t GATE_STATE_MS = 1'000; // as long it isn't looked at anew
+
     enum class ending { none, complete, stopped, failed };
 
     ending turn();
@@ -61,6 +64,14 @@ private:
     void explain_link_type();
     void say(const std::string &what); // on standard error
     std::function<void(const std::string &)> sayer();
+    std::unique_ptr<watch> open_watch();
+    watch::surroundings watch_surroundings();
+    watch::outside look_outside() const;
+    std::string gate_state();
+    std::string profile_for(const profile_question &asked);
+    named_counts all_counts();
+    void let_readers_finish();
+    totals all_totals() const;
     std::string totals_text();
 
     const options &options_;
@@ -77,6 +88,7 @@ private:
     url_agent agent_;
     std::future<category_list> fresh_categories_; // being read again
     std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out
+    std::unique_ptr<watch> watch_;                // null: there is no watch socket
     conversation conversation_;
     own_name bus_name_;
     reporter reports_;
@@ -93,6 +105,9 @@ private:
     bool last_report_begun_ = false;
     bool waiting_explained_ = false;
     bool link_type_explained_ = false;
+    int64_t farewell_ends_ms_ = NEVER_MS;
+    std::string gate_state_; // as it was then
+    int64_t gate_state_ms_ = -GATE_STATE_MS;
     std::string error_;
 };
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 namespace avcore {
@@ -15,18 +15,26 @@ std::runtime_error failure(const std::string &what, const std::string &path, con
     return std::runtime_error(what + ' ' + path + ": " + why);
 }
 
-bool somebody_listens(const sockaddr_un &address) {
-    const unique_fd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+bool somebody_listens(const sockaddr_un &address, int type) {
+    const unique_fd probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) ==
                0 ||
-           errno == EAGAIN;
+           errno == EAGAIN || errno == EPROTOTYPE; // the latter: on a socket of another type
+}
+
+// The name's mode is the socket's, less the umask: nobody else gets in between.
+bool take_name(int fd, const sockaddr_un &address, mode_t mode) {
+    if (mode != 0 && fchmod(fd, mode) != 0)
+        return false;
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        return false;
+    return mode == 0 || chmod(address.sun_path, mode) == 0;
 }
 
 } // namespace
 
-local_listener::local_listener(const std::string &what, std::string path)
-    : path_(std::move(path)),
-      fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+local_listener::local_listener(const std::string &what, std::string path, const kind &wanted)
+    : path_(std::move(path)), fd_(socket(AF_UNIX, wanted.type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path_.size() >= sizeof address.sun_path)
@@ -34,13 +42,12 @@ local_listener::local_listener(const std::string &what, std::string path)
     memcpy(address.sun_path, path_.data(), path_.size());
     if (!fd_.valid())
         throw failure(what, path_, strerror(errno));
-    if (somebody_listens(address))
+    if (somebody_listens(address, wanted.type))
         throw failure(what, path_, "another program listens there");
-    const auto *name = reinterpret_cast<const sockaddr *>(&address);
-    if (bind(fd_.get(), name, sizeof address) != 0) {
+    if (!take_name(fd_.get(), address, wanted.mode)) {
         // Nobody answers at what is there: the socket of one that died.
         if (errno != EADDRINUSE || unlink(path_.c_str()) != 0 ||
-            bind(fd_.get(), name, sizeof address) != 0)
+            !take_name(fd_.get(), address, wanted.mode))
             throw failure(what, path_, strerror(errno));
     }
     if (listen(fd_.get(), BACKLOG) != 0) {

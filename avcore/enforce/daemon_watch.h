@@ -32,6 +32,7 @@ public:
     // A verdict came. True when it may be the first one of another daemon, with other policies.
     bool answered(int64_t now_ms);
 
+    bool somebody_decides() const { return somebody_decides_; } // as far as has shown
     int64_t next_tick_ms() const { return next_beat_ms_; }
 
 private:

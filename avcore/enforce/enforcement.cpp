@@ -3,6 +3,8 @@
 #include "avcore/base/monotonic_clock.h"
 #include "avcore/enforce/gate_report.h"
 
+#include <net/if.h>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -16,7 +18,8 @@ constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
 enforcement::enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
                          std::optional<attach_way> way, const enforce_settings &settings,
                          say_function say)
-    : settings_(settings),
+    : pins_(pins),
+      settings_(settings),
       say_(std::move(say)),
       gate_(pins, interfaces, way),
       holding_(gate_, settings_),
@@ -90,6 +93,30 @@ void enforcement::settings_changed() {
 
 void enforcement::report(std::ostream &out) const {
     print_gate_counts(out, gate_.counts(), gate_.endings(), gate_.forgotten_flows());
+}
+
+const char *enforcement::state() const {
+    if (somebody_decides())
+        return "deciding";
+    return settings_.rules.fail_closed ? "closed" : "open";
+}
+
+std::vector<std::string> enforcement::present_interfaces() const {
+    std::vector<std::string> names = gate_.interfaces();
+    std::erase_if(names, [](const std::string &name) { return if_nametoindex(name.c_str()) == 0; });
+    return names;
+}
+
+named_counts enforcement::counts() const {
+    return gate_counts_by_name(gate_.counts(), gate_.endings(), gate_.forgotten_flows());
+}
+
+std::string enforcement::state_as_json() const {
+    std::ostringstream out;
+    print_gate_status_json(out, look_at_gate(pins_));
+    std::string text = out.str();
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text;
 }
 
 void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "avcore/base/line_cap.h"
+#include "avcore/base/named_count.h"
 #include "avcore/channel/channel_server.h"
 #include "avcore/enforce/daemon_watch.h"
 #include "avcore/enforce/enforcer.h"
@@ -64,15 +65,23 @@ public:
     void policies_changed() { enforcer_.policies_changed(); }
     void settings_changed();
 
+    // Since it began.
+    bool somebody_decides() const { return watch_->somebody_decides(); }
+    // What the gate does now: "deciding" or, while nobody decides, "open" or "closed".
+    const char *state() const;
+    std::vector<std::string> present_interfaces() const; // of the gate's, those that there are
     // Whether the log is told of a daemon that doesn't come.
     bool tells_of_waiting() const { return !settings_.rules.fail_closed; }
     uint64_t refused_writes() const { return enforcer_.refused_writes(); }
     void report(std::ostream &out) const;
+    named_counts counts() const;       // what is reported
+    std::string state_as_json() const; // of the gate, as its status is told
 
 private:
     void set_rules(const gate_rules &rules);
     void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
 
+    std::string pins_;
     const enforce_settings &settings_;
     say_function say_;
     gate gate_;

@@ -1,11 +1,9 @@
 #include "avcore/enforce/enforcer.h"
 
 #include "avcore/base/monotonic_clock.h"
-#include "avcore/base/printable.h"
 #include "avcore/engine/dpi.h"
 #include "avcore/flows/flow_text.h"
-#include "avcore/web/category_names.h"
-#include "control/records/arc.h"
+#include "avcore/reasons/reasons.h"
 #include "core/text/text.h"
 
 #include <algorithm>
@@ -57,53 +55,6 @@ void mark(gate_verdict &verdict, const av_qos &qos) {
         verdict.priority =
             PRIORITY_OF_USER_PRIORITY + TRAFFIC_CLASSES[qos.classify_type].user_priority;
     }
-}
-
-// The web policy is asked first; what it lets pass is the application policy's.
-bool is_by_web(const av_verdict &verdict) {
-    return verdict.wificalling_f == AV_DECIDED_BY_WEB && verdict.qos.url_decided != 0;
-}
-
-std::string source_of_name(const flow_row &row, const fed_frame &frame, const av_verdict &verdict) {
-    const std::string_view name = field_text(verdict.app_name);
-    const av_pkt_trailer trailer = frame.trailer();
-    if (is_by_web(verdict))
-        return "the address that was asked for";
-    if (verdict.match_info != 0)
-        return "the administrator's definitions";
-    if (trailer.dpi_status == AV_DPI_IDENTIFIED &&
-        equals_ignoring_case(field_text(trailer.dpi_app_name), name))
-        return trailer.dpi_app_id != 0 ? "the DPI engine"
-               : row.own_name.empty()  ? "an earlier handshake of the client's"
-                                       : "the handshake";
-    if (!row.host.empty() && equals_ignoring_case(row.host, name))
-        return "the handshake";
-    if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
-        return "DNS";
-    return "the daemon's tables";
-}
-
-// A category decides, or an entry of the black list; with that one the record has the category of
-// the administrator's definition, where one names the flow. That is mostly none of the web's.
-std::string web_reason(const av_verdict &verdict) {
-    const bool is_defined = verdict.match_info != 0;
-    if (verdict.app_cat_id == 0 || (is_defined && verdict.app_cat_id == CATEGORY_USER_DEFINED))
-        return "black list";
-    return category_text(verdict.app_cat_id) + (is_defined ? " or black list" : "");
-}
-
-// An application policy goes by the profile of the frame's sender, or else of its receiver.
-std::string policy_of(const fed_frame &frame, const av_verdict &verdict) {
-    if (is_by_web(verdict))
-        return "the web policy, " + web_reason(verdict);
-    const bool of_client = frame.from_client == (verdict.qos.arc_match_src != 0);
-    return "the application policy of user profile " + std::to_string(verdict.qos.arc_match_utp) +
-           (of_client ? ", the client's" : ", the server's");
-}
-
-// What has no name has an address for one, and a client chooses how many of those it asks.
-bool is_unnamed(std::string_view name) {
-    return name.empty() || ip_address::parse(std::string(name));
 }
 
 bool is_rate(uint16_t rate) {
@@ -168,10 +119,7 @@ void enforcer::judged(flow_row &row, const fed_frame &frame, const av_verdict &v
     const bool is_news = !state.denied;
     decide(row, GATE_DENY, nullptr, name, frame.generation); // first: packets don't wait
     if (is_news)
-        tell_denial(row,
-                    printable(name) + ", named by " + source_of_name(row, frame, verdict) +
-                        "; by " + policy_of(frame, verdict),
-                    now_ms);
+        tell_denial(row, now_ms);
 }
 
 void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
@@ -186,11 +134,7 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
     const bool is_news = !state.denied;
     decide(row, GATE_DENY, nullptr, row.application, gate_.generation());
     if (is_news)
-        tell_denial(row,
-                    printable(row.application) +
-                        ", named by the address that was asked for; by the web policy, " +
-                        category_text(setting.category) + ", after a late answer",
-                    now_ms);
+        tell_denial(row, now_ms);
 }
 
 void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
@@ -294,9 +238,9 @@ void enforcer::decide(flow_row &row, gate_action action, const av_qos *qos, std:
     state.generation = verdict.generation;
 }
 
-void enforcer::tell_denial(const flow_row &row, const std::string &why, int64_t now_ms) {
+void enforcer::tell_denial(const flow_row &row, int64_t now_ms) {
     if (denials_.admits(now_ms))
-        say_("denied: " + flow_text(row) + ": " + why + denials_.remark());
+        say_("denied: " + flow_text(row) + ": " + row.reason.denial_text + denials_.remark());
 }
 
 } // namespace avcore

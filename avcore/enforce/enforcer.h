@@ -41,7 +41,8 @@ public:
     // doesn't read), the row's verdicts are about no flow of the gate's.
     void saw(flow_row &row, const gate_copy &copy);
 
-    // The verdict on one of the row's frames.
+    // The verdict on one of the row's frames. Row and verdict go together with the row's reason,
+    // which the log has of a denial.
     void judged(flow_row &row, const fed_frame &frame, const av_verdict &verdict, int64_t now_ms);
     // The daemon decides about the flow without a frame. Its "allow" leaves marks and limits as
     // they are, and decides nothing where nothing is decided yet.
@@ -68,7 +69,7 @@ private:
     void limit(gate_verdict &verdict, const flow_row &row, limit_owner owner,
                gate_direction direction, uint16_t rate);
     void write(const flow_row &row, const gate_verdict &verdict);
-    void tell_denial(const flow_row &row, const std::string &why, int64_t now_ms);
+    void tell_denial(const flow_row &row, int64_t now_ms);
 
     gate &gate_;
     holding &holding_;

@@ -107,6 +107,17 @@ void print_gate_counts(std::ostream &out, const gate_counts &counts, const gate_
         out << "flows forgotten, for there were too many: " << forgotten_flows << '\n';
 }
 
+named_counts gate_counts_by_name(const gate_counts &counts, const gate_endings &endings,
+                                 uint64_t forgotten_flows) {
+    named_counts named;
+    for (size_t i = 0; i < counts.size(); ++i)
+        named.push_back({std::string("gate_") + COUNTS[i].key, counts[i]});
+    for (const ending_row &row : rows_of(counts, endings))
+        named.push_back({std::string("gate_") + row.key, row.count});
+    named.push_back({"gate_flows_forgotten", forgotten_flows});
+    return named;
+}
+
 void print_gate_status(std::ostream &out, const gate_status &status) {
     if (!status.there) {
         out << "there is no gate\n";

@@ -139,12 +139,23 @@ std::vector<known_application> dpi_engine::applications() const {
             id == NDPI_PROTOCOL_HTTP || id == NDPI_PROTOCOL_TLS || id == NDPI_PROTOCOL_QUIC;
         if (is_bare_web || name.starts_with(UNUSED))
             continue;
-        const uint16_t category = category_of(id);
-        known.push_back({id, category, name,
-                         ndpi_category_get_name(module_.get(),
-                                                static_cast<ndpi_protocol_category_t>(category))});
+        known.push_back(known_as(id));
     }
     return known;
+}
+
+known_application dpi_engine::known_as(uint16_t app) const {
+    const uint16_t category = category_of(app);
+    return {app, category, ndpi_get_proto_name(module_.get(), app),
+            ndpi_category_get_name(module_.get(), static_cast<ndpi_protocol_category_t>(category))};
+}
+
+std::optional<known_application> dpi_engine::application_for(std::string_view host) {
+    const dpi_application application =
+        dpi_application_of(NDPI_PROTOCOL_TLS, application_of_host(host));
+    if (application.id == NDPI_PROTOCOL_UNKNOWN || application.name != nullptr)
+        return std::nullopt;
+    return known_as(application.id);
 }
 
 // Takes over what nDPI says of the flow now. Returns whether it names it, and not by a guess.

@@ -84,6 +84,8 @@ public:
     shown_host inspect(const frame_facts &frame, std::span<const uint8_t> packet, int64_t time_us,
                        av_pkt_trailer &trailer);
 
+    // What a flow is called whose client shows this host, where the engine knows it.
+    std::optional<known_application> application_for(std::string_view host);
     // Without those of which the daemon makes no name: bare HTTP, TLS and QUIC.
     std::vector<known_application> applications() const;
 
@@ -129,6 +131,7 @@ private:
     void identify(finding &found, const dpi_application &application);
     uint16_t application_of_host(std::string_view host); // by nDPI's own table of them
     uint16_t category_of(uint16_t app) const;
+    known_application known_as(uint16_t app) const;
     static bool awaits_hello(const flow_state &state);
     static bool just_taken(flow_state &state, const frame_facts &frame,
                            std::span<const uint8_t> packet);

@@ -26,7 +26,9 @@ std::string application_text(const flow_row &row, std::string_view name) {
 } // namespace
 
 void flow_table::sum_up_oldest() {
-    const flow_row &oldest = rows_.back();
+    flow_row &oldest = rows_.back();
+    if (on_leave_)
+        on_leave_(oldest);
     ++summed_.flows;
     summed_.packets += oldest.packets;
     summed_.bytes += oldest.bytes;
@@ -41,6 +43,7 @@ flow_table::row_ref flow_table::add(const flow_id &sides, const frame_facts &fra
     const bool from_client = frame.sender_is_client.value_or(rules_.sender_is_client(frame));
     flow_row &row = rows_.emplace_front();
     row.id = ++last_id_;
+    ++all_.flows;
     row.sides = sides;
     row.client = from_client ? frame.sender : frame.receiver;
     row.server = from_client ? frame.receiver : frame.sender;
@@ -61,6 +64,8 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     if (!frame.is_damaged) {
         ++row.packets;
         row.bytes += size;
+        ++all_.packets;
+        all_.bytes += size;
     }
     const bool from_client =
         frame.ipv4 ? frame.sender.ip_be == row.client.ip_be && frame.sender.port == row.client.port
@@ -126,16 +131,6 @@ std::vector<const flow_row *> flow_table::rows() const {
 const flow_row *flow_table::find(uint32_t id) const {
     const auto found = by_id_.find(id);
     return found != by_id_.end() ? &*found->second : nullptr;
-}
-
-flow_sum flow_table::all() const {
-    flow_sum sum = summed_;
-    sum.flows += rows_.size();
-    for (const flow_row &row : rows_) {
-        sum.packets += row.packets;
-        sum.bytes += row.bytes;
-    }
-    return sum;
 }
 
 } // namespace avcore

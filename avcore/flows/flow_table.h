@@ -4,12 +4,15 @@
 // and bytes are added to one sum of all such flows. When that one is seen again, it is a new flow.
 #pragma once
 
+#include "avcore/flows/flow_life.h"
 #include "avcore/frames/frame.h"
 #include "avcore/records/row_enforcement.h"
+#include "avcore/records/verdict_reason.h"
 #include "avcore/settings/client_rules.h"
 #include "platform/host/messages/av_messages.h"
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -39,7 +42,14 @@ struct flow_row {
     bool own_name_first = false; // whoever gave the last verdict its name stands behind it
     int64_t last_us = 0;         // of the last frame's capture
     std::string server_name;     // see note_frame
+    int64_t server_name_us = 0;  // when that was learnt
+    verdict_reason reason;       // of the last verdict, and of the name
+    flow_life life;
+    std::string client_interface; // of the client's profile, as of the last frame, like
+    uint32_t client_utp = 0;
+    size_t client_rule = 0; // which gave it; see client_rules
     row_enforcement enforcement;
+    uint32_t watched = 0; // its place among the watched flows, from 1; 0: none
 };
 
 struct flow_sum {
@@ -77,7 +87,10 @@ public:
     std::vector<const flow_row *> rows() const;
     const flow_row *find(uint32_t id) const; // null when it has left
     const flow_sum &summed() const { return summed_; }
-    flow_sum all() const; // those that had to leave, too
+    const flow_sum &all() const { return all_; } // those that had to leave, too
+
+    // To be called with each row that has to leave, before it does.
+    void set_on_leave(std::function<void(flow_row &)> on_leave) { on_leave_ = std::move(on_leave); }
 
 private:
     using row_ref = std::list<flow_row>::iterator;
@@ -93,7 +106,9 @@ private:
     std::unordered_map<uint32_t, row_ref> by_id_;
     uint32_t last_id_ = 0;
     flow_sum summed_; // the flows that had to leave
+    flow_sum all_;
     uint64_t unknown_ = 0;
+    std::function<void(flow_row &)> on_leave_; // may be empty
 };
 
 } // namespace avcore

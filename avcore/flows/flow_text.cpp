@@ -1,6 +1,7 @@
 #include "avcore/flows/flow_text.h"
 
 #include <cstdio>
+#include <iterator>
 #include <span>
 
 namespace avcore {
@@ -40,6 +41,19 @@ std::string protocol_text(const flow_row &row) {
     char text[16];
     snprintf(text, sizeof text, row.ipv4 ? "IP %u" : "0x%04X", unsigned{number});
     return text;
+}
+
+bool shows_own_name(const flow_row &row) {
+    return row.own_name_first && !row.own_name.empty();
+}
+
+const std::string &application_of(const flow_row &row) {
+    return shows_own_name(row) ? row.own_name : row.application;
+}
+
+std::string verdict_word(uint32_t verdict) {
+    constexpr const char *words[] = {"none", "allow", "white list", "deny", "rate limit", "qos"};
+    return verdict < std::size(words) ? words[verdict] : std::to_string(verdict);
 }
 
 std::string flow_text(const flow_row &row) {

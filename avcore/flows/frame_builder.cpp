@@ -51,6 +51,12 @@ void call_after(const std::string &host, av_pkt_trailer &trailer) {
     copy_text(trailer.dpi_app_name, host);
 }
 
+void note_profile(flow_row &row, const client_rules::fitting &client) {
+    row.client_interface = client.profile.side.if_name;
+    row.client_utp = client.profile.side.utp_id;
+    row.client_rule = client.rule;
+}
+
 bool looks_like_stand_in(const endpoint &side) {
     return side.address.is_reserved() && side.ip_be != INADDR_BROADCAST;
 }
@@ -113,12 +119,20 @@ std::optional<frame_builder::built_frame> frame_builder::build(const captured_fr
     }
 
     const size_t shown_size = bytes.size() - sizeof(av_pkt_trailer);
+    const std::span<const uint8_t> packet = ipv4_packet(std::span(bytes).first(shown_size));
+    if (const auto segment = tcp_segment_in(packet))
+        frame->tcp_flags = segment->flags;
     const flow_table::sighting flow = flows_.count_frame(*frame, captured.bytes.size());
-    av_pkt_trailer trailer = build_trailer(rules_, *frame, flow);
+    if (!frame->is_damaged)
+        note_life(flow.row.life, *frame, flow.from_client, captured.bytes.size(), captured.time_us);
+    const client_rules::fitting client =
+        rules_.fitting_of(flow.from_client ? frame->sender : frame->receiver);
+    note_profile(flow.row, client);
+    av_pkt_trailer trailer = build_trailer(rules_, client.profile, *frame, flow);
     name_lesson lesson = {captured.time_us, {}};
     const int64_t time_before_us = std::exchange(time_us_, captured.time_us);
     note_frame(flow.row, names_, time_us_);
-    if (const auto packet = ipv4_packet(std::span(bytes).first(shown_size)); !packet.empty()) {
+    if (!packet.empty()) {
         lesson.answer = read_names(*frame, packet, captured);
         read_client_name(*frame, packet);
         if (dpi_)

@@ -54,7 +54,8 @@ public:
     // What the last frame gives to say; else empty.
     std::string take_remark() { return resolvers_.take_remark(); }
     bool has_engine() const { return dpi_ != nullptr; }
-    const dpi_engine *engine() const { return dpi_.get(); } // null: switched off
+    dpi_engine *engine() { return dpi_.get(); }       // null: switched off
+    const dns_names &names() const { return names_; } // as of the last frame
 
 private:
     std::optional<frame_facts> show(std::span<const uint8_t> captured, std::vector<uint8_t> &bytes);

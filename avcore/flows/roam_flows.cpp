@@ -29,8 +29,10 @@ roam_flow record_of(const flow_row &row) {
 void note_frame(flow_row &row, const dns_names &names, int64_t time_us) {
     const bool first = row.packets == 1;
     row.last_us = time_us;
-    if (const std::string *name = first ? names.find(row.server.address, row.last_us) : nullptr)
+    if (const std::string *name = first ? names.find(row.server.address, row.last_us) : nullptr) {
         row.server_name = *name;
+        row.server_name_us = names.learnt_us(row.server.address);
+    }
 }
 
 std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us,

@@ -4,11 +4,9 @@
 
 namespace avcore {
 
-av_pkt_trailer build_trailer(const client_rules &rules, const frame_facts &frame,
-                             const flow_table::sighting &flow) {
-    const endpoint &client_side = flow.from_client ? frame.sender : frame.receiver;
+av_pkt_trailer build_trailer(const client_rules &rules, const client_profile &client,
+                             const frame_facts &frame, const flow_table::sighting &flow) {
     const endpoint &server_side = flow.from_client ? frame.receiver : frame.sender;
-    const client_profile &client = rules.client(client_side);
     const side_profile &server = rules.server(server_side);
     const side_profile &source = flow.from_client ? client.side : server;
     const side_profile &destination = flow.from_client ? server : client.side;

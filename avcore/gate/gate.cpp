@@ -220,6 +220,13 @@ bool gate::decide(const gate_flow &flow, const gate_verdict &verdict) {
     return done;
 }
 
+std::optional<gate_verdict> gate::verdict_of(const gate_flow &flow) const {
+    gate_verdict verdict;
+    if (bpf_map_lookup_elem(parts_->verdicts.get(), &flow, &verdict) != 0)
+        return std::nullopt;
+    return verdict;
+}
+
 gate_counter gate::counter_of(const gate_flow &flow) const {
     return parts_->records.counter_of(flow);
 }

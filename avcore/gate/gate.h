@@ -78,14 +78,16 @@ public:
 
     // False when the kernel refuses it.
     bool decide(const gate_flow &flow, const gate_verdict &verdict);
+    // What it does to the flow's packets; none where it knows no verdict, or no longer.
+    std::optional<gate_verdict> verdict_of(const gate_flow &flow) const;
     // All 0 where the gate doesn't know the flow, or no longer. With those of the flows that had
     // its addresses and ports earlier.
     gate_counter counter_of(const gate_flow &flow) const;
     // None where the gate doesn't know the flow, or no longer.
     std::optional<gate_flow_state> flow_of(const gate_flow &flow) const;
     // Shows `max` of the flows at most (256 where that is less), from `cursor` on, which is 0 at
-    // first. False: these were the last, and `cursor` is 0 again. Flows that come or go during a walk may be
-    // passed over or come twice; those that stay come once.
+    // first. False: these were the last, and `cursor` is 0 again. Flows that come or go during a
+    // walk may be passed over or come twice; those that stay come once.
     bool walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
     // How many the map has dropped for others so far, whatever they had. Once it has been nearly
     // full this counts what is in it, which takes some milliseconds.

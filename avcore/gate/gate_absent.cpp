@@ -66,6 +66,9 @@ void gate::add_ending(__u64 gate_endings::*, uint64_t) {}
 bool gate::decide(const gate_flow &, const gate_verdict &) {
     return false;
 }
+std::optional<gate_verdict> gate::verdict_of(const gate_flow &) const {
+    return std::nullopt;
+}
 gate_counter gate::counter_of(const gate_flow &) const {
     return {};
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace avcore {
 namespace {
@@ -13,18 +14,18 @@ constexpr int64_t US_A_SECOND = 1'000'000;
 
 } // namespace
 
-void dns_names::learn(const ip_address &address, int64_t expires_us, const std::string &name) {
-    auto found = index_.find(address);
+void dns_names::learn(entry learnt) {
+    auto found = index_.find(learnt.address);
     if (found == index_.end()) {
         if (names_.size() >= limit_) {
             index_.erase(names_.back().address);
             names_.pop_back();
         }
         names_.emplace_front();
-        found = index_.emplace(address, names_.begin()).first;
+        found = index_.emplace(learnt.address, names_.begin()).first;
     }
     names_.splice(names_.begin(), names_, found->second);
-    names_.front() = {address, expires_us, name};
+    names_.front() = std::move(learnt);
 }
 
 const std::string *dns_names::find(const ip_address &address, int64_t time_us) const {
@@ -39,6 +40,10 @@ std::optional<int64_t> dns_names::expiry_us(const ip_address &address) const {
     return found != index_.end() ? std::optional(found->second->expires_us) : std::nullopt;
 }
 
+int64_t dns_names::learnt_us(const ip_address &address) const {
+    return index_.at(address)->learnt_us;
+}
+
 bool dns_names::has_news(const dns_answer &answer, int64_t time_us) const {
     return std::ranges::any_of(answer.findings, [&](const dns_finding &finding) {
         return find(finding.address, time_us) == nullptr;
@@ -48,7 +53,7 @@ bool dns_names::has_news(const dns_answer &answer, int64_t time_us) const {
 void dns_names::learn(const dns_answer &answer, int64_t time_us) {
     for (const dns_finding &finding : answer.findings) {
         const int64_t ttl_s = finding.ttl_s <= TTL_MAX_S ? finding.ttl_s : 0;
-        learn(finding.address, time_us + ttl_s * US_A_SECOND, answer.name);
+        learn({finding.address, time_us, time_us + ttl_s * US_A_SECOND, answer.name});
     }
 }
 

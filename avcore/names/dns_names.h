@@ -41,6 +41,7 @@ public:
     const std::string *find(const ip_address &address, int64_t time_us) const;
     // When its name expires, or did: it is kept, for time stamps may go back. None: there is none.
     std::optional<int64_t> expiry_us(const ip_address &address) const;
+    int64_t learnt_us(const ip_address &address) const; // of one that has a name
     // Whether an address of the answer's has no name at this time.
     bool has_news(const dns_answer &answer, int64_t time_us) const;
 
@@ -49,11 +50,12 @@ public:
 private:
     struct entry {
         ip_address address;
+        int64_t learnt_us;
         int64_t expires_us;
         std::string name;
     };
 
-    void learn(const ip_address &address, int64_t expires_us, const std::string &name);
+    void learn(entry learnt);
 
     size_t limit_;
     std::list<entry> names_; // the one learnt last at the front

@@ -20,18 +20,10 @@ constexpr char CELL_END = '\0';
 constexpr int ROWS_AT_ONCE = 16;
 
 std::string verdict_text(const flow_row &row) {
-    constexpr const char *words[] = {"none", "allow", "white list", "deny", "rate limit", "qos"};
-    std::string text =
-        row.verdict < std::size(words) ? words[row.verdict] : std::to_string(row.verdict);
+    std::string text = verdict_word(row.verdict);
     if (row.wificalling)
         text += ", wifi calling " + std::to_string(row.wfc_priority);
     return row.outdated ? text + " (outdated)" : text;
-}
-
-// The daemon doesn't learn a flow's own name from each frame, and from none where URLs are
-// filtered: a verdict then has another's, the host as the client wrote it, or no name.
-const std::string &application_of(const flow_row &row) {
-    return row.own_name_first && !row.own_name.empty() ? row.own_name : row.application;
 }
 
 struct passage {
@@ -107,6 +99,46 @@ nlohmann::ordered_json object_of(const flow_row &row, const gate *gate) {
 
 nlohmann::ordered_json object_of(const flow_sum &sum) {
     return {{"flows_seen_longest_ago", sum.flows}, {"packets", sum.packets}, {"bytes", sum.bytes}};
+}
+
+struct remark {
+    const char *name;
+    std::string what;
+    uint64_t count;
+};
+
+// What is said only where it happened.
+std::vector<remark> remarks_of(const flow_table &flows, const totals &totals) {
+    const feeder_counts &fed = totals.feeder;
+    return {
+        {"other_link_type", "not carried, for the link type isn't Ethernet",
+         totals.source.other_link_type},
+        {"too_long", "not carried, longer than " + std::to_string(totals.max_frame_size) + " bytes",
+         totals.source.too_long},
+        {"empty", "not carried, empty", totals.source.empty},
+        {"reserved_addresses",
+         "not carried, for an address is one of 240.0.0.0/4 or IPv4's in IPv6",
+         totals.frames.reserved},
+        {"unwalked", "IPv6 packets whose extension headers weren't walked to their end",
+         totals.frames.unwalked},
+        {"answers_refused",
+         "DNS answers that weren't taken, for they aren't a resolver's or answer no question",
+         totals.frames.answers_refused},
+        {"cut_short", "carried as captured, without their ends", totals.source.cut_short},
+        {"dropped_by_kernel", "dropped by the kernel before they were read", totals.source.dropped},
+        {"stale_copies", "copies that had waited for too long", totals.source.stale},
+        {"start_repeats", "repeats of a first frame until the daemon answered", fed.start_repeats},
+        {"overlooked_verdicts", "verdicts that answered no frame", fed.overlooked},
+        {"malformed_messages", "malformed messages on the AV channel", totals.malformed_messages},
+        {"unknown_flows", "verdicts for flows that aren't in the table", flows.unknown()},
+        {"refused_writes", "verdicts and rate limits that the kernel refused to take",
+         totals.refused_writes},
+        {"refused_safe_search", "refused settings of safe search", totals.refused_safe_search},
+        {"late_answers", "late answers of the URL-filtering agent", totals.agent.sent},
+        {"undelivered_answers", "late answers that no daemon took", totals.agent.undelivered},
+        {"dropped_answers", "late answers dropped, for too many were waiting",
+         totals.agent.no_room},
+    };
 }
 
 } // namespace
@@ -189,44 +221,29 @@ bool row_writer::lay_out_line(std::string &out) {
     return true;
 }
 
+named_counts counts_of(const flow_table &flows, const totals &totals) {
+    const feeder_counts &fed = totals.feeder;
+    named_counts counts = {
+        {"flows", flows.all().flows},          {"bytes", flows.all().bytes},
+        {"frames_read", totals.source.read},   {"frames_fed", fed.sent},
+        {"frames_answered", fed.answered},     {"frames_resent", fed.resent},
+        {"frames_unanswered", fed.unanswered},
+    };
+    for (const remark &each : remarks_of(flows, totals))
+        counts.push_back({each.name, each.count});
+    return counts;
+}
+
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals) {
-    const flow_sum all = flows.all();
+    const flow_sum &all = flows.all();
     const feeder_counts &fed = totals.feeder;
     out << counted(all.flows, "flow", "flows") << ", " << all.bytes
         << " bytes; frames: " << totals.source.read << " read, " << fed.sent << " fed, "
         << fed.answered << " answered, " << fed.resent << " resent, " << fed.unanswered
         << " unanswered\n";
-
-    const struct {
-        uint64_t count;
-        std::string what;
-    } remarks[] = {
-        {totals.source.other_link_type, "not carried, for the link type isn't Ethernet"},
-        {totals.source.too_long,
-         "not carried, longer than " + std::to_string(totals.max_frame_size) + " bytes"},
-        {totals.source.empty, "not carried, empty"},
-        {totals.frames.reserved,
-         "not carried, for an address is one of 240.0.0.0/4 or IPv4's in IPv6"},
-        {totals.frames.unwalked,
-         "IPv6 packets whose extension headers weren't walked to their end"},
-        {totals.frames.answers_refused,
-         "DNS answers that weren't taken, for they aren't a resolver's or answer no question"},
-        {totals.source.cut_short, "carried as captured, without their ends"},
-        {totals.source.dropped, "dropped by the kernel before they were read"},
-        {totals.source.stale, "copies that had waited for too long"},
-        {fed.start_repeats, "repeats of a first frame until the daemon answered"},
-        {fed.overlooked, "verdicts that answered no frame"},
-        {totals.malformed_messages, "malformed messages on the AV channel"},
-        {flows.unknown(), "verdicts for flows that aren't in the table"},
-        {totals.refused_writes, "verdicts and rate limits that the kernel refused to take"},
-        {totals.refused_safe_search, "refused settings of safe search"},
-        {totals.agent.sent, "late answers of the URL-filtering agent"},
-        {totals.agent.undelivered, "late answers that no daemon took"},
-        {totals.agent.no_room, "late answers dropped, for too many were waiting"},
-    };
-    for (const auto &remark : remarks) {
-        if (remark.count != 0)
-            out << remark.what << ": " << remark.count << '\n';
+    for (const remark &each : remarks_of(flows, totals)) {
+        if (each.count != 0)
+            out << each.what << ": " << each.count << '\n';
     }
     const char *separator = "switched by the daemon: ";
     for (const auto &[name, value] : totals.switches) {

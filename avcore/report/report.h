@@ -7,6 +7,7 @@
 // no control characters.
 #pragma once
 
+#include "avcore/base/named_count.h"
 #include "avcore/feed/feeder.h"
 #include "avcore/flows/flow_table.h"
 #include "avcore/flows/flow_text.h"
@@ -67,6 +68,9 @@ private:
     size_t laid_out_ = 0; // of lines_
     std::array<size_t, std::tuple_size_v<table_line>> widths_ = {};
 };
+
+// The totals by name; what the daemon switched isn't among them.
+named_counts counts_of(const flow_table &flows, const totals &totals);
 
 // The sum of bytes is of the frames carried.
 void print_totals(std::ostream &out, const flow_table &flows, const totals &totals);

@@ -28,13 +28,15 @@ bool client_rules::sender_is_client(const frame_facts &frame) const {
     return true;
 }
 
-const client_profile &client_rules::client(const endpoint &side) const {
+client_rules::fitting client_rules::fitting_of(const endpoint &client) const {
+    size_t number = 0;
     for (const client_rule &rule : settings_.rules) {
+        ++number;
         const bool any_client = !rule.mac && !rule.network && fits_capture(rule);
-        if (any_client || names(rule, side))
-            return rule.profile;
+        if (any_client || names(rule, client))
+            return {rule.profile, number};
     }
-    return settings_.client;
+    return {settings_.client, 0};
 }
 
 const side_profile &client_rules::server(const endpoint &side) const {

@@ -4,6 +4,7 @@
 #include "avcore/frames/frame.h"
 #include "avcore/settings/config.h"
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -21,7 +22,12 @@ public:
     // says so; where none does, whoever sent the flow's first frame is.
     bool sender_is_client(const frame_facts &frame) const;
 
-    const client_profile &client(const endpoint &side) const;
+    // `rule`: counted from 1, as the file has them; 0: none fits, and the profile is everybody's.
+    struct fitting {
+        const client_profile &profile;
+        size_t rule;
+    };
+    fitting fitting_of(const endpoint &client) const;
     // The side opposite the client: another client of a rule of its own, else the uplink.
     const side_profile &server(const endpoint &side) const;
 

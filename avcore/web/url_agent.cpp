@@ -70,6 +70,12 @@ std::vector<std::byte> url_agent::answer(const question &asked, int64_t now_ms) 
     return make_answer(asked, 0, std::as_bytes(std::span(&reply, 1)));
 }
 
+std::optional<urlf_answer> url_agent::answer_about(std::string_view domain) const {
+    if (!settings_.present || is_late(domain))
+        return std::nullopt;
+    return categories_.answer(domain);
+}
+
 bool url_agent::is_late(std::string_view domain) const {
     return settings_.down || (settings_.delay_ms && !known_.contains(lower_case(domain)));
 }

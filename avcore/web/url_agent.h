@@ -45,6 +45,8 @@ public:
     url_agent(url_agent_settings settings, category_list categories);
 
     std::vector<std::byte> answer(const question &asked, int64_t now_ms);
+    // What it would answer now; none: it wouldn't.
+    std::optional<urlf_answer> answer_about(std::string_view domain) const;
     void bring_back() { settings_.down = false; }
     void replace_categories(category_list categories) { categories_ = std::move(categories); }
 

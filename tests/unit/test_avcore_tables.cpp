@@ -167,8 +167,9 @@ TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
     EXPECT_EQ(second.row.client.port, 4000);
 
     // The trailer's source is the side that sent the frame.
-    const av_pkt_trailer up = build_trailer(rules, query, second);
-    const av_pkt_trailer down = build_trailer(rules, reply, {second.row, false});
+    const client_profile &client = rules.fitting_of(query.sender).profile;
+    const av_pkt_trailer up = build_trailer(rules, client, query, second);
+    const av_pkt_trailer down = build_trailer(rules, client, reply, {second.row, false});
     EXPECT_STREQ(up.src_if_name, "wlan7");
     EXPECT_STREQ(up.dst_if_name, "eth0");
     EXPECT_EQ(up.src_utp_id, 5u);
@@ -178,7 +179,7 @@ TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
     EXPECT_EQ(down.filter_type, AV_FILTER_URL);
 
     EXPECT_TRUE(flows.count_frame(tcp_frame("192.0.2.7", 443, "172.16.0.9", 1), 1).from_client);
-    EXPECT_EQ(client_rules(settings, "br0").client(reply.sender).side.utp_id, 9u);
+    EXPECT_EQ(client_rules(settings, "br0").fitting_of(reply.sender).profile.side.utp_id, 9u);
 }
 
 TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {

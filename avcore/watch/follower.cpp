@@ -1,0 +1,180 @@
+#include "avcore/watch/follower.h"
+
+#include "avcore/base/monotonic_clock.h"
+#include "avcore/flows/flow_text.h"
+#include "avcore/watch/json_text.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace avcore {
+namespace {
+
+constexpr int MESSAGES_A_TURN = 16;
+constexpr uint32_t PLACES_A_TURN = 4'096;
+
+// The beginning of a message about something; behind it comes what it is about, then "}\n".
+void begin_message(std::string &out, uint32_t id, const char *what) {
+    out += "{\"id\":" + std::to_string(id) + ",\"" + what + "\":";
+}
+
+sum_key key_of(const flow_row &row) {
+    const std::string client = is_known(row.client.mac) ? "" : address_text(row, row.client);
+    return {row.client.mac, client, name_of(row), row.verdict};
+}
+
+} // namespace
+
+follower::follower(watched_flows &flows, const gate *behind, outgoing_lines &out,
+                   const follow_wish &wish)
+    : flows_(flows),
+      behind_(behind),
+      out_(out),
+      wish_(wish),
+      since_(flows.last_change()),
+      first_round_(flows.want_round()) {
+    flows_.add(*this);
+}
+
+follower::~follower() {
+    flows_.remove(*this);
+}
+
+follower::told_values &follower::told_at(uint32_t place) {
+    if (place >= told_.size())
+        told_.resize(flows_.places());
+    return told_[place];
+}
+
+// It was over before this began.
+bool follower::is_past(const watched_flow &flow, const told_values &told) const {
+    return flow.is_over() && !told.is_any && flow.ended <= since_;
+}
+
+bool follower::has_end(uint32_t place) const {
+    return !wish_.flows || (place < told_.size() && told_[place].change == END) ||
+           flows_.at(place).ended <= since_;
+}
+
+void follower::leave(uint32_t place) {
+    if (place < told_.size())
+        told_[place] = {};
+}
+
+void follower::sum_up(uint32_t place) {
+    if (!wish_.flows)
+        return;
+    const watched_flow &flow = flows_.at(place);
+    told_values &told = told_at(place);
+    if (told.change == END || is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
+        return;
+    sum_key key = key_of(flow.known());
+    if (sums_.size() >= MAX_SUMS && !sums_.contains(key))
+        key = {};
+    sum_of_flows &sum = sums_[key];
+    sum.flows += told.is_any ? 0 : 1;
+    sum.counts = sum.counts + (flow.counts - told.counts);
+    told.change = END;
+    if (sum.flows == 0 && sum.counts == gate_counter()) // it says nothing
+        sums_.erase(key);
+}
+
+int64_t follower::due_ms(int64_t now_ms) const {
+    if (!wish_.flows || !flows_.is_done(first_round_))
+        return NEVER_MS;
+    return in_pass_ ? now_ms : pass_due_ms_;
+}
+
+void follower::add_some(int64_t now_ms) {
+    if (now_ms < due_ms(now_ms))
+        return;
+    if (!std::exchange(in_pass_, true)) {
+        next_ = 0;
+        until_ = flows_.places();
+        passed_change_ = flows_.last_change();
+    }
+    int messages = 0;
+    while (messages < MESSAGES_A_TURN && out_.has_room() && add_sum())
+        ++messages;
+    const uint32_t last = std::min(until_, next_ + PLACES_A_TURN);
+    while (messages < MESSAGES_A_TURN && out_.has_room() && next_ < last)
+        messages += add_flow(next_++);
+    if (next_ == until_ && sums_.empty())
+        end_pass(now_ms);
+}
+
+void follower::end_pass(int64_t now_ms) {
+    in_pass_ = false;
+    pass_due_ms_ = now_ms + wish_.every_ms;
+    if (std::exchange(listed_, true))
+        return;
+    begin_message(out_.made(), wish_.id, "listed");
+    out_.made() += "true}\n";
+}
+
+bool follower::add_sum() {
+    const auto first = sums_.begin();
+    if (first == sums_.end())
+        return false;
+    begin_message(out_.made(), wish_.id, "sum");
+    append_sum(out_.made(), first->first, first->second);
+    out_.made() += "}\n";
+    sums_.erase(first);
+    return true;
+}
+
+bool follower::add_flow(uint32_t place) {
+    const watched_flow &flow = flows_.at(place);
+    const uint64_t change = flows_.change_at(place);
+    told_values &told = told_at(place);
+    if (change <= told.change || !flow.can_be_told())
+        return false;
+    const uint64_t told_change = std::exchange(told.change, flow.is_over() ? END : change);
+    if (is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
+        return false;
+    std::string &text = out_.made();
+    const bool whole = !told.is_any || flow.essence > told_change;
+    begin_message(text, wish_.id, whole ? "flow" : "count");
+    if (whole)
+        append_flow(text, flow, behind_);
+    else
+        append_count(text, flow);
+    text += "}\n";
+    told.is_any = true;
+    told.counts = flow.counts;
+    return true;
+}
+
+void follower::happened(flow_event what, uint32_t place) {
+    const watched_flow &flow = flows_.at(place);
+    if (!wish_.events || !wish_.filter.fits(flow))
+        return;
+    std::string members = ",\"flow\":";
+    append_flow(members, flow, behind_);
+    tell(word_of(what), flows_.now_us(), members);
+}
+
+void follower::tell(std::string_view what, int64_t now_us, std::string_view members) {
+    if (!wish_.events)
+        return;
+    std::string event;
+    begin_message(event, wish_.id, "event");
+    event += "{\"what\":\"";
+    event += what;
+    event += "\",\"us\":" + std::to_string(now_us);
+    event += members;
+    event += "}}\n";
+    out_.add_event(wish_.id, std::move(event));
+}
+
+void follower::hurry() {
+    wish_.every_ms = 0;
+    pass_due_ms_ = 0;
+    first_round_ = 0;
+}
+
+bool follower::has_all() const {
+    return !wish_.flows || (!in_pass_ && passed_change_ >= flows_.last_change());
+}
+
+} // namespace avcore

@@ -1,0 +1,42 @@
+// JSON (RFC 8259) as text, written member by member: rows are many, and a tree for each would cost
+// more than all else about them.
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace avcore {
+
+// Appends the text in quotes. Bytes that aren't UTF-8 are replaced by U+FFFD, control characters
+// (C1's and DEL, too) escaped.
+void append_json_text(std::string &out, std::string_view text);
+
+// An object at the end of `out`, which outlives it.
+class json_object {
+public:
+    explicit json_object(std::string &out) : out_(out) { out_ += '{'; }
+    ~json_object() { out_ += '}'; }
+    json_object(const json_object &) = delete;
+    json_object &operator=(const json_object &) = delete;
+
+    void add(const char *name, std::string_view text);
+    void add(const char *name, const char *text) { add(name, std::string_view(text)); }
+    void add(const char *name, const std::string &text) { add(name, std::string_view(text)); }
+    void add(const char *name, bool value);
+    void add(const char *name, std::integral auto number) {
+        key(name);
+        out_ += std::to_string(number);
+    }
+    void add_pair(const char *name, uint64_t first, uint64_t second);
+
+    // The value has to be appended to the text next.
+    std::string &key(std::string_view name);
+
+private:
+    std::string &out_;
+    bool empty_ = true;
+};
+
+} // namespace avcore

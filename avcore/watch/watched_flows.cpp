@@ -1,0 +1,550 @@
+#include "avcore/watch/watched_flows.h"
+
+#include "avcore/flows/flow_text.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string_view>
+#include <utility>
+
+namespace avcore {
+namespace {
+
+constexpr int GATE_FLOWS_A_TURN = 256;
+constexpr uint32_t PLACES_A_TURN = 512;
+// The gate, whose clock is coarser, takes the next packet for another flow's by then.
+constexpr int64_t IDLE_US = FLOW_IDLE_US + 2'000'000;
+
+using key_words = std::array<uint64_t, sizeof(gate_flow) / sizeof(uint64_t)>;
+
+key_words words_of(const gate_flow &key) {
+    key_words words;
+    memcpy(words.data(), &key, sizeof key);
+    return words;
+}
+
+flow_ending ending_by(uint8_t ends) {
+    return (ends & GATE_RST) != 0 ? flow_ending::reset : flow_ending::fin;
+}
+
+// None while it goes on.
+flow_ending ending_of(const flow_sight &seen, int64_t now_us) {
+    const int64_t idle_us = now_us - seen.last_us;
+    if (is_closed(seen.ends) && idle_us >= watched_flows::LINGER_US)
+        return ending_by(seen.ends);
+    return idle_us >= IDLE_US ? flow_ending::idle : flow_ending::none;
+}
+
+class row_hash {
+public:
+    row_hash &operator<<(std::string_view text) {
+        return *this << std::hash<std::string_view>()(text);
+    }
+    row_hash &operator<<(uint64_t number) {
+        value_ = (value_ ^ number) * 0x9E37'79B9'7F4A'7C15;
+        value_ ^= value_ >> 29;
+        return *this;
+    }
+    size_t value() const { return value_; }
+
+private:
+    size_t value_ = 0;
+};
+
+size_t essence_of(const flow_row &row, size_t name_hash) {
+    row_hash hash;
+    const verdict_reason &why = row.reason;
+    const row_enforcement &gate = row.enforcement;
+    hash << name_hash << row.host << row.wfc_fqdn << row.server_name << why.web_reason
+         << why.denial_text << row.client_interface << row.verdict << row.outdated
+         << row.wificalling << row.wfc_priority << static_cast<uint64_t>(why.named_by)
+         << static_cast<uint64_t>(why.by) << why.profile << why.of_client << row.client_utp
+         << row.client_rule << gate.settled << gate.denied << gate.generation
+         << gate.not_final.has_value();
+    return hash.value();
+}
+
+void append_hex(std::string &text, std::span<const uint8_t> octets) {
+    constexpr char digits[] = "0123456789abcdef";
+    for (const uint8_t octet : octets) {
+        text += digits[octet >> 4];
+        text += digits[octet & 15];
+    }
+}
+
+endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be) {
+    std::array<uint8_t, ip_address::SIZE> bytes;
+    std::ranges::copy(octets, bytes.begin());
+    endpoint side;
+    side.address = ip_address(bytes);
+    side.port = ntohs(port_be);
+    return side;
+}
+
+} // namespace
+
+const std::string &name_of(const flow_row &row) {
+    static const std::string none;
+    const bool has_name = shows_own_name(row) || row.reason.named_by != name_source::none;
+    return has_name ? application_of(row) : none;
+}
+
+// Clients choose the keys; without the seed they can't choose which of them meet.
+size_t watched_flows::key_hash::operator()(const gate_flow &key) const {
+    uint64_t hash = seed;
+    for (const uint64_t word : words_of(key)) {
+        const auto product = static_cast<unsigned __int128>(word ^ hash) * (seed | 1);
+        hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
+    }
+    return hash;
+}
+
+bool watched_flows::same_key::operator()(const gate_flow &a, const gate_flow &b) const {
+    return words_of(a) == words_of(b);
+}
+
+watched_flows::watched_flows(surroundings around)
+    : around_(std::move(around)),
+      rules_(around_.settings, ""),
+      by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()()}) {
+    around_.flows.set_on_leave([this](flow_row &row) { row_leaves(row); });
+}
+
+watched_flows::~watched_flows() {
+    around_.flows.set_on_leave(nullptr);
+}
+
+void watched_flows::attend(bool attended) {
+    attended_ = attended;
+    release_ended();
+}
+
+void watched_flows::remove(flow_reader &reader) {
+    std::erase(readers_, &reader);
+    release_ended();
+}
+
+// Rows.
+
+void watched_flows::note(flow_row &row) {
+    const bool has_flow = around_.behind == nullptr || row.enforcement.flow.has_value();
+    if (!has_flow) // behind a gate: it has the packets in another flow
+        return;
+    uint32_t place = place_of(row);
+    if (!attended_)
+        return;
+    if (around_.behind == nullptr) {
+        place = observe(place, sight_of(row.life));
+    } else if (flows_[place].seen.begun == 0 || flows_[place].is_over()) {
+        if (const auto state = around_.behind->flow_of(flows_[place].key))
+            place = observe(place, sight_of(*state));
+    }
+    look_at_row(place);
+}
+
+void watched_flows::happened(flow_event what, const flow_row &row) {
+    if (row.watched != 0)
+        tell(what, row.watched - 1);
+}
+
+uint32_t watched_flows::new_place() {
+    uint32_t place = places();
+    if (free_.empty()) {
+        flows_.emplace_back();
+        changes_.push_back(0);
+    } else {
+        place = free_.back();
+        free_.pop_back();
+    }
+    flows_[place].used = flows_[place].current = true;
+    return place;
+}
+
+void watched_flows::attach(uint32_t place, flow_row &row) {
+    watched_flow &flow = flows_[place];
+    if (flow.row != nullptr)
+        flow.row->watched = 0;
+    flow.row = &row;
+    if (!flow.is_over())
+        flow.own.reset();
+    row.watched = place + 1;
+}
+
+uint32_t watched_flows::place_of(flow_row &row) {
+    if (row.watched != 0)
+        return row.watched - 1;
+    uint32_t place = 0;
+    if (around_.behind == nullptr) {
+        place = new_place();
+    } else if (const auto known = by_key_.find(*row.enforcement.flow); known != by_key_.end()) {
+        place = known->second;
+    } else {
+        place = new_place();
+        flows_[place].at_gate = true;
+        flows_[place].key = *row.enforcement.flow;
+        by_key_.emplace(flows_[place].key, place);
+    }
+    attach(place, row);
+    return place;
+}
+
+// Of a flow of the gate's that may have no row.
+uint32_t watched_flows::place_of(const gate_flow &key, const gate_flow_state &state) {
+    const auto [known, is_new] = by_key_.try_emplace(key, 0);
+    if (!is_new)
+        return known->second;
+    const uint32_t place = known->second = new_place();
+    flows_[place].at_gate = true;
+    flows_[place].key = key;
+    flows_[place].own = row_of(key, state);
+    return place;
+}
+
+std::unique_ptr<flow_row> watched_flows::row_of(const gate_flow &key,
+                                                const gate_flow_state &state) {
+    auto row = std::make_unique<flow_row>();
+    row->ipv4 = true;
+    row->ip_proto = key.proto;
+    row->client = endpoint_of(key.client, key.client_port_be);
+    row->server = endpoint_of(key.server, key.server_port_be);
+    std::ranges::copy(state.mac, row->client.mac.begin());
+    rules_.capture_on(around_.behind->interface_of(state.if_index));
+    const client_rules::fitting client = rules_.fitting_of(row->client);
+    row->client_interface = client.profile.side.if_name;
+    row->client_utp = client.profile.side.utp_id;
+    row->client_rule = client.rule;
+    return row;
+}
+
+// The row is about to go.
+void watched_flows::row_leaves(flow_row &row) {
+    if (row.watched == 0)
+        return;
+    const bool ends = !flows_[row.watched - 1].at_gate;
+    if (attended_ && ends)
+        observe(row.watched - 1, sight_of(row.life));
+    const uint32_t place = row.watched - 1;
+    watched_flow &flow = flows_[place];
+    if (!attended_ && !flow.awaits)
+        return free(place);
+    if (ends && !flow.is_over())
+        end(place, flow_ending::forgotten);
+    else if (!flow.is_over())
+        flow.own = std::make_unique<flow_row>(row);
+    row.watched = 0;
+    flow.row = nullptr;
+    flow.current = flow.current && !ends;
+    if (!flow.current && !flow.awaits)
+        free(place);
+}
+
+// What is seen.
+
+// Returns where what was seen belongs to: it may be another flow.
+uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
+    const watched_flow &flow = flows_[place];
+    if (flow.seen.begun == 0) {
+        begin(place, seen, seen.before);
+    } else if (seen.begun != flow.seen.begun) {
+        if (!flow.is_over())
+            end_before(place, seen);
+        place = renew(place);
+        begin(place, seen, seen.before);
+    } else if (flow.is_over()) {
+        if (seen.counted == flow.seen.counted)
+            return place;
+        const gate_counter from = flow.seen.counted;
+        const unsigned continued = flow.continued + 1;
+        place = renew(place);
+        flows_[place].continued = continued;
+        begin(place, seen, from);
+    }
+    take_counts(place, seen);
+    return place;
+}
+
+// What was over when it was first seen is none of anybody's here.
+void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_counter &from) {
+    watched_flow &flow = flows_[place];
+    flow.seen = seen;
+    flow.from = from;
+    flow.counts = {};
+    flow.ending = ending_of(seen, around_.now_us());
+    if (flow.is_over())
+        return;
+    flow.id = id_of(flow);
+    flow.name_hash = std::hash<std::string>()(name_of(flow.known()));
+    flow.essence_hash = essence_of(flow.known(), flow.name_hash);
+    flow.verdict = flow.known().outdated ? 0 : flow.known().verdict;
+    change(place);
+    flow.essence = last_change_;
+    flow.counts = seen.counted - from;
+    tell(flow_event::begun, place);
+}
+
+// Another one of the same sides has begun. The gate may have forgotten them in between.
+void watched_flows::end_before(uint32_t place, const flow_sight &seen) {
+    watched_flow &flow = flows_[place];
+    const bool goes_on = holds(seen.before, flow.seen.counted);
+    if (goes_on)
+        flow.counts = seen.before - flow.from;
+    if (!goes_on)
+        end(place, flow_ending::forgotten);
+    else if (seen.begun_us - flow.seen.last_us >= FLOW_IDLE_US)
+        end(place, flow_ending::idle);
+    else
+        end(place, ending_by(flow.seen.ends));
+}
+
+void watched_flows::take_counts(uint32_t place, const flow_sight &seen) {
+    watched_flow &flow = flows_[place];
+    if (flow.is_over()) {
+        flow.seen = seen;
+        return;
+    }
+    const bool was_limited = flow.counts.limited != 0;
+    flow.seen.ends = seen.ends;
+    if (seen.counted == flow.seen.counted || !holds(seen.counted, flow.seen.counted))
+        return; // its times are the same, then, though the wall's clock may say otherwise
+    flow.counts = seen.counted - flow.from;
+    flow.seen.counted = seen.counted;
+    flow.seen.last_us = seen.last_us;
+    change(place);
+    if (!was_limited && flow.counts.limited != 0)
+        tell(flow_event::limited, place);
+}
+
+void watched_flows::look_at_row(uint32_t place) {
+    watched_flow &flow = flows_[place];
+    if (flow.row == nullptr || flow.is_over() || !flow.can_be_told())
+        return;
+    const flow_row &row = *flow.row;
+    const size_t name_hash = std::hash<std::string>()(name_of(row));
+    const size_t essence = essence_of(row, name_hash);
+    if (std::exchange(flow.essence_hash, essence) == essence)
+        return;
+    change(place);
+    flow.essence = last_change_;
+    if (std::exchange(flow.name_hash, name_hash) != name_hash)
+        tell(flow_event::named, place);
+    const uint32_t verdict = row.outdated ? 0 : row.verdict;
+    if (std::exchange(flow.verdict, verdict) != verdict && verdict != 0)
+        tell(flow_event::judged, place);
+}
+
+// Ends.
+
+void watched_flows::look_at_end(uint32_t place, int64_t now_us) {
+    const watched_flow &flow = flows_[place];
+    if (!flow.can_be_told() || flow.is_over())
+        return;
+    if (const flow_ending how = ending_of(flow.seen, now_us); how != flow_ending::none)
+        end(place, how);
+}
+
+void watched_flows::end(uint32_t place, flow_ending how) {
+    watched_flow &flow = flows_[place];
+    flow.ending = how;
+    if (!flow.can_be_told())
+        return;
+    if (flow.row != nullptr)
+        flow.own = std::make_unique<flow_row>(*flow.row);
+    change(place);
+    flow.essence = flow.ended = last_change_;
+    flow.awaits = true;
+    ended_.push_back(place);
+    tell(flow_event::ended, place);
+    if (ended_.size() <= MAX_ENDED || how == flow_ending::stopped)
+        return;
+    for (flow_reader *reader : readers_)
+        reader->sum_up(ended_.front());
+    release(ended_.front());
+    ended_.pop_front();
+}
+
+void watched_flows::release_ended() {
+    const auto all_have = [this](uint32_t place) {
+        return std::ranges::all_of(
+            readers_, [place](const flow_reader *reader) { return reader->has_end(place); });
+    };
+    while (!ended_.empty() && all_have(ended_.front())) {
+        release(ended_.front());
+        ended_.pop_front();
+    }
+}
+
+// It stays where its sides have no other flow yet, so that what comes behind its end is known as
+// that.
+void watched_flows::release(uint32_t place) {
+    watched_flow &flow = flows_[place];
+    flow.awaits = false;
+    flow.own.reset();
+    if (!flow.current)
+        free(place);
+}
+
+void watched_flows::free(uint32_t place) {
+    watched_flow &flow = flows_[place];
+    for (flow_reader *reader : readers_)
+        reader->leave(place);
+    if (flow.current && flow.at_gate)
+        by_key_.erase(flow.key);
+    if (flow.row != nullptr)
+        flow.row->watched = 0;
+    flow = {};
+    changes_[place] = 0;
+    free_.push_back(place);
+}
+
+// The next flow of the same sides, in place of one that is over.
+uint32_t watched_flows::renew(uint32_t place) {
+    const uint32_t next = new_place();
+    watched_flow &before = flows_[place];
+    watched_flow &flow = flows_[next];
+    flow.at_gate = before.at_gate;
+    flow.key = before.key;
+    flow.round = before.round;
+    before.current = false;
+    if (flow.at_gate)
+        by_key_[flow.key] = next;
+    if (flow_row *row = std::exchange(before.row, nullptr)) {
+        row->watched = 0;
+        attach(next, *row);
+    } else if (before.own) {
+        flow.own = std::make_unique<flow_row>(*before.own);
+    } else {
+        flow.own = row_of(flow.key, around_.behind->flow_of(flow.key).value_or(gate_flow_state()));
+    }
+    if (!before.awaits)
+        free(place);
+    return next;
+}
+
+void watched_flows::stop() {
+    if (around_.behind != nullptr)
+        return;
+    for (uint32_t place = 0; place < places(); ++place) {
+        if (flows_[place].row != nullptr)
+            observe(place, sight_of(flows_[place].row->life));
+        if (flows_[place].current && !flows_[place].is_over())
+            end(place, flow_ending::stopped);
+    }
+}
+
+void watched_flows::change(uint32_t place) {
+    changes_[place] = ++last_change_;
+}
+
+void watched_flows::tell(flow_event what, uint32_t place) {
+    if (flows_[place].can_be_told())
+        for (flow_reader *reader : readers_)
+            reader->happened(what, place);
+}
+
+// Rounds.
+
+uint64_t watched_flows::want_round() {
+    wanted_ = true;
+    return rounds_begun_ + 1;
+}
+
+void watched_flows::begin_round() {
+    wanted_ = false;
+    walking_ = true;
+    ++rounds_begun_;
+    gate_walked_ = around_.behind == nullptr;
+    cursor_ = 0;
+    next_place_ = 0;
+    rechecks_ = std::exchange(all_changed_, false);
+}
+
+void watched_flows::step() {
+    if (!walking_ && !wanted_)
+        return;
+    if (!walking_)
+        begin_round();
+    if (!gate_walked_) {
+        gate_walked_ = !walk_gate();
+        return;
+    }
+    if (walk_places())
+        return;
+    walking_ = false;
+    rounds_done_ = rounds_begun_;
+}
+
+// False when it has come to the end.
+bool watched_flows::walk_gate() {
+    return around_.behind->walk_flows(
+        cursor_, GATE_FLOWS_A_TURN, [this](const gate_flow &key, const gate_flow_state &state) {
+            const uint32_t place = observe(place_of(key, state), sight_of(state));
+            flows_[place].round = static_cast<uint32_t>(rounds_begun_);
+        });
+}
+
+bool watched_flows::walk_places() {
+    const int64_t now_us = around_.now_us();
+    const uint32_t until = std::min(next_place_ + PLACES_A_TURN, places());
+    for (; next_place_ < until; ++next_place_)
+        if (flows_[next_place_].used && flows_[next_place_].current)
+            look_again(next_place_, now_us);
+    release_ended();
+    return next_place_ < places();
+}
+
+void watched_flows::look_again(uint32_t place, int64_t now_us) {
+    const watched_flow &flow = flows_[place];
+    if (!flow.at_gate) {
+        place = observe(place, sight_of(flow.row->life));
+    } else if (flow.round != static_cast<uint32_t>(rounds_begun_)) {
+        const auto state = around_.behind->flow_of(flow.key);
+        if (!state && flow.seen.begun != 0)
+            return forget(place);
+        if (state)
+            place = observe(place, sight_of(*state));
+    }
+    if (rechecks_)
+        look_at_row(place);
+    look_at_end(place, now_us);
+}
+
+// The gate has. What it sees again of the same sides is another flow.
+void watched_flows::forget(uint32_t place) {
+    watched_flow &flow = flows_[place];
+    if (!flow.is_over())
+        end(place, flow_ending::forgotten);
+    by_key_.erase(flow.key);
+    flow.current = false;
+    if (flow_row *row = std::exchange(flow.row, nullptr))
+        row->watched = 0;
+    if (!flow.awaits)
+        free(place);
+}
+
+// Behind a gate whoever sees the flow calls it the same: its sides and the moment at which it
+// began. Otherwise the rows' numbers are this run's alone.
+std::string watched_flows::id_of(const watched_flow &flow) const {
+    std::string id;
+    char numbers[64];
+    if (flow.at_gate) {
+        const auto is_short = ip_address(std::to_array(flow.key.client)).is_ipv4() &&
+                              ip_address(std::to_array(flow.key.server)).is_ipv4();
+        const size_t from = is_short ? ip_address::SIZE - sizeof(uint32_t) : 0;
+        append_hex(id, std::span(flow.key.client).subspan(from));
+        append_hex(id, std::span(flow.key.server).subspan(from));
+        snprintf(numbers, sizeof numbers, "-%x-%x-%x-%" PRIx64,
+                 unsigned{ntohs(flow.key.client_port_be)}, unsigned{ntohs(flow.key.server_port_be)},
+                 unsigned{flow.key.proto} + 256u * flow.key.fragments, flow.seen.begun);
+    } else {
+        snprintf(numbers, sizeof numbers, "-%" PRIu32 "-%" PRIu64, flow.row->id, flow.seen.begun);
+        id = around_.run;
+    }
+    id += numbers;
+    return flow.continued == 0 ? id : id + '.' + std::to_string(flow.continued);
+}
+
+} // namespace avcore

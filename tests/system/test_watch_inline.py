@@ -1,0 +1,103 @@
+"""The watch socket of an avcore behind a gate: what the gate counts, over restarts as well."""
+from inline_lab import *
+from watch_reader import *
+
+HEADERS = 14 + 20 + 8
+
+
+class WatchInline(InlineTest):
+    def reader(self):
+        reader = Reader()
+        self.addCleanup(reader.close)
+        return reader
+
+    def told(self, reader, done, **members):
+        """The flow with these members, once it is as wanted."""
+        def find():
+            return [flow for flow in reader.flows.values() if members.items() <= flow.items() and done(flow)]
+        if not find():
+            reader.until(lambda message: find())
+        [flow] = find()
+        return flow
+
+    def test_counts_are_the_wires_over_restarts(self):
+        self.start("", "--watch-socket", WATCH_SOCKET)
+        reader = self.reader()
+        reader.follow("flows", "events")
+        client, server = self.pair(socket.SOCK_DGRAM, 4, ALLOWED)
+        for _ in range(50):
+            client.send(bytes(100))
+        for _ in range(30):
+            server.send(bytes(200))
+            client.recv(200)
+        port = client.getsockname()[1]
+        up, down = [51, 5 + 50 * 100 + 51 * HEADERS], [30, 30 * (200 + HEADERS)]
+        flow = self.told(reader, lambda flow: (flow["up"], flow["down"]) == (up, down) and
+                         flow["verdict"] == "allow", client_port=port)
+        self.assertEqual((flow["client_mac"], flow["application"], flow["why"], flow["dropped"]),
+                         (link_address("-n", "client", "link", "show", "eth0").upper(), "", {"rule": 0},
+                          [0, 0]))
+        self.assertLess(abs(flow["last_us"] / 1e6 - time.time()), 60)
+
+        stream, accepted = self.pair(socket.SOCK_STREAM, 6, ALLOWED)
+        stream.sendall(bytes(50_000))
+        stream.shutdown(socket.SHUT_WR)
+        while accepted.recv(65_536):
+            pass
+        accepted.close()
+        closed = self.told(reader, lambda flow: flow.get("ended") == "fin", protocol="TCP")
+        self.assertGreater(closed["up"][1], 50_000 + 74 * 35)
+
+        self.avcore.kill()
+        self.avcore.wait()
+        for _ in range(20):
+            client.send(bytes(100))
+        up = [71, up[1] + 20 * (100 + HEADERS)]
+        self.start_avcore()
+        again = self.reader()
+        self.assertNotEqual(again.greeting["run"], reader.greeting["run"])
+        self.assertEqual(again.greeting["boot"], reader.greeting["boot"])
+        again.follow("flows")
+        same = again.flows[flow["id"]]
+        self.assertEqual((same["up"], same["down"], same["begun_us"] // 10**6),
+                         (up, down, flow["begun_us"] // 10**6))
+        self.assertNotIn(closed["id"], again.flows)
+        self.until(lambda: client.send(bytes(100)) and again.next() and
+                   again.flows[flow["id"]]["verdict"] == "allow")
+
+    def test_what_the_gate_does_is_told(self):
+        self.start("", "--watch-socket", WATCH_SOCKET)
+        reader = self.reader()
+        reader.follow("flows", "events")
+        denied = self.talk(SERVERS[4], DENIED)
+        slow = Sender(self.connected(socket.SOCK_DGRAM, SERVERS[6], SLOW), size=1_200)
+        self.addCleanup(slow.stop)
+        self.assertEqual(reader.event("denied")["flow"]["server_port"], DENIED)
+        limited = reader.event("limited")["flow"]
+        self.assertEqual((limited["server_port"], limited["gate"], limited["verdict"]),
+                         (SLOW, "limits", "rate limit"))
+        flow = self.told(reader, lambda flow: flow.get("gate") == "denies" and flow["dropped"][0] > 0,
+                         server_port=DENIED, client_port=denied.socket.getsockname()[1])
+        self.assertEqual(flow["why"], {
+            "named_by": "administrator", "rule": 0, "by": "application policy", "profile": 1,
+            "side": "client", "text": f"app-{DENIED}, named by the administrator's definitions; by the "
+            "application policy of user profile 1, the client's"})
+        asking = self.reader()
+        [gate] = asking.ask("gate")
+        self.assertEqual(gate["attached_by"].keys(), {"wlan0"})
+        [counts] = asking.ask("counts")
+        self.assertGreater(counts["gate_denied"], 0)
+        self.jorn.kill()
+        self.assertEqual(reader.event("daemon")["state"], "gone")
+        self.assertEqual(reader.event("gate")["state"], "open")
+        self.jorn = self.start_daemon()
+        self.assertEqual(reader.event("daemon")["state"], "back")
+        self.assertEqual(reader.event("gate")["state"], "deciding")
+        for sender in (denied, slow):
+            sender.stop()
+        subprocess.run(["ip", "link", "del", "wlan0"], check=True)
+        self.assertEqual(reader.event("gate", state="gone")["interface"], "wlan0")
+
+
+if __name__ == "__main__":
+    unittest.main()
