@@ -1,26 +1,27 @@
 """avwatch against a watch socket that the test plays: what it shows, and what it takes of a socket's other
 end that isn't avcore."""
 import json
-import os
 import re
-import socket
 import tempfile
-import threading
+
+import jsonschema
 
 from testbed import *
 
+SCHEMA = jsonschema.Draft7Validator(json.loads(read_file(EXAMPLES + "/watch.schema.json")))
+
 GREETING = {"jorn": "watch", "version": 1, "run": "r1", "boot": "b1", "started_us": 1_764_150_000_000_000,
             "inline": True, "counts": "wire"}
-TV, LAPTOP, PHONE = "02:00:00:00:00:01", "02:00:00:00:00:02", "02:00:00:00:00:03"
+TV, LAPTOP, PHONE = "02:00:00:00:00:0A", "02:00:00:00:00:02", "02:00:00:00:00:03"
 COUNTS = {"up": [10, 1_000], "down": [20, 20_000], "dropped": [0, 0], "last_us": 1_764_150_005_000_000}
-ALIASES = f'[alias]\ntelly = "{TV.upper()}"\nprinter = "2001:DB8::9"\n'
+ALIASES = f'[alias]\ntelly = "{TV.lower()}"\nprinter = "2001:DB8::9"\n'
 
 
 def flow(number, **members):
     return {"id": f"f{number}", "client": "192.0.2.1", "client_port": 40_000 + number, "client_mac": TV,
             "server": "198.51.100.7", "server_port": 443, "protocol": "TCP", "interface": "wlan0", "utp": 3,
             "begun_us": 1_764_150_001_000_000, "application": "www.example.com", "verdict": "allow",
-            **COUNTS, **members}
+            "why": {"rule": 0}, **COUNTS, **members}
 
 
 def client(mac, *addresses, **members):
@@ -34,8 +35,8 @@ CLIENTS = [client(None, "192.0.2.11"), client(TV, "192.0.2.1", "192.0.2.11"),
 
 
 class Avcore:
-    """Takes one connection, greets, and has `answers` say what comes for a question: messages without their
-    ids, and bytes that are sent as they are."""
+    """Takes one connection, greets, and has `answers` say what comes for a question: messages of the schema
+    without their ids, and bytes that are sent as they are."""
 
     def __init__(self, path, answers, greeting=GREETING, piece=None):
         self.asked, self.path = [], path
@@ -56,7 +57,10 @@ class Avcore:
                     question = json.loads(line)
                     self.asked.append(question)
                     for each in self.answers(question):
-                        self.send(connection, {"id": question["id"], **each} if isinstance(each, dict) else each)
+                        if isinstance(each, dict):
+                            each = {"id": question["id"], **each}
+                            SCHEMA.validate(each)
+                        self.send(connection, each)
                     if "follow" in question:
                         break
                     self.send(connection, {"id": question["id"], "done": True})
@@ -105,13 +109,16 @@ class Avwatch(unittest.TestCase):
         return [json.loads(line) if "--json" in words else re.split("  +", line.strip()) for line in lines]
 
     def test_clients_and_applications(self):
+        macless = flow(2, client="192.0.2.11")
+        del macless["client_mac"]
+
         def growing(question):
             looks = [each for each in self.avcore.asked if each["ask"] == question["ask"]]
             more = 1_000_000 * (len(looks) - 1)
             if question["ask"] == "clients":
                 return [{"client": {**each, "down": [1, each["down"][1] + more]}} for each in CLIENTS]
             return [{"flow": flow(1, application="tube", down=[9, 5_000_000 + more])},
-                    {"flow": flow(2, client="192.0.2.11", client_mac=None)}, {"flow": flow(3, verdict="deny")},
+                    {"flow": macless}, {"flow": flow(3, verdict="deny")},
                     {"flow": flow(4, client="192.0.2.3", client_mac=PHONE, application="")}]
 
         rows = self.shown("clients", answers=growing)
@@ -135,7 +142,7 @@ class Avwatch(unittest.TestCase):
         self.assertEqual(self.shown("apps", answers=growing)[-1][:5], ["-", "1", "1", "1.0 kB", "20.0 kB"])
 
     def test_who_is_meant(self):
-        for said, asked in ((TV.upper(), TV), ("192.0.2.11", TV), ("telly", TV), ("2001:DB8:0::9", "2001:db8::9"),
+        for said, asked in ((TV.lower(), TV), ("192.0.2.11", TV), ("telly", TV), ("2001:DB8:0::9", "2001:db8::9"),
                             ("192.0.2.99", "192.0.2.99"), ("printer", "2001:db8::9")):
             self.shown("flows", "--client", said)
             self.assertEqual(self.avcore.filters(), [{"client": asked}], said)
@@ -147,7 +154,7 @@ class Avwatch(unittest.TestCase):
             self.assertEqual((status, lines, complaint in complained), (1, [], True), complained)
 
     def test_flows_and_denials(self):
-        few, many = flow(1, why={"rule": 0}), flow(2, up=[1, 9_000_000], client="2001:db8::1", wificalling=3,
+        few, many = flow(1), flow(2, up=[1, 9_000_000], client="2001:db8::1", wificalling=3,
                                                    outdated=True, gate="passes")
         rows = self.shown("flows", "--utc", answers=listed(flows=[few, many]))
         self.assertEqual(rows[1:], [
@@ -160,8 +167,9 @@ class Avwatch(unittest.TestCase):
         rows = self.shown("flows", answers=listed(flows=[flow(1, up=[1, size]) for size in sizes]))
         self.assertEqual([row[6] for row in rows[:0:-1]], list(sizes.values()))
         self.assertEqual(self.shown("flows", "--json", answers=listed(flows=[few, many]), piece=7),
-                         [{**each, "client_name": "telly"} for each in (many, {**few, "why": {"rule": 0}})])
-        denied = flow(3, verdict="deny", dropped=[5, 0], why={"text": "named by DNS; by the web policy, Games"})
+                         [{**each, "client_name": "telly"} for each in (many, few)])
+        denied = flow(3, verdict="deny", dropped=[5, 0],
+                      why={"rule": 1, "text": "named by DNS; by the web policy, Games"})
         rows = self.shown("denials", answers=listed(flows=[flow(4, verdict="deny"), denied]))
         self.assertEqual([(row[6], row[7]) for row in rows[1:]],
                          [("5", "named by DNS; by the web policy, Games"), ("0", "-")])
@@ -170,12 +178,14 @@ class Avwatch(unittest.TestCase):
     def test_following(self):
         later = {**COUNTS, "id": "f1", "up": [11, 1_100]}
         said = [{"flow": flow(1)}, {"listed": True}, {"count": later}, {"count": {**later, "id": "nobody's"}},
-                {"sum": {"flows": 2, "up": [1, 600], "down": [1, 400], "dropped": [0, 0]}},
+                {"sum": {"flows": 2, "up": [1, 600], "down": [1, 400], "dropped": [0, 0], "application": "",
+                         "verdict": "none"}},
                 {"flow": flow(1, ended="fin")},
                 {"event": {"what": "denied", "us": 1_764_150_006_000_000, "flow": flow(5)}},
                 {"event": {"what": "begun", "us": 1, "flow": flow(6)}}, {"lost": 3}]
         for words, cell, cells, complaint in (
-                (("flows",), lambda line: line.split()[-1], ["STATE", "-", "fin"], "flows that ended weren't read in time"),
+                (("flows",), lambda line: line.split()[-1], ["STATE", "-", "fin"],
+                 "flows that ended weren't read in time"),
                 (("flows", "--json"), lambda line: json.loads(line)["up"], [[10, 1_000], [11, 1_100], [10, 1_000]],
                  "1.0 kB and 2 flows are missing here"),
                 (("denials", "--json"), json.loads, [said[6]["event"]], "3 events were lost")):
@@ -188,7 +198,7 @@ class Avwatch(unittest.TestCase):
 
     def test_state(self):
         gate = {"there": True, "interfaces": ["wlan0"], "verdicts": {"deny": 4}, "\x1b[2J": "\u202etxt.exe"}
-        state = listed(counts=[{"frames": 5, "strange": "text"}], gate=[gate])
+        state = listed(counts=[{"frames": 5}], gate=[gate])
         text = "\n".join("  ".join(row) for row in self.shown("status", answers=state))
         self.assertEqual(text.splitlines(), [
             "avcore runs since: 2025-11-26 11:40:00", "counts: of all packets", "frames: 5", "gate:",
