@@ -90,7 +90,7 @@ public:
     // walk may be passed over or come twice; those that stay come once.
     bool walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
     // How many the map has dropped for others so far, whatever they had. Once it has been nearly
-    // full this counts what is in it, which takes some milliseconds.
+    // full this counts what is in it, which on a busy machine takes tens of milliseconds.
     uint64_t forgotten_flows() const;
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
