@@ -2,6 +2,7 @@
 
 #include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
+#include "avwatch/past/past.h"
 #include "avwatch/settings/settings.h"
 #include "avwatch/views/views.h"
 #include "shared/command_line.h"
@@ -15,14 +16,15 @@ namespace {
 
 // In the order of the help.
 constexpr void (*SUBCOMMANDS[])(CLI::App &app, invocation &asked) = {
-    add_clients, add_apps, add_flows, add_denials, add_status,
+    add_clients, add_apps,  add_flows,  add_denials, add_status,
+    add_usage,   add_serve, add_forget, add_backup,
 };
 
 void describe(CLI::App &app, invocation &asked) {
     app.fallthrough();            // --utc may stand behind the subcommand
     app.require_subcommand(0, 1); // run() says better what is missing
     app.set_version_flag("--version", "avwatch " JORN_VERSION);
-    app.add_option("-c", asked.settings_file, "TOML file: aliases of clients")
+    app.add_option("-c", asked.settings_file, "TOML file: aliases of clients, the history, metrics")
         ->type_name("CONFIG")
         ->capture_default_str();
     app.add_option("--watch-socket", asked.watch_socket, "Where avcore tells what it knows")

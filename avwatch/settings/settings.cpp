@@ -30,6 +30,28 @@ client_aliases read_aliases(const toml::table &table, const std::string &file) {
     return aliases;
 }
 
+void read_history(const toml::table &table, const std::string &file, history_settings &history) {
+    constexpr std::pair<std::string_view, names_kept> kinds[] = {
+        {"full", names_kept::full}, {"domain", names_kept::domain}, {"none", names_kept::none}};
+    const toml_reader in(table, file);
+    in.expect_keys({"file", "names", "limit", "commit"});
+    history.file = in.text("file").value_or(history.file);
+    in.choice("names", kinds, history.names);
+    in.number("limit", history.limit_mb, LIMIT_MB_MAX);
+    if (history.limit_mb < LIMIT_MB_MIN)
+        in.fail(*in.find("limit"), "'limit' must be at least " + std::to_string(LIMIT_MB_MIN));
+    in.number("commit", history.commit_s, COMMIT_S_MAX);
+    if (history.commit_s == 0)
+        in.fail(*in.find("commit"), "'commit' must be at least 1");
+}
+
+void read_metrics(const toml::table &table, const std::string &file, history_settings &history) {
+    const toml_reader in(table, file);
+    in.expect_keys({"http", "clients"});
+    history.http = in.text("http").value_or(history.http);
+    in.flag("clients", history.client_metrics);
+}
+
 } // namespace
 
 settings read_settings(const std::string &path) {
@@ -38,9 +60,13 @@ settings read_settings(const std::string &path) {
         return read;
     const toml::table root = avcore::parse_toml(avcore::read_config_text(path), path);
     const toml_reader in(root, path);
-    in.expect_keys({"alias"});
+    in.expect_keys({"alias", "history", "metrics"});
     if (const toml::table *aliases = in.table("alias"))
         read.aliases = read_aliases(*aliases, path);
+    if (const toml::table *history = in.table("history"))
+        read_history(*history, path, read.history);
+    if (const toml::table *metrics = in.table("metrics"))
+        read_metrics(*metrics, path, read.history);
     return read;
 }
 

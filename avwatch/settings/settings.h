@@ -3,6 +3,7 @@
 
 #include "avwatch/client/known_clients.h"
 #include "avwatch/client/watch_client.h"
+#include "avwatch/history/history_settings.h"
 
 #include <functional>
 #include <string>
@@ -13,6 +14,7 @@ inline constexpr char SETTINGS_FILE[] = "/etc/jorn/avwatch.toml";
 
 struct settings {
     client_aliases aliases;
+    history_settings history;
 };
 
 // The file at SETTINGS_FILE may be missing, another one not. Throws avcore::config_error, which

@@ -2,11 +2,15 @@
 #include "avwatch/base/shown_text.h"
 #include "avwatch/base/units.h"
 #include "avwatch/client/answers.h"
+#include "avwatch/history/schema.h"
+#include "avwatch/history/usage.h"
 #include "avwatch/views/selection.h"
 #include "avwatch/views/views.h"
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
+#include <unistd.h>
 
 namespace avwatch {
 namespace {
@@ -43,17 +47,54 @@ void print_status(const greeting_record &greeting, const counts_record &counts, 
     print_members(gate, "  ");
 }
 
+// How large the history is and how far back it reaches; null where there is none.
+ordered_json history_state(const std::string &path) {
+    if (access(path.c_str(), F_OK) != 0)
+        return nullptr;
+    ordered_json state = {{"file", path}};
+    try {
+        database file(path, database::access::read_only);
+        check_history(file);
+        state["bytes"] = file.number("PRAGMA page_count") * file.number("PRAGMA page_size");
+        const std::vector<int64_t> starts = first_starts(file);
+        for (size_t i = 0; i < starts.size(); ++i)
+            state[PERIODS[i].table + std::string("_since_us")] =
+                std::max<int64_t>(starts[i], 0) * 1'000'000;
+    } catch (const std::runtime_error &error) {
+        state["error"] = error.what();
+    }
+    return state;
+}
+
+void print_history(const ordered_json &state, bool utc) {
+    if (state.is_null())
+        return;
+    std::cout << "history: " << shown_text(state["file"].get<std::string>()) << '\n';
+    if (state.contains("error")) {
+        std::cout << "  " << shown_text(state["error"].get<std::string>()) << '\n';
+        return;
+    }
+    std::cout << "  size: " << size_text(state["bytes"]) << '\n';
+    for (const period &each : PERIODS)
+        std::cout << "  " << each.table
+                  << " since: " << time_text(state[each.table + std::string("_since_us")], utc)
+                  << '\n';
+}
+
 int show_status(const invocation &asked, bool as_json) {
-    read_settings(asked.settings_file); // which is to be right, too
+    const ordered_json history = history_state(read_settings(asked.settings_file).history.file);
     watch_client avcore(asked.watch_socket);
     const greeting_record &greeting = avcore.wait_for_greeting(ANSWER_PATIENCE);
     const counts_record counts = ask_counts(avcore);
     const json gate = ask_gate(avcore);
     if (as_json) {
         ordered_json object = {{"avcore", object_of(greeting)}, {"counts", counts}, {"gate", gate}};
+        if (!history.is_null())
+            object["history"] = history;
         std::cout << to_line(object) << '\n';
     } else {
         print_status(greeting, counts, gate, asked.utc);
+        print_history(history, asked.utc);
     }
     return STATUS_DONE;
 }
@@ -61,7 +102,7 @@ int show_status(const invocation &asked, bool as_json) {
 } // namespace
 
 void add_status(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("status", "How avcore and its gate are");
+    CLI::App *subcommand = app.add_subcommand("status", "How avcore, its gate and the history are");
     const auto as_json = std::make_shared<bool>(false);
     add_json(*subcommand, *as_json);
     subcommand->callback([&asked, as_json] {

@@ -1,0 +1,206 @@
+#include "avwatch/history/ledger.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace avwatch {
+namespace {
+
+constexpr char UNKNOWN_CLIENT[] = "unknown";
+
+std::string client_of(const flow_message &news) {
+    std::string_view client = news.client_mac.empty() ? news.client : news.client_mac;
+    client = client.substr(0, NAME_MAX_BYTES);
+    return client.empty() ? UNKNOWN_CLIENT : std::string(client);
+}
+
+amounts amounts_of(const flow_counts &counts) {
+    amounts result = {};
+    std::copy(counts.begin(), counts.end(), result.begin());
+    return result;
+}
+
+} // namespace
+
+void ledger::restore(std::string id, open_flow flow, int64_t now_ms) {
+    flow.stored = true;
+    flow.since_ms = flow.heard_ms = now_ms;
+    flows_.insert_or_assign(std::move(id), std::move(flow));
+}
+
+void ledger::connected(std::string_view epoch) {
+    if (epoch_ == epoch)
+        return;
+    epoch_ = epoch;
+    for (auto at = flows_.begin(); at != flows_.end();)
+        at = close(at);
+}
+
+// What wasn't heard of while nobody spoke may still be there.
+void ledger::listed(int64_t now_ms) {
+    listed_ms_ = now_ms;
+}
+
+void ledger::take(const flow_message &news, int64_t now_ms) {
+    const auto at = enter(news, now_ms);
+    if (at == flows_.end())
+        return;
+    if (rename(at->second, news))
+        note_changed(at);
+    update(at, news.counts, now_ms);
+    if (news.ended)
+        close(at);
+}
+
+void ledger::take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms) {
+    const auto at = flows_.find(id);
+    if (at != flows_.end())
+        update(at, counts, now_ms);
+}
+
+void ledger::take_sum(const flow_message &sum, uint64_t flows) {
+    amounts more = amounts_of(sum.counts);
+    more[FLOWS] = flows;
+    more[DENIALS] = sum.verdict == DENY ? flows : 0;
+    count({client_of(sum), reduced(classify(sum.application, sum.named_by), kept_), sum.verdict},
+          more);
+}
+
+void ledger::pass(int64_t now_ms) {
+    for (auto at = flows_.begin(); at != flows_.end();) {
+        open_flow &flow = at->second;
+        if (listed_ms_ >= 0 && now_ms - std::max(flow.heard_ms, listed_ms_) >= SILENT_MS) {
+            at = close(at);
+            continue;
+        }
+        if (flow.held && now_ms - flow.since_ms >= HELD_MS) {
+            release(flow);
+            note_changed(at);
+        }
+        ++at;
+    }
+}
+
+void ledger::written() {
+    pending_.clear();
+    for (const flow_map::pointer each : changed_) {
+        if (each == nullptr)
+            continue;
+        each->second.changed_at = open_flow::UNCHANGED;
+        each->second.stored = true;
+    }
+    changed_.clear();
+    removed_.clear();
+}
+
+void ledger::forget_rows() {
+    removed_.clear();
+    changed_.clear();
+    for (auto at = flows_.begin(); at != flows_.end(); ++at) {
+        at->second.stored = false;
+        at->second.changed_at = open_flow::UNCHANGED;
+        note_changed(at);
+    }
+}
+
+// The flow's place, a new one where there is room.
+ledger::flow_map::iterator ledger::enter(const flow_message &news, int64_t now_ms) {
+    auto at = flows_.find(news.id);
+    if (at != flows_.end())
+        return at;
+    if (flows_.size() >= MAX_FLOWS || news.id.size() > NAME_MAX_BYTES) {
+        ++uncounted_;
+        return flows_.end();
+    }
+    at = flows_.emplace(news.id, open_flow()).first;
+    at->second.key.client = client_of(news);
+    at->second.has_mac = !news.client_mac.empty();
+    at->second.since_ms = now_ms;
+    note_changed(at);
+    return at;
+}
+
+// What isn't said stays: after a restart avcore may know no more of a flow than its counts.
+bool ledger::rename(open_flow &flow, const flow_message &news) {
+    const sum_key before = flow.key;
+    if (!flow.has_mac && !news.client_mac.empty()) {
+        flow.key.client = client_of(news);
+        flow.has_mac = true;
+    }
+    if (!news.application.empty())
+        flow.key.application = reduced(classify(news.application, news.named_by), kept_);
+    if (news.verdict != NO_VERDICT)
+        flow.key.verdict = news.verdict;
+    if (flow.key.verdict == DENY && before.verdict != DENY && !flow.held) {
+        amounts denial = {};
+        denial[DENIALS] = 1;
+        count(flow.key, denial);
+    }
+    return flow.key != before;
+}
+
+void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms) {
+    open_flow &flow = at->second;
+    flow.heard_ms = now_ms;
+    flow_counts more = {};
+    bool has_more = false;
+    for (size_t i = 0; i < FLOW_COUNTS; ++i) {
+        const uint64_t told = std::min(counts[i], COUNT_MAX);
+        if (told <= flow.told[i])
+            continue;
+        more[i] = told - flow.told[i];
+        flow.told[i] = told;
+        has_more = true;
+    }
+    if (!has_more)
+        return;
+    if (!flow.held)
+        count(flow.key, amounts_of(more));
+    note_changed(at);
+}
+
+// Its counts so far become part of the sums.
+void ledger::release(open_flow &flow) {
+    flow.held = false;
+    amounts all = amounts_of(flow.told);
+    all[FLOWS] = 1;
+    all[DENIALS] = flow.key.verdict == DENY ? 1 : 0;
+    count(flow.key, all);
+}
+
+ledger::flow_map::iterator ledger::close(flow_map::iterator at) {
+    if (at->second.held)
+        release(at->second);
+    if (at->second.stored)
+        removed_.push_back(at->first);
+    if (at->second.changed_at != open_flow::UNCHANGED)
+        changed_[at->second.changed_at] = nullptr;
+    return flows_.erase(at);
+}
+
+void ledger::note_changed(flow_map::iterator at) {
+    if (at->second.changed_at != open_flow::UNCHANGED)
+        return;
+    if (changed_.size() >= MAX_FLOWS + MAX_PENDING)
+        drop_ended_changes();
+    at->second.changed_at = changed_.size();
+    changed_.push_back(&*at);
+}
+
+// While nothing can be written, flows come and go.
+void ledger::drop_ended_changes() {
+    std::erase(changed_, nullptr);
+    for (size_t i = 0; i < changed_.size(); ++i)
+        changed_[i]->second.changed_at = i;
+}
+
+void ledger::count(const sum_key &key, const amounts &more) {
+    auto at = pending_.find(key);
+    if (at == pending_.end() && pending_.size() >= MAX_PENDING)
+        at = pending_.try_emplace({OTHER, {OTHER, false}, key.verdict}).first;
+    else if (at == pending_.end())
+        at = pending_.try_emplace(key).first;
+    add(at->second, more);
+}
+
+} // namespace avwatch

@@ -1,0 +1,138 @@
+// The open flows with what has been counted of them, and what is to be added to the history's sums:
+// from what the watch socket says of each flow to what the next transaction writes. No database
+// here: the store writes `pending`, `changed` and `removed` in one transaction and says `written`;
+// when it fails they stay, and grow, until another one succeeds.
+//
+// Exactly once: a flow's counts are those since it began, so what is new is what they have beyond
+// those that the ledger was told last. Those are stored with the sums, so that a flow that comes
+// again after a restart of either side goes on where it was.
+//
+// A flow gets its name and its verdict a moment after its first packets. What it has in its first
+// HELD_MS is therefore counted once that is over, or it ends: under the name and the verdict that
+// it has then. Until then its counts stand with the open flows, so a crash doesn't lose them.
+//
+// Bounded: MAX_FLOWS open flows, the others go uncounted and are said to; MAX_PENDING sums, what
+// doesn't fit adds to that of all others.
+#pragma once
+
+#include "avwatch/history/amounts.h"
+#include "avwatch/history/application_names.h"
+
+#include <compare>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace avwatch {
+
+// As stored, and in the order of VERDICT_WORDS.
+enum verdict_code : uint8_t { NO_VERDICT, ALLOW, WHITE_LIST, DENY, RATE_LIMIT, QOS, VERDICTS };
+inline constexpr std::string_view VERDICT_WORDS[] = {"none", "allow",      "white list",
+                                                     "deny", "rate limit", "qos"};
+static_assert(std::size(VERDICT_WORDS) == VERDICTS);
+
+struct sum_key {
+    std::string client; // a MAC address, or an address where that isn't known
+    application_name application;
+    uint8_t verdict = NO_VERDICT;
+    auto operator<=>(const sum_key &) const = default;
+};
+
+struct open_flow {
+    static constexpr size_t UNCHANGED = SIZE_MAX;
+
+    sum_key key;
+    flow_counts told = {}; // the latest, added to the sums unless it is held
+    bool held = true;
+    bool has_mac = false;
+    bool stored = false;           // has a row in the database
+    size_t changed_at = UNCHANGED; // its place among those that changed since that was written
+    int64_t since_ms = 0;          // that this run knows it
+    int64_t heard_ms = 0;          // of it, last
+};
+
+// What the socket says; empty is what it left out.
+struct flow_message {
+    std::string_view id;
+    std::string_view client;
+    std::string_view client_mac;
+    std::string_view application;
+    std::string_view named_by;
+    uint8_t verdict = NO_VERDICT;
+    flow_counts counts = {};
+    bool ended = false;
+};
+
+// So that an id is looked for without a copy of it.
+struct text_hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+};
+
+class ledger {
+public:
+    static constexpr int64_t HELD_MS = 10'000;
+    static constexpr int64_t SILENT_MS = 600'000; // after five idle ones a flow has ended
+    static constexpr size_t MAX_FLOWS = 69'632;   // the gate's, and some that end
+    static constexpr size_t MAX_PENDING = 8'192;
+
+    explicit ledger(names_kept kept) : kept_(kept) {}
+
+    // From the database, at the start.
+    void restore(std::string id, open_flow flow, int64_t now_ms);
+
+    // Both of the same boot and, where only frames are counted, of the same run: the flows go on.
+    // Otherwise none of them comes again.
+    void connected(std::string_view epoch);
+    void listed(int64_t now_ms);
+    void disconnected() { listed_ms_ = -1; }
+
+    void take(const flow_message &news, int64_t now_ms);
+    void take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms);
+    // Of flows that ended unseen; its `id` and `ended` mean nothing.
+    void take_sum(const flow_message &sum, uint64_t flows);
+
+    // To be called every few seconds: looks at all open flows.
+    void pass(int64_t now_ms);
+
+    const std::map<sum_key, amounts> &pending() const { return pending_; }
+    using flow_map = std::unordered_map<std::string, open_flow, text_hash, std::equal_to<>>;
+    // Null for those that have ended since.
+    const std::vector<flow_map::pointer> &changed() const { return changed_; }
+    const std::vector<std::string> &removed() const { return removed_; } // had a row
+    const std::string &epoch() const { return epoch_; }
+    void set_epoch(std::string epoch) { epoch_ = std::move(epoch); }
+    void written();
+    // Another file takes the former one's place: all open flows are to be written.
+    void forget_rows();
+
+    size_t open() const { return flows_.size(); }
+    // Messages about flows beyond MAX_FLOWS, since the history began.
+    uint64_t uncounted() const { return uncounted_; }
+    void set_uncounted(uint64_t count) { uncounted_ = count; }
+
+private:
+    flow_map::iterator enter(const flow_message &news, int64_t now_ms);
+    bool rename(open_flow &flow, const flow_message &news);
+    void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms);
+    void release(open_flow &flow);
+    flow_map::iterator close(flow_map::iterator at);
+    void note_changed(flow_map::iterator at);
+    void drop_ended_changes();
+    void count(const sum_key &key, const amounts &more);
+
+    const names_kept kept_;
+    std::string epoch_;
+    int64_t listed_ms_ = -1;
+    flow_map flows_;
+    std::map<sum_key, amounts> pending_;
+    std::vector<flow_map::pointer> changed_;
+    std::vector<std::string> removed_;
+    uint64_t uncounted_ = 0;
+};
+
+} // namespace avwatch

@@ -1,0 +1,130 @@
+#include "avwatch/base/failure.h"
+#include "avwatch/history/schema.h"
+#include "avwatch/history/usage.h"
+#include "avwatch/past/history_file.h"
+#include "avwatch/past/past.h"
+#include "avwatch/serve/serve.h"
+#include "shared/counted.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace avwatch {
+namespace {
+
+struct upkeep_request {
+    std::string history;
+    std::string client;
+    std::string target;
+    std::string http;
+
+    std::string file(const settings &read) const {
+        return history.empty() ? read.history.file : history;
+    }
+};
+
+// Overwritten, also where the file has it behind what is deleted.
+int forget(const invocation &asked, const upkeep_request &wanted) {
+    const settings read = read_settings(asked.settings_file);
+    database file = open_history(wanted.file(read), database::access::read_write);
+    const known_clients clients(read.aliases, read_clients(file));
+    const std::string key = clients.find(wanted.client);
+    file.run("PRAGMA secure_delete = ON");
+    uint64_t rows = 0;
+    transaction all(file);
+    const auto remove = [&](const std::string &sql) {
+        statement row(file, sql);
+        row.bind(0, std::string_view(key)).run();
+        rows += static_cast<uint64_t>(file.changes());
+    };
+    for (const period &each : PERIODS)
+        remove(std::string("DELETE FROM ") + each.table +
+               " WHERE client = (SELECT id FROM clients WHERE client = ?)");
+    remove("DELETE FROM client_totals WHERE client = ?");
+    remove("DELETE FROM clients WHERE client = ? AND id != 0");
+    all.commit();
+    file.run("PRAGMA wal_checkpoint(TRUNCATE)");
+    if (rows == 0)
+        throw refused("the history has no client " + key);
+    std::cout << counted(rows, "row", "rows") << " deleted\n";
+    return STATUS_DONE;
+}
+
+int back_up(const invocation &asked, const upkeep_request &wanted) {
+    const settings read = read_settings(asked.settings_file);
+    database file = open_history(wanted.file(read), database::access::read_only);
+    if (access(wanted.target.c_str(), F_OK) == 0)
+        throw refused(wanted.target + " is there already");
+    umask(077);
+    statement copy(file, "VACUUM INTO ?");
+    copy.bind(0, std::string_view(wanted.target)).run();
+    return STATUS_DONE;
+}
+
+int start_serving(const invocation &asked, const upkeep_request &wanted) {
+    history_settings used = read_settings(asked.settings_file).history;
+    if (!wanted.history.empty())
+        used.file = wanted.history;
+    if (!wanted.http.empty())
+        used.http = wanted.http;
+    return serve(used, asked.watch_socket);
+}
+
+using task = int (*)(const invocation &asked, const upkeep_request &wanted);
+
+std::shared_ptr<upkeep_request> add(CLI::App &subcommand, invocation &asked, task chosen) {
+    auto wanted = std::make_shared<upkeep_request>();
+    add_history(subcommand, wanted->history);
+    subcommand.callback([&asked, wanted, chosen] {
+        asked.action = [&asked, wanted, chosen] { return chosen(asked, *wanted); };
+    });
+    return wanted;
+}
+
+} // namespace
+
+void add_history(CLI::App &subcommand, std::string &path) {
+    subcommand.add_option("--history", path, "The history's file, in place of the TOML file's")
+        ->type_name("PATH");
+}
+
+database open_history(const std::string &path, database::access wanted) {
+    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT)
+        throw refused("there is no history at " + path + ": \"avwatch serve\" keeps one");
+    database file(path, wanted);
+    check_history(file);
+    return file;
+}
+
+void add_serve(CLI::App &app, invocation &asked) {
+    CLI::App *subcommand =
+        app.add_subcommand("serve", "Keep the history, and have it scraped by a Prometheus");
+    subcommand->footer(
+        "It runs until it is told to stop (SIGTERM), also while there is no avcore.");
+    const auto wanted = add(*subcommand, asked, start_serving);
+    subcommand->add_option("--http", wanted->http, "Where /metrics is to be, as in 127.0.0.1:8080")
+        ->type_name("ADDR:PORT");
+}
+
+void add_forget(CLI::App &app, invocation &asked) {
+    CLI::App *subcommand = app.add_subcommand("forget", "Delete what the history has of a client");
+    subcommand->footer(
+        "Its open flows stay until they end, and count on: they are stored so that nothing is\n"
+        "counted twice.");
+    const auto wanted = add(*subcommand, asked, forget);
+    subcommand->add_option("--client", wanted->client, "A MAC or IP address, an alias, a host name")
+        ->required();
+}
+
+void add_backup(CLI::App &app, invocation &asked) {
+    CLI::App *subcommand =
+        app.add_subcommand("backup", "Copy the history, also while it is written");
+    const auto wanted = add(*subcommand, asked, back_up);
+    subcommand->add_option("FILE", wanted->target, "The copy, which is not there yet")->required();
+}
+
+} // namespace avwatch

@@ -1,0 +1,192 @@
+#include "avwatch/history/usage.h"
+#include "avwatch/base/complain.h"
+#include "avwatch/base/failure.h"
+#include "avwatch/base/shown_text.h"
+#include "avwatch/base/table.h"
+#include "avwatch/base/units.h"
+#include "avwatch/history/ledger.h"
+#include "avwatch/history/schema.h"
+#include "avwatch/past/history_file.h"
+#include "avwatch/past/past.h"
+
+#include <ctime>
+#include <iostream>
+#include <memory>
+
+namespace avwatch {
+namespace {
+
+constexpr char UNNAMED[] = "unnamed";
+
+struct usage_request {
+    std::string history;
+    std::string client;
+    std::string application;
+    std::string by;
+    std::string since = "7d";
+    bool as_json = false;
+    bool as_csv = false;
+};
+
+std::string verdict_text(uint8_t verdict) {
+    return std::string(verdict < VERDICTS ? VERDICT_WORDS[verdict] : VERDICT_WORDS[NO_VERDICT]);
+}
+
+uint64_t microseconds(int64_t seconds) {
+    return static_cast<uint64_t>(std::max<int64_t>(seconds, 0)) * 1'000'000;
+}
+
+// The rows' time, as its grouping shows it.
+std::string when_text(const usage_row &row, const usage_query &query, const usage_result &result) {
+    const bool is_utc_day = query.by == grouping::day && row.start_s < result.hours_from_s;
+    std::string text = time_text(microseconds(row.start_s), query.utc || is_utc_day);
+    if (query.by != grouping::day)
+        return text;
+    return text.substr(0, text.find(' ')) + (is_utc_day && !query.utc ? " UTC" : "");
+}
+
+void print_table(const usage_query &query, const usage_result &result,
+                 const known_clients &clients) {
+    std::vector<column> columns = {{"CLIENT"},       {"APPLICATION"},  {"VERDICT"},
+                                   {"UP", true},     {"DOWN", true},   {"FLOWS", true},
+                                   {"DENIED", true}, {"DROPPED", true}};
+    if (query.by != grouping::none)
+        columns.insert(columns.begin(), {"FROM"});
+    table lines(columns);
+    for (const usage_row &row : result.rows) {
+        const std::string name = clients.name_of(row.client);
+        std::vector<std::string> cells = {
+            name.empty() ? row.client : name,
+            row.application.empty() ? UNNAMED : row.application,
+            verdict_text(row.verdict),
+            size_text(row.values[UP_BYTES]),
+            size_text(row.values[DOWN_BYTES]),
+            std::to_string(row.values[FLOWS]),
+            std::to_string(row.values[DENIALS]),
+            std::to_string(row.values[DENIED_PACKETS] + row.values[LIMITED_PACKETS])};
+        if (query.by != grouping::none)
+            cells.insert(cells.begin(), when_text(row, query, result));
+        lines.add(std::move(cells));
+    }
+    lines.print(std::cout);
+}
+
+void print_objects(const usage_result &result, const known_clients &clients) {
+    for (const usage_row &row : result.rows) {
+        const amounts &values = row.values;
+        nlohmann::ordered_json object = {{"from_us", microseconds(row.start_s)},
+                                         {"client", row.client}};
+        if (const std::string name = clients.name_of(row.client); !name.empty())
+            object["name"] = name;
+        object["application"] = row.application;
+        object["verdict"] = verdict_text(row.verdict);
+        object["up"] = {values[UP_PACKETS], values[UP_BYTES]};
+        object["down"] = {values[DOWN_PACKETS], values[DOWN_BYTES]};
+        object["dropped"] = {values[DENIED_PACKETS], values[LIMITED_PACKETS]};
+        object["flows"] = values[FLOWS];
+        object["denials"] = values[DENIALS];
+        std::cout << to_line(object) << '\n';
+    }
+}
+
+// A text of CSV (RFC 4180). Names are anybody's, and a spreadsheet takes some for formulas.
+std::string quoted(const std::string &text) {
+    constexpr std::string_view formulas = "=+-@\t\r";
+    std::string result = "\"";
+    if (!text.empty() && formulas.find(text.front()) != std::string_view::npos)
+        result += '\'';
+    for (const char c : shown_text(text)) {
+        if (c == '"')
+            result += '"';
+        result += c;
+    }
+    return result + '"';
+}
+
+void print_csv(const usage_query &query, const usage_result &result, const known_clients &clients) {
+    std::cout << "from,client,name,application,verdict";
+    for (const char *column : AMOUNT_COLUMNS)
+        std::cout << ',' << column;
+    std::cout << '\n';
+    for (const usage_row &row : result.rows) {
+        std::cout << when_text(row, query, result) << ',' << quoted(row.client) << ','
+                  << quoted(clients.name_of(row.client)) << ',' << quoted(row.application) << ','
+                  << verdict_text(row.verdict);
+        for (const uint64_t value : row.values)
+            std::cout << ',' << value;
+        std::cout << '\n';
+    }
+}
+
+grouping grouping_of(const std::string &word) {
+    if (word.empty())
+        return grouping::none;
+    return word == "hour" ? grouping::hour : grouping::day;
+}
+
+void say_what_is_missing(const usage_query &query, const usage_result &result) {
+    if (query.by == grouping::hour && query.since_s < result.hours_from_s)
+        complain("hours reach back to " + time_text(microseconds(result.hours_from_s), query.utc) +
+                 " only, --by day further");
+    else if (query.since_s < result.days_from_s)
+        complain("the history reaches back to " +
+                 time_text(microseconds(result.days_from_s), query.utc) + " only");
+}
+
+int show_usage(const invocation &asked, const usage_request &wanted) {
+    const settings read = read_settings(asked.settings_file);
+    const std::optional<int64_t> back_s = duration_s(wanted.since);
+    if (!back_s)
+        throw refused("--since takes a number of minutes, hours, days or weeks, as in 90m, 24h, 7d "
+                      "or 2w, and not \"" +
+                      wanted.since + '"');
+    database file = open_history(wanted.history.empty() ? read.history.file : wanted.history,
+                                 database::access::read_only);
+    known_clients clients(read.aliases, read_clients(file));
+    usage_query query;
+    query.now_s = time(nullptr);
+    query.since_s = std::max<int64_t>(query.now_s - *back_s, 0);
+    query.by = grouping_of(wanted.by);
+    query.utc = asked.utc;
+    query.names = read.history.names;
+    query.application = wanted.application;
+    if (!wanted.client.empty())
+        query.client = clients.find(wanted.client);
+    const usage_result result = read_usage(file, query);
+    say_what_is_missing(query, result);
+    if (wanted.as_json)
+        print_objects(result, clients);
+    else if (wanted.as_csv)
+        print_csv(query, result, clients);
+    else
+        print_table(query, result, clients);
+    return STATUS_DONE;
+}
+
+} // namespace
+
+void add_usage(CLI::App &app, invocation &asked) {
+    CLI::App *subcommand = app.add_subcommand("usage", "Who used what, from the history");
+    subcommand->footer("What \"avwatch serve\" has kept. Hours and days are the local zone's or, "
+                       "with --utc, UTC's.\n"
+                       "Rows are kept by UTC's hours: of a zone that is half an hour off, hours "
+                       "begin at the half.\n"
+                       "Where only days are left, they are UTC's.");
+    const auto wanted = std::make_shared<usage_request>();
+    subcommand->add_option("--client", wanted->client,
+                           "A MAC or IP address, an alias, a host name");
+    subcommand->add_option("--app", wanted->application,
+                           "An application's whole name, in any case");
+    subcommand->add_option("--by", wanted->by, "A row for each hour or day")
+        ->check(CLI::IsMember({"hour", "day"}));
+    subcommand->add_option("--since", wanted->since, "How far back: 90m, 24h, 7d, 2w")
+        ->capture_default_str();
+    CLI::Option *json = subcommand->add_flag("--json", wanted->as_json, "A JSON object a line");
+    subcommand->add_flag("--csv", wanted->as_csv, "Comma-separated values")->excludes(json);
+    add_history(*subcommand, wanted->history);
+    subcommand->callback([&asked, wanted] {
+        asked.action = [&asked, wanted] { return show_usage(asked, *wanted); };
+    });
+}
+
+} // namespace avwatch

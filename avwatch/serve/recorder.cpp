@@ -1,0 +1,264 @@
+#include "avwatch/serve/recorder.h"
+
+#include "avcore/base/monotonic_clock.h"
+#include "avwatch/base/complain.h"
+#include "avwatch/base/failure.h"
+
+#include <algorithm>
+#include <ctime>
+#include <sys/stat.h>
+#include <utility>
+#include <variant>
+
+namespace avwatch {
+namespace {
+
+using avcore::monotonic_ms;
+using avcore::NEVER_MS;
+
+constexpr int MESSAGES_AT_ONCE = 1'000;
+constexpr uint32_t EVERY_MS = 10'000; // a flow's counts
+constexpr int64_t CONNECT_EVERY_MS = 2'000;
+constexpr int64_t ASK_EVERY_MS = 10'000;
+constexpr int64_t CLIENTS_EVERY_MS = 60'000;
+constexpr int64_t PASS_EVERY_MS = 5'000;
+constexpr int64_t RETRY_MS = 10'000; // to write
+constexpr int64_t TIDY_AT_ONCE_MS = 50;
+constexpr size_t CLIENTS_AT_ONCE = 4'096;
+
+template <typename Record>
+flow_counts counts_in(const Record &record) {
+    return {record.up.packets, record.up.bytes,       record.down.packets,
+            record.down.bytes, record.dropped.denied, record.dropped.limited};
+}
+
+uint8_t verdict_of(const std::string &word) {
+    const auto *at = std::find(std::begin(VERDICT_WORDS), std::end(VERDICT_WORDS), word);
+    return at != std::end(VERDICT_WORDS) ? static_cast<uint8_t>(at - std::begin(VERDICT_WORDS))
+                                         : uint8_t{NO_VERDICT};
+}
+
+// While it stays the same, flows keep their ids. Without a gate each run of avcore begins anew.
+std::string epoch_of(const greeting_record &greeting) {
+    return greeting.counts == "seen" ? greeting.boot + '/' + greeting.run : greeting.boot;
+}
+
+ino_t inode_of(const std::string &path) {
+    struct stat found = {};
+    return stat(path.c_str(), &found) == 0 ? found.st_ino : 0;
+}
+
+} // namespace
+
+struct recorder::taker {
+    recorder &to;
+    std::optional<uint32_t> id;
+    int64_t now_ms;
+
+    void operator()(const flow_record &flow) const {
+        to.ledger_.take({flow.id, flow.client, flow.client_mac, flow.application, flow.why.named_by,
+                         verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
+                        now_ms);
+    }
+    void operator()(const count_record &count) const {
+        to.ledger_.take_counts(count.id, counts_in(count), now_ms);
+    }
+    void operator()(const sum_record &sum) const {
+        to.ledger_.take_sum({{},
+                             sum.client,
+                             sum.client_mac,
+                             sum.application,
+                             {},
+                             verdict_of(sum.verdict),
+                             counts_in(sum),
+                             true},
+                            sum.flows);
+    }
+    void operator()(const listing_end &) const { to.ledger_.listed(now_ms); }
+    void operator()(const client_record &client) const {
+        if (to.clients_.size() < CLIENTS_AT_ONCE)
+            to.clients_.push_back(client);
+    }
+    void operator()(const answer_end &) const {
+        if (id != to.clients_asked_ || !to.store_)
+            return;
+        to.store_->write_clients(std::exchange(to.clients_, {}));
+    }
+    void operator()(const counts_record &counts) const { to.health_.counts = counts; }
+    void operator()(const gate_state &gate) const { to.health_.gate = numbers_in(gate.said); }
+    void operator()(const answer_error &error) const {
+        if (id == to.follow_asked_ || !id)
+            throw no_watch("avcore at " + to.watch_socket_ + " refuses: " + error.text);
+    }
+    void operator()(const auto & /*other*/) const {}
+};
+
+recorder::recorder(const history_settings &settings, std::string watch_socket)
+    : settings_(settings),
+      watch_socket_(std::move(watch_socket)),
+      lock_(lock_history(settings.file)),
+      ledger_(settings.names) {
+    open_history(monotonic_ms());
+}
+
+void recorder::listen() {
+    const int64_t now_ms = monotonic_ms();
+    try {
+        has_more_ = true;
+        for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
+            const std::optional<message> told = avcore_->take();
+            if (!is_greeted_ && avcore_->greeting())
+                greet(now_ms);
+            has_more_ = told.has_value();
+            if (!has_more_)
+                break;
+            std::visit(taker{*this, told->id, now_ms}, told->what);
+        }
+    } catch (const no_watch &gone) {
+        disconnect(gone.what());
+    } catch (const database_error &error) {
+        complain_of(error);
+    }
+}
+
+void recorder::serve(int64_t now_ms) {
+    if (now_ms >= connect_due_ms_)
+        connect(now_ms);
+    if (now_ms >= ask_due_ms_)
+        ask();
+    if (now_ms >= write_due_ms_)
+        write(now_ms);
+}
+
+void recorder::write(int64_t now_ms) {
+    if (now_ms >= pass_due_ms_) {
+        ledger_.pass(now_ms);
+        pass_due_ms_ = now_ms + PASS_EVERY_MS;
+    }
+    write_due_ms_ = now_ms + RETRY_MS;
+    health_.writes_history = false;
+    try {
+        if ((!store_ || is_replaced()) && !open_history(now_ms))
+            return;
+        store_->write(ledger_, time(nullptr), now_ms);
+        health_.writes_history = true;
+        health_.written_s = time(nullptr);
+        write_due_ms_ = now_ms + int64_t{settings_.commit_s} * 1'000;
+        tidy(now_ms);
+        health_.history_bytes = store_->size_bytes();
+        if (!std::exchange(history_trouble_, {}).empty())
+            complain("the history can be written again");
+    } catch (const database_error &error) {
+        complain_of(error);
+    }
+}
+
+std::string recorder::metrics() const {
+    health now = health_;
+    now.hears_avcore = is_greeted_;
+    now.open_flows = ledger_.open();
+    now.uncounted = ledger_.uncounted();
+    now.passed_over = avcore_ ? avcore_->passed_over() : 0;
+    return metrics_text(store_ ? store_->committed() : committed_, now,
+                        {settings_.names, settings_.client_metrics});
+}
+
+// Also in the place of one that was moved away: there what is open is written anew.
+bool recorder::open_history(int64_t now_ms) {
+    if (store_)
+        committed_ = store_->committed();
+    store_.reset();
+    try {
+        store_.emplace(settings_);
+        if (is_restored_)
+            store_->replace_contents(ledger_, committed_);
+        else
+            store_->restore(ledger_, now_ms);
+        is_restored_ = true;
+        file_inode_ = inode_of(settings_.file);
+        return true;
+    } catch (const database_error &error) {
+        store_.reset();
+        say_once(history_trouble_,
+                 std::string(error.what()) + (is_restored_
+                                                  ? "; what is counted waits in memory"
+                                                  : "; nothing is counted until it can be read"));
+        return false;
+    }
+}
+
+bool recorder::is_replaced() const {
+    return inode_of(settings_.file) != file_inode_;
+}
+
+void recorder::connect(int64_t now_ms) {
+    connect_due_ms_ = now_ms + CONNECT_EVERY_MS;
+    if (!is_restored_)
+        return;
+    try {
+        avcore_.emplace(watch_socket_);
+        follow_asked_ =
+            avcore_->follow({.flows = true, .events = false, .every_ms = EVERY_MS, .filter = {}});
+        connect_due_ms_ = NEVER_MS;
+    } catch (const std::runtime_error &error) {
+        disconnect(error.what());
+    }
+}
+
+void recorder::greet(int64_t now_ms) {
+    is_greeted_ = true;
+    ledger_.connected(epoch_of(*avcore_->greeting()));
+    ask_due_ms_ = clients_due_ms_ = now_ms;
+    if (!std::exchange(avcore_trouble_, {}).empty())
+        complain("avcore is heard again");
+}
+
+void recorder::ask() {
+    const int64_t now_ms = monotonic_ms();
+    ask_due_ms_ = is_greeted_ ? now_ms + ASK_EVERY_MS : NEVER_MS;
+    if (!is_greeted_)
+        return;
+    try {
+        avcore_->ask(question::counts);
+        avcore_->ask(question::gate);
+        if (now_ms >= clients_due_ms_) {
+            clients_due_ms_ = now_ms + CLIENTS_EVERY_MS;
+            clients_.clear();
+            clients_asked_ = avcore_->ask(question::clients);
+        }
+    } catch (const no_watch &gone) {
+        disconnect(gone.what());
+    }
+}
+
+void recorder::disconnect(const std::string &why) {
+    say_once(avcore_trouble_, why);
+    avcore_.reset();
+    is_greeted_ = has_more_ = false;
+    ledger_.disconnected();
+    connect_due_ms_ = monotonic_ms() + CONNECT_EVERY_MS;
+    ask_due_ms_ = NEVER_MS;
+}
+
+void recorder::tidy(int64_t now_ms) {
+    while (store_->tidy()) {
+        if (monotonic_ms() - now_ms >= TIDY_AT_ONCE_MS)
+            return;
+    }
+}
+
+// One that is locked is for a moment, by "forget" or somebody's shell.
+void recorder::complain_of(const database_error &error) {
+    if (error.is_locked())
+        write_due_ms_ = monotonic_ms() + int64_t{settings_.commit_s} * 1'000;
+    else
+        say_once(history_trouble_, std::string(error.what()) +
+                                       "; what is counted waits in memory until it can be written");
+}
+
+void recorder::say_once(std::string &said, const std::string &what) const {
+    if (std::exchange(said, what) != what)
+        complain(what);
+}
+
+} // namespace avwatch

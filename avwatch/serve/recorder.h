@@ -1,0 +1,78 @@
+// From the watch socket to the history: connects again and again, follows all flows, and has what
+// they counted written every few seconds.
+//
+// What goes wrong is said once, and the rest goes on: without avcore the history and the metrics
+// are there, and while the history can't be written what is counted waits in memory, within the
+// ledger's bounds. Only before the history could be read for the first time nothing is counted, for
+// nobody knows what was counted already.
+#pragma once
+
+#include "avwatch/client/watch_client.h"
+#include "avwatch/history/history_settings.h"
+#include "avwatch/history/ledger.h"
+#include "avwatch/history/store.h"
+#include "avwatch/metrics/metrics.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace avwatch {
+
+class recorder {
+public:
+    // Throws refused and foreign_history: another one writes, or the file is another program's.
+    recorder(const history_settings &settings, std::string watch_socket);
+
+    int descriptor() const { return avcore_ ? avcore_->descriptor() : -1; }
+    void listen(); // what has come on it, some of it at a time
+    bool has_more() const { return has_more_; }
+
+    int64_t due_ms() const { return std::min({connect_due_ms_, write_due_ms_, ask_due_ms_}); }
+    void serve(int64_t now_ms); // what is due
+
+    void write(int64_t now_ms);
+    std::string metrics() const;
+
+private:
+    struct taker; // a message by its kind
+
+    bool open_history(int64_t now_ms);
+    bool is_replaced() const;
+    void connect(int64_t now_ms);
+    void greet(int64_t now_ms);
+    void ask();
+    void disconnect(const std::string &why);
+    void take(const message &told, int64_t now_ms);
+    void tidy(int64_t now_ms);
+    void complain_of(const database_error &error);
+    void say_once(std::string &said, const std::string &what) const;
+
+    const history_settings settings_;
+    const std::string watch_socket_;
+    unique_fd lock_;
+    ledger ledger_;
+    std::optional<store> store_;
+    totals committed_; // of a store that had to go
+    ino_t file_inode_ = 0;
+    bool is_restored_ = false;
+    std::optional<watch_client> avcore_;
+    bool is_greeted_ = false;
+    bool has_more_ = false; // was read already
+    uint32_t follow_asked_ = 0;
+    uint32_t clients_asked_ = 0;
+    std::vector<client_record> clients_; // of an answer that goes on
+    health health_;
+    int64_t connect_due_ms_ = 0;
+    int64_t write_due_ms_ = 0;
+    int64_t ask_due_ms_ = 0;
+    int64_t pass_due_ms_ = 0;
+    int64_t clients_due_ms_ = 0;
+    std::string history_trouble_; // said already
+    std::string avcore_trouble_;
+};
+
+} // namespace avwatch
