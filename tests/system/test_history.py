@@ -307,7 +307,10 @@ class History(Served):
         avcore.kill()
         with open(f"/proc/{self.server.pid}/status") as status:
             peak_kb = int(re.search(r"VmHWM:\s+(\d+)", status.read())[1])
-        self.assertLess(peak_kb, 64_000)
+        with open(jorn_path("avwatch"), "rb") as program:
+            is_sanitized = b"__asan_init" in program.read()  # whose memory says nothing of ours
+        if not is_sanitized:
+            self.assertLess(peak_kb, 64_000)
         self.stop()
 
 

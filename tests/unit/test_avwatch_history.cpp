@@ -84,7 +84,7 @@ struct AvwatchHistory : testing::Test {
 // transaction.
 TEST_F(AvwatchHistory, CountsExactlyOnceOverRestarts) {
     std::mt19937 random(7); // NOLINT(cert-msc51-cpp): the same each time
-    const auto one_of = [&](unsigned count) { return random() % count; };
+    const auto one_of = [&](unsigned count) { return static_cast<unsigned>(random() % count); };
     struct told_flow {
         flow_counts counts = {};
         bool has_ended = false;
@@ -119,7 +119,7 @@ TEST_F(AvwatchHistory, CountsExactlyOnceOverRestarts) {
         open();
     };
     flows->connected("boot");
-    for (int step = 0; step < 20'000; ++step) {
+    for (unsigned step = 0; step < 20'000; ++step) {
         mono_ms += one_of(400);
         const std::string id =
             std::to_string(one_of(9)) + "-" + std::to_string(step / 100 + one_of(2));
