@@ -76,13 +76,17 @@ std::string known_clients::key_of(const std::string &mac, const std::string &add
     return owner != owners_.end() ? owner->second : address;
 }
 
-std::string known_clients::name_of(const std::string &key) const {
+const known_client *known_clients::with_key(const std::string &key) const {
     const auto place = places_.find(key);
-    if (place == places_.end())
+    return place != places_.end() ? &clients_[place->second] : nullptr;
+}
+
+std::string known_clients::name_of(const std::string &key) const {
+    const known_client *known = with_key(key);
+    if (known == nullptr)
         return alias_of(key);
-    const known_client &known = clients_[place->second];
-    const std::string &said = known.said.host_name;
-    return known.alias.empty() && !said.empty() ? '"' + said + '"' : known.alias;
+    const std::string &said = known->said.host_name;
+    return known->alias.empty() && !said.empty() ? '"' + said + '"' : known->alias;
 }
 
 std::string known_clients::find(const std::string &meant) const {

@@ -27,6 +27,9 @@ public:
 
     const std::vector<known_client> &all() const { return clients_; }
 
+    // Null where nothing was said of it.
+    const known_client *with_key(const std::string &key) const;
+
     // The key of a client whose flow has this MAC address, or none, and this address.
     std::string key_of(const std::string &mac, const std::string &address) const;
     // What a client with this key is called: its alias, else in quotes the host name that it said,

@@ -11,14 +11,6 @@
 namespace avwatch {
 namespace {
 
-const known_client *find(const known_clients &clients, const std::string &key) {
-    for (const known_client &each : clients.all()) {
-        if (each.key == key)
-            return &each;
-    }
-    return nullptr;
-}
-
 usages look(conversation &talk, const selection &selected) {
     if (selected.names_flows())
         return usages_of_flows(talk.avcore, talk.filter, [&](const flow_record &flow) {
@@ -48,7 +40,7 @@ void print_table(const conversation &talk, const usages &all, const std::vector<
                  {"DROPPED", true},
                  {"LAST SEEN"}});
     for (const std::string &key : keys) {
-        const known_client *known = find(talk.clients, key);
+        const known_client *known = talk.clients.with_key(key);
         const client_record said = known != nullptr ? known->said : client_record();
         const usage &used = all.at(key);
         lines.add({talk.clients.name_of(key), said.client_mac.empty() ? key : said.client_mac,
@@ -64,7 +56,7 @@ void print_table(const conversation &talk, const usages &all, const std::vector<
 void print_objects(const conversation &talk, const usages &all,
                    const std::vector<std::string> &keys) {
     for (const std::string &key : keys) {
-        const known_client *known = find(talk.clients, key);
+        const known_client *known = talk.clients.with_key(key);
         nlohmann::ordered_json object = {{"client", key}};
         if (known != nullptr) {
             if (!known->alias.empty())
