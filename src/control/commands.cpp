@@ -185,6 +185,21 @@ static_assert(std::ranges::adjacent_find(COMMANDS, std::greater_equal(), &comman
                   std::end(COMMANDS),
               "the rows stand in ascending order, each number once");
 
+// The row whose handler was run, or none.
+const command_row *handle(int fd, const void *message, size_t received) {
+    if (received < COMMAND_NUMBER_END)
+        return nullptr;
+    cmd_msg_hdr header;
+    memcpy(&header, message, sizeof header);
+    const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
+                       received > sizeof header ? received - sizeof header : 0, header.len};
+    const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
+    if (row == std::end(COMMANDS))
+        return nullptr;
+    row->run(r);
+    return row;
+}
+
 void list_write_cfg(line_buffer &text) {
     text.append("\n====JORN write configuration====\n");
 }
@@ -192,18 +207,13 @@ void list_write_cfg(line_buffer &text) {
 } // namespace
 
 void run_command(int fd, const void *message, size_t received) {
-    if (received < COMMAND_NUMBER_END)
-        return;
-    cmd_msg_hdr header;
-    memcpy(&header, message, sizeof header);
-    const request r = {header.cmd, fd, static_cast<const uint8_t *>(message) + sizeof header,
-                       received > sizeof header ? received - sizeof header : 0, header.len};
-    const command_row *row = std::ranges::find(COMMANDS, header.cmd, &command_row::number);
-    if (row == std::end(COMMANDS))
-        return;
-    row->run(r);
-    if (row->then != NOTHING)
+    const command_row *row = handle(fd, message, received);
+    if (row != nullptr && row->then != NOTHING)
         row->then();
+}
+
+void run_handler(int fd, const void *message, size_t received) {
+    handle(fd, message, received);
 }
 
 int jorn_process_cmd_write_cfg(int fd) {

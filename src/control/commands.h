@@ -16,5 +16,9 @@
 // is too short to hold a command number, and a number without handler, do nothing.
 void run_command(int fd, const void *message, size_t received);
 
+// The same without the follow-up, for programs that ask what a command would leave: no file is
+// rewritten but by CMD_WRITE_CFG_REQ, whose handler does nothing else.
+void run_handler(int fd, const void *message, size_t received);
+
 // Command 17: writes the configuration files now and answers that it did. Returns 0.
 int jorn_process_cmd_write_cfg(int fd);
