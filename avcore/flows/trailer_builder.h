@@ -7,8 +7,7 @@
 
 namespace avcore {
 
-// The source side is the side that sent this frame, in both directions of the flow. `client`: the
-// client's.
+// `client`: the client's.
 av_pkt_trailer build_trailer(const client_rules &rules, const client_profile &client,
                              const frame_facts &frame, const flow_table::sighting &flow);
 

@@ -1,5 +1,7 @@
 #include "avcore/settings/client_rules.h"
 
+#include "core/text/text.h"
+
 #include <utility>
 
 namespace avcore {
@@ -45,6 +47,23 @@ const side_profile &client_rules::server(const endpoint &side) const {
             return rule.profile.side;
     }
     return settings_.uplink;
+}
+
+av_pkt_trailer trailer_between(const client_profile &client, const side_profile &server,
+                               bool from_client) {
+    const side_profile &source = from_client ? client.side : server;
+    const side_profile &destination = from_client ? server : client.side;
+    av_pkt_trailer trailer = {};
+    trailer.dst_utp_id = destination.utp_id;
+    trailer.src_utp_id = source.utp_id;
+    trailer.trailer_word2 = client.web_utp[0];
+    trailer.trailer_word3 = client.web_utp[1];
+    trailer.dst_if_index = destination.if_index;
+    trailer.src_if_index = source.if_index;
+    copy_text(trailer.dst_if_name, destination.if_name);
+    copy_text(trailer.src_if_name, source.if_name);
+    trailer.filter_type = client.filter_type;
+    return trailer;
 }
 
 } // namespace avcore

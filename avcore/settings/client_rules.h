@@ -39,4 +39,9 @@ private:
     std::string captured_on_;
 };
 
+// What the trailer of a flow's frame says of its two sides, and nothing else. The source side is
+// the side that sent this frame, in both directions of the flow.
+av_pkt_trailer trailer_between(const client_profile &client, const side_profile &server,
+                               bool from_client);
+
 } // namespace avcore
