@@ -12,4 +12,7 @@ void complain(std::string line);
 // A line each, behind the same beginning.
 void complain_of(const std::vector<std::string> &all, const std::string &beginning);
 
+// Under whose name that is; another program's than jornctl's.
+void complain_as(std::string program);
+
 } // namespace jornctl

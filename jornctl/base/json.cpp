@@ -1,6 +1,7 @@
 #include "jornctl/base/json.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <vector>
 
@@ -45,18 +46,26 @@ public:
         if (name.size() > KEY_MAX)
             throw refused("has a key of " + std::to_string(name.size()) + " bytes");
         open_.back().place = name;
-        if (open_.back().keys.insert(name).second || found_.is_full())
-            return true;
-        json::json_pointer path;
-        for (const level &each : open_)
-            path.push_back(each.place);
-        found_.mistake(path.to_string(), "stands twice in its object");
+        if (!open_.back().keys.insert(name).second && !found_.is_full())
+            found_.mistake(path(), "stands twice in its object");
         return true;
     }
 
     // A number beyond any double comes here as well as bad syntax.
     bool parse_error(std::size_t, const std::string &, const json::exception &error) override {
         throw refused(reason_of(error));
+    }
+
+protected:
+    // An object or an array begins, or another value has been read.
+    virtual void note_value() {}
+
+    // Of the value that is being read.
+    std::string path() const {
+        json::json_pointer path;
+        for (const level &each : open_)
+            path.push_back(each.place);
+        return path.to_string();
     }
 
 private:
@@ -72,6 +81,7 @@ private:
             throw refused("has more than " + std::to_string(VALUES_MAX) + " values");
         if (!open_.empty() && open_.back().is_array)
             open_.back().place = std::to_string(open_.back().elements++);
+        note_value();
         return true;
     }
 
@@ -93,6 +103,52 @@ private:
     size_t values_ = 0;
 };
 
+// How far the parser has read.
+struct reading_place {
+    size_t line_feeds = 0;
+    char last = '\0';
+
+    // Behind a number one more byte has been read.
+    size_t line() const { return 1 + line_feeds - (last == '\n' ? 1 : 0); }
+};
+
+class followed_text {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char *;
+    using reference = const char &;
+
+    followed_text(const char *at, reading_place &place) : at_(at), place_(&place) {}
+
+    const char &operator*() const { return *at_; }
+    followed_text &operator++() {
+        place_->last = *at_++;
+        place_->line_feeds += place_->last == '\n' ? 1 : 0;
+        return *this;
+    }
+    bool operator==(const followed_text &other) const { return at_ == other.at_; }
+
+private:
+    const char *at_;
+    reading_place *place_;
+};
+
+class line_finder : public structure_check {
+public:
+    line_finder(findings &found, const reading_place &place)
+        : structure_check(found), place_(place) {}
+
+    std::map<std::string, size_t> take_lines() { return std::move(lines_); }
+
+private:
+    void note_value() override { lines_.emplace(path(), place_.line()); }
+
+    const reading_place &place_;
+    std::map<std::string, size_t> lines_;
+};
+
 // To the library a NUL is the end of the text, whatever stands behind it.
 void refuse_nul(std::string_view text) {
     const size_t nul = text.find('\0');
@@ -111,6 +167,17 @@ json parse_json(std::string_view text, findings &found) {
     structure_check check(found);
     json::sax_parse(text, &check, json::input_format_t::json, true, true);
     return json::parse(text, nullptr, true, true);
+}
+
+std::map<std::string, size_t> lines_of_values(std::string_view text) {
+    refuse_nul(text);
+    findings ignored;
+    reading_place place;
+    line_finder finder(ignored, place);
+    json::sax_parse(followed_text(text.data(), place),
+                    followed_text(text.data() + text.size(), place), &finder,
+                    json::input_format_t::json, true, true);
+    return finder.take_lines();
 }
 
 std::string to_text(const ordered_json &value) {

@@ -7,6 +7,7 @@
 #include "jornctl/base/failure.h"
 #include "jornctl/base/findings.h"
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -17,6 +18,10 @@ using nlohmann::ordered_json; // what is written: its keys stay as they came
 
 // Throws refused for bad syntax, with line and column.
 nlohmann::json parse_json(std::string_view text, findings &found);
+
+// The lines, from 1, on which the values of a document begin, by their paths. Throws refused, as
+// parse_json does.
+std::map<std::string, size_t> lines_of_values(std::string_view text);
 
 // As it is printed, with a line feed at its end.
 std::string to_text(const ordered_json &value);
