@@ -133,6 +133,8 @@ int psms_wdl_ioctl(int, int, unsigned int length, void *record) {
         abort();
     ++platform.verdicts;
     memcpy(&platform.last_verdict, record, sizeof platform.last_verdict);
+    if (platform.is_thorough)
+        memcpy(&platform.last_record, record, sizeof platform.last_record);
     return done(std::span(static_cast<const std::byte *>(record), length));
 }
 

@@ -22,6 +22,7 @@ struct fake_platform {
     uint64_t calls = 0;
     uint64_t verdicts = 0;
     uint32_t last_verdict = 0;
+    av_verdict last_record = {}; // the whole of it, where it is thorough
 
     std::map<std::string, int> avc_enable;       // by interface; of the others 0
     std::map<std::string, uint32_t> safe_search; // addresses by UTP, interface and host

@@ -1,37 +1,26 @@
 // The daemon's own code beside jornctl's picture of its tables: random documents, one after the
 // other, reach one daemon whole and another by what differs.
-#include "control/commands.h"
 #include "control/records/commands.h"
-#include "control/records/message.h"
 #include "jornctl/client/apply.h"
 #include "jornctl/documents/documents.h"
 #include "jornctl/memory/saved_files.h"
 #include "jornctl/tables/differences.h"
 #include "jornctl/tables/differing_commands.h"
 #include "jornctl/tables/document_of.h"
-#include "packet/capture.h"
-#include "packet/decode/decode.h"
-#include "packet/process.h"
+#include "support/daemon_in_turn.h"
 #include "support/frames.h"
 #include "support/fresh_state.h"
-#include "support/memory_file.h"
-#include "support/saved_folder.h"
+#include "support/random_documents.h"
 
 #include <algorithm>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <map>
-#include <random>
 
 using namespace jornctl;
 
 namespace {
 
-constexpr unsigned SEED = 20261126;
 constexpr int DOCUMENTS = 2'000;
-const std::vector<uint32_t> IDS = {1, 2, 3, 64};
-const std::vector<std::string> INTERFACES = {"2", "wlan1", "Wlan1"}; // a UTP has the first's name
-const std::vector<std::string> NAMES = {"one.example", "two.example", "tor"};
 
 // The text with its parts behind the first one in order; each begins with the marker. The order of
 // bindings decides nothing.
@@ -54,28 +43,8 @@ std::string in_order(const std::string &text, const std::string &behind,
 
 using texts = std::map<std::string, std::string>;
 
-// One daemon of several: its state stands in the one place while something is done with it.
-class daemon_in_turn {
+class listed_daemon : public daemon_in_turn {
 public:
-    // Its files are there, with nothing in them.
-    daemon_in_turn() { send({{CMD_WRITE_CFG_REQ, {}}, {CMD_WIFICALLING_INTF_CFG_REQ, {}}}); }
-    ~daemon_in_turn() {
-        send({{CMD_ARC_POLICY_FLUSH_REQ, {}},
-              {CMD_WEB_POLICY_FLUSH_REQ, {}},
-              {CMD_WIFICALLING_POLICY_FLUSH_REQ, {}}});
-        state_->web_intf_list.release_all();
-        state_->wificalling_intf_list.release_all();
-    }
-
-    void send(const std::vector<command> &sent) {
-        enter();
-        for (const command &each : sent)
-            answer_to(each);
-        leave();
-    }
-
-    std::string folder() const { return folder_.path_of(""); }
-
     // Listings, files and verdicts.
     texts shown() {
         enter();
@@ -103,40 +72,12 @@ public:
     }
 
 private:
-    void enter() {
-        std::swap(*state_, jorn_state);
-        std::swap(settings_, jorn_settings);
-        std::swap(safe_search_, platform.safe_search);
-        folder_.use();
-        silence_log();
-        jorn_settings.tm_engine_enabled = 1;
-    }
-    void leave() {
-        std::swap(*state_, jorn_state);
-        std::swap(settings_, jorn_settings);
-        std::swap(safe_search_, platform.safe_search);
-    }
-
-    static std::string answer_to(const command &sent) {
-        std::string message = make_message(sent);
-        const size_t size = message.size();
-        message.resize(COMMAND_MESSAGE_SIZE);
-        const memory_file answer;
-        run_command(answer.fd(), message.data(), size);
-        return answer.content();
-    }
-
     static uint32_t judged(const octets &packet, const av_pkt_trailer &trailer) {
-        const octets frame = with_trailer(ethernet(0x0800, packet), trailer);
-        const pcap_pkthdr header = capture_header(frame);
-        capture_context context = {};
-        jorn_pkt_callback(reinterpret_cast<uint8_t *>(&context), &header, frame.data());
-        return platform.last_verdict;
+        return verdict_on(with_trailer(ethernet(0x0800, packet), trailer)).verdict;
     }
 
     static std::string verdicts() {
         std::string all;
-        jorn_pkt_processor = jorn_decode_eth_pkt;
         for (const uint32_t id : IDS) {
             for (const std::string &name : NAMES) {
                 av_pkt_trailer trailer = {};
@@ -159,145 +100,7 @@ private:
         }
         return all;
     }
-
-    saved_folder folder_;
-    std::unique_ptr<daemon_state> state_ = std::make_unique<daemon_state>();
-    daemon_settings settings_ = {};
-    std::map<std::string, uint32_t> safe_search_;
 };
-
-// Documents of few names, so that they meet.
-class author {
-public:
-    document write() {
-        while (true) {
-            nlohmann::json text;
-            // Tables that belong together mostly come together.
-            const bool partly = one_in(3);
-            for (const auto &[key, make] : TABLES) {
-                if (!(partly && one_in(2)))
-                    text[key] = changed(key, make);
-            }
-            document read = text.empty() ? document() : read_document(text.dump());
-            if (text.empty() || read.found.has_mistakes())
-                continue;
-            last_.update(text);
-            return read;
-        }
-    }
-
-private:
-    using json = nlohmann::json;
-    struct table {
-        const char *key;
-        json (author::*make)();
-    };
-    static const table TABLES[8];
-
-    bool one_in(unsigned n) { return random_() % n == 0; }
-    template <typename T>
-    T pick(const std::vector<T> &from) {
-        return from[random_() % from.size()];
-    }
-    std::string name() { return pick<std::string>({"", "a", "b", "B", "c"}); }
-
-    // What it was, with one record more, less or another, or all anew.
-    json changed(const char *key, json (author::*make)()) {
-        json records = last_.contains(key) ? last_[key] : json::array();
-        const auto position = [&] {
-            return static_cast<json::difference_type>(records.empty() ? 0
-                                                                      : random_() % records.size());
-        };
-        switch (random_() % 8) {
-        case 0:
-            records.push_back((this->*make)());
-            break;
-        case 1:
-            if (!records.empty())
-                records.erase(records.begin() + position());
-            break;
-        case 2:
-        case 3:
-            if (!records.empty())
-                records[static_cast<size_t>(position())] = (this->*make)();
-            break;
-        case 4:
-            records = json::array();
-            for (size_t count = random_() % 4; count > 0; --count)
-                records.push_back((this->*make)());
-            break;
-        default:
-            break;
-        }
-        return records;
-    }
-
-    json policy() {
-        json made = {{"utp_id", pick(IDS)},
-                     {"name", name()},
-                     {"uuid", name()},
-                     {"log_enable", one_in(4)},
-                     {"rules", json::array()}};
-        for (size_t count = 1 + random_() % 3; count > 0; --count)
-            made["rules"].push_back({{"app_name", pick(NAMES)}, {"deny", one_in(2)}});
-        return made;
-    }
-    json utp() { return {{"id", pick(IDS)}, {"name", name()}, {"uuid", name()}}; }
-    json application() {
-        return {{"app_name", pick<std::string>({"clock", "door"})},
-                {"dst_port", 1 + random_() % 2}};
-    }
-    json web_policy() {
-        json made = {{"name", name()},
-                     {"uuid", name()},
-                     {"categories", {random_() % 3}},
-                     {"blacklist", {pick<std::string>({"x.example", "y.example"})}}};
-        if (one_in(2))
-            made["utp_id"] = pick(IDS);
-        if (one_in(3))
-            made.update({{"google_safe_search", true}, {"google_vip", "203.0.113.1"}});
-        return made;
-    }
-    json web_interface() {
-        json made = {{"ifname", pick(INTERFACES)}, {"enable", one_in(2)}, {"policy_uuid", name()}};
-        if (one_in(5))
-            made["delete"] = true;
-        return made;
-    }
-    json carrier() {
-        json made = {{"pname", pick<std::string>({"a", "b", "B", "c"})},
-                     {"priority", random_() % 2},
-                     {"alt_name", one_in(8) ? "x" : ""},
-                     {"epdg", json::array()}};
-        for (size_t count = random_() % 3; count > 0; --count)
-            made["epdg"].push_back(
-                {{"fqdn", pick<std::string>({"e.example", "f.example"})},
-                 {"ipaddr", pick<std::string>({"192.0.2.5", "192.0.2.6", "0.0.0.0"})}});
-        return made;
-    }
-    json wificalling_interface() {
-        json made = {
-            {"ifname", pick(INTERFACES)},
-            {"intf_value", random_() % 2},
-            {"profile", {pick<std::string>({"a", "b", "c"}), pick<std::string>({"A", "d"})}}};
-        if (one_in(5))
-            made["delete"] = true;
-        return made;
-    }
-
-    std::mt19937 random_{SEED};
-    json last_ = json::object();
-};
-
-const author::table author::TABLES[8] = {
-    {"policies", &author::policy},
-    {"utps", &author::utp},
-    {"applications", &author::application},
-    {"web_policies", &author::web_policy},
-    {"web_utps", &author::utp},
-    {"web_interfaces", &author::web_interface},
-    {"carriers", &author::carrier},
-    {"wificalling_interfaces", &author::wificalling_interface}};
 
 std::vector<command> all_of(const way &taken) {
     std::vector<command> all;
@@ -315,9 +118,9 @@ std::string said(const texts &all) {
 
 TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
     fresh_state();
-    author writes;
-    daemon_in_turn whole;
-    daemon_in_turn shorter;
+    document_author writes;
+    listed_daemon whole;
+    listed_daemon shorter;
     daemon_tables tables;
     size_t sent_whole = 0;
     size_t sent_shorter = 0;
@@ -349,7 +152,7 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
         const document kept = document_of(tables);
         if (i % 3 != 0 || !says_all(kept, tables))
             continue;
-        daemon_in_turn empty;
+        listed_daemon empty;
         empty.send(commands_of(kept));
         texts again = empty.shown();
         again["safe search"] = shown.at("safe search"); // it outlives what it was made for
@@ -368,8 +171,8 @@ TEST(JornctlTables, WhatDiffersLeavesWhatTheWholeDocumentLeaves) {
 // A new policy gets the interfaces of the one that had its UTP, until their bindings are set again.
 TEST(JornctlTables, SafeSearchStaysABindingsOwn) {
     fresh_state();
-    daemon_in_turn whole;
-    daemon_in_turn shorter;
+    listed_daemon whole;
+    listed_daemon shorter;
     daemon_tables tables;
     for (const char *text :
          {R"({"web_policies": [{"uuid": "p", "utp_id": 1}], "web_utps": [{"id": 2, "uuid": "p"}],
