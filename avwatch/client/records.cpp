@@ -206,6 +206,8 @@ void walk(Fields &fields, count_record &count) {
 template <typename Fields>
 void walk(Fields &fields, why_record &why) {
     fields.may("named_by", why.named_by);
+    fields.may("app_id", why.app_id);
+    fields.may("cat_id", why.cat_id);
     fields.may("name", why.name);
     fields.may("name_us", why.name_us);
     fields.may("rule", why.rule);
@@ -291,6 +293,9 @@ void walk(Fields &fields, profile_record &profile) {
     fields.may("engine", profile.engine);
     fields.may("name", profile.name);
     fields.may("name_us", profile.name_us);
+    fields.may("application", profile.application);
+    fields.may("app_id", profile.app_id);
+    fields.may("cat_id", profile.cat_id);
     fields.may("categories", profile.categories);
 }
 

@@ -54,6 +54,7 @@ struct count_record {
 
 struct why_record {
     std::string named_by;
+    uint64_t app_id = 0, cat_id = 0;
     std::string name;
     uint64_t name_us = 0;
     std::optional<uint64_t> rule; // 0: [client]
@@ -127,6 +128,8 @@ struct profile_record {
     bool engine = false;
     std::string name;
     uint64_t name_us = 0;
+    std::string application; // of the engine's for hosts of that name; may be empty
+    uint64_t app_id = 0, cat_id = 0;
     std::optional<std::vector<uint64_t>> categories; // nothing: nobody could be asked
 };
 

@@ -135,12 +135,26 @@ class Watch(SystemTest):
         [profile] = asking.ask("profile", client=CLIENT, name="x.blocked.example")
         self.assertEqual((profile["filter"], profile["categories"], profile["web_utp"]),
                          (["url", "dpi"], [5], [0, 7]))
+        for row in asking.ask("flows"):
+            self.assertEqual(self.why(row["client"], f"{row['server']}:{row['server_port']}"),
+                             (row["verdict"], row["application"]), row)
+        self.assertEqual(self.why(CLIENT, "--name", "x.blocked.example"), ("deny", "x.blocked.example"))
+        self.assertEqual(self.why(PLAYER, "--name", "www.youtube.com"), ("allow", "youtube"))
 
         jornctl("apply", "-", document={"policies": []})
         self.assertTrue(following.event("policies"))
         following.until(lambda message: message.get("flow", {}).get("outdated"))
         self.feed(udp_frame(3, 9, b"more", dst="198.51.100.1"))
         self.assertEqual(following.event("judged")["flow"]["client_port"], 3)
+
+    def why(self, *words):
+        """The verdict and the name, as avwatch finds them out by itself. Without a name nobody tells the web
+        categories of what is asked for."""
+        done = subprocess.run([jorn_path("avwatch"), "why", *words, "--json"], text=True,
+                              capture_output=True, timeout=DEADLINE)
+        said = json.loads(done.stdout)
+        self.assertEqual(done.returncode, said["verdict"] == "deny" if said["application"] else 2, done)
+        return said["verdict"], said["application"]
 
     def told(self, reader, what):
         return next(event["flow"] for event in reader.events if event["what"] == what and

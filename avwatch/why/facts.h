@@ -1,0 +1,51 @@
+// What is known of the flow that is asked about, and from where: the packet, and what the platform
+// would say of it.
+#pragma once
+
+#include "avcore/frames/frame.h"
+#include "avwatch/why/judge.h"
+#include "avwatch/why/settings.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace avwatch {
+
+struct flow_facts {
+    judged_flow flow;
+    platform_answers answers;
+    bool dpi_engine = true;
+
+    // For who asked, in words.
+    avcore::endpoint client;
+    avcore::endpoint server;
+    std::string client_text;
+    std::string server_text; // with its port
+    std::string protocol;
+    std::string interface;
+    std::string profile_source; // what gave the client's profile
+    std::string name;           // of the server; empty: none is known
+    std::string name_source;
+    std::string engine_source; // of what the trailer says that the DPI engine found
+    std::vector<std::string> notes;
+
+    // A text of the daemon's with the real addresses where it was shown others.
+    std::string shown(std::string_view text) const;
+};
+
+// The sides of the flow and its protocol, and nothing else yet. Throws refused.
+flow_facts begin_facts(const avcore::endpoint &client, const why_settings &asked);
+
+// The name is what DNS calls the server and what its client shows it.
+void take_name(flow_facts &facts, const std::string &name, const std::string &source);
+
+// Throws avcore::config_error.
+void take_category_files(const why_settings &asked, flow_facts &facts);
+
+// All of it, from avcore's configuration and lists of categories; of the client the MAC address or
+// the IP address is given. Throws refused, and avcore::config_error for files.
+flow_facts facts_from_files(const std::string &client, const why_settings &asked);
+
+} // namespace avwatch

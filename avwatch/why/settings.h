@@ -1,0 +1,21 @@
+// What `avwatch why` is asked.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace avwatch {
+
+struct why_settings {
+    std::string client;      // as known_clients::find takes it
+    std::string server;      // an IP address, with a port behind a colon or without; may be empty
+    std::string name;        // what the server is called; empty: as others say
+    std::string protocol;    // tcp or udp; empty: as the flow has it that is there, else tcp
+    std::string policy_file; // a document to try; empty: the one in force
+    std::string config_file; // of avcore
+    std::string captured_on; // the interface that rules of that file may name
+    std::vector<std::string> categories; // FILE or FILE=CATEGORY, as avcore takes them
+    bool as_json = false;
+};
+
+} // namespace avwatch

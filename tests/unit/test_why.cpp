@@ -1,0 +1,194 @@
+// `avwatch why` beside the daemon: random documents and flows, and no difference in any verdict;
+// without the part that why says decides, the daemon says what why says would follow.
+#include "core/dns/dns_cache.h"
+#include "jornctl/client/apply.h"
+#include "support/daemon_in_turn.h"
+#include "support/random_documents.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <set>
+
+using nlohmann::json;
+
+namespace {
+
+constexpr int DOCUMENTS = 500;
+constexpr int FLOWS_EACH = 4;
+constexpr char PORT_SERVICE_FILE[] = "uploadjorport_file_1.0";
+constexpr char PORT_SERVICES[] = "2,tcp,3,2,clock\n443,udp,1,1,door\n";
+
+using octet_list = std::vector<uint8_t>;
+
+octet_list bytes_of(const auto &record) {
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
+    return {bytes, bytes + sizeof record};
+}
+
+class judging_daemon : public daemon_in_turn {
+public:
+    explicit judging_daemon(const json &asked) {
+        for (const char *which : {"in_force", "tried"}) {
+            jornctl::document said = jornctl::read_document(asked[which].dump());
+            said.found = {}; // without its parts it may say what no author would
+            send(jornctl::commands_of(said));
+        }
+        folder_.write(PORT_SERVICE_FILE, asked["port_services"].get<std::string>());
+        send({{CMD_PORT_SERVICE_CFG_REQ, {}}});
+    }
+    ~judging_daemon() {
+        folder_.write(PORT_SERVICE_FILE, "");
+        send({{CMD_PORT_SERVICE_CFG_REQ, {}}});
+    }
+
+    octet_list record_for(const json &asked) {
+        const std::map<std::string, std::string> kept = asked["names"];
+        platform.dns.clear();
+        for (const auto &[address, name] : kept)
+            platform.dns[ip(address)] = {name};
+        categories_ = asked["categories"];
+        platform.category_answer = [](const urlf_request *, urlf_reply *reply) {
+            if (categories_.is_null())
+                return -1;
+            *reply = {};
+            for (const int32_t category : categories_)
+                reply->answer.categories[reply->answer.category_count++] = category;
+            return 0;
+        };
+        const bool is_tcp = asked["protocol"] == 6;
+        const unsigned from = asked["client_port"];
+        const unsigned to = asked["server_port"];
+        const ipv4_words sides = {.src = ntohl(ip(asked["client"])),
+                                  .dst = ntohl(ip(asked["server"]))};
+        const octet_list trailer = asked["trailer"];
+        const octets frame = ethernet(0x0800, ipv4(asked["protocol"],
+                                                   is_tcp ? tcp(from, to) : udp(from, to), sides)) +
+                             octets(trailer.begin(), trailer.end());
+        enter();
+        jorn_dnscache_hash_table_init();
+        av_verdict record = verdict_on(frame);
+        dns_cache_free();
+        leave();
+        record.flow_key = {};
+        return bytes_of(record);
+    }
+
+private:
+    static inline json categories_;
+};
+
+class asker {
+public:
+    // Any; or one that the web filter, or that Wi-Fi calling is asked for.
+    json flow() {
+        const auto kind = random_() % 3;
+        const std::string name = pick(HOSTS);
+        av_pkt_trailer trailer = {};
+        trailer.src_utp_id = pick(IDS);
+        trailer.dst_utp_id = pick<uint32_t>({0, 0, 1, 2});
+        trailer.trailer_word2 = pick<uint32_t>({0, 1, 2});
+        trailer.trailer_word3 = pick<uint32_t>({0, 0, 1, 3});
+        trailer.filter_type = kind == 0   ? pick<uint32_t>({0, 2, 2, 3, 7})
+                              : kind == 1 ? pick<uint32_t>({1, 3})
+                                          : pick<uint32_t>({4, 6});
+        trailer.dpi_status = static_cast<uint32_t>(1 + random_() % 3);
+        trailer.dpi_app_id = pick<uint16_t>({0, 0, 1, 2});
+        trailer.dpi_cat_id = trailer.dpi_app_id != 0 ? 3 : 0;
+        copy_text(trailer.src_if_name, pick(INTERFACES));
+        copy_text(trailer.dst_if_name, pick<std::string>({"eth0", "wlan1"}));
+        copy_text(trailer.dpi_app_name, pick<std::string>({name, name, "HTTP"}));
+        copy_text(trailer.kernel_domain, pick<std::string>({name, ""}));
+        const json categories = pick<json>({nullptr, json::array({0}), {1}, {2, 4}, {3, 1}});
+        return {{"client", pick<std::string>({"10.1.0.12", "192.0.2.6"})},
+                {"server", pick<std::string>({"192.0.2.5", "192.0.2.7"})},
+                {"client_port", pick<int>({0, 1, 40000})},
+                {"server_port",
+                 kind == 2 ? pick<int>({500, 4500}) : pick<int>({1, 2, 22, 80, 443, 443})},
+                {"protocol", kind == 2 ? 17 : pick<int>({6, 17})},
+                {"trailer", bytes_of(trailer)},
+                {"names", {{pick<std::string>({"192.0.2.5", "192.0.2.7"}), pick(HOSTS)}}},
+                {"categories", categories}};
+    }
+
+private:
+    inline static const std::vector<std::string> HOSTS = {"one.example", "www.Two.example", "tor",
+                                                          "x.example", "e.example"};
+
+    template <typename T>
+    T pick(const std::vector<T> &from) {
+        return from[random_() % from.size()];
+    }
+
+    std::mt19937 random_{20261126};
+};
+
+std::vector<json> answers_to(const std::vector<json> &questions) {
+    const saved_folder folder;
+    std::ofstream to(folder.path_of("questions"));
+    for (const json &each : questions)
+        to << each << '\n';
+    to.close();
+    const std::string command = std::string(getenv("JORN_BIN_DIR")) + "/why_cases <" +
+                                folder.path_of("questions") + " >" + folder.path_of("answers");
+    EXPECT_EQ(system(command.c_str()), 0);
+    std::ifstream from(folder.path_of("answers"));
+    std::vector<json> answers;
+    for (std::string line; std::getline(from, line);)
+        answers.push_back(json::parse(line));
+    return answers;
+}
+
+// The question about documents without what was said to decide before answer number `count`.
+json without(json asked, const json &answers, size_t count) {
+    std::vector<std::pair<size_t, json::json_pointer>> gone;
+    for (size_t i = 0; i < count; ++i) {
+        const json::json_pointer path(answers[i]["path"].get<std::string>());
+        gone.emplace_back(std::stoul(path.back()),
+                          json::json_pointer("/" + answers[i]["document"].get<std::string>()) /
+                              path);
+    }
+    std::ranges::sort(gone, std::greater()); // the places of the others stay
+    for (const auto &[place, path] : gone)
+        asked[path.parent_pointer()].erase(place);
+    return asked;
+}
+
+TEST(Why, SaysWhatTheDaemonDecidesAndWhatDecidesNext) {
+    fresh_state();
+    document_author writes;
+    asker asks;
+    std::vector<json> questions;
+    for (int i = 0; i < DOCUMENTS; ++i) {
+        const json before = writes.all();
+        writes.write();
+        json asked = {{"in_force", i % 2 != 0 ? before : writes.all()},
+                      {"tried", i % 2 != 0 ? writes.written() : json::object()},
+                      {"port_services", i % 3 == 0 ? PORT_SERVICES : ""}};
+        if (jornctl::read_document(asked["in_force"].dump()).found.has_mistakes())
+            continue;
+        for (int flow = 0; flow < FLOWS_EACH; ++flow) {
+            asked.update(asks.flow());
+            questions.push_back(asked);
+        }
+    }
+    const std::vector<json> answers = answers_to(questions);
+    ASSERT_EQ(answers.size(), questions.size());
+    std::map<std::string, int> decided;
+    for (size_t i = 0; i < questions.size(); ++i) {
+        for (size_t gone = 0; gone < answers[i].size(); ++gone) {
+            const json asked = without(questions[i], answers[i], gone);
+            ASSERT_EQ(judging_daemon(asked).record_for(asked), answers[i][gone]["record"])
+                << i << ' ' << gone << ' ' << answers[i] << '\n'
+                << questions[i];
+            std::string kind = answers[i][gone].value("path", "");
+            std::erase_if(kind, [](char c) { return c >= '0' && c <= '9'; });
+            ++decided[kind];
+        }
+    }
+    for (const char *kind :
+         {"", "/policies//rules/", "/web_policies//whitelist/", "/web_policies//blacklist/",
+          "/web_policies//categories/", "/carriers/", "/applications/"})
+        EXPECT_GT(decided[kind], 5) << kind;
+}
+
+} // namespace
