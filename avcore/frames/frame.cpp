@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -32,6 +33,19 @@ std::string mac_text(const mac_address &mac) {
     snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
              mac[4], mac[5]);
     return text;
+}
+
+std::optional<mac_address> mac_in(std::string_view text) {
+    mac_address mac = {};
+    if (text.size() != 17)
+        return std::nullopt;
+    for (size_t i = 0; i < mac.size(); ++i) {
+        const char *digits = text.data() + i * 3;
+        const auto [end, error] = std::from_chars(digits, digits + 2, mac[i], 16);
+        if (error != std::errc() || end != digits + 2 || (i < 5 && digits[2] != ':'))
+            return std::nullopt;
+    }
+    return mac;
 }
 
 flow_id flow_id_of(const frame_facts &frame) {

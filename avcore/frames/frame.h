@@ -12,12 +12,14 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace avcore {
 
 using mac_address = std::array<uint8_t, 6>;
 std::string mac_text(const mac_address &mac);
+std::optional<mac_address> mac_in(std::string_view text); // 00:1a:2b:3c:4d:5e
 
 // A frame and its trailer must fit into one capture of the daemon.
 inline constexpr size_t MAX_FED_SIZE = 65535;

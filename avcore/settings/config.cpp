@@ -5,7 +5,6 @@
 #include "avcore/settings/toml_reader.h"
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
 
 namespace avcore {
@@ -16,19 +15,6 @@ constexpr uint32_t COPIES_MAX = 1'000'000;
 constexpr uint32_t SPEED_MAX = 1'000'000; // Mbit/s
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
-
-std::optional<mac_address> parse_mac(std::string_view text) {
-    mac_address mac = {};
-    if (text.size() != 17)
-        return std::nullopt;
-    for (size_t i = 0; i < mac.size(); ++i) {
-        const char *digits = text.data() + i * 3;
-        const auto [end, error] = std::from_chars(digits, digits + 2, mac[i], 16);
-        if (error != std::errc() || end != digits + 2 || (i < 5 && digits[2] != ':'))
-            return std::nullopt;
-    }
-    return mac;
-}
 
 void read_side(const toml_reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
@@ -80,7 +66,7 @@ client_rule read_rule(const toml::table &table, const std::string &file,
     client_rule rule;
     rule.profile = defaults;
     if (const auto text = in.text("mac")) {
-        rule.mac = parse_mac(*text);
+        rule.mac = mac_in(*text);
         if (!rule.mac)
             in.fail(*in.find("mac"), "'mac' must look like 00:1a:2b:3c:4d:5e");
     }
@@ -195,7 +181,7 @@ void read_platform(const toml::table &table, const std::string &file, const std:
             in.fail(node, toml_reader::quoted(key) + " must be a text in quotes or a whole number");
         if (value->size() > PLATFORM_VALUE_MAX)
             in.fail(node, toml_reader::quoted(key) + " must have at most 127 characters");
-        if (key == AV_KEY_BASE_MAC && !parse_mac(*value))
+        if (key == AV_KEY_BASE_MAC && !mac_in(*value))
             in.fail(node, "'base_mac' must look like 00:1A:2B:3C:4D:5E");
         if (key == AV_KEY_BASE_MAC)
             std::transform(value->begin(), value->end(), value->begin(),
@@ -235,7 +221,7 @@ std::optional<resolver> parse_resolver(const std::string &text) {
     const std::optional<ip_address> address = ip_address::parse(text.substr(0, blank));
     if (!address || blank == text.npos)
         return address ? std::optional<resolver>({*address, {}}) : std::nullopt;
-    const std::optional<mac_address> mac = parse_mac(std::string_view(text).substr(blank + 1));
+    const std::optional<mac_address> mac = mac_in(std::string_view(text).substr(blank + 1));
     return mac ? std::optional<resolver>({*address, mac}) : std::nullopt;
 }
 

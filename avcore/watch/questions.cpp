@@ -1,11 +1,8 @@
 #include "avcore/watch/questions.h"
 
 #include "avcore/base/host_text.h"
-#include "avcore/flows/flow_text.h"
-#include "core/text/text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -22,18 +19,6 @@ constexpr int64_t LONGEST_MS = 60'000;
 struct mistake : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-
-std::optional<mac_address> mac_in(const std::string &text) {
-    constexpr size_t LENGTH = 17; // 02:00:00:00:00:01
-    mac_address mac;
-    int end = 0;
-    if (text.size() != LENGTH ||
-        sscanf(text.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%n", &mac[0], &mac[1], &mac[2],
-               &mac[3], &mac[4], &mac[5], &end) != static_cast<int>(mac.size()) ||
-        end != static_cast<int>(LENGTH))
-        return std::nullopt;
-    return mac;
-}
 
 // Null where the member isn't there.
 const json *member(const json &object, const char *name) {
@@ -137,24 +122,7 @@ watch_line read_object(const json &object, uint32_t id) {
     return watch_question{id, thing_called(text_in(object, "ask")), filter_in(object)};
 }
 
-bool has_part(const std::string &text, const std::string &part) {
-    return lower_case(text).find(part) != std::string::npos;
-}
-
 } // namespace
-
-bool flow_filter::fits(const watched_flow &flow) const {
-    const flow_row &row = flow.known();
-    if ((client_mac && row.client.mac != *client_mac) ||
-        (client && (!row.ipv4 || row.client.address != *client)) ||
-        (since_us && flow.seen.last_us < *since_us))
-        return false;
-    if (!verdict.empty() && verdict_word(row.verdict) != verdict)
-        return false;
-    if (!application.empty() && !equals_ignoring_case(name_of(row), application))
-        return false;
-    return name.empty() || has_part(name_of(row), name) || has_part(row.host, name);
-}
 
 watch_line read_question(std::string_view line) {
     const json object = json::parse(line, nullptr, false);

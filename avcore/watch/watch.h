@@ -68,6 +68,7 @@ private:
     int64_t due_ms(int64_t now_ms) const;
     void accept_readers(int64_t now_ms);
     void watch_listener(bool on);
+    void walk(int64_t now_ms);
     void take_turns(int64_t now_ms);
     void look_around(int64_t now_ms);
     void tell_changes(const outside &before, const outside &now);
@@ -76,8 +77,10 @@ private:
     bool is_followed() const;
 
     surroundings around_;
+    std::string path_;
     std::string run_;
     int64_t started_us_;
+    int64_t told_until_us_; // by a run before that was killed
     local_listener listener_;
     accept_pause pause_;
     unique_fd epoll_;
@@ -93,6 +96,7 @@ private:
     };
     std::map<int, reader> readers_; // by descriptor
     int64_t round_due_ms_ = 0;
+    uint64_t rounds_marked_ = 0;
     int64_t look_due_ms_ = 0;
     std::optional<outside> seen_outside_; // none while nobody follows
 };

@@ -16,6 +16,7 @@ namespace {
 
 constexpr int GATE_FLOWS_A_TURN = 256;
 constexpr uint32_t PLACES_A_TURN = 512;
+constexpr int64_t COMES_BACK_US = 60'000'000; // a reader of a run that was killed
 // The gate, whose clock is coarser, takes the next packet for another flow's by then.
 constexpr int64_t IDLE_US = FLOW_IDLE_US + 2'000'000;
 
@@ -109,6 +110,7 @@ bool watched_flows::same_key::operator()(const gate_flow &a, const gate_flow &b)
 
 watched_flows::watched_flows(surroundings around)
     : around_(std::move(around)),
+      started_us_(around_.now_us()),
       rules_(around_.settings, ""),
       by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()()}) {
     around_.flows.set_on_leave([this](flow_row &row) { row_leaves(row); });
@@ -267,15 +269,17 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
     return place;
 }
 
-// What was over when it was first seen is none of anybody's here.
+// What was over when it was first seen is none of anybody's here, but where a run before was killed
+// and its readers come back.
 void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_counter &from) {
     watched_flow &flow = flows_[place];
     flow.seen = seen;
     flow.from = from;
     flow.counts = {};
     flow.ending = ending_of(seen, around_.now_us());
-    if (flow.is_over())
+    if (flow.is_over() && seen.last_us <= around_.told_until_us)
         return;
+    flow.ending = flow_ending::none;
     flow.id = id_of(flow);
     flow.name_hash = std::hash<std::string>()(name_of(flow.known()));
     flow.essence_hash = essence_of(flow.known(), flow.name_hash);
@@ -460,6 +464,8 @@ void watched_flows::begin_round() {
     cursor_ = 0;
     next_place_ = 0;
     rechecks_ = std::exchange(all_changed_, false);
+    if (rounds_begun_ > 1 || around_.now_us() - started_us_ > COMES_BACK_US)
+        around_.told_until_us = INT64_MAX;
 }
 
 void watched_flows::step() {

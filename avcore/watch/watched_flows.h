@@ -86,6 +86,9 @@ public:
         const config &settings;
         std::string run;                 // a word that no other run has
         std::function<int64_t()> now_us; // of the flows' times
+        // A run before told the ends of flows until then, and no later ones; INT64_MAX: there was
+        // none.
+        int64_t told_until_us = INT64_MAX;
     };
     explicit watched_flows(surroundings around);
     ~watched_flows();
@@ -105,6 +108,7 @@ public:
 
     // A round from now on: its number, for `is_done`.
     uint64_t want_round();
+    uint64_t rounds_done() const { return rounds_done_; }
     bool is_done(uint64_t round) const { return rounds_done_ >= round; }
     bool is_walking() const { return walking_ || wanted_; }
     // A slice of the round, if one is wanted. Takes less than a millisecond.
@@ -153,6 +157,7 @@ private:
     std::unique_ptr<flow_row> row_of(const gate_flow &key, const gate_flow_state &state);
 
     surroundings around_;
+    int64_t started_us_;
     client_rules rules_; // for flows without a row
     std::deque<watched_flow> flows_;
     std::vector<uint64_t> changes_; // by place; 0: there is nothing
