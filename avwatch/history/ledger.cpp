@@ -47,7 +47,7 @@ void ledger::take(const flow_message &news, int64_t now_ms) {
         return;
     if (rename(at->second, news))
         note_changed(at);
-    update(at, news.counts, now_ms);
+    update(at, news.counts, now_ms, news.ended);
     if (news.ended)
         close(at);
 }
@@ -55,7 +55,7 @@ void ledger::take(const flow_message &news, int64_t now_ms) {
 void ledger::take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms) {
     const auto at = flows_.find(id);
     if (at != flows_.end())
-        update(at, counts, now_ms);
+        update(at, counts, now_ms, false);
 }
 
 void ledger::take_sum(const flow_message &sum, uint64_t flows) {
@@ -73,7 +73,7 @@ void ledger::pass(int64_t now_ms) {
             at = close(at);
             continue;
         }
-        if (flow.held && now_ms - flow.since_ms >= HELD_MS) {
+        if (flow.held && now_ms - flow.since_ms >= HELD_MS && has_room(flow.key)) {
             release(flow);
             note_changed(at);
         }
@@ -139,9 +139,12 @@ bool ledger::rename(open_flow &flow, const flow_message &news) {
     return flow.key != before;
 }
 
-void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms) {
+void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
+                    bool is_last) {
     open_flow &flow = at->second;
     flow.heard_ms = now_ms;
+    if (!is_last && !flow.held && !has_room(flow.key))
+        return; // it is told again
     flow_counts more = {};
     bool has_more = false;
     for (size_t i = 0; i < FLOW_COUNTS; ++i) {
@@ -194,9 +197,13 @@ void ledger::drop_ended_changes() {
         changed_[i]->second.changed_at = i;
 }
 
+bool ledger::has_room(const sum_key &key) const {
+    return pending_.size() < MAX_PENDING || pending_.contains(key);
+}
+
 void ledger::count(const sum_key &key, const amounts &more) {
     auto at = pending_.find(key);
-    if (at == pending_.end() && pending_.size() >= MAX_PENDING)
+    if (at == pending_.end() && !has_room(key))
         at = pending_.try_emplace({OTHER, {OTHER, false}, key.verdict}).first;
     else if (at == pending_.end())
         at = pending_.try_emplace(key).first;

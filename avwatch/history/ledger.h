@@ -11,8 +11,8 @@
 // HELD_MS is therefore counted once that is over, or it ends: under the name and the verdict that
 // it has then. Until then its counts stand with the open flows, so a crash doesn't lose them.
 //
-// Bounded: MAX_FLOWS open flows, the others go uncounted and are said to; MAX_PENDING sums, what
-// doesn't fit adds to that of all others.
+// Bounded: MAX_FLOWS open flows, the others go uncounted and are said to; MAX_PENDING sums; what
+// doesn't fit waits in its flow, and of flows that end adds to the sum of all others.
 #pragma once
 
 #include "avwatch/history/amounts.h"
@@ -118,11 +118,12 @@ public:
 private:
     flow_map::iterator enter(const flow_message &news, int64_t now_ms);
     bool rename(open_flow &flow, const flow_message &news);
-    void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms);
+    void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms, bool is_last);
     void release(open_flow &flow);
     flow_map::iterator close(flow_map::iterator at);
     void note_changed(flow_map::iterator at);
     void drop_ended_changes();
+    bool has_room(const sum_key &key) const;
     void count(const sum_key &key, const amounts &more);
 
     const names_kept kept_;

@@ -202,6 +202,29 @@ TEST_F(AvwatchHistory, FlowsGetTheNameTheyHaveAMomentLater) {
     }
 }
 
+// More sums than wait for a transaction: what doesn't fit comes with the next ones, under its name.
+TEST_F(AvwatchHistory, ManyFlowsKeepTheirNames) {
+    constexpr unsigned many = 2 * ledger::MAX_PENDING;
+    const auto tell = [&](uint64_t up_bytes) {
+        for (unsigned i = 0; i < many; ++i) {
+            const std::string name = std::to_string(i);
+            flow_message news;
+            news.id = news.application = name;
+            news.client_mac = MAC;
+            news.counts[UP_BYTES] = up_bytes;
+            flows->take(news, mono_ms);
+        }
+        write(NOW_S);
+        mono_ms += ledger::HELD_MS;
+        flows->pass(mono_ms);
+        write(NOW_S);
+    };
+    for (const uint64_t up_bytes : {1U, 2U, 3U, 3U})
+        tell(up_bytes);
+    EXPECT_EQ(number("SELECT sum(up_bytes) FROM hours"), many * 3);
+    EXPECT_EQ(number("SELECT count(*) FROM hours WHERE client = 0"), 0);
+}
+
 TEST_F(AvwatchHistory, ClocksThatJump) {
     const auto minutes = [&] { return number("SELECT max(start) FROM minutes"); };
     const auto count_at = [&](int64_t wall_s) {
