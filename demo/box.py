@@ -141,6 +141,7 @@ def play():
                ["laptop, then"] + ask_for_all("laptop"))
     for asked, *became in zip(*columns):
         say("  {:29}{:37}{:37}{}".format(asked, *became))
+    show_use(CLIENT, VIDEO_NAME)
     avcore.report()
     show_why()
     return servers

@@ -175,6 +175,17 @@ def apply(document):
     say(*("  " + line for line in jornctl("apply", document).splitlines()))
 
 
+def show_use(client, name):
+    """While avcore runs: what it tells whoever asks, and why the client doesn't get what has the name."""
+    heading("Who uses what, and why")
+    for words in ("clients",), ("why", client, "--name", name):
+        say("  avwatch " + " ".join(words))
+        status, said = answer(f"{BIN}/avwatch", *words)
+        if status > 1:  # 1: why says that it is blocked
+            raise Failed(said)
+        say(*("    " + line for line in said.splitlines()))
+
+
 # The network.
 
 def add_host(netns):

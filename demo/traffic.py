@@ -48,6 +48,7 @@ def play_live():
     apply("examples/block-ping.json")
     note("  Clients have user traffic profile 1, and its policy blocks ICMP.")
     make_traffic()
+    show_use(CLIENT, WEB_NAME)
     avcore.report()
     show_flows()
     note(f"""
