@@ -149,6 +149,10 @@ void follower::happened(flow_event what, uint32_t place) {
     const watched_flow &flow = flows_.at(place);
     if (!wish_.events || !wish_.filter.fits(flow))
         return;
+    if (out_.loses_events()) { // what a silent reader can't have isn't made
+        out_.lose_event(wish_.id);
+        return;
+    }
     std::string members = ",\"flow\":";
     append_flow(members, flow, behind_);
     tell(word_of(what), flows_.now_us(), members);

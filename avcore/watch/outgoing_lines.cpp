@@ -11,13 +11,17 @@ namespace avcore {
 // What comes behind one that was lost is lost, too, until the reader was told so: the gap has one
 // place.
 void outgoing_lines::add_event(uint32_t id, std::string event) {
-    if (lost_ > 0 || event_bytes_ + event.size() > MAX_EVENTS) {
-        ++lost_;
-        lost_by_ = id;
+    if (loses_events() || event_bytes_ + event.size() > MAX_EVENTS) {
+        lose_event(id);
         return;
     }
     event_bytes_ += event.size();
     events_.push_back(std::move(event));
+}
+
+void outgoing_lines::lose_event(uint32_t id) {
+    ++lost_;
+    lost_by_ = id;
 }
 
 void outgoing_lines::forget_events() {

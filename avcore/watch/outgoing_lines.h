@@ -21,6 +21,9 @@ public:
 
     // `id`: of the follow whose event it is.
     void add_event(uint32_t id, std::string event);
+    // Whether the next one is lost whatever it says; `lose_event` then needs none.
+    bool loses_events() const { return lost_ > 0; }
+    void lose_event(uint32_t id);
     void forget_events();
     // Moves some of them behind what is made. False: there are none.
     bool make_events();

@@ -121,7 +121,8 @@ watched_flows::~watched_flows() {
 }
 
 void watched_flows::attend(bool attended) {
-    attended_ = attended;
+    if (!std::exchange(attended_, attended) && attended)
+        attended_us_ = around_.now_us();
     release_ended();
 }
 
@@ -287,7 +288,8 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     change(place);
     flow.essence = last_change_;
     flow.counts = seen.counted - from;
-    tell(flow_event::begun, place);
+    if (seen.begun_us >= attended_us_) // others were there
+        tell(flow_event::begun, place);
 }
 
 // Another one of the same sides has begun. The gate may have forgotten them in between.

@@ -158,7 +158,8 @@ private:
 
     surroundings around_;
     int64_t started_us_;
-    client_rules rules_; // for flows without a row
+    int64_t attended_us_ = 0; // since then somebody is connected
+    client_rules rules_;      // for flows without a row
     std::deque<watched_flow> flows_;
     std::vector<uint64_t> changes_; // by place; 0: there is nothing
     std::vector<uint32_t> free_;
