@@ -41,8 +41,10 @@ void add_sides(json_object &object, const profile_question &asked, const profile
 
 void add_categories(json_object &object, const urlf_answer &answer) {
     std::string &list = object.key("categories") += '[';
-    for (int32_t i = 0; i < answer.category_count; ++i)
-        list += (i == 0 ? "" : ",") + std::to_string(answer.categories[i]);
+    for (int32_t i = 0; i < answer.category_count; ++i) {
+        list += i == 0 ? "" : ",";
+        list += std::to_string(answer.categories[i]);
+    }
     list += ']';
 }
 

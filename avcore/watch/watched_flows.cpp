@@ -214,7 +214,7 @@ std::unique_ptr<flow_row> watched_flows::row_of(const gate_flow &key,
     row->ip_proto = key.proto;
     row->client = endpoint_of(key.client, key.client_port_be);
     row->server = endpoint_of(key.server, key.server_port_be);
-    std::ranges::copy(state.mac, row->client.mac.begin());
+    row->client.mac = state.mac;
     rules_.capture_on(around_.behind->interface_of(state.if_index));
     const client_rules::fitting client = rules_.fitting_of(row->client);
     row->client_interface = client.profile.side.if_name;
