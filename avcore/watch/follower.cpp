@@ -12,6 +12,7 @@ namespace {
 
 constexpr int MESSAGES_A_TURN = 16;
 constexpr uint32_t PLACES_A_TURN = 4'096;
+constexpr uint32_t TOLD_PIECE = 512;
 
 // The beginning of a message about something; behind it comes what it is about, then "}\n".
 void begin_message(std::string &out, uint32_t id, const char *what) {
@@ -42,7 +43,7 @@ follower::~follower() {
 
 follower::told_values &follower::told_at(uint32_t place) {
     if (place >= told_.size())
-        told_.resize(flows_.places());
+        told_.resize(std::min(place + TOLD_PIECE, flows_.places()));
     return told_[place];
 }
 

@@ -13,9 +13,9 @@
 #include "avcore/watch/watched_flows.h"
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <string>
-#include <vector>
 
 namespace avcore {
 
@@ -67,7 +67,7 @@ private:
     follow_wish wish_;
     uint64_t since_; // number of the last change when it began
     uint64_t first_round_;
-    std::vector<told_values> told_; // by place
+    std::deque<told_values> told_; // by place; grows by pieces, as the first listing comes along
     std::map<sum_key, sum_of_flows> sums_;
     bool in_pass_ = false;
     uint32_t next_ = 0; // of the pass
