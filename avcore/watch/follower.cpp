@@ -67,7 +67,8 @@ void follower::sum_up(uint32_t place) {
         return;
     const watched_flow &flow = flows_.at(place);
     told_values &told = told_at(place);
-    if (told.change == END || is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
+    const bool has_all = std::exchange(told.change, END) == END;
+    if (has_all || is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
         return;
     sum_key key = key_of(flow.known());
     if (sums_.size() >= MAX_SUMS && !sums_.contains(key))
@@ -75,7 +76,6 @@ void follower::sum_up(uint32_t place) {
     sum_of_flows &sum = sums_[key];
     sum.flows += told.is_any ? 0 : 1;
     sum.counts = sum.counts + (flow.counts - told.counts);
-    told.change = END;
     if (sum.flows == 0 && sum.counts == gate_counter()) // it says nothing
         sums_.erase(key);
 }

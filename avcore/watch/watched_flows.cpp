@@ -236,7 +236,7 @@ void watched_flows::row_leaves(flow_row &row) {
         return free(place);
     if (ends && !flow.is_over())
         end(place, flow_ending::forgotten);
-    else if (!flow.is_over())
+    else if (!flow.own)
         flow.own = std::make_unique<flow_row>(row);
     row.watched = 0;
     flow.row = nullptr;
@@ -388,9 +388,10 @@ void watched_flows::release_ended() {
 void watched_flows::release(uint32_t place) {
     watched_flow &flow = flows_[place];
     flow.awaits = false;
-    flow.own.reset();
     if (!flow.current)
-        free(place);
+        return free(place);
+    if (flow.row != nullptr)
+        flow.own.reset();
 }
 
 void watched_flows::free(uint32_t place) {

@@ -38,7 +38,7 @@ struct watched_flow {
     gate_flow key = {};      // there
     flow_row *row = nullptr; // in the table of flows; null: it has left, or there was none
     // What is known of it where that isn't the row's: as it was when it left, or when the flow was
-    // over; what the key says where the gate alone knows the flow.
+    // over; what the key says where the gate alone knows the flow. One of the two is there.
     std::unique_ptr<flow_row> own;
     std::string id;
     flow_sight seen;        // latest; `begun` is 0 before the first one

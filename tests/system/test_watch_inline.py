@@ -3,6 +3,7 @@ from inline_lab import *
 from watch_reader import *
 
 HEADERS = 14 + 20 + 8
+SCANNED = range(1_024, 19_024)  # more ends than wait for readers
 
 
 class WatchInline(InlineTest):
@@ -77,6 +78,25 @@ class WatchInline(InlineTest):
         self.assertEqual((end["ended"], end["up"][1] - 1_100 - 66 * end["up"][0]), ("fin", 8))
         self.until(lambda: client.send(bytes(100)) and again.next() and
                    again.flows[flow["id"]]["verdict"] == "allow")
+
+    def test_a_scan_leaves_readers_their_flows(self):
+        """Of most of its connections avcore sees no copy, and so has no row."""
+        self.start("", "--watch-socket", WATCH_SOCKET)
+        awake, patient = self.reader(), self.reader()
+        awake.follow("flows")
+        patient.follow("flows", verdict="deny", every_ms=6_000)
+        send = self.raw()
+        for port in SCANNED:
+            for flags in (2, 4):
+                segment = struct.pack(">HHIIBBHHH", port, 9, 1, 1, 0x50, flags, 512, 0, 0)
+                send(summed(ipv4(TCP, segment, src=CLIENTS[4], dst=SERVERS[4])))
+        awake.until(lambda message: awake.totals[0][0] >= 2 * len(SCANNED))
+        time.sleep(4)  # by then they are over
+        denied = self.talk(SERVERS[4], DENIED)
+        port = denied.socket.getsockname()[1]
+        self.told(patient, lambda flow: flow["dropped"][0] > 0, client_port=port)
+        self.assertEqual({flow["server_port"] for flow in patient.flows.values()}, {DENIED})
+        self.assertEqual(patient.sums, [])
 
     def test_what_the_gate_does_is_told(self):
         self.start("", "--watch-socket", WATCH_SOCKET)
