@@ -29,7 +29,7 @@ constexpr int64_t LOOK_MS = 200;
 constexpr mode_t MODE = 0660;
 // A round that was begun behind the marked one told some ends more, of flows that had been silent
 // for LINGER_US; it was half a second late at most.
-constexpr int64_t PARTIAL_ROUND_US = watched_flows::LINGER_US - 1'500'000;
+constexpr int64_t PARTIAL_ROUND_US = LINGER_US - 1'500'000;
 constexpr std::string_view FULL = "{\"error\":\"sixteen readers are connected\"}\n";
 
 int64_t wall_us() {

@@ -1,14 +1,8 @@
 #include "avcore/watch/watched_flows.h"
 
-#include "avcore/flows/flow_text.h"
-
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cinttypes>
-#include <cstdio>
-#include <cstring>
-#include <random>
-#include <string_view>
+#include <array>
 #include <utility>
 
 namespace avcore {
@@ -17,65 +11,6 @@ namespace {
 constexpr int GATE_FLOWS_A_TURN = 256;
 constexpr uint32_t PLACES_A_TURN = 512;
 constexpr int64_t COMES_BACK_US = 60'000'000; // a reader of a run that was killed
-// The gate, whose clock is coarser, takes the next packet for another flow's by then.
-constexpr int64_t IDLE_US = FLOW_IDLE_US + 2'000'000;
-
-using key_words = std::array<uint64_t, sizeof(gate_flow) / sizeof(uint64_t)>;
-
-key_words words_of(const gate_flow &key) {
-    key_words words;
-    memcpy(words.data(), &key, sizeof key);
-    return words;
-}
-
-flow_ending ending_by(uint8_t ends) {
-    return (ends & GATE_RST) != 0 ? flow_ending::reset : flow_ending::fin;
-}
-
-// None while it goes on.
-flow_ending ending_of(const flow_sight &seen, int64_t now_us) {
-    const int64_t idle_us = now_us - seen.last_us;
-    if (is_closed(seen.ends) && idle_us >= watched_flows::LINGER_US)
-        return ending_by(seen.ends);
-    return idle_us >= IDLE_US ? flow_ending::idle : flow_ending::none;
-}
-
-class row_hash {
-public:
-    row_hash &operator<<(std::string_view text) {
-        return *this << std::hash<std::string_view>()(text);
-    }
-    row_hash &operator<<(uint64_t number) {
-        value_ = (value_ ^ number) * 0x9E37'79B9'7F4A'7C15;
-        value_ ^= value_ >> 29;
-        return *this;
-    }
-    size_t value() const { return value_; }
-
-private:
-    size_t value_ = 0;
-};
-
-size_t essence_of(const flow_row &row, size_t name_hash) {
-    row_hash hash;
-    const verdict_reason &why = row.reason;
-    const row_enforcement &gate = row.enforcement;
-    hash << name_hash << row.host << row.wfc_fqdn << row.server_name << why.web_reason
-         << why.denial_text << row.client_interface << row.verdict << row.outdated
-         << row.wificalling << row.wfc_priority << static_cast<uint64_t>(why.named_by)
-         << static_cast<uint64_t>(why.by) << why.profile << why.of_client << row.client_utp
-         << row.client_rule << gate.settled << gate.denied << gate.generation
-         << gate.not_final.has_value();
-    return hash.value();
-}
-
-void append_hex(std::string &text, std::span<const uint8_t> octets) {
-    constexpr char digits[] = "0123456789abcdef";
-    for (const uint8_t octet : octets) {
-        text += digits[octet >> 4];
-        text += digits[octet & 15];
-    }
-}
 
 endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be) {
     std::array<uint8_t, ip_address::SIZE> bytes;
@@ -88,31 +23,8 @@ endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be
 
 } // namespace
 
-const std::string &name_of(const flow_row &row) {
-    static const std::string none;
-    const bool has_name = shows_own_name(row) || row.reason.named_by != name_source::none;
-    return has_name ? application_of(row) : none;
-}
-
-// Clients choose the keys; without the seed they can't choose which of them meet.
-size_t watched_flows::key_hash::operator()(const gate_flow &key) const {
-    uint64_t hash = seed;
-    for (const uint64_t word : words_of(key)) {
-        const auto product = static_cast<unsigned __int128>(word ^ hash) * (seed | 1);
-        hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
-    }
-    return hash;
-}
-
-bool watched_flows::same_key::operator()(const gate_flow &a, const gate_flow &b) const {
-    return words_of(a) == words_of(b);
-}
-
 watched_flows::watched_flows(surroundings around)
-    : around_(std::move(around)),
-      started_us_(around_.now_us()),
-      rules_(around_.settings, ""),
-      by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()()}) {
+    : around_(std::move(around)), started_us_(around_.now_us()), rules_(around_.settings, "") {
     around_.flows.set_on_leave([this](flow_row &row) { row_leaves(row); });
 }
 
@@ -154,19 +66,6 @@ void watched_flows::happened(flow_event what, const flow_row &row) {
         tell(what, row.watched - 1);
 }
 
-uint32_t watched_flows::new_place() {
-    uint32_t place = places();
-    if (free_.empty()) {
-        flows_.emplace_back();
-        changes_.push_back(0);
-    } else {
-        place = free_.back();
-        free_.pop_back();
-    }
-    flows_[place].used = flows_[place].current = true;
-    return place;
-}
-
 void watched_flows::attach(uint32_t place, flow_row &row) {
     watched_flow &flow = flows_[place];
     if (flow.row != nullptr)
@@ -181,28 +80,21 @@ uint32_t watched_flows::place_of(flow_row &row) {
     if (row.watched != 0)
         return row.watched - 1;
     uint32_t place = 0;
-    if (around_.behind == nullptr) {
-        place = new_place();
-    } else if (const auto known = by_key_.find(*row.enforcement.flow); known != by_key_.end()) {
-        place = known->second;
-    } else {
-        place = new_place();
-        flows_[place].at_gate = true;
-        flows_[place].key = *row.enforcement.flow;
-        by_key_.emplace(flows_[place].key, place);
-    }
+    if (around_.behind == nullptr)
+        place = flows_.take();
+    else if (const auto known = flows_.find(*row.enforcement.flow))
+        place = *known;
+    else
+        place = flows_.take(*row.enforcement.flow);
     attach(place, row);
     return place;
 }
 
 // Of a flow of the gate's that may have no row.
 uint32_t watched_flows::place_of(const gate_flow &key, const gate_flow_state &state) {
-    const auto [known, is_new] = by_key_.try_emplace(key, 0);
-    if (!is_new)
-        return known->second;
-    const uint32_t place = known->second = new_place();
-    flows_[place].at_gate = true;
-    flows_[place].key = key;
+    if (const auto known = flows_.find(key))
+        return *known;
+    const uint32_t place = flows_.take(key);
     flows_[place].own = row_of(key, state);
     return place;
 }
@@ -240,7 +132,8 @@ void watched_flows::row_leaves(flow_row &row) {
         flow.own = std::make_unique<flow_row>(row);
     row.watched = 0;
     flow.row = nullptr;
-    flow.current = flow.current && !ends;
+    if (ends)
+        flows_.retire(place);
     if (!flow.current && !flow.awaits)
         free(place);
 }
@@ -281,12 +174,9 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     if (flow.is_over() && seen.last_us <= around_.told_until_us)
         return;
     flow.ending = flow_ending::none;
-    flow.id = id_of(flow);
-    flow.name_hash = std::hash<std::string>()(name_of(flow.known()));
-    flow.essence_hash = essence_of(flow.known(), flow.name_hash);
-    flow.verdict = flow.known().outdated ? 0 : flow.known().verdict;
-    change(place);
-    flow.essence = last_change_;
+    flow.id = id_of(flow, around_.run);
+    flow.digest = digest_of(flow.known());
+    flow.essence = flows_.change(place);
     flow.counts = seen.counted - from;
     if (seen.begun_us >= attended_us_) // others were there
         tell(flow_event::begun, place);
@@ -319,7 +209,7 @@ void watched_flows::take_counts(uint32_t place, const flow_sight &seen) {
     flow.counts = seen.counted - flow.from;
     flow.seen.counted = seen.counted;
     flow.seen.last_us = seen.last_us;
-    change(place);
+    flows_.change(place);
     if (!was_limited && flow.counts.limited != 0)
         tell(flow_event::limited, place);
 }
@@ -328,17 +218,14 @@ void watched_flows::look_at_row(uint32_t place) {
     watched_flow &flow = flows_[place];
     if (flow.row == nullptr || flow.is_over() || !flow.can_be_told())
         return;
-    const flow_row &row = *flow.row;
-    const size_t name_hash = std::hash<std::string>()(name_of(row));
-    const size_t essence = essence_of(row, name_hash);
-    if (std::exchange(flow.essence_hash, essence) == essence)
+    const row_digest now = digest_of(*flow.row);
+    const row_digest before = std::exchange(flow.digest, now);
+    if (now.all == before.all)
         return;
-    change(place);
-    flow.essence = last_change_;
-    if (std::exchange(flow.name_hash, name_hash) != name_hash)
+    flow.essence = flows_.change(place);
+    if (now.name != before.name)
         tell(flow_event::named, place);
-    const uint32_t verdict = row.outdated ? 0 : row.verdict;
-    if (std::exchange(flow.verdict, verdict) != verdict && verdict != 0)
+    if (now.verdict != before.verdict && now.verdict != 0)
         tell(flow_event::judged, place);
 }
 
@@ -359,8 +246,7 @@ void watched_flows::end(uint32_t place, flow_ending how) {
         return;
     if (flow.row != nullptr)
         flow.own = std::make_unique<flow_row>(*flow.row);
-    change(place);
-    flow.essence = flow.ended = last_change_;
+    flow.essence = flow.ended = flows_.change(place);
     flow.awaits = true;
     ended_.push_back(place);
     tell(flow_event::ended, place);
@@ -395,29 +281,20 @@ void watched_flows::release(uint32_t place) {
 }
 
 void watched_flows::free(uint32_t place) {
-    watched_flow &flow = flows_[place];
     for (flow_reader *reader : readers_)
         reader->leave(place);
-    if (flow.current && flow.at_gate)
-        by_key_.erase(flow.key);
-    if (flow.row != nullptr)
-        flow.row->watched = 0;
-    flow = {};
-    changes_[place] = 0;
-    free_.push_back(place);
+    if (flows_[place].row != nullptr)
+        flows_[place].row->watched = 0;
+    flows_.free(place);
 }
 
 // The next flow of the same sides, in place of one that is over.
 uint32_t watched_flows::renew(uint32_t place) {
-    const uint32_t next = new_place();
     watched_flow &before = flows_[place];
+    flows_.retire(place);
+    const uint32_t next = before.at_gate ? flows_.take(before.key) : flows_.take();
     watched_flow &flow = flows_[next];
-    flow.at_gate = before.at_gate;
-    flow.key = before.key;
     flow.round = before.round;
-    before.current = false;
-    if (flow.at_gate)
-        by_key_[flow.key] = next;
     if (flow_row *row = std::exchange(before.row, nullptr)) {
         row->watched = 0;
         attach(next, *row);
@@ -440,10 +317,6 @@ void watched_flows::stop() {
         if (flows_[place].current && !flows_[place].is_over())
             end(place, flow_ending::stopped);
     }
-}
-
-void watched_flows::change(uint32_t place) {
-    changes_[place] = ++last_change_;
 }
 
 void watched_flows::tell(flow_event what, uint32_t place) {
@@ -526,34 +399,11 @@ void watched_flows::forget(uint32_t place) {
     watched_flow &flow = flows_[place];
     if (!flow.is_over())
         end(place, flow_ending::forgotten);
-    by_key_.erase(flow.key);
-    flow.current = false;
+    flows_.retire(place);
     if (flow_row *row = std::exchange(flow.row, nullptr))
         row->watched = 0;
     if (!flow.awaits)
         free(place);
-}
-
-// Behind a gate whoever sees the flow calls it the same: its sides and the moment at which it
-// began. Otherwise the rows' numbers are this run's alone.
-std::string watched_flows::id_of(const watched_flow &flow) const {
-    std::string id;
-    char numbers[64];
-    if (flow.at_gate) {
-        const auto is_short = ip_address(std::to_array(flow.key.client)).is_ipv4() &&
-                              ip_address(std::to_array(flow.key.server)).is_ipv4();
-        const size_t from = is_short ? ip_address::SIZE - sizeof(uint32_t) : 0;
-        append_hex(id, std::span(flow.key.client).subspan(from));
-        append_hex(id, std::span(flow.key.server).subspan(from));
-        snprintf(numbers, sizeof numbers, "-%x-%x-%x-%" PRIx64,
-                 unsigned{ntohs(flow.key.client_port_be)}, unsigned{ntohs(flow.key.server_port_be)},
-                 unsigned{flow.key.proto} + 256u * flow.key.fragments, flow.seen.begun);
-    } else {
-        snprintf(numbers, sizeof numbers, "-%" PRIu32 "-%" PRIu64, flow.row->id, flow.seen.begun);
-        id = around_.run;
-    }
-    id += numbers;
-    return flow.continued == 0 ? id : id + '.' + std::to_string(flow.continued);
 }
 
 } // namespace avcore

@@ -1,0 +1,77 @@
+#include "avcore/watch/flow_places.h"
+
+#include <array>
+#include <cstring>
+#include <random>
+
+namespace avcore {
+namespace {
+
+using key_words = std::array<uint64_t, sizeof(gate_flow) / sizeof(uint64_t)>;
+
+key_words words_of(const gate_flow &key) {
+    key_words words;
+    memcpy(words.data(), &key, sizeof key);
+    return words;
+}
+
+} // namespace
+
+// Clients choose the keys; without the seed they can't choose which of them meet.
+size_t flow_places::key_hash::operator()(const gate_flow &key) const {
+    uint64_t hash = seed;
+    for (const uint64_t word : words_of(key)) {
+        const auto product = static_cast<unsigned __int128>(word ^ hash) * (seed | 1);
+        hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
+    }
+    return hash;
+}
+
+bool flow_places::same_key::operator()(const gate_flow &a, const gate_flow &b) const {
+    return words_of(a) == words_of(b);
+}
+
+flow_places::flow_places()
+    : by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()()}) {}
+
+uint32_t flow_places::take() {
+    uint32_t place = count();
+    if (free_.empty()) {
+        flows_.emplace_back();
+        changes_.push_back(0);
+    } else {
+        place = free_.back();
+        free_.pop_back();
+    }
+    flows_[place].used = flows_[place].current = true;
+    return place;
+}
+
+uint32_t flow_places::take(const gate_flow &key) {
+    const uint32_t place = take();
+    flows_[place].at_gate = true;
+    flows_[place].key = key;
+    by_key_.emplace(key, place);
+    return place;
+}
+
+std::optional<uint32_t> flow_places::find(const gate_flow &key) const {
+    const auto known = by_key_.find(key);
+    return known != by_key_.end() ? std::optional(known->second) : std::nullopt;
+}
+
+void flow_places::retire(uint32_t place) {
+    watched_flow &flow = flows_[place];
+    if (flow.current && flow.at_gate)
+        by_key_.erase(flow.key);
+    flow.current = false;
+}
+
+void flow_places::free(uint32_t place) {
+    retire(place);
+    flows_[place] = {};
+    changes_[place] = 0;
+    free_.push_back(place);
+}
+
+} // namespace avcore
