@@ -54,7 +54,7 @@ public:
 
     // A frame was counted in the row, or its verdict, name or enforcement may have changed.
     void note(flow_row &row) { flows_.note(row); }
-    void denied(const flow_row &row) { flows_.happened(flow_event::denied, row); }
+    void denied(const flow_row &row) { flows_.denied(row); }
     // All verdicts are outdated.
     void policies_changed();
 

@@ -49,9 +49,10 @@ struct watched_flow {
     row_digest digest;      // of what was last seen of the row
     uint64_t essence = 0;   // number of the last change of anything but counts
     flow_ending ending = flow_ending::none;
-    uint64_t ended = 0;  // number of that change
-    bool awaits = false; // that all readers take its end
-    uint32_t round = 0;  // when the gate last had it
+    uint64_t ended = 0;        // number of that change
+    bool awaits = false;       // that all readers take its end
+    bool denial_waits = false; // for the first sight of the flow
+    uint32_t round = 0;        // when the gate last had it
 
     bool is_over() const { return ending != flow_ending::none; }
     bool can_be_told() const { return used && seen.begun != 0 && !id.empty(); }

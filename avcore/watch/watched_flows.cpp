@@ -61,9 +61,12 @@ void watched_flows::note(flow_row &row) {
     look_at_row(place);
 }
 
-void watched_flows::happened(flow_event what, const flow_row &row) {
-    if (row.watched != 0)
-        tell(what, row.watched - 1);
+void watched_flows::denied(const flow_row &row) {
+    if (row.watched == 0)
+        return;
+    const uint32_t place = row.watched - 1;
+    flows_[place].denial_waits = !flows_[place].can_be_told();
+    tell(flow_event::denied, place);
 }
 
 void watched_flows::attach(uint32_t place, flow_row &row) {
@@ -178,8 +181,12 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     flow.digest = digest_of(flow.known());
     flow.essence = flows_.change(place);
     flow.counts = seen.counted - from;
-    if (seen.begun_us >= attended_us_) // others were there
-        tell(flow_event::begun, place);
+    if (seen.begun_us < attended_us_) // it was there
+        return;
+    tell(flow_event::begun, place);
+    tell_news(place, row_digest(), flow.digest);
+    if (flow.denial_waits)
+        tell(flow_event::denied, place);
 }
 
 // Another one of the same sides has begun. The gate may have forgotten them in between.
@@ -223,6 +230,10 @@ void watched_flows::look_at_row(uint32_t place) {
     if (now.all == before.all)
         return;
     flow.essence = flows_.change(place);
+    tell_news(place, before, now);
+}
+
+void watched_flows::tell_news(uint32_t place, const row_digest &before, const row_digest &now) {
     if (now.name != before.name)
         tell(flow_event::named, place);
     if (now.verdict != before.verdict && now.verdict != 0)

@@ -67,7 +67,8 @@ public:
 
     // A frame was counted in the row, or something else about it may have changed.
     void note(flow_row &row);
-    void happened(flow_event what, const flow_row &row);
+    // A denial was made.
+    void denied(const flow_row &row);
     // All rows are to be looked at again.
     void note_all() { all_changed_ = true; }
     // Without a gate they don't outlive this program.
@@ -99,6 +100,7 @@ private:
     void end_before(uint32_t place, const flow_sight &seen);
     void take_counts(uint32_t place, const flow_sight &seen);
     void look_at_row(uint32_t place);
+    void tell_news(uint32_t place, const row_digest &before, const row_digest &now);
     void look_at_end(uint32_t place, int64_t now_us);
     void end(uint32_t place, flow_ending how);
     void release(uint32_t place);

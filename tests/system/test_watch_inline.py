@@ -99,18 +99,23 @@ class WatchInline(InlineTest):
         self.assertEqual(patient.sums, [])
 
     def test_what_the_gate_does_is_told(self):
-        self.start("", "--watch-socket", WATCH_SOCKET)
+        self.slips_through = 0
+        self.start('undecided = "hold"', "--watch-socket", WATCH_SOCKET)
         reader = self.reader()
         reader.follow("flows", "events")
         denied = self.talk(SERVERS[4], DENIED)
+        port = denied.socket.getsockname()[1]
         slow = Sender(self.connected(socket.SOCK_DGRAM, SERVERS[6], SLOW), size=1_200)
         self.addCleanup(slow.stop)
         self.assertEqual(reader.event("denied")["flow"]["server_port"], DENIED)
+        # Its first packet counts when it comes back, behind the verdict.
+        self.assertEqual([event["what"] for event in reader.events if event["flow"]["client_port"] == port],
+                         ["begun", "named", "judged", "denied"])
         limited = reader.event("limited")["flow"]
         self.assertEqual((limited["server_port"], limited["gate"], limited["verdict"]),
                          (SLOW, "limits", "rate limit"))
         flow = self.told(reader, lambda flow: flow.get("gate") == "denies" and flow["dropped"][0] > 0,
-                         server_port=DENIED, client_port=denied.socket.getsockname()[1])
+                         server_port=DENIED, client_port=port)
         self.assertEqual(flow["why"], {
             "named_by": "administrator", "rule": 0, "by": "application policy", "profile": 1,
             "side": "client", "text": f"app-{DENIED}, named by the administrator's definitions; by the "
