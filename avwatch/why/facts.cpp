@@ -7,6 +7,7 @@
 #include "avwatch/why/sides.h"
 #include "core/text/text.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace avwatch {
@@ -95,12 +96,41 @@ flow_facts begin_facts(const endpoint &client, const why_settings &asked) {
     return facts;
 }
 
-void take_name(flow_facts &facts, const std::string &name, const std::string &source) {
-    facts.name = name;
-    facts.name_source = source;
-    facts.answers.names[facts.flow.server_be] = name;
-    if ((facts.flow.trailer.filter_type & AV_FILTER_DPI) != 0)
-        copy_text(facts.flow.trailer.kernel_domain, name);
+void take_dns_name(flow_facts &facts, uint32_t address_be, const std::string &name,
+                   const std::string &source) {
+    facts.answers.names[address_be] = name;
+    av_verdict named;
+    copy_lower_case(named.app_name, name);
+    facts.dns_sources[std::string(field_text(named.app_name))] = source;
+}
+
+void take_host(flow_facts &facts, const std::string &host, const std::string &source) {
+    av_pkt_trailer &trailer = facts.flow.trailer;
+    if ((trailer.filter_type & AV_FILTER_DPI) == 0)
+        return;
+    constexpr size_t most = sizeof trailer.kernel_domain - 1;
+    copy_text(trailer.kernel_domain,
+              std::string_view(host).substr(host.size() - std::min(host.size(), most)));
+    facts.host_source = source;
+}
+
+void take_engine_name(flow_facts &facts, const std::string &name, uint64_t app_id, uint64_t cat_id,
+                      const std::string &source) {
+    av_pkt_trailer &trailer = facts.flow.trailer;
+    const bool is_for_web = app_id == 0 && (trailer.filter_type & AV_FILTER_URL) != 0;
+    if ((trailer.filter_type & AV_FILTER_DPI) == 0 || is_for_web)
+        return;
+    trailer.dpi_status = AV_DPI_IDENTIFIED;
+    trailer.dpi_app_id = static_cast<uint16_t>(app_id);
+    trailer.dpi_cat_id = static_cast<uint16_t>(cat_id);
+    copy_text(trailer.dpi_app_name, name);
+    facts.engine_source = source;
+}
+
+void take_expected_name(flow_facts &facts, const std::string &name, const std::string &source) {
+    take_dns_name(facts, facts.flow.server_be, name, source);
+    take_host(facts, name, source);
+    take_engine_name(facts, name, 0, 0, source);
 }
 
 void take_category_files(const why_settings &asked, flow_facts &facts) {
@@ -113,7 +143,7 @@ flow_facts facts_from_files(const std::string &client, const why_settings &asked
     flow_facts facts = begin_facts(parse_client(client), asked);
     take_profile(asked, facts);
     if (!asked.name.empty())
-        take_name(facts, asked.name, "--name");
+        take_expected_name(facts, asked.name, "--name");
     if (!asked.categories.empty())
         take_category_files(asked, facts);
     return facts;

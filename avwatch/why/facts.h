@@ -6,6 +6,7 @@
 #include "avwatch/why/judge.h"
 #include "avwatch/why/settings.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,9 +26,9 @@ struct flow_facts {
     std::string server_text; // with its port
     std::string protocol;
     std::string interface;
-    std::string profile_source; // what gave the client's profile
-    std::string name;           // of the server; empty: none is known
-    std::string name_source;
+    std::string profile_source;                     // what gave the client's profile
+    std::map<std::string, std::string> dns_sources; // by name, as a verdict has it
+    std::string host_source;                        // of the host that the trailer has
     std::string engine_source; // of what the trailer says that the DPI engine found
     std::vector<std::string> notes;
 
@@ -38,8 +39,17 @@ struct flow_facts {
 // The sides of the flow and its protocol, and nothing else yet. Throws refused.
 flow_facts begin_facts(const avcore::endpoint &client, const why_settings &asked);
 
-// The name is what DNS calls the server and what its client shows it.
-void take_name(flow_facts &facts, const std::string &name, const std::string &source);
+// What DNS calls an address, which is in network byte order.
+void take_dns_name(flow_facts &facts, uint32_t address_be, const std::string &name,
+                   const std::string &source);
+// What the client shows the server, which is seen where there is a DPI engine.
+void take_host(flow_facts &facts, const std::string &host, const std::string &source);
+// What the engine says of the flow; without numbers it is the host that the server took, which
+// avcore doesn't put in the way of the web filter.
+void take_engine_name(flow_facts &facts, const std::string &name, uint64_t app_id, uint64_t cat_id,
+                      const std::string &source);
+// The server's name of a flow that isn't there yet.
+void take_expected_name(flow_facts &facts, const std::string &name, const std::string &source);
 
 // Throws avcore::config_error.
 void take_category_files(const why_settings &asked, flow_facts &facts);

@@ -7,9 +7,14 @@
 #include "avwatch/client/known_clients.h"
 #include "avwatch/why/sides.h"
 #include "core/text/text.h"
+#include "userapps/builtin_ports.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
+#include <map>
+#include <memory>
+#include <utility>
 
 namespace avwatch {
 namespace {
@@ -18,27 +23,28 @@ using avcore::endpoint;
 using avcore::ip_address;
 
 constexpr char ENGINE[] = "the DPI engine";
+constexpr char HANDSHAKE[] = "the flow's own handshake";
+constexpr uint16_t HTTP_PORT = 80;
+constexpr uint16_t HTTPS_PORT = 443;
 
 std::string dns_source(uint64_t learnt_us, bool utc) {
     return learnt_us != 0 ? "DNS, learnt " + time_text(learnt_us, utc) : std::string("DNS");
 }
 
-// Who is meant, with a MAC address and an IP address as far as they are known. Of several addresses
-// it is one of the server's kind, the latest.
-endpoint known_endpoint(const known_clients &clients, const std::string &key,
-                        const std::string &meant, const ip_address &server) {
-    endpoint client = parse_client(key);
-    const auto known = std::ranges::find(clients.all(), key, &known_client::key);
-    if (known == clients.all().end())
-        return client;
-    if (!known->said.client_mac.empty())
-        client.mac = parse_client(known->said.client_mac).mac;
-    if (const std::optional<ip_address> named = ip_address::parse(meant)) {
-        client.address = *named;
-        return client;
-    }
+// The address by which a client is meant: it is given, or is an alias's. One of the server's kind.
+std::optional<ip_address> meant_address(const client_aliases &aliases, const std::string &meant,
+                                        const ip_address &server) {
+    const auto alias = aliases.find(meant);
+    const auto address = ip_address::parse(alias != aliases.end() ? alias->second : meant);
+    const bool may_reach =
+        address && (server.is_unspecified() || address->is_ipv4() == server.is_ipv4());
+    return may_reach ? address : std::nullopt;
+}
+
+// The latest of its addresses, one of the server's kind where there is one.
+ip_address likely_address(const client_record &said, const ip_address &server) {
     std::optional<ip_address> first;
-    for (const std::string &each : known->said.addresses) {
+    for (const std::string &each : said.addresses) {
         const std::optional<ip_address> address = ip_address::parse(each);
         if (!address)
             continue;
@@ -46,8 +52,27 @@ endpoint known_endpoint(const known_clients &clients, const std::string &key,
             (address->is_ipv4() == server.is_ipv4() && first->is_ipv4() != server.is_ipv4()))
             first = address;
     }
-    if (first)
-        client.address = *first;
+    return first.value_or(ip_address());
+}
+
+// Who is meant, with a MAC address and an IP address as far as they are known.
+endpoint known_endpoint(const known_clients &clients, const std::string &key,
+                        const std::optional<ip_address> &meant, const ip_address &server) {
+    endpoint client = parse_client(key);
+    const known_client *known = clients.with_key(key);
+    if (known != nullptr && !known->said.client_mac.empty())
+        client.mac = parse_client(known->said.client_mac).mac;
+    if (meant)
+        client.address = *meant;
+    else if (known != nullptr)
+        client.address = likely_address(known->said, server);
+    return client;
+}
+
+endpoint endpoint_of(const flow_record &flow) {
+    endpoint client = parse_client(flow.client);
+    if (!flow.client_mac.empty())
+        client.mac = parse_client(flow.client_mac).mac;
     return client;
 }
 
@@ -116,46 +141,118 @@ void take_profile(const profile_record &said, flow_facts &facts) {
     facts.profile_source += " of avcore's configuration";
 }
 
-void take_categories(const std::vector<uint64_t> &known, const std::string &name,
-                     flow_facts &facts) {
-    urlf_answer answer = {};
-    answer.status = known.empty() ? URLF_STATUS_NO_LIST : 0;
-    for (const uint64_t each : known) {
-        if (static_cast<size_t>(answer.category_count) < URLF_CATEGORIES)
-            answer.categories[answer.category_count++] = static_cast<int32_t>(each);
+// What avcore says of a domain's categories, asked when the daemon's code asks. Nothing gets out
+// through that, which knows no exceptions.
+class category_asker {
+public:
+    category_asker(std::shared_ptr<watch_client> avcore, profile_question about)
+        : avcore_(std::move(avcore)), about_(std::move(about)) {}
+
+    std::optional<urlf_answer> operator()(std::string_view domain) {
+        const auto [said, is_new] = said_.try_emplace(std::string(domain));
+        if (is_new)
+            said->second = ask(said->first);
+        return said->second;
     }
-    facts.answers.categories = [answer, name](std::string_view domain) {
-        return equals_ignoring_case(domain, name) ? std::optional(answer) : std::nullopt;
-    };
+
+private:
+    std::optional<urlf_answer> ask(const std::string &domain) {
+        about_.name = domain;
+        try {
+            const std::optional<profile_record> said = ask_profile(*avcore_, about_);
+            return said && said->categories ? std::optional(answer_of(*said->categories))
+                                            : std::nullopt;
+        } catch (const std::exception &) {
+            return std::nullopt;
+        }
+    }
+
+    static urlf_answer answer_of(const std::vector<uint64_t> &categories) {
+        urlf_answer answer = {};
+        answer.status = categories.empty() ? URLF_STATUS_NO_LIST : 0;
+        for (const uint64_t each : categories) {
+            if (static_cast<size_t>(answer.category_count) < URLF_CATEGORIES)
+                answer.categories[answer.category_count++] = static_cast<int32_t>(each);
+        }
+        return answer;
+    }
+
+    std::shared_ptr<watch_client> avcore_;
+    profile_question about_;
+    std::map<std::string, std::optional<urlf_answer>> said_;
+};
+
+// Of a port that the daemon knows: it names the flow so whenever nothing better does.
+bool is_called_by_port(const flow_record &flow, const flow_facts &facts) {
+    pkt_ctx context = {};
+    context.ip_proto = facts.flow.ip_proto;
+    context.src_port = facts.flow.client_port;
+    context.dst_port = facts.flow.server_port;
+    return jorn_detect_pkt_builtin_port_service_app(&context) != 0 &&
+           equals_ignoring_case(field_text(context.app_name), flow.application);
 }
 
-// What the engine says of the flow, or a handshake in its place.
-void take_engine_name(flow_facts &facts, const std::string &name, uint64_t app_id, uint64_t cat_id,
-                      const std::string &source) {
-    av_pkt_trailer &trailer = facts.flow.trailer;
-    trailer.dpi_status = AV_DPI_IDENTIFIED;
-    trailer.dpi_app_id = static_cast<uint16_t>(app_id);
-    trailer.dpi_cat_id = static_cast<uint16_t>(cat_id);
-    copy_text(trailer.dpi_app_name, name);
-    facts.engine_source = source;
+// The domain that the web filter asked for, where the daemon has it from elsewhere than now said.
+void take_asked_domain(const flow_record &flow, flow_facts &facts) {
+    const bool is_known = flow.application.empty() || ip_address::parse(flow.application) ||
+                          !flow.host.empty() || facts.dns_sources.contains(flow.application);
+    if (is_known)
+        return;
+    copy_text(facts.flow.trailer.kernel_domain, flow.application);
+    facts.host_source = "the flow that is there";
+}
+
+// What the engine says of a flow that goes by something else, but might not without that.
+void take_engines_other_name(const flow_record &flow, const profile_record &said,
+                             flow_facts &facts) {
+    if (!said.application.empty())
+        take_engine_name(facts, said.application, said.app_id, said.cat_id, ENGINE);
+    else if (!flow.host.empty())
+        take_engine_name(facts, flow.host, 0, 0, HANDSHAKE);
 }
 
 // The name that the daemon had for the flow, at the place where it had it from.
-void take_flow_name(const flow_record &flow, flow_facts &facts, bool utc) {
+void take_flow_names(const flow_record &flow, const profile_record &said, flow_facts &facts,
+                     bool utc) {
     const why_record &why = flow.why;
-    if (!flow.host.empty() && (facts.flow.trailer.filter_type & AV_FILTER_DPI) != 0)
-        copy_text(facts.flow.trailer.kernel_domain, flow.host);
+    const uint32_t server_be = facts.flow.server_be;
+    if (!said.name.empty())
+        take_dns_name(facts, server_be, said.name, dns_source(said.name_us, utc));
+    if (!flow.host.empty())
+        take_host(facts, flow.host, HANDSHAKE);
     if (why.named_by == "dns")
-        take_name(facts, why.name.empty() ? flow.application : why.name,
-                  dns_source(why.name_us, utc));
+        take_dns_name(facts, server_be, why.name.empty() ? flow.application : why.name,
+                      dns_source(why.name_us, utc));
     else if (why.named_by == "handshake" || why.named_by == "earlier handshake")
         take_engine_name(facts, flow.application, 0, 0, "the " + why.named_by);
     else if (why.named_by == "dpi")
         take_engine_name(facts, flow.application, why.app_id, why.cat_id, ENGINE);
+    else if (why.named_by == "tables" && !facts.dns_sources.contains(flow.application) &&
+             !is_called_by_port(flow, facts))
+        take_dns_name(facts, server_be, flow.application, "the daemon's own cache");
     else if (why.named_by == "address asked for")
-        take_name(facts, flow.application, "the flow that is there");
-    else if (why.named_by == "tables")
-        take_name(facts, flow.application, "the daemon's own cache, or the port");
+        take_asked_domain(flow, facts);
+    if (why.named_by == "administrator" || why.named_by == "carrier" ||
+        why.named_by == "address asked for")
+        take_engines_other_name(flow, said, facts);
+}
+
+// What its client will show is taken for known where it mostly does, and where it was given.
+void take_names_to_come(const why_settings &asked, const profile_record &said, flow_facts &facts,
+                        bool utc) {
+    const std::string &name = asked.name.empty() ? said.name : asked.name;
+    if (name.empty())
+        return;
+    const std::string source = asked.name.empty() ? dns_source(said.name_us, utc) : "--name";
+    const uint16_t port = facts.flow.server_port;
+    if (asked.name.empty() && port != HTTP_PORT && port != HTTPS_PORT) {
+        take_dns_name(facts, facts.flow.server_be, name, source);
+        return;
+    }
+    take_expected_name(facts, name, source);
+    if (!said.application.empty())
+        take_engine_name(facts, said.application, said.app_id, said.cat_id,
+                         std::string(ENGINE) + ", once it has seen the host");
 }
 
 void take_flow(const flow_record &flow, flow_facts &facts) {
@@ -190,6 +287,18 @@ profile_question question_about(const flow_facts &facts, const why_settings &ask
     return about;
 }
 
+// Where the server has no name the daemon looks for one of the client's.
+void take_client_name(watch_client &avcore, profile_question about, flow_facts &facts, bool utc) {
+    if (about.client.empty())
+        return;
+    about.server = about.client;
+    about.name.clear();
+    const std::optional<profile_record> said = ask_profile(avcore, about);
+    if (said && !said->name.empty())
+        take_dns_name(facts, facts.flow.client_be, said->name,
+                      dns_source(said->name_us, utc) + ", of the client's own address");
+}
+
 std::string client_text(const std::string &meant, const endpoint &client) {
     std::string text = meant;
     const std::string mac =
@@ -207,37 +316,35 @@ std::string client_text(const std::string &meant, const endpoint &client) {
 
 flow_facts facts_from_avcore(const why_settings &asked, const invocation &around) {
     const settings read = read_settings(around.settings_file);
-    watch_client avcore(around.watch_socket);
-    avcore.wait_for_greeting(ANSWER_PATIENCE);
-    const known_clients clients(read.aliases, ask_clients(avcore));
+    const auto avcore = std::make_shared<watch_client>(around.watch_socket);
+    avcore->wait_for_greeting(ANSWER_PATIENCE);
+    const known_clients clients(read.aliases, ask_clients(*avcore));
     const std::string key = clients.find(asked.client);
     const ip_address server =
         asked.server.empty() ? ip_address() : parse_server(asked.server).address;
-    flow_facts facts = begin_facts(known_endpoint(clients, key, asked.client, server), asked);
-    facts.client_text = client_text(asked.client, facts.client);
+    const std::optional<ip_address> address = meant_address(read.aliases, asked.client, server);
     watch_filter of_client;
-    of_client.client = key;
-    const std::optional<flow_record> flow = meant_flow(ask_flows(avcore, of_client), asked);
+    of_client.client = address ? address->text() : key;
+    const std::optional<flow_record> flow = meant_flow(ask_flows(*avcore, of_client), asked);
+
+    flow_facts facts = begin_facts(
+        flow ? endpoint_of(*flow) : known_endpoint(clients, key, address, server), asked);
+    facts.client_text = client_text(asked.client, facts.client);
     if (flow)
         take_flow(*flow, facts);
-
     const profile_question about = question_about(facts, asked, flow);
-    const std::optional<profile_record> said = ask_profile(avcore, about);
+    const std::optional<profile_record> said = ask_profile(*avcore, about);
     if (!said)
         throw refused("avcore doesn't say what it has for this client: name its file with -c");
     take_profile(*said, facts);
-    if (!said->name.empty())
-        take_name(facts, said->name, dns_source(said->name_us, around.utc));
-    if (!asked.name.empty())
-        take_name(facts, asked.name, "--name");
+    take_client_name(*avcore, about, facts, around.utc);
     if (flow)
-        take_flow_name(*flow, facts, around.utc);
-    else if (!said->application.empty())
-        take_engine_name(facts, said->application, said->app_id, said->cat_id,
-                         std::string(ENGINE) + ", once it has seen the host");
-    if (said->categories)
-        take_categories(*said->categories, about.name.empty() ? said->name : about.name, facts);
-    if (!asked.categories.empty())
+        take_flow_names(*flow, *said, facts, around.utc);
+    else
+        take_names_to_come(asked, *said, facts, around.utc);
+    if (asked.categories.empty())
+        facts.answers.categories = category_asker(avcore, about);
+    else
         take_category_files(asked, facts);
     return facts;
 }

@@ -200,21 +200,41 @@ std::string sentence_of(const answer &all, const outcome &found) {
            in_quotes(all.facts.shown(found.unanswered)) + "; without them: " + decision;
 }
 
+std::string definition_source(const answer &all, const outcome &found) {
+    return "the administrator's definition" +
+           (found.definition ? ' ' + place_text(all, *found.definition) : "");
+}
+
+std::string dns_source(const answer &all, const outcome &found) {
+    const auto &sources = all.facts.dns_sources;
+    const auto source = sources.find(std::string(field_text(found.verdict.app_name)));
+    return source != sources.end() ? source->second : std::string();
+}
+
+// Of the domain that the web filter asked for.
+std::string domain_source(const answer &all, const outcome &found) {
+    if (all.facts.flow.trailer.kernel_domain[0] != '\0')
+        return all.facts.host_source;
+    if (found.named_by == APP_SOURCE_USERDEF)
+        return definition_source(all, found);
+    const std::string source = dns_source(all, found);
+    return source.empty() ? "the address that is asked for" : source;
+}
+
 std::string name_source(const answer &all, const outcome &found) {
     if (found.is_webs)
-        return all.facts.name.empty() ? "the address that is asked for" : all.facts.name_source;
+        return domain_source(all, found);
     switch (found.named_by) {
     case APP_SOURCE_BUILTIN_PORT:
         return "the port, as one of those that the daemon knows";
     case APP_SOURCE_DNS:
-        return all.facts.name_source;
+        return dns_source(all, found);
     case APP_SOURCE_DPI:
         return all.facts.engine_source;
     case APP_SOURCE_USER_PORT:
         return "the port-service file";
     case APP_SOURCE_USERDEF:
-        return "the administrator's definition" +
-               (found.definition ? ' ' + place_text(all, *found.definition) : "");
+        return definition_source(all, found);
     case APP_SOURCE_NONE:
         break;
     }

@@ -60,12 +60,6 @@ TRAFFIC = [
 ]
 
 
-def ipv6_frame(next_header, payload, *, src, dst, vlan=None):
-    header = struct.pack(">IHBB", 0x60000000, len(payload), next_header, 64)
-    addresses = b"".join(socket.inet_pton(socket.AF_INET6, each) for each in (src, dst))
-    return ethernet(0x86DD, header + addresses + payload, vlan=vlan)
-
-
 def report(avcore):
     """One that is asked for."""
     avcore.send_signal(signal.SIGUSR1)

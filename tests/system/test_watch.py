@@ -1,4 +1,8 @@
 """The watch socket of an avcore without a gate: rows, why, events, readers of all kinds."""
+import itertools
+import random
+import re
+
 from watch_reader import *
 
 GAMES, PLAYER, SECOND = "203.0.113.9", "10.1.0.13", 1_000_000
@@ -17,7 +21,32 @@ utp_id = 4
 web_utp = [0, 7]
 filter_type = ["url"]
 """
-POLICIES = {"policies": [{"utp_id": 3, "rules": [{"app_name": "games.example", "deny": True}]}]}
+POLICIES = {"policies": [{"utp_id": 3, "rules": [{"app_name": "games.example", "deny": True}]}],
+            "web_policies": [{"uuid": "u", "categories": ["Sex education"]}],
+            "web_interfaces": [{"ifname": "wlan5", "enable": True, "policy_uuid": "u"}]}
+
+# Clients by the last byte of their addresses, so their interfaces and profiles; all servers of a
+# network have a profile, too.
+ALL_KINDS = "".join(f"""[[rule]]
+network = "{network}"
+interface = "wlan{number}"
+utp_id = {number}
+filter_type = {filter_type}
+""" for number, network, filter_type in (
+    (1, "10.1.0.1/32", []), (2, "10.1.0.2/32", ["wificalling"]), (3, "10.1.0.3/32", ["url", "wificalling"]),
+    (4, "10.1.0.4/32", ["url"]), (6, "2001:db8:1::/48", ["url"]), (9, "198.51.100.0/24", [])))
+OF_ALL_KINDS = {
+    "policies": [{"utp_id": 1, "rules": [
+        {"app_name": "door", "cat_name": "User Defined", "rate_up": 5}, {"app_name": "games.example", "deny": True},
+        {"app_name": "ssh", "deny": True}, {"app_name": "miscellaneous", "qos": {"classify": "Video"}},
+        {"app_id": 133, "cat_id": 26, "app_name": "NetFlix", "deny": True}]},
+        {"utp_id": 4, "rules": [{"app_name": "example", "deny": True}]},
+        {"utp_id": 9, "rules": [{"app_name": "youtube", "rate_down": 9}, {"app_name": "local", "deny": True}]}],
+    "applications": [{"app_name": "clock", "dst_port": 7001}],
+    "web_policies": [{"uuid": "u", "categories": ["Sex education"], "blacklist": ["games"], "whitelist": ["one."]}],
+    "web_interfaces": [{"ifname": f"wlan{n}", "enable": True, "policy_uuid": "u"} for n in (3, 6)],
+    "carriers": [{"pname": "telco", "priority": 3, "epdg": [{"fqdn": "epdg.example", "ipaddr": "192.0.2.55"}]}],
+    "wificalling_interfaces": [{"ifname": f"wlan{n}", "profile": ["telco"]} for n in (2, 3)]}
 
 
 def segment(port, flags, data=b"", *, back=False, server=GAMES):
@@ -36,10 +65,10 @@ SYN, FIN, RST, ACK = 2, 1, 4, 16
 
 
 class Watch(SystemTest):
-    def start(self, *options):
-        """avcore reads frames from a pipe, the daemon has the policies."""
-        write_file("/tmp/categories", "blocked.example 5\n")
-        write_file("/tmp/avcore.toml", CONFIG)
+    def start(self, *options, config=CONFIG, document=POLICIES):
+        """avcore reads frames from a pipe, the daemon has the document's policies."""
+        write_file("/tmp/categories", "blocked.example 5\n192.0.2.7 5\n")
+        write_file("/tmp/avcore.toml", config)
         os.mkfifo("/tmp/pipe")
         self.addCleanup(os.unlink, "/tmp/pipe")
         self.avcore = self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
@@ -48,9 +77,7 @@ class Watch(SystemTest):
         self.pipe = open("/tmp/pipe", "wb")
         self.addCleanup(self.pipe.close)
         self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
-        self.assertEqual(jornctl("apply", "-", document=POLICIES)[::2], (0, ""))
-        command(WEB_POLICY, web_policy("u", categories=[5]))
-        command(WEB_INTF, web_binding("wlan5"))
+        self.assertEqual(jornctl("apply", "-", document=document)[0], 0)
         self.passed = [[0, 0], [0, 0], [0, 0]]
 
     def reader(self):
@@ -148,13 +175,46 @@ class Watch(SystemTest):
         self.assertEqual(following.event("judged")["flow"]["client_port"], 3)
 
     def why(self, *words):
-        """The verdict and the name, as avwatch finds them out by itself. Without a name nobody tells the web
-        categories of what is asked for."""
+        """The verdict and the name, as avwatch finds them out by itself."""
         done = subprocess.run([jorn_path("avwatch"), "why", *words, "--json"], text=True,
                               capture_output=True, timeout=DEADLINE)
         said = json.loads(done.stdout)
-        self.assertEqual(done.returncode, said["verdict"] == "deny" if said["application"] else 2, done)
-        return said["verdict"], said["application"]
+        self.assertEqual(done.returncode, said["verdict"] == "deny", done)
+        is_unnamed = re.fullmatch("[0-9a-f.:]+( .*)?", said["application"])
+        return said["verdict"], "" if is_unnamed else said["application"]
+
+    def test_why_finds_out_what_was_decided(self):
+        """Flows of all that a name may come from, to servers of all kinds, and more rules than one fit."""
+        write_file(PORT_SERVICE_FILE, "2222,tcp,3,2,door\n")
+        self.start(config=ALL_KINDS, document=OF_ALL_KINDS)
+        hello = client_hello("www.netflix.com")
+        request = b"GET / HTTP/1.1\r\nHost: www.youtube.com\r\n\r\n"
+        kinds = [(6, 443, hello), (6, 80, request), (6, 8080, b""), (6, 22, b""), (6, 7001, b""),
+                 (6, 2222, b""), (17, 443, b""), (17, 4500, b"")]
+        servers = {"192.0.2.1": "games.example", "192.0.2.2": "one.example", "192.0.2.3": "www.blocked.example",
+                   "192.0.2.7": None, "192.0.2.8": None, "192.0.2.55": None, "192.0.2.56": "epdg.example",
+                   "198.51.100.1": "local.example", "198.51.100.2": None}
+        for address, name in [*servers.items(), ("10.1.0.1", "client.games.example"), ("2001:db8:2::1", "games.example")]:
+            if name:
+                self.feed(from_server(ipv4(17, udp(53, 6, dns_answer(name, name, address)), src=SERVER, dst=CLIENT)))
+        flows = [(kind, {"src": f"10.1.0.{client}", "dst": server}) for kind in kinds for client in range(1, 6)
+                 for server in servers]
+        for port, ((protocol, to, data), sides) in enumerate(random.Random(28).sample(flows, 120), 1000):
+            packet = (tcp if protocol == 6 else udp)(port, to, data)
+            self.feed(ipv4_frame(protocol, packet, **sides))
+        for port, (client, server) in enumerate(itertools.product(("2001:db8:1::9", "2001:db8:3::9"),
+                                                                  ("2001:db8:2::1", "2001:db8:2::2"))):
+            self.feed(ipv6_frame(6, tcp(port, 443), src=client, dst=server))
+        asking = self.reader()
+        fed = sum(way[0] for way in self.passed)
+        wait_until(lambda: asking.ask("counts")[0]["frames_answered"] == fed)
+        decided = set()
+        for row in asking.ask("flows"):
+            server = f"[{row['server']}]" if ":" in row["server"] else row["server"]
+            said = self.why(row["client"], f"{server}:{row['server_port']}", "--protocol", row["protocol"].lower())
+            self.assertEqual(said, (row["verdict"], row["application"]), row)
+            decided.add((row["verdict"], row["why"].get("by"), row["why"].get("named_by")))
+        self.assertGreater(len(decided), 12, decided)
 
     def told(self, reader, what):
         return next(event["flow"] for event in reader.events if event["what"] == what and

@@ -143,6 +143,12 @@ def ipv4_frame(protocol, payload=b"", **header):
     return ethernet(0x0800, ipv4(protocol, payload, **header))
 
 
+def ipv6_frame(next_header, payload, *, src, dst, vlan=None):
+    header = struct.pack(">IHBB", 0x60000000, len(payload), next_header, 64)
+    addresses = b"".join(socket.inet_pton(socket.AF_INET6, each) for each in (src, dst))
+    return ethernet(0x86DD, header + addresses + payload, vlan=vlan)
+
+
 def tcp_frame(src_port, dst_port, data=b"", **header):
     return ipv4_frame(6, tcp(src_port, dst_port, data), **header)
 
