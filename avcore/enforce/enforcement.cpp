@@ -25,6 +25,11 @@ enforcement::enforcement(const std::string &pins, const std::vector<std::string>
       holding_(gate_, settings_),
       enforcer_(gate_, holding_, settings_, say_) {}
 
+enforcement::~enforcement() {
+    if (watch_)
+        gate_.leave();
+}
+
 void enforcement::begin(const channel_server &channel, feeder &feeder) {
     if (settings_.rules.hold_undecided)
         gate_.open_way_back();

@@ -29,6 +29,9 @@ public:
     // `settings` outlive it; they may change. `way`: of attaching the gate.
     enforcement(const std::string &pins, const std::vector<std::string> &interfaces,
                 std::optional<attach_way> way, const enforce_settings &settings, say_function say);
+    ~enforcement();
+    enforcement(const enforcement &) = delete;
+    enforcement &operator=(const enforcement &) = delete;
 
     // Once daemons can come: verdicts are asked for and carried out from here on. Both outlive it.
     void begin(const channel_server &channel, feeder &feeder);

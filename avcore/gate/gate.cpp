@@ -60,7 +60,7 @@ void leave_open(int settings_fd) {
     const mapping<gate_settings> settings(settings_fd, sizeof(gate_settings),
                                           PROT_READ | PROT_WRITE, 0);
     write_word(settings.get()->fail_closed, uint32_t{0});
-    write_word(settings.get()->probing, uint32_t{0});
+    write_word(settings.get()->unattended, uint32_t{0});
 }
 
 } // namespace
@@ -252,7 +252,12 @@ void gate::beat() {
 }
 
 void gate::ask_although_unattended(bool ask) {
-    write_word(parts_->settings.get()->probing, uint32_t{ask});
+    const uint32_t asks = ask ? GATE_STILL_ASK : 0;
+    write_word(parts_->settings.get()->unattended, asks | GATE_STILL_COUNT);
+}
+
+void gate::leave() {
+    write_word(parts_->settings.get()->unattended, uint32_t{0});
 }
 
 uint32_t gate::generation() const {

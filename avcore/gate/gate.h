@@ -97,7 +97,10 @@ public:
     void beat();
     // Packets of undecided flows are copied without a beat, too: one of them will show that there
     // is a daemon again.
+    // Counted are flows from now on in either case, also when this program is killed.
     void ask_although_unattended(bool ask);
+    // In order: what passes without a beat is to cost as little as it can.
+    void leave();
     uint32_t generation() const;
     // All verdicts so far are to be asked for again, and hold until then.
     void next_generation();

@@ -86,6 +86,7 @@ bool gate::set_limit(uint32_t, const gate_limit &) {
 }
 void gate::beat() {}
 void gate::ask_although_unattended(bool) {}
+void gate::leave() {}
 uint32_t gate::generation() const {
     return 0;
 }

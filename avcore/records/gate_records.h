@@ -191,6 +191,12 @@ struct gate_client_state {
 };
 GATE_SIZE(gate_client_state, 72);
 
+/* Bits of gate_settings::unattended: what is done without a beat. */
+enum gate_unattended {
+    GATE_STILL_ASK = 1,   /* undecided packets are copied */
+    GATE_STILL_COUNT = 2, /* what passes an open gate counts for its flow */
+};
+
 /* Bits of gate_settings::rules. */
 enum gate_rule {
     GATE_PASS_TAGS = 1,      /* frames with more VLAN tags than are walked over */
@@ -213,7 +219,7 @@ struct gate_settings {
     __u32 generation;        /* of the verdicts that are asked for */
     __u32 fail_closed;       /* without a beat; else everything passes then */
     __u32 copies_per_second; /* of each client */
-    __u32 probing;           /* undecided packets are copied without a beat, too */
+    __u32 unattended;        /* gate_unattended */
     __u32 changes;           /* counted up after a verdict was written */
     __u32 rules;             /* gate_rule */
     __u32 holds_per_second;  /* of each client */

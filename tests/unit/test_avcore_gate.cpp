@@ -627,6 +627,34 @@ TEST_F(AvcoreGate, NothingIsLostOrCountedTwiceWhereProcessorsBeginAFlowAtOnce) {
     EXPECT_GT(at.flow_of(key)->before.packets[GATE_UP], 1000u);
 }
 
+TEST_F(AvcoreGate, CountsWhatPassesWithoutABeatUntilItIsLeftInOrder) {
+    constexpr uint8_t ack = 0x10, fin = 0x11;
+    gate at(PINS, {"gw0"});
+    at.set_rules({.copies_per_second = 1000});
+    const gate_flow key = flow_of_segments();
+    const auto pass = [&](uint8_t flags) {
+        EXPECT_EQ(fate(at, segment(true, flags)), std::vector<int>{GATE_COUNT_NOBODY});
+    };
+    pass(ack);
+    EXPECT_FALSE(at.flow_of(key));
+    for (const bool asks : {true, false}) {
+        at.ask_although_unattended(asks);
+        pass(ack);
+        pass(fin);
+    }
+    ASSERT_TRUE(at.decide(key, denial(0, at.generation())));
+    pass(ack);
+    const std::optional<gate_flow_state> state = at.flow_of(key);
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->counts.packets[GATE_UP], 5u);
+    EXPECT_EQ(state->counts.bytes[GATE_UP], 5 * segment(true, ack).size());
+    EXPECT_EQ(state->ended, GATE_FIN_UP);
+    EXPECT_EQ(at.counts()[GATE_COUNT_COPIES], 2u);
+    at.leave();
+    pass(ack);
+    EXPECT_EQ(at.counter_of(key).packets[GATE_UP], 5u);
+}
+
 TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
     gate at(PINS, {"gw0"});
     at.set_rules({.copies_per_second = 1});

@@ -35,7 +35,7 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     /* A beat may be younger than the time. */
     const bool attended = (__s64)(coarse_now(here) - set->beat_ns) <= (__s64)GATE_BEAT_NS;
     const bool open = !attended && !set->fail_closed;
-    if (open && !set->probing && !packet.is_back)
+    if (open && !set->unattended && !packet.is_back)
         return pass(GATE_COUNT_NOBODY, &packet);
     int result = parse_frame(skb, &packet);
     count_segments(skb, &packet);

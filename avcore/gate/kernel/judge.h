@@ -89,10 +89,12 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
     if (packet->direction == GATE_UP && is_dns(&packet->flow))
         skb->tc_index = CAME_UP;
     const bool shows_names = is_dns(&packet->flow) || is_dhcp(packet);
-    if ((attended || set->probing) && !packet->is_back && (!settled || shows_names))
+    if ((attended || (set->unattended & GATE_STILL_ASK)) && !packet->is_back && (!settled || shows_names))
         excess = !copy_up(skb, packet, set);
-    if (!attended && !set->fail_closed)
+    if (!attended && !set->fail_closed) {
+        count_passed(skb, packet, place);
         return pass(GATE_COUNT_NOBODY, packet);
+    }
     if (!decided && !attended)
         return drop(GATE_COUNT_SHUT, packet);
     if (judged && verdict.action == GATE_DENY)
