@@ -119,6 +119,10 @@ int64_t database::number(const std::string &sql) {
     return asked.step() ? asked.number(0) : 0;
 }
 
+void database::leave_untouched() {
+    sqlite3_db_config(raw_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
 void database::fail(int code) const {
     const char *said = raw_ ? sqlite3_errmsg(raw_.get()) : sqlite3_errstr(code);
     throw database_error(code & 0xFF, path_ + ": " + said);

@@ -67,6 +67,8 @@ public:
     int changes() const { return sqlite3_changes(raw_.get()); }
     bool in_transaction() const { return sqlite3_get_autocommit(raw_.get()) == 0; }
     const std::string &path() const { return path_; }
+    // Also when it is closed, which would otherwise move what is in its WAL.
+    void leave_untouched();
     [[noreturn]] void fail(int code) const;
 
 private:

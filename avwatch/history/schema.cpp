@@ -51,16 +51,20 @@ std::string first_tables() {
 constexpr std::string (*STEPS[])() = {first_tables};
 constexpr int64_t VERSION = std::size(STEPS);
 
+[[noreturn]] void refuse(database &file, const std::string &why) {
+    file.leave_untouched();
+    throw foreign_history(file.path() + why);
+}
+
 int64_t version_of(database &file) {
     const int64_t version = file.number("PRAGMA user_version");
     const bool is_ours = file.number("PRAGMA application_id") == APPLICATION_ID;
     const bool is_empty = file.number("SELECT count(*) FROM sqlite_schema") == 0;
     if (!is_ours && !(is_empty && version == 0))
-        throw foreign_history(file.path() + " is a database of another program");
+        refuse(file, " is a database of another program");
     if (version > VERSION)
-        throw foreign_history(file.path() + " is of a later version of avwatch, whose number is " +
-                              std::to_string(version) + "; this one knows " +
-                              std::to_string(VERSION));
+        refuse(file, " is of a later version of avwatch, whose number is " +
+                         std::to_string(version) + "; this one knows " + std::to_string(VERSION));
     return version;
 }
 
@@ -84,8 +88,7 @@ void prepare_history(database &file) {
 
 void check_history(database &file) {
     if (version_of(file) != VERSION)
-        throw foreign_history(
-            file.path() + " is of an earlier version; \"avwatch serve\" makes it the present one");
+        refuse(file, " is of an earlier version; \"avwatch serve\" makes it the present one");
 }
 
 int64_t reach_of(database &file, const period &period) {

@@ -38,6 +38,11 @@ int64_t latest_start(database &file) {
                        "(SELECT ifnull(max(start), 0) FROM days))");
 }
 
+// Another one after others have written.
+int64_t data_version_of(database &file) {
+    return file.number("PRAGMA data_version");
+}
+
 uint64_t hour_pairs_max(const history_settings &settings) {
     return std::min(HOUR_PAIRS_MAX, settings.limit_mb * MEGABYTE / BYTES_PER_HOUR_PAIR);
 }
@@ -78,6 +83,7 @@ store::store(const history_settings &settings)
     : settings_(settings),
       file_(prepared(settings.file)),
       timeline_(latest_start(file_)),
+      data_version_(data_version_of(file_)),
       clients_(file_, "clients", "client", "?"),
       applications_(file_, "applications", "name, is_name", "?, ?"),
       write_flow_(file_, "INSERT OR REPLACE INTO open_flows VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
@@ -122,12 +128,17 @@ void store::write(ledger &flows, int64_t wall_s, int64_t monotonic_ms) {
     if (flows.pending().empty() && flows.changed().empty() && flows.removed().empty() &&
         !present_.moves_future && !is_replaced_)
         return;
-    totals next = totals_;
     transaction all(file_);
     // Somebody else may have deleted what is at hand, or this transaction come to nothing.
-    const int64_t data_version = file_.number("PRAGMA data_version");
+    const int64_t data_version = data_version_of(file_);
+    const bool is_ours = data_version_ == data_version;
+    totals next = totals_;
+    if (!is_ours && !is_replaced_) {
+        next = totals();
+        next.load(file_);
+    }
     const int64_t hour_s = begin_of(PERIODS[HOURS], present_.minute_s);
-    const bool is_at_hand = hour_s_ == hour_s && data_version_ == data_version;
+    const bool is_at_hand = hour_s_ == hour_s && is_ours;
     hour_s_ = NONE_S;
     if (is_replaced_)
         file_.run("DELETE FROM open_flows; DELETE FROM application_totals; "
@@ -155,8 +166,9 @@ void store::write(ledger &flows, int64_t wall_s, int64_t monotonic_ms) {
 
 void store::write_clients(const std::vector<client_record> &clients) {
     transaction all(file_);
-    statement update(file_, "UPDATE clients SET host_name = ?1, addresses = ?2 "
-                            "WHERE client = ?3 AND (host_name != ?1 OR addresses != ?2)");
+    statement update(file_, "UPDATE clients SET host_name = ifnull(nullif(?1, ''), host_name), "
+                            "addresses = ifnull(nullif(?2, ''), addresses) WHERE client = ?3 AND "
+                            "((?1 != '' AND host_name != ?1) OR (?2 != '' AND addresses != ?2))");
     for (const client_record &each : clients) {
         std::string addresses;
         for (const std::string &address : each.addresses)

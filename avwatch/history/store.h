@@ -45,7 +45,8 @@ public:
 
     // Writes what the ledger has to add, in the present minute. The ledger is told.
     void write(ledger &flows, int64_t wall_s, int64_t monotonic_ms);
-    // What clients call themselves, and their addresses, of those that the history has.
+    // What clients call themselves, and their addresses, of those that the history has; what they
+    // don't say now stays.
     void write_clients(const std::vector<client_record> &clients);
 
     // Deletes a little of what is too old or too much; false when there is nothing more to do.
@@ -88,8 +89,8 @@ private:
     database file_;
     timeline timeline_;
     timeline::present present_;
+    int64_t data_version_; // what others had written when `totals_` and the hour were read
     totals totals_;
-    int64_t data_version_ = 0;
     bool is_replaced_ = false;
     int64_t hour_s_ = NONE_S; // of what follows; none when it may not be what the file says
     std::unordered_set<uint64_t> hour_pairs_;               // of a client and an application

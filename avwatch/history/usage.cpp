@@ -162,7 +162,7 @@ usage_result read_usage(database &file, const usage_query &query) {
 
 std::vector<client_record> read_clients(database &file) {
     std::vector<client_record> clients;
-    statement row(file, "SELECT client, host_name, addresses FROM clients WHERE id != 0");
+    statement row(file, "SELECT client, host_name, addresses, used FROM clients WHERE id != 0");
     while (row.step()) {
         client_record client;
         const std::string key = row.text(0);
@@ -171,6 +171,7 @@ std::vector<client_record> read_clients(database &file) {
         else
             client.addresses.push_back(key);
         client.host_name = row.text(1);
+        client.last_us = row.count(3) * 1'000'000; // the day: an address is the latest one's
         const std::string addresses = row.text(2);
         for (size_t at = 0; at < addresses.size();) {
             const size_t end = std::min(addresses.find(' ', at), addresses.size());

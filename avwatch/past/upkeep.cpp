@@ -27,6 +27,13 @@ struct upkeep_request {
     }
 };
 
+// Of applications that nobody else used. Series of the metrics stay: they are everybody's.
+void drop_unused_names(database &file) {
+    file.run("DELETE FROM applications WHERE id != 0 AND id NOT IN (SELECT application FROM days);"
+             "DELETE FROM candidates WHERE (application, is_name) NOT IN "
+             "(SELECT name, is_name FROM applications)");
+}
+
 // Overwritten, also where the file has it behind what is deleted.
 int forget(const invocation &asked, const upkeep_request &wanted) {
     const settings read = read_settings(asked.settings_file);
@@ -46,6 +53,7 @@ int forget(const invocation &asked, const upkeep_request &wanted) {
                " WHERE client = (SELECT id FROM clients WHERE client = ?)");
     remove("DELETE FROM client_totals WHERE client = ?");
     remove("DELETE FROM clients WHERE client = ? AND id != 0");
+    drop_unused_names(file);
     all.commit();
     file.run("PRAGMA wal_checkpoint(TRUNCATE)");
     if (rows == 0)
@@ -61,7 +69,12 @@ int back_up(const invocation &asked, const upkeep_request &wanted) {
         throw refused(wanted.target + " is there already");
     umask(077);
     statement copy(file, "VACUUM INTO ?");
-    copy.bind(0, std::string_view(wanted.target)).run();
+    try {
+        copy.bind(0, std::string_view(wanted.target)).run();
+    } catch (const database_error &) {
+        unlink(wanted.target.c_str()); // what there is of it
+        throw;
+    }
     return STATUS_DONE;
 }
 
@@ -95,6 +108,8 @@ void add_history(CLI::App &subcommand, std::string &path) {
 database open_history(const std::string &path, database::access wanted) {
     if (access(path.c_str(), F_OK) != 0 && errno == ENOENT)
         throw refused("there is no history at " + path + ": \"avwatch serve\" keeps one");
+    if (access(path.c_str(), wanted == database::access::read_only ? R_OK : W_OK) != 0)
+        throw refused(path + ": " + strerror(errno) + "; run avwatch as root, or as its owner");
     database file(path, wanted);
     check_history(file);
     return file;

@@ -9,6 +9,7 @@
 #include "avwatch/past/history_file.h"
 #include "avwatch/past/past.h"
 
+#include <algorithm>
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -133,19 +134,21 @@ void say_what_is_missing(const usage_query &query, const usage_result &result) {
                  time_text(microseconds(result.days_from_s), query.utc) + " only");
 }
 
+std::string what_is_wrong_with(const std::string &since) {
+    return duration_s(since) ? ""
+                             : "a number of minutes, hours, days or weeks, as in 90m, 24h, 7d or "
+                               "2w, and not \"" +
+                                   since + '"';
+}
+
 int show_usage(const invocation &asked, const usage_request &wanted) {
     const settings read = read_settings(asked.settings_file);
-    const std::optional<int64_t> back_s = duration_s(wanted.since);
-    if (!back_s)
-        throw refused("--since takes a number of minutes, hours, days or weeks, as in 90m, 24h, 7d "
-                      "or 2w, and not \"" +
-                      wanted.since + '"');
     database file = open_history(wanted.history.empty() ? read.history.file : wanted.history,
                                  database::access::read_only);
     known_clients clients(read.aliases, read_clients(file));
     usage_query query;
     query.now_s = time(nullptr);
-    query.since_s = std::max<int64_t>(query.now_s - *back_s, 0);
+    query.since_s = std::max<int64_t>(query.now_s - duration_s(wanted.since).value_or(0), 0);
     query.by = grouping_of(wanted.by);
     query.utc = asked.utc;
     query.names = read.history.names;
@@ -180,6 +183,7 @@ void add_usage(CLI::App &app, invocation &asked) {
     subcommand->add_option("--by", wanted->by, "A row for each hour or day")
         ->check(CLI::IsMember({"hour", "day"}));
     subcommand->add_option("--since", wanted->since, "How far back: 90m, 24h, 7d, 2w")
+        ->check(what_is_wrong_with)
         ->capture_default_str();
     CLI::Option *json = subcommand->add_flag("--json", wanted->as_json, "A JSON object a line");
     subcommand->add_flag("--csv", wanted->as_csv, "Comma-separated values")->excludes(json);

@@ -20,10 +20,13 @@ constexpr int MESSAGES_AT_ONCE = 1'000;
 constexpr uint32_t EVERY_MS = 10'000; // a flow's counts
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
 constexpr int64_t ASK_EVERY_MS = 10'000;
+constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
 constexpr int64_t CLIENTS_EVERY_MS = 60'000;
 constexpr int64_t PASS_EVERY_MS = 5'000;
 constexpr int64_t RETRY_MS = 10'000; // to write
 constexpr int64_t TIDY_AT_ONCE_MS = 50;
+constexpr int64_t TIDY_EVERY_MS = 500; // while there is more
+constexpr int FINISH_TRIES = 50;       // each waits a moment for who is at the file
 constexpr size_t CLIENTS_AT_ONCE = 4'096;
 
 template <typename Record>
@@ -80,9 +83,8 @@ struct recorder::taker {
             to.clients_.push_back(client);
     }
     void operator()(const answer_end &) const {
-        if (id != to.clients_asked_ || !to.store_)
-            return;
-        to.store_->write_clients(std::exchange(to.clients_, {}));
+        if (id == to.clients_asked_)
+            to.heard_clients_ = std::exchange(to.clients_, {});
     }
     void operator()(const counts_record &counts) const { to.health_.counts = counts; }
     void operator()(const gate_state &gate) const { to.health_.gate = numbers_in(gate.said); }
@@ -112,12 +114,11 @@ void recorder::listen() {
             has_more_ = told.has_value();
             if (!has_more_)
                 break;
+            heard_ms_ = now_ms;
             std::visit(taker{*this, told->id, now_ms}, told->what);
         }
     } catch (const no_watch &gone) {
         disconnect(gone.what());
-    } catch (const database_error &error) {
-        complain_of(error);
     }
 }
 
@@ -128,9 +129,16 @@ void recorder::serve(int64_t now_ms) {
         ask();
     if (now_ms >= write_due_ms_)
         write(now_ms);
+    if (now_ms >= tidy_due_ms_)
+        tidy(now_ms);
 }
 
-void recorder::write(int64_t now_ms) {
+void recorder::finish() {
+    for (int tries = 0; tries < FINISH_TRIES && !write(monotonic_ms()); ++tries) {
+    }
+}
+
+bool recorder::write(int64_t now_ms) {
     if (now_ms >= pass_due_ms_) {
         ledger_.pass(now_ms);
         pass_due_ms_ = now_ms + PASS_EVERY_MS;
@@ -139,23 +147,27 @@ void recorder::write(int64_t now_ms) {
     health_.writes_history = false;
     try {
         if ((!store_ || is_replaced()) && !open_history(now_ms))
-            return;
+            return true;
         store_->write(ledger_, time(nullptr), now_ms);
+        if (!heard_clients_.empty())
+            store_->write_clients(heard_clients_);
+        heard_clients_ = {};
         health_.writes_history = true;
         health_.written_s = time(nullptr);
         write_due_ms_ = now_ms + int64_t{settings_.commit_s} * 1'000;
-        tidy(now_ms);
-        health_.history_bytes = store_->size_bytes();
+        tidy_due_ms_ = now_ms;
         if (!std::exchange(history_trouble_, {}).empty())
             complain("the history can be written again");
     } catch (const database_error &error) {
         complain_of(error);
+        return !error.is_locked();
     }
+    return true;
 }
 
 std::string recorder::metrics() const {
     health now = health_;
-    now.hears_avcore = is_greeted_;
+    now.hears_avcore = is_greeted_ && monotonic_ms() - heard_ms_ < SILENT_MS;
     now.open_flows = ledger_.open();
     now.uncounted = ledger_.uncounted();
     now.passed_over = avcore_ ? avcore_->passed_over() : 0;
@@ -168,6 +180,7 @@ bool recorder::open_history(int64_t now_ms) {
     if (store_)
         committed_ = store_->committed();
     store_.reset();
+    std::string trouble;
     try {
         store_.emplace(settings_);
         if (is_restored_)
@@ -178,13 +191,17 @@ bool recorder::open_history(int64_t now_ms) {
         file_inode_ = inode_of(settings_.file);
         return true;
     } catch (const database_error &error) {
-        store_.reset();
-        say_once(history_trouble_,
-                 std::string(error.what()) + (is_restored_
-                                                  ? "; what is counted waits in memory"
-                                                  : "; nothing is counted until it can be read"));
-        return false;
+        trouble = error.what();
+    } catch (const foreign_history &other) {
+        if (!is_restored_)
+            throw;
+        trouble = other.what(); // put in the history's place
     }
+    store_.reset();
+    say_once(history_trouble_,
+             trouble + (is_restored_ ? "; what is counted waits in memory"
+                                     : "; nothing is counted until it can be read"));
+    return false;
 }
 
 bool recorder::is_replaced() const {
@@ -240,17 +257,26 @@ void recorder::disconnect(const std::string &why) {
     ask_due_ms_ = NEVER_MS;
 }
 
+// A little at a time, however seldom something is written.
 void recorder::tidy(int64_t now_ms) {
-    while (store_->tidy()) {
-        if (monotonic_ms() - now_ms >= TIDY_AT_ONCE_MS)
-            return;
+    tidy_due_ms_ = NEVER_MS;
+    if (!store_)
+        return;
+    try {
+        while (tidy_due_ms_ == NEVER_MS && store_->tidy()) {
+            if (monotonic_ms() - now_ms >= TIDY_AT_ONCE_MS)
+                tidy_due_ms_ = monotonic_ms() + TIDY_EVERY_MS;
+        }
+        health_.history_bytes = store_->size_bytes();
+    } catch (const database_error &error) {
+        complain_of(error);
     }
 }
 
 // One that is locked is for a moment, by "forget" or somebody's shell.
 void recorder::complain_of(const database_error &error) {
     if (error.is_locked())
-        write_due_ms_ = monotonic_ms() + int64_t{settings_.commit_s} * 1'000;
+        write_due_ms_ = monotonic_ms() + std::min(int64_t{settings_.commit_s} * 1'000, RETRY_MS);
     else
         say_once(history_trouble_, std::string(error.what()) +
                                        "; what is counted waits in memory until it can be written");

@@ -31,10 +31,13 @@ public:
     void listen(); // what has come on it, some of it at a time
     bool has_more() const { return has_more_; }
 
-    int64_t due_ms() const { return std::min({connect_due_ms_, write_due_ms_, ask_due_ms_}); }
+    int64_t due_ms() const {
+        return std::min({connect_due_ms_, write_due_ms_, ask_due_ms_, tidy_due_ms_});
+    }
     void serve(int64_t now_ms); // what is due
+    // Writes what there is: the last thing to do. Waits for others who are at the file.
+    void finish();
 
-    void write(int64_t now_ms);
     std::string metrics() const;
 
 private:
@@ -46,7 +49,7 @@ private:
     void greet(int64_t now_ms);
     void ask();
     void disconnect(const std::string &why);
-    void take(const message &told, int64_t now_ms);
+    bool write(int64_t now_ms); // false: somebody else is at it
     void tidy(int64_t now_ms);
     void complain_of(const database_error &error);
     void say_once(std::string &said, const std::string &what) const;
@@ -64,11 +67,14 @@ private:
     bool has_more_ = false; // was read already
     uint32_t follow_asked_ = 0;
     uint32_t clients_asked_ = 0;
-    std::vector<client_record> clients_; // of an answer that goes on
+    std::vector<client_record> clients_;       // of an answer that goes on
+    std::vector<client_record> heard_clients_; // of a whole one, to be written
     health health_;
+    int64_t heard_ms_ = 0; // avcore's last message
     int64_t connect_due_ms_ = 0;
     int64_t write_due_ms_ = 0;
     int64_t ask_due_ms_ = 0;
+    int64_t tidy_due_ms_ = 0;
     int64_t pass_due_ms_ = 0;
     int64_t clients_due_ms_ = 0;
     std::string history_trouble_; // said already

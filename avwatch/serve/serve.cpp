@@ -60,7 +60,7 @@ int serve(const history_settings &settings, const std::string &watch_socket) {
               .serve = [&](int64_t now_ms) { kept.serve(now_ms); }});
     while (goes_on)
         loop.wait_and_serve(avcore::monotonic_ms());
-    kept.write(avcore::monotonic_ms());
+    kept.finish();
     return STATUS_DONE;
 }
 

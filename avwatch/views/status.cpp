@@ -8,6 +8,7 @@
 #include "avwatch/views/views.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <unistd.h>
@@ -49,7 +50,7 @@ void print_status(const greeting_record &greeting, const counts_record &counts, 
 
 // How large the history is and how far back it reaches; null where there is none.
 ordered_json history_state(const std::string &path) {
-    if (access(path.c_str(), F_OK) != 0)
+    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT)
         return nullptr;
     ordered_json state = {{"file", path}};
     try {

@@ -1,7 +1,10 @@
 """avwatch's history, metrics and upkeep behind a watch socket that the test plays."""
+import glob
 import json
+import pathlib
 import random
 import re
+import sqlite3
 import tempfile
 import urllib.request
 
@@ -197,7 +200,7 @@ class History(Served):
         self.assertIn('"telly","\'=evil()?",allow,0,0,7,700,0,0,1,0', csv[2])
         self.assertTrue(csv[3].endswith('"app2",deny,0,5,0,0,3,0,1,1'), csv[3])
         self.assertRegex(csv[1], r"^\d{4}-\d\d-\d\d,")
-        self.assertIn("as in 90m", self.avwatch("usage", "--since", "7", status=1))
+        self.assertIn("as in 90m", self.avwatch("usage", "--since", "7", status=2))
         name = 'jorn_bytes_total{application="example.co.uk",verdict="allow",direction="down"}'
         self.assertEqual(self.metrics()[name], 2_000_000)
         self.assertIn(f'jorn_client_flows_total{{client="{MAC.format(2)}"}}', self.metrics())
@@ -206,31 +209,51 @@ class History(Served):
 
         self.avwatch("backup", self.folder + "/copy.db")
         self.assertIn("there already", self.avwatch("backup", self.folder + "/copy.db", status=1))
+        self.assertEqual([os.stat(self.folder + name).st_mode & 0o777 for name in ("/history.db", "/copy.db")],
+                         [0o640, 0o600])
         self.assertIn("rows deleted", self.avwatch("forget", "--client", "telly"))
+        self.assertEqual(self.rows("SELECT name FROM applications UNION SELECT application FROM candidates "
+                                   "ORDER BY name"), [("app2",), ("other",)])
         avcore.tell(ended(1, 40, 0, id="y"))
         wait_until(lambda: self.bytes().get((MAC.format(1), "app1")) == (40, 0, 1))
         self.assertEqual(len(self.usage()), 2)
         self.assertEqual(len(self.usage("--history", self.folder + "/copy.db")), 3)
-        self.assertEqual(self.total(), 2_000_845)  # nobody's counter fell
+        self.assertEqual(self.total(), 2_000_845)  # no application's counter fell
+        self.assertEqual(self.metrics()[f'jorn_client_flows_total{{client="{MAC.format(1)}"}}'], 1)
+        with contextlib.closing(sqlite3.connect(self.history, isolation_level=None)) as other:
+            other.execute("BEGIN IMMEDIATE")  # and the last counts wait for it
+            avcore.tell(ended(1, 2, 0, id="z"))
+            time.sleep(1)
+            self.server.terminate()
+            time.sleep(1)
         self.stop()
+        self.assertEqual(self.bytes()[MAC.format(1), "app1"], (42, 0, 2))
         self.configure('names = "none"\n')
         self.assertIn("by name", self.avwatch("usage", "--history", self.folder + "/copy.db"))
+
+    def rows(self, sql, history=None):
+        with contextlib.closing(sqlite3.connect(history or self.history, isolation_level=None)) as file:
+            return file.execute(sql).fetchall()
 
     def test_files_that_are_not_its_own(self):
         self.serve()
         self.stop()
-        query = ["sqlite3", self.history]
-        subprocess.run([*query, "PRAGMA user_version = 99; PRAGMA journal_mode = DELETE"], check=True,
-                       capture_output=True)
-        foreign = self.folder + "/foreign.db"
-        subprocess.run(["sqlite3", foreign, "CREATE TABLE theirs (a)"], check=True)
-        for file, why in ((self.history, "later version"), (foreign, "another program")):
-            with open(file, "rb") as opened:
-                before = opened.read()
+        later, foreign = self.folder + "/later.db", self.folder + "/foreign.db"
+        with contextlib.closing(sqlite3.connect(self.history)) as file:
+            file.execute("PRAGMA user_version = 99")
+            for end in "", "-wal":  # as a crash leaves them
+                run("cp", self.history + end, later + end)
+        self.rows("CREATE TABLE theirs (a)", foreign)
+        def contents(file):
+            return [pathlib.Path(each).read_bytes() for each in sorted(glob.glob(file + "*"))
+                    if not each.endswith("-shm")]
+        for file, why in ((later, "later version"), (foreign, "another program")):
+            before = contents(file)
             for task in ("serve",), ("usage",), ("forget", "--client", "telly"), ("backup", "/tmp/copy"):
                 self.assertIn(why, self.avwatch(*task, "--history", file, status=1))
-            with open(file, "rb") as opened:
-                self.assertEqual(opened.read(), before)
+                if task == ("serve",):
+                    os.unlink(file + "-lock")
+                self.assertEqual(contents(file), before)
         self.assertIn("no history", self.avwatch("usage", "--history", "/nowhere", status=1))
 
         # A broken one: the rest goes on, and once it is moved away the history begins anew.

@@ -225,6 +225,29 @@ TEST_F(AvwatchHistory, ManyFlowsKeepTheirNames) {
     EXPECT_EQ(number("SELECT count(*) FROM hours WHERE client = 0"), 0);
 }
 
+// What avcore doesn't know any more after a restart stays, and an address is the latest one's.
+TEST_F(AvwatchHistory, ClientsKeepWhatTheySaid) {
+    const std::string other = "02:00:00:00:00:02";
+    client_record said;
+    said.client_mac = other;
+    add("application", 1, other);
+    write(NOW_S);
+    kept->write_clients({said});
+    said.addresses = {"192.0.2.1"};
+    said.host_name = "laptop";
+    kept->write_clients({said});
+    said.host_name = "";
+    kept->write_clients({said});
+    add("application", 1);
+    write(NOW_S + DAY_S);
+    said.client_mac = MAC;
+    kept->write_clients({said});
+    database file(settings.file, database::access::read_only);
+    const known_clients clients({}, read_clients(file));
+    EXPECT_EQ(clients.find("Laptop"), other);
+    EXPECT_EQ(clients.find("192.0.2.1"), MAC);
+}
+
 TEST_F(AvwatchHistory, ClocksThatJump) {
     const auto minutes = [&] { return number("SELECT max(start) FROM minutes"); };
     const auto count_at = [&](int64_t wall_s) {
