@@ -15,7 +15,7 @@ namespace {
 int show_apps(const invocation &asked, const selection &selected) {
     conversation talk(asked, selected);
     std::map<std::string, std::set<std::string>> clients;
-    const usages all = usages_of_flows(talk.avcore, talk.filter, [&](const flow_record &flow) {
+    const usages all = usages_of_flows(talk, [&](const flow_record &flow) {
         clients[flow.application].insert(talk.clients.key_of(flow.client_mac, flow.client));
         return flow.application;
     });

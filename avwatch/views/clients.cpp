@@ -13,7 +13,7 @@ namespace {
 
 usages look(conversation &talk, const selection &selected) {
     if (selected.names_flows())
-        return usages_of_flows(talk.avcore, talk.filter, [&](const flow_record &flow) {
+        return usages_of_flows(talk, [&](const flow_record &flow) {
             return talk.clients.key_of(flow.client_mac, flow.client);
         });
     return usages_of_clients(talk.avcore, talk.clients);

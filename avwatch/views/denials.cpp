@@ -39,7 +39,7 @@ void add_line(table &lines, const flow_record &flow, uint64_t us, const known_cl
 int list_denials(const invocation &asked, selection selected) {
     selected.verdict = DENIED;
     conversation talk(asked, selected);
-    std::vector<flow_record> flows = ask_flows(talk.avcore, talk.filter);
+    std::vector<flow_record> flows = talk.ask_flows();
     std::ranges::stable_sort(flows, std::greater(),
                              [](const flow_record &flow) { return flow.dropped.denied; });
     table lines = denial_table();
@@ -62,7 +62,7 @@ int follow_denials(const invocation &asked, const selection &selected) {
     if (!selected.as_json)
         lines.print(std::cout);
     while (std::cout.flush()) {
-        const message next = talk.avcore.wait();
+        message next = talk.avcore.wait();
         if (next.id != id)
             continue;
         if (const auto *lost = std::get_if<lost_events>(&next.what))
@@ -70,8 +70,11 @@ int follow_denials(const invocation &asked, const selection &selected) {
                      " lost, for they came faster than they were read");
         if (const auto *error = std::get_if<answer_error>(&next.what))
             throw refused("avcore doesn't tell: " + error->text);
-        const auto *event = std::get_if<event_record>(&next.what);
+        auto *event = std::get_if<event_record>(&next.what);
         if (event == nullptr || event->what != "denied" || !event->flow)
+            continue;
+        event->flow = talk.shown(std::move(*event->flow));
+        if (!talk.is_wanted(*event->flow))
             continue;
         if (selected.as_json)
             std::cout << to_line(object_of(*event)) << '\n';

@@ -71,7 +71,7 @@ private:
 
 int list_flows(const invocation &asked, const selection &selected) {
     conversation talk(asked, selected);
-    std::vector<flow_record> flows = ask_flows(talk.avcore, talk.filter);
+    std::vector<flow_record> flows = talk.ask_flows();
     std::ranges::stable_sort(flows, std::greater(), [](const flow_record &flow) {
         return flow.up.bytes + flow.down.bytes;
     });
@@ -93,6 +93,8 @@ public:
             flows_[flow.id] = flow;
     }
 
+    bool has(const std::string &id) const { return flows_.contains(id); }
+
     // Null where the flow isn't known.
     const flow_record *count(const count_record &count) {
         const auto flow = flows_.find(count.id);
@@ -113,12 +115,15 @@ int follow_flows(const invocation &asked, const selection &selected) {
     followed_flows flows;
     lines.finish();
     while (std::cout.flush()) {
-        const message next = talk.avcore.wait();
+        message next = talk.avcore.wait();
         if (next.id != id)
             continue;
-        if (const auto *flow = std::get_if<flow_record>(&next.what)) {
-            lines.add(*flow);
-            flows.keep(*flow);
+        if (auto *told = std::get_if<flow_record>(&next.what)) {
+            const flow_record flow = talk.shown(std::move(*told));
+            if (!talk.is_wanted(flow) && !flows.has(flow.id))
+                continue;
+            lines.add(flow);
+            flows.keep(flow);
         } else if (const auto *count = std::get_if<count_record>(&next.what)) {
             const flow_record *counted_flow = flows.count(*count);
             if (counted_flow != nullptr && selected.as_json)

@@ -1,5 +1,6 @@
 #include "avwatch/views/selection.h"
 
+#include "avcore/base/host_text.h"
 #include "avwatch/base/complain.h"
 #include "shared/counted.h"
 
@@ -8,8 +9,7 @@
 namespace avwatch {
 namespace {
 
-known_clients ask_who(const invocation &asked, watch_client &avcore) {
-    const settings read = read_settings(asked.settings_file);
+known_clients ask_who(const settings &read, watch_client &avcore) {
     avcore.wait_for_greeting(ANSWER_PATIENCE);
     return {read.aliases, ask_clients(avcore)};
 }
@@ -48,11 +48,47 @@ void add_verdict(CLI::App &subcommand, selection &selected) {
         ->check(CLI::IsMember({"none", "allow", "white-list", "deny", "rate-limit", "qos"}));
 }
 
-conversation::conversation(const invocation &asked, const selection &selected)
-    : avcore(asked.watch_socket),
-      clients(ask_who(asked, avcore)),
+conversation::conversation(const invocation &asked, const selection &wanted, const settings &read)
+    : selected(wanted),
+      names(read.history.names),
+      avcore(asked.watch_socket),
+      clients(ask_who(read, avcore)),
       client_key(selected.client.empty() ? "" : clients.find(selected.client)),
-      filter{client_key, selected.name, selected.application, verdict_word(selected.verdict), 0} {}
+      filter{client_key, names == names_kept::full ? selected.name : "",
+             names == names_kept::full ? selected.application : "", verdict_word(selected.verdict),
+             0} {}
+
+flow_record conversation::shown(flow_record flow) const {
+    if (names == names_kept::full)
+        return flow;
+    flow.application = reduced(classify(flow.application, flow.why.named_by), names).text;
+    flow.host = reduced({flow.host, true}, names).text;
+    flow.why.name = reduced({flow.why.name, true}, names).text;
+    // avcore's words begin with the name.
+    const size_t behind = flow.why.text.rfind(", named by ");
+    flow.why.text = behind != std::string::npos ? flow.application + flow.why.text.substr(behind)
+                                                : std::string();
+    return flow;
+}
+
+bool conversation::is_wanted(const flow_record &flow) const {
+    if (names == names_kept::full)
+        return true; // avcore has chosen
+    const std::string application = avcore::lower_case(flow.application);
+    const std::string part = avcore::lower_case(selected.name);
+    return (selected.application.empty() ||
+            application == avcore::lower_case(selected.application)) &&
+           (application.find(part) != std::string::npos ||
+            avcore::lower_case(flow.host).find(part) != std::string::npos);
+}
+
+std::vector<flow_record> conversation::ask_flows() {
+    std::vector<flow_record> flows = avwatch::ask_flows(avcore, filter);
+    for (flow_record &flow : flows)
+        flow = shown(std::move(flow));
+    std::erase_if(flows, [&](const flow_record &flow) { return !is_wanted(flow); });
+    return flows;
+}
 
 void say_what_was_passed_over(const watch_client &avcore) {
     if (avcore.passed_over() != 0)

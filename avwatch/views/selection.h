@@ -3,10 +3,12 @@
 
 #include "avwatch/client/answers.h"
 #include "avwatch/client/known_clients.h"
+#include "avwatch/history/application_names.h"
 #include "avwatch/settings/settings.h"
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace avwatch {
 
@@ -25,14 +27,28 @@ void add_selection(CLI::App &subcommand, selection &selected);
 void add_verdict(CLI::App &subcommand, selection &selected);
 
 // avcore, greeted and asked for its clients, and what is to be asked of it for a selection.
+//
+// Flows are shown with as much of names as the history keeps. Where that isn't all, avcore can't
+// look for what is shown: then it tells flows of any name, and those that are wanted are chosen
+// here.
 struct conversation {
     // Throws no_watch and refused.
-    conversation(const invocation &asked, const selection &selected);
+    conversation(const invocation &asked, const selection &wanted)
+        : conversation(asked, wanted, read_settings(asked.settings_file)) {}
 
+    flow_record shown(flow_record flow) const;
+    bool is_wanted(const flow_record &flow) const; // as it is shown
+    std::vector<flow_record> ask_flows();          // as they are shown
+
+    const selection selected;
+    const names_kept names;
     watch_client avcore;
-    known_clients clients;
-    std::string client_key; // of the client selected, or empty
-    watch_filter filter;
+    const known_clients clients;
+    const std::string client_key; // of the client selected, or empty
+    const watch_filter filter;
+
+private:
+    conversation(const invocation &asked, const selection &wanted, const settings &read);
 };
 
 // That there was something in answers that nobody understood, on standard error.

@@ -47,15 +47,15 @@ uint64_t whole(double rate) {
 
 } // namespace
 
-usages usages_of_flows(watch_client &avcore, const watch_filter &filter,
+usages usages_of_flows(conversation &talk,
                        const std::function<std::string(const flow_record &)> &key_of) {
     std::unordered_map<std::string, seen_bytes> before;
-    for (const flow_record &flow : ask_flows(avcore, filter))
+    for (const flow_record &flow : talk.ask_flows())
         before[flow.id] = {flow.up.bytes, flow.down.bytes};
     const auto began = steady_clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(LOOKS_APART_SECONDS));
     usages all;
-    for (const flow_record &flow : ask_flows(avcore, filter)) {
+    for (const flow_record &flow : talk.ask_flows()) {
         usage &sum = all[key_of(flow)];
         ++sum.flows;
         add_to(sum, flow);

@@ -4,8 +4,7 @@
 // them. A flow that ended in between may be missing in a rate.
 #pragma once
 
-#include "avwatch/client/answers.h"
-#include "avwatch/client/known_clients.h"
+#include "avwatch/views/selection.h"
 
 #include <functional>
 #include <map>
@@ -26,8 +25,8 @@ struct usage {
 
 using usages = std::map<std::string, usage>;
 
-// Of the flows that fit, by what each is counted for.
-usages usages_of_flows(watch_client &avcore, const watch_filter &filter,
+// Of the flows selected, as they are shown, by what each is counted for.
+usages usages_of_flows(conversation &talk,
                        const std::function<std::string(const flow_record &)> &key_of);
 // Of all clients, by their keys. The first look is there.
 usages usages_of_clients(watch_client &avcore, const known_clients &before);

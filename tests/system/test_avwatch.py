@@ -175,6 +175,27 @@ class Avwatch(unittest.TestCase):
                          [("5", "named by DNS; by the web policy, Games"), ("0", "-")])
         self.assertEqual(self.avcore.filters(), [{"verdict": "deny"}])
 
+    def test_names_as_the_history_keeps_them(self):
+        write_file(self.toml, ALIASES + '[history]\nnames = "domain"\n')
+        site = flow(1, application="www.shop.example.co.uk", host="www.shop.example.co.uk", verdict="deny",
+                    why={"rule": 0, "named_by": "dns", "name": "www.shop.example.co.uk", "name_us": 5,
+                         "text": "www.shop.example.co.uk, named by DNS; by the web policy, black list"})
+        flows = [site, flow(2, application="Tube", why={"rule": 0, "named_by": "dpi"}), flow(3)]
+        said = [*({"flow": each} for each in flows), {"event": {"what": "denied", "us": 1, "flow": site}}]
+        for words, filters, count in ((("flows", "--app", "EXAMPLE.co.uk"), {}, 1),
+                                      (("flows", "--name", "shop"), {}, 0),
+                                      (("denials", "--name", "co.uk"), {"verdict": "deny"}, 1),
+                                      (("apps",), {}, 3),
+                                      (("flows", "--app", "example.co.uk", "--follow"), {}, 1),
+                                      (("denials", "--name", "co.uk", "--follow"), {}, 1)):
+            with self.subTest(words):
+                avcore = Avcore(self.socket, listed(flows=flows, follow=said))
+                _, lines, _ = self.avwatch(*words, "--json")
+                self.assertEqual((len(lines), avcore.filters()[0]), (count, filters))
+                self.assertNotIn("shop", "".join(lines))
+        rows = self.shown("denials", answers=listed(flows=[site]))
+        self.assertEqual(rows[1][7], "example.co.uk, named by DNS; by the web policy, black list")
+
     def test_following(self):
         later = {**COUNTS, "id": "f1", "up": [11, 1_100]}
         said = [{"flow": flow(1)}, {"listed": True}, {"count": later}, {"count": {**later, "id": "nobody's"}},
