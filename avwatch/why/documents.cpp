@@ -17,7 +17,7 @@ namespace {
 using jornctl::document;
 
 constexpr std::chrono::seconds PATIENCE{2};
-constexpr char EXPORTED[] = "the exported document";
+constexpr char EXPORTED[] = "jornctl export";
 
 document read_text(const std::string &name, std::string_view text) {
     document read = jornctl::read_document(text);
@@ -51,6 +51,8 @@ jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
 // By way of its text, so that places are those that the reader finds in it.
 void load_in_force(loaded_documents &loaded) {
     const jornctl::baseline seen = learn_tables(loaded.doubts);
+    if (!seen.are_files_read) // which has been said
+        throw jornctl::refused("what is in force isn't known without the daemon's saved files");
     for (const std::string &each : seen.doubts())
         loaded.doubts.push_back("unknown: " + each);
     document said = jornctl::document_of(seen.tables);
@@ -61,6 +63,7 @@ void load_in_force(loaded_documents &loaded) {
         loaded.doubts.emplace_back("the daemon's tables hold what no document says");
     loaded.made.in_force = std::move(is_sayable ? again : said);
     loaded.in_force = {EXPORTED, jornctl::lines_of_values(text)};
+    loaded.port_services.name = jornctl::PORT_SERVICE_FILE;
     loaded.made.port_services =
         jornctl::read_regular_file(jornctl::PORT_SERVICE_FILE).value_or(std::string());
 }

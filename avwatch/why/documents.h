@@ -1,4 +1,5 @@
-// The documents that decide, with the lines of their parts: the one in force, and one to try.
+// What decides, with the lines of its parts: the document in force, one to try, and the
+// port-service file.
 #pragma once
 
 #include "avwatch/why/judge.h"
@@ -18,12 +19,15 @@ struct loaded_documents {
     configuration made; // but for the DPI engine
     document_text in_force;
     document_text tried;
+    document_text port_services;     // each of whose lines is a part
     std::vector<std::string> doubts; // about what is in force, in words
 
     const jornctl::document &owner_of(part_kind kind) const {
         return has_table_of(kind, made.tried) ? made.tried : made.in_force;
     }
     const document_text &text_of(part_kind kind) const {
+        if (kind == part_kind::PORT_LINE)
+            return port_services;
         return has_table_of(kind, made.tried) ? tried : in_force;
     }
 };

@@ -18,6 +18,8 @@ struct flow_facts {
     judged_flow flow;
     platform_answers answers;
     bool dpi_engine = true;
+    bool is_there = false;        // avcore has such a flow,
+    std::string standing_verdict; // and this verdict, in its word, as policies are now
 
     // For who asked, in words.
     avcore::endpoint client;

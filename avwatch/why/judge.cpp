@@ -12,6 +12,7 @@
 #include "packet/decode/decode.h"
 #include "packet/process.h"
 #include "shared/unique_fd.h"
+#include "userapps/port_file/port_service_line.h"
 #include "userapps/port_service.h"
 #include "userapps/userdef.h"
 #include "webfilter/policy_index.h"
@@ -25,6 +26,7 @@
 #include <netinet/ip.h>
 #include <netinet/tcp.h>
 #include <netinet/udp.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <syslog.h>
@@ -226,7 +228,28 @@ std::optional<part> deciding_part(const pkt_ctx &context, const configuration &w
     return deciding_rule(context);
 }
 
-std::optional<part> naming_definition(const pkt_ctx &context) {
+// The last of several that say the same holds.
+std::optional<part> line_of(const port_service &wanted, const std::string &port_services) {
+    std::optional<part> found;
+    std::istringstream lines(port_services);
+    size_t number = 0;
+    for (std::string line; std::getline(lines, line); ++number) {
+        const std::string_view read = std::string_view(line).substr(0, PORT_SERVICE_LINE_MAX);
+        port_service row;
+        std::string_view version;
+        if (parse_port_service_line(read.substr(0, read.find('\0')), row, version) ==
+                port_service_line::RECORD &&
+            memcmp(&row, &wanted, sizeof row) == 0)
+            found = part{part_kind::PORT_LINE, number};
+    }
+    return found;
+}
+
+std::optional<part> naming_definition(const pkt_ctx &context, const std::string &port_services) {
+    if (context.app_source == APP_SOURCE_USER_PORT) {
+        const port_app *entry = find_port_app(context);
+        return entry != nullptr ? line_of(*entry, port_services) : std::nullopt;
+    }
     if (context.app_source != APP_SOURCE_USERDEF)
         return std::nullopt;
     const userdef_app *found = find_userdef_app(context);
@@ -242,7 +265,8 @@ asked_profile profile_of(uint32_t utp_id) {
             entry != nullptr ? place_in(jorn_state.arc_policy_list, entry->policy) : std::nullopt};
 }
 
-outcome read_outcome(const pkt_ctx &context, const configuration &wanted) {
+outcome read_outcome(const pkt_ctx &context, const configuration &wanted,
+                     const std::string &port_services) {
     const played_platform &platform = platform_in_play();
     outcome read;
     if (platform.verdict)
@@ -252,7 +276,7 @@ outcome read_outcome(const pkt_ctx &context, const configuration &wanted) {
     read.is_webs = context.url_filter != 0;
     read.web_policy = place_in<web_policy>(jorn_state.web_policy_list, context.web_cfg);
     read.by = deciding_part(context, wanted);
-    read.definition = naming_definition(context);
+    read.definition = naming_definition(context, port_services);
     read.profiles = {profile_of(context.src_utp_id), profile_of(context.dst_utp_id)};
     read.carrier_host = field_text(context.wfc_fqdn);
     return read;
@@ -272,8 +296,9 @@ outcome judge(const configuration &wanted, const part_set &gone, const judged_fl
     platform_in_play() = {&answers, std::nullopt, {}};
     take_commands(without(wanted.in_force, gone_in_force));
     take_commands(without(wanted.tried, gone_in_tried));
-    take_port_services(wanted.port_services);
-    outcome found = read_outcome(run_packet(flow), wanted);
+    const std::string port_services = without_lines(wanted.port_services, gone);
+    take_port_services(port_services);
+    outcome found = read_outcome(run_packet(flow), wanted, port_services);
     for (std::optional<part> *each : {&found.by, &found.definition}) {
         if (*each)
             *each = place_in_whole(**each, gone);

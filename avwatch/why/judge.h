@@ -56,7 +56,7 @@ struct outcome {
     std::optional<size_t>
         web_policy;                 // that applied, by its place; whether or not it owned the flow
     std::optional<part> by;         // what decided; none: nothing fits
-    std::optional<part> definition; // the administrator's application that named it
+    std::optional<part> definition; // the administrator's application or port that named it
     std::array<asked_profile, 2> profiles = {}; // the client's, the server's
     std::string carrier_host; // Wi-Fi calling: the ePDG's name, where one is known
     std::string unanswered;   // the domain whose categories nobody knew; else empty

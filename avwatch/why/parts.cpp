@@ -51,6 +51,8 @@ void take_out(document &from, const part &gone) {
         from.applications->erase(from.applications->begin() +
                                  static_cast<std::ptrdiff_t>(gone.record));
         break;
+    case part_kind::PORT_LINE: // of no document
+        break;
     }
 }
 
@@ -70,6 +72,8 @@ std::string path_of(const part &place) {
         return "/carriers/" + std::to_string(place.record);
     case part_kind::APPLICATION:
         return "/applications/" + std::to_string(place.record);
+    case part_kind::PORT_LINE:
+        break;
     }
     return {};
 }
@@ -86,6 +90,8 @@ bool has_table_of(part_kind kind, const document &said) {
         return said.carriers.has_value();
     case part_kind::APPLICATION:
         return said.applications.has_value();
+    case part_kind::PORT_LINE:
+        break;
     }
     return false;
 }
@@ -96,6 +102,19 @@ document without(const document &whole, const part_set &gone) {
     for (auto each = gone.rbegin(); each != gone.rend(); ++each) {
         if (has_table_of(each->kind, whole))
             take_out(left, *each);
+    }
+    return left;
+}
+
+std::string without_lines(const std::string &text, const part_set &gone) {
+    std::string left;
+    size_t number = 0;
+    for (size_t begin = 0; begin < text.size(); ++number) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        if (!gone.contains({part_kind::PORT_LINE, number}))
+            left.append(text, begin, end - begin);
+        left += '\n';
+        begin = end + 1;
     }
     return left;
 }

@@ -265,6 +265,9 @@ void take_flow(const flow_record &flow, flow_facts &facts) {
     facts.flow.ip_proto = protocol_number(flow.protocol);
     facts.server_text = facts.server.address.text_with(facts.server.port);
     facts.protocol = flow.protocol;
+    facts.is_there = true;
+    if (!flow.outdated)
+        facts.standing_verdict = flow.verdict;
     facts.notes.clear(); // the port is known
     facts.notes.push_back("the flow is there: verdict \"" + flow.verdict + '"' +
                           (flow.outdated ? ", outdated" : "") +
@@ -312,6 +315,13 @@ std::string client_text(const std::string &meant, const endpoint &client) {
     return text;
 }
 
+// What [[rule]]s may go by and nobody knows.
+std::string missing_text(const endpoint &client) {
+    const bool has_mac = client.mac != avcore::mac_address{};
+    return std::string(": no [[rule]] that names ") + (has_mac ? "a network" : "a MAC address") +
+           " is looked at, for its " + (has_mac ? "IP" : "MAC") + " address isn't known";
+}
+
 } // namespace
 
 flow_facts facts_from_avcore(const why_settings &asked, const invocation &around) {
@@ -332,6 +342,8 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     facts.client_text = client_text(asked.client, facts.client);
     if (flow)
         take_flow(*flow, facts);
+    else if (clients.with_key(key) == nullptr)
+        facts.notes.push_back("avcore has no flow of this client" + missing_text(facts.client));
     const profile_question about = question_about(facts, asked, flow);
     const std::optional<profile_record> said = ask_profile(*avcore, about);
     if (!said)

@@ -9,7 +9,9 @@
 
 #include <exception>
 #include <iostream>
-#include <sstream>
+#include <netinet/in.h>
+#include <optional>
+#include <utility>
 
 namespace avwatch {
 namespace {
@@ -23,10 +25,15 @@ flow_facts facts_of(const why_settings &asked, const invocation &around) {
     return facts_from_files(named.find(asked.client), asked);
 }
 
-void print_lines(const std::string &text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        std::cout << shown_text(line) << '\n';
+// Where no protocol was given, and no flow has one: the other's answer, where that is another.
+std::optional<outcome> other_protocols(const why_settings &asked, const flow_facts &facts,
+                                       const configuration &made, const outcome &found) {
+    if (!asked.protocol.empty() || facts.is_there)
+        return std::nullopt;
+    judged_flow other = facts.flow;
+    other.ip_proto = other.ip_proto == IPPROTO_TCP ? IPPROTO_UDP : IPPROTO_TCP;
+    outcome by_other = judge(made, {}, other, facts.answers);
+    return is_same_decision(found, by_other) ? std::nullopt : std::optional(std::move(by_other));
 }
 
 int answer_question(const why_settings &asked, const invocation &around) {
@@ -34,11 +41,14 @@ int answer_question(const why_settings &asked, const invocation &around) {
     loaded_documents documents = load_documents(asked.policy_file);
     documents.made.dpi_engine = facts.dpi_engine;
     const fitting_parts fitting = find_fitting(documents.made, facts.flow, facts.answers);
-    const answer found = {documents, facts, fitting};
-    if (asked.as_json)
+    const answer found = {documents, facts, fitting,
+                          other_protocols(asked, facts, documents.made, fitting.now)};
+    if (asked.as_json) {
         std::cout << to_line(json_of(found)) << '\n';
-    else
-        print_lines(text_of(found));
+    } else {
+        for (const std::string &line : lines_of(found))
+            std::cout << shown_text(line) << '\n';
+    }
     return status_of(fitting.now);
 }
 

@@ -136,29 +136,34 @@ described_part describe(const answer &all, const outcome &found, const part &by)
         return {called("application", defined.app_name, by.record),
                 "the administrator's definition names the flow"};
     }
+    case part_kind::PORT_LINE:
+        return {"the port's name", "the port-service file names the flow"};
     }
     return {};
 }
 
 size_t line_of(const answer &all, const part &place) {
+    if (place.kind == part_kind::PORT_LINE)
+        return place.record + 1;
     const auto &lines = all.documents.text_of(place.kind).lines;
     const auto found = lines.find(path_of(place));
     return found != lines.end() ? found->second : 0;
 }
 
-// "(policy.json, line 41)".
+// "(/policies/0/rules/3, line 41 of policy.json)".
 std::string place_text(const answer &all, const part &place) {
-    const size_t line = line_of(all, place);
-    return '(' + path_of(place) +
-           (line != 0
-                ? ", line " + std::to_string(line) + " of " + all.documents.text_of(place.kind).name
-                : "") +
-           ')';
+    std::string text = path_of(place);
+    if (const size_t line = line_of(all, place); line != 0)
+        text += (text.empty() ? "line " : ", line ") + std::to_string(line) + " of " +
+                all.documents.text_of(place.kind).name;
+    return '(' + text + ')';
 }
 
 std::string without_policy(const asked_profile &profile) {
+    if (profile.utp_id == 0)
+        return "the client has no profile, for its UTP is 0";
     const std::string utp = "UTP " + std::to_string(profile.utp_id);
-    return profile.has_entry ? utp + " has no policy" : utp + " isn't among the daemon's UTPs";
+    return utp + (profile.has_entry ? " has no policy" : " isn't among the daemon's UTPs");
 }
 
 // Why nothing decided.
@@ -232,7 +237,8 @@ std::string name_source(const answer &all, const outcome &found) {
     case APP_SOURCE_DPI:
         return all.facts.engine_source;
     case APP_SOURCE_USER_PORT:
-        return "the port-service file";
+        return "the port-service file" +
+               (found.definition ? ' ' + place_text(all, *found.definition) : "");
     case APP_SOURCE_USERDEF:
         return definition_source(all, found);
     case APP_SOURCE_NONE:
@@ -254,7 +260,9 @@ std::string without_text(const answer &all, const outcome &before, const outcome
 ordered_json place_json(const answer &all, const std::optional<part> &place) {
     if (!place)
         return nullptr;
-    ordered_json said = {{"path", path_of(*place)}};
+    ordered_json said;
+    if (const std::string path = path_of(*place); !path.empty())
+        said["path"] = path;
     if (const size_t line = line_of(all, *place); line != 0)
         said["line"] = line;
     said["document"] = all.documents.text_of(place->kind).name;
@@ -272,6 +280,37 @@ ordered_json outcome_json(const answer &all, const outcome &found) {
             {"definition", place_json(all, found.definition)}};
 }
 
+// What of the documents could have blocked the flow and isn't asked.
+std::string not_asked(const answer &all, const outcome &found) {
+    const uint32_t filter = all.facts.flow.trailer.filter_type;
+    const auto &policies = all.documents.owner_of(part_kind::CATEGORY).web_policies;
+    if (!policies || policies->empty() || found.is_webs || !found.passes())
+        return {};
+    if ((filter & AV_FILTER_URL) == 0)
+        return "no web policy is asked, for filter_type of the client's profile has no \"url\"";
+    return all.facts.dpi_engine ? ""
+                                : "no web policy is asked, for the daemon isn't told of a DPI "
+                                  "engine (tm_support of avcore's configuration)";
+}
+
+// What is to be said beside the answer.
+std::vector<std::string> notes_of(const answer &all) {
+    const outcome &now = all.fitting.now;
+    const flow_facts &facts = all.facts;
+    std::vector<std::string> notes = facts.notes;
+    if (!facts.standing_verdict.empty() && facts.standing_verdict != verdict_word(now) &&
+        all.documents.tried.name.empty() && now.unanswered.empty())
+        notes.emplace_back("the daemon decided otherwise: by something that isn't known here, or "
+                           "by a packet of the other side's");
+    if (const std::string missing = not_asked(all, now); !missing.empty())
+        notes.push_back(missing);
+    if (all.by_other_protocol)
+        notes.push_back(std::string("no protocol is given: it is taken to be ") + facts.protocol +
+                        "; with the other one: " + sentence_of(all, *all.by_other_protocol));
+    notes.insert(notes.end(), all.documents.doubts.begin(), all.documents.doubts.end());
+    return notes;
+}
+
 } // namespace
 
 int status_of(const outcome &found) {
@@ -280,29 +319,35 @@ int status_of(const outcome &found) {
     return found.passes() ? PASSES : BLOCKED;
 }
 
-std::string text_of(const answer &found) {
+bool is_same_decision(const outcome &one, const outcome &other) {
+    return one.verdict.verdict == other.verdict.verdict && one.by == other.by &&
+           one.unanswered.empty() == other.unanswered.empty();
+}
+
+std::vector<std::string> lines_of(const answer &found) {
     const outcome &now = found.fitting.now;
     const flow_facts &facts = found.facts;
-    std::string text = sentence_of(found, now) + '\n';
+    std::vector<std::string> lines = {sentence_of(found, now)};
     const auto row = [&](const char *what, const std::string &said) {
-        text += std::string("  ").append(what).append(10 - std::string_view(what).size(), ' ') +
-                said + '\n';
+        std::string line = std::string("  ").append(what);
+        lines.push_back(line.append(12 - line.size(), ' ') + said);
     };
     row("client", facts.client_text + ", UTP " + std::to_string(facts.flow.trailer.src_utp_id) +
                       ", interface " + facts.interface + ", by " + facts.profile_source);
     row("server", facts.server_text + ", " + facts.protocol);
-    row("name", in_quotes(flow_name(found, now)) + ", by " + name_source(found, now));
-    for (const std::string &each : facts.notes)
-        row("note", each);
-    for (const std::string &each : found.documents.doubts)
+    const std::string name = flow_name(found, now);
+    row("name", name.empty() ? "none" : in_quotes(name) + ", by " + name_source(found, now));
+    for (const std::string &each : notes_of(found))
         row("note", each);
     const outcome *before = &now;
     for (const outcome &each : found.fitting.then) {
-        text += (before == &now ? "without it:\n  " : "  then ") +
-                without_text(found, *before, each) + sentence_of(found, each) + '\n';
+        if (before == &now)
+            lines.emplace_back("without it:");
+        lines.push_back((before == &now ? "  " : "  then ") + without_text(found, *before, each) +
+                        sentence_of(found, each));
         before = &each;
     }
-    return text;
+    return lines;
 }
 
 ordered_json json_of(const answer &found) {
@@ -314,9 +359,7 @@ ordered_json json_of(const answer &found) {
     said["utp"] = facts.flow.trailer.src_utp_id;
     said["interface"] = facts.interface;
     said["profile_by"] = facts.profile_source;
-    said["notes"] = facts.notes;
-    for (const std::string &each : found.documents.doubts)
-        said["notes"].push_back(each);
+    said["notes"] = notes_of(found);
     said["then"] = ordered_json::array();
     for (const outcome &each : found.fitting.then)
         said["then"].push_back(outcome_json(found, each));

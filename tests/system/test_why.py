@@ -1,6 +1,7 @@
 """`avwatch why`: by which part of a document a flow is judged, and what would judge it instead."""
 import tempfile
 
+import test_avwatch as played
 from records import *
 
 POLICY = "policy.json"
@@ -12,7 +13,8 @@ DOCUMENT = """{
             "rules": [
                 {"app_name": "intranet.example", "deny": true},
                 {"app_name": "games", "deny": true},
-                {"app_name": "example", "rate_down": 1000}
+                {"app_name": "example", "rate_down": 1000},
+                {"app_name": "clock", "cat_name": "User Defined", "deny": true}
             ]
         }
     ],
@@ -20,7 +22,8 @@ DOCUMENT = """{
         {"name": "kids", "uuid": "k", "categories": ["Gambling"],
          "blacklist": ["ads.example"]}
     ],
-    "web_interfaces": [{"ifname": "wlan1", "enable": true, "policy_uuid": "k"}]
+    "web_interfaces": [{"ifname": "wlan1", "enable": true, "policy_uuid": "k"}],
+    "applications": [{"app_name": "clock", "dst_port": 7777, "protocol": "udp"}]
 }
 """
 CONFIG = """
@@ -46,10 +49,10 @@ class Why(JudgingTest):
                            ("categories.txt", "bets.example Gambling\n")):
             write_file(f"{self.folder}/{name}", text)
 
-    def why(self, *arguments):
+    def why(self, *arguments, source=("-c", "avcore.toml")):
         """Exit status, the lines of the answer, and what was complained of."""
-        done = subprocess.run([jorn_path("avwatch"), "why", "-c", "avcore.toml", *arguments],
-                              cwd=self.folder, capture_output=True, text=True, timeout=DEADLINE)
+        done = subprocess.run([jorn_path("avwatch"), "why", *source, *arguments], cwd=self.folder,
+                              capture_output=True, text=True, timeout=DEADLINE)
         return done.returncode, done.stdout.splitlines(), done.stderr
 
     def why_json(self, *arguments):
@@ -74,10 +77,17 @@ class Why(JudgingTest):
         self.assertEqual((status, said["answer"], said["by"]), (2, "unknown", None))
         status, said = self.why_json(*bets, "--categories", "categories.txt")
         self.assertEqual((status, said["answer"], said["by"]), (1, "blocked", {
-            "path": "/web_policies/0/categories/0", "line": 14, "document": POLICY}))
+            "path": "/web_policies/0/categories/0", "line": 15, "document": POLICY}))
         status, said = self.why_json("2001:db8::9", "--name", "ads.example", "--policy", POLICY)
         self.assertEqual((status, said["by"]["path"], said["by"]["line"]),
-                         (1, "/web_policies/0/blacklist/0", 15))
+                         (1, "/web_policies/0/blacklist/0", 16))
+
+        # Either protocol's, where none is given, and what of the document isn't asked.
+        lines = self.why("192.0.2.9", "192.0.2.1:7777", "--name", "else", "--policy", POLICY)[1]
+        self.assertEqual([line.split("; ")[-1] for line in lines if line.startswith("  note ")], [
+            '  note      no web policy is asked, for filter_type of the client\'s profile has no "url"',
+            'with the other one: blocked by rule 4 of policy "guests" (/policies/0/rules/3, line 10 of '
+            'policy.json): "clock" is in the name "clock"'])
 
         for arguments, complaint in (
                 ((*GAMES, "--policy", "avcore.toml"), "parse error"),
@@ -106,9 +116,45 @@ class Why(JudgingTest):
         write_file(f"{self.folder}/{POLICY}", '{"policies": []}')
         self.assertEqual(self.why(*GAMES, "--policy", POLICY)[0], 0)
         status, said = self.why_json("2001:db8::9", "--name", "ads.example", "--policy", POLICY)
-        self.assertEqual((status, said["by"]["document"]), (1, "the exported document"))
+        self.assertEqual((status, said["by"]["document"]), (1, "jornctl export"))
         self.assertEqual(files(), before)
         self.assertEqual(jornctl("export")[1].splitlines(), exported)
+
+        write_file(PORT_SERVICE_FILE, "# ports\n7777,tcp,0,0,clock\n")
+        status, said = self.why_json("192.0.2.9", "192.0.2.1:7777")
+        self.assertEqual((status, said["by"]["path"], said["definition"]), (
+            1, "/policies/0/rules/3", {"line": 2, "document": PORT_SERVICE_FILE}))
+        os.rename("/writable/jorn/jorn_config.txt", "/writable/jorn/kept")
+        os.mkdir("/writable/jorn/jorn_config.txt")
+        status, lines, complaints = self.why(*GAMES)
+        self.assertEqual((status, lines), (2, []))
+        self.assertIn("what is in force isn't known", complaints)
+
+    def test_answers_of_the_watch_socket(self):
+        """Whoever gives them: which flow is meant, and names that steer a terminal or add a line."""
+        self.assertEqual(jornctl("apply", "-", document=json.loads(DOCUMENT))[0], 0)
+        steering, path = "a\nblocked\x1b[2J", self.folder + "/watch.sock"
+        there = played.flow(1, client="2001:db8::1", host="www.games.example", application=steering,
+                            why={"rule": 2, "named_by": "dpi", "app_id": 7, "cat_id": 8})
+        profile = {"rule": 2, "interface": steering, "utp": 3, "if_index": 1, "server_interface": "eth0", "server_utp": 0,
+                   "server_if_index": 2, "web_utp": [0, 0], "filter": ["dpi"], "engine": True, "application": "Games"}
+
+        def why(*arguments, flows=(there,)):
+            avcore = played.Avcore(path, played.listed(flows=flows, profile=[profile]))
+            said = self.why(*arguments, source=("--watch-socket", path))
+            return *said, [each for each in avcore.asked if each["ask"] != "clients"]
+        status, lines, complaints, asked = why(played.TV, "--name", "www.games.example")
+        self.assertEqual((status, complaints, [line.split()[0] for line in lines]),
+                         (0, "", ["passes:", "client", "server", "name", "note", "note"]))
+        self.assertTrue(all(line.isprintable() for line in lines), lines)
+        self.assertEqual([(each.get("client"), each.get("server")) for each in asked], [
+            (played.TV, None), ("2001:db8::1", "198.51.100.7"), ("2001:db8::1", "2001:db8::1")])
+        # Another address of the same client's has other flows; one of the server's kind is looked for.
+        for server, client in (("198.51.100.7", "192.0.2.1"), ("2001:db8::7", played.TV)):
+            self.assertEqual(why("192.0.2.1", server)[3][0]["client"], client)
+        status, lines, complaints, asked = why("192.0.2.99", "--name", "x.games.example", flows=())
+        self.assertEqual((status, lines[0].split(" (")[0]), (1, 'blocked by rule 2 of policy "guests"'))
+        self.assertTrue(any("its MAC address isn't known" in line for line in lines), lines)
 
 
 if __name__ == "__main__":

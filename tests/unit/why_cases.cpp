@@ -51,7 +51,10 @@ json said_of(const loaded_documents &documents, outcome found) {
     found.verdict.flow_key = {};
     const auto *bytes = reinterpret_cast<const uint8_t *>(&found.verdict);
     json said = {{"record", std::vector<uint8_t>(bytes, bytes + sizeof found.verdict)}};
-    if (const std::optional<part> by = removable(found))
+    const std::optional<part> by = removable(found);
+    if (by && by->kind == part_kind::PORT_LINE)
+        said["line"] = by->record;
+    else if (by)
         said.update({{"path", path_of(*by)}, {"document", documents.text_of(by->kind).name}});
     return said;
 }
