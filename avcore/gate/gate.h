@@ -94,6 +94,11 @@ public:
     uint64_t forgotten_flows() const;
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
+    // Readers know by now which flows have ended.
+    void note_told();
+    // When that was last, in this run or one before; 0: never. CLOCK_MONOTONIC.
+    uint64_t told_ns() const;
+
     void beat();
     // Packets of undecided flows are copied without a beat, too: one of them will show that there
     // is a daemon again.

@@ -81,6 +81,10 @@ bool gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
 uint64_t gate::forgotten_flows() const {
     return 0;
 }
+void gate::note_told() {}
+uint64_t gate::told_ns() const {
+    return 0;
+}
 bool gate::set_limit(uint32_t, const gate_limit &) {
     return false;
 }

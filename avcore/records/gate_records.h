@@ -225,8 +225,9 @@ struct gate_settings {
     __u32 holds_per_second;  /* of each client */
     __u32 back_mark;         /* of packets that come back; 0: none do */
     struct gate_endings endings;
+    __u64 told_ns; /* CLOCK_MONOTONIC: until then readers were told which flows had ended; 0: never */
 };
-GATE_SIZE(gate_settings, 64);
+GATE_SIZE(gate_settings, 72);
 
 #define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
 

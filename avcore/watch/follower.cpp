@@ -49,12 +49,12 @@ follower::told_values &follower::told_at(uint32_t place) {
 
 // It was over before this began.
 bool follower::is_past(const watched_flow &flow, const told_values &told) const {
-    return flow.is_over() && !told.is_any && flow.ended <= since_;
+    return flow.is_over() && !told.is_any && flow.ended <= since_ && !flow.is_for_all();
 }
 
 bool follower::has_end(uint32_t place) const {
     return !wish_.flows || (place < told_.size() && told_[place].change == END) ||
-           flows_.at(place).ended <= since_;
+           (flows_.at(place).ended <= since_ && !flows_.at(place).is_for_all());
 }
 
 void follower::leave(uint32_t place) {

@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -17,7 +16,6 @@
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <utility>
 
 namespace avcore {
@@ -27,7 +25,7 @@ constexpr int ACCEPTED_A_TURN = 16;
 constexpr int64_t ROUND_MS = 1'000;
 constexpr int64_t LOOK_MS = 200;
 constexpr mode_t MODE = 0660;
-// A round that was begun behind the marked one told some ends more, of flows that had been silent
+// A round that was begun behind the noted one told some ends more, of flows that had been silent
 // for LINGER_US; it was half a second late at most.
 constexpr int64_t PARTIAL_ROUND_US = LINGER_US - 1'500'000;
 constexpr std::string_view FULL = "{\"error\":\"sixteen readers are connected\"}\n";
@@ -57,12 +55,13 @@ std::string boot_word() {
     return word;
 }
 
-// When a run before marked the socket that it left behind; INT64_MAX: there is none.
-int64_t marked_us(const std::string &path) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode))
+// INT64_MAX: no run before has told anybody of ends.
+int64_t told_until_us(const gate *behind) {
+    const uint64_t told_ns = behind != nullptr ? behind->told_ns() : 0;
+    if (told_ns == 0)
         return INT64_MAX;
-    return int64_t{status.st_mtim.tv_sec} * 1'000'000 + status.st_mtim.tv_nsec / 1'000;
+    const auto age_us = static_cast<int64_t>((monotonic_ns() - told_ns) / 1'000);
+    return wall_us() - age_us - PARTIAL_ROUND_US;
 }
 
 // Where it can't be made, the socket can't be opened, and that says why.
@@ -76,14 +75,12 @@ const std::string &with_folder(const std::string &path) {
 
 watch::watch(surroundings around, const std::string &path)
     : around_(std::move(around)),
-      path_(path),
       run_(random_word()),
       started_us_(wall_us()),
-      told_until_us_(around_.behind != nullptr ? marked_us(path) - PARTIAL_ROUND_US : INT64_MAX),
       listener_("watch socket", with_folder(path), {SOCK_STREAM, MODE}),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       flows_({around_.flows, around_.behind, around_.settings, run_.substr(0, 16),
-              [this] { return now_us(); }, told_until_us_}),
+              [this] { return now_us(); }, told_until_us(around_.behind)}),
       sources_({flows_, around_.behind, around_.counts, around_.gate_state, around_.host_name,
                 around_.profile}) {
     if (!epoll_.valid())
@@ -159,18 +156,16 @@ void watch::serve(int64_t now_ms) {
     take_turns(now_ms);
 }
 
-// The socket is marked with the time of each round that is through, for the next run: by then the
-// ends of flows were told.
+// The gate knows for the next run when the last round was through.
 void watch::walk(int64_t now_ms) {
     if (is_followed() && now_ms >= round_due_ms_) {
         flows_.want_round();
         round_due_ms_ = now_ms + ROUND_MS;
     }
     flows_.step();
-    if (around_.behind != nullptr && rounds_marked_ != flows_.rounds_done()) {
-        rounds_marked_ = flows_.rounds_done();
-        utimensat(AT_FDCWD, path_.c_str(), nullptr, 0);
-    }
+    const uint64_t done = flows_.rounds_done();
+    if (std::exchange(rounds_noted_, done) != done && around_.behind != nullptr)
+        around_.behind->note_told();
 }
 
 void watch::take_turns(int64_t now_ms) {

@@ -77,10 +77,8 @@ private:
     bool is_followed() const;
 
     surroundings around_;
-    std::string path_;
     std::string run_;
     int64_t started_us_;
-    int64_t told_until_us_; // by a run before that was killed
     local_listener listener_;
     accept_pause pause_;
     unique_fd epoll_;
@@ -96,7 +94,7 @@ private:
     };
     std::map<int, reader> readers_; // by descriptor
     int64_t round_due_ms_ = 0;
-    uint64_t rounds_marked_ = 0;
+    uint64_t rounds_noted_ = 0;
     int64_t look_due_ms_ = 0;
     std::optional<outside> seen_outside_; // none while nobody follows
 };

@@ -51,10 +51,13 @@ struct watched_flow {
     flow_ending ending = flow_ending::none;
     uint64_t ended = 0;        // number of that change
     bool awaits = false;       // that all readers take its end
+    bool is_earlier = false;   // it was over before this run looked
     bool denial_waits = false; // for the first sight of the flow
     uint32_t round = 0;        // when the gate last had it
 
     bool is_over() const { return ending != flow_ending::none; }
+    // Who comes now is told of its end, too.
+    bool is_for_all() const { return is_earlier && awaits; }
     bool can_be_told() const { return used && seen.begun != 0 && !id.empty(); }
     const flow_row &known() const { return own ? *own : *row; }
 };

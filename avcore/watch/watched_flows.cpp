@@ -10,7 +10,7 @@ namespace {
 
 constexpr int GATE_FLOWS_A_TURN = 256;
 constexpr uint32_t PLACES_A_TURN = 512;
-constexpr int64_t COMES_BACK_US = 60'000'000; // a reader of a run that was killed
+constexpr int64_t COME_BACK_US = 60'000'000; // readers of the run before
 
 endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be) {
     std::array<uint8_t, ip_address::SIZE> bytes;
@@ -166,14 +166,15 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
     return place;
 }
 
-// What was over when it was first seen is none of anybody's here, but where a run before was killed
-// and its readers come back.
+// What was over when it was first seen is none of anybody's here, but where a run before has left
+// it and its readers come back.
 void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_counter &from) {
     watched_flow &flow = flows_[place];
     flow.seen = seen;
     flow.from = from;
     flow.counts = {};
     flow.ending = ending_of(seen, around_.now_us());
+    flow.is_earlier = flow.is_over();
     if (flow.is_over() && seen.last_us <= around_.told_until_us)
         return;
     flow.ending = flow_ending::none;
@@ -269,10 +270,16 @@ void watched_flows::end(uint32_t place, flow_ending how) {
     ended_.pop_front();
 }
 
+bool watched_flows::awaits_readers() const {
+    return around_.now_us() - started_us_ <= COME_BACK_US;
+}
+
 void watched_flows::release_ended() {
-    const auto all_have = [this](uint32_t place) {
-        return std::ranges::all_of(
-            readers_, [place](const flow_reader *reader) { return reader->has_end(place); });
+    const bool more_come = awaits_readers();
+    const auto all_have = [this, more_come](uint32_t place) {
+        return !(more_come && flows_[place].is_earlier) &&
+               std::ranges::all_of(
+                   readers_, [place](const flow_reader *reader) { return reader->has_end(place); });
     };
     while (!ended_.empty() && all_have(ended_.front())) {
         release(ended_.front());
@@ -351,7 +358,7 @@ void watched_flows::begin_round() {
     cursor_ = 0;
     next_place_ = 0;
     rechecks_ = std::exchange(all_changed_, false);
-    if (rounds_begun_ > 1 || around_.now_us() - started_us_ > COMES_BACK_US)
+    if (rounds_begun_ > 1 || !awaits_readers())
         around_.told_until_us = INT64_MAX;
 }
 

@@ -53,7 +53,7 @@ public:
         const config &settings;
         std::string run;                 // a word that no other run has
         std::function<int64_t()> now_us; // of the flows' times
-        // A run before told the ends of flows until then, and no later ones; INT64_MAX: there was
+        // The run before told the ends of flows until then, and no later ones; INT64_MAX: there was
         // none.
         int64_t told_until_us = INT64_MAX;
     };
@@ -107,6 +107,7 @@ private:
     void free(uint32_t place);
     void row_leaves(flow_row &row);
     void tell(flow_event what, uint32_t place);
+    bool awaits_readers() const;
     void begin_round();
     bool walk_gate();
     bool walk_places();

@@ -49,35 +49,37 @@ class WatchInline(InlineTest):
         closed = self.told(reader, lambda flow: flow.get("ended") == "fin", protocol="TCP")
         self.assertGreater(closed["up"][1], 50_000 + 74 * 35)
 
-        torn, other = self.pair(socket.SOCK_STREAM, 4, ALLOWED)
-        torn.sendall(bytes(100))
-        torn_id = self.told(reader, lambda flow: flow["up"][0] >= 2, protocol="TCP", server=SERVERS[4])["id"]
-
-        self.avcore.kill()
-        self.avcore.wait()
-        torn.sendall(bytes(1_000))
-        torn.shutdown(socket.SHUT_WR)
-        while other.recv(65_536):
-            pass
-        other.close()
-        for _ in range(20):
-            client.send(bytes(100))
-        up = [71, up[1] + 20 * (100 + HEADERS)]
-        time.sleep(4)  # by then it is over
-        self.start_avcore()
-        again = self.reader()
-        self.assertNotEqual(again.greeting["run"], reader.greeting["run"])
-        self.assertEqual(again.greeting["boot"], reader.greeting["boot"])
-        again.follow("flows")
-        same = again.flows[flow["id"]]
-        self.assertEqual((same["up"], same["down"], same["begun_us"] // 10**6),
-                         (up, down, flow["begun_us"] // 10**6))
-        self.assertNotIn(closed["id"], again.flows)
-        end = self.told(again, lambda flow: "ended" in flow, id=torn_id)
-        # SYN, ACKs and FIN are empty.
-        self.assertEqual((end["ended"], end["up"][1] - 1_100 - 66 * end["up"][0]), ("fin", 8))
-        self.until(lambda: client.send(bytes(100)) and again.next() and
-                   again.flows[flow["id"]]["verdict"] == "allow")
+        for how in ("kill", "terminate"):
+            torn, other = self.pair(socket.SOCK_STREAM, 4, ALLOWED)
+            torn.sendall(bytes(100))
+            torn_id = self.told(reader, lambda flow: flow["up"][0] >= 2, protocol="TCP",
+                                client_port=torn.getsockname()[1])["id"]
+            getattr(self.avcore, how)()
+            self.avcore.wait()
+            torn.sendall(bytes(1_000))
+            torn.shutdown(socket.SHUT_WR)
+            while other.recv(65_536):
+                pass
+            other.close()
+            for _ in range(20):
+                client.send(bytes(100))
+            up = [up[0] + 20, up[1] + 20 * (100 + HEADERS)]
+            time.sleep(4)  # by then it is over
+            self.start_avcore()
+            self.reader().ask("flows")  # who only asks takes no ends from others
+            before, reader = reader.greeting, self.reader()
+            self.assertNotEqual(reader.greeting["run"], before["run"])
+            self.assertEqual(reader.greeting["boot"], before["boot"])
+            reader.follow("flows")
+            same = reader.flows[flow["id"]]
+            self.assertEqual((same["up"], same["down"], same["begun_us"] // 10**6),
+                             (up, down, flow["begun_us"] // 10**6))
+            self.assertNotIn(closed["id"], reader.flows)
+            closed = self.told(reader, lambda flow: "ended" in flow, id=torn_id)
+            # SYN, ACKs and FIN are empty.
+            self.assertEqual((closed["ended"], closed["up"][1] - 1_100 - 66 * closed["up"][0]), ("fin", 8))
+        self.until(lambda: client.send(bytes(100)) and reader.next() and
+                   reader.flows[flow["id"]]["verdict"] == "allow")
 
     def test_a_scan_leaves_readers_their_flows(self):
         """Of most of its connections avcore sees no copy, and so has no row."""
