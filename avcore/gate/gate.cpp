@@ -247,8 +247,8 @@ bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
     return bucket != 0 && bpf_map_update_elem(parts_->limits.get(), &bucket, &limit, BPF_ANY) == 0;
 }
 
-void gate::note_told() {
-    write_word(parts_->settings.get()->told_ns, __u64{monotonic_ns()});
+void gate::note_told(uint64_t ns) {
+    write_word(parts_->settings.get()->told_ns, __u64{ns});
 }
 
 uint64_t gate::told_ns() const {

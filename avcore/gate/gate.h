@@ -94,10 +94,9 @@ public:
     uint64_t forgotten_flows() const;
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
-    // Readers know by now which flows have ended.
-    void note_told();
-    // When that was last, in this run or one before; 0: never. CLOCK_MONOTONIC.
-    uint64_t told_ns() const;
+    // Readers know the ends of flows whose last packet came before that, CLOCK_MONOTONIC.
+    void note_told(uint64_t ns);
+    uint64_t told_ns() const; // noted last, in this run or one before; 0: never
 
     void beat();
     // Packets of undecided flows are copied without a beat, too: one of them will show that there

@@ -81,7 +81,7 @@ bool gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
 uint64_t gate::forgotten_flows() const {
     return 0;
 }
-void gate::note_told() {}
+void gate::note_told(uint64_t) {}
 uint64_t gate::told_ns() const {
     return 0;
 }

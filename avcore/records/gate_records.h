@@ -225,7 +225,8 @@ struct gate_settings {
     __u32 holds_per_second;  /* of each client */
     __u32 back_mark;         /* of packets that come back; 0: none do */
     struct gate_endings endings;
-    __u64 told_ns; /* CLOCK_MONOTONIC: until then readers were told which flows had ended; 0: never */
+    __u64 told_ns; /* CLOCK_MONOTONIC: of flows that were silent since then avcore has told the ends
+                      to readers; 0: of none */
 };
 GATE_SIZE(gate_settings, 72);
 

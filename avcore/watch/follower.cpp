@@ -5,6 +5,7 @@
 #include "avcore/watch/json_text.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace avcore {
@@ -33,6 +34,7 @@ follower::follower(watched_flows &flows, const gate *behind, outgoing_lines &out
       out_(out),
       wish_(wish),
       since_(flows.last_change()),
+      end_(since_),
       first_round_(flows.want_round()) {
     flows_.add(*this);
 }
@@ -83,20 +85,22 @@ void follower::sum_up(uint32_t place) {
 int64_t follower::due_ms(int64_t now_ms) const {
     if (!wish_.flows || !flows_.is_done(first_round_))
         return NEVER_MS;
-    return in_pass_ ? now_ms : pass_due_ms_;
+    return in_pass_ || flows_.ended_behind(end_) ? now_ms : pass_due_ms_;
 }
 
 void follower::add_some(int64_t now_ms) {
     if (now_ms < due_ms(now_ms))
+        return;
+    int messages = 0;
+    while (messages < MESSAGES_A_TURN && out_.has_room() && (add_sum() || add_end()))
+        ++messages;
+    if (!in_pass_ && now_ms < pass_due_ms_)
         return;
     if (!std::exchange(in_pass_, true)) {
         next_ = 0;
         until_ = flows_.places();
         passed_change_ = flows_.last_change();
     }
-    int messages = 0;
-    while (messages < MESSAGES_A_TURN && out_.has_room() && add_sum())
-        ++messages;
     const uint32_t last = std::min(until_, next_ + PLACES_A_TURN);
     while (messages < MESSAGES_A_TURN && out_.has_room() && next_ < last)
         messages += add_flow(next_++);
@@ -121,6 +125,15 @@ bool follower::add_sum() {
     append_sum(out_.made(), first->first, first->second);
     out_.made() += "}\n";
     sums_.erase(first);
+    return true;
+}
+
+bool follower::add_end() {
+    const std::optional<uint32_t> place = flows_.ended_behind(end_);
+    if (!place)
+        return false;
+    end_ = flows_.at(*place).ended;
+    add_flow(*place);
     return true;
 }
 

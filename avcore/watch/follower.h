@@ -3,7 +3,7 @@
 // It goes through the table in passes, and a pass takes as long as the reader does. A flow that
 // changes meanwhile is told as it is when its turn comes, and again in the next pass, which begins
 // so much later than the last one's end as the reader wants. So a slow reader gets fewer rows and
-// no older ones.
+// no older ones. Ends don't wait for the next pass: avcore may be killed before.
 #pragma once
 
 #include "avcore/gate/gate.h"
@@ -58,6 +58,7 @@ private:
     told_values &told_at(uint32_t place);
     bool is_past(const watched_flow &flow, const told_values &told) const;
     bool add_sum();
+    bool add_end();
     bool add_flow(uint32_t place); // false: there is nothing new
     void end_pass(int64_t now_ms);
 
@@ -66,6 +67,7 @@ private:
     outgoing_lines &out_;
     follow_wish wish_;
     uint64_t since_; // number of the last change when it began
+    uint64_t end_;   // number of the last end that was looked at
     uint64_t first_round_;
     std::deque<told_values> told_; // by place; grows by pieces, as the first listing comes along
     std::map<sum_key, sum_of_flows> sums_;

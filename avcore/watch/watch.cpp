@@ -25,9 +25,6 @@ constexpr int ACCEPTED_A_TURN = 16;
 constexpr int64_t ROUND_MS = 1'000;
 constexpr int64_t LOOK_MS = 200;
 constexpr mode_t MODE = 0660;
-// A round that was begun behind the noted one told some ends more, of flows that had been silent
-// for LINGER_US; it was half a second late at most.
-constexpr int64_t PARTIAL_ROUND_US = LINGER_US - 1'500'000;
 constexpr std::string_view FULL = "{\"error\":\"sixteen readers are connected\"}\n";
 
 int64_t wall_us() {
@@ -55,13 +52,13 @@ std::string boot_word() {
     return word;
 }
 
-// INT64_MAX: no run before has told anybody of ends.
+// By a run before; INT64_MAX: none has told anybody of ends.
 int64_t told_until_us(const gate *behind) {
     const uint64_t told_ns = behind != nullptr ? behind->told_ns() : 0;
     if (told_ns == 0)
         return INT64_MAX;
     const auto age_us = static_cast<int64_t>((monotonic_ns() - told_ns) / 1'000);
-    return wall_us() - age_us - PARTIAL_ROUND_US;
+    return wall_us() - age_us;
 }
 
 // Where it can't be made, the socket can't be opened, and that says why.
@@ -156,7 +153,7 @@ void watch::serve(int64_t now_ms) {
     take_turns(now_ms);
 }
 
-// The gate knows for the next run when the last round was through.
+// The gate knows for the next run which ends were told in the last round.
 void watch::walk(int64_t now_ms) {
     if (is_followed() && now_ms >= round_due_ms_) {
         flows_.want_round();
@@ -165,7 +162,8 @@ void watch::walk(int64_t now_ms) {
     flows_.step();
     const uint64_t done = flows_.rounds_done();
     if (std::exchange(rounds_noted_, done) != done && around_.behind != nullptr)
-        around_.behind->note_told();
+        around_.behind->note_told(monotonic_ns() -
+                                  static_cast<uint64_t>(flows_.round_age_us() + LINGER_US) * 1'000);
 }
 
 void watch::take_turns(int64_t now_ms) {

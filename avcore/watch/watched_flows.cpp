@@ -243,11 +243,12 @@ void watched_flows::tell_news(uint32_t place, const row_digest &before, const ro
 
 // Ends.
 
-void watched_flows::look_at_end(uint32_t place, int64_t now_us) {
+// All of a round go by its beginning: how far it told ends can then be said of the whole.
+void watched_flows::look_at_end(uint32_t place) {
     const watched_flow &flow = flows_[place];
     if (!flow.can_be_told() || flow.is_over())
         return;
-    if (const flow_ending how = ending_of(flow.seen, now_us); how != flow_ending::none)
+    if (const flow_ending how = ending_of(flow.seen, round_begun_us_); how != flow_ending::none)
         end(place, how);
 }
 
@@ -268,6 +269,12 @@ void watched_flows::end(uint32_t place, flow_ending how) {
         reader->sum_up(ended_.front());
     release(ended_.front());
     ended_.pop_front();
+}
+
+std::optional<uint32_t> watched_flows::ended_behind(uint64_t change) const {
+    const auto next = std::ranges::upper_bound(
+        ended_, change, {}, [this](uint32_t place) { return flows_[place].ended; });
+    return next != ended_.end() ? std::optional(*next) : std::nullopt;
 }
 
 bool watched_flows::awaits_readers() const {
@@ -353,6 +360,7 @@ uint64_t watched_flows::want_round() {
 void watched_flows::begin_round() {
     wanted_ = false;
     walking_ = true;
+    round_begun_us_ = around_.now_us();
     ++rounds_begun_;
     gate_walked_ = around_.behind == nullptr;
     cursor_ = 0;
@@ -387,16 +395,15 @@ bool watched_flows::walk_gate() {
 }
 
 bool watched_flows::walk_places() {
-    const int64_t now_us = around_.now_us();
     const uint32_t until = std::min(next_place_ + PLACES_A_TURN, places());
     for (; next_place_ < until; ++next_place_)
         if (flows_[next_place_].used && flows_[next_place_].current)
-            look_again(next_place_, now_us);
+            look_again(next_place_);
     release_ended();
     return next_place_ < places();
 }
 
-void watched_flows::look_again(uint32_t place, int64_t now_us) {
+void watched_flows::look_again(uint32_t place) {
     const watched_flow &flow = flows_[place];
     if (!flow.at_gate) {
         place = observe(place, sight_of(flow.row->life));
@@ -409,7 +416,7 @@ void watched_flows::look_again(uint32_t place, int64_t now_us) {
     }
     if (rechecks_)
         look_at_row(place);
-    look_at_end(place, now_us);
+    look_at_end(place);
 }
 
 // The gate has. What it sees again of the same sides is another flow.

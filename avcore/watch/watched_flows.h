@@ -23,6 +23,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -77,6 +78,7 @@ public:
     // A round from now on: its number, for `is_done`.
     uint64_t want_round();
     uint64_t rounds_done() const { return rounds_done_; }
+    int64_t round_age_us() const { return now_us() - round_begun_us_; } // since the last one began
     bool is_done(uint64_t round) const { return rounds_done_ >= round; }
     bool is_walking() const { return walking_ || wanted_; }
     // A slice of the round, if one is wanted. Takes less than a millisecond.
@@ -87,6 +89,8 @@ public:
     uint64_t change_at(uint32_t place) const { return flows_.change_at(place); }
     uint64_t last_change() const { return flows_.last_change(); }
     int64_t now_us() const { return around_.now_us(); }
+    // The flow that ended next behind the change of that number, or none.
+    std::optional<uint32_t> ended_behind(uint64_t change) const;
     // Those that all readers have the end of go.
     void release_ended();
 
@@ -101,7 +105,7 @@ private:
     void take_counts(uint32_t place, const flow_sight &seen);
     void look_at_row(uint32_t place);
     void tell_news(uint32_t place, const row_digest &before, const row_digest &now);
-    void look_at_end(uint32_t place, int64_t now_us);
+    void look_at_end(uint32_t place);
     void end(uint32_t place, flow_ending how);
     void release(uint32_t place);
     void free(uint32_t place);
@@ -111,7 +115,7 @@ private:
     void begin_round();
     bool walk_gate();
     bool walk_places();
-    void look_again(uint32_t place, int64_t now_us);
+    void look_again(uint32_t place);
     void forget(uint32_t place);
     std::unique_ptr<flow_row> row_of(const gate_flow &key, const gate_flow_state &state);
 
@@ -128,6 +132,7 @@ private:
     bool walking_ = false;
     bool gate_walked_ = false; // in this round
     bool rechecks_ = false;    // this round looks at all rows
+    int64_t round_begun_us_ = 0;
     uint64_t rounds_begun_ = 0;
     uint64_t rounds_done_ = 0;
     uint32_t cursor_ = 0;     // of the gate's flows

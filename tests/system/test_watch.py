@@ -222,8 +222,9 @@ class Watch(SystemTest):
 
     def test_ends_and_what_comes_again(self):
         self.start()
-        following = self.reader()
+        following, seldom = self.reader(), self.reader()
         following.follow("flows", "events")
+        seldom.follow("flows", every_ms=60_000)
         self.feed(segment(1, SYN), segment(1, SYN | ACK, back=True), segment(1, FIN | ACK, b"1"),
                   segment(1, FIN | ACK, back=True), segment(1, ACK), segment(2, SYN),
                   segment(2, RST, back=True), udp_frame(3, 9), udp_frame(4, 9))
@@ -233,6 +234,8 @@ class Watch(SystemTest):
             flow = following.event("ended")["flow"]
             ended[flow["client_port"]] = flow["ended"], flow["up"], flow["down"]
         self.assertEqual(ended, {1: ("fin", [3, 163], [2, 108]), 2: ("reset", [1, 54], [1, 54])})
+        told = [message["flow"]["ended"] for message in (seldom.next(), seldom.next())]
+        self.assertEqual(set(told), {"fin", "reset"})
         self.feed(segment(1, SYN), segment(2, ACK), udp_frame(4, 9, b"4"), at=400)
         flow = following.event("ended")["flow"]
         self.assertEqual((flow["client_port"], flow["ended"], flow["up"]), (3, "idle", [1, 42]))
