@@ -22,9 +22,18 @@ void add_filter(json_object &object, uint32_t filter_type, bool has_engine) {
     object.key("filter") += '[' + words + ']';
 }
 
+client_rules::fitting fitting_of(const profile_question &asked, const client_rules &rules,
+                                 const config &settings) {
+    if (asked.rule && *asked.rule == 0)
+        return {settings.client, 0};
+    if (asked.rule && *asked.rule <= settings.rules.size())
+        return {settings.rules[*asked.rule - 1].profile, *asked.rule};
+    return rules.fitting_of(asked.client);
+}
+
 void add_sides(json_object &object, const profile_question &asked, const profile_sources &sources) {
     const client_rules rules(sources.settings, sources.captured_on);
-    const client_rules::fitting client = rules.fitting_of(asked.client);
+    const client_rules::fitting client = fitting_of(asked, rules, sources.settings);
     endpoint server_side;
     server_side.address = asked.server.value_or(ip_address());
     const side_profile &server = rules.server(server_side);

@@ -96,7 +96,8 @@ profile_question profile_in(const json &object, uint32_t id) {
     profile_question asked = {.id = id,
                               .client = {},
                               .server = address_in(object, "server"),
-                              .name = text_in(object, "name")};
+                              .name = text_in(object, "name"),
+                              .rule = number_in(object, "rule", 0, INT64_MAX)};
     const std::string mac = text_in(object, "client_mac");
     const std::optional<mac_address> client_mac = mac_in(mac);
     const std::optional<ip_address> client = address_in(object, "client");

@@ -42,7 +42,8 @@ struct profile_question {
     uint32_t id;
     endpoint client; // without MAC address, or without address, where only the other was said
     std::optional<ip_address> server;
-    std::string name; // may be empty where there is a server
+    std::string name;             // may be empty where there is a server
+    std::optional<uint64_t> rule; // that a flow of the client's has; there may be none any more
 };
 
 struct follow_wish {

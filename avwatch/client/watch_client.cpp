@@ -83,6 +83,8 @@ uint32_t watch_client::ask(const profile_question &asked) {
                      {"client_mac", asked.client_mac},
                      {"server", asked.server},
                      {"name", asked.name}});
+    if (asked.rule)
+        line["rule"] = *asked.rule;
     return send(std::move(line));
 }
 

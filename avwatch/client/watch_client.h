@@ -30,6 +30,7 @@ enum class question { flows, clients, counts, gate };
 struct profile_question {
     std::string client, client_mac;
     std::string server, name;
+    std::optional<uint64_t> rule; // that a flow of the client's has
 };
 
 // All that are there must fit.

@@ -96,6 +96,18 @@ bool is_meant(const flow_record &flow, const why_settings &asked) {
            (asked.name.empty() || is_called(flow, asked.name));
 }
 
+// Which [[rule]] the client has, as its latest flow says: it may name one of several interfaces.
+std::optional<uint64_t> known_rule(const std::vector<flow_record> &flows,
+                                   const ip_address &client) {
+    const flow_record *latest = nullptr;
+    for (const flow_record &each : flows) {
+        if (ip_address::parse(each.client) == client &&
+            (latest == nullptr || each.last_us > latest->last_us))
+            latest = &each;
+    }
+    return latest != nullptr ? latest->why.rule : std::nullopt;
+}
+
 // The one seen last.
 std::optional<flow_record> meant_flow(const std::vector<flow_record> &flows,
                                       const why_settings &asked) {
@@ -315,11 +327,11 @@ std::string client_text(const std::string &meant, const endpoint &client) {
     return text;
 }
 
-// What [[rule]]s may go by and nobody knows.
-std::string missing_text(const endpoint &client) {
+std::string unknown_client(const endpoint &client) {
     const bool has_mac = client.mac != avcore::mac_address{};
-    return std::string(": no [[rule]] that names ") + (has_mac ? "a network" : "a MAC address") +
-           " is looked at, for its " + (has_mac ? "IP" : "MAC") + " address isn't known";
+    return std::string("avcore has no flow of this client: whether a [[rule]] fits that names ") +
+           (has_mac ? "a network" : "a MAC address") +
+           ", or one of several interfaces, isn't known";
 }
 
 } // namespace
@@ -335,7 +347,8 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     const std::optional<ip_address> address = meant_address(read.aliases, asked.client, server);
     watch_filter of_client;
     of_client.client = address ? address->text() : key;
-    const std::optional<flow_record> flow = meant_flow(ask_flows(*avcore, of_client), asked);
+    const std::vector<flow_record> flows = ask_flows(*avcore, of_client);
+    const std::optional<flow_record> flow = meant_flow(flows, asked);
 
     flow_facts facts = begin_facts(
         flow ? endpoint_of(*flow) : known_endpoint(clients, key, address, server), asked);
@@ -343,8 +356,9 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     if (flow)
         take_flow(*flow, facts);
     else if (clients.with_key(key) == nullptr)
-        facts.notes.push_back("avcore has no flow of this client" + missing_text(facts.client));
-    const profile_question about = question_about(facts, asked, flow);
+        facts.notes.push_back(unknown_client(facts.client));
+    profile_question about = question_about(facts, asked, flow);
+    about.rule = flow ? flow->why.rule : known_rule(flows, facts.client.address);
     const std::optional<profile_record> said = ask_profile(*avcore, about);
     if (!said)
         throw refused("avcore doesn't say what it has for this client: name its file with -c");

@@ -157,6 +157,8 @@ class Watch(SystemTest):
             "rule": 2, "interface": "wlan6", "utp": 3, "if_index": 1, "server_interface": "eth0",
             "server_utp": 0, "server_if_index": 2, "web_utp": [0, 0], "filter": ["dpi"], "engine": True,
             "name": "games.example", "name_us": BEGIN_US, "categories": []})
+        rules = [asking.ask("profile", client=PLAYER, server=GAMES, rule=rule)[0]["rule"] for rule in (0, 3, 4)]
+        self.assertEqual(rules, [0, 3, 2])
         [profile] = asking.ask("profile", client_mac="02:00:00:00:00:77", name="WWW.YouTube.com")
         self.assertEqual((profile["rule"], profile["application"]), (1, "YouTube"))
         [profile] = asking.ask("profile", client=CLIENT, name="x.blocked.example")

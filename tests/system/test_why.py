@@ -147,14 +147,14 @@ class Why(JudgingTest):
         self.assertEqual((status, complaints, [line.split()[0] for line in lines]),
                          (0, "", ["passes:", "client", "server", "name", "note", "note"]))
         self.assertTrue(all(line.isprintable() for line in lines), lines)
-        self.assertEqual([(each.get("client"), each.get("server")) for each in asked], [
-            (played.TV, None), ("2001:db8::1", "198.51.100.7"), ("2001:db8::1", "2001:db8::1")])
+        self.assertEqual([tuple(map(each.get, ("client", "server", "rule"))) for each in asked], [
+            (played.TV, None, None), ("2001:db8::1", "198.51.100.7", 2), ("2001:db8::1", "2001:db8::1", 2)])
         # Another address of the same client's has other flows; one of the server's kind is looked for.
         for server, client in (("198.51.100.7", "192.0.2.1"), ("2001:db8::7", played.TV)):
             self.assertEqual(why("192.0.2.1", server)[3][0]["client"], client)
         status, lines, complaints, asked = why("192.0.2.99", "--name", "x.games.example", flows=())
         self.assertEqual((status, lines[0].split(" (")[0]), (1, 'blocked by rule 2 of policy "guests"'))
-        self.assertTrue(any("its MAC address isn't known" in line for line in lines), lines)
+        self.assertTrue(any("a [[rule]] fits that names a MAC address" in line for line in lines), lines)
 
 
 if __name__ == "__main__":
