@@ -185,6 +185,7 @@ void gate::open_way_back() {
     uint32_t mark = 0;
     while (mark == 0)
         mark = std::random_device()();
+    write_word(parts_->settings.get()->back_index, parts_->back->index());
     write_word(parts_->settings.get()->back_mark, mark);
 }
 

@@ -19,6 +19,7 @@ public:
     // A frame as it is on the wire, tags and all. False when the kernel doesn't take it.
     bool write(uint32_t if_index, std::vector<uint8_t> frame);
 
+    uint32_t index() const { return static_cast<uint32_t>(index_); }
     bool is_up() const; // somebody else may take it down or away
 
 private:

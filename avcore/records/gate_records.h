@@ -140,7 +140,7 @@ static inline __u32 gate_place(const struct gate_flow *flow) {
  * by avcore. Packets that come while the two counts differ go the same way, behind the others. */
 struct gate_hold {
     __u64 taken;        /* packets, as on the wire */
-    __u64 back;         /* that came back */
+    __u64 back;         /* that came back and have left the processor's queues behind the gate */
     __u64 undecided_ns; /* when the last one without a verdict was taken */
     __u64 let_go_ns;    /* when the first one came back; 0: none yet */
     __u32 mark;         /* what somebody else had marked the last one with */
@@ -224,6 +224,8 @@ struct gate_settings {
     __u32 rules;             /* gate_rule */
     __u32 holds_per_second;  /* of each client */
     __u32 back_mark;         /* of packets that come back; 0: none do */
+    __u32 back_index;        /* of avcore's device, by which they do */
+    __u32 reserved;
     struct gate_endings endings;
     __u64 told_ns; /* CLOCK_MONOTONIC: of flows that were silent since then avcore has told the ends
                       to readers; 0: of none */

@@ -257,6 +257,8 @@ TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
     EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DENIED}) << "which needs no order";
     ASSERT_TRUE(at.decide(head.flow, heard));
     EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
+    for (int i = 0; i < 1000 && at.has_taken(head.flow); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "all are back";
 
     const octets other = ethernet(0x0800, ipv4(17, udp(1001, 2000, "x")));

@@ -40,7 +40,7 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     int result = parse_frame(skb, &packet);
     count_segments(skb, &packet);
     if (packet.is_back)
-        note_back(skb, &packet);
+        note_back(skb, &packet, set->back_index);
     const bool fragment = result == GATE_COUNT_FRAGMENT || packet.first_fragment;
     if (fragment && direction == GATE_UP && (set->rules & GATE_DROP_FRAGMENTS))
         result = GATE_COUNT_CUT;
@@ -79,6 +79,8 @@ int jorn_back(struct __sk_buff *skb) {
     const __u32 first = 0;
     const struct gate_settings *set = bpf_map_lookup_elem(&settings, &first);
     struct gate_back to;
+    if (skb->mark)
+        return run_lap(skb);
     if (!set || skb->len <= ETH_HLEN + sizeof to)
         return TC_ACT_SHOT;
     const __u32 size = skb->len - sizeof to;

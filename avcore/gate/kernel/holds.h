@@ -3,6 +3,7 @@
 #pragma once
 
 #include "avcore/gate/kernel/copies.h"
+#include "avcore/gate/kernel/parse.h"
 
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -82,14 +83,37 @@ static __noinline bool are_others_behind(const struct packet *packet) {
     return bpf_ktime_get_ns() < until;
 }
 
+/* A packet that has come back goes on at the processor at which avcore wrote it, and may wait in
+ * its queue once more at each veth on the way; what comes meanwhile at another processor would
+ * overtake it. So it counts as back only when a copy of it, the runner, has come out of that queue
+ * LAPS times: the first time the packet has gone as far as it goes without waiting, and each
+ * further time one wait further. The runner's mark is its lap; what avcore writes has none. */
+#define LAPS 4
+
 /* The mark that it came back by is gone already; it gets another's. */
-static __always_inline void note_back(struct __sk_buff *skb, const struct packet *packet) {
+static __always_inline void note_back(struct __sk_buff *skb, const struct packet *packet,
+                                      __u32 back_index) {
     struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
     count(packet, GATE_COUNT_BACK, 1);
     if (!hold)
         return;
-    skb->mark = hold->mark;
     if (!hold->let_go_ns)
         hold->let_go_ns = bpf_ktime_get_ns();
-    __sync_fetch_and_add(&hold->back, 1);
+    skb->mark = 1;
+    if (bpf_clone_redirect(skb, back_index, BPF_F_INGRESS) != 0)
+        __sync_fetch_and_add(&hold->back, 1);
+    skb->mark = hold->mark;
+}
+
+static __always_inline int run_lap(struct __sk_buff *skb) {
+    struct packet packet = {.direction = GATE_UP};
+    if (skb->mark < LAPS) {
+        skb->mark++;
+        return bpf_redirect(skb->ifindex, BPF_F_INGRESS);
+    }
+    parse_frame(skb, &packet);
+    struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet.flow);
+    if (hold)
+        __sync_fetch_and_add(&hold->back, 1);
+    return TC_ACT_SHOT;
 }
