@@ -230,7 +230,7 @@ struct gate_settings {
     __u64 told_ns; /* CLOCK_MONOTONIC: of flows that were silent since then avcore has told the ends
                       to readers; 0: of none */
 };
-GATE_SIZE(gate_settings, 72);
+GATE_SIZE(gate_settings, 80);
 
 #define GATE_BEAT_NS 2000000000ull /* as long a beat holds */
 
