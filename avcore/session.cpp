@@ -448,7 +448,7 @@ watch::surroundings session::watch_surroundings() {
             [this] { return builder_.time_us(); },
             [this] { return look_outside(); },
             [this] { return all_counts(); },
-            [this] { return gate_state(); },
+            [this] { return inline_ ? inline_->state_as_json() : "null"; },
             [this](const mac_address &client) {
                 const std::string *name = builder_.client_names().find(client);
                 return name != nullptr ? *name : std::string();
@@ -460,18 +460,6 @@ watch::outside session::look_outside() const {
     if (!inline_)
         return {channel_.connections() > 0, "", {}};
     return {inline_->somebody_decides(), inline_->state(), inline_->present_interfaces()};
-}
-
-// A look at it takes longer the more verdicts there are.
-std::string session::gate_state() {
-    if (!inline_)
-        return "null";
-    const int64_t now_ms = monotonic_ms();
-    if (now_ms - gate_state_ms_ >= GATE_STATE_MS) {
-        gate_state_ms_ = now_ms;
-        gate_state_ = inline_->state_as_json();
-    }
-    return gate_state_;
 }
 
 std::string session::profile_for(const profile_question &asked) {

@@ -39,8 +39,6 @@ public:
     int run();
 
 private:
-    static constexpr int64_t GATE_STATE_MS = 1'000; // as long it isn't looked at anew
-
     enum class ending { none, complete, stopped, failed };
 
     ending turn();
@@ -67,7 +65,6 @@ private:
     std::unique_ptr<watch> open_watch();
     watch::surroundings watch_surroundings();
     watch::outside look_outside() const;
-    std::string gate_state();
     std::string profile_for(const profile_question &asked);
     named_counts all_counts();
     void let_readers_finish();
@@ -106,8 +103,6 @@ private:
     bool waiting_explained_ = false;
     bool link_type_explained_ = false;
     int64_t farewell_ends_ms_ = NEVER_MS;
-    std::string gate_state_; // as it was then
-    int64_t gate_state_ms_ = -GATE_STATE_MS;
     std::string error_;
 };
 

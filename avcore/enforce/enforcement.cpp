@@ -12,6 +12,7 @@ namespace avcore {
 namespace {
 
 constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
+constexpr int64_t LOOK_AGAIN_MS = 1'000;
 
 } // namespace
 
@@ -112,16 +113,25 @@ std::vector<std::string> enforcement::present_interfaces() const {
     return names;
 }
 
-named_counts enforcement::counts() const {
-    return gate_counts_by_name(gate_.counts(), gate_.endings(), gate_.forgotten_flows());
+named_counts enforcement::counts() {
+    const int64_t now_ms = monotonic_ms();
+    if (now_ms >= count_again_ms_) {
+        forgotten_flows_ = gate_.forgotten_flows();
+        count_again_ms_ = now_ms + LOOK_AGAIN_MS;
+    }
+    return gate_counts_by_name(gate_.counts(), gate_.endings(), forgotten_flows_);
 }
 
-std::string enforcement::state_as_json() const {
-    std::ostringstream out;
-    print_gate_status_json(out, look_at_gate(pins_));
-    std::string text = out.str();
-    text.erase(text.find_last_not_of('\n') + 1);
-    return text;
+const std::string &enforcement::state_as_json() {
+    const int64_t now_ms = monotonic_ms();
+    if (now_ms >= look_again_ms_) {
+        std::ostringstream out;
+        print_gate_status_json(out, look_at_gate(pins_));
+        state_ = out.str();
+        state_.erase(state_.find_last_not_of('\n') + 1);
+        look_again_ms_ = now_ms + LOOK_AGAIN_MS;
+    }
+    return state_;
 }
 
 void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms) {

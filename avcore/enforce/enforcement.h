@@ -77,8 +77,10 @@ public:
     bool tells_of_waiting() const { return !settings_.rules.fail_closed; }
     uint64_t refused_writes() const { return enforcer_.refused_writes(); }
     void report(std::ostream &out) const;
-    named_counts counts() const;       // what is reported
-    std::string state_as_json() const; // of the gate, as its status is told
+    // What takes the longer the more flows the gate has is looked at once a second, at most.
+    named_counts counts(); // what is reported
+    // Of the gate, as its status is told. Throws std::runtime_error.
+    const std::string &state_as_json();
 
 private:
     void set_rules(const gate_rules &rules);
@@ -94,6 +96,10 @@ private:
     std::optional<urgency> urgency_;    // as well
     line_cap changes_;                  // of interfaces
     line_cap failures_;
+    int64_t count_again_ms_ = 0;
+    uint64_t forgotten_flows_ = 0;
+    int64_t look_again_ms_ = 0;
+    std::string state_; // as JSON
     int64_t follow_due_ms_ = NEVER_MS;
 };
 

@@ -167,7 +167,8 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
             object["counts"][row.key] = row.count;
         object["counts"]["flows_forgotten"] = status.forgotten_flows;
     }
-    out << object.dump() << '\n';
+    using on_error = nlohmann::ordered_json::error_handler_t;
+    out << object.dump(-1, ' ', false, on_error::replace) << '\n'; // names may be of any bytes
 }
 
 } // namespace avcore

@@ -3,9 +3,11 @@
 #include "avcore/flows/flow_text.h"
 #include "avcore/watch/flow_object.h"
 #include "avcore/watch/json_text.h"
+#include "avcore/watch/outgoing_lines.h"
 
 #include <algorithm>
 #include <map>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -124,7 +126,7 @@ private:
     void note(const watched_flow &flow) {
         const endpoint &side = flow.known().client;
         client_sum &client = clients_[{side.mac, is_known(side.mac) ? ip_address() : side.address}];
-        if (flow.known().ipv4)
+        if (flow.known().ipv4 && !side.address.is_unspecified()) // as DHCP has it
             note_address(client, side.address, flow.seen.last_us);
         if (flow.seen.last_us >= client.last_us) {
             client.interface = flow.known().client_interface;
@@ -161,7 +163,10 @@ private:
 
 class ready_answer : public answer {
 public:
-    explicit ready_answer(std::string text) : text_(std::move(text)) {}
+    explicit ready_answer(std::string text) : text_(std::move(text)) {
+        if (text_.size() > outgoing_lines::MAX_LINE)
+            throw std::runtime_error("the answer is longer than a line may be");
+    }
 
     bool add_some(std::string &out) override {
         out += text_;

@@ -31,6 +31,7 @@ public:
     virtual bool add_some(std::string &out) = 0;
 };
 
+// They throw std::runtime_error, which says why there is none.
 std::unique_ptr<answer> begin_answer(const watch_question &asked, const watch_sources &sources);
 std::unique_ptr<answer> begin_answer(const profile_question &asked, const watch_sources &sources);
 

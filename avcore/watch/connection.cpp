@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <stdexcept>
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -103,17 +104,25 @@ void connection::answer_some() {
 
 void connection::begin(const watch_line &next) {
     if (const auto *question = std::get_if<watch_question>(&next)) {
-        answer_id_ = question->id;
-        answer_ = begin_answer(*question, sources_);
+        give_answer(*question);
     } else if (const auto *profile = std::get_if<profile_question>(&next)) {
-        answer_id_ = profile->id;
-        answer_ = begin_answer(*profile, sources_);
+        give_answer(*profile);
     } else if (const auto *wish = std::get_if<follow_wish>(&next)) {
         out_.forget_events();
         follower_.reset();
         follower_ = std::make_unique<follower>(sources_.flows, sources_.behind, out_, *wish);
     } else {
         refuse(std::get<refusal>(next));
+    }
+}
+
+template <typename Question>
+void connection::give_answer(const Question &asked) {
+    try {
+        answer_id_ = asked.id;
+        answer_ = begin_answer(asked, sources_);
+    } catch (const std::runtime_error &error) {
+        refuse({asked.id, error.what()});
     }
 }
 

@@ -46,6 +46,8 @@ private:
     void make_some(int64_t now_ms);
     void answer_some();
     void begin(const watch_line &next);
+    template <typename Question>
+    void give_answer(const Question &asked);
     void refuse(const refusal &why);
     bool is_through() const;
 

@@ -211,7 +211,7 @@ bool watch::is_followed() const {
 // What isn't about a flow.
 
 void watch::tell(const char *what, const std::string &members) {
-    const int64_t us = wall_us();
+    const int64_t us = now_us();
     for (auto &[fd, each] : readers_)
         if (follower *one = each.with.following())
             one->tell(what, us, members);

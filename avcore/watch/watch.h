@@ -2,8 +2,9 @@
 // (docs/watch.md).
 //
 // Nothing here blocks or takes more than a few milliseconds of a turn, however many readers there
-// are and whatever they ask; a reader who takes nothing costs nothing but memory. While nobody is
-// connected the rows alone are followed.
+// are and whatever they ask, but for what is looked at once a second (see enforcement); a reader
+// who takes nothing costs nothing but memory. While nobody is connected the rows alone are
+// followed.
 #pragma once
 
 #include "avcore/base/accept_pause.h"
@@ -42,7 +43,7 @@ public:
         std::function<int64_t()> frame_us; // time of the last frame
         std::function<outside()> look_outside;
         std::function<named_counts()> counts;
-        std::function<std::string()> gate_state; // JSON
+        std::function<std::string()> gate_state; // JSON; may throw std::runtime_error
         std::function<std::string(const mac_address &client)> host_name;
         std::function<std::string(const profile_question &asked)> profile; // JSON
     };

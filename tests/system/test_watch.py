@@ -227,6 +227,7 @@ class Watch(SystemTest):
         following, seldom = self.reader(), self.reader()
         following.follow("flows", "events")
         seldom.follow("flows", every_ms=60_000)
+        seldom.socket.settimeout(DEADLINE / 2)
         self.feed(segment(1, SYN), segment(1, SYN | ACK, back=True), segment(1, FIN | ACK, b"1"),
                   segment(1, FIN | ACK, back=True), segment(1, ACK), segment(2, SYN),
                   segment(2, RST, back=True), udp_frame(3, 9), udp_frame(4, 9))

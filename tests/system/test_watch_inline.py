@@ -1,4 +1,6 @@
 """The watch socket of an avcore behind a gate: what the gate counts, over restarts as well."""
+import glob
+
 from inline_lab import *
 from watch_reader import *
 
@@ -54,8 +56,7 @@ class WatchInline(InlineTest):
             torn.sendall(bytes(100))
             torn_id = self.told(reader, lambda flow: flow["up"][0] >= 2, protocol="TCP",
                                 client_port=torn.getsockname()[1])["id"]
-            getattr(self.avcore, how)()
-            self.avcore.wait()
+            self.avcore.send_signal(signal.SIGSTOP)  # the gate counts on
             torn.sendall(bytes(1_000))
             torn.shutdown(socket.SHUT_WR)
             while other.recv(65_536):
@@ -64,6 +65,9 @@ class WatchInline(InlineTest):
             for _ in range(20):
                 client.send(bytes(100))
             up = [up[0] + 20, up[1] + 20 * (100 + HEADERS)]
+            getattr(self.avcore, how)()
+            self.avcore.send_signal(signal.SIGCONT)
+            self.avcore.wait()
             time.sleep(4)  # by then it is over
             self.start_avcore()
             self.reader().ask("flows")  # who only asks takes no ends from others
@@ -137,6 +141,9 @@ class WatchInline(InlineTest):
             sender.stop()
         subprocess.run(["ip", "link", "del", "wlan0"], check=True)
         self.assertEqual(reader.event("gate", state="gone")["interface"], "wlan0")
+        for pin in glob.glob("/run/jorn/gate/*/verdicts"):
+            os.unlink(pin)
+        self.until(lambda: "no map" in asking.ask("gate"))
 
 
 if __name__ == "__main__":
