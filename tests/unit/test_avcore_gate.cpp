@@ -575,7 +575,7 @@ TEST_F(AvcoreGate, AddressesAndPortsThatComeAgainAreAnotherFlow) {
     EXPECT_EQ(at.flow_of(key)->ended, 0) << "what is dropped ends nothing";
 
     const std::string pin = pin_of(PINS, "flows");
-    for (const uint64_t idle_s : {299, 301}) {
+    for (const uint64_t idle_s : {299U, 301U}) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a tick
         gate_flow_record record = {};
         ASSERT_TRUE(read_pinned(pin, &key, &record));
