@@ -6,7 +6,8 @@
 # libraries that it links and no others: an include that the link line doesn't grant doesn't build.
 # LINKS are the libraries whose headers its own HEADERS include; a user gets them, too. What only
 # its sources need are PRIVATE_LINKS, and PRIVATE_HEADERS are for its sources alone. It is compiled
-# with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names.
+# with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names, and where it
+# has them with the headers of JORN_PRECOMPILED (cmake/Precompiled.cmake).
 #
 # The directory holds symbolic links, one per header, made afresh with every configuration: a header
 # that left the list is gone. A library without sources is header-only.
@@ -24,6 +25,7 @@ function(jorn_library name folder)
       _jorn_offer(${back_room} ${folder} ${arg_PRIVATE_HEADERS})
       target_include_directories(${name} PRIVATE ${back_room})
     endif()
+    jorn_use_precompiled(${name} "${JORN_PRECOMPILED}")
   else()
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${room})
