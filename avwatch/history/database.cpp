@@ -119,6 +119,15 @@ int64_t database::number(const std::string &sql) {
     return asked.step() ? asked.number(0) : 0;
 }
 
+void database::define(const char *name, int values,
+                      void (*function)(sqlite3_context *, int, sqlite3_value **)) {
+    const int code =
+        sqlite3_create_function_v2(raw_.get(), name, values, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                   nullptr, function, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK)
+        fail(code);
+}
+
 void database::leave_untouched() {
     sqlite3_db_config(raw_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }

@@ -67,6 +67,9 @@ public:
     int changes() const { return sqlite3_changes(raw_.get()); }
     bool in_transaction() const { return sqlite3_get_autocommit(raw_.get()) == 0; }
     const std::string &path() const { return path_; }
+    // A function for its SQL, which throws nothing and gives the same for the same values.
+    void define(const char *name, int values,
+                void (*function)(sqlite3_context *, int, sqlite3_value **));
     // Also when it is closed, which would otherwise move what is in its WAL.
     void leave_untouched();
     [[noreturn]] void fail(int code) const;

@@ -7,8 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
-#include <map>
-#include <tuple>
+#include <new>
 
 namespace avwatch {
 namespace {
@@ -93,93 +92,130 @@ std::vector<piece> by_day(const usage_query &query, const reaches &reach, int64_
     return pieces;
 }
 
-using group_key = std::tuple<int64_t, std::string, std::string, uint8_t>;
-using groups = std::map<group_key, amounts>;
-
-bool is_same_word(std::string_view one, std::string_view other) {
-    const auto lower = [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    };
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                      [&](char a, char b) { return lower(a) == lower(b); });
+// Those of each query are shown together.
+std::vector<std::vector<piece>> queries_of(const usage_query &query, const reaches &reach,
+                                           int64_t latest_s) {
+    if (query.by == grouping::none)
+        return {whole_time(query, reach)};
+    std::vector<std::vector<piece>> queries;
+    for (const piece &each :
+         query.by == grouping::hour ? by_hour(query, reach) : by_day(query, reach, latest_s))
+        queries.push_back({each});
+    return queries;
 }
 
-void add_piece(database &file, const piece &wanted, const usage_query &query, groups &found) {
-    std::string columns;
-    for (const char *column : AMOUNT_COLUMNS)
-        columns += std::string(", CAST(min(total(") + column + "), " + std::to_string(COUNT_MAX) +
-                   ".0) AS INTEGER)";
-    statement row(file, "SELECT start, (SELECT client FROM clients WHERE id = sums.client), "
-                        "ifnull(name, ''), ifnull(is_name, 0), verdict" +
-                            columns + " FROM " + PERIODS[wanted.table].table +
-                            " AS sums LEFT JOIN applications ON applications.id = application "
-                            "WHERE start >= ?1 AND start < ?2 AND (?3 = '' OR sums.client = "
-                            "(SELECT id FROM clients WHERE client = ?3)) GROUP BY " +
-                            (wanted.shown_at_s ? "" : "start, ") +
-                            "sums.client, application, verdict");
-    row.bind(0, wanted.from_s).bind(1, wanted.to_s).bind(2, std::string_view(query.client));
-    while (row.step()) {
-        const application_name name = reduced({row.text(2), row.number(3) != 0}, query.names);
-        if (!query.application.empty() && !is_same_word(name.text, query.application))
-            continue;
-        add(found[{wanted.shown_at_s.value_or(row.number(0)), row.text(1), name.text,
-                   static_cast<uint8_t>(row.number(4))}],
-            amounts_in(row, 5));
+std::string text_of(sqlite3_value *value) {
+    const void *bytes = sqlite3_value_text(value);
+    const auto size = static_cast<size_t>(sqlite3_value_bytes(value));
+    return bytes != nullptr ? std::string(static_cast<const char *>(bytes), size) : std::string();
+}
+
+// SQL's shown_name(name, is_name, names): what `reduced` says.
+void shown_name(sqlite3_context *context, int /*count*/, sqlite3_value **values) {
+    try {
+        const application_name name = {text_of(values[0]), sqlite3_value_int(values[1]) != 0};
+        const std::string shown =
+            reduced(name, static_cast<names_kept>(sqlite3_value_int(values[2]))).text;
+        sqlite3_result_text(context, shown.data(), static_cast<int>(shown.size()),
+                            SQLITE_TRANSIENT);
+    } catch (const std::bad_alloc &) {
+        sqlite3_result_error_nomem(context);
     }
 }
 
-uint64_t bytes_of(const usage_row &row) {
-    return row.values[UP_BYTES] + row.values[DOWN_BYTES];
+std::string sql_of(const piece &wanted) {
+    const std::string start =
+        wanted.shown_at_s ? std::to_string(*wanted.shown_at_s) : std::string("start");
+    std::string sql = "SELECT " + start + " AS shown_at, client, application, verdict";
+    for (const char *column : AMOUNT_COLUMNS)
+        sql.append(", ").append(column);
+    return sql.append(" FROM ")
+        .append(PERIODS[wanted.table].table)
+        .append(" WHERE start >= " + std::to_string(wanted.from_s))
+        .append(" AND start < " + std::to_string(wanted.to_s))
+        .append(" AND (?1 = '' OR client = (SELECT id FROM clients WHERE client = ?1))");
 }
+
+std::string sql_of(const std::vector<piece> &pieces) {
+    std::string all;
+    for (const piece &each : pieces)
+        all += (all.empty() ? "" : " UNION ALL ") + sql_of(each);
+    // Names and the order of columns are those of the rows that are read below.
+    std::string sql =
+        "SELECT shown_at, (SELECT client FROM clients WHERE id = sums.client) AS whose,"
+        " shown_name(ifnull(name, ''), ifnull(is_name, 0), ?3) AS shown, verdict";
+    for (const char *column : AMOUNT_COLUMNS)
+        sql.append(", CAST(min(total(").append(column).append("), ") +=
+            std::to_string(COUNT_MAX) + ".0) AS INTEGER)";
+    return sql.append(" FROM (").append(all).append(
+        ") AS sums LEFT JOIN applications ON applications.id = application "
+        "WHERE ?2 = '' OR lower(shown) = lower(?2) GROUP BY shown_at, sums.client, shown, verdict "
+        "ORDER BY shown_at, total(up_bytes) + total(down_bytes) DESC, whose, shown, verdict");
+}
+
+client_record client_in(const statement &row) {
+    client_record client;
+    const std::string key = row.text(0);
+    if (canonical_mac(key))
+        client.client_mac = key;
+    else
+        client.addresses.push_back(key);
+    client.host_name = row.text(1);
+    const std::string addresses = row.text(2);
+    for (size_t at = 0; at < addresses.size();) {
+        const size_t end = std::min(addresses.find(' ', at), addresses.size());
+        client.addresses.push_back(addresses.substr(at, end - at));
+        at = end + 1;
+    }
+    client.last_us = row.count(3) * 1'000'000; // the day: an address is the latest one's
+    return client;
+}
+
+constexpr char CLIENTS_SQL[] =
+    "SELECT client, host_name, addresses, used FROM clients WHERE id != 0";
 
 } // namespace
 
-usage_result read_usage(database &file, const usage_query &query) {
-    file.run("BEGIN"); // so that all pieces are of one moment
+usage_reach read_usage(database &file, const usage_query &query, const usage_taker &take) {
+    file.define("shown_name", 3, shown_name);
+    std::string columns = "shown_at, whose, shown, verdict";
+    for (const char *column : AMOUNT_COLUMNS)
+        columns.append(", ").append(column);
+    file.run("PRAGMA temp_store = FILE; CREATE TEMP TABLE usage_rows (" + columns + ")");
+    file.run("BEGIN"); // so that all is of one moment
     const reaches reach(file);
+    const usage_reach result = {reach.hours_s, reach_of(file, PERIODS[DAYS])};
     const int64_t latest_s = std::max(query.now_s, file.number("SELECT max(start) FROM hours"));
-    const std::vector<piece> pieces = query.by == grouping::none   ? whole_time(query, reach)
-                                      : query.by == grouping::hour ? by_hour(query, reach)
-                                                                   : by_day(query, reach, latest_s);
-    groups found;
-    for (const piece &each : pieces)
-        add_piece(file, each, query, found);
-    usage_result result;
-    result.hours_from_s = reach.hours_s;
-    result.days_from_s = reach_of(file, PERIODS[DAYS]);
-    file.run("COMMIT");
-    for (auto &[key, values] : found) {
-        const auto &[start_s, client, application, verdict] = key;
-        result.rows.push_back({start_s, client, application, verdict, values});
+    for (const std::vector<piece> &pieces : queries_of(query, reach, latest_s)) {
+        statement rows(file, "INSERT INTO usage_rows " + sql_of(pieces));
+        rows.bind(0, std::string_view(query.client)).bind(1, std::string_view(query.application));
+        rows.bind(2, static_cast<int64_t>(query.names)).run();
     }
-    std::stable_sort(result.rows.begin(), result.rows.end(),
-                     [](const usage_row &one, const usage_row &other) {
-                         return one.start_s != other.start_s ? one.start_s < other.start_s
-                                                             : bytes_of(one) > bytes_of(other);
-                     });
+    file.run("COMMIT"); // who prints may take long, and wouldn't let the WAL be written back
+    statement row(file, "SELECT * FROM usage_rows ORDER BY rowid");
+    while (row.step())
+        take({row.number(0), row.text(1), row.text(2), static_cast<uint8_t>(row.number(3)),
+              amounts_in(row, 4)},
+             result);
     return result;
 }
 
-std::vector<client_record> read_clients(database &file) {
+std::optional<client_record> read_client(database &file, const std::string &key) {
+    statement row(file, std::string(CLIENTS_SQL) + " AND client = ?");
+    row.bind(0, std::string_view(key));
+    return row.step() ? std::optional(client_in(row)) : std::nullopt;
+}
+
+std::vector<client_record> read_clients_meant(database &file, const std::string &meant) {
+    const std::string text = canonical_address(meant).value_or(meant);
     std::vector<client_record> clients;
-    statement row(file, "SELECT client, host_name, addresses, used FROM clients WHERE id != 0");
-    while (row.step()) {
-        client_record client;
-        const std::string key = row.text(0);
-        if (canonical_mac(key))
-            client.client_mac = key;
-        else
-            client.addresses.push_back(key);
-        client.host_name = row.text(1);
-        client.last_us = row.count(3) * 1'000'000; // the day: an address is the latest one's
-        const std::string addresses = row.text(2);
-        for (size_t at = 0; at < addresses.size();) {
-            const size_t end = std::min(addresses.find(' ', at), addresses.size());
-            client.addresses.push_back(addresses.substr(at, end - at));
-            at = end + 1;
-        }
-        clients.push_back(std::move(client));
-    }
+    statement row(file, std::string(CLIENTS_SQL) +
+                            " AND (client = ?1 OR lower(host_name) = lower(?1) OR "
+                            "instr(' ' || addresses || ' ', ' ' || ?1 || ' ') > 0) "
+                            "ORDER BY used DESC LIMIT 1024");
+    row.bind(0, std::string_view(text));
+    while (row.step())
+        clients.push_back(client_in(row));
     return clients;
 }
 

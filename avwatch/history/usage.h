@@ -2,6 +2,9 @@
 //
 // Rows are UTC's periods. An hour is shown as it is kept. A day is the local one, summed from
 // hours, each in the day in which it begins; of the time of which only days are left it is UTC's.
+//
+// There may be millions of rows: SQLite groups and sorts them, beyond a few MB in files of its own,
+// and they are handed over one by one.
 #pragma once
 
 #include "avwatch/client/known_clients.h"
@@ -10,6 +13,7 @@
 #include "avwatch/history/database.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,16 +41,19 @@ struct usage_row {
     amounts values = {};
 };
 
-struct usage_result {
-    std::vector<usage_row> rows; // by time, then the most bytes first
-    int64_t hours_from_s = 0;    // before it there are only days; 0: never
-    int64_t days_from_s = 0;     // before it there is nothing; 0: never
+struct usage_reach {
+    int64_t hours_from_s = 0; // before it there are only days; 0: never
+    int64_t days_from_s = 0;  // before it there is nothing; 0: never
 };
 
-usage_result read_usage(database &file, const usage_query &query);
+// By time, then the most bytes first.
+using usage_taker = std::function<void(const usage_row &row, const usage_reach &reach)>;
+usage_reach read_usage(database &file, const usage_query &query, const usage_taker &take);
 
-// The clients of the history with what they said of themselves.
-std::vector<client_record> read_clients(database &file);
+// What the history's clients said of themselves: of the one with this key, and of those that are
+// meant by an address or a host name, some at most, the latest first.
+std::optional<client_record> read_client(database &file, const std::string &key);
+std::vector<client_record> read_clients_meant(database &file, const std::string &meant);
 
 // When the first row of each period's table begins, in seconds; 0 without rows.
 std::vector<int64_t> first_starts(database &file);

@@ -38,8 +38,7 @@ void drop_unused_names(database &file) {
 int forget(const invocation &asked, const upkeep_request &wanted) {
     const settings read = read_settings(asked.settings_file);
     database file = open_history(wanted.file(read), database::access::read_write);
-    const known_clients clients(read.aliases, read_clients(file));
-    const std::string key = clients.find(wanted.client);
+    const std::string key = find_client(file, read.aliases, wanted.client);
     file.run("PRAGMA secure_delete = ON");
     uint64_t rows = 0;
     transaction all(file);
@@ -113,6 +112,12 @@ database open_history(const std::string &path, database::access wanted) {
     database file(path, wanted);
     check_history(file);
     return file;
+}
+
+std::string find_client(database &file, const client_aliases &aliases, const std::string &meant) {
+    const auto alias = aliases.find(meant);
+    const std::string &text = alias != aliases.end() ? alias->second : meant;
+    return known_clients(aliases, read_clients_meant(file, text)).find(meant);
 }
 
 void add_serve(CLI::App &app, invocation &asked) {

@@ -13,11 +13,13 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <unordered_map>
 
 namespace avwatch {
 namespace {
 
 constexpr char UNNAMED[] = "unnamed";
+constexpr size_t ROWS_ALIGNED = 1'000; // at a time, for there may be millions
 
 struct usage_request {
     std::string history;
@@ -37,25 +39,52 @@ uint64_t microseconds(int64_t seconds) {
     return static_cast<uint64_t>(std::max<int64_t>(seconds, 0)) * 1'000'000;
 }
 
+// What clients are called. A few are kept: rows of the same client mostly come together.
+class client_names {
+public:
+    client_names(database &file, client_aliases aliases)
+        : file_(file), aliases_(std::move(aliases)) {}
+
+    const std::string &of(const std::string &key) {
+        if (names_.size() >= KEPT)
+            names_.clear();
+        const auto [at, is_new] = names_.try_emplace(key);
+        if (is_new) {
+            std::vector<client_record> said;
+            if (std::optional<client_record> client = read_client(file_, key))
+                said.push_back(std::move(*client));
+            at->second = known_clients(aliases_, std::move(said)).name_of(key);
+        }
+        return at->second;
+    }
+
+private:
+    static constexpr size_t KEPT = 1'024;
+
+    database &file_;
+    const client_aliases aliases_;
+    std::unordered_map<std::string, std::string> names_;
+};
+
 // The rows' time, as its grouping shows it.
-std::string when_text(const usage_row &row, const usage_query &query, const usage_result &result) {
-    const bool is_utc_day = query.by == grouping::day && row.start_s < result.hours_from_s;
+std::string when_text(const usage_row &row, const usage_query &query, const usage_reach &reach) {
+    const bool is_utc_day = query.by == grouping::day && row.start_s < reach.hours_from_s;
     std::string text = time_text(microseconds(row.start_s), query.utc || is_utc_day);
     if (query.by != grouping::day)
         return text;
     return text.substr(0, text.find(' ')) + (is_utc_day && !query.utc ? " UTC" : "");
 }
 
-void print_table(const usage_query &query, const usage_result &result,
-                 const known_clients &clients) {
+usage_reach print_table(database &file, const usage_query &query, client_names &names) {
     std::vector<column> columns = {{"CLIENT"},       {"APPLICATION"},  {"VERDICT"},
                                    {"UP", true},     {"DOWN", true},   {"FLOWS", true},
                                    {"DENIED", true}, {"DROPPED", true}};
     if (query.by != grouping::none)
         columns.insert(columns.begin(), {"FROM"});
     table lines(columns);
-    for (const usage_row &row : result.rows) {
-        const std::string name = clients.name_of(row.client);
+    size_t rows = 0;
+    const auto add = [&](const usage_row &row, const usage_reach &reach) {
+        const std::string &name = names.of(row.client);
         std::vector<std::string> cells = {
             name.empty() ? row.client : name,
             row.application.empty() ? UNNAMED : row.application,
@@ -66,18 +95,22 @@ void print_table(const usage_query &query, const usage_result &result,
             std::to_string(row.values[DENIALS]),
             std::to_string(row.values[DENIED_PACKETS] + row.values[LIMITED_PACKETS])};
         if (query.by != grouping::none)
-            cells.insert(cells.begin(), when_text(row, query, result));
+            cells.insert(cells.begin(), when_text(row, query, reach));
         lines.add(std::move(cells));
-    }
+        if (++rows % ROWS_ALIGNED == 0)
+            lines.print(std::cout);
+    };
+    const usage_reach reach = read_usage(file, query, add);
     lines.print(std::cout);
+    return reach;
 }
 
-void print_objects(const usage_result &result, const known_clients &clients) {
-    for (const usage_row &row : result.rows) {
+usage_reach print_objects(database &file, const usage_query &query, client_names &names) {
+    return read_usage(file, query, [&](const usage_row &row, const usage_reach & /*reach*/) {
         const amounts &values = row.values;
         nlohmann::ordered_json object = {{"from_us", microseconds(row.start_s)},
                                          {"client", row.client}};
-        if (const std::string name = clients.name_of(row.client); !name.empty())
+        if (const std::string &name = names.of(row.client); !name.empty())
             object["name"] = name;
         object["application"] = row.application;
         object["verdict"] = verdict_text(row.verdict);
@@ -87,7 +120,7 @@ void print_objects(const usage_result &result, const known_clients &clients) {
         object["flows"] = values[FLOWS];
         object["denials"] = values[DENIALS];
         std::cout << to_line(object) << '\n';
-    }
+    });
 }
 
 // A text of CSV (RFC 4180). Names are anybody's, and a spreadsheet takes some for formulas.
@@ -104,19 +137,19 @@ std::string quoted(const std::string &text) {
     return result + '"';
 }
 
-void print_csv(const usage_query &query, const usage_result &result, const known_clients &clients) {
+usage_reach print_csv(database &file, const usage_query &query, client_names &names) {
     std::cout << "from,client,name,application,verdict";
     for (const char *column : AMOUNT_COLUMNS)
         std::cout << ',' << column;
     std::cout << '\n';
-    for (const usage_row &row : result.rows) {
-        std::cout << when_text(row, query, result) << ',' << quoted(row.client) << ','
-                  << quoted(clients.name_of(row.client)) << ',' << quoted(row.application) << ','
+    return read_usage(file, query, [&](const usage_row &row, const usage_reach &reach) {
+        std::cout << when_text(row, query, reach) << ',' << quoted(row.client) << ','
+                  << quoted(names.of(row.client)) << ',' << quoted(row.application) << ','
                   << verdict_text(row.verdict);
         for (const uint64_t value : row.values)
             std::cout << ',' << value;
         std::cout << '\n';
-    }
+    });
 }
 
 grouping grouping_of(const std::string &word) {
@@ -125,13 +158,13 @@ grouping grouping_of(const std::string &word) {
     return word == "hour" ? grouping::hour : grouping::day;
 }
 
-void say_what_is_missing(const usage_query &query, const usage_result &result) {
-    if (query.by == grouping::hour && query.since_s < result.hours_from_s)
-        complain("hours reach back to " + time_text(microseconds(result.hours_from_s), query.utc) +
+void say_what_is_missing(const usage_query &query, const usage_reach &reach) {
+    if (query.by == grouping::hour && query.since_s < reach.hours_from_s)
+        complain("hours reach back to " + time_text(microseconds(reach.hours_from_s), query.utc) +
                  " only, --by day further");
-    else if (query.since_s < result.days_from_s)
+    else if (query.since_s < reach.days_from_s)
         complain("the history reaches back to " +
-                 time_text(microseconds(result.days_from_s), query.utc) + " only");
+                 time_text(microseconds(reach.days_from_s), query.utc) + " only");
 }
 
 std::string what_is_wrong_with(const std::string &since) {
@@ -145,7 +178,6 @@ int show_usage(const invocation &asked, const usage_request &wanted) {
     const settings read = read_settings(asked.settings_file);
     database file = open_history(wanted.history.empty() ? read.history.file : wanted.history,
                                  database::access::read_only);
-    known_clients clients(read.aliases, read_clients(file));
     usage_query query;
     query.now_s = time(nullptr);
     query.since_s = std::max<int64_t>(query.now_s - duration_s(wanted.since).value_or(0), 0);
@@ -154,15 +186,10 @@ int show_usage(const invocation &asked, const usage_request &wanted) {
     query.names = read.history.names;
     query.application = wanted.application;
     if (!wanted.client.empty())
-        query.client = clients.find(wanted.client);
-    const usage_result result = read_usage(file, query);
-    say_what_is_missing(query, result);
-    if (wanted.as_json)
-        print_objects(result, clients);
-    else if (wanted.as_csv)
-        print_csv(query, result, clients);
-    else
-        print_table(query, result, clients);
+        query.client = find_client(file, read.aliases, wanted.client);
+    client_names names(file, read.aliases);
+    const auto print = wanted.as_json ? print_objects : wanted.as_csv ? print_csv : print_table;
+    say_what_is_missing(query, print(file, query, names));
     return STATUS_DONE;
 }
 
