@@ -8,6 +8,7 @@
 #include "avwatch/why/subcommand.h"
 #include "shared/command_line.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <iostream>

@@ -2,8 +2,9 @@
 
 #include "shared/suggestion.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -33,4 +34,42 @@ std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
         line = '"' + unknown.front() + "\" isn't expected here" +
                did_you_mean(unknown.front(), words_known_there(app));
     return line + "; --help says more";
+}
+
+subcommand::subcommand(CLI::App &app, const char *name, const char *what, const char *footer)
+    : app_(*app.add_subcommand(name, what)) {
+    app_.footer(footer);
+}
+
+CLI::Option *subcommand::add_option(const char *name, std::string &value, const char *what,
+                                    const option_rules &rules) {
+    CLI::Option *option = app_.add_option(name, value, what)->required(rules.is_required);
+    if (rules.type_name != nullptr)
+        option->type_name(rules.type_name);
+    if (!rules.one_of.empty())
+        option->check(CLI::IsMember(rules.one_of));
+    if (rules.what_is_wrong_with != nullptr)
+        option->check(rules.what_is_wrong_with);
+    if (rules.shows_default)
+        option->capture_default_str();
+    if (rules.needs != nullptr)
+        option->needs(rules.needs);
+    return option;
+}
+
+void subcommand::add_option(const char *name, std::vector<std::string> &values, const char *what,
+                            const char *type_name) {
+    app_.add_option(name, values, what)->type_name(type_name)->allow_extra_args(false);
+}
+
+CLI::Option *subcommand::add_flag(const char *name, bool &is_given, const char *what,
+                                  CLI::Option *excluded) {
+    CLI::Option *flag = app_.add_flag(name, is_given, what);
+    if (excluded != nullptr)
+        flag->excludes(excluded);
+    return flag;
+}
+
+void subcommand::callback(std::function<void()> chosen) {
+    app_.callback(std::move(chosen));
 }

@@ -3,13 +3,13 @@
 
 #include "avwatch/client/known_clients.h"
 #include "avwatch/history/database.h"
+#include "shared/command_line.h"
 
-#include <CLI/CLI.hpp>
 #include <string>
 
 namespace avwatch {
 
-void add_history(CLI::App &subcommand, std::string &path);
+void add_history(subcommand &command, std::string &path);
 
 // One of the present version. Throws refused, database_error and foreign_history.
 database open_history(const std::string &path, database::access wanted);

@@ -88,10 +88,10 @@ int start_serving(const invocation &asked, const upkeep_request &wanted) {
 
 using task = int (*)(const invocation &asked, const upkeep_request &wanted);
 
-std::shared_ptr<upkeep_request> add(CLI::App &subcommand, invocation &asked, task chosen) {
+std::shared_ptr<upkeep_request> add(subcommand &command, invocation &asked, task chosen) {
     auto wanted = std::make_shared<upkeep_request>();
-    add_history(subcommand, wanted->history);
-    subcommand.callback([&asked, wanted, chosen] {
+    add_history(command, wanted->history);
+    command.callback([&asked, wanted, chosen] {
         asked.action = [&asked, wanted, chosen] { return chosen(asked, *wanted); };
     });
     return wanted;
@@ -99,9 +99,9 @@ std::shared_ptr<upkeep_request> add(CLI::App &subcommand, invocation &asked, tas
 
 } // namespace
 
-void add_history(CLI::App &subcommand, std::string &path) {
-    subcommand.add_option("--history", path, "The history's file, in place of the TOML file's")
-        ->type_name("PATH");
+void add_history(subcommand &command, std::string &path) {
+    command.add_option("--history", path, "The history's file, in place of the TOML file's",
+                       {.type_name = "PATH"});
 }
 
 database open_history(const std::string &path, database::access wanted) {
@@ -121,30 +121,29 @@ std::string find_client(database &file, const client_aliases &aliases, const std
 }
 
 void add_serve(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand =
-        app.add_subcommand("serve", "Keep the history, and have it scraped by a Prometheus");
-    subcommand->footer(
+    subcommand command(
+        app, "serve", "Keep the history, and have it scraped by a Prometheus",
         "It runs until it is told to stop (SIGTERM), also while there is no avcore.");
-    const auto wanted = add(*subcommand, asked, start_serving);
-    subcommand->add_option("--http", wanted->http, "Where /metrics is to be, as in 127.0.0.1:8080")
-        ->type_name("ADDR:PORT");
+    const auto wanted = add(command, asked, start_serving);
+    command.add_option("--http", wanted->http, "Where /metrics is to be, as in 127.0.0.1:8080",
+                       {.type_name = "ADDR:PORT"});
 }
 
 void add_forget(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("forget", "Delete what the history has of a client");
-    subcommand->footer(
+    subcommand command(
+        app, "forget", "Delete what the history has of a client",
         "Its open flows stay until they end, and count on: they are stored so that nothing is\n"
         "counted twice.");
-    const auto wanted = add(*subcommand, asked, forget);
-    subcommand->add_option("--client", wanted->client, "A MAC or IP address, an alias, a host name")
-        ->required();
+    const auto wanted = add(command, asked, forget);
+    command.add_option("--client", wanted->client, "A MAC or IP address, an alias, a host name",
+                       {.is_required = true});
 }
 
 void add_backup(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand =
-        app.add_subcommand("backup", "Copy the history, also while it is written");
-    const auto wanted = add(*subcommand, asked, back_up);
-    subcommand->add_option("FILE", wanted->target, "The copy, which is not there yet")->required();
+    subcommand command(app, "backup", "Copy the history, also while it is written");
+    const auto wanted = add(command, asked, back_up);
+    command.add_option("FILE", wanted->target, "The copy, which is not there yet",
+                       {.is_required = true});
 }
 
 } // namespace avwatch

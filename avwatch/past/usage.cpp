@@ -196,26 +196,23 @@ int show_usage(const invocation &asked, const usage_request &wanted) {
 } // namespace
 
 void add_usage(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("usage", "Who used what, from the history");
-    subcommand->footer("What \"avwatch serve\" has kept. Hours and days are the local zone's or, "
+    subcommand command(app, "usage", "Who used what, from the history",
+                       "What \"avwatch serve\" has kept. Hours and days are the local zone's or, "
                        "with --utc, UTC's.\n"
                        "Rows are kept by UTC's hours: of a zone that is half an hour off, hours "
                        "begin at the half.\n"
                        "Where only days are left, they are UTC's.");
     const auto wanted = std::make_shared<usage_request>();
-    subcommand->add_option("--client", wanted->client,
-                           "A MAC or IP address, an alias, a host name");
-    subcommand->add_option("--app", wanted->application,
-                           "An application's whole name, in any case");
-    subcommand->add_option("--by", wanted->by, "A row for each hour or day")
-        ->check(CLI::IsMember({"hour", "day"}));
-    subcommand->add_option("--since", wanted->since, "How far back: 90m, 24h, 7d, 2w")
-        ->check(what_is_wrong_with)
-        ->capture_default_str();
-    CLI::Option *json = subcommand->add_flag("--json", wanted->as_json, "A JSON object a line");
-    subcommand->add_flag("--csv", wanted->as_csv, "Comma-separated values")->excludes(json);
-    add_history(*subcommand, wanted->history);
-    subcommand->callback([&asked, wanted] {
+    command.add_option("--client", wanted->client, "A MAC or IP address, an alias, a host name");
+    command.add_option("--app", wanted->application, "An application's whole name, in any case");
+    command.add_option("--by", wanted->by, "A row for each hour or day",
+                       {.one_of = {"hour", "day"}});
+    command.add_option("--since", wanted->since, "How far back: 90m, 24h, 7d, 2w",
+                       {.shows_default = true, .what_is_wrong_with = what_is_wrong_with});
+    CLI::Option *json = command.add_flag("--json", wanted->as_json, "A JSON object a line");
+    command.add_flag("--csv", wanted->as_csv, "Comma-separated values", json);
+    add_history(command, wanted->history);
+    command.callback([&asked, wanted] {
         asked.action = [&asked, wanted] { return show_usage(asked, *wanted); };
     });
 }

@@ -52,15 +52,15 @@ int show_apps(const invocation &asked, const selection &selected) {
 } // namespace
 
 void add_apps(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("apps", "What is used, by application");
-    subcommand->footer(
+    subcommand command(
+        app, "apps", "What is used, by application",
         "Sums of the flows that avcore has in its table, those of long ago excepted. Flows\n"
         "without a name stand together as \"-\". UP NOW and DOWN NOW come of a second look, two\n"
         "seconds later.");
     const auto selected = std::make_shared<selection>();
-    add_selection(*subcommand, *selected);
-    add_verdict(*subcommand, *selected);
-    subcommand->callback([&asked, selected] {
+    add_selection(command, *selected);
+    add_verdict(command, *selected);
+    command.callback([&asked, selected] {
         asked.action = [&asked, selected] { return show_apps(asked, *selected); };
     });
 }

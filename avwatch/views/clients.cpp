@@ -85,17 +85,17 @@ int show_clients(const invocation &asked, const selection &selected) {
 } // namespace
 
 void add_clients(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("clients", "Who is there, and what each has used");
-    subcommand->footer(
+    subcommand command(
+        app, "clients", "Who is there, and what each has used",
         "Sums of the flows that avcore has in its table, those of long ago excepted, by client;\n"
         "with --app, --name or --verdict of such flows alone. A client is one by its MAC address,\n"
         "with all of its IP addresses. It is called by its alias, or in quotes by the host name\n"
         "that it said, which may be anybody's. UP NOW and DOWN NOW come of a second look, two\n"
         "seconds later.");
     const auto selected = std::make_shared<selection>();
-    add_selection(*subcommand, *selected);
-    add_verdict(*subcommand, *selected);
-    subcommand->callback([&asked, selected] {
+    add_selection(command, *selected);
+    add_verdict(command, *selected);
+    command.callback([&asked, selected] {
         asked.action = [&asked, selected] { return show_clients(asked, *selected); };
     });
 }

@@ -89,8 +89,8 @@ int follow_denials(const invocation &asked, const selection &selected) {
 } // namespace
 
 void add_denials(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("denials", "What is denied, to whom and why");
-    subcommand->footer(
+    subcommand command(
+        app, "denials", "What is denied, to whom and why",
         "The flows in avcore's table whose verdict is a denial, those first of which\n"
         "most packets were dropped. With --follow instead each denial when it is\n"
         "made, until you interrupt it.");
@@ -99,9 +99,9 @@ void add_denials(CLI::App &app, invocation &asked) {
         bool follow = false;
     };
     const auto wanted = std::make_shared<request>();
-    add_selection(*subcommand, wanted->selected);
-    subcommand->add_flag("--follow", wanted->follow, "Each denial when it is made");
-    subcommand->callback([&asked, wanted] {
+    add_selection(command, wanted->selected);
+    command.add_flag("--follow", wanted->follow, "Each denial when it is made");
+    command.callback([&asked, wanted] {
         asked.action = [&asked, wanted] {
             return wanted->follow ? follow_denials(asked, wanted->selected)
                                   : list_denials(asked, wanted->selected);

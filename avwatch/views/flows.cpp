@@ -143,8 +143,8 @@ int follow_flows(const invocation &asked, const selection &selected) {
 } // namespace
 
 void add_flows(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("flows", "The flows in avcore's table");
-    subcommand->footer(
+    subcommand command(
+        app, "flows", "The flows in avcore's table",
         "STATE is what the gate does with a flow now, or how it ended. With --follow those that\n"
         "there are and then each that begins, changes or ends, until you interrupt it; with\n"
         "--json also those that only were counted.");
@@ -153,10 +153,10 @@ void add_flows(CLI::App &app, invocation &asked) {
         bool follow = false;
     };
     const auto wanted = std::make_shared<request>();
-    add_selection(*subcommand, wanted->selected);
-    add_verdict(*subcommand, wanted->selected);
-    subcommand->add_flag("--follow", wanted->follow, "And those that come");
-    subcommand->callback([&asked, wanted] {
+    add_selection(command, wanted->selected);
+    add_verdict(command, wanted->selected);
+    command.add_flag("--follow", wanted->follow, "And those that come");
+    command.callback([&asked, wanted] {
         asked.action = [&asked, wanted] {
             return wanted->follow ? follow_flows(asked, wanted->selected)
                                   : list_flows(asked, wanted->selected);

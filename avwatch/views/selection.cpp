@@ -22,30 +22,26 @@ std::string verdict_word(std::string said) {
 
 } // namespace
 
-void add_json(CLI::App &subcommand, bool &as_json) {
-    subcommand.add_flag("--json", as_json, "A JSON object a line");
+void add_json(subcommand &command, bool &as_json) {
+    command.add_flag("--json", as_json, "A JSON object a line");
 }
 
-void add_selection(CLI::App &subcommand, selection &selected) {
-    subcommand
-        .add_option("--client", selected.client,
-                    "Of this client: a MAC address, an IP address, an alias or a host name")
-        ->type_name("CLIENT");
-    subcommand
-        .add_option("--app", selected.application,
-                    "Of this application: its whole name, in any case")
-        ->type_name("APP");
-    subcommand
-        .add_option("--name", selected.name,
-                    "Whose application or host has this in its name, in any case")
-        ->type_name("PART");
-    add_json(subcommand, selected.as_json);
+void add_selection(subcommand &command, selection &selected) {
+    command.add_option("--client", selected.client,
+                       "Of this client: a MAC address, an IP address, an alias or a host name",
+                       {.type_name = "CLIENT"});
+    command.add_option("--app", selected.application,
+                       "Of this application: its whole name, in any case", {.type_name = "APP"});
+    command.add_option("--name", selected.name,
+                       "Whose application or host has this in its name, in any case",
+                       {.type_name = "PART"});
+    add_json(command, selected.as_json);
 }
 
-void add_verdict(CLI::App &subcommand, selection &selected) {
-    subcommand.add_option("--verdict", selected.verdict, "With this verdict")
-        ->type_name("VERDICT")
-        ->check(CLI::IsMember({"none", "allow", "white-list", "deny", "rate-limit", "qos"}));
+void add_verdict(subcommand &command, selection &selected) {
+    command.add_option("--verdict", selected.verdict, "With this verdict",
+                       {.type_name = "VERDICT",
+                        .one_of = {"none", "allow", "white-list", "deny", "rate-limit", "qos"}});
 }
 
 conversation::conversation(const invocation &asked, const selection &wanted, const settings &read)

@@ -5,8 +5,8 @@
 #include "avwatch/client/known_clients.h"
 #include "avwatch/history/application_names.h"
 #include "avwatch/settings/settings.h"
+#include "shared/command_line.h"
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
@@ -22,9 +22,9 @@ struct selection {
     bool names_flows() const { return !application.empty() || !name.empty() || !verdict.empty(); }
 };
 
-void add_json(CLI::App &subcommand, bool &as_json);
-void add_selection(CLI::App &subcommand, selection &selected);
-void add_verdict(CLI::App &subcommand, selection &selected);
+void add_json(subcommand &command, bool &as_json);
+void add_selection(subcommand &command, selection &selected);
+void add_verdict(subcommand &command, selection &selected);
 
 // avcore, greeted and asked for its clients, and what is to be asked of it for a selection.
 //

@@ -103,10 +103,10 @@ int show_status(const invocation &asked, bool as_json) {
 } // namespace
 
 void add_status(CLI::App &app, invocation &asked) {
-    CLI::App *subcommand = app.add_subcommand("status", "How avcore, its gate and the history are");
+    subcommand command(app, "status", "How avcore, its gate and the history are");
     const auto as_json = std::make_shared<bool>(false);
-    add_json(*subcommand, *as_json);
-    subcommand->callback([&asked, as_json] {
+    add_json(command, *as_json);
+    command.callback([&asked, as_json] {
         asked.action = [&asked, as_json] { return show_status(asked, *as_json); };
     });
 }

@@ -4,7 +4,9 @@
 
 #include "avwatch/settings/settings.h"
 
-#include <CLI/CLI.hpp>
+namespace CLI {
+class App;
+} // namespace CLI
 
 namespace avwatch {
 
