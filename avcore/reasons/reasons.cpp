@@ -5,6 +5,7 @@
 #include "avcore/web/category_names.h"
 #include "control/records/arc.h"
 #include "core/text/text.h"
+#include "userapps/builtin_ports.h"
 
 #include <string_view>
 
@@ -27,6 +28,8 @@ const char *words_of(name_source source) {
         return "the address that was asked for";
     case name_source::carrier:
         return "a carrier's gateways";
+    case name_source::port:
+        return "a well-known port";
     case name_source::none:
     case name_source::tables:
         break;
@@ -37,6 +40,15 @@ const char *words_of(name_source source) {
 // The web policy is asked first; what it lets pass is the application policy's.
 bool is_by_web(const av_verdict &verdict) {
     return verdict.wificalling_f == AV_DECIDED_BY_WEB && verdict.qos.url_decided != 0;
+}
+
+bool is_called_by_port(const flow_row &row, std::string_view name) {
+    pkt_ctx context = {};
+    context.ip_proto = row.ip_proto;
+    context.src_port = row.client.port;
+    context.dst_port = row.server.port;
+    return jorn_detect_pkt_builtin_port_service_app(&context) != 0 &&
+           equals_ignoring_case(field_text(context.app_name), name);
 }
 
 name_source source_of_name(const flow_row &row, const fed_frame &frame, const av_verdict &verdict) {
@@ -57,6 +69,8 @@ name_source source_of_name(const flow_row &row, const fed_frame &frame, const av
         return name_source::handshake;
     if (!row.server_name.empty() && equals_ignoring_case(row.server_name, name))
         return name_source::dns;
+    if (is_called_by_port(row, name))
+        return name_source::port;
     // The daemon calls a flow after its addresses where it knows nothing better.
     return is_unnamed(name.substr(0, name.find(' '))) ? name_source::none : name_source::tables;
 }

@@ -15,7 +15,8 @@ enum class name_source : uint8_t {
     administrator,
     address_asked_for, // the web's domain
     carrier,
-    tables, // the daemon's: its cache, ports
+    port,   // a well-known one
+    tables, // the daemon's: its cache
 };
 
 enum class verdict_source : uint8_t {

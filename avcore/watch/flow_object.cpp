@@ -8,9 +8,9 @@ namespace {
 
 constexpr const char *ENDINGS[] = {"", "fin", "reset", "idle", "forgotten", "stopped"};
 constexpr const char *NAME_SOURCES[] = {
-    "",      "dns",           "handshake",         "earlier handshake",
-    "dpi",   "administrator", "address asked for", "carrier",
-    "tables"};
+    "",     "dns",           "handshake",         "earlier handshake",
+    "dpi",  "administrator", "address asked for", "carrier",
+    "port", "tables"};
 constexpr const char *VERDICT_SOURCES[] = {"", "application policy", "web policy", "late answer",
                                            "wifi calling"};
 constexpr const char *EVENTS[] = {"begun", "named", "judged", "ended", "denied", "limited"};

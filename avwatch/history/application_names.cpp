@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view BY_NAME[] = {"dns", "handshake", "earlier handshake",
                                         "address asked for"};
-constexpr std::string_view BY_OTHERS[] = {"dpi", "administrator", "carrier"};
+constexpr std::string_view BY_OTHERS[] = {"dpi", "administrator", "carrier", "port"};
 constexpr char ANY_NAME[] = "by name";
 constexpr char ANY_ADDRESS[] = "by address";
 

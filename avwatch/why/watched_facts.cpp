@@ -7,7 +7,6 @@
 #include "avwatch/client/known_clients.h"
 #include "avwatch/why/sides.h"
 #include "core/text/text.h"
-#include "userapps/builtin_ports.h"
 
 #include <algorithm>
 #include <exception>
@@ -194,16 +193,6 @@ private:
     std::map<std::string, std::optional<urlf_answer>> said_;
 };
 
-// Of a port that the daemon knows: it names the flow so whenever nothing better does.
-bool is_called_by_port(const flow_record &flow, const flow_facts &facts) {
-    pkt_ctx context = {};
-    context.ip_proto = facts.flow.ip_proto;
-    context.src_port = facts.flow.client_port;
-    context.dst_port = facts.flow.server_port;
-    return jorn_detect_pkt_builtin_port_service_app(&context) != 0 &&
-           equals_ignoring_case(field_text(context.app_name), flow.application);
-}
-
 // The domain that the web filter asked for, where the daemon has it from elsewhere than now said.
 void take_asked_domain(const flow_record &flow, flow_facts &facts) {
     const bool is_known = flow.application.empty() || ip_address::parse(flow.application) ||
@@ -239,8 +228,7 @@ void take_flow_names(const flow_record &flow, const profile_record &said, flow_f
         take_engine_name(facts, flow.application, 0, 0, "the " + why.named_by);
     else if (why.named_by == "dpi")
         take_engine_name(facts, flow.application, why.app_id, why.cat_id, ENGINE);
-    else if (why.named_by == "tables" && !facts.dns_sources.contains(flow.application) &&
-             !is_called_by_port(flow, facts))
+    else if (why.named_by == "tables" && !facts.dns_sources.contains(flow.application))
         take_dns_name(facts, server_be, flow.application, "the daemon's own cache");
     else if (why.named_by == "address asked for")
         take_asked_domain(flow, facts);

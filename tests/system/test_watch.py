@@ -210,13 +210,15 @@ class Watch(SystemTest):
         asking = self.reader()
         fed = sum(way[0] for way in self.passed)
         wait_until(lambda: asking.ask("counts")[0]["frames_answered"] == fed)
-        decided = set()
+        decided, named = set(), set()
         for row in asking.ask("flows"):
             server = f"[{row['server']}]" if ":" in row["server"] else row["server"]
             said = self.why(row["client"], f"{server}:{row['server_port']}", "--protocol", row["protocol"].lower())
             self.assertEqual(said, (row["verdict"], row["application"]), row)
             decided.add((row["verdict"], row["why"].get("by"), row["why"].get("named_by")))
+            named.add((row["application"], row["why"].get("named_by")))
         self.assertGreater(len(decided), 12, decided)
+        self.assertIn(("ipsec-nat-traversal", "port"), named)
 
     def told(self, reader, what):
         return next(event["flow"] for event in reader.events if event["what"] == what and
