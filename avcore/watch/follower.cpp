@@ -34,6 +34,8 @@ follower::follower(watched_flows &flows, const gate *behind, outgoing_lines &out
       out_(out),
       wish_(wish),
       since_(flows.last_change()),
+      ends_from_us_(wish.ended_within_ms ? flows.now_us() - *wish.ended_within_ms * 1'000
+                                         : INT64_MAX),
       end_(since_),
       first_round_(flows.want_round()) {
     flows_.add(*this);
@@ -49,14 +51,23 @@ follower::told_values &follower::told_at(uint32_t place) {
     return told_[place];
 }
 
-// It was over before this began.
-bool follower::is_past(const watched_flow &flow, const told_values &told) const {
-    return flow.is_over() && !told.is_any && flow.ended <= since_ && !flow.is_for_all();
+// Before this began.
+bool follower::was_over(const watched_flow &flow) const {
+    return flow.is_over() && (flow.is_asked || (flow.ended <= since_ && !flow.is_for_all()));
+}
+
+// That, and it isn't wanted nevertheless.
+bool follower::is_past(const watched_flow &flow) const {
+    return was_over(flow) && ends_us(flow.seen) < ends_from_us_;
+}
+
+int64_t follower::ends_from_us() const {
+    return flows_.is_done(first_round_) ? INT64_MAX : ends_from_us_;
 }
 
 bool follower::has_end(uint32_t place) const {
     return !wish_.flows || (place < told_.size() && told_[place].change == END) ||
-           (flows_.at(place).ended <= since_ && !flows_.at(place).is_for_all());
+           is_past(flows_.at(place));
 }
 
 void follower::leave(uint32_t place) {
@@ -70,7 +81,8 @@ void follower::sum_up(uint32_t place) {
     const watched_flow &flow = flows_.at(place);
     told_values &told = told_at(place);
     const bool has_all = std::exchange(told.change, END) == END;
-    if (has_all || is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
+    // An end that is told again can't be known again in a sum.
+    if (has_all || (!told.is_any && (was_over(flow) || !wish_.filter.fits(flow))))
         return;
     sum_key key = key_of(flow.known());
     if (sums_.size() >= MAX_SUMS && !sums_.contains(key))
@@ -144,7 +156,7 @@ bool follower::add_flow(uint32_t place) {
     if (change <= told.change || !flow.can_be_told())
         return false;
     const uint64_t told_change = std::exchange(told.change, flow.is_over() ? END : change);
-    if (is_past(flow, told) || (!told.is_any && !wish_.filter.fits(flow)))
+    if (!told.is_any && (is_past(flow) || !wish_.filter.fits(flow)))
         return false;
     std::string &text = out_.made();
     const bool whole = !told.is_any || flow.essence > told_change;

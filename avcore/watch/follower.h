@@ -45,6 +45,7 @@ public:
     void sum_up(uint32_t place) override;
     void leave(uint32_t place) override;
     void happened(flow_event what, uint32_t place) override;
+    int64_t ends_from_us() const override;
 
 private:
     static constexpr uint64_t END = UINT64_MAX;
@@ -56,7 +57,8 @@ private:
     };
 
     told_values &told_at(uint32_t place);
-    bool is_past(const watched_flow &flow, const told_values &told) const;
+    bool was_over(const watched_flow &flow) const;
+    bool is_past(const watched_flow &flow) const;
     bool add_sum();
     bool add_end();
     bool add_flow(uint32_t place); // false: there is nothing new
@@ -67,7 +69,8 @@ private:
     outgoing_lines &out_;
     follow_wish wish_;
     uint64_t since_; // number of the last change when it began
-    uint64_t end_;   // number of the last end that was looked at
+    int64_t ends_from_us_;
+    uint64_t end_; // number of the last end that was looked at
     uint64_t first_round_;
     std::deque<told_values> told_; // by place; grows by pieces, as the first listing comes along
     std::map<sum_key, sum_of_flows> sums_;

@@ -15,6 +15,7 @@ using nlohmann::json;
 
 constexpr int64_t SHORTEST_MS = 200;
 constexpr int64_t LONGEST_MS = 60'000;
+constexpr uint64_t LONGEST_AGO_MS = 1'000'000'000'000;
 
 struct mistake : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -81,6 +82,8 @@ follow_wish wish_in(const json &object, uint32_t id) {
     }
     if (const auto every_ms = number_in(object, "every_ms", SHORTEST_MS, LONGEST_MS))
         wish.every_ms = static_cast<int64_t>(*every_ms);
+    if (const auto within_ms = number_in(object, "ended_within_ms", 0, LONGEST_AGO_MS))
+        wish.ended_within_ms = static_cast<int64_t>(*within_ms);
     return wish;
 }
 

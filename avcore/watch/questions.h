@@ -51,6 +51,7 @@ struct follow_wish {
     bool flows = false;
     bool events = false;
     int64_t every_ms = 1'000;
+    std::optional<int64_t> ended_within_ms = {}; // before it came
     flow_filter filter;
 };
 

@@ -47,10 +47,13 @@ flow_ending ending_by(uint8_t ends) {
 }
 
 flow_ending ending_of(const flow_sight &seen, int64_t now_us) {
-    const int64_t idle_us = now_us - seen.last_us;
-    if (is_closed(seen.ends) && idle_us >= LINGER_US)
-        return ending_by(seen.ends);
-    return idle_us >= IDLE_US ? flow_ending::idle : flow_ending::none;
+    if (now_us < ends_us(seen))
+        return flow_ending::none;
+    return is_closed(seen.ends) ? ending_by(seen.ends) : flow_ending::idle;
+}
+
+int64_t ends_us(const flow_sight &seen) {
+    return seen.last_us + (is_closed(seen.ends) ? LINGER_US : IDLE_US);
 }
 
 row_digest digest_of(const flow_row &row) {

@@ -20,6 +20,8 @@ enum class flow_ending : uint8_t { none, fin, reset, idle, forgotten, stopped };
 flow_ending ending_by(uint8_t ends); // bits of gate_end, of a flow that is over
 // None while it goes on.
 flow_ending ending_of(const flow_sight &seen, int64_t now_us);
+// From when on there is one.
+int64_t ends_us(const flow_sight &seen);
 
 // By what it is seen that a row says something else than before.
 struct row_digest {
@@ -52,6 +54,7 @@ struct watched_flow {
     uint64_t ended = 0;        // number of that change
     bool awaits = false;       // that all readers take its end
     bool is_earlier = false;   // it was over before this run looked
+    bool is_asked = false;     // it was over before, and is told to who wants that
     bool denial_waits = false; // for the first sight of the flow
     uint32_t round = 0;        // when the gate last had it
 

@@ -154,8 +154,10 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
         place = renew(place);
         begin(place, seen, seen.before);
     } else if (flow.is_over()) {
-        if (seen.counted == flow.seen.counted)
+        if (seen.counted == flow.seen.counted) {
+            show_again(place, seen);
             return place;
+        }
         const gate_counter from = flow.seen.counted;
         const unsigned continued = flow.continued + 1;
         place = renew(place);
@@ -167,15 +169,17 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
 }
 
 // What was over when it was first seen is none of anybody's here, but where a run before has left
-// it and its readers come back.
+// it and its readers come back, or where a reader asks for it.
 void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_counter &from) {
     watched_flow &flow = flows_[place];
     flow.seen = seen;
     flow.from = from;
     flow.counts = {};
     flow.ending = ending_of(seen, around_.now_us());
-    flow.is_earlier = flow.is_over();
-    if (flow.is_over() && seen.last_us <= around_.told_until_us)
+    const bool is_past = flow.is_over() && seen.last_us <= around_.told_until_us;
+    flow.is_earlier = flow.is_over() && !is_past;
+    flow.is_asked = is_past && ends_us(seen) >= ends_from_us_;
+    if (is_past && !flow.is_asked)
         return;
     flow.ending = flow_ending::none;
     flow.id = id_of(flow, around_.run);
@@ -262,13 +266,25 @@ void watched_flows::end(uint32_t place, flow_ending how) {
     flow.essence = flow.ended = flows_.change(place);
     flow.awaits = true;
     ended_.push_back(place);
-    tell(flow_event::ended, place);
+    if (!flow.is_asked)
+        tell(flow_event::ended, place);
     if (ended_.size() <= MAX_ENDED || how == flow_ending::stopped)
         return;
     for (flow_reader *reader : readers_)
         reader->sum_up(ended_.front());
     release(ended_.front());
     ended_.pop_front();
+}
+
+// A reader may have been told, and lost it.
+void watched_flows::show_again(uint32_t place, const flow_sight &seen) {
+    watched_flow &flow = flows_[place];
+    if (flow.awaits || ends_us(seen) < ends_from_us_)
+        return;
+    if (flow.id.empty())
+        return begin(place, seen, flow.from);
+    flow.is_asked = true;
+    end(place, flow.ending);
 }
 
 std::optional<uint32_t> watched_flows::ended_behind(uint64_t change) const {
@@ -368,6 +384,9 @@ void watched_flows::begin_round() {
     rechecks_ = std::exchange(all_changed_, false);
     if (rounds_begun_ > 1 || !awaits_readers())
         around_.told_until_us = INT64_MAX;
+    ends_from_us_ = INT64_MAX;
+    for (const flow_reader *reader : readers_)
+        ends_from_us_ = std::min(ends_from_us_, reader->ends_from_us());
 }
 
 void watched_flows::step() {

@@ -42,6 +42,8 @@ public:
     // Another flow may get the place.
     virtual void leave(uint32_t place) = 0;
     virtual void happened(flow_event what, uint32_t place) = 0;
+    // It wants the ends since then, too, that were before it came; INT64_MAX: none.
+    virtual int64_t ends_from_us() const = 0;
 };
 
 class watched_flows {
@@ -107,6 +109,7 @@ private:
     void tell_news(uint32_t place, const row_digest &before, const row_digest &now);
     void look_at_end(uint32_t place);
     void end(uint32_t place, flow_ending how);
+    void show_again(uint32_t place, const flow_sight &seen);
     void release(uint32_t place);
     void free(uint32_t place);
     void row_leaves(flow_row &row);
@@ -133,6 +136,7 @@ private:
     bool gate_walked_ = false; // in this round
     bool rechecks_ = false;    // this round looks at all rows
     int64_t round_begun_us_ = 0;
+    int64_t ends_from_us_ = INT64_MAX; // of the readers, for this round
     uint64_t rounds_begun_ = 0;
     uint64_t rounds_done_ = 0;
     uint32_t cursor_ = 0;     // of the gate's flows

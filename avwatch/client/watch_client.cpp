@@ -96,6 +96,8 @@ uint32_t watch_client::follow(const following &wanted) {
     if (wanted.events)
         line["follow"].push_back("events");
     line["every_ms"] = wanted.every_ms;
+    if (wanted.ended_within_ms)
+        line["ended_within_ms"] = *wanted.ended_within_ms;
     return send(std::move(line));
 }
 

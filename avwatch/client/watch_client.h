@@ -45,7 +45,8 @@ struct watch_filter {
 struct following {
     bool flows = true;
     bool events = false;
-    uint32_t every_ms = 1'000; // 200 to 60,000
+    uint32_t every_ms = 1'000;                   // 200 to 60,000
+    std::optional<int64_t> ended_within_ms = {}; // of flows that were over before, too
     watch_filter filter;
 };
 

@@ -32,6 +32,7 @@ void ledger::connected(std::string_view epoch) {
     if (epoch_ == epoch)
         return;
     epoch_ = epoch;
+    ended_.clear();
     for (auto at = flows_.begin(); at != flows_.end();)
         at = close(at);
 }
@@ -39,6 +40,12 @@ void ledger::connected(std::string_view epoch) {
 // What wasn't heard of while nobody spoke may still be there.
 void ledger::listed(int64_t now_ms) {
     listed_ms_ = now_ms;
+    heard(now_ms);
+}
+
+void ledger::heard(int64_t now_ms) {
+    if (listed_ms_ >= 0)
+        heard_ms_ = now_ms;
 }
 
 void ledger::take(const flow_message &news, int64_t now_ms) {
@@ -48,8 +55,10 @@ void ledger::take(const flow_message &news, int64_t now_ms) {
     if (rename(at->second, news))
         note_changed(at);
     update(at, news.counts, now_ms, news.ended);
-    if (news.ended)
-        close(at);
+    if (!news.ended)
+        return;
+    ended_.add(news.id, now_ms);
+    close(at);
 }
 
 void ledger::take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms) {
@@ -91,9 +100,11 @@ void ledger::written() {
     }
     changed_.clear();
     removed_.clear();
+    ended_.written();
 }
 
 void ledger::forget_rows() {
+    ended_.forget_rows();
     removed_.clear();
     changed_.clear();
     for (auto at = flows_.begin(); at != flows_.end(); ++at) {
@@ -108,6 +119,8 @@ ledger::flow_map::iterator ledger::enter(const flow_message &news, int64_t now_m
     auto at = flows_.find(news.id);
     if (at != flows_.end())
         return at;
+    if (news.ended && ended_.has(news.id)) // told again
+        return flows_.end();
     if (flows_.size() >= MAX_FLOWS || news.id.size() > NAME_MAX_BYTES) {
         ++uncounted_;
         return flows_.end();

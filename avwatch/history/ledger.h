@@ -17,6 +17,7 @@
 
 #include "avwatch/history/amounts.h"
 #include "avwatch/history/application_names.h"
+#include "avwatch/history/ended_flows.h"
 
 #include <compare>
 #include <functional>
@@ -84,11 +85,14 @@ public:
 
     // From the database, at the start.
     void restore(std::string id, open_flow flow, int64_t now_ms);
+    void restore(const ended_flows::entry &ended) { ended_.restore(ended); }
 
     // Both of the same boot and, where only frames are counted, of the same run: the flows go on.
     // Otherwise none of them comes again.
     void connected(std::string_view epoch);
     void listed(int64_t now_ms);
+    // The rest of what is said was heard, too, up to now.
+    void heard(int64_t now_ms);
     void disconnected() { listed_ms_ = -1; }
 
     void take(const flow_message &news, int64_t now_ms);
@@ -104,6 +108,11 @@ public:
     // Null for those that have ended since.
     const std::vector<flow_map::pointer> &changed() const { return changed_; }
     const std::vector<std::string> &removed() const { return removed_; } // had a row
+    const ended_flows &ended() const { return ended_; }
+    // When avcore was last heard, once it had listed its flows; CLOCK_MONOTONIC, of the epoch's
+    // boot. -1: never.
+    int64_t heard_ms() const { return heard_ms_; }
+    void set_heard(int64_t at_ms) { heard_ms_ = at_ms; }
     const std::string &epoch() const { return epoch_; }
     void set_epoch(std::string epoch) { epoch_ = std::move(epoch); }
     void written();
@@ -129,7 +138,9 @@ private:
     const names_kept kept_;
     std::string epoch_;
     int64_t listed_ms_ = -1;
+    int64_t heard_ms_ = -1;
     flow_map flows_;
+    ended_flows ended_;
     std::map<sum_key, amounts> pending_;
     std::vector<flow_map::pointer> changed_;
     std::vector<std::string> removed_;

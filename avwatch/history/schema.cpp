@@ -33,6 +33,8 @@ std::string first_tables() {
             application TEXT NOT NULL, is_name INTEGER NOT NULL, verdict INTEGER NOT NULL,
             held INTEGER NOT NULL)";
     sql += amount_columns(FLOW_COUNTS) + ") WITHOUT ROWID;";
+    sql += "CREATE TABLE ended_flows (at_ms INTEGER NOT NULL, id INTEGER NOT NULL, "
+           "PRIMARY KEY (at_ms, id)) WITHOUT ROWID;";
     sql += "CREATE TABLE application_totals (application TEXT NOT NULL, is_name INTEGER NOT NULL, "
            "verdict INTEGER NOT NULL" +
            amount_columns(AMOUNTS) +

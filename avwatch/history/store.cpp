@@ -22,6 +22,7 @@ constexpr uint64_t BYTES_PER_HOUR_PAIR = 12'000;
 
 constexpr char EPOCH[] = "epoch";
 constexpr char UNCOUNTED[] = "uncounted";
+constexpr char HEARD[] = "heard";
 
 // Summed up without an overflow, which would be an error.
 std::string summed_amounts() {
@@ -89,6 +90,7 @@ store::store(const history_settings &settings)
       write_flow_(file_, "INSERT OR REPLACE INTO open_flows VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
                          "?, ?, ?)"),
       remove_flow_(file_, "DELETE FROM open_flows WHERE id = ?"),
+      write_ended_(file_, "INSERT OR IGNORE INTO ended_flows VALUES (?, ?)"),
       set_state_(file_, "INSERT OR REPLACE INTO state VALUES (?, ?)") {
     for (const period &each : PERIODS)
         add_.emplace_back(
@@ -114,6 +116,12 @@ void store::restore(ledger &flows, int64_t now_ms) {
     state.reset();
     if (state.bind(0, std::string_view(UNCOUNTED)).step())
         flows.set_uncounted(state.count(0));
+    state.reset();
+    if (state.bind(0, std::string_view(HEARD)).step())
+        flows.set_heard(state.number(0));
+    statement ended(file_, "SELECT at_ms, id FROM ended_flows ORDER BY at_ms");
+    while (ended.step())
+        flows.restore(ended_flows::entry{ended.number(0), static_cast<uint64_t>(ended.number(1))});
 }
 
 void store::replace_contents(ledger &flows, totals counted) {
@@ -141,8 +149,9 @@ void store::write(ledger &flows, int64_t wall_s, int64_t monotonic_ms) {
     const bool is_at_hand = hour_s_ == hour_s && is_ours;
     hour_s_ = NONE_S;
     if (is_replaced_)
-        file_.run("DELETE FROM open_flows; DELETE FROM application_totals; "
-                  "DELETE FROM client_totals; DELETE FROM candidates");
+        file_.run(
+            "DELETE FROM open_flows; DELETE FROM ended_flows; DELETE FROM application_totals; "
+            "DELETE FROM client_totals; DELETE FROM candidates");
     if (present_.moves_future)
         move_future(present_.minute_s);
     if (!is_at_hand || present_.moves_future)
@@ -245,8 +254,20 @@ void store::write_flows(const ledger &flows) {
             write_flow_.bind(static_cast<int>(7 + i), flow.told[i]);
         write_flow_.run();
     }
+    write_ended(flows.ended());
     set_state_.bind(0, std::string_view(EPOCH)).bind(1, std::string_view(flows.epoch())).run();
+    set_state(HEARD, flows.heard_ms());
     set_state(UNCOUNTED, static_cast<int64_t>(std::min(flows.uncounted(), COUNT_MAX)));
+}
+
+void store::write_ended(const ended_flows &ended) {
+    const std::deque<ended_flows::entry> &all = ended.all();
+    if (ended.unwritten() == 0)
+        return;
+    for (size_t i = all.size() - ended.unwritten(); i < all.size(); ++i)
+        write_ended_.bind(0, all[i].at_ms).bind(1, all[i].id).run();
+    file_.run("DELETE FROM ended_flows WHERE at_ms NOT BETWEEN " +
+              std::to_string(all.front().at_ms) + " AND " + std::to_string(all.back().at_ms));
 }
 
 void store::add_sum(const sum_key &key, const amounts &more) {

@@ -75,6 +75,7 @@ private:
     void load_hour(int64_t hour_s);
     void move_future(int64_t minute_s);
     void write_flows(const ledger &flows);
+    void write_ended(const ended_flows &ended);
     void add_sum(const sum_key &key, const amounts &more);
     std::pair<int64_t, int64_t> admitted(const sum_key &key);
     std::optional<int64_t> known(named_rows &rows, const std::string &name, bool is_name);
@@ -100,6 +101,7 @@ private:
     std::vector<statement> add_; // by period
     statement write_flow_;
     statement remove_flow_;
+    statement write_ended_;
     statement set_state_;
 };
 

@@ -19,6 +19,9 @@ using avcore::NEVER_MS;
 constexpr int MESSAGES_AT_ONCE = 1'000;
 constexpr uint32_t EVERY_MS = 10'000; // a flow's counts
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
+// Ends from so long before avcore was last heard are asked for: later they are told. Less than
+// ended ones are known again.
+constexpr int64_t ENDS_LATE_MS = 20'000;
 constexpr int64_t ASK_EVERY_MS = 10'000;
 constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
 constexpr int64_t CLIENTS_EVERY_MS = 60'000;
@@ -116,6 +119,7 @@ void recorder::listen() {
                 break;
             heard_ms_ = now_ms;
             std::visit(taker{*this, told->id, now_ms}, told->what);
+            ledger_.heard(now_ms);
         }
     } catch (const no_watch &gone) {
         disconnect(gone.what());
@@ -214,12 +218,23 @@ void recorder::connect(int64_t now_ms) {
         return;
     try {
         avcore_.emplace(watch_socket_);
-        follow_asked_ =
-            avcore_->follow({.flows = true, .events = false, .every_ms = EVERY_MS, .filter = {}});
+        follow_asked_ = avcore_->follow({.flows = true,
+                                         .events = false,
+                                         .every_ms = EVERY_MS,
+                                         .ended_within_ms = asked_ends_ms(monotonic_ms()),
+                                         .filter = {}});
         connect_due_ms_ = NEVER_MS;
     } catch (const std::runtime_error &error) {
         disconnect(error.what());
     }
+}
+
+// How far back: in another boot than that of the last time, all.
+std::optional<int64_t> recorder::asked_ends_ms(int64_t now_ms) const {
+    const int64_t heard_ms = ledger_.heard_ms();
+    if (heard_ms < 0)
+        return std::nullopt;
+    return heard_ms > now_ms ? now_ms : std::min(now_ms - heard_ms + ENDS_LATE_MS, now_ms);
 }
 
 void recorder::greet(int64_t now_ms) {

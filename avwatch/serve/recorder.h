@@ -46,6 +46,7 @@ private:
     bool open_history(int64_t now_ms);
     bool is_replaced() const;
     void connect(int64_t now_ms);
+    std::optional<int64_t> asked_ends_ms(int64_t now_ms) const;
     void greet(int64_t now_ms);
     void ask();
     void disconnect(const std::string &why);

@@ -289,6 +289,7 @@ class Watch(SystemTest):
                 (b'{"id": 5, "ask": 5}', 5, "ask"), (b'{"id": 5, "follow": {}}', 5, "follow"),
                 (b'{"id": 5, "follow": ["x"]}', 5, "follow"), (b'{"id": 5, "follow": [[[]]]}', 5, "follow"),
                 (b'{"id": 5, "follow": ["flows"], "every_ms": 199}', 5, "every_ms"),
+                (b'{"id": 5, "follow": ["flows"], "ended_within_ms": -1}', 5, "ended_within_ms"),
                 (b'{"id": 5, "ask": "flows", "since_us": -1}', 5, "since_us"),
                 (b'{"id": 5, "ask": "flows", "client": "10.1.0.12/8"}', 5, "client"),
                 (b'{"id": 5, "ask": "flows", "name": {}}', 5, "name")):

@@ -10,6 +10,7 @@ SCANNED = range(1_024, 19_024)  # more ends than wait for readers
 
 class WatchInline(InlineTest):
     def reader(self):
+        wait_for_listener(WATCH_SOCKET)
         reader = Reader()
         self.addCleanup(reader.close)
         return reader
@@ -50,6 +51,10 @@ class WatchInline(InlineTest):
         accepted.close()
         closed = self.told(reader, lambda flow: flow.get("ended") == "fin", protocol="TCP")
         self.assertGreater(closed["up"][1], 50_000 + 74 * 35)
+        for wish, told in ({}, {}), ({"ended_within_ms": 60_000}, closed):
+            late = self.reader()
+            late.follow("flows", **wish)
+            self.assertEqual(late.flows.get(closed["id"], {}), told)
 
         for how in ("kill", "terminate"):
             torn, other = self.pair(socket.SOCK_STREAM, 4, ALLOWED)
