@@ -20,7 +20,7 @@ GATEWAYS = {"wlan0": ("10.1.0.1/16", "fd00:1::1/64"), "eth0": ("192.0.2.1/24", "
 FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
 TCP, UDP = 6, 17
 RST = 4
-SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
+SOL_PACKET, PACKET_STATISTICS, VNET_HDR, IGNORE_OUTGOING = 263, 6, 15, 23
 SO_RCVPRIORITY = 82  # since Linux 6.14
 CONFIG = "/tmp/inline.toml"
 REPORT = "/tmp/inline.json"
@@ -80,8 +80,8 @@ class Packet(NamedTuple):
     dst_port: int
     dscp: int
     flags: int         # of TCP
-    size: int          # bytes of IP on the wire, where a large packet is several
-    large: bool
+    frames: int        # on the wire, where a large packet is several,
+    size: int          # and their bytes of IP
     payload: bytes     # its beginning
 
 
@@ -90,7 +90,7 @@ def parse(record, at):
     frame = record[10:].ljust(94, b"\0")  # as long as headers are: some are cut short
     version = {b"\x08\x00": 4, b"\x86\xdd": 6}.get(frame[12:14])
     if version is None:
-        return Packet(at, None, None, 0, 0, 0, 0, 0, False, frame[14:22])
+        return Packet(at, None, None, 0, 0, 0, 0, 1, 0, frame[14:22])
     if version == 4:
         protocol, head, size = frame[23], (frame[14] & 15) * 4, int.from_bytes(frame[16:18], "big")
         dscp = frame[15] >> 2
@@ -98,14 +98,14 @@ def parse(record, at):
         protocol, head, size = frame[20], 40, 40 + int.from_bytes(frame[18:20], "big")
         dscp = (int.from_bytes(frame[14:16], "big") >> 6) & 63
     if protocol not in (TCP, UDP):
-        return Packet(at, version, protocol, 0, 0, dscp, 0, size, False, frame[14 + head:])
+        return Packet(at, version, protocol, 0, 0, dscp, 0, 1, size, frame[14 + head:])
     transport = frame[14 + head:]
     header = (transport[12] >> 4) * 4 if protocol == TCP else 8
-    if gso_size:
-        size += (-(-(size - head - header) // gso_size) - 1) * (head + header)
+    frames = -(-(size - head - header) // gso_size) if gso_size else 1
+    size += (frames - 1) * (head + header)
     return Packet(at, version, protocol, int.from_bytes(transport[:2], "big"),
                   int.from_bytes(transport[2:4], "big"), dscp,
-                  transport[13] if protocol == TCP else 0, size, bool(gso_size),
+                  transport[13] if protocol == TCP else 0, frames, size,
                   transport[header:header + 8])
 
 
@@ -152,6 +152,13 @@ class Arrivals:
 
     def __len__(self):
         return len(self._packets)
+
+    def all(self):
+        return self._packets.items[:]
+
+    def lost(self):
+        """How many it didn't record since this was asked last."""
+        return struct.unpack("II", self._socket.getsockopt(SOL_PACKET, PACKET_STATISTICS, 8))[1]
 
     def of(self, port, version=None, protocol=None, *, since=0.0, source=None):
         """The packets of one of the applications, or of one flow."""

@@ -121,7 +121,7 @@ class Layout:
                         VOICE_CALL, version, TCP, since=since)) > 2_000_000)
                     packets = arrivals.of(VOICE_CALL, version, TCP, since=since)
                     self.assertEqual({packet.dscp for packet in packets}, {46})
-                    self.assertTrue(any(packet.large for packet in packets))
+                    self.assertTrue(any(packet.frames > 1 for packet in packets))
                 if taken:
                     self.assertEqual(self.priorities(taken, VOICE_CALL), {256 + 6})
 

@@ -194,7 +194,7 @@ class Holding:
                 client, accepted = self.older[version]
                 client.sendall(PAGE[:9000])
                 self.assertEqual(accepted.makefile("rb").read(9000), PAGE[:9000])
-                self.assertFalse(any(packet.large for packet in self.at_server.of(ALLOWED, version)))
+                self.assertFalse(any(packet.frames > 1 for packet in self.at_server.of(ALLOWED, version)))
                 held = self.grown(before)["held"]
                 self.assertGreaterEqual(held, 10 + 7)
                 if KERNEL < (5, 11):
