@@ -3,6 +3,8 @@
 #include "avcore/flows/flow_text.h"
 #include "avcore/watch/json_text.h"
 
+#include <algorithm>
+
 namespace avcore {
 namespace {
 
@@ -79,7 +81,7 @@ void append_why(std::string &out, const flow_row &row) {
 } // namespace
 
 bool is_known(const mac_address &mac) {
-    return mac != mac_address();
+    return std::ranges::any_of(mac, [](uint8_t octet) { return octet != 0; });
 }
 
 void add_counts(json_object &object, const gate_counter &counts) {

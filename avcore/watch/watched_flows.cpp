@@ -162,7 +162,9 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
         const unsigned continued = flow.continued + 1;
         place = renew(place);
         flows_[place].continued = continued;
-        begin(place, seen, from);
+        flow_sight rest = seen;
+        rest.begun_us = seen.last_us; // or a little earlier
+        begin(place, rest, from);
     }
     take_counts(place, seen);
     return place;
@@ -192,6 +194,8 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     tell_news(place, row_digest(), flow.digest);
     if (flow.denial_waits)
         tell(flow_event::denied, place);
+    if (flow.counts.limited != 0)
+        tell(flow_event::limited, place);
 }
 
 // Another one of the same sides has begun. The gate may have forgotten them in between.
