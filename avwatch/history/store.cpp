@@ -119,7 +119,9 @@ void store::restore(ledger &flows, int64_t now_ms) {
     state.reset();
     if (state.bind(0, std::string_view(HEARD)).step())
         flows.set_heard(state.number(0));
-    statement ended(file_, "SELECT at_ms, id FROM ended_flows ORDER BY at_ms");
+    statement ended(file_, "SELECT at_ms, id FROM ended_flows WHERE at_ms BETWEEN 0 AND ? "
+                           "ORDER BY at_ms");
+    ended.bind(0, now_ms); // those behind it are another boot's
     while (ended.step())
         flows.restore(ended_flows::entry{ended.number(0), static_cast<uint64_t>(ended.number(1))});
 }

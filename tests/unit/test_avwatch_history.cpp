@@ -7,11 +7,14 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
+#include <sstream>
+#include <stdexcept>
 
 namespace {
 
@@ -163,6 +166,44 @@ TEST_F(AvwatchHistory, CountsExactlyOnceOverRestarts) {
     }
     EXPECT_EQ(counted, expected);
     EXPECT_EQ(number("SELECT count(*) FROM open_flows"), 0);
+}
+
+TEST_F(AvwatchHistory, NobodyFallsOverWhatADamagedFileSays) {
+    flows->connected("boot");
+    for (int i = 0; i < 300; ++i) {
+        flow_message news;
+        const std::string id = std::to_string(i);
+        news.id = news.application = id;
+        news.client_mac = MAC;
+        news.counts[UP_BYTES] = 1;
+        news.ended = i % 2 == 0;
+        flows->take(news, mono_ms);
+    }
+    write(NOW_S);
+    kept.reset();
+    std::ostringstream whole;
+    whole << std::ifstream(settings.file, std::ios::binary).rdbuf();
+    std::mt19937 random(3); // NOLINT(cert-msc51-cpp): the same each time
+    int refused = 0;
+    for (int i = 0; i < 100; ++i) {
+        std::string bytes = whole.str();
+        for (int damages = 1 << i % 10; damages > 0; --damages)
+            bytes[random() % bytes.size()] = static_cast<char>(random());
+        std::ofstream(settings.file, std::ios::binary) << bytes;
+        for (const char *end : {"-wal", "-shm"})
+            std::filesystem::remove(settings.file + end);
+        try {
+            open();
+            add("new", 1);
+            write(NOW_S + 60);
+            tidy();
+            read(0, grouping::hour);
+        } catch (const std::runtime_error &) {
+            ++refused;
+        }
+        kept.reset();
+    }
+    EXPECT_TRUE(0 < refused && refused < 100) << refused;
 }
 
 TEST_F(AvwatchHistory, FlowsGetTheNameTheyHaveAMomentLater) {
