@@ -22,6 +22,11 @@ bool somebody_listens(const sockaddr_un &address, int type) {
            errno == EAGAIN || errno == EPROTOTYPE; // the latter: on a socket of another type
 }
 
+bool is_socket(const std::string &path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 // The name's mode is the socket's, less the umask: nobody else gets in between.
 bool take_name(int fd, const sockaddr_un &address, mode_t mode) {
     if (mode != 0 && fchmod(fd, mode) != 0)
@@ -45,9 +50,12 @@ local_listener::local_listener(const std::string &what, std::string path, const 
     if (somebody_listens(address, wanted.type))
         throw failure(what, path_, "another program listens there");
     if (!take_name(fd_.get(), address, wanted.mode)) {
-        // Nobody answers at what is there: the socket of one that died.
-        if (errno != EADDRINUSE || unlink(path_.c_str()) != 0 ||
-            !take_name(fd_.get(), address, wanted.mode))
+        if (errno != EADDRINUSE)
+            throw failure(what, path_, strerror(errno));
+        if (!is_socket(path_))
+            throw failure(what, path_, "there is something else than a socket");
+        // Nobody answers there: it is that of one that died.
+        if (unlink(path_.c_str()) != 0 || !take_name(fd_.get(), address, wanted.mode))
             throw failure(what, path_, strerror(errno));
     }
     if (listen(fd_.get(), BACKLOG) != 0) {

@@ -421,6 +421,10 @@ class MadeInterface(SystemTest):
             first.terminate()
             self.assertEqual((first.communicate(timeout=DEADLINE)[1], self.link()), ("", None))
         self.assert_refused(self.run_avcore("-i", CAPTURE), "where avcore's own frames are")
+        write_file("/tmp/file", "somebody's")
+        self.assert_refused(self.run_avcore("-r", "/tmp/pipe", "--watch-socket", "/tmp/file"),
+                            "something else than a socket")
+        self.assertEqual(read_file("/tmp/file"), "somebody's")
 
     def test_what_cannot_be_had_is_said(self):
         self.assert_refused(self.start("veth", before=("setpriv", "--bounding-set", "-net_admin")),
