@@ -100,7 +100,7 @@ int psms_dnscache_get_dn_by_ip(uint32_t address_be, char *name, unsigned int siz
     const bool is_known = found != names.end();
     const std::string_view text = is_known ? std::string_view(found->second) : std::string_view();
     const size_t length = std::min<size_t>(text.size(), size - 1);
-    memcpy(name, text.data(), length);
+    text.copy(name, length);
     name[length] = '\0';
     *word1 = *word2 = *word3 = is_known ? 1 : 0;
     return DONE;
