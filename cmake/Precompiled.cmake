@@ -34,3 +34,10 @@ function(jorn_use_precompiled target name)
     target_precompile_headers(${target} REUSE_FROM ${name})
   endif()
 endfunction()
+
+# For sources that run once and include what is long to compile, CLI11: optimised no more than the C
+# library's checked calls want it, which is another way to compile than the headers'.
+function(jorn_compile_shortly)
+  set_source_files_properties(${ARGN} PROPERTIES
+    COMPILE_OPTIONS $<IF:$<BOOL:${JORN_HARDENED}>,-O1,-O0> SKIP_PRECOMPILE_HEADERS ON)
+endfunction()
