@@ -24,10 +24,12 @@ TIMES = 200000  # a packet in each round
 PORTS = struct.pack("!HH", 40000, 5201)
 ADDRESSES = {4: ("10.1.0.12", "192.0.2.5"), 6: ("2001:db8:1::12", "2001:db8:2::5")}
 PASS, DENY = 1, 2  # as in gate_records.h, as all layouts below
+STILL_COUNT = 2
+KILLED = "nobody there, counted"  # its avcore was killed
 # What is measured, the version of IP, whether somebody decides, and as what.
-STATES = [("nobody there", 4, False, None), ("allowed", 4, True, PASS), ("allowed", 6, True, PASS),
-          ("denied", 4, True, DENY), ("limited", 4, True, PASS),
-          ("undecided, no copies left", 4, True, None)]
+STATES = [("nobody there", 4, False, None), (KILLED, 4, False, PASS), ("allowed", 4, True, PASS),
+          ("allowed", 6, True, PASS), ("denied", 4, True, DENY),
+          ("limited", 4, True, PASS), ("undecided, no copies left", 4, True, None)]
 GENERATION = 7
 
 libbpf = ctypes.CDLL("libbpf.so.1", use_errno=True)
@@ -109,7 +111,8 @@ class Gate:
         self.changes += 1
         beat = time.monotonic_ns() + 10 ** 15 if attended else 0
         self.write(b"settings", struct.pack("I", 0),
-                   struct.pack("QIIIIII", beat, GENERATION, 0, 1, 0, self.changes, 0))
+                   struct.pack("QIIIIII", beat, GENERATION, 0, 1, STILL_COUNT * (name == KILLED),
+                               self.changes, 0))
         bucket = int(name == "limited")
         self.write(b"limits", struct.pack("I", 1), struct.pack("QQ", 10 ** 12, 10 ** 9))
         self.write(b"verdicts", flow(version), action and struct.pack(
