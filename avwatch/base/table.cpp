@@ -6,6 +6,11 @@
 #include <ostream>
 
 namespace avwatch {
+namespace {
+
+constexpr size_t MANY_ROWS = 1'000;
+
+} // namespace
 
 table::table(std::vector<column> columns) : columns_(std::move(columns)) {
     std::vector<std::string> headings;
@@ -20,6 +25,11 @@ void table::add(std::vector<std::string> cells) {
         columns_[i].width = std::max(columns_[i].width, columns_of(cells[i]));
     }
     rows_.push_back(std::move(cells));
+}
+
+void table::print_many(std::ostream &out) {
+    if (rows_.size() >= MANY_ROWS)
+        print(out);
 }
 
 void table::print(std::ostream &out) {

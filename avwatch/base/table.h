@@ -24,6 +24,8 @@ public:
 
     // Prints what was added since it last did, the first time below the heading. Columns only grow.
     void print(std::ostream &out);
+    // For tables that may be long: does so once many rows wait.
+    void print_many(std::ostream &out);
 
 private:
     std::vector<column> columns_;

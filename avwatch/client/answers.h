@@ -5,6 +5,7 @@
 
 #include "avwatch/client/watch_client.h"
 
+#include <functional>
 #include <vector>
 
 namespace avwatch {
@@ -14,6 +15,9 @@ inline constexpr std::chrono::seconds ANSWER_PATIENCE{10};
 inline constexpr size_t ANSWERS_MAX = 262'144;
 
 std::vector<flow_record> ask_flows(watch_client &avcore, const watch_filter &filter = {});
+// One by one as they come, for there may be many.
+void ask_flows(watch_client &avcore, const watch_filter &filter,
+               const std::function<void(flow_record flow)> &take);
 std::vector<client_record> ask_clients(watch_client &avcore);
 // Nothing where avcore knows nothing.
 std::optional<profile_record> ask_profile(watch_client &avcore, const profile_question &asked);

@@ -19,7 +19,6 @@ namespace avwatch {
 namespace {
 
 constexpr char UNNAMED[] = "unnamed";
-constexpr size_t ROWS_ALIGNED = 1'000; // at a time, for there may be millions
 
 struct usage_request {
     std::string history;
@@ -82,7 +81,6 @@ usage_reach print_table(database &file, const usage_query &query, client_names &
     if (query.by != grouping::none)
         columns.insert(columns.begin(), {"FROM"});
     table lines(columns);
-    size_t rows = 0;
     const auto add = [&](const usage_row &row, const usage_reach &reach) {
         const std::string &name = names.of(row.client);
         std::vector<std::string> cells = {
@@ -97,8 +95,7 @@ usage_reach print_table(database &file, const usage_query &query, client_names &
         if (query.by != grouping::none)
             cells.insert(cells.begin(), when_text(row, query, reach));
         lines.add(std::move(cells));
-        if (++rows % ROWS_ALIGNED == 0)
-            lines.print(std::cout);
+        lines.print_many(std::cout);
     };
     const usage_reach reach = read_usage(file, query, add);
     lines.print(std::cout);

@@ -42,6 +42,7 @@ int show_apps(const invocation &asked, const selection &selected) {
                    rate_text(used.down_rate),
                    std::to_string(used.dropped.denied + used.dropped.limited),
                    time_text(used.last_us, asked.utc)});
+        lines.print_many(std::cout);
     }
     if (!selected.as_json)
         lines.print(std::cout);

@@ -49,6 +49,7 @@ void print_table(const conversation &talk, const usages &all, const std::vector<
                    rate_text(used.up_rate), rate_text(used.down_rate),
                    std::to_string(used.dropped.denied + used.dropped.limited),
                    time_text(used.last_us, utc)});
+        lines.print_many(std::cout);
     }
     lines.print(std::cout);
 }

@@ -3,11 +3,11 @@
 #include "avwatch/base/table.h"
 #include "avwatch/base/units.h"
 #include "avwatch/views/flow_cells.h"
+#include "avwatch/views/ranked_rows.h"
 #include "avwatch/views/selection.h"
 #include "avwatch/views/views.h"
 #include "shared/counted.h"
 
-#include <algorithm>
 #include <iostream>
 #include <memory>
 
@@ -28,29 +28,32 @@ table denial_table() {
                   {"WHY"}});
 }
 
-void add_line(table &lines, const flow_record &flow, uint64_t us, const known_clients &clients,
-              bool utc) {
-    lines.add({time_text(us, utc), clients.name_of(clients.key_of(flow.client_mac, flow.client)),
-               endpoint_text(flow.client, flow.client_port),
-               endpoint_text(flow.server, flow.server_port), flow.protocol, flow.application,
-               std::to_string(flow.dropped.denied), reason_text(flow.why)});
+std::vector<std::string> cells_of(const flow_record &flow, uint64_t us,
+                                  const known_clients &clients, bool utc) {
+    return {time_text(us, utc),
+            clients.name_of(clients.key_of(flow.client_mac, flow.client)),
+            endpoint_text(flow.client, flow.client_port),
+            endpoint_text(flow.server, flow.server_port),
+            flow.protocol,
+            flow.application,
+            std::to_string(flow.dropped.denied),
+            reason_text(flow.why)};
 }
 
 int list_denials(const invocation &asked, selection selected) {
     selected.verdict = DENIED;
     conversation talk(asked, selected);
-    std::vector<flow_record> flows = talk.ask_flows();
-    std::ranges::stable_sort(flows, std::greater(),
-                             [](const flow_record &flow) { return flow.dropped.denied; });
+    ranked_rows rows;
+    talk.ask_flows([&](const flow_record &flow) {
+        rows.add(flow.dropped.denied, selected.as_json
+                                          ? std::vector{to_line(object_of(flow))}
+                                          : cells_of(flow, flow.last_us, talk.clients, asked.utc));
+    });
     table lines = denial_table();
-    for (const flow_record &flow : flows) {
-        if (selected.as_json)
-            std::cout << to_line(object_of(flow)) << '\n';
-        else
-            add_line(lines, flow, flow.last_us, talk.clients, asked.utc);
-    }
-    if (!selected.as_json)
-        lines.print(std::cout);
+    if (selected.as_json)
+        rows.print_lines();
+    else
+        rows.print(lines);
     say_what_was_passed_over(talk.avcore);
     return STATUS_DONE;
 }
@@ -79,7 +82,7 @@ int follow_denials(const invocation &asked, const selection &selected) {
         if (selected.as_json)
             std::cout << to_line(object_of(*event)) << '\n';
         else
-            add_line(lines, *event->flow, event->us, talk.clients, asked.utc);
+            lines.add(cells_of(*event->flow, event->us, talk.clients, asked.utc));
         if (!selected.as_json)
             lines.print(std::cout);
     }

@@ -3,11 +3,11 @@
 #include "avwatch/base/table.h"
 #include "avwatch/base/units.h"
 #include "avwatch/views/flow_cells.h"
+#include "avwatch/views/ranked_rows.h"
 #include "avwatch/views/selection.h"
 #include "avwatch/views/views.h"
 #include "shared/counted.h"
 
-#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <unordered_map>
@@ -20,29 +20,49 @@ constexpr size_t FOLLOWED_NAME = 12;
 constexpr size_t FOLLOWED_ENDPOINT = 21;
 constexpr size_t FOLLOWED_APPLICATION = 24;
 
-// The flows as lines, each printed with finish() or at once.
+// The flows as rows, of a table or of one cell each, a line of JSON.
 class flow_lines {
 public:
     flow_lines(const known_clients &clients, bool as_json, bool utc, bool one_by_one)
         : clients_(clients), as_json_(as_json), utc_(utc), table_(columns(one_by_one)) {}
 
-    void add(const flow_record &flow) {
+    std::vector<std::string> row_of(const flow_record &flow) const {
         const std::string name = clients_.name_of(clients_.key_of(flow.client_mac, flow.client));
         if (as_json_) {
             nlohmann::ordered_json object = object_of(flow);
             if (!name.empty())
                 object["client_name"] = name;
-            std::cout << to_line(object) << '\n';
-            return;
+            return {to_line(object)};
         }
-        table_.add({name, endpoint_text(flow.client, flow.client_port),
-                    endpoint_text(flow.server, flow.server_port), flow.protocol, flow.application,
-                    verdict_text(flow), size_text(flow.up.bytes), size_text(flow.down.bytes),
-                    std::to_string(flow.dropped.denied + flow.dropped.limited),
-                    time_text(flow.last_us, utc_), flow.ended.empty() ? flow.gate : flow.ended});
+        return {name,
+                endpoint_text(flow.client, flow.client_port),
+                endpoint_text(flow.server, flow.server_port),
+                flow.protocol,
+                flow.application,
+                verdict_text(flow),
+                size_text(flow.up.bytes),
+                size_text(flow.down.bytes),
+                std::to_string(flow.dropped.denied + flow.dropped.limited),
+                time_text(flow.last_us, utc_),
+                flow.ended.empty() ? flow.gate : flow.ended};
     }
 
-    void finish() {
+    void print(ranked_rows &rows) {
+        if (as_json_)
+            rows.print_lines();
+        else
+            rows.print(table_);
+    }
+
+    // One by one, the first below the heading.
+    void print(const flow_record &flow) {
+        if (as_json_)
+            std::cout << row_of(flow).front() << '\n';
+        else
+            table_.add(row_of(flow));
+        print_heading();
+    }
+    void print_heading() {
         if (!as_json_)
             table_.print(std::cout);
     }
@@ -71,14 +91,12 @@ private:
 
 int list_flows(const invocation &asked, const selection &selected) {
     conversation talk(asked, selected);
-    std::vector<flow_record> flows = talk.ask_flows();
-    std::ranges::stable_sort(flows, std::greater(), [](const flow_record &flow) {
-        return flow.up.bytes + flow.down.bytes;
-    });
     flow_lines lines(talk.clients, selected.as_json, asked.utc, false);
-    for (const flow_record &flow : flows)
-        lines.add(flow);
-    lines.finish();
+    ranked_rows rows;
+    talk.ask_flows([&](const flow_record &flow) {
+        rows.add(flow.up.bytes + flow.down.bytes, lines.row_of(flow));
+    });
+    lines.print(rows);
     say_what_was_passed_over(talk.avcore);
     return STATUS_DONE;
 }
@@ -113,7 +131,7 @@ int follow_flows(const invocation &asked, const selection &selected) {
     const uint32_t id = talk.avcore.follow({.filter = talk.filter});
     flow_lines lines(talk.clients, selected.as_json, asked.utc, true);
     followed_flows flows;
-    lines.finish();
+    lines.print_heading();
     while (std::cout.flush()) {
         message next = talk.avcore.wait();
         if (next.id != id)
@@ -122,12 +140,12 @@ int follow_flows(const invocation &asked, const selection &selected) {
             const flow_record flow = talk.shown(std::move(*told));
             if (!talk.is_wanted(flow) && !flows.has(flow.id))
                 continue;
-            lines.add(flow);
+            lines.print(flow);
             flows.keep(flow);
         } else if (const auto *count = std::get_if<count_record>(&next.what)) {
             const flow_record *counted_flow = flows.count(*count);
             if (counted_flow != nullptr && selected.as_json)
-                lines.add(*counted_flow);
+                lines.print(*counted_flow);
         } else if (const auto *sum = std::get_if<sum_record>(&next.what)) {
             complain("flows that ended weren't read in time: " +
                      size_text(sum->up.bytes + sum->down.bytes) + " and " +
@@ -135,7 +153,6 @@ int follow_flows(const invocation &asked, const selection &selected) {
         } else if (const auto *error = std::get_if<answer_error>(&next.what)) {
             throw refused("avcore doesn't tell: " + error->text);
         }
-        lines.finish();
     }
     return STATUS_DONE; // that nothing can be printed is said where the program ends
 }

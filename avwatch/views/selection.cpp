@@ -78,12 +78,12 @@ bool conversation::is_wanted(const flow_record &flow) const {
             avcore::lower_case(flow.host).find(part) != std::string::npos);
 }
 
-std::vector<flow_record> conversation::ask_flows() {
-    std::vector<flow_record> flows = avwatch::ask_flows(avcore, filter);
-    for (flow_record &flow : flows)
-        flow = shown(std::move(flow));
-    std::erase_if(flows, [&](const flow_record &flow) { return !is_wanted(flow); });
-    return flows;
+void conversation::ask_flows(const std::function<void(const flow_record &flow)> &take) {
+    avwatch::ask_flows(avcore, filter, [&](flow_record told) {
+        const flow_record flow = shown(std::move(told));
+        if (is_wanted(flow))
+            take(flow);
+    });
 }
 
 void say_what_was_passed_over(const watch_client &avcore) {

@@ -7,8 +7,8 @@
 #include "avwatch/settings/settings.h"
 #include "shared/command_line.h"
 
+#include <functional>
 #include <string>
-#include <vector>
 
 namespace avwatch {
 
@@ -38,7 +38,8 @@ struct conversation {
 
     flow_record shown(flow_record flow) const;
     bool is_wanted(const flow_record &flow) const; // as it is shown
-    std::vector<flow_record> ask_flows();          // as they are shown
+    // Those that are wanted, as they are shown.
+    void ask_flows(const std::function<void(const flow_record &flow)> &take);
 
     const selection selected;
     const names_kept names;

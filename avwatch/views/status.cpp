@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <unistd.h>
@@ -50,9 +51,13 @@ void print_status(const greeting_record &greeting, const counts_record &counts, 
 
 // How large the history is and how far back it reaches; null where there is none.
 ordered_json history_state(const std::string &path) {
-    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT)
-        return nullptr;
     ordered_json state = {{"file", path}};
+    if (access(path.c_str(), R_OK) != 0) {
+        if (errno == ENOENT)
+            return nullptr;
+        state["error"] = strerror(errno);
+        return state;
+    }
     try {
         database file(path, database::access::read_only);
         check_history(file);

@@ -50,18 +50,19 @@ uint64_t whole(double rate) {
 usages usages_of_flows(conversation &talk,
                        const std::function<std::string(const flow_record &)> &key_of) {
     std::unordered_map<std::string, seen_bytes> before;
-    for (const flow_record &flow : talk.ask_flows())
+    talk.ask_flows([&](const flow_record &flow) {
         before[flow.id] = {flow.up.bytes, flow.down.bytes};
+    });
     const auto began = steady_clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(LOOKS_APART_SECONDS));
     usages all;
-    for (const flow_record &flow : talk.ask_flows()) {
+    talk.ask_flows([&](const flow_record &flow) {
         usage &sum = all[key_of(flow)];
         ++sum.flows;
         add_to(sum, flow);
         const auto seen = before.find(flow.id);
         add_growth(sum, flow.up, flow.down, seen != before.end() ? seen->second : seen_bytes());
-    }
+    });
     divide_rates(all, began);
     return all;
 }
