@@ -104,19 +104,31 @@ private:
         else if (one_in(4))
             made.update({{"app_id", 1 + random_() % 2}, {"cat_id", 3}});
         if (one_in(4))
-            made["rate_down"] = 100;
+            made[pick<std::string>({"rate_down", "rate_up"})] = 100;
+        if (one_in(4))
+            made["qos"] = pick<json>(
+                {{{"classify", "Video"}}, {{"mark", {{"kind", "both"}, {"type", "Voice"}}}}});
         return made;
     }
     json utp() { return {{"id", pick(IDS)}, {"name", name()}, {"uuid", name()}}; }
     json application() {
-        return {{"app_name", pick(APPLICATIONS)}, {"dst_port", 1 + random_() % 2}};
+        json made = {{"app_name", pick(APPLICATIONS)}};
+        if (one_in(3))
+            made.update({{"dst_ip", "192.0.2.6"}, {"netmask", "255.255.255.254"}});
+        if (!made.contains("dst_ip") || one_in(2))
+            made["dst_port"] = 1 + random_() % 2;
+        if (one_in(3))
+            made["protocol"] = pick<std::string>({"tcp", "udp"});
+        if (one_in(4))
+            made.update({{"app_id", 1 + random_() % 2}, {"cat_id", 3}});
+        return made;
     }
     json web_policy() {
         json made = {{"name", name()},
                      {"uuid", name()},
                      {"categories", {random_() % 3, 3 + random_() % 2}},
                      {"blacklist", {pick(PATTERNS), pick(PATTERNS)}}};
-        if (one_in(2))
+        if (!one_in(4))
             made["whitelist"] = {pick(PATTERNS)};
         if (one_in(2))
             made["utp_id"] = pick(IDS);
@@ -126,6 +138,8 @@ private:
     }
     json web_interface() {
         json made = {{"ifname", pick(INTERFACES)}, {"enable", !one_in(4)}, {"policy_uuid", name()}};
+        if (const json policies = last_.value("web_policies", json::array()); !policies.empty())
+            made["policy_uuid"] = policies[random_() % policies.size()]["uuid"];
         if (one_in(5))
             made["delete"] = true;
         return made;

@@ -31,6 +31,7 @@ ALL_KINDS = "".join(f"""[[rule]]
 network = "{network}"
 interface = "wlan{number}"
 utp_id = {number}
+web_utp = [{number + 4}, {number + 5}]
 filter_type = {filter_type}
 """ for number, network, filter_type in (
     (1, "10.1.0.1/32", []), (2, "10.1.0.2/32", ["wificalling"]), (3, "10.1.0.3/32", ["url", "wificalling"]),
@@ -43,7 +44,9 @@ OF_ALL_KINDS = {
         {"utp_id": 4, "rules": [{"app_name": "example", "deny": True}]},
         {"utp_id": 9, "rules": [{"app_name": "youtube", "rate_down": 9}, {"app_name": "local", "deny": True}]}],
     "applications": [{"app_name": "clock", "dst_port": 7001}],
-    "web_policies": [{"uuid": "u", "categories": ["Sex education"], "blacklist": ["games"], "whitelist": ["one."]}],
+    "web_policies": [{"uuid": "u", "categories": ["Sex education"], "blacklist": ["games"], "whitelist": ["one."]},
+                     {"uuid": "v", "blacklist": ["blocked.example", "netflix.com"]}],
+    "web_utps": [{"id": 8, "name": "x", "uuid": "v"}, {"id": 7, "name": "x", "uuid": "u"}],
     "web_interfaces": [{"ifname": f"wlan{n}", "enable": True, "policy_uuid": "u"} for n in (3, 6)],
     "carriers": [{"pname": "telco", "priority": 3, "epdg": [{"fqdn": "epdg.example", "ipaddr": "192.0.2.55"}]}],
     "wificalling_interfaces": [{"ifname": f"wlan{n}", "profile": ["telco"]} for n in (2, 3)]}
