@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <unistd.h>
 
 namespace avwatch {
 namespace {
@@ -35,6 +36,10 @@ bool has_saved_files() {
 }
 
 jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
+    if (access(jornctl::DEFAULT_SOCKET, F_OK) == 0 && access(jornctl::DEFAULT_SOCKET, W_OK) != 0)
+        throw jornctl::refused(std::string("you may not ask the daemon what is in force: run "
+                                           "avwatch as root, or as a user who may write to ") +
+                               jornctl::DEFAULT_SOCKET);
     const jornctl::client daemon(jornctl::DEFAULT_SOCKET, PATIENCE);
     try {
         return jornctl::learn_baseline(&daemon, jornctl::SAVED_FILES_FOLDER);
@@ -52,7 +57,8 @@ jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
 void load_in_force(loaded_documents &loaded) {
     const jornctl::baseline seen = learn_tables(loaded.doubts);
     if (!seen.are_files_read) // which has been said
-        throw jornctl::refused("what is in force isn't known without the daemon's saved files");
+        throw jornctl::refused("what is in force isn't known without the daemon's saved files: run "
+                               "avwatch as root, or mend them");
     for (const std::string &each : seen.doubts())
         loaded.doubts.push_back("unknown: " + each);
     document said = jornctl::document_of(seen.tables);

@@ -65,28 +65,28 @@ void take_profile(const why_settings &asked, flow_facts &facts) {
 std::string flow_facts::shown(std::string_view text) const {
     return avcore::with_real_addresses(
         text, [this](uint32_t address_be) -> std::optional<ip_address> {
-            if (address_be == flow.client_be)
-                return client.address;
-            return address_be == flow.server_be ? std::optional(server.address) : std::nullopt;
+            const ip_address &real = address_be == flow.client_be ? client.address : server.address;
+            const bool is_other = address_be == flow.client_be || address_be == flow.server_be;
+            return is_other && !real.is_ipv4() ? std::optional(real) : std::nullopt;
         });
 }
 
 flow_facts begin_facts(const endpoint &client, const why_settings &asked) {
-    if (asked.server.empty() && asked.name.empty())
-        throw refused("of which server: SERVER or --name");
     flow_facts facts;
     facts.client = client;
     facts.client_text = asked.client;
-    if (!asked.server.empty())
-        facts.server = parse_server(asked.server);
+    facts.server = parse_server(asked.server);
+    const bool has_address = !facts.server.address.is_unspecified();
+    if (!has_address && asked.name.empty())
+        throw refused("of which server: SERVER or --name");
     if (facts.server.port == 0) {
         facts.server.port = DEFAULT_PORT;
         facts.notes.push_back("no port is given: it is taken to be " +
                               std::to_string(DEFAULT_PORT));
     }
     const uint16_t port = facts.server.port;
-    facts.server_text = asked.server.empty() ? asked.name + ':' + std::to_string(port)
-                                             : facts.server.address.text_with(port);
+    facts.server_text = has_address ? facts.server.address.text_with(port)
+                                    : asked.name + ':' + std::to_string(port);
     facts.protocol = asked.protocol.empty() ? DEFAULT_PROTOCOL : asked.protocol;
     facts.flow.client_mac = client.mac;
     facts.flow.client_be = shown_address(client.address, flow_side::client);

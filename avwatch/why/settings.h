@@ -8,7 +8,7 @@ namespace avwatch {
 
 struct why_settings {
     std::string client;      // as known_clients::find takes it
-    std::string server;      // an IP address, with a port behind a colon or without; may be empty
+    std::string server;      // as parse_server takes it; may be empty
     std::string name;        // what the server is called; empty: as others say
     std::string protocol;    // tcp or udp; empty: as the flow has it that is there, else tcp
     std::string policy_file; // a document to try; empty: the one in force

@@ -70,9 +70,9 @@ endpoint parse_server(const std::string &text) {
             throw refused('"' + text + "\": what follows the address is no port");
     }
     const std::optional<ip_address> parsed = ip_address::parse(address);
-    if (!parsed)
-        throw refused('"' + text + "\" is no IP address; --name takes a host's name");
-    server.address = *parsed;
+    if (!parsed && !(address.empty() && (text.empty() || server.port != 0)))
+        throw refused('"' + text + "\" is neither an IP address nor a host's name");
+    server.address = parsed.value_or(ip_address());
     return server;
 }
 

@@ -11,7 +11,7 @@ namespace avwatch {
 // A MAC address or an IP address; what isn't given of the two is zero. Throws refused.
 avcore::endpoint parse_client(const std::string &text);
 
-// 192.0.2.1, 192.0.2.1:443, 2001:db8::1, [2001:db8::1]:443; without a port it is 0. Throws
+// 192.0.2.1, 192.0.2.1:443, 2001:db8::1, [2001:db8::1]:443, :443; what isn't given is zero. Throws
 // refused.
 avcore::endpoint parse_server(const std::string &text);
 

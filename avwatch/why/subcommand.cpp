@@ -17,7 +17,7 @@ void add_why(CLI::App &app, invocation &asked) {
     command.add_option("CLIENT", wanted->client,
                        "A MAC address, an IP address, an alias or a host name",
                        {.is_required = true});
-    command.add_option("SERVER", wanted->server, "IP address or IP address:port");
+    command.add_option("SERVER", wanted->server, "IP address or name, with :PORT or without");
     command.add_option("--name", wanted->name, "What the server is called",
                        {.type_name = "DOMAIN"});
     command.add_option("--policy", wanted->policy_file,

@@ -87,10 +87,8 @@ bool is_meant(const flow_record &flow, const why_settings &asked) {
         return false;
     if (!asked.protocol.empty() && !equals_ignoring_case(flow.protocol, asked.protocol))
         return false;
-    if (asked.server.empty())
-        return is_called(flow, asked.name);
     const endpoint server = parse_server(asked.server);
-    return ip_address::parse(flow.server) == server.address &&
+    return (server.address.is_unspecified() || ip_address::parse(flow.server) == server.address) &&
            (server.port == 0 || flow.server_port == server.port) &&
            (asked.name.empty() || is_called(flow, asked.name));
 }
@@ -330,8 +328,7 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     avcore->wait_for_greeting(ANSWER_PATIENCE);
     const known_clients clients(read.aliases, ask_clients(*avcore));
     const std::string key = clients.find(asked.client);
-    const ip_address server =
-        asked.server.empty() ? ip_address() : parse_server(asked.server).address;
+    const ip_address server = parse_server(asked.server).address;
     const std::optional<ip_address> address = meant_address(read.aliases, asked.client, server);
     watch_filter of_client;
     of_client.client = address ? address->text() : key;

@@ -1,5 +1,6 @@
 #include "avwatch/why/why.h"
 
+#include "avcore/base/host_text.h"
 #include "avwatch/base/complain.h"
 #include "avwatch/base/shown_text.h"
 #include "avwatch/client/records.h"
@@ -7,6 +8,8 @@
 #include "avwatch/why/words.h"
 #include "jornctl/base/complain.h"
 
+#include <algorithm>
+#include <cctype>
 #include <exception>
 #include <iostream>
 #include <netinet/in.h>
@@ -23,6 +26,19 @@ flow_facts facts_of(const why_settings &asked, const invocation &around) {
         return facts_from_avcore(asked, around);
     const known_clients named(read_settings(around.settings_file).aliases, {});
     return facts_from_files(named.find(asked.client), asked);
+}
+
+// A server that is given by its name is one of --name.
+why_settings with_name_apart(why_settings asked) {
+    const std::string host = asked.server.substr(0, asked.server.rfind(':'));
+    const auto is_letter = [](char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; };
+    const bool is_name = avcore::is_host_text(host) &&
+                         std::ranges::any_of(host.substr(host.rfind('.') + 1), is_letter);
+    if (is_name && asked.name.empty()) {
+        asked.name = host;
+        asked.server.erase(0, host.size());
+    }
+    return asked;
 }
 
 // Where no protocol was given, and no flow has one: the other's answer, where that is another.
@@ -57,7 +73,7 @@ int answer_question(const why_settings &asked, const invocation &around) {
 int explain(const why_settings &asked, const invocation &around) {
     jornctl::complain_as("avwatch");
     try {
-        return answer_question(asked, around);
+        return answer_question(with_name_apart(asked), around);
     } catch (const std::exception &reason) {
         complain(reason.what());
         return NOT_ANSWERED;

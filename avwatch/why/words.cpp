@@ -180,7 +180,9 @@ std::string nothing_fits(const answer &all, const outcome &found) {
     }
     std::string reasons;
     for (const asked_profile &each : found.profiles) {
-        if (!each.policy)
+        const bool is_again =
+            &each != found.profiles.data() && each.policy == found.profiles.front().policy;
+        if (!each.policy || is_again)
             continue;
         const auto &policy = all.documents.owner_of(part_kind::RULE).policies->at(*each.policy);
         reasons += (reasons.empty() ? "no rule of " : ", nor of ") +

@@ -83,7 +83,8 @@ class Why(JudgingTest):
                          (1, "/web_policies/0/blacklist/0", 16))
 
         # Either protocol's, where none is given, and what of the document isn't asked.
-        lines = self.why("192.0.2.9", "192.0.2.1:7777", "--name", "else", "--policy", POLICY)[1]
+        self.assertEqual(self.why_json("192.0.2.9", "games.example:80")[1]["server"], "games.example:80")
+        lines = self.why("192.0.2.9", ":7777", "--name", "else", "--policy", POLICY)[1]
         self.assertEqual([line.split("; ")[-1] for line in lines if line.startswith("  note ")], [
             '  note      no web policy is asked, for filter_type of the client\'s profile has no "url"',
             'with the other one: blocked by rule 4 of policy "guests" (/policies/0/rules/3, line 10 of '
@@ -92,7 +93,8 @@ class Why(JudgingTest):
         for arguments, complaint in (
                 ((*GAMES, "--policy", "avcore.toml"), "parse error"),
                 (("192.0.2.9",), "SERVER or --name"),
-                (("192.0.2.9", "games.example"), "--name takes"),
+                (("192.0.2.9", "192.0.2.300"), "neither an IP address"),
+                (("192.0.2.9", ":443"), "SERVER or --name"),
                 (("192.0.2.9", "192.0.2.1:0"), "a port is"),
                 ((*GAMES, "--protocol", "icmp"), "icmp")):
             status, lines, complaints = self.why(*arguments)
