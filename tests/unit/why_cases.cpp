@@ -73,7 +73,7 @@ int main() {
         documents.made.port_services = asked["port_services"];
         const fitting_parts fitting =
             find_fitting(documents.made, flow_of(asked), answers_of(asked));
-        json said = {said_of(documents, fitting.now)};
+        json said = json::array({said_of(documents, fitting.now)});
         for (const outcome &each : fitting.then)
             said.push_back(said_of(documents, each));
         std::cout << said << '\n';
