@@ -55,6 +55,7 @@ struct watched_flow {
     bool awaits = false;       // that all readers take its end
     bool is_earlier = false;   // it was over before this run looked
     bool is_asked = false;     // it was over before, and is told to who wants that
+    bool is_summed = false;    // some readers have it in a sum, without its id
     bool denial_waits = false; // for the first sight of the flow
     uint32_t round = 0;        // when the gate last had it
 

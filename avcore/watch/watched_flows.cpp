@@ -276,6 +276,7 @@ void watched_flows::end(uint32_t place, flow_ending how) {
         return;
     for (flow_reader *reader : readers_)
         reader->sum_up(ended_.front());
+    flows_[ended_.front()].is_summed = true;
     release(ended_.front());
     ended_.pop_front();
 }
@@ -283,7 +284,7 @@ void watched_flows::end(uint32_t place, flow_ending how) {
 // A reader may have been told, and lost it.
 void watched_flows::show_again(uint32_t place, const flow_sight &seen) {
     watched_flow &flow = flows_[place];
-    if (flow.awaits || ends_us(seen) < ends_from_us_)
+    if (flow.awaits || flow.is_summed || ends_us(seen) < ends_from_us_)
         return;
     if (flow.id.empty())
         return begin(place, seen, flow.from);
