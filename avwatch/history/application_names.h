@@ -24,6 +24,9 @@ struct application_name {
 // The sum of those that are too many; also a client's place.
 inline constexpr char OTHER[] = "other";
 
+// What an application without a name is shown as.
+inline constexpr char UNNAMED[] = "unnamed";
+
 // `named_by` is the watch socket's word, empty where it isn't known: then what looks like a name or
 // an address is one. What is longer than NAME_MAX bytes loses its beginning.
 inline constexpr size_t NAME_MAX_BYTES = 128;

@@ -149,7 +149,8 @@ std::string sql_of(const std::vector<piece> &pieces) {
             std::to_string(COUNT_MAX) + ".0) AS INTEGER)";
     return sql.append(" FROM (").append(all).append(
         ") AS sums LEFT JOIN applications ON applications.id = application "
-        "WHERE ?2 = '' OR lower(shown) = lower(?2) GROUP BY shown_at, sums.client, shown, verdict "
+        "WHERE lower(?2) IN ('', lower(shown)) OR (shown = '' AND lower(?2) = ?4) "
+        "GROUP BY shown_at, sums.client, shown, verdict "
         "ORDER BY shown_at, total(up_bytes) + total(down_bytes) DESC, whose, shown, verdict");
 }
 
@@ -189,7 +190,8 @@ usage_reach read_usage(database &file, const usage_query &query, const usage_tak
     for (const std::vector<piece> &pieces : queries_of(query, reach, latest_s)) {
         statement rows(file, "INSERT INTO usage_rows " + sql_of(pieces));
         rows.bind(0, std::string_view(query.client)).bind(1, std::string_view(query.application));
-        rows.bind(2, static_cast<int64_t>(query.names)).run();
+        rows.bind(2, static_cast<int64_t>(query.names)).bind(3, std::string_view(UNNAMED));
+        rows.run();
     }
     file.run("COMMIT"); // who prints may take long, and wouldn't let the WAL be written back
     statement row(file, "SELECT * FROM usage_rows ORDER BY rowid");

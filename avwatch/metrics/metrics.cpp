@@ -8,7 +8,6 @@ namespace avwatch {
 namespace {
 
 constexpr size_t VALUES_MAX = 256; // of avcore's and of the gate's
-constexpr char UNNAMED[] = "unnamed";
 
 // The series of one family that one amount gives.
 struct counter {

@@ -18,7 +18,6 @@
 namespace avwatch {
 namespace {
 
-constexpr char UNNAMED[] = "unnamed";
 
 struct usage_request {
     std::string history;

@@ -187,18 +187,19 @@ class History(Served):
         self.serve()
         avcore.tell(ended(1, 100, 2_000_000, application="www.shop.example.co.uk", why={"named_by": "dns"}),
                     ended(1, 0, 700, id="x", application="=evil()\u202e", why={"named_by": "dpi"}),
-                    ended(2, 5, 0, verdict="deny", dropped=[3, 0]))
-        wait_until(lambda: self.total() == 2_000_805)
+                    ended(2, 5, 0, verdict="deny", dropped=[3, 0]), ended(3, 9, 0, application=""))
+        wait_until(lambda: self.total() == 2_000_814)
         hour = int(time.time()) // 3_600 * 3_600
         self.assertEqual(self.usage("--client", "telly", "--by", "hour", "--app", "EXAMPLE.co.uk"), [{
             "from_us": hour * 1_000_000, "client": MAC.format(1), "name": "telly",
             "application": "example.co.uk", "verdict": "allow", "up": [1, 100], "down": [20_000, 2_000_000],
             "dropped": [0, 0], "flows": 1, "denials": 0}])
         self.assertIn("2.0 MB", self.avwatch("usage"))
+        self.assertEqual([row["up"][1] for row in self.usage("--app", "Unnamed")], [9])
         csv = self.avwatch("usage", "--csv", "--by", "day").splitlines()
-        self.assertEqual(len(csv), 4)
+        self.assertEqual(len(csv), 5)
         self.assertIn('"telly","\'=evil()?",allow,0,0,7,700,0,0,1,0', csv[2])
-        self.assertTrue(csv[3].endswith('"app2",deny,0,5,0,0,3,0,1,1'), csv[3])
+        self.assertTrue(csv[4].endswith('"app2",deny,0,5,0,0,3,0,1,1'), csv[4])
         self.assertRegex(csv[1], r"^\d{4}-\d\d-\d\d,")
         self.assertIn("as in 90m", self.avwatch("usage", "--since", "7", status=2))
         name = 'jorn_bytes_total{application="example.co.uk",verdict="allow",direction="down"}'
@@ -213,12 +214,12 @@ class History(Served):
                          [0o640, 0o600])
         self.assertIn("rows deleted", self.avwatch("forget", "--client", "telly"))
         self.assertEqual(self.rows("SELECT name FROM applications UNION SELECT application FROM candidates "
-                                   "ORDER BY name"), [("app2",), ("other",)])
+                                   "ORDER BY name"), [("",), ("app2",), ("other",)])
         avcore.tell(ended(1, 40, 0, id="y"))
         wait_until(lambda: self.bytes().get((MAC.format(1), "app1")) == (40, 0, 1))
-        self.assertEqual(len(self.usage()), 2)
-        self.assertEqual(len(self.usage("--history", self.folder + "/copy.db")), 3)
-        self.assertEqual(self.total(), 2_000_845)  # no application's counter fell
+        self.assertEqual(len(self.usage()), 3)
+        self.assertEqual(len(self.usage("--history", self.folder + "/copy.db")), 4)
+        self.assertEqual(self.total(), 2_000_854)  # no application's counter fell
         self.assertEqual(self.metrics()[f'jorn_client_flows_total{{client="{MAC.format(1)}"}}'], 1)
         with contextlib.closing(sqlite3.connect(self.history, isolation_level=None)) as other:
             other.execute("BEGIN IMMEDIATE")  # and the last counts wait for it
