@@ -18,7 +18,6 @@
 namespace avwatch {
 namespace {
 
-
 struct usage_request {
     std::string history;
     std::string client;

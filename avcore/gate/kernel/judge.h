@@ -89,7 +89,8 @@ static __always_inline int judge(struct __sk_buff *skb, const struct packet *pac
     if (packet->direction == GATE_UP && is_dns(&packet->flow))
         skb->tc_index = CAME_UP;
     const bool shows_names = is_dns(&packet->flow) || is_dhcp(packet);
-    if ((attended || (set->unattended & GATE_STILL_ASK)) && !packet->is_back && (!settled || shows_names))
+    if ((attended || (set->unattended & GATE_STILL_ASK)) && !packet->is_back &&
+        (!settled || shows_names))
         excess = !copy_up(skb, packet, set);
     if (!attended && !set->fail_closed) {
         count_passed(skb, packet, place);
