@@ -35,6 +35,9 @@ public:
     void add_some(int64_t now_ms);
     // When there may be something to tell.
     int64_t due_ms(int64_t now_ms) const;
+    // When a round over the gate's flows is to begin for it, the one before having been wanted at
+    // `last_ms`: each reads all of them, so it comes no more often than what it finds is told.
+    int64_t round_due_ms(int64_t last_ms) const;
     // An event that no flow has; members of its object, behind `what` and `us`.
     void tell(std::string_view what, int64_t now_us, std::string_view members);
     // Nothing will change any more: what is left is told at once.

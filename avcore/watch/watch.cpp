@@ -22,7 +22,6 @@ namespace avcore {
 namespace {
 
 constexpr int ACCEPTED_A_TURN = 16;
-constexpr int64_t ROUND_MS = 1'000;
 constexpr int64_t LOOK_MS = 200;
 constexpr mode_t MODE = 0660;
 constexpr std::string_view FULL = "{\"error\":\"sixteen readers are connected\"}\n";
@@ -155,9 +154,9 @@ void watch::serve(int64_t now_ms) {
 
 // The gate knows for the next run which ends were told in the last round.
 void watch::walk(int64_t now_ms) {
-    if (is_followed() && now_ms >= round_due_ms_) {
+    if (now_ms >= round_due_ms()) {
         flows_.want_round();
-        round_due_ms_ = now_ms + ROUND_MS;
+        round_wanted_ms_ = now_ms;
     }
     flows_.step();
     const uint64_t done = flows_.rounds_done();
@@ -197,9 +196,17 @@ int64_t watch::due_ms(int64_t now_ms) const {
         return now_ms;
     int64_t due_ms = pause_.until_ms();
     if (is_followed())
-        due_ms = std::min({due_ms, round_due_ms_, look_due_ms_});
+        due_ms = std::min({due_ms, round_due_ms(), look_due_ms_});
     for (const auto &[fd, each] : readers_)
         due_ms = std::min(due_ms, each.with.due_ms(now_ms));
+    return due_ms;
+}
+
+int64_t watch::round_due_ms() const {
+    int64_t due_ms = NEVER_MS;
+    for (const auto &[fd, each] : readers_)
+        if (const follower *one = each.with.following())
+            due_ms = std::min(due_ms, one->round_due_ms(round_wanted_ms_));
     return due_ms;
 }
 

@@ -67,6 +67,7 @@ private:
     int64_t now_us() const; // of the flows' times
     void serve(int64_t now_ms);
     int64_t due_ms(int64_t now_ms) const;
+    int64_t round_due_ms() const;
     void accept_readers(int64_t now_ms);
     void watch_listener(bool on);
     void walk(int64_t now_ms);
@@ -94,7 +95,7 @@ private:
         uint32_t ready = 0;
     };
     std::map<int, reader> readers_; // by descriptor
-    int64_t round_due_ms_ = 0;
+    int64_t round_wanted_ms_ = 0;
     uint64_t rounds_noted_ = 0;
     int64_t look_due_ms_ = 0;
     std::optional<outside> seen_outside_; // none while nobody follows
