@@ -2,7 +2,7 @@
 #include "avwatch/base/failure.h"
 #include "avwatch/base/table.h"
 #include "avwatch/base/units.h"
-#include "avwatch/views/flow_cells.h"
+#include "avwatch/present/flow_cells.h"
 #include "avwatch/views/ranked_rows.h"
 #include "avwatch/views/selection.h"
 #include "avwatch/views/views.h"

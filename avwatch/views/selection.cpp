@@ -2,6 +2,7 @@
 
 #include "avcore/base/host_text.h"
 #include "avwatch/base/complain.h"
+#include "avwatch/present/flow_names.h"
 #include "shared/counted.h"
 
 #include <algorithm>
@@ -55,16 +56,7 @@ conversation::conversation(const invocation &asked, const selection &wanted, con
              0} {}
 
 flow_record conversation::shown(flow_record flow) const {
-    if (names == names_kept::full)
-        return flow;
-    flow.application = reduced(classify(flow.application, flow.why.named_by), names).text;
-    flow.host = reduced({flow.host, true}, names).text;
-    flow.why.name = reduced({flow.why.name, true}, names).text;
-    // avcore's words begin with the name.
-    const size_t behind = flow.why.text.rfind(", named by ");
-    flow.why.text = behind != std::string::npos ? flow.application + flow.why.text.substr(behind)
-                                                : std::string();
-    return flow;
+    return with_names(std::move(flow), names);
 }
 
 bool conversation::is_wanted(const flow_record &flow) const {

@@ -1,4 +1,4 @@
-#include "avwatch/views/flow_cells.h"
+#include "avwatch/present/flow_cells.h"
 
 namespace avwatch {
 

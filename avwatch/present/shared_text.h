@@ -1,0 +1,72 @@
+// Texts of which many are the same, each kept once: flows share clients, applications, reasons.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+namespace avwatch {
+
+// A text of a pool's, which it outlives not. Two of one pool are the same text where they are
+// equal.
+class shared_text {
+public:
+    shared_text() = default; // an empty text, of any pool
+    shared_text(const shared_text &other) : shared_text(other.entry_) {}
+    shared_text(shared_text &&other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
+    shared_text &operator=(shared_text other) noexcept {
+        std::swap(entry_, other.entry_);
+        return *this;
+    }
+    ~shared_text() {
+        if (entry_ != nullptr)
+            --entry_->second;
+    }
+
+    const std::string &text() const;
+    bool empty() const { return entry_ == nullptr; }
+    bool operator==(const shared_text &other) const { return entry_ == other.entry_; }
+    size_t hash() const { return std::hash<const void *>()(entry_); }
+
+private:
+    friend class text_pool;
+    using entry = std::pair<const std::string, uint32_t>; // with how many hold it
+    explicit shared_text(entry *held) : entry_(held) {
+        if (entry_ != nullptr)
+            ++entry_->second;
+    }
+
+    entry *entry_ = nullptr;
+};
+
+class text_pool {
+public:
+    explicit text_pool(size_t bytes_max) : bytes_max_(bytes_max) {}
+    text_pool(const text_pool &) = delete;
+    text_pool &operator=(const text_pool &) = delete;
+
+    // Once the pool is full a text that it hasn't is "...".
+    shared_text share(std::string_view text);
+    // One that the pool has; nothing where it hasn't, and for the empty text.
+    shared_text find(std::string_view text) const;
+
+    void sweep(); // gives up what nobody holds
+    size_t bytes() const { return bytes_; }
+
+private:
+    struct hash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const {
+            return std::hash<std::string_view>()(text);
+        }
+    };
+
+    const size_t bytes_max_;
+    size_t bytes_ = 0;
+    std::unordered_map<std::string, uint32_t, hash, std::equal_to<>> entries_;
+};
+
+} // namespace avwatch
