@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -23,7 +24,7 @@ public:
     }
     ~shared_text() {
         if (entry_ != nullptr)
-            --entry_->second;
+            --entry_->second.count;
     }
 
     const std::string &text() const;
@@ -33,13 +34,16 @@ public:
 
 private:
     friend class text_pool;
-    using entry = std::pair<const std::string, uint32_t>; // with how many hold it
-    explicit shared_text(entry *held) : entry_(held) {
+    struct uses {
+        mutable uint32_t count = 0;
+    };
+    using entry = std::pair<const std::string, uses>;
+    explicit shared_text(const entry *held) : entry_(held) {
         if (entry_ != nullptr)
-            ++entry_->second;
+            ++entry_->second.count;
     }
 
-    entry *entry_ = nullptr;
+    const entry *entry_ = nullptr;
 };
 
 class text_pool {
@@ -50,8 +54,8 @@ public:
 
     // Once the pool is full a text that it hasn't is "...".
     shared_text share(std::string_view text);
-    // One that the pool has; nothing where it hasn't, and for the empty text.
-    shared_text find(std::string_view text) const;
+    // Nothing where the pool hasn't the text.
+    std::optional<shared_text> find(std::string_view text) const;
 
     void sweep(); // gives up what nobody holds
     size_t bytes() const { return bytes_; }
@@ -66,7 +70,7 @@ private:
 
     const size_t bytes_max_;
     size_t bytes_ = 0;
-    std::unordered_map<std::string, uint32_t, hash, std::equal_to<>> entries_;
+    std::unordered_map<std::string, shared_text::uses, hash, std::equal_to<>> entries_;
 };
 
 } // namespace avwatch

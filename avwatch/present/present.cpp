@@ -1,0 +1,367 @@
+#include "avwatch/present/present.h"
+
+#include "avwatch/present/flow_names.h"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+#include <unordered_set>
+
+namespace avwatch {
+namespace {
+
+constexpr int64_t ENDED_SHOWN_MS = 10'000;
+// avcore ends a flow after five minutes without a packet. What it doesn't speak of for longer has
+// ended while this reader was too slow: its end is in a SUM.
+constexpr int64_t UNHEARD_MAX_MS = 360'000;
+constexpr uint64_t TIDY_TICKS = 10;
+constexpr char DENIED[] = "deny"; // the verdict
+constexpr uint64_t PORT_MAX = 65'535;
+
+uint64_t grown(uint64_t before, uint64_t now) {
+    return now > before ? now - before : 0; // who tells may be mistaken
+}
+
+flow_counts_growth growth(const watched_flow &before, const count_record &now) {
+    return {
+        {grown(before.up.packets, now.up.packets), grown(before.up.bytes, now.up.bytes)},
+        {grown(before.down.packets, now.down.packets), grown(before.down.bytes, now.down.bytes)},
+        {grown(before.dropped.denied, now.dropped.denied),
+         grown(before.dropped.limited, now.dropped.limited)}};
+}
+
+uint32_t small(uint64_t number) {
+    return static_cast<uint32_t>(std::min<uint64_t>(number, std::numeric_limits<uint32_t>::max()));
+}
+
+std::optional<uint32_t> small(const std::optional<uint64_t> &number) {
+    return number ? std::optional(small(*number)) : std::nullopt;
+}
+
+std::string epoch_of(const greeting_record &greeting) {
+    return greeting.counts == "seen" ? greeting.boot + '/' + greeting.run : greeting.boot;
+}
+
+void put_counts(watched_flow &flow, const count_record &counts) {
+    flow.last_us = counts.last_us;
+    flow.up = counts.up;
+    flow.down = counts.down;
+    flow.dropped = counts.dropped;
+}
+
+// Each text of a record with its place in a watched flow.
+constexpr struct {
+    shared_text watched_flow::*kept;
+    std::string flow_record::*said;
+} TEXTS[] = {
+    {&watched_flow::client, &flow_record::client},
+    {&watched_flow::client_mac, &flow_record::client_mac},
+    {&watched_flow::server, &flow_record::server},
+    {&watched_flow::protocol, &flow_record::protocol},
+    {&watched_flow::interface, &flow_record::interface},
+    {&watched_flow::application, &flow_record::application},
+    {&watched_flow::host, &flow_record::host},
+    {&watched_flow::verdict, &flow_record::verdict},
+    {&watched_flow::gate, &flow_record::gate},
+    {&watched_flow::ended, &flow_record::ended},
+};
+constexpr struct {
+    shared_text watched_flow::*kept;
+    std::string why_record::*said;
+} WHY_TEXTS[] = {
+    {&watched_flow::named_by, &why_record::named_by},
+    {&watched_flow::name, &why_record::name},
+    {&watched_flow::by, &why_record::by},
+    {&watched_flow::side, &why_record::side},
+    {&watched_flow::reason, &why_record::reason},
+    {&watched_flow::text, &why_record::text},
+};
+
+} // namespace
+
+flow_record watched_flow::record() const {
+    flow_record whole;
+    whole.id = id;
+    for (const auto &each : TEXTS)
+        whole.*each.said = (this->*each.kept).text();
+    for (const auto &each : WHY_TEXTS)
+        whole.why.*each.said = (this->*each.kept).text();
+    whole.client_port = client_port;
+    whole.server_port = server_port;
+    whole.outdated = outdated;
+    whole.utp = utp;
+    whole.wificalling = wificalling;
+    whole.begun_us = begun_us;
+    whole.last_us = last_us;
+    whole.up = up;
+    whole.down = down;
+    whole.dropped = dropped;
+    whole.why.app_id = app_id;
+    whole.why.cat_id = cat_id;
+    whole.why.name_us = name_us;
+    whole.why.rule = rule;
+    whole.why.profile = profile;
+    return whole;
+}
+
+present::present(client_aliases aliases, names_kept names, uint32_t every_ms)
+    : aliases_(std::move(aliases)), names_(names), every_ms_(every_ms), clients_(aliases_, {}) {}
+
+// But for its counts.
+watched_flow present::watched(const flow_record &shown) {
+    watched_flow flow;
+    flow.id = shown.id;
+    flow.client_key = texts_.share(clients_.key_of(shown.client_mac, shown.client));
+    for (const auto &each : TEXTS)
+        flow.*each.kept = texts_.share(shown.*each.said);
+    for (const auto &each : WHY_TEXTS)
+        flow.*each.kept = texts_.share(shown.why.*each.said);
+    flow.client_port = static_cast<uint16_t>(std::min(shown.client_port, PORT_MAX));
+    flow.server_port = static_cast<uint16_t>(std::min(shown.server_port, PORT_MAX));
+    flow.outdated = shown.outdated;
+    flow.utp = small(shown.utp);
+    flow.wificalling = small(shown.wificalling);
+    flow.begun_us = shown.begun_us;
+    flow.app_id = small(shown.why.app_id);
+    flow.cat_id = small(shown.why.cat_id);
+    flow.name_us = shown.why.name_us;
+    flow.rule = small(shown.why.rule);
+    flow.profile = small(shown.why.profile);
+    return flow;
+}
+
+void present::connected(const greeting_record &greeting) {
+    if (epoch_of(greeting) != epoch_)
+        forget_untold_since(std::numeric_limits<int64_t>::max());
+    epoch_ = epoch_of(greeting);
+    disconnected();
+}
+
+void present::disconnected() {
+    is_listed_ = false;
+    listed_since_ms_ = -1;
+}
+
+void present::take(const flow_record &told, int64_t now_ms) {
+    if (!is_listed_ && listed_since_ms_ < 0)
+        listed_since_ms_ = now_ms;
+    const auto found = flows_.find(told.id);
+    const bool is_new = found == flows_.end();
+    if (is_new && (told.id.size() > ID_MAX_BYTES || !make_room())) {
+        ++left_out_;
+        return;
+    }
+    watched_flow &flow = is_new ? flows_[told.id] : found->second;
+    const bool was_open = !is_new && flow.ended.empty();
+    put(flow, watched(with_names(told, names_)), was_open);
+    count(flow, told, now_ms);
+    if (!flow.ended.empty() && (is_new || was_open))
+        ended_.emplace_back(now_ms + ENDED_SHOWN_MS, told.id);
+    while (ended_.size() > FLOWS_MAX)
+        forget_ended(ended_.front().first);
+}
+
+void present::put(watched_flow &flow, watched_flow next, bool was_open) {
+    const bool is_open = next.ended.empty();
+    if (was_open && flow.owner() != next.owner())
+        sums_.move_flow(flow.owner(), next.owner(), {flow.up, flow.down, flow.dropped},
+                        flow.last_us);
+    if (is_open && !was_open)
+        sums_.open_flow(next.owner());
+    if (was_open && !is_open)
+        sums_.close_flow(next.owner());
+    next.up = flow.up;
+    next.down = flow.down;
+    next.dropped = flow.dropped;
+    next.counted = flow.counted;
+    next.counted_ms = flow.counted_ms;
+    flow = std::move(next);
+}
+
+void present::take(const count_record &told, int64_t now_ms) {
+    const auto found = flows_.find(told.id);
+    if (found != flows_.end())
+        count(found->second, told, now_ms);
+    else
+        ++left_out_;
+}
+
+// What a flow has used before it was listed was used whenever.
+void present::count(watched_flow &flow, const count_record &told, int64_t now_ms) {
+    const flow_counts_growth more = growth(flow, told);
+    if (is_listed_ && more.up.bytes + more.down.bytes != 0) {
+        const int64_t every_ms = every_ms_;
+        const int64_t since_ms = flow.counted_ms < 0 ? every_ms : now_ms - flow.counted_ms;
+        // A burst came lately, however long there had been nothing; messages may wait, and then
+        // come together.
+        const auto seconds =
+            static_cast<float>(std::clamp(since_ms, every_ms, 2 * every_ms)) / 1'000;
+        flow.counted = {static_cast<float>(more.up.bytes) / seconds,
+                        static_cast<float>(more.down.bytes) / seconds};
+        flow.counted_ms = now_ms;
+    }
+    flow.told_ms = now_ms;
+    put_counts(flow, told);
+    sums_.grow(flow.owner(), more, told.last_us, is_listed_);
+}
+
+void present::take(const sum_record &told) {
+    const flow_sums::owner owner = {
+        texts_.share(clients_.key_of(told.client_mac, told.client)),
+        texts_.share(reduced(classify(told.application, ""), names_).text)};
+    sums_.grow(owner, {told.up, told.down, told.dropped}, 0, is_listed_);
+}
+
+void present::take(const event_record &told) {
+    if (told.what != "denied" || !told.flow)
+        return;
+    watched_flow flow = watched(with_names(*told.flow, names_));
+    put_counts(flow, *told.flow);
+    add_denial(flow, told.us);
+}
+
+void present::add_denial(const watched_flow &flow, uint64_t us) {
+    if (denials_.size() == DENIALS_MAX)
+        denials_.pop_front();
+    denials_.push_back({++denials_made_, us, flow});
+}
+
+void present::listed() {
+    forget_untold_since(listed_since_ms_ < 0 ? std::numeric_limits<int64_t>::max()
+                                             : listed_since_ms_);
+    is_listed_ = true;
+    add_standing_denials();
+}
+
+// Of flows that were denied before anybody listened.
+void present::add_standing_denials() {
+    std::unordered_set<std::string_view> known;
+    for (const denial &each : denials_)
+        known.insert(each.flow.id);
+    std::vector<const watched_flow *> standing;
+    for (const auto &[id, flow] : flows_) {
+        if (flow.verdict.text() == DENIED && flow.ended.empty() && !known.contains(id))
+            standing.push_back(&flow);
+    }
+    std::ranges::sort(standing, {}, &watched_flow::last_us);
+    const size_t too_many = standing.size() - std::min(standing.size(), DENIALS_MAX);
+    for (size_t i = too_many; i < standing.size(); ++i)
+        add_denial(*standing[i], standing[i]->last_us);
+}
+
+void present::take_clients(std::vector<client_record> said) {
+    clients_ = known_clients(aliases_, std::move(said));
+    // Who a flow without a MAC address belongs to may be known now.
+    for (auto &[id, flow] : flows_) {
+        if (!flow.client_mac.empty() || !flow.ended.empty())
+            continue;
+        watched_flow next = flow;
+        next.client_key = texts_.share(clients_.key_of("", flow.client.text()));
+        put(flow, std::move(next), true);
+    }
+}
+
+void present::tick(int64_t now_ms) {
+    sums_.tick(ticked_ms_ < 0 ? 1'000 : now_ms - ticked_ms_, is_listed_);
+    ticked_ms_ = now_ms;
+    forget_ended(now_ms);
+    if (++ticks_ % TIDY_TICKS != 0)
+        return;
+    if (is_listed_)
+        forget_untold_since(now_ms - UNHEARD_MAX_MS);
+    texts_.sweep();
+}
+
+bool present::make_room() {
+    while (flows_.size() >= FLOWS_MAX && !ended_.empty())
+        forget_ended(ended_.front().first);
+    return flows_.size() < FLOWS_MAX;
+}
+
+// One that goes on after all stays.
+void present::forget_ended(int64_t now_ms) {
+    for (; !ended_.empty() && ended_.front().first <= now_ms; ended_.pop_front()) {
+        const auto found = flows_.find(ended_.front().second);
+        if (found != flows_.end() && !found->second.ended.empty())
+            flows_.erase(found);
+    }
+}
+
+void present::forget_untold_since(int64_t since_ms) {
+    std::erase_if(flows_, [&](const auto &each) {
+        const watched_flow &flow = each.second;
+        const bool is_gone = flow.ended.empty() && flow.told_ms < since_ms;
+        if (is_gone)
+            sums_.close_flow(flow.owner());
+        return is_gone;
+    });
+}
+
+const watched_flow *present::flow(const std::string &id) const {
+    const auto found = flows_.find(id);
+    return found != flows_.end() ? &found->second : nullptr;
+}
+
+traffic_rates present::rates_of(const watched_flow &flow, int64_t now_ms) const {
+    const bool is_now = is_listed_ && flow.ended.empty() && flow.counted_ms >= 0 &&
+                        now_ms - flow.counted_ms < int64_t{2} * every_ms_ + every_ms_ / 2;
+    return is_now ? flow.counted : traffic_rates();
+}
+
+std::optional<flow_sums::owner> present::owner_of(const flow_choice &chosen) const {
+    const auto client = texts_.find(chosen.client.value_or(""));
+    const auto application = texts_.find(chosen.application.value_or(""));
+    if (!client || !application)
+        return std::nullopt;
+    return flow_sums::owner{*client, *application};
+}
+
+std::vector<const watched_flow *> present::flows(const flow_choice &chosen) const {
+    std::vector<const watched_flow *> found;
+    const auto owner = owner_of(chosen);
+    if (!owner)
+        return found;
+    for (const auto &[id, flow] : flows_) {
+        if ((!chosen.client || flow.client_key == owner->client) &&
+            (!chosen.application || flow.application == owner->application))
+            found.push_back(&flow);
+    }
+    return found;
+}
+
+std::vector<const flow_sum *> present::clients_used() const {
+    return sums_.of(sum_of::client);
+}
+
+std::vector<const flow_sum *> present::applications_used() const {
+    return sums_.of(sum_of::application);
+}
+
+std::vector<const flow_sum *> present::applications_of(const std::string &client) const {
+    const auto key = texts_.find(client);
+    return key ? sums_.of(sum_of::client_application, &*key) : std::vector<const flow_sum *>();
+}
+
+std::vector<const flow_sum *> present::clients_of(const std::string &application) const {
+    const auto name = texts_.find(application);
+    return name ? sums_.of(sum_of::client_application, nullptr, &*name)
+                : std::vector<const flow_sum *>();
+}
+
+const flow_sum *present::sum(const flow_choice &chosen) const {
+    const auto owner = owner_of(chosen);
+    if (!owner)
+        return nullptr;
+    if (chosen.client && chosen.application)
+        return sums_.find(sum_of::client_application, *owner);
+    if (chosen.client)
+        return sums_.find(sum_of::client, *owner);
+    return sums_.find(chosen.application ? sum_of::application : sum_of::all, *owner);
+}
+
+std::vector<traffic_rates> present::course(const flow_choice &chosen) const {
+    const flow_sum *found = sum(chosen);
+    return found != nullptr ? sums_.course(*found) : std::vector<traffic_rates>();
+}
+
+} // namespace avwatch
