@@ -4,6 +4,7 @@
 #include "avwatch/base/failure.h"
 #include "avwatch/past/past.h"
 #include "avwatch/settings/settings.h"
+#include "avwatch/top/top.h"
 #include "avwatch/views/views.h"
 #include "avwatch/why/subcommand.h"
 #include "shared/command_line.h"
@@ -18,8 +19,8 @@ namespace {
 
 // In the order of the help.
 constexpr void (*SUBCOMMANDS[])(CLI::App &app, invocation &asked) = {
-    add_clients, add_apps,  add_flows, add_denials, add_status,
-    add_why,     add_usage, add_serve, add_forget,  add_backup,
+    add_top, add_clients, add_apps,  add_flows,  add_denials, add_status,
+    add_why, add_usage,   add_serve, add_forget, add_backup,
 };
 
 void describe(CLI::App &app, invocation &asked) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <initializer_list>
 
 namespace avwatch {
 namespace {
@@ -43,10 +44,10 @@ struct flow_sums::kept_sum : flow_sum {
         return {static_cast<float>(up_since) / seconds, static_cast<float>(down_since) / seconds};
     }
 
-    void tick(const traffic_rates &rates, uint64_t ticks) {
+    void tick(const traffic_rates &fresh, uint64_t ticks) {
         weight = weight * WEIGHT_LEFT + static_cast<double>(up_since + down_since);
         up_since = down_since = 0;
-        latest[ticks % RATE_SECONDS] = rates;
+        latest[ticks % RATE_SECONDS] = fresh;
         now = {};
         for (const traffic_rates &each : latest) {
             now.up += each.up / RATE_SECONDS;
@@ -62,15 +63,15 @@ struct flow_sums::kept_sum : flow_sum {
 };
 
 flow_sums::flow_sums() {
-    made({sum_of::all, {}});
+    made({sum_kind::all, {}});
 }
 
 flow_sums::~flow_sums() = default;
 
 std::array<flow_sums::key, 4> flow_sums::keys_of(const owner &whose) {
-    return {key{sum_of::all, {}}, key{sum_of::client, {whose.client, {}}},
-            key{sum_of::application, {{}, whose.application}},
-            key{sum_of::client_application, whose}};
+    return {key{sum_kind::all, {}}, key{sum_kind::client, {whose.client, {}}},
+            key{sum_kind::application, {{}, whose.application}},
+            key{sum_kind::client_application, whose}};
 }
 
 flow_sums::kept_sum *flow_sums::kept(const key &wanted) const {
@@ -88,19 +89,19 @@ flow_sums::kept_sum *flow_sums::made(const key &wanted) {
     sum->kind = wanted.kind;
     sum->client = wanted.whose.client;
     sum->application = wanted.whose.application;
-    if (wanted.kind == sum_of::client_application)
+    if (wanted.kind == sum_kind::client_application)
         add_pair(wanted.whose, 1);
-    else if (wanted.kind == sum_of::all || courses_ < COURSES_MAX)
+    else if (wanted.kind == sum_kind::all || courses_ < COURSES_MAX)
         give_course(*sum);
     return sums_.emplace(wanted, std::move(sum)).first->second.get();
 }
 
-void flow_sums::add_pair(const owner &whose, int change) {
-    for (const key &side : {key{sum_of::client, {whose.client, {}}},
-                            key{sum_of::application, {{}, whose.application}}}) {
+void flow_sums::add_pair(const owner &whose, int more) {
+    for (const key &side : {key{sum_kind::client, {whose.client, {}}},
+                            key{sum_kind::application, {{}, whose.application}}}) {
         kept_sum *sum = kept(side);
-        if (sum != nullptr && (change > 0 || sum->pairs > 0))
-            sum->pairs += static_cast<uint64_t>(static_cast<int64_t>(change));
+        if (sum != nullptr && (more > 0 || sum->pairs > 0))
+            sum->pairs += static_cast<uint64_t>(static_cast<int64_t>(more));
     }
 }
 
@@ -156,7 +157,7 @@ void flow_sums::move_flow(const owner &from, const owner &to, const flow_counts_
 void flow_sums::tick(int64_t elapsed_ms, bool is_told) {
     const auto passed =
         static_cast<size_t>(std::clamp<int64_t>((elapsed_ms + 500) / 1'000, 1, COURSE_SECONDS));
-    for (const auto &[key, sum] : sums_) {
+    for (const auto &[each, sum] : sums_) {
         const traffic_rates rates = is_told ? sum->rates(elapsed_ms) : UNKNOWN_RATES;
         for (size_t i = 1; sum->course && i <= passed; ++i)
             (*sum->course)[(place_ + i) % COURSE_SECONDS] = rates;
@@ -176,8 +177,8 @@ void flow_sums::tick(int64_t elapsed_ms, bool is_told) {
 // Who takes most has a course. One that is new, or comes back, begins with what isn't known.
 void flow_sums::choose_courses() {
     std::vector<kept_sum *> ranked;
-    for (const auto &[key, sum] : sums_) {
-        if (key.kind == sum_of::client || key.kind == sum_of::application)
+    for (const auto &[each, sum] : sums_) {
+        if (each.kind == sum_kind::client || each.kind == sum_kind::application)
             ranked.push_back(sum.get());
     }
     const size_t most = std::min(ranked.size(), COURSES_MAX - 1); // one is of all
@@ -198,11 +199,11 @@ void flow_sums::choose_courses() {
 void flow_sums::forget_idle(int64_t idle_ms_max) {
     for (auto at = sums_.begin(); at != sums_.end();) {
         const kept_sum &sum = *at->second;
-        if (sum.kind == sum_of::all || sum.flows != 0 || sum.idle_ms <= idle_ms_max) {
+        if (sum.kind == sum_kind::all || sum.flows != 0 || sum.idle_ms <= idle_ms_max) {
             ++at;
             continue;
         }
-        if (sum.kind == sum_of::client_application)
+        if (sum.kind == sum_kind::client_application)
             add_pair(at->first.whose, -1);
         if (sum.course)
             --courses_;
@@ -210,16 +211,16 @@ void flow_sums::forget_idle(int64_t idle_ms_max) {
     }
 }
 
-const flow_sum *flow_sums::find(sum_of kind, const owner &whose) const {
+const flow_sum *flow_sums::find(sum_kind kind, const owner &whose) const {
     return kept({kind, whose});
 }
 
-std::vector<const flow_sum *> flow_sums::of(sum_of kind, const shared_text *client,
+std::vector<const flow_sum *> flow_sums::of(sum_kind kind, const shared_text *client,
                                             const shared_text *application) const {
     std::vector<const flow_sum *> found;
-    for (const auto &[key, sum] : sums_) {
-        if (key.kind == kind && (client == nullptr || key.whose.client == *client) &&
-            (application == nullptr || key.whose.application == *application))
+    for (const auto &[each, sum] : sums_) {
+        if (each.kind == kind && (client == nullptr || each.whose.client == *client) &&
+            (application == nullptr || each.whose.application == *application))
             found.push_back(sum.get());
     }
     return found;

@@ -25,10 +25,10 @@ struct traffic_rates { // bytes a second
 // Of a second in which nobody told.
 inline constexpr traffic_rates UNKNOWN_RATES = {-1, -1};
 
-enum class sum_of : uint8_t { all, client, application, client_application };
+enum class sum_kind : uint8_t { all, client, application, client_application };
 
 struct flow_sum {
-    sum_of kind = sum_of::all;
+    sum_kind kind = sum_kind::all;
     shared_text client;      // its key; empty where all clients are meant
     shared_text application; // empty where all are meant, and of flows without a name
     uint64_t flows = 0;      // that are open
@@ -69,9 +69,9 @@ public:
     // seconds are unknown.
     void tick(int64_t elapsed_ms, bool is_told);
 
-    const flow_sum *find(sum_of kind, const owner &whose) const; // null where there is none
+    const flow_sum *find(sum_kind kind, const owner &whose) const; // null where there is none
     // Those that have a flow, or had one lately: of a kind, and of this owner's where one is given.
-    std::vector<const flow_sum *> of(sum_of kind, const shared_text *client = nullptr,
+    std::vector<const flow_sum *> of(sum_kind kind, const shared_text *client = nullptr,
                                      const shared_text *application = nullptr) const;
     // The latest last; empty where none is kept.
     std::vector<traffic_rates> course(const flow_sum &sum) const;
@@ -79,7 +79,7 @@ public:
 private:
     struct kept_sum;
     struct key {
-        sum_of kind;
+        sum_kind kind;
         owner whose;
         bool operator==(const key &) const = default;
     };
@@ -93,7 +93,7 @@ private:
     static std::array<key, 4> keys_of(const owner &whose);
     kept_sum *made(const key &wanted); // null where they are too many
     kept_sum *kept(const key &wanted) const;
-    void add_pair(const owner &whose, int change);
+    void add_pair(const owner &whose, int more);
     void choose_courses();
     void give_course(kept_sum &sum);
     void forget_idle(int64_t idle_ms_max);

@@ -131,8 +131,11 @@ watched_flow present::watched(const flow_record &shown) {
 }
 
 void present::connected(const greeting_record &greeting) {
-    if (epoch_of(greeting) != epoch_)
+    if (epoch_of(greeting) != epoch_) {
         forget_untold_since(std::numeric_limits<int64_t>::max());
+        flows_.clear();
+        ended_.clear();
+    }
     epoch_ = epoch_of(greeting);
     disconnected();
 }
@@ -330,21 +333,21 @@ std::vector<const watched_flow *> present::flows(const flow_choice &chosen) cons
 }
 
 std::vector<const flow_sum *> present::clients_used() const {
-    return sums_.of(sum_of::client);
+    return sums_.of(sum_kind::client);
 }
 
 std::vector<const flow_sum *> present::applications_used() const {
-    return sums_.of(sum_of::application);
+    return sums_.of(sum_kind::application);
 }
 
 std::vector<const flow_sum *> present::applications_of(const std::string &client) const {
     const auto key = texts_.find(client);
-    return key ? sums_.of(sum_of::client_application, &*key) : std::vector<const flow_sum *>();
+    return key ? sums_.of(sum_kind::client_application, &*key) : std::vector<const flow_sum *>();
 }
 
 std::vector<const flow_sum *> present::clients_of(const std::string &application) const {
     const auto name = texts_.find(application);
-    return name ? sums_.of(sum_of::client_application, nullptr, &*name)
+    return name ? sums_.of(sum_kind::client_application, nullptr, &*name)
                 : std::vector<const flow_sum *>();
 }
 
@@ -353,10 +356,10 @@ const flow_sum *present::sum(const flow_choice &chosen) const {
     if (!owner)
         return nullptr;
     if (chosen.client && chosen.application)
-        return sums_.find(sum_of::client_application, *owner);
+        return sums_.find(sum_kind::client_application, *owner);
     if (chosen.client)
-        return sums_.find(sum_of::client, *owner);
-    return sums_.find(chosen.application ? sum_of::application : sum_of::all, *owner);
+        return sums_.find(sum_kind::client, *owner);
+    return sums_.find(chosen.application ? sum_kind::application : sum_kind::all, *owner);
 }
 
 std::vector<traffic_rates> present::course(const flow_choice &chosen) const {

@@ -52,7 +52,8 @@ void watcher::connect(int64_t now_ms) {
     avcore_.emplace(watch_socket_);
     heard_ms_ = now_ms;
     ask(now_ms);
-    follow_asked_ = avcore_->follow({.flows = true, .events = true, .every_ms = WATCH_EVERY_MS});
+    follow_asked_ =
+        avcore_->follow({.flows = true, .events = true, .every_ms = WATCH_EVERY_MS, .filter = {}});
     connect_due_ms_ = NEVER_MS;
 }
 

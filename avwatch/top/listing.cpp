@@ -1,0 +1,252 @@
+#include "avwatch/top/listing.h"
+
+#include "avcore/base/host_text.h"
+#include "avwatch/base/units.h"
+#include "avwatch/present/flow_cells.h"
+
+#include <algorithm>
+#include <initializer_list>
+#include <string_view>
+#include <tuple>
+
+namespace avwatch {
+namespace {
+
+constexpr char DENIED[] = "deny"; // the verdict
+
+constexpr screen_column CLIENT_COLUMNS[] = {
+    {"CLIENT", sizeof "02:00:00:00:00:01" - 1, 0, false, true},
+    {"ADDRESS", sizeof "192.168.100.100" - 1, 4},
+    {"APPS", 4, 3, true},
+    {"FLOWS", 5, 2, true},
+    {"UP NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"DOWN NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"UP", sizeof "99.9 kB" - 1, 2, true},
+    {"DOWN", sizeof "99.9 kB" - 1, 2, true},
+    {"DROPPED", 7, 3, true},
+};
+constexpr screen_column APPLICATION_COLUMNS[] = {
+    {"APPLICATION", 17, 0, false, true},
+    {"CLIENTS", 7, 3, true},
+    {"FLOWS", 5, 2, true},
+    {"UP NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"DOWN NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"UP", sizeof "99.9 kB" - 1, 2, true},
+    {"DOWN", sizeof "99.9 kB" - 1, 2, true},
+    {"DROPPED", 7, 3, true},
+};
+constexpr screen_column FLOW_COLUMNS[] = {
+    {"CLIENT", 12, 1, false, true},
+    {"SERVER", 15, 0, false, true},
+    {"APPLICATION", 14, 0, false, true},
+    {"VERDICT", sizeof "white list" - 1, 1},
+    {"UP NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"DOWN NOW", sizeof "99.9 kB/s" - 1, 1, true},
+    {"UP", sizeof "99.9 kB" - 1, 2, true},
+    {"DOWN", sizeof "99.9 kB" - 1, 2, true},
+    {"DROPPED", 7, 3, true},
+    {"STATE", sizeof "undecided" - 1, 3},
+};
+
+double amount_of(list_order order, const traffic_rates &now, const traffic &up, const traffic &down,
+                 const dropped_packets &dropped, uint64_t last_us) {
+    switch (order) {
+    case list_order::rate:
+        return now.both();
+    case list_order::up:
+        return now.up;
+    case list_order::down:
+        return now.down;
+    case list_order::total:
+        return static_cast<double>(up.bytes + down.bytes);
+    case list_order::dropped:
+        return static_cast<double>(dropped.denied + dropped.limited);
+    case list_order::seen:
+        return static_cast<double>(last_us);
+    case list_order::name:
+        break;
+    }
+    return 0;
+}
+
+std::string server_text(const watched_flow &flow) {
+    return flow.host.empty() ? endpoint_text(flow.server.text(), flow.server_port)
+                             : flow.host.text();
+}
+
+} // namespace
+
+std::string client_text(const present &shown, const std::string &key) {
+    const std::string name = shown.clients().name_of(key);
+    return name.empty() ? key : name;
+}
+
+const char *kind_word(list_kind kind) {
+    constexpr const char *words[] = {"clients", "applications", "flows"};
+    return words[static_cast<size_t>(kind)];
+}
+
+const char *order_word(list_order order) {
+    constexpr const char *words[] = {"rate",    "rate up",   "rate down", "bytes",
+                                     "dropped", "last seen", "name"};
+    return words[static_cast<size_t>(order)];
+}
+
+listing::listing(const present &shown, const list_wanted &wanted, int64_t now_ms)
+    : shown_(shown), wanted_(wanted), filter_(avcore::lower_case(wanted.filter)), now_ms_(now_ms) {
+    if (wanted.kind == list_kind::flows) {
+        for (const watched_flow *each : shown.flows(wanted.chosen))
+            add({nullptr, each, 0, 0, {}});
+    } else if (wanted.kind == list_kind::clients) {
+        for (const flow_sum *each : wanted.chosen.application
+                                        ? shown.clients_of(*wanted.chosen.application)
+                                        : shown.clients_used())
+            add({each, nullptr, 0, 0, {}});
+    } else {
+        for (const flow_sum *each : wanted.chosen.client
+                                        ? shown.applications_of(*wanted.chosen.client)
+                                        : shown.applications_used())
+            add({each, nullptr, 0, 0, {}});
+    }
+    sort();
+}
+
+// There may be as many as a gate has flows: names are only made where they are needed.
+void listing::add(listed added) {
+    if (!filter_.empty() && !fits_filter(added))
+        return;
+    const figures found = figures_of(added);
+    added.amount =
+        amount_of(wanted_.order, found.now, found.up, found.down, found.dropped, found.last_us);
+    added.total = static_cast<double>(found.up.bytes + found.down.bytes);
+    if (wanted_.order == list_order::name)
+        added.name = avcore::lower_case(name_of(added));
+    rows_.push_back(std::move(added));
+}
+
+void listing::sort() {
+    const auto key_of = [](const listed &of) -> std::tuple<std::string_view, std::string_view> {
+        if (of.flow != nullptr)
+            return {of.flow->id, {}};
+        return {of.sum->client.text(), of.sum->application.text()};
+    };
+    std::ranges::sort(rows_, [&](const listed &a, const listed &b) {
+        if (a.amount != b.amount)
+            return a.amount > b.amount;
+        if (const int order = a.name.compare(b.name); order != 0)
+            return order < 0;
+        if (a.total != b.total)
+            return a.total > b.total;
+        return key_of(a) < key_of(b);
+    });
+}
+
+listing::figures listing::figures_of(const listed &of) const {
+    if (of.flow != nullptr)
+        return {shown_.rates_of(*of.flow, now_ms_), of.flow->up, of.flow->down, of.flow->dropped,
+                of.flow->last_us};
+    return {of.sum->now, of.sum->up, of.sum->down, of.sum->dropped, of.sum->last_us};
+}
+
+std::string listing::name_of(const listed &of) const {
+    if (of.flow != nullptr)
+        return server_text(*of.flow);
+    return wanted_.kind == list_kind::clients ? client_text(shown_, of.sum->client.text())
+                                              : of.sum->application.text();
+}
+
+bool listing::fits_filter(const listed &tried) const {
+    const auto has = [&](std::initializer_list<std::string_view> texts) {
+        return std::ranges::any_of(texts, [&](std::string_view text) {
+            return avcore::lower_case(text).find(filter_) != std::string::npos;
+        });
+    };
+    if (tried.flow != nullptr)
+        return has({tried.flow->application.text(), tried.flow->host.text(),
+                    tried.flow->server.text(), tried.flow->client.text(),
+                    tried.flow->verdict.text(),
+                    client_text(shown_, tried.flow->client_key.text())});
+    if (wanted_.kind == list_kind::applications)
+        return has({tried.sum->application.text()});
+    const std::string &key = tried.sum->client.text();
+    const known_client *known = shown_.clients().with_key(key);
+    return has({key, client_text(shown_, key)}) ||
+           (known != nullptr &&
+            std::ranges::any_of(known->said.addresses,
+                                [&](const std::string &address) { return has({address}); }));
+}
+
+const std::string &listing::key(size_t row) const {
+    if (rows_[row].flow != nullptr)
+        return rows_[row].flow->id;
+    return wanted_.kind == list_kind::clients ? rows_[row].sum->client.text()
+                                              : rows_[row].sum->application.text();
+}
+
+std::optional<size_t> listing::row_of(const std::string &key) const {
+    for (size_t i = 0; i < rows_.size(); ++i) {
+        if (this->key(i) == key)
+            return i;
+    }
+    return std::nullopt;
+}
+
+std::span<const screen_column> listing::columns() const {
+    switch (wanted_.kind) {
+    case list_kind::clients:
+        return CLIENT_COLUMNS;
+    case list_kind::applications:
+        return APPLICATION_COLUMNS;
+    case list_kind::flows:
+        break;
+    }
+    return FLOW_COLUMNS;
+}
+
+std::vector<std::string> listing::cells(size_t row) const {
+    return rows_[row].flow != nullptr ? flow_cells(rows_[row]) : sum_cells(rows_[row]);
+}
+
+std::vector<std::string> listing::sum_cells(const listed &of) const {
+    const flow_sum &sum = *of.sum;
+    std::vector<std::string> cells = {name_of(of)};
+    if (wanted_.kind == list_kind::clients) {
+        const known_client *known = shown_.clients().with_key(sum.client.text());
+        const bool has_address = known != nullptr && !known->said.addresses.empty();
+        cells.push_back(has_address ? known->said.addresses.front() : "");
+    }
+    // One client's part of an application has no others.
+    cells.push_back(sum.kind == sum_kind::client_application ? "" : std::to_string(sum.pairs));
+    for (std::string &cell :
+         std::vector{std::to_string(sum.flows), rate_text(sum.now.up), rate_text(sum.now.down),
+                     size_text(sum.up.bytes), size_text(sum.down.bytes),
+                     std::to_string(sum.dropped.denied + sum.dropped.limited)})
+        cells.push_back(std::move(cell));
+    return cells;
+}
+
+std::vector<std::string> listing::flow_cells(const listed &of) const {
+    const watched_flow &flow = *of.flow;
+    const traffic_rates now = shown_.rates_of(flow, now_ms_);
+    return {client_text(shown_, flow.client_key.text()),
+            server_text(flow),
+            flow.application.text(),
+            verdict_text(flow.record()),
+            rate_text(now.up),
+            rate_text(now.down),
+            size_text(flow.up.bytes),
+            size_text(flow.down.bytes),
+            std::to_string(flow.dropped.denied + flow.dropped.limited),
+            flow.ended.empty() ? flow.gate.text() : flow.ended.text()};
+}
+
+line_style listing::style(size_t row) const {
+    const watched_flow *flow = rows_[row].flow;
+    if (flow == nullptr)
+        return rows_[row].sum->flows == 0 ? line_style::faded : line_style::plain;
+    if (!flow->ended.empty())
+        return line_style::faded;
+    return flow->verdict.text() == DENIED ? line_style::denied : line_style::plain;
+}
+
+} // namespace avwatch
