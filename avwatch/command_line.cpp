@@ -19,15 +19,16 @@ namespace {
 
 // In the order of the help.
 constexpr void (*SUBCOMMANDS[])(CLI::App &app, invocation &asked) = {
-    add_top, add_clients, add_apps,  add_flows,  add_denials, add_status,
-    add_why, add_usage,   add_serve, add_forget, add_backup,
+    add_top, add_clients, add_apps,  add_flows, add_denials, add_status,
+    add_why, add_usage,   add_serve, add_link,  add_forget,  add_backup,
 };
 
 void describe(CLI::App &app, invocation &asked) {
     app.fallthrough();            // --utc may stand behind the subcommand
     app.require_subcommand(0, 1); // run() says better what is missing
     app.set_version_flag("--version", "avwatch " JORN_VERSION);
-    app.add_option("-c", asked.settings_file, "TOML file: aliases of clients, the history, metrics")
+    app.add_option("-c", asked.settings_file,
+                   "TOML file: aliases of clients, the history, the page, metrics")
         ->type_name("CONFIG")
         ->capture_default_str();
     app.add_option("--watch-socket", asked.watch_socket, "Where avcore tells what it knows")

@@ -1,5 +1,7 @@
 #include "avwatch/history/database.h"
 
+#include "avcore/base/monotonic_clock.h"
+
 #include <unistd.h>
 
 namespace avwatch {
@@ -126,6 +128,15 @@ void database::define(const char *name, int values,
                                    nullptr, function, nullptr, nullptr, nullptr);
     if (code != SQLITE_OK)
         fail(code);
+}
+
+void database::give_up_after(int64_t ms) {
+    constexpr int instructions = 10'000; // of SQLite's, between two looks at the clock
+    deadline_ms_ = std::make_unique<int64_t>(avcore::monotonic_ms() + ms);
+    const auto is_over = [](void *deadline_ms) {
+        return avcore::monotonic_ms() > *static_cast<const int64_t *>(deadline_ms) ? 1 : 0;
+    };
+    sqlite3_progress_handler(raw_.get(), instructions, is_over, deadline_ms_.get());
 }
 
 void database::leave_untouched() {

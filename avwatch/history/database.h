@@ -70,6 +70,8 @@ public:
     // A function for its SQL, which throws nothing and gives the same for the same values.
     void define(const char *name, int values,
                 void (*function)(sqlite3_context *, int, sqlite3_value **));
+    // From now on: what takes longer fails with SQLITE_INTERRUPT.
+    void give_up_after(int64_t ms);
     // Also when it is closed, which would otherwise move what is in its WAL.
     void leave_untouched();
     [[noreturn]] void fail(int code) const;
@@ -83,6 +85,7 @@ private:
         void operator()(sqlite3 *raw) const { sqlite3_close_v2(raw); }
     };
     std::string path_;
+    std::unique_ptr<int64_t> deadline_ms_; // of who is called while it works
     std::unique_ptr<sqlite3, closer> raw_;
 };
 

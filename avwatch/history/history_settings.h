@@ -18,7 +18,6 @@ struct history_settings {
     names_kept names = names_kept::full;
     uint32_t limit_mb = 256; // of the file, in powers of 1,000
     uint32_t commit_s = 1;   // between transactions
-    std::string http;        // where /metrics is, "127.0.0.1:8080"; empty: nowhere
     bool client_metrics = false;
 };
 

@@ -154,6 +154,19 @@ std::string sql_of(const std::vector<piece> &pieces) {
         "ORDER BY shown_at, total(up_bytes) + total(down_bytes) DESC, whose, shown, verdict");
 }
 
+// The applications are looked for by what they are shown as, each once.
+std::string bars_sql(const piece &wanted) {
+    std::string sql = "SELECT shown_at";
+    for (const char *column : AMOUNT_COLUMNS)
+        sql.append(", CAST(min(total(").append(column).append("), ") +=
+            std::to_string(COUNT_MAX) + ".0) AS INTEGER)";
+    return sql.append(" FROM (")
+        .append(sql_of(wanted))
+        .append(") WHERE ?2 = '' OR application IN (SELECT id FROM applications WHERE "
+                "lower(shown_name(name, is_name, ?3)) = lower(iif(lower(?2) = ?4, '', ?2))) "
+                "GROUP BY shown_at ORDER BY shown_at");
+}
+
 client_record client_in(const statement &row) {
     client_record client;
     const std::string key = row.text(0);
@@ -200,6 +213,26 @@ usage_reach read_usage(database &file, const usage_query &query, const usage_tak
               amounts_in(row, 4)},
              result);
     return result;
+}
+
+std::vector<usage_bar> read_bars(database &file, const usage_query &query) {
+    file.define("shown_name", 3, shown_name);
+    file.run("BEGIN"); // so that all is of one moment
+    const reaches reach(file);
+    const int64_t latest_s = std::max(query.now_s, file.number("SELECT max(start) FROM hours"));
+    std::vector<usage_bar> bars;
+    for (const std::vector<piece> &pieces : queries_of(query, reach, latest_s)) {
+        for (const piece &each : pieces) {
+            statement row(file, bars_sql(each));
+            row.bind(0, std::string_view(query.client));
+            row.bind(1, std::string_view(query.application));
+            row.bind(2, static_cast<int64_t>(query.names)).bind(3, std::string_view(UNNAMED));
+            while (row.step())
+                bars.push_back({row.number(0), amounts_in(row, 1)});
+        }
+    }
+    file.run("COMMIT");
+    return bars;
 }
 
 std::optional<client_record> read_client(database &file, const std::string &key) {

@@ -50,6 +50,14 @@ struct usage_reach {
 using usage_taker = std::function<void(const usage_row &row, const usage_reach &reach)>;
 usage_reach read_usage(database &file, const usage_query &query, const usage_taker &take);
 
+// The sums of hours or days over all that the query asks for, in their order, without those in
+// which nothing was.
+struct usage_bar {
+    int64_t start_s = 0;
+    amounts values = {};
+};
+std::vector<usage_bar> read_bars(database &file, const usage_query &query);
+
 // What the history's clients said of themselves: of the one with this key, and of those that are
 // meant by an address or a host name, some at most, the latest first.
 std::optional<client_record> read_client(database &file, const std::string &key);

@@ -1,4 +1,5 @@
-// What is shown of the history, and done to it: usage, forget, backup, serve.
+// What is shown of the history, and done to it: usage, forget, backup, serve; and the link to what
+// serve shows.
 #pragma once
 
 #include "avwatch/settings/settings.h"
@@ -12,6 +13,7 @@ namespace avwatch {
 // Each adds its subcommand, whose callback fills the invocation's action.
 void add_usage(CLI::App &app, invocation &asked);
 void add_serve(CLI::App &app, invocation &asked);
+void add_link(CLI::App &app, invocation &asked);
 void add_forget(CLI::App &app, invocation &asked);
 void add_backup(CLI::App &app, invocation &asked);
 

@@ -78,12 +78,18 @@ int back_up(const invocation &asked, const upkeep_request &wanted) {
 }
 
 int start_serving(const invocation &asked, const upkeep_request &wanted) {
-    history_settings used = read_settings(asked.settings_file).history;
-    if (!wanted.history.empty())
-        used.file = wanted.history;
+    settings used = read_settings(asked.settings_file);
+    used.history.file = wanted.file(used);
     if (!wanted.http.empty())
-        used.http = wanted.http;
-    return serve(used, asked.watch_socket);
+        used.http.address = wanted.http;
+    return serve(used, asked.watch_socket, asked.utc);
+}
+
+int show_link(const invocation &asked, const std::string &address) {
+    http_settings http = read_settings(asked.settings_file).http;
+    if (!address.empty())
+        http.address = address;
+    return print_link(http);
 }
 
 using task = int (*)(const invocation &asked, const upkeep_request &wanted);
@@ -122,11 +128,24 @@ std::string find_client(database &file, const client_aliases &aliases, const std
 
 void add_serve(CLI::App &app, invocation &asked) {
     subcommand command(
-        app, "serve", "Keep the history, and have it scraped by a Prometheus",
+        app, "serve", "Keep the history, and show it and the present on a page",
         "It runs until it is told to stop (SIGTERM), also while there is no avcore.");
     const auto wanted = add(command, asked, start_serving);
-    command.add_option("--http", wanted->http, "Where /metrics is to be, as in 127.0.0.1:8080",
+    command.add_option("--http", wanted->http,
+                       "Where the page and /metrics are to be, as in 127.0.0.1:8080",
                        {.type_name = "ADDR:PORT"});
+}
+
+void add_link(CLI::App &app, invocation &asked) {
+    subcommand command(
+        app, "link", "Print a link to the page, for who looks from elsewhere",
+        "It is good once, for ten minutes; the browser that follows it may look for thirty days.");
+    const auto address = std::make_shared<std::string>();
+    command.add_option("--http", *address, "Where \"serve\" has the page",
+                       {.type_name = "ADDR:PORT"});
+    command.callback([&asked, address] {
+        asked.action = [&asked, address] { return show_link(asked, *address); };
+    });
 }
 
 void add_forget(CLI::App &app, invocation &asked) {

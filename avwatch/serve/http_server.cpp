@@ -1,5 +1,6 @@
 #include "avwatch/serve/http_server.h"
 
+#include "avcore/base/config_text.h"
 #include "avcore/base/monotonic_clock.h"
 #include "avwatch/base/failure.h"
 
@@ -13,6 +14,7 @@
 #include <optional>
 #include <string_view>
 #include <sys/socket.h>
+#include <vector>
 
 namespace avwatch {
 namespace {
@@ -20,7 +22,9 @@ namespace {
 using avcore::NEVER_MS;
 
 constexpr unsigned SILENT_S = 10;
-constexpr int BACKLOG = 16;
+constexpr int BACKLOG = 64;
+constexpr size_t STREAM_BLOCK = 8'192;
+constexpr char TLS_VERSIONS[] = "NORMAL:-VERS-TLS1.0:-VERS-TLS1.1:-VERS-DTLS-ALL";
 
 struct socket_address {
     sockaddr_storage bytes = {};
@@ -74,45 +78,153 @@ unique_fd listen_at(const std::string &text) {
     return listening;
 }
 
+bool is_loopback(const sockaddr *address) {
+    if (address != nullptr && address->sa_family == AF_INET) {
+        sockaddr_in v4 = {};
+        memcpy(&v4, address, sizeof v4);
+        return ntohl(v4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+    }
+    if (address == nullptr || address->sa_family != AF_INET6)
+        return false;
+    sockaddr_in6 v6 = {};
+    memcpy(&v6, address, sizeof v6);
+    // IPv4's come as such to a socket of both.
+    return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr) != 0 ||
+           (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr) != 0 && v6.sin6_addr.s6_addr[12] == IN_LOOPBACKNET);
+}
+
 struct response_releaser {
     void operator()(MHD_Response *response) const { MHD_destroy_response(response); }
 };
 using owned_response = std::unique_ptr<MHD_Response, response_releaser>;
 
-MHD_Result send(MHD_Connection *connection, unsigned status, const std::string &text,
-                const char *type) {
-    // Copied. The reference that a connection has outlives ours.
-    const owned_response response(MHD_create_response_from_buffer(
-        text.size(), const_cast<char *>(text.data()), MHD_RESPMEM_MUST_COPY));
+MHD_Result send(MHD_Connection *connection, const page_reply &reply, owned_response response) {
     if (!response)
         return MHD_NO;
-    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE,
+                            std::string(reply.type).c_str());
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
-    MHD_add_response_header(response.get(), "X-Content-Type-Options", "nosniff");
+    for (const auto &[name, value] : reply.headers)
+        MHD_add_response_header(response.get(), name, value.c_str());
+    // The reference that a connection has outlives ours.
+    return MHD_queue_response(connection, reply.status, response.get());
+}
+
+MHD_Result send(MHD_Connection *connection, const page_reply &reply) {
+    const bool is_constant = !reply.constant_body.empty();
+    const std::string_view body = is_constant ? reply.constant_body : reply.body;
+    return send(connection, reply,
+                owned_response(MHD_create_response_from_buffer(
+                    body.size(), const_cast<char *>(body.data()),
+                    is_constant ? MHD_RESPMEM_PERSISTENT : MHD_RESPMEM_MUST_COPY)));
+}
+
+MHD_Result send(MHD_Connection *connection, unsigned status, const char *text) {
+    page_reply reply;
+    reply.status = status;
+    reply.body = text;
     if (status == MHD_HTTP_METHOD_NOT_ALLOWED)
-        MHD_add_response_header(response.get(), MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
-    return MHD_queue_response(connection, status, response.get());
+        reply.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+    return send(connection, reply);
+}
+
+MHD_Result take_argument(void *context, MHD_ValueKind /*kind*/, const char *name,
+                         const char *value) {
+    auto &arguments = *static_cast<std::map<std::string, std::string> *>(context);
+    arguments.emplace(name, value != nullptr ? value : "");
+    return MHD_YES;
+}
+
+page_request request_of(MHD_Connection *connection, const char *url) {
+    page_request asked;
+    asked.path = url;
+    const std::pair<const char *, std::string &> headers[] = {
+        {MHD_HTTP_HEADER_HOST, asked.host},
+        {MHD_HTTP_HEADER_ORIGIN, asked.origin},
+        {MHD_HTTP_HEADER_COOKIE, asked.cookie},
+        {"Sec-Fetch-Site", asked.fetch_site},
+        {MHD_HTTP_HEADER_AUTHORIZATION, asked.authorization},
+        {"Sec-Fetch-Mode", asked.fetch_mode}};
+    for (const auto &[name, value] : headers) {
+        const char *text = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+        value = text != nullptr ? text : "";
+    }
+    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &take_argument, &asked.arguments);
+    const MHD_ConnectionInfo *from =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    asked.is_from_loopback = from != nullptr && is_loopback(from->client_addr);
+    return asked;
 }
 
 } // namespace
+
+// An answer without end. The library doesn't look at a connection that is suspended, which it is
+// while there is nothing to send.
+struct http_server::stream {
+    http_server &owner;
+    MHD_Connection *connection;
+    std::unique_ptr<event_source> source;
+    std::string waiting;
+    size_t sent = 0; // of it
+    bool is_suspended = false;
+    bool is_over = false;
+};
 
 struct http_server::callbacks {
     static MHD_Result answer(void *context, MHD_Connection *connection, const char *url,
                              const char *method, const char * /*version*/, const char * /*body*/,
                              size_t * /*body_size*/, void ** /*state*/) {
-        constexpr char text[] = "text/plain; charset=utf-8";
-        constexpr char exposition[] = "text/plain; version=0.0.4; charset=utf-8";
+        auto &server = *static_cast<http_server *>(context);
         const std::string_view asked = method;
         try {
             if (asked != MHD_HTTP_METHOD_GET && asked != MHD_HTTP_METHOD_HEAD)
-                return send(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "GET and HEAD only\n", text);
-            if (std::string_view(url) != "/metrics")
-                return send(connection, MHD_HTTP_NOT_FOUND, "there is /metrics only\n", text);
-            return send(connection, MHD_HTTP_OK, static_cast<http_server *>(context)->metrics_(),
-                        exposition);
+                return send(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "GET and HEAD only\n");
+            page_reply reply = server.answer_(request_of(connection, url));
+            return reply.events ? begin_stream(server, connection, std::move(reply))
+                                : send(connection, reply);
         } catch (const std::exception &) {
             return MHD_NO; // no memory: the connection is closed
         }
+    }
+
+    static MHD_Result begin_stream(http_server &server, MHD_Connection *connection,
+                                   page_reply reply) {
+        if (server.streams_.size() >= STREAMS_MAX)
+            return send(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many look on already\n");
+        std::string first = reply.events->next();
+        if (server.streams_.empty())
+            server.streams_due_ms_ = server.now_ms_ + STREAM_EVERY_MS;
+        server.streams_.push_back(
+            {server, connection, std::move(reply.events), std::move(first), 0, false, false});
+        stream &begun = server.streams_.back();
+        owned_response response(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, STREAM_BLOCK,
+                                                                  &callbacks::read_stream, &begun,
+                                                                  &callbacks::end_stream));
+        if (!response) {
+            server.streams_.pop_back();
+            return MHD_NO;
+        }
+        server.deadlines_ms_[connection] = server.now_ms_ + STREAM_MS;
+        return send(connection, reply, std::move(response));
+    }
+
+    static ssize_t read_stream(void *context, uint64_t /*at*/, char *to, size_t room) {
+        auto &from = *static_cast<stream *>(context);
+        if (from.is_over)
+            return MHD_CONTENT_READER_END_OF_STREAM;
+        if (from.sent == from.waiting.size()) {
+            from.is_suspended = true;
+            MHD_suspend_connection(from.connection);
+            return 0;
+        }
+        const size_t size = from.waiting.copy(to, room, from.sent);
+        from.sent += size;
+        return static_cast<ssize_t>(size);
+    }
+
+    static void end_stream(void *context) {
+        auto *ended = static_cast<stream *>(context);
+        ended->owner.streams_.remove_if([ended](const stream &each) { return &each == ended; });
     }
 
     static void note(void *context, MHD_Connection *connection, void ** /*state*/,
@@ -125,16 +237,32 @@ struct http_server::callbacks {
     }
 };
 
-http_server::http_server(const std::string &address, std::function<std::string()> metrics)
-    : metrics_(std::move(metrics)) {
-    unique_fd listening = listen_at(address);
+http_server::http_server(const http_settings &settings, answerer answer)
+    : answer_(std::move(answer)) {
+    unique_fd listening = listen_at(settings.address);
+    unsigned flags = MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
+    std::string certificate, key;
+    std::vector<MHD_OptionItem> encryption;
+    if (settings.is_encrypted()) {
+        certificate = avcore::read_config_text(settings.certificate);
+        key = avcore::read_config_text(settings.key);
+        flags |= MHD_USE_TLS;
+        encryption = {{MHD_OPTION_HTTPS_MEM_CERT, 0, certificate.data()},
+                      {MHD_OPTION_HTTPS_MEM_KEY, 0, key.data()},
+                      {MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char *>(TLS_VERSIONS)}};
+    }
+    encryption.push_back({MHD_OPTION_END, 0, nullptr});
     running_.reset(MHD_start_daemon(
-        MHD_USE_EPOLL, 0, nullptr, nullptr, &callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET,
+        flags, 0, nullptr, nullptr, &callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET,
         listening.get(), MHD_OPTION_CONNECTION_LIMIT, CONNECTIONS_MAX,
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_MAX, MHD_OPTION_CONNECTION_TIMEOUT, SILENT_S,
-        MHD_OPTION_NOTIFY_CONNECTION, &callbacks::note, this, MHD_OPTION_END));
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, ADDRESS_MAX, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+        HEAD_MAX, MHD_OPTION_CONNECTION_TIMEOUT, SILENT_S, MHD_OPTION_NOTIFY_CONNECTION,
+        &callbacks::note, this, MHD_OPTION_ARRAY, encryption.data(), MHD_OPTION_END));
     if (!running_)
-        throw refused("HTTP at " + address + " can't be served");
+        throw refused("HTTP at " + settings.address + " can't be served" +
+                      (settings.is_encrypted() ? ": are " + settings.certificate + " and " +
+                                                     settings.key + " a certificate and its key?"
+                                               : ""));
     listening.release();
     const MHD_DaemonInfo *info = MHD_get_daemon_info(running_.get(), MHD_DAEMON_INFO_EPOLL_FD);
     if (info == nullptr || info->epoll_fd < 0)
@@ -142,17 +270,25 @@ http_server::http_server(const std::string &address, std::function<std::string()
     descriptor_ = info->epoll_fd;
 }
 
-http_server::~http_server() = default;
+// The library doesn't stop while a connection is suspended.
+http_server::~http_server() {
+    for (stream &each : streams_) {
+        each.is_over = true;
+        if (each.is_suspended)
+            MHD_resume_connection(each.connection);
+    }
+}
 
 void http_server::stopper::operator()(MHD_Daemon *running) const {
     MHD_stop_daemon(running);
 }
 
 int64_t http_server::due_ms(int64_t now_ms) const {
-    int64_t due_ms = NEVER_MS;
+    int64_t due_ms = streams_.empty() ? NEVER_MS : streams_due_ms_;
     MHD_UNSIGNED_LONG_LONG left_ms = 0;
     if (MHD_get_timeout(running_.get(), &left_ms) == MHD_YES)
-        due_ms = now_ms + static_cast<int64_t>(std::min<uint64_t>(left_ms, 60'000));
+        due_ms =
+            std::min(due_ms, now_ms + static_cast<int64_t>(std::min<uint64_t>(left_ms, 60'000)));
     for (const auto &[connection, deadline_ms] : deadlines_ms_)
         due_ms = std::min(due_ms, deadline_ms);
     return due_ms;
@@ -160,7 +296,20 @@ int64_t http_server::due_ms(int64_t now_ms) const {
 
 void http_server::serve(int64_t now_ms) {
     now_ms_ = now_ms;
-    // The library's own clock starts anew with each byte.
+    end_overdue(now_ms);
+    if (!streams_.empty() && now_ms >= streams_due_ms_) {
+        feed_streams();
+        streams_due_ms_ = now_ms + STREAM_EVERY_MS;
+    }
+    const size_t before = deadlines_ms_.size();
+    MHD_run(running_.get());
+    // It listens again, where it had too many, with the next run only.
+    if (deadlines_ms_.size() < before)
+        MHD_run(running_.get());
+}
+
+// The library's own clock starts anew with each byte.
+void http_server::end_overdue(int64_t now_ms) {
     for (auto &[connection, deadline_ms] : deadlines_ms_) {
         if (now_ms < deadline_ms)
             continue;
@@ -170,23 +319,27 @@ void http_server::serve(int64_t now_ms) {
             shutdown(info->connect_fd, SHUT_RDWR);
         deadline_ms = NEVER_MS;
     }
-    const size_t before = deadlines_ms_.size();
-    MHD_run(running_.get());
-    // It listens again, where it had too many, with the next run only.
-    if (deadlines_ms_.size() < before)
-        MHD_run(running_.get());
+}
+
+// Those who have read all: what was sent before goes on by itself.
+void http_server::feed_streams() {
+    for (stream &each : streams_) {
+        if (!each.is_suspended)
+            continue;
+        try {
+            each.waiting = each.source->next();
+            each.sent = 0;
+        } catch (const std::exception &) {
+            each.is_over = true; // no memory
+        }
+        each.is_suspended = false;
+        MHD_resume_connection(each.connection);
+    }
 }
 
 bool is_loopback(const std::string &address) {
     const socket_address parsed = parse(address);
-    if (parsed.bytes.ss_family == AF_INET) {
-        sockaddr_in v4 = {};
-        memcpy(&v4, &parsed.bytes, sizeof v4);
-        return ntohl(v4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
-    }
-    sockaddr_in6 v6 = {};
-    memcpy(&v6, &parsed.bytes, sizeof v6);
-    return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr) != 0;
+    return is_loopback(reinterpret_cast<const sockaddr *>(&parsed.bytes));
 }
 
 } // namespace avwatch

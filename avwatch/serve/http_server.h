@@ -1,14 +1,18 @@
-// The HTTP server: GET and HEAD of /metrics, nothing else. One of the loop's descriptors; no
-// thread.
+// What speaks HTTP: GET and HEAD, over TLS where there is a certificate. Whoever gives the answers
+// is handed requests and returns replies; one of the loop's descriptors, and no thread.
 //
-// Whoever reaches it may ask, slowly or for ever: CONNECTIONS_MAX at once, each with HEAD_MAX bytes
-// for what it asks, one request, and CONNECTION_MS for all of it.
+// Whoever reaches it may ask, slowly or for ever: CONNECTIONS_MAX at once, of them ADDRESS_MAX of
+// one address, each with HEAD_MAX bytes for what it asks, one request, and CONNECTION_MS for all of
+// it. Answers without end are STREAMS_MAX at most and end after STREAM_MS: who looks on asks again.
 #pragma once
 
+#include "avwatch/page/exchange.h"
+#include "avwatch/settings/http_settings.h"
 #include "shared/unique_fd.h"
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,12 +24,18 @@ namespace avwatch {
 
 class http_server {
 public:
-    static constexpr unsigned CONNECTIONS_MAX = 8;
+    static constexpr unsigned CONNECTIONS_MAX = 64;
+    static constexpr unsigned ADDRESS_MAX = 40;
+    static constexpr size_t STREAMS_MAX = 24;
     static constexpr size_t HEAD_MAX = 16'384; // what it keeps of each connection
     static constexpr int64_t CONNECTION_MS = 30'000;
+    static constexpr int64_t STREAM_MS = 600'000;
+    static constexpr int64_t STREAM_EVERY_MS = 1'000;
 
-    // Listens at "127.0.0.1:8080" or "[::1]:8080". Throws refused.
-    http_server(const std::string &address, std::function<std::string()> metrics);
+    using answerer = std::function<page_reply(const page_request &asked)>;
+
+    // Listens at the address, "127.0.0.1:8080" or "[::1]:8080". Throws refused.
+    http_server(const http_settings &settings, answerer answer);
     ~http_server();
     http_server(const http_server &) = delete;
     http_server &operator=(const http_server &) = delete;
@@ -36,13 +46,19 @@ public:
 
 private:
     struct callbacks; // of the library
+    struct stream;
+
+    void end_overdue(int64_t now_ms);
+    void feed_streams();
 
     struct stopper {
         void operator()(MHD_Daemon *running) const;
     };
-    std::function<std::string()> metrics_;
+    answerer answer_;
     std::map<MHD_Connection *, int64_t> deadlines_ms_;
+    std::list<stream> streams_;
     int64_t now_ms_ = 0;
+    int64_t streams_due_ms_ = 0;
     std::unique_ptr<MHD_Daemon, stopper> running_; // calls back until it has stopped
     int descriptor_ = -1;
 };

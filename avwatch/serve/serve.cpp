@@ -4,6 +4,10 @@
 #include "avcore/base/monotonic_clock.h"
 #include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
+#include "avwatch/page/page.h"
+#include "avwatch/page/tickets.h"
+#include "avwatch/present/present.h"
+#include "avwatch/present/watcher.h"
 #include "avwatch/serve/http_server.h"
 #include "avwatch/serve/recorder.h"
 #include "shared/unique_fd.h"
@@ -11,7 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <optional>
+#include <memory>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 
@@ -32,19 +36,59 @@ unique_fd end_signals() {
     return fd;
 }
 
+// Of an address that isn't loopback's.
+std::string token_for(const http_settings &http) {
+    if (is_loopback(http.address))
+        return {};
+    if (!http.is_encrypted())
+        complain("what is asked and answered at " + http.address +
+                 " goes in the clear, the token too: \"certificate\" and \"key\" in [http] "
+                 "encrypt it");
+    return read_or_make_token(http.token_file);
+}
+
+// What follows the present and shows it. The present is followed from the start, so that whoever
+// looks sees the last minutes.
+class shown_page {
+public:
+    shown_page(const settings &read, const std::string &watch_socket, const recorder &kept,
+               bool utc)
+        : now_(read.aliases, read.history.names, WATCH_EVERY_MS),
+          watcher_(watch_socket, now_),
+          page_({read.http.hosts, token_for(read.http), read.http.is_encrypted()},
+                {now_, [this] { return watcher_.trouble(); }, [&kept] { return kept.metrics(); },
+                 read.history.file, read.history.names, utc}),
+          http_(read.http, [this](const page_request &asked) { return page_.answer(asked); }) {}
+
+    void add_to(avcore::loop &loop) {
+        loop.add(
+            {.descriptor = [this] { return watcher_.descriptor(); },
+             .due_ms = [this](int64_t now_ms) { return watcher_.has_more() ? now_ms : NEVER_MS; },
+             .serve = [this](int64_t now_ms) { watcher_.listen(now_ms); }});
+        loop.add({.due_ms = [this](int64_t) { return watcher_.due_ms(); },
+                  .serve = [this](int64_t now_ms) { watcher_.serve(now_ms); }});
+        loop.add({.descriptor = [this] { return http_.descriptor(); },
+                  .due_ms = [this](int64_t now_ms) { return http_.due_ms(now_ms); },
+                  .serve = [this](int64_t now_ms) { http_.serve(now_ms); }});
+    }
+
+private:
+    present now_;
+    watcher watcher_;
+    page page_;
+    http_server http_;
+};
+
 } // namespace
 
-int serve(const history_settings &settings, const std::string &watch_socket) {
+int serve(const settings &read, const std::string &watch_socket, bool utc) {
     signal(SIGPIPE, SIG_IGN);
     umask(027); // who uses what is not everybody's business
     const unique_fd signals = end_signals();
-    recorder kept(settings, watch_socket);
-    std::optional<http_server> http;
-    if (!settings.http.empty()) {
-        http.emplace(settings.http, [&kept] { return kept.metrics(); });
-        if (!is_loopback(settings.http))
-            complain("whoever reaches " + settings.http + " can read /metrics");
-    }
+    recorder kept(read.history, watch_socket);
+    std::unique_ptr<shown_page> shown;
+    if (!read.http.address.empty())
+        shown = std::make_unique<shown_page>(read, watch_socket, kept, utc);
     bool goes_on = true;
     avcore::loop loop;
     loop.add(
@@ -52,10 +96,8 @@ int serve(const history_settings &settings, const std::string &watch_socket) {
     loop.add({.descriptor = [&] { return kept.descriptor(); },
               .due_ms = [&](int64_t now_ms) { return kept.has_more() ? now_ms : NEVER_MS; },
               .serve = [&](int64_t) { kept.listen(); }});
-    if (http)
-        loop.add({.descriptor = [&] { return http->descriptor(); },
-                  .due_ms = [&](int64_t now_ms) { return http->due_ms(now_ms); },
-                  .serve = [&](int64_t now_ms) { http->serve(now_ms); }});
+    if (shown)
+        shown->add_to(loop);
     loop.add({.due_ms = [&](int64_t) { return kept.due_ms(); },
               .serve = [&](int64_t now_ms) { kept.serve(now_ms); }});
     while (goes_on)

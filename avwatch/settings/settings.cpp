@@ -1,5 +1,6 @@
 #include "avwatch/settings/settings.h"
 
+#include "avcore/base/host_text.h"
 #include "avcore/settings/toml_reader.h"
 #include "avwatch/base/addresses.h"
 
@@ -45,11 +46,39 @@ void read_history(const toml::table &table, const std::string &file, history_set
         in.fail(*in.find("commit"), "'commit' must be at least 1");
 }
 
-void read_metrics(const toml::table &table, const std::string &file, history_settings &history) {
+void read_metrics(const toml::table &table, const std::string &file, settings &read) {
     const toml_reader in(table, file);
     in.expect_keys({"http", "clients"});
-    history.http = in.text("http").value_or(history.http);
-    in.flag("clients", history.client_metrics);
+    read.http.address = in.text("http").value_or(read.http.address);
+    in.flag("clients", read.history.client_metrics);
+}
+
+std::vector<std::string> read_hosts(const toml_reader &in) {
+    std::vector<std::string> hosts;
+    const toml::node *found = in.find("hosts");
+    const toml::array *names = found != nullptr ? found->as_array() : nullptr;
+    if (found != nullptr && names == nullptr)
+        in.fail(*found, "'hosts' must be a list of names, as in [\"ap.example\"]");
+    for (size_t i = 0; names != nullptr && i < names->size(); ++i) {
+        const std::string name = (*names)[i].value_or(std::string());
+        if (!avcore::is_host_text(name))
+            in.fail((*names)[i], "'hosts' must have names as in \"ap.example\", without ports");
+        hosts.push_back(avcore::lower_case(name));
+    }
+    return hosts;
+}
+
+void read_http(const toml::table &table, const std::string &file, http_settings &http) {
+    const toml_reader in(table, file);
+    in.expect_keys({"address", "hosts", "token", "certificate", "key"});
+    http.address = in.text("address").value_or(http.address);
+    http.hosts = read_hosts(in);
+    http.token_file = in.text("token").value_or(http.token_file);
+    http.certificate = in.text("certificate").value_or("");
+    http.key = in.text("key").value_or("");
+    if (http.certificate.empty() != http.key.empty())
+        in.fail(*in.find(http.key.empty() ? "certificate" : "key"),
+                "'certificate' and 'key' go together");
 }
 
 } // namespace
@@ -60,13 +89,15 @@ settings read_settings(const std::string &path) {
         return read;
     const toml::table root = avcore::parse_toml(avcore::read_config_text(path), path);
     const toml_reader in(root, path);
-    in.expect_keys({"alias", "history", "metrics"});
+    in.expect_keys({"alias", "history", "http", "metrics"});
     if (const toml::table *aliases = in.table("alias"))
         read.aliases = read_aliases(*aliases, path);
     if (const toml::table *history = in.table("history"))
         read_history(*history, path, read.history);
     if (const toml::table *metrics = in.table("metrics"))
-        read_metrics(*metrics, path, read.history);
+        read_metrics(*metrics, path, read);
+    if (const toml::table *http = in.table("http"))
+        read_http(*http, path, read.http);
     return read;
 }
 

@@ -4,6 +4,7 @@
 #include "avwatch/client/known_clients.h"
 #include "avwatch/client/watch_client.h"
 #include "avwatch/history/history_settings.h"
+#include "avwatch/settings/http_settings.h"
 
 #include <functional>
 #include <string>
@@ -15,6 +16,7 @@ inline constexpr char SETTINGS_FILE[] = "/etc/jorn/avwatch.toml";
 struct settings {
     client_aliases aliases;
     history_settings history;
+    http_settings http;
 };
 
 // The file at SETTINGS_FILE may be missing, another one not. Throws avcore::config_error, which

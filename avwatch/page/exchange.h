@@ -1,0 +1,50 @@
+// A request and what is answered, without the library that speaks HTTP: serve/http_server makes the
+// one and sends the other.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace avwatch {
+
+// Of GET or HEAD. An empty text: it isn't there.
+struct page_request {
+    std::string path;
+    std::map<std::string, std::string> arguments; // behind the question mark, decoded
+    std::string host;
+    std::string origin;
+    std::string authorization;
+    std::string cookie;
+    std::string fetch_site, fetch_mode; // what a browser says of who asks, where and how
+    bool is_from_loopback = false;
+
+    // Empty where it isn't there.
+    std::string argument(const std::string &name) const {
+        const auto found = arguments.find(name);
+        return found != arguments.end() ? found->second : std::string();
+    }
+};
+
+// What an answer without end has to say, asked for once a second while its reader keeps up: who
+// reads slowly is told less often, and never what is old.
+class event_source {
+public:
+    virtual ~event_source() = default;
+    virtual std::string next() = 0; // server-sent events, whole ones
+};
+
+struct page_reply {
+    unsigned status = 200;
+    std::string_view type = "text/plain; charset=utf-8";
+    std::string body;
+    std::string_view constant_body; // in place of `body`: part of the program
+    std::vector<std::pair<const char *, std::string>> headers;
+    std::unique_ptr<event_source> events; // in place of both
+};
+
+} // namespace avwatch

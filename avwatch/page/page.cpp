@@ -1,0 +1,214 @@
+#include "avwatch/page/page.h"
+
+#include "avcore/base/monotonic_clock.h"
+#include "avwatch/history/schema.h"
+#include "avwatch/history/usage.h"
+#include "avwatch/page/assets.h"
+#include "avwatch/page/rows.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <iterator>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+namespace avwatch {
+namespace {
+
+using avcore::monotonic_ms;
+using nlohmann::ordered_json;
+
+// The history is read while the same thread has to follow avcore.
+constexpr int LOCK_PATIENCE_MS = 100;
+constexpr int64_t READING_MS = 300;
+constexpr int64_t HOURS_SHOWN_S = 2 * DAY_S;
+constexpr int64_t DAYS_SHOWN_S = 60 * DAY_S;
+
+constexpr char METRICS_TYPE[] = "text/plain; version=0.0.4; charset=utf-8";
+constexpr char POLICY[] =
+    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+
+page_reply json_reply(const ordered_json &object) {
+    page_reply reply;
+    reply.type = "application/json";
+    reply.body = to_line(object) + '\n';
+    return reply;
+}
+
+page_reply failure(unsigned status, const std::string &text) {
+    page_reply reply = json_reply({{"error", text}});
+    reply.status = status;
+    return reply;
+}
+
+uint64_t now_us() {
+    using namespace std::chrono;
+    return static_cast<uint64_t>(
+        duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
+}
+
+ordered_json rates_of(const std::vector<traffic_rates> &course, float traffic_rates::*direction) {
+    ordered_json rates = ordered_json::array();
+    for (const traffic_rates &each : course) {
+        const float rate = each.*direction;
+        rates.push_back(rate < 0 ? ordered_json() : ordered_json(static_cast<uint64_t>(rate)));
+    }
+    return rates;
+}
+
+ordered_json bars_of(const std::vector<usage_bar> &bars) {
+    ordered_json rows = ordered_json::array();
+    for (const usage_bar &each : bars) {
+        const amounts &values = each.values;
+        rows.push_back({{"from_us", static_cast<uint64_t>(each.start_s) * 1'000'000},
+                        {"up", {values[UP_PACKETS], values[UP_BYTES]}},
+                        {"down", {values[DOWN_PACKETS], values[DOWN_BYTES]}},
+                        {"dropped", {values[DENIED_PACKETS], values[LIMITED_PACKETS]}},
+                        {"flows", values[FLOWS]},
+                        {"denials", values[DENIALS]}});
+    }
+    return rows;
+}
+
+} // namespace
+
+// The table that the page shows and the course of what it is about, each second.
+class page::live : public event_source {
+public:
+    live(const page_sources &sources, rows_query query)
+        : sources_(sources), query_(std::move(query)) {}
+
+    std::string next() override {
+        const present &now = sources_.now;
+        ordered_json state = {{"us", now_us()}, {"told", now.is_told()}};
+        if (!now.is_told())
+            state["trouble"] = sources_.trouble();
+        if (query_.chosen.client)
+            state["client_name"] = now.clients().name_of(*query_.chosen.client);
+        if (const flow_sum *sum = now.sum(query_.chosen))
+            put_sum(state, *sum);
+        state["table"] = rows_of(now, query_, monotonic_ms());
+        return "data: " + to_line(state) + "\n\n";
+    }
+
+private:
+    const page_sources &sources_;
+    const rows_query query_;
+};
+
+struct page::route {
+    std::string_view path;
+    page_reply (page::*answer)(const page_request &asked);
+    bool is_for_strangers = false; // it sees for itself who asks
+};
+
+const page::route *page::route_to(const std::string &path) {
+    static constexpr route routes[] = {
+        {"/metrics", &page::metrics},     {"/enter", &page::enter, true},
+        {"/api/rows", &page::rows},       {"/api/live", &page::live_rows},
+        {"/api/course", &page::course},   {"/api/flow", &page::flow},
+        {"/api/history", &page::history},
+    };
+    const auto *const found = std::ranges::find(routes, path, &route::path);
+    return found != std::end(routes) ? found : nullptr;
+}
+
+page_reply page::answer(const page_request &asked) {
+    page_reply reply = found(asked);
+    reply.headers.emplace_back("Content-Security-Policy", POLICY);
+    reply.headers.emplace_back("X-Content-Type-Options", "nosniff");
+    reply.headers.emplace_back("Referrer-Policy", "no-referrer");
+    reply.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
+    reply.headers.emplace_back("Cache-Control", "no-store");
+    return reply;
+}
+
+page_reply page::found(const page_request &asked) {
+    const route *chosen = route_to(asked.path);
+    const bool is_for_strangers = chosen != nullptr && chosen->is_for_strangers;
+    if (auto refused = is_for_strangers ? access_.stranger_refusal(asked) : access_.refusal(asked))
+        return std::move(*refused);
+    if (chosen != nullptr) {
+        try {
+            return (this->*chosen->answer)(asked);
+        } catch (const bad_query &wrong) {
+            return failure(400, wrong.text);
+        }
+    }
+    page_reply reply;
+    const auto file = std::ranges::find(assets(), asked.path, &asset::path);
+    if (file != assets().end()) {
+        reply.type = file->type;
+        reply.constant_body = file->bytes;
+        return reply;
+    }
+    reply.status = 404;
+    reply.body = "there is nothing of that name: the page is at /\n";
+    return reply;
+}
+
+page_reply page::metrics(const page_request & /*asked*/) {
+    page_reply reply;
+    reply.type = METRICS_TYPE;
+    reply.body = sources_.metrics();
+    return reply;
+}
+
+page_reply page::enter(const page_request &asked) {
+    return access_.enter(asked, time(nullptr));
+}
+
+page_reply page::rows(const page_request &asked) {
+    return json_reply(rows_of(sources_.now, rows_query_of(asked), monotonic_ms()));
+}
+
+page_reply page::live_rows(const page_request &asked) {
+    page_reply reply;
+    reply.type = "text/event-stream";
+    reply.events = std::make_unique<live>(sources_, rows_query_of(asked));
+    return reply;
+}
+
+page_reply page::course(const page_request &asked) {
+    const std::vector<traffic_rates> course = sources_.now.course(choice_of(asked));
+    return json_reply({{"us", now_us()},
+                       {"up", rates_of(course, &traffic_rates::up)},
+                       {"down", rates_of(course, &traffic_rates::down)}});
+}
+
+page_reply page::flow(const page_request &asked) {
+    const watched_flow *flow = sources_.now.flow(asked.argument("id"));
+    if (flow == nullptr)
+        return failure(404, "this flow has ended");
+    return json_reply(whole_flow(sources_.now, *flow, monotonic_ms()));
+}
+
+page_reply page::history(const page_request &asked) {
+    const flow_choice chosen = choice_of(asked);
+    usage_query query;
+    query.now_s = time(nullptr);
+    query.by = asked.argument("by") == "day" ? grouping::day : grouping::hour;
+    query.since_s = query.now_s - (query.by == grouping::day ? DAYS_SHOWN_S : HOURS_SHOWN_S);
+    query.utc = sources_.utc;
+    query.names = sources_.names;
+    query.client = chosen.client.value_or("");
+    if (chosen.application)
+        query.application = chosen.application->empty() ? UNNAMED : *chosen.application;
+    try {
+        database file(sources_.history_file, database::access::read_only, LOCK_PATIENCE_MS);
+        check_history(file);
+        file.give_up_after(READING_MS);
+        return json_reply({{"bars", bars_of(read_bars(file, query))}});
+    } catch (const database_error &error) {
+        if (error.code == SQLITE_INTERRUPT)
+            return failure(503, "there is too much of that to be read now: \"avwatch usage\" does");
+        return failure(503, error.what());
+    } catch (const foreign_history &error) {
+        return failure(503, error.what());
+    }
+}
+
+} // namespace avwatch

@@ -1,0 +1,54 @@
+// What is answered at the HTTP address, by path: the metrics, the page's files, and what the page
+// asks for. It reads only.
+//
+// It tells of the present what `present` has, and of the past what is in the history's file, which
+// it opens for the moment of an answer; and nobody who may not look (access.h).
+#pragma once
+
+#include "avwatch/history/application_names.h"
+#include "avwatch/page/access.h"
+#include "avwatch/page/exchange.h"
+#include "avwatch/present/present.h"
+
+#include <functional>
+#include <string>
+
+namespace avwatch {
+
+struct page_sources {
+    const present &now;
+    std::function<std::string()> trouble; // why nobody tells; empty: avcore does
+    std::function<std::string()> metrics;
+    std::string history_file;
+    names_kept names = names_kept::full;
+    bool utc = false; // days are UTC's
+};
+
+class page {
+public:
+    // Both have to outlive it, and it the answers that it gave.
+    page(access_settings who, page_sources sources)
+        : access_(std::move(who)), sources_(std::move(sources)) {}
+
+    page_reply answer(const page_request &asked);
+
+private:
+    struct route;
+    class live;                                            // an answer that goes on
+    static const route *route_to(const std::string &path); // null where there is none
+
+    page_reply found(const page_request &asked);
+
+    page_reply metrics(const page_request &asked);
+    page_reply enter(const page_request &asked);
+    page_reply rows(const page_request &asked);
+    page_reply live_rows(const page_request &asked);
+    page_reply course(const page_request &asked);
+    page_reply flow(const page_request &asked);
+    page_reply history(const page_request &asked);
+
+    page_access access_;
+    const page_sources sources_;
+};
+
+} // namespace avwatch

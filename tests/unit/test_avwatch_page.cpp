@@ -1,0 +1,212 @@
+// The page: who may look and who may not, links that are good once, and rows of the present in
+// windows.
+#include "avwatch/base/failure.h"
+#include "avwatch/page/page.h"
+#include "avwatch/page/tickets.h"
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace avwatch;
+using nlohmann::json;
+
+constexpr char TOKEN[] = "a token of the administrator's";
+constexpr int64_t NOW_S = 1'764'150'000;
+
+flow_record flow(int number, uint64_t down_bytes) {
+    flow_record made;
+    made.id = 'f' + std::to_string(number);
+    made.client = "192.0.2." + std::to_string(number % 3);
+    made.server = "198.51.100.7";
+    made.protocol = "TCP";
+    made.application = number % 2 != 0 ? "<script>alert(1)</script>" : "";
+    made.verdict = "allow";
+    made.down = {1, down_bytes};
+    made.begun_us = made.last_us = 1;
+    return made;
+}
+
+struct AvwatchPage : testing::Test {
+    page_request asking(const std::string &path,
+                        std::map<std::string, std::string> arguments = {}) const {
+        page_request asked;
+        asked.path = path;
+        asked.arguments = std::move(arguments);
+        asked.host = "localhost:8080";
+        asked.is_from_loopback = true;
+        return asked;
+    }
+    page_request from_elsewhere(const std::string &path) const {
+        page_request asked = asking(path);
+        asked.is_from_loopback = false;
+        asked.host = "192.0.2.1:8080";
+        return asked;
+    }
+    json rows(std::map<std::string, std::string> arguments) {
+        const page_reply reply = shown.answer(asking("/api/rows", std::move(arguments)));
+        EXPECT_EQ(reply.status, 200U) << reply.body;
+        return json::parse(reply.body);
+    }
+
+    present now{{}, names_kept::full, 1'000};
+    page shown{{{"ap.example"}, TOKEN, false},
+               {now, [] { return "gone"; }, [] { return "jorn_avcore_up 1\n"; }, "/none/at/all"}};
+};
+
+TEST_F(AvwatchPage, OnlyWhoMayLookDoes) {
+    using member = std::string page_request::*;
+    struct row {
+        const char *what;
+        bool is_from_loopback;
+        std::vector<std::pair<member, std::string>> headers;
+        unsigned status;
+    };
+    const member host = &page_request::host;
+    const member origin = &page_request::origin;
+    const member token = &page_request::authorization;
+    const member cookie = &page_request::cookie;
+    const member site = &page_request::fetch_site;
+    const member mode = &page_request::fetch_mode;
+    const row rows[] = {
+        {"this machine", true, {}, 200},
+        {"a name of this machine's", true, {{host, "AP.example.:8080"}}, 200},
+        {"IPv6", true, {{host, "[::1]:8080"}}, 200},
+        {"a name that is somebody else's", true, {{host, "evil.example"}}, 421},
+        {"one that ends alike", true, {{host, "evil.ap.example"}}, 421},
+        {"one that looks like an address", true, {{host, "127.0.0.1.evil.example"}}, 421},
+        {"no name", true, {{host, ""}}, 421},
+        {"its own page", true, {{origin, "http://localhost:8080"}, {site, "same-origin"}}, 200},
+        {"another one's page", true, {{origin, "http://evil.example"}}, 403},
+        {"a page of another port", true, {{origin, "http://localhost:9"}}, 403},
+        {"a page that hides where it is", true, {{origin, "null"}}, 403},
+        {"a script of another one's page", true, {{site, "cross-site"}, {mode, "no-cors"}}, 403},
+        {"a click there", true, {{site, "cross-site"}, {mode, "navigate"}}, 200},
+        {"elsewhere", false, {}, 401},
+        {"the token", false, {{token, std::string("bearer ") + TOKEN}}, 200},
+        {"half of it", false, {{token, "Bearer a token"}}, 401},
+        {"none of it", false, {{token, "Bearer "}}, 401},
+        {"the cookie", false, {{cookie, "a=b; jorn_page=" + pass_of(TOKEN)}}, 200},
+        {"the token for a cookie", false, {{cookie, std::string("jorn_page=") + TOKEN}}, 401},
+        {"a cookie that ends alike", false, {{cookie, "xjorn_page=" + pass_of(TOKEN)}}, 401},
+        {"the cookie, for another one's page",
+         false,
+         {{cookie, "jorn_page=" + pass_of(TOKEN)}, {origin, "http://evil.example"}},
+         403},
+    };
+    for (const row &each : rows) {
+        for (const char *path : {"/", "/metrics", "/api/rows"}) {
+            page_request asked = each.is_from_loopback ? asking(path) : from_elsewhere(path);
+            for (const auto &[header, text] : each.headers)
+                asked.*header = text;
+            const page_reply reply = shown.answer(asked);
+            EXPECT_EQ(reply.status, each.status) << each.what << ' ' << path;
+            EXPECT_TRUE(each.status == 200 || reply.constant_body.empty()) << each.what;
+        }
+    }
+    page without_token({{}, "", false}, {now, nullptr, nullptr, ""});
+    page_request asked = from_elsewhere("/");
+    asked.authorization = "Bearer ";
+    asked.cookie = "jorn_page=" + pass_of("");
+    EXPECT_EQ(without_token.answer(asked).status, 401U);
+}
+
+TEST_F(AvwatchPage, ALinkIsGoodOnceAndNotForLong) {
+    ticket_counter counter;
+    const std::string ticket = make_ticket(TOKEN, NOW_S);
+    EXPECT_FALSE(counter.take(ticket, "the token of another one", NOW_S));
+    EXPECT_FALSE(counter.take('9' + ticket, TOKEN, NOW_S)); // longer than it was given for
+    EXPECT_FALSE(counter.take(ticket, TOKEN, NOW_S + TICKET_S + 1));
+    EXPECT_FALSE(counter.take(ticket, TOKEN, NOW_S - 1)); // a clock that went back
+    EXPECT_TRUE(counter.take(ticket, TOKEN, NOW_S + TICKET_S));
+    EXPECT_FALSE(counter.take(ticket, TOKEN, NOW_S + TICKET_S));
+    for (const char *wrong : {"", "-", "1-2-3", "--"})
+        EXPECT_FALSE(counter.take(wrong, TOKEN, NOW_S)) << wrong;
+
+    page_request asked = from_elsewhere("/enter");
+    asked.arguments["ticket"] = make_ticket(TOKEN, time(nullptr));
+    page_request elsewhere = asked;
+    elsewhere.host = "evil.example";
+    EXPECT_EQ(shown.answer(elsewhere).status, 421U);
+    const page_reply entered = shown.answer(asked);
+    EXPECT_EQ(entered.status, 200U);
+    const auto cookie =
+        std::ranges::find(entered.headers, std::string_view("Set-Cookie"),
+                          [](const auto &header) { return std::string_view(header.first); });
+    ASSERT_NE(cookie, entered.headers.end());
+    EXPECT_NE(cookie->second.find("; HttpOnly; SameSite=Strict"), std::string::npos);
+    EXPECT_EQ(shown.answer(asked).status, 403U);
+}
+
+TEST(AvwatchToken, IsMadeOnceForItsOwner) {
+    const std::string folder = std::filesystem::temp_directory_path() / "avwatch_token";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directory(folder);
+    const std::string file = folder + "/token";
+    EXPECT_THROW(read_token(file), refused);
+    const std::string token = read_or_make_token(file);
+    EXPECT_EQ(token.size(), 64U);
+    EXPECT_EQ(read_or_make_token(file), token);
+    chmod(file.c_str(), 0644);
+    EXPECT_THROW(read_token(file), refused); // others may read it
+    chmod(file.c_str(), 0600);
+    for (const char *text : {"", "short\n", "two words that are long enough\n"}) {
+        std::ofstream(file) << text;
+        EXPECT_THROW(read_token(file), refused) << text;
+    }
+    std::filesystem::remove_all(folder);
+}
+
+TEST_F(AvwatchPage, RowsComeInWindows) {
+    constexpr int count = 10'000;
+    now.connected({});
+    for (int i = 0; i < count; ++i)
+        now.take(flow(i, static_cast<uint64_t>(i)), 1);
+    now.listed();
+    const json first = rows({{"table", "flows"}, {"order", "bytes"}, {"rows", "3"}});
+    EXPECT_EQ(first["total"], count);
+    ASSERT_EQ(first["rows"].size(), 3U);
+    EXPECT_EQ(first["rows"][0]["id"], "f9999");
+    EXPECT_EQ(first["rows"][2]["id"], "f9997");
+    const json last = rows({{"table", "flows"}, {"order", "bytes"}, {"first", "9999"}});
+    ASSERT_EQ(last["rows"].size(), 1U);
+    EXPECT_EQ(last["rows"][0]["id"], "f0");
+    EXPECT_EQ(rows({{"table", "flows"}, {"order", "bytes"}, {"reversed", "1"}})["rows"][0]["id"],
+              "f0");
+    EXPECT_EQ(rows({{"table", "flows"},
+                    {"first", "18446744073709551615"},
+                    {"rows", "18446744073709551615"}})["rows"],
+              json::array());
+    EXPECT_EQ(rows({{"table", "flows"}, {"rows", "10000"}})["rows"].size(), 200U);
+    EXPECT_EQ(rows({{"table", "flows"}, {"part", "SCRIPT"}})["total"], count / 2);
+    EXPECT_EQ(rows({{"table", "flows"}, {"application", ""}})["total"], count / 2);
+    EXPECT_EQ(rows({{"table", "flows"}, {"verdict", "deny"}})["total"], 0);
+    EXPECT_EQ(rows({{"table", "clients"}})["total"], 3);
+    EXPECT_EQ(rows({{"table", "clients"}, {"application", ""}})["total"], 3);
+    EXPECT_EQ(rows({{"table", "applications"}, {"client", "192.0.2.1"}})["total"], 2);
+    EXPECT_EQ(rows({{"table", "applications"}, {"client", "nobody"}})["total"], 0);
+    for (const auto &[argument, text] :
+         std::map<std::string, std::string>{{"table", "all"},
+                                            {"order", "x"},
+                                            {"first", "-1"},
+                                            {"rows", "1x"},
+                                            {"part", std::string(9'999, 'x')}})
+        EXPECT_EQ(shown.answer(asking("/api/rows", {{argument, text}})).status, 400U) << argument;
+    EXPECT_EQ(shown.answer(asking("/api/history")).status, 503U); // there is no file
+    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f7"}})).status, 200U);
+    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f-7"}})).status, 404U);
+    EXPECT_EQ(shown.answer(asking("/../etc/passwd")).status, 404U);
+}
+
+} // namespace
