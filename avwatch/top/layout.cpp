@@ -107,7 +107,7 @@ row_layout::row_layout(std::span<const screen_column> columns, size_t width)
         }
     }
     for (size_t i = 0; i < columns_.size(); ++i) {
-        if (widths_[i] == 0 || !columns_[i].grows || taken >= width)
+        if (widths_[i] == 0 || !columns_[i].grows || taken >= width || growing == 0)
             continue;
         const size_t share = (width - taken) / growing--;
         widths_[i] += share;
