@@ -95,20 +95,22 @@ const char *order_word(list_order order) {
 listing::listing(const present &shown, const list_wanted &wanted, int64_t now_ms)
     : shown_(shown), wanted_(wanted), filter_(avcore::lower_case(wanted.filter)), now_ms_(now_ms) {
     if (wanted.kind == list_kind::flows) {
-        for (const watched_flow *each : shown.flows(wanted.chosen))
+        const auto flows = shown.flows(wanted.chosen);
+        rows_.reserve(flows.size()); // there may be many, and the machine may be small
+        for (const watched_flow *each : flows)
             add({nullptr, each, 0, 0, {}});
-    } else if (wanted.kind == list_kind::clients) {
-        for (const flow_sum *each : wanted.chosen.application
-                                        ? shown.clients_of(*wanted.chosen.application)
-                                        : shown.clients_used())
-            add({each, nullptr, 0, 0, {}});
     } else {
-        for (const flow_sum *each : wanted.chosen.client
-                                        ? shown.applications_of(*wanted.chosen.client)
-                                        : shown.applications_used())
+        for (const flow_sum *each : sums())
             add({each, nullptr, 0, 0, {}});
     }
     sort();
+}
+
+std::vector<const flow_sum *> listing::sums() const {
+    const flow_choice &chosen = wanted_.chosen;
+    if (wanted_.kind == list_kind::clients)
+        return chosen.application ? shown_.clients_of(*chosen.application) : shown_.clients_used();
+    return chosen.client ? shown_.applications_of(*chosen.client) : shown_.applications_used();
 }
 
 // There may be as many as a gate has flows: names are only made where they are needed.

@@ -51,6 +51,7 @@ private:
         std::string name;
     };
 
+    std::vector<const flow_sum *> sums() const;
     void add(listed added);
     void sort();
     figures figures_of(const listed &of) const;
