@@ -266,14 +266,17 @@ std::vector<screen_line> top_model::body(const screen_size &size, int64_t now_ms
 }
 
 std::vector<screen_line> top_model::list_lines(const screen_size &size, int64_t now_ms) {
+    // A cell for the mark before a right-to-left name: at a line's begin it would have none.
+    const std::string margin = " ";
     const listing rows(shown_, now().wanted, now_ms);
-    const row_layout layout(rows.columns(), size.columns);
+    const row_layout layout(rows.columns(), size.columns - std::min(size.columns, margin.size()));
     find_place(rows);
-    std::vector<screen_line> lines = {{layout.heading(), line_style::heading}};
+    std::vector<screen_line> lines = {
+        {fitted_shown(margin + layout.heading(), size.columns), line_style::heading}};
     keys_.clear();
     for (size_t i = now().first; i < rows.size() && keys_.size() < page_; ++i) {
         const line_style style = i == now().place ? line_style::chosen : rows.style(i);
-        lines.push_back({fitted_shown(layout.row(rows.cells(i)), size.columns), style});
+        lines.push_back({fitted_shown(margin + layout.row(rows.cells(i)), size.columns), style});
         keys_.push_back(rows.key(i));
     }
     return lines;

@@ -250,8 +250,8 @@ struct AvwatchTop : AvwatchPresent {
     std::vector<std::string> rows() {
         draw();
         std::vector<std::string> words;
-        for (size_t i = 3; i + 1 < lines.size() && lines[i].text.front() != ' '; ++i)
-            words.push_back(lines[i].text.substr(0, lines[i].text.find(' ')));
+        for (size_t i = 3; i + 1 < lines.size() && lines[i].text[1] != ' '; ++i)
+            words.push_back(lines[i].text.substr(1, lines[i].text.find(' ', 1) - 1));
         return words;
     }
     bool shows(const std::string &text) {
