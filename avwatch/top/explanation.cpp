@@ -2,6 +2,7 @@
 
 #include "avwatch/base/units.h"
 #include "avwatch/present/flow_cells.h"
+#include "shared/counted.h"
 
 namespace avwatch {
 namespace {
@@ -75,7 +76,7 @@ std::string profile_text(const flow_record &flow) {
 }
 
 std::string traffic_text(const traffic &passed, float rate) {
-    return size_text(passed.bytes) + " in " + std::to_string(passed.packets) + " packets, " +
+    return size_text(passed.bytes) + " in " + counted(passed.packets, "packet", "packets") + ", " +
            rate_text(rate) + " now";
 }
 
@@ -98,7 +99,7 @@ std::vector<explained_line> explain_flow(const flow_record &flow, const std::str
         {"ended", words_for(ENDED, flow.ended)},
         {"up", traffic_text(flow.up, now.up)},
         {"down", traffic_text(flow.down, now.down)},
-        {"dropped", std::to_string(flow.dropped.denied) + " packets by a denial, " +
+        {"dropped", counted(flow.dropped.denied, "packet", "packets") + " by a denial, " +
                         std::to_string(flow.dropped.limited) + " by a limit"},
     };
     std::erase_if(lines, [](const explained_line &line) { return line.second.empty(); });
