@@ -5,6 +5,7 @@
 const ROWS_MAX = 200; // of one answer
 const AROUND = 30; // rows that are kept above and below what is seen
 const SECONDS = 600; // of the course
+const LEGEND_PX = 34; // of the plot's height
 const RETRY_MS = 3000;
 const PATIENCE_MS = 2500; // before it is said that nobody answers
 const SETTLE_MS = 250; // after the last turn of the wheel
@@ -38,6 +39,7 @@ function timeText(us) {
         `${two(at.getHours())}:${two(at.getMinutes())}:${two(at.getSeconds())}`;
 }
 
+const counted = (count, many) => `${count} ${count === 1 ? many.slice(0, -1) : many}`;
 const applicationText = (name) => name === "" ? "unnamed" : shown(name);
 const clientText = (row) => shown(row.name || row.client);
 const droppedText = (row) => String(row.dropped[0] + row.dropped[1]);
@@ -51,7 +53,7 @@ const amounts = (more) => [
     {head: "Up", text: (row) => sizeText(row.up[1]), kind: "number minor"},
     ...more,
     {head: "Dropped", text: droppedText, order: "dropped", kind: "number minor"},
-    {head: "Last seen", text: (row) => timeText(row.last_us), order: "last", kind: "wide minor"},
+    {head: "Last seen", text: (row) => timeText(row.last_us), order: "last", kind: "time minor"},
 ];
 const flowNames = [
     {head: "Client", text: clientText, kind: "wide"},
@@ -97,7 +99,7 @@ const TABLES = {
     denials: {
         title: "Denials", order: "last",
         columns: [
-            {head: "When", text: (row) => timeText(row.us), kind: "wide"},
+            {head: "When", text: (row) => timeText(row.us), kind: "time"},
             ...flowNames,
             {head: "Why", text: (row) => shown(row.why), kind: () => "wide denied"},
         ],
@@ -274,7 +276,7 @@ const grid = {
                 this.active = this.first + place;
         }
         this.active = Math.min(this.active, Math.max(0, this.total - 1));
-        setText(byId("total"), `${this.total} ${TABLES[look.table].title.toLowerCase()}`);
+        setText(byId("total"), counted(this.total, TABLES[look.table].title.toLowerCase()));
         this.paint();
     },
 
@@ -539,8 +541,8 @@ const about = {
     take(state) {
         if (state.up !== undefined)
             setText(byId("sums"), `${rateText(state.down_rate)} down, ${rateText(state.up_rate)} up now; ` +
-                `${sizeText(state.down[1])} down, ${sizeText(state.up[1])} up, ${state.flows} flows, ` +
-                `${state.dropped[0] + state.dropped[1]} packets dropped`);
+                `${sizeText(state.down[1])} down, ${sizeText(state.up[1])} up, ${counted(state.flows, "flows")}, ` +
+                `${counted(state.dropped[0] + state.dropped[1], "packets")} dropped`);
         this.clientName = state.client_name || "";
         this.path();
         const [times, down, up] = this.data;
@@ -560,17 +562,23 @@ const about = {
 
     size() {
         const box = byId("plot");
-        const legend = box.querySelector(".u-legend");
-        return {width: box.clientWidth, height: Math.max(80, box.clientHeight - (legend ? legend.offsetHeight : 26))};
+        return {width: box.clientWidth, height: box.clientHeight - LEGEND_PX};
     },
 
     // No more of each than tells them apart.
     timesOf(times) {
         const texts = times.map((at) => timeText(at * 1e6));
-        if (look.span === "day")
+        if (look.span === "day" || texts.every((text) => text.slice(11) === "00:00:00"))
             return texts.map((text) => text.slice(5, 10));
         const isMinute = times.every((at) => at % 60 === 0);
         return texts.map((text) => text.slice(11, isMinute ? 16 : 19));
+    },
+
+    // All of the time that bars may be of, and the present one to its end.
+    barsRange() {
+        const [one, all] = look.span === "hour" ? [3600, 48] : [86400, 60];
+        const now = Date.now() / 1000;
+        return [now - all * one, now + one];
     },
 
     options() {
@@ -581,15 +589,15 @@ const about = {
         const series = (label, name) => ({
             label, stroke: colour(name), points: {show: false},
             value: (_, amount) => amount == null ? "-" : text(amount),
-            ...(isNow ? {width: 1.5} : {width: 0, fill: colour(name), paths: uPlot.paths.bars({size: [0.8, 60]})}),
+            ...(isNow ? {width: 1.5} : {width: 0, fill: colour(name), paths: uPlot.paths.bars({size: [0.8, 60], align: 1})}),
         });
         return {
             ...this.size(),
             series: [{label: "At", value: (_, at) => at == null ? "-" : timeText(at * 1e6)},
                      series(isNow ? "Down" : "Up and down", "--down"), series("Up", "--up")],
-            axes: [{...axis, values: (_, times) => this.timesOf(times)},
+            axes: [{...axis, space: 90, values: (_, times) => this.timesOf(times)},
                    {...axis, size: 80, values: (_, amounts) => amounts.map(text)}],
-            scales: {y: {range: (_, least, most) => [0, Math.max(most ?? 0, 1) * 1.05]}},
+            scales: {x: isNow ? {} : {range: () => this.barsRange()}, y: {range: (_, least, most) => [0, Math.max(most ?? 0, 1) * 1.05]}},
             cursor: {drag: {x: false, y: false}},
         };
     },
