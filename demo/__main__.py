@@ -1,9 +1,11 @@
 """The demo's inner part: run by scripts/demo through scripts/private, where /run and /etc, the network
-and the processes are its own and vanish with it. Is told what it plays ("live", "roam" or "capture"),
-and for a capture its name, a policy and a configuration; the capture itself is the standard input.
+and the processes are its own and vanish with it. Is told what it plays ("live", "roam", "page" or
+"capture"), and for a capture its name, a policy and a configuration; the capture itself is the standard
+input, for the page the door (door.py).
 
-Every wait in here is bounded; together they stay below two minutes."""
-from . import box, roam, traffic, web, wifi_calling
+Every wait in here is bounded; together they stay below two minutes, but for the page, which waits for
+Ctrl-C."""
+from . import box, page, roam, traffic, web, wifi_calling
 from .stage import *
 
 
@@ -39,6 +41,7 @@ def show_what_next():
     say("""\
   scripts/demo FILE.pcap     the same with a capture of yours (--policy, --config: and your rules)
   scripts/demo roam          a client that walks from one access point to another
+  scripts/demo page          a house at work, and who uses what to look at in a browser
   scripts/private bash       a shell in a small machine of its own, to play by hand (README, "By hand")
   docs/architecture.md       how it works, on one page""")
 
@@ -46,6 +49,9 @@ def show_what_next():
 def main(what, *arguments):
     os.makedirs(LOGS)
     set_switch(None, "ipv6/conf/default/disable_ipv6", 1)
+    if what == "page":
+        page.play(can_enforce())
+        return
     if what == "capture":
         traffic.play_capture(*arguments)
     else:

@@ -96,9 +96,13 @@ class Program:
     """One that runs meanwhile. What it says is in its log."""
 
     def __init__(self, name, *words, netns=None):
+        self.name = name
         with open(f"{LOGS}/{name}", "w") as file:
             self._process = subprocess.Popen([*inside(netns), *words], stdin=subprocess.DEVNULL,
                                              stdout=file, stderr=subprocess.STDOUT)
+
+    def has_ended(self):
+        return self._process.poll() is not None
 
     def stop(self, number=signal.SIGTERM):
         self._process.send_signal(number)
@@ -162,8 +166,9 @@ class Avcore(Program):
 
 def start_jorn():
     say("  jorn -i av1")
-    Program("jorn", f"{BIN}/jorn", "-i", "av1")
+    jorn = Program("jorn", f"{BIN}/jorn", "-i", "av1")
     wait_for_file("command socket of jorn", "/run/jorn.sock")
+    return jorn
 
 
 def jornctl(*words):
@@ -252,22 +257,29 @@ def use_demo_dns():
         write(path, text)
 
 
+def make_certificate():
+    """Its file, and its key's."""
+    certificate, key = FILES + "/crt", FILES + "/key"
+    os.makedirs(FILES, exist_ok=True)
+    status, said = answer(
+        "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+        "-days", "1", "-subj", "/CN=" + VIDEO_NAME, "-keyout", key, "-out", certificate)
+    if status != 0:
+        raise Failed(said)
+    return certificate, key
+
+
 class Servers:
     """The clients' name server, and a web server without and one with TLS."""
 
     def __init__(self, names):
         write(FILES + "/www/index.html", "<h1>The intranet</h1>\n")
-        status, said = answer(
-            "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-            "-nodes", "-days", "1", "-subj", "/CN=" + VIDEO_NAME, "-keyout", FILES + "/key", "-out",
-            FILES + "/crt")
-        if status != 0:
-            raise Failed(said)
+        certificate, key = make_certificate()
         self.resolver = start_name_server("dnsmasq", DNS_SERVER, names, "--local=/#/")
         self._web = None
         self.serve_web(WEB_SERVER, f"{WEB_SERVER}:80")
         Program("https", "openssl", "s_server", "-quiet", "-www", "-accept", "443", "-key",
-                FILES + "/key", "-cert", FILES + "/crt", netns="server")
+                key, "-cert", certificate, netns="server")
         wait_for("TLS server", listens("-t", ":443"))
 
     def serve_web(self, bind, listening):
