@@ -10,7 +10,8 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohma
     libsqlite3-dev libmicrohttpd-dev libgnutls28-dev libpsl-dev libncurses-dev clang libbpf-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
-    mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev llvm)
+    mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev llvm
+    llvm-dev libclang-dev)
 # shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl iperf3
     strongswan-charon strongswan-swanctl)
