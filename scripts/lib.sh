@@ -7,7 +7,8 @@ PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 # shellcheck disable=SC2034 # the scripts choose from these lists
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohmann-json3-dev
     libtomlplusplus-dev libndpi-dev libssl-dev libmnl-dev
-    libsqlite3-dev libmicrohttpd-dev libgnutls28-dev libpsl-dev libncurses-dev clang libbpf-dev)
+    libsqlite3-dev libmicrohttpd-dev libgnutls28-dev libpsl-dev libncurses-dev robin-map-dev
+    clang libbpf-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
     mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev llvm

@@ -27,13 +27,13 @@ std::string application_text(const flow_row &row, std::string_view name) {
 
 void flow_table::sum_up_oldest() {
     flow_row &oldest = rows_.back();
-    if (on_leave_)
-        on_leave_(oldest);
     ++summed_.flows;
     summed_.packets += oldest.packets;
     summed_.bytes += oldest.bytes;
     by_id_.erase(oldest.id);
     index_.erase(oldest.sides);
+    if (on_leave_)
+        on_leave_(std::move(oldest));
     rows_.pop_back();
 }
 

@@ -21,6 +21,13 @@
 
 namespace avcore {
 
+// What the watched flows have of a row.
+struct row_watch {
+    uint32_t place = 0;   // among them, from 1; 0: none
+    bool is_told = false; // there is nothing to look at while the row
+    size_t says = 0;      // says this, a digest
+};
+
 struct flow_row {
     uint32_t id = 0; // counted up from 1
     flow_id sides;
@@ -49,7 +56,7 @@ struct flow_row {
     uint32_t client_utp = 0;
     size_t client_rule = 0; // which gave it; see client_rules
     row_enforcement enforcement;
-    uint32_t watched = 0; // its place among the watched flows, from 1; 0: none
+    row_watch watched;
 };
 
 struct flow_sum {
@@ -89,8 +96,10 @@ public:
     const flow_sum &summed() const { return summed_; }
     const flow_sum &all() const { return all_; } // those that had to leave, too
 
-    // To be called with each row that has to leave, before it does.
-    void set_on_leave(std::function<void(flow_row &)> on_leave) { on_leave_ = std::move(on_leave); }
+    // Gets each row that has to leave.
+    void set_on_leave(std::function<void(flow_row &&)> on_leave) {
+        on_leave_ = std::move(on_leave);
+    }
 
 private:
     using row_ref = std::list<flow_row>::iterator;
@@ -108,7 +117,7 @@ private:
     flow_sum summed_; // the flows that had to leave
     flow_sum all_;
     uint64_t unknown_ = 0;
-    std::function<void(flow_row &)> on_leave_; // may be empty
+    std::function<void(flow_row &&)> on_leave_; // may be empty
 };
 
 } // namespace avcore

@@ -135,7 +135,7 @@ std::optional<gate_flow_state> flow_records::find(const gate_flow &flow) const {
     return state_of(record);
 }
 
-bool flow_records::walk(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
+flow_walk flow_records::walk(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
     std::vector<gate_flow> flows(std::max(max, LEAST_AT_ONCE));
     std::vector<gate_flow_record> records(flows.size());
     auto count = static_cast<uint32_t>(flows.size());
@@ -156,7 +156,9 @@ bool flow_records::walk(uint32_t &cursor, size_t max, const flow_visitor &visit)
         visit(flows[i], state_of(records[i]));
     }
     cursor = error == 0 ? next : 0;
-    return error == 0;
+    if (error == 0)
+        return flow_walk::goes_on;
+    return error == -ENOENT ? flow_walk::ended : flow_walk::broken;
 }
 
 } // namespace avcore

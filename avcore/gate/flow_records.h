@@ -19,7 +19,7 @@ public:
     // As the gate's functions.
     gate_counter counter_of(const gate_flow &flow) const;
     std::optional<gate_flow_state> find(const gate_flow &flow) const;
-    bool walk(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
+    flow_walk walk(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
 
 private:
     struct at_hand;

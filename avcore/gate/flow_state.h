@@ -25,6 +25,13 @@ struct gate_flow_state {
     uint32_t if_index = 0; // 0: neither is known
 };
 
+// How far a walk over the gate's flows has come.
+enum class flow_walk : uint8_t {
+    goes_on,
+    ended,
+    broken, // the rest can't be read
+};
+
 using flow_visitor = std::function<void(const gate_flow &, const gate_flow_state &)>;
 
 } // namespace avcore

@@ -236,7 +236,7 @@ std::optional<gate_flow_state> gate::flow_of(const gate_flow &flow) const {
     return parts_->records.find(flow);
 }
 
-bool gate::walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
+flow_walk gate::walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
     return parts_->records.walk(cursor, max, visit);
 }
 

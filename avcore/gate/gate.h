@@ -86,9 +86,9 @@ public:
     // None where the gate doesn't know the flow, or no longer.
     std::optional<gate_flow_state> flow_of(const gate_flow &flow) const;
     // Shows `max` of the flows at most (256 where that is less), from `cursor` on, which is 0 at
-    // first. False: these were the last, and `cursor` is 0 again. Flows that come or go during a
-    // walk may be passed over or come twice; those that stay come once.
-    bool walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
+    // first, and again when these were the last. Flows that come or go during a walk may be passed
+    // over or come twice; those that stay come once.
+    flow_walk walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
     // How many the map has dropped for others so far, whatever they had. Once it has been nearly
     // full this counts what is in it, which on a busy machine takes tens of milliseconds.
     uint64_t forgotten_flows() const;

@@ -75,8 +75,8 @@ gate_counter gate::counter_of(const gate_flow &) const {
 std::optional<gate_flow_state> gate::flow_of(const gate_flow &) const {
     return std::nullopt;
 }
-bool gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
-    return false;
+flow_walk gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
+    return flow_walk::ended;
 }
 uint64_t gate::forgotten_flows() const {
     return 0;

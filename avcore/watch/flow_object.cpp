@@ -51,6 +51,11 @@ void add_latest(json_object &object, const watched_flow &flow) {
     add_counts(object, flow.counts);
 }
 
+void add_end(json_object &object, const watched_flow &flow) {
+    if (flow.is_over())
+        object.add("ended", word_in(ENDINGS, flow.ending));
+}
+
 void append_why(std::string &out, const flow_row &row) {
     json_object object(out);
     const verdict_reason &why = row.reason;
@@ -108,14 +113,14 @@ void append_flow(std::string &out, const watched_flow &flow, const gate *behind)
     if (flow.at_gate)
         object.add("gate", treatment_by(*behind, flow.key));
     append_why(object.key("why"), row);
-    if (flow.is_over())
-        object.add("ended", word_in(ENDINGS, flow.ending));
+    add_end(object, flow);
 }
 
 void append_count(std::string &out, const watched_flow &flow) {
     json_object object(out);
     object.add("id", flow.id);
     add_latest(object, flow);
+    add_end(object, flow);
 }
 
 void append_sum(std::string &out, const sum_key &key, const sum_of_flows &sum) {

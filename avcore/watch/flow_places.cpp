@@ -27,12 +27,13 @@ size_t flow_places::key_hash::operator()(const gate_flow &key) const {
     return hash;
 }
 
-bool flow_places::same_key::operator()(const gate_flow &a, const gate_flow &b) const {
-    return words_of(a) == words_of(b);
+bool flow_places::same_key::operator()(uint32_t place, const gate_flow &key) const {
+    return words_of((*flows)[place].key) == words_of(key);
 }
 
 flow_places::flow_places()
-    : by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()()}) {}
+    : by_key_(0, key_hash{uint64_t{std::random_device()()} << 32 | std::random_device()(), &flows_},
+              same_key{&flows_}) {}
 
 uint32_t flow_places::take() {
     uint32_t place = count();
@@ -51,19 +52,19 @@ uint32_t flow_places::take(const gate_flow &key) {
     const uint32_t place = take();
     flows_[place].at_gate = true;
     flows_[place].key = key;
-    by_key_.emplace(key, place);
+    by_key_.insert(place);
     return place;
 }
 
 std::optional<uint32_t> flow_places::find(const gate_flow &key) const {
     const auto known = by_key_.find(key);
-    return known != by_key_.end() ? std::optional(known->second) : std::nullopt;
+    return known != by_key_.end() ? std::optional(*known) : std::nullopt;
 }
 
 void flow_places::retire(uint32_t place) {
     watched_flow &flow = flows_[place];
     if (flow.current && flow.at_gate)
-        by_key_.erase(flow.key);
+        by_key_.erase(place);
     flow.current = false;
 }
 

@@ -10,8 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
-#include <unordered_map>
+#include <tsl/robin_set.h>
 #include <vector>
 
 namespace avcore {
@@ -19,6 +20,8 @@ namespace avcore {
 class flow_places {
 public:
     flow_places();
+    flow_places(const flow_places &) = delete;
+    flow_places &operator=(const flow_places &) = delete;
 
     uint32_t count() const { return static_cast<uint32_t>(flows_.size()); }
     // Stay where they are while others come.
@@ -39,18 +42,29 @@ public:
     void free(uint32_t place);
 
 private:
+    using flow_list = std::deque<watched_flow>;
+
+    // A place stands for the key of its flow.
     struct key_hash {
+        using is_transparent = void;
         uint64_t seed;
+        const flow_list *flows;
         size_t operator()(const gate_flow &key) const;
+        size_t operator()(uint32_t place) const { return (*this)((*flows)[place].key); }
     };
     struct same_key {
-        bool operator()(const gate_flow &a, const gate_flow &b) const;
+        using is_transparent = void;
+        const flow_list *flows;
+        bool operator()(uint32_t place, const gate_flow &key) const;
+        bool operator()(uint32_t a, uint32_t b) const { return a == b; }
     };
+    // With the hashes, by which most others are told apart: the flows lie far from each other.
+    using place_set = tsl::robin_set<uint32_t, key_hash, same_key, std::allocator<uint32_t>, true>;
 
-    std::deque<watched_flow> flows_;
+    flow_list flows_;
     std::vector<uint64_t> changes_; // by place
     std::vector<uint32_t> free_;
-    std::unordered_map<gate_flow, uint32_t, key_hash, same_key> by_key_; // the current ones
+    place_set by_key_; // of the current ones
     uint64_t last_change_ = 0;
 };
 

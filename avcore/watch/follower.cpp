@@ -12,6 +12,7 @@ namespace avcore {
 namespace {
 
 constexpr int64_t ROUND_MS = 1'000; // at least, between the beginnings of two
+constexpr int IN_PASS = 2;          // so much more seldom then
 constexpr int MESSAGES_A_TURN = 16;
 constexpr uint32_t PLACES_A_TURN = 4'096;
 constexpr uint32_t TOLD_PIECE = 512;
@@ -103,10 +104,11 @@ int64_t follower::due_ms(int64_t now_ms) const {
 
 int64_t follower::round_due_ms(int64_t last_ms) const {
     const int64_t soonest_ms = last_ms + ROUND_MS;
-    const int64_t latest_ms = last_ms + std::max(ROUND_MS, wish_.every_ms);
     if (wish_.events)
         return soonest_ms;
-    return in_pass_ ? latest_ms : std::clamp(pass_due_ms_ - ROUND_MS, soonest_ms, latest_ms);
+    if (in_pass_)
+        return last_ms + IN_PASS * std::max(ROUND_MS, wish_.every_ms);
+    return std::max(pass_due_ms_ - ROUND_MS, soonest_ms);
 }
 
 void follower::add_some(int64_t now_ms) {

@@ -48,6 +48,7 @@ public:
     void sum_up(uint32_t place) override;
     void leave(uint32_t place) override;
     void happened(flow_event what, uint32_t place) override;
+    bool takes_events() const override { return wish_.events; }
     int64_t ends_from_us() const override;
 
 private:

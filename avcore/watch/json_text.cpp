@@ -1,5 +1,6 @@
 #include "avcore/watch/json_text.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 
@@ -32,6 +33,11 @@ size_t utf8_length(std::string_view text) {
     return 0;
 }
 
+// Most texts are of nothing else.
+bool is_plain(char c) {
+    return c >= ' ' && c < 0x7F && c != '"' && c != '\\';
+}
+
 // What a terminal could take for an order.
 bool is_control(std::string_view sequence) {
     const uint8_t lead = byte_at(sequence, 0);
@@ -49,6 +55,11 @@ void append_escaped(std::string &out, uint8_t code) {
 void append_json_text(std::string &out, std::string_view text) {
     out += '"';
     while (!text.empty()) {
+        const auto other = std::ranges::find_if_not(text, is_plain);
+        out.append(text.begin(), other);
+        text.remove_prefix(static_cast<size_t>(other - text.begin()));
+        if (text.empty())
+            break;
         const size_t length = utf8_length(text);
         const std::string_view sequence = text.substr(0, length);
         if (length == 0)
@@ -68,8 +79,9 @@ std::string &json_object::key(std::string_view name) {
     if (!empty_)
         out_ += ',';
     empty_ = false;
-    append_json_text(out_, name);
-    return out_ += ':';
+    out_ += '"';
+    out_ += name;
+    return out_ += "\":";
 }
 
 void json_object::add(const char *name, std::string_view text) {
@@ -81,7 +93,9 @@ void json_object::add(const char *name, bool value) {
 }
 
 void json_object::add_pair(const char *name, uint64_t first, uint64_t second) {
-    key(name) += '[' + std::to_string(first) + ',' + std::to_string(second) + ']';
+    append_number(key(name) += '[', first);
+    append_number(out_ += ',', second);
+    out_ += ']';
 }
 
 } // namespace avcore

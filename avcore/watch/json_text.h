@@ -2,8 +2,11 @@
 // more than all else about them.
 #pragma once
 
+#include <charconv>
 #include <concepts>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -12,6 +15,11 @@ namespace avcore {
 // Appends the text in quotes. Bytes that aren't UTF-8 are replaced by U+FFFD, control characters
 // (C1's and DEL, too) escaped.
 void append_json_text(std::string &out, std::string_view text);
+
+void append_number(std::string &out, std::integral auto number) {
+    char digits[std::numeric_limits<decltype(number)>::digits10 + 2];
+    out.append(digits, std::to_chars(std::begin(digits), std::end(digits), number).ptr);
+}
 
 // An object at the end of `out`, which outlives it.
 class json_object {
@@ -25,13 +33,10 @@ public:
     void add(const char *name, const char *text) { add(name, std::string_view(text)); }
     void add(const char *name, const std::string &text) { add(name, std::string_view(text)); }
     void add(const char *name, bool value);
-    void add(const char *name, std::integral auto number) {
-        key(name);
-        out_ += std::to_string(number);
-    }
+    void add(const char *name, std::integral auto number) { append_number(key(name), number); }
     void add_pair(const char *name, uint64_t first, uint64_t second);
 
-    // The value has to be appended to the text next.
+    // The value has to be appended to the text next. The name is one that needs no escape.
     std::string &key(std::string_view name);
 
 private:

@@ -49,7 +49,7 @@ struct watched_flow {
     gate_counter counts = {};
     unsigned continued = 0; // times that packets came after its end
     row_digest digest;      // of what was last seen of the row
-    uint64_t essence = 0;   // number of the last change of anything but counts
+    uint64_t essence = 0;   // number of the last change of anything but counts and the end
     flow_ending ending = flow_ending::none;
     uint64_t ended = 0;        // number of that change
     bool awaits = false;       // that all readers take its end
@@ -57,7 +57,7 @@ struct watched_flow {
     bool is_asked = false;     // it was over before, and is told to who wants that
     bool is_summed = false;    // some readers have it in a sum, without its id
     bool denial_waits = false; // for the first sight of the flow
-    uint32_t round = 0;        // when the gate last had it
+    uint32_t round = 0;        // when the gate was last seen to have it
 
     bool is_over() const { return ending != flow_ending::none; }
     // Who comes now is told of its end, too.

@@ -21,11 +21,15 @@ endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be
     return side;
 }
 
+bool is_open(const watched_flow &flow) {
+    return flow.seen.begun != 0 && !flow.is_over();
+}
+
 } // namespace
 
 watched_flows::watched_flows(surroundings around)
     : around_(std::move(around)), started_us_(around_.now_us()), rules_(around_.settings, "") {
-    around_.flows.set_on_leave([this](flow_row &row) { row_leaves(row); });
+    around_.flows.set_on_leave([this](flow_row &&row) { row_leaves(std::move(row)); });
 }
 
 watched_flows::~watched_flows() {
@@ -45,7 +49,17 @@ void watched_flows::remove(flow_reader &reader) {
 
 // Rows.
 
+// The packets of a flow that goes on are many, and behind a gate what they count is the gate's to
+// say.
+bool watched_flows::has_news(const flow_row &row) const {
+    if (row.watched.place == 0)
+        return true;
+    return attended_ && !(row.watched.is_told && digest_of(row).all == row.watched.says);
+}
+
 void watched_flows::note(flow_row &row) {
+    if (!has_news(row))
+        return;
     const bool has_flow = around_.behind == nullptr || row.enforcement.flow.has_value();
     if (!has_flow) // behind a gate: it has the packets in another flow
         return;
@@ -54,17 +68,23 @@ void watched_flows::note(flow_row &row) {
         return;
     if (around_.behind == nullptr) {
         place = observe(place, sight_of(row.life));
-    } else if (flows_[place].seen.begun == 0 || flows_[place].is_over()) {
-        if (const auto state = around_.behind->flow_of(flows_[place].key))
+    } else if (are_events_taken() && !is_open(flows_[place])) {
+        if (const auto state = around_.behind->flow_of(flows_[place].key)) {
             place = observe(place, sight_of(*state));
+            flows_[place].round = static_cast<uint32_t>(rounds_begun_);
+        }
     }
     look_at_row(place);
+    // What the gate has is seen in the rounds.
+    row.watched.is_told =
+        around_.behind != nullptr && (!are_events_taken() || is_open(flows_[place]));
+    row.watched.says = digest_of(row).all;
 }
 
 void watched_flows::denied(const flow_row &row) {
-    if (row.watched == 0)
+    if (row.watched.place == 0)
         return;
-    const uint32_t place = row.watched - 1;
+    const uint32_t place = row.watched.place - 1;
     flows_[place].denial_waits = !flows_[place].can_be_told();
     tell(flow_event::denied, place);
 }
@@ -72,16 +92,16 @@ void watched_flows::denied(const flow_row &row) {
 void watched_flows::attach(uint32_t place, flow_row &row) {
     watched_flow &flow = flows_[place];
     if (flow.row != nullptr)
-        flow.row->watched = 0;
+        flow.row->watched = {};
     flow.row = &row;
     if (!flow.is_over())
         flow.own.reset();
-    row.watched = place + 1;
+    row.watched = {.place = place + 1};
 }
 
 uint32_t watched_flows::place_of(flow_row &row) {
-    if (row.watched != 0)
-        return row.watched - 1;
+    if (row.watched.place != 0)
+        return row.watched.place - 1;
     uint32_t place = 0;
     if (around_.behind == nullptr)
         place = flows_.take();
@@ -118,23 +138,22 @@ std::unique_ptr<flow_row> watched_flows::row_of(const gate_flow &key,
     return row;
 }
 
-// The row is about to go.
-void watched_flows::row_leaves(flow_row &row) {
-    if (row.watched == 0)
+void watched_flows::row_leaves(flow_row &&row) {
+    if (row.watched.place == 0)
         return;
-    const bool ends = !flows_[row.watched - 1].at_gate;
+    const bool ends = !flows_[row.watched.place - 1].at_gate;
     if (attended_ && ends)
-        observe(row.watched - 1, sight_of(row.life));
-    const uint32_t place = row.watched - 1;
+        observe(row.watched.place - 1, sight_of(row.life));
+    const uint32_t place = row.watched.place - 1;
     watched_flow &flow = flows_[place];
     if (!attended_ && !flow.awaits)
         return free(place);
+    look_at_row(place);
+    flow.row = nullptr;
+    if (!flow.own)
+        flow.own = std::make_unique<flow_row>(std::move(row));
     if (ends && !flow.is_over())
         end(place, flow_ending::forgotten);
-    else if (!flow.own)
-        flow.own = std::make_unique<flow_row>(row);
-    row.watched = 0;
-    flow.row = nullptr;
     if (ends)
         flows_.retire(place);
     if (!flow.current && !flow.awaits)
@@ -261,13 +280,16 @@ void watched_flows::look_at_end(uint32_t place) {
 }
 
 void watched_flows::end(uint32_t place, flow_ending how) {
+    look_at_row(place);
     watched_flow &flow = flows_[place];
     flow.ending = how;
     if (!flow.can_be_told())
         return;
-    if (flow.row != nullptr)
+    if (flow.row != nullptr) {
         flow.own = std::make_unique<flow_row>(*flow.row);
-    flow.essence = flow.ended = flows_.change(place);
+        flow.row->watched.is_told = false;
+    }
+    flow.ended = flows_.change(place);
     flow.awaits = true;
     ended_.push_back(place);
     if (!flow.is_asked)
@@ -330,7 +352,7 @@ void watched_flows::free(uint32_t place) {
     for (flow_reader *reader : readers_)
         reader->leave(place);
     if (flows_[place].row != nullptr)
-        flows_[place].row->watched = 0;
+        flows_[place].row->watched = {};
     flows_.free(place);
 }
 
@@ -342,7 +364,7 @@ uint32_t watched_flows::renew(uint32_t place) {
     watched_flow &flow = flows_[next];
     flow.round = before.round;
     if (flow_row *row = std::exchange(before.row, nullptr)) {
-        row->watched = 0;
+        row->watched = {};
         attach(next, *row);
     } else if (before.own) {
         flow.own = std::make_unique<flow_row>(*before.own);
@@ -365,6 +387,11 @@ void watched_flows::stop() {
     }
 }
 
+bool watched_flows::are_events_taken() const {
+    return std::ranges::any_of(readers_,
+                               [](const flow_reader *reader) { return reader->takes_events(); });
+}
+
 void watched_flows::tell(flow_event what, uint32_t place) {
     if (flows_[place].can_be_told())
         for (flow_reader *reader : readers_)
@@ -384,6 +411,7 @@ void watched_flows::begin_round() {
     round_begun_us_ = around_.now_us();
     ++rounds_begun_;
     gate_walked_ = around_.behind == nullptr;
+    gate_shown_ = !gate_walked_;
     cursor_ = 0;
     next_place_ = 0;
     rechecks_ = std::exchange(all_changed_, false);
@@ -411,11 +439,13 @@ void watched_flows::step() {
 
 // False when it has come to the end.
 bool watched_flows::walk_gate() {
-    return around_.behind->walk_flows(
+    const flow_walk walked = around_.behind->walk_flows(
         cursor_, GATE_FLOWS_A_TURN, [this](const gate_flow &key, const gate_flow_state &state) {
             const uint32_t place = observe(place_of(key, state), sight_of(state));
             flows_[place].round = static_cast<uint32_t>(rounds_begun_);
         });
+    gate_shown_ = gate_shown_ && walked != flow_walk::broken;
+    return walked == flow_walk::goes_on;
 }
 
 bool watched_flows::walk_places() {
@@ -432,7 +462,7 @@ void watched_flows::look_again(uint32_t place) {
     if (!flow.at_gate) {
         place = observe(place, sight_of(flow.row->life));
     } else if (flow.round != static_cast<uint32_t>(rounds_begun_)) {
-        const auto state = around_.behind->flow_of(flow.key);
+        const auto state = gate_shown_ ? std::nullopt : around_.behind->flow_of(flow.key);
         if (!state && flow.seen.begun != 0)
             return forget(place);
         if (state)
@@ -450,7 +480,7 @@ void watched_flows::forget(uint32_t place) {
         end(place, flow_ending::forgotten);
     flows_.retire(place);
     if (flow_row *row = std::exchange(flow.row, nullptr))
-        row->watched = 0;
+        row->watched = {};
     if (!flow.awaits)
         free(place);
 }

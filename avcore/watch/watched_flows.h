@@ -42,6 +42,8 @@ public:
     // Another flow may get the place.
     virtual void leave(uint32_t place) = 0;
     virtual void happened(flow_event what, uint32_t place) = 0;
+    // It wants to know at once what happens.
+    virtual bool takes_events() const = 0;
     // It wants the ends since then, too, that were before it came; INT64_MAX: none.
     virtual int64_t ends_from_us() const = 0;
 };
@@ -106,13 +108,15 @@ private:
     void end_before(uint32_t place, const flow_sight &seen);
     void take_counts(uint32_t place, const flow_sight &seen);
     void look_at_row(uint32_t place);
+    bool has_news(const flow_row &row) const;
     void tell_news(uint32_t place, const row_digest &before, const row_digest &now);
     void look_at_end(uint32_t place);
     void end(uint32_t place, flow_ending how);
     void show_again(uint32_t place, const flow_sight &seen);
     void release(uint32_t place);
     void free(uint32_t place);
-    void row_leaves(flow_row &row);
+    bool are_events_taken() const;
+    void row_leaves(flow_row &&row);
     void tell(flow_event what, uint32_t place);
     bool awaits_readers() const;
     void begin_round();
@@ -134,6 +138,7 @@ private:
     bool wanted_ = false; // a round
     bool walking_ = false;
     bool gate_walked_ = false; // in this round
+    bool gate_shown_ = false;  // all that it has
     bool rechecks_ = false;    // this round looks at all rows
     int64_t round_begun_us_ = 0;
     int64_t ends_from_us_ = INT64_MAX; // of the readers, for this round

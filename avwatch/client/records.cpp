@@ -201,6 +201,7 @@ void walk(Fields &fields, count_record &count) {
     fields.needed("up", count.up);
     fields.needed("down", count.down);
     fields.needed("dropped", count.dropped);
+    fields.may("ended", count.ended);
 }
 
 template <typename Fields>

@@ -50,6 +50,7 @@ struct count_record {
     uint64_t last_us = 0;
     traffic up, down;
     dropped_packets dropped;
+    std::string ended; // empty: it hasn't
 };
 
 struct why_record {
@@ -84,7 +85,6 @@ struct flow_record : count_record {
     bool outdated = false;
     std::string gate;
     why_record why;
-    std::string ended; // empty: it hasn't
 };
 
 struct sum_record {

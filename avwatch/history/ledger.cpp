@@ -54,17 +54,22 @@ void ledger::take(const flow_message &news, int64_t now_ms) {
         return;
     if (rename(at->second, news))
         note_changed(at);
-    update(at, news.counts, now_ms, news.ended);
-    if (!news.ended)
-        return;
-    ended_.add(news.id, now_ms);
-    close(at);
+    take(at, news.counts, news.ended, now_ms);
 }
 
-void ledger::take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms) {
+void ledger::take_counts(std::string_view id, const flow_counts &counts, bool ended,
+                         int64_t now_ms) {
     const auto at = flows_.find(id);
     if (at != flows_.end())
-        update(at, counts, now_ms, false);
+        take(at, counts, ended, now_ms);
+}
+
+void ledger::take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms) {
+    update(at, counts, now_ms, ended);
+    if (!ended)
+        return;
+    ended_.add(at->first, now_ms);
+    close(at);
 }
 
 void ledger::take_sum(const flow_message &sum, uint64_t flows) {

@@ -96,7 +96,7 @@ public:
     void disconnected() { listed_ms_ = -1; }
 
     void take(const flow_message &news, int64_t now_ms);
-    void take_counts(std::string_view id, const flow_counts &counts, int64_t now_ms);
+    void take_counts(std::string_view id, const flow_counts &counts, bool ended, int64_t now_ms);
     // Of flows that ended unseen; its `id` and `ended` mean nothing.
     void take_sum(const flow_message &sum, uint64_t flows);
 
@@ -127,6 +127,7 @@ public:
 private:
     flow_map::iterator enter(const flow_message &news, int64_t now_ms);
     bool rename(open_flow &flow, const flow_message &news);
+    void take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
     void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms, bool is_last);
     void release(open_flow &flow);
     flow_map::iterator close(flow_map::iterator at);

@@ -159,7 +159,11 @@ void present::take(const flow_record &told, int64_t now_ms) {
     put(flow, watched(with_names(told, names_)), was_open);
     count(flow, told, now_ms);
     if (!flow.ended.empty() && (is_new || was_open))
-        ended_.emplace_back(now_ms + ENDED_SHOWN_MS, told.id);
+        will_forget(told.id, now_ms);
+}
+
+void present::will_forget(const std::string &id, int64_t now_ms) {
+    ended_.emplace_back(now_ms + ENDED_SHOWN_MS, id);
     while (ended_.size() > FLOWS_MAX)
         forget_ended(ended_.front().first);
 }
@@ -183,10 +187,20 @@ void present::put(watched_flow &flow, watched_flow next, bool was_open) {
 
 void present::take(const count_record &told, int64_t now_ms) {
     const auto found = flows_.find(told.id);
-    if (found != flows_.end())
-        count(found->second, told, now_ms);
-    else
+    if (found == flows_.end()) {
         ++left_out_;
+        return;
+    }
+    watched_flow &flow = found->second;
+    const bool ends = flow.ended.empty() && !told.ended.empty();
+    if (ends) {
+        watched_flow next = flow;
+        next.ended = texts_.share(told.ended);
+        put(flow, std::move(next), true);
+    }
+    count(flow, told, now_ms);
+    if (ends)
+        will_forget(told.id, now_ms);
 }
 
 // What a flow has used before it was listed was used whenever.

@@ -116,6 +116,7 @@ public:
 private:
     watched_flow watched(const flow_record &shown);
     bool make_room();
+    void will_forget(const std::string &id, int64_t now_ms);
     void count(watched_flow &flow, const count_record &told, int64_t now_ms);
     void put(watched_flow &flow, watched_flow next, bool was_open);
     void forget_ended(int64_t now_ms);

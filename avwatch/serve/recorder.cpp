@@ -67,7 +67,7 @@ struct recorder::taker {
                         now_ms);
     }
     void operator()(const count_record &count) const {
-        to.ledger_.take_counts(count.id, counts_in(count), now_ms);
+        to.ledger_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
     }
     void operator()(const sum_record &sum) const {
         to.ledger_.take_sum({{},

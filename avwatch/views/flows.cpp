@@ -10,6 +10,7 @@
 
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 namespace avwatch {
@@ -113,13 +114,15 @@ public:
 
     bool has(const std::string &id) const { return flows_.contains(id); }
 
-    // Null where the flow isn't known.
-    const flow_record *count(const count_record &count) {
-        const auto flow = flows_.find(count.id);
-        if (flow == flows_.end())
-            return nullptr;
-        static_cast<count_record &>(flow->second) = count;
-        return &flow->second;
+    // Nothing where the flow isn't known.
+    std::optional<flow_record> count(const count_record &count) {
+        const auto found = flows_.find(count.id);
+        if (found == flows_.end())
+            return std::nullopt;
+        static_cast<count_record &>(found->second) = count;
+        flow_record flow = found->second;
+        keep(flow);
+        return flow;
     }
 
 private:
@@ -143,9 +146,9 @@ int follow_flows(const invocation &asked, const selection &selected) {
             lines.print(flow);
             flows.keep(flow);
         } else if (const auto *count = std::get_if<count_record>(&next.what)) {
-            const flow_record *counted_flow = flows.count(*count);
-            if (counted_flow != nullptr && selected.as_json)
-                lines.print(*counted_flow);
+            const std::optional<flow_record> flow = flows.count(*count);
+            if (flow && (selected.as_json || !flow->ended.empty()))
+                lines.print(*flow);
         } else if (const auto *sum = std::get_if<sum_record>(&next.what)) {
             complain("flows that ended weren't read in time: " +
                      size_text(sum->up.bytes + sum->down.bytes) + " and " +

@@ -673,12 +673,13 @@ TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
     using packets_by_flow = std::map<std::pair<uint16_t, uint16_t>, uint64_t>;
     const auto walk = [&](packets_by_flow &found) {
         uint32_t cursor = 0;
-        bool more = true;
+        auto state = flow_walk::goes_on;
         int steps = 0;
-        for (; more; ++steps)
-            more = at.walk_flows(cursor, 1, [&](const gate_flow &flow, const gate_flow_state &is) {
+        for (; state == flow_walk::goes_on; ++steps)
+            state = at.walk_flows(cursor, 1, [&](const gate_flow &flow, const gate_flow_state &is) {
                 found[{flow.client_port_be, flow.server_port_be}] += is.counts.packets[GATE_UP];
             });
+        EXPECT_EQ(state, flow_walk::ended);
         return steps;
     };
     send_flows(0, 600);
