@@ -35,7 +35,8 @@ struct page_request {
 class event_source {
 public:
     virtual ~event_source() = default;
-    virtual std::string next() = 0; // server-sent events, whole ones
+    // Server-sent events, whole ones; others may be sent the same text.
+    virtual std::shared_ptr<const std::string> next() = 0;
 };
 
 struct page_reply {

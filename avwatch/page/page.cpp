@@ -23,6 +23,7 @@ using nlohmann::ordered_json;
 // The history is read while the same thread has to follow avcore.
 constexpr int LOCK_PATIENCE_MS = 100;
 constexpr int64_t READING_MS = 300;
+constexpr int64_t VIEW_MS = 500; // what was made before is sent to others, too
 constexpr int64_t HOURS_SHOWN_S = 2 * DAY_S;
 constexpr int64_t DAYS_SHOWN_S = 60 * DAY_S;
 
@@ -75,29 +76,66 @@ ordered_json bars_of(const std::vector<usage_bar> &bars) {
 
 } // namespace
 
-// The table that the page shows and the course of what it is about, each second.
-class page::live : public event_source {
+// The table that the page shows and the course of what it is about, each second: made once for all
+// who look at the same.
+class page::view {
 public:
-    live(const page_sources &sources, rows_query query)
+    view(const page_sources &sources, rows_query query)
         : sources_(sources), query_(std::move(query)) {}
 
-    std::string next() override {
+    const rows_query &query() const { return query_; }
+
+    std::shared_ptr<const std::string> text() {
+        const int64_t now_ms = monotonic_ms();
+        if (!text_ || now_ms - made_ms_ >= VIEW_MS) {
+            text_ = std::make_shared<const std::string>(made(now_ms));
+            made_ms_ = now_ms;
+        }
+        return text_;
+    }
+
+private:
+    std::string made(int64_t now_ms) const {
         const present &now = sources_.now;
         ordered_json state = {{"us", now_us()}, {"told", now.is_told()}};
         if (!now.is_told())
             state["trouble"] = sources_.trouble();
+        state["daemon"] = now.who_decides().daemon;
+        state["gate"] = now.who_decides().gate;
         if (query_.chosen.client)
             state["client_name"] = now.clients().name_of(*query_.chosen.client);
         if (const flow_sum *sum = now.sum(query_.chosen))
             put_sum(state, *sum);
-        state["table"] = rows_of(now, query_, monotonic_ms());
+        state["table"] = rows_of(now, query_, now_ms);
         return "data: " + to_line(state) + "\n\n";
     }
 
-private:
     const page_sources &sources_;
     const rows_query query_;
+    std::shared_ptr<const std::string> text_;
+    int64_t made_ms_ = 0;
 };
+
+class page::live : public event_source {
+public:
+    explicit live(std::shared_ptr<view> shown) : shown_(std::move(shown)) {}
+    std::shared_ptr<const std::string> next() override { return shown_->text(); }
+
+private:
+    const std::shared_ptr<view> shown_;
+};
+
+std::shared_ptr<page::view> page::view_of(rows_query query) {
+    std::erase_if(views_, [](const std::weak_ptr<view> &each) { return each.expired(); });
+    for (const std::weak_ptr<view> &each : views_) {
+        std::shared_ptr<view> there = each.lock();
+        if (there && there->query() == query)
+            return there;
+    }
+    auto made = std::make_shared<view>(sources_, std::move(query));
+    views_.push_back(made);
+    return made;
+}
 
 struct page::route {
     std::string_view path;
@@ -168,7 +206,7 @@ page_reply page::rows(const page_request &asked) {
 page_reply page::live_rows(const page_request &asked) {
     page_reply reply;
     reply.type = "text/event-stream";
-    reply.events = std::make_unique<live>(sources_, rows_query_of(asked));
+    reply.events = std::make_unique<live>(view_of(rows_query_of(asked)));
     return reply;
 }
 
@@ -182,7 +220,7 @@ page_reply page::course(const page_request &asked) {
 page_reply page::flow(const page_request &asked) {
     const watched_flow *flow = sources_.now.flow(asked.argument("id"));
     if (flow == nullptr)
-        return failure(404, "this flow has ended");
+        return json_reply(nullptr); // a browser would note a status as an error
     return json_reply(whole_flow(sources_.now, *flow, monotonic_ms()));
 }
 

@@ -11,9 +11,13 @@
 #include "avwatch/present/present.h"
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace avwatch {
+
+struct rows_query;
 
 struct page_sources {
     const present &now;
@@ -34,10 +38,12 @@ public:
 
 private:
     struct route;
+    class view;                                            // what is looked at, each second
     class live;                                            // an answer that goes on
     static const route *route_to(const std::string &path); // null where there is none
 
     page_reply found(const page_request &asked);
+    std::shared_ptr<view> view_of(rows_query query);
 
     page_reply metrics(const page_request &asked);
     page_reply enter(const page_request &asked);
@@ -49,6 +55,7 @@ private:
 
     page_access access_;
     const page_sources sources_;
+    std::vector<std::weak_ptr<view>> views_; // that somebody looks at
 };
 
 } // namespace avwatch

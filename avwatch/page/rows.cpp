@@ -1,6 +1,7 @@
 #include "avwatch/page/rows.h"
 
 #include "avcore/base/host_text.h"
+#include "avwatch/base/addresses.h"
 #include "avwatch/present/flow_cells.h"
 
 #include <algorithm>
@@ -20,7 +21,8 @@ constexpr std::pair<std::string_view, page_table> TABLES[] = {
     {"clients", page_table::clients},
     {"applications", page_table::applications},
     {"flows", page_table::flows},
-    {"denials", page_table::denials}};
+    {"denials", page_table::denials},
+    {"events", page_table::events}};
 constexpr std::pair<std::string_view, page_order> ORDERS[] = {
     {"rate", page_order::rate},       {"bytes", page_order::bytes}, {"flows", page_order::flows},
     {"dropped", page_order::dropped}, {"begun", page_order::begun}, {"last", page_order::last},
@@ -152,6 +154,20 @@ ordered_json application_row(const flow_sum &sum) {
     return row;
 }
 
+// What says of a flow what else would decide; nothing of one that isn't IP's. No host's name stands
+// in it: nothing that a shell would take for its own.
+std::string question_about(const flow_record &flow) {
+    if (!canonical_address(flow.client) || !canonical_address(flow.server))
+        return {};
+    std::string line =
+        "avwatch why " + flow.client + ' ' + endpoint_text(flow.server, flow.server_port);
+    for (const char *protocol : {"tcp", "udp"}) {
+        if (avcore::lower_case(flow.protocol) == protocol)
+            line += std::string(" --protocol ") + protocol;
+    }
+    return line;
+}
+
 ordered_json flow_row(const present &now, const watched_flow &flow, const traffic_rates &rates) {
     const flow_record record = flow.record();
     ordered_json row = {{"id", flow.id},
@@ -166,6 +182,7 @@ ordered_json flow_row(const present &now, const watched_flow &flow, const traffi
                         {"gate", record.gate},
                         {"ended", record.ended},
                         {"why", reason_text(record.why)},
+                        {"ask", question_about(record)},
                         {"begun_us", record.begun_us}};
     put_rates(row, rates);
     put_amounts(row, record.up, record.down, record.dropped, record.last_us);
@@ -277,6 +294,24 @@ ordered_json denial_rows(const present &now, const rows_query &query) {
     });
 }
 
+// What happened to no flow, the latest first.
+ordered_json event_rows(const present &now, const rows_query &query) {
+    std::vector<weighed> rows;
+    for (size_t i = 0; i < now.notices().size(); ++i) {
+        const notice &each = now.notices()[i];
+        if (contains(each.what + ' ' + each.state + ' ' + each.interface, query.part))
+            rows.push_back({static_cast<double>(each.number), {}, i});
+    }
+    return window(std::move(rows), query, [&](size_t i) {
+        const notice &each = now.notices()[i];
+        return ordered_json{{"number", each.number},
+                            {"us", each.us},
+                            {"what", each.what},
+                            {"state", each.state},
+                            {"interface", each.interface}};
+    });
+}
+
 } // namespace
 
 flow_choice choice_of(const page_request &asked) {
@@ -310,6 +345,8 @@ ordered_json rows_of(const present &now, const rows_query &query, int64_t now_ms
         return flow_rows(now, query, now_ms);
     case page_table::denials:
         return denial_rows(now, query);
+    case page_table::events:
+        return event_rows(now, query);
     default:
         return sum_rows(now, query);
     }

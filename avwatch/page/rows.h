@@ -1,5 +1,5 @@
-// The page's tables: of clients, applications, flows or denials those rows that are looked for, a
-// window of them at a time, as JSON (docs/avwatch.md has the members).
+// The page's tables: of clients, applications, flows, denials or events those rows that are looked
+// for, a window of them at a time, as JSON (docs/avwatch.md has the members).
 #pragma once
 
 #include "avwatch/page/exchange.h"
@@ -13,7 +13,7 @@
 
 namespace avwatch {
 
-enum class page_table : uint8_t { clients, applications, flows, denials };
+enum class page_table : uint8_t { clients, applications, flows, denials, events };
 enum class page_order : uint8_t { rate, bytes, flows, dropped, begun, last, name };
 
 struct rows_query {
@@ -29,6 +29,8 @@ struct rows_query {
     std::string part;    // of a name or an address, in small letters
     size_t first = 0;
     size_t rows = 50;
+
+    bool operator==(const rows_query &) const = default;
 };
 
 // Throws bad_query, whose text says what isn't understood.

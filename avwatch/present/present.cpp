@@ -15,7 +15,9 @@ constexpr int64_t ENDED_SHOWN_MS = 10'000;
 // ended while this reader was too slow: its end is in a SUM.
 constexpr int64_t UNHEARD_MAX_MS = 360'000;
 constexpr uint64_t TIDY_TICKS = 10;
-constexpr char DENIED[] = "deny"; // the verdict
+constexpr uint64_t GATE_NOTICES_TICKS = 4;
+constexpr double GATE_BEAT_MS = 2'000; // as long a sign that somebody decides holds
+constexpr char DENIED[] = "deny";      // the verdict
 constexpr uint64_t PORT_MAX = 65'535;
 
 uint64_t grown(uint64_t before, uint64_t now) {
@@ -143,6 +145,7 @@ void present::connected(const greeting_record &greeting) {
 void present::disconnected() {
     is_listed_ = false;
     listed_since_ms_ = -1;
+    deciders_ = {};
 }
 
 void present::take(const flow_record &told, int64_t now_ms) {
@@ -230,11 +233,42 @@ void present::take(const sum_record &told) {
 }
 
 void present::take(const event_record &told) {
+    if (told.what == "daemon" || told.what == "gate" || told.what == "policies")
+        add_notice(told);
     if (told.what != "denied" || !told.flow)
         return;
     watched_flow flow = watched(with_names(*told.flow, names_));
     put_counts(flow, *told.flow);
     add_denial(flow, told.us);
+}
+
+void present::add_notice(const event_record &told) {
+    if (told.what == "daemon") {
+        deciders_.daemon = told.state;
+    } else if (told.what == "gate" && told.interface.empty()) {
+        deciders_.gate = told.state;
+        gate_changed_ticks_ = ticks_;
+    }
+    if (notices_.size() == NOTICES_MAX)
+        notices_.pop_front();
+    notices_.push_back({++notices_made_, told.us, told.what, told.state, told.interface});
+}
+
+// How it was before anybody listened. The gate itself takes a moment to notice that nobody decides
+// any more, which an event says at once.
+void present::take(const gate_state &told) {
+    if (!deciders_.gate.empty() && ticks_ - gate_changed_ticks_ < GATE_NOTICES_TICKS)
+        return;
+    const nlohmann::json &said = told.said;
+    const auto fail = said.find("fail");
+    if (!said.is_object() || fail == said.end() || !fail->is_string()) {
+        deciders_.gate.clear();
+        return;
+    }
+    const auto beat_ms = said.find("beat_age_ms");
+    const bool is_beating =
+        beat_ms != said.end() && beat_ms->is_number() && beat_ms->get<double>() < GATE_BEAT_MS;
+    deciders_.gate = is_beating ? "deciding" : *fail == "closed" ? "closed" : "open";
 }
 
 void present::add_denial(const watched_flow &flow, uint64_t us) {

@@ -59,10 +59,25 @@ struct denial {
     watched_flow flow;   // as it was then
 };
 
+// Something that happened to no flow: to the daemon, the gate or the policies.
+struct notice {
+    uint64_t number = 0; // of all that there were, from 1
+    uint64_t us = 0;
+    std::string what, state, interface; // an event's
+};
+
+// Who decides now, as far as somebody told.
+struct deciders {
+    std::string daemon; // "gone", "back"
+    std::string gate;   // "deciding"; "open" or "closed" while nobody does
+};
+
 // What is looked for; what isn't given is any.
 struct flow_choice {
     std::optional<std::string> client; // its key
     std::optional<std::string> application;
+
+    bool operator==(const flow_choice &) const = default;
 };
 
 class present {
@@ -71,6 +86,7 @@ public:
     static constexpr size_t ID_MAX_BYTES = 128;
     static constexpr size_t TEXTS_MAX_BYTES = 16'000'000;
     static constexpr size_t DENIALS_MAX = 1'000;
+    static constexpr size_t NOTICES_MAX = 200;
 
     // A flow is told of once in `every_ms` at most.
     present(client_aliases aliases, names_kept names, uint32_t every_ms);
@@ -82,6 +98,7 @@ public:
     void take(const count_record &told, int64_t now_ms);
     void take(const sum_record &told);
     void take(const event_record &told);
+    void take(const gate_state &told);
     void listed(); // all that there was
     void lost(const lost_events &told) { lost_events_ += told.count; }
     void take_clients(std::vector<client_record> said); // a whole answer
@@ -109,6 +126,8 @@ public:
     std::vector<traffic_rates> course(const flow_choice &chosen = {}) const;
 
     const std::deque<denial> &denials() const { return denials_; } // the latest last
+    const std::deque<notice> &notices() const { return notices_; } // the latest last
+    const deciders &who_decides() const { return deciders_; }
 
     uint64_t lost_events() const { return lost_events_; }
     uint64_t left_out() const { return left_out_; } // messages of what is too much
@@ -122,6 +141,7 @@ private:
     void forget_ended(int64_t now_ms);
     void forget_untold_since(int64_t since_ms);
     void add_denial(const watched_flow &flow, uint64_t us);
+    void add_notice(const event_record &told);
     void add_standing_denials();
     std::optional<flow_sums::owner> owner_of(const flow_choice &chosen) const;
 
@@ -135,7 +155,11 @@ private:
     flow_sums sums_;
     std::deque<denial> denials_;
     uint64_t denials_made_ = 0;
-    std::string epoch_; // in which flows keep their ids
+    std::deque<notice> notices_;
+    uint64_t notices_made_ = 0;
+    deciders deciders_;
+    uint64_t gate_changed_ticks_ = 0; // when an event said that it has
+    std::string epoch_;               // in which flows keep their ids
     bool is_listed_ = false;
     int64_t listed_since_ms_ = -1; // when the first flow of a listing came
     int64_t ticked_ms_ = -1;

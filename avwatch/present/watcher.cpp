@@ -29,6 +29,7 @@ struct watcher::taker {
     void operator()(const count_record &count) const { to.fed_.take(count, now_ms); }
     void operator()(const sum_record &sum) const { to.fed_.take(sum); }
     void operator()(const event_record &event) const { to.fed_.take(event); }
+    void operator()(const gate_state &gate) const { to.fed_.take(gate); }
     void operator()(const listing_end & /*end*/) const { to.fed_.listed(); }
     void operator()(const lost_events &lost) const { to.fed_.lost(lost); }
     void operator()(const client_record &client) const {
@@ -61,6 +62,7 @@ void watcher::ask(int64_t now_ms) {
     ask_due_ms_ = now_ms + ASK_EVERY_MS;
     clients_.clear();
     clients_asked_ = avcore_->ask(question::clients);
+    avcore_->ask(question::gate);
 }
 
 void watcher::listen(int64_t now_ms) {

@@ -1,5 +1,5 @@
 // From the watch socket to the present: one connection, made again whenever it has ended, that
-// follows all flows and events and asks now and then who the clients are.
+// follows all flows and events and asks now and then who the clients are, and how the gate is.
 //
 // A loop waits for descriptor() and due_ms() and calls listen() and serve(), as for the recorder.
 #pragma once

@@ -164,7 +164,7 @@ struct http_server::stream {
     http_server &owner;
     MHD_Connection *connection;
     std::unique_ptr<event_source> source;
-    std::string waiting;
+    std::shared_ptr<const std::string> waiting;
     size_t sent = 0; // of it
     bool is_suspended = false;
     bool is_over = false;
@@ -191,7 +191,7 @@ struct http_server::callbacks {
                                    page_reply reply) {
         if (server.streams_.size() >= STREAMS_MAX)
             return send(connection, MHD_HTTP_SERVICE_UNAVAILABLE, "too many look on already\n");
-        std::string first = reply.events->next();
+        std::shared_ptr<const std::string> first = reply.events->next();
         if (server.streams_.empty())
             server.streams_due_ms_ = server.now_ms_ + STREAM_EVERY_MS;
         server.streams_.push_back(
@@ -212,12 +212,12 @@ struct http_server::callbacks {
         auto &from = *static_cast<stream *>(context);
         if (from.is_over)
             return MHD_CONTENT_READER_END_OF_STREAM;
-        if (from.sent == from.waiting.size()) {
+        if (from.sent == from.waiting->size()) {
             from.is_suspended = true;
             MHD_suspend_connection(from.connection);
             return 0;
         }
-        const size_t size = from.waiting.copy(to, room, from.sent);
+        const size_t size = from.waiting->copy(to, room, from.sent);
         from.sent += size;
         return static_cast<ssize_t>(size);
     }

@@ -60,6 +60,11 @@ struct AvwatchPage : testing::Test {
         return json::parse(reply.body);
     }
 
+    json looks(std::map<std::string, std::string> arguments) {
+        const page_reply reply = shown.answer(asking("/api/live", std::move(arguments)));
+        return json::parse(reply.events->next()->substr(std::string_view("data: ").size()));
+    }
+
     present now{{}, names_kept::full, 1'000};
     page shown{{{"ap.example"}, TOKEN, false},
                {now, [] { return "gone"; }, [] { return "jorn_avcore_up 1\n"; }, "/none/at/all"}};
@@ -204,9 +209,48 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
                                             {"part", std::string(9'999, 'x')}})
         EXPECT_EQ(shown.answer(asking("/api/rows", {{argument, text}})).status, 400U) << argument;
     EXPECT_EQ(shown.answer(asking("/api/history")).status, 503U); // there is no file
-    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f7"}})).status, 200U);
-    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f-7"}})).status, 404U);
+    EXPECT_EQ(json::parse(shown.answer(asking("/api/flow", {{"id", "f7"}})).body)["id"], "f7");
+    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f-7"}})).body, "null\n");
     EXPECT_EQ(shown.answer(asking("/../etc/passwd")).status, 404U);
+}
+
+TEST_F(AvwatchPage, SaysWhoDecides) {
+    const gate_state deciding = {{{"there", true}, {"fail", "closed"}, {"beat_age_ms", 100}}};
+    const gate_state left_alone = {{{"there", true}, {"fail", "closed"}, {"beat_age_ms", 2'500}}};
+    const auto gate = [&] { return looks({})["gate"]; };
+    now.connected({});
+    EXPECT_EQ(gate(), "");
+    now.take(deciding);
+    EXPECT_EQ(gate(), "deciding");
+    now.take(event_record{.what = "gate", .us = 7, .flow = {}, .state = "open", .interface = ""});
+    now.take(deciding); // which the gate still thinks
+    EXPECT_EQ(gate(), "open");
+    for (int64_t ms = 1'000; ms < 6'000; ms += 1'000)
+        now.tick(ms);
+    now.take(left_alone);
+    EXPECT_EQ(gate(), "closed");
+    for (const gate_state &none :
+         {gate_state{nullptr}, gate_state{{{"there", false}}}, gate_state{json::array({"fail"})}}) {
+        now.take(none);
+        EXPECT_EQ(gate(), "");
+    }
+    now.take(event_record{.what = "daemon", .us = 8, .flow = {}, .state = "gone", .interface = ""});
+    EXPECT_EQ(looks({{"table", "denials"}})["daemon"], "gone");
+    const json events = rows({{"table", "events"}});
+    ASSERT_EQ(events["total"], 2);
+    EXPECT_EQ(events["rows"][0]["state"], "gone"); // the latest first
+    EXPECT_EQ(rows({{"table", "events"}, {"part", "GATE"}})["total"], 1);
+    now.disconnected();
+    EXPECT_EQ(looks({})["daemon"], "");
+}
+
+TEST_F(AvwatchPage, WhatManyLookAtIsMadeOnce) {
+    const auto look = [&](const char *table) {
+        return shown.answer(asking("/api/live", {{"table", table}})).events;
+    };
+    const auto one = look("flows"), same = look("flows"), other = look("clients");
+    EXPECT_EQ(one->next(), same->next());
+    EXPECT_NE(one->next(), other->next());
 }
 
 } // namespace

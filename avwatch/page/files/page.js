@@ -8,6 +8,7 @@ const SECONDS = 600; // of the course
 const LEGEND_PX = 34; // of the plot's height
 const RETRY_MS = 3000;
 const PATIENCE_MS = 2500; // before it is said that nobody answers
+const BARS_MS = 60000; // until they are read anew
 const SETTLE_MS = 250; // after the last turn of the wheel
 
 const byId = (id) => document.getElementById(id);
@@ -66,7 +67,33 @@ const verdict = {
     kind: (row) => row.verdict.startsWith("deny") ? "denied" : "",
 };
 
-// `open` says what Enter leads to: another look, or nothing, and then a flow's members are shown.
+// What happened to no flow: of what, and to which state.
+const EVENTS = {
+    "daemon gone": () => "the daemon is gone",
+    "daemon back": () => "the daemon is back",
+    "gate open": () => "the gate is open: nobody decides, and everything passes",
+    "gate closed": () => "the gate is closed: nobody decides, and nothing undecided passes",
+    "gate deciding": () => "the gate does what is decided",
+    "gate attached": (where) => `the gate stands at ${where}`,
+    "gate gone": (where) => `the gate at ${where} is gone`,
+    "policies ": () => "the policies changed, or what else verdicts depend on",
+};
+
+function eventText(row) {
+    const name = `${row.what} ${row.state}`;
+    return Object.hasOwn(EVENTS, name) ? EVENTS[name](shown(row.interface)) : shown(name);
+}
+
+// Who doesn't do their work, of those by whom a flow is judged; nothing where all do.
+function troubleText(state) {
+    if (!state.told)
+        return `avcore doesn't tell: ${shown(state.trouble || "it is asked again and again")}`;
+    const troubles = [state.daemon === "gone" ? "daemon gone" : "",
+                      ["open", "closed"].includes(state.gate) ? `gate ${state.gate}` : ""];
+    return troubles.filter((name) => name).map((name) => EVENTS[name]()).join("; ");
+}
+
+// `open` says what Enter leads to: another look, or what a row is of in full.
 const TABLES = {
     clients: {
         title: "Clients", order: "rate",
@@ -95,6 +122,7 @@ const TABLES = {
         title: "Flows", order: "rate",
         columns: [...flowNames, verdict, ...amounts([])],
         key: (row) => row.id,
+        isOfFlows: true,
     },
     denials: {
         title: "Denials", order: "last",
@@ -102,6 +130,15 @@ const TABLES = {
             {head: "When", text: (row) => timeText(row.us), kind: "time"},
             ...flowNames,
             {head: "Why", text: (row) => shown(row.why), kind: () => "wide denied"},
+        ],
+        key: (row) => row.number,
+        isOfFlows: true,
+    },
+    events: {
+        title: "Events", order: "last",
+        columns: [
+            {head: "When", text: (row) => timeText(row.us), kind: "time"},
+            {head: "What", text: eventText, kind: "wide"},
         ],
         key: (row) => row.number,
     },
@@ -150,11 +187,11 @@ function hashOf(look) {
     return `#${words}`;
 }
 
-// Another table of the same. What a table is of itself isn't chosen there.
+// Another table of the same. What a table is of itself isn't chosen there, and nothing of events.
 function turnTo(look, table) {
     return {...look, table, order: TABLES[table].order, reversed: false, part: "", verdict: "",
-            client: table === "clients" ? null : look.client,
-            application: table === "applications" ? null : look.application};
+            client: ["clients", "events"].includes(table) ? null : look.client,
+            application: ["applications", "events"].includes(table) ? null : look.application};
 }
 
 function choiceOf(look) {
@@ -181,7 +218,7 @@ async function ask(path, words, signal) {
     const said = answer.headers.get("Content-Type")?.startsWith("application/json")
         ? await answer.json() : {error: (await answer.text()).trim()};
     if (!answer.ok)
-        throw new Error(said.error || `${answer.status}`);
+        throw new Error(said?.error || `${answer.status}`);
     return said;
 }
 
@@ -394,13 +431,11 @@ const grid = {
 
     open(place) {
         const row = this.rows[place - this.first];
-        if (!row)
-            return;
-        const open = TABLES[look.table].open;
-        if (!open) {
+        const {isOfFlows, open} = TABLES[look.table];
+        if (row && isOfFlows)
             detail.show(row);
+        if (!row || !open)
             return;
-        }
         const next = open(row, look);
         go({...next, order: TABLES[next.table].order, reversed: false, part: "", verdict: ""});
     },
@@ -433,10 +468,7 @@ const stream = {
     take(state) {
         clearTimeout(this.failing);
         this.failing = 0;
-        if (state.told)
-            say("", false);
-        else
-            say(`avcore doesn't tell: ${shown(state.trouble || "it is asked again and again")}`, true);
+        say(troubleText(state), true);
         about.take(state);
         const {first, last} = grid.seen();
         const table = state.table;
@@ -470,6 +502,7 @@ const about = {
     plot: null,
     data: [[], [], []], // seconds, down, up
     asking: null,
+    loaded: 0, // when, in ms
     clientName: "",
     pathSaid: "",
 
@@ -509,6 +542,7 @@ const about = {
     async load() {
         this.asking?.abort();
         const asking = this.asking = new AbortController();
+        this.loaded = Date.now();
         const words = choiceOf(look);
         const span = look.span;
         if (span !== "now")
@@ -547,6 +581,8 @@ const about = {
         this.path();
         const [times, down, up] = this.data;
         const second = Math.floor(state.us / 1e6);
+        if (look.span !== "now" && Date.now() - this.loaded >= BARS_MS)
+            this.load();
         if (look.span !== "now" || second <= (times.at(-1) ?? 0))
             return;
         times.push(second);
@@ -614,20 +650,34 @@ const about = {
 const detail = {
     names: {
         us: "when", client_name: "client's name", client_key: "client is", begun_us: "begun",
-        last_us: "last seen", up_rate: "up now", down_rate: "down now",
+        last_us: "last seen", up_rate: "up now", down_rate: "down now", ask: "what else would decide",
     },
 
     // At once what its row says, which stays where it has ended meanwhile.
     async show(row) {
         this.fill(row);
+        this.lead(row);
         byId("detail").showModal();
         try {
-            const {why = {}, ...flow} = await ask("/api/flow", new URLSearchParams({id: row.id}));
+            const said = await ask("/api/flow", new URLSearchParams({id: row.id}));
+            if (!said)
+                return;
+            const {why = {}, ...flow} = said;
             const reasons = Object.entries(why).map(([name, value]) => [`why: ${name}`, value]);
-            this.fill({...flow, ...Object.fromEntries(reasons)});
+            this.fill({...flow, ...Object.fromEntries(reasons), ask: row.ask});
         } catch (error) {
             byId("members").append(make("dt", ""), make("dd", shown(error.message)));
         }
+    },
+
+    // To what else there is of its client and its application.
+    lead({client, application, name}) {
+        const whose = {...look, client, application};
+        const ways = [["applications", `Applications of ${shown(name || client)}`],
+                      ["clients", `Clients of ${application === "" ? "what is unnamed" : shown(application)}`],
+                      ["flows", "Flows of both"]];
+        byId("ways").replaceChildren(...ways.map(([table, text]) =>
+            make("a", text, {href: hashOf(turnTo(whose, table))})));
     },
 
     text(name, value) {
@@ -637,6 +687,8 @@ const detail = {
             return rateText(value);
         if (name === "up" || name === "down")
             return `${sizeText(value[1])} in ${value[0]} packets`;
+        if (name === "ask")
+            return `${value} says it, on the access point`;
         if (name === "dropped")
             return `${value[0]} packets by a denial, ${value[1]} by a limit`;
         return shown(value);
@@ -671,6 +723,7 @@ function menu() {
 function apply() {
     const before = look;
     look = lookOf(location.hash);
+    byId("detail").close();
     document.title = `jorn: ${TABLES[look.table].title.toLowerCase()}`;
     menu();
     grid.cancel();
