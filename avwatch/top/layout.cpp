@@ -86,7 +86,7 @@ std::vector<std::string> wrapped(std::string_view text, size_t columns) {
 }
 
 row_layout::row_layout(std::span<const screen_column> columns, size_t width)
-    : columns_(columns.begin(), columns.end()), widths_(columns.size()), width_(width) {
+    : columns_(columns.begin(), columns.end()), widths_(columns.size()) {
     unsigned last_rank = 0;
     for (const screen_column &each : columns_)
         last_rank = std::max(last_rank, each.rank);

@@ -56,7 +56,6 @@ private:
 
     std::vector<screen_column> columns_;
     std::vector<size_t> widths_; // 0: it doesn't fit
-    size_t width_;
 };
 
 } // namespace avwatch
