@@ -1,5 +1,6 @@
 # Makes the source file OUTPUT of the files of FOLDER whose names FILES has, with bars between them:
-# each is asked for by its name, index.html by nothing. Run with cmake -P.
+# each is asked for by its name, index.html by nothing. Others' files have to be as uPlot.txt says
+# that they were published. Run with cmake -P.
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
 set(type_js "text/javascript; charset=utf-8")
@@ -11,7 +12,15 @@ string(REPLACE "|" ";" names "${FILES}")
 set(arrays "")
 set(rows "")
 set(number 0)
+file(READ "${FOLDER}/uPlot.txt" published)
 foreach(name IN LISTS names)
+  if(name MATCHES "^uPlot.*(js|css)$")
+    file(SHA256 "${FOLDER}/${name}" hash)
+    string(FIND "${published}" "${hash}  ${name}" place)
+    if(place EQUAL -1)
+      message(FATAL_ERROR "${name} isn't the published one, whose hash uPlot.txt has")
+    endif()
+  endif()
   file(READ "${FOLDER}/${name}" bytes HEX)
   string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
   string(REGEX REPLACE "(${line})" "\\1\n" bytes "${bytes}")
