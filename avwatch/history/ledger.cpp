@@ -22,10 +22,11 @@ amounts amounts_of(const flow_counts &counts) {
 
 } // namespace
 
-void ledger::restore(std::string id, open_flow flow, int64_t now_ms) {
+void ledger::restore(std::string id, sum_key key, open_flow flow, int64_t now_ms) {
+    flow.key = share(std::move(key));
     flow.stored = true;
     flow.since_ms = flow.heard_ms = now_ms;
-    flows_.insert_or_assign(std::move(id), std::move(flow));
+    flows_.insert_or_assign(std::move(id), flow);
 }
 
 void ledger::connected(std::string_view epoch) {
@@ -87,7 +88,7 @@ void ledger::pass(int64_t now_ms) {
             at = close(at);
             continue;
         }
-        if (flow.held && now_ms - flow.since_ms >= HELD_MS && has_room(flow.key)) {
+        if (flow.held && now_ms - flow.since_ms >= HELD_MS && has_room(*flow.key)) {
             release(flow);
             note_changed(at);
         }
@@ -131,7 +132,9 @@ ledger::flow_map::iterator ledger::enter(const flow_message &news, int64_t now_m
         return flows_.end();
     }
     at = flows_.emplace(news.id, open_flow()).first;
-    at->second.key.client = client_of(news);
+    sum_key key;
+    key.client = client_of(news);
+    at->second.key = share(std::move(key));
     at->second.has_mac = !news.client_mac.empty();
     at->second.since_ms = now_ms;
     note_changed(at);
@@ -140,28 +143,45 @@ ledger::flow_map::iterator ledger::enter(const flow_message &news, int64_t now_m
 
 // What isn't said stays: after a restart avcore may know no more of a flow than its counts.
 bool ledger::rename(open_flow &flow, const flow_message &news) {
-    const sum_key before = flow.key;
+    const sum_key *before = flow.key;
+    sum_key next = *before;
     if (!flow.has_mac && !news.client_mac.empty()) {
-        flow.key.client = client_of(news);
+        next.client = client_of(news);
         flow.has_mac = true;
     }
     if (!news.application.empty())
-        flow.key.application = reduced(classify(news.application, news.named_by), kept_);
+        next.application = reduced(classify(news.application, news.named_by), kept_);
     if (news.verdict != NO_VERDICT)
-        flow.key.verdict = news.verdict;
-    if (flow.key.verdict == DENY && before.verdict != DENY && !flow.held) {
+        next.verdict = news.verdict;
+    if (next == *before)
+        return false;
+    flow.key = share(std::move(next));
+    if (flow.key->verdict == DENY && before->verdict != DENY && !flow.held) {
         amounts denial = {};
         denial[DENIALS] = 1;
-        count(flow.key, denial);
+        count(*flow.key, denial);
     }
-    return flow.key != before;
+    give_up(before);
+    return true;
+}
+
+const sum_key *ledger::share(sum_key key) {
+    const auto at = keys_.try_emplace(std::move(key)).first;
+    ++at->second;
+    return &at->first;
+}
+
+void ledger::give_up(const sum_key *key) {
+    const auto at = keys_.find(*key);
+    if (--at->second == 0)
+        keys_.erase(at);
 }
 
 void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
                     bool is_last) {
     open_flow &flow = at->second;
     flow.heard_ms = now_ms;
-    if (!is_last && !flow.held && !has_room(flow.key))
+    if (!is_last && !flow.held && !has_room(*flow.key))
         return; // it is told again
     flow_counts more = {};
     bool has_more = false;
@@ -176,7 +196,7 @@ void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t no
     if (!has_more)
         return;
     if (!flow.held)
-        count(flow.key, amounts_of(more));
+        count(*flow.key, amounts_of(more));
     note_changed(at);
 }
 
@@ -185,13 +205,14 @@ void ledger::release(open_flow &flow) {
     flow.held = false;
     amounts all = amounts_of(flow.told);
     all[FLOWS] = 1;
-    all[DENIALS] = flow.key.verdict == DENY ? 1 : 0;
-    count(flow.key, all);
+    all[DENIALS] = flow.key->verdict == DENY ? 1 : 0;
+    count(*flow.key, all);
 }
 
 ledger::flow_map::iterator ledger::close(flow_map::iterator at) {
     if (at->second.held)
         release(at->second);
+    give_up(at->second.key);
     if (at->second.stored)
         removed_.push_back(at->first);
     if (at->second.changed_at != open_flow::UNCHANGED)

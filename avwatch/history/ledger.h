@@ -46,8 +46,8 @@ struct sum_key {
 struct open_flow {
     static constexpr size_t UNCHANGED = SIZE_MAX;
 
-    sum_key key;
-    flow_counts told = {}; // the latest, added to the sums unless it is held
+    const sum_key *key = nullptr; // the ledger's: many flows have the same
+    flow_counts told = {};        // the latest, added to the sums unless it is held
     bool held = true;
     bool has_mac = false;
     bool stored = false;           // has a row in the database
@@ -84,7 +84,7 @@ public:
     explicit ledger(names_kept kept) : kept_(kept) {}
 
     // From the database, at the start.
-    void restore(std::string id, open_flow flow, int64_t now_ms);
+    void restore(std::string id, sum_key key, open_flow flow, int64_t now_ms);
     void restore(const ended_flows::entry &ended) { ended_.restore(ended); }
 
     // Both of the same boot and, where only frames are counted, of the same run: the flows go on.
@@ -125,9 +125,18 @@ public:
     void set_uncounted(uint64_t count) { uncounted_ = count; }
 
 private:
+    struct key_hash {
+        size_t operator()(const sum_key &key) const {
+            return (text_hash()(key.client) * 31 + text_hash()(key.application.text)) * 31 +
+                   key.verdict;
+        }
+    };
+
     flow_map::iterator enter(const flow_message &news, int64_t now_ms);
     bool rename(open_flow &flow, const flow_message &news);
     void take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
+    const sum_key *share(sum_key key);
+    void give_up(const sum_key *key);
     void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms, bool is_last);
     void release(open_flow &flow);
     flow_map::iterator close(flow_map::iterator at);
@@ -141,6 +150,7 @@ private:
     int64_t listed_ms_ = -1;
     int64_t heard_ms_ = -1;
     flow_map flows_;
+    std::unordered_map<sum_key, uint32_t, key_hash> keys_; // and how many flows have each
     ended_flows ended_;
     std::map<sum_key, amounts> pending_;
     std::vector<flow_map::pointer> changed_;

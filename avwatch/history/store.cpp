@@ -101,14 +101,14 @@ store::store(const history_settings &settings)
 void store::restore(ledger &flows, int64_t now_ms) {
     statement row(file_, "SELECT * FROM open_flows");
     while (row.step()) {
-        open_flow flow;
-        flow.key = {
+        sum_key key = {
             row.text(1), {row.text(3), row.number(4) != 0}, static_cast<uint8_t>(row.number(5))};
+        open_flow flow;
         flow.has_mac = row.number(2) != 0;
         flow.held = row.number(6) != 0;
         for (size_t i = 0; i < FLOW_COUNTS; ++i)
             flow.told[i] = row.count(static_cast<int>(7 + i));
-        flows.restore(row.text(0), std::move(flow), now_ms);
+        flows.restore(row.text(0), std::move(key), flow, now_ms);
     }
     statement state(file_, "SELECT value FROM state WHERE name = ?");
     if (state.bind(0, std::string_view(EPOCH)).step())
@@ -246,7 +246,7 @@ void store::write_flows(const ledger &flows) {
         if (each == nullptr)
             continue;
         const auto &[id, flow] = *each;
-        const sum_key &key = flow.key;
+        const sum_key &key = *flow.key;
         write_flow_.bind(0, std::string_view(id)).bind(1, std::string_view(key.client));
         write_flow_.bind(2, int64_t{flow.has_mac});
         write_flow_.bind(3, std::string_view(key.application.text));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <unordered_set>
@@ -98,19 +99,26 @@ double amount_of(const Row &row, page_order order) {
     }
 }
 
+// The same of flows, of which there may be many.
+struct weighed_flow {
+    double weight = 0;
+    const watched_flow *flow = nullptr;
+};
+
 // The rows of a query's window, as an answer's first members say where it lies.
-template <typename MakeRow>
-ordered_json window(std::vector<weighed> rows, const rows_query &query, const MakeRow &make_row) {
+template <typename Weighed, typename Before, typename MakeRow>
+ordered_json window(std::vector<Weighed> rows, const rows_query &query, const Before &is_before,
+                    const MakeRow &make_row) {
     const size_t first = std::min(query.first, rows.size());
     const size_t last = first + std::min(query.rows, rows.size() - first);
-    const auto before = [&](const weighed &a, const weighed &b) {
-        return query.is_reversed ? b < a : a < b;
+    const auto before = [&](const Weighed &a, const Weighed &b) {
+        return query.is_reversed ? is_before(b, a) : is_before(a, b);
     };
     std::partial_sort(rows.begin(), rows.begin() + static_cast<ptrdiff_t>(last), rows.end(),
                       before);
     ordered_json shown = ordered_json::array();
     for (size_t i = first; i < last; ++i)
-        shown.push_back(make_row(rows[i].row));
+        shown.push_back(make_row(rows[i]));
     return {{"total", rows.size()}, {"first", first}, {"rows", std::move(shown)}};
 }
 
@@ -170,7 +178,7 @@ std::string question_about(const flow_record &flow) {
 
 ordered_json flow_row(const present &now, const watched_flow &flow, const traffic_rates &rates) {
     const flow_record record = flow.record();
-    ordered_json row = {{"id", flow.id},
+    ordered_json row = {{"id", flow.id()},
                         {"client", flow.client_key.text()},
                         {"name", now.clients().name_of(flow.client_key.text())},
                         {"from", endpoint_text(record.client, record.client_port)},
@@ -217,8 +225,8 @@ ordered_json sum_rows(const present &now, const rows_query &query) {
             weight = static_cast<double>(sum.flows);
         rows.push_back({weight, names.back().empty() ? key : names.back(), i});
     }
-    return window(std::move(rows), query, [&](size_t i) {
-        return is_client ? client_row(now, *sums[i]) : application_row(*sums[i]);
+    return window(std::move(rows), query, std::less(), [&](const weighed &each) {
+        return is_client ? client_row(now, *sums[each.row]) : application_row(*sums[each.row]);
     });
 }
 
@@ -226,7 +234,7 @@ ordered_json sum_rows(const present &now, const rows_query &query) {
 // for each of their flows.
 class flow_search {
 public:
-    flow_search(const present &now, const rows_query &query) : now_(now), query_(query) {
+    flow_search(const present &now, const rows_query &query) : query_(query) {
         if (query.part.empty())
             return;
         for (const flow_sum *each : now.clients_used()) {
@@ -246,29 +254,33 @@ public:
     }
 
 private:
-    const present &now_;
     const rows_query &query_;
     std::unordered_set<std::string_view> clients_;
 };
 
 ordered_json flow_rows(const present &now, const rows_query &query, int64_t now_ms) {
     const flow_search search(now, query);
-    const std::vector<const watched_flow *> flows = now.flows(query.chosen);
-    std::vector<weighed> rows;
-    for (size_t i = 0; i < flows.size(); ++i) {
-        const watched_flow &flow = *flows[i];
-        if (!search.fits(flow))
+    std::vector<weighed_flow> rows;
+    for (const watched_flow *flow : now.flows(query.chosen)) {
+        if (!search.fits(*flow))
             continue;
-        double weight = amount_of(flow, query.order);
+        double weight = amount_of(*flow, query.order);
         if (query.order == page_order::rate)
-            weight = static_cast<double>(now.rates_of(flow, now_ms).both());
+            weight = static_cast<double>(now.rates_of(*flow, now_ms).both());
         else if (query.order == page_order::begun)
-            weight = static_cast<double>(flow.begun_us);
-        const bool is_by_name = query.order == page_order::name;
-        rows.push_back({weight, is_by_name ? flow.application.text() : flow.id, i});
+            weight = static_cast<double>(flow->begun_us);
+        rows.push_back({weight, flow});
     }
-    return window(std::move(rows), query, [&](size_t i) {
-        return flow_row(now, *flows[i], now.rates_of(*flows[i], now_ms));
+    const auto is_before = [&](const weighed_flow &a, const weighed_flow &b) {
+        if (a.weight != b.weight)
+            return a.weight > b.weight;
+        const int order = query.order == page_order::name
+                              ? a.flow->application.text().compare(b.flow->application.text())
+                              : 0;
+        return order != 0 ? order < 0 : a.flow->number < b.flow->number;
+    };
+    return window(std::move(rows), query, is_before, [&](const weighed_flow &each) {
+        return flow_row(now, *each.flow, now.rates_of(*each.flow, now_ms));
     });
 }
 
@@ -285,8 +297,8 @@ ordered_json denial_rows(const present &now, const rows_query &query) {
             is_of(query.chosen.application, each.flow.application) && search.fits(each.flow))
             rows.push_back({static_cast<double>(each.number), {}, i});
     }
-    return window(std::move(rows), query, [&](size_t i) {
-        const denial &each = now.denials()[i];
+    return window(std::move(rows), query, std::less(), [&](const weighed &shown) {
+        const denial &each = now.denials()[shown.row];
         ordered_json row = flow_row(now, each.flow, {});
         row["number"] = each.number;
         row["us"] = each.us;
@@ -302,8 +314,8 @@ ordered_json event_rows(const present &now, const rows_query &query) {
         if (contains(each.what + ' ' + each.state + ' ' + each.interface, query.part))
             rows.push_back({static_cast<double>(each.number), {}, i});
     }
-    return window(std::move(rows), query, [&](size_t i) {
-        const notice &each = now.notices()[i];
+    return window(std::move(rows), query, std::less(), [&](const weighed &shown) {
+        const notice &each = now.notices()[shown.row];
         return ordered_json{{"number", each.number},
                             {"us", each.us},
                             {"what", each.what},

@@ -3,6 +3,11 @@
 #include "avwatch/present/flow_names.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
+#include <cinttypes>
+#include <cstdio>
+#include <functional>
 #include <limits>
 #include <string_view>
 #include <unordered_set>
@@ -36,8 +41,22 @@ uint32_t small(uint64_t number) {
     return static_cast<uint32_t>(std::min<uint64_t>(number, std::numeric_limits<uint32_t>::max()));
 }
 
-std::optional<uint32_t> small(const std::optional<uint64_t> &number) {
-    return number ? std::optional(small(*number)) : std::nullopt;
+uint32_t small(const std::optional<uint64_t> &number) {
+    return number ? small(*number) : watched_flow::NONE;
+}
+
+std::optional<uint64_t> said(uint32_t number) {
+    return number != watched_flow::NONE ? std::optional<uint64_t>(number) : std::nullopt;
+}
+
+uint64_t number_of(const std::string &id) {
+    return std::hash<std::string>()(id);
+}
+
+std::string text_of(uint64_t number) {
+    std::array<char, 17> text;
+    snprintf(text.data(), text.size(), "%016" PRIx64, number);
+    return text.data();
 }
 
 std::string epoch_of(const greeting_record &greeting) {
@@ -57,7 +76,6 @@ constexpr struct {
     std::string flow_record::*said;
 } TEXTS[] = {
     {&watched_flow::client, &flow_record::client},
-    {&watched_flow::client_mac, &flow_record::client_mac},
     {&watched_flow::server, &flow_record::server},
     {&watched_flow::protocol, &flow_record::protocol},
     {&watched_flow::interface, &flow_record::interface},
@@ -81,9 +99,15 @@ constexpr struct {
 
 } // namespace
 
+std::string watched_flow::id() const {
+    return text_of(number);
+}
+
 flow_record watched_flow::record() const {
     flow_record whole;
-    whole.id = id;
+    whole.id = id();
+    if (has_mac)
+        whole.client_mac = client_key.text();
     for (const auto &each : TEXTS)
         whole.*each.said = (this->*each.kept).text();
     for (const auto &each : WHY_TEXTS)
@@ -92,7 +116,7 @@ flow_record watched_flow::record() const {
     whole.server_port = server_port;
     whole.outdated = outdated;
     whole.utp = utp;
-    whole.wificalling = wificalling;
+    whole.wificalling = said(wificalling);
     whole.begun_us = begun_us;
     whole.last_us = last_us;
     whole.up = up;
@@ -101,8 +125,8 @@ flow_record watched_flow::record() const {
     whole.why.app_id = app_id;
     whole.why.cat_id = cat_id;
     whole.why.name_us = name_us;
-    whole.why.rule = rule;
-    whole.why.profile = profile;
+    whole.why.rule = said(rule);
+    whole.why.profile = said(profile);
     return whole;
 }
 
@@ -112,7 +136,8 @@ present::present(client_aliases aliases, names_kept names, uint32_t every_ms)
 // But for its counts.
 watched_flow present::watched(const flow_record &shown) {
     watched_flow flow;
-    flow.id = shown.id;
+    flow.number = number_of(shown.id);
+    flow.has_mac = !shown.client_mac.empty();
     flow.client_key = texts_.share(clients_.key_of(shown.client_mac, shown.client));
     for (const auto &each : TEXTS)
         flow.*each.kept = texts_.share(shown.*each.said);
@@ -151,22 +176,23 @@ void present::disconnected() {
 void present::take(const flow_record &told, int64_t now_ms) {
     if (!is_listed_ && listed_since_ms_ < 0)
         listed_since_ms_ = now_ms;
-    const auto found = flows_.find(told.id);
+    const uint64_t number = number_of(told.id);
+    const auto found = flows_.find(number);
     const bool is_new = found == flows_.end();
-    if (is_new && (told.id.size() > ID_MAX_BYTES || !make_room())) {
+    if (is_new && !make_room()) {
         ++left_out_;
         return;
     }
-    watched_flow &flow = is_new ? flows_[told.id] : found->second;
+    watched_flow &flow = is_new ? flows_[number] : found->second;
     const bool was_open = !is_new && flow.ended.empty();
     put(flow, watched(with_names(told, names_)), was_open);
     count(flow, told, now_ms);
     if (!flow.ended.empty() && (is_new || was_open))
-        will_forget(told.id, now_ms);
+        will_forget(number, now_ms);
 }
 
-void present::will_forget(const std::string &id, int64_t now_ms) {
-    ended_.emplace_back(now_ms + ENDED_SHOWN_MS, id);
+void present::will_forget(uint64_t number, int64_t now_ms) {
+    ended_.emplace_back(now_ms + ENDED_SHOWN_MS, number);
     while (ended_.size() > FLOWS_MAX)
         forget_ended(ended_.front().first);
 }
@@ -189,7 +215,7 @@ void present::put(watched_flow &flow, watched_flow next, bool was_open) {
 }
 
 void present::take(const count_record &told, int64_t now_ms) {
-    const auto found = flows_.find(told.id);
+    const auto found = flows_.find(number_of(told.id));
     if (found == flows_.end()) {
         ++left_out_;
         return;
@@ -203,7 +229,7 @@ void present::take(const count_record &told, int64_t now_ms) {
     }
     count(flow, told, now_ms);
     if (ends)
-        will_forget(told.id, now_ms);
+        will_forget(flow.number, now_ms);
 }
 
 // What a flow has used before it was listed was used whenever.
@@ -286,12 +312,12 @@ void present::listed() {
 
 // Of flows that were denied before anybody listened.
 void present::add_standing_denials() {
-    std::unordered_set<std::string_view> known;
+    std::unordered_set<uint64_t> known;
     for (const denial &each : denials_)
-        known.insert(each.flow.id);
+        known.insert(each.flow.number);
     std::vector<const watched_flow *> standing;
-    for (const auto &[id, flow] : flows_) {
-        if (flow.verdict.text() == DENIED && flow.ended.empty() && !known.contains(id))
+    for (const auto &[number, flow] : flows_) {
+        if (flow.verdict.text() == DENIED && flow.ended.empty() && !known.contains(number))
             standing.push_back(&flow);
     }
     std::ranges::sort(standing, {}, &watched_flow::last_us);
@@ -303,8 +329,8 @@ void present::add_standing_denials() {
 void present::take_clients(std::vector<client_record> said) {
     clients_ = known_clients(aliases_, std::move(said));
     // Who a flow without a MAC address belongs to may be known now.
-    for (auto &[id, flow] : flows_) {
-        if (!flow.client_mac.empty() || !flow.ended.empty())
+    for (auto &[number, flow] : flows_) {
+        if (flow.has_mac || !flow.ended.empty())
             continue;
         watched_flow next = flow;
         next.client_key = texts_.share(clients_.key_of("", flow.client.text()));
@@ -348,8 +374,15 @@ void present::forget_untold_since(int64_t since_ms) {
     });
 }
 
+std::string present::id_of(const std::string &told) {
+    return text_of(number_of(told));
+}
+
 const watched_flow *present::flow(const std::string &id) const {
-    const auto found = flows_.find(id);
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), number, 16);
+    const bool is_number = error == std::errc() && end == id.data() + id.size();
+    const auto found = is_number ? flows_.find(number) : flows_.end();
     return found != flows_.end() ? &found->second : nullptr;
 }
 
@@ -372,7 +405,7 @@ std::vector<const watched_flow *> present::flows(const flow_choice &chosen) cons
     const auto owner = owner_of(chosen);
     if (!owner)
         return found;
-    for (const auto &[id, flow] : flows_) {
+    for (const auto &[number, flow] : flows_) {
         if ((!chosen.client || flow.client_key == owner->client) &&
             (!chosen.application || flow.application == owner->application))
             found.push_back(&flow);

@@ -30,17 +30,22 @@
 
 namespace avwatch {
 
-// Of a FLOW what is shown, in less than half of a flow_record's memory.
+// Of a FLOW what is shown, in a fraction of a flow_record's memory: there may be as many as a gate
+// has, and an access point has little.
 struct watched_flow {
-    std::string id;
-    shared_text client_key; // as known_clients has it
-    shared_text client, client_mac, server, protocol, interface, application, host, verdict, gate;
+    static constexpr uint32_t NONE = UINT32_MAX;
+
+    // A digest of avcore's id, which would take as much as half of all else.
+    uint64_t number = 0;
+    shared_text client_key; // as known_clients has it; the MAC address where there is one
+    shared_text client, server, protocol, interface, application, host, verdict, gate;
     shared_text ended; // such a flow stays for some seconds
     shared_text named_by, name, by, side, reason, text;
     uint16_t client_port = 0, server_port = 0;
+    bool has_mac = false;
     bool outdated = false;
     uint32_t utp = 0, app_id = 0, cat_id = 0;
-    std::optional<uint32_t> rule, profile, wificalling;
+    uint32_t rule = NONE, profile = NONE, wificalling = NONE;
     uint64_t begun_us = 0, last_us = 0, name_us = 0;
     traffic up, down;
     dropped_packets dropped;
@@ -49,7 +54,8 @@ struct watched_flow {
     int64_t counted_ms = -1; // the monotonic clock's
     int64_t told_ms = -1;
 
-    flow_record record() const; // for what is shown of it in full
+    std::string id() const;     // by which `present` finds it
+    flow_record record() const; // for what is shown of it in full; with that id
     flow_sums::owner owner() const { return {client_key, application}; }
 };
 
@@ -83,7 +89,6 @@ struct flow_choice {
 class present {
 public:
     static constexpr size_t FLOWS_MAX = 65'536 + 4'096; // the gate's, and some that have ended
-    static constexpr size_t ID_MAX_BYTES = 128;
     static constexpr size_t TEXTS_MAX_BYTES = 16'000'000;
     static constexpr size_t DENIALS_MAX = 1'000;
     static constexpr size_t NOTICES_MAX = 200;
@@ -112,7 +117,8 @@ public:
 
     size_t flow_count() const { return flows_.size(); } // with those that ended just now
     std::vector<const watched_flow *> flows(const flow_choice &chosen = {}) const;
-    const watched_flow *flow(const std::string &id) const; // null where there is none
+    const watched_flow *flow(const std::string &id) const; // its own; null where there is none
+    static std::string id_of(const std::string &told);     // of avcore's
     traffic_rates rates_of(const watched_flow &flow, int64_t now_ms) const;
 
     std::vector<const flow_sum *> clients_used() const;
@@ -135,7 +141,7 @@ public:
 private:
     watched_flow watched(const flow_record &shown);
     bool make_room();
-    void will_forget(const std::string &id, int64_t now_ms);
+    void will_forget(uint64_t number, int64_t now_ms);
     void count(watched_flow &flow, const count_record &told, int64_t now_ms);
     void put(watched_flow &flow, watched_flow next, bool was_open);
     void forget_ended(int64_t now_ms);
@@ -150,8 +156,8 @@ private:
     const uint32_t every_ms_;
     text_pool texts_{TEXTS_MAX_BYTES}; // stands before all that has texts of it
     known_clients clients_;
-    std::unordered_map<std::string, watched_flow> flows_;
-    std::deque<std::pair<int64_t, std::string>> ended_; // flows by when they go
+    std::unordered_map<uint64_t, watched_flow> flows_; // by their numbers
+    std::deque<std::pair<int64_t, uint64_t>> ended_;   // flows by when they go
     flow_sums sums_;
     std::deque<denial> denials_;
     uint64_t denials_made_ = 0;

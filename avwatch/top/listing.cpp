@@ -127,10 +127,11 @@ void listing::add(listed added) {
 }
 
 void listing::sort() {
-    const auto key_of = [](const listed &of) -> std::tuple<std::string_view, std::string_view> {
+    const auto key_of =
+        [](const listed &of) -> std::tuple<uint64_t, std::string_view, std::string_view> {
         if (of.flow != nullptr)
-            return {of.flow->id, {}};
-        return {of.sum->client.text(), of.sum->application.text()};
+            return {of.flow->number, {}, {}};
+        return {0, of.sum->client.text(), of.sum->application.text()};
     };
     std::ranges::sort(rows_, [&](const listed &a, const listed &b) {
         if (a.amount != b.amount)
@@ -178,9 +179,9 @@ bool listing::fits_filter(const listed &tried) const {
                                 [&](const std::string &address) { return has({address}); }));
 }
 
-const std::string &listing::key(size_t row) const {
+std::string listing::key(size_t row) const {
     if (rows_[row].flow != nullptr)
-        return rows_[row].flow->id;
+        return rows_[row].flow->id();
     return wanted_.kind == list_kind::clients ? rows_[row].sum->client.text()
                                               : rows_[row].sum->application.text();
 }

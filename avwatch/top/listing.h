@@ -29,7 +29,7 @@ public:
     listing(const present &shown, const list_wanted &wanted, int64_t now_ms);
 
     size_t size() const { return rows_.size(); }
-    const std::string &key(size_t row) const; // the client's, the application's name, the flow's id
+    std::string key(size_t row) const; // the client's, the application's name, the flow's id
     std::optional<size_t> row_of(const std::string &key) const;
 
     std::span<const screen_column> columns() const;

@@ -43,7 +43,7 @@ class Page(Asking):
         wait_until(lambda: rows()[0]["verdict"] == "deny")
         denials = self.said("/api/rows?table=denials")["rows"]
         self.assertEqual([(each["us"], each["why"]) for each in denials], [(7, why["text"])])
-        self.assertEqual(self.said("/api/flow?id=f1")["why"]["by"], "web policy")
+        self.assertEqual(self.said("/api/flow?id=" + row["id"])["why"]["by"], "web policy")
         self.assertEqual(len(self.said("/api/course")["down"]), 600)
         while time.monotonic() < begun + 12:
             self.assertTrue(state()["told"])

@@ -182,13 +182,13 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
     const json first = rows({{"table", "flows"}, {"order", "bytes"}, {"rows", "3"}});
     EXPECT_EQ(first["total"], count);
     ASSERT_EQ(first["rows"].size(), 3U);
-    EXPECT_EQ(first["rows"][0]["id"], "f9999");
-    EXPECT_EQ(first["rows"][2]["id"], "f9997");
+    EXPECT_EQ(first["rows"][0]["id"], present::id_of("f9999"));
+    EXPECT_EQ(first["rows"][2]["id"], present::id_of("f9997"));
     const json last = rows({{"table", "flows"}, {"order", "bytes"}, {"first", "9999"}});
     ASSERT_EQ(last["rows"].size(), 1U);
-    EXPECT_EQ(last["rows"][0]["id"], "f0");
+    EXPECT_EQ(last["rows"][0]["id"], present::id_of("f0"));
     EXPECT_EQ(rows({{"table", "flows"}, {"order", "bytes"}, {"reversed", "1"}})["rows"][0]["id"],
-              "f0");
+              present::id_of("f0"));
     EXPECT_EQ(rows({{"table", "flows"},
                     {"first", "18446744073709551615"},
                     {"rows", "18446744073709551615"}})["rows"],
@@ -209,8 +209,12 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
                                             {"part", std::string(9'999, 'x')}})
         EXPECT_EQ(shown.answer(asking("/api/rows", {{argument, text}})).status, 400U) << argument;
     EXPECT_EQ(shown.answer(asking("/api/history")).status, 503U); // there is no file
-    EXPECT_EQ(json::parse(shown.answer(asking("/api/flow", {{"id", "f7"}})).body)["id"], "f7");
-    EXPECT_EQ(shown.answer(asking("/api/flow", {{"id", "f-7"}})).body, "null\n");
+    const auto whole = [&](const std::string &id) {
+        return json::parse(shown.answer(asking("/api/flow", {{"id", id}})).body);
+    };
+    EXPECT_EQ(whole(present::id_of("f7"))["client"], "192.0.2.1");
+    for (const char *none : {"", "f7", "0123456789abcdef", "-1", "0x1", "ffffffffffffffffffff"})
+        EXPECT_EQ(whole(none), nullptr) << none;
     EXPECT_EQ(shown.answer(asking("/../etc/passwd")).status, 404U);
 }
 

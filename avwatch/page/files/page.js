@@ -338,7 +338,8 @@ const grid = {
         return element;
     },
 
-    paint() {
+    // Where only the place has changed, rows that were there are as they were.
+    paint(isOnlyMoved = false) {
         byId("space").style.height = `${this.total * this.rowHeight}px`;
         const {first, last} = this.seen();
         for (const [place, element] of this.elements) {
@@ -348,8 +349,10 @@ const grid = {
                 this.spare.push(element);
             }
         }
-        for (let place = first; place < last; ++place)
-            this.fill(this.element(place), place);
+        for (let place = first; place < last; ++place) {
+            if (!isOnlyMoved || !this.elements.has(place))
+                this.fill(this.element(place), place);
+        }
         byId("grid").setAttribute("aria-rowcount", this.total + 1);
         if (this.elements.has(this.active))
             byId("grid").setAttribute("aria-activedescendant", `row-${this.active}`);
@@ -381,7 +384,7 @@ const grid = {
 
     // Rows that aren't there yet are asked for at once, and followed when the wheel stands still.
     scrolled() {
-        this.paint();
+        this.paint(true);
         if (!this.isLoaded() && !this.asking)
             this.load();
         clearTimeout(this.settling);
