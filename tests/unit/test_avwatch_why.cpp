@@ -3,6 +3,7 @@
 #include "core/dns/dns_cache.h"
 #include "jornctl/client/apply.h"
 #include "support/daemon_in_turn.h"
+#include "support/hex_records.h"
 #include "support/random_documents.h"
 
 #include <algorithm>
@@ -21,22 +22,15 @@ constexpr char PORT_SERVICE_FILE[] = "uploadjorport_file_1.0";
 constexpr char PORT_SERVICES[] = "2,tcp,3,2,clock\n443,udp,1,1,door\n\n2,tcp,3,1,door\n"
                                  "443,udp,1,1,clock\n22,tcp,0,0,tor\n443,tcp,0,0,clock";
 
-using octet_list = std::vector<uint8_t>;
-
-octet_list bytes_of(const auto &record) {
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    return {bytes, bytes + sizeof record};
-}
-
 class judging_daemon : public daemon_in_turn {
 public:
-    explicit judging_daemon(const json &asked) {
+    explicit judging_daemon(const json &documents) {
         for (const char *which : {"in_force", "tried"}) {
-            jornctl::document said = jornctl::read_document(asked[which].dump());
+            jornctl::document said = jornctl::read_document(documents[which].dump());
             said.found = {}; // without its parts it may say what no author would
             send(jornctl::commands_of(said));
         }
-        folder_.write(PORT_SERVICE_FILE, asked["port_services"].get<std::string>());
+        folder_.write(PORT_SERVICE_FILE, documents["port_services"].get<std::string>());
         send({{CMD_PORT_SERVICE_CFG_REQ, {}}});
     }
     ~judging_daemon() {
@@ -44,7 +38,7 @@ public:
         send({{CMD_PORT_SERVICE_CFG_REQ, {}}});
     }
 
-    octet_list record_for(const json &asked) {
+    std::string record_for(const json &asked) {
         const std::map<std::string, std::string> kept = asked["names"];
         platform.dns.clear();
         for (const auto &[address, name] : kept)
@@ -63,17 +57,19 @@ public:
         const unsigned to = asked["server_port"];
         const ipv4_words sides = {.src = ntohl(ip(asked["client"])),
                                   .dst = ntohl(ip(asked["server"]))};
-        const octet_list trailer = asked["trailer"];
-        const octets frame = ethernet(0x0800, ipv4(asked["protocol"],
-                                                   is_tcp ? tcp(from, to) : udp(from, to), sides)) +
-                             octets(trailer.begin(), trailer.end());
+        av_pkt_trailer trailer;
+        from_hex(asked["trailer"].get_ref<const std::string &>(), trailer);
+        const octets frame =
+            with_trailer(ethernet(0x0800, ipv4(asked["protocol"],
+                                               is_tcp ? tcp(from, to) : udp(from, to), sides)),
+                         trailer);
         enter();
         jorn_dnscache_hash_table_init();
         av_verdict record = verdict_on(frame);
         dns_cache_free();
         leave();
         record.flow_key = {};
-        return bytes_of(record);
+        return to_hex(record);
     }
 
 private:
@@ -112,7 +108,7 @@ public:
                 {"server_port", kind == 2 ? pick<int>({500, 4500})
                                           : pick<int>({1, 2, 22, 80, 443, 443, 443, 443})},
                 {"protocol", kind == 2 ? 17 : pick<int>({6, 17})},
-                {"trailer", bytes_of(trailer)},
+                {"trailer", to_hex(trailer)},
                 {"names", {{pick<std::string>({server, server, client}), pick(HOSTS)}}},
                 {"categories", categories}};
     }
@@ -164,12 +160,13 @@ std::string without_line(const std::string &text, size_t number) {
     return left;
 }
 
-// The question about documents without what was said to decide before answer number `count`.
-json without(json asked, const json &answers, size_t count) {
+// The documents without what was said to decide before answer number `count`.
+json without(json documents, const json &answers, size_t count) {
     std::vector<std::pair<size_t, json::json_pointer>> gone;
     for (size_t i = 0; i < count; ++i) {
         if (answers[i].contains("line")) {
-            asked["port_services"] = without_line(asked["port_services"], answers[i]["line"]);
+            documents["port_services"] =
+                without_line(documents["port_services"], answers[i]["line"]);
             continue;
         }
         const json::json_pointer path(answers[i]["path"].get<std::string>());
@@ -179,43 +176,57 @@ json without(json asked, const json &answers, size_t count) {
     }
     std::ranges::sort(gone, std::greater()); // the places of the others stay
     for (const auto &[place, path] : gone)
-        asked[path.parent_pointer()].erase(place);
-    return asked;
+        documents[path.parent_pointer()].erase(place);
+    return documents;
+}
+
+// Documents, and flows about each.
+std::vector<json> questions() {
+    document_author writes;
+    asker asks;
+    std::vector<json> all;
+    for (int i = 0; i < DOCUMENTS; ++i) {
+        const json before = writes.all();
+        writes.write();
+        json documents = {{"in_force", i % 2 != 0 ? before : writes.all()},
+                          {"tried", i % 2 != 0 ? writes.written() : json::object()},
+                          {"port_services", i % 3 == 0 ? PORT_SERVICES : ""}};
+        if (jornctl::read_document(documents["in_force"].dump()).found.has_mistakes())
+            continue;
+        json flows;
+        for (int flow = 0; flow < FLOWS_EACH; ++flow)
+            flows.push_back(asks.flow(writes.all()));
+        all.push_back({{"documents", std::move(documents)}, {"flows", std::move(flows)}});
+    }
+    return all;
+}
+
+// What part decided, without its place.
+std::string kind_of(const json &answer) {
+    std::string kind = answer.contains("line") ? "line" : answer.value("path", "");
+    std::erase_if(kind, [](char c) { return c >= '0' && c <= '9'; });
+    return kind;
 }
 
 TEST(Why, SaysWhatTheDaemonDecidesAndWhatDecidesNext) {
     fresh_state();
-    document_author writes;
-    asker asks;
-    std::vector<json> questions;
-    for (int i = 0; i < DOCUMENTS; ++i) {
-        const json before = writes.all();
-        writes.write();
-        json asked = {{"in_force", i % 2 != 0 ? before : writes.all()},
-                      {"tried", i % 2 != 0 ? writes.written() : json::object()},
-                      {"port_services", i % 3 == 0 ? PORT_SERVICES : ""}};
-        if (jornctl::read_document(asked["in_force"].dump()).found.has_mistakes())
-            continue;
-        for (int flow = 0; flow < FLOWS_EACH; ++flow) {
-            asked.update(asks.flow(writes.all()));
-            questions.push_back(asked);
-        }
-    }
-    const std::vector<json> answers = answers_to(questions);
-    ASSERT_EQ(answers.size(), questions.size());
+    const std::vector<json> asked = questions();
+    const std::vector<json> answers = answers_to(asked);
+    ASSERT_EQ(answers.size(), asked.size());
     std::map<std::string, int> decided;
-    for (size_t i = 0; i < questions.size(); ++i) {
-        ASSERT_FALSE(answers[i].back().contains("path") || answers[i].back().contains("line"));
-        for (size_t gone = 0; gone < answers[i].size(); ++gone) {
-            const json asked = without(questions[i], answers[i], gone);
-            ASSERT_EQ(judging_daemon(asked).record_for(asked), answers[i][gone]["record"])
-                << i << ' ' << gone << ' ' << answers[i] << '\n'
-                << questions[i];
-            std::string kind = answers[i][gone].value("path", "");
-            if (answers[i][gone].contains("line"))
-                kind = "line";
-            std::erase_if(kind, [](char c) { return c >= '0' && c <= '9'; });
-            ++decided[kind];
+    for (size_t i = 0; i < asked.size(); ++i) {
+        std::map<json, judging_daemon> daemons; // by what is left of the documents
+        for (size_t flow = 0; flow < asked[i]["flows"].size(); ++flow) {
+            const json &said = answers[i][flow];
+            ASSERT_FALSE(said.back().contains("path") || said.back().contains("line"));
+            for (size_t gone = 0; gone < said.size(); ++gone) {
+                const json left = without(asked[i]["documents"], said, gone);
+                judging_daemon &daemon = daemons.try_emplace(left, left).first->second;
+                ASSERT_EQ(daemon.record_for(asked[i]["flows"][flow]), said[gone]["record"])
+                    << i << ' ' << flow << ' ' << gone << ' ' << said << '\n'
+                    << asked[i];
+                ++decided[kind_of(said[gone])];
+            }
         }
     }
     for (const char *kind :

@@ -1,11 +1,12 @@
-// What `avwatch why` makes of questions: a line of JSON each on standard input, and on standard
-// output the record of its verdict and those of the ones that would follow, each with the part that
-// decides. In a program of its own, for the test that asks has another platform.
+// What `avwatch why` makes of questions, documents and flows about them: a line of JSON each on
+// standard input, and on standard output for each flow the record of its verdict and those of the
+// ones that would follow, each with the part that decides. In a program of its own, for the test
+// that asks has another platform.
 #include "avwatch/why/documents.h"
 #include "avwatch/why/fitting.h"
+#include "support/hex_records.h"
 
 #include <arpa/inet.h>
-#include <cstring>
 #include <iostream>
 
 using namespace avwatch;
@@ -26,8 +27,7 @@ judged_flow flow_of(const json &asked) {
     flow.client_port = asked["client_port"];
     flow.server_port = asked["server_port"];
     flow.ip_proto = asked["protocol"];
-    const std::vector<uint8_t> trailer = asked["trailer"];
-    memcpy(&flow.trailer, trailer.data(), sizeof flow.trailer);
+    from_hex(asked["trailer"].get_ref<const std::string &>(), flow.trailer);
     return flow;
 }
 
@@ -49,8 +49,7 @@ platform_answers answers_of(const json &asked) {
 
 json said_of(const loaded_documents &documents, outcome found) {
     found.verdict.flow_key = {};
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&found.verdict);
-    json said = {{"record", std::vector<uint8_t>(bytes, bytes + sizeof found.verdict)}};
+    json said = {{"record", to_hex(found.verdict)}};
     const std::optional<part> by = removable(found);
     if (by && by->kind == part_kind::PORT_LINE)
         said["line"] = by->record;
@@ -63,19 +62,23 @@ json said_of(const loaded_documents &documents, outcome found) {
 
 int main() {
     for (std::string line; std::getline(std::cin, line);) {
-        const json asked = json::parse(line);
-        const std::string in_force = asked["in_force"].dump();
+        const json question = json::parse(line);
+        const json &asked = question["documents"];
         loaded_documents documents;
         if (!asked["tried"].empty())
             documents = documents_from("tried", asked["tried"].dump());
-        documents.made.in_force = documents_from("in_force", in_force).made.tried;
+        documents.made.in_force = documents_from("in_force", asked["in_force"].dump()).made.tried;
         documents.in_force.name = "in_force";
         documents.made.port_services = asked["port_services"];
-        const fitting_parts fitting =
-            find_fitting(documents.made, flow_of(asked), answers_of(asked));
-        json said = json::array({said_of(documents, fitting.now)});
-        for (const outcome &each : fitting.then)
-            said.push_back(said_of(documents, each));
-        std::cout << said << '\n';
+        json answers = json::array();
+        for (const json &flow : question["flows"]) {
+            const fitting_parts fitting =
+                find_fitting(documents.made, flow_of(flow), answers_of(flow));
+            json &said = answers.emplace_back();
+            said.push_back(said_of(documents, fitting.now));
+            for (const outcome &each : fitting.then)
+                said.push_back(said_of(documents, each));
+        }
+        std::cout << answers << '\n';
     }
 }
