@@ -14,6 +14,8 @@ TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3
     mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev llvm
     llvm-dev libclang-dev)
 # shellcheck disable=SC2034
+BROWSER_PACKAGES=(chromium chromium-driver python3-selenium)
+# shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl iperf3
     strongswan-charon strongswan-swanctl)
 

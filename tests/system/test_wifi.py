@@ -124,7 +124,7 @@ class Stations(InlineTest):
         run(jorn_path("avcore"), "teardown")
         self.assertEqual(subprocess.check_output(["tc", "filter", "show", "dev", "wlan0.7",
                                                   "ingress"]), b"")
-        run(jorn_path("avcore"), "setup", "--inline", "wlan0")
+        run(jorn_path("avcore"), "setup", "--inline", "wlan0", *self.attach())
         self.assertEqual(self.places(), apart)
 
 
