@@ -1,5 +1,6 @@
 #include "avcore/frames/frame.h"
 
+#include "avcore/frames/header_sizes.h"
 #include "avcore/frames/network_order.h"
 #include "packet/decode/cursor.h"
 #include "packet/decode/decode.h"
@@ -15,10 +16,6 @@
 namespace avcore {
 namespace {
 
-constexpr size_t IPV4_HEADER_SIZE = 20;
-constexpr size_t UDP_HEADER_SIZE = 8;
-constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
-constexpr size_t TCP_HEADER_SIZE = 20;
 constexpr uint8_t TCP = 6;
 constexpr uint8_t UDP = 17;
 

@@ -1,5 +1,6 @@
 #include "avcore/frames/ipv6_frame.h"
 
+#include "avcore/frames/header_sizes.h"
 #include "avcore/frames/internet_sum.h"
 #include "avcore/frames/ipv6_extension.h"
 #include "avcore/frames/network_order.h"
@@ -16,9 +17,6 @@ namespace {
 constexpr size_t ETHERNET_HEADER_SIZE = 14;
 constexpr size_t VLAN_TAG_SIZE = 4;
 constexpr size_t PPPOE_HEADER_SIZE = 8; // with the PPP protocol field
-constexpr size_t IPV6_HEADER_SIZE = 40;
-constexpr size_t IPV4_HEADER_SIZE = 20;
-constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr size_t UDP_LENGTH_AT = 4;
 constexpr size_t TOTAL_SIZE_MAX = 65'535;
 constexpr unsigned EXTENSIONS_MAX = 8;
@@ -28,8 +26,6 @@ constexpr uint16_t ETHER_TYPE_VLAN = 0x8100;
 constexpr uint16_t ETHER_TYPE_PPPOE = 0x8864;
 constexpr uint16_t PPP_IPV4 = 0x0021;
 constexpr uint16_t PPP_IPV6 = 0x0057;
-constexpr uint16_t FRAGMENT_OFFSET_MASK = 0x1FFF;
-constexpr uint16_t MORE_FRAGMENTS = 0x2000;
 
 // ICMPv6 (RFC 4443) to ICMP.
 constexpr struct {

@@ -1,6 +1,7 @@
 #include "avcore/frames/tcp_checksum.h"
 
 #include "avcore/frames/frame.h"
+#include "avcore/frames/header_sizes.h"
 #include "avcore/frames/internet_sum.h"
 #include "avcore/frames/ipv6_frame.h"
 #include "packet/decode/cursor.h"
@@ -11,8 +12,7 @@ namespace avcore {
 namespace {
 
 constexpr size_t CHECKSUM_OFFSET = 16;
-constexpr uint16_t ZERO = 0xFFFF;          // what everything together comes to
-constexpr uint16_t FRAGMENT_MASK = 0x3FFF; // more of them, or an offset
+constexpr uint16_t ZERO = 0xFFFF; // what everything together comes to
 
 bool is_damaged(uint64_t addresses, byte_view segment) {
     const uint16_t pseudo_header = folded(addresses + IPPROTO_TCP + segment.size());

@@ -1,6 +1,7 @@
 #include "avcore/frames/wire_packets.h"
 
 #include "avcore/frames/frame.h"
+#include "avcore/frames/header_sizes.h"
 #include "avcore/frames/internet_sum.h"
 #include "avcore/frames/ipv6_extension.h"
 #include "avcore/frames/network_order.h"
@@ -11,13 +12,8 @@
 namespace avcore {
 namespace {
 
-constexpr size_t IPV4_HEADER_SIZE = 20;
-constexpr size_t IPV6_HEADER_SIZE = 40;
-constexpr size_t TCP_HEADER_SIZE = 20;
-constexpr size_t UDP_HEADER_SIZE = 8;
 constexpr size_t TCP_CHECKSUM_AT = 16;
 constexpr size_t UDP_CHECKSUM_AT = 6;
-constexpr uint16_t FRAGMENT_MASK = 0x3FFF; // more of them, or an offset
 constexpr uint8_t FIN_PSH = 0x09;
 constexpr uint8_t CWR = 0x80;
 

@@ -40,7 +40,7 @@ std::optional<std::vector<uint32_t>> list_programs(unsigned if_index, tc_side si
     }
 }
 
-std::optional<std::pair<tc_program, unique_fd>> find_gate(unsigned if_index, tc_side side) {
+std::optional<std::pair<tc_program, unique_fd>> find_tcx_gate(unsigned if_index, tc_side side) {
     for (const uint32_t id : tcx_programs(if_index, side)) {
         unique_fd fd = open_program(id, if_index);
         tc_program program = fd.valid() ? program_of(fd.get()) : tc_program();
@@ -61,12 +61,12 @@ std::vector<uint32_t> tcx_programs(unsigned if_index, tc_side side) {
 }
 
 std::optional<tc_program> tcx_gate(unsigned if_index, tc_side side) {
-    auto found = find_gate(if_index, side);
+    auto found = find_tcx_gate(if_index, side);
     return found ? std::optional(std::move(found->first)) : std::nullopt;
 }
 
 void attach_to_tcx(unsigned if_index, tc_side side, int program_fd) {
-    const auto older = find_gate(if_index, side);
+    const auto older = find_tcx_gate(if_index, side);
     struct bpf_prog_attach_opts options = {}; // also the name of a function
     options.sz = sizeof options;
     options.flags = older ? uint32_t{BPF_F_REPLACE} : BEFORE_ALL;
@@ -78,7 +78,7 @@ void attach_to_tcx(unsigned if_index, tc_side side, int program_fd) {
 }
 
 void detach_from_tcx(unsigned if_index, tc_side side) {
-    const auto gate = find_gate(if_index, side);
+    const auto gate = find_tcx_gate(if_index, side);
     if (!gate)
         return;
     const int error =

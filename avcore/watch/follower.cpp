@@ -13,8 +13,8 @@ namespace {
 
 constexpr int64_t ROUND_MS = 1'000; // at least, between the beginnings of two
 constexpr int IN_PASS = 2;          // so much more seldom then
-constexpr int MESSAGES_A_TURN = 16;
-constexpr uint32_t PLACES_A_TURN = 4'096;
+constexpr int NEWS_A_TURN = 16;
+constexpr uint32_t NEW_PLACES_A_TURN = 4'096;
 constexpr uint32_t TOLD_PIECE = 512;
 
 // The beginning of a message about something; behind it comes what it is about, then "}\n".
@@ -115,7 +115,7 @@ void follower::add_some(int64_t now_ms) {
     if (now_ms < due_ms(now_ms))
         return;
     int messages = 0;
-    while (messages < MESSAGES_A_TURN && out_.has_room() && (add_sum() || add_end()))
+    while (messages < NEWS_A_TURN && out_.has_room() && (add_sum() || add_end()))
         ++messages;
     if (!in_pass_ && now_ms < pass_due_ms_)
         return;
@@ -124,8 +124,8 @@ void follower::add_some(int64_t now_ms) {
         until_ = flows_.places();
         passed_change_ = flows_.last_change();
     }
-    const uint32_t last = std::min(until_, next_ + PLACES_A_TURN);
-    while (messages < MESSAGES_A_TURN && out_.has_room() && next_ < last)
+    const uint32_t last = std::min(until_, next_ + NEW_PLACES_A_TURN);
+    while (messages < NEWS_A_TURN && out_.has_room() && next_ < last)
         messages += add_flow(next_++);
     if (next_ == until_ && sums_.empty())
         end_pass(now_ms);

@@ -3,6 +3,7 @@
 #include "avcore/base/config_text.h"
 #include "avcore/base/host_text.h"
 #include "avcore/base/printable.h"
+#include "avcore/web/blanks.h"
 #include "avcore/web/category_names.h"
 #include "avcore/web/domain_lists.h"
 #include "shared/counted.h"
@@ -35,7 +36,6 @@ category_source parse_source(const std::string &text) {
 
 // Takes the first word of a line.
 std::string_view take_word(std::string_view &line) {
-    constexpr std::string_view BLANKS = " \t\r";
     line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
     const std::string_view word = line.substr(0, line.find_first_of(BLANKS));
     line.remove_prefix(word.size());

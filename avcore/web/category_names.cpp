@@ -2,6 +2,7 @@
 
 #include "avcore/base/config_text.h"
 #include "avcore/base/printable.h"
+#include "avcore/web/blanks.h"
 #include "core/text/text.h"
 #include "platform/psm.h"
 
@@ -13,7 +14,6 @@
 namespace avcore {
 namespace {
 
-constexpr std::string_view BLANKS = " \t\r";
 constexpr uint16_t NONE = 0;
 
 std::string_view name_of(size_t number) {

@@ -3,6 +3,7 @@
 #include "avcore/base/config_text.h"
 #include "avcore/base/host_text.h"
 #include "avcore/base/ip_address.h"
+#include "avcore/web/blanks.h"
 #include "avcore/web/domain_table.h"
 
 #include <algorithm>
@@ -18,7 +19,6 @@ namespace {
 
 constexpr size_t LARGEST_FILE = size_t{512} << 20; // or a device would never end
 constexpr size_t LONGEST_LINE = 4'096;
-constexpr std::string_view BLANKS = " \t\r";
 
 std::vector<std::string_view> words_of(std::string_view line) {
     std::vector<std::string_view> words;

@@ -78,7 +78,7 @@ unique_fd listen_at(const std::string &text) {
     return listening;
 }
 
-bool is_loopback(const sockaddr *address) {
+bool is_loopback_address(const sockaddr *address) {
     if (address != nullptr && address->sa_family == AF_INET) {
         sockaddr_in v4 = {};
         memcpy(&v4, address, sizeof v4);
@@ -152,7 +152,7 @@ page_request request_of(MHD_Connection *connection, const char *url) {
     MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &take_argument, &asked.arguments);
     const MHD_ConnectionInfo *from =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    asked.is_from_loopback = from != nullptr && is_loopback(from->client_addr);
+    asked.is_from_loopback = from != nullptr && is_loopback_address(from->client_addr);
     return asked;
 }
 
@@ -339,7 +339,7 @@ void http_server::feed_streams() {
 
 bool is_loopback(const std::string &address) {
     const socket_address parsed = parse(address);
-    return is_loopback(reinterpret_cast<const sockaddr *>(&parsed.bytes));
+    return is_loopback_address(reinterpret_cast<const sockaddr *>(&parsed.bytes));
 }
 
 } // namespace avwatch

@@ -70,7 +70,7 @@ constexpr payload_form APPLICATIONS = {
 };
 
 // The name of an interface, as long as the payload.
-constexpr payload_form INTERFACE = {
+constexpr payload_form INTERFACE_NAME = {
     [](std::string_view payload) { return payload.size(); },
     [](std::string_view payload) {
         return ordered_json{{"ifname", payload}};
@@ -115,7 +115,7 @@ constexpr command_row COMMANDS[] = {
     {CMD_WEB_POLICY_FLUSH_REQ, "CMD_WEB_POLICY_FLUSH_REQ", EMPTY, NO_FILE, WEB_FILTER},
     {CMD_WEB_INTF_CFG_REQ, "CMD_WEB_INTF_CFG_REQ", ONE<web_intf_wire, WEB_INTF_FIELDS>, WEB_FILTER},
     {CMD_UF_AGENT_REPLY, "CMD_UF_AGENT_REPLY", ONE<uf_agent_reply, LATE_ANSWER_FIELDS>},
-    {CMD_INTF_URL_POLICY_SHOW_REQ, "CMD_INTF_URL_POLICY_SHOW_REQ", INTERFACE},
+    {CMD_INTF_URL_POLICY_SHOW_REQ, "CMD_INTF_URL_POLICY_SHOW_REQ", INTERFACE_NAME},
     {CMD_UTP_WEB_POLICY_SHOW_REQ, "CMD_UTP_WEB_POLICY_SHOW_REQ", ONE<word_payload, ID_FIELDS>},
     {CMD_DEBUG_CFG_REQ, "CMD_DEBUG_CFG_REQ", ONE<word_payload, DEBUG_FIELDS>},
     {CMD_WIFICALLING_POLICY_CFG_REQ, "CMD_WIFICALLING_POLICY_CFG_REQ",
@@ -166,7 +166,7 @@ bool leave_file_behind(const std::vector<command> &commands) {
 
 std::string describe(const command &sent) {
     const command_row &row = row_of(sent.number);
-    if (row.payload.words != INTERFACE.words && is_text(sent.payload))
+    if (row.payload.words != INTERFACE_NAME.words && is_text(sent.payload))
         throw refused(std::string("this is a text, and the payload of ") + row.name +
                       " is a record's bytes, as raw sends them");
     std::string text =

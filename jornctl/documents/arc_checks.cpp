@@ -97,7 +97,7 @@ void check_policies(document &read, const node &written, const platform_facts &a
     }
 }
 
-void check_utps(document &read, const platform_facts &around) {
+void check_arc_utps(document &read, const platform_facts &around) {
     const std::vector<utp_entry_wire> &entries = *read.utps;
     check_unique(
         entries,
@@ -118,7 +118,7 @@ void check_arc(document &read, const node &written, const platform_facts &around
     if (read.policies)
         check_policies(read, written.at("policies"), around);
     if (read.utps)
-        check_utps(read, around);
+        check_arc_utps(read, around);
 }
 
 } // namespace jornctl

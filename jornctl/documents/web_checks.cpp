@@ -73,7 +73,7 @@ void warn_of_binding(const web_intf_wire &binding, size_t index, const platform_
                            "no policy of the document has it, and the others go");
 }
 
-void check_bindings(document &read, const platform_facts &around) {
+void check_web_bindings(document &read, const platform_facts &around) {
     check_unique(
         *read.web_interfaces,
         [](const web_intf_wire &binding) { return std::string(binding.ifname); }, "web_interfaces",
@@ -82,7 +82,7 @@ void check_bindings(document &read, const platform_facts &around) {
         warn_of_binding((*read.web_interfaces)[i], i, around, read);
 }
 
-void check_utps(document &read, const platform_facts &around) {
+void check_web_utps(document &read, const platform_facts &around) {
     const std::vector<utp_entry_wire> &entries = *read.web_utps;
     check_unique(
         entries,
@@ -102,9 +102,9 @@ void check_web(document &read, const platform_facts &around) {
     if (read.web_policies)
         check_policies(read, around);
     if (read.web_utps)
-        check_utps(read, around);
+        check_web_utps(read, around);
     if (read.web_interfaces)
-        check_bindings(read, around);
+        check_web_bindings(read, around);
 }
 
 } // namespace jornctl

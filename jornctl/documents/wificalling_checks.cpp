@@ -60,7 +60,7 @@ void check_profiles(const wificalling_intf_wire &binding, size_t index, document
         read.found.warning(path, "no carrier of the document has this name, and the others go");
 }
 
-void check_bindings(document &read, const platform_facts &around) {
+void check_wificalling_bindings(document &read, const platform_facts &around) {
     const std::vector<wificalling_intf_wire> &bindings = *read.wificalling_interfaces;
     check_unique(
         bindings, [](const wificalling_intf_wire &binding) { return folded(binding.ifname); },
@@ -82,7 +82,7 @@ void check_wificalling(document &read, const platform_facts &around) {
     if (read.carriers)
         check_carriers(read);
     if (read.wificalling_interfaces)
-        check_bindings(read, around);
+        check_wificalling_bindings(read, around);
 }
 
 } // namespace jornctl

@@ -19,8 +19,6 @@ namespace {
 
 using std::string_view;
 
-constexpr char DETECT_UTP[] = "jorn_detect_pkt_utp";
-
 // What the engine calls web traffic that it knows no more about.
 constexpr string_view GENERIC_WEB_NAMES[] = {AV_DPI_BARE_WEB, AV_DPI_BARE_HTTP, AV_DPI_BARE_TLS};
 

@@ -1,6 +1,7 @@
 #include "classify/dns_app.h"
 
 #include "classify/detect.h"
+#include "classify/web_ports.h"
 #include "core/base/log.h"
 #include "core/dns/dns_cache.h"
 #include "core/dns/dns_look_up.h"
@@ -14,24 +15,22 @@ namespace {
 
 using std::string_view;
 
-constexpr char FUNCTION[] = "jorn_detect_pkt_dns_app";
-constexpr uint16_t HTTP_PORT = 80;
-constexpr uint16_t HTTPS_PORT = 443;
+constexpr char DETECT_DNS_APP[] = "jorn_detect_pkt_dns_app";
 constexpr int REDIRECT_PIECES = 5;
 
 using name_buffer = char[65];
 
 dns_look_up look_up(uint32_t address_be, uint16_t port, int web_mode, name_buffer &name) {
-    if (web_mode != 0 && port != HTTP_PORT && port != HTTPS_PORT)
+    if (web_mode != 0 && !is_web_port(port))
         return dns_look_up::not_asked;
-    return look_up_dns_name(address_be, name, JORN_AS(FUNCTION));
+    return look_up_dns_name(address_be, name, JORN_AS(DETECT_DNS_APP));
 }
 
 // The destination, and the source when the destination has no name.
 dns_look_up look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name) {
     dns_look_up result = look_up(ctx.dst_ip, ctx.dst_port, web_mode, name);
     if (result == dns_look_up::named) {
-        JORN_DEBUG_AS(FUNCTION, "the dst ip is %s, the domain name is %s\n",
+        JORN_DEBUG_AS(DETECT_DNS_APP, "the dst ip is %s, the domain name is %s\n",
                       ipv4_text(ctx.dst_ip).c_str(), printable_text(name).c_str());
     }
     if (result == dns_look_up::named || result == dns_look_up::failed)
@@ -39,7 +38,7 @@ dns_look_up look_up_flow(const pkt_ctx &ctx, int web_mode, name_buffer &name) {
 
     result = look_up(ctx.src_ip, ctx.src_port, web_mode, name);
     if (result == dns_look_up::named) {
-        JORN_DEBUG_AS(FUNCTION, "the src ip is %s, the domain name is %s\n",
+        JORN_DEBUG_AS(DETECT_DNS_APP, "the src ip is %s, the domain name is %s\n",
                       ipv4_text(ctx.src_ip).c_str(), printable_text(name).c_str());
     }
     return result;
@@ -52,8 +51,8 @@ void learn_redirect(const pkt_ctx &ctx, const name_buffer &name) {
         jorn_parse_redirect_ip(field_text(ctx.http_location), &address_be) != 0)
         return;
     if (learn_dns_name(address_be, field_text(ctx.app_name)) == 0) {
-        JORN_DEBUG_AS(FUNCTION, "http 302 update, the ip is 0x%x, %s, the dns is %s \n", address_be,
-                      ipv4_text(address_be).c_str(), printable_text(name).c_str());
+        JORN_DEBUG_AS(DETECT_DNS_APP, "http 302 update, the ip is 0x%x, %s, the dns is %s \n",
+                      address_be, ipv4_text(address_be).c_str(), printable_text(name).c_str());
     }
 }
 

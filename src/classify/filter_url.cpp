@@ -1,6 +1,7 @@
 #include "classify/detect.h"
 #include "classify/dns_app.h"
 #include "classify/trailer_step.h"
+#include "classify/web_ports.h"
 #include "core/base/log.h"
 #include "core/base/record_bytes.h"
 #include "core/base/settings.h"
@@ -17,20 +18,16 @@ namespace {
 
 using std::string_view;
 
-constexpr char FUNCTION[] = "jorn_detect_pkt_utp";
-constexpr uint16_t HTTP_PORT = 80;
-constexpr uint16_t HTTPS_PORT = 443;
 constexpr size_t DOMAIN_MAX = sizeof(urlf_request::domain) - 1;
 static_assert(sizeof(urlf_reply) == sizeof(pkt_ctx::uf_reply));
 
 // No name at all is known: the server goes by its address.
 bool name_by_server(pkt_ctx &ctx) {
-    const bool to_server = ctx.dst_port == HTTP_PORT || ctx.dst_port == HTTPS_PORT;
-    const uint32_t server = to_server ? ctx.dst_ip : ctx.src_ip;
+    const uint32_t server = is_web_port(ctx.dst_port) ? ctx.dst_ip : ctx.src_ip;
     if (server == 0)
         return false;
     copy_text(ctx.app_name, ipv4_text(server).c_str());
-    JORN_DEBUG_AS(FUNCTION, "*** Server IP %s (port %d) to be used for web-category\n",
+    JORN_DEBUG_AS(DETECT_UTP, "*** Server IP %s (port %d) to be used for web-category\n",
                   ctx.app_name, ctx.dst_port);
     return true;
 }
@@ -39,11 +36,11 @@ bool name_by_server(pkt_ctx &ctx) {
 // server's address. Returns false for a server without an address: nobody knows what to ask for.
 bool choose_domain(pkt_ctx &ctx, string_view kernel_domain) {
     if (!kernel_domain.empty()) {
-        JORN_DEBUG_AS(FUNCTION, "Domain name from kernel = %s\n",
+        JORN_DEBUG_AS(DETECT_UTP, "Domain name from kernel = %s\n",
                       printable_text(kernel_domain).c_str());
         copy_text(ctx.app_name, kernel_domain.substr(0, DOMAIN_MAX));
     } else if (jorn_detect_pkt_dns_app(&ctx, 1) == JORN_DETECT_MATCH) {
-        JORN_DEBUG_AS(FUNCTION, " Domain retrieved from cache %s and org_app %s \n",
+        JORN_DEBUG_AS(DETECT_UTP, " Domain retrieved from cache %s and org_app %s \n",
                       printable_text(ctx.app_name).c_str(), printable_text(ctx.orig_app).c_str());
     } else {
         return name_by_server(ctx);
@@ -56,7 +53,7 @@ void merge_video_hosts(pkt_ctx &ctx) {
     const string_view cdn = field_text(jorn_settings.video_stream_domain);
     if (cdn.empty() || !contains_ignoring_case(field_text(ctx.app_name), cdn))
         return;
-    JORN_DEBUG_AS(FUNCTION, "%s is asked for as %s\n", printable_text(ctx.app_name).c_str(),
+    JORN_DEBUG_AS(DETECT_UTP, "%s is asked for as %s\n", printable_text(ctx.app_name).c_str(),
                   jorn_settings.video_stream_domain);
     copy_text(ctx.app_name, cdn);
 }
@@ -91,7 +88,7 @@ bool ask_agent(const urlf_request &request, urlf_reply &reply) {
         return false;
     gettimeofday(&after, nullptr);
     timersub(&after, &before, &taken);
-    JORN_DEBUG_AS(FUNCTION, "Time taken by IPC %ld.%06ld\n", static_cast<long>(taken.tv_sec),
+    JORN_DEBUG_AS(DETECT_UTP, "Time taken by IPC %ld.%06ld\n", static_cast<long>(taken.tv_sec),
                   static_cast<long>(taken.tv_usec));
     return true;
 }
@@ -102,8 +99,9 @@ after_step take_category(pkt_ctx &ctx, int32_t category) {
         ctx.app_cat_id = static_cast<uint16_t>(category);
         return after_step::matched;
     }
-    JORN_DEBUG_AS(FUNCTION, "Invalid category or Webroot is not reachable. fallaback to ARC if its "
-                            "enabled\n");
+    JORN_DEBUG_AS(DETECT_UTP,
+                  "Invalid category or Webroot is not reachable. fallaback to ARC if its "
+                  "enabled\n");
     return after_step::next;
 }
 
@@ -117,18 +115,18 @@ after_step filter_url(pkt_ctx &ctx, const trailer_view &trailer) {
         return after_step::undecided;
     merge_video_hosts(ctx);
     const urlf_request request = category_request(ctx);
-    JORN_DEBUG_AS(FUNCTION, " Domain name len = %d\n", static_cast<int>(request.domain_length));
+    JORN_DEBUG_AS(DETECT_UTP, " Domain name len = %d\n", static_cast<int>(request.domain_length));
     if (request.domain_length == 0)
         return after_step::undecided;
     if (jorn_check_white_black_list(&ctx, field_text(ctx.app_name)) == WEB_FOUND)
         return after_step::matched;
-    JORN_DEBUG_AS(FUNCTION, "White/black list is not configured for %s domain\n",
+    JORN_DEBUG_AS(DETECT_UTP, "White/black list is not configured for %s domain\n",
                   printable_text(ctx.app_name).c_str());
 
     urlf_reply reply;
     if (!ask_agent(request, reply))
         return after_step::next;
-    JORN_DEBUG_AS(FUNCTION, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
+    JORN_DEBUG_AS(DETECT_UTP, "category: %d status: %d URL: %s url retry: %d Flow id: %d\n",
                   reply.answer.categories[0], reply.answer.status,
                   printable_text(request.domain).c_str(), trailer.url_retry(),
                   static_cast<int>(trailer.flow_id()));

@@ -6,6 +6,9 @@
 
 #include <cstdint>
 
+// Who says in the log what became of them.
+constexpr char DETECT_UTP[] = "jorn_detect_pkt_utp";
+
 // Where a packet goes on behind a step of the trailer.
 enum class after_step : uint8_t {
     next,      // to the step behind it
