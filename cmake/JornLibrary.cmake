@@ -9,6 +9,11 @@
 # with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names, and where it
 # has them with the headers of JORN_PRECOMPILED (cmake/Precompiled.cmake).
 #
+# Where all is built again and again, the preset asan, its sources are compiled in one piece
+# (CMAKE_UNITY_BUILD): headers are read and templates made once for a library. So what its sources
+# keep for themselves, in unnamed namespaces, has names that are unique in it. What is shipped is
+# compiled source by source, which also shows an include that is missing.
+#
 # The directory holds symbolic links, one per header, made afresh with every configuration: a header
 # that left the list is gone. A library without sources is header-only.
 function(jorn_library name folder)
