@@ -93,17 +93,26 @@ const char *order_word(list_order order) {
 }
 
 listing::listing(const present &shown, const list_wanted &wanted, int64_t now_ms)
-    : shown_(shown), wanted_(wanted), filter_(avcore::lower_case(wanted.filter)), now_ms_(now_ms) {
-    if (wanted.kind == list_kind::flows) {
-        const auto flows = shown.flows(wanted.chosen);
-        rows_.reserve(flows.size()); // there may be many, and the machine may be small
+    : shown_(shown), wanted_(wanted), filter_(avcore::lower_case(wanted.filter)) {
+    std::vector<listed> rows = found(now_ms);
+    sort(rows);
+    keys_.reserve(rows.size());
+    for (const listed &each : rows)
+        keys_.push_back(key_of(each));
+}
+
+std::vector<listing::listed> listing::found(int64_t now_ms) const {
+    std::vector<listed> rows;
+    if (wanted_.kind == list_kind::flows) {
+        const auto flows = shown_.flows(wanted_.chosen);
+        rows.reserve(flows.size()); // there may be many, and the machine may be small
         for (const watched_flow *each : flows)
-            add({nullptr, each, 0, 0, {}});
+            add(rows, {nullptr, each, 0, 0, {}}, now_ms);
     } else {
         for (const flow_sum *each : sums())
-            add({each, nullptr, 0, 0, {}});
+            add(rows, {each, nullptr, 0, 0, {}}, now_ms);
     }
-    sort();
+    return rows;
 }
 
 std::vector<const flow_sum *> listing::sums() const {
@@ -114,39 +123,39 @@ std::vector<const flow_sum *> listing::sums() const {
 }
 
 // There may be as many as a gate has flows: names are only made where they are needed.
-void listing::add(listed added) {
+void listing::add(std::vector<listed> &rows, listed added, int64_t now_ms) const {
     if (!filter_.empty() && !fits_filter(added))
         return;
-    const figures found = figures_of(added);
+    const figures found = figures_of(added, now_ms);
     added.amount =
         amount_of(wanted_.order, found.now, found.up, found.down, found.dropped, found.last_us);
     added.total = static_cast<double>(found.up.bytes + found.down.bytes);
     if (wanted_.order == list_order::name)
         added.name = avcore::lower_case(name_of(added));
-    rows_.push_back(std::move(added));
+    rows.push_back(std::move(added));
 }
 
-void listing::sort() {
-    const auto key_of =
+void listing::sort(std::vector<listed> &rows) {
+    const auto place_of =
         [](const listed &of) -> std::tuple<uint64_t, std::string_view, std::string_view> {
         if (of.flow != nullptr)
             return {of.flow->number, {}, {}};
         return {0, of.sum->client.text(), of.sum->application.text()};
     };
-    std::ranges::sort(rows_, [&](const listed &a, const listed &b) {
+    std::ranges::sort(rows, [&](const listed &a, const listed &b) {
         if (a.amount != b.amount)
             return a.amount > b.amount;
         if (const int order = a.name.compare(b.name); order != 0)
             return order < 0;
         if (a.total != b.total)
             return a.total > b.total;
-        return key_of(a) < key_of(b);
+        return place_of(a) < place_of(b);
     });
 }
 
-listing::figures listing::figures_of(const listed &of) const {
+listing::figures listing::figures_of(const listed &of, int64_t now_ms) const {
     if (of.flow != nullptr)
-        return {shown_.rates_of(*of.flow, now_ms_), of.flow->up, of.flow->down, of.flow->dropped,
+        return {shown_.rates_of(*of.flow, now_ms), of.flow->up, of.flow->down, of.flow->dropped,
                 of.flow->last_us};
     return {of.sum->now, of.sum->up, of.sum->down, of.sum->dropped, of.sum->last_us};
 }
@@ -179,19 +188,23 @@ bool listing::fits_filter(const listed &tried) const {
                                 [&](const std::string &address) { return has({address}); }));
 }
 
-std::string listing::key(size_t row) const {
-    if (rows_[row].flow != nullptr)
-        return rows_[row].flow->id();
-    return wanted_.kind == list_kind::clients ? rows_[row].sum->client.text()
-                                              : rows_[row].sum->application.text();
+std::string listing::key_of(const listed &of) const {
+    if (of.flow != nullptr)
+        return of.flow->id();
+    return wanted_.kind == list_kind::clients ? of.sum->client.text() : of.sum->application.text();
 }
 
 std::optional<size_t> listing::row_of(const std::string &key) const {
-    for (size_t i = 0; i < rows_.size(); ++i) {
-        if (this->key(i) == key)
-            return i;
-    }
-    return std::nullopt;
+    const auto at = std::ranges::find(keys_, key);
+    if (at == keys_.end())
+        return std::nullopt;
+    return static_cast<size_t>(at - keys_.begin());
+}
+
+const flow_sum *listing::sum_with(const std::string &key) const {
+    flow_choice chosen = wanted_.chosen;
+    (wanted_.kind == list_kind::clients ? chosen.client : chosen.application) = key;
+    return shown_.sum(chosen);
 }
 
 std::span<const screen_column> listing::columns() const {
@@ -206,13 +219,19 @@ std::span<const screen_column> listing::columns() const {
     return FLOW_COLUMNS;
 }
 
-std::vector<std::string> listing::cells(size_t row) const {
-    return rows_[row].flow != nullptr ? flow_cells(rows_[row]) : sum_cells(rows_[row]);
+// Of what has gone meanwhile there is nothing.
+std::vector<std::string> listing::cells(size_t row, int64_t now_ms) const {
+    if (wanted_.kind == list_kind::flows) {
+        if (const watched_flow *flow = shown_.flow(keys_[row]))
+            return flow_cells(*flow, now_ms);
+    } else if (const flow_sum *sum = sum_with(keys_[row])) {
+        return sum_cells(*sum);
+    }
+    return std::vector<std::string>(columns().size());
 }
 
-std::vector<std::string> listing::sum_cells(const listed &of) const {
-    const flow_sum &sum = *of.sum;
-    std::vector<std::string> cells = {name_of(of)};
+std::vector<std::string> listing::sum_cells(const flow_sum &sum) const {
+    std::vector<std::string> cells = {name_of({&sum, nullptr, 0, 0, {}})};
     if (wanted_.kind == list_kind::clients) {
         const known_client *known = shown_.clients().with_key(sum.client.text());
         const bool has_address = known != nullptr && !known->said.addresses.empty();
@@ -228,9 +247,8 @@ std::vector<std::string> listing::sum_cells(const listed &of) const {
     return cells;
 }
 
-std::vector<std::string> listing::flow_cells(const listed &of) const {
-    const watched_flow &flow = *of.flow;
-    const traffic_rates now = shown_.rates_of(flow, now_ms_);
+std::vector<std::string> listing::flow_cells(const watched_flow &flow, int64_t now_ms) const {
+    const traffic_rates now = shown_.rates_of(flow, now_ms);
     return {client_text(shown_, flow.client_key.text()),
             server_text(flow),
             flow.application.text(),
@@ -244,10 +262,12 @@ std::vector<std::string> listing::flow_cells(const listed &of) const {
 }
 
 line_style listing::style(size_t row) const {
-    const watched_flow *flow = rows_[row].flow;
-    if (flow == nullptr)
-        return rows_[row].sum->flows == 0 ? line_style::faded : line_style::plain;
-    if (!flow->ended.empty())
+    if (wanted_.kind != list_kind::flows) {
+        const flow_sum *sum = sum_with(keys_[row]);
+        return sum == nullptr || sum->flows == 0 ? line_style::faded : line_style::plain;
+    }
+    const watched_flow *flow = shown_.flow(keys_[row]);
+    if (flow == nullptr || !flow->ended.empty())
         return line_style::faded;
     return flow->verdict.text() == DENIED ? line_style::denied : line_style::plain;
 }

@@ -21,19 +21,24 @@ struct list_wanted {
     flow_choice chosen; // whose applications, which one's clients, whose flows
     list_order order = list_order::rate;
     std::string filter; // a part of a name, in any case
+
+    bool operator==(const list_wanted &) const = default;
 };
 
-// Of the present at one moment: it is to be made anew when that has changed.
+// Which rows there were, and their order, when it was made: to put as many as a gate has flows in
+// order takes its time. The cells of a row are of the moment in which they are asked for.
 class listing {
 public:
     listing(const present &shown, const list_wanted &wanted, int64_t now_ms);
 
-    size_t size() const { return rows_.size(); }
-    std::string key(size_t row) const; // the client's, the application's name, the flow's id
+    const list_wanted &wanted() const { return wanted_; }
+    size_t size() const { return keys_.size(); }
+    // The client's, the application's name, the flow's id.
+    const std::string &key(size_t row) const { return keys_[row]; }
     std::optional<size_t> row_of(const std::string &key) const;
 
     std::span<const screen_column> columns() const;
-    std::vector<std::string> cells(size_t row) const;
+    std::vector<std::string> cells(size_t row, int64_t now_ms) const;
     line_style style(size_t row) const;
 
 private:
@@ -51,20 +56,22 @@ private:
         std::string name;
     };
 
+    std::vector<listed> found(int64_t now_ms) const;
     std::vector<const flow_sum *> sums() const;
-    void add(listed added);
-    void sort();
-    figures figures_of(const listed &of) const;
+    void add(std::vector<listed> &rows, listed added, int64_t now_ms) const;
+    static void sort(std::vector<listed> &rows);
+    figures figures_of(const listed &of, int64_t now_ms) const;
     std::string name_of(const listed &of) const;
+    std::string key_of(const listed &of) const;
     bool fits_filter(const listed &tried) const;
-    std::vector<std::string> sum_cells(const listed &of) const;
-    std::vector<std::string> flow_cells(const listed &of) const;
+    const flow_sum *sum_with(const std::string &key) const;
+    std::vector<std::string> sum_cells(const flow_sum &sum) const;
+    std::vector<std::string> flow_cells(const watched_flow &flow, int64_t now_ms) const;
 
     const present &shown_;
-    const list_wanted &wanted_;
+    const list_wanted wanted_;
     const std::string filter_; // in lower case
-    const int64_t now_ms_;
-    std::vector<listed> rows_;
+    std::vector<std::string> keys_;
 };
 
 // What a client is called: its name, or else its key.

@@ -265,10 +265,21 @@ std::vector<screen_line> top_model::body(const screen_size &size, int64_t now_ms
     return now().flow_id.empty() ? list_lines(size, now_ms) : explanation_lines(size, now_ms);
 }
 
+const listing &top_model::list(int64_t now_ms) {
+    const bool is_new = listed_ && listed_ticks_ == shown_.ticks() &&
+                        listed_told_ == shown_.is_told() && listed_->wanted() == now().wanted;
+    if (!is_new) {
+        listed_.emplace(shown_, now().wanted, now_ms);
+        listed_ticks_ = shown_.ticks();
+        listed_told_ = shown_.is_told();
+    }
+    return *listed_;
+}
+
 std::vector<screen_line> top_model::list_lines(const screen_size &size, int64_t now_ms) {
     // A cell for the mark before a right-to-left name: at a line's begin it would have none.
     const std::string margin = " ";
-    const listing rows(shown_, now().wanted, now_ms);
+    const listing &rows = list(now_ms);
     const row_layout layout(rows.columns(), size.columns - std::min(size.columns, margin.size()));
     find_place(rows);
     std::vector<screen_line> lines = {
@@ -276,7 +287,8 @@ std::vector<screen_line> top_model::list_lines(const screen_size &size, int64_t 
     keys_.clear();
     for (size_t i = now().first; i < rows.size() && keys_.size() < page_; ++i) {
         const line_style style = i == now().place ? line_style::chosen : rows.style(i);
-        lines.push_back({fitted_shown(margin + layout.row(rows.cells(i)), size.columns), style});
+        lines.push_back(
+            {fitted_shown(margin + layout.row(rows.cells(i, now_ms)), size.columns), style});
         keys_.push_back(rows.key(i));
     }
     return lines;

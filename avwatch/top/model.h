@@ -74,6 +74,7 @@ private:
     std::vector<screen_line> list_lines(const screen_size &size, int64_t now_ms);
     std::vector<screen_line> explanation_lines(const screen_size &size, int64_t now_ms);
     static std::vector<screen_line> help_lines(const screen_size &size);
+    const listing &list(int64_t now_ms);
     void find_place(const listing &rows);
     screen_line title(size_t columns) const;
     std::string path() const;
@@ -82,6 +83,9 @@ private:
     const present &shown_;
     const bool utc_;
     std::vector<level> levels_;     // the last one is shown
+    std::optional<listing> listed_; // made anew by each tick, and when another one is wanted
+    uint64_t listed_ticks_ = 0;
+    bool listed_told_ = false;
     std::vector<std::string> keys_; // of the rows on the screen, as they were drawn
     int64_t moved_ = 0;             // rows, since then
     size_t page_ = 1;               // rows that fit
