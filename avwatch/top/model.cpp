@@ -9,7 +9,8 @@
 namespace avwatch {
 namespace {
 
-constexpr size_t LINES_AROUND = 4; // title, path, heading, bottom
+constexpr size_t LINES_AROUND = 4;                         // title, path, heading, bottom
+constexpr size_t COLUMNS_FOR_ALL = 80, LINES_FOR_ALL = 24; // what is left out on less is missed
 constexpr size_t FILTER_MAX_BYTES = 128;
 constexpr size_t LABEL_COLUMNS = 12;
 constexpr char KEYS[] = "q leave  ? help  / filter  c a f lists  Enter in  Esc back";
@@ -240,16 +241,23 @@ void top_model::find_place(const listing &rows) {
     at.first = std::min(at.first, rows.size() - std::min(rows.size(), page_));
 }
 
+std::optional<flow_record> top_model::take_question() {
+    level &at = now();
+    if (at.flow_id.empty() || std::exchange(at.is_asked, true))
+        return std::nullopt;
+    return at.flow;
+}
+
+void top_model::take_answer(const std::string &flow_id, std::vector<explained_line> what_else) {
+    if (now().flow_id == flow_id)
+        now().what_else = std::move(what_else);
+}
+
 std::vector<screen_line> top_model::draw(const screen_size &size, int64_t now_ms,
                                          const std::string &trouble) {
     page_ = std::max<size_t>(size.lines, LINES_AROUND + 1) - LINES_AROUND;
     std::vector<screen_line> lines = {title(size.columns)};
-    lines.push_back({two_ends(path(),
-                              shown_.left_out() != 0
-                                  ? counted(shown_.left_out(), "message", "messages") + " left out"
-                                  : "",
-                              size.columns),
-                     line_style::path});
+    lines.push_back({two_ends(path(), beside_path(size), size.columns), line_style::path});
     for (screen_line &each : body(size, now_ms))
         lines.push_back(std::move(each));
     const size_t above = size.lines - std::min<size_t>(size.lines, 1);
@@ -299,13 +307,18 @@ std::vector<screen_line> top_model::explanation_lines(const screen_size &size, i
     const watched_flow *flow = shown_.flow(at.flow_id);
     traffic_rates rates;
     if (flow != nullptr) {
-        at.flow = flow->record();
+        flow_record next = flow->record();
+        if (next.verdict != at.flow.verdict || next.why.text != at.flow.why.text)
+            at.is_asked = false;
+        at.flow = std::move(next);
         rates = shown_.rates_of(*flow, now_ms);
     }
     const std::string client =
         client_text(shown_, shown_.clients().key_of(at.flow.client_mac, at.flow.client));
     std::vector<screen_line> all;
-    for (const auto &[label, text] : explain_flow(at.flow, client, rates, utc_)) {
+    std::vector<explained_line> said = explain_flow(at.flow, client, rates, utc_);
+    said.insert(said.end(), at.what_else.begin(), at.what_else.end());
+    for (const auto &[label, text] : said) {
         const size_t label_columns = std::min(LABEL_COLUMNS, size.columns / 2);
         std::string shown_label = label;
         for (const std::string &piece : wrapped(text, size.columns - label_columns)) {
@@ -359,6 +372,12 @@ std::string top_model::path() const {
     }
     const std::string &filter = levels_.back().wanted.filter;
     return filter.empty() || is_typing_ ? path : path + "  / " + filter;
+}
+
+std::string top_model::beside_path(const screen_size &size) const {
+    if (shown_.left_out() != 0)
+        return counted(shown_.left_out(), "message", "messages") + " left out";
+    return size.lines < LINES_FOR_ALL || size.columns < COLUMNS_FOR_ALL ? "wants 80 x 24" : "";
 }
 
 screen_line top_model::bottom(size_t columns, const std::string &trouble) const {

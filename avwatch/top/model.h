@@ -45,6 +45,12 @@ public:
     // False: it leaves.
     bool press(const pressed_key &key);
 
+    // The flow that is explained, once for each verdict: who can say what else would decide is to
+    // be asked.
+    std::optional<flow_record> take_question();
+    // Where that flow is explained still.
+    void take_answer(const std::string &flow_id, std::vector<explained_line> what_else);
+
     // As many lines as the screen has. `trouble` is why nobody tells, empty where avcore does.
     std::vector<screen_line> draw(const screen_size &size, int64_t now_ms,
                                   const std::string &trouble);
@@ -58,6 +64,8 @@ private:
         size_t first = 0;    // row on the screen
         std::string flow_id; // of an explanation; empty: it is a list
         flow_record flow;    // as it was when it was there last
+        bool is_asked = false;
+        std::vector<explained_line> what_else; // would decide
         size_t scrolled = 0;
     };
 
@@ -78,6 +86,7 @@ private:
     void find_place(const listing &rows);
     screen_line title(size_t columns) const;
     std::string path() const;
+    std::string beside_path(const screen_size &size) const;
     screen_line bottom(size_t columns, const std::string &trouble) const;
 
     const present &shown_;

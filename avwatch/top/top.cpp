@@ -7,6 +7,7 @@
 #include "avwatch/present/watcher.h"
 #include "avwatch/top/model.h"
 #include "avwatch/top/terminal.h"
+#include "avwatch/top/what_else.h"
 #include "shared/command_line.h"
 #include "shared/unique_fd.h"
 
@@ -17,6 +18,7 @@
 #include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace avwatch {
 namespace {
@@ -42,6 +44,7 @@ public:
         : shown_(read.aliases, read.history.names, WATCH_EVERY_MS),
           watcher_(asked.watch_socket, shown_),
           signals_(signals_of_terminal()),
+          asker_(asked),
           model_(shown_, asked.utc) {
         watcher_.connect(avcore::monotonic_ms());
         screen_.emplace();
@@ -53,6 +56,8 @@ public:
             {.descriptor = [this] { return watcher_.descriptor(); },
              .due_ms = [this](int64_t now_ms) { return watcher_.has_more() ? now_ms : NEVER_MS; },
              .serve = [this](int64_t now_ms) { watcher_.listen(now_ms); }});
+        loop_.add({.descriptor = [this] { return asker_.descriptor(); },
+                   .serve = [this](int64_t) { take_answer(); }});
         loop_.add({.due_ms = [this](int64_t) { return watcher_.due_ms(); },
                    .serve = [this](int64_t now_ms) { watcher_.serve(now_ms); }});
     }
@@ -78,6 +83,8 @@ private:
         drawn_told_ = shown_.is_told();
         drawn_trouble_ = watcher_.trouble();
         screen_->draw(model_.draw(screen_->size(), avcore::monotonic_ms(), drawn_trouble_));
+        if (const std::optional<flow_record> about = model_.take_question())
+            ask(*about);
     }
 
     void take_signals() {
@@ -100,9 +107,23 @@ private:
         goes_on_ = goes_on_ && !screen_->has_ended();
     }
 
+    void ask(const flow_record &about) {
+        const bool is_asked = asker_.ask(about);
+        model_.take_answer(
+            about.id, {{"without it", is_asked ? "is being found out" : "can't be found out now"}});
+    }
+
+    void take_answer() {
+        if (auto said = asker_.answer()) {
+            model_.take_answer(asker_.flow_id(), std::move(*said));
+            has_input_ = true;
+        }
+    }
+
     present shown_;
     watcher watcher_;
     const unique_fd signals_;
+    what_else_asker asker_;
     top_model model_;
     std::optional<terminal> screen_;
     avcore::loop loop_;

@@ -1,10 +1,17 @@
 // What `avwatch why` is asked.
 #pragma once
 
+#include "avwatch/client/records.h"
+
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace avwatch {
+
+// For people; neither is made showable.
+using labelled_text = std::pair<std::string, std::string>;
 
 struct why_settings {
     std::string client;      // as known_clients::find takes it
@@ -15,6 +22,8 @@ struct why_settings {
     std::string config_file; // of avcore
     std::string captured_on; // the interface that rules of that file may name
     std::vector<std::string> categories; // FILE or FILE=CATEGORY, as avcore takes them
+    // Which flow of the client's is meant; none: the one that the others fit.
+    std::function<bool(const flow_record &flow)> is_flow;
     bool as_json = false;
 };
 

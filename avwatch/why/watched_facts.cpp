@@ -83,6 +83,8 @@ bool is_called(const flow_record &flow, const std::string &name) {
 
 // Whether it is the flow that is asked about; of what isn't given any will do.
 bool is_meant(const flow_record &flow, const why_settings &asked) {
+    if (asked.is_flow)
+        return asked.is_flow(flow);
     if (!equals_ignoring_case(flow.protocol, "tcp") && !equals_ignoring_case(flow.protocol, "udp"))
         return false;
     if (!asked.protocol.empty() && !equals_ignoring_case(flow.protocol, asked.protocol))
@@ -334,6 +336,8 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     of_client.client = address ? address->text() : key;
     const std::vector<flow_record> flows = ask_flows(*avcore, of_client);
     const std::optional<flow_record> flow = meant_flow(flows, asked);
+    if (!flow && asked.is_flow)
+        throw refused("avcore has this flow no more");
 
     flow_facts facts = begin_facts(
         flow ? endpoint_of(*flow) : known_endpoint(clients, key, address, server), asked);

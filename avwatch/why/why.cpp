@@ -52,20 +52,25 @@ std::optional<outcome> other_protocols(const why_settings &asked, const flow_fac
     return is_same_decision(found, by_other) ? std::nullopt : std::optional(std::move(by_other));
 }
 
-int answer_question(const why_settings &asked, const invocation &around) {
+// Calls `say` with the answer, and returns what that does.
+template <typename Say>
+auto with_answer(const why_settings &asked, const invocation &around, Say &&say) {
     const flow_facts facts = facts_of(asked, around);
     loaded_documents documents = load_documents(asked.policy_file);
     documents.made.dpi_engine = facts.dpi_engine;
     const fitting_parts fitting = find_fitting(documents.made, facts.flow, facts.answers);
-    const answer found = {documents, facts, fitting,
-                          other_protocols(asked, facts, documents.made, fitting.now)};
-    if (asked.as_json) {
+    return say(answer{documents, facts, fitting,
+                      other_protocols(asked, facts, documents.made, fitting.now)});
+}
+
+int print(const answer &found, bool as_json) {
+    if (as_json) {
         std::cout << to_line(json_of(found)) << '\n';
     } else {
         for (const std::string &line : lines_of(found))
             std::cout << shown_text(line) << '\n';
     }
-    return status_of(fitting.now);
+    return status_of(found.fitting.now);
 }
 
 } // namespace
@@ -73,11 +78,16 @@ int answer_question(const why_settings &asked, const invocation &around) {
 int explain(const why_settings &asked, const invocation &around) {
     jornctl::complain_as("avwatch");
     try {
-        return answer_question(with_name_apart(asked), around);
+        return with_answer(with_name_apart(asked), around,
+                           [&](const answer &found) { return print(found, asked.as_json); });
     } catch (const std::exception &reason) {
         complain(reason.what());
         return NOT_ANSWERED;
     }
+}
+
+std::vector<labelled_text> what_else(const why_settings &asked, const invocation &around) {
+    return with_answer(asked, around, what_else_of);
 }
 
 } // namespace avwatch

@@ -295,13 +295,19 @@ std::string not_asked(const answer &all, const outcome &found) {
                                   "engine (tm_support of avcore's configuration)";
 }
 
-// What is to be said beside the answer.
-std::vector<std::string> notes_of(const answer &all) {
+bool is_decided_otherwise(const answer &all) {
+    const outcome &now = all.fitting.now;
+    const std::string &standing = all.facts.standing_verdict;
+    return !standing.empty() && standing != verdict_word(now) && all.documents.tried.name.empty() &&
+           now.unanswered.empty();
+}
+
+// What is to be said beside the answer and the facts.
+std::vector<std::string> doubts_of(const answer &all) {
     const outcome &now = all.fitting.now;
     const flow_facts &facts = all.facts;
-    std::vector<std::string> notes = facts.notes;
-    if (!facts.standing_verdict.empty() && facts.standing_verdict != verdict_word(now) &&
-        all.documents.tried.name.empty() && now.unanswered.empty())
+    std::vector<std::string> notes;
+    if (is_decided_otherwise(all))
         notes.emplace_back("the daemon decided otherwise: by something that isn't known here, or "
                            "by a packet of the other side's");
     if (const std::string missing = not_asked(all, now); !missing.empty())
@@ -311,6 +317,23 @@ std::vector<std::string> notes_of(const answer &all) {
                         "; with the other one: " + sentence_of(all, *all.by_other_protocol));
     notes.insert(notes.end(), all.documents.doubts.begin(), all.documents.doubts.end());
     return notes;
+}
+
+std::vector<std::string> notes_of(const answer &all) {
+    std::vector<std::string> notes = all.facts.notes;
+    for (std::string &each : doubts_of(all))
+        notes.push_back(std::move(each));
+    return notes;
+}
+
+std::vector<std::string> then_of(const answer &all) {
+    std::vector<std::string> said;
+    const outcome *before = &all.fitting.now;
+    for (const outcome &each : all.fitting.then) {
+        said.push_back(without_text(all, *before, each) + sentence_of(all, each));
+        before = &each;
+    }
+    return said;
 }
 
 } // namespace
@@ -341,14 +364,22 @@ std::vector<std::string> lines_of(const answer &found) {
     row("name", name.empty() ? "none" : in_quotes(name) + ", by " + name_source(found, now));
     for (const std::string &each : notes_of(found))
         row("note", each);
-    const outcome *before = &now;
-    for (const outcome &each : found.fitting.then) {
-        if (before == &now)
-            lines.emplace_back("without it:");
-        lines.push_back((before == &now ? "  " : "  then ") + without_text(found, *before, each) +
-                        sentence_of(found, each));
-        before = &each;
-    }
+    const std::vector<std::string> then = then_of(found);
+    if (!then.empty())
+        lines.emplace_back("without it:");
+    for (const std::string &each : then)
+        lines.push_back((&each == &then.front() ? "  " : "  then ") + each);
+    return lines;
+}
+
+std::vector<labelled_text> what_else_of(const answer &found) {
+    std::vector<labelled_text> lines;
+    for (std::string &each : then_of(found))
+        lines.emplace_back(lines.empty() ? "without it" : "then", std::move(each));
+    if (lines.empty() && !is_decided_otherwise(found))
+        lines.emplace_back("without it", "nothing else would decide");
+    for (std::string &each : doubts_of(found))
+        lines.emplace_back("note", std::move(each));
     return lines;
 }
 

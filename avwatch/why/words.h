@@ -23,6 +23,8 @@ struct answer {
 // have some.
 std::vector<std::string> lines_of(const answer &found);
 nlohmann::ordered_json json_of(const answer &found);
+// What would decide without what decides, and what makes that doubtful.
+std::vector<labelled_text> what_else_of(const answer &found);
 
 // Whether the same part decides the same.
 bool is_same_decision(const outcome &one, const outcome &other);

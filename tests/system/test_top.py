@@ -4,8 +4,12 @@ import json
 import re
 import tempfile
 
-from testbed import *
+from records import *
 from test_avwatch import GREETING, LAPTOP, TV, client, flow
+
+
+PROFILE = {"rule": 0, "interface": "wlan0", "utp": 3, "if_index": 1, "server_interface": "eth0", "server_utp": 0,
+           "server_if_index": 2, "web_utp": [0, 0], "filter": [], "engine": True}
 
 
 class Avcore:
@@ -44,8 +48,10 @@ class Avcore:
             say({**answer, "listed": True})
             self.followers.append((connection, answer))
         else:
-            for each in (client(TV, "192.0.2.1"), client(LAPTOP, "192.0.2.2", host_name="laptop")):
-                say({**answer, "client": each})
+            answers = {"clients": [client(TV, "192.0.2.1"), client(LAPTOP, "192.0.2.2", host_name="laptop")],
+                       "flows": self.flows, "profile": [PROFILE]}
+            for each in answers.get(question["ask"], []):
+                say({**answer, question["ask"].removesuffix("s"): each})
             say({**answer, "done": True})
 
     def tell(self, **message):
@@ -58,8 +64,9 @@ class Avcore:
             ended.close()
 
 
-class Top(unittest.TestCase):
+class OnTerminal(unittest.TestCase):
     def setUp(self):
+        super().setUp()
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder, self.socket = folder.name, folder.name + "/watch.sock"
@@ -72,7 +79,7 @@ class Top(unittest.TestCase):
                               check=check, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=DEADLINE,
                               env={**os.environ, "LC_ALL": "C.UTF-8", "SHELL": "/bin/sh"}).stdout.decode()
 
-    def start(self, before="", columns=80, lines=24):
+    def open(self, before="", columns=80, lines=24):
         self.tmux("new-session", "-d", "-x", str(columns), "-y", str(lines), "sh")
         self.run_top(before)
 
@@ -97,11 +104,13 @@ class Top(unittest.TestCase):
                 self.fail(f"{texts}, without {without}:\n{screen}")
             time.sleep(0.05)
 
+
+class Top(OnTerminal):
     def test_from_clients_to_a_reason(self):
         denied = flow(2, application="games.example", verdict="deny", dropped=[3, 0], gate="denies",
                       why={"rule": 1, "by": "web policy", "text": "named by DNS; by the web policy, Games"})
         avcore = Avcore(self.socket, flow(1), denied, flow(3, client_mac=LAPTOP, client="192.0.2.2"))
-        self.start()
+        self.open()
         screen = self.wait("telly", '"laptop"', "3 flows").splitlines()
         self.assertRegex(screen[0], "^avwatch top: clients by rate .* up 0 B/s  down 0 B/s$")
         self.assertRegex(screen[2], "^ CLIENT +APPS +FLOWS +UP NOW +DOWN NOW +UP +DOWN +DROPPED$")
@@ -126,7 +135,7 @@ class Top(unittest.TestCase):
         self.wait("left with 0")
 
     def test_avcore_goes_and_comes(self):
-        self.start(columns=150)
+        self.open(columns=150)
         self.wait("nobody is at the watch socket", "left with 2")
         avcore = Avcore(self.socket, flow(1))
         self.run_top()
@@ -142,7 +151,7 @@ class Top(unittest.TestCase):
         hostile = [flow(number, client_mac=LAPTOP, application=name) for number, name in enumerate(
             ["a\x1b[2J\x1b]0;x\x07b\n", "x\u202etxt.exe", "\u05d0\u05d1 1", "\u6f22\u5b57\U0001f600"])]
         avcore = Avcore(self.socket, *hostile)
-        self.start("TERM=vt100", columns=100, lines=30)
+        self.open("TERM=vt100", columns=100, lines=30)
         self.wait("laptop")
         self.keys("a", "n")
         self.wait("a?[2J?]0;x?b?", "x?txt.exe", " \u200e\u05d0\u05d1 1\u200e ", "\u6f22\u5b57\U0001f600")
@@ -164,7 +173,7 @@ class Top(unittest.TestCase):
 
     def test_leaves_the_terminal_as_it_was(self):
         Avcore(self.socket, flow(1))
-        self.start()
+        self.open()
         self.wait("telly")
         pid = int(subprocess.check_output(["pgrep", "-f", f"^{jorn_path('avwatch')} .*{self.socket} top"]))
         os.kill(pid, signal.SIGTERM)
@@ -176,6 +185,26 @@ class Top(unittest.TestCase):
         done = subprocess.run([jorn_path("avwatch"), "--watch-socket", self.socket, "top"], stdin=subprocess.DEVNULL,
                               capture_output=True, timeout=DEADLINE)
         self.assertEqual((done.returncode, b"top needs a terminal" in done.stderr, done.stdout), (1, True, b""))
+
+
+class WhatElse(OnTerminal, JudgingTest):
+    def test_would_decide(self):
+        rules = [{"app_name": "games", "deny": True}, {"app_name": "example", "rate_down": 1000}]
+        document = {"policies": [{"utp_id": 3, "name": "guests", "rules": rules}]}
+        self.assertEqual(jornctl("apply", "-", document=document)[0], 0)
+        why = {"rule": 0, "named_by": "dns", "name": "www.games.example", "text": "by rule 1"}
+        avcore = Avcore(self.socket, flow(1), flow(2, application="www.games.example", verdict="deny", why=why))
+        self.open(columns=100, lines=40)
+        self.wait("telly")
+        self.keys("f", "/", "GAMES", "Enter", "Enter")
+        self.wait('without it  limited by rule 2 of policy "guests"', "then        passes: no rule")
+        avcore.close()
+        self.wait("has ended the connection")
+        os.unlink(self.socket)
+        self.keys("Escape", "Enter")
+        self.wait("without it  not known: nobody is at the watch socket", "www.games.example")
+        self.keys("q")
+        self.wait("left with 0")
 
 
 if __name__ == "__main__":

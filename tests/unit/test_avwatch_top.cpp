@@ -309,6 +309,18 @@ TEST_F(AvwatchTop, LeadsFromAClientToTheReason) {
     EXPECT_EQ(lines[3].style, line_style::chosen);
     press(key_kind::enter);
     EXPECT_TRUE(shows("decided by"));
+    ASSERT_EQ(top.take_question().value_or(flow_record()).id, present::id_of("f2"));
+    EXPECT_FALSE(top.take_question());
+    top.take_answer(present::id_of("f1"), {{"without it", "another flow's"}});
+    top.take_answer(present::id_of("f2"), {{"without it", "allowed by\nrule 4"}});
+    press(key_kind::end);
+    EXPECT_TRUE(shows("without it  allowed by?rule 4"));
+    EXPECT_FALSE(shows("another flow's"));
+    denied.verdict = "allow";
+    take(denied);
+    draw();
+    EXPECT_TRUE(top.take_question());
+    press(key_kind::home);
     press(key_kind::page_down);
     EXPECT_TRUE(shows("xx end")); // on a line of its own
     denied.ended = "fin";
@@ -385,6 +397,8 @@ TEST_F(AvwatchTop, FitsAnyScreenWithAnyName) {
     press(key_kind::end);
     draw({12, 80});
     EXPECT_EQ(std::ranges::count(lines, line_style::chosen, &screen_line::style), 1);
+    EXPECT_TRUE(lines[1].text.ends_with("wants 80 x 24"));
+    EXPECT_EQ(draw({24, 80})[1].text.find("wants"), std::string::npos);
     trouble = "avcore has ended the connection";
     EXPECT_TRUE(shows("has ended the connection; tried again"));
 }
