@@ -41,7 +41,7 @@ def show_ways_in(port):
     say(f"""\
   {BOLD}http://127.0.0.1:{port}/{RESET}    in a browser on this machine
   {BIN}/avwatch -c {PAGE_CONFIG} --watch-socket {WATCH_SOCKET} top
-                            in another terminal; "clients", "why" and the others do, too""")
+                            in another terminal; "clients", "apps", "flows" and "denials", too""")
     note("  Ctrl-C ends all of it.")
 
 
