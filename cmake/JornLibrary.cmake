@@ -9,7 +9,7 @@
 # with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names, and where it
 # has them with the headers of JORN_PRECOMPILED (cmake/Precompiled.cmake).
 #
-# Where all is built again and again, the preset asan, its sources are compiled in one piece
+# Where all is built again and again, the presets asan and fuzz, its sources are compiled in one piece
 # (CMAKE_UNITY_BUILD): headers are read and templates made once for a library. So what its sources
 # keep for themselves, in unnamed namespaces, has names that are unique in it. What is shipped is
 # compiled source by source, which also shows an include that is missing.
