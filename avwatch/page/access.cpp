@@ -10,7 +10,6 @@ namespace avwatch {
 namespace {
 
 constexpr char COOKIE[] = "jorn_page";
-constexpr char COOKIE_S[] = "2592000"; // thirty days
 
 bool is_address(const std::string &name) {
     const bool is_bracketed = name.size() > 2 && name.front() == '[' && name.back() == ']';
@@ -56,7 +55,10 @@ std::optional<page_reply> page_access::stranger_refusal(const page_request &aske
         return refuse(421, "this machine isn't known by that name here: \"hosts\" in [http] of "
                            "avwatch's configuration has those that are\n");
     const std::string own = (settings_.is_encrypted ? "https://" : "http://") + asked.host;
-    const bool is_click = asked.fetch_mode == "navigate";
+    // A frame or a prefetch navigates as well; and what a click leads to isn't the table's answers,
+    // which cost something.
+    const bool is_click = asked.fetch_mode == "navigate" && asked.fetch_dest == "document" &&
+                          (asked.path == "/" || asked.path == "/enter");
     const bool is_elsewhere = !asked.fetch_site.empty() && asked.fetch_site != "same-origin" &&
                               asked.fetch_site != "none";
     if ((!asked.origin.empty() && avcore::lower_case(asked.origin) != avcore::lower_case(own)) ||
@@ -65,9 +67,9 @@ std::optional<page_reply> page_access::stranger_refusal(const page_request &aske
     return std::nullopt;
 }
 
-std::optional<page_reply> page_access::refusal(const page_request &asked) const {
+std::optional<page_reply> page_access::refusal(const page_request &asked, int64_t now_s) const {
     std::optional<page_reply> refused = stranger_refusal(asked);
-    if (refused || is_known(asked))
+    if (refused || is_known(asked, now_s))
         return refused;
     page_reply reply = refuse(
         401, "who isn't on this machine needs a token, or a link: \"avwatch link\" prints one\n");
@@ -75,7 +77,7 @@ std::optional<page_reply> page_access::refusal(const page_request &asked) const 
     return reply;
 }
 
-bool page_access::is_known(const page_request &asked) const {
+bool page_access::is_known(const page_request &asked, int64_t now_s) const {
     if (asked.is_from_loopback)
         return true;
     if (settings_.token.empty())
@@ -84,12 +86,18 @@ bool page_access::is_known(const page_request &asked) const {
     const std::string_view given = asked.authorization;
     if (avcore::lower_case(std::string(given.substr(0, scheme.size()))) == scheme)
         return is_same_secret(given.substr(scheme.size()), settings_.token);
-    return is_same_secret(cookie_in(asked.cookie, COOKIE), pass_of(settings_.token));
+    return is_pass(cookie_in(asked.cookie, COOKIE), settings_.token, now_s);
 }
 
 // A page that goes on by itself: behind a redirection, a browser that came by another site's link
-// would keep the cookie back.
+// would keep the cookie back. What asks by HEAD only looks whether the link leads anywhere, and
+// leaves it good.
 page_reply page_access::enter(const page_request &asked, int64_t now_s) {
+    if (asked.is_head) {
+        page_reply reply = refuse(405, "");
+        reply.headers.emplace_back("Allow", "GET");
+        return reply;
+    }
     if (settings_.token.empty() || !tickets_.take(asked.argument("ticket"), settings_.token, now_s))
         return refuse(403,
                       "this link was used or is too old: \"avwatch link\" prints another one\n");
@@ -98,8 +106,9 @@ page_reply page_access::enter(const page_request &asked, int64_t now_s) {
     reply.constant_body = "<!doctype html><meta charset=\"utf-8\">"
                           "<meta http-equiv=\"refresh\" content=\"0;url=/\">"
                           "<title>jorn</title><a href=\"/\">jorn</a>\n";
-    std::string cookie = std::string(COOKIE) + '=' + pass_of(settings_.token) +
-                         "; Path=/; Max-Age=" + COOKIE_S + "; HttpOnly; SameSite=Strict";
+    std::string cookie = std::string(COOKIE) + '=' + make_pass(settings_.token, now_s) +
+                         "; Path=/; Max-Age=" + std::to_string(PASS_S) +
+                         "; HttpOnly; SameSite=Strict";
     if (settings_.is_encrypted)
         cookie += "; Secure";
     reply.headers.emplace_back("Set-Cookie", std::move(cookie));

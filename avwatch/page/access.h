@@ -5,7 +5,7 @@
 // - a request must name this machine by an IP address, as "localhost" or by one of `hosts`. A name
 //   that somebody else answers for could become ours while a page of theirs is open;
 // - a request that says that another site's page made it is refused, but for the click that leads
-//   here.
+//   to the page, or to it by a link.
 #pragma once
 
 #include "avwatch/page/exchange.h"
@@ -29,7 +29,7 @@ public:
     explicit page_access(access_settings settings) : settings_(std::move(settings)) {}
 
     // What is said to who may not; nothing to who may.
-    std::optional<page_reply> refusal(const page_request &asked) const;
+    std::optional<page_reply> refusal(const page_request &asked, int64_t now_s) const;
     // The answer to a link's request: the cookie, where the ticket is a good one. Whoever it is.
     page_reply enter(const page_request &asked, int64_t now_s);
 
@@ -37,7 +37,7 @@ public:
     std::optional<page_reply> stranger_refusal(const page_request &asked) const;
 
 private:
-    bool is_known(const page_request &asked) const;
+    bool is_known(const page_request &asked, int64_t now_s) const;
 
     const access_settings settings_;
     ticket_counter tickets_;

@@ -12,15 +12,17 @@
 
 namespace avwatch {
 
-// Of GET or HEAD. An empty text: it isn't there.
+// An empty text: it isn't there.
 struct page_request {
+    bool is_head = false; // else GET
     std::string path;
     std::map<std::string, std::string> arguments; // behind the question mark, decoded
     std::string host;
     std::string origin;
     std::string authorization;
     std::string cookie;
-    std::string fetch_site, fetch_mode; // what a browser says of who asks, where and how
+    // What a browser says of who asks, how, and what for.
+    std::string fetch_site, fetch_mode, fetch_dest;
     bool is_from_loopback = false;
 
     // Empty where it isn't there.

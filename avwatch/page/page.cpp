@@ -167,7 +167,8 @@ page_reply page::answer(const page_request &asked) {
 page_reply page::found(const page_request &asked) {
     const route *chosen = route_to(asked.path);
     const bool is_for_strangers = chosen != nullptr && chosen->is_for_strangers;
-    if (auto refused = is_for_strangers ? access_.stranger_refusal(asked) : access_.refusal(asked))
+    if (auto refused = is_for_strangers ? access_.stranger_refusal(asked)
+                                        : access_.refusal(asked, time(nullptr)))
         return std::move(*refused);
     if (chosen != nullptr) {
         try {

@@ -4,7 +4,9 @@
 // - The token is the file's text. A program sends it as it is.
 // - A link carries a ticket, which is good once and for TICKET_S: a link stays in a browser's list
 //   of what it visited, and in the terminal.
-// - A browser gets a pass for it, a cookie. All of them end when the file has another token.
+// - A browser gets a pass for it, a cookie that is good for PASS_S. All of them end when the file
+// has
+//   another token.
 //
 // Tickets and passes are keyed digests (HMAC-SHA256, RFC 2104) with the token for a key, so nobody
 // has to remember them.
@@ -18,6 +20,7 @@
 namespace avwatch {
 
 inline constexpr int64_t TICKET_S = 600;
+inline constexpr int64_t PASS_S = int64_t{30} * 86'400;
 
 // The token in the file. Throws refused: it can't be read, others may read it, or what it holds is
 // too short to be a secret.
@@ -26,7 +29,8 @@ std::string read_token(const std::string &file);
 std::string read_or_make_token(const std::string &file);
 
 std::string make_ticket(const std::string &token, int64_t now_s);
-std::string pass_of(const std::string &token);
+std::string make_pass(const std::string &token, int64_t now_s);
+bool is_pass(std::string_view given, const std::string &token, int64_t now_s);
 
 // Compares in a time that says nothing of where they differ.
 bool is_same_secret(std::string_view given, std::string_view secret);

@@ -135,8 +135,9 @@ MHD_Result take_argument(void *context, MHD_ValueKind /*kind*/, const char *name
     return MHD_YES;
 }
 
-page_request request_of(MHD_Connection *connection, const char *url) {
+page_request request_of(MHD_Connection *connection, const char *url, bool is_head) {
     page_request asked;
+    asked.is_head = is_head;
     asked.path = url;
     const std::pair<const char *, std::string &> headers[] = {
         {MHD_HTTP_HEADER_HOST, asked.host},
@@ -144,7 +145,8 @@ page_request request_of(MHD_Connection *connection, const char *url) {
         {MHD_HTTP_HEADER_COOKIE, asked.cookie},
         {"Sec-Fetch-Site", asked.fetch_site},
         {MHD_HTTP_HEADER_AUTHORIZATION, asked.authorization},
-        {"Sec-Fetch-Mode", asked.fetch_mode}};
+        {"Sec-Fetch-Mode", asked.fetch_mode},
+        {"Sec-Fetch-Dest", asked.fetch_dest}};
     for (const auto &[name, value] : headers) {
         const char *text = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
         value = text != nullptr ? text : "";
@@ -179,7 +181,8 @@ struct http_server::callbacks {
         try {
             if (asked != MHD_HTTP_METHOD_GET && asked != MHD_HTTP_METHOD_HEAD)
                 return send(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "GET and HEAD only\n");
-            page_reply reply = server.answer_(request_of(connection, url));
+            page_reply reply =
+                server.answer_(request_of(connection, url, asked == MHD_HTTP_METHOD_HEAD));
             return reply.events ? begin_stream(server, connection, std::move(reply))
                                 : send(connection, reply);
         } catch (const std::exception &) {

@@ -70,60 +70,77 @@ struct AvwatchPage : testing::Test {
                {now, [] { return "gone"; }, [] { return "jorn_avcore_up 1\n"; }, "/none/at/all"}};
 };
 
+using request_text = std::string page_request::*;
+constexpr request_text HOST = &page_request::host;
+constexpr request_text ORIGIN = &page_request::origin;
+constexpr request_text BEARER = &page_request::authorization;
+constexpr request_text COOKIE = &page_request::cookie;
+constexpr request_text SITE = &page_request::fetch_site;
+constexpr request_text MODE = &page_request::fetch_mode;
+constexpr request_text DEST = &page_request::fetch_dest;
+
+std::string pass_cookie(int64_t age_s = 0, const std::string &token = TOKEN) {
+    return "jorn_page=" + make_pass(token, time(nullptr) - age_s);
+}
+
+const struct {
+    const char *what;
+    bool is_from_loopback;
+    std::vector<std::pair<request_text, std::string>> headers;
+    unsigned status;
+    unsigned data_status = 0; // of what isn't the page itself, where that is another one
+} WHO_ASKS[] = {
+    {"this machine", true, {}, 200},
+    {"a name of this machine's", true, {{HOST, "AP.example.:8080"}}, 200},
+    {"IPv6", true, {{HOST, "[::1]:8080"}}, 200},
+    {"a name that is somebody else's", true, {{HOST, "evil.example"}}, 421},
+    {"one that ends alike", true, {{HOST, "evil.ap.example"}}, 421},
+    {"one that looks like an address", true, {{HOST, "127.0.0.1.evil.example"}}, 421},
+    {"no name", true, {{HOST, ""}}, 421},
+    {"its own page", true, {{ORIGIN, "http://localhost:8080"}, {SITE, "same-origin"}}, 200},
+    {"another one's page", true, {{ORIGIN, "http://evil.example"}}, 403},
+    {"a page of another port", true, {{ORIGIN, "http://localhost:9"}}, 403},
+    {"a page that hides where it is", true, {{ORIGIN, "null"}}, 403},
+    {"a script of another one's page", true, {{SITE, "cross-site"}, {MODE, "no-cors"}}, 403},
+    {"a click there",
+     true,
+     {{SITE, "cross-site"}, {MODE, "navigate"}, {DEST, "document"}},
+     200,
+     403},
+    {"a frame there", true, {{SITE, "same-site"}, {MODE, "navigate"}, {DEST, "iframe"}}, 403},
+    {"elsewhere", false, {}, 401},
+    {"the token", false, {{BEARER, std::string("bearer ") + TOKEN}}, 200},
+    {"half of it", false, {{BEARER, "Bearer a token"}}, 401},
+    {"none of it", false, {{BEARER, "Bearer "}}, 401},
+    {"the cookie", false, {{COOKIE, "a=b; " + pass_cookie()}}, 200},
+    {"an old one", false, {{COOKIE, pass_cookie(PASS_S + 1)}}, 401},
+    {"one that was made to last", false, {{COOKIE, "jorn_page=9" + pass_cookie().substr(10)}}, 401},
+    {"a ticket for it", false, {{COOKIE, "jorn_page=" + make_ticket(TOKEN, time(nullptr))}}, 401},
+    {"the token for a cookie", false, {{COOKIE, std::string("jorn_page=") + TOKEN}}, 401},
+    {"a cookie that ends alike", false, {{COOKIE, 'x' + pass_cookie()}}, 401},
+    {"the cookie, for another one's page",
+     false,
+     {{COOKIE, pass_cookie()}, {ORIGIN, "http://evil.example"}},
+     403},
+};
+
 TEST_F(AvwatchPage, OnlyWhoMayLookDoes) {
-    using member = std::string page_request::*;
-    struct row {
-        const char *what;
-        bool is_from_loopback;
-        std::vector<std::pair<member, std::string>> headers;
-        unsigned status;
-    };
-    const member host = &page_request::host;
-    const member origin = &page_request::origin;
-    const member token = &page_request::authorization;
-    const member cookie = &page_request::cookie;
-    const member site = &page_request::fetch_site;
-    const member mode = &page_request::fetch_mode;
-    const row rows[] = {
-        {"this machine", true, {}, 200},
-        {"a name of this machine's", true, {{host, "AP.example.:8080"}}, 200},
-        {"IPv6", true, {{host, "[::1]:8080"}}, 200},
-        {"a name that is somebody else's", true, {{host, "evil.example"}}, 421},
-        {"one that ends alike", true, {{host, "evil.ap.example"}}, 421},
-        {"one that looks like an address", true, {{host, "127.0.0.1.evil.example"}}, 421},
-        {"no name", true, {{host, ""}}, 421},
-        {"its own page", true, {{origin, "http://localhost:8080"}, {site, "same-origin"}}, 200},
-        {"another one's page", true, {{origin, "http://evil.example"}}, 403},
-        {"a page of another port", true, {{origin, "http://localhost:9"}}, 403},
-        {"a page that hides where it is", true, {{origin, "null"}}, 403},
-        {"a script of another one's page", true, {{site, "cross-site"}, {mode, "no-cors"}}, 403},
-        {"a click there", true, {{site, "cross-site"}, {mode, "navigate"}}, 200},
-        {"elsewhere", false, {}, 401},
-        {"the token", false, {{token, std::string("bearer ") + TOKEN}}, 200},
-        {"half of it", false, {{token, "Bearer a token"}}, 401},
-        {"none of it", false, {{token, "Bearer "}}, 401},
-        {"the cookie", false, {{cookie, "a=b; jorn_page=" + pass_of(TOKEN)}}, 200},
-        {"the token for a cookie", false, {{cookie, std::string("jorn_page=") + TOKEN}}, 401},
-        {"a cookie that ends alike", false, {{cookie, "xjorn_page=" + pass_of(TOKEN)}}, 401},
-        {"the cookie, for another one's page",
-         false,
-         {{cookie, "jorn_page=" + pass_of(TOKEN)}, {origin, "http://evil.example"}},
-         403},
-    };
-    for (const row &each : rows) {
-        for (const char *path : {"/", "/metrics", "/api/rows"}) {
+    for (const auto &each : WHO_ASKS) {
+        for (const std::string path : {"/", "/metrics", "/api/rows"}) {
             page_request asked = each.is_from_loopback ? asking(path) : from_elsewhere(path);
             for (const auto &[header, text] : each.headers)
                 asked.*header = text;
+            const unsigned status =
+                path != "/" && each.data_status != 0 ? each.data_status : each.status;
             const page_reply reply = shown.answer(asked);
-            EXPECT_EQ(reply.status, each.status) << each.what << ' ' << path;
-            EXPECT_TRUE(each.status == 200 || reply.constant_body.empty()) << each.what;
+            EXPECT_EQ(reply.status, status) << each.what << ' ' << path;
+            EXPECT_TRUE(status == 200 || reply.constant_body.empty()) << each.what;
         }
     }
     page without_token({{}, "", false}, {now, nullptr, nullptr, ""});
     page_request asked = from_elsewhere("/");
     asked.authorization = "Bearer ";
-    asked.cookie = "jorn_page=" + pass_of("");
+    asked.cookie = pass_cookie(0, "");
     EXPECT_EQ(without_token.answer(asked).status, 401U);
 }
 
@@ -144,6 +161,9 @@ TEST_F(AvwatchPage, ALinkIsGoodOnceAndNotForLong) {
     page_request elsewhere = asked;
     elsewhere.host = "evil.example";
     EXPECT_EQ(shown.answer(elsewhere).status, 421U);
+    page_request looking = asked; // whether the link leads anywhere, as a messenger may
+    looking.is_head = true;
+    EXPECT_EQ(shown.answer(looking).status, 405U);
     const page_reply entered = shown.answer(asked);
     EXPECT_EQ(entered.status, 200U);
     const auto cookie =
@@ -170,6 +190,9 @@ TEST(AvwatchToken, IsMadeOnceForItsOwner) {
         std::ofstream(file) << text;
         EXPECT_THROW(read_token(file), refused) << text;
     }
+    std::filesystem::remove(file);
+    mkfifo(file.c_str(), 0600);
+    EXPECT_THROW(read_or_make_token(file), refused); // and doesn't wait for a writer
     std::filesystem::remove_all(folder);
 }
 
