@@ -168,6 +168,7 @@ struct http_server::stream {
     std::unique_ptr<event_source> source;
     std::shared_ptr<const std::string> waiting;
     size_t sent = 0; // of it
+    int64_t end_ms = 0;
     bool is_suspended = false;
     bool is_over = false;
 };
@@ -197,8 +198,8 @@ struct http_server::callbacks {
         std::shared_ptr<const std::string> first = reply.events->next();
         if (server.streams_.empty())
             server.streams_due_ms_ = server.now_ms_ + STREAM_EVERY_MS;
-        server.streams_.push_back(
-            {server, connection, std::move(reply.events), std::move(first), 0, false, false});
+        server.streams_.push_back({server, connection, std::move(reply.events), std::move(first), 0,
+                                   server.now_ms_ + STREAM_MS, false, false});
         stream &begun = server.streams_.back();
         owned_response response(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, STREAM_BLOCK,
                                                                   &callbacks::read_stream, &begun,
@@ -207,7 +208,8 @@ struct http_server::callbacks {
             server.streams_.pop_back();
             return MHD_NO;
         }
-        server.deadlines_ms_[connection] = server.now_ms_ + STREAM_MS;
+        // It ends by itself, which a browser takes for no error, but where its reader is slow.
+        server.deadlines_ms_[connection] = server.now_ms_ + STREAM_MS + CONNECTION_MS;
         return send(connection, reply, std::move(response));
     }
 
@@ -301,7 +303,7 @@ void http_server::serve(int64_t now_ms) {
     now_ms_ = now_ms;
     end_overdue(now_ms);
     if (!streams_.empty() && now_ms >= streams_due_ms_) {
-        feed_streams();
+        feed_streams(now_ms);
         streams_due_ms_ = now_ms + STREAM_EVERY_MS;
     }
     const size_t before = deadlines_ms_.size();
@@ -325,12 +327,14 @@ void http_server::end_overdue(int64_t now_ms) {
 }
 
 // Those who have read all: what was sent before goes on by itself.
-void http_server::feed_streams() {
+void http_server::feed_streams(int64_t now_ms) {
     for (stream &each : streams_) {
         if (!each.is_suspended)
             continue;
         try {
-            each.waiting = each.source->next();
+            each.is_over = now_ms >= each.end_ms;
+            if (!each.is_over)
+                each.waiting = each.source->next();
             each.sent = 0;
         } catch (const std::exception &) {
             each.is_over = true; // no memory

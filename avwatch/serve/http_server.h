@@ -49,7 +49,7 @@ private:
     struct stream;
 
     void end_overdue(int64_t now_ms);
-    void feed_streams();
+    void feed_streams(int64_t now_ms);
 
     struct stopper {
         void operator()(MHD_Daemon *running) const;
