@@ -228,7 +228,7 @@ std::vector<usage_bar> read_bars(database &file, const usage_query &query) {
             row.bind(1, std::string_view(query.application));
             row.bind(2, static_cast<int64_t>(query.names)).bind(3, std::string_view(UNNAMED));
             while (row.step())
-                bars.push_back({row.number(0), amounts_in(row, 1)});
+                bars.push_back({row.number(0), each.table == DAYS, amounts_in(row, 1)});
         }
     }
     file.run("COMMIT");

@@ -54,6 +54,7 @@ usage_reach read_usage(database &file, const usage_query &query, const usage_tak
 // which nothing was.
 struct usage_bar {
     int64_t start_s = 0;
+    bool is_utc_day = false; // else the day is the query's
     amounts values = {};
 };
 std::vector<usage_bar> read_bars(database &file, const usage_query &query);

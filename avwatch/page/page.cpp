@@ -1,6 +1,7 @@
 #include "avwatch/page/page.h"
 
 #include "avcore/base/monotonic_clock.h"
+#include "avwatch/base/units.h"
 #include "avwatch/history/schema.h"
 #include "avwatch/history/usage.h"
 #include "avwatch/page/assets.h"
@@ -60,16 +61,21 @@ ordered_json rates_of(const std::vector<traffic_rates> &course, float traffic_ra
     return rates;
 }
 
-ordered_json bars_of(const std::vector<usage_bar> &bars) {
+// A day has its date, too: where the browser is another day may begin.
+ordered_json bars_of(const std::vector<usage_bar> &bars, const usage_query &query) {
     ordered_json rows = ordered_json::array();
     for (const usage_bar &each : bars) {
         const amounts &values = each.values;
-        rows.push_back({{"from_us", static_cast<uint64_t>(each.start_s) * 1'000'000},
+        const uint64_t from_us = static_cast<uint64_t>(each.start_s) * 1'000'000;
+        rows.push_back({{"from_us", from_us},
                         {"up", {values[UP_PACKETS], values[UP_BYTES]}},
                         {"down", {values[DOWN_PACKETS], values[DOWN_BYTES]}},
                         {"dropped", {values[DENIED_PACKETS], values[LIMITED_PACKETS]}},
                         {"flows", values[FLOWS]},
                         {"denials", values[DENIALS]}});
+        if (query.by == grouping::day)
+            rows.back()["date"] =
+                time_text(from_us, query.utc || each.is_utc_day).substr(0, sizeof "2026-11-26" - 1);
     }
     return rows;
 }
@@ -240,7 +246,7 @@ page_reply page::history(const page_request &asked) {
         database file(sources_.history_file, database::access::read_only, LOCK_PATIENCE_MS);
         check_history(file);
         file.give_up_after(READING_MS);
-        return json_reply({{"bars", bars_of(read_bars(file, query))}});
+        return json_reply({{"bars", bars_of(read_bars(file, query), query)}});
     } catch (const database_error &error) {
         if (error.code == SQLITE_INTERRUPT)
             return failure(503, "there is too much of that to be read now: \"avwatch usage\" does");
