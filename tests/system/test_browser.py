@@ -17,14 +17,14 @@ WATCH_SOCKET, FOLDER = "/run/jorn/watch.sock", "/tmp/page"
 
 
 class Browsing:
-    def open(self, fragment="", size="1200,900"):
+    def open(self, fragment="", size="1200,900", page="http://%s:%d/" % HTTP):
         options = Options()
         for word in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=" + size):
             options.add_argument(word)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options)
         self.addCleanup(self.browser.quit)
-        self.browser.get("http://%s:%d/" % HTTP + fragment)
+        self.browser.get(page + fragment)
 
     def js(self, text):
         return self.browser.execute_script("return " + text)
@@ -127,7 +127,7 @@ class BehindAGate(Browsing, InlineTest):
                 return json.loads(said.read())["bars"]
         wait_until(bars)
         self.browser.find_element(By.XPATH, "//button[text()='Hours']").click()
-        wait_until(lambda: self.looks_at("span=hour") and self.js("about.plot.data[0].length") == 1)
+        wait_until(lambda: self.looks_at("span=hour") and self.js("about.plot.data[0].length") >= 1)
         self.assertEqual(self.text("plot-trouble"), "")
 
     def lose_who_decides(self):
@@ -144,16 +144,19 @@ class BehindAGate(Browsing, InlineTest):
         wait_until(lambda: self.text("state") == "")
 
 
-class Played(Browsing, Served):
+class Played(Browsing, Asking):
     def test_hostile_names_and_many_rows(self):
         flows = [flow(number, number, number, application=HOSTILE[number % len(HOSTILE)],
                       id="<b>%d" % number, host=HOSTILE[(number + 1) % len(HOSTILE)]) for number in range(10_000)]
         avcore = Avcore(self.socket, flows)
+        avcore.clients = [{"client_mac": MAC.format(number), "addresses": [], "host_name": name, "flows": 1,
+                           "up": [0, 0], "down": [0, 0], "dropped": [0, 0], "last_us": 2} for number, name in enumerate(HOSTILE, 2)]
         self.serve()
         self.open("#table=flows&order=bytes", "400,800")
         wait_until(lambda: self.text("total") == "10000 flows", "all flows")
         wait_until(lambda: self.rows() and self.column(1)[0] not in ("", "…"))
         self.assertLessEqual(set(self.column(1)), set(SEEN))
+        self.assertIn(f'"{HOSTILE[0]}"', self.column(0))
         self.assertIn(HOSTILE[0], self.column(1))
         self.assertTrue(5 < len(self.rows()) < 100, self.rows())
         self.assertTrue(self.js("document.documentElement.scrollWidth <= window.innerWidth"))
@@ -163,13 +166,15 @@ class Played(Browsing, Served):
         self.assertLess(len(self.rows()), 100)
 
         why = {"by": "web policy", "text": HOSTILE[1]}
-        denied = flow(1, 200, 2_000, application=HOSTILE[0], verdict="deny", why=why)
+        denied = flow(2, 200, 2_000, application=HOSTILE[0], verdict="deny", why=why)
         avcore.tell({"event": {"what": "denied", "us": 7, "flow": denied}},
                     {"event": {"what": "gate", "us": 8, "state": "gone", "interface": HOSTILE[1]}}, watching=True)
         self.press("4")
         wait_until(lambda: self.column(4) == [HOSTILE[1]])
         self.press(Keys.ENTER)
-        wait_until(lambda: HOSTILE[1] in self.text("members") and HOSTILE[0] in self.text("ways"))
+        wait_until(lambda: HOSTILE[1] in self.text("members") and
+                   all(f"{what} of {name}" in self.text("ways") for what, name in
+                       (("Applications", f'"{HOSTILE[0]}"'), ("Clients", HOSTILE[0]))))
         self.browser.find_element(By.PARTIAL_LINK_TEXT, "Clients of").click()
         wait_until(lambda: self.looks_at("table=clients") and self.rows() and HOSTILE[0] in self.text("path"))
         self.press("5")
@@ -184,7 +189,7 @@ class Played(Browsing, Served):
             return sum(words[1].endswith(":%04X" % HTTP[1]) and words[3] == "01" for words in map(str.split, lines))
 
     def test_keys_colours_and_a_hidden_tab(self):
-        Avcore(self.socket, [flow(number, number, number) for number in range(9)])
+        avcore = Avcore(self.socket, [flow(number, number, number) for number in range(9)])
         self.serve()
         self.open("#table=flows&order=bytes")
         wait_until(lambda: len(self.rows()) == 9)
@@ -192,6 +197,13 @@ class Played(Browsing, Served):
         self.press(Keys.ARROW_DOWN, Keys.ARROW_DOWN)
         wait_until(lambda: self.js(chosen) == "2")
         self.assertEqual(self.js("document.getElementById('grid').getAttribute('aria-activedescendant')"), "row-2")
+        avcore.tell({"flow": flow(0, 99, 99)}, watching=True)
+        wait_until(lambda: self.js(chosen) == "3")  # it goes with its row
+        self.browser.find_element(By.XPATH, "//button[text()='Down ▼']").click()
+        wait_until(lambda: self.looks_at("reversed=1"))
+        self.press(Keys.ENTER)
+        wait_until(lambda: not self.looks_at("reversed=1"))
+        self.assertEqual(self.js("document.activeElement.textContent"), "Down ▼")
         self.press("/")
         self.press("app2")  # what is a key elsewhere, too, as 2 is, is text there
         wait_until(lambda: self.looks_at("part=app2") and set(self.column(1)) == {"app2"})
@@ -217,6 +229,34 @@ class Played(Browsing, Served):
         wait_until(lambda: self.streams() == 1)
         self.assert_no_complaints()
 
+    def test_refused_and_left_alone(self):
+        Avcore(self.socket, [flow(number, number, number) for number in range(9)])
+        self.serve()
+        others = [self.ask("/api/live") for _ in range(24)]
+        self.open()
+        wait_until(lambda: self.text("state") == "too many look on already")
+        for each in others:
+            each.close()
+        wait_until(lambda: self.text("state") == "" and self.rows())
+        self.stop()
+        wait_until(lambda: "nobody answers" in self.text("state"))
+        self.serve()
+        wait_until(lambda: self.text("state") == "")
+        # The course is read anew: nothing is drawn over the time in which nobody answered.
+        wait_until(lambda: self.js("about.plot.data[0].every((at, i, all) => i === 0 || at - all[i - 1] < 3)"))
+
+
+class Entered(Browsing, AskingFromElsewhere):
+    def test_a_link_is_followed(self):
+        Avcore(self.socket, [flow(number, number, number) for number in range(9)])
+        self.configure_http()
+        self.serve()
+        self.open(page=self.link())
+        wait_until(lambda: len(self.rows()) == 9)
+        self.browser.get("http://%s:%d/#table=flows" % self.http)
+        wait_until(lambda: self.looks_at("table=flows") and len(self.rows()) == 9)
+        self.assert_no_complaints()
+
 
 if __name__ == "__main__":
-    unittest.main(defaultTest=["BehindAGate", "Played"])
+    unittest.main(defaultTest=["BehindAGate", "Played", "Entered"])

@@ -19,6 +19,7 @@ class Avcore:
 
     def __init__(self, path, flows=(), boot="b1"):
         self.path, self.flows, self.boot = path, flows, boot
+        self.clients = []
         self.following = []  # connections of who keeps the history
         self.watching = []   # and of who follows events, too
         self.saying = threading.Lock()
@@ -46,6 +47,8 @@ class Avcore:
                     looking = self.watching if "events" in question["follow"] else self.following
                     looking.append((connection, question["id"]))
                     continue
+                if question["ask"] == "clients":
+                    self.say(connection, *({"id": question["id"], "client": each} for each in self.clients))
                 told = {"counts": {"frames": 5}, "gate": {"there": True}}.get(question["ask"])
                 if told:
                     self.say(connection, {"id": question["id"], question["ask"]: told})

@@ -61,10 +61,11 @@ class Page(Asking):
         for more, expected in (("&application=APP1", [(100, 1_000)]), ("&application=", [(10, 20)]),
                                ("&client=" + MAC.format(1), [(100, 1_000)]), ("&client=nobody", [])):
             self.assertEqual(bars(more), expected, more)
-        self.assertEqual(len(self.said("/api/history?by=day")["bars"]), 1)
+        day, = self.said("/api/history?by=day")["bars"]
+        self.assertEqual(day["date"], time.strftime("%Y-%m-%d", time.localtime(day["from_us"] / 1e6)))
 
 
-class Elsewhere(Asking):
+class AskingFromElsewhere(Asking):
     """From an address of this machine's that isn't loopback's."""
     http = (ELSEWHERE, 8080)
 
@@ -76,6 +77,11 @@ class Elsewhere(Asking):
     def configure_http(self, text=""):
         self.configure(f'[http]\ntoken = "{self.token}"\n{text}')
 
+    def link(self):
+        return self.avwatch("link", "--http", "%s:%d" % self.http).strip()
+
+
+class Elsewhere(AskingFromElsewhere):
     def test_a_link_opens_the_page(self):
         self.configure_http()
         self.serve()
@@ -84,7 +90,7 @@ class Elsewhere(Asking):
         with open(self.token) as token:
             bearer = "Bearer " + token.read().strip()
         self.assertIn(b"jorn_avcore_up", self.ask("/metrics", Authorization=bearer).read())
-        link = self.avwatch("link", "--http", "%s:%d" % self.http).strip()
+        link = self.link()
         self.assertTrue(link.startswith("http://%s:%d/enter?" % self.http), link)
         entered = self.ask(link.partition(":8080")[2])
         cookie = entered.headers["Set-Cookie"].partition(";")[0]
@@ -102,7 +108,7 @@ class Elsewhere(Asking):
         self.configure_http('key = "%s"\ncertificate = "%s"\n' % files)
         self.serve()
         encryption = ssl.create_default_context(cafile=files[1])
-        link = self.avwatch("link", "--http", "%s:%d" % self.http).strip()
+        link = self.link()
         self.assertTrue(link.startswith("https://"), link)
         entered = self.ask(link.partition(":8080")[2], encryption)
         self.assertIn("; Secure", entered.headers["Set-Cookie"])

@@ -6,7 +6,8 @@ const ROWS_MAX = 200; // of one answer
 const AROUND = 30; // rows that are kept above and below what is seen
 const SECONDS = 600; // of the course
 const LEGEND_PX = 34; // of the plot's height
-const RETRY_MS = 3000;
+const AGAIN_MS = 200; // an answer ends after some minutes, and the next one goes on with it
+const RETRY_MS = 3000; // where that ends at once, too
 const PATIENCE_MS = 2500; // before it is said that nobody answers
 const BARS_MS = 60000; // until they are read anew
 const SETTLE_MS = 250; // after the last turn of the wheel
@@ -84,7 +85,7 @@ function eventText(row) {
     return Object.hasOwn(EVENTS, name) ? EVENTS[name](shown(row.interface)) : shown(name);
 }
 
-// Who doesn't do their work, of those by whom a flow is judged; nothing where all do.
+// Who of those that judge a flow is missing; nothing where all are there.
 function troubleText(state) {
     if (!state.told)
         return `avcore doesn't tell: ${shown(state.trouble || "it is asked again and again")}`;
@@ -213,14 +214,16 @@ const amend = (next) => { // without a step to go back to
     apply();
 };
 
+// Throws what a refusal says.
 async function ask(path, words, signal) {
     const answer = await fetch(`${path}?${words}`, {signal, cache: "no-store"});
-    const said = answer.headers.get("Content-Type")?.startsWith("application/json")
-        ? await answer.json() : {error: (await answer.text()).trim()};
-    if (!answer.ok)
-        throw new Error(said?.error || `${answer.status}`);
-    return said;
+    if (answer.ok)
+        return answer;
+    const text = (await answer.text()).trim();
+    const isJson = answer.headers.get("Content-Type")?.startsWith("application/json");
+    throw new Error((isJson ? JSON.parse(text).error : text) || `${answer.status}`);
 }
+const askJson = async (path, words, signal) => (await ask(path, words, signal)).json();
 
 function make(tag, text, attributes = {}) {
     const made = document.createElement(tag);
@@ -254,11 +257,14 @@ const grid = {
     spare: [],
     asking: null, // what cancels the question for rows
     settling: 0,
+    headsOf: "",
 
+    // No more than a window reaches over: of a screen that is higher the rest stays empty.
     seen() {
         const scroll = byId("scroll");
         const first = Math.floor(scroll.scrollTop / this.rowHeight);
-        return {first, last: Math.min(this.total, first + Math.ceil(scroll.clientHeight / this.rowHeight) + 1)};
+        const rows = Math.min(ROWS_MAX - AROUND, Math.ceil(scroll.clientHeight / this.rowHeight) + 1);
+        return {first, last: Math.min(this.total, first + rows)};
     },
 
     window() {
@@ -282,26 +288,36 @@ const grid = {
         this.paint();
     },
 
+    // Those that are there stay, and with them the keyboard's focus.
     heads() {
-        const cells = TABLES[look.table].columns.map((column) => {
-            const kind = typeof column.kind === "string" ? column.kind : "";
+        const {columns} = TABLES[look.table];
+        if (this.headsOf !== look.table) {
+            this.headsOf = look.table;
+            byId("heads").replaceChildren(...columns.map((column) => this.newHead(column)));
+        }
+        columns.forEach((column, i) => {
+            const cell = byId("heads").children[i];
             const isOrder = column.order === look.order;
-            const cell = make(column.order ? "button" : "div", column.head + (isOrder ? (look.reversed ? " ▲" : " ▼") : ""),
-                              {class: `cell ${kind}`, role: "columnheader"});
+            setText(cell, column.head + (isOrder ? (look.reversed ? " ▲" : " ▼") : ""));
             if (isOrder)
                 cell.setAttribute("aria-sort", (column.order === "name") === look.reversed ? "descending" : "ascending");
-            if (column.order) {
-                cell.type = "button";
-                cell.addEventListener("click", () => amend({
-                    ...look, order: column.order, reversed: isOrder && !look.reversed}));
-            }
-            return cell;
+            else
+                cell.removeAttribute("aria-sort");
         });
-        byId("heads").replaceChildren(...cells);
+    },
+
+    newHead({order, kind}) {
+        const cell = make(order ? "button" : "div", "",
+                          {class: `cell ${typeof kind === "string" ? kind : ""}`, role: "columnheader"});
+        if (order) {
+            cell.type = "button";
+            cell.addEventListener("click", () => amend({...look, order, reversed: order === look.order && !look.reversed}));
+        }
+        return cell;
     },
 
     take(table) {
-        // The chosen row stays chosen when it has another place, as long as that is in the window.
+        // At the top the place stays chosen; elsewhere the row, as long as it is in the window.
         const before = this.rows[this.active - this.first];
         this.total = table.total;
         this.first = table.first;
@@ -309,7 +325,7 @@ const grid = {
         if (before) {
             const key = TABLES[look.table].key;
             const place = this.rows.findIndex((row) => key(row) === key(before));
-            if (place >= 0 && byId("scroll").scrollTop > 0)
+            if (place >= 0 && this.active > 0)
                 this.active = this.first + place;
         }
         this.active = Math.min(this.active, Math.max(0, this.total - 1));
@@ -398,11 +414,11 @@ const grid = {
         words.set("rows", rows);
         const asking = this.asking = new AbortController();
         try {
-            const table = await ask("/api/rows", words, asking.signal);
+            const table = await askJson("/api/rows", words, asking.signal);
             if (this.asking === asking) {
                 this.asking = null;
                 this.take(table);
-                if (!this.isLoaded() && table.rows.length > 0)
+                if (!this.isLoaded() && this.window().first !== first)
                     this.load();
             }
         } catch (error) {
@@ -451,6 +467,8 @@ const stream = {
     words: "",
     retry: 0,
     failing: 0,
+    isBroken: false, // since the last event
+    asking: null, // what cancels the question why it is refused
 
     follow() {
         if (document.hidden)
@@ -471,27 +489,48 @@ const stream = {
     take(state) {
         clearTimeout(this.failing);
         this.failing = 0;
+        if (this.isBroken)
+            about.load(); // with what passed meanwhile
+        this.isBroken = false;
         say(troubleText(state), true);
         about.take(state);
         const {first, last} = grid.seen();
         const table = state.table;
         // What was asked for before the last turn of the wheel may lie elsewhere.
         const reaches = table.first <= first && Math.min(last, table.total) <= table.first + table.rows.length;
-        if (reaches || grid.rows.length === 0)
+        if (reaches || table.first === grid.window().first || grid.rows.length === 0)
             grid.take(table);
     },
 
-    // A browser tries again by itself, but for an answer that says no.
+    // A browser would wait for some seconds, and for ever after a refusal, of which it says nothing.
     fail() {
         this.failing ||= setTimeout(() => say("nobody answers; it is tried again", true), PATIENCE_MS);
-        if (this.source.readyState !== EventSource.CLOSED)
-            return;
+        const isRefused = this.source.readyState === EventSource.CLOSED;
+        const words = this.words;
+        const wait = this.isBroken || isRefused ? RETRY_MS : AGAIN_MS;
         this.close();
-        this.retry = setTimeout(() => this.follow(), RETRY_MS);
+        this.isBroken = true;
+        if (isRefused)
+            this.sayRefusal(words);
+        this.retry = setTimeout(() => this.follow(), wait);
+    },
+
+    async sayRefusal(words) {
+        const asking = this.asking = new AbortController();
+        try {
+            await ask("/api/live", words, asking.signal);
+            asking.abort(); // not refused any more
+        } catch (error) {
+            if (error.name === "AbortError" || error instanceof TypeError)
+                return; // nobody answers
+            clearTimeout(this.failing);
+            say(shown(error.message), true);
+        }
     },
 
     close() {
         clearTimeout(this.retry);
+        this.asking?.abort();
         this.source?.close();
         this.source = null;
     },
@@ -534,12 +573,8 @@ const about = {
     },
 
     spans() {
-        const names = {now: "Ten minutes", hour: "Hours", day: "Days"};
-        byId("spans").replaceChildren(...Object.entries(names).map(([span, name]) => {
-            const button = make("button", name, {type: "button", "aria-pressed": String(span === look.span)});
-            button.addEventListener("click", () => amend({...look, span}));
-            return button;
-        }));
+        for (const button of byId("spans").children)
+            button.setAttribute("aria-pressed", String(button.value === look.span));
     },
 
     async load() {
@@ -551,7 +586,7 @@ const about = {
         if (span !== "now")
             words.set("by", span);
         try {
-            const said = await ask(span === "now" ? "/api/course" : "/api/history", words, asking.signal);
+            const said = await askJson(span === "now" ? "/api/course" : "/api/history", words, asking.signal);
             this.data = span === "now" ? this.courseOf(said) : this.barsOf(said.bars);
             setText(byId("plot-trouble"), "");
         } catch (error) {
@@ -569,17 +604,18 @@ const about = {
         return [times, said.down, said.up];
     },
 
-    // Up is drawn over the sum of both.
+    // Up is drawn over the sum of both. A day is the access point's, wherever the browser is.
     barsOf(bars) {
-        return [bars.map((bar) => bar.from_us / 1e6), bars.map((bar) => bar.up[1] + bar.down[1]),
+        const start = ({from_us, date}) => (date ? new Date(`${date}T00:00`).getTime() : from_us / 1e3) / 1e3;
+        return [bars.map(start), bars.map((bar) => bar.up[1] + bar.down[1]),
                 bars.map((bar) => bar.up[1])];
     },
 
     take(state) {
-        if (state.up !== undefined)
-            setText(byId("sums"), `${rateText(state.down_rate)} down, ${rateText(state.up_rate)} up now; ` +
-                `${sizeText(state.down[1])} down, ${sizeText(state.up[1])} up, ${counted(state.flows, "flows")}, ` +
-                `${counted(state.dropped[0] + state.dropped[1], "packets")} dropped`);
+        setText(byId("sums"), state.up === undefined ? "" :
+            `${rateText(state.down_rate)} down, ${rateText(state.up_rate)} up now; ` +
+            `${sizeText(state.down[1])} down, ${sizeText(state.up[1])} up, ${counted(state.flows, "flows")}, ` +
+            `${counted(state.dropped[0] + state.dropped[1], "packets")} dropped`);
         this.clientName = state.client_name || "";
         this.path();
         const [times, down, up] = this.data;
@@ -617,7 +653,7 @@ const about = {
     barsRange() {
         const [one, all] = look.span === "hour" ? [3600, 48] : [86400, 60];
         const now = Date.now() / 1000;
-        return [now - all * one, now + one];
+        return [now - all * one, Math.max(now, this.data[0].at(-1) ?? 0) + one];
     },
 
     options() {
@@ -632,7 +668,7 @@ const about = {
         });
         return {
             ...this.size(),
-            series: [{label: "At", value: (_, at) => at == null ? "-" : timeText(at * 1e6)},
+            series: [{label: "At", value: (_, at) => at == null ? "-" : timeText(at * 1e6).slice(0, look.span === "day" ? 10 : 19)},
                      series(isNow ? "Down" : "Up and down", "--down"), series("Up", "--up")],
             axes: [{...axis, space: 90, values: (_, times) => this.timesOf(times)},
                    {...axis, size: 80, values: (_, amounts) => amounts.map(text)}],
@@ -656,20 +692,24 @@ const detail = {
         last_us: "last seen", up_rate: "up now", down_rate: "down now", ask: "what else would decide",
     },
 
+    row: null, // whose answer is awaited
+
     // At once what its row says, which stays where it has ended meanwhile.
     async show(row) {
+        this.row = row;
         this.fill(row);
         this.lead(row);
         byId("detail").showModal();
         try {
-            const said = await ask("/api/flow", new URLSearchParams({id: row.id}));
-            if (!said)
+            const said = await askJson("/api/flow", new URLSearchParams({id: row.id}));
+            if (!said || this.row !== row)
                 return;
             const {why = {}, ...flow} = said;
             const reasons = Object.entries(why).map(([name, value]) => [`why: ${name}`, value]);
             this.fill({...flow, ...Object.fromEntries(reasons), ask: row.ask});
         } catch (error) {
-            byId("members").append(make("dt", ""), make("dd", shown(error.message)));
+            if (this.row === row)
+                byId("members").append(make("dt", ""), make("dd", shown(error.message)));
         }
     },
 
@@ -711,12 +751,13 @@ const detail = {
 // --- Keys, clicks, and what the browser tells ----------------------------------------------------
 
 function menu() {
-    byId("tables").replaceChildren(...Object.entries(TABLES).map(([name, table]) => {
-        const link = make("a", table.title, {href: hashOf(turnTo(look, name))});
-        if (name === look.table)
+    for (const link of byId("tables").children) {
+        link.href = hashOf(turnTo(look, link.dataset.table));
+        if (link.dataset.table === look.table)
             link.setAttribute("aria-current", "page");
-        return link;
-    }));
+        else
+            link.removeAttribute("aria-current");
+    }
     byId("verdict-label").hidden = look.table !== "flows";
     byId("verdict").value = look.verdict;
     if (document.activeElement !== byId("part"))
@@ -776,6 +817,19 @@ function pressed(event) {
     event.preventDefault();
 }
 
+// Made once: what is replaced loses the keyboard's focus.
+function build() {
+    byId("tables").replaceChildren(...Object.entries(TABLES).map(([name, table]) =>
+        make("a", table.title, {"data-table": name})));
+    const spans = {now: "Ten minutes", hour: "Hours", day: "Days"};
+    byId("spans").replaceChildren(...Object.entries(spans).map(([span, name]) => {
+        const button = make("button", name, {type: "button", value: span});
+        button.addEventListener("click", () => amend({...look, span}));
+        return button;
+    }));
+    byId("verdict").replaceChildren(...VERDICTS.map((word) => make("option", word || "any", {value: word})));
+}
+
 function listen() {
     document.addEventListener("keydown", pressed);
     window.addEventListener("hashchange", apply);
@@ -800,7 +854,6 @@ function listen() {
         clearTimeout(typing);
         typing = setTimeout(() => amend({...look, part: byId("part").value}), SETTLE_MS);
     });
-    byId("verdict").replaceChildren(...VERDICTS.map((word) => make("option", word || "any", {value: word})));
     byId("verdict").addEventListener("change", () => amend({...look, verdict: byId("verdict").value}));
     byId("help-button").addEventListener("click", () => byId("help").showModal());
     byId("help-close").addEventListener("click", () => byId("help").close());
@@ -812,6 +865,7 @@ function listen() {
     }).observe(document.querySelector("main"));
 }
 
+build();
 listen();
 apply();
 byId("grid").focus();
