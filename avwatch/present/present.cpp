@@ -53,12 +53,6 @@ uint64_t number_of(const std::string &id) {
     return std::hash<std::string>()(id);
 }
 
-std::string text_of(uint64_t number) {
-    std::array<char, 17> text;
-    snprintf(text.data(), text.size(), "%016" PRIx64, number);
-    return text.data();
-}
-
 std::string epoch_of(const greeting_record &greeting) {
     return greeting.counts == "seen" ? greeting.boot + '/' + greeting.run : greeting.boot;
 }
@@ -99,8 +93,14 @@ constexpr struct {
 
 } // namespace
 
+std::string watched_flow::id_of(uint64_t number) {
+    std::array<char, 17> text;
+    snprintf(text.data(), text.size(), "%016" PRIx64, number);
+    return text.data();
+}
+
 std::string watched_flow::id() const {
-    return text_of(number);
+    return id_of(number);
 }
 
 flow_record watched_flow::record() const {
@@ -375,14 +375,18 @@ void present::forget_untold_since(int64_t since_ms) {
 }
 
 std::string present::id_of(const std::string &told) {
-    return text_of(number_of(told));
+    return watched_flow::id_of(number_of(told));
 }
 
 const watched_flow *present::flow(const std::string &id) const {
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), number, 16);
     const bool is_number = error == std::errc() && end == id.data() + id.size();
-    const auto found = is_number ? flows_.find(number) : flows_.end();
+    return is_number ? flow(number) : nullptr;
+}
+
+const watched_flow *present::flow(uint64_t number) const {
+    const auto found = flows_.find(number);
     return found != flows_.end() ? &found->second : nullptr;
 }
 

@@ -54,6 +54,7 @@ struct watched_flow {
     int64_t counted_ms = -1; // the monotonic clock's
     int64_t told_ms = -1;
 
+    static std::string id_of(uint64_t number);
     std::string id() const;     // by which `present` finds it
     flow_record record() const; // for what is shown of it in full; with that id
     flow_sums::owner owner() const { return {client_key, application}; }
@@ -118,7 +119,8 @@ public:
     size_t flow_count() const { return flows_.size(); } // with those that ended just now
     std::vector<const watched_flow *> flows(const flow_choice &chosen = {}) const;
     const watched_flow *flow(const std::string &id) const; // its own; null where there is none
-    static std::string id_of(const std::string &told);     // of avcore's
+    const watched_flow *flow(uint64_t number) const;
+    static std::string id_of(const std::string &told); // of avcore's
     traffic_rates rates_of(const watched_flow &flow, int64_t now_ms) const;
 
     std::vector<const flow_sum *> clients_used() const;

@@ -96,9 +96,15 @@ listing::listing(const present &shown, const list_wanted &wanted, int64_t now_ms
     : shown_(shown), wanted_(wanted), filter_(avcore::lower_case(wanted.filter)) {
     std::vector<listed> rows = found(now_ms);
     sort(rows);
-    keys_.reserve(rows.size());
-    for (const listed &each : rows)
-        keys_.push_back(key_of(each));
+    if (wanted.kind == list_kind::flows)
+        numbers_.reserve(rows.size());
+    for (const listed &each : rows) {
+        if (each.flow != nullptr)
+            numbers_.push_back(each.flow->number);
+        else
+            keys_.push_back(wanted.kind == list_kind::clients ? each.sum->client.text()
+                                                              : each.sum->application.text());
+    }
 }
 
 std::vector<listing::listed> listing::found(int64_t now_ms) const {
@@ -188,17 +194,19 @@ bool listing::fits_filter(const listed &tried) const {
                                 [&](const std::string &address) { return has({address}); }));
 }
 
-std::string listing::key_of(const listed &of) const {
-    if (of.flow != nullptr)
-        return of.flow->id();
-    return wanted_.kind == list_kind::clients ? of.sum->client.text() : of.sum->application.text();
+std::string listing::key(size_t row) const {
+    return wanted_.kind == list_kind::flows ? watched_flow::id_of(numbers_[row]) : keys_[row];
 }
 
 std::optional<size_t> listing::row_of(const std::string &key) const {
-    const auto at = std::ranges::find(keys_, key);
-    if (at == keys_.end())
-        return std::nullopt;
-    return static_cast<size_t>(at - keys_.begin());
+    const auto place = [](const auto &of, const auto &wanted) -> std::optional<size_t> {
+        const auto at = std::ranges::find(of, wanted);
+        return at != of.end() ? std::optional(static_cast<size_t>(at - of.begin())) : std::nullopt;
+    };
+    if (wanted_.kind != list_kind::flows)
+        return place(keys_, key);
+    const watched_flow *flow = shown_.flow(key);
+    return flow != nullptr ? place(numbers_, flow->number) : std::nullopt;
 }
 
 const flow_sum *listing::sum_with(const std::string &key) const {
@@ -222,7 +230,7 @@ std::span<const screen_column> listing::columns() const {
 // Of what has gone meanwhile there is nothing.
 std::vector<std::string> listing::cells(size_t row, int64_t now_ms) const {
     if (wanted_.kind == list_kind::flows) {
-        if (const watched_flow *flow = shown_.flow(keys_[row]))
+        if (const watched_flow *flow = shown_.flow(numbers_[row]))
             return flow_cells(*flow, now_ms);
     } else if (const flow_sum *sum = sum_with(keys_[row])) {
         return sum_cells(*sum);
@@ -266,7 +274,7 @@ line_style listing::style(size_t row) const {
         const flow_sum *sum = sum_with(keys_[row]);
         return sum == nullptr || sum->flows == 0 ? line_style::faded : line_style::plain;
     }
-    const watched_flow *flow = shown_.flow(keys_[row]);
+    const watched_flow *flow = shown_.flow(numbers_[row]);
     if (flow == nullptr || !flow->ended.empty())
         return line_style::faded;
     return flow->verdict.text() == DENIED ? line_style::denied : line_style::plain;

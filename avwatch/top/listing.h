@@ -32,9 +32,9 @@ public:
     listing(const present &shown, const list_wanted &wanted, int64_t now_ms);
 
     const list_wanted &wanted() const { return wanted_; }
-    size_t size() const { return keys_.size(); }
+    size_t size() const { return numbers_.size() + keys_.size(); }
     // The client's, the application's name, the flow's id.
-    const std::string &key(size_t row) const { return keys_[row]; }
+    std::string key(size_t row) const;
     std::optional<size_t> row_of(const std::string &key) const;
 
     std::span<const screen_column> columns() const;
@@ -62,7 +62,6 @@ private:
     static void sort(std::vector<listed> &rows);
     figures figures_of(const listed &of, int64_t now_ms) const;
     std::string name_of(const listed &of) const;
-    std::string key_of(const listed &of) const;
     bool fits_filter(const listed &tried) const;
     const flow_sum *sum_with(const std::string &key) const;
     std::vector<std::string> sum_cells(const flow_sum &sum) const;
@@ -70,7 +69,8 @@ private:
 
     const present &shown_;
     const list_wanted wanted_;
-    const std::string filter_; // in lower case
+    const std::string filter_;      // in lower case
+    std::vector<uint64_t> numbers_; // of flows, in place of `keys_`
     std::vector<std::string> keys_;
 };
 
