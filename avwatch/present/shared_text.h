@@ -12,8 +12,7 @@
 
 namespace avwatch {
 
-// A text of a pool's, which it outlives not. Two of one pool are the same text where they are
-// equal.
+// A text of a pool's, which outlives it. Two of one pool are the same text where they are equal.
 class shared_text {
 public:
     shared_text() = default; // an empty text, of any pool

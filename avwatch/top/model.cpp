@@ -35,8 +35,9 @@ constexpr const char *HELP[] = {
     "         Esc takes it away",
     "Leave    q or Ctrl-C",
     "",
-    "Rates are of the last three seconds. Sums are of the flows that are",
-    "there, since they began, and of those that ended while you looked on.",
+    "Rates are of the last three seconds, a flow's of its last one. Sums",
+    "are of the flows that are there, since they began, and of those that",
+    "ended while you looked on.",
 };
 
 std::string utf8_of(char32_t character) {
@@ -256,14 +257,16 @@ void top_model::take_answer(const std::string &flow_id, std::vector<explained_li
 std::vector<screen_line> top_model::draw(const screen_size &size, int64_t now_ms,
                                          const std::string &trouble) {
     page_ = std::max<size_t>(size.lines, LINES_AROUND + 1) - LINES_AROUND;
+    const std::string worry = worry_of(trouble);
     std::vector<screen_line> lines = {title(size.columns)};
-    lines.push_back({two_ends(path(), beside_path(size), size.columns), line_style::path});
+    lines.push_back(
+        {two_ends(path(!worry.empty()), beside_path(size), size.columns), line_style::path});
     for (screen_line &each : body(size, now_ms))
         lines.push_back(std::move(each));
     const size_t above = size.lines - std::min<size_t>(size.lines, 1);
     lines.resize(above, {std::string(size.columns, ' '), line_style::plain});
     if (size.lines > 0)
-        lines.push_back(bottom(size.columns, trouble));
+        lines.push_back(bottom(size.columns, worry));
     return lines;
 }
 
@@ -356,7 +359,8 @@ screen_line top_model::title(size_t columns) const {
             line_style::title};
 }
 
-std::string top_model::path() const {
+// A filter is typed on the last line, or here where that is taken.
+std::string top_model::path(bool is_bottom_taken) const {
     std::string path = kind_word(levels_.front().wanted.kind);
     for (size_t i = 1; i < levels_.size(); ++i) {
         const level &to = levels_[i];
@@ -371,7 +375,9 @@ std::string top_model::path() const {
                                                           : *to.wanted.chosen.application;
     }
     const std::string &filter = levels_.back().wanted.filter;
-    return filter.empty() || is_typing_ ? path : path + "  / " + filter;
+    if (is_typing_)
+        return is_bottom_taken ? path + "  /" + filter + '_' : path;
+    return filter.empty() ? path : path + "  / " + filter;
 }
 
 std::string top_model::beside_path(const screen_size &size) const {
@@ -380,13 +386,17 @@ std::string top_model::beside_path(const screen_size &size) const {
     return size.lines < LINES_FOR_ALL || size.columns < COLUMNS_FOR_ALL ? "wants 80 x 24" : "";
 }
 
-screen_line top_model::bottom(size_t columns, const std::string &trouble) const {
+std::string top_model::worry_of(const std::string &trouble) const {
+    if (!trouble.empty())
+        return trouble + "; tried again";
+    return shown_.is_told() ? "" : "avcore is asked what there is";
+}
+
+screen_line top_model::bottom(size_t columns, const std::string &worry) const {
+    if (!worry.empty())
+        return {fitted(worry, columns), line_style::trouble};
     if (is_typing_)
         return {fitted("/" + levels_.back().wanted.filter + '_', columns), line_style::chosen};
-    if (!trouble.empty())
-        return {fitted(trouble + "; tried again", columns), line_style::trouble};
-    if (!shown_.is_told())
-        return {fitted("avcore is asked what there is", columns), line_style::trouble};
     return {fitted(KEYS, columns), line_style::path};
 }
 

@@ -58,8 +58,8 @@ public:
 private:
     struct level {
         list_wanted wanted;
-        std::optional<std::string>
-            selected;        // a row's key: the place follows it; none: it's the top
+        // A row's key, which the place follows; none: it's the top.
+        std::optional<std::string> selected;
         size_t place = 0;    // where that was
         size_t first = 0;    // row on the screen
         std::string flow_id; // of an explanation; empty: it is a list
@@ -85,9 +85,10 @@ private:
     const listing &list(int64_t now_ms);
     void find_place(const listing &rows);
     screen_line title(size_t columns) const;
-    std::string path() const;
+    std::string worry_of(const std::string &trouble) const;
+    std::string path(bool is_bottom_taken) const;
     std::string beside_path(const screen_size &size) const;
-    screen_line bottom(size_t columns, const std::string &trouble) const;
+    screen_line bottom(size_t columns, const std::string &worry) const;
 
     const present &shown_;
     const bool utc_;

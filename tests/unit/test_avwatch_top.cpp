@@ -400,7 +400,10 @@ TEST_F(AvwatchTop, FitsAnyScreenWithAnyName) {
     EXPECT_TRUE(lines[1].text.ends_with("wants 80 x 24"));
     EXPECT_EQ(draw({24, 80})[1].text.find("wants"), std::string::npos);
     trouble = "avcore has ended the connection";
+    press("/ma"); // it is said first, and the filter elsewhere
     EXPECT_TRUE(shows("has ended the connection; tried again"));
+    EXPECT_TRUE(shows("  /ma_"));
+    press(key_kind::escape);
 }
 
 } // namespace
