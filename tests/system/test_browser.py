@@ -123,12 +123,17 @@ class BehindAGate(Browsing, InlineTest):
         self.browser.back()
         wait_until(lambda: self.looks_at("table=clients") and "laptop" in self.column(0))
         def bars():
-            with urllib.request.urlopen("http://%s:%d/api/history?by=hour" % HTTP) as said:
+            with urllib.request.urlopen("http://%s:%d/api/history?by=day" % HTTP) as said:
                 return json.loads(said.read())["bars"]
         wait_until(bars)
         self.browser.find_element(By.XPATH, "//button[text()='Hours']").click()
         wait_until(lambda: self.looks_at("span=hour") and self.js("about.plot.data[0].length") >= 1)
         self.assertEqual(self.text("plot-trouble"), "")
+        # Where the browser is it is another day than where the access point is, then or now.
+        self.browser.execute_cdp_cmd("Emulation.setTimezoneOverride", {"timezoneId": "America/Los_Angeles"})
+        self.browser.find_element(By.XPATH, "//button[text()='Days']").click()
+        wait_until(lambda: self.looks_at("span=day") and self.js("about.timesOf(about.plot.data[0])") ==
+                   [bar["date"][5:] for bar in bars()])
 
     def lose_who_decides(self):
         self.jorn.kill()
