@@ -109,8 +109,8 @@ def draw_top(folder, command):
 
 def photograph_page(link):
     options = Options()
-    for word in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--hide-scrollbars",
-                 "--window-size=" + PAGE):
+    # Hidden scrollbars would take no room, and heads leave it for them.
+    for word in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=" + PAGE):
         options.add_argument(word)
     with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
         browser.get(link + "#table=applications")
