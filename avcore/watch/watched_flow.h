@@ -5,10 +5,10 @@
 #include "avcore/flows/flow_table.h"
 #include "avcore/gate/gate.h"
 #include "avcore/watch/flow_sight.h"
+#include "avcore/watch/kept_rows.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 namespace avcore {
@@ -42,7 +42,7 @@ struct watched_flow {
     flow_row *row = nullptr; // in the table of flows; null: it has left, or there was none
     // What is known of it where that isn't the row's: as it was when it left, or when the flow was
     // over; what the key says where the gate alone knows the flow. One of the two is there.
-    std::unique_ptr<flow_row> own;
+    kept_rows::kept_row own;
     std::string id;
     flow_sight seen;        // latest; `begun` is 0 before the first one
     gate_counter from = {}; // of `seen.counted`, what isn't this flow's

@@ -118,23 +118,22 @@ uint32_t watched_flows::place_of(const gate_flow &key, const gate_flow_state &st
     if (const auto known = flows_.find(key))
         return *known;
     const uint32_t place = flows_.take(key);
-    flows_[place].own = row_of(key, state);
+    flows_[place].own = rows_.keep(row_of(key, state));
     return place;
 }
 
-std::unique_ptr<flow_row> watched_flows::row_of(const gate_flow &key,
-                                                const gate_flow_state &state) {
-    auto row = std::make_unique<flow_row>();
-    row->ipv4 = true;
-    row->ip_proto = key.proto;
-    row->client = endpoint_of(key.client, key.client_port_be);
-    row->server = endpoint_of(key.server, key.server_port_be);
-    row->client.mac = state.mac;
+flow_row watched_flows::row_of(const gate_flow &key, const gate_flow_state &state) {
+    flow_row row;
+    row.ipv4 = true;
+    row.ip_proto = key.proto;
+    row.client = endpoint_of(key.client, key.client_port_be);
+    row.server = endpoint_of(key.server, key.server_port_be);
+    row.client.mac = state.mac;
     rules_.capture_on(around_.behind->interface_of(state.if_index));
-    const client_rules::fitting client = rules_.fitting_of(row->client);
-    row->client_interface = client.profile.side.if_name;
-    row->client_utp = client.profile.side.utp_id;
-    row->client_rule = client.rule;
+    const client_rules::fitting client = rules_.fitting_of(row.client);
+    row.client_interface = client.profile.side.if_name;
+    row.client_utp = client.profile.side.utp_id;
+    row.client_rule = client.rule;
     return row;
 }
 
@@ -151,7 +150,7 @@ void watched_flows::row_leaves(flow_row &&row) {
     look_at_row(place);
     flow.row = nullptr;
     if (!flow.own)
-        flow.own = std::make_unique<flow_row>(std::move(row));
+        flow.own = rows_.keep(std::move(row));
     if (ends && !flow.is_over())
         end(place, flow_ending::forgotten);
     if (ends)
@@ -286,7 +285,7 @@ void watched_flows::end(uint32_t place, flow_ending how) {
     if (!flow.can_be_told())
         return;
     if (flow.row != nullptr) {
-        flow.own = std::make_unique<flow_row>(*flow.row);
+        flow.own = rows_.keep(*flow.row);
         flow.row->watched.is_told = false;
     }
     flow.ended = flows_.change(place);
@@ -367,9 +366,10 @@ uint32_t watched_flows::renew(uint32_t place) {
         row->watched = {};
         attach(next, *row);
     } else if (before.own) {
-        flow.own = std::make_unique<flow_row>(*before.own);
+        flow.own = rows_.keep(*before.own);
     } else {
-        flow.own = row_of(flow.key, around_.behind->flow_of(flow.key).value_or(gate_flow_state()));
+        const auto state = around_.behind->flow_of(flow.key);
+        flow.own = rows_.keep(row_of(flow.key, state.value_or(gate_flow_state())));
     }
     if (!before.awaits)
         free(place);

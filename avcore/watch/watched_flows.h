@@ -22,7 +22,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -124,12 +123,13 @@ private:
     bool walk_places();
     void look_again(uint32_t place);
     void forget(uint32_t place);
-    std::unique_ptr<flow_row> row_of(const gate_flow &key, const gate_flow_state &state);
+    flow_row row_of(const gate_flow &key, const gate_flow_state &state);
 
     surroundings around_;
     int64_t started_us_;
     int64_t attended_us_ = 0; // since then somebody is connected
     client_rules rules_;      // for flows without a row
+    kept_rows rows_;          // of the flows
     flow_places flows_;
     std::deque<uint32_t> ended_; // places, in the order of their ends
     std::vector<flow_reader *> readers_;
