@@ -11,8 +11,8 @@
 namespace avcore {
 namespace {
 
-constexpr int64_t ROUND_MS = 1'000; // at least, between the beginnings of two
-constexpr int IN_PASS = 2;          // so much more seldom then
+constexpr int64_t ROUND_MS = 1'000;       // at least, between the beginnings of two
+constexpr int64_t BUSY_ROUND_MS = 10'000; // while it has more than it takes
 constexpr int NEWS_A_TURN = 16;
 constexpr uint32_t NEW_PLACES_A_TURN = 4'096;
 constexpr uint32_t TOLD_PIECE = 512;
@@ -104,11 +104,9 @@ int64_t follower::due_ms(int64_t now_ms) const {
 
 int64_t follower::round_due_ms(int64_t last_ms) const {
     const int64_t soonest_ms = last_ms + ROUND_MS;
-    if (wish_.events)
-        return soonest_ms;
-    if (in_pass_)
-        return last_ms + IN_PASS * std::max(ROUND_MS, wish_.every_ms);
-    return std::max(pass_due_ms_ - ROUND_MS, soonest_ms);
+    if (!out_.has_room() || (in_pass_ && !wish_.events))
+        return last_ms + std::max(BUSY_ROUND_MS, 2 * wish_.every_ms);
+    return wish_.events ? soonest_ms : std::max(pass_due_ms_ - ROUND_MS, soonest_ms);
 }
 
 void follower::add_some(int64_t now_ms) {
