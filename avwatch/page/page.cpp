@@ -24,7 +24,10 @@ using nlohmann::ordered_json;
 // The history is read while the same thread has to follow avcore.
 constexpr int LOCK_PATIENCE_MS = 100;
 constexpr int64_t READING_MS = 300;
-constexpr int64_t VIEW_MS = 500; // what was made before is sent to others, too
+// What was made before is said to others, too.
+constexpr int64_t VIEW_MS = 900; // less than a reader is told
+constexpr int64_t BARS_MS = 5'000;
+constexpr size_t BARS_MAX = 16;
 constexpr int64_t HOURS_SHOWN_S = 2 * DAY_S;
 constexpr int64_t DAYS_SHOWN_S = 60 * DAY_S;
 
@@ -131,6 +134,20 @@ private:
     const std::shared_ptr<view> shown_;
 };
 
+// What was said of the past; also that it couldn't be read, which took as long.
+struct page::told_bars {
+    flow_choice chosen;
+    bool is_by_day;
+    int64_t told_ms;
+    unsigned status;
+    std::string body;
+};
+
+page::page(access_settings who, page_sources sources, work_share::clock::duration most_work)
+    : access_(std::move(who)), sources_(std::move(sources)), work_(most_work) {}
+
+page::~page() = default;
+
 std::shared_ptr<page::view> page::view_of(rows_query query) {
     std::erase_if(views_, [](const std::weak_ptr<view> &each) { return each.expired(); });
     for (const std::weak_ptr<view> &each : views_) {
@@ -147,13 +164,17 @@ struct page::route {
     std::string_view path;
     page_reply (page::*answer)(const page_request &asked);
     bool is_for_strangers = false; // it sees for itself who asks
+    bool is_work = true;           // of which there is a share
 };
 
 const page::route *page::route_to(const std::string &path) {
     static constexpr route routes[] = {
-        {"/metrics", &page::metrics},     {"/enter", &page::enter, true},
-        {"/api/rows", &page::rows},       {"/api/live", &page::live_rows},
-        {"/api/course", &page::course},   {"/api/flow", &page::flow},
+        {"/metrics", &page::metrics, false, false},
+        {"/enter", &page::enter, true, false},
+        {"/api/rows", &page::rows},
+        {"/api/live", &page::live_rows},
+        {"/api/course", &page::course},
+        {"/api/flow", &page::flow},
         {"/api/history", &page::history},
     };
     const auto *const found = std::ranges::find(routes, path, &route::path);
@@ -178,7 +199,7 @@ page_reply page::found(const page_request &asked) {
         return std::move(*refused);
     if (chosen != nullptr) {
         try {
-            return (this->*chosen->answer)(asked);
+            return chosen->is_work ? worked_on(*chosen, asked) : (this->*chosen->answer)(asked);
         } catch (const bad_query &wrong) {
             return failure(400, wrong.text);
         }
@@ -192,6 +213,18 @@ page_reply page::found(const page_request &asked) {
     }
     reply.status = 404;
     reply.body = "there is nothing of that name: the page is at /\n";
+    return reply;
+}
+
+page_reply page::worked_on(const route &chosen, const page_request &asked) {
+    const auto begun = work_share::clock::now();
+    if (work_.is_used_up(begun)) {
+        page_reply busy = failure(503, "too much is asked for at once: try again");
+        busy.headers.emplace_back("Retry-After", "1");
+        return busy;
+    }
+    page_reply reply = (this->*chosen.answer)(asked);
+    work_.use(work_share::clock::now() - begun);
     return reply;
 }
 
@@ -211,9 +244,11 @@ page_reply page::rows(const page_request &asked) {
 }
 
 page_reply page::live_rows(const page_request &asked) {
+    const std::shared_ptr<view> shown = view_of(rows_query_of(asked));
+    shown->text(); // here it counts as work
     page_reply reply;
     reply.type = "text/event-stream";
-    reply.events = std::make_unique<live>(view_of(rows_query_of(asked)));
+    reply.events = std::make_unique<live>(shown);
     return reply;
 }
 
@@ -233,9 +268,30 @@ page_reply page::flow(const page_request &asked) {
 
 page_reply page::history(const page_request &asked) {
     const flow_choice chosen = choice_of(asked);
+    const bool is_by_day = asked.argument("by") == "day";
+    const int64_t now_ms = monotonic_ms();
+    std::erase_if(bars_,
+                  [now_ms](const told_bars &each) { return now_ms - each.told_ms >= BARS_MS; });
+    auto found = std::ranges::find_if(bars_, [&](const told_bars &each) {
+        return each.chosen == chosen && each.is_by_day == is_by_day;
+    });
+    if (found == bars_.end()) {
+        page_reply read = read_history(chosen, is_by_day);
+        if (bars_.size() >= BARS_MAX)
+            bars_.erase(bars_.begin());
+        bars_.push_back({chosen, is_by_day, now_ms, read.status, std::move(read.body)});
+        found = std::prev(bars_.end());
+    }
+    page_reply reply = json_reply(nullptr);
+    reply.status = found->status;
+    reply.body = found->body;
+    return reply;
+}
+
+page_reply page::read_history(const flow_choice &chosen, bool is_by_day) const {
     usage_query query;
     query.now_s = time(nullptr);
-    query.by = asked.argument("by") == "day" ? grouping::day : grouping::hour;
+    query.by = is_by_day ? grouping::day : grouping::hour;
     query.since_s = query.now_s - (query.by == grouping::day ? DAYS_SHOWN_S : HOURS_SHOWN_S);
     query.utc = sources_.utc;
     query.names = sources_.names;

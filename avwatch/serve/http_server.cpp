@@ -19,11 +19,13 @@
 namespace avwatch {
 namespace {
 
+using avcore::monotonic_ms;
 using avcore::NEVER_MS;
 
 constexpr unsigned SILENT_S = 10;
 constexpr int BACKLOG = 64;
 constexpr size_t STREAM_BLOCK = 8'192;
+constexpr int64_t FEEDING_MS = 100; // at once
 constexpr char TLS_VERSIONS[] = "NORMAL:-VERS-TLS1.0:-VERS-TLS1.1:-VERS-DTLS-ALL";
 
 struct socket_address {
@@ -93,6 +95,31 @@ bool is_loopback_address(const sockaddr *address) {
            (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr) != 0 && v6.sin6_addr.s6_addr[12] == IN_LOOPBACKNET);
 }
 
+// Whose a connection is: who has an IPv6 address has its /64 of them.
+uint64_t site_of(const sockaddr *address) {
+    uint64_t site = 0;
+    if (address != nullptr && address->sa_family == AF_INET) {
+        sockaddr_in v4 = {};
+        memcpy(&v4, address, sizeof v4);
+        return v4.sin_addr.s_addr;
+    }
+    if (address == nullptr || address->sa_family != AF_INET6)
+        return site;
+    sockaddr_in6 v6 = {};
+    memcpy(&v6, address, sizeof v6);
+    if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr) != 0)
+        memcpy(&site, &v6.sin6_addr.s6_addr[12], sizeof(in_addr));
+    else
+        memcpy(&site, &v6.sin6_addr, sizeof site);
+    return site;
+}
+
+const sockaddr *address_of(MHD_Connection *connection) {
+    const MHD_ConnectionInfo *from =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    return from != nullptr ? from->client_addr : nullptr;
+}
+
 struct response_releaser {
     void operator()(MHD_Response *response) const { MHD_destroy_response(response); }
 };
@@ -110,13 +137,21 @@ MHD_Result send(MHD_Connection *connection, const page_reply &reply, owned_respo
     return MHD_queue_response(connection, reply.status, response.get());
 }
 
-MHD_Result send(MHD_Connection *connection, const page_reply &reply) {
-    const bool is_constant = !reply.constant_body.empty();
-    const std::string_view body = is_constant ? reply.constant_body : reply.body;
-    return send(connection, reply,
-                owned_response(MHD_create_response_from_buffer(
-                    body.size(), const_cast<char *>(body.data()),
-                    is_constant ? MHD_RESPMEM_PERSISTENT : MHD_RESPMEM_MUST_COPY)));
+MHD_Result send(MHD_Connection *connection, page_reply reply) {
+    const std::string_view constant = reply.constant_body;
+    if (!constant.empty())
+        return send(
+            connection, reply,
+            owned_response(MHD_create_response_from_buffer(
+                constant.size(), const_cast<char *>(constant.data()), MHD_RESPMEM_PERSISTENT)));
+    auto body = std::make_unique<std::string>(std::move(reply.body));
+    owned_response response(MHD_create_response_from_buffer_with_free_callback_cls(
+        body->size(), body->data(),
+        [](void *kept) { std::unique_ptr<std::string>(static_cast<std::string *>(kept)); },
+        body.get()));
+    if (response)
+        static_cast<void>(body.release()); // the response has it
+    return send(connection, reply, std::move(response));
 }
 
 MHD_Result send(MHD_Connection *connection, unsigned status, const char *text) {
@@ -125,7 +160,7 @@ MHD_Result send(MHD_Connection *connection, unsigned status, const char *text) {
     reply.body = text;
     if (status == MHD_HTTP_METHOD_NOT_ALLOWED)
         reply.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
-    return send(connection, reply);
+    return send(connection, std::move(reply));
 }
 
 MHD_Result take_argument(void *context, MHD_ValueKind /*kind*/, const char *name,
@@ -152,9 +187,7 @@ page_request request_of(MHD_Connection *connection, const char *url, bool is_hea
         value = text != nullptr ? text : "";
     }
     MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &take_argument, &asked.arguments);
-    const MHD_ConnectionInfo *from =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    asked.is_from_loopback = from != nullptr && is_loopback_address(from->client_addr);
+    asked.is_from_loopback = is_loopback_address(address_of(connection));
     return asked;
 }
 
@@ -169,6 +202,7 @@ struct http_server::stream {
     std::shared_ptr<const std::string> waiting;
     size_t sent = 0; // of it
     int64_t end_ms = 0;
+    uint64_t round = 0; // of feeding, the last that it had
     bool is_suspended = false;
     bool is_over = false;
 };
@@ -185,7 +219,7 @@ struct http_server::callbacks {
             page_reply reply =
                 server.answer_(request_of(connection, url, asked == MHD_HTTP_METHOD_HEAD));
             return reply.events ? begin_stream(server, connection, std::move(reply))
-                                : send(connection, reply);
+                                : send(connection, std::move(reply));
         } catch (const std::exception &) {
             return MHD_NO; // no memory: the connection is closed
         }
@@ -199,7 +233,7 @@ struct http_server::callbacks {
         if (server.streams_.empty())
             server.streams_due_ms_ = server.now_ms_ + STREAM_EVERY_MS;
         server.streams_.push_back({server, connection, std::move(reply.events), std::move(first), 0,
-                                   server.now_ms_ + STREAM_MS, false, false});
+                                   server.now_ms_ + STREAM_MS});
         stream &begun = server.streams_.back();
         owned_response response(MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, STREAM_BLOCK,
                                                                   &callbacks::read_stream, &begun,
@@ -209,7 +243,7 @@ struct http_server::callbacks {
             return MHD_NO;
         }
         // It ends by itself, which a browser takes for no error, but where its reader is slow.
-        server.deadlines_ms_[connection] = server.now_ms_ + STREAM_MS + CONNECTION_MS;
+        server.connections_[connection].deadline_ms = server.now_ms_ + STREAM_MS + CONNECTION_MS;
         return send(connection, reply, std::move(response));
     }
 
@@ -235,10 +269,16 @@ struct http_server::callbacks {
     static void note(void *context, MHD_Connection *connection, void ** /*state*/,
                      MHD_ConnectionNotificationCode what) {
         auto *server = static_cast<http_server *>(context);
+        const sockaddr *from = address_of(connection);
         if (what == MHD_CONNECTION_NOTIFY_STARTED)
-            server->deadlines_ms_[connection] = server->now_ms_ + CONNECTION_MS;
+            server->connections_[connection] = {server->now_ms_ + CONNECTION_MS, site_of(from),
+                                                is_loopback_address(from)};
         else
-            server->deadlines_ms_.erase(connection);
+            server->connections_.erase(connection);
+    }
+
+    static MHD_Result admit(void *context, const sockaddr *from, socklen_t /*size*/) {
+        return static_cast<const http_server *>(context)->has_place_for(from) ? MHD_YES : MHD_NO;
     }
 };
 
@@ -258,11 +298,11 @@ http_server::http_server(const http_settings &settings, answerer answer)
     }
     encryption.push_back({MHD_OPTION_END, 0, nullptr});
     running_.reset(MHD_start_daemon(
-        flags, 0, nullptr, nullptr, &callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET,
+        flags, 0, &callbacks::admit, this, &callbacks::answer, this, MHD_OPTION_LISTEN_SOCKET,
         listening.get(), MHD_OPTION_CONNECTION_LIMIT, CONNECTIONS_MAX,
-        MHD_OPTION_PER_IP_CONNECTION_LIMIT, ADDRESS_MAX, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        HEAD_MAX, MHD_OPTION_CONNECTION_TIMEOUT, SILENT_S, MHD_OPTION_NOTIFY_CONNECTION,
-        &callbacks::note, this, MHD_OPTION_ARRAY, encryption.data(), MHD_OPTION_END));
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_MAX, MHD_OPTION_CONNECTION_TIMEOUT, SILENT_S,
+        MHD_OPTION_NOTIFY_CONNECTION, &callbacks::note, this, MHD_OPTION_ARRAY, encryption.data(),
+        MHD_OPTION_END));
     if (!running_)
         throw refused("HTTP at " + settings.address + " can't be served" +
                       (settings.is_encrypted() ? ": are " + settings.certificate + " and " +
@@ -294,45 +334,69 @@ int64_t http_server::due_ms(int64_t now_ms) const {
     if (MHD_get_timeout(running_.get(), &left_ms) == MHD_YES)
         due_ms =
             std::min(due_ms, now_ms + static_cast<int64_t>(std::min<uint64_t>(left_ms, 60'000)));
-    for (const auto &[connection, deadline_ms] : deadlines_ms_)
-        due_ms = std::min(due_ms, deadline_ms);
+    for (const auto &[connection, kept] : connections_)
+        due_ms = std::min(due_ms, kept.deadline_ms);
     return due_ms;
 }
 
 void http_server::serve(int64_t now_ms) {
     now_ms_ = now_ms;
     end_overdue(now_ms);
-    if (!streams_.empty() && now_ms >= streams_due_ms_) {
+    if (!streams_.empty() && now_ms >= streams_due_ms_)
         feed_streams(now_ms);
-        streams_due_ms_ = now_ms + STREAM_EVERY_MS;
-    }
-    const size_t before = deadlines_ms_.size();
+    const size_t before = connections_.size();
     MHD_run(running_.get());
     // It listens again, where it had too many, with the next run only.
-    if (deadlines_ms_.size() < before)
+    if (connections_.size() < before)
         MHD_run(running_.get());
 }
 
 // The library's own clock starts anew with each byte.
 void http_server::end_overdue(int64_t now_ms) {
-    for (auto &[connection, deadline_ms] : deadlines_ms_) {
-        if (now_ms < deadline_ms)
+    for (auto &[connection, kept] : connections_) {
+        if (now_ms < kept.deadline_ms)
             continue;
         const MHD_ConnectionInfo *info =
             MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
         if (info != nullptr)
             shutdown(info->connect_fd, SHUT_RDWR);
-        deadline_ms = NEVER_MS;
+        kept.deadline_ms = NEVER_MS;
     }
 }
 
-// Those who have read all: what was sent before goes on by itself.
+bool http_server::has_place_for(const sockaddr *from) const {
+    const bool is_here = is_loopback_address(from);
+    const uint64_t site = site_of(from);
+    const auto same = std::ranges::count_if(
+        connections_, [site](const auto &each) { return each.second.site == site; });
+    const auto elsewhere = std::ranges::count_if(
+        connections_, [](const auto &each) { return !each.second.is_from_loopback; });
+    return same < ADDRESS_MAX && (is_here || elsewhere < CONNECTIONS_MAX - LOOPBACK_KEPT);
+}
+
+// Those who have read all: what was sent before goes on by itself. What they are told takes time to
+// make; the loop's other work gets as much as feeding took before the rest of a round is fed, or
+// the next one begins.
 void http_server::feed_streams(int64_t now_ms) {
+    const int64_t begun_ms = monotonic_ms();
+    const bool is_whole = feed_round(begun_ms);
+    const int64_t ended_ms = monotonic_ms();
+    streams_due_ms_ = ended_ms + (ended_ms - begun_ms);
+    if (!is_whole)
+        return;
+    ++round_;
+    streams_due_ms_ = std::max(streams_due_ms_, now_ms + STREAM_EVERY_MS);
+}
+
+bool http_server::feed_round(int64_t begun_ms) {
     for (stream &each : streams_) {
-        if (!each.is_suspended)
+        if (!each.is_suspended || each.round == round_)
             continue;
+        if (monotonic_ms() - begun_ms >= FEEDING_MS)
+            return false;
+        each.round = round_;
         try {
-            each.is_over = now_ms >= each.end_ms;
+            each.is_over = begun_ms >= each.end_ms;
             if (!each.is_over)
                 each.waiting = each.source->next();
             each.sent = 0;
@@ -342,6 +406,7 @@ void http_server::feed_streams(int64_t now_ms) {
         each.is_suspended = false;
         MHD_resume_connection(each.connection);
     }
+    return true;
 }
 
 bool is_loopback(const std::string &address) {

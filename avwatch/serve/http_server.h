@@ -3,7 +3,8 @@
 //
 // Whoever reaches it may ask, slowly or for ever: CONNECTIONS_MAX at once, of them ADDRESS_MAX of
 // one address, each with HEAD_MAX bytes for what it asks, one request, and CONNECTION_MS for all of
-// it. Answers without end are STREAMS_MAX at most and end after STREAM_MS: who looks on asks again.
+// it. LOOPBACK_KEPT of the connections are for this machine alone, whoever else asks. Answers
+// without end are STREAMS_MAX at most and end after STREAM_MS: who looks on asks again.
 #pragma once
 
 #include "avwatch/page/exchange.h"
@@ -19,13 +20,15 @@
 
 struct MHD_Connection;
 struct MHD_Daemon;
+struct sockaddr;
 
 namespace avwatch {
 
 class http_server {
 public:
     static constexpr unsigned CONNECTIONS_MAX = 64;
-    static constexpr unsigned ADDRESS_MAX = 40;
+    static constexpr unsigned ADDRESS_MAX = 40; // or of one /64 of IPv6
+    static constexpr unsigned LOOPBACK_KEPT = 8;
     static constexpr size_t STREAMS_MAX = 24;
     static constexpr size_t HEAD_MAX = 16'384; // what it keeps of each connection
     static constexpr int64_t CONNECTION_MS = 30'000;
@@ -47,18 +50,26 @@ public:
 private:
     struct callbacks; // of the library
     struct stream;
+    struct admitted {
+        int64_t deadline_ms = 0;
+        uint64_t site = 0;
+        bool is_from_loopback = false;
+    };
 
+    bool has_place_for(const sockaddr *from) const;
     void end_overdue(int64_t now_ms);
     void feed_streams(int64_t now_ms);
+    bool feed_round(int64_t begun_ms); // false: not to its end
 
     struct stopper {
         void operator()(MHD_Daemon *running) const;
     };
     answerer answer_;
-    std::map<MHD_Connection *, int64_t> deadlines_ms_;
+    std::map<MHD_Connection *, admitted> connections_;
     std::list<stream> streams_;
     int64_t now_ms_ = 0;
     int64_t streams_due_ms_ = 0;
+    uint64_t round_ = 0;                           // of feeding, that begins or goes on
     std::unique_ptr<MHD_Daemon, stopper> running_; // calls back until it has stopped
     int descriptor_ = -1;
 };

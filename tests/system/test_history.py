@@ -111,7 +111,7 @@ class Served(unittest.TestCase):
     def listens(self):
         self.assertIsNone(self.server.poll())
         with contextlib.suppress(OSError):
-            return socket.create_connection(self.http).close() is None
+            return socket.create_connection((self.http[0].strip("[]"), self.http[1])).close() is None
 
     def stop(self):
         """What it complained of."""
@@ -319,6 +319,17 @@ class History(Served):
             self.assertIn(status, answer(request), request)
         answer(b"GET /metrics HTTP/1.1\r\n" + b"A: " + b"b" * 1_000_000)
         answer(b"GET /metrics HTTP/1.1\r\n" + b"A: b\r\n" * 200_000)
+        def look_on():
+            looking = socket.create_connection(HTTP, timeout=DEADLINE)
+            self.addCleanup(looking.close)
+            looking.sendall(b"GET /api/live" + host + b"\r\n")
+            return looking, looking.recv(65_536).split(b"\r\n")[0]
+        looking = [look_on() for _ in range(25)]
+        self.assertEqual([b"200" in status for _, status in looking], [True] * 24 + [False])
+        self.assertIn(b"503", looking[-1][1])
+        for connection, _ in looking:
+            connection.close()
+        wait_until(lambda: b"200" in look_on()[1])
         halves = [socket.create_connection(HTTP) for _ in range(80)]
         for half in halves:
             self.addCleanup(half.close)

@@ -100,6 +100,29 @@ class Elsewhere(AskingFromElsewhere):
         self.assertEqual(self.ask(link.partition(":8080")[2]).status, 403)
         self.assertIn("in the clear", self.stop())
 
+    def test_others_leave_room(self):
+        """Who has a whole /64, and somebody else; loopback is there for all that."""
+        self.configure_http()
+        for address in ("2001:db8::1/128", "2001:db8::2/128"):
+            subprocess.run(["ip", "address", "replace", address, "dev", "lo", "nodad"], check=True)
+        self.http = ("[::]", 8080)
+        self.serve()
+        def is_served(source, server):
+            with contextlib.suppress(OSError):
+                half = socket.create_connection((server, 8080), DEADLINE, (source, 0))
+                self.addCleanup(half.close)
+                half.sendall(b"GET /met")
+                half.settimeout(0.05)
+                try:
+                    return half.recv(1) != b""
+                except TimeoutError:
+                    return True
+            return False
+        site = [is_served(f"2001:db8::{1 + i % 2}", "2001:db8::1") for i in range(50)]
+        self.assertEqual(sum(site), 40)
+        self.assertEqual(sum(is_served(ELSEWHERE, ELSEWHERE) for _ in range(20)), 16)
+        self.assertTrue(is_served("127.0.0.1", "127.0.0.1"))
+
     def test_encrypted(self):
         files = self.folder + "/key.pem", self.folder + "/certificate.pem"
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",

@@ -5,6 +5,7 @@
 #include "avwatch/page/tickets.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -67,7 +68,8 @@ struct AvwatchPage : testing::Test {
 
     present now{{}, names_kept::full, 1'000};
     page shown{{{"ap.example"}, TOKEN, false},
-               {now, [] { return "gone"; }, [] { return "jorn_avcore_up 1\n"; }, "/none/at/all"}};
+               {now, [] { return "gone"; }, [] { return "jorn_avcore_up 1\n"; }, "/none/at/all"},
+               std::chrono::hours(1)};
 };
 
 using request_text = std::string page_request::*;
@@ -142,6 +144,21 @@ TEST_F(AvwatchPage, OnlyWhoMayLookDoes) {
     asked.authorization = "Bearer ";
     asked.cookie = pass_cookie(0, "");
     EXPECT_EQ(without_token.answer(asked).status, 401U);
+}
+
+TEST_F(AvwatchPage, AnswersTakeAShareOfTheTime) {
+    using namespace std::chrono_literals;
+    work_share share(100ms);
+    const auto begun = work_share::clock::now();
+    EXPECT_FALSE(share.is_used_up(begun));
+    share.use(200ms);
+    EXPECT_TRUE(share.is_used_up(begun));
+    EXPECT_TRUE(share.is_used_up(begun + 390ms));
+    EXPECT_FALSE(share.is_used_up(begun + 500ms));
+    page busy({}, {now, nullptr, [] { return ""; }, "/none/at/all"}, 0ms);
+    for (const char *path : {"/api/rows", "/api/live", "/api/course", "/api/flow", "/api/history"})
+        EXPECT_EQ(busy.answer(asking(path)).status, 503U) << path;
+    EXPECT_EQ(busy.answer(asking("/metrics")).status, 200U);
 }
 
 TEST_F(AvwatchPage, ALinkIsGoodOnceAndNotForLong) {
