@@ -524,6 +524,7 @@ const stream = {
             if (error.name === "AbortError" || error instanceof TypeError)
                 return; // nobody answers
             clearTimeout(this.failing);
+            this.failing = 0;
             say(shown(error.message), true);
         }
     },
