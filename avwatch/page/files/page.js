@@ -10,6 +10,7 @@ const AGAIN_MS = 200; // an answer ends after some minutes, and the next one goe
 const RETRY_MS = 3000; // where that ends at once, too
 const PATIENCE_MS = 2500; // before it is said that nobody answers
 const BARS_MS = 60000; // until they are read anew
+const BUSY_MS = 10000; // until what couldn't be read is
 const SETTLE_MS = 250; // after the last turn of the wheel
 
 const byId = (id) => document.getElementById(id);
@@ -545,7 +546,7 @@ const about = {
     plot: null,
     data: [[], [], []], // seconds, down, up
     asking: null,
-    loaded: 0, // when, in ms
+    dueMs: 0, // when it is read anew
     clientName: "",
     pathSaid: "",
 
@@ -581,9 +582,9 @@ const about = {
     async load() {
         this.asking?.abort();
         const asking = this.asking = new AbortController();
-        this.loaded = Date.now();
         const words = choiceOf(look);
         const span = look.span;
+        this.dueMs = span === "now" ? Infinity : Date.now() + BARS_MS;
         if (span !== "now")
             words.set("by", span);
         try {
@@ -593,7 +594,7 @@ const about = {
         } catch (error) {
             if (error.name === "AbortError")
                 return;
-            this.data = [[], [], []];
+            this.dueMs = Date.now() + BUSY_MS;
             setText(byId("plot-trouble"), shown(error.message));
         }
         this.draw();
@@ -621,7 +622,7 @@ const about = {
         this.path();
         const [times, down, up] = this.data;
         const second = Math.floor(state.us / 1e6);
-        if (look.span !== "now" && Date.now() - this.loaded >= BARS_MS)
+        if (Date.now() >= this.dueMs)
             this.load();
         if (look.span !== "now" || second <= (times.at(-1) ?? 0))
             return;
