@@ -3,6 +3,7 @@
 #include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
 #include "avwatch/past/past.h"
+#include "avwatch/serve/serve.h"
 #include "avwatch/settings/settings.h"
 #include "avwatch/top/top.h"
 #include "avwatch/views/views.h"

@@ -10,6 +10,7 @@
 // future.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -20,6 +21,8 @@
 namespace avwatch {
 
 inline constexpr uint64_t WATCH_VERSION = 1; // of the messages that are understood here
+inline constexpr char DENIED[] = "deny";     // a verdict
+inline constexpr size_t CLIENTS_MAX = 4'096; // that avcore remembers by name
 
 struct greeting_record {
     uint64_t version = 0;
@@ -27,6 +30,9 @@ struct greeting_record {
     uint64_t started_us = 0;
     bool is_inline = false;
     std::string counts; // "wire" or "seen"
+
+    // While it stays the same, flows keep their ids. Without a gate each run of avcore begins anew.
+    std::string epoch() const { return counts == "seen" ? boot + '/' + run : boot; }
 
     bool operator==(const greeting_record &) const = default;
 };

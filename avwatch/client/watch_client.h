@@ -24,6 +24,9 @@ inline constexpr char WATCH_SOCKET[] = "/run/jorn/watch.sock";
 inline constexpr size_t TOLD_LINE_MAX = 65'536;
 inline constexpr size_t ASKED_LINE_MAX = 4'096;
 
+// As many are taken before a loop has its others served.
+inline constexpr int MESSAGES_AT_ONCE = 1'000;
+
 enum class question { flows, clients, counts, gate };
 
 // What would be said of a flow that may not be there yet: one of either pair is needed.

@@ -111,6 +111,7 @@ private:
             state["trouble"] = sources_.trouble();
         state["daemon"] = now.who_decides().daemon;
         state["gate"] = now.who_decides().gate;
+        state["left_out"] = now.left_out();
         if (query_.chosen.client)
             state["client_name"] = now.clients().name_of(*query_.chosen.client);
         if (const flow_sum *sum = now.sum(query_.chosen))

@@ -9,6 +9,8 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <strings.h>
+#include <tuple>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -81,7 +83,7 @@ struct weighed {
     size_t row = 0;
 
     bool operator<(const weighed &other) const {
-        return std::pair(-weight, name) < std::pair(-other.weight, other.name);
+        return std::tuple(-weight, name, row) < std::tuple(-other.weight, other.name, other.row);
     }
 };
 
@@ -105,6 +107,32 @@ struct weighed_flow {
     const watched_flow *flow = nullptr;
 };
 
+// What a text takes in an answer, which is ASCII.
+size_t told_bytes(std::string_view text) {
+    size_t bytes = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        bytes += byte < ' ' || byte == 0x7f ? 6 : byte > 0x7f ? 3 : c == '"' || c == '\\' ? 2 : 1;
+    }
+    return bytes;
+}
+
+void cut_texts(ordered_json &row, size_t &left) {
+    constexpr size_t short_text = 48;
+    for (ordered_json &member : row) {
+        if (!member.is_string())
+            continue;
+        auto &text = member.get_ref<std::string &>();
+        if (told_bytes(text) > left && text.size() > short_text) {
+            size_t end = short_text;
+            while ((static_cast<unsigned char>(text[end]) & 0xC0) == 0x80)
+                --end;
+            text = text.substr(0, end) + "...";
+        }
+        left -= std::min(left, told_bytes(text));
+    }
+}
+
 // The rows of a query's window, as an answer's first members say where it lies.
 template <typename Weighed, typename Before, typename MakeRow>
 ordered_json window(std::vector<Weighed> rows, const rows_query &query, const Before &is_before,
@@ -117,8 +145,11 @@ ordered_json window(std::vector<Weighed> rows, const rows_query &query, const Be
     std::partial_sort(rows.begin(), rows.begin() + static_cast<ptrdiff_t>(last), rows.end(),
                       before);
     ordered_json shown = ordered_json::array();
-    for (size_t i = first; i < last; ++i)
+    size_t left = rows_query::ANSWER_BYTES;
+    for (size_t i = first; i < last; ++i) {
         shown.push_back(make_row(rows[i]));
+        cut_texts(shown.back(), left);
+    }
     return {{"total", rows.size()}, {"first", first}, {"rows", std::move(shown)}};
 }
 
@@ -208,13 +239,12 @@ std::vector<const flow_sum *> sums_of(const present &now, const rows_query &quer
 ordered_json sum_rows(const present &now, const rows_query &query) {
     const bool is_client = query.table == page_table::clients;
     const std::vector<const flow_sum *> sums = sums_of(now, query);
-    std::vector<std::string> names; // of clients, which nobody else keeps
+    std::vector<std::string> names; // in small letters
     std::vector<weighed> rows;
     names.reserve(sums.size());
     for (size_t i = 0; i < sums.size(); ++i) {
         const flow_sum &sum = *sums[i];
         const std::string &key = is_client ? sum.client.text() : sum.application.text();
-        names.push_back(is_client ? now.clients().name_of(key) : std::string());
         if (!query.part.empty() &&
             !(is_client ? client_has(now.clients(), key, query.part) : contains(key, query.part)))
             continue;
@@ -223,7 +253,9 @@ ordered_json sum_rows(const present &now, const rows_query &query) {
             weight = static_cast<double>(sum.now.both());
         else if (query.order == page_order::flows)
             weight = static_cast<double>(sum.flows);
-        rows.push_back({weight, names.back().empty() ? key : names.back(), i});
+        const std::string name = is_client ? now.clients().name_of(key) : key;
+        names.push_back(avcore::lower_case(name.empty() ? key : name));
+        rows.push_back({weight, names.back(), i});
     }
     return window(std::move(rows), query, std::less(), [&](const weighed &each) {
         return is_client ? client_row(now, *sums[each.row]) : application_row(*sums[each.row]);
@@ -274,9 +306,10 @@ ordered_json flow_rows(const present &now, const rows_query &query, int64_t now_
     const auto is_before = [&](const weighed_flow &a, const weighed_flow &b) {
         if (a.weight != b.weight)
             return a.weight > b.weight;
-        const int order = query.order == page_order::name
-                              ? a.flow->application.text().compare(b.flow->application.text())
-                              : 0;
+        const int order =
+            query.order == page_order::name
+                ? strcasecmp(a.flow->application.text().c_str(), b.flow->application.text().c_str())
+                : 0;
         return order != 0 ? order < 0 : a.flow->number < b.flow->number;
     };
     return window(std::move(rows), query, is_before, [&](const weighed_flow &each) {

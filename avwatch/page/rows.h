@@ -1,5 +1,6 @@
 // The page's tables: of clients, applications, flows, denials or events those rows that are looked
-// for, a window of them at a time, as JSON (docs/avwatch.md has the members).
+// for, a window of them at a time, as JSON. Names are strangers', of any
+// length: once an answer's texts take ANSWER_BYTES, long ones are cut.
 #pragma once
 
 #include "avwatch/page/exchange.h"
@@ -19,6 +20,7 @@ enum class page_order : uint8_t { rate, bytes, flows, dropped, begun, last, name
 struct rows_query {
     // What one answer has at most: a screen's rows, and what is above and below it.
     static constexpr size_t ROWS_MAX = 200;
+    static constexpr size_t ANSWER_BYTES = 256'000;
     static constexpr size_t TEXT_MAX = 256;
 
     page_table table = page_table::clients;

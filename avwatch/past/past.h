@@ -1,5 +1,4 @@
-// What is shown of the history, and done to it: usage, forget, backup, serve; and the link to what
-// serve shows.
+// What is shown of the history, and done to it: usage, forget, backup, serve.
 #pragma once
 
 #include "avwatch/settings/settings.h"
@@ -13,7 +12,6 @@ namespace avwatch {
 // Each adds its subcommand, whose callback fills the invocation's action.
 void add_usage(CLI::App &app, invocation &asked);
 void add_serve(CLI::App &app, invocation &asked);
-void add_link(CLI::App &app, invocation &asked);
 void add_forget(CLI::App &app, invocation &asked);
 void add_backup(CLI::App &app, invocation &asked);
 

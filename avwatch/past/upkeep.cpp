@@ -85,13 +85,6 @@ int start_serving(const invocation &asked, const upkeep_request &wanted) {
     return serve(used, asked.watch_socket, asked.utc);
 }
 
-int show_link(const invocation &asked, const std::string &address) {
-    http_settings http = read_settings(asked.settings_file).http;
-    if (!address.empty())
-        http.address = address;
-    return print_link(http);
-}
-
 using task = int (*)(const invocation &asked, const upkeep_request &wanted);
 
 std::shared_ptr<upkeep_request> add(subcommand &command, invocation &asked, task chosen) {
@@ -134,18 +127,6 @@ void add_serve(CLI::App &app, invocation &asked) {
     command.add_option("--http", wanted->http,
                        "Where the page and /metrics are to be, as in 127.0.0.1:8080",
                        {.type_name = "ADDR:PORT"});
-}
-
-void add_link(CLI::App &app, invocation &asked) {
-    subcommand command(
-        app, "link", "Print a link to the page, for who looks from elsewhere",
-        "It is good once, for ten minutes; the browser that follows it may look for thirty days.");
-    const auto address = std::make_shared<std::string>();
-    command.add_option("--http", *address, "Where \"serve\" has the page",
-                       {.type_name = "ADDR:PORT"});
-    command.callback([&asked, address] {
-        asked.action = [&asked, address] { return show_link(asked, *address); };
-    });
 }
 
 void add_forget(CLI::App &app, invocation &asked) {

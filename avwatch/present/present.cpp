@@ -22,7 +22,6 @@ constexpr int64_t UNHEARD_MAX_MS = 360'000;
 constexpr uint64_t TIDY_TICKS = 10;
 constexpr uint64_t GATE_NOTICES_TICKS = 4;
 constexpr double GATE_BEAT_MS = 2'000; // as long a sign that somebody decides holds
-constexpr char DENIED[] = "deny";      // the verdict
 constexpr uint64_t PORT_MAX = 65'535;
 
 uint64_t grown(uint64_t before, uint64_t now) {
@@ -50,11 +49,7 @@ std::optional<uint64_t> said(uint32_t number) {
 }
 
 uint64_t number_of(const std::string &id) {
-    return std::hash<std::string>()(id);
-}
-
-std::string epoch_of(const greeting_record &greeting) {
-    return greeting.counts == "seen" ? greeting.boot + '/' + greeting.run : greeting.boot;
+    return hash_of(id);
 }
 
 void put_counts(watched_flow &flow, const count_record &counts) {
@@ -158,12 +153,12 @@ watched_flow present::watched(const flow_record &shown) {
 }
 
 void present::connected(const greeting_record &greeting) {
-    if (epoch_of(greeting) != epoch_) {
+    if (greeting.epoch() != epoch_) {
         forget_untold_since(std::numeric_limits<int64_t>::max());
         flows_.clear();
         ended_.clear();
     }
-    epoch_ = epoch_of(greeting);
+    epoch_ = greeting.epoch();
     disconnected();
 }
 

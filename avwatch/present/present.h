@@ -106,7 +106,7 @@ public:
     void take(const event_record &told);
     void take(const gate_state &told);
     void listed(); // all that there was
-    void lost(const lost_events &told) { lost_events_ += told.count; }
+    void lost(const lost_events &told) { left_out_ += told.count; }
     void take_clients(std::vector<client_record> said); // a whole answer
 
     // Once a second: rates are of what has come since the last tick.
@@ -137,8 +137,7 @@ public:
     const std::deque<notice> &notices() const { return notices_; } // the latest last
     const deciders &who_decides() const { return deciders_; }
 
-    uint64_t lost_events() const { return lost_events_; }
-    uint64_t left_out() const { return left_out_; } // messages of what is too much
+    uint64_t left_out() const { return left_out_; } // messages: of what is too much, or lost
 
 private:
     watched_flow watched(const flow_record &shown);
@@ -172,7 +171,6 @@ private:
     int64_t listed_since_ms_ = -1; // when the first flow of a listing came
     int64_t ticked_ms_ = -1;
     uint64_t ticks_ = 0;
-    uint64_t lost_events_ = 0;
     uint64_t left_out_ = 0;
 };
 

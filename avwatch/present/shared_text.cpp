@@ -1,12 +1,31 @@
 #include "avwatch/present/shared_text.h"
 
+#include "avwatch/base/failure.h"
+#include "core/text/keyed_hash.h"
+
+#include <sys/random.h>
+
 namespace avwatch {
 namespace {
 
 constexpr char TOO_MANY[] = "...";
 constexpr size_t ENTRY_BYTES = 80; // what a text takes beside its characters
 
+struct run_secret {
+    uint64_t words[2];
+
+    run_secret() {
+        if (getrandom(words, sizeof words, 0) != static_cast<ssize_t>(sizeof words))
+            throw refused("the machine has no random numbers");
+    }
+};
+
 } // namespace
+
+uint64_t hash_of(std::string_view text) {
+    static const run_secret secret;
+    return keyed_hash(secret.words, reinterpret_cast<const uint8_t *>(text.data()), text.size());
+}
 
 const std::string &shared_text::text() const {
     static const std::string nothing;

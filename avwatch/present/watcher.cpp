@@ -11,12 +11,10 @@ namespace {
 
 using avcore::NEVER_MS;
 
-constexpr int MESSAGES_AT_ONCE = 1'000;
 constexpr int64_t TICK_MS = 1'000;
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
 constexpr int64_t ASK_EVERY_MS = 5'000;
 constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
-constexpr size_t CLIENTS_MAX = 4'096;
 
 } // namespace
 

@@ -34,7 +34,6 @@ public:
     void serve(int64_t now_ms); // what is due; the present's tick, too
 
     const std::string &trouble() const { return trouble_; } // why nobody tells; empty: avcore does
-    uint64_t passed_over() const { return avcore_ ? avcore_->passed_over() : 0; }
 
 private:
     struct taker; // a message by its kind

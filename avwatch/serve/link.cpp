@@ -2,6 +2,7 @@
 #include "avwatch/page/tickets.h"
 #include "avwatch/serve/http_server.h"
 #include "avwatch/serve/serve.h"
+#include "shared/command_line.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,22 +20,36 @@ struct addresses_releaser {
     void operator()(ifaddrs *first) const { freeifaddrs(first); }
 };
 
-// This machine's IPv4 addresses but loopback's.
-std::vector<std::string> own_addresses() {
+std::string text_of(const sockaddr *address) {
+    std::array<char, INET6_ADDRSTRLEN> text = {};
+    if (address->sa_family == AF_INET) {
+        sockaddr_in v4 = {};
+        memcpy(&v4, address, sizeof v4);
+        inet_ntop(AF_INET, &v4.sin_addr, text.data(), text.size());
+        return text.data();
+    }
+    sockaddr_in6 v6 = {};
+    memcpy(&v6, address, sizeof v6);
+    inet_ntop(AF_INET6, &v6.sin6_addr, text.data(), text.size());
+    // One of a link alone is none that a browser takes.
+    return IN6_IS_ADDR_LINKLOCAL(&v6.sin6_addr) != 0 ? std::string()
+                                                     : '[' + std::string(text.data()) + ']';
+}
+
+// This machine's addresses but loopback's.
+std::vector<std::string> own_addresses(bool with_ipv6) {
     ifaddrs *first = nullptr;
     std::vector<std::string> addresses;
     if (getifaddrs(&first) != 0)
         return addresses;
     const std::unique_ptr<ifaddrs, addresses_releaser> owned(first);
     for (const ifaddrs *each = first; each != nullptr; each = each->ifa_next) {
-        if (each->ifa_addr == nullptr || each->ifa_addr->sa_family != AF_INET)
+        const int family = each->ifa_addr != nullptr ? each->ifa_addr->sa_family : AF_UNSPEC;
+        if (family != AF_INET && (family != AF_INET6 || !with_ipv6))
             continue;
-        sockaddr_in v4 = {};
-        memcpy(&v4, each->ifa_addr, sizeof v4);
-        std::array<char, INET_ADDRSTRLEN> text;
-        inet_ntop(AF_INET, &v4.sin_addr, text.data(), text.size());
-        if (ntohl(v4.sin_addr.s_addr) >> 24 != IN_LOOPBACKNET)
-            addresses.emplace_back(text.data());
+        const std::string text = text_of(each->ifa_addr);
+        if (!text.empty() && !text.starts_with("127.") && text != "[::1]")
+            addresses.push_back(text);
     }
     return addresses;
 }
@@ -44,16 +59,14 @@ std::vector<std::string> names_of(const http_settings &http) {
     const size_t colon = http.address.rfind(':');
     const std::string listens = http.address.substr(0, colon);
     std::vector<std::string> names = {listens};
-    if (!http.hosts.empty())
+    if (!http.hosts.empty() && !is_loopback(http.address))
         names = {http.hosts.front()};
     else if (listens == "0.0.0.0" || listens == "[::]")
-        names = own_addresses();
+        names = own_addresses(listens == "[::]");
     for (std::string &each : names)
         each += http.address.substr(colon);
     return names;
 }
-
-} // namespace
 
 int print_link(const http_settings &http) {
     if (http.address.empty())
@@ -67,6 +80,27 @@ int print_link(const http_settings &http) {
     for (const std::string &each : names)
         std::cout << (http.is_encrypted() ? "https://" : "http://") << each << path << '\n';
     return STATUS_DONE;
+}
+
+int show_link(const invocation &asked, const std::string &address) {
+    http_settings http = read_settings(asked.settings_file).http;
+    if (!address.empty())
+        http.address = address;
+    return print_link(http);
+}
+
+} // namespace
+
+void add_link(CLI::App &app, invocation &asked) {
+    subcommand command(
+        app, "link", "Print a link to the page, for who looks from elsewhere",
+        "It is good once, for ten minutes; the browser that follows it may look for thirty days.");
+    const auto address = std::make_shared<std::string>();
+    command.add_option("--http", *address, "Where \"serve\" has the page",
+                       {.type_name = "ADDR:PORT"});
+    command.callback([&asked, address] {
+        asked.action = [&asked, address] { return show_link(asked, *address); };
+    });
 }
 
 } // namespace avwatch

@@ -16,7 +16,6 @@ namespace {
 using avcore::monotonic_ms;
 using avcore::NEVER_MS;
 
-constexpr int MESSAGES_AT_ONCE = 1'000;
 constexpr uint32_t EVERY_MS = 10'000; // a flow's counts
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
 // Ends from so long before avcore was last heard are asked for: later they are told. Less than
@@ -30,7 +29,6 @@ constexpr int64_t RETRY_MS = 10'000; // to write
 constexpr int64_t TIDY_AT_ONCE_MS = 50;
 constexpr int64_t TIDY_EVERY_MS = 500; // while there is more
 constexpr int FINISH_TRIES = 50;       // each waits a moment for who is at the file
-constexpr size_t CLIENTS_AT_ONCE = 4'096;
 
 template <typename Record>
 flow_counts counts_in(const Record &record) {
@@ -42,11 +40,6 @@ uint8_t verdict_of(const std::string &word) {
     const auto *at = std::find(std::begin(VERDICT_WORDS), std::end(VERDICT_WORDS), word);
     return at != std::end(VERDICT_WORDS) ? static_cast<uint8_t>(at - std::begin(VERDICT_WORDS))
                                          : uint8_t{NO_VERDICT};
-}
-
-// While it stays the same, flows keep their ids. Without a gate each run of avcore begins anew.
-std::string epoch_of(const greeting_record &greeting) {
-    return greeting.counts == "seen" ? greeting.boot + '/' + greeting.run : greeting.boot;
 }
 
 ino_t inode_of(const std::string &path) {
@@ -82,7 +75,7 @@ struct recorder::taker {
     }
     void operator()(const listing_end &) const { to.ledger_.listed(now_ms); }
     void operator()(const client_record &client) const {
-        if (to.clients_.size() < CLIENTS_AT_ONCE)
+        if (to.clients_.size() < CLIENTS_MAX)
             to.clients_.push_back(client);
     }
     void operator()(const answer_end &) const {
@@ -239,7 +232,7 @@ std::optional<int64_t> recorder::asked_ends_ms(int64_t now_ms) const {
 
 void recorder::greet(int64_t now_ms) {
     is_greeted_ = true;
-    ledger_.connected(epoch_of(*avcore_->greeting()));
+    ledger_.connected(avcore_->greeting()->epoch());
     ask_due_ms_ = clients_due_ms_ = now_ms;
     if (!std::exchange(avcore_trouble_, {}).empty())
         complain("avcore is heard again");

@@ -5,13 +5,17 @@
 
 #include <string>
 
+namespace CLI {
+class App;
+} // namespace CLI
+
 namespace avwatch {
 
 // Until SIGINT or SIGTERM. Returns the exit status; throws what is wrong at the start. Days are
 // local ones on the page, or UTC's.
 int serve(const settings &read, const std::string &watch_socket, bool utc);
 
-// Prints a link with which somebody from elsewhere may look. Throws refused.
-int print_link(const http_settings &http);
+// Adds the subcommand that prints a link with which somebody from elsewhere may look.
+void add_link(CLI::App &app, invocation &asked);
 
 } // namespace avwatch

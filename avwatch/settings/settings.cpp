@@ -60,9 +60,11 @@ std::vector<std::string> read_hosts(const toml_reader &in) {
     if (found != nullptr && names == nullptr)
         in.fail(*found, "'hosts' must be a list of names, as in [\"ap.example\"]");
     for (size_t i = 0; names != nullptr && i < names->size(); ++i) {
-        const std::string name = (*names)[i].value_or(std::string());
+        std::string name = (*names)[i].value_or(std::string());
         if (!avcore::is_host_text(name))
             in.fail((*names)[i], "'hosts' must have names as in \"ap.example\", without ports");
+        if (name.ends_with('.'))
+            name.pop_back(); // as of what is asked for
         hosts.push_back(avcore::lower_case(name));
     }
     return hosts;

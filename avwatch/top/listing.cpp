@@ -12,8 +12,6 @@
 namespace avwatch {
 namespace {
 
-constexpr char DENIED[] = "deny"; // the verdict
-
 constexpr screen_column CLIENT_COLUMNS[] = {
     {"CLIENT", sizeof "02:00:00:00:00:01" - 1, 0, false, true},
     {"ADDRESS", sizeof "192.168.100.100" - 1, 4},

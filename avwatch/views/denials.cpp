@@ -14,7 +14,6 @@
 namespace avwatch {
 namespace {
 
-constexpr char DENIED[] = "deny"; // the verdict
 constexpr size_t LEAST_WIDTH = 12;
 
 table denial_table() {

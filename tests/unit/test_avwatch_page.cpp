@@ -258,6 +258,42 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
     EXPECT_EQ(shown.answer(asking("/../etc/passwd")).status, 404U);
 }
 
+TEST_F(AvwatchPage, HostileNamesAreCut) {
+    const auto named = [](int number, std::string name) {
+        flow_record made = flow(number, 1);
+        made.client_mac = "02:00:00:00:00:01";
+        made.host = made.why.text = made.application = std::move(name);
+        return made;
+    };
+    now.connected({});
+    for (int i = 0; i < 200; ++i)
+        now.take(named(i, std::to_string(i) + std::string(1'000, '\x01') + "\u00e9"), 1);
+    now.listed();
+    const page_reply reply =
+        shown.answer(asking("/api/rows", {{"table", "flows"}, {"rows", "200"}}));
+    EXPECT_LT(reply.body.size(), 600'000U);
+    EXPECT_EQ(json::parse(reply.body)["rows"].size(), 200U);
+    const json names = rows({{"table", "applications"}, {"order", "name"}, {"rows", "1"}});
+    EXPECT_EQ(names["rows"][0]["application"].get<std::string>().size(), 1'003U);
+}
+
+TEST_F(AvwatchPage, NamesComeInTheirOrderInAnyCase) {
+    now.connected({});
+    for (const char *name : {"b", "A", "C"}) {
+        flow_record made = flow(*name, 1);
+        made.application = name;
+        now.take(made, 1);
+    }
+    now.listed();
+    for (const char *table : {"applications", "flows"}) {
+        const json told = rows({{"table", table}, {"order", "name"}});
+        std::string order;
+        for (const json &row : told["rows"])
+            order += row["application"];
+        EXPECT_EQ(order, "AbC") << table;
+    }
+}
+
 TEST_F(AvwatchPage, SaysWhoDecides) {
     const gate_state deciding = {{{"there", true}, {"fail", "closed"}, {"beat_age_ms", 100}}};
     const gate_state left_alone = {{{"there", true}, {"fail", "closed"}, {"beat_age_ms", 2'500}}};

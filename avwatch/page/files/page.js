@@ -92,7 +92,8 @@ function troubleText(state) {
         return `avcore doesn't tell: ${shown(state.trouble || "it is asked again and again")}`;
     const troubles = [state.daemon === "gone" ? "daemon gone" : "",
                       ["open", "closed"].includes(state.gate) ? `gate ${state.gate}` : ""];
-    return troubles.filter((name) => name).map((name) => EVENTS[name]()).join("; ");
+    return [...troubles.filter((name) => name).map((name) => EVENTS[name]()),
+            ...(state.left_out ? [`${counted(state.left_out, "messages")} left out`] : [])].join("; ");
 }
 
 // `open` says what Enter leads to: another look, or what a row is of in full.
