@@ -1,5 +1,6 @@
 """What the page costs: memory and processor time of `avwatch serve` while it is told of 65,536 flows, of
-which 20,000 have counted each second, and nobody looks, one browser does, or as many as may.
+which 20,000 have counted each second, and nobody looks, one browser does, as many as may, or one while 36
+ask for rows as fast as they can.
 
     scripts/private python3 -B bench/page.py [--seconds N] [--browser]
 
@@ -79,6 +80,29 @@ class Viewer(threading.Thread):
         self.connection.close()
 
 
+class Asker(threading.Thread):
+    """Asks for rows that nobody else asks for, and asks again."""
+
+    def __init__(self, number):
+        super().__init__(daemon=True)
+        self.number, self.on, self.refused, self.answers = number, True, 0, 0
+        self.start()
+
+    def run(self):
+        while self.on:
+            with contextlib.suppress(OSError), socket.create_connection(HTTP, timeout=DEADLINE) as asking:
+                asking.sendall(f"GET /api/rows?table=flows&order=name&rows=200&part={self.number} HTTP/1.1\r\n"
+                               "Host: localhost\r\n\r\n".encode())
+                with asking.makefile("rb") as answer:
+                    self.refused += b" 503 " in answer.readline()
+                    answer.read()
+                self.answers += 1
+
+    def close(self):
+        self.on = False
+        self.join()
+
+
 class PageCost(Served):
     def used_seconds(self):
         with open(f"/proc/{self.server.pid}/stat") as file:
@@ -100,15 +124,21 @@ class PageCost(Served):
     def measure(self):
         self.begin(FLOWS)
         time.sleep(15)  # the first listing is over, and once more counts for the history
-        for what, looks in (("nobody", ()), ("one", LOOKS[:1]), ("24 at the same", LOOKS[:1] * 24),
-                            ("24 at eight looks", LOOKS * 3), ("nobody again", ())):
+        for what, looks, asking in (("nobody", (), 0), ("one", LOOKS[:1], 0), ("24 at the same", LOOKS[:1] * 24, 0),
+                                    ("24 at eight looks", LOOKS * 3, 0), ("one, 36 ask", LOOKS[:1], 36),
+                                    ("nobody again", (), 0)):
             viewers = [Viewer(look) for look in looks]
+            askers = [Asker(number) for number in range(asking)]
             time.sleep(2)
             used, begun = self.used_seconds(), time.monotonic()
             time.sleep(arguments.seconds)
             used = (self.used_seconds() - used) / (time.monotonic() - begun) * 1e3
             print(f"{what:20} {used:6.1f} ms of a second, {self.most_memory_mb():5.1f} MB, longest between two messages "
                   f"{max((each.longest_gap_ms() for each in viewers), default=0):.0f} ms", flush=True)
+            for each in askers:
+                each.close()
+            if askers:
+                print(f"{sum(each.answers for each in askers)} answers, {sum(each.refused for each in askers)} refused")
             for each in viewers:
                 self.assertGreater(len(each.times), arguments.seconds / 2, "it was refused")
                 each.close()
