@@ -69,7 +69,7 @@ private:
     std::list<stream> streams_;
     int64_t now_ms_ = 0;
     int64_t streams_due_ms_ = 0;
-    uint64_t round_ = 0;                           // of feeding, that begins or goes on
+    uint64_t round_ = 1; // of feeding, the one that goes on or comes next; a new stream had none
     std::unique_ptr<MHD_Daemon, stopper> running_; // calls back until it has stopped
     int descriptor_ = -1;
 };
