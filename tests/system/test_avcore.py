@@ -6,6 +6,7 @@ from records import *
 
 YOUTUBE, PLAIN, RESOLVER = "198.51.100.1", "198.51.100.2", "198.51.100.53"
 SHOWN, CLAIMED, MOVED = "198.51.100.3", "198.51.100.4", "198.51.100.5"
+WAITS = "avcore: waiting for a daemon to answer the first frame\n"  # after a second
 SERVER_HELLO = b"\x16\x03\x03\x00\x04\x02\x00\x00\x00"
 CLOUD = "20.42.0.5"  # nDPI's address lists call it an application of its own
 QUIC = "198.51.100.6"
@@ -348,7 +349,7 @@ class MadeInterface(SystemTest):
                     wait_until(lambda: " 1 answered," in report(killed))
                     run("ip", "link", "set", CAPTURE, "down")
                     pipe.write(capture[-10:])
-                    self.assertIn("the link of cap0 is down", killed.stderr.readline())
+                    wait_until(lambda: "the link of cap0 is down" in killed.stderr.readline())
                     run("ip", "link", "set", CAPTURE, "up")
                     wait_until(lambda: " 2 answered," in report(killed))
                     killed.kill()
@@ -361,7 +362,8 @@ class MadeInterface(SystemTest):
                 write_file("/tmp/pipe", pcap([udp_frame(1, 3), self.longest]))
                 table, said = successor.communicate(timeout=DEADLINE)
                 self.assertIn(" 2 answered, 0 resent, 0 unanswered", table)
-                self.assertEqual((successor.returncode, said, self.link()), (0, "", None))
+                self.assertIn(said, ("", WAITS))  # the machine may be busy
+                self.assertEqual((successor.returncode, self.link()), (0, None))
                 self.assertEqual(daemon.stop(), 0)
                 os.unlink(COMMAND_SOCKET)
 

@@ -834,8 +834,11 @@ TEST_F(AvcoreGate, MovesFromOneWayToTheOtherAmongThePrograms) {
     EXPECT_EQ(tear_down_gate(PINS), std::vector<std::string>{"gw0"});
     EXPECT_TRUE(others_run(2)) << "what others attached";
     gate(PINS, {"gw0"}, attach_way::tcx).set_rules({.fail_closed = true});
-    ASSERT_TRUE(
-        run("ip netns add away && ip link set gw0 netns away && ip -n away link set gw0 up"));
+    // The kernel takes up to a second, or more, to let a frame out to an interface that is up
+    // again.
+    ASSERT_TRUE(run(
+        "ip netns add away && ip link set gw0 netns away && ip -n away link set gw0 up && "
+        "timeout 20 sh -c 'until ip link show c0 | grep -q \"state UP\"; do sleep 0.01; done'"));
     EXPECT_EQ(tear_down_gate(PINS), std::vector<std::string>());
     EXPECT_TRUE(others_run(1)) << "beside a gate that is out of reach";
     EXPECT_TRUE(run("ip -n away link set gw0 netns $PPID && ip netns del away"));
