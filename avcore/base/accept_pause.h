@@ -12,6 +12,8 @@ namespace avcore {
 
 class accept_pause {
 public:
+    static constexpr int FEW = 16; // connections, where few come and others wait for the loop
+
     // Calls take() for `most` connections at most; it returns false, with errno, when it got none.
     // Returns false when a pause begins, during which the listener isn't to be watched.
     template <typename Take>

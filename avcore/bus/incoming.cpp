@@ -14,7 +14,6 @@ namespace avcore {
 namespace {
 
 constexpr int BACKLOG = 64;
-constexpr int ACCESS_POINTS_A_TURN = 16;
 
 unique_fd try_listener(const bus_address &address) {
     unique_fd fd(socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -59,7 +58,7 @@ void incoming::accept(int64_t now_ms) {
         admit(std::move(fd), bus_address::of_socket(address), now_ms);
         return true;
     };
-    if (!pause_.take_some(ACCESS_POINTS_A_TURN, now_ms, take))
+    if (!pause_.take_some(accept_pause::FEW, now_ms, take))
         ground_.poll.change(listener_.get(), bus_part::listener, 0, 0);
 }
 

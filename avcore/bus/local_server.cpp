@@ -14,7 +14,6 @@ namespace {
 
 constexpr size_t DATAGRAM_MAX =
     sizeof(bus_message_head) + sizeof(bus_publication) + BUS_PAYLOAD_MAX;
-constexpr int CLIENTS_A_TURN = 16;
 constexpr size_t DATAGRAMS_A_TURN = 16;
 
 // The record behind the head; none when the datagram is shorter, or longer and has no payload.
@@ -67,7 +66,7 @@ void local_server::accept(int64_t now_ms) {
             clients_.emplace(id, client{std::move(fd), {}, waiting_messages(ground_.counts.local)});
         return true;
     };
-    if (!pause_.take_some(CLIENTS_A_TURN, now_ms, take))
+    if (!pause_.take_some(accept_pause::FEW, now_ms, take))
         ground_.poll.change(listener_.fd(), bus_part::local_listener, 0, 0);
 }
 

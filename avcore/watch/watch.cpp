@@ -21,7 +21,6 @@
 namespace avcore {
 namespace {
 
-constexpr int ACCEPTED_A_TURN = 16;
 constexpr int64_t LOOK_MS = 200;
 constexpr mode_t MODE = 0660;
 constexpr std::string_view FULL = "{\"error\":\"sixteen readers are connected\"}\n";
@@ -131,7 +130,7 @@ void watch::accept_readers(int64_t now_ms) {
             readers_.try_emplace(fd, std::move(accepted), sources_, greeting());
         return true;
     };
-    if (!pause_.take_some(ACCEPTED_A_TURN, now_ms, take))
+    if (!pause_.take_some(accept_pause::FEW, now_ms, take))
         watch_listener(false);
 }
 
