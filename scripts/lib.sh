@@ -125,3 +125,17 @@ install_packages() {
             note 'strongswan-starter, a service that nothing here needs, may be running now'
     fi
 }
+
+# Unpacks packages that would run as services if they were installed, unless the folder is there.
+unpack_packages() { # folder, package ...
+    local folder=$1 package
+    [[ ! -d $folder ]] || return 0
+    heading "Fetching ${*:2}"
+    rm -rf "$folder.part"
+    mkdir -p "$folder.part"
+    (cd "$folder.part" && apt-get -q download "${@:2}") || return
+    for package in "$folder.part"/*.deb; do
+        dpkg -x "$package" "$folder.part" && rm "$package" || return
+    done
+    mv "$folder.part" "$folder"
+}

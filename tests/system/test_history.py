@@ -16,6 +16,7 @@ HTTP = ("127.0.0.1", 8080)
 
 class Avcore:
     """Greets whoever connects, says `flows` when it is to follow, and then what it is given."""
+    gate = {"there": True}
 
     def __init__(self, path, flows=(), boot="b1"):
         self.path, self.flows, self.boot = path, flows, boot
@@ -49,7 +50,7 @@ class Avcore:
                     continue
                 if question["ask"] == "clients":
                     self.say(connection, *({"id": question["id"], "client": each} for each in self.clients))
-                told = {"counts": {"frames": 5}, "gate": {"there": True}}.get(question["ask"])
+                told = {"counts": {"frames": 5}, "gate": self.gate}.get(question["ask"])
                 if told:
                     self.say(connection, {"id": question["id"], question["ask"]: told})
                 self.say(connection, {"id": question["id"], "done": True})
