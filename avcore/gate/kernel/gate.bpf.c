@@ -38,6 +38,7 @@ static __always_inline int gate(struct __sk_buff *skb, __u8 direction) {
     if (open && !set->unattended && !packet.is_back)
         return pass(GATE_COUNT_NOBODY, &packet);
     int result = parse_frame(skb, &packet);
+    blur(&packet);
     count_segments(skb, &packet);
     if (packet.is_back)
         note_back(skb, &packet, set->back_index);

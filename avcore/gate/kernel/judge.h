@@ -137,7 +137,8 @@ static __always_inline bool quoted_flow(struct __sk_buff *skb, const struct pack
         if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv6))
             return false;
         flow->proto = head.ipv6.nexthdr == IPPROTO_ICMPV6 ? IPPROTO_ICMP : head.ipv6.nexthdr;
-        set_addresses(flow, direction, &head.ipv6.saddr, &head.ipv6.daddr, sizeof head.ipv6.saddr);
+        set_addresses(flow, direction, head.ipv6.saddr.in6_u.u6_addr32,
+                      head.ipv6.daddr.in6_u.u6_addr32, sizeof head.ipv6.saddr);
         ports_at = at + sizeof head.ipv6;
     } else {
         if (bpf_skb_load_bytes(skb, at, &head, sizeof head.ipv4) ||

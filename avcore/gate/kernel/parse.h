@@ -12,12 +12,13 @@
 #define FRAGMENT_OFFSET 0x1FFF /* IPv4, in the field's lower bits */
 #define FRAGMENT_MORE 0x2000
 
+/* By words, as which addresses lie in their headers. */
 static __always_inline void set_addresses(struct gate_flow *flow, __u8 direction,
-                                          const void *source, const void *dest, __u32 size) {
+                                          const __be32 *source, const __be32 *dest, __u32 size) {
     const __u32 at = sizeof flow->client - size;
     const bool up = direction == GATE_UP;
-    __builtin_memcpy(flow->client + at, up ? source : dest, size);
-    __builtin_memcpy(flow->server + at, up ? dest : source, size);
+    __builtin_memcpy(__builtin_assume_aligned(flow->client + at, 4), up ? source : dest, size);
+    __builtin_memcpy(__builtin_assume_aligned(flow->server + at, 4), up ? dest : source, size);
     if (size == sizeof(__be32)) {
         flow->client[10] = flow->client[11] = 0xFF;
         flow->server[10] = flow->server[11] = 0xFF;
@@ -140,34 +141,65 @@ static __always_inline bool is_extension(__u8 header) {
            header == IPPROTO_AH || header == IPPROTO_DSTOPTS;
 }
 
-/* Steps over one extension header at `transport`. */
-static __always_inline int step_over(struct __sk_buff *skb, struct packet *packet) {
+struct extensions {
+    __u32 at;
+    __u32 end;
+    __u8 header; /* what is at `at` */
+    __u8 first_fragment;
+};
+
+static __always_inline int step_over(struct __sk_buff *skb, struct extensions *walk) {
     struct {
         __u8 next;
         __u8 length;
         __be16 fragment;
     } head;
-    if (packet->transport + 8 > packet->end ||
-        bpf_skb_load_bytes(skb, packet->transport, &head, sizeof head))
+    if (walk->at + 8 > walk->end || bpf_skb_load_bytes(skb, walk->at, &head, sizeof head))
         return GATE_COUNT_MALFORMED;
     __u32 length = (head.length + 1) * 8;
-    if (packet->flow.proto == IPPROTO_AH)
+    if (walk->header == IPPROTO_AH)
         length = (head.length + 2) * 4;
-    if (packet->flow.proto == IPPROTO_FRAGMENT) {
+    if (walk->header == IPPROTO_FRAGMENT) {
         length = 8;
         if (head.fragment & bpf_htons(0xFFF8))
             return GATE_COUNT_FRAGMENT;
-        packet->first_fragment = (head.fragment & bpf_htons(1)) != 0;
+        walk->first_fragment = (head.fragment & bpf_htons(1)) != 0;
     }
-    packet->flow.proto = head.next;
-    packet->transport += length;
-    packet->extended = 1;
-    if (packet->transport > packet->end)
+    walk->header = head.next;
+    walk->at += length;
+    if (walk->at > walk->end)
         return GATE_COUNT_MALFORMED;
     /* The daemon would see another packet: one that ends before its ports. */
-    return packet->transport + sizeof(struct tcp_header) <= GATE_FRAME_MAX
-               ? GATE_COUNT_UNDECIDED
-               : GATE_COUNT_DEEP_HEADERS;
+    return walk->at + sizeof(struct tcp_header) <= GATE_FRAME_MAX ? GATE_COUNT_UNDECIDED
+                                                                  : GATE_COUNT_DEEP_HEADERS;
+}
+
+/* What becomes of a packet with extension headers, in the lowest byte; above it what follows those
+ * that were walked over, its offset (15 bits), and the bit of a first fragment. Global, as
+ * jorn_gate_behind_tags. */
+__noinline int jorn_gate_behind_extensions(struct __sk_buff *skb, __u32 at, __u32 end,
+                                           __u32 header) {
+    struct extensions walk = {.at = at, .end = end, .header = (__u8)header};
+    int result = GATE_COUNT_UNDECIDED;
+    for (int i = 0; i < EXTENSION_HEADERS_MAX && result == GATE_COUNT_UNDECIDED; i++) {
+        if (!is_extension(walk.header))
+            break;
+        result = step_over(skb, &walk);
+    }
+    if (result == GATE_COUNT_UNDECIDED && is_extension(walk.header))
+        result = GATE_COUNT_DEEP_HEADERS;
+    return (int)((__u32)result | walk.header << 8 | (walk.at & 0x7FFF) << 16 |
+                 (__u32)walk.first_fragment << 31);
+}
+
+static __always_inline int pass_extensions(struct __sk_buff *skb, struct packet *packet) {
+    const __u32 found =
+        (__u32)jorn_gate_behind_extensions(skb, packet->transport, packet->end, packet->flow.proto);
+    packet->extended = 1;
+    packet->flow.proto = (__u8)(found >> 8);
+    packet->transport = found >> 16 & 0x7FFF;
+    packet->first_fragment = (__u8)(found >> 31);
+    return (__u8)found;
 }
 
 /* An IPv6 packet with such an address would be taken for an IPv4 flow. */
@@ -190,17 +222,14 @@ static __always_inline int parse_ipv6(struct __sk_buff *skb, struct packet *pack
         return GATE_COUNT_RESERVED;
     packet->traffic_class = (__u8)(head->priority << 4 | head->flow_lbl[0] >> 4);
     packet->flow.proto = head->nexthdr;
-    set_addresses(&packet->flow, packet->direction, &head->saddr, &head->daddr, sizeof head->saddr);
-    for (int i = 0; i < EXTENSION_HEADERS_MAX; i++) {
-        if (!is_extension(packet->flow.proto))
-            return parse_transport(skb, packet);
-        const int result = step_over(skb, packet);
+    set_addresses(&packet->flow, packet->direction, head->saddr.in6_u.u6_addr32,
+                  head->daddr.in6_u.u6_addr32, sizeof head->saddr);
+    if (is_extension(head->nexthdr)) {
+        const int result = pass_extensions(skb, packet);
         if (result != GATE_COUNT_UNDECIDED)
             return result;
     }
-    if (!is_extension(packet->flow.proto))
-        return parse_transport(skb, packet);
-    return GATE_COUNT_DEEP_HEADERS;
+    return parse_transport(skb, packet);
 }
 
 static __always_inline bool is_tag(__u16 type) {
