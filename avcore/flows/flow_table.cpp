@@ -70,6 +70,7 @@ flow_table::sighting flow_table::count_frame(const frame_facts &frame, size_t si
     const bool from_client =
         frame.ipv4 ? frame.sender.ip_be == row.client.ip_be && frame.sender.port == row.client.port
                    : frame.sender.mac == row.client.mac;
+    row.dscp[from_client ? 0 : 1] = frame.dscp;
     return {row, from_client};
 }
 

@@ -36,6 +36,7 @@ struct flow_row {
     uint16_t ether_type = 0;
     uint8_t ip_proto = 0;
     bool ipv4 = false;
+    uint8_t dscp[2] = {}; // of the last frame from the client, and to it
     uint64_t packets = 0;
     uint64_t bytes = 0;   // without trailers
     uint32_t verdict = 0; // the last one's av_verdict_code; 0 = none came

@@ -102,6 +102,9 @@ frame_facts decode_frame(std::span<const uint8_t> frame_and_trailer) {
     facts.ip_proto = ctx.ip_proto;
     facts.redirects = ctx.http_redirect != 0;
     facts.ipv4 = ctx.src_ip != 0 || ctx.dst_ip != 0 || ctx.ip_proto != 0;
+    if (facts.ipv4)
+        facts.dscp = static_cast<uint8_t>(
+            ipv4_packet_in({frame_and_trailer.data(), frame_and_trailer.size()}).u8(1) >> 2);
     return facts;
 }
 

@@ -112,6 +112,8 @@ void append_flow(std::string &out, const watched_flow &flow, const gate *behind)
         object.add("outdated", true);
     if (flow.at_gate)
         object.add("gate", treatment_by(*behind, flow.key));
+    if (row.dscp[0] != 0 || row.dscp[1] != 0)
+        object.add_pair("dscp", row.dscp[0], row.dscp[1]);
     append_why(object.key("why"), row);
     add_end(object, flow);
 }

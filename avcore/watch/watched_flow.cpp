@@ -68,8 +68,8 @@ row_digest digest_of(const flow_row &row) {
          << why.denial_text << row.client_interface << row.verdict << row.outdated
          << row.wificalling << row.wfc_priority << static_cast<uint64_t>(why.named_by)
          << static_cast<uint64_t>(why.by) << why.profile << why.of_client << row.client_utp
-         << row.client_rule << gate.settled << gate.denied << gate.generation
-         << gate.not_final.has_value();
+         << row.client_rule << row.dscp[0] << row.dscp[1] << gate.settled << gate.denied
+         << gate.generation << gate.not_final.has_value();
     digest.all = hash.value();
     return digest;
 }

@@ -123,6 +123,9 @@ private:
     static bool take(const json &member, dropped_packets &dropped) {
         return take_pair(member, dropped.denied, dropped.limited);
     }
+    static bool take(const json &member, code_points &dscp) {
+        return take_pair(member, dscp.up, dscp.down);
+    }
 
     template <typename Value>
     static bool take(const json &member, std::optional<Value> &value) {
@@ -169,6 +172,9 @@ private:
     }
     static ordered_json written(const dropped_packets &dropped) {
         return ordered_json::array({dropped.denied, dropped.limited});
+    }
+    static ordered_json written(const code_points &dscp) {
+        return ordered_json::array({dscp.up, dscp.down});
     }
     template <typename Value>
     static ordered_json written(const std::optional<Value> &value) {
@@ -241,6 +247,7 @@ void walk(Fields &fields, flow_record &flow) {
     fields.may("wificalling", flow.wificalling);
     fields.may("outdated", flow.outdated);
     fields.may("gate", flow.gate);
+    fields.may("dscp", flow.dscp);
     fields.may("why", flow.why);
     fields.may("ended", flow.ended);
 }

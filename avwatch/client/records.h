@@ -74,6 +74,12 @@ struct why_record {
     bool operator==(const why_record &) const = default;
 };
 
+struct code_points { // of differentiated services, RFC 2474
+    uint64_t up = 0, down = 0;
+
+    bool operator==(const code_points &) const = default;
+};
+
 struct flow_record : count_record {
     std::string client; // an IP address, or a MAC address where the flow isn't IP's
     uint64_t client_port = 0;
@@ -90,6 +96,7 @@ struct flow_record : count_record {
     std::optional<uint64_t> wificalling; // its priority
     bool outdated = false;
     std::string gate;
+    code_points dscp; // of the last packets that avcore saw
     why_record why;
 };
 
