@@ -2,6 +2,7 @@
 
 #include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
+#include "avwatch/export/subcommand.h"
 #include "avwatch/past/past.h"
 #include "avwatch/serve/serve.h"
 #include "avwatch/settings/settings.h"
@@ -20,8 +21,8 @@ namespace {
 
 // In the order of the help.
 constexpr void (*SUBCOMMANDS[])(CLI::App &app, invocation &asked) = {
-    add_top, add_clients, add_apps,  add_flows, add_denials, add_status,
-    add_why, add_usage,   add_serve, add_link,  add_forget,  add_backup,
+    add_top,    add_clients, add_apps,  add_flows, add_denials, add_status, add_why,
+    add_export, add_usage,   add_serve, add_link,  add_forget,  add_backup,
 };
 
 void describe(CLI::App &app, invocation &asked) {

@@ -49,28 +49,31 @@ void ledger::heard(int64_t now_ms) {
         heard_ms_ = now_ms;
 }
 
-void ledger::take(const flow_message &news, int64_t now_ms) {
+ledger::growth ledger::take(const flow_message &news, int64_t now_ms) {
     const auto at = enter(news, now_ms);
     if (at == flows_.end())
-        return;
+        return std::nullopt;
     if (rename(at->second, news))
         note_changed(at);
-    take(at, news.counts, news.ended, now_ms);
+    return take(at, news.counts, news.ended, now_ms);
 }
 
-void ledger::take_counts(std::string_view id, const flow_counts &counts, bool ended,
-                         int64_t now_ms) {
+ledger::growth ledger::take_counts(std::string_view id, const flow_counts &counts, bool ended,
+                                   int64_t now_ms) {
     const auto at = flows_.find(id);
-    if (at != flows_.end())
-        take(at, counts, ended, now_ms);
+    if (at == flows_.end())
+        return std::nullopt;
+    return take(at, counts, ended, now_ms);
 }
 
-void ledger::take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms) {
-    update(at, counts, now_ms, ended);
+flow_counts ledger::take(flow_map::iterator at, const flow_counts &counts, bool ended,
+                         int64_t now_ms) {
+    const flow_counts more = update(at, counts, now_ms, ended);
     if (!ended)
-        return;
+        return more;
     ended_.add(at->first, now_ms);
     close(at);
+    return more;
 }
 
 void ledger::take_sum(const flow_message &sum, uint64_t flows) {
@@ -177,13 +180,13 @@ void ledger::give_up(const sum_key *key) {
         keys_.erase(at);
 }
 
-void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
-                    bool is_last) {
+flow_counts ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
+                           bool is_last) {
     open_flow &flow = at->second;
     flow.heard_ms = now_ms;
-    if (!is_last && !flow.held && !has_room(*flow.key))
-        return; // it is told again
     flow_counts more = {};
+    if (!is_last && !flow.held && !has_room(*flow.key))
+        return more; // it is told again
     bool has_more = false;
     for (size_t i = 0; i < FLOW_COUNTS; ++i) {
         const uint64_t told = std::min(counts[i], COUNT_MAX);
@@ -194,10 +197,11 @@ void ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t no
         has_more = true;
     }
     if (!has_more)
-        return;
+        return more;
     if (!flow.held)
         count(*flow.key, amounts_of(more));
     note_changed(at);
+    return more;
 }
 
 // Its counts so far become part of the sums.

@@ -23,6 +23,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -95,8 +96,10 @@ public:
     void heard(int64_t now_ms);
     void disconnected() { listed_ms_ = -1; }
 
-    void take(const flow_message &news, int64_t now_ms);
-    void take_counts(std::string_view id, const flow_counts &counts, bool ended, int64_t now_ms);
+    // What it has beyond what was told before; nothing of a flow that isn't counted.
+    using growth = std::optional<flow_counts>;
+    growth take(const flow_message &news, int64_t now_ms);
+    growth take_counts(std::string_view id, const flow_counts &counts, bool ended, int64_t now_ms);
     // Of flows that ended unseen; its `id` and `ended` mean nothing.
     void take_sum(const flow_message &sum, uint64_t flows);
 
@@ -134,10 +137,11 @@ private:
 
     flow_map::iterator enter(const flow_message &news, int64_t now_ms);
     bool rename(open_flow &flow, const flow_message &news);
-    void take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
+    flow_counts take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
     const sum_key *share(sum_key key);
     void give_up(const sum_key *key);
-    void update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms, bool is_last);
+    flow_counts update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
+                       bool is_last);
     void release(open_flow &flow);
     flow_map::iterator close(flow_map::iterator at);
     void note_changed(flow_map::iterator at);

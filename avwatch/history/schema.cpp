@@ -50,7 +50,16 @@ std::string first_tables() {
     return sql;
 }
 
-constexpr std::string (*STEPS[])() = {first_tables};
+std::string export_tables() {
+    return R"(
+        CREATE TABLE application_numbers (number INTEGER PRIMARY KEY, name TEXT NOT NULL,
+            is_name INTEGER NOT NULL, used INTEGER NOT NULL);
+        CREATE TABLE exports (target TEXT PRIMARY KEY, since INTEGER NOT NULL,
+            records INTEGER NOT NULL, messages INTEGER NOT NULL, dropped INTEGER NOT NULL,
+            failed INTEGER NOT NULL, other INTEGER NOT NULL) WITHOUT ROWID;)";
+}
+
+constexpr std::string (*STEPS[])() = {first_tables, export_tables};
 constexpr int64_t VERSION = std::size(STEPS);
 
 [[noreturn]] void refuse(database &file, const std::string &why) {

@@ -12,6 +12,7 @@
 
 #include "avwatch/client/records.h"
 #include "avwatch/history/database.h"
+#include "avwatch/history/export_rows.h"
 #include "avwatch/history/history_settings.h"
 #include "avwatch/history/ledger.h"
 #include "avwatch/history/schema.h"
@@ -39,12 +40,15 @@ public:
 
     // Gives the ledger the open flows; at the start.
     void restore(ledger &flows, int64_t now_ms);
+    void restore(application_numbers &numbers) { read_numbers(file_, numbers); }
     // The ledger was filled from another file, whose totals were these: with what is written next
     // they take the place of this one's.
     void replace_contents(ledger &flows, totals counted);
 
     // Writes what the ledger has to add, in the present minute. The ledger is told.
     void write(ledger &flows, int64_t wall_s, int64_t monotonic_ms);
+    void write(application_numbers &numbers) { write_numbers(file_, numbers); }
+    void write(const std::vector<export_counts> &exports) { write_exports(file_, exports); }
     // What clients call themselves, and their addresses, of those that the history has; what they
     // don't say now stays.
     void write_clients(const std::vector<client_record> &clients);

@@ -113,6 +113,27 @@ void add_values(std::string &out, const std::string &name, const counts_record &
     }
 }
 
+void add_exports(std::string &out, const std::vector<export_counts> &exports) {
+    constexpr struct {
+        const char *name;
+        const char *help;
+        uint64_t export_counts::*value;
+    } counters[] = {
+        {"jorn_export_records_total", "Records of flows for collectors.", &export_counts::records},
+        {"jorn_export_messages_total", "Messages that were sent.", &export_counts::messages},
+        {"jorn_export_failed_messages_total", "Messages that weren't sent, or were refused.",
+         &export_counts::failed},
+        {"jorn_export_dropped_messages_total", "Messages that there was no room for.",
+         &export_counts::dropped},
+    };
+    for (const auto &each : counters) {
+        if (!exports.empty())
+            add_head(out, each.name, each.help, "counter");
+        for (const export_counts &counts : exports)
+            add_sample(out, each.name, "to=" + label_text(counts.target), counts.*each.value);
+    }
+}
+
 void put_number(counts_record &numbers, const std::string &key, const nlohmann::json &value) {
     if (numbers.size() >= VALUES_MAX)
         return;
@@ -151,6 +172,7 @@ std::string metrics_text(const totals &committed, const health &state,
         add_head(out, "jorn_gate_value", "What the gate says of itself.", "gauge");
         add_values(out, "jorn_gate_value", state.gate);
     }
+    add_exports(out, state.exports);
     add_gauge(out, "jorn_history_writable", "1 while the history can be written.",
               state.writes_history);
     add_gauge(out, "jorn_history_written_timestamp_seconds", "When the last counts were committed.",

@@ -4,11 +4,13 @@
 #pragma once
 
 #include "avwatch/client/records.h"
+#include "avwatch/history/export_rows.h"
 #include "avwatch/history/totals.h"
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
 namespace avwatch {
 
@@ -20,7 +22,8 @@ struct health {
     int64_t written_s = 0;      // the last transaction, since 1970; 0: none yet
     uint64_t history_bytes = 0; // of the file
     uint64_t open_flows = 0;
-    uint64_t uncounted = 0;   // messages about flows that are too many
+    uint64_t uncounted = 0; // messages about flows that are too many
+    std::vector<export_counts> exports;
     uint64_t passed_over = 0; // messages that weren't understood, of this connection
 };
 

@@ -31,6 +31,8 @@ struct upkeep_request {
 void drop_unused_names(database &file) {
     file.run("DELETE FROM applications WHERE id != 0 AND id NOT IN (SELECT application FROM days);"
              "DELETE FROM candidates WHERE (application, is_name) NOT IN "
+             "(SELECT name, is_name FROM applications);"
+             "DELETE FROM application_numbers WHERE (name, is_name) NOT IN "
              "(SELECT name, is_name FROM applications)");
 }
 

@@ -16,7 +16,6 @@ namespace {
 using avcore::monotonic_ms;
 using avcore::NEVER_MS;
 
-constexpr uint32_t EVERY_MS = 10'000; // a flow's counts
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
 // Ends from so long before avcore was last heard are asked for: later they are told. Less than
 // ended ones are known again.
@@ -24,17 +23,12 @@ constexpr int64_t ENDS_LATE_MS = 20'000;
 constexpr int64_t ASK_EVERY_MS = 10'000;
 constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
 constexpr int64_t CLIENTS_EVERY_MS = 60'000;
+constexpr int64_t EXPORTS_EVERY_MS = 5'000;
 constexpr int64_t PASS_EVERY_MS = 5'000;
 constexpr int64_t RETRY_MS = 10'000; // to write
 constexpr int64_t TIDY_AT_ONCE_MS = 50;
 constexpr int64_t TIDY_EVERY_MS = 500; // while there is more
 constexpr int FINISH_TRIES = 50;       // each waits a moment for who is at the file
-
-template <typename Record>
-flow_counts counts_in(const Record &record) {
-    return {record.up.packets, record.up.bytes,       record.down.packets,
-            record.down.bytes, record.dropped.denied, record.dropped.limited};
-}
 
 uint8_t verdict_of(const std::string &word) {
     const auto *at = std::find(std::begin(VERDICT_WORDS), std::end(VERDICT_WORDS), word);
@@ -55,12 +49,18 @@ struct recorder::taker {
     int64_t now_ms;
 
     void operator()(const flow_record &flow) const {
-        to.ledger_.take({flow.id, flow.client, flow.client_mac, flow.application, flow.why.named_by,
-                         verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
-                        now_ms);
+        const ledger::growth more = to.ledger_.take(
+            {flow.id, flow.client, flow.client_mac, flow.application, flow.why.named_by,
+             verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
+            now_ms);
+        if (more && to.exports_.has_any())
+            to.exports_.flows().take(flow, *more, now_ms);
     }
     void operator()(const count_record &count) const {
-        to.ledger_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
+        const ledger::growth more =
+            to.ledger_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
+        if (more && to.exports_.has_any())
+            to.exports_.flows().take(count, *more, now_ms);
     }
     void operator()(const sum_record &sum) const {
         to.ledger_.take_sum({{},
@@ -72,6 +72,8 @@ struct recorder::taker {
                              counts_in(sum),
                              true},
                             sum.flows);
+        if (to.exports_.has_any())
+            to.exports_.flows().take(sum, static_cast<uint64_t>(time(nullptr)) * 1'000'000);
     }
     void operator()(const listing_end &) const { to.ledger_.listed(now_ms); }
     void operator()(const client_record &client) const {
@@ -91,9 +93,10 @@ struct recorder::taker {
     void operator()(const auto & /*other*/) const {}
 };
 
-recorder::recorder(const history_settings &settings, std::string watch_socket)
+recorder::recorder(const history_settings &settings, std::string watch_socket, exports &others)
     : settings_(settings),
       watch_socket_(std::move(watch_socket)),
+      exports_(others),
       lock_(lock_history(settings.file)),
       ledger_(settings.names) {
     open_history(monotonic_ms());
@@ -125,7 +128,7 @@ void recorder::serve(int64_t now_ms) {
     if (now_ms >= ask_due_ms_)
         ask();
     if (now_ms >= write_due_ms_)
-        write(now_ms);
+        write_and_send(now_ms);
     if (now_ms >= tidy_due_ms_)
         tidy(now_ms);
 }
@@ -133,6 +136,18 @@ void recorder::serve(int64_t now_ms) {
 void recorder::finish() {
     for (int tries = 0; tries < FINISH_TRIES && !write(monotonic_ms()); ++tries) {
     }
+    if (!exports_.has_any())
+        return;
+    exports_.finish();
+    exports_due_ms_ = 0;
+    write(monotonic_ms());
+}
+
+// While another one is at the file what was counted isn't stored: it waits. Where the file can't be
+// written for long, it goes nevertheless.
+void recorder::write_and_send(int64_t now_ms) {
+    if (write(now_ms) && exports_.has_any())
+        exports_.send(now_ms);
 }
 
 bool recorder::write(int64_t now_ms) {
@@ -149,6 +164,7 @@ bool recorder::write(int64_t now_ms) {
         if (!heard_clients_.empty())
             store_->write_clients(heard_clients_);
         heard_clients_ = {};
+        write_exports(now_ms);
         health_.writes_history = true;
         health_.written_s = time(nullptr);
         write_due_ms_ = now_ms + int64_t{settings_.commit_s} * 1'000;
@@ -167,9 +183,22 @@ std::string recorder::metrics() const {
     now.hears_avcore = is_greeted_ && monotonic_ms() - heard_ms_ < SILENT_MS;
     now.open_flows = ledger_.open();
     now.uncounted = ledger_.uncounted();
+    now.exports = exports_.counts();
     now.passed_over = avcore_ ? avcore_->passed_over() : 0;
     return metrics_text(store_ ? store_->committed() : committed_, now,
                         {settings_.names, settings_.client_metrics});
+}
+
+void recorder::write_exports(int64_t now_ms) {
+    store_->write(exports_.numbers());
+    if (now_ms < exports_due_ms_)
+        return;
+    exports_due_ms_ = now_ms + EXPORTS_EVERY_MS;
+    std::vector<export_counts> counts = exports_.counts();
+    if (exports_written_ == counts)
+        return;
+    store_->write(counts);
+    exports_written_ = std::move(counts);
 }
 
 // Also in the place of one that was moved away: there what is open is written anew.
@@ -184,6 +213,11 @@ bool recorder::open_history(int64_t now_ms) {
             store_->replace_contents(ledger_, committed_);
         else
             store_->restore(ledger_, now_ms);
+        exports_written_.reset();
+        if (is_restored_)
+            exports_.numbers().forget_rows();
+        else
+            store_->restore(exports_.numbers());
         is_restored_ = true;
         file_inode_ = inode_of(settings_.file);
         return true;
@@ -213,7 +247,7 @@ void recorder::connect(int64_t now_ms) {
         avcore_.emplace(watch_socket_);
         follow_asked_ = avcore_->follow({.flows = true,
                                          .events = false,
-                                         .every_ms = EVERY_MS,
+                                         .every_ms = exports_.every_ms(),
                                          .ended_within_ms = asked_ends_ms(monotonic_ms()),
                                          .filter = {}});
         connect_due_ms_ = NEVER_MS;
@@ -233,6 +267,7 @@ std::optional<int64_t> recorder::asked_ends_ms(int64_t now_ms) const {
 void recorder::greet(int64_t now_ms) {
     is_greeted_ = true;
     ledger_.connected(avcore_->greeting()->epoch());
+    exports_.flows().connected(avcore_->greeting()->epoch());
     ask_due_ms_ = clients_due_ms_ = now_ms;
     if (!std::exchange(avcore_trouble_, {}).empty())
         complain("avcore is heard again");

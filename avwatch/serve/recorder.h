@@ -8,6 +8,8 @@
 #pragma once
 
 #include "avwatch/client/watch_client.h"
+#include "avwatch/export/due_flows.h"
+#include "avwatch/export/exports.h"
 #include "avwatch/history/history_settings.h"
 #include "avwatch/history/ledger.h"
 #include "avwatch/history/store.h"
@@ -24,8 +26,9 @@ namespace avwatch {
 
 class recorder {
 public:
-    // Throws refused and foreign_history: another one writes, or the file is another program's.
-    recorder(const history_settings &settings, std::string watch_socket);
+    // `others` outlive it: they get what it hears, and send behind its transactions. Throws refused
+    // and foreign_history: another one writes, or the file is another program's.
+    recorder(const history_settings &settings, std::string watch_socket, exports &others);
 
     int descriptor() const { return avcore_ ? avcore_->descriptor() : -1; }
     void listen(); // what has come on it, some of it at a time
@@ -51,12 +54,15 @@ private:
     void ask();
     void disconnect(const std::string &why);
     bool write(int64_t now_ms); // false: somebody else is at it
+    void write_and_send(int64_t now_ms);
+    void write_exports(int64_t now_ms);
     void tidy(int64_t now_ms);
     void complain_of(const database_error &error);
     void say_once(std::string &said, const std::string &what) const;
 
     const history_settings settings_;
     const std::string watch_socket_;
+    exports &exports_;
     unique_fd lock_;
     ledger ledger_;
     std::optional<store> store_;
@@ -78,7 +84,9 @@ private:
     int64_t tidy_due_ms_ = 0;
     int64_t pass_due_ms_ = 0;
     int64_t clients_due_ms_ = 0;
-    std::string history_trouble_; // said already
+    int64_t exports_due_ms_ = 0;                                // what they count,
+    std::optional<std::vector<export_counts>> exports_written_; // and had
+    std::string history_trouble_;                               // said already
     std::string avcore_trouble_;
 };
 

@@ -4,6 +4,7 @@
 #include "avcore/base/monotonic_clock.h"
 #include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
+#include "avwatch/export/exports.h"
 #include "avwatch/page/page.h"
 #include "avwatch/page/tickets.h"
 #include "avwatch/present/present.h"
@@ -85,7 +86,8 @@ int serve(const settings &read, const std::string &watch_socket, bool utc) {
     signal(SIGPIPE, SIG_IGN);
     umask(027); // who uses what is not everybody's business
     const unique_fd signals = end_signals();
-    recorder kept(read.history, watch_socket);
+    exports others(read.exports);
+    recorder kept(read.history, watch_socket, others);
     std::unique_ptr<shown_page> shown;
     if (!read.http.address.empty())
         shown = std::make_unique<shown_page>(read, watch_socket, kept, utc);
@@ -100,6 +102,7 @@ int serve(const settings &read, const std::string &watch_socket, bool utc) {
         shown->add_to(loop);
     loop.add({.due_ms = [&](int64_t) { return kept.due_ms(); },
               .serve = [&](int64_t now_ms) { kept.serve(now_ms); }});
+    others.add_to(loop);
     while (goes_on)
         loop.wait_and_serve(avcore::monotonic_ms());
     kept.finish();

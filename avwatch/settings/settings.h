@@ -4,10 +4,12 @@
 #include "avwatch/client/known_clients.h"
 #include "avwatch/client/watch_client.h"
 #include "avwatch/history/history_settings.h"
+#include "avwatch/settings/export_settings.h"
 #include "avwatch/settings/http_settings.h"
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace avwatch {
 
@@ -17,6 +19,7 @@ struct settings {
     client_aliases aliases;
     history_settings history;
     http_settings http;
+    std::vector<export_settings> exports;
 };
 
 // The file at SETTINGS_FILE may be missing, another one not. Throws avcore::config_error, which

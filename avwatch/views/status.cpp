@@ -2,6 +2,7 @@
 #include "avwatch/base/shown_text.h"
 #include "avwatch/base/units.h"
 #include "avwatch/client/answers.h"
+#include "avwatch/history/export_rows.h"
 #include "avwatch/history/schema.h"
 #include "avwatch/history/usage.h"
 #include "avwatch/views/selection.h"
@@ -66,10 +67,27 @@ ordered_json history_state(const std::string &path) {
         for (size_t i = 0; i < starts.size(); ++i)
             state[PERIODS[i].table + std::string("_since_us")] =
                 std::max<int64_t>(starts[i], 0) * 1'000'000;
+        for (const export_counts &each : read_exports(file))
+            state["exports"].push_back({{"to", each.target},
+                                        {"since_us", each.since_s * 1'000'000},
+                                        {"records", each.records},
+                                        {"messages", each.messages},
+                                        {"failed", each.failed},
+                                        {"dropped", each.dropped},
+                                        {"other", each.other}});
     } catch (const std::runtime_error &error) {
         state["error"] = error.what();
     }
     return state;
+}
+
+void print_exports(const ordered_json &exports, bool utc) {
+    for (const ordered_json &each : exports) {
+        std::cout << "export: " << shown_text(each["to"].get<std::string>()) << '\n'
+                  << "  since: " << time_text(each["since_us"], utc) << '\n';
+        for (const char *count : {"records", "messages", "failed", "dropped", "other"})
+            std::cout << "  " << count << ": " << each[count] << '\n';
+    }
 }
 
 void print_history(const ordered_json &state, bool utc) {
@@ -85,6 +103,8 @@ void print_history(const ordered_json &state, bool utc) {
         std::cout << "  " << each.table
                   << " since: " << time_text(state[each.table + std::string("_since_us")], utc)
                   << '\n';
+    if (state.contains("exports"))
+        print_exports(state["exports"], utc);
 }
 
 int show_status(const invocation &asked, bool as_json) {

@@ -1,0 +1,38 @@
+// Which id an application has, and what it is called (RFC 6759): those that the DPI engine named
+// have its number, all others one of application_numbers.
+#pragma once
+
+#include "avwatch/client/records.h"
+#include "avwatch/history/application_numbers.h"
+#include "avwatch/ipfix/exported_record.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace avwatch {
+
+inline int64_t day_of(int64_t wall_s) { // since 1970
+    return wall_s / 86'400;
+}
+
+class application_ids {
+public:
+    static constexpr size_t ENGINE_MAX = 4'096; // names of the engine's
+
+    explicit application_ids(application_numbers &numbers) : numbers_(numbers) {}
+
+    application_id id_of(const std::string &application, const why_record &why, names_kept names,
+                         int64_t today);
+    // As it may be shown.
+    std::string name_of(const application_id &id) const;
+    std::string description_of(const application_id &id) const;
+    // The same, or where a crash might give it to another application, that of "other".
+    application_id usable(const application_id &id) const;
+
+private:
+    application_numbers &numbers_;
+    std::map<uint32_t, std::string> engine_names_;
+};
+
+} // namespace avwatch

@@ -1,0 +1,90 @@
+#include "avwatch/export/exports.h"
+
+#include "avcore/base/monotonic_clock.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace avwatch {
+namespace {
+
+using avcore::monotonic_ms;
+
+constexpr int64_t INTERFACES_MS = 10'000;
+constexpr int64_t FINISH_MS = 3'000;
+
+uint32_t every_ms_of(const std::vector<export_settings> &settings) {
+    uint32_t every_ms = HEARD_EVERY_MS;
+    for (const export_settings &each : settings)
+        every_ms = std::min({every_ms, each.active_s * 1'000, each.inactive_s * 1'000});
+    return every_ms;
+}
+
+// A flow that goes on is heard of once in so long, so before that it isn't known to be silent.
+std::vector<due_flows::view> views_of(const std::vector<export_settings> &settings) {
+    std::vector<due_flows::view> views;
+    views.reserve(settings.size());
+    for (const export_settings &each : settings)
+        views.push_back({int64_t{each.active_s} * 1'000,
+                         int64_t{each.inactive_s} * 1'000 + every_ms_of(settings)});
+    return views;
+}
+
+} // namespace
+
+exports::exports(const std::vector<export_settings> &settings)
+    : every_ms_(every_ms_of(settings)),
+      flows_(views_of(settings),
+             {[this](size_t place, const std::string &application, const why_record &why) {
+                  return ids_.id_of(application, why, exporters_[place].names(),
+                                    day_of(time(nullptr)));
+              },
+              [this](const std::string &name) { return interfaces_.number_of(name); }}) {
+    for (const export_settings &each : settings)
+        exporters_.emplace_back(each, ids_, interfaces_, time(nullptr));
+}
+
+void exports::send(int64_t now_ms, bool all) {
+    if (now_ms >= interfaces_due_ms_) {
+        interfaces_.look_again();
+        interfaces_due_ms_ = now_ms + INTERFACES_MS;
+    }
+    for (exporter &each : exporters_)
+        each.begin(now_ms, time(nullptr));
+    flows_.give(now_ms, all, [this](size_t place, const flow_part &part) {
+        return exporters_[place].take(part);
+    });
+    for (exporter &each : exporters_)
+        each.end();
+}
+
+void exports::finish() {
+    const int64_t until_ms = monotonic_ms() + FINISH_MS;
+    const auto is_busy = [](exporter &each) { return !each.place().is_idle(); };
+    send(monotonic_ms(), true);
+    while (monotonic_ms() < until_ms && std::ranges::any_of(exporters_, is_busy)) {
+        for (exporter &each : exporters_)
+            each.place().serve(monotonic_ms());
+        constexpr timespec pause = {0, collector::PACE_MS * 1'000'000};
+        nanosleep(&pause, nullptr);
+        send(monotonic_ms(), true);
+    }
+}
+
+void exports::add_to(avcore::loop &loop) {
+    for (exporter &each : exporters_) {
+        collector &place = each.place();
+        loop.add({.descriptor = [&place] { return place.descriptor(); },
+                  .due_ms = [&place](int64_t) { return place.due_ms(); },
+                  .serve = [&place](int64_t now_ms) { place.serve(now_ms); }});
+    }
+}
+
+std::vector<export_counts> exports::counts() const {
+    std::vector<export_counts> all;
+    for (const exporter &each : exporters_)
+        all.push_back(each.counts());
+    return all;
+}
+
+} // namespace avwatch

@@ -1,0 +1,250 @@
+#include "avwatch/export/subcommand.h"
+
+#include "avcore/base/ip_address.h"
+#include "avcore/base/loop.h"
+#include "avcore/base/monotonic_clock.h"
+#include "avwatch/base/failure.h"
+#include "avwatch/client/watch_client.h"
+#include "avwatch/export/application_ids.h"
+#include "avwatch/export/due_flows.h"
+#include "avwatch/export/interfaces.h"
+#include "avwatch/export/record_maker.h"
+#include "avwatch/history/ledger.h"
+#include "shared/command_line.h"
+#include "shared/unique_fd.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <sys/signalfd.h>
+#include <variant>
+
+namespace avwatch {
+namespace {
+
+constexpr int64_t TICK_MS = 1'000;
+
+struct export_request {
+    std::string active_s = "10", inactive_s = "10";
+    bool as_json = false;
+};
+
+std::string what_is_wrong_with_seconds(const std::string &value) {
+    uint32_t seconds = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), seconds);
+    const bool is_good = error == std::errc() && end == value.data() + value.size() &&
+                         seconds > 0 && seconds <= TIMEOUT_S_MAX;
+    return is_good ? "" : "seconds, from 1 to " + std::to_string(TIMEOUT_S_MAX);
+}
+
+std::string mac_text(const exported_record::mac_address &mac) {
+    std::array<char, sizeof "00:00:00:00:00:00"> text = {};
+    snprintf(text.data(), text.size(), "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2],
+             mac[3], mac[4], mac[5]);
+    return text.data();
+}
+
+const char *end_text(uint8_t end_reason) {
+    constexpr const char *words[] = {"", "inactive", "active", "ended", "forced", "no room"};
+    return words[end_reason];
+}
+
+const char *status_text(uint8_t status) {
+    if (status == DROPPED_BY_POLICY)
+        return "denied";
+    return status == DROPPED_BY_LIMIT ? "limited" : "forwarded";
+}
+
+const char *event_text(uint8_t event) {
+    constexpr const char *words[] = {"", "created", "deleted", "denied", "", "updated"};
+    return words[event];
+}
+
+// Flows as they are told, and a line for each record that is due.
+class printed_flows {
+public:
+    printed_flows(const invocation &asked, const export_request &wanted, names_kept names)
+        : names_(names),
+          active_ms_(std::stoll(wanted.active_s) * 1'000),
+          inactive_ms_(std::stoll(wanted.inactive_s) * 1'000),
+          avcore_(asked.watch_socket),
+          flows_({{active_ms_, inactive_ms_ + every_ms()}},
+                 {[this](size_t, const std::string &application, const why_record &why) {
+                      return ids_.id_of(application, why, names_, day_of(time(nullptr)));
+                  },
+                  [this](const std::string &name) { return interfaces_.number_of(name); }}) {
+        avcore_.follow({.flows = true, .events = false, .every_ms = every_ms(), .filter = {}});
+    }
+
+    int descriptor() const { return avcore_.descriptor(); }
+    bool has_more() const { return has_more_; }
+    int64_t due_ms() const { return due_ms_; }
+
+    void listen(int64_t now_ms) {
+        has_more_ = true;
+        for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
+            const std::optional<message> told = avcore_.take();
+            has_more_ = told.has_value();
+            if (told)
+                std::visit([&](const auto &what) { take(what, now_ms); }, told->what);
+        }
+    }
+
+    void print(int64_t now_ms, bool all) {
+        due_ms_ = now_ms + TICK_MS;
+        flows_.give(now_ms, all, [this](size_t, const flow_part &part) {
+            print(part);
+            return true;
+        });
+        counted_.pass(now_ms);
+        counted_.written(); // there is nobody who keeps the sums
+        if (!std::cout.flush())
+            throw refused("standard output can't be written");
+    }
+
+private:
+    uint32_t every_ms() const {
+        return static_cast<uint32_t>(std::min({active_ms_, inactive_ms_, int64_t{HEARD_EVERY_MS}}));
+    }
+
+    // What flows had before the first look isn't this run's.
+    void take(const flow_record &flow, int64_t now_ms) {
+        const ledger::growth more = counted_.take({flow.id,
+                                                   flow.client,
+                                                   flow.client_mac,
+                                                   {},
+                                                   {},
+                                                   NO_VERDICT,
+                                                   counts_in(flow),
+                                                   !flow.ended.empty()},
+                                                  now_ms);
+        if (more)
+            flows_.take(flow, is_listed_ ? *more : flow_counts(), now_ms);
+    }
+    void take(const count_record &count, int64_t now_ms) {
+        const ledger::growth more =
+            counted_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
+        if (more)
+            flows_.take(count, *more, now_ms);
+    }
+    void take(const sum_record &sum, int64_t) {
+        flows_.take(sum, static_cast<uint64_t>(time(nullptr)) * 1'000'000);
+    }
+    void take(const listing_end &, int64_t) { is_listed_ = true; }
+    void take(const answer_error &error, int64_t) {
+        throw refused("avcore doesn't tell: " + error.text);
+    }
+    void take(const auto & /*other*/, int64_t) {}
+
+    void print(const flow_part &part) {
+        const interfaces::interface &at = interfaces_.at(part.facts.interface);
+        for (const exported_record &each : records_of(part, at, {}))
+            std::cout << to_line(object_of(each, part, at)) << '\n';
+    }
+
+    nlohmann::ordered_json object_of(const exported_record &record, const flow_part &part,
+                                     const interfaces::interface &at) const {
+        nlohmann::ordered_json object;
+        object["direction"] = record.from_client ? "up" : "down";
+        if (part.facts.is_ip) {
+            object["source"] = avcore::ip_address(record.source).text();
+            object["destination"] = avcore::ip_address(record.destination).text();
+            object["source_port"] = record.source_port;
+            object["destination_port"] = record.destination_port;
+            object["protocol"] = record.protocol;
+            object["dscp"] = record.dscp;
+        }
+        object["packets"] = record.packets;
+        object["bytes"] = record.bytes;
+        object["dropped"] = record.dropped;
+        object["begun_us"] = part.begun_us;
+        object["ended_us"] = part.ended_us;
+        object["end"] = end_text(record.end_reason);
+        object["status"] = status_text(record.status);
+        object["event"] = event_text(record.event);
+        object["application"] = ids_.name_of(record.application);
+        if (is_known(record.station))
+            object["station"] = mac_text(record.station);
+        if (is_known(record.access_point))
+            object["access_point"] = mac_text(record.access_point);
+        if (!at.name.empty())
+            object["interface"] = at.name;
+        object["utp"] = record.utp;
+        if (!record.reason.empty())
+            object["reason"] = record.reason;
+        return object;
+    }
+
+    const names_kept names_;
+    const int64_t active_ms_, inactive_ms_;
+    watch_client avcore_;
+    ledger counted_{names_kept::none};
+    application_numbers numbers_; // of this run alone
+    application_ids ids_{numbers_};
+    interfaces interfaces_;
+    due_flows flows_;
+    bool is_listed_ = false;
+    bool has_more_ = false;
+    int64_t due_ms_ = 0;
+};
+
+int print_records(const invocation &asked, const export_request &wanted) {
+    if (!wanted.as_json)
+        throw refused("the records are printed as lines of JSON: say --json; [[export]] in the "
+                      "configuration has \"avwatch serve\" send them to a collector");
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    sigprocmask(SIG_BLOCK, &ending, nullptr);
+    const unique_fd signals(signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
+    printed_flows flows(asked, wanted, read_settings(asked.settings_file).history.names);
+    bool goes_on = true;
+    avcore::loop loop;
+    loop.add(
+        {.descriptor = [&] { return signals.get(); }, .serve = [&](int64_t) { goes_on = false; }});
+    loop.add(
+        {.descriptor = [&] { return flows.descriptor(); },
+         .due_ms = [&](int64_t now_ms) { return flows.has_more() ? now_ms : avcore::NEVER_MS; },
+         .serve = [&](int64_t now_ms) { flows.listen(now_ms); }});
+    loop.add({.due_ms = [&](int64_t) { return flows.due_ms(); },
+              .serve = [&](int64_t now_ms) { flows.print(now_ms, false); }});
+    try {
+        while (goes_on)
+            loop.wait_and_serve(avcore::monotonic_ms());
+    } catch (const no_watch &) {
+        flows.print(avcore::monotonic_ms(), true);
+        throw;
+    }
+    flows.print(avcore::monotonic_ms(), true);
+    return STATUS_DONE;
+}
+
+} // namespace
+
+void add_export(CLI::App &app, invocation &asked) {
+    subcommand command(
+        app, "export", "What flows have from now on, as records for programs",
+        "A line for each direction of a flow when it ends, goes on for long or is silent, as\n"
+        "collectors get it of \"avwatch serve\" by [[export]] in the configuration.");
+    const auto wanted = std::make_shared<export_request>();
+    command.add_flag("--json", wanted->as_json, "A JSON object a line");
+    command.add_option("--active-timeout", wanted->active_s, "How long a flow is summed up",
+                       {.type_name = "SECONDS",
+                        .shows_default = true,
+                        .what_is_wrong_with = what_is_wrong_with_seconds});
+    command.add_option("--inactive-timeout", wanted->inactive_s, "How long it may be silent",
+                       {.type_name = "SECONDS",
+                        .shows_default = true,
+                        .what_is_wrong_with = what_is_wrong_with_seconds});
+    command.callback([&asked, wanted] {
+        asked.action = [&asked, wanted] { return print_records(asked, *wanted); };
+    });
+}
+
+} // namespace avwatch
