@@ -65,7 +65,7 @@ std::string reason_of(const why_record &why) {
     return reason.substr(0, REASON_MAX);
 }
 
-void set_side(flow_facts &facts, const std::string &text, exported_record::address &address) {
+void set_side(exported_flow &facts, const std::string &text, exported_record::address &address) {
     const auto parsed = avcore::ip_address::parse(text);
     facts.is_ip = parsed.has_value();
     if (!parsed)
@@ -151,7 +151,7 @@ void due_flows::take(const sum_record &told, uint64_t now_us) {
 
 // What isn't said stays: after a restart avcore may know no more of a flow than its counts.
 void due_flows::describe(open_flow &flow, const flow_record &told) {
-    flow_facts &facts = flow.facts;
+    exported_flow &facts = flow.facts;
     set_side(facts, told.server, facts.server);
     set_side(facts, told.client, facts.client);
     facts.client_port = port_of(told.client_port);

@@ -23,7 +23,7 @@
 
 namespace avwatch {
 
-struct flow_facts {
+struct exported_flow {
     bool is_ip = false;
     exported_record::address client = {}, server = {}; // of IPv4: in the last four octets
     bool is_ipv6 = false;
@@ -38,7 +38,7 @@ struct flow_facts {
 };
 
 struct flow_part {
-    const flow_facts &facts;
+    const exported_flow &facts;
     application_id application;
     flow_counts counts = {};
     uint64_t begun_us = 0, ended_us = 0;
@@ -100,7 +100,7 @@ private:
         bool is_told = false; // an earlier part
     };
     struct open_flow {
-        flow_facts facts;
+        exported_flow facts;
         uint64_t last_us = 0;
         int64_t heard_ms = 0, grown_ms = 0;
         uint8_t end_reason = 0; // 0: it goes on

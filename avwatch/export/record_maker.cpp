@@ -25,7 +25,7 @@ uint8_t event_of(const flow_part &part) {
 
 exported_record common_of(const flow_part &part, const interfaces::interface &at,
                           const record_rules &rules) {
-    const flow_facts &facts = part.facts;
+    const exported_flow &facts = part.facts;
     exported_record record;
     record.is_ipv6 = facts.is_ipv6;
     record.source = facts.client;
