@@ -28,7 +28,10 @@ ipfix_messages::~ipfix_messages() = default;
 
 void ipfix_messages::add_templates() {
     add_to_set(TEMPLATE_SET, flow_templates(layout_));
-    add_to_set(OPTIONS_TEMPLATE_SET, options_templates());
+    for (const std::string &each : options_templates()) {
+        end_set(); // there are collectors that take only the first of a set (pmacct 1.7.7)
+        add_to_set(OPTIONS_TEMPLATE_SET, each);
+    }
 }
 
 void ipfix_messages::add_sampling() {

@@ -133,9 +133,10 @@ std::string flow_templates(const ipfix_layout &layout) {
     return out;
 }
 
-std::string options_templates() {
-    std::string out;
+std::vector<std::string> options_templates() {
+    std::vector<std::string> all;
     for (const options_template &each : options()) {
+        std::string &out = all.emplace_back();
         append_number(out, each.id, 2);
         append_number(out, each.fields.size(), 2);
         append_number(out, 1, 2); // of them the scope
@@ -144,7 +145,7 @@ std::string options_templates() {
             append_number(out, size, 2);
         }
     }
-    return out;
+    return all;
 }
 
 void append_number(std::string &out, uint64_t value, size_t size) {

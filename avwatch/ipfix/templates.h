@@ -55,7 +55,7 @@ uint16_t flow_template_of(const exported_record &record);
 
 // Template records, without their set's header.
 std::string flow_templates(const ipfix_layout &layout);
-std::string options_templates();
+std::vector<std::string> options_templates();
 
 void append_number(std::string &out, uint64_t value, size_t size);
 // As much as fits of a text's beginning, or of its end, in whole characters.
