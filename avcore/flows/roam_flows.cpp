@@ -12,6 +12,13 @@ namespace {
 
 constexpr int64_t RECENT_US = 300'000'000;
 
+// What DNS called the server, or else the daemon, whose own names are of the same kind: it has them
+// also from the access point that the station came from.
+const std::string &name_of(const flow_row &row) {
+    const bool has_daemons = row.server_name.empty() && row.reason.named_by == name_source::tables;
+    return has_daemons ? row.application : row.server_name;
+}
+
 roam_flow record_of(const flow_row &row) {
     roam_flow record = {};
     record.server_index = 1;
@@ -20,7 +27,7 @@ roam_flow record_of(const flow_row &row) {
     record.port_b = htons(row.server.port);
     record.ipv4[0] = row.client.ip_be;
     record.ipv4[1] = row.server.ip_be;
-    copy_text(record.server_name, row.server_name);
+    copy_text(record.server_name, name_of(row));
     return record;
 }
 
@@ -48,7 +55,7 @@ std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us
     for (const flow_row *row : flows.rows()) {
         // A stand-in means nothing to another access point.
         if (row->ipv4 && row->server.address.is_ipv4() && row->client.mac == station &&
-            now_us - row->last_us <= RECENT_US && !row->server_name.empty())
+            now_us - row->last_us <= RECENT_US && !name_of(*row).empty())
             found.push_back(row);
     }
     std::stable_sort(found.begin(), found.end(),

@@ -235,6 +235,13 @@ class AccessPoints(unittest.TestCase):
         three.wait_report("0 received, 0 delivered")
         self.assertEqual(self.listed(three), {})
 
+        # It walks on, and takes along what it brought.
+        brought = ethernet(0x0800, ipv4(6, tcp(50001, 443, b"x"), dst="198.51.100.1"), src=STATION)
+        def walks_on():
+            two.feed(brought)
+            self.roam(two, three)
+        self.wait_listed(three, {"198.51.100.1": "one.example"}, before=walks_on)
+
 
 if __name__ == "__main__":
     unittest.main()

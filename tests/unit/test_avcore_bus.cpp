@@ -111,7 +111,9 @@ TEST(RoamFlows, TheLatestNamedOnesOfTheStation) {
         frame.ip_proto = 6;
         frame.sender = {{2, 0, 0, 0, 0, mac}, inet_addr("10.1.0.2"), port};
         frame.receiver = {{2, 0, 0, 0, 0, 9}, server, 443};
-        note_frame(flows.count_frame(frame, 60).row, names, time_us);
+        flow_row &row = flows.count_frame(frame, 60).row;
+        note_frame(row, names, time_us);
+        return &row;
     };
     constexpr int64_t second_us = 1'000'000;
     const int64_t now_us = 400 * second_us;
@@ -122,6 +124,9 @@ TEST(RoamFlows, TheLatestNamedOnesOfTheStation) {
     pass(1, 3, "other.example", now_us);            // and stays so
     pass(2, 4, "other.example", now_us);
     pass(1, 5, "old.example", now_us - 300 * second_us - 1);
+    flow_row *const shown = pass(1, 6, "", now_us); // in its own handshake alone
+    shown->application = "shown.example";
+    shown->reason.named_by = name_source::handshake;
 
     roam_notify notify = {};
     notify.sta_mac[0] = 2;
@@ -145,6 +150,9 @@ TEST(RoamFlows, TheLatestNamedOnesOfTheStation) {
     EXPECT_EQ(records[0].port_a, htons(2));
     EXPECT_EQ(records[0].ipv4[1], server);
     EXPECT_STREQ(records[1].server_name, "long.example");
+
+    shown->reason.named_by = name_source::tables; // by the daemon, from another access point
+    EXPECT_EQ(ask(asked).size(), 4 + 3 * sizeof(roam_flow));
 
     for (uint16_t port = 100; port < 300; ++port)
         pass(1, port, "more.example", now_us - port);
