@@ -1,6 +1,7 @@
 #include "avwatch/ipfix/templates.h"
 
 #include <algorithm>
+#include <span>
 
 namespace avwatch {
 namespace {
@@ -82,8 +83,8 @@ std::vector<options_template> options() {
             {SAMPLING, {{149, 4}, {34, 4}, {304, 2}, {305, 4}, {306, 4}}}};
 }
 
-void add(std::vector<record_field> &fields, auto const &more) {
-    fields.insert(fields.end(), std::begin(more), std::end(more));
+void add(std::vector<record_field> &fields, std::span<const record_field> more) {
+    fields.insert(fields.end(), more.begin(), more.end());
 }
 
 bool continues_character(char byte) {
