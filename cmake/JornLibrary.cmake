@@ -9,10 +9,10 @@
 # with JORN_LIBRARY_FLAGS, an interface library that the program's topmost folder names, and where it
 # has them with the headers of JORN_PRECOMPILED (cmake/Precompiled.cmake).
 #
-# Where all is built again and again, the presets asan and fuzz, its sources are compiled in one piece
-# (CMAKE_UNITY_BUILD): headers are read and templates made once for a library. So what its sources
-# keep for themselves, in unnamed namespaces, has names that are unique in it. What is shipped is
-# compiled source by source, which also shows an include that is missing.
+# Where all is built again and again (the presets of scripts/test), its sources are compiled in one
+# piece (CMAKE_UNITY_BUILD): headers are read and templates made once for a library. So what its
+# sources keep for themselves, in unnamed namespaces, has names that are unique in it. An include that
+# is missing shows in any other build, and clang-tidy finds it, for it looks at each source alone.
 #
 # The directory holds symbolic links, one per header, made afresh with every configuration: a header
 # that left the list is gone. A library without sources is header-only.
@@ -31,6 +31,9 @@ function(jorn_library name folder)
       target_include_directories(${name} PRIVATE ${back_room})
     endif()
     jorn_use_precompiled(${name} "${JORN_PRECOMPILED}")
+    if(CMAKE_UNITY_BUILD) # where GCC takes each source for a header
+      target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+    endif()
   else()
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${room})

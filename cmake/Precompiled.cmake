@@ -1,27 +1,31 @@
 # Headers that the tools and the tests include everywhere, read once for all sources that are compiled
-# alike: for whoever builds all with clang again and again (the presets of scripts/test).
+# alike: for whoever builds all again and again (the presets of scripts/test).
 #
 # None of them is the house's, so the walls between the libraries stand. A source still includes all
-# that it uses, which a build by GCC shows, and clang-tidy, for both read it plain. GCC gains half as
-# much, and with such headers warns at -O3 of copied texts that are in order. The daemon's sources
-# include little. What ccache spares is more, and it wouldn't know a source with such headers.
-option(JORN_PCH "With clang: precompile what the tools and the tests include everywhere" OFF)
-if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang" OR CMAKE_CXX_COMPILER_LAUNCHER MATCHES "ccache")
+# that it uses, which any other build shows, and clang-tidy, which reads it plain. The daemon's
+# sources include little. What ccache spares is more, and it wouldn't know a source with such headers.
+option(JORN_PCH "Precompile what the tools and the tests include everywhere" OFF)
+if(CMAKE_CXX_COMPILER_LAUNCHER MATCHES "ccache")
   set(JORN_PCH OFF)
 endif()
 
-# jorn_precompiled(NAME LINKS ... HEADERS ...)
+# jorn_precompiled(NAME [PROGRAMS] LINKS ... HEADERS ...)
 #
 # Makes what jorn_use_precompiled takes by NAME: the standard library's headers and HEADERS, with the
-# flags of LINKS and of the folder.
+# flags of LINKS and of the folder; with PROGRAMS for the sources of programs, not of libraries, which
+# are another kind of code to GCC.
 function(jorn_precompiled name)
-  cmake_parse_arguments(arg "" "" "LINKS;HEADERS" ${ARGN})
+  cmake_parse_arguments(arg "PROGRAMS" "" "LINKS;HEADERS" ${ARGN})
   if(NOT JORN_PCH)
     return()
   endif()
   file(CONFIGURE OUTPUT ${name}.cpp CONTENT "// The headers alone.\n")
   add_library(${name} OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
   target_link_libraries(${name} PRIVATE ${arg_LINKS})
+  if(arg_PROGRAMS AND CMAKE_POSITION_INDEPENDENT_CODE)
+    set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+    target_compile_options(${name} PRIVATE ${CMAKE_CXX_COMPILE_OPTIONS_PIE})
+  endif()
   target_precompile_headers(${name} PRIVATE
     <algorithm> <array> <cerrno> <charconv> <chrono> <compare> <cstddef> <cstdint> <cstdio> <cstdlib>
     <cstring> <ctime> <deque> <filesystem> <functional> <iostream> <iterator> <list> <map> <memory>
