@@ -24,6 +24,7 @@ SOL_PACKET, PACKET_STATISTICS, VNET_HDR, IGNORE_OUTGOING = 263, 6, 15, 23
 SO_RCVPRIORITY = 82  # since Linux 6.14
 CONFIG = "/tmp/inline.toml"
 REPORT = "/tmp/inline.json"
+PAUSE = 0.05  # s, before another look: most are by a program
 
 # The applications of the policy, by the server's port.
 DENIED, ALLOWED, VOICE_CALL, SLOW, FAST, SWITCHED, SHOP = range(7001, 7008)
@@ -309,7 +310,7 @@ class InlineTest(SystemTest):
         ends = time.monotonic() + DEADLINE
         while not (found := done()):
             self.assertLess(time.monotonic(), ends, self.lines.items[-20:])
-            time.sleep(0.03)  # most look with a program
+            time.sleep(PAUSE)
         return found
 
     def status(self):
@@ -455,6 +456,7 @@ class InlineTest(SystemTest):
         while self.status()["verdicts"]["deny"] == denied:
             if time.monotonic() > ends:
                 return False
+            time.sleep(PAUSE)
         client.send(struct.pack(">Q", 1))
         return self.arrived(client) == list(range(self.slips_through))
 

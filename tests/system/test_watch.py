@@ -270,8 +270,8 @@ class Watch(SystemTest):
             reader.send(id=9, follow=["events"] if reader is listening else ["flows"], every_ms=200)
         awake.until(lambda message: "listed" in message)
         for second in (0, 400):  # by then the first ones are over, and more than are kept
-            for port in range(1, 20_001):
-                self.feed(udp_frame(port, 9, bytes(port % 50), dst="198.51.100.1"), at=second)
+            self.feed(*(udp_frame(port, 9, bytes(port % 50), dst="198.51.100.1") for port in range(1, 20_001)),
+                      at=second)
             awake.until(lambda message: awake.totals[0][0] == self.passed[0][0])
         late = self.reader()
         self.assertEqual(len(late.follow("flows")), 20_001)

@@ -1,4 +1,7 @@
-"""A reader of avcore's watch socket, who holds each message against its schema."""
+"""A reader of avcore's watch socket, who holds messages against their schema: of thousands of a kind
+the first ones, and of the others some."""
+import collections
+
 import jsonschema
 
 from records import *
@@ -17,6 +20,7 @@ class Reader:
         self.socket.connect(path)
         self._lines = self.socket.makefile("rb")
         self.flows, self.sums, self.events = {}, [], []  # as told so far
+        self._kinds = collections.Counter()
         # Of both: packets and bytes up and down, and packets dropped by denials and limits.
         self.totals = [[0, 0] for _ in NUMBERS]
         self.greeting = self.next()
@@ -37,9 +41,11 @@ class Reader:
         if not line:
             return None
         message = json.loads(line)
-        if isinstance(message, dict) and not ("flow" in message and len(self.flows) > 1000):
+        kind = frozenset(message)
+        self._kinds[kind] += 1
+        if self._kinds[kind] < 300 or self._kinds[kind] % 100 == 0:
             wrong = jsonschema.exceptions.best_match(self.validator.iter_errors(message))
-            assert not wrong, (wrong.message, message)  # of thousands some will do
+            assert not wrong, (wrong.message, message)
         self._note(message)
         return message
 
