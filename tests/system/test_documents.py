@@ -3,13 +3,17 @@ is sent, whatever came in between."""
 import random
 
 from records import *
-from test_listings import EXAMPLE, SENT, shown
+from test_listings import (CARRIER_SHOW, EXAMPLE, INTF_SHOW, PORT_SHOW, SENT, USERDEF_SHOW, UTP_SHOW,
+                           WEB_SHOW)
 
 FOLDER = "/writable/jorn"
 FILES = ("jorn_config.txt", "web_filter_config.txt", "wificalling_config.txt")
 APPLIED = f"{FOLDER}/applied.json"
 NOTHING = (0, "nothing differs, nothing is sent\n", "")
 UNUSED = "; what the last apply left isn't used\n"
+TEN = struct.pack("=I", 10)
+LISTINGS = ((USERDEF_SHOW, b""), (PORT_SHOW, b""), (UTP_SHOW, b""), (PRIORITY, TEN), (WEB_SHOW, TEN),
+            (INTF_SHOW, b"wlan0"), (CARRIER_SHOW, b""))
 
 
 def example():
@@ -23,6 +27,11 @@ def files():
 
 def texts():
     return {name: text for name, (text, _) in files().items()}
+
+
+def shown():
+    """As the daemon says it: jornctl would take a process for each listing."""
+    return [command(*listing) for listing in LISTINGS]
 
 
 class Documents(JudgingTest):

@@ -1,7 +1,7 @@
 """The daemon's listings, and what of a whole configuration a restart brings back."""
 from records import *
 
-USERDEF_SHOW, PORT_SHOW, UTP_SHOW = 7, 14, 25
+USERDEF_SHOW, PORT_SHOW, UTP_SHOW, INTF_SHOW, WEB_SHOW, CARRIER_SHOW = 7, 14, 25, 32, 33, 37
 SENT = ("sent 1 policy, 2 UTPs, 1 application, 1 web policy, 1 web UTP, 1 web interface, 1 carrier, "
         "1 Wi-Fi calling interface\n")
 EXAMPLE = os.path.join(os.path.dirname(__file__), "../../examples/access-point.json")

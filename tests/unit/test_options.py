@@ -1,6 +1,7 @@
 """The options and words of the programs are those that their help lists: in the manual pages, the documents
 and bash's completions, neither more nor fewer.
 Usage: test_options.py JORN AVCORE AVWATCH JORNCTL PROJECT"""
+import functools
 import os
 import re
 import subprocess
@@ -18,6 +19,7 @@ def read(path):
         return file.read()
 
 
+@functools.cache
 def help_of(program, *words):
     """Options and subcommands."""
     said = subprocess.run([PROGRAMS[program], *words, "--help"], text=True, check=True,
