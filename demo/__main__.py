@@ -1,11 +1,11 @@
 """The demo's inner part: run by scripts/demo through scripts/private, where /run and /etc, the network
-and the processes are its own and vanish with it. Is told what it plays ("live", "roam", "page" or
-"capture"), and for a capture its name, a policy and a configuration; the capture itself is the standard
-input, for the page the door (door.py).
+and the processes are its own and vanish with it. Is told what it plays ("live", "roam", "fleet",
+"page" or "capture"), for a fleet its database ("postgresql", "sqlite"), for a capture its name, a policy and
+a configuration; the capture itself is the standard input, for the page the door (door.py).
 
 Every wait in here is bounded; together they stay below two minutes, but for the page, which waits for
 Ctrl-C."""
-from . import box, page, roam, traffic, web, wifi_calling
+from . import box, fleet, page, roam, traffic, web, wifi_calling
 from .stage import *
 
 
@@ -41,6 +41,7 @@ def show_what_next():
     say("""\
   scripts/demo FILE.pcap     the same with a capture of yours (--policy, --config: and your rules)
   scripts/demo roam          a client that walks from one access point to another
+  scripts/demo fleet         three access points, and one database of who used what at which
   scripts/demo page          a house at work, and who uses what to look at in a browser
   scripts/private bash       a shell in a small machine of its own, to play by hand (README, "By hand")
   docs/architecture.md       how it works, on one page""")
@@ -52,7 +53,9 @@ def main(what, *arguments):
     if what == "page":
         page.play(can_enforce())
         return
-    if what == "capture":
+    if what == "fleet":
+        fleet.play(can_enforce(), {"postgresql": fleet.Postgres, "sqlite": fleet.Sqlite}[arguments[0]]())
+    elif what == "capture":
         traffic.play_capture(*arguments)
     else:
         {"live": play_live, "roam": roam.play}[what]()

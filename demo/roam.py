@@ -14,7 +14,8 @@ class AccessPoint:
     """Its /run and /writable are its own, beside its network. Its air is a bridge here, on which the
     client's interface is or isn't."""
 
-    def __init__(self, number):
+    def __init__(self, number, how=("-i", "wlan0")):
+        self._how = how
         self.number, self.netns, self.air = number, f"ap{number}", f"air{number}"
         self.mac, self.address = f"00:1A:2B:00:00:0{number}", f"{NETWORK}.1{number}"
         self.folder = f"{FILES}/{self.netns}"
@@ -39,7 +40,7 @@ certificate = "{KEYS}/AP.{self.mac}.pem"
 key = "{KEYS}/AP.{self.mac}.key"
 """)
         here = with_own_folders(self.netns, self.folder)
-        self._avcore = Program(f"avcore{self.number}", *here, f"{BIN}/avcore", *CAPTURE, "-i", "wlan0",
+        self._avcore = Program(f"avcore{self.number}", *here, f"{BIN}/avcore", *CAPTURE, *self._how,
                                "-c", "/run/avcore.toml")
         wait_for_file(f"AV channel of access point {self.number}", self.folder + "/run/av_core.sock")
         Program(f"jorn{self.number}", *here, f"{BIN}/jorn", "-i", "av1")

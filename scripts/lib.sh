@@ -126,6 +126,14 @@ install_packages() {
     fi
 }
 
+# What of the packages the machine hasn't, with all that they need.
+needed_packages() { # package ...
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    ((${#missing[@]} == 0)) || LC_ALL=C apt-get -s --no-install-recommends install "${missing[@]}" |
+        awk '$1 == "Inst" { print $2 }'
+}
+
 # Unpacks packages that would run as services if they were installed, unless the folder is there.
 unpack_packages() { # folder, package ...
     local folder=$1 package
@@ -138,4 +146,23 @@ unpack_packages() { # folder, package ...
         dpkg -x "$package" "$folder.part" && rm "$package" || return
     done
     mv "$folder.part" "$folder"
+}
+
+# Of pmacct, nfdump, tshark and postgresql what isn't installed, unpacked into folders of their own. In
+# scripts/private `with_collectors` stands before a command that is to find them, in a place that other
+# users than root get at as well.
+bring_collectors() { # package ...; sets the array
+    local package packages folder=$PWD/build/collectors there=/run/collectors programs libraries
+    mkdir -p "$folder"
+    for package in "$@"; do
+        mapfile -t packages < <(needed_packages "$package")
+        ((${#packages[@]} == 0)) || unpack_packages "$folder/$package" "${packages[@]}" || return
+    done
+    shopt -s nullglob
+    programs=$(printf '%s:' "$folder"/*/usr/{sbin,bin} {"$folder"/*,}/usr/lib/postgresql/*/bin)
+    libraries=$(printf '%s:' "$folder"/*/{usr/,}lib/*-linux-gnu*)
+    shopt -u nullglob
+    # shellcheck disable=SC2016,SC2034 # the words are the inner shell's; the scripts use the array
+    with_collectors=(sh -c 'mkdir "$1" && mount --bind "$0" "$1" && shift && exec "$@"' "$folder" "$there"
+        env PATH="${programs//$folder/$there}$PATH" LD_LIBRARY_PATH="${libraries//$folder/$there}${LD_LIBRARY_PATH-}")
 }
