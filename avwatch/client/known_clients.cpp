@@ -15,10 +15,14 @@ void add_to(traffic &sum, const traffic &more) {
     sum.bytes += more.bytes;
 }
 
+// Of one client, however many records name it: a few times what one record has.
+constexpr size_t CLIENT_ADDRESSES_MAX = 64;
+
 // The record that was heard later says what there is one of.
 void join(client_record &whole, const client_record &part) {
     for (const std::string &address : part.addresses) {
-        if (std::ranges::find(whole.addresses, address) == whole.addresses.end())
+        if (whole.addresses.size() < CLIENT_ADDRESSES_MAX &&
+            std::ranges::find(whole.addresses, address) == whole.addresses.end())
             whole.addresses.push_back(address);
     }
     if (whole.host_name.empty())
