@@ -76,7 +76,8 @@ struct gate_verdict {
     __u32 priority;
     __u32 bucket[2]; /* of each direction; 0 = no limit */
     __u32 queue_at;  /* 0, or the interface at which `priority` is that of a queue, which keeps the
-                        limit towards the client there; at others its bucket does */
+                        limit towards the client there; at others its bucket does, and a packet is
+                        copied now and then: the queue belongs there */
 };
 GATE_SIZE(gate_verdict, 24);
 
@@ -107,7 +108,8 @@ struct gate_flow_record {
     __u8 mac[6];    /* the client's, in that one; both: gate_flow_state */
     __u8 fin[2];    /* 1: has passed, by direction. Bytes, for bits couldn't be set at once */
     __u8 reset;
-    __u8 reserved[3];
+    __u8 astray; /* in units of 2^30 ns: when a packet was copied that leaves beside its queue */
+    __u8 reserved[2];
 };
 GATE_SIZE(gate_flow_record, 128);
 

@@ -73,6 +73,12 @@ def link_address(*words):
     return link["address"]
 
 
+def queues_at(interface):
+    """Whether what exceeds a limit waits there."""
+    return "htb" in subprocess.run(["tc", "qdisc", "show", "dev", interface, "root"], text=True,
+                                   capture_output=True).stdout
+
+
 class Packet(NamedTuple):
     at: float          # time.time()
     version: int

@@ -190,6 +190,7 @@ class Bridged(Attempts, InlineTest):
         self.addCleanup(Sender(server, 0.0005, 1000).stop)  # 16 Mbit/s
         there.wait(lambda packet: packet.src_port == SLOW)
         self.keeps_limit(there)
+        self.until(lambda: queues_at("wlan1"))
 
 
 del Attempts  # its tests are run in both

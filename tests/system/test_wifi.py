@@ -70,11 +70,6 @@ class Stations(InlineTest):
                            for way in ("ingress", "egress")}
         return status["stations"], count
 
-    def waits_in_queue(self):
-        """What exceeds a limit towards the station."""
-        return "htb" in subprocess.run(["tc", "qdisc", "show", "dev", "wlan0.sta1"], text=True,
-                                       capture_output=True).stdout
-
     def hold(self, how):
         """A station's packets, until they are judged."""
         self.slips_through = 0
@@ -105,14 +100,14 @@ class Stations(InlineTest):
         server = self.pair(socket.SOCK_DGRAM, 4, SLOW)[1]
         self.addCleanup(Sender(server, 0.01).stop)  # one flow, all the time
         for _ in range(2):  # its interface is made anew
-            self.until(self.waits_in_queue)
+            self.until(lambda: queues_at("wlan0.sta1"))
             self.supplicant.terminate()
             self.until(lambda: self.places() == ({}, {"wlan0": {1}}))
             self.associate()
             self.until(lambda: self.places() == apart)
             for version in FAMILIES:
                 self.until(lambda: self.is_shut(version))
-        self.until(self.waits_in_queue)
+        self.until(lambda: queues_at("wlan0.sta1"))
 
     def test_a_station_in_a_vlan_of_its_own(self):
         self.start_apart(VLANS)
