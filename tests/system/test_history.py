@@ -145,6 +145,10 @@ class Served(unittest.TestCase):
     def total(self):
         return sum(value for name, value in self.metrics().items() if name.startswith("jorn_bytes_total"))
 
+    def rows(self, sql, history=None):
+        with contextlib.closing(sqlite3.connect(history or self.history, isolation_level=None)) as file:
+            return file.execute(sql).fetchall()
+
 
 class History(Served):
     def test_exact_over_the_death_of_either(self):
@@ -240,10 +244,62 @@ class History(Served):
         self.configure('names = "none"\n')
         self.assertIn("by name", self.avwatch("usage", "--history", self.folder + "/copy.db"))
 
-    def rows(self, sql, history=None):
-        with contextlib.closing(sqlite3.connect(history or self.history, isolation_level=None)) as file:
-            return file.execute(sql).fetchall()
+    def test_strangers_at_both_ends(self):
+        """Half a request, endless heads, more connections than it takes; names and flows without end."""
+        self.serve()
+        def answer(text):
+            with socket.create_connection(HTTP, timeout=DEADLINE) as asking:
+                with contextlib.suppress(OSError):
+                    asking.sendall(text)
+                    return asking.recv(65_536).split(b"\r\n")[0]
+        host = b" HTTP/1.1\r\nHost: localhost\r\n"
+        for request, status in ((b"GET /metrics" + host + b"\r\n", b"200"),
+                                (b"HEAD /metrics" + host + b"\r\n", b"200"),
+                                (b"GET /none" + host + b"\r\n", b"404"),
+                                (b"POST /metrics" + host + b"Content-Length: 5\r\n\r\nabcde", b"405")):
+            self.assertIn(status, answer(request), request)
+        answer(b"GET /metrics HTTP/1.1\r\n" + b"A: " + b"b" * 1_000_000)
+        answer(b"GET /metrics HTTP/1.1\r\n" + b"A: b\r\n" * 200_000)
+        def look_on():
+            looking = socket.create_connection(HTTP, timeout=DEADLINE)
+            self.addCleanup(looking.close)
+            looking.sendall(b"GET /api/live" + host + b"\r\n")
+            return looking, looking.recv(65_536).split(b"\r\n")[0]
+        looking = [look_on() for _ in range(25)]
+        self.assertEqual([b"200" in status for _, status in looking], [True] * 24 + [False])
+        self.assertIn(b"503", looking[-1][1])
+        for connection, _ in looking:
+            connection.close()
+        wait_until(lambda: b"200" in look_on()[1])
+        halves = [socket.create_connection(HTTP) for _ in range(80)]
+        for half in halves:
+            self.addCleanup(half.close)
+            half.sendall(b"GET /met")
 
+        avcore = Avcore(self.socket)
+        count = 90_000
+        letters = "n" * 110
+        for begin in range(0, count, 1_000):
+            avcore.tell(*({"flow": flow(number, 1, client_mac="02:00:%02x:%02x:%02x:00" % (
+                number >> 16, number >> 8 & 255, number & 255), application=f"{number}{letters}.example",
+                id=f"{number}-{letters}"[:100])} for number in range(begin, begin + 1_000)),
+                b"{]\n", b'{"id":1,"flow":{"id":7}}\n', {"flow": flow(0, 2**70)}, {"sum": None})
+        def has_all():
+            with contextlib.suppress(OSError):  # too many of this address until the halves are given up
+                now = self.metrics()
+                return now["jorn_history_open_flows"] + now["jorn_history_uncounted_messages"] >= count
+        wait_until(has_all, "HTTP again, and all flows", 120)
+        avcore.kill()
+        with open(f"/proc/{self.server.pid}/status") as status:
+            peak_kb = int(re.search(r"VmHWM:\s+(\d+)", status.read())[1])
+        with open(jorn_path("avwatch"), "rb") as program:
+            is_sanitized = b"__asan_init" in program.read()  # whose memory says nothing of ours
+        if not is_sanitized:
+            self.assertLess(peak_kb, 64_000)
+        self.stop()
+
+
+class Files(Served):
     def test_files_that_are_not_its_own(self):
         self.serve()
         self.stop()
@@ -303,60 +359,6 @@ class History(Served):
         self.assertEqual(len(complained.splitlines()), 2, complained)
         self.assertIn("full", complained)
         self.assertEqual(sum(row["up"][1] for row in self.usage()), 907)
-
-    def test_strangers_at_both_ends(self):
-        """Half a request, endless heads, more connections than it takes; names and flows without end."""
-        self.serve()
-        def answer(text):
-            with socket.create_connection(HTTP, timeout=DEADLINE) as asking:
-                with contextlib.suppress(OSError):
-                    asking.sendall(text)
-                    return asking.recv(65_536).split(b"\r\n")[0]
-        host = b" HTTP/1.1\r\nHost: localhost\r\n"
-        for request, status in ((b"GET /metrics" + host + b"\r\n", b"200"),
-                                (b"HEAD /metrics" + host + b"\r\n", b"200"),
-                                (b"GET /none" + host + b"\r\n", b"404"),
-                                (b"POST /metrics" + host + b"Content-Length: 5\r\n\r\nabcde", b"405")):
-            self.assertIn(status, answer(request), request)
-        answer(b"GET /metrics HTTP/1.1\r\n" + b"A: " + b"b" * 1_000_000)
-        answer(b"GET /metrics HTTP/1.1\r\n" + b"A: b\r\n" * 200_000)
-        def look_on():
-            looking = socket.create_connection(HTTP, timeout=DEADLINE)
-            self.addCleanup(looking.close)
-            looking.sendall(b"GET /api/live" + host + b"\r\n")
-            return looking, looking.recv(65_536).split(b"\r\n")[0]
-        looking = [look_on() for _ in range(25)]
-        self.assertEqual([b"200" in status for _, status in looking], [True] * 24 + [False])
-        self.assertIn(b"503", looking[-1][1])
-        for connection, _ in looking:
-            connection.close()
-        wait_until(lambda: b"200" in look_on()[1])
-        halves = [socket.create_connection(HTTP) for _ in range(80)]
-        for half in halves:
-            self.addCleanup(half.close)
-            half.sendall(b"GET /met")
-
-        avcore = Avcore(self.socket)
-        count = 90_000
-        letters = "n" * 110
-        for begin in range(0, count, 1_000):
-            avcore.tell(*({"flow": flow(number, 1, client_mac="02:00:%02x:%02x:%02x:00" % (
-                number >> 16, number >> 8 & 255, number & 255), application=f"{number}{letters}.example",
-                id=f"{number}-{letters}"[:100])} for number in range(begin, begin + 1_000)),
-                b"{]\n", b'{"id":1,"flow":{"id":7}}\n', {"flow": flow(0, 2**70)}, {"sum": None})
-        def has_all():
-            with contextlib.suppress(OSError):  # too many of this address until the halves are given up
-                now = self.metrics()
-                return now["jorn_history_open_flows"] + now["jorn_history_uncounted_messages"] >= count
-        wait_until(has_all, "HTTP again, and all flows", 120)
-        avcore.kill()
-        with open(f"/proc/{self.server.pid}/status") as status:
-            peak_kb = int(re.search(r"VmHWM:\s+(\d+)", status.read())[1])
-        with open(jorn_path("avwatch"), "rb") as program:
-            is_sanitized = b"__asan_init" in program.read()  # whose memory says nothing of ours
-        if not is_sanitized:
-            self.assertLess(peak_kb, 64_000)
-        self.stop()
 
 
 if __name__ == "__main__":
