@@ -41,7 +41,8 @@ found_place find_place(const std::string &host, const std::string &port) {
 
 // So that a narrow path cuts messages instead of losing them.
 void let_be_cut(int socket, int family) {
-    const int kind = family == AF_INET ? IP_PMTUDISC_DONT : IPV6_PMTUDISC_DONT;
+    static_assert(IP_PMTUDISC_DONT == IPV6_PMTUDISC_DONT);
+    const int kind = IP_PMTUDISC_DONT;
     if (family == AF_INET)
         setsockopt(socket, IPPROTO_IP, IP_MTU_DISCOVER, &kind, sizeof kind);
     else
