@@ -1,7 +1,7 @@
 #include "avwatch/ipfix/templates.h"
 
 #include <algorithm>
-#include <iterator>
+#include <span>
 
 namespace avwatch {
 namespace {
@@ -83,8 +83,8 @@ std::vector<options_template> options() {
             {SAMPLING, {{149, 4}, {34, 4}, {304, 2}, {305, 4}, {306, 4}}}};
 }
 
-void add(std::vector<record_field> &fields, auto const &more) {
-    std::ranges::copy(more, std::back_inserter(fields));
+void add(std::vector<record_field> &fields, std::span<const record_field> more) {
+    fields.insert(fields.end(), more.begin(), more.end());
 }
 
 bool continues_character(char byte) {
@@ -134,9 +134,10 @@ std::string flow_templates(const ipfix_layout &layout) {
     return out;
 }
 
-std::string options_templates() {
-    std::string out;
+std::vector<std::string> options_templates() {
+    std::vector<std::string> all;
     for (const options_template &each : options()) {
+        std::string &out = all.emplace_back();
         append_number(out, each.id, 2);
         append_number(out, each.fields.size(), 2);
         append_number(out, 1, 2); // of them the scope
@@ -145,7 +146,7 @@ std::string options_templates() {
             append_number(out, size, 2);
         }
     }
-    return out;
+    return all;
 }
 
 void append_number(std::string &out, uint64_t value, size_t size) {
