@@ -2,10 +2,11 @@
 which 20,000 have counted each second, and nobody looks, one browser does, as many as may, or one while 36
 ask for rows as fast as they can.
 
-    scripts/private python3 -B bench/page.py [--seconds N] [--browser]
+    scripts/private python3 -B bench/page.py [--seconds N] [--own-names | --browser]
 
 The watch socket is played. Given are milliseconds of a second, the most memory that there was
-(VmHWM), and the longest time between two messages of a stream. With --browser (Chromium,
+(VmHWM), and the longest time between two messages of a stream. With --own-names each flow has a server and
+names of its own, of 200 letters more, as somebody makes them up who wants memory. With --browser (Chromium,
 python3-selenium, and the interpreter that has it) a browser shows 10,000 flows instead, all of which
 count each second: how long its frames take, and how many of its turns took longer than 50 ms, while
 the table stands still and while it is scrolled.
@@ -24,12 +25,13 @@ LOOKS = ("table=flows", "table=flows&order=bytes", "table=flows&part=7", "table=
 
 
 def some_flow(number):
-    name = number * 7919 % NAMES
+    name = number if arguments.own_names else number * 7919 % NAMES
+    more = "n" * 200 * arguments.own_names
     return flow(number, 0, 0, id=f"0a01{number % CLIENTS:02x}0cc63364{name % 256:02x}-{number % 65536:x}-1bb-6-{number:016x}", client=f"10.1.{number % CLIENTS}.12",
                 client_mac=f"02:00:00:00:01:{number % CLIENTS:02X}", client_port=1_024 + number // 2,
                 server=f"198.51.{name % 256}.{name // 256}", interface=f"wlan{number % 4}", utp=number % 4,
-                application=f"service-{name}.example.com", host=f"cdn-{name}.service-{name}.example.com",
-                gate="passes", why={"named_by": "dns", "name": f"cdn-{name}.example.com", "rule": 1,
+                application=f"{more}service-{name}.example.com", host=f"{more}cdn-{name}.service-{name}.example.com",
+                gate="passes", why={"named_by": "dns", "name": f"{more}cdn-{name}.example.com", "rule": 1,
                                     "by": "application policy", "profile": number % 4, "side": "client"})
 
 
@@ -187,6 +189,7 @@ def measure_frames():
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--seconds", type=float, default=20)
+    parser.add_argument("--own-names", action="store_true")
     parser.add_argument("--browser", action="store_true")
     arguments = parser.parse_args()
     if arguments.browser:
