@@ -82,8 +82,11 @@ void exports::add_to(avcore::loop &loop) {
 
 std::vector<export_counts> exports::counts() const {
     std::vector<export_counts> all;
-    for (const exporter &each : exporters_)
+    all.reserve(exporters_.size());
+    for (const exporter &each : exporters_) {
         all.push_back(each.counts());
+        all.back().dropped += flows_.left_out();
+    }
     return all;
 }
 

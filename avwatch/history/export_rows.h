@@ -16,9 +16,10 @@ struct export_counts {
     int64_t since_s = 0;
     uint64_t records = 0; // that were put into messages
     uint64_t messages = 0;
-    uint64_t dropped = 0; // messages that had no room, for they couldn't be sent fast enough
-    uint64_t failed = 0;  // messages that weren't sent, or were refused there
-    uint64_t other = 0;   // records of applications that have no number of their own
+    // What had no room: messages that couldn't be sent fast enough, news of too many flows.
+    uint64_t dropped = 0;
+    uint64_t failed = 0; // messages that weren't sent, or were refused there
+    uint64_t other = 0;  // records of applications that have no number of their own
 
     bool operator==(const export_counts &) const = default;
 };

@@ -111,15 +111,15 @@ class Watch(SystemTest):
         self.assertEqual(following.follow("flows", "events"), [{"id": 9, "listed": True}])
         named = from_server(ipv4(17, udp(53, 6, dns_answer("games.example", "a.example", GAMES)),
                                  src=SERVER, dst=CLIENT))
-        self.feed(named, udp_frame(1, 5000, src=PLAYER, dst=GAMES))
+        self.feed(named, udp_frame(1, 5000, src=PLAYER, dst=GAMES, tos=46 << 2))
         denied = following.event("denied")["flow"]
         self.assertEqual({key: denied[key] for key in (
             "client", "client_port", "client_mac", "server", "server_port", "protocol", "interface",
-            "utp", "begun_us", "last_us", "up", "down", "application", "verdict")}, {
+            "utp", "begun_us", "last_us", "up", "down", "application", "verdict", "dscp")}, {
                 "client": PLAYER, "client_port": 1, "client_mac": CLIENT_MAC.upper(), "server": GAMES,
                 "server_port": 5000, "protocol": "UDP", "interface": "wlan6", "utp": 3,
                 "begun_us": BEGIN_US, "last_us": BEGIN_US, "up": [1, 42], "down": [0, 0],
-                "application": "games.example", "verdict": "deny"})
+                "application": "games.example", "verdict": "deny", "dscp": [46, 0]})
         self.assertEqual(denied["why"], {
             "named_by": "dns", "name": "games.example", "name_us": BEGIN_US, "rule": 2,
             "by": "application policy", "profile": 3, "side": "client",

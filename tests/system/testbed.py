@@ -79,12 +79,12 @@ def ethernet(ether_type, payload=b"", *, src=CLIENT_MAC, dst=SERVER_MAC, vlan=No
 
 
 def ipv4(protocol, payload=b"", *, src=CLIENT, dst=SERVER, options=b"", words=None, total=None,
-         more=False, offset=0):
+         more=False, offset=0, tos=0):
     """`words` and `total` lie about the header's and the packet's length; `offset` is in units of
     8 bytes."""
     words = 5 + len(options) // 4 if words is None else words
     total = 20 + len(options) + len(payload) if total is None else total
-    return struct.pack(">BBHHHBBH4s4s", 0x40 | words, 0, total, 1, more << 13 | offset, 64, protocol,
+    return struct.pack(">BBHHHBBH4s4s", 0x40 | words, tos, total, 1, more << 13 | offset, 64, protocol,
                        0, socket.inet_aton(src), socket.inet_aton(dst)) + options + payload
 
 
