@@ -115,6 +115,15 @@ def send_as_many(rounds):
     return rounds * POINTS * RECORDS
 
 
+def settled(ask):
+    """What it says once that stays: nfacctd's last writer outlives it."""
+    before = None
+    while (now := ask()) != before:
+        before = now
+        time.sleep(2)
+    return now
+
+
 def measure_database(seconds):
     add_station("collector", "collectors")
     add_ipv4("collector", fleet.COLLECTOR)
@@ -124,7 +133,7 @@ def measure_database(seconds):
     sent = send_as_many(rounds=max(1, seconds // ACTIVE_S))
     wait_for("all rows", lambda: collector.stop(signal.SIGINT) == 0)
     used = sum(resource.getrusage(resource.RUSAGE_CHILDREN)[:2])  # nearly all of it nfacctd's, which has ended
-    [[taken, rows]] = database.rows("SELECT sum(packets), count(*) FROM flows")
+    [[taken, rows]] = settled(lambda: database.rows("SELECT sum(packets), count(*) FROM flows"))
     say(f"{POINTS} access points, {RECORDS / ACTIVE_S:.0f} records/s each, {seconds} s: {taken} of {sent} records taken, "
         f"{rows} rows; CPU a record: nfacctd {used / sent * 1e6:.0f} us, "
         f"PostgreSQL {cpu_seconds('postgres') / sent * 1e6:.0f} us")
