@@ -3,6 +3,7 @@
 #include "avcore/base/monotonic_clock.h"
 #include "avcore/enforce/gate_report.h"
 
+#include <algorithm>
 #include <net/if.h>
 #include <sstream>
 #include <stdexcept>
@@ -13,6 +14,8 @@ namespace {
 
 constexpr int64_t FOLLOW_AGAIN_MS = 1'000;
 constexpr int64_t LOOK_AGAIN_MS = 1'000;
+constexpr int64_t SPARED_PARTS = 1'000; // of the time, one is for the census
+constexpr int64_t LONGEST_SPARED_MS = 60'000;
 
 } // namespace
 
@@ -98,7 +101,7 @@ void enforcement::settings_changed() {
 }
 
 void enforcement::report(std::ostream &out) const {
-    print_gate_counts(out, gate_.counts(), gate_.endings(), gate_.forgotten_flows());
+    print_gate_counts(out, gate_.counts(), gate_.endings(), gate_.census().forgotten_flows);
 }
 
 const char *enforcement::state() const {
@@ -114,19 +117,26 @@ std::vector<std::string> enforcement::present_interfaces() const {
 }
 
 named_counts enforcement::counts() {
-    const int64_t now_ms = monotonic_ms();
-    if (now_ms >= count_again_ms_) {
-        forgotten_flows_ = gate_.forgotten_flows();
-        count_again_ms_ = now_ms + LOOK_AGAIN_MS;
+    return gate_counts_by_name(gate_.counts(), gate_.endings(), census().forgotten_flows);
+}
+
+// The fuller the gate's tables are, the seldomer.
+const gate_census &enforcement::census() {
+    const int64_t begun_ms = monotonic_ms();
+    if (begun_ms >= census_due_ms_) {
+        census_ = gate_.census();
+        const int64_t now_ms = monotonic_ms();
+        census_due_ms_ = now_ms + std::clamp((now_ms - begun_ms) * SPARED_PARTS, LOOK_AGAIN_MS,
+                                             LONGEST_SPARED_MS);
     }
-    return gate_counts_by_name(gate_.counts(), gate_.endings(), forgotten_flows_);
+    return census_;
 }
 
 const std::string &enforcement::state_as_json() {
     const int64_t now_ms = monotonic_ms();
     if (now_ms >= look_again_ms_) {
         std::ostringstream out;
-        print_gate_status_json(out, look_at_gate(pins_));
+        print_gate_status_json(out, look_at_gate(pins_, &census()));
         state_ = out.str();
         state_.erase(state_.find_last_not_of('\n') + 1);
         look_again_ms_ = now_ms + LOOK_AGAIN_MS;

@@ -84,6 +84,7 @@ public:
 
 private:
     void set_rules(const gate_rules &rules);
+    const gate_census &census();
     void say_some(const std::vector<std::string> &lines, line_cap &cap, int64_t now_ms);
 
     std::string pins_;
@@ -96,8 +97,8 @@ private:
     std::optional<urgency> urgency_;    // as well
     line_cap changes_;                  // of interfaces
     line_cap failures_;
-    int64_t count_again_ms_ = 0;
-    uint64_t forgotten_flows_ = 0;
+    gate_census census_;
+    int64_t census_due_ms_ = 0;
     int64_t look_again_ms_ = 0;
     std::string state_; // as JSON
     int64_t follow_due_ms_ = NEVER_MS;

@@ -133,10 +133,10 @@ void print_gate_status(std::ostream &out, const gate_status &status) {
         << ", too many VLAN tags: " << word_of(status.rules.pass_tags) << '\n'
         << "undecided: " << undecided_text(status.rules) << '\n'
         << "beat: " << beat_text(status.beat_age_ms) << '\n'
-        << "verdicts: " << status.verdicts[GATE_PASS] << " pass, " << status.verdicts[GATE_DENY]
-        << " deny, " << status.verdicts[0] << " not final yet, generation " << status.generation
-        << '\n';
-    print_gate_counts(out, status.counts, status.endings, status.forgotten_flows);
+        << "verdicts: " << status.census.verdicts[GATE_PASS] << " pass, "
+        << status.census.verdicts[GATE_DENY] << " deny, " << status.census.verdicts[0]
+        << " not final yet, generation " << status.generation << '\n';
+    print_gate_counts(out, status.counts, status.endings, status.census.forgotten_flows);
 }
 
 void print_gate_status_json(std::ostream &out, const gate_status &status) {
@@ -158,14 +158,14 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
         if (status.beat_age_ms >= 0)
             object["beat_age_ms"] = status.beat_age_ms;
         object["generation"] = status.generation;
-        object["verdicts"] = {{"not_final", status.verdicts[0]},
-                              {"pass", status.verdicts[GATE_PASS]},
-                              {"deny", status.verdicts[GATE_DENY]}};
+        object["verdicts"] = {{"not_final", status.census.verdicts[0]},
+                              {"pass", status.census.verdicts[GATE_PASS]},
+                              {"deny", status.census.verdicts[GATE_DENY]}};
         for (size_t i = 0; i < status.counts.size(); ++i)
             object["counts"][COUNTS[i].key] = status.counts[i];
         for (const ending_row &row : rows_of(status.counts, status.endings))
             object["counts"][row.key] = row.count;
-        object["counts"]["flows_forgotten"] = status.forgotten_flows;
+        object["counts"]["flows_forgotten"] = status.census.forgotten_flows;
     }
     using on_error = nlohmann::ordered_json::error_handler_t;
     out << object.dump(-1, ' ', false, on_error::replace) << '\n'; // names may be of any bytes

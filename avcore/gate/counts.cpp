@@ -28,19 +28,7 @@ void visit_all(int fd, const Visitor &visit) {
     }
 }
 
-} // namespace
-
-gate_counts read_counts(int fd) {
-    std::vector<gate_processor> each(possible_processors());
-    gate_counts counts = {};
-    const uint32_t first = 0;
-    if (bpf_map_lookup_elem(fd, &first, each.data()) == 0)
-        for (const gate_processor &one : each)
-            for (size_t i = 0; i < counts.size(); i++)
-                counts[i] += one.counts[i];
-    return counts;
-}
-
+// Adds them.
 void count_verdicts(int fd, uint64_t (&verdicts)[3]) {
     visit_all<gate_verdict>(fd, [&](const gate_flow &flow, const gate_verdict &verdict) {
         const bool final = (verdict.flags & GATE_NOT_YET_FINAL) == 0;
@@ -58,6 +46,26 @@ uint64_t count_forgotten(int fd, uint64_t made) {
     uint64_t there = 0;
     visit_all<gate_flow_record>(fd, [&](const gate_flow &, const gate_flow_record &) { there++; });
     return made - std::min(made, there);
+}
+
+} // namespace
+
+gate_counts read_counts(int fd) {
+    std::vector<gate_processor> each(possible_processors());
+    gate_counts counts = {};
+    const uint32_t first = 0;
+    if (bpf_map_lookup_elem(fd, &first, each.data()) == 0)
+        for (const gate_processor &one : each)
+            for (size_t i = 0; i < counts.size(); i++)
+                counts[i] += one.counts[i];
+    return counts;
+}
+
+gate_census take_census(int verdicts_fd, int flows_fd, uint64_t made) {
+    gate_census census;
+    count_verdicts(verdicts_fd, census.verdicts);
+    census.forgotten_flows = count_forgotten(flows_fd, made);
+    return census;
 }
 
 } // namespace avcore

@@ -12,10 +12,12 @@ using gate_counts = std::array<uint64_t, GATE_COUNTS>; // by gate_count
 
 gate_counts read_counts(int processors_fd); // of all processors together; all 0 on an error
 
-// Of `made` flows those that aren't in the map any more.
-uint64_t count_forgotten(int flows_fd, uint64_t made);
-
-// Adds those of the map by gate_action; first those that aren't final yet.
-void count_verdicts(int verdicts_fd, uint64_t (&verdicts)[3]);
+// What is counted by a walk over whole maps: tens of milliseconds where they are full.
+struct gate_census {
+    uint64_t verdicts[3] = {};    // by gate_action; first those that aren't final yet
+    uint64_t forgotten_flows = 0; // that the map has dropped for others so far, whatever they had
+};
+// `made`: flows so far.
+gate_census take_census(int verdicts_fd, int flows_fd, uint64_t made);
 
 } // namespace avcore

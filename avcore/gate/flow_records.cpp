@@ -76,11 +76,10 @@ flow_records::at_hand flow_records::look(const gate_flow &flow) const {
     return all;
 }
 
-std::vector<uint32_t> flow_records::taken_by_place() const {
-    std::vector<uint32_t> taken(GATE_RECENT);
+void flow_records::look_who_takes() const {
+    taken_.assign(GATE_RECENT, 0);
     for (size_t i = 0; i < processors_ * GATE_RECENT; i++)
-        taken[i % GATE_RECENT] += read_word(recent_.get()[i].taken);
-    return taken;
+        taken_[i % GATE_RECENT] += read_word(recent_.get()[i].taken);
 }
 
 // With what is at hand. What moves to the record between the two looks would be counted twice, or
@@ -136,24 +135,24 @@ std::optional<gate_flow_state> flow_records::find(const gate_flow &flow) const {
 }
 
 flow_walk flow_records::walk(uint32_t &cursor, size_t max, const flow_visitor &visit) const {
-    std::vector<gate_flow> flows(std::max(max, LEAST_AT_ONCE));
-    std::vector<gate_flow_record> records(flows.size());
-    auto count = static_cast<uint32_t>(flows.size());
+    walked_.resize(std::max(max, LEAST_AT_ONCE));
+    records_.resize(walked_.size());
+    auto count = static_cast<uint32_t>(walked_.size());
     uint32_t next = 0;
-    const std::vector<uint32_t> taken = taken_by_place();
+    look_who_takes();
     const int error = bpf_map_lookup_batch(flows_fd_, cursor == 0 ? nullptr : &cursor, &next,
-                                           flows.data(), records.data(), &count, nullptr);
+                                           walked_.data(), records_.data(), &count, nullptr);
     if (error != 0 && error != -ENOENT)
         count = 0;
     look_at_clocks();
     for (uint32_t i = 0; i < count; i++) {
-        const at_hand at = look(flows[i]);
-        const bool as_read = !at.moves && at.taken == taken[gate_place(&flows[i])];
-        if (!as_read && !read(flows[i], records[i]))
+        const at_hand at = look(walked_[i]);
+        const bool as_read = !at.moves && at.taken == taken_[gate_place(&walked_[i])];
+        if (!as_read && !read(walked_[i], records_[i]))
             continue;
         if (as_read)
-            add(records[i].counter, at.counter);
-        visit(flows[i], state_of(records[i]));
+            add(records_[i].counter, at.counter);
+        visit(walked_[i], state_of(records_[i]));
     }
     cursor = error == 0 ? next : 0;
     if (error == 0)

@@ -24,7 +24,7 @@ public:
 private:
     struct at_hand;
     at_hand look(const gate_flow &flow) const;
-    std::vector<uint32_t> taken_by_place() const;
+    void look_who_takes() const;
     bool read(const gate_flow &flow, gate_flow_record &record) const;
     gate_flow_state state_of(const gate_flow_record &record) const;
     void look_at_clocks() const;
@@ -33,6 +33,10 @@ private:
     size_t processors_;
     mapping<gate_recent> recent_;
     mutable int64_t ahead_us_ = 0; // the wall's clock, of the monotonic one
+    // Of a slice of a walk, which comes hundreds of times.
+    mutable std::vector<gate_flow> walked_;
+    mutable std::vector<gate_flow_record> records_;
+    mutable std::vector<uint32_t> taken_; // by place, of all processors together
 };
 
 } // namespace avcore

@@ -240,8 +240,8 @@ flow_walk gate::walk_flows(uint32_t &cursor, size_t max, const flow_visitor &vis
     return parts_->records.walk(cursor, max, visit);
 }
 
-uint64_t gate::forgotten_flows() const {
-    return count_forgotten(parts_->flows.get(), counts()[GATE_COUNT_FLOWS]);
+gate_census gate::census() const {
+    return take_census(parts_->verdicts.get(), parts_->flows.get(), counts()[GATE_COUNT_FLOWS]);
 }
 
 bool gate::set_limit(uint32_t bucket, const gate_limit &limit) {
@@ -315,7 +315,7 @@ std::vector<std::string> tear_down_gate(const std::string &pins) {
     return names;
 }
 
-gate_status look_at_gate(const std::string &pins) {
+gate_status look_at_gate(const std::string &pins, const gate_census *census) {
     libbpf_set_print(nullptr);
     gate_status status;
     const unique_fd settings_map = find_map(pins, "settings");
@@ -338,11 +338,13 @@ gate_status look_at_gate(const std::string &pins) {
     status.generation = settings.generation;
     if (settings.beat_ns != 0)
         status.beat_age_ms = static_cast<int64_t>(monotonic_ns() - settings.beat_ns) / 1'000'000;
-    count_verdicts(pinned_map(pins, "verdicts").get(), status.verdicts);
     status.counts = read_counts(pinned_map(pins, "processors").get());
     status.endings = settings.endings;
-    status.forgotten_flows =
-        count_forgotten(pinned_map(pins, "flows").get(), status.counts[GATE_COUNT_FLOWS]);
+    const unique_fd verdicts = pinned_map(pins, "verdicts");
+    const unique_fd flows = pinned_map(pins, "flows");
+    status.census = census != nullptr
+                        ? *census
+                        : take_census(verdicts.get(), flows.get(), status.counts[GATE_COUNT_FLOWS]);
     return status;
 }
 

@@ -89,9 +89,7 @@ public:
     // first, and again when these were the last. Flows that come or go during a walk may be passed
     // over or come twice; those that stay come once.
     flow_walk walk_flows(uint32_t &cursor, size_t max, const flow_visitor &visit) const;
-    // How many the map has dropped for others so far, whatever they had. Once it has been nearly
-    // full this counts what is in it, which on a busy machine takes tens of milliseconds.
-    uint64_t forgotten_flows() const;
+    gate_census census() const;
     bool set_limit(uint32_t bucket, const gate_limit &limit);
 
     // Readers know the ends of flows whose last packet came before that, CLOCK_MONOTONIC.
@@ -131,13 +129,13 @@ struct gate_status {
     std::map<std::string, std::vector<attach_way>> ways;      // of all of them
     gate_rules rules;
     uint32_t generation = 0;
-    int64_t beat_age_ms = -1;  // none yet
-    uint64_t verdicts[3] = {}; // in the map, by gate_action; first those that aren't final yet
+    int64_t beat_age_ms = -1; // none yet
     gate_counts counts = {};
     gate_endings endings = {};
-    uint64_t forgotten_flows = 0;
+    gate_census census;
 };
-gate_status look_at_gate(const std::string &pins); // throws std::runtime_error
+// `census`: one that is late enough; null: it is taken. Throws std::runtime_error.
+gate_status look_at_gate(const std::string &pins, const gate_census *census = nullptr);
 
 // What carries packets past the gate at these interfaces, a line each: hardware offload of
 // switching, flow tables of nftables, programs and actions of others at the ingress that redirect

@@ -78,8 +78,8 @@ std::optional<gate_flow_state> gate::flow_of(const gate_flow &) const {
 flow_walk gate::walk_flows(uint32_t &, size_t, const flow_visitor &) const {
     return flow_walk::ended;
 }
-uint64_t gate::forgotten_flows() const {
-    return 0;
+gate_census gate::census() const {
+    return {};
 }
 void gate::note_told(uint64_t) {}
 uint64_t gate::told_ns() const {
@@ -108,7 +108,7 @@ std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
 std::vector<std::string> tear_down_gate(const std::string &) {
     refuse();
 }
-gate_status look_at_gate(const std::string &) {
+gate_status look_at_gate(const std::string &, const gate_census *) {
     refuse();
 }
 std::vector<std::string> ways_past_gate(const std::vector<std::string> &) {

@@ -688,15 +688,15 @@ TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
     EXPECT_GE(walk(found), 3);
     EXPECT_EQ(found.size(), 600u);
     EXPECT_TRUE(std::ranges::all_of(found, [](const auto &one) { return one.second == 2; }));
-    EXPECT_EQ(at.forgotten_flows(), 0u);
+    EXPECT_EQ(at.census().forgotten_flows, 0u);
 
     send_flows(600, GATE_FLOWS + 1000);
     const uint64_t made = at.counts()[GATE_COUNT_FLOWS];
     found.clear();
     walk(found);
-    EXPECT_GE(at.forgotten_flows(), made - GATE_FLOWS);
-    EXPECT_EQ(at.forgotten_flows(), made - found.size());
-    EXPECT_EQ(look_at_gate(PINS).forgotten_flows, made - found.size());
+    EXPECT_GE(at.census().forgotten_flows, made - GATE_FLOWS);
+    EXPECT_EQ(at.census().forgotten_flows, made - found.size());
+    EXPECT_EQ(look_at_gate(PINS).census.forgotten_flows, made - found.size());
 }
 
 TEST_F(AvcoreGate, CopiesOfDecidedFlowsAreOfThoseThatShowNames) {
@@ -749,9 +749,9 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
         ASSERT_TRUE(at.decide(flow, denial(0, at.generation())));
     }
     ASSERT_EQ(umount2(PINS, MNT_DETACH), 0) << "as when its mount namespace ends";
-    EXPECT_EQ(look_at_gate(PINS).verdicts[GATE_DENY], 1u);
+    EXPECT_EQ(look_at_gate(PINS).census.verdicts[GATE_DENY], 1u);
     const gate again(PINS, {"gw0"});
-    EXPECT_EQ(look_at_gate(PINS).verdicts[GATE_DENY], 1u);
+    EXPECT_EQ(look_at_gate(PINS).census.verdicts[GATE_DENY], 1u);
     tear_down_gate(PINS);
     EXPECT_FALSE(std::filesystem::exists(PINS));
     EXPECT_FALSE(look_at_gate(PINS).there);
