@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -26,9 +25,12 @@ size_t ipv4_header_size(byte_view packet) {
 } // namespace
 
 std::string mac_text(const mac_address &mac) {
-    char text[sizeof "00:00:00:00:00:00"];
-    snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", mac[0], mac[1], mac[2], mac[3],
-             mac[4], mac[5]);
+    constexpr char digits[] = "0123456789ABCDEF";
+    std::string text(sizeof "00:00:00:00:00:00" - 1, ':');
+    for (size_t i = 0; i < mac.size(); ++i) {
+        text[3 * i] = digits[mac[i] >> 4];
+        text[3 * i + 1] = digits[mac[i] & 15];
+    }
     return text;
 }
 

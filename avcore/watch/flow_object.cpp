@@ -56,12 +56,20 @@ void add_end(json_object &object, const watched_flow &flow) {
         object.add("ended", word_in(ENDINGS, flow.ending));
 }
 
+name_source source_of_name(const flow_row &row) {
+    return shows_own_name(row) ? name_source::handshake : row.reason.named_by;
+}
+
+void add_source(json_object &object, name_source source) {
+    if (source != name_source::none)
+        object.add("named_by", word_in(NAME_SOURCES, source));
+}
+
 void append_why(std::string &out, const flow_row &row) {
     json_object object(out);
     const verdict_reason &why = row.reason;
-    const name_source source = shows_own_name(row) ? name_source::handshake : why.named_by;
-    if (source != name_source::none)
-        object.add("named_by", word_in(NAME_SOURCES, source));
+    const name_source source = source_of_name(row);
+    add_source(object, source);
     if (source == name_source::dns) {
         object.add("name", row.server_name);
         object.add("name_us", row.server_name_us);
@@ -115,6 +123,21 @@ void append_flow(std::string &out, const watched_flow &flow, const gate *behind)
     if (row.dscp[0] != 0 || row.dscp[1] != 0)
         object.add_pair("dscp", row.dscp[0], row.dscp[1]);
     append_why(object.key("why"), row);
+    add_end(object, flow);
+}
+
+void append_brief(std::string &out, const watched_flow &flow) {
+    const flow_row &row = flow.known();
+    json_object object(out);
+    object.add("id", flow.id);
+    if (is_known(row.client.mac))
+        object.add("client_mac", mac_text(row.client.mac));
+    else
+        object.add("client", address_text(row, row.client));
+    add_latest(object, flow);
+    object.add("application", name_of(row));
+    add_source(object, source_of_name(row));
+    object.add("verdict", verdict_word(row.verdict));
     add_end(object, flow);
 }
 

@@ -14,6 +14,7 @@ namespace avcore {
 
 // `behind`: the gate that it is behind; null: none.
 void append_flow(std::string &out, const watched_flow &flow, const gate *behind);
+void append_brief(std::string &out, const watched_flow &flow); // what is counted, and for whom
 void append_count(std::string &out, const watched_flow &flow);
 
 struct sum_key {

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 #include <random>
+#include <string>
+#include <utility>
 
 namespace avcore {
 namespace {
@@ -40,6 +42,7 @@ uint32_t flow_places::take() {
     if (free_.empty()) {
         flows_.emplace_back();
         changes_.push_back(0);
+        noted_.push_back(false);
     } else {
         place = free_.back();
         free_.pop_back();
@@ -70,8 +73,12 @@ void flow_places::retire(uint32_t place) {
 
 void flow_places::free(uint32_t place) {
     retire(place);
+    std::string id = std::move(flows_[place].id);
+    id.clear();
     flows_[place] = {};
+    flows_[place].id = std::move(id); // for the next one, which needs as much
     changes_[place] = 0;
+    noted_[place] = false;
     free_.push_back(place);
 }
 

@@ -32,6 +32,14 @@ public:
     uint64_t last_change() const { return last_change_; }
     uint64_t change(uint32_t place) { return changes_[place] = ++last_change_; } // its number
 
+    // Something about the flow's row may have changed; whoever looks at the row takes that back.
+    void note(uint32_t place) { noted_[place] = true; }
+    bool take_note(uint32_t place) {
+        const bool noted = noted_[place];
+        noted_[place] = false;
+        return noted;
+    }
+
     uint32_t take(); // for a flow that no gate has
     // For the current flow of these sides; there is none.
     uint32_t take(const gate_flow &key);
@@ -62,7 +70,8 @@ private:
     using place_set = tsl::robin_set<uint32_t, key_hash, same_key, std::allocator<uint32_t>, true>;
 
     flow_list flows_;
-    std::vector<uint64_t> changes_; // by place
+    std::vector<uint64_t> changes_; // by place, like
+    std::vector<bool> noted_;       // which is small, and rows are far apart
     std::vector<uint32_t> free_;
     place_set by_key_; // of the current ones
     uint64_t last_change_ = 0;

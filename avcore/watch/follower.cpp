@@ -13,7 +13,7 @@ namespace {
 
 constexpr int64_t ROUND_MS = 1'000;       // at least, between the beginnings of two
 constexpr int64_t BUSY_ROUND_MS = 10'000; // while it has more than it takes
-constexpr int NEWS_A_TURN = 16;
+constexpr int NEWS_A_TURN = 64;
 constexpr uint32_t NEW_PLACES_A_TURN = 4'096;
 constexpr uint32_t TOLD_PIECE = 512;
 
@@ -99,14 +99,22 @@ void follower::sum_up(uint32_t place) {
 int64_t follower::due_ms(int64_t now_ms) const {
     if (!wish_.flows || !flows_.is_done(first_round_))
         return NEVER_MS;
-    return in_pass_ || flows_.ended_behind(end_) ? now_ms : pass_due_ms_;
+    if (in_pass_ || flows_.ended_behind(end_))
+        return now_ms;
+    return awaits_round() ? NEVER_MS : pass_due_ms_;
+}
+
+// Where nothing has to be told at once a pass goes through the table right behind a round: what
+// that has looked at is at hand, in the processor's caches, and far away a moment later.
+bool follower::awaits_round() const {
+    return !wish_.events && !hurries_ && flows_.counted_round() == passed_round_;
 }
 
 int64_t follower::round_due_ms(int64_t last_ms) const {
     const int64_t soonest_ms = last_ms + ROUND_MS;
     if (!out_.has_room() || (in_pass_ && !wish_.events))
         return last_ms + std::max(BUSY_ROUND_MS, 2 * wish_.every_ms);
-    return wish_.events ? soonest_ms : std::max(pass_due_ms_ - ROUND_MS, soonest_ms);
+    return wish_.events ? soonest_ms : std::max(pass_due_ms_, soonest_ms);
 }
 
 void follower::add_some(int64_t now_ms) {
@@ -115,14 +123,16 @@ void follower::add_some(int64_t now_ms) {
     int messages = 0;
     while (messages < NEWS_A_TURN && out_.has_room() && (add_sum() || add_end()))
         ++messages;
-    if (!in_pass_ && now_ms < pass_due_ms_)
+    if (!in_pass_ && (now_ms < pass_due_ms_ || awaits_round()))
         return;
     if (!std::exchange(in_pass_, true)) {
         next_ = 0;
         until_ = flows_.places();
         passed_change_ = flows_.last_change();
+        passed_round_ = flows_.counted_round();
     }
-    const uint32_t last = std::min(until_, next_ + NEW_PLACES_A_TURN);
+    const uint32_t ready = wish_.events ? until_ : std::min(until_, flows_.looked_through());
+    const uint32_t last = std::min(ready, next_ + NEW_PLACES_A_TURN);
     while (messages < NEWS_A_TURN && out_.has_room() && next_ < last)
         messages += add_flow(next_++);
     if (next_ == until_ && sums_.empty())
@@ -131,7 +141,8 @@ void follower::add_some(int64_t now_ms) {
 
 void follower::end_pass(int64_t now_ms) {
     in_pass_ = false;
-    pass_due_ms_ = now_ms + wish_.every_ms;
+    pass_due_ms_ = now_ms + (!wish_.brief ? wish_.every_ms
+                                          : std::max(wish_.every_ms, flows_.spared_round_ms()));
     if (std::exchange(listed_, true))
         return;
     begin_message(out_.made(), wish_.id, "listed");
@@ -169,11 +180,13 @@ bool follower::add_flow(uint32_t place) {
         return false;
     std::string &text = out_.made();
     const bool whole = !told.is_any || flow.essence > told_change;
-    begin_message(text, wish_.id, whole ? "flow" : "count");
-    if (whole)
-        append_flow(text, flow, behind_);
-    else
+    begin_message(text, wish_.id, !whole ? "count" : wish_.brief ? "brief" : "flow");
+    if (!whole)
         append_count(text, flow);
+    else if (wish_.brief)
+        append_brief(text, flow);
+    else
+        append_flow(text, flow, behind_);
     text += "}\n";
     told.is_any = true;
     told.counts = flow.counts;
@@ -207,6 +220,7 @@ void follower::tell(std::string_view what, int64_t now_us, std::string_view memb
 }
 
 void follower::hurry() {
+    hurries_ = true;
     wish_.every_ms = 0;
     pass_due_ms_ = 0;
     first_round_ = 0;

@@ -63,6 +63,7 @@ private:
     told_values &told_at(uint32_t place);
     bool was_over(const watched_flow &flow) const;
     bool is_past(const watched_flow &flow) const;
+    bool awaits_round() const;
     bool add_sum();
     bool add_end();
     bool add_flow(uint32_t place); // false: there is nothing new
@@ -76,6 +77,8 @@ private:
     int64_t ends_from_us_;
     uint64_t end_; // number of the last end that was looked at
     uint64_t first_round_;
+    uint64_t passed_round_ = 0; // of the last pass
+    bool hurries_ = false;
     std::deque<told_values> told_; // by place; grows by pieces, as the first listing comes along
     std::map<sum_key, sum_of_flows> sums_;
     bool in_pass_ = false;

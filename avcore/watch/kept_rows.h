@@ -17,7 +17,7 @@ class kept_rows {
     };
 
 public:
-    static constexpr size_t MAX_SPARE = 4'096;
+    static constexpr size_t MAX_SPARE = 32'768; // a round over a full gate gives back more at once
 
     using kept_row = std::unique_ptr<flow_row, giving_back>; // outlived by this
 

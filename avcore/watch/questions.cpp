@@ -72,6 +72,13 @@ asked_thing thing_called(const std::string &word) {
     return static_cast<asked_thing>(found - std::begin(words));
 }
 
+bool flag_in(const json &object, const char *name) {
+    const json *value = member(object, name);
+    if (value != nullptr && !value->is_boolean())
+        throw mistake(std::string(name) + " is neither true nor false");
+    return value != nullptr && value->get<bool>();
+}
+
 follow_wish wish_in(const json &object, uint32_t id) {
     follow_wish wish = {.id = id, .filter = filter_in(object)};
     for (const json &word : object["follow"]) {
@@ -80,6 +87,7 @@ follow_wish wish_in(const json &object, uint32_t id) {
             throw mistake("follow holds something else than \"flows\" and \"events\"");
         (flows ? wish.flows : wish.events) = true;
     }
+    wish.brief = flag_in(object, "brief");
     if (const auto every_ms = number_in(object, "every_ms", SHORTEST_MS, LONGEST_MS))
         wish.every_ms = static_cast<int64_t>(*every_ms);
     if (const auto within_ms = number_in(object, "ended_within_ms", 0, LONGEST_AGO_MS))

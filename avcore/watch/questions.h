@@ -50,6 +50,7 @@ struct follow_wish {
     uint32_t id;
     bool flows = false;
     bool events = false;
+    bool brief = false; // what who counts flows needs of them
     int64_t every_ms = 1'000;
     std::optional<int64_t> ended_within_ms = {}; // before it came
     flow_filter filter;

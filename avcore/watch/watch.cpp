@@ -193,9 +193,9 @@ int64_t watch::due_ms(int64_t now_ms) const {
         return pause_.until_ms();
     if (flows_.is_walking())
         return now_ms;
-    int64_t due_ms = pause_.until_ms();
-    if (is_followed())
-        due_ms = std::min({due_ms, round_due_ms(), look_due_ms_});
+    int64_t due_ms = std::min(pause_.until_ms(), round_due_ms());
+    if (are_events_followed())
+        due_ms = std::min(due_ms, look_due_ms_);
     for (const auto &[fd, each] : readers_)
         due_ms = std::min(due_ms, each.with.due_ms(now_ms));
     return due_ms;
@@ -209,9 +209,11 @@ int64_t watch::round_due_ms() const {
     return due_ms;
 }
 
-bool watch::is_followed() const {
-    return std::ranges::any_of(
-        readers_, [](const auto &each) { return each.second.with.following() != nullptr; });
+bool watch::are_events_followed() const {
+    return std::ranges::any_of(readers_, [](const auto &each) {
+        const follower *one = each.second.with.following();
+        return one != nullptr && one->takes_events();
+    });
 }
 
 // What isn't about a flow.
@@ -229,7 +231,7 @@ void watch::policies_changed() {
 }
 
 void watch::look_around(int64_t now_ms) {
-    if (!is_followed()) {
+    if (!are_events_followed()) {
         seen_outside_.reset();
         return;
     }

@@ -76,7 +76,7 @@ private:
     void tell_changes(const outside &before, const outside &now);
     void tell(const char *what, const std::string &members);
     std::string greeting() const;
-    bool is_followed() const;
+    bool are_events_followed() const;
 
     surroundings around_;
     std::string run_;
@@ -98,7 +98,7 @@ private:
     int64_t round_wanted_ms_ = 0;
     uint64_t rounds_noted_ = 0;
     int64_t look_due_ms_ = 0;
-    std::optional<outside> seen_outside_; // none while nobody follows
+    std::optional<outside> seen_outside_; // none while nobody follows events
 };
 
 } // namespace avcore

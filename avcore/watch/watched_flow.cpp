@@ -4,8 +4,7 @@
 
 #include <arpa/inet.h>
 #include <array>
-#include <cinttypes>
-#include <cstdio>
+#include <charconv>
 #include <functional>
 #include <span>
 #include <string_view>
@@ -32,12 +31,19 @@ private:
     size_t value_ = 0;
 };
 
-void append_hex(std::string &text, std::span<const uint8_t> octets) {
+void append_octets(std::string &text, std::span<const uint8_t> octets) {
     constexpr char digits[] = "0123456789abcdef";
     for (const uint8_t octet : octets) {
         text += digits[octet >> 4];
         text += digits[octet & 15];
     }
+}
+
+template <int BASE>
+void append_in_base(std::string &text, uint64_t number) {
+    std::array<char, 20> digits; // of the highest
+    const auto end = std::to_chars(digits.begin(), digits.end(), number, BASE).ptr;
+    text.append(digits.begin(), end);
 }
 
 } // namespace
@@ -80,24 +86,26 @@ const std::string &name_of(const flow_row &row) {
     return has_name ? application_of(row) : none;
 }
 
-std::string id_of(const watched_flow &flow, const std::string &run) {
-    std::string id;
-    char numbers[64];
+void write_id(watched_flow &flow, const std::string &run) {
+    std::string &id = flow.id;
+    id.clear();
     if (flow.at_gate) {
         const auto is_short = ip_address(std::to_array(flow.key.client)).is_ipv4() &&
                               ip_address(std::to_array(flow.key.server)).is_ipv4();
         const size_t from = is_short ? ip_address::SIZE - sizeof(uint32_t) : 0;
-        append_hex(id, std::span(flow.key.client).subspan(from));
-        append_hex(id, std::span(flow.key.server).subspan(from));
-        snprintf(numbers, sizeof numbers, "-%x-%x-%x-%" PRIx64,
-                 unsigned{ntohs(flow.key.client_port_be)}, unsigned{ntohs(flow.key.server_port_be)},
-                 unsigned{flow.key.proto} + 256u * flow.key.fragments, flow.seen.begun);
+        append_octets(id, std::span(flow.key.client).subspan(from));
+        append_octets(id, std::span(flow.key.server).subspan(from));
+        append_in_base<16>(id += '-', ntohs(flow.key.client_port_be));
+        append_in_base<16>(id += '-', ntohs(flow.key.server_port_be));
+        append_in_base<16>(id += '-', flow.key.proto + 256u * flow.key.fragments);
+        append_in_base<16>(id += '-', flow.seen.begun);
     } else {
-        snprintf(numbers, sizeof numbers, "-%" PRIu32 "-%" PRIu64, flow.row->id, flow.seen.begun);
-        id = run;
+        id += run;
+        append_in_base<10>(id += '-', flow.row->id);
+        append_in_base<10>(id += '-', flow.seen.begun);
     }
-    id += numbers;
-    return flow.continued == 0 ? id : id + '.' + std::to_string(flow.continued);
+    if (flow.continued != 0)
+        append_in_base<10>(id += '.', flow.continued);
 }
 
 } // namespace avcore

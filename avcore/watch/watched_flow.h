@@ -68,6 +68,6 @@ struct watched_flow {
 
 // Behind a gate whoever sees the flow calls it the same: its sides and the moment at which it
 // began. Otherwise the rows' numbers are those of a run alone: `run` is a word that no other has.
-std::string id_of(const watched_flow &flow, const std::string &run);
+void write_id(watched_flow &flow, const std::string &run);
 
 } // namespace avcore

@@ -1,5 +1,7 @@
 #include "avcore/watch/watched_flows.h"
 
+#include "avcore/base/monotonic_clock.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
@@ -9,7 +11,9 @@ namespace avcore {
 namespace {
 
 constexpr int GATE_FLOWS_A_TURN = 256;
-constexpr uint32_t PLACES_A_TURN = 512;
+constexpr uint32_t PLACES_A_TURN = 64;
+constexpr uint64_t SPARED_PARTS = 100; // of the time, one is for rounds
+constexpr uint64_t LONGEST_SPARED_MS = 30'000;
 constexpr int64_t COME_BACK_US = 60'000'000; // readers of the run before
 
 endpoint endpoint_of(const uint8_t (&octets)[ip_address::SIZE], uint16_t port_be) {
@@ -57,18 +61,24 @@ bool watched_flows::has_news(const flow_row &row) const {
     return attended_ && !(row.watched.is_told && digest_of(row).all == row.watched.says);
 }
 
+// What nobody is told of at once waits for the next round, or the end.
 void watched_flows::note(flow_row &row) {
+    const bool waits = around_.behind != nullptr && !are_events_taken();
+    if (waits && row.watched.place != 0)
+        return flows_.note(row.watched.place - 1);
     if (!has_news(row))
         return;
     const bool has_flow = around_.behind == nullptr || row.enforcement.flow.has_value();
     if (!has_flow) // behind a gate: it has the packets in another flow
         return;
     uint32_t place = place_of(row);
+    if (waits)
+        return flows_.note(place);
     if (!attended_)
         return;
     if (around_.behind == nullptr) {
         place = observe(place, sight_of(row.life));
-    } else if (are_events_taken() && !is_open(flows_[place])) {
+    } else if (!is_open(flows_[place])) {
         if (const auto state = around_.behind->flow_of(flows_[place].key)) {
             place = observe(place, sight_of(*state));
             flows_[place].round = static_cast<uint32_t>(rounds_begun_);
@@ -76,8 +86,7 @@ void watched_flows::note(flow_row &row) {
     }
     look_at_row(place);
     // What the gate has is seen in the rounds.
-    row.watched.is_told =
-        around_.behind != nullptr && (!are_events_taken() || is_open(flows_[place]));
+    row.watched.is_told = around_.behind != nullptr && is_open(flows_[place]);
     row.watched.says = digest_of(row).all;
 }
 
@@ -147,7 +156,7 @@ void watched_flows::row_leaves(flow_row &&row) {
     watched_flow &flow = flows_[place];
     if (!attended_ && !flow.awaits)
         return free(place);
-    look_at_row(place);
+    look_at_noted(place);
     flow.row = nullptr;
     if (!flow.own)
         flow.own = rows_.keep(std::move(row));
@@ -202,7 +211,7 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     if (is_past && !flow.is_asked)
         return;
     flow.ending = flow_ending::none;
-    flow.id = id_of(flow, around_.run);
+    write_id(flow, around_.run);
     flow.digest = digest_of(flow.known());
     flow.essence = flows_.change(place);
     flow.counts = seen.counted - from;
@@ -260,6 +269,12 @@ void watched_flows::look_at_row(uint32_t place) {
     tell_news(place, before, now);
 }
 
+void watched_flows::look_at_noted(uint32_t place) {
+    const bool noted = flows_.take_note(place);
+    if (noted || rechecks_ || all_changed_ || around_.behind == nullptr)
+        look_at_row(place);
+}
+
 void watched_flows::tell_news(uint32_t place, const row_digest &before, const row_digest &now) {
     if (now.name != before.name)
         tell(flow_event::named, place);
@@ -279,7 +294,7 @@ void watched_flows::look_at_end(uint32_t place) {
 }
 
 void watched_flows::end(uint32_t place, flow_ending how) {
-    look_at_row(place);
+    look_at_noted(place);
     watched_flow &flow = flows_[place];
     flow.ending = how;
     if (!flow.can_be_told())
@@ -425,8 +440,16 @@ void watched_flows::begin_round() {
 void watched_flows::step() {
     if (!walking_ && !wanted_)
         return;
+    const uint64_t begun_ns = monotonic_ns();
     if (!walking_)
         begin_round();
+    go_on_with_round();
+    round_took_ns_ += monotonic_ns() - begun_ns;
+    if (!walking_)
+        last_round_took_ns_ = std::exchange(round_took_ns_, 0);
+}
+
+void watched_flows::go_on_with_round() {
     if (!gate_walked_) {
         gate_walked_ = !walk_gate();
         return;
@@ -435,6 +458,11 @@ void watched_flows::step() {
         return;
     walking_ = false;
     rounds_done_ = rounds_begun_;
+}
+
+int64_t watched_flows::spared_round_ms() const {
+    const uint64_t spared_ms = last_round_took_ns_ * SPARED_PARTS / 1'000'000;
+    return static_cast<int64_t>(std::min(spared_ms, LONGEST_SPARED_MS));
 }
 
 // False when it has come to the end.
@@ -468,8 +496,7 @@ void watched_flows::look_again(uint32_t place) {
         if (state)
             place = observe(place, sight_of(*state));
     }
-    if (rechecks_)
-        look_at_row(place);
+    look_at_noted(place);
     look_at_end(place);
 }
 

@@ -84,8 +84,15 @@ public:
     int64_t round_age_us() const { return now_us() - round_begun_us_; } // since the last one began
     bool is_done(uint64_t round) const { return rounds_done_ >= round; }
     bool is_walking() const { return walking_ || wanted_; }
+    // The last one that has all of the gate's counts, and how many places it has looked at with
+    // them.
+    uint64_t counted_round() const { return gate_walked_ ? rounds_begun_ : rounds_done_; }
+    uint32_t looked_through() const { return walking_ && gate_walked_ ? next_place_ : places(); }
     // A slice of the round, if one is wanted. Takes less than a millisecond.
     void step();
+    // From a round to the next one, so that they take a small part of this program's time: what the
+    // last one took, many times over, within bounds.
+    int64_t spared_round_ms() const;
 
     uint32_t places() const { return flows_.count(); }
     const watched_flow &at(uint32_t place) const { return flows_[place]; }
@@ -107,6 +114,7 @@ private:
     void end_before(uint32_t place, const flow_sight &seen);
     void take_counts(uint32_t place, const flow_sight &seen);
     void look_at_row(uint32_t place);
+    void look_at_noted(uint32_t place);
     bool has_news(const flow_row &row) const;
     void tell_news(uint32_t place, const row_digest &before, const row_digest &now);
     void look_at_end(uint32_t place);
@@ -119,6 +127,7 @@ private:
     void tell(flow_event what, uint32_t place);
     bool awaits_readers() const;
     void begin_round();
+    void go_on_with_round();
     bool walk_gate();
     bool walk_places();
     void look_again(uint32_t place);
@@ -144,6 +153,8 @@ private:
     int64_t ends_from_us_ = INT64_MAX; // of the readers, for this round
     uint64_t rounds_begun_ = 0;
     uint64_t rounds_done_ = 0;
+    uint64_t round_took_ns_ = 0; // so far
+    uint64_t last_round_took_ns_ = 0;
     uint32_t cursor_ = 0;     // of the gate's flows
     uint32_t next_place_ = 0; // of the round
 };

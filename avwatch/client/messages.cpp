@@ -56,6 +56,7 @@ constexpr struct {
     std::optional<content> (*read)(const json &said);
 } KINDS[] = {
     {"flow", [](const json &said) { return content_of(flow_of(said)); }},
+    {"brief", [](const json &said) { return content_of(brief_of(said)); }},
     {"count", [](const json &said) { return content_of(count_of(said)); }},
     {"sum", [](const json &said) { return content_of(sum_of(said)); }},
     {"event", [](const json &said) { return content_of(event_of(said)); }},

@@ -31,8 +31,9 @@ struct gate_state {
 // The greeting isn't among them: watch_client keeps it.
 struct message {
     std::optional<uint32_t> id; // of the question or following that it belongs to
-    std::variant<flow_record, count_record, sum_record, event_record, client_record, counts_record,
-                 profile_record, gate_state, answer_end, answer_error, listing_end, lost_events>
+    std::variant<flow_record, brief_record, count_record, sum_record, event_record, client_record,
+                 counts_record, profile_record, gate_state, answer_end, answer_error, listing_end,
+                 lost_events>
         what;
 };
 

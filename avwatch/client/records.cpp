@@ -253,6 +253,16 @@ void walk(Fields &fields, flow_record &flow) {
 }
 
 template <typename Fields>
+void walk(Fields &fields, brief_record &brief) {
+    walk(fields, static_cast<count_record &>(brief));
+    fields.may("client", side_text{brief.client});
+    fields.may("client_mac", mac_text{brief.client_mac});
+    fields.may("application", brief.application);
+    fields.may("named_by", brief.named_by);
+    fields.may("verdict", brief.verdict);
+}
+
+template <typename Fields>
 void walk(Fields &fields, sum_record &sum) {
     fields.may("client_mac", mac_text{sum.client_mac});
     fields.may("client", side_text{sum.client});
@@ -330,6 +340,10 @@ std::optional<greeting_record> greeting_of(const json &object) {
 
 std::optional<flow_record> flow_of(const json &object) {
     return record_of<flow_record>(object);
+}
+
+std::optional<brief_record> brief_of(const json &object) {
+    return record_of<brief_record>(object);
 }
 
 std::optional<count_record> count_of(const json &object) {

@@ -100,6 +100,15 @@ struct flow_record : count_record {
     why_record why;
 };
 
+// What is counted of a flow, and for whom.
+struct brief_record : count_record {
+    std::string client_mac;
+    std::string client; // where there is no MAC address
+    std::string application;
+    std::string named_by;
+    std::string verdict;
+};
+
 struct sum_record {
     std::string client_mac;
     std::string client; // where there is no MAC address
@@ -151,6 +160,7 @@ using counts_record = std::map<std::string, uint64_t>; // what isn't a number is
 // Each reads an object, or returns nothing where it isn't such a record.
 std::optional<greeting_record> greeting_of(const nlohmann::json &object);
 std::optional<flow_record> flow_of(const nlohmann::json &object);
+std::optional<brief_record> brief_of(const nlohmann::json &object);
 std::optional<count_record> count_of(const nlohmann::json &object);
 std::optional<sum_record> sum_of(const nlohmann::json &object);
 std::optional<client_record> client_of(const nlohmann::json &object);

@@ -95,6 +95,8 @@ uint32_t watch_client::follow(const following &wanted) {
         line["follow"].push_back("flows");
     if (wanted.events)
         line["follow"].push_back("events");
+    if (wanted.brief)
+        line["brief"] = true;
     line["every_ms"] = wanted.every_ms;
     if (wanted.ended_within_ms)
         line["ended_within_ms"] = *wanted.ended_within_ms;

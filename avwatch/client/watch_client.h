@@ -48,6 +48,7 @@ struct watch_filter {
 struct following {
     bool flows = true;
     bool events = false;
+    bool brief = false;                          // what is counted, and for whom
     uint32_t every_ms = 1'000;                   // 200 to 60,000
     std::optional<int64_t> ended_within_ms = {}; // of flows that were over before, too
     watch_filter filter;

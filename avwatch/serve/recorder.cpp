@@ -19,7 +19,7 @@ using avcore::NEVER_MS;
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
 // Ends from so long before avcore was last heard are asked for: later they are told. Less than
 // ended ones are known again.
-constexpr int64_t ENDS_LATE_MS = 20'000;
+constexpr int64_t ENDS_LATE_MS = 40'000;
 constexpr int64_t ASK_EVERY_MS = 10'000;
 constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
 constexpr int64_t CLIENTS_EVERY_MS = 60'000;
@@ -48,13 +48,18 @@ struct recorder::taker {
     std::optional<uint32_t> id;
     int64_t now_ms;
 
+    // Without exports avcore is brief, if it can be.
+    void operator()(const brief_record &flow) const { take(flow, flow.named_by); }
     void operator()(const flow_record &flow) const {
-        const ledger::growth more = to.ledger_.take(
-            {flow.id, flow.client, flow.client_mac, flow.application, flow.why.named_by,
-             verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
-            now_ms);
+        const ledger::growth more = take(flow, flow.why.named_by);
         if (more && to.exports_.has_any())
             to.exports_.flows().take(flow, *more, now_ms);
+    }
+    template <typename Record>
+    ledger::growth take(const Record &flow, const std::string &named_by) const {
+        return to.ledger_.take({flow.id, flow.client, flow.client_mac, flow.application, named_by,
+                                verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
+                               now_ms);
     }
     void operator()(const count_record &count) const {
         const ledger::growth more =
@@ -247,6 +252,7 @@ void recorder::connect(int64_t now_ms) {
         avcore_.emplace(watch_socket_);
         follow_asked_ = avcore_->follow({.flows = true,
                                          .events = false,
+                                         .brief = !exports_.has_any(),
                                          .every_ms = exports_.every_ms(),
                                          .ended_within_ms = asked_ends_ms(monotonic_ms()),
                                          .filter = {}});

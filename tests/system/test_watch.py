@@ -237,7 +237,7 @@ class Watch(SystemTest):
         self.start()
         following, seldom = self.reader(), self.reader()
         following.follow("flows", "events")
-        seldom.follow("flows", every_ms=60_000)
+        seldom.follow("flows", every_ms=60_000, brief=True)
         seldom.socket.settimeout(DEADLINE / 2)
         self.feed(segment(1, SYN), segment(1, SYN | ACK, back=True), segment(1, FIN | ACK, b"1"),
                   segment(1, FIN | ACK, back=True), segment(1, ACK), segment(2, SYN),
@@ -248,7 +248,7 @@ class Watch(SystemTest):
             flow = following.event("ended")["flow"]
             ended[flow["client_port"]] = flow["ended"], flow["up"], flow["down"]
         self.assertEqual(ended, {1: ("fin", [3, 163], [2, 108]), 2: ("reset", [1, 54], [1, 54])})
-        told = [message["flow"]["ended"] for message in (seldom.next(), seldom.next())]
+        told = [message["brief"]["ended"] for message in (seldom.next(), seldom.next())]
         self.assertEqual(set(told), {"fin", "reset"})
         self.feed(segment(1, SYN), segment(2, ACK), udp_frame(4, 9, b"4"), at=400)
         flow = following.event("ended")["flow"]
@@ -298,6 +298,7 @@ class Watch(SystemTest):
                 (b'{"id": 5, "ask": 5}', 5, "ask"), (b'{"id": 5, "follow": {}}', 5, "follow"),
                 (b'{"id": 5, "follow": ["x"]}', 5, "follow"), (b'{"id": 5, "follow": [[[]]]}', 5, "follow"),
                 (b'{"id": 5, "follow": ["flows"], "every_ms": 199}', 5, "every_ms"),
+                (b'{"id": 5, "follow": ["flows"], "brief": 1}', 5, "brief"),
                 (b'{"id": 5, "follow": ["flows"], "ended_within_ms": -1}', 5, "ended_within_ms"),
                 (b'{"id": 5, "ask": "flows", "since_us": -1}', 5, "since_us"),
                 (b'{"id": 5, "ask": "flows", "client": "10.1.0.12/8"}', 5, "client"),
