@@ -42,7 +42,7 @@ struct frame_facts {
     uint16_t ether_type = 0;
     uint8_t ip_proto = 0;
     bool ipv4 = false;
-    uint8_t dscp = 0; // RFC 2474
+    uint8_t dscp = 0;                     // RFC 2474
     uint8_t tcp_flags = 0;                // TH_SYN and so on, where they were looked at
     bool redirects = false;               // the daemon may learn an address from it
     std::optional<bool> sender_is_client; // where the capture tells
