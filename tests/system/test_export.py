@@ -10,6 +10,8 @@ class Collector:
     """Takes messages of IPFIX (RFC 7011), each whole and in its order or the test fails. One that
     comes late doesn't know what it missed."""
 
+    is_late = False  # what came before may be missing
+
     def __init__(self, port=0, is_late=False):
         self.is_late = is_late
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
