@@ -125,9 +125,10 @@ class Collectors(Routed):
         return sums
 
     def until_equal(self, ask, wanted):
+        """Both go on until what waits in queues has come."""
         with contextlib.suppress(AssertionError):
-            wait_until(lambda: ask() == wanted, seconds=40)
-        self.assertEqual(ask(), wanted)
+            wait_until(lambda: ask() == wanted(), seconds=40)
+        self.assertEqual(ask(), wanted())
 
     def load_all(self):
         denied = self.talk(SERVERS[4], DENIED, 0.005)
@@ -153,8 +154,8 @@ class Collectors(Routed):
         self.serve()
         for sender in senders:
             sender.stop()
-        self.until_equal(lambda: self.used()[1], self.arrived_in_all(0)[1])
-        self.until_equal(self.taken_by_nfacctd, self.counted())
+        self.until_equal(lambda: self.used()[1], lambda: self.arrived_in_all(0)[1])
+        self.until_equal(self.taken_by_nfacctd, self.counted)
 
         self.stop_collectors()
         self.start_collectors()
@@ -162,7 +163,7 @@ class Collectors(Routed):
         for sender in self.load_all():
             sender.stop()
         time.sleep(LINGER)
-        self.until_equal(lambda: self.used()[1], self.arrived_in_all(0)[1])
+        self.until_equal(lambda: self.used()[1], lambda: self.arrived_in_all(0)[1])
         self.stop_serve()
         self.stop_collectors()
         self.tshark.send_signal(signal.SIGINT)
