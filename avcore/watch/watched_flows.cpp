@@ -72,9 +72,8 @@ void watched_flows::note(flow_row &row) {
     if (!has_flow) // behind a gate: it has the packets in another flow
         return;
     uint32_t place = place_of(row);
-    if (waits)
-        return flows_.note(place);
-    if (!attended_)
+    flows_.note(place);
+    if (waits || !attended_)
         return;
     if (around_.behind == nullptr) {
         place = observe(place, sight_of(row.life));
@@ -84,7 +83,7 @@ void watched_flows::note(flow_row &row) {
             flows_[place].round = static_cast<uint32_t>(rounds_begun_);
         }
     }
-    look_at_row(place);
+    look_at_noted(place);
     // What the gate has is seen in the rounds.
     row.watched.is_told = around_.behind != nullptr && is_open(flows_[place]);
     row.watched.says = digest_of(row).all;
@@ -271,7 +270,7 @@ void watched_flows::look_at_row(uint32_t place) {
 
 void watched_flows::look_at_noted(uint32_t place) {
     const bool noted = flows_.take_note(place);
-    if (noted || rechecks_ || all_changed_ || around_.behind == nullptr)
+    if (noted || rechecks_ || all_changed_)
         look_at_row(place);
 }
 
