@@ -130,16 +130,6 @@ class Collectors(Routed):
             wait_until(lambda: ask() == wanted(), seconds=40)
         self.assertEqual(ask(), wanted())
 
-    def load_all(self):
-        denied = self.talk(SERVERS[4], DENIED, 0.005)
-        slow = Sender(self.connected(socket.SOCK_DGRAM, SERVERS[6], SLOW), 0.005, size=1_200)
-        self.addCleanup(slow.stop)
-        self.browse()
-        self.load(4)
-        self.load(6, "-R")
-        self.load(4, "-u")
-        return denied, slow
-
     def test_a_mixed_load_over_restarts_on_either_side(self):
         self.start("", "--watch-socket", WATCH_SOCKET)
         self.start_servers()

@@ -94,11 +94,7 @@ class Layout:
             known[row["application"]] = [*map(sum, zip(known[row["application"]] or [0] * 4, row["up"] + row["down"]))]
         return known, [*map(sum, zip([0] * 4, *known.values()))]
 
-    def test_to_the_byte_whoever_is_killed(self):
-        self.start("", "--watch-socket", WATCH_SOCKET)
-        self.start_servers()
-        self.serve()
-        wait_until(lambda: os.path.exists(FOLDER + "/history.db"))
+    def load_all(self):
         denied = self.talk(SERVERS[4], DENIED, 0.005)
         slow = Sender(self.connected(socket.SOCK_DGRAM, SERVERS[6], SLOW), 0.005, size=1_200)
         self.addCleanup(slow.stop)
@@ -106,6 +102,14 @@ class Layout:
         self.load(4)
         self.load(6, "-R")
         self.load(4, "-u")
+        return denied, slow
+
+    def test_to_the_byte_whoever_is_killed(self):
+        self.start("", "--watch-socket", WATCH_SOCKET)
+        self.start_servers()
+        self.serve()
+        wait_until(lambda: os.path.exists(FOLDER + "/history.db"))
+        denied, slow = self.load_all()
         film = self.arrived_in_all(time.time())[0][NAME]
         time.sleep(LINGER)
         self.kill(self.server)  # it may or may not have heard of the ends
