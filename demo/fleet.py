@@ -133,12 +133,7 @@ def lay_out(points):
             ("collector", (COLLECTOR,)):
         add_station(name, name + "s")
         add_ipv4(name, *addresses)
-    for point in points:
-        point.lay_out()
-    add_host("client")
-    plug("station", "client", "eth0", points[0].air, *ON_A_WIRE)
-    ip("client", "link", "set", "eth0", "address", STATION)
-    add_ipv4("client", CLIENT)
+    add_points(points)
     for number, (name, at) in enumerate(STAYING.items(), 21):
         add_host(name)
         plug(name, name, "eth0", points[at - 1].air, *ON_A_WIRE)

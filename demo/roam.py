@@ -121,16 +121,21 @@ def show_network():
                          avcore <-> jorn""")
 
 
-def make_network(points):
-    add_bridge("br0")
-    add_station("server", "servers")
-    add_ipv4("server", DNS_SERVER, CHAT_SERVER)
+def add_points(points):
+    """And the station that walks, at the first of them."""
     for point in points:
         point.lay_out()
     add_host("client")
     plug("station", "client", "eth0", points[0].air, *ON_A_WIRE)
     ip("client", "link", "set", "eth0", "address", STATION)
     add_ipv4("client", CLIENT)
+
+
+def make_network(points):
+    add_bridge("br0")
+    add_station("server", "servers")
+    add_ipv4("server", DNS_SERVER, CHAT_SERVER)
+    add_points(points)
 
 
 def start_all(points):
