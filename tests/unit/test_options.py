@@ -1,14 +1,16 @@
 """The options and words of the programs are those that their help lists: in the manual pages, the documents
-and bash's completions, neither more nor fewer.
-Usage: test_options.py JORN AVCORE AVWATCH JORNCTL PROJECT"""
+and bash's completions, neither more nor fewer. What is installed is whole, and of one version.
+Usage: test_options.py JORN AVCORE AVWATCH JORNCTL PROJECT CMAKE BUILD"""
 import functools
 import os
 import re
 import subprocess
 import sys
+import tempfile
 import unittest
 
-PROJECT = sys.argv.pop()
+PROJECT, CMAKE, BUILD = sys.argv[5:]
+del sys.argv[5:]
 PROGRAMS = {os.path.basename(path): path for path in (sys.argv.pop() for _ in range(4))}
 ANYWHERE = {"-h", "--help", "--version"}
 COMPLETE = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _jorn; printf "%s\\n" "${COMPREPLY[@]}"'
@@ -94,6 +96,32 @@ class Options(unittest.TestCase):
                                 ("tcx", "avcore", "setup", "--attach", "t"),
                                 (readme, "avcore", "-o", "x", "-r", readme[:-2])):
             self.assertEqual(completed(*words), {offered}, words)
+
+    def test_installed(self):
+        with open(f"{BUILD}/CMakeCache.txt") as cache:
+            version = re.search("^CMAKE_PROJECT_VERSION:STATIC=(.+)$", cache.read(), re.M)[1]
+        left = set(os.listdir(f"{PROJECT}/examples")) - {"box.json"}  # the demo's
+        for component, programs in (("JORN", {"jorn", "avcore", "jornctl"}), ("WATCH", {"avwatch"})):
+            with tempfile.TemporaryDirectory() as folder:
+                subprocess.run([CMAKE, "--install", BUILD, "--prefix", folder, "--component", component],
+                               check=True, stdout=subprocess.DEVNULL)
+                installed = {os.path.relpath(f"{path}/{name}", folder)
+                             for path, _, names in os.walk(folder) for name in names}
+                found = {os.path.basename(path) for path in installed if re.match("s?bin/", path)}
+                self.assertEqual(found, programs)
+                for path in installed:
+                    if "bin/" in path:
+                        said = subprocess.run([f"{folder}/{path}", "--version"], text=True, stdout=subprocess.PIPE)
+                        self.assertEqual(said.stdout, f"{os.path.basename(path)} {version}\n")
+                        self.assertIn(f"share/bash-completion/completions/{os.path.basename(path)}", installed)
+                    elif "/man/" in path:
+                        with open(f"{folder}/{path}") as page:
+                            text = page.read()
+                        self.assertIn(f"\n.Os jorn {version}\n", text)
+                        self.assertNotIn("@", text, path)
+                self.assertTrue({f"{name}.8" for name in programs} - {"jornctl.8"} <= set(map(os.path.basename, installed)))
+                left -= {os.path.basename(path) for path in installed if "/examples/" in path}
+        self.assertEqual(left, set())
 
 
 if __name__ == "__main__":
