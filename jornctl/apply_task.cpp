@@ -1,6 +1,7 @@
 #include "jornctl/apply_task.h"
 
 #include "control/lines/arc_listing.h"
+#include "core/files/saved_files_folder.h"
 #include "jornctl/base/complain.h"
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"

@@ -1,11 +1,11 @@
 #include "jornctl/document_tasks.h"
 
+#include "core/files/saved_files_folder.h"
 #include "jornctl/base/complain.h"
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"
 #include "jornctl/base/printable.h"
 #include "jornctl/memory/baseline.h"
-#include "jornctl/memory/saved_files.h"
 #include "jornctl/tables/differences.h"
 #include "jornctl/tables/document_of.h"
 

@@ -1,5 +1,6 @@
 #include "avwatch/why/documents.h"
 
+#include "core/files/saved_files_folder.h"
 #include "jornctl/base/failure.h"
 #include "jornctl/base/files.h"
 #include "jornctl/client/client.h"
@@ -31,7 +32,7 @@ document read_text(const std::string &name, std::string_view text) {
 }
 
 bool has_saved_files() {
-    return std::ranges::any_of(jornctl::hash_saved_files(jornctl::SAVED_FILES_FOLDER),
+    return std::ranges::any_of(jornctl::hash_saved_files(SAVED_FILES_FOLDER),
                                [](const auto &each) { return each.second.has_value(); });
 }
 
@@ -42,14 +43,14 @@ jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
                                jornctl::DEFAULT_SOCKET);
     const jornctl::client daemon(jornctl::DEFAULT_SOCKET, PATIENCE);
     try {
-        return jornctl::learn_baseline(&daemon, jornctl::SAVED_FILES_FOLDER);
+        return jornctl::learn_baseline(&daemon, SAVED_FILES_FOLDER);
     } catch (const jornctl::no_daemon &reason) {
         const bool has_files = has_saved_files();
         doubts.push_back(std::string(reason.what()) +
                          (has_files ? "; its saved files are taken" : "; nothing is in force"));
         if (!has_files)
             return {{}, jornctl::KNOWS_ALL};
-        return jornctl::learn_baseline(nullptr, jornctl::SAVED_FILES_FOLDER);
+        return jornctl::learn_baseline(nullptr, SAVED_FILES_FOLDER);
     }
 }
 

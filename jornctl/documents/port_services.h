@@ -14,7 +14,7 @@
 
 namespace jornctl {
 
-inline constexpr char PORT_SERVICE_FILE[] = "/writable/jorn/uploadjorport_file_1.0";
+inline constexpr char PORT_SERVICE_FILE[] = JORN_STATE_DIR "/uploadjorport_file_1.0";
 
 struct skipped_line {
     size_t line; // from 1

@@ -9,8 +9,6 @@
 
 namespace jornctl {
 
-inline constexpr char SAVED_FILES_FOLDER[] = "/writable/jorn";
-
 // Their hashes by their names; nothing for a file that isn't there. They tell a change, and guard
 // against nobody. Throws refused where one can't be read.
 using file_hashes = std::map<std::string, std::optional<std::string>>;

@@ -5,6 +5,7 @@
 #include "core/base/log.h"
 #include "core/daemonize.h"
 #include "core/dns/dns_cache.h"
+#include "core/files/saved_files_folder.h"
 #include "core/main_loop.h"
 #include "core/options.h"
 #include "core/pid_file.h"
@@ -30,7 +31,7 @@ void set_defaults(daemon_settings &settings) {
     settings.debug = 0;
     copy_text(settings.conf_path, DEFAULT_CONF_PATH);
     copy_text(settings.sock_path, DEFAULT_SOCK_PATH);
-    copy_text(settings.saved_files_folder, DEFAULT_SAVED_FILES_FOLDER);
+    copy_text(settings.saved_files_folder, SAVED_FILES_FOLDER);
     copy_text(settings.video_stream_domain, JORN_VIDEO_STREAM_DOMAIN);
     settings.tm_engine_enabled = 0;
     settings.reserved = 0;

@@ -21,6 +21,5 @@ struct daemon_settings {
 
 inline constexpr char DEFAULT_CONF_PATH[] = "/var/run/jorn.conf";
 inline constexpr char DEFAULT_SOCK_PATH[] = "/var/run/jorn.sock";
-inline constexpr char DEFAULT_SAVED_FILES_FOLDER[] = "/writable/jorn"; // no option changes it
 
 extern daemon_settings jorn_settings;
