@@ -1,23 +1,11 @@
 #include "avwatch/history/ended_flows.h"
 
 #include <algorithm>
-#include <functional>
 
 namespace avwatch {
-namespace {
 
-uint64_t mixed(std::string_view id) {
-    return std::hash<std::string_view>()(id);
-}
-
-} // namespace
-
-bool ended_flows::has(std::string_view id) const {
-    return known_.contains(mixed(id));
-}
-
-void ended_flows::add(std::string_view id, int64_t now_ms) {
-    restore({now_ms, mixed(id)});
+void ended_flows::add(uint64_t id, int64_t now_ms) {
+    restore({now_ms, id});
     ++unwritten_;
     drop_old(now_ms);
 }

@@ -1,12 +1,11 @@
-// Which flows have ended of late, by their ids. After a restart of either side avcore is asked for
-// the ends of some time before, for the last ones may not have been told, or not have been
+// Which flows have ended of late, by their numbers. After a restart of either side avcore is asked
+// for the ends of some time before, for the last ones may not have been told, or not have been
 // committed; those that have been aren't counted again.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <string_view>
 #include <unordered_set>
 
 namespace avwatch {
@@ -19,11 +18,11 @@ public:
 
     struct entry {
         int64_t at_ms;
-        uint64_t id; // mixed
+        uint64_t id; // its number
     };
 
-    bool has(std::string_view id) const;
-    void add(std::string_view id, int64_t now_ms);
+    bool has(uint64_t id) const { return known_.contains(id); }
+    void add(uint64_t id, int64_t now_ms);
     void restore(const entry &written);
     void clear();
 

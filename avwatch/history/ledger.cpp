@@ -1,6 +1,7 @@
 #include "avwatch/history/ledger.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 namespace avwatch {
@@ -22,11 +23,15 @@ amounts amounts_of(const flow_counts &counts) {
 
 } // namespace
 
-void ledger::restore(std::string id, sum_key key, open_flow flow, int64_t now_ms) {
+uint64_t flow_number(std::string_view id) {
+    return std::hash<std::string_view>()(id);
+}
+
+void ledger::restore(uint64_t number, sum_key key, open_flow flow, int64_t now_ms) {
     flow.key = share(std::move(key));
     flow.stored = true;
     flow.since_ms = flow.heard_ms = now_ms;
-    flows_.insert_or_assign(std::move(id), flow);
+    flows_.insert_or_assign(number, flow);
 }
 
 void ledger::connected(std::string_view epoch) {
@@ -60,7 +65,7 @@ ledger::growth ledger::take(const flow_message &news, int64_t now_ms) {
 
 ledger::growth ledger::take_counts(std::string_view id, const flow_counts &counts, bool ended,
                                    int64_t now_ms) {
-    const auto at = flows_.find(id);
+    const auto at = flows_.find(flow_number(id));
     if (at == flows_.end())
         return std::nullopt;
     return take(at, counts, ended, now_ms);
@@ -125,16 +130,17 @@ void ledger::forget_rows() {
 
 // The flow's place, a new one where there is room.
 ledger::flow_map::iterator ledger::enter(const flow_message &news, int64_t now_ms) {
-    auto at = flows_.find(news.id);
+    const uint64_t number = flow_number(news.id);
+    auto at = flows_.find(number);
     if (at != flows_.end())
         return at;
-    if (news.ended && ended_.has(news.id)) // told again
+    if (news.ended && ended_.has(number)) // told again
         return flows_.end();
-    if (flows_.size() >= MAX_FLOWS || news.id.size() > NAME_MAX_BYTES) {
+    if (flows_.size() >= MAX_FLOWS) {
         ++uncounted_;
         return flows_.end();
     }
-    at = flows_.emplace(news.id, open_flow()).first;
+    at = flows_.emplace(number, open_flow()).first;
     sum_key key;
     key.client = client_of(news);
     at->second.key = share(std::move(key));
@@ -159,6 +165,10 @@ bool ledger::rename(open_flow &flow, const flow_message &news) {
     if (next == *before)
         return false;
     flow.key = share(std::move(next));
+    if (flow.key == before) { // no room for another name
+        give_up(before);
+        return false;
+    }
     if (flow.key->verdict == DENY && before->verdict != DENY && !flow.held) {
         amounts denial = {};
         denial[DENIALS] = 1;
@@ -168,16 +178,35 @@ bool ledger::rename(open_flow &flow, const flow_message &news) {
     return true;
 }
 
+// Who makes names up pays with "other".
 const sum_key *ledger::share(sum_key key) {
-    const auto at = keys_.try_emplace(std::move(key)).first;
+    auto at = keys_.find(key);
+    if (at == keys_.end() && !has_room_for_name(key.client)) {
+        key.application = {OTHER, false};
+        at = keys_.find(key);
+    }
+    if (at == keys_.end()) {
+        ++client_keys_[key.client];
+        at = keys_.try_emplace(std::move(key)).first;
+    }
     ++at->second;
     return &at->first;
 }
 
+bool ledger::has_room_for_name(const std::string &client) const {
+    const auto found = client_keys_.find(client);
+    return keys_.size() < MAX_KEYS &&
+           (found == client_keys_.end() || found->second < MAX_CLIENT_KEYS);
+}
+
 void ledger::give_up(const sum_key *key) {
     const auto at = keys_.find(*key);
-    if (--at->second == 0)
-        keys_.erase(at);
+    if (--at->second != 0)
+        return;
+    const auto client = client_keys_.find(key->client);
+    if (--client->second == 0)
+        client_keys_.erase(client);
+    keys_.erase(at);
 }
 
 flow_counts ledger::update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,

@@ -11,8 +11,10 @@
 // HELD_MS is therefore counted once that is over, or it ends: under the name and the verdict that
 // it has then. Until then its counts stand with the open flows, so a crash doesn't lose them.
 //
-// Bounded: MAX_FLOWS open flows, the others go uncounted and are said to; MAX_PENDING sums; what
-// doesn't fit waits in its flow, and of flows that end adds to the sum of all others.
+// Bounded: MAX_FLOWS open flows, the others go uncounted and are said to; MAX_KEYS of them
+// all and MAX_CLIENT_KEYS of a client's, beyond which a flow is of the client's other applications;
+// MAX_PENDING sums; what doesn't fit waits in its flow, and of flows that end adds to the sum of
+// all others.
 #pragma once
 
 #include "avwatch/history/amounts.h"
@@ -69,23 +71,24 @@ struct flow_message {
     bool ended = false;
 };
 
-// So that an id is looked for without a copy of it.
-struct text_hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-};
+// In place of an id, which would take as much memory as all else that is known of a flow. An id has
+// the nanosecond in which the gate met the flow, so that no client chooses its number. Stored: it
+// is the same in each run.
+uint64_t flow_number(std::string_view id);
 
 class ledger {
 public:
     static constexpr int64_t HELD_MS = 10'000;
     static constexpr int64_t SILENT_MS = 600'000; // after five idle ones a flow has ended
     static constexpr size_t MAX_FLOWS = 69'632;   // the gate's, and some that end
+    static constexpr size_t MAX_KEYS = 16'384;
+    static constexpr size_t MAX_CLIENT_KEYS = 1'024; // of an hour the history keeps fewer
     static constexpr size_t MAX_PENDING = 8'192;
 
     explicit ledger(names_kept kept) : kept_(kept) {}
 
     // From the database, at the start.
-    void restore(std::string id, sum_key key, open_flow flow, int64_t now_ms);
+    void restore(uint64_t number, sum_key key, open_flow flow, int64_t now_ms);
     void restore(const ended_flows::entry &ended) { ended_.restore(ended); }
 
     // Both of the same boot and, where only frames are counted, of the same run: the flows go on.
@@ -107,10 +110,10 @@ public:
     void pass(int64_t now_ms);
 
     const std::map<sum_key, amounts> &pending() const { return pending_; }
-    using flow_map = std::unordered_map<std::string, open_flow, text_hash, std::equal_to<>>;
+    using flow_map = std::unordered_map<uint64_t, open_flow>; // by flow_number
     // Null for those that have ended since.
     const std::vector<flow_map::pointer> &changed() const { return changed_; }
-    const std::vector<std::string> &removed() const { return removed_; } // had a row
+    const std::vector<uint64_t> &removed() const { return removed_; } // had a row
     const ended_flows &ended() const { return ended_; }
     // When avcore was last heard, once it had listed its flows; CLOCK_MONOTONIC, of the epoch's
     // boot. -1: never.
@@ -130,8 +133,8 @@ public:
 private:
     struct key_hash {
         size_t operator()(const sum_key &key) const {
-            return (text_hash()(key.client) * 31 + text_hash()(key.application.text)) * 31 +
-                   key.verdict;
+            const std::hash<std::string> hash;
+            return (hash(key.client) * 31 + hash(key.application.text)) * 31 + key.verdict;
         }
     };
 
@@ -139,6 +142,7 @@ private:
     bool rename(open_flow &flow, const flow_message &news);
     flow_counts take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
     const sum_key *share(sum_key key);
+    bool has_room_for_name(const std::string &client) const;
     void give_up(const sum_key *key);
     flow_counts update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
                        bool is_last);
@@ -154,11 +158,12 @@ private:
     int64_t listed_ms_ = -1;
     int64_t heard_ms_ = -1;
     flow_map flows_;
-    std::unordered_map<sum_key, uint32_t, key_hash> keys_; // and how many flows have each
+    std::unordered_map<sum_key, uint32_t, key_hash> keys_;  // and how many flows have each
+    std::unordered_map<std::string, uint32_t> client_keys_; // how many each client has
     ended_flows ended_;
     std::map<sum_key, amounts> pending_;
     std::vector<flow_map::pointer> changed_;
-    std::vector<std::string> removed_;
+    std::vector<uint64_t> removed_;
     uint64_t uncounted_ = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "avwatch/history/schema.h"
 
 #include "avwatch/history/amounts.h"
+#include "avwatch/history/ledger.h"
 
 #include <iterator>
 
@@ -59,7 +60,27 @@ std::string export_tables() {
             failed INTEGER NOT NULL, other INTEGER NOT NULL) WITHOUT ROWID;)";
 }
 
-constexpr std::string (*STEPS[])() = {first_tables, export_tables};
+std::string numbered_flows() {
+    std::string columns = "client, has_mac, application, is_name, verdict, held";
+    for (size_t i = 0; i < FLOW_COUNTS; ++i)
+        columns += std::string(", ") + AMOUNT_COLUMNS[i];
+    return "ALTER TABLE open_flows RENAME TO flows_by_text;"
+           "CREATE TABLE open_flows (id INTEGER PRIMARY KEY, client TEXT NOT NULL, "
+           "has_mac INTEGER NOT NULL, application TEXT NOT NULL, is_name INTEGER NOT NULL, "
+           "verdict INTEGER NOT NULL, held INTEGER NOT NULL" +
+           amount_columns(FLOW_COUNTS) +
+           "); INSERT OR REPLACE INTO open_flows SELECT flow_number(id), " + columns +
+           " FROM flows_by_text; DROP TABLE flows_by_text;";
+}
+
+void define_flow_number(database &file) {
+    file.define("flow_number", 1, [](sqlite3_context *out, int, sqlite3_value **values) {
+        const auto *id = reinterpret_cast<const char *>(sqlite3_value_text(values[0]));
+        sqlite3_result_int64(out, static_cast<int64_t>(flow_number(id != nullptr ? id : "")));
+    });
+}
+
+constexpr std::string (*STEPS[])() = {first_tables, export_tables, numbered_flows};
 constexpr int64_t VERSION = std::size(STEPS);
 
 [[noreturn]] void refuse(database &file, const std::string &why) {
@@ -89,6 +110,7 @@ void prepare_history(database &file) {
              "PRAGMA journal_size_limit = 4194304; PRAGMA temp_store = FILE");
     if (version == VERSION)
         return;
+    define_flow_number(file);
     transaction all(file);
     for (int64_t i = version_of(file); i < VERSION; ++i)
         file.run(STEPS[i]());

@@ -108,7 +108,7 @@ void store::restore(ledger &flows, int64_t now_ms) {
         flow.held = row.number(6) != 0;
         for (size_t i = 0; i < FLOW_COUNTS; ++i)
             flow.told[i] = row.count(static_cast<int>(7 + i));
-        flows.restore(row.text(0), std::move(key), flow, now_ms);
+        flows.restore(static_cast<uint64_t>(row.number(0)), std::move(key), flow, now_ms);
     }
     statement state(file_, "SELECT value FROM state WHERE name = ?");
     if (state.bind(0, std::string_view(EPOCH)).step())
@@ -240,14 +240,14 @@ void store::move_future(int64_t minute_s) {
 }
 
 void store::write_flows(const ledger &flows) {
-    for (const std::string &id : flows.removed())
-        remove_flow_.bind(0, std::string_view(id)).run();
+    for (const uint64_t number : flows.removed())
+        remove_flow_.bind(0, number).run();
     for (const ledger::flow_map::pointer each : flows.changed()) {
         if (each == nullptr)
             continue;
-        const auto &[id, flow] = *each;
+        const auto &[number, flow] = *each;
         const sum_key &key = *flow.key;
-        write_flow_.bind(0, std::string_view(id)).bind(1, std::string_view(key.client));
+        write_flow_.bind(0, number).bind(1, std::string_view(key.client));
         write_flow_.bind(2, int64_t{flow.has_mac});
         write_flow_.bind(3, std::string_view(key.application.text));
         write_flow_.bind(4, int64_t{key.application.is_name}).bind(5, int64_t{key.verdict});

@@ -267,6 +267,52 @@ TEST_F(AvwatchHistory, ManyFlowsKeepTheirNames) {
     EXPECT_EQ(number("SELECT count(*) FROM hours WHERE client = 0"), 0);
 }
 
+TEST_F(AvwatchHistory, MadeUpNamesOfOpenFlowsTakeNoOtherClientsRoom) {
+    const auto tell = [&](const std::string &mac, const std::string &name) {
+        flow_message news;
+        news.id = news.application = name;
+        news.client_mac = mac;
+        news.counts[UP_BYTES] = 1;
+        flows->take(news, mono_ms);
+    };
+    for (unsigned i = 0; i < ledger::MAX_FLOWS - 1; ++i)
+        tell(MAC, std::to_string(i));
+    tell("02:00:00:00:00:02", "one.example");
+    flows->connected("the next boot");
+    write(NOW_S);
+    EXPECT_EQ(number("SELECT sum(up_bytes) FROM hours"), ledger::MAX_FLOWS);
+    EXPECT_LE(number("SELECT count(*) FROM applications"), store::APPLICATIONS_MAX + 3);
+    EXPECT_EQ(number("SELECT count(*) FROM hours JOIN applications a ON a.id = application "
+                     "WHERE a.name = 'one.example'"),
+              1);
+}
+
+TEST_F(AvwatchHistory, FlowsOfAnEarlierFileGoOn) {
+    flow_message news;
+    news.id = "0a020001-1bb-6-0";
+    news.client_mac = MAC;
+    news.counts[UP_BYTES] = 100;
+    flows->connected("boot");
+    flows->take(news, mono_ms);
+    write(NOW_S);
+    kept.reset();
+    database(settings.file, database::access::read_write)
+        .run("CREATE TABLE earlier AS SELECT * FROM open_flows; DROP TABLE open_flows;"
+             "CREATE TABLE open_flows (id TEXT PRIMARY KEY, client, has_mac, application, is_name, "
+             "verdict, held, up_packets, up_bytes, down_packets, down_bytes, denied_packets, "
+             "limited_packets) WITHOUT ROWID;"
+             "UPDATE earlier SET id = '0a020001-1bb-6-0'; INSERT INTO open_flows SELECT * FROM "
+             "earlier; DROP TABLE earlier; PRAGMA user_version = 2");
+    open();
+    flows->connected("boot");
+    news.counts[UP_BYTES] = 130;
+    news.ended = true;
+    flows->take(news, mono_ms);
+    write(NOW_S);
+    EXPECT_EQ(number("SELECT sum(up_bytes) FROM hours"), 130);
+    EXPECT_EQ(number("SELECT count(*) FROM open_flows"), 0);
+}
+
 // What avcore doesn't know any more after a restart stays, and an address is the latest one's.
 TEST_F(AvwatchHistory, ClientsKeepWhatTheySaid) {
     const std::string other = "02:00:00:00:00:02";
