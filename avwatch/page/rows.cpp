@@ -276,13 +276,13 @@ public:
     }
 
     bool fits(const watched_flow &flow) const {
-        if (!query_.verdict.empty() && flow.verdict.text() != query_.verdict)
+        if (!query_.verdict.empty() && flow.verdict().text() != query_.verdict)
             return false;
         return query_.part.empty() || clients_.contains(flow.client_key.text()) ||
-               std::ranges::any_of(
-                   std::initializer_list<const shared_text *>{&flow.application, &flow.host,
-                                                              &flow.server, &flow.client},
-                   [&](const shared_text *each) { return contains(each->text(), query_.part); });
+               contains(flow.application.text(), query_.part) ||
+               contains(flow.host.text(), query_.part) ||
+               contains(flow.client.text(), query_.part) ||
+               contains(flow.server.text(), query_.part);
     }
 
 private:

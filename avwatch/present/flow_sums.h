@@ -46,7 +46,7 @@ struct flow_counts_growth {
 
 class flow_sums {
 public:
-    static constexpr size_t SUMS_MAX = 32'768;
+    static constexpr size_t SUMS_MAX = 20'480;
     static constexpr size_t COURSES_MAX = 256;
 
     // Whose flows, and of which application.

@@ -41,11 +41,11 @@ uint32_t small(uint64_t number) {
 }
 
 uint32_t small(const std::optional<uint64_t> &number) {
-    return number ? small(*number) : watched_flow::NONE;
+    return number ? small(*number) : flow_manner::NONE;
 }
 
 std::optional<uint64_t> said(uint32_t number) {
-    return number != watched_flow::NONE ? std::optional<uint64_t>(number) : std::nullopt;
+    return number != flow_manner::NONE ? std::optional<uint64_t>(number) : std::nullopt;
 }
 
 uint64_t number_of(const std::string &id) {
@@ -59,31 +59,25 @@ void put_counts(watched_flow &flow, const count_record &counts) {
     flow.dropped = counts.dropped;
 }
 
-// Each text of a record with its place in a watched flow.
+// Each text of a record with its place in what flows have alike.
 constexpr struct {
-    shared_text watched_flow::*kept;
+    shared_text flow_manner::*kept;
     std::string flow_record::*said;
 } TEXTS[] = {
-    {&watched_flow::client, &flow_record::client},
-    {&watched_flow::server, &flow_record::server},
-    {&watched_flow::protocol, &flow_record::protocol},
-    {&watched_flow::interface, &flow_record::interface},
-    {&watched_flow::application, &flow_record::application},
-    {&watched_flow::host, &flow_record::host},
-    {&watched_flow::verdict, &flow_record::verdict},
-    {&watched_flow::gate, &flow_record::gate},
-    {&watched_flow::ended, &flow_record::ended},
+    {&flow_manner::protocol, &flow_record::protocol},
+    {&flow_manner::interface, &flow_record::interface},
+    {&flow_manner::verdict, &flow_record::verdict},
+    {&flow_manner::gate, &flow_record::gate},
+    {&flow_manner::ended, &flow_record::ended},
 };
 constexpr struct {
-    shared_text watched_flow::*kept;
+    shared_text flow_manner::*kept;
     std::string why_record::*said;
 } WHY_TEXTS[] = {
-    {&watched_flow::named_by, &why_record::named_by},
-    {&watched_flow::name, &why_record::name},
-    {&watched_flow::by, &why_record::by},
-    {&watched_flow::side, &why_record::side},
-    {&watched_flow::reason, &why_record::reason},
-    {&watched_flow::text, &why_record::text},
+    {&flow_manner::named_by, &why_record::named_by},
+    {&flow_manner::by, &why_record::by},
+    {&flow_manner::side, &why_record::side},
+    {&flow_manner::reason, &why_record::reason},
 };
 
 } // namespace
@@ -98,35 +92,70 @@ std::string watched_flow::id() const {
     return id_of(number);
 }
 
+size_t flow_manner_hash::operator()(const flow_manner &manner) const {
+    size_t hash = 0;
+    for (const auto &each : TEXTS)
+        hash = hash * 31 + (manner.*each.kept).hash();
+    for (const auto &each : WHY_TEXTS)
+        hash = hash * 31 + (manner.*each.kept).hash();
+    for (const uint32_t number : {manner.utp, manner.app_id, manner.cat_id, manner.rule,
+                                  manner.profile, manner.wificalling})
+        hash = hash * 31 + number;
+    return hash;
+}
+
 flow_record watched_flow::record() const {
+    const flow_manner &alike = manner.value();
     flow_record whole;
     whole.id = id();
     if (has_mac)
         whole.client_mac = client_key.text();
     for (const auto &each : TEXTS)
-        whole.*each.said = (this->*each.kept).text();
+        whole.*each.said = (alike.*each.kept).text();
     for (const auto &each : WHY_TEXTS)
-        whole.why.*each.said = (this->*each.kept).text();
+        whole.why.*each.said = (alike.*each.kept).text();
+    whole.client = client.text();
     whole.client_port = client_port;
+    whole.server = server.text();
     whole.server_port = server_port;
-    whole.outdated = outdated;
-    whole.utp = utp;
-    whole.wificalling = said(wificalling);
+    whole.application = application.text();
+    whole.host = host.text();
+    whole.outdated = alike.outdated;
+    whole.utp = alike.utp;
+    whole.wificalling = said(alike.wificalling);
     whole.begun_us = begun_us;
     whole.last_us = last_us;
     whole.up = up;
     whole.down = down;
     whole.dropped = dropped;
-    whole.why.app_id = app_id;
-    whole.why.cat_id = cat_id;
+    whole.why.app_id = alike.app_id;
+    whole.why.cat_id = alike.cat_id;
+    whole.why.name = name.text();
     whole.why.name_us = name_us;
-    whole.why.rule = said(rule);
-    whole.why.profile = said(profile);
+    whole.why.rule = said(alike.rule);
+    whole.why.profile = said(alike.profile);
+    whole.why.text = text.text();
     return whole;
 }
 
 present::present(client_aliases aliases, names_kept names, uint32_t every_ms)
     : aliases_(std::move(aliases)), names_(names), every_ms_(every_ms), clients_(aliases_, {}) {}
+
+flow_manner present::manner_of(const flow_record &shown) {
+    flow_manner manner;
+    for (const auto &each : TEXTS)
+        manner.*each.kept = texts_.share(shown.*each.said);
+    for (const auto &each : WHY_TEXTS)
+        manner.*each.kept = texts_.share(shown.why.*each.said);
+    manner.outdated = shown.outdated;
+    manner.utp = small(shown.utp);
+    manner.wificalling = small(shown.wificalling);
+    manner.app_id = small(shown.why.app_id);
+    manner.cat_id = small(shown.why.cat_id);
+    manner.rule = small(shown.why.rule);
+    manner.profile = small(shown.why.profile);
+    return manner;
+}
 
 // But for its counts.
 watched_flow present::watched(const flow_record &shown) {
@@ -134,21 +163,17 @@ watched_flow present::watched(const flow_record &shown) {
     flow.number = number_of(shown.id);
     flow.has_mac = !shown.client_mac.empty();
     flow.client_key = texts_.share(clients_.key_of(shown.client_mac, shown.client));
-    for (const auto &each : TEXTS)
-        flow.*each.kept = texts_.share(shown.*each.said);
-    for (const auto &each : WHY_TEXTS)
-        flow.*each.kept = texts_.share(shown.why.*each.said);
+    flow.client = texts_.share(shown.client);
+    flow.application = given_names_.share(shown.application);
+    flow.host = given_names_.share(shown.host);
+    flow.name = given_names_.share(shown.why.name);
+    flow.text = given_names_.share(shown.why.text);
+    flow.manner = manners_.share(manner_of(shown));
+    flow.server = server_address(shown.server);
     flow.client_port = static_cast<uint16_t>(std::min(shown.client_port, PORT_MAX));
     flow.server_port = static_cast<uint16_t>(std::min(shown.server_port, PORT_MAX));
-    flow.outdated = shown.outdated;
-    flow.utp = small(shown.utp);
-    flow.wificalling = small(shown.wificalling);
     flow.begun_us = shown.begun_us;
-    flow.app_id = small(shown.why.app_id);
-    flow.cat_id = small(shown.why.cat_id);
     flow.name_us = shown.why.name_us;
-    flow.rule = small(shown.why.rule);
-    flow.profile = small(shown.why.profile);
     return flow;
 }
 
@@ -179,10 +204,10 @@ void present::take(const flow_record &told, int64_t now_ms) {
         return;
     }
     watched_flow &flow = is_new ? flows_[number] : found->second;
-    const bool was_open = !is_new && flow.ended.empty();
+    const bool was_open = !is_new && !flow.has_ended();
     put(flow, watched(with_names(told, names_)), was_open);
     count(flow, told, now_ms);
-    if (!flow.ended.empty() && (is_new || was_open))
+    if (flow.has_ended() && (is_new || was_open))
         will_forget(number, now_ms);
 }
 
@@ -193,7 +218,7 @@ void present::will_forget(uint64_t number, int64_t now_ms) {
 }
 
 void present::put(watched_flow &flow, watched_flow next, bool was_open) {
-    const bool is_open = next.ended.empty();
+    const bool is_open = !next.has_ended();
     if (was_open && flow.owner() != next.owner())
         sums_.move_flow(flow.owner(), next.owner(), {flow.up, flow.down, flow.dropped},
                         flow.last_us);
@@ -216,10 +241,12 @@ void present::take(const count_record &told, int64_t now_ms) {
         return;
     }
     watched_flow &flow = found->second;
-    const bool ends = flow.ended.empty() && !told.ended.empty();
+    const bool ends = !flow.has_ended() && !told.ended.empty();
     if (ends) {
         watched_flow next = flow;
-        next.ended = texts_.share(told.ended);
+        flow_manner manner = flow.manner.value();
+        manner.ended = texts_.share(told.ended);
+        next.manner = manners_.share(manner);
         put(flow, std::move(next), true);
     }
     count(flow, told, now_ms);
@@ -249,7 +276,7 @@ void present::count(watched_flow &flow, const count_record &told, int64_t now_ms
 void present::take(const sum_record &told) {
     const flow_sums::owner owner = {
         texts_.share(clients_.key_of(told.client_mac, told.client)),
-        texts_.share(reduced(classify(told.application, ""), names_).text)};
+        given_names_.share(reduced(classify(told.application, ""), names_).text)};
     sums_.grow(owner, {told.up, told.down, told.dropped}, 0, is_listed_);
 }
 
@@ -312,7 +339,7 @@ void present::add_standing_denials() {
         known.insert(each.flow.number);
     std::vector<const watched_flow *> standing;
     for (const auto &[number, flow] : flows_) {
-        if (flow.verdict.text() == DENIED && flow.ended.empty() && !known.contains(number))
+        if (flow.verdict().text() == DENIED && !flow.has_ended() && !known.contains(number))
             standing.push_back(&flow);
     }
     std::ranges::sort(standing, {}, &watched_flow::last_us);
@@ -325,7 +352,7 @@ void present::take_clients(std::vector<client_record> said) {
     clients_ = known_clients(aliases_, std::move(said));
     // Who a flow without a MAC address belongs to may be known now.
     for (auto &[number, flow] : flows_) {
-        if (flow.has_mac || !flow.ended.empty())
+        if (flow.has_mac || flow.has_ended())
             continue;
         watched_flow next = flow;
         next.client_key = texts_.share(clients_.key_of("", flow.client.text()));
@@ -341,7 +368,9 @@ void present::tick(int64_t now_ms) {
         return;
     if (is_listed_)
         forget_untold_since(now_ms - UNHEARD_MAX_MS);
+    manners_.sweep(); // which hold texts
     texts_.sweep();
+    given_names_.sweep();
 }
 
 bool present::make_room() {
@@ -354,7 +383,7 @@ bool present::make_room() {
 void present::forget_ended(int64_t now_ms) {
     for (; !ended_.empty() && ended_.front().first <= now_ms; ended_.pop_front()) {
         const auto found = flows_.find(ended_.front().second);
-        if (found != flows_.end() && !found->second.ended.empty())
+        if (found != flows_.end() && found->second.has_ended())
             flows_.erase(found);
     }
 }
@@ -362,7 +391,7 @@ void present::forget_ended(int64_t now_ms) {
 void present::forget_untold_since(int64_t since_ms) {
     std::erase_if(flows_, [&](const auto &each) {
         const watched_flow &flow = each.second;
-        const bool is_gone = flow.ended.empty() && flow.told_ms < since_ms;
+        const bool is_gone = !flow.has_ended() && flow.told_ms < since_ms;
         if (is_gone)
             sums_.close_flow(flow.owner());
         return is_gone;
@@ -386,14 +415,14 @@ const watched_flow *present::flow(uint64_t number) const {
 }
 
 traffic_rates present::rates_of(const watched_flow &flow, int64_t now_ms) const {
-    const bool is_now = is_listed_ && flow.ended.empty() && flow.counted_ms >= 0 &&
+    const bool is_now = is_listed_ && !flow.has_ended() && flow.counted_ms >= 0 &&
                         now_ms - flow.counted_ms < int64_t{2} * every_ms_ + every_ms_ / 2;
     return is_now ? flow.counted : traffic_rates();
 }
 
 std::optional<flow_sums::owner> present::owner_of(const flow_choice &chosen) const {
     const auto client = texts_.find(chosen.client.value_or(""));
-    const auto application = texts_.find(chosen.application.value_or(""));
+    const auto application = given_names_.find(chosen.application.value_or(""));
     if (!client || !application)
         return std::nullopt;
     return flow_sums::owner{*client, *application};
@@ -426,7 +455,7 @@ std::vector<const flow_sum *> present::applications_of(const std::string &client
 }
 
 std::vector<const flow_sum *> present::clients_of(const std::string &application) const {
-    const auto name = texts_.find(application);
+    const auto name = given_names_.find(application);
     return name ? sums_.of(sum_kind::client_application, nullptr, &*name)
                 : std::vector<const flow_sum *>();
 }

@@ -17,6 +17,7 @@
 #include "avwatch/client/messages.h"
 #include "avwatch/history/application_names.h"
 #include "avwatch/present/flow_sums.h"
+#include "avwatch/present/server_address.h"
 #include "avwatch/present/shared_text.h"
 
 #include <cstddef>
@@ -30,22 +31,34 @@
 
 namespace avwatch {
 
+// What many flows have alike: how they go and what is decided of them, and by whom.
+struct flow_manner {
+    static constexpr uint32_t NONE = UINT32_MAX;
+
+    shared_text protocol, interface, verdict, gate, named_by, by, side, reason;
+    shared_text ended; // such a flow stays for some seconds
+    uint32_t utp = 0, app_id = 0, cat_id = 0;
+    uint32_t rule = NONE, profile = NONE, wificalling = NONE;
+    bool outdated = false;
+
+    bool operator==(const flow_manner &) const = default;
+};
+struct flow_manner_hash {
+    size_t operator()(const flow_manner &manner) const;
+};
+
 // Of a FLOW what is shown, in a fraction of a flow_record's memory: there may be as many as a gate
 // has, and an access point has little.
 struct watched_flow {
-    static constexpr uint32_t NONE = UINT32_MAX;
-
     // A digest of avcore's id, which would take as much as half of all else.
     uint64_t number = 0;
     shared_text client_key; // as known_clients has it; the MAC address where there is one
-    shared_text client, server, protocol, interface, application, host, verdict, gate;
-    shared_text ended; // such a flow stays for some seconds
-    shared_text named_by, name, by, side, reason, text;
-    uint16_t client_port = 0, server_port = 0;
+    shared_text client, application, host;
+    shared_text name, text; // of the reason
+    shared<flow_manner> manner;
+    server_address server;
     bool has_mac = false;
-    bool outdated = false;
-    uint32_t utp = 0, app_id = 0, cat_id = 0;
-    uint32_t rule = NONE, profile = NONE, wificalling = NONE;
+    uint16_t client_port = 0, server_port = 0;
     uint64_t begun_us = 0, last_us = 0, name_us = 0;
     traffic up, down;
     dropped_packets dropped;
@@ -55,6 +68,9 @@ struct watched_flow {
     int64_t told_ms = -1;
 
     static std::string id_of(uint64_t number);
+    const shared_text &verdict() const { return manner.value().verdict; }
+    const shared_text &ended() const { return manner.value().ended; }
+    bool has_ended() const { return !ended().empty(); }
     std::string id() const;     // by which `present` finds it
     flow_record record() const; // for what is shown of it in full; with that id
     flow_sums::owner owner() const { return {client_key, application}; }
@@ -89,8 +105,9 @@ struct flow_choice {
 
 class present {
 public:
-    static constexpr size_t FLOWS_MAX = 65'536 + 4'096; // the gate's, and some that have ended
-    static constexpr size_t TEXTS_MAX_BYTES = 16'000'000;
+    static constexpr size_t FLOWS_MAX = 65'536 + 4'096;  // the gate's, and some that have ended
+    static constexpr size_t TEXTS_MAX_BYTES = 4'000'000; // of clients, and of avcore's own
+    static constexpr size_t NAMES_MAX_BYTES = 6'000'000; // which anybody makes up
     static constexpr size_t DENIALS_MAX = 1'000;
     static constexpr size_t NOTICES_MAX = 200;
 
@@ -141,6 +158,7 @@ public:
 
 private:
     watched_flow watched(const flow_record &shown);
+    flow_manner manner_of(const flow_record &shown);
     bool make_room();
     void will_forget(uint64_t number, int64_t now_ms);
     void count(watched_flow &flow, const count_record &told, int64_t now_ms);
@@ -155,7 +173,10 @@ private:
     const client_aliases aliases_;
     const names_kept names_;
     const uint32_t every_ms_;
-    text_pool texts_{TEXTS_MAX_BYTES}; // stands before all that has texts of it
+    // These stand before all that has texts of them.
+    text_pool texts_{TEXTS_MAX_BYTES};
+    text_pool given_names_{NAMES_MAX_BYTES};
+    value_pool<flow_manner, flow_manner_hash> manners_;
     known_clients clients_;
     std::unordered_map<uint64_t, watched_flow> flows_; // by their numbers
     std::deque<std::pair<int64_t, uint64_t>> ended_;   // flows by when they go

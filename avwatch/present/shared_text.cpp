@@ -27,30 +27,25 @@ uint64_t hash_of(std::string_view text) {
     return keyed_hash(secret.words, reinterpret_cast<const uint8_t *>(text.data()), text.size());
 }
 
-const std::string &shared_text::text() const {
-    static const std::string nothing;
-    return entry_ != nullptr ? entry_->first : nothing;
-}
-
 shared_text text_pool::share(std::string_view text) {
     if (text.empty())
         return {};
     const auto found = entries_.find(text);
     if (found != entries_.end())
-        return shared_text(&*found);
+        return shared_text(*found);
     if (bytes_ + text.size() + ENTRY_BYTES > bytes_max_)
         text = TOO_MANY;
     const auto [entry, is_new] = entries_.try_emplace(std::string(text));
     if (is_new)
         bytes_ += text.size() + ENTRY_BYTES;
-    return shared_text(&*entry);
+    return shared_text(*entry);
 }
 
 std::optional<shared_text> text_pool::find(std::string_view text) const {
     if (text.empty())
         return shared_text();
     const auto found = entries_.find(text);
-    return found != entries_.end() ? std::optional(shared_text(&*found)) : std::nullopt;
+    return found != entries_.end() ? std::optional(shared_text(*found)) : std::nullopt;
 }
 
 void text_pool::sweep() {

@@ -1,4 +1,4 @@
-// Texts of which many are the same, each kept once: flows share clients, applications, reasons.
+// Values of which many are the same, each kept once: flows share clients, applications, reasons.
 #pragma once
 
 #include <cstddef>
@@ -12,38 +12,47 @@
 
 namespace avwatch {
 
-// A text of a pool's, which outlives it. Two of one pool are the same text where they are equal.
-class shared_text {
+// A value of a pool's, which outlives it. Two of one pool are the same value where they are equal.
+template <typename Value>
+class shared {
 public:
-    shared_text() = default; // an empty text, of any pool
-    shared_text(const shared_text &other) : shared_text(other.entry_) {}
-    shared_text(shared_text &&other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
-    shared_text &operator=(shared_text other) noexcept {
+    struct uses {
+        mutable uint32_t count = 0;
+    };
+    using entry = std::pair<const Value, uses>; // of a pool's table
+
+    shared() = default; // an empty value, of any pool
+    explicit shared(const entry &held) : entry_(&held) { ++held.second.count; }
+    shared(const shared &other) : entry_(other.entry_) {
+        if (entry_ != nullptr)
+            ++entry_->second.count;
+    }
+    shared(shared &&other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
+    shared &operator=(shared other) noexcept {
         std::swap(entry_, other.entry_);
         return *this;
     }
-    ~shared_text() {
+    ~shared() {
         if (entry_ != nullptr)
             --entry_->second.count;
     }
 
-    const std::string &text() const;
+    const Value &value() const {
+        static const Value nothing;
+        return entry_ != nullptr ? entry_->first : nothing;
+    }
     bool empty() const { return entry_ == nullptr; }
-    bool operator==(const shared_text &other) const { return entry_ == other.entry_; }
+    bool operator==(const shared &other) const { return entry_ == other.entry_; }
     size_t hash() const { return std::hash<const void *>()(entry_); }
 
 private:
-    friend class text_pool;
-    struct uses {
-        mutable uint32_t count = 0;
-    };
-    using entry = std::pair<const std::string, uses>;
-    explicit shared_text(const entry *held) : entry_(held) {
-        if (entry_ != nullptr)
-            ++entry_->second.count;
-    }
-
     const entry *entry_ = nullptr;
+};
+
+class shared_text : public shared<std::string> {
+public:
+    using shared::shared;
+    const std::string &text() const { return value(); }
 };
 
 // With this run's secret: texts are strangers'.
@@ -74,6 +83,21 @@ private:
     const size_t bytes_max_;
     size_t bytes_ = 0;
     std::unordered_map<std::string, shared_text::uses, hash, std::equal_to<>> entries_;
+};
+
+// Without a bound: for what configurations make, not strangers.
+template <typename Value, typename Hash>
+class value_pool {
+public:
+    shared<Value> share(const Value &value) {
+        return shared<Value>(*entries_.try_emplace(value).first);
+    }
+    void sweep() {
+        std::erase_if(entries_, [](const auto &entry) { return entry.second.count == 0; });
+    }
+
+private:
+    std::unordered_map<Value, typename shared<Value>::uses, Hash> entries_;
 };
 
 } // namespace avwatch

@@ -180,7 +180,7 @@ bool listing::fits_filter(const listed &tried) const {
     if (tried.flow != nullptr)
         return has({tried.flow->application.text(), tried.flow->host.text(),
                     tried.flow->server.text(), tried.flow->client.text(),
-                    tried.flow->verdict.text(),
+                    tried.flow->verdict().text(),
                     client_text(shown_, tried.flow->client_key.text())});
     if (wanted_.kind == list_kind::applications)
         return has({tried.sum->application.text()});
@@ -264,7 +264,7 @@ std::vector<std::string> listing::flow_cells(const watched_flow &flow, int64_t n
             size_text(flow.up.bytes),
             size_text(flow.down.bytes),
             std::to_string(flow.dropped.denied + flow.dropped.limited),
-            flow.ended.empty() ? flow.gate.text() : flow.ended.text()};
+            flow.has_ended() ? flow.ended().text() : flow.manner.value().gate.text()};
 }
 
 line_style listing::style(size_t row) const {
@@ -273,9 +273,9 @@ line_style listing::style(size_t row) const {
         return sum == nullptr || sum->flows == 0 ? line_style::faded : line_style::plain;
     }
     const watched_flow *flow = shown_.flow(numbers_[row]);
-    if (flow == nullptr || !flow->ended.empty())
+    if (flow == nullptr || flow->has_ended())
         return line_style::faded;
-    return flow->verdict.text() == DENIED ? line_style::denied : line_style::plain;
+    return flow->verdict().text() == DENIED ? line_style::denied : line_style::plain;
 }
 
 } // namespace avwatch
