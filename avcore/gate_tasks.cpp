@@ -8,7 +8,7 @@
 namespace avcore {
 
 int set_up_gate(const options &options, const config &settings) {
-    gate attached(options.pins, options.gate_interfaces, options.attach);
+    gate attached(options.pins, options.gate_interfaces, options.attach, settings.enforce.rules);
     if (!options.config.empty()) // or a closed gate would open
         attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)
@@ -17,7 +17,7 @@ int set_up_gate(const options &options, const config &settings) {
     for (const auto *lines : {&news.changes, &news.failures})
         for (const std::string &line : *lines)
             std::cout << line << '\n';
-    for (const std::string &way : ways_past_gate(attached.interfaces()))
+    for (const std::string &way : ways_past_gate(options.pins, attached.interfaces()))
         std::cout << "past the gate: " << way << '\n';
     return std::cout.flush() ? 0 : 1;
 }

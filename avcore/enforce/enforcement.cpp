@@ -25,7 +25,7 @@ enforcement::enforcement(const std::string &pins, const std::vector<std::string>
     : pins_(pins),
       settings_(settings),
       say_(std::move(say)),
-      gate_(pins, interfaces, way),
+      gate_(pins, interfaces, way, settings.rules),
       holding_(gate_, settings_),
       enforcer_(gate_, holding_, settings_, say_) {}
 
@@ -41,7 +41,7 @@ void enforcement::begin(const channel_server &channel, feeder &feeder) {
     policies_changed(); // as far as anyone knows, since the last run
     watch_.emplace(gate_, settings_, channel, feeder, say_, monotonic_ms());
     urgency_.emplace(say_);
-    for (const std::string &way : ways_past_gate(gate_.interfaces()))
+    for (const std::string &way : ways_past_gate(pins_, gate_.interfaces()))
         say_("past the gate: " + way);
     follow_interfaces();
 }

@@ -42,13 +42,19 @@ bpf_tc_opts own_place() {
 }
 
 // What stands in the gate's place, whose it may be.
-std::optional<tc_program> program_in_place(unsigned if_index, tc_side side) {
+std::optional<tc_program> program_in_place(const std::string &pins, unsigned if_index,
+                                           tc_side side) {
     const bpf_tc_hook hook = hook_at(if_index, point_of(side));
     bpf_tc_opts options = own_place();
     if (bpf_tc_query(&hook, &options) != 0)
         return std::nullopt;
-    const unique_fd fd = open_program(options.prog_id, if_index);
-    return fd.valid() ? std::optional(program_of(fd.get())) : std::nullopt;
+    const unique_fd fd = open_program(pins, options.prog_id, if_index);
+    if (fd.valid())
+        return program_of(fd.get());
+    for (const tc_filter &filter : filters_at(if_index, side)) // which say what they are called
+        if (filter.priority == GATE_PRIORITY)
+            return tc_program{options.prog_id, filter.name, {}, {}};
+    return std::nullopt;
 }
 
 // An action stands in the options with the name of its kind.
@@ -94,8 +100,8 @@ bool has_clsact(unsigned if_index) {
 
 } // namespace
 
-std::optional<tc_program> clsact_gate(unsigned if_index, tc_side side) {
-    std::optional<tc_program> program = program_in_place(if_index, side);
+std::optional<tc_program> clsact_gate(const std::string &pins, unsigned if_index, tc_side side) {
+    std::optional<tc_program> program = program_in_place(pins, if_index, side);
     return program && program->is_gate() ? program : std::nullopt;
 }
 
@@ -125,8 +131,8 @@ void remove_hooks(unsigned if_index) {
         fail_at(if_index, "clsact can't be removed from", error);
 }
 
-void attach_to_clsact(unsigned if_index, tc_side side, int program_fd) {
-    const std::optional<tc_program> there = program_in_place(if_index, side);
+void attach_to_clsact(const std::string &pins, unsigned if_index, tc_side side, int program_fd) {
+    const std::optional<tc_program> there = program_in_place(pins, if_index, side);
     if (there && !there->is_gate())
         throw std::runtime_error("another program, " + there->name + ", has the gate's place at " +
                                  interface_name(if_index));

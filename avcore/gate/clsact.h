@@ -21,13 +21,13 @@ struct tc_filter {
     bool redirects = false; // one of its actions does; of a BPF program nobody knows
 };
 
-std::optional<tc_program> clsact_gate(unsigned if_index, tc_side side);
+std::optional<tc_program> clsact_gate(const std::string &pins, unsigned if_index, tc_side side);
 // True when the interface had no clsact and got one.
 bool make_hooks(unsigned if_index);
 // Only where nothing is attached to them any more.
 void remove_hooks(unsigned if_index);
 // In the place of an older one, but not of a program that is somebody else's.
-void attach_to_clsact(unsigned if_index, tc_side side, int program_fd);
+void attach_to_clsact(const std::string &pins, unsigned if_index, tc_side side, int program_fd);
 void detach_from_clsact(unsigned if_index, tc_side side);
 
 std::vector<tc_filter> filters_at(unsigned if_index, tc_side side);

@@ -30,14 +30,14 @@
 namespace avcore {
 namespace {
 
-void list_attached(uint32_t settings_id, gate_status &status) {
+void list_attached(const std::string &pins, uint32_t settings_id, gate_status &status) {
     std::map<unsigned, std::string> attached;
     for (const auto &[index, name] : all_interfaces()) {
-        const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
+        const std::optional<tc_program> there = gate_at(pins, index, tc_side::ingress);
         if (!there || !uses(*there, settings_id))
             continue;
         attached[index] = name;
-        status.ways[name] = ways_of_gate(index, tc_side::ingress);
+        status.ways[name] = ways_of_gate(pins, index, tc_side::ingress);
     }
     const wireless_list all = wireless_interfaces().value_or(wireless_list());
     for (const auto &[index, name] : attached) {
@@ -105,14 +105,12 @@ struct gate::parts {
 };
 
 gate::gate(const std::string &pins, const std::vector<std::string> &interfaces,
-           std::optional<attach_way> wanted) {
+           std::optional<attach_way> wanted, const gate_rules &first) {
     libbpf_set_print(nullptr); // it would talk to standard error
-    unique_fd back_program = set_up_gate(pins, interfaces, wanted);
+    unique_fd back_program = set_up_gate(pins, interfaces, wanted, first);
     parts_ = std::make_unique<parts>(pins, interfaces, wanted, std::move(back_program));
-    if (generation() == 0) { // a new one
-        set_rules({});
+    if (generation() == 0) // a new one
         next_generation();
-    }
 }
 
 gate::~gate() = default;
@@ -143,16 +141,7 @@ const std::string &gate::interface_of(uint32_t if_index) {
 }
 
 void gate::set_rules(const gate_rules &rules) {
-    gate_settings &settings = *parts_->settings.get();
-    write_word(settings.fail_closed, uint32_t{rules.fail_closed});
-    write_word(settings.copies_per_second, rules.copies_per_second);
-    uint32_t bits = 0;
-    bits |= rules.pass_tags ? uint32_t{GATE_PASS_TAGS} : 0;
-    bits |= rules.drop_fragments ? uint32_t{GATE_DROP_FRAGMENTS} : 0;
-    bits |= rules.drop_excess ? uint32_t{GATE_DROP_EXCESS} : 0;
-    bits |= rules.hold_undecided ? uint32_t{GATE_HOLD} : 0;
-    write_word(settings.holds_per_second, rules.holds_per_second);
-    write_word(settings.rules, bits);
+    write_rules(*parts_->settings.get(), rules);
 }
 
 int gate::fd() const {
@@ -181,7 +170,7 @@ std::optional<gate_copy> gate::next_head() const {
 void gate::open_way_back() {
     if (parts_->back)
         return;
-    parts_->back.emplace(parts_->back_program.get(), parts_->way);
+    parts_->back.emplace(parts_->pins, parts_->back_program.get(), parts_->way);
     uint32_t mark = 0;
     while (mark == 0)
         mark = std::random_device()();
@@ -307,7 +296,7 @@ std::vector<std::string> tear_down_gate(const std::string &pins) {
     const unique_fd lock = lock_beside(pins);
     const unique_fd settings(bpf_obj_get(pin_of(pins, "settings").c_str()));
     for (const auto &[index, name] : all_interfaces()) {
-        if (take_gate_from(index))
+        if (take_gate_from(pins, index))
             names.push_back(name);
     }
     leave_open(settings.get());
@@ -327,7 +316,7 @@ gate_status look_at_gate(const std::string &pins, const gate_census *census) {
         throw std::runtime_error("the gate's settings can't be read: " +
                                  std::generic_category().message(errno));
     status.there = true;
-    list_attached(id_of_map(settings_map.get()), status);
+    list_attached(pins, id_of_map(settings_map.get()), status);
     status.rules = {settings.fail_closed != 0,
                     settings.copies_per_second,
                     (settings.rules & GATE_PASS_TAGS) != 0,

@@ -24,7 +24,7 @@
 
 namespace avcore {
 
-inline constexpr char GATE_PINS[] = "/run/jorn/gate";
+inline constexpr char GATE_PINS[] = JORN_GATE_PINS;
 
 struct gate_copy_seen {
     gate_copy head;
@@ -36,10 +36,11 @@ public:
     // Loads the gate where it isn't, keeps what is pinned there, and attaches it to the interfaces
     // that it isn't attached to. What others attached stays. Mounts a bpffs at `pins` where there
     // is none. `wanted`: by which way; otherwise by the better one that the kernel has. Where it
-    // stands by the other one it is moved. Throws std::runtime_error with a reason for the user;
-    // nothing that it began is left behind then.
+    // stands by the other one it is moved. `first`: what a new gate goes by from its first packet
+    // on, also one that takes the place of an older build's; but nothing is held yet. Throws
+    // std::runtime_error with a reason for the user; nothing that it began is left behind then.
     gate(const std::string &pins, const std::vector<std::string> &interfaces,
-         std::optional<attach_way> wanted = std::nullopt);
+         std::optional<attach_way> wanted = std::nullopt, const gate_rules &first = {});
     ~gate(); // the gate itself stays where it is
     gate(gate &&) noexcept;
 
@@ -140,6 +141,7 @@ gate_status look_at_gate(const std::string &pins, const gate_census *census = nu
 // What carries packets past the gate at these interfaces, a line each: hardware offload of
 // switching, flow tables of nftables, programs and actions of others at the ingress that redirect
 // before it, XDP programs.
-std::vector<std::string> ways_past_gate(const std::vector<std::string> &interfaces);
+std::vector<std::string> ways_past_gate(const std::string &pins,
+                                        const std::vector<std::string> &interfaces);
 
 } // namespace avcore

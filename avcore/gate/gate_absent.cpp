@@ -15,7 +15,8 @@ namespace {
 
 } // namespace
 
-gate::gate(const std::string &, const std::vector<std::string> &, std::optional<attach_way>) {
+gate::gate(const std::string &, const std::vector<std::string> &, std::optional<attach_way>,
+           const gate_rules &) {
     refuse();
 }
 gate::~gate() = default;
@@ -111,7 +112,7 @@ std::vector<std::string> tear_down_gate(const std::string &) {
 gate_status look_at_gate(const std::string &, const gate_census *) {
     refuse();
 }
-std::vector<std::string> ways_past_gate(const std::vector<std::string> &) {
+std::vector<std::string> ways_past_gate(const std::string &, const std::vector<std::string> &) {
     return {};
 }
 

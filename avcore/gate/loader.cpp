@@ -1,6 +1,7 @@
 #include "avcore/gate/loader.h"
 
 #include "avcore/gate/clsact.h"
+#include "avcore/gate/mapping.h"
 #include "avcore/gate/maps.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/traffic_control.h"
@@ -17,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -50,6 +52,33 @@ std::string last_lines(std::string_view log) {
     return lines.empty() ? lines : "; its verifier's last lines:" + lines;
 }
 
+// What attached programs are known by. One that stands already may have none: an older build
+// attached it.
+void keep_program(const std::string &pins, int fd) {
+    const std::string pin = pin_of(pins, program_of(fd).id);
+    if (bpf_obj_pin(fd, pin.c_str()) != 0 && errno != EEXIST)
+        throw std::runtime_error("no pin " + pin + ": " + reason(errno));
+}
+
+// The pins of programs that are attached nowhere any more. Returns whether some are.
+bool forget_detached_programs(const std::string &pins) {
+    std::set<std::string> attached;
+    for (const auto &[index, name] : all_interfaces())
+        for (const tc_side side : TC_SIDES)
+            for (const attach_way way : ATTACH_WAYS)
+                if (const std::optional<tc_program> there = gate_at(pins, index, side, way))
+                    attached.insert(std::to_string(there->id));
+    bool some_stand = false;
+    std::error_code error;
+    for (const auto &pin : std::filesystem::directory_iterator(program_folder(pins), error)) {
+        if (attached.contains(pin.path().filename()))
+            some_stand = true;
+        else
+            unlink(pin.path().c_str());
+    }
+    return some_stand;
+}
+
 // What a constructor began, to be taken back when it fails.
 struct beginnings {
     std::string pins;
@@ -64,13 +93,15 @@ struct beginnings {
             return;
         try {
             for (const auto &[index, side, way] : attached)
-                detach(index, side, way);
+                detach(pins, index, side, way);
             for (const unsigned index : hooks)
                 remove_hooks(index);
+            if (forget_detached_programs(pins)) // in the place of an older one
+                return;
             for (const std::string &pin : pinned)
                 unlink(pin.c_str());
             if (pins_are_new)
-                remove_pins(pins, layouts::all);
+                remove_pins(pins, layouts::own);
         } catch (const std::exception &) {
             return; // the first error is the one to be told
         }
@@ -141,6 +172,16 @@ void load(bpf_object *object, beginnings &begun) {
     }
 }
 
+// A gate that somebody has used keeps its own until whoever runs it changes them. Without the way
+// back, which is opened later, packets that are held would be lost.
+void give_rules(int settings_map, gate_rules first) {
+    const mapping<gate_settings> settings(settings_map, sizeof(gate_settings),
+                                          PROT_READ | PROT_WRITE, 0);
+    first.hold_undecided = false;
+    if (read_word(settings.get()->generation) == 0)
+        write_rules(*settings.get(), first);
+}
+
 int program_fd(bpf_object *object, tc_side side) {
     const std::string name = std::string(GATE_PROGRAM) + (side == tc_side::ingress ? "up" : "down");
     return bpf_program__fd(bpf_object__find_program_by_name(object, name.c_str()));
@@ -149,36 +190,44 @@ int program_fd(bpf_object *object, tc_side side) {
 // Leaves what is attached already, unless it comes from another build or works on other maps.
 void attach_where_needed(bpf_object *object, unsigned index, attach_way way, bool is_new,
                          beginnings &begun) {
+    const std::string &pins = begun.pins;
     if (way == attach_way::clsact && make_hooks(index))
         begun.hooks.push_back(index);
     for (const tc_side side : TC_SIDES) {
         const int fd = program_fd(object, side);
         const tc_program ours = program_of(fd);
-        if (!is_new && !gate_at(index, side))
+        if (!is_new && !gate_at(pins, index, side))
             continue;
-        const std::optional<tc_program> there = gate_at(index, side, way);
-        if (there && there->tag == ours.tag && there->map_ids == ours.map_ids)
+        const std::optional<tc_program> there = gate_at(pins, index, side, way);
+        if (there && there->tag == ours.tag && there->map_ids == ours.map_ids) {
+            if (const unique_fd standing = open_program(pins, there->id, index); standing.valid())
+                keep_program(pins, standing.get());
             continue;
-        attach(index, side, way, fd);
+        }
+        keep_program(pins, fd);
+        attach(pins, index, side, way, fd);
         if (!there)
             begun.attached.emplace_back(index, side, way);
     }
 }
 
-// Where the gate stands at other interfaces, too, it is brought up to date there. Returns all of
-// them.
+// Where the gate stands at other interfaces, too, also that of an older build by whose pins it is
+// known, it is brought up to date there. Returns all of them.
 std::map<unsigned, attach_way> attach_everywhere(bpf_object *object,
                                                  const std::vector<unsigned> &named,
                                                  std::optional<attach_way> wanted,
                                                  uint32_t settings, beginnings &begun) {
+    const std::string &pins = begun.pins;
     std::map<unsigned, attach_way> attached;
     for (const unsigned index : named) {
         attached[index] = way_to_attach(index, wanted);
         attach_where_needed(object, index, attached[index], true, begun);
     }
     for (const auto &[index, name] : all_interfaces()) {
-        const std::optional<tc_program> there = gate_at(index, tc_side::ingress);
-        if (attached.contains(index) || !there || !uses(*there, settings))
+        if (attached.contains(index))
+            continue;
+        const std::optional<tc_program> there = gate_at(pins, index, tc_side::ingress);
+        if (!there || !(uses(*there, settings) || pinned_program(pins, there->id).valid()))
             continue;
         attached[index] = way_to_attach(index, wanted);
         attach_where_needed(object, index, attached[index], false, begun);
@@ -191,17 +240,18 @@ std::map<unsigned, attach_way> attach_everywhere(bpf_object *object,
 // rest takes (some 25 ms an interface) one judges behind the other. What one denies stays denied;
 // what both let pass is counted, copied and taken from its limit twice. A successor that ended the
 // road of what it lets pass would spare that, and pass over what others have attached.
-void take_predecessors_away(const std::map<unsigned, attach_way> &attached) {
+void take_predecessors_away(const std::string &pins,
+                            const std::map<unsigned, attach_way> &attached) {
     for (const auto &[index, chosen] : attached)
         for (const attach_way way : ATTACH_WAYS)
             if (way != chosen)
-                take_gate_from(index, way);
+                take_gate_from(pins, index, way);
 }
 
 } // namespace
 
 unique_fd set_up_gate(const std::string &pins, const std::vector<std::string> &interfaces,
-                      std::optional<attach_way> wanted) {
+                      std::optional<attach_way> wanted, const gate_rules &first) {
     std::vector<unsigned> indices;
     indices.reserve(interfaces.size());
     for (const std::string &name : interfaces)
@@ -217,10 +267,12 @@ unique_fd set_up_gate(const std::string &pins, const std::vector<std::string> &i
     reuse_maps(object.get(), pins);
     load(object.get(), begun);
     const int settings = bpf_object__find_map_fd_by_name(object.get(), "settings");
+    give_rules(settings, first);
     const auto attached =
         attach_everywhere(object.get(), indices, wanted, id_of_map(settings), begun);
     begun.done = true; // from here on what was begun may be all that stands
-    take_predecessors_away(attached);
+    take_predecessors_away(pins, attached);
+    forget_detached_programs(pins);
     remove_pins(pins, layouts::others);
     const bpf_program *back = bpf_object__find_program_by_name(object.get(), "jorn_back");
     return unique_fd(fcntl(bpf_program__fd(back), F_DUPFD_CLOEXEC, 0));

@@ -1,5 +1,6 @@
 #include "avcore/gate/maps.h"
 
+#include "avcore/gate/mapping.h"
 #include "avcore/gate/pins.h"
 
 #include <algorithm>
@@ -23,10 +24,10 @@ bool has_name(int fd, const char *name) {
 }
 
 // A map of a gate whose pins are lost, for their mount lay in a namespace that ended: the attached
-// programs still hold it.
-unique_fd attached_map(const char *name) {
+// programs still hold it. With CAP_SYS_ADMIN alone.
+unique_fd attached_map(const std::string &pins, const char *name) {
     for (const auto &[index, interface] : all_interfaces()) {
-        const std::optional<tc_program> program = gate_at(index, tc_side::ingress);
+        const std::optional<tc_program> program = gate_at(pins, index, tc_side::ingress);
         for (const uint32_t id : program ? program->map_ids : std::vector<uint32_t>()) {
             unique_fd fd(bpf_map_get_fd_by_id(id));
             if (fd.valid() && has_name(fd.get(), name))
@@ -46,7 +47,7 @@ unique_fd find_map(const std::string &pins, const char *name) {
     if (errno != ENOENT)
         throw std::runtime_error(pin +
                                  " can't be opened: " + std::generic_category().message(errno));
-    return attached_map(name);
+    return attached_map(pins, name);
 }
 
 unique_fd pinned_map(const std::string &pins, const char *name) {
@@ -60,6 +61,18 @@ uint32_t id_of_map(int fd) {
     bpf_map_info info = {};
     uint32_t size = sizeof info;
     return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
+}
+
+void write_rules(gate_settings &settings, const gate_rules &rules) {
+    write_word(settings.fail_closed, uint32_t{rules.fail_closed});
+    write_word(settings.copies_per_second, rules.copies_per_second);
+    uint32_t bits = 0;
+    bits |= rules.pass_tags ? uint32_t{GATE_PASS_TAGS} : 0;
+    bits |= rules.drop_fragments ? uint32_t{GATE_DROP_FRAGMENTS} : 0;
+    bits |= rules.drop_excess ? uint32_t{GATE_DROP_EXCESS} : 0;
+    bits |= rules.hold_undecided ? uint32_t{GATE_HOLD} : 0;
+    write_word(settings.holds_per_second, rules.holds_per_second);
+    write_word(settings.rules, bits);
 }
 
 size_t possible_processors() {

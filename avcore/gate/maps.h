@@ -3,6 +3,8 @@
 #pragma once
 
 #include "avcore/gate/traffic_control.h"
+#include "avcore/records/enforce_settings.h"
+#include "avcore/records/gate_records.h"
 #include "shared/unique_fd.h"
 
 #include <cstddef>
@@ -19,6 +21,8 @@ unique_fd pinned_map(const std::string &pins, const char *name); // throws where
 
 uint32_t id_of_map(int fd); // 0: it is none
 bool uses(const tc_program &program, uint32_t map_id);
+
+void write_rules(gate_settings &settings, const gate_rules &rules);
 
 size_t possible_processors(); // throws where /sys doesn't say
 

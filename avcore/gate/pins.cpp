@@ -3,6 +3,7 @@
 #include "avcore/records/gate_records.h"
 
 #include <algorithm>
+#include <bpf/bpf.h>
 #include <cctype>
 #include <cerrno>
 #include <fcntl.h>
@@ -23,6 +24,8 @@ namespace fs = std::filesystem;
 // A folder in a bpffs that was mounted here. The mount's source doesn't say so: Linux 5.10 drops
 // it.
 constexpr char OWN_MOUNT[] = "mounted_by_avcore";
+
+constexpr char PROGRAMS[] = "/programs";
 
 [[noreturn]] void fail(const std::string &what, int error) {
     throw std::runtime_error(what + ": " + std::generic_category().message(error));
@@ -80,6 +83,24 @@ std::string pin_of(const std::string &pins, const std::string &map) {
     return layout_folder(pins) + "/" + map;
 }
 
+std::string program_folder(const std::string &pins) {
+    return layout_folder(pins) + PROGRAMS;
+}
+
+std::string pin_of(const std::string &pins, uint32_t program_id) {
+    return program_folder(pins) + "/" + std::to_string(program_id);
+}
+
+unique_fd pinned_program(const std::string &pins, uint32_t id) {
+    std::error_code error;
+    for (const fs::path &folder : folders_in(pins, error)) {
+        const std::string pin = folder.string() + PROGRAMS + "/" + std::to_string(id);
+        if (unique_fd fd(bpf_obj_get(pin.c_str())); fd.valid())
+            return fd;
+    }
+    return {};
+}
+
 void make_pins(const std::string &pins) {
     std::error_code error;
     fs::create_directory(pins, error);
@@ -90,9 +111,11 @@ void make_pins(const std::string &pins) {
             fail("no bpffs can be mounted at " + pins, errno);
         fs::create_directory(fs::path(pins) / OWN_MOUNT, error);
     }
-    fs::create_directory(layout_folder(pins), error);
-    if (error)
-        throw std::runtime_error("no folder " + layout_folder(pins) + ": " + error.message());
+    for (const std::string &folder : {layout_folder(pins), program_folder(pins)}) {
+        fs::create_directory(folder, error);
+        if (error)
+            throw std::runtime_error("no folder " + folder + ": " + error.message());
+    }
 }
 
 void make_folder_beside(const std::string &pins) {
@@ -116,14 +139,15 @@ void remove_pins(const std::string &pins, layouts which) {
         return;
     std::error_code error;
     for (const fs::path &folder : folders_in(pins, error)) {
-        if (which == layouts::all || folder.filename() != GATE_LAYOUT)
+        const bool is_own = folder.filename() == GATE_LAYOUT;
+        if (which == layouts::all || is_own == (which == layouts::own))
             fs::remove_all(folder, error);
         if (error && which == layouts::all)
             fail(folder.string() + " can't be removed", error.value());
     }
     if (error && which == layouts::all)
         fail(pins + " can't be read", error.value());
-    if (which != layouts::all || has_entries(pins))
+    if (which == layouts::others || has_entries(pins))
         return;
     if (is_own_mount(pins) && umount(pins.c_str()) != 0)
         fail(pins + " can't be unmounted", errno);

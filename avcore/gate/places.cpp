@@ -30,9 +30,9 @@ unique_fd open_changes() {
     return fd;
 }
 
-bool stands_at(unsigned index) {
+bool stands_at(const std::string &pins, unsigned index) {
     try {
-        return gate_at(index, tc_side::ingress) && gate_at(index, tc_side::egress);
+        return gate_at(pins, index, tc_side::ingress) && gate_at(pins, index, tc_side::egress);
     } catch (const std::runtime_error &) { // there is no telling: it goes this moment
         return false;
     }
@@ -53,7 +53,7 @@ gate_places::gate_places(const std::string &pins, const std::vector<std::string>
         names_[named_[name]] = name;
     }
     if (!named.empty())
-        programs_ = gate_programs_at(named_[named.front()]);
+        programs_ = gate_programs_at(pins_, named_[named.front()]);
     follow_stations();
 }
 
@@ -96,7 +96,7 @@ void gate_places::follow_named() {
         names_[now] = name;
         try {
             const unique_fd lock = lock_beside(pins_);
-            attach_all(ethernet_interface(name), programs_);
+            attach_all(pins_, ethernet_interface(name), programs_);
             index = now;
             news_.changes.push_back(name + " was made anew: the gate is attached there again");
         } catch (const std::runtime_error &error) {
@@ -135,7 +135,7 @@ void gate_places::take(unsigned index, unsigned access_point) {
         return; // gone already
     try {
         const unique_fd lock = lock_beside(pins_);
-        attach_all(index, gate_programs_at(access_point));
+        attach_all(pins_, index, gate_programs_at(pins_, access_point));
         news_.changes.push_back(place.name + " has stations of " + place.access_point +
                                 ": the gate is attached there");
     } catch (const std::runtime_error &error) {
@@ -154,7 +154,7 @@ void gate_places::leave(unsigned index, const station_place &place) {
     }
     try {
         const unique_fd lock = lock_beside(pins_);
-        take_gate_from(index);
+        take_gate_from(pins_, index);
         news_.changes.push_back(place.name + " has no more stations of " + place.access_point +
                                 ": the gate is detached there");
     } catch (const std::runtime_error &error) {
@@ -168,7 +168,7 @@ std::vector<std::string> gate_places::taken_away() {
     for (const auto &[name, index] : named_) {
         if (index == 0 || index != if_nametoindex(name.c_str()))
             continue;
-        if (stands_at(index))
+        if (stands_at(pins_, index))
             without_gate_.erase(name);
         else if (without_gate_.insert(name).second)
             names.push_back(name);

@@ -1,5 +1,7 @@
 #include "avcore/gate/tc_program.h"
 
+#include "avcore/gate/pins.h"
+
 #include <algorithm>
 #include <array>
 #include <bpf/bpf.h>
@@ -28,9 +30,11 @@ tc_program program_of(int fd) {
     return program;
 }
 
-unique_fd open_program(uint32_t id, unsigned if_index) {
+unique_fd open_program(const std::string &pins, uint32_t id, unsigned if_index) {
+    if (unique_fd pinned = pinned_program(pins, id); pinned.valid())
+        return pinned;
     unique_fd fd(bpf_prog_get_fd_by_id(id));
-    if (!fd.valid() && errno != ENOENT)
+    if (!fd.valid() && errno != ENOENT && errno != EPERM)
         fail_at(if_index, "there is no telling what the program is at", errno);
     return fd;
 }

@@ -27,8 +27,9 @@ struct tc_program {
 };
 
 tc_program program_of(int fd);
-// One that is attached there. Not valid where it went this moment. Throws std::runtime_error.
-unique_fd open_program(uint32_t id, unsigned if_index);
+// One that is attached there. Not valid where it went this moment, or isn't pinned and may not be
+// looked at: it isn't the gate's then. Throws std::runtime_error.
+unique_fd open_program(const std::string &pins, uint32_t id, unsigned if_index);
 
 std::string interface_name(unsigned if_index); // its number where it has none any more
 [[noreturn]] void fail_at(unsigned if_index, const std::string &what, int error);

@@ -40,9 +40,10 @@ std::optional<std::vector<uint32_t>> list_programs(unsigned if_index, tc_side si
     }
 }
 
-std::optional<std::pair<tc_program, unique_fd>> find_tcx_gate(unsigned if_index, tc_side side) {
+std::optional<std::pair<tc_program, unique_fd>> find_tcx_gate(const std::string &pins,
+                                                              unsigned if_index, tc_side side) {
     for (const uint32_t id : tcx_programs(if_index, side)) {
-        unique_fd fd = open_program(id, if_index);
+        unique_fd fd = open_program(pins, id, if_index);
         tc_program program = fd.valid() ? program_of(fd.get()) : tc_program();
         if (program.is_gate())
             return std::pair(std::move(program), std::move(fd));
@@ -60,13 +61,13 @@ std::vector<uint32_t> tcx_programs(unsigned if_index, tc_side side) {
     return list_programs(if_index, side).value_or(std::vector<uint32_t>());
 }
 
-std::optional<tc_program> tcx_gate(unsigned if_index, tc_side side) {
-    auto found = find_tcx_gate(if_index, side);
+std::optional<tc_program> tcx_gate(const std::string &pins, unsigned if_index, tc_side side) {
+    auto found = find_tcx_gate(pins, if_index, side);
     return found ? std::optional(std::move(found->first)) : std::nullopt;
 }
 
-void attach_to_tcx(unsigned if_index, tc_side side, int program_fd) {
-    const auto older = find_tcx_gate(if_index, side);
+void attach_to_tcx(const std::string &pins, unsigned if_index, tc_side side, int program_fd) {
+    const auto older = find_tcx_gate(pins, if_index, side);
     struct bpf_prog_attach_opts options = {}; // also the name of a function
     options.sz = sizeof options;
     options.flags = older ? uint32_t{BPF_F_REPLACE} : BEFORE_ALL;
@@ -77,8 +78,8 @@ void attach_to_tcx(unsigned if_index, tc_side side, int program_fd) {
         fail_at(if_index, "the gate can't be attached to", error);
 }
 
-void detach_from_tcx(unsigned if_index, tc_side side) {
-    const auto gate = find_tcx_gate(if_index, side);
+void detach_from_tcx(const std::string &pins, unsigned if_index, tc_side side) {
+    const auto gate = find_tcx_gate(pins, if_index, side);
     if (!gate)
         return;
     const int error =

@@ -17,9 +17,9 @@ bool has_tcx(unsigned if_index); // the kernel
 // Their ids, in the order in which they run; none where the kernel has no tcx.
 std::vector<uint32_t> tcx_programs(unsigned if_index, tc_side side);
 
-std::optional<tc_program> tcx_gate(unsigned if_index, tc_side side);
+std::optional<tc_program> tcx_gate(const std::string &pins, unsigned if_index, tc_side side);
 // In the place of an older one.
-void attach_to_tcx(unsigned if_index, tc_side side, int program_fd);
-void detach_from_tcx(unsigned if_index, tc_side side);
+void attach_to_tcx(const std::string &pins, unsigned if_index, tc_side side, int program_fd);
+void detach_from_tcx(const std::string &pins, unsigned if_index, tc_side side);
 
 } // namespace avcore

@@ -21,23 +21,27 @@ unsigned ethernet_interface(const std::string &name);
 attach_way way_to_attach(unsigned if_index, std::optional<attach_way> wanted);
 
 // The gate's program there.
-std::optional<tc_program> gate_at(unsigned if_index, tc_side side, attach_way way);
-std::optional<tc_program> gate_at(unsigned if_index, tc_side side); // by any way
-std::vector<attach_way> ways_of_gate(unsigned if_index, tc_side side);
+std::optional<tc_program> gate_at(const std::string &pins, unsigned if_index, tc_side side,
+                                  attach_way way);
+std::optional<tc_program> gate_at(const std::string &pins, unsigned if_index,
+                                  tc_side side); // by any way
+std::vector<attach_way> ways_of_gate(const std::string &pins, unsigned if_index, tc_side side);
 
-void attach(unsigned if_index, tc_side side, attach_way way, int program_fd); // for an older one
-void detach(unsigned if_index, tc_side side, attach_way way);
+void attach(const std::string &pins, unsigned if_index, tc_side side, attach_way way,
+            int program_fd); // for an older one
+void detach(const std::string &pins, unsigned if_index, tc_side side, attach_way way);
 
 // What is in the kernel needn't be loaded and verified again for other interfaces.
 struct gate_programs {
     attach_way way = attach_way::tcx;
     std::array<unique_fd, TC_SIDE_COUNT> fds;
 };
-gate_programs gate_programs_at(unsigned if_index); // throws where there is no gate
-void attach_all(unsigned if_index, const gate_programs &programs);
+gate_programs gate_programs_at(const std::string &pins,
+                               unsigned if_index); // throws where there is no gate
+void attach_all(const std::string &pins, unsigned if_index, const gate_programs &programs);
 
 // False where there was none.
-bool take_gate_from(unsigned if_index, attach_way way);
-bool take_gate_from(unsigned if_index);
+bool take_gate_from(const std::string &pins, unsigned if_index, attach_way way);
+bool take_gate_from(const std::string &pins, unsigned if_index);
 
 } // namespace avcore

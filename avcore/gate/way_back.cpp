@@ -25,7 +25,8 @@ void check(int error, const std::string &what) {
 
 } // namespace
 
-way_back::way_back(int program_fd, std::optional<attach_way> wanted) : device_(open_tap_device()) {
+way_back::way_back(const std::string &pins, int program_fd, std::optional<attach_way> wanted)
+    : device_(open_tap_device()) {
     check(device_.valid() ? 0 : errno, TAP_DEVICE);
     std::string name = NAME;
     check(make_tap(device_.get(), name), name);
@@ -37,7 +38,7 @@ way_back::way_back(int program_fd, std::optional<attach_way> wanted) : device_(o
     const attach_way way = way_to_attach(index, wanted);
     if (way == attach_way::clsact)
         make_hooks(index);
-    attach(index, tc_side::ingress, way, program_fd);
+    attach(pins, index, tc_side::ingress, way, program_fd);
     check(switch_on(link->index), name);
 }
 

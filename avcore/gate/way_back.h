@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace avcore {
@@ -14,7 +15,7 @@ namespace avcore {
 class way_back {
 public:
     // Throws std::runtime_error.
-    way_back(int program_fd, std::optional<attach_way> wanted);
+    way_back(const std::string &pins, int program_fd, std::optional<attach_way> wanted);
 
     // A frame as it is on the wire, tags and all. False when the kernel doesn't take it.
     bool write(uint32_t if_index, std::vector<uint8_t> frame);

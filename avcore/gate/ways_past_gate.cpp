@@ -90,12 +90,12 @@ void add_offload(const std::string &name, unsigned index, lines &found) {
     netlink_ask(NETLINK_ROUTE, {RTM_GETLINK, 0, request}, see);
 }
 
-void add_programs(const std::string &name, unsigned index, lines &found) {
+void add_programs(const std::string &pins, const std::string &name, unsigned index, lines &found) {
     uint32_t id = 0;
     if (bpf_xdp_query_id(static_cast<int>(index), 0, &id) == 0 && id != 0)
         found.push_back(name + ": an XDP program (id " + std::to_string(id) +
                         ") sees packets before the gate");
-    const std::optional<tc_program> gate = tcx_gate(index, tc_side::ingress);
+    const std::optional<tc_program> gate = tcx_gate(pins, index, tc_side::ingress);
     for (const uint32_t before : tcx_programs(index, tc_side::ingress)) {
         if (gate && gate->id == before)
             return; // which sees them before any filter, too
@@ -144,14 +144,15 @@ void add_flow_tables(lines &found) {
 
 } // namespace
 
-std::vector<std::string> ways_past_gate(const std::vector<std::string> &interfaces) {
+std::vector<std::string> ways_past_gate(const std::string &pins,
+                                        const std::vector<std::string> &interfaces) {
     lines found;
     for (const std::string &name : interfaces) {
         const unsigned index = if_nametoindex(name.c_str());
         if (index == 0)
             continue;
         add_offload(name, index, found);
-        add_programs(name, index, found);
+        add_programs(pins, name, index, found);
     }
     add_flow_tables(found);
     return found;

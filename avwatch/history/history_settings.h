@@ -8,7 +8,7 @@
 
 namespace avwatch {
 
-inline constexpr char HISTORY_FILE[] = "/var/lib/jorn/history.db";
+inline constexpr char HISTORY_FILE[] = JORN_WATCH_DIR "/history.db";
 inline constexpr uint32_t LIMIT_MB_MIN = 16;
 inline constexpr uint32_t LIMIT_MB_MAX = 1'000'000;
 inline constexpr uint32_t COMMIT_S_MAX = 3'600;

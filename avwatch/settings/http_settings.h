@@ -6,7 +6,7 @@
 
 namespace avwatch {
 
-inline constexpr char TOKEN_FILE[] = "/var/lib/jorn/http.token";
+inline constexpr char TOKEN_FILE[] = JORN_WATCH_DIR "/http.token";
 
 struct http_settings {
     std::string address;            // "127.0.0.1:8080"; empty: nowhere

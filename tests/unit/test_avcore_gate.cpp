@@ -788,7 +788,7 @@ TEST_F(AvcoreGate, MovesFromOneWayToTheOtherAmongThePrograms) {
         EXPECT_EQ(fate(at, frame), std::vector<int>{expected});
         return numbers{in_list.runs(), filter.runs()};
     };
-    const auto ways_past = [] { return ways_past_gate({"gw0"}).size(); };
+    const auto ways_past = [] { return ways_past_gate(PINS, {"gw0"}).size(); };
     for (const attach_way way : {attach_way::clsact, attach_way::tcx, attach_way::clsact}) {
         SCOPED_TRACE(name_of(way));
         gate at(PINS, {"gw0"}, way);
