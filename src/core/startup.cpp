@@ -9,6 +9,7 @@
 #include "core/main_loop.h"
 #include "core/options.h"
 #include "core/pid_file.h"
+#include "core/rights.h"
 #include "core/signals.h"
 #include "core/state/state.h"
 #include "core/state/stats.h"
@@ -21,8 +22,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -43,6 +47,18 @@ void register_crash_dump() {
     snprintf(path, sizeof path, "/tmp/%s_crash.txt", "jorn");
     crashdump_init("jorn");
     crashdump_out_init(path);
+}
+
+// Where a service's standard error is the journal, that gets its lines from syslog already.
+bool is_in_journal() {
+    const char *journal = getenv("JOURNAL_STREAM");
+    struct stat status;
+    if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0)
+        return false;
+    char stream[64];
+    snprintf(stream, sizeof stream, "%llu:%llu", static_cast<unsigned long long>(status.st_dev),
+             static_cast<unsigned long long>(status.st_ino));
+    return strcmp(journal, stream) == 0;
 }
 
 // The saved configurations in their order: the last empties the UTP tables.
@@ -140,7 +156,7 @@ int jorn_init(int argc, char *argv[], capture_context *capture_ctx) {
     jorn_settings = {};
     jorn_state = {};
     *capture_ctx = {};
-    openlog("jorn", LOG_PID | LOG_PERROR, LOG_DAEMON);
+    openlog("jorn", is_in_journal() ? LOG_PID : LOG_PID | LOG_PERROR, LOG_DAEMON);
     set_defaults(jorn_settings);
 
     const int result = run_steps({jorn_parse_options(argc, argv), capture_ctx});
@@ -170,6 +186,7 @@ int run_daemon(int argc, char *argv[]) {
         jorn_daemonlize();
     write_pid_file(PID_FILE_PATH);
     register_crash_dump();
+    give_up_rights();
     load_and_run(&capture_ctx);
     jorn_print_stats();
     jorn_exit_clean(&capture_ctx);

@@ -2,6 +2,7 @@
 from testbed import *
 
 RTMGRP_LINK = 1
+CAP_NET_RAW = 13
 
 
 class Start(SystemTest):
@@ -60,6 +61,22 @@ class Start(SystemTest):
                 self.wait_until_judging()
                 self.assertEqual(pid_file(), daemon.pid)
                 self.assertEqual(daemon.stop(), 0)
+
+    def test_has_a_line_in_the_journal_once_and_one_right(self):
+        self.platform()
+        syslog = SyslogListener()
+        self.addCleanup(syslog.close)
+        daemon = self.daemon(before=(
+            "sh", "-c", 'JOURNAL_STREAM=$(stat -Lc %d:%i /proc/self/fd/2) exec "$0" "$@"'))
+        wait_for_listener(COMMAND_SOCKET)
+        command(39, struct.pack("=I", 1000))
+        syslog.lines.wait(lambda said: "Unknown testid = 1000" in said)
+        self.assertEqual(len([said for said in syslog.lines.items if "Unknown testid" in said]), 1)
+        rights = dict(line.split(":\t") for line in read_file(f"/proc/{daemon.pid}/status").splitlines())
+        self.assertEqual({name: int(held, 16) for name, held in rights.items() if name.startswith("Cap")},
+                         {"CapInh": 0, "CapAmb": 0} | dict.fromkeys(("CapPrm", "CapEff", "CapBnd"), 1 << CAP_NET_RAW))
+        self.assertEqual(daemon.stop(), 0)
+        self.assertEqual(daemon.lines.items, [])
 
 
 class Background(SystemTest):
