@@ -1,3 +1,5 @@
+#include "avcore/base/complaint.h"
+#include "avcore/config_check.h"
 #include "avcore/engine/applications.h"
 #include "avcore/gate_tasks.h"
 #include "avcore/options.h"
@@ -12,6 +14,8 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr int NO_INPUT = 3;
 
 // The channel takes any number of connections.
 void raise_descriptor_limit() {
@@ -33,7 +37,7 @@ const char *remedy_for(std::string_view failure) {
 
 int main(int argc, char **argv) {
     int status = 0;
-    const std::optional<avcore::options> options = avcore::parse_options(argc, argv, status);
+    std::optional<avcore::options> options = avcore::parse_options(argc, argv, status);
     if (!options)
         return status;
     // The daemon's decoders log what they meet; here the daemon itself reports it.
@@ -43,7 +47,8 @@ int main(int argc, char **argv) {
         const avcore::config settings =
             options->config.empty() ? avcore::config() : avcore::read_config(options->config);
         for (const std::string &warning : settings.warnings)
-            std::cerr << "avcore: " << warning << '\n';
+            std::cerr << avcore::complaint(warning);
+        avcore::complete(*options, settings);
         switch (options->wanted) {
         case avcore::task::run:
             break;
@@ -55,8 +60,16 @@ int main(int argc, char **argv) {
             return avcore::show_gate(*options);
         case avcore::task::list_applications:
             return avcore::list_applications();
+        case avcore::task::check_config:
+            return avcore::check_config(*options, settings);
         }
         return avcore::session(*options, settings).run();
+    } catch (const avcore::config_error &error) {
+        std::cerr << avcore::complaint(error.what());
+        return 1;
+    } catch (const avcore::no_input &error) {
+        std::cerr << avcore::complaint(error.what());
+        return NO_INPUT;
     } catch (const std::exception &error) {
         std::cerr << "avcore: " << error.what() << remedy_for(error.what()) << '\n';
         return 1;

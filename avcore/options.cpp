@@ -56,7 +56,8 @@ void add_run_options(CLI::App &app, options &chosen) {
                    "Write into this interface of a pair made by hand; jorn captures on its peer")
         ->type_name("IFACE")
         ->excludes(capture);
-    CLI::Option_group *input = app.add_option_group("Input", "exactly one of");
+    CLI::Option_group *input =
+        app.add_option_group("Input", "exactly one of, unless [inline] in CONFIG names interfaces");
     input->add_option("-r", chosen.file, "Read frames from this pcap or pcapng file")
         ->type_name("FILE");
     input->add_option("-i", chosen.in_interface, "Capture frames on this interface, until SIGINT")
@@ -67,6 +68,9 @@ void add_run_options(CLI::App &app, options &chosen) {
     add_attach(app, chosen);
     add_pins(app, chosen);
     add_config(app, chosen);
+    app.add_flag_callback(
+        "--check", [&chosen] { chosen.wanted = task::check_config; },
+        "Only say what is wrong with CONFIG, with the lists of --categories and the interfaces");
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
     app.add_option("--categories", chosen.categories,
                    "Domains and their web categories, or a list of domains (a hosts file, a block "
@@ -116,17 +120,25 @@ void add_tasks(CLI::App &app, options &chosen) {
         ->callback([&chosen] { chosen.wanted = task::list_applications; });
 }
 
+size_t count_inputs(const options &chosen) {
+    const bool inputs[] = {!chosen.file.empty(), !chosen.in_interface.empty(),
+                           !chosen.gate_interfaces.empty()};
+    return static_cast<size_t>(std::count(std::begin(inputs), std::end(inputs), true));
+}
+
 // Between all of the options; CLI11 can't say it, for the tasks need other ones.
 void check(const options &chosen) {
-    if (chosen.wanted == task::set_up_gate && chosen.gate_interfaces.empty())
+    if (chosen.wanted == task::set_up_gate && chosen.gate_interfaces.empty() &&
+        chosen.config.empty())
         throw CLI::RequiredError("--inline");
-    if (chosen.wanted != task::run)
+    if (chosen.wanted == task::check_config && chosen.config.empty())
+        throw CLI::RequiredError("-c");
+    if (chosen.wanted != task::run && chosen.wanted != task::check_config)
         return;
     if (chosen.out_interface.empty() && chosen.capture.empty() && chosen.config.empty())
         throw CLI::RequiredError("--capture, or -o,");
-    const bool inputs[] = {!chosen.file.empty(), !chosen.in_interface.empty(),
-                           !chosen.gate_interfaces.empty()};
-    if (std::count(std::begin(inputs), std::end(inputs), true) != 1)
+    if (const size_t inputs = count_inputs(chosen);
+        inputs > 1 || (inputs == 0 && chosen.config.empty()))
         throw CLI::ValidationError("exactly one of -r, -i and --inline is required");
     if (!chosen.in_interface.empty() && chosen.in_interface == chosen.out_interface)
         throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
@@ -161,6 +173,22 @@ std::optional<options> parse_options(int argc, char **argv, int &status) {
         return std::nullopt;
     }
     return chosen;
+}
+
+void complete(options &chosen, const config &settings) {
+    const bool runs = chosen.wanted == task::run || chosen.wanted == task::check_config;
+    if (!runs && chosen.wanted != task::set_up_gate)
+        return;
+    if (runs && chosen.out_interface.empty() && chosen.capture.empty() &&
+        settings.capture.interface.empty())
+        throw std::runtime_error("neither --capture nor -o is given, and " + chosen.config +
+                                 " has no [capture]");
+    if (count_inputs(chosen) > 0)
+        return;
+    if (settings.inline_interfaces.empty())
+        throw no_input(chosen.config + " names no interface under [inline], and none of " +
+                       (runs ? "-r, -i and " : "") + "--inline is given");
+    chosen.gate_interfaces = settings.inline_interfaces;
 }
 
 } // namespace avcore

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "avcore/gate/gate.h"
+#include "avcore/settings/config.h"
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,13 +18,14 @@ enum class task {
     tear_down_gate,
     show_gate,
     list_applications,
+    check_config,
 };
 
 struct options {
     task wanted = task::run;
     std::string capture;       // to make; empty: the configuration says,
     std::string out_interface; // unless there is one to write into
-    std::string file;          // one of these three is set
+    std::string file;          // one of these three is set, or the configuration says the last
     std::string in_interface;
     std::vector<std::string> gate_interfaces; // also of set_up_gate
     std::optional<attach_way> attach;         // the gate there
@@ -40,5 +43,15 @@ struct options {
 
 // Returns nothing after having printed the help or what is wrong; `status` is then the exit status.
 std::optional<options> parse_options(int argc, char **argv, int &status);
+
+// Neither the command line nor the configuration says where frames come from.
+class no_input : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// What the command line leaves to the configuration. Throws no_input, and std::runtime_error where
+// that doesn't say where frames are to go either.
+void complete(options &chosen, const config &settings);
 
 } // namespace avcore

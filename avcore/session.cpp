@@ -1,6 +1,8 @@
 #include "avcore/session.h"
 
+#include "avcore/base/complaint.h"
 #include "avcore/base/monotonic_clock.h"
+#include "avcore/base/service_manager.h"
 #include "avcore/watch/profile_object.h"
 
 #include <algorithm>
@@ -25,9 +27,6 @@ frame_sink open_sink(const options &options, capture_settings capture) {
         return frame_sink(options.out_interface);
     if (!options.capture.empty())
         capture.interface = options.capture;
-    if (capture.interface.empty())
-        throw std::runtime_error("neither --capture nor -o is given, and " + options.config +
-                                 " has no [capture]");
     return frame_sink(capture);
 }
 
@@ -160,6 +159,7 @@ int64_t session::frames_due_ms(int64_t now_ms) const {
 }
 
 int session::run() {
+    tell_service_manager("READY=1");
     try {
         ending end = ending::none;
         while (end == ending::none)
@@ -223,6 +223,10 @@ session::ending session::turn() {
 void session::serve(int64_t now_ms) {
     loop_.wait_and_serve(now_ms);
     take_categories();
+    if (reading_again_ && !fresh_categories_.valid()) {
+        reading_again_ = false;
+        tell_service_manager("READY=1");
+    }
     if (inline_)
         inline_->look(link_down_);
 }
@@ -260,6 +264,7 @@ void session::take_signal() {
             reports_.leave_unfinished();
         }
         stop_requested_ = true;
+        tell_service_manager("STOPPING=1");
         break;
     case signals::request::print:
         if (reports_.is_writing())
@@ -276,6 +281,8 @@ void session::take_signal() {
 }
 
 void session::hang_up() {
+    reading_again_ = true;
+    tell_service_manager("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonic_ns() / 1'000));
     if (options_.config.empty() && options_.categories.empty())
         say("there is no file to read again");
     if (!options_.config.empty())
@@ -311,7 +318,7 @@ void session::take_categories() {
     }
 }
 
-// What the bus, the capture and the DPI engine were started with stays.
+// What the bus, the capture, the DPI engine and the gate's places were started with stays.
 void session::read_config_again() {
     try {
         config fresh = read_config(options_.config);
@@ -320,6 +327,10 @@ void session::read_config_again() {
         fresh.bus = settings_.bus;
         fresh.capture = settings_.capture;
         fresh.dpi = settings_.dpi;
+        if (options_.gate_interfaces == settings_.inline_interfaces &&
+            fresh.inline_interfaces != settings_.inline_interfaces)
+            say("[inline] interfaces are other ones now, which count from the next start on");
+        fresh.inline_interfaces = settings_.inline_interfaces;
         settings_ = std::move(fresh);
         inline_->settings_changed();
         say("the configuration was read again");
@@ -423,7 +434,7 @@ void session::explain_link_type() {
 
 void session::say(const std::string &what) {
     progress_.clear();
-    std::cerr << "avcore: " + what + '\n'; // one write: the stream has no buffer
+    std::cerr << complaint(what); // one write: the stream has no buffer
 }
 
 // Without the option a program that was installed on its own, or a second one, goes without.

@@ -97,6 +97,7 @@ private:
     bool more_input_ = false; // without waiting
     bool sink_full_ = false;
     bool link_down_ = false; // when it was last asked
+    bool reading_again_ = false;
     bool stop_requested_ = false;
     bool ending_ = false; // all that is left to do is the report
     bool last_report_begun_ = false;

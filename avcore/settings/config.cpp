@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <net/if.h>
 
 namespace avcore {
 namespace {
@@ -15,6 +16,27 @@ constexpr uint32_t COPIES_MAX = 1'000'000;
 constexpr uint32_t SPEED_MAX = 1'000'000; // Mbit/s
 constexpr std::string_view PLATFORM_KEYS[] = {AV_KEY_MEMORY, AV_KEY_DPI_ENGINE, AV_KEY_BASE_MAC,
                                               AV_KEY_FIRMWARE, AV_KEY_URL_SERVER};
+
+// Of one file, a line each.
+class mistakes {
+public:
+    // Reads a part of the file that others don't need.
+    template <typename Read>
+    void in(const Read &read) {
+        try {
+            read();
+        } catch (const config_error &error) {
+            lines_ += (lines_.empty() ? "" : "\n") + std::string(error.what());
+        }
+    }
+    void raise() const {
+        if (!lines_.empty())
+            throw config_error(lines_);
+    }
+
+private:
+    std::string lines_;
+};
 
 void read_side(const toml_reader &in, side_profile &side) {
     in.interface_name("interface", side.if_name);
@@ -131,7 +153,7 @@ void warn_of_url_filtering(const toml::table &root, const toml_reader &in, confi
                   "limit or mark of theirs holds for it"));
 }
 
-void read_rules(const toml_reader &in, const std::string &file, config &settings) {
+void read_rules(const toml_reader &in, const std::string &file, config &settings, mistakes &wrong) {
     const toml::node *node = in.find("rule");
     if (node == nullptr)
         return;
@@ -141,7 +163,9 @@ void read_rules(const toml_reader &in, const std::string &file, config &settings
     rule_index index;
     for (const toml::node &rule : tables) {
         const size_t place = settings.rules.size();
-        settings.rules.push_back(read_rule(*rule.as_table(), file, settings.client));
+        settings.rules.emplace_back();
+        wrong.in(
+            [&] { settings.rules.back() = read_rule(*rule.as_table(), file, settings.client); });
         const std::optional<size_t> earlier = index.add(settings.rules.back(), place);
         if (!earlier)
             continue;
@@ -294,39 +318,63 @@ void read_capture(const toml::table &table, const std::string &file, capture_set
         in.fail(*in.find("speed"), "'speed' must be 1 at least");
 }
 
+void read_inline(const toml::table &table, const std::string &file, config &settings) {
+    const toml_reader in(table, file);
+    in.expect_keys({"interfaces"});
+    const toml::node *node = in.find("interfaces");
+    if (node == nullptr)
+        return;
+    const toml::array *names = node->as_array();
+    if (names == nullptr)
+        in.fail(*node, R"('interfaces' must be a list, as in ["wlan0", "wlan1"])");
+    for (const toml::node &entry : *names) {
+        const auto name = entry.value_exact<std::string>();
+        if (!name || name->empty() || name->size() >= IFNAMSIZ)
+            in.fail(entry, "'interfaces' holds something other than an interface name of 1 to 15 "
+                           "characters");
+        settings.inline_interfaces.push_back(*name);
+    }
+}
+
 } // namespace
 
 config parse_config(std::string_view text, const std::string &name) {
     const toml::table root = parse_toml(text, name);
     const toml_reader in(root, name);
-    in.expect_keys(
-        {"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names", "capture"});
     config settings;
-    in.flag("dpi", settings.dpi);
+    mistakes wrong;
+    const auto read_table = [&](std::string_view key, const auto &read) {
+        wrong.in([&] {
+            if (const toml::table *table = in.table(key))
+                read(*table);
+        });
+    };
+    wrong.in([&] {
+        in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names",
+                        "capture", "inline"});
+    });
+    wrong.in([&] { in.flag("dpi", settings.dpi); });
     if (!settings.dpi)
         settings.platform_values.clear(); // the daemon's default: no engine
-    if (const toml::table *client = in.table("client")) {
-        const toml_reader client_in(*client, name);
+    read_table("client", [&](const toml::table &client) {
+        const toml_reader client_in(client, name);
         client_in.expect_keys({"interface", "if_index", "utp_id", "web_utp", "filter_type"});
         read_client(client_in, settings.client);
-    }
-    if (const toml::table *uplink = in.table("uplink")) {
-        const toml_reader uplink_in(*uplink, name);
+    });
+    read_table("uplink", [&](const toml::table &uplink) {
+        const toml_reader uplink_in(uplink, name);
         uplink_in.expect_keys({"interface", "if_index", "utp_id"});
         read_side(uplink_in, settings.uplink);
-    }
-    read_rules(in, name, settings);
+    });
+    wrong.in([&] { read_rules(in, name, settings, wrong); });
+    read_table("platform", [&](const auto &table) { read_platform(table, name, "", settings); });
+    read_table("bus", [&](const auto &table) { settings.bus = read_bus(table, name); });
+    read_table("enforce", [&](const auto &table) { read_enforce(table, name, settings.enforce); });
+    read_table("capture", [&](const auto &table) { read_capture(table, name, settings.capture); });
+    read_table("names", [&](const auto &table) { read_names(table, name, settings); });
+    read_table("inline", [&](const auto &table) { read_inline(table, name, settings); });
+    wrong.raise();
     warn_of_url_filtering(root, in, settings);
-    if (const toml::table *platform = in.table("platform"))
-        read_platform(*platform, name, "", settings);
-    if (const toml::table *bus = in.table("bus"))
-        settings.bus = read_bus(*bus, name);
-    if (const toml::table *enforce = in.table("enforce"))
-        read_enforce(*enforce, name, settings.enforce);
-    if (const toml::table *capture = in.table("capture"))
-        read_capture(*capture, name, settings.capture);
-    if (const toml::table *names = in.table("names"))
-        read_names(*names, name, settings);
     return settings;
 }
 

@@ -1,5 +1,6 @@
-// The TOML file: who gets which profile, and what the platform says of itself. Read once, at the
-// start; every mistake ends the start with a message that names the file, the line and the key.
+// The TOML file: who gets which profile, and what the platform says of itself. A mistake in it ends
+// the start, or leaves what was read before: with a line for each table in which there is one, that
+// names the file, the line and the key.
 #pragma once
 
 #include "avcore/base/config_text.h"
@@ -56,6 +57,7 @@ struct config {
     bool dpi = true;
     std::optional<bus_settings> bus; // none: there is no bus
     capture_settings capture;
+    std::vector<std::string> inline_interfaces; // of clients, at which verdicts are enforced
     enforce_settings enforce;
     std::optional<std::vector<resolver>> resolvers; // none: any beyond the clients
     std::vector<std::string> warnings; // of what holds and may not be meant, with file and line

@@ -67,6 +67,15 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[names]\nresolvers = [\"192.0.2.53\",\n\"10.1.0.53  02:00:00:00:00:53\"]\n",
          "line 3: 'resolvers' holds"},
         {"[names]\nresolvers = [\"192.0.2.0/24\"]\n", "line 2: 'resolvers' holds"},
+        {"[inline]\ninterfaces = \"wlan0\"\n", "line 2: 'interfaces' must be a list"},
+        {"[inline]\ninterfaces = [\"wlan0\",\n\"sixteen-letters-\"]\n", "line 3: 'interfaces'"},
+        {"[[rule]]\nmac = \"1\"\n[client]\nutp_id = 64\n[[rule]]\nmac = \"2\"\n[enforce]\nfail = "
+         "1\n",
+         "line 4: 'utp_id' must be a whole number from 0 to 63\nf.toml, line 2: 'mac' must look "
+         "like "
+         "00:1a:2b:3c:4d:5e\nf.toml, line 6: 'mac' must look like 00:1a:2b:3c:4d:5e\nf.toml, line "
+         "8: "
+         "'fail' must be a text in quotes"},
         {"[client\n", "line 1: "},
     };
     for (const auto &row : rows) {

@@ -100,7 +100,7 @@ class Options(unittest.TestCase):
     def test_installed(self):
         with open(f"{BUILD}/CMakeCache.txt") as cache:
             version = re.search("^CMAKE_PROJECT_VERSION:STATIC=(.+)$", cache.read(), re.M)[1]
-        left = set(os.listdir(f"{PROJECT}/examples")) - {"box.json"}  # the demo's
+        left = set(os.listdir(f"{PROJECT}/examples")) - {"box.json", "etc"}  # the demo's, the packages'
         for component, programs in (("JORN", {"jorn", "avcore", "jornctl"}), ("WATCH", {"avwatch"})):
             with tempfile.TemporaryDirectory() as folder:
                 subprocess.run([CMAKE, "--install", BUILD, "--prefix", folder, "--component", component],
@@ -111,15 +111,14 @@ class Options(unittest.TestCase):
                 self.assertEqual(found, programs)
                 for path in installed:
                     if "bin/" in path:
-                        said = subprocess.run([f"{folder}/{path}", "--version"], text=True, stdout=subprocess.PIPE)
-                        self.assertEqual(said.stdout, f"{os.path.basename(path)} {version}\n")
+                        said = subprocess.check_output([f"{folder}/{path}", "--version"], text=True)
+                        self.assertEqual(said, f"{os.path.basename(path)} {version}\n")
                         self.assertIn(f"share/bash-completion/completions/{os.path.basename(path)}", installed)
                     elif "/man/" in path:
                         with open(f"{folder}/{path}") as page:
                             text = page.read()
                         self.assertIn(f"\n.Os jorn {version}\n", text)
                         self.assertNotIn("@", text, path)
-                self.assertTrue({f"{name}.8" for name in programs} - {"jornctl.8"} <= set(map(os.path.basename, installed)))
                 left -= {os.path.basename(path) for path in installed if "/examples/" in path}
         self.assertEqual(left, set())
 
