@@ -4,7 +4,7 @@
 # program runs. Sanitizers look for more in the same places; without optimisation the checked calls
 # don't exist. OFF is for measuring what it costs.
 option(JORN_HARDENING "Stack protector, checked calls of the C library, PIE and full RELRO" ON)
-if(JORN_HARDENING AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT JORN_SANITIZE AND NOT JORN_FUZZ)
+if(JORN_HARDENING AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug" AND NOT JORN_SANITIZE)
   set(JORN_HARDENED ON)
   include(CheckPIESupported)
   check_pie_supported()
