@@ -39,12 +39,6 @@ gate_counter difference(const gate_counter &all, const gate_counter &less) {
     return rest;
 }
 
-int64_t wall_us() {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
-}
-
 int64_t microseconds(uint64_t ns) {
     return static_cast<int64_t>(ns / 1000);
 }
@@ -106,7 +100,7 @@ gate_counter flow_records::counter_of(const gate_flow &flow) const {
 }
 
 void flow_records::look_at_clocks() const {
-    const int64_t ahead_us = wall_us() - microseconds(monotonic_ns());
+    const int64_t ahead_us = wall_ahead_us();
     if (std::abs(ahead_us - ahead_us_) > CLOCK_WAS_SET)
         ahead_us_ = ahead_us;
 }

@@ -2,19 +2,15 @@
 // have its number, all others one of application_numbers.
 #pragma once
 
-#include "avwatch/client/records.h"
 #include "avwatch/history/application_numbers.h"
 #include "avwatch/ipfix/exported_record.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 
 namespace avwatch {
-
-inline int64_t day_of(int64_t wall_s) { // since 1970
-    return wall_s / 86'400;
-}
 
 class application_ids {
 public:
@@ -22,13 +18,14 @@ public:
 
     explicit application_ids(application_numbers &numbers) : numbers_(numbers) {}
 
-    application_id id_of(const std::string &application, const why_record &why, names_kept names,
-                         int64_t today);
+    // `engine_number`: the DPI engine's, where it named the application; else 0.
+    application_id id_of(const application_name &name, uint64_t engine_number, names_kept names);
     // As it may be shown.
     std::string name_of(const application_id &id) const;
     std::string description_of(const application_id &id) const;
+    bool is_known(const application_id &id) const;
     // The same, or where a crash might give it to another application, that of "other".
-    application_id usable(const application_id &id) const;
+    application_id usable(const application_id &id);
 
 private:
     application_numbers &numbers_;

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <iterator>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/eventfd.h>
@@ -20,21 +22,24 @@ namespace {
 
 using avcore::NEVER_MS;
 
-struct found_place {
-    std::vector<char> address; // empty: none,
-    std::string trouble;       // for this reason
+struct found_places {
+    std::vector<std::vector<char>> addresses; // none,
+    std::string trouble;                      // for this reason
 };
 
-found_place find_place(const std::string &host, const std::string &port) {
+found_places find_places(const std::string &host, const std::string &port) {
     addrinfo wanted = {};
     wanted.ai_socktype = SOCK_DGRAM;
     wanted.ai_flags = AI_NUMERICSERV;
     addrinfo *first = nullptr;
     const int error = getaddrinfo(host.c_str(), port.c_str(), &wanted, &first);
     if (error != 0)
-        return {{}, gai_strerror(error)};
-    const auto *begin = reinterpret_cast<const char *>(first->ai_addr);
-    found_place found = {{begin, begin + first->ai_addrlen}, {}};
+        return {{}, error == EAI_SYSTEM ? strerror(errno) : gai_strerror(error)};
+    found_places found;
+    for (const addrinfo *each = first; each != nullptr; each = each->ai_next) {
+        const auto *begin = reinterpret_cast<const char *>(each->ai_addr);
+        found.addresses.emplace_back(begin, begin + each->ai_addrlen);
+    }
     freeaddrinfo(first);
     return found;
 }
@@ -55,19 +60,15 @@ void let_be_cut(int socket, int family) {
 struct collector::look_up {
     unique_fd done{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::atomic<bool> is_done = false;
-    found_place found;
+    found_places found;
 };
 
-collector::collector(place where) : where_(std::move(where)) {}
+collector::collector(place where, opening begin)
+    : where_(std::move(where)), begin_(std::move(begin)) {}
 collector::~collector() = default;
 
-void collector::send(std::vector<std::string> messages) {
-    for (std::string &each : messages) {
-        if (has_room())
-            queue_.push_back(std::move(each));
-        else
-            ++dropped_;
-    }
+void collector::send(std::vector<ipfix_message> messages) {
+    std::ranges::move(messages, std::back_inserter(queue_));
 }
 
 int collector::descriptor() const {
@@ -75,7 +76,7 @@ int collector::descriptor() const {
 }
 
 int64_t collector::due_ms() const {
-    return std::min(look_up_due_ms_, queue_.empty() || !socket_.valid() ? NEVER_MS : send_due_ms_);
+    return std::min(look_up_due_ms_, queue_.empty() || !is_open() ? NEVER_MS : send_due_ms_);
 }
 
 void collector::serve(int64_t now_ms) {
@@ -83,13 +84,17 @@ void collector::serve(int64_t now_ms) {
         end_look_up(now_ms);
     if (now_ms >= look_up_due_ms_)
         begin_look_up(now_ms);
-    if (!socket_.valid() || now_ms < send_due_ms_)
+    if (!is_open() || now_ms < send_due_ms_)
         return;
     send_due_ms_ = now_ms + PACE_MS;
     for (size_t i = 0; i < AT_ONCE && !queue_.empty(); ++i) {
-        if (!send_one(queue_.front()))
+        if (!send_one(queue_.front(), now_ms))
             return;
         queue_.pop_front();
+    }
+    if (is_troubled_ && now_ms - trouble_ms_ >= CALM_MS) {
+        is_troubled_ = false;
+        complain("flows for " + where_.target + ": no trouble any more");
     }
 }
 
@@ -97,7 +102,7 @@ void collector::begin_look_up(int64_t now_ms) {
     look_up_due_ms_ = NEVER_MS;
     looking_ = std::make_shared<look_up>();
     const auto look = [shared = looking_, host = where_.host, port = where_.port] {
-        shared->found = find_place(host, port);
+        shared->found = find_places(host, port);
         shared->is_done = true;
         eventfd_write(shared->done.get(), 1);
     };
@@ -106,49 +111,67 @@ void collector::begin_look_up(int64_t now_ms) {
     } catch (const std::system_error &error) {
         looking_.reset();
         look_up_due_ms_ = now_ms + RETRY_MS;
-        complain_once(error.what());
+        note_trouble(error.what(), now_ms);
     }
 }
 
 void collector::end_look_up(int64_t now_ms) {
-    const found_place found = std::move(looking_->found);
+    const found_places found = std::move(looking_->found);
     looking_.reset();
-    look_up_due_ms_ = now_ms + (found.address.empty() ? RETRY_MS : LOOK_UP_MS);
-    if (found.address.empty() && !socket_.valid())
-        complain_once(found.trouble);
-    if (found.address.empty() || found.address == address_)
+    const bool is_known = !found.addresses.empty();
+    look_up_due_ms_ = now_ms + (is_known ? LOOK_UP_MS : RETRY_MS);
+    if (!is_known && !is_open())
+        note_trouble(found.trouble, now_ms);
+    // Names with several addresses have them in another order each time.
+    if (!is_known || std::ranges::find(found.addresses, address_) != found.addresses.end() ||
+        std::ranges::any_of(found.addresses, [this](const auto &each) { return open(each); }))
         return;
-    sockaddr_storage address = {};
-    memcpy(&address, found.address.data(), std::min(found.address.size(), sizeof address));
-    unique_fd connected(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!connected.valid() || connect(connected.get(), reinterpret_cast<const sockaddr *>(&address),
-                                      static_cast<socklen_t>(found.address.size())) != 0) {
-        look_up_due_ms_ = now_ms + RETRY_MS;
-        complain_once(strerror(errno));
-        return;
-    }
-    let_be_cut(connected.get(), address.ss_family);
-    socket_ = std::move(connected);
-    address_ = found.address;
+    note_trouble(strerror(errno), now_ms);
+    look_up_due_ms_ = now_ms + RETRY_MS;
 }
 
-// An error may be an earlier datagram's; this one is then tried once more.
-bool collector::send_one(const std::string &message) {
-    for (int tries = 0; tries < 2; ++tries) {
-        if (::send(socket_.get(), message.data(), message.size(), 0) >= 0) {
-            ++sent_;
-            return true;
-        }
-        if (errno == EAGAIN || errno == ENOBUFS || errno == EINTR)
-            return false;
-        ++failed_;
-        complain_once(strerror(errno));
-    }
+// The present session goes on where it isn't possible.
+bool collector::open(const std::vector<char> &address) {
+    sockaddr_storage to = {};
+    memcpy(&to, address.data(), std::min(address.size(), sizeof to));
+    unique_fd connected(socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!connected.valid() || connect(connected.get(), reinterpret_cast<const sockaddr *>(&to),
+                                      static_cast<socklen_t>(address.size())) != 0)
+        return false;
+    let_be_cut(connected.get(), to.ss_family);
+    socket_ = std::move(connected);
+    address_ = address;
+    sequence_ = 0;
+    if (std::exchange(is_troubled_, false))
+        complain("flows for " + where_.target + " are on their way");
+    std::ranges::move(begin_(), std::inserter(queue_, queue_.begin()));
     return true;
 }
 
-void collector::complain_once(const std::string &why) {
-    if (std::exchange(complained_, why) != why)
+// An error may be an earlier datagram's, which was refused: this one is then tried once more. What
+// can't be sent counts in the sequence, by which the collector sees what it doesn't get.
+bool collector::send_one(ipfix_message &message, int64_t now_ms) {
+    message.stamp(static_cast<uint32_t>(time(nullptr)), sequence_);
+    const auto is_sent = [&] {
+        return ::send(socket_.get(), message.bytes.data(), message.bytes.size(), 0) >= 0;
+    };
+    const auto has_to_wait = [] { return errno == EAGAIN || errno == ENOBUFS || errno == EINTR; };
+    bool is_done = is_sent();
+    if (!is_done && !has_to_wait()) {
+        ++failed_;
+        note_trouble(strerror(errno), now_ms);
+        is_done = is_sent();
+    }
+    if (!is_done && has_to_wait())
+        return false;
+    sent_ += is_done ? 1 : 0;
+    sequence_ += message.records;
+    return true;
+}
+
+void collector::note_trouble(const std::string &why, int64_t now_ms) {
+    trouble_ms_ = now_ms;
+    if (!std::exchange(is_troubled_, true))
         complain("flows for " + where_.target + ": " + why);
 }
 

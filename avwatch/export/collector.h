@@ -2,15 +2,21 @@
 // that no burst overruns a collector, and no call waits. A name is looked up by a thread, again and
 // again, for it may move; until it is known the queue keeps what there is room for.
 //
+// A socket is a transport session (RFC 7011, section 10.3): it begins with templates and with
+// sequence number 0, where a collector's address changes, too. One that is still among those that
+// its name has is kept.
+//
 // Nobody answers. That a datagram was refused there is told with a later one: it is counted, and
-// said once.
+// said once, until there was no trouble for a while.
 #pragma once
 
+#include "avwatch/ipfix/messages.h"
 #include "shared/unique_fd.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,28 +30,31 @@ public:
     static constexpr int64_t PACE_MS = 10;
     static constexpr int64_t LOOK_UP_MS = 300'000;
     static constexpr int64_t RETRY_MS = 10'000; // to look up what wasn't found
+    static constexpr int64_t CALM_MS = 60'000;  // without trouble it is over
 
     struct place {
         std::string target; // for people
         std::string host, port;
     };
-    explicit collector(place where);
+    // What a session begins with, in front of what waits.
+    using opening = std::function<std::vector<ipfix_message>()>;
+    collector(place where, opening begin);
     ~collector();
     collector(const collector &) = delete;
     collector &operator=(const collector &) = delete;
 
-    // For one more, and so many that are still to come.
-    bool has_room(size_t others = 0) const { return queue_.size() + others < QUEUE_MAX; }
-    // Those that have no room are dropped.
-    void send(std::vector<std::string> messages);
-    bool is_idle() const { return queue_.empty(); }
+    bool has_room(size_t messages) const { return queue_.size() + messages <= QUEUE_MAX; }
+    // For which there has to be room.
+    void send(std::vector<ipfix_message> messages);
+    bool is_open() const { return socket_.valid(); }
+    // Whether what waits may be on its way soon.
+    bool is_busy() const { return !queue_.empty() && (is_open() || looking_); }
 
     int descriptor() const; // can be read when a name has been looked up
     int64_t due_ms() const;
     void serve(int64_t now_ms);
 
     uint64_t sent() const { return sent_; }
-    uint64_t dropped() const { return dropped_; }
     uint64_t failed() const { return failed_; }
 
 private:
@@ -53,18 +62,22 @@ private:
 
     void begin_look_up(int64_t now_ms);
     void end_look_up(int64_t now_ms);
-    bool send_one(const std::string &message); // false: it has to wait
-    void complain_once(const std::string &why);
+    bool open(const std::vector<char> &address);
+    bool send_one(ipfix_message &message, int64_t now_ms); // false: it has to wait
+    void note_trouble(const std::string &why, int64_t now_ms);
 
     const place where_;
-    std::deque<std::string> queue_;
+    const opening begin_;
+    std::deque<ipfix_message> queue_;
     std::shared_ptr<look_up> looking_; // null: not now
     std::vector<char> address_;        // a sockaddr; empty: not known yet
     unique_fd socket_;
+    uint32_t sequence_ = 0;
     int64_t send_due_ms_ = 0;
     int64_t look_up_due_ms_ = 0;
-    uint64_t sent_ = 0, dropped_ = 0, failed_ = 0;
-    std::string complained_;
+    uint64_t sent_ = 0, failed_ = 0;
+    bool is_troubled_ = false;
+    int64_t trouble_ms_ = 0; // the last one
 };
 
 } // namespace avwatch

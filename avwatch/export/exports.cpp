@@ -13,20 +13,20 @@ using avcore::monotonic_ms;
 constexpr int64_t INTERFACES_MS = 10'000;
 constexpr int64_t FINISH_MS = 3'000;
 
+constexpr int64_t TURN_MS = 86'400'000; // of the numbers
+
 uint32_t every_ms_of(const std::vector<export_settings> &settings) {
     uint32_t every_ms = HEARD_EVERY_MS;
     for (const export_settings &each : settings)
-        every_ms = std::min({every_ms, each.active_s * 1'000, each.inactive_s * 1'000});
+        every_ms = std::min(every_ms, heard_every_ms(each.active_s, each.inactive_s));
     return every_ms;
 }
 
-// A flow that goes on is heard of once in so long, so before that it isn't known to be silent.
 std::vector<due_flows::view> views_of(const std::vector<export_settings> &settings) {
     std::vector<due_flows::view> views;
     views.reserve(settings.size());
     for (const export_settings &each : settings)
-        views.push_back({int64_t{each.active_s} * 1'000,
-                         int64_t{each.inactive_s} * 1'000 + every_ms_of(settings)});
+        views.push_back({int64_t{each.active_s} * 1'000, int64_t{each.inactive_s} * 1'000});
     return views;
 }
 
@@ -35,13 +35,18 @@ std::vector<due_flows::view> views_of(const std::vector<export_settings> &settin
 exports::exports(const std::vector<export_settings> &settings)
     : every_ms_(every_ms_of(settings)),
       flows_(views_of(settings),
-             {[this](size_t place, const std::string &application, const why_record &why) {
-                  return ids_.id_of(application, why, exporters_[place].names(),
-                                    day_of(time(nullptr)));
+             {[this](size_t place, const application_name &name, uint64_t engine_number) {
+                  return ids_.id_of(name, engine_number, exporters_[place].names());
               },
               [this](const std::string &name) { return interfaces_.number_of(name); }}) {
     for (const export_settings &each : settings)
         exporters_.emplace_back(each, ids_, interfaces_, time(nullptr));
+    numbers_due_ms_ = monotonic_ms() + TURN_MS;
+    look_at_clocks();
+}
+
+void exports::look_at_clocks() {
+    flows_.set_clock(avcore::wall_ahead_us());
 }
 
 void exports::send(int64_t now_ms, bool all) {
@@ -49,8 +54,13 @@ void exports::send(int64_t now_ms, bool all) {
         interfaces_.look_again();
         interfaces_due_ms_ = now_ms + INTERFACES_MS;
     }
+    if (now_ms >= numbers_due_ms_) {
+        numbers_.begin_turn();
+        numbers_due_ms_ = now_ms + TURN_MS;
+    }
+    look_at_clocks();
     for (exporter &each : exporters_)
-        each.begin(now_ms, time(nullptr));
+        each.begin(now_ms);
     flows_.give(now_ms, all, [this](size_t place, const flow_part &part) {
         return exporters_[place].take(part);
     });
@@ -60,7 +70,7 @@ void exports::send(int64_t now_ms, bool all) {
 
 void exports::finish() {
     const int64_t until_ms = monotonic_ms() + FINISH_MS;
-    const auto is_busy = [](exporter &each) { return !each.place().is_idle(); };
+    const auto is_busy = [](exporter &each) { return each.place().is_busy(); };
     send(monotonic_ms(), true);
     while (monotonic_ms() < until_ms && std::ranges::any_of(exporters_, is_busy)) {
         for (exporter &each : exporters_)
@@ -83,9 +93,9 @@ void exports::add_to(avcore::loop &loop) {
 std::vector<export_counts> exports::counts() const {
     std::vector<export_counts> all;
     all.reserve(exporters_.size());
-    for (const exporter &each : exporters_) {
-        all.push_back(each.counts());
-        all.back().dropped += flows_.left_out();
+    for (size_t i = 0; i < exporters_.size(); ++i) {
+        all.push_back(exporters_[i].counts());
+        all.back().dropped = flows_.left_out(i);
     }
     return all;
 }

@@ -29,6 +29,8 @@ public:
     due_flows &flows() { return flows_; }
     application_numbers &numbers() { return numbers_; } // to be stored before send()
 
+    // Before flows are told: whether the wall's clock was set.
+    void look_at_clocks();
     // What is due; where `all`, what there is.
     void send(int64_t now_ms, bool all = false);
     // All that waits is on its way, or it took too long.
@@ -45,6 +47,7 @@ private:
     std::deque<exporter> exporters_; // they stay where they are
     due_flows flows_;
     int64_t interfaces_due_ms_ = 0;
+    int64_t numbers_due_ms_ = 0; // their next turn
 };
 
 } // namespace avwatch

@@ -3,6 +3,7 @@
 #include "avcore/base/ip_address.h"
 #include "avcore/base/loop.h"
 #include "avcore/base/monotonic_clock.h"
+#include "avwatch/base/complain.h"
 #include "avwatch/base/failure.h"
 #include "avwatch/client/watch_client.h"
 #include "avwatch/export/application_ids.h"
@@ -18,16 +19,20 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
 #include <sys/signalfd.h>
+#include <utility>
 #include <variant>
 
 namespace avwatch {
 namespace {
 
 constexpr int64_t TICK_MS = 1'000;
+constexpr int64_t ENDS_LATE_MS = 40'000; // as avcore tells of them, while nobody listened
 
 struct export_request {
     std::string active_s = "10", inactive_s = "10";
@@ -65,77 +70,131 @@ const char *event_text(uint8_t event) {
     return words[event];
 }
 
-// Flows as they are told, and a line for each record that is due.
+// Flows as they are told, and a line for each record that is due. An avcore that goes is waited
+// for, but for the first one.
 class printed_flows {
 public:
     printed_flows(const invocation &asked, const export_request &wanted, names_kept names)
         : names_(names),
           active_ms_(std::stoll(wanted.active_s) * 1'000),
           inactive_ms_(std::stoll(wanted.inactive_s) * 1'000),
-          avcore_(asked.watch_socket),
-          flows_({{active_ms_, inactive_ms_ + every_ms()}},
-                 {[this](size_t, const std::string &application, const why_record &why) {
-                      return ids_.id_of(application, why, names_, day_of(time(nullptr)));
+          watch_socket_(asked.watch_socket),
+          flows_({{active_ms_, inactive_ms_}},
+                 {[this](size_t, const application_name &name, uint64_t engine_number) {
+                      return ids_.id_of(name, engine_number, names_);
                   },
                   [this](const std::string &name) { return interfaces_.number_of(name); }}) {
-        avcore_.follow({.flows = true, .events = false, .every_ms = every_ms(), .filter = {}});
+        connect(std::nullopt);
     }
 
-    int descriptor() const { return avcore_.descriptor(); }
+    int descriptor() const { return avcore_ ? avcore_->descriptor() : -1; }
     bool has_more() const { return has_more_; }
     int64_t due_ms() const { return due_ms_; }
 
     void listen(int64_t now_ms) {
-        has_more_ = true;
-        for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
-            const std::optional<message> told = avcore_.take();
-            has_more_ = told.has_value();
-            if (told)
-                std::visit([&](const auto &what) { take(what, now_ms); }, told->what);
+        flows_.set_clock(avcore::wall_ahead_us());
+        try {
+            has_more_ = true;
+            for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
+                const std::optional<message> told = avcore_->take();
+                if (!is_greeted_ && avcore_->greeting())
+                    greet(now_ms);
+                has_more_ = told.has_value();
+                if (told)
+                    std::visit([&](const auto &what) { take(what, now_ms); }, told->what);
+            }
+        } catch (const no_watch &gone) {
+            disconnect(gone.what());
         }
     }
 
     void print(int64_t now_ms, bool all) {
         due_ms_ = now_ms + TICK_MS;
+        if (!avcore_ && !all)
+            connect_again(now_ms);
+        flows_.set_clock(avcore::wall_ahead_us());
         flows_.give(now_ms, all, [this](size_t, const flow_part &part) {
             print(part);
             return true;
         });
         counted_.pass(now_ms);
-        counted_.written(); // there is nobody who keeps the sums
+        counted_.written(); // there is nobody who keeps the sums, and the numbers
+        numbers_.written();
         if (!std::cout.flush())
             throw refused("standard output can't be written");
     }
 
 private:
     uint32_t every_ms() const {
-        return static_cast<uint32_t>(std::min({active_ms_, inactive_ms_, int64_t{HEARD_EVERY_MS}}));
+        return heard_every_ms(static_cast<uint32_t>(active_ms_ / 1'000),
+                              static_cast<uint32_t>(inactive_ms_ / 1'000));
+    }
+
+    void connect(std::optional<int64_t> ended_within_ms) {
+        avcore_.emplace(watch_socket_);
+        avcore_->follow({.flows = true,
+                         .events = false,
+                         .every_ms = every_ms(),
+                         .ended_within_ms = ended_within_ms,
+                         .filter = {}});
+    }
+
+    void connect_again(int64_t now_ms) {
+        try {
+            connect(counted_.heard_ms() < 0
+                        ? std::nullopt
+                        : std::optional(now_ms - counted_.heard_ms() + ENDS_LATE_MS));
+        } catch (const std::runtime_error &error) {
+            disconnect(error.what());
+        }
+    }
+
+    void greet(int64_t now_ms) {
+        is_greeted_ = true;
+        const std::string epoch = avcore_->greeting()->epoch();
+        flows_.connected(epoch, counted_.heard_ms() < 0 ? now_ms : counted_.heard_ms());
+        counted_.connected(epoch);
+        if (!std::exchange(avcore_trouble_, {}).empty())
+            complain("avcore is heard again");
+    }
+
+    void disconnect(const std::string &why) {
+        if (std::exchange(avcore_trouble_, why) != why)
+            complain(why);
+        avcore_.reset();
+        is_greeted_ = has_more_ = false;
+        counted_.disconnected();
     }
 
     // What flows had before the first look isn't this run's.
     void take(const flow_record &flow, int64_t now_ms) {
-        const ledger::growth more = counted_.take({flow.id,
-                                                   flow.client,
-                                                   flow.client_mac,
-                                                   {},
-                                                   {},
-                                                   NO_VERDICT,
-                                                   counts_in(flow),
-                                                   !flow.ended.empty()},
-                                                  now_ms);
+        std::optional<ledger::growth> more = counted_.take({flow.id,
+                                                            flow.client,
+                                                            flow.client_mac,
+                                                            {},
+                                                            {},
+                                                            NO_VERDICT,
+                                                            counts_in(flow),
+                                                            !flow.ended.empty()},
+                                                           now_ms);
+        counted_.heard(now_ms);
+        if (more && !is_listed_)
+            more->counts = {};
         if (more)
-            flows_.take(flow, is_listed_ ? *more : flow_counts(), now_ms);
+            flows_.take(flow, *more, now_ms);
     }
     void take(const count_record &count, int64_t now_ms) {
-        const ledger::growth more =
+        const std::optional<ledger::growth> more =
             counted_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
+        counted_.heard(now_ms);
         if (more)
             flows_.take(count, *more, now_ms);
     }
-    void take(const sum_record &sum, int64_t) {
-        flows_.take(sum, static_cast<uint64_t>(time(nullptr)) * 1'000'000);
+    void take(const sum_record &sum, int64_t now_ms) { flows_.take(sum, now_ms); }
+    void take(const listing_end &, int64_t now_ms) {
+        is_listed_ = true;
+        counted_.listed(now_ms);
     }
-    void take(const listing_end &, int64_t) { is_listed_ = true; }
     void take(const answer_error &error, int64_t) {
         throw refused("avcore doesn't tell: " + error.text);
     }
@@ -182,13 +241,16 @@ private:
 
     const names_kept names_;
     const int64_t active_ms_, inactive_ms_;
-    watch_client avcore_;
+    const std::string watch_socket_;
+    std::optional<watch_client> avcore_;
     ledger counted_{names_kept::none};
     application_numbers numbers_; // of this run alone
     application_ids ids_{numbers_};
     interfaces interfaces_;
     due_flows flows_;
-    bool is_listed_ = false;
+    std::string avcore_trouble_;
+    bool is_greeted_ = false;
+    bool is_listed_ = false; // once
     bool has_more_ = false;
     int64_t due_ms_ = 0;
 };
@@ -214,13 +276,8 @@ int print_records(const invocation &asked, const export_request &wanted) {
          .serve = [&](int64_t now_ms) { flows.listen(now_ms); }});
     loop.add({.due_ms = [&](int64_t) { return flows.due_ms(); },
               .serve = [&](int64_t now_ms) { flows.print(now_ms, false); }});
-    try {
-        while (goes_on)
-            loop.wait_and_serve(avcore::monotonic_ms());
-    } catch (const no_watch &) {
-        flows.print(avcore::monotonic_ms(), true);
-        throw;
-    }
+    while (goes_on)
+        loop.wait_and_serve(avcore::monotonic_ms());
     flows.print(avcore::monotonic_ms(), true);
     return STATUS_DONE;
 }

@@ -1,6 +1,5 @@
 #include "avwatch/history/application_numbers.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace avwatch {
@@ -9,31 +8,44 @@ void application_numbers::restore(application_name name, const row &stored) {
     const auto [at, is_new] = rows_.try_emplace(std::move(name), stored);
     if (!is_new)
         return;
-    names_[stored.number] = &at->first;
-    next_ = std::max(next_, stored.number + 1);
-    stored_below_ = next_;
+    by_number_[stored.number] = &*at;
+    turn_ = std::max(turn_, stored.turn);
+    set_next(stored.number + 1);
 }
 
-uint32_t application_numbers::number_of(const application_name &name, int64_t today) {
+uint32_t application_numbers::number_of(const application_name &name) {
     if (name.text.empty())
         return UNNAMED_NUMBER;
     auto at = rows_.find(name);
     if (at == rows_.end()) {
-        if ((rows_.size() >= MAX && !make_room(today)) || next_ == UINT32_MAX)
+        if ((rows_.size() >= MAX && !make_room()) || next_ == UINT32_MAX)
             return OTHER_NUMBER;
-        at = rows_.try_emplace(name, row{next_++, today}).first;
-        names_[at->second.number] = &at->first;
-        unwritten_.insert(&*at);
-    } else if (at->second.used_day != today) {
-        at->second.used_day = today;
+        at = rows_.try_emplace(name, row{next_++, turn_}).first;
+        by_number_[at->second.number] = &*at;
         unwritten_.insert(&*at);
     }
+    use(*at);
     return at->second.number;
 }
 
+bool application_numbers::use(uint32_t number) {
+    if (number < FIRST)
+        return true;
+    const auto found = by_number_.find(number);
+    if (found == by_number_.end() || number >= stored_below_)
+        return false;
+    use(*found->second);
+    return true;
+}
+
+void application_numbers::use(row_map::value_type &of) {
+    if (std::exchange(of.second.turn, turn_) != turn_)
+        unwritten_.insert(&of);
+}
+
 const application_name *application_numbers::name_of(uint32_t number) const {
-    const auto found = names_.find(number);
-    return found != names_.end() ? found->second : nullptr;
+    const auto found = by_number_.find(number);
+    return found != by_number_.end() ? &found->second->first : nullptr;
 }
 
 void application_numbers::written() {
@@ -48,25 +60,32 @@ void application_numbers::forget_rows() {
     forgotten_.clear();
 }
 
-// All of the day that is the furthest back: so it is looked for seldom.
-bool application_numbers::make_room(int64_t today) {
-    if (full_on_day_ == today)
+// Of one turn the latest go first: who makes up names pushes out his own.
+bool application_numbers::make_room() {
+    if (full_in_turn_ == turn_)
         return false;
-    int64_t oldest = today;
-    for (const auto &[name, kept] : rows_)
-        oldest = std::min(oldest, kept.used_day);
-    if (oldest == today) {
-        full_on_day_ = today;
+    std::vector<row_map::iterator> unused;
+    for (auto at = rows_.begin(); at != rows_.end(); ++at) {
+        if (at->second.turn != turn_)
+            unused.push_back(at);
+    }
+    if (unused.empty()) {
+        full_in_turn_ = turn_;
         return false;
     }
-    std::erase_if(rows_, [&](const auto &each) {
-        if (each.second.used_day != oldest)
-            return false;
-        unwritten_.erase(&each);
-        names_.erase(each.second.number);
-        forgotten_.push_back(each.second.number);
-        return true;
-    });
+    const size_t count = std::min(ROOM, unused.size());
+    const auto goes_before = [](const row_map::iterator &a, const row_map::iterator &b) {
+        const row &one = a->second, &other = b->second;
+        return one.turn != other.turn ? one.turn < other.turn : one.number > other.number;
+    };
+    std::ranges::partial_sort(unused, unused.begin() + static_cast<ptrdiff_t>(count), goes_before);
+    unused.resize(count);
+    for (const row_map::iterator &each : unused) {
+        unwritten_.erase(&*each);
+        by_number_.erase(each->second.number);
+        forgotten_.push_back(each->second.number);
+        rows_.erase(each);
+    }
     return true;
 }
 

@@ -1,10 +1,13 @@
 // Numbers for applications that have none of the DPI engine's, for who exports flows. One never
-// means two applications: it is stored before it is used, and the next ones are larger, also when
-// some are forgotten. The engine's numbers are smaller, for there are collectors that know no
-// engines.
+// means two applications, for collectors keep what it means: it is stored before it is used, and is
+// never given again, also when its name is forgotten; numbers only grow. A file that has none yet
+// begins at a place of its own, for a collector may remember those of the file before it. The
+// engine's numbers are smaller, for there are collectors that know no engines.
 //
-// Bounded: when MAX have one, those that nobody has used for the most days make room. Where all
-// were used today, what comes is "other".
+// Bounded: when MAX have one, some that haven't been used for the longest make room; an application
+// that comes back gets another number. Which was used when is counted in turns, of this process or
+// of a day of it, for the wall's clock jumps. Where all were used in this turn, what comes is
+// "other".
 //
 // No database here: the store writes `unwritten` and says `written`.
 #pragma once
@@ -26,21 +29,23 @@ public:
     static constexpr uint32_t UNNAMED_NUMBER = 65'537;
     static constexpr uint32_t FIRST = 65'538;
     static constexpr size_t MAX = 16'384;
+    static constexpr size_t ROOM = 1'024; // is made at once
 
     struct row {
         uint32_t number = 0;
-        int64_t used_day = 0; // since 1970
+        int64_t turn = 0; // the last one in which it was used
     };
     using row_map = std::map<application_name, row>;
 
+    // First those that are stored, then from where on they are given, and the next turn.
     void restore(application_name name, const row &stored);
-    // No number below was given.
     void set_next(uint32_t next) { next_ = stored_below_ = std::max(next_, next); }
+    void begin_turn() { ++turn_; }
 
     // OTHER_NUMBER where there is no room, UNNAMED_NUMBER without a name.
-    uint32_t number_of(const application_name &name, int64_t today);
-    // Whether it may be used: after a crash it means the same.
-    bool is_stored(uint32_t number) const { return number < FIRST || number < stored_below_; }
+    uint32_t number_of(const application_name &name);
+    // Whether it may be told: it will mean the same after a crash. It is used then.
+    bool use(uint32_t number);
     // Null where there is none any more, and of those that stand for others.
     const application_name *name_of(uint32_t number) const;
 
@@ -53,13 +58,15 @@ public:
     void forget_rows();
 
 private:
-    bool make_room(int64_t today);
+    void use(row_map::value_type &of);
+    bool make_room();
 
     row_map rows_;
-    std::map<uint32_t, const application_name *> names_; // of them, by number
+    std::map<uint32_t, row_map::value_type *> by_number_;
     uint32_t next_ = FIRST;
     uint32_t stored_below_ = FIRST;
-    int64_t full_on_day_ = -1; // when all had been used
+    int64_t turn_ = 0;
+    int64_t full_in_turn_ = -1; // when all had been used
     std::set<const row_map::value_type *> unwritten_;
     std::vector<uint32_t> forgotten_; // had a row
 };

@@ -1,12 +1,18 @@
 #include "avwatch/history/export_rows.h"
 
-#include <algorithm>
+#include <random>
 #include <string_view>
 
 namespace avwatch {
 namespace {
 
 constexpr char NEXT_NUMBER[] = "next application number";
+constexpr uint32_t PLACES = UINT32_MAX / 2; // and as many numbers behind the last one
+
+uint32_t place_of_its_own() {
+    std::random_device random;
+    return std::uniform_int_distribution(application_numbers::FIRST, PLACES)(random);
+}
 
 } // namespace
 
@@ -16,8 +22,9 @@ void read_numbers(database &file, application_numbers &numbers) {
         numbers.restore({row.text(1), row.number(2) != 0},
                         {static_cast<uint32_t>(row.number(0)), row.number(3)});
     statement next(file, "SELECT value FROM state WHERE name = ?");
-    if (next.bind(0, std::string_view(NEXT_NUMBER)).step())
-        numbers.set_next(static_cast<uint32_t>(next.number(0)));
+    const bool has_next = next.bind(0, std::string_view(NEXT_NUMBER)).step();
+    numbers.set_next(has_next ? static_cast<uint32_t>(next.number(0)) : place_of_its_own());
+    numbers.begin_turn();
 }
 
 void write_numbers(database &file, application_numbers &numbers) {
@@ -31,12 +38,20 @@ void write_numbers(database &file, application_numbers &numbers) {
     for (const auto *each : numbers.unwritten()) {
         const auto &[name, kept] = *each;
         row.bind(0, int64_t{kept.number}).bind(1, std::string_view(name.text));
-        row.bind(2, int64_t{name.is_name}).bind(3, kept.used_day).run();
+        row.bind(2, int64_t{name.is_name}).bind(3, kept.turn).run();
     }
     statement next(file, "INSERT OR REPLACE INTO state VALUES (?, ?)");
     next.bind(0, std::string_view(NEXT_NUMBER)).bind(1, int64_t{numbers.next()}).run();
     all.commit();
     numbers.written();
+}
+
+void forget_numbers(database &file) {
+    transaction all(file);
+    file.run("DELETE FROM application_numbers");
+    statement next(file, "DELETE FROM state WHERE name = ?");
+    next.bind(0, std::string_view(NEXT_NUMBER)).run();
+    all.commit();
 }
 
 void write_exports(database &file, const std::vector<export_counts> &exports) {

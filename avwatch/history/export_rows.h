@@ -16,10 +16,9 @@ struct export_counts {
     int64_t since_s = 0;
     uint64_t records = 0; // that were put into messages
     uint64_t messages = 0;
-    // What had no room: messages that couldn't be sent fast enough, news of too many flows.
-    uint64_t dropped = 0;
-    uint64_t failed = 0; // messages that weren't sent, or were refused there
-    uint64_t other = 0;  // records of applications that have no number of their own
+    uint64_t dropped = 0; // ended flows that waited in vain, news of too many flows
+    uint64_t failed = 0;  // messages that weren't sent, or were refused there
+    uint64_t other = 0;   // records of applications that have no number of their own
 
     bool operator==(const export_counts &) const = default;
 };
@@ -27,6 +26,8 @@ struct export_counts {
 void read_numbers(database &file, application_numbers &numbers);
 // What isn't written yet, in a transaction. The numbers are told.
 void write_numbers(database &file, application_numbers &numbers);
+// Of a copy: when it is put in the file's place, numbers given since it was made may be in use.
+void forget_numbers(database &file);
 
 // These take the place of what there is.
 void write_exports(database &file, const std::vector<export_counts> &exports);

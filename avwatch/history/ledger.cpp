@@ -54,26 +54,32 @@ void ledger::heard(int64_t now_ms) {
         heard_ms_ = now_ms;
 }
 
-ledger::growth ledger::take(const flow_message &news, int64_t now_ms) {
+std::optional<ledger::growth> ledger::take(const flow_message &news, int64_t now_ms) {
     const auto at = enter(news, now_ms);
     if (at == flows_.end())
         return std::nullopt;
+    if (is_to_be_released(at->second, now_ms)) { // what it had so far is the former name's
+        release(at->second);
+        note_changed(at);
+    }
     if (rename(at->second, news))
         note_changed(at);
     return take(at, news.counts, news.ended, now_ms);
 }
 
-ledger::growth ledger::take_counts(std::string_view id, const flow_counts &counts, bool ended,
-                                   int64_t now_ms) {
+std::optional<ledger::growth> ledger::take_counts(std::string_view id, const flow_counts &counts,
+                                                  bool ended, int64_t now_ms) {
     const auto at = flows_.find(flow_number(id));
     if (at == flows_.end())
         return std::nullopt;
     return take(at, counts, ended, now_ms);
 }
 
-flow_counts ledger::take(flow_map::iterator at, const flow_counts &counts, bool ended,
-                         int64_t now_ms) {
-    const flow_counts more = update(at, counts, now_ms, ended);
+ledger::growth ledger::take(flow_map::iterator at, const flow_counts &counts, bool ended,
+                            int64_t now_ms) {
+    growth more;
+    more.named_ms = at->second.held ? at->second.since_ms + HELD_MS : now_ms;
+    more.counts = update(at, counts, now_ms, ended);
     if (!ended)
         return more;
     ended_.add(at->first, now_ms);
@@ -96,12 +102,26 @@ void ledger::pass(int64_t now_ms) {
             at = close(at);
             continue;
         }
-        if (flow.held && now_ms - flow.since_ms >= HELD_MS && has_room(*flow.key)) {
+        if (is_to_be_released(flow, now_ms)) {
             release(flow);
             note_changed(at);
         }
         ++at;
     }
+}
+
+void ledger::release_all() {
+    for (auto at = flows_.begin(); at != flows_.end(); ++at) {
+        if (!at->second.held)
+            continue;
+        release(at->second);
+        note_changed(at);
+    }
+}
+
+const application_name *ledger::name_of(std::string_view id) const {
+    const auto found = flows_.find(flow_number(id));
+    return found != flows_.end() ? &found->second.key->application : nullptr;
 }
 
 void ledger::written() {
@@ -231,6 +251,10 @@ flow_counts ledger::update(flow_map::iterator at, const flow_counts &counts, int
         count(*flow.key, amounts_of(more));
     note_changed(at);
     return more;
+}
+
+bool ledger::is_to_be_released(const open_flow &flow, int64_t now_ms) const {
+    return flow.held && now_ms - flow.since_ms >= HELD_MS && has_room(*flow.key);
 }
 
 // Its counts so far become part of the sums.

@@ -99,15 +99,24 @@ public:
     void heard(int64_t now_ms);
     void disconnected() { listed_ms_ = -1; }
 
-    // What it has beyond what was told before; nothing of a flow that isn't counted.
-    using growth = std::optional<flow_counts>;
-    growth take(const flow_message &news, int64_t now_ms);
-    growth take_counts(std::string_view id, const flow_counts &counts, bool ended, int64_t now_ms);
+    struct growth {
+        flow_counts counts = {}; // what the flow has beyond what was told before
+        int64_t named_ms = 0;    // until then all of them are counted under its later name
+    };
+    // Nothing of a flow that isn't counted.
+    std::optional<growth> take(const flow_message &news, int64_t now_ms);
+    std::optional<growth> take_counts(std::string_view id, const flow_counts &counts, bool ended,
+                                      int64_t now_ms);
     // Of flows that ended unseen; its `id` and `ended` mean nothing.
     void take_sum(const flow_message &sum, uint64_t flows);
 
+    // What it calls the flow; null: nothing is known of it.
+    const application_name *name_of(std::string_view id) const;
+
     // To be called every few seconds: looks at all open flows.
     void pass(int64_t now_ms);
+    // Nothing is held any longer: others are told what there is.
+    void release_all();
 
     const std::map<sum_key, amounts> &pending() const { return pending_; }
     using flow_map = std::unordered_map<uint64_t, open_flow>; // by flow_number
@@ -140,12 +149,13 @@ private:
 
     flow_map::iterator enter(const flow_message &news, int64_t now_ms);
     bool rename(open_flow &flow, const flow_message &news);
-    flow_counts take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
+    growth take(flow_map::iterator at, const flow_counts &counts, bool ended, int64_t now_ms);
     const sum_key *share(sum_key key);
     bool has_room_for_name(const std::string &client) const;
     void give_up(const sum_key *key);
     flow_counts update(flow_map::iterator at, const flow_counts &counts, int64_t now_ms,
                        bool is_last);
+    bool is_to_be_released(const open_flow &flow, int64_t now_ms) const;
     void release(open_flow &flow);
     flow_map::iterator close(flow_map::iterator at);
     void note_changed(flow_map::iterator at);

@@ -9,6 +9,8 @@ namespace {
 
 constexpr uint16_t VERSION = 10;
 constexpr size_t LENGTH_AT = 2; // in a message, and in a set
+constexpr size_t TIME_AT = 4;
+constexpr size_t SEQUENCE_AT = 8;
 constexpr size_t MESSAGE_HEADER = 16;
 constexpr size_t SET_HEADER = 4;
 constexpr uint16_t SYSTEMATIC_COUNT_BASED = 1; // selectorAlgorithm; IANA's "PSAMP Parameters"
@@ -18,7 +20,18 @@ void put_length(std::string &out, size_t at, size_t length) {
     out[at + LENGTH_AT + 1] = static_cast<char>(length);
 }
 
+void put_number(std::string &out, size_t at, uint32_t number) {
+    std::string octets;
+    append_number(octets, number, sizeof number);
+    out.replace(at, octets.size(), octets);
+}
+
 } // namespace
+
+void ipfix_message::stamp(uint32_t export_s, uint32_t sequence) {
+    put_number(bytes, TIME_AT, export_s);
+    put_number(bytes, SEQUENCE_AT, sequence);
+}
 
 ipfix_messages::ipfix_messages(const ipfix_layout &layout) : layout_(layout) {
     for (uint16_t bits = 0; bits < FLOW_TEMPLATE_COUNT; ++bits)
@@ -68,53 +81,53 @@ void ipfix_messages::add_record(const exported_record &record) {
     add_data(id, record_);
 }
 
-std::vector<std::string> ipfix_messages::take() {
+std::vector<ipfix_message> ipfix_messages::take() {
     end_message();
     return std::exchange(full_, {});
 }
 
 void ipfix_messages::add_data(uint16_t id, std::string_view record) {
     add_to_set(id, record);
-    ++sequence_;
+    ++begun_.records;
 }
 
 void ipfix_messages::add_to_set(uint16_t id, std::string_view record) {
     const size_t with_header = record.size() + (set_at_ == 0 || set_id_ != id ? SET_HEADER : 0);
-    if (!message_.empty() && message_.size() + with_header > MESSAGE_MAX)
+    if (!begun_.bytes.empty() && begun_.bytes.size() + with_header > MESSAGE_MAX)
         end_message();
-    if (message_.empty())
+    if (begun_.bytes.empty())
         begin_message();
     if (set_at_ == 0 || set_id_ != id) {
         end_set();
-        set_at_ = message_.size();
+        set_at_ = begun_.bytes.size();
         set_id_ = id;
-        append_number(message_, id, 2);
-        append_number(message_, 0, 2);
+        append_number(begun_.bytes, id, 2);
+        append_number(begun_.bytes, 0, 2);
     }
-    message_ += record;
+    begun_.bytes += record;
 }
 
 void ipfix_messages::begin_message() {
-    append_number(message_, VERSION, 2);
-    append_number(message_, 0, 2);
-    append_number(message_, export_s_, 4);
-    append_number(message_, sequence_, 4);
-    append_number(message_, layout_.domain, 4);
+    append_number(begun_.bytes, VERSION, 2);
+    append_number(begun_.bytes, 0, 2);
+    append_number(begun_.bytes, 0, 4); // until it is stamped
+    append_number(begun_.bytes, 0, 4);
+    append_number(begun_.bytes, layout_.domain, 4);
     static_assert(MESSAGE_HEADER == 2 + 2 + 4 + 4 + 4);
 }
 
 void ipfix_messages::end_set() {
     if (set_at_ != 0)
-        put_length(message_, set_at_, message_.size() - set_at_);
+        put_length(begun_.bytes, set_at_, begun_.bytes.size() - set_at_);
     set_at_ = 0;
 }
 
 void ipfix_messages::end_message() {
-    if (message_.empty())
+    if (begun_.bytes.empty())
         return;
     end_set();
-    put_length(message_, 0, message_.size());
-    full_.push_back(std::exchange(message_, {}));
+    put_length(begun_.bytes, 0, begun_.bytes.size());
+    full_.push_back(std::exchange(begun_, {}));
 }
 
 } // namespace avwatch

@@ -4,8 +4,9 @@
 //     message   version 10 (2)  length (2)  export time, s (4)  sequence (4)  domain (4)
 //     set       id (2)  length, with these four bytes (2)  records
 //
-// Sets end with their last record: there is no padding. The sequence number is that of a message's
-// first data record, those of options count, too, modulo 2^32 (section 3.1). Over UDP nothing says
+// Sets end with their last record: there is no padding. Time and sequence number are those of
+// sending, so who sends stamps them: the number is that of a message's first data record in the
+// transport session, those of options count, too, modulo 2^32 (section 3.1). Over UDP nothing says
 // that a template arrived, so all are sent again and again (section 8.1): who calls says when.
 #pragma once
 
@@ -26,6 +27,13 @@ struct ipfix_layout {
     std::optional<uint32_t> enterprise; // whose elements our own are; nothing: there are none
 };
 
+struct ipfix_message {
+    std::string bytes;
+    uint32_t records = 0; // data records
+
+    void stamp(uint32_t export_s, uint32_t sequence);
+};
+
 struct record_field;
 
 class ipfix_messages {
@@ -38,9 +46,6 @@ public:
     ipfix_messages(const ipfix_messages &) = delete;
     ipfix_messages &operator=(const ipfix_messages &) = delete;
 
-    // What the messages that begin from now on say of when they were sent; seconds since 1970.
-    void set_time(uint32_t export_s) { export_s_ = export_s; }
-
     void add_templates();
     void add_sampling(); // that every packet counts
     // Texts are UTF-8; of a name that is too long the end is said, as of a site's.
@@ -49,11 +54,9 @@ public:
     void add_interface(uint32_t index, std::string_view name);
     void add_record(const exported_record &record);
 
-    size_t full() const { return full_.size(); } // messages that wait to be taken
-    // Those that are full and the one that was begun.
-    std::vector<std::string> take();
-
-    uint32_t sequence() const { return sequence_; } // of the next data record
+    // Messages that wait to be taken: those that are full and the one that was begun.
+    size_t waiting() const { return full_.size() + (begun_.bytes.empty() ? 0 : 1); }
+    std::vector<ipfix_message> take();
 
 private:
     void add_to_set(uint16_t id, std::string_view record);
@@ -64,13 +67,11 @@ private:
 
     const ipfix_layout layout_;
     std::vector<std::vector<record_field>> flow_fields_; // by template
-    uint32_t export_s_ = 0;
-    uint32_t sequence_ = 0;
-    std::string message_; // that was begun
-    size_t set_at_ = 0;   // its last set; 0: none
+    ipfix_message begun_;
+    size_t set_at_ = 0; // its last set; 0: none
     uint16_t set_id_ = 0;
     std::string record_; // at hand
-    std::vector<std::string> full_;
+    std::vector<ipfix_message> full_;
 };
 
 } // namespace avwatch

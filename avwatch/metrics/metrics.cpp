@@ -123,8 +123,8 @@ void add_exports(std::string &out, const std::vector<export_counts> &exports) {
         {"jorn_export_messages_total", "Messages that were sent.", &export_counts::messages},
         {"jorn_export_failed_messages_total", "Messages that weren't sent, or were refused.",
          &export_counts::failed},
-        {"jorn_export_dropped_messages_total",
-         "Messages that there was no room for, and news of too many flows.",
+        {"jorn_export_dropped_total",
+         "Records that there was no room for, and news of too many flows.",
          &export_counts::dropped},
     };
     for (const auto &each : counters) {

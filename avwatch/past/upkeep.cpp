@@ -1,4 +1,5 @@
 #include "avwatch/base/failure.h"
+#include "avwatch/history/export_rows.h"
 #include "avwatch/history/schema.h"
 #include "avwatch/history/usage.h"
 #include "avwatch/past/history_file.h"
@@ -72,6 +73,8 @@ int back_up(const invocation &asked, const upkeep_request &wanted) {
     statement copy(file, "VACUUM INTO ?");
     try {
         copy.bind(0, std::string_view(wanted.target)).run();
+        database copied(wanted.target, database::access::read_write);
+        forget_numbers(copied);
     } catch (const database_error &) {
         unlink(wanted.target.c_str()); // what there is of it
         throw;

@@ -51,18 +51,26 @@ struct recorder::taker {
     // Without exports avcore is brief, if it can be.
     void operator()(const brief_record &flow) const { take(flow, flow.named_by); }
     void operator()(const flow_record &flow) const {
-        const ledger::growth more = take(flow, flow.why.named_by);
-        if (more && to.exports_.has_any())
-            to.exports_.flows().take(flow, *more, now_ms);
+        const bool is_exported = to.exports_.has_any();
+        const application_name known = is_exported ? known_name(flow) : application_name();
+        const std::optional<ledger::growth> more = take(flow, flow.why.named_by);
+        if (more && is_exported)
+            to.exports_.flows().take(flow, *more, now_ms, known);
+    }
+    // After a restart of both avcore may know no more of the flow than its counts.
+    application_name known_name(const flow_record &flow) const {
+        const application_name *name =
+            flow.application.empty() ? to.ledger_.name_of(flow.id) : nullptr;
+        return name != nullptr ? *name : application_name();
     }
     template <typename Record>
-    ledger::growth take(const Record &flow, const std::string &named_by) const {
+    std::optional<ledger::growth> take(const Record &flow, const std::string &named_by) const {
         return to.ledger_.take({flow.id, flow.client, flow.client_mac, flow.application, named_by,
                                 verdict_of(flow.verdict), counts_in(flow), !flow.ended.empty()},
                                now_ms);
     }
     void operator()(const count_record &count) const {
-        const ledger::growth more =
+        const std::optional<ledger::growth> more =
             to.ledger_.take_counts(count.id, counts_in(count), !count.ended.empty(), now_ms);
         if (more && to.exports_.has_any())
             to.exports_.flows().take(count, *more, now_ms);
@@ -78,7 +86,7 @@ struct recorder::taker {
                              true},
                             sum.flows);
         if (to.exports_.has_any())
-            to.exports_.flows().take(sum, static_cast<uint64_t>(time(nullptr)) * 1'000'000);
+            to.exports_.flows().take(sum, now_ms);
     }
     void operator()(const listing_end &) const { to.ledger_.listed(now_ms); }
     void operator()(const client_record &client) const {
@@ -109,6 +117,8 @@ recorder::recorder(const history_settings &settings, std::string watch_socket, e
 
 void recorder::listen() {
     const int64_t now_ms = monotonic_ms();
+    if (exports_.has_any())
+        exports_.look_at_clocks();
     try {
         has_more_ = true;
         for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
@@ -125,6 +135,8 @@ void recorder::listen() {
     } catch (const no_watch &gone) {
         disconnect(gone.what());
     }
+    if (health_.writes_history && exports_.flows().is_crowded())
+        write_due_ms_ = now_ms;
 }
 
 void recorder::serve(int64_t now_ms) {
@@ -139,17 +151,24 @@ void recorder::serve(int64_t now_ms) {
 }
 
 void recorder::finish() {
-    for (int tries = 0; tries < FINISH_TRIES && !write(monotonic_ms()); ++tries) {
-    }
+    if (exports_.has_any())
+        ledger_.release_all(); // so that all of it counts under the names that collectors are told
+    bool is_locked = true;
+    for (int tries = 0; tries < FINISH_TRIES && is_locked; ++tries)
+        is_locked = !write(monotonic_ms());
     if (!exports_.has_any())
         return;
+    if (is_locked) {
+        complain("the history is locked: collectors get the last counts after the next start");
+        return;
+    }
     exports_.finish();
     exports_due_ms_ = 0;
     write(monotonic_ms());
 }
 
-// While another one is at the file what was counted isn't stored: it waits. Where the file can't be
-// written for long, it goes nevertheless.
+// What isn't stored would be counted, and told, once more after a restart, so it waits while
+// another one is at the file. Where that is full or broken collectors are told nevertheless.
 void recorder::write_and_send(int64_t now_ms) {
     if (write(now_ms) && exports_.has_any())
         exports_.send(now_ms);
@@ -227,6 +246,9 @@ bool recorder::open_history(int64_t now_ms) {
         file_inode_ = inode_of(settings_.file);
         return true;
     } catch (const database_error &error) {
+        store_.reset();
+        if (is_restored_ && error.is_locked()) // for a moment
+            throw;
         trouble = error.what();
     } catch (const foreign_history &other) {
         if (!is_restored_)
@@ -273,7 +295,7 @@ std::optional<int64_t> recorder::asked_ends_ms(int64_t now_ms) const {
 void recorder::greet(int64_t now_ms) {
     is_greeted_ = true;
     ledger_.connected(avcore_->greeting()->epoch());
-    exports_.flows().connected(avcore_->greeting()->epoch());
+    exports_.flows().connected(avcore_->greeting()->epoch(), ledger_.heard_ms());
     ask_due_ms_ = clients_due_ms_ = now_ms;
     if (!std::exchange(avcore_trouble_, {}).empty())
         complain("avcore is heard again");

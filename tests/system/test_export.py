@@ -166,6 +166,25 @@ class Export(Served):
         self.assertGreater(sum(each[1] for each in sums.values()), sum(each[1] for each in most.values()) / 4)
         self.assertEqual(collector.wrong, [])
 
+    def test_a_locked_history(self):
+        """What isn't stored isn't sent, or the next run would count and send it again."""
+        collector = Collector()
+        self.configure(table(collector.port))
+        avcore = Avcore(self.socket)
+        self.serve()
+        avcore.tell({"flow": self.flow(1, [1, 100, 0, 0])})
+        wait_until(lambda: collector.sums() == {"app1": [100, 1, 0]})
+        with contextlib.closing(sqlite3.connect(self.history, isolation_level=None)) as other:
+            other.execute("BEGIN IMMEDIATE")
+            avcore.tell({"flow": self.flow(1, [2, 300, 0, 0])}, ended(3, 5_000))
+            time.sleep(2)
+            self.assertIn("locked", self.stop())
+        self.assertEqual(collector.sums(), {"app1": [100, 1, 0]})
+        avcore.flows = [self.flow(1, [3, 600, 0, 0]), ended(3, 5_000)["flow"]]
+        self.serve()
+        self.equal(collector, {"app1": [600, 3, 0], "app0": [5_000, 50, 0]})
+        self.stop()
+
     def test_names_and_what_is_said_of_clients(self):
         everything, little = Collector(), Collector()
         self.configure('names = "full"\n' + table(everything.port, "enterprise = 99999\naccess_point = \"02:00:00:00:00:AA\"") +
@@ -253,8 +272,11 @@ class Export(Served):
             ("192.0.2.1", "up"): (100, "active"), ("2001:db8::2", "up"): (300, "ended"),
             ("198.51.100.7", "down"): (400, "ended")})
         self.assertEqual(by_end["2001:db8::2", "up"]["application"], "a?")
-        avcore.tell({"flow": flow(1, 5_100, 70_050)})
-        time.sleep(0.3)
+        avcore.kill()  # and it goes on when that is back: with what passed, and ended, meanwhile
+        avcore = Avcore(self.socket, [flow(1, 5_100, 70_050), flow(2, 300, 400, client="2001:db8::2", ended="fin"),
+                                      flow(3, 0, 7, ended="fin")])
+        line = json.loads(printing.stdout.readline())
+        self.assertEqual((line["bytes"], line["end"]), (7, "ended"))
         printing.terminate()
         self.assertEqual(json.loads(printing.stdout.read())["bytes"], 50)
         self.assertEqual(printing.wait(DEADLINE), 0)

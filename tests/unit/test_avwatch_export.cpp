@@ -56,11 +56,13 @@ struct ipfix_reader {
             EXPECT_EQ(is_own ? number(4) : 99'999, 99'999u);
         }
     }
-    void read(std::string_view message) {
-        ASSERT_LE(message.size(), ipfix_messages::MESSAGE_MAX);
-        left = message;
+    void read(ipfix_message message) {
+        ASSERT_LE(message.bytes.size(), ipfix_messages::MESSAGE_MAX);
+        message.stamp(1'764'150'000, sequence);
+        left = message.bytes;
+        const uint32_t end = sequence + message.records;
         EXPECT_EQ(number(2), 10u);
-        EXPECT_EQ(number(2), message.size());
+        EXPECT_EQ(number(2), message.bytes.size());
         EXPECT_EQ(number(4), 1'764'150'000u);
         EXPECT_EQ(number(4), sequence);
         EXPECT_EQ(number(4), 1u);
@@ -73,6 +75,7 @@ struct ipfix_reader {
                 id <= 3 ? read_template(id == 3) : read_data(id);
             EXPECT_EQ(left.data(), behind.data());
         }
+        EXPECT_EQ(sequence, end);
     }
     void read_data(uint16_t id) {
         ASSERT_TRUE(templates.contains(id)) << id;
@@ -114,16 +117,16 @@ TEST(AvwatchExport, MessagesAreReadByTheirTemplates) {
     for (const bool with_clients : {true, false}) {
         ipfix_messages messages(
             {1, with_clients, with_clients ? std::optional(99'999u) : std::nullopt});
-        messages.set_time(1'764'150'000);
         messages.add_templates();
         messages.add_sampling();
         messages.add_interface(7, "wlan0");
         for (unsigned i = 0; i < 8'000; ++i)
             messages.add_record(sample(i % 8));
         ipfix_reader reader;
-        for (const std::string &each : messages.take())
+        EXPECT_GT(messages.waiting(), 1u);
+        for (const ipfix_message &each : messages.take())
             reader.read(each);
-        EXPECT_EQ(reader.sequence, messages.sequence());
+        EXPECT_EQ(messages.waiting(), 0u);
         EXPECT_EQ(reader.records[267].at(0)[34], octets(1, 4));
         EXPECT_EQ(reader.records[266].at(0)[82], std::string("wlan0").append(11, '\0'));
         for (unsigned kind = 0; kind < 8; ++kind) {
@@ -149,8 +152,9 @@ TEST(AvwatchExport, MessagesAreReadByTheirTemplates) {
 // As RFC 7011 draws them, byte by byte: the message's header and the first template.
 TEST(AvwatchExport, TemplatesAreThese) {
     ipfix_messages messages({});
-    messages.set_time(0x01020304);
     messages.add_templates();
+    std::vector<ipfix_message> made = messages.take();
+    made.at(0).stamp(0x01020304, 0);
     const std::string expected(
         "\0\x0A\3\x30\1\2\3\4\0\0\0\0\0\0\0\1\0\2\2\xC4\1\0\0\x15\0\x08\0\4\0\x0C\0\4\0\7\0\2\0"
         "\x0B\0\2\0"
@@ -158,14 +162,13 @@ TEST(AvwatchExport, TemplatesAreThese) {
         "\4\0\x0E"
         "\0\4\0\x88\0\1\0\x59\0\1\0\xE9\0\1\0\x5F\0\3\1\x6D\0\6\0\x38\0\6\1\x6F\0\6\1\1\0\x15",
         112);
-    EXPECT_EQ(messages.take().at(0).substr(0, expected.size()), expected);
+    EXPECT_EQ(made.at(0).bytes.substr(0, expected.size()), expected);
 }
 
 TEST(AvwatchExport, NamesAreCutAtACharacter) {
     application_numbers numbers;
     application_ids ids(numbers);
     ipfix_messages messages({});
-    messages.set_time(1'764'150'000);
     messages.add_templates();
     const std::string euro = "\xE2\x82\xAC";
     std::string longest;
@@ -173,11 +176,11 @@ TEST(AvwatchExport, NamesAreCutAtACharacter) {
         longest += euro;
     for (const std::string &name :
          {longest, std::string("a\x1B[2J\n\0\xFF\xE2\x80\xAE.example", 19)}) {
-        const application_id id = ids.id_of(name, {}, names_kept::full, 1);
+        const application_id id = ids.id_of({name, false}, 0, names_kept::full);
         messages.add_application(id, ids.description_of(id), ids.name_of(id));
     }
     ipfix_reader reader;
-    for (const std::string &each : messages.take())
+    for (const ipfix_message &each : messages.take())
         reader.read(each);
     EXPECT_EQ(reader.records[265].at(0)[96], longest.substr(0, 63) + '\0');
     EXPECT_EQ(reader.records[265].at(1)[96].substr(0, 18),
@@ -187,25 +190,21 @@ TEST(AvwatchExport, NamesAreCutAtACharacter) {
 TEST(AvwatchExport, NumbersMeanTheSameForEver) {
     std::string folder = "/tmp/export-XXXXXX";
     ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    const std::string path = folder + "/history.db";
-    const auto numbered = [](application_numbers &numbers, int i, int64_t day) {
-        return numbers.number_of({"site" + std::to_string(i) + ".example", true}, day);
-    };
+    std::string path = folder + "/history.db";
     std::map<uint32_t, int> meant;
-    const auto run = [&](int from, int to, int64_t day) {
+    const auto run = [&](int from, int to) { // a turn of its own
         database file(path, database::access::create);
         prepare_history(file);
         application_numbers numbers;
         read_numbers(file, numbers);
         const uint32_t next = numbers.next();
-        size_t other = 0;
+        int other = 0;
         for (int i = from; i < to; ++i) {
-            const uint32_t number = numbered(numbers, i, day);
-            if (number == application_numbers::OTHER_NUMBER) {
+            const uint32_t number = numbers.number_of({"site" + std::to_string(i), true});
+            if (number == application_numbers::OTHER_NUMBER)
                 ++other;
-                continue;
-            }
-            EXPECT_EQ(meant.try_emplace(number, i).first->second, i);
+            else
+                EXPECT_EQ(meant.try_emplace(number, i).first->second, i);
         }
         // One that isn't stored means nothing, for the next run may give it to another one.
         application_ids ids(numbers);
@@ -216,41 +215,61 @@ TEST(AvwatchExport, NumbersMeanTheSameForEver) {
         return other;
     };
     constexpr int max = application_numbers::MAX;
-    EXPECT_EQ(run(0, 1'000, 1), 0u);
-    EXPECT_EQ(run(500, 2'000, 2), 0u);
-    EXPECT_EQ(run(2'000, max + 10, 3), 0u);   // those of the first day have gone
-    EXPECT_EQ(run(0, 10, 3), 0u);             // and get others
-    EXPECT_EQ(run(0, 2 * max, 3) > 0, true);  // on one day no more than there is room for
-    EXPECT_GT(meant.size(), size_t{max} + 9); // not one was given twice
+    constexpr int room = application_numbers::ROOM;
+    EXPECT_EQ(run(0, 1'000), 0);
+    EXPECT_EQ(run(500, max), 0); // all have a number
+    EXPECT_EQ(run(1'000, max), 0);
+    EXPECT_EQ(run(max, max + 500), 0); // of the first turn
+    EXPECT_EQ(run(500, max), 0);       // of whom some made room
+    EXPECT_EQ(meant.size(), size_t{max} + room);
+    EXPECT_GT(run(0, 2 * max), 0); // in one turn no more than there is room for
+    const size_t before = meant.size();
+    EXPECT_EQ(run(3 * max, 3 * max + room), 0);
+    EXPECT_EQ(meant.size(), before + room); // not one was given twice
+    path = folder + "/another.db";          // nor by a file that knows nothing of them
+    EXPECT_EQ(run(4 * max, 4 * max + 100), 0);
+    EXPECT_EQ(meant.size(), before + room + 100);
     std::filesystem::remove_all(folder);
+}
+
+TEST(AvwatchExport, ANumberThatIsInUseStays) {
+    application_numbers numbers;
+    const uint32_t long_lived = numbers.number_of({"vpn", false});
+    const uint32_t unused = numbers.number_of({"gone", false});
+    numbers.written();
+    numbers.begin_turn();
+    EXPECT_TRUE(numbers.use(long_lived)); // of a flow that goes on, and is named no more
+    for (size_t i = 0; i < application_numbers::MAX; ++i)
+        numbers.number_of({std::to_string(i), false});
+    EXPECT_TRUE(numbers.use(long_lived));
+    EXPECT_FALSE(numbers.use(unused));
 }
 
 TEST(AvwatchExport, EngineNumbersKeepTheirNames) {
     application_numbers numbers;
     application_ids ids(numbers);
-    why_record why;
-    why.named_by = "dpi";
-    why.app_id = 124;
-    const application_id id = ids.id_of("youtube", why, names_kept::none, 1);
+    const application_id id = ids.id_of({"youtube", false}, 124, names_kept::none);
     EXPECT_EQ(id, (application_id{NDPI_ENGINE, 124}));
     EXPECT_EQ(ids.name_of(id), "youtube");
-    const application_id another = ids.id_of("vimeo", why, names_kept::none, 1);
+    const application_id another = ids.id_of({"vimeo", false}, 124, names_kept::none);
     EXPECT_EQ(another.engine, USER_DEFINED_ENGINE);
     EXPECT_EQ(ids.name_of(another), "vimeo");
-    why.named_by = "dns";
-    EXPECT_EQ(ids.name_of(ids.id_of("www.example.com", why, names_kept::none, 1)), "by name");
-    EXPECT_EQ(ids.name_of(ids.id_of("", why, names_kept::full, 1)), "unnamed");
+    EXPECT_EQ(ids.name_of(ids.id_of({"www.example.com", true}, 0, names_kept::none)), "by name");
+    EXPECT_EQ(ids.name_of(ids.id_of({}, 0, names_kept::full)), "unnamed");
 }
 
 struct AvwatchDueFlows : testing::Test {
+    application_numbers numbers;
+    application_ids ids{numbers};
     due_flows flows{{{10'000, 10'000}, {60'000, 5'000}},
-                    {[](size_t, const std::string &, const why_record &) {
-                         return application_id{USER_DEFINED_ENGINE, 70'000};
+                    {[this](size_t, const application_name &name, uint64_t) {
+                         return ids.id_of(name, 0, names_kept::full);
                      },
                      [](const std::string &) { return uint16_t{0}; }}};
+    std::string application = "first";
     flow_counts told = {}, given[2] = {};
     std::vector<exported_record> records[2];
-    bool has_room = true;
+    bool has_room[2] = {true, true};
 
     flow_record flow(uint64_t last_us, const std::string &ended = "") {
         flow_record record;
@@ -258,6 +277,7 @@ struct AvwatchDueFlows : testing::Test {
         record.client = "192.0.2.1";
         record.server = "198.51.100.7";
         record.protocol = "TCP";
+        record.application = application;
         record.begun_us = 1'000'000;
         record.last_us = last_us;
         record.ended = ended;
@@ -270,11 +290,11 @@ struct AvwatchDueFlows : testing::Test {
               const std::string &ended = "") {
         for (size_t i = 0; i < FLOW_COUNTS; ++i)
             told[i] += more[i];
-        flows.take(flow(last_us, ended), more, now_ms);
+        flows.take(flow(last_us, ended), {more, ledger::HELD_MS}, now_ms);
     }
     void give(int64_t now_ms, bool all = false) {
         flows.give(now_ms, all, [&](size_t place, const flow_part &part) {
-            if (!has_room)
+            if (!has_room[place])
                 return false;
             for (size_t i = 0; i < FLOW_COUNTS; ++i)
                 given[place][i] += part.counts[i];
@@ -288,27 +308,27 @@ struct AvwatchDueFlows : testing::Test {
 TEST_F(AvwatchDueFlows, EachCountOnceWhateverTheTimeouts) {
     std::mt19937 random(7);
     for (int64_t now_ms = 0; now_ms < 600'000; now_ms += 1'000) {
+        application = random() % 50 == 0 ? std::to_string(random() % 9) : application;
         if (random() % 5 == 0)
             grow({random() % 3, random() % 900, random() % 9, random() % 9'000, random() % 2,
                   random() % 2},
                  static_cast<uint64_t>(now_ms) * 1'000 + 1'000'000, now_ms);
-        has_room = random() % 4 != 0;
+        has_room[0] = random() % 4 != 0;
+        has_room[1] = random() % 4 != 0;
         give(now_ms);
     }
-    has_room = true;
+    has_room[0] = has_room[1] = true;
     grow({1, 40, 0, 0, 0, 0}, 601'000'000, 600'000, "fin");
     give(600'000);
     EXPECT_EQ(flows.size(), 0u);
     for (size_t place = 0; place < 2; ++place) {
         EXPECT_EQ(given[place], told);
-        uint64_t bytes = 0, packets = 0, dropped = 0, ended_ms = 0;
+        uint64_t bytes = 0, packets = 0, dropped = 0;
         for (const exported_record &each : records[place]) {
             bytes += each.bytes;
             packets += each.packets;
             dropped += each.dropped;
             EXPECT_LE(each.begun_ms, each.ended_ms);
-            EXPECT_GE(each.ended_ms, ended_ms);
-            ended_ms = each.ended_ms;
         }
         EXPECT_EQ(bytes, told[UP_BYTES] + told[DOWN_BYTES]);
         EXPECT_EQ(packets, told[UP_PACKETS] + told[DOWN_PACKETS]);
@@ -318,24 +338,31 @@ TEST_F(AvwatchDueFlows, EachCountOnceWhateverTheTimeouts) {
     EXPECT_NE(records[0].size(), records[1].size());
 }
 
-TEST_F(AvwatchDueFlows, EndsAndClocks) {
-    grow({1, 60, 1, 60, 0, 0}, 2'000'000, 0);
-    give(9'000);
-    EXPECT_EQ(records[0].size(), 0u);
-    EXPECT_EQ(records[1].size(), 2u); // silent for five seconds
+TEST_F(AvwatchDueFlows, TimeoutsEndsAndClocks) {
+    flows.set_clock(1'000'000);
+    grow({1, 60, 1, 60, 0, 0}, 2'000'000, 3'000); // two seconds ago
+    give(5'999);
+    EXPECT_EQ(records[1].size(), 0u);
+    give(6'000);
+    ASSERT_EQ(records[1].size(), 2u);
     EXPECT_EQ(records[1][0].end_reason, END_INACTIVE);
     EXPECT_EQ(records[1][0].event, FLOW_CREATED);
-    grow({0, 0, 0, 0, 0, 3}, 500'000, 10'000); // the clock was set back
-    give(10'000);
+    EXPECT_EQ(records[0].size(), 0u);
+    flows.set_clock(-400'000);
+    grow({0, 0, 0, 0, 0, 3}, 9'600'000, 10'000); // the clock was set back by 1.4 s, after it
+    give(13'000);
     ASSERT_EQ(records[0].size(), 2u);
-    EXPECT_EQ(records[0][0].begun_ms, 500u);
-    EXPECT_EQ(records[0][0].ended_ms, 500u);
+    EXPECT_EQ(records[0][0].end_reason, END_ACTIVE_TIMEOUT);
+    EXPECT_EQ(records[0][0].begun_ms, 0u);
+    EXPECT_EQ(records[0][0].ended_ms, 9'600u);
     EXPECT_EQ(records[0][0].status, DROPPED_BY_LIMIT);
     EXPECT_EQ(records[0][0].dropped, 3u);
     EXPECT_EQ(records[0][1].dropped, 0u); // once, not in each direction
-    grow({0, 0, 5, 5, 0, 0}, 3'000'000, 11'000);
-    flows.connected("another boot"); // where no flow goes on
-    give(11'000);
+    give(15'000);
+    EXPECT_EQ(records[1].back().begun_ms, 600u); // where the one before it ended
+    grow({0, 0, 5, 5, 0, 0}, 3'000'000, 16'000);
+    flows.connected("another boot", -1); // where no flow goes on
+    give(16'000);
     EXPECT_EQ(records[0].back().end_reason, END_FORCED);
     EXPECT_FALSE(records[0].back().from_client);
     EXPECT_EQ(flows.size(), 0u);
@@ -344,28 +371,75 @@ TEST_F(AvwatchDueFlows, EndsAndClocks) {
     sum.client_mac = "02:00:00:00:00:01";
     sum.verdict = "deny";
     sum.dropped.denied = 4;
-    flows.take(sum, 9'000'000);
-    give(12'000);
+    flows.take(sum, 16'000);
+    give(16'000);
     EXPECT_EQ(records[0].back().station, (exported_record::mac_address{2, 0, 0, 0, 0, 1}));
     EXPECT_EQ(records[0].back().event, FLOW_DENIED);
     EXPECT_EQ(records[0].back().dropped, 4u);
 
     // A flow that an earlier run has told of, at the end of this one.
+    flows.connected("another boot", 18'000);
     told = {9, 900, 0, 0, 0, 0};
-    grow({1, 100, 0, 0, 0, 0}, 10'000'000, 20'000);
+    grow({1, 100, 0, 0, 0, 0}, 19'000'000, 20'000);
     give(20'000, true);
     EXPECT_EQ(records[0].back().event, FLOW_UPDATED);
     EXPECT_EQ(records[0].back().bytes, 100u);
+    EXPECT_EQ(records[0].back().begun_ms, 17'600u);
     EXPECT_EQ(records[0].back().end_reason, END_FORCED);
     give(20'000 + due_flows::SILENT_MS);
     EXPECT_EQ(flows.size(), 0u);
+}
+
+// What a flow has until it is held no longer is its later name's, as in the history.
+TEST_F(AvwatchDueFlows, NamesThatComeLater) {
+    const auto sums = [&] {
+        std::map<std::string, uint64_t> by_name;
+        for (const exported_record &each : records[0])
+            by_name[ids.name_of(each.application)] += each.bytes;
+        return by_name;
+    };
+    application = "";
+    grow({1, 100, 0, 0, 0, 0}, 1'000'000, 0);
+    application = "second";
+    grow({1, 20, 0, 0, 0, 0}, 9'000'000, 8'000);
+    give(10'000);
+    grow({1, 3, 0, 0, 0, 0}, 12'000'000, 11'000);
+    application = "third";
+    grow({1, 5'000, 0, 0, 0, 0}, 13'000'000, 12'000);
+    give(12'000);
+    EXPECT_EQ(records[0].back().event, FLOW_UPDATED);
+    give(30'000);
+    using by_name = std::map<std::string, uint64_t>;
+    EXPECT_EQ(sums(), (by_name{{"second", 123}, {"third", 5'000}}));
+    EXPECT_EQ(given[0], told);
+}
+
+TEST_F(AvwatchDueFlows, OnesTroubleIsNotAnothers) {
+    has_room[1] = false;
+    constexpr size_t count = due_flows::FLOWS_MAX + 20'000;
+    for (size_t i = 0; i < count; ++i) {
+        flow_record many = flow(1, "fin");
+        many.id = std::to_string(i);
+        flows.take(many, {{1, 100, 0, 0, 0, 0}, 0}, 0);
+        if (i % 10'000 == 0)
+            give(0);
+    }
+    give(0);
+    EXPECT_EQ(given[0][UP_PACKETS], count);
+    EXPECT_EQ(flows.left_out(0), 0u);
+    has_room[1] = true;
+    give(0);
+    EXPECT_EQ(flows.size(), 0u);
+    EXPECT_GT(given[1][UP_PACKETS], 0u);
+    EXPECT_EQ(given[1][UP_PACKETS] + flows.left_out(1), count);
+
     for (size_t i = 0; i < due_flows::FLOWS_MAX + 5; ++i) {
         flow_record many = flow(1);
         many.id = std::to_string(i);
         flows.take(many, {}, 0);
     }
     EXPECT_EQ(flows.size(), due_flows::FLOWS_MAX);
-    EXPECT_EQ(flows.left_out(), 5u);
+    EXPECT_EQ(flows.left_out(0), 5u);
 }
 
 } // namespace
