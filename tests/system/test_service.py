@@ -9,7 +9,7 @@ PINS = BPFFS + "/jorn"
 GROUP, USER = 4242, 4243
 AVCORES = "net_raw", "net_admin", "bpf", "perfmon"
 HISTORY = "/tmp/service/history.db"
-TCX_SIDES = 46, 47
+TCX_SIDES = {"ingress": 46, "egress": 47}
 HOLD = 'fail = "closed"\nundecided = "hold"\n'
 
 
@@ -18,16 +18,18 @@ def with_rights(*rights):
 
 
 def programs_at(interface):
-    """Their ids, by tcx."""
+    """Their ids, by tcx and clsact."""
     libbpf, found = ctypes.CDLL("libbpf.so.1"), []
-    for side in TCX_SIDES:
+    for side, number in TCX_SIDES.items():
         ids, count = (ctypes.c_uint32 * 64)(), ctypes.c_uint32(64)
-        libbpf.bpf_prog_query(socket.if_nametoindex(interface), side, 0, None, ids, ctypes.byref(count))
-        found += list(ids)[:count.value]
+        if libbpf.bpf_prog_query(socket.if_nametoindex(interface), number, 0, None, ids, ctypes.byref(count)) == 0:
+            found += list(ids)[:count.value]
+        filters = subprocess.run(["tc", "filter", "show", "dev", interface, side], text=True, capture_output=True)
+        found += map(int, re.findall(r" id (\d+) ", filters.stdout))
     return found
 
 
-class Service(InlineTest):
+class Routed(InlineTest):
     slips_through = 0  # what is denied by its port is held until then
 
     def setUp(self):
@@ -51,7 +53,7 @@ class Service(InlineTest):
         self.lines = Record("lines of avcore")
         self.avcore = subprocess.Popen(
             [*with_rights(*AVCORES), f"--regid={GROUP}", "--clear-groups", jorn_path("avcore"), "--pins", PINS,
-             "-c", CONFIG], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+             *self.attach(), "-c", CONFIG], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
             env=os.environ | {"NOTIFY_SOCKET": notify})
         threading.Thread(target=self._read, args=(self.avcore.stderr, self.lines), daemon=True).start()
         self.addCleanup(self.stop_avcore, self.avcore)
@@ -89,6 +91,9 @@ class Service(InlineTest):
                          (1, ["fail", "interface"]))
         self.assertEqual(check("interfaces = []", "--inline", "wlan0", "--categories", "/nowhere")[0], 1)
         self.assertEqual(self.run_avcore("--check")[0], 2)
+        for path, status in ((f"{PROJECT}/debian/etc/avcore.toml", 3), (f"{EXAMPLES}/avcore.toml", 0)):
+            self.assertEqual(self.run_avcore("--check", "-c", path, "--capture", "av1",
+                                             *(("-i", "lo") if status == 0 else ()))[0], status)
 
         self.configure(HOLD)
         self.start_avcore()
@@ -114,7 +119,9 @@ class Service(InlineTest):
         os.chown(os.path.dirname(HISTORY), USER, GROUP)
         avwatch = (*with_rights(), f"--reuid={USER}", f"--regid={GROUP}", "--clear-groups", jorn_path("avwatch"))
         watcher = subprocess.Popen([*avwatch, "serve", "--history", HISTORY], stderr=subprocess.PIPE, text=True)
-        self.addCleanup(watcher.communicate)
+        said = Record("lines of avwatch")
+        threading.Thread(target=self._read, args=(watcher.stderr, said), daemon=True).start()
+        self.addCleanup(watcher.wait)
         self.addCleanup(watcher.kill)
         self.assertIn(f":{DENIED}", subprocess.check_output([*avwatch, "denials", "--json"], text=True))
 
@@ -142,13 +149,17 @@ class Service(InlineTest):
         self.until(lambda: self.is_shut(6))
         self.assertTrue(self.is_stopped(flow))
         self.assertEqual(self.arrived(flow.socket), [])
+        said.wait(lambda line: "avcore is heard again" in line)
         self.assertEqual(self.run_avcore("teardown", "--pins", PINS)[0], 0)
         self.assertEqual((programs_at("wlan0"), os.path.exists(PINS)), ([], False))
 
         watcher.send_signal(signal.SIGTERM)
         self.assertEqual(watcher.wait(DEADLINE), 0)
-        self.assertIn("avcore is heard again", watcher.stderr.read())
         self.assertEqual(os.stat(HISTORY).st_uid, USER)
+
+
+class Bridged(Routed):
+    bridged = True
 
 
 if __name__ == "__main__":
