@@ -115,7 +115,7 @@ class Routed(InlineTest):
         self.start(HOLD)
         first = programs_at("wlan0")
         self.assertEqual(len(first), 2)
-        os.makedirs(os.path.dirname(HISTORY))
+        os.makedirs(os.path.dirname(HISTORY), exist_ok=True)
         os.chown(os.path.dirname(HISTORY), USER, GROUP)
         avwatch = (*with_rights(), f"--reuid={USER}", f"--regid={GROUP}", "--clear-groups", jorn_path("avwatch"))
         watcher = subprocess.Popen([*avwatch, "serve", "--history", HISTORY], stderr=subprocess.PIPE, text=True)
