@@ -14,6 +14,7 @@
 #include "avwatch/history/ledger.h"
 #include "avwatch/history/store.h"
 #include "avwatch/page/tickets.h"
+#include "shared/json_text.h"
 #include "support/saved_folder.h"
 
 #include <algorithm>
@@ -248,7 +249,7 @@ json checked_line(std::string_view text) {
     demand(text.size() <= BODY_MAX && text.ends_with('\n'));
     text.remove_suffix(1);
     demand(std::ranges::all_of(text, [](char c) { return c >= ' ' && c < 0x7F; }));
-    json value = json::parse(text, nullptr, false);
+    json value = read_json(text);
     demand(!value.is_discarded());
     return value;
 }

@@ -2,6 +2,7 @@
 // are, what is written is JSON, and says the same again when it was read.
 #include "avcore/watch/json_text.h"
 #include "avcore/watch/questions.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -31,7 +32,7 @@ std::string written(std::string_view text, bool flag) {
 
 void check_text(std::string_view text) {
     const std::string line = written(text, !text.empty());
-    const nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
+    const nlohmann::json object = read_json(line);
     demand(object.is_object() && object.size() == 4);
     const std::string said = object["text"].get<std::string>();
     demand(said.size() >= text.size());

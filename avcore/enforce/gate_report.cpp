@@ -1,4 +1,5 @@
 #include "avcore/enforce/gate_report.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <array>
@@ -167,8 +168,7 @@ void print_gate_status_json(std::ostream &out, const gate_status &status) {
             object["counts"][row.key] = row.count;
         object["counts"]["flows_forgotten"] = status.census.forgotten_flows;
     }
-    using on_error = nlohmann::ordered_json::error_handler_t;
-    out << object.dump(-1, ' ', false, on_error::replace) << '\n'; // names may be of any bytes
+    out << json_text(object) << '\n'; // names may be of any bytes
 }
 
 } // namespace avcore

@@ -2,6 +2,7 @@
 #include "avcore/gate/gate.h"
 #include "avcore/gate/tcx.h"
 #include "avcore/netlink/netlink.h"
+#include "shared/json_text.h"
 #include "shared/unique_fd.h"
 
 #include <algorithm>
@@ -126,8 +127,7 @@ std::string output_of(const char *command) {
 
 // Also those of other interfaces: a bridge's table carries what its ports bring.
 void add_flow_tables(lines &found) {
-    const auto said =
-        nlohmann::json::parse(output_of("nft -j list flowtables 2>/dev/null"), nullptr, false);
+    const nlohmann::json said = read_json(output_of("nft -j list flowtables 2>/dev/null"));
     if (!said.is_object() || !said.contains("nftables"))
         return;
     for (const nlohmann::json &item : said["nftables"]) {

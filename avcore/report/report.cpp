@@ -2,6 +2,7 @@
 
 #include "avcore/base/printable.h"
 #include "shared/counted.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <array>
@@ -181,7 +182,7 @@ bool row_writer::add_object(std::string &out) {
         object = object_of(summed_);
     else
         return false;
-    out += object.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
+    out += ascii_json_text(object);
     out += '\n';
     return true;
 }

@@ -1,6 +1,7 @@
 #include "avcore/watch/questions.h"
 
 #include "avcore/base/host_text.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <iterator>
@@ -137,7 +138,7 @@ watch_line read_object(const json &object, uint32_t id) {
 } // namespace
 
 watch_line read_question(std::string_view line) {
-    const json object = json::parse(line, nullptr, false);
+    const json object = read_json(line);
     if (!object.is_object())
         return refusal{std::nullopt, "the line isn't a JSON object"};
     std::optional<uint32_t> id;

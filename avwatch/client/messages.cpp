@@ -1,4 +1,5 @@
 #include "avwatch/client/messages.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <limits>
@@ -75,7 +76,7 @@ constexpr struct {
 std::optional<json> parse_line(std::string_view line) {
     if (nesting_of(line) > NESTING_MAX)
         return std::nullopt;
-    json parsed = json::parse(line, nullptr, false);
+    json parsed = read_json(line);
     return parsed.is_discarded() ? std::nullopt : std::optional(std::move(parsed));
 }
 

@@ -1,6 +1,7 @@
 #include "avwatch/client/records.h"
 
 #include "avwatch/base/addresses.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <limits>
@@ -396,7 +397,7 @@ ordered_json object_of(const event_record &event) {
 }
 
 std::string to_line(const ordered_json &object) {
-    return object.dump(-1, ' ', true, ordered_json::error_handler_t::replace);
+    return ascii_json_text(object);
 }
 
 } // namespace avwatch

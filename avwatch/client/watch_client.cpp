@@ -1,6 +1,7 @@
 #include "avwatch/client/watch_client.h"
 
 #include "avwatch/base/failure.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <array>
@@ -105,7 +106,7 @@ uint32_t watch_client::follow(const following &wanted) {
 
 uint32_t watch_client::send(json line) {
     line["id"] = ++last_id_;
-    const std::string bytes = line.dump(-1, ' ', false, json::error_handler_t::replace) + '\n';
+    const std::string bytes = json_text(line) + '\n';
     if (bytes.size() > ASKED_LINE_MAX)
         throw refused("what is looked for is longer than avcore reads, " +
                       std::to_string(ASKED_LINE_MAX) + " bytes");

@@ -3,6 +3,7 @@
 #include "avwatch/base/failure.h"
 #include "avwatch/page/page.h"
 #include "avwatch/page/tickets.h"
+#include "shared/json_text.h"
 
 #include <algorithm>
 #include <chrono>
@@ -58,12 +59,12 @@ struct AvwatchPage : testing::Test {
     json rows(std::map<std::string, std::string> arguments) {
         const page_reply reply = shown.answer(asking("/api/rows", std::move(arguments)));
         EXPECT_EQ(reply.status, 200U) << reply.body;
-        return json::parse(reply.body);
+        return read_json(reply.body);
     }
 
     json looks(std::map<std::string, std::string> arguments) {
         const page_reply reply = shown.answer(asking("/api/live", std::move(arguments)));
-        return json::parse(reply.events->next()->substr(std::string_view("data: ").size()));
+        return read_json(reply.events->next()->substr(std::string_view("data: ").size()));
     }
 
     present now{{}, names_kept::full, 1'000};
@@ -250,7 +251,7 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
         EXPECT_EQ(shown.answer(asking("/api/rows", {{argument, text}})).status, 400U) << argument;
     EXPECT_EQ(shown.answer(asking("/api/history")).status, 503U); // there is no file
     const auto whole = [&](const std::string &id) {
-        return json::parse(shown.answer(asking("/api/flow", {{"id", id}})).body);
+        return read_json(shown.answer(asking("/api/flow", {{"id", id}})).body);
     };
     EXPECT_EQ(whole(present::id_of("f7"))["client"], "192.0.2.1");
     for (const char *none : {"", "f7", "0123456789abcdef", "-1", "0x1", "ffffffffffffffffffff"})
@@ -272,7 +273,7 @@ TEST_F(AvwatchPage, HostileNamesAreCut) {
     const page_reply reply =
         shown.answer(asking("/api/rows", {{"table", "flows"}, {"rows", "200"}}));
     EXPECT_LT(reply.body.size(), 600'000U);
-    EXPECT_EQ(json::parse(reply.body)["rows"].size(), 200U);
+    EXPECT_EQ(read_json(reply.body)["rows"].size(), 200U);
     const json names = rows({{"table", "applications"}, {"order", "name"}, {"rows", "1"}});
     EXPECT_EQ(names["rows"][0]["application"].get<std::string>().size(), 1'003U);
 }

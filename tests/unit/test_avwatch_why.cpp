@@ -2,6 +2,7 @@
 // without the part that why says decides, the daemon says what why says would follow.
 #include "core/dns/dns_cache.h"
 #include "jornctl/client/apply.h"
+#include "shared/json_text.h"
 #include "support/daemon_in_turn.h"
 #include "support/hex_records.h"
 #include "support/random_documents.h"
@@ -26,7 +27,7 @@ class judging_daemon : public daemon_in_turn {
 public:
     explicit judging_daemon(const json &documents) {
         for (const char *which : {"in_force", "tried"}) {
-            jornctl::document said = jornctl::read_document(documents[which].dump());
+            jornctl::document said = jornctl::read_document(json_text(documents[which]));
             said.found = {}; // without its parts it may say what no author would
             send(jornctl::commands_of(said));
         }
@@ -146,7 +147,7 @@ std::vector<json> answers_to(const std::vector<json> &questions) {
     std::ifstream from(folder.path_of("answers"));
     std::vector<json> answers;
     for (std::string line; std::getline(from, line);)
-        answers.push_back(json::parse(line));
+        answers.push_back(read_json(line));
     return answers;
 }
 
@@ -191,7 +192,7 @@ std::vector<json> questions() {
         json documents = {{"in_force", i % 2 != 0 ? before : writes.all()},
                           {"tried", i % 2 != 0 ? writes.written() : json::object()},
                           {"port_services", i % 3 == 0 ? PORT_SERVICES : ""}};
-        if (jornctl::read_document(documents["in_force"].dump()).found.has_mistakes())
+        if (jornctl::read_document(json_text(documents["in_force"])).found.has_mistakes())
             continue;
         json flows;
         for (int flow = 0; flow < FLOWS_EACH; ++flow)

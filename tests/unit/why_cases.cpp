@@ -4,6 +4,7 @@
 // that asks has another platform.
 #include "avwatch/why/documents.h"
 #include "avwatch/why/fitting.h"
+#include "shared/json_text.h"
 #include "support/hex_records.h"
 
 #include <arpa/inet.h>
@@ -62,12 +63,13 @@ json said_of(const loaded_documents &documents, outcome found) {
 
 int main() {
     for (std::string line; std::getline(std::cin, line);) {
-        const json question = json::parse(line);
+        const json question = read_json(line);
         const json &asked = question["documents"];
         loaded_documents documents;
         if (!asked["tried"].empty())
-            documents = documents_from("tried", asked["tried"].dump());
-        documents.made.in_force = documents_from("in_force", asked["in_force"].dump()).made.tried;
+            documents = documents_from("tried", json_text(asked["tried"]));
+        documents.made.in_force =
+            documents_from("in_force", json_text(asked["in_force"])).made.tried;
         documents.in_force.name = "in_force";
         documents.made.port_services = asked["port_services"];
         json answers = json::array();
