@@ -10,7 +10,6 @@ namespace {
 
 using avcore::monotonic_ms;
 
-constexpr int64_t INTERFACES_MS = 10'000;
 constexpr int64_t FINISH_MS = 3'000;
 
 constexpr int64_t TURN_MS = 86'400'000; // of the numbers
@@ -50,10 +49,7 @@ void exports::look_at_clocks() {
 }
 
 void exports::send(int64_t now_ms, bool all) {
-    if (now_ms >= interfaces_due_ms_) {
-        interfaces_.look_again();
-        interfaces_due_ms_ = now_ms + INTERFACES_MS;
-    }
+    interfaces_.look_again(now_ms);
     if (now_ms >= numbers_due_ms_) {
         numbers_.begin_turn();
         numbers_due_ms_ = now_ms + TURN_MS;

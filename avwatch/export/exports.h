@@ -46,7 +46,6 @@ private:
     interfaces interfaces_;
     std::deque<exporter> exporters_; // they stay where they are
     due_flows flows_;
-    int64_t interfaces_due_ms_ = 0;
     int64_t numbers_due_ms_ = 0; // their next turn
 };
 

@@ -21,7 +21,10 @@ uint16_t interfaces::number_of(const std::string &name) {
     return static_cast<uint16_t>(known_.size() - 1);
 }
 
-void interfaces::look_again() {
+void interfaces::look_again(int64_t now_ms) {
+    if (now_ms < due_ms_)
+        return;
+    due_ms_ = now_ms + LOOK_MS;
     for (size_t i = 1; i < known_.size(); ++i)
         look(known_[i]);
 }

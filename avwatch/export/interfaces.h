@@ -1,6 +1,6 @@
 // The interfaces of this machine that clients are at: the kernel's index and the MAC address, which
-// is that of the access point there. They are looked up when they are heard of first, and then
-// whenever it is asked for.
+// is that of the access point there. They are looked up when they are heard of first, and again
+// every LOOK_MS.
 #pragma once
 
 #include "avwatch/ipfix/exported_record.h"
@@ -28,14 +28,16 @@ public:
     // From 1; 0: not known, for they are too many.
     uint16_t number_of(const std::string &name);
     const interface &at(uint16_t number) const { return known_[number]; }
-    const std::vector<interface> &all() const { return known_; } // by number
-    void look_again();
+    void look_again(int64_t now_ms);
 
 private:
+    static constexpr int64_t LOOK_MS = 10'000;
+
     void look(interface &known) const;
 
     unique_fd asked_; // a socket, for questions
     std::vector<interface> known_ = {{}};
+    int64_t due_ms_ = 0;
 };
 
 } // namespace avwatch

@@ -113,6 +113,7 @@ public:
         if (!avcore_ && !all)
             connect_again(now_ms);
         flows_.set_clock(avcore::wall_ahead_us());
+        interfaces_.look_again(now_ms);
         flows_.give(now_ms, all, [this](size_t, const flow_part &part) {
             print(part);
             return true;

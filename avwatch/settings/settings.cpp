@@ -92,7 +92,8 @@ void read_target(const toml::table &table, const toml_reader &in, export_setting
     std::string rest = wanted.target.starts_with(scheme) ? wanted.target.substr(scheme.size()) : "";
     const bool is_bracketed = rest.starts_with('[');
     const size_t end = is_bracketed ? rest.find(']') : rest.find(':');
-    wanted.host = rest.substr(is_bracketed ? 1 : 0, end - (is_bracketed ? 1 : 0));
+    wanted.host =
+        avcore::lower_case(rest.substr(is_bracketed ? 1 : 0, end - (is_bracketed ? 1 : 0)));
     rest = end == std::string::npos ? "" : rest.substr(end + (is_bracketed ? 1 : 0));
     wanted.port = rest.empty() ? IPFIX_PORT : rest.substr(1);
     const bool is_host = is_bracketed ? canonical_address(wanted.host) && end != std::string::npos
@@ -153,7 +154,7 @@ void read_exports(const toml::table &root, const std::string &file, settings &re
     for (const toml::node &each : *tables) {
         export_settings wanted = read_export(*each.as_table(), file, read.history.names);
         for (const export_settings &other : read.exports) {
-            if (other.target == wanted.target)
+            if (other.host == wanted.host && other.port == wanted.port)
                 in.fail(each, "there are two [[export]] tables for " + wanted.target);
         }
         read.exports.push_back(std::move(wanted));

@@ -283,7 +283,7 @@ class Export(Served):
         self.assertIn("--json", self.avwatch("export", status=1))
 
     def test_what_is_refused(self):
-        for text, why in ((table(4739) * 2, "two [[export]]"), (table(0), "'ipfix' must say"),
+        for text, why in ((table(4739, host="A") + '[[export]]\nipfix = "udp://a"', "two [[export]]"), (table(0), "'ipfix' must say"),
                           (table(70_000), "'ipfix' must say"), ('[[export]]\n', "'ipfix' must say"),
                           (table(4739).replace("active_timeout = 1", "active_timeout = 0", 1), "at least 1"),
                           ('names = "none"\n' + table(4739, 'names = "full"'), "tells more"),

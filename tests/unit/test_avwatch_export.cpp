@@ -1,17 +1,52 @@
 // Flows for collectors: messages as a reader finds them who knows nothing but their templates,
 // names, numbers that stay, and what of a flow is told when, each count once.
 #include "avwatch/export/application_ids.h"
+#include "avwatch/export/collector.h"
 #include "avwatch/export/due_flows.h"
 #include "avwatch/export/record_maker.h"
 #include "avwatch/history/export_rows.h"
 #include "avwatch/history/schema.h"
 #include "avwatch/ipfix/messages.h"
 
+#include <arpa/inet.h>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
+#include <netdb.h>
+#include <poll.h>
 #include <random>
+#include <sys/socket.h>
+
+namespace {
+
+std::vector<std::string> looked_up; // addresses of the one name that there is
+
+} // namespace
+
+// In the C library's place.
+int getaddrinfo(const char * /*name*/, const char *service, const addrinfo * /*wanted*/,
+                addrinfo **found) {
+    *found = nullptr;
+    for (auto each = looked_up.rbegin(); each != looked_up.rend(); ++each) {
+        auto *address = new sockaddr_in();
+        address->sin_family = AF_INET;
+        address->sin_port = htons(static_cast<uint16_t>(std::stoi(service)));
+        inet_pton(AF_INET, each->c_str(), &address->sin_addr);
+        *found = new addrinfo{0,       AF_INET,         SOCK_DGRAM,
+                              0,       sizeof *address, reinterpret_cast<sockaddr *>(address),
+                              nullptr, *found};
+    }
+    return *found != nullptr ? 0 : EAI_NONAME;
+}
+
+void freeaddrinfo(addrinfo *found) {
+    while (found != nullptr) {
+        addrinfo *next = found->ai_next;
+        delete reinterpret_cast<sockaddr_in *>(found->ai_addr);
+        delete std::exchange(found, next);
+    }
+}
 
 namespace {
 
@@ -256,6 +291,90 @@ TEST(AvwatchExport, EngineNumbersKeepTheirNames) {
     EXPECT_EQ(ids.name_of(another), "vimeo");
     EXPECT_EQ(ids.name_of(ids.id_of({"www.example.com", true}, 0, names_kept::none)), "by name");
     EXPECT_EQ(ids.name_of(ids.id_of({}, 0, names_kept::full)), "unnamed");
+}
+
+struct AvwatchCollector : testing::Test {
+    int64_t now_ms = 0;
+    int opened = 0;
+    uint16_t port = 0;
+    unique_fd first = listen_at("127.0.0.1"), second = listen_at("127.0.0.2");
+    collector to{{"udp://x", "x", std::to_string(port)}, [this] {
+                     ++opened;
+                     return made(3);
+                 }};
+
+    unique_fd listen_at(const char *text) {
+        unique_fd fd(socket(AF_INET, SOCK_DGRAM, 0));
+        sockaddr_in address = {AF_INET, htons(port), {}, {}};
+        socklen_t size = sizeof address;
+        inet_pton(AF_INET, text, &address.sin_addr);
+        EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
+        getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size);
+        port = ntohs(address.sin_port);
+        return fd;
+    }
+    static std::vector<ipfix_message> made(int records) {
+        ipfix_messages messages({});
+        for (int i = 0; i < records; ++i)
+            messages.add_sampling();
+        return messages.take();
+    }
+    void look_up(std::vector<std::string> addresses) {
+        looked_up = std::move(addresses);
+        now_ms += collector::LOOK_UP_MS;
+        to.serve(now_ms);
+        pollfd done = {to.descriptor(), POLLIN, 0};
+        EXPECT_EQ(poll(&done, 1, 10'000), 1);
+        serve();
+    }
+    void serve() {
+        to.serve(now_ms += collector::PACE_MS);
+        to.serve(now_ms += collector::PACE_MS);
+    }
+    static std::vector<int> sequences(const unique_fd &at) {
+        std::vector<int> all;
+        for (char message[1'500]; recv(at.get(), message, sizeof message, MSG_DONTWAIT) > 0;)
+            all.push_back(message[11]);
+        return all;
+    }
+};
+
+TEST_F(AvwatchCollector, SessionsBeginWithWhatExplainsThem) {
+    testing::internal::CaptureStderr();
+    to.send(made(5)); // and waits
+    look_up({});
+    look_up({});
+    look_up({"127.0.0.1"});
+    to.send(made(7));
+    look_up({"127.0.0.2", "127.0.0.1"}); // in another order each time
+    EXPECT_EQ(sequences(first), (std::vector<int>{0, 3, 8}));
+    EXPECT_EQ(opened, 1);
+    to.send(made(1));
+    look_up({"127.0.0.2"});
+    look_up({}); // it may be so for a while
+    to.send(made(1));
+    serve();
+    EXPECT_EQ(sequences(first), std::vector<int>{15});
+    EXPECT_EQ(sequences(second), (std::vector<int>{0, 3}));
+    EXPECT_EQ(to.failed(), 0u);
+
+    second = unique_fd();
+    const uint64_t sent = to.sent();
+    for (int i = 0; i < 20; ++i) {
+        to.send(made(1));
+        serve();
+    }
+    EXPECT_EQ(to.sent(), sent + 20);
+    EXPECT_EQ(to.failed(), 19u); // the last one's refusal isn't known yet
+    now_ms += collector::CALM_MS;
+    second = listen_at("127.0.0.2");
+    to.send(made(1)); // that refusal is told now
+    serve();
+    now_ms += collector::CALM_MS;
+    to.send(made(1));
+    serve();
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::ranges::count(said, '\n'), 4) << said;
 }
 
 struct AvwatchDueFlows : testing::Test {
