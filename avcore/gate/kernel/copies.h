@@ -94,7 +94,7 @@ static __noinline bool send_up(struct __sk_buff *skb, const struct packet *packe
         return false;
     struct gate_copy *head = &copy->head;
     head->flow = packet->flow;
-    head->time_ns = bpf_ktime_get_ns();
+    head->time_ns = monotonic_now();
     head->if_index = skb->ifindex;
     head->length = skb->len;
     head->captured = (__u16)captured;

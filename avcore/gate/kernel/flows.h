@@ -59,7 +59,7 @@ static __always_inline struct gate_flow_record *record_of(const struct gate_flow
     struct gate_flow_record *record = bpf_map_lookup_elem(&flows, flow);
     if (record)
         return record;
-    struct gate_flow_record begun = {.begun_ns = bpf_ktime_get_ns()};
+    struct gate_flow_record begun = {.begun_ns = monotonic_now()};
     begun.last_ns = begun.begun_ns;
     if (bpf_map_update_elem(&flows, flow, &begun, BPF_NOEXIST) == 0)
         here->counts[GATE_COUNT_FLOWS]++;
@@ -154,7 +154,7 @@ static __always_inline bool comes_again(const struct packet *packet,
  * two snapshots of the same. */
 static __always_inline void begin_again(struct gate_flow_record *record) {
     record->before = record->counter;
-    record->begun_ns = record->last_ns = bpf_ktime_get_ns();
+    record->begun_ns = record->last_ns = monotonic_now();
     record->fin[GATE_UP] = record->fin[GATE_DOWN] = record->reset = 0;
 }
 

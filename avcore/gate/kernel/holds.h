@@ -16,7 +16,7 @@ struct {
  * or nothing is left of them, another count begins. */
 static __always_inline struct gate_hold *
 note_taken(struct __sk_buff *skb, const struct packet *packet, __u32 pieces, bool judged) {
-    const __u64 now = bpf_ktime_get_ns();
+    const __u64 now = monotonic_now();
     struct gate_hold *hold = bpf_map_lookup_elem(&holds, &packet->flow);
     if (!hold) {
         const struct gate_hold begun = {.undecided_ns = now};
@@ -80,7 +80,7 @@ static __noinline bool are_others_behind(const struct packet *packet) {
         return false;
     const __u64 until = hold->let_go_ns ? hold->let_go_ns + GATE_BEHIND_NS
                                         : hold->undecided_ns + 2 * GATE_BEHIND_NS;
-    return bpf_ktime_get_ns() < until;
+    return monotonic_now() < until;
 }
 
 /* A packet that has come back goes on at the processor at which avcore wrote it, and may wait in
@@ -98,7 +98,7 @@ static __always_inline void note_back(struct __sk_buff *skb, const struct packet
     if (!hold)
         return;
     if (!hold->let_go_ns)
-        hold->let_go_ns = bpf_ktime_get_ns();
+        hold->let_go_ns = monotonic_now();
     skb->mark = 1;
     if (bpf_clone_redirect(skb, back_index, BPF_F_INGRESS) != 0)
         __sync_fetch_and_add(&hold->back, 1);

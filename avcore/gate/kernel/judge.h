@@ -132,7 +132,7 @@ static __always_inline int pass_always(struct __sk_buff *skb, const struct packe
     if (packet->direction == GATE_UP) {
         struct gate_client_state *client = client_of(skb, packet);
         if (!client || !take_tokens(&client->always, GATE_ALWAYS_A_SECOND, GATE_ALWAYS_BURST,
-                                    frame_bytes(skb, packet), bpf_ktime_get_ns()))
+                                    frame_bytes(skb, packet), monotonic_now()))
             return drop(GATE_COUNT_TOO_MUCH, packet);
     }
     return pass(GATE_COUNT_ALWAYS, packet);

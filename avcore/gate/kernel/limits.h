@@ -56,7 +56,7 @@ static __always_inline bool is_within_limit(__u32 index, const struct packet *pa
     const __u64 a_second = limit->bytes_per_second;
     const __u64 burst = limit->burst;
     const __u64 cost = ip_bytes(packet);
-    const __u64 now = bpf_ktime_get_ns();
+    const __u64 now = monotonic_now();
     bpf_spin_lock(&locked->lock);
     const bool enough = take_tokens(&locked->bucket, a_second, burst, cost, now);
     bpf_spin_unlock(&locked->lock);

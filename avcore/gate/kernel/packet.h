@@ -1,6 +1,7 @@
 /* What the steps of the program pass to each other about a packet, and what becomes of it. */
 #pragma once
 
+#include "avcore/gate/kernel/clock.h"
 #include "avcore/records/gate_records.h"
 
 #include <linux/bpf.h>
@@ -123,10 +124,10 @@ static __always_inline int drop(__u32 why, const struct packet *packet) {
 /* The clock costs as much as all the rest of an idle gate; a tick's age of the time is nothing to
  * beats. */
 static __always_inline __u64 coarse_now(struct gate_processor *here) {
-    const __u64 tick = bpf_jiffies64();
+    const __u64 tick = tick_now();
     if (here->tick != tick || here->now_ns == 0) {
         here->tick = tick;
-        here->now_ns = bpf_ktime_get_ns();
+        here->now_ns = monotonic_now();
         here->recent = (__u64)bpf_get_smp_processor_id() * GATE_RECENT;
     }
     return here->now_ns;
