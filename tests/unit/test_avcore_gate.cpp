@@ -320,6 +320,8 @@ TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
     EXPECT_EQ(fate(at, unreachable(2000, 24)), std::vector<int>{GATE_COUNT_DENIED});
     EXPECT_EQ(fate(at, unreachable(2001, 24)), std::vector<int>{GATE_COUNT_ALWAYS});
     EXPECT_EQ(fate(at, unreachable(2000, 22)), std::vector<int>{GATE_COUNT_ALWAYS});
+    EXPECT_EQ(fate(at, unreachable(2000, 22) + be16(1000)), std::vector<int>{GATE_COUNT_ALWAYS})
+        << "padding shows no port";
 
     gate_flow fragments = copy.head.flow;
     fragments.client_port_be = fragments.server_port_be = 0;

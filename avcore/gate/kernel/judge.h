@@ -165,7 +165,10 @@ static __always_inline bool quoted_flow(struct __sk_buff *skb, const struct pack
         set_addresses(flow, direction, &head.ipv4.saddr, &head.ipv4.daddr, sizeof head.ipv4.saddr);
         ports_at = at + head.ipv4.ihl * 4;
     }
-    if (flow->proto != IPPROTO_TCP && flow->proto != IPPROTO_UDP)
+    const bool has_ports = flow->proto == IPPROTO_TCP || flow->proto == IPPROTO_UDP;
+    if (ports_at + (has_ports ? sizeof ports : 0) > packet->end) /* padding shows nothing */
+        return false;
+    if (!has_ports)
         return true;
     if (bpf_skb_load_bytes(skb, ports_at, ports, sizeof ports))
         return false;
