@@ -2,13 +2,31 @@
 
 #include "avcore/base/complaint.h"
 #include "avcore/bus/tls.h"
+#include "avcore/feed/capture_interface.h"
+#include "avcore/gate/gate.h"
+#include "avcore/netlink/link.h"
 #include "avcore/web/categories.h"
 
 #include <iostream>
 #include <net/if.h>
 #include <stdexcept>
+#include <string>
 
 namespace avcore {
+namespace {
+
+void expect_interface(const std::string &name) {
+    if (if_nametoindex(name.c_str()) == 0)
+        throw std::runtime_error("there is no interface " + name);
+}
+
+// Of an interface that may not be made yet.
+void refuse_own_frames(const std::string &input, const std::string &output) {
+    if (input == output || are_peers(input, output))
+        throw std::runtime_error(input + " is where avcore's own frames are");
+}
+
+} // namespace
 
 int check_config(const options &options, const config &settings) {
     int status = 0;
@@ -30,13 +48,22 @@ int check_config(const options &options, const config &settings) {
             const tls_identity readable(*settings.bus);
         }
     });
-    std::vector<std::string> inputs = options.gate_interfaces;
-    if (!options.in_interface.empty())
-        inputs.push_back(options.in_interface);
-    for (const std::string &name : inputs)
+    const std::string &output = !options.out_interface.empty() ? options.out_interface
+                                : !options.capture.empty()     ? options.capture
+                                                               : settings.capture.interface;
+    if (options.out_interface.empty())
+        part([&] { check_capture_name(output); });
+    else
+        part([&] { expect_interface(output); });
+    for (const std::string &name : options.gate_interfaces)
         part([&] {
-            if (if_nametoindex(name.c_str()) == 0)
-                throw std::runtime_error("there is no interface " + name);
+            check_gate_place(name);
+            refuse_own_frames(name, output);
+        });
+    if (!options.in_interface.empty())
+        part([&] {
+            expect_interface(options.in_interface);
+            refuse_own_frames(options.in_interface, output);
         });
     return status;
 }

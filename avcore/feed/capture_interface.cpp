@@ -61,17 +61,23 @@ int count_feeders(int index) {
     return feeders;
 }
 
-// What is there under the name; throws where it isn't a killed avcore's.
-std::optional<link_facts> find_leftover(const std::string &name) {
+// What is there under the name; throws where it isn't an avcore's.
+std::optional<link_facts> find_own(const std::string &name) {
+    if (!is_interface_name(name))
+        fail(name, "that is no name for an interface");
     std::optional<link_facts> link = look_at_link(name);
-    if (!link)
-        return link;
-    if (link->alias != ALIAS)
+    if (link && link->alias != ALIAS)
         fail(name, "there is an interface of this name" +
                        (link->kind.empty() ? "" : ", a " + link->kind + " device,") +
                        " that isn't avcore's; choose another name, or -o, which writes into a "
                        "pair that you made");
-    if (link->kind != "veth" || (!link->far && count_feeders(link->lower) > 0))
+    return link;
+}
+
+// Throws where it isn't a killed avcore's, either.
+std::optional<link_facts> find_leftover(const std::string &name) {
+    std::optional<link_facts> link = find_own(name);
+    if (link && (link->kind != "veth" || (!link->far && count_feeders(link->lower) > 0)))
         fail(name, TAKEN);
     return link;
 }
@@ -110,14 +116,16 @@ std::string passing_name() {
 
 } // namespace
 
+void check_capture_name(const std::string &name) {
+    find_own(name);
+}
+
 capture_interface::pair::~pair() {
     if (index_ > 0)
         remove_link(index_);
 }
 
 capture_interface::capture_interface(const capture_settings &wanted) : name_(wanted.interface) {
-    if (!is_interface_name(name_))
-        fail(name_, "that is no name for an interface");
     const std::optional<link_facts> leftover = find_leftover(name_);
     if (wanted.kind == capture_kind::tap) {
         tap_ = open_tap_device();

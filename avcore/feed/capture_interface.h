@@ -16,6 +16,10 @@
 
 namespace avcore {
 
+// Throws std::runtime_error where the constructor would, but for an interface that an avcore which
+// runs has: before a restart it is that one's.
+void check_capture_name(const std::string &name);
+
 class capture_interface {
 public:
     // Throws std::runtime_error.

@@ -290,6 +290,10 @@ std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
     return refused;
 }
 
+void check_gate_place(const std::string &interface) {
+    ethernet_interface(interface);
+}
+
 std::vector<std::string> tear_down_gate(const std::string &pins) {
     std::vector<std::string> names;
     libbpf_set_print(nullptr);

@@ -118,6 +118,9 @@ private:
     std::unique_ptr<parts> parts_;
 };
 
+// Throws std::runtime_error where a gate can't stand at the interface.
+void check_gate_place(const std::string &interface);
+
 // Detaches the gate from all interfaces of this network namespace and removes the pins and, where
 // nothing else is in it, the mount. Returns where it was attached; nowhere where there is none.
 // Throws std::runtime_error.

@@ -106,6 +106,9 @@ std::map<std::array<uint8_t, 6>, uint64_t> gate::refused_copies() const {
     return {};
 }
 
+void check_gate_place(const std::string &) {
+    refuse();
+}
 std::vector<std::string> tear_down_gate(const std::string &) {
     refuse();
 }

@@ -38,10 +38,10 @@ class Routed(InlineTest):
         run("mount", "-t", "bpf", "bpf", BPFFS)  # which avcore couldn't
         self.addCleanup(run, "umount", BPFFS)
 
-    def configure(self, enforce, inline='interfaces = ["wlan0"]'):
+    def configure(self, enforce, inline='interfaces = ["wlan0"]', capture="av1"):
         super().configure(enforce)
         with open(CONFIG, "a") as file:
-            file.write(f'[inline]\n{inline}\n[capture]\ninterface = "av1"\n')
+            file.write(f'[inline]\n{inline}\n[capture]\ninterface = "{capture}"\n')
 
     def start_avcore(self, notify="/tmp/notify"):
         with contextlib.suppress(FileNotFoundError):
@@ -86,6 +86,14 @@ class Routed(InlineTest):
         self.assertEqual(check("interfaces = []")[0], 3)
         self.assertEqual(self.run_avcore("-c", CONFIG)[0], 3)
         self.assertEqual(check('interfaces = ["wlan0", "wlan7"]'), (1, "avcore: there is no interface wlan7\n"))
+        for inline, capture, says in (("lo", "av1", "the gate can't stand at lo, which has no Ethernet frames"),
+                                      ("wlan0", "wlan0", "can't make wlan0 .*\navcore: wlan0 is where avcore's own frames are"),
+                                      ("wlan0", "eth0", ".* eth0 .*isn't avcore's.*"),
+                                      ("wlan0", "a/b", "can't make a/b .*: that is no name for an interface")):
+            self.configure(HOLD, f'interfaces = ["{inline}"]', capture)
+            status, said = self.run_avcore("--check", "-c", CONFIG)
+            self.assertEqual(status, 1)
+            self.assertRegex(said, f"(?s)\\Aavcore: {says}\n\\Z")
         status, said = check('interface = "wlan0"', enforce='fail = "shut"\n')
         self.assertEqual((status, re.findall(f"(?m)^avcore: {CONFIG}, line [^']*'(.*?)'", said)),
                          (1, ["fail", "interface"]))
@@ -99,6 +107,7 @@ class Routed(InlineTest):
         self.start_avcore()
         wait_for_listener(AV_SOCKET)
         self.assertEqual((self.status()["interfaces"], self.status()["undecided"]), (["wlan0"], "hold"))
+        self.assertEqual(self.run_avcore("--check", "-c", CONFIG), (0, ""))  # av1 is its own
         self.configure('fail = "open"\n', 'interfaces = ["wlan0", "eth0"]')
         for wrong, says in (("", "count from the next start on"), ("[wrong]\n", "stays as it was")):
             with open(CONFIG, "a") as file:
