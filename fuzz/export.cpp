@@ -3,7 +3,8 @@
 //
 // An input is lines: messages of the watch socket, as they come there; "wait" and seconds that
 // pass; "set" and seconds by which the wall's clock is set; "full" and "room", of the second of the
-// collectors; "boot", another one; "turn", of the numbers; "tables", which are told again.
+// collectors; "boot", another one; "turn", of the numbers; "crowd", which takes all of them, once;
+// "tables", which are told again.
 #include "avwatch/client/messages.h"
 #include "avwatch/export/application_ids.h"
 #include "avwatch/export/due_flows.h"
@@ -36,11 +37,13 @@ void demand(bool holds) {
 // Knows what it was sent.
 class reader {
 public:
-    void read(const ipfix_message &message) {
+    void read(ipfix_message message) {
+        message.stamp(1, sequence_);
         demand(message.bytes.size() <= ipfix_messages::MESSAGE_MAX);
         left_ = message.bytes;
         demand(number(2) == 10 && number(2) == message.bytes.size());
-        bytes(12);
+        demand(number(4) == 1 && number(4) == sequence_);
+        bytes(4); // the domain
         uint32_t records = 0;
         while (!left_.empty()) {
             const auto id = static_cast<uint16_t>(number(2));
@@ -52,6 +55,7 @@ public:
             demand(left_.size() == behind.size());
         }
         demand(records == message.records);
+        sequence_ += records;
     }
 
 private:
@@ -106,6 +110,7 @@ private:
     std::map<uint16_t, std::vector<field>> templates_;
     std::map<std::string, std::string> names_; // by ids
     std::string_view left_;
+    uint32_t sequence_ = UINT32_MAX - 1;
 };
 
 struct end {
@@ -143,6 +148,8 @@ public:
             begin(std::to_string(++boots_));
         else if (word == "turn")
             numbers_.begin_turn();
+        else if (word == "crowd")
+            crowd();
         else if (word == "tables")
             list_again();
         else if (const auto parsed = parse_line(line))
@@ -164,6 +171,11 @@ private:
     void begin(const std::string &epoch) {
         counted_.connected(epoch);
         flows_.connected(epoch, now_ms_);
+    }
+
+    void crowd() {
+        for (; crowd_ < application_numbers::MAX; ++crowd_)
+            numbers_.number_of({std::to_string(crowd_), true});
     }
 
     void take(const flow_record &flow) {
@@ -233,6 +245,7 @@ private:
         for (end *to : ends_) {
             to->messages.add_templates();
             to->messages.add_sampling();
+            to->messages.add_interface(7, "wlan0");
             for (const application_id &each : to->listed) {
                 if (ids_.is_known(each))
                     list(*to, each);
@@ -254,6 +267,7 @@ private:
     flow_counts told_ = {};
     int64_t now_ms_ = 0, ahead_us_ = 0;
     int boots_ = 0;
+    size_t crowd_ = 0; // names that nobody else has
 };
 
 } // namespace
