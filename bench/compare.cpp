@@ -55,7 +55,7 @@ compare_options read_options(int argc, char *argv[]) {
                             {}};
     for (int found; (found = getopt_long(argc, argv, "", names, nullptr)) != -1;) {
         if (found == 'g') {
-            options.generate = strtoull(optarg, nullptr, 10);
+            options.generate = strtoul(optarg, nullptr, 10);
             generate_given = true;
         } else if (found == 'r') {
             options.runs = std::max(1u, static_cast<unsigned>(atoi(optarg)));

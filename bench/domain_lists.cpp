@@ -157,7 +157,7 @@ double median(std::vector<figures> runs, double figures::*figure) {
 // 0 for a command line that isn't understood.
 size_t names_asked_for(int argc, char *argv[]) {
     if (argc == 3 && std::string(argv[1]) == "--names")
-        return strtoull(argv[2], nullptr, 10);
+        return strtoul(argv[2], nullptr, 10);
     return argc == 1 ? NAMES_BY_DEFAULT : 0;
 }
 

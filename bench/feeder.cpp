@@ -107,7 +107,8 @@ feed_result feeder::feed(std::span<const octets> frames, uint64_t count) {
     uint64_t sent = 0;
     uint64_t outstanding = 0;
     while (result.answered + result.lost < count) {
-        if (sent < count && outstanding < WINDOW && send_frame(frames[sent % frames.size()])) {
+        if (sent < count && outstanding < WINDOW &&
+            send_frame(frames[static_cast<size_t>(sent % frames.size())])) {
             ++sent;
             ++outstanding;
         } else {

@@ -39,7 +39,8 @@ int connect_to_sink() {
 
 void send_record(u_char *user, const pcap_pkthdr *, const u_char *) {
     static const uint8_t record[sizeof(av_verdict)] = {};
-    const int sink = *reinterpret_cast<const int *>(user);
+    int sink;
+    memcpy(&sink, user, sizeof sink);
     [[maybe_unused]] const ssize_t sent = send(sink, record, sizeof record, MSG_NOSIGNAL);
 }
 

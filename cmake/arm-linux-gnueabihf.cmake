@@ -19,10 +19,21 @@ if(NOT IS_DIRECTORY "${JORN_SYSROOT}")
     "not '${JORN_SYSROOT}'")
 endif()
 
+# Where Debian keeps what of a library's headers differs between processors (OpenSSL's do): after the
+# compiler's own, which go with the C library that it links.
+foreach(language IN ITEMS C CXX)
+  string(APPEND CMAKE_${language}_FLAGS_INIT " -idirafter ${JORN_SYSROOT}/usr/include/${triplet}")
+endforeach()
+
 # The compiler's own C library is linked; what the device's libraries need is looked for beside
 # them.
 foreach(folder IN ITEMS lib usr/lib lib/${triplet} usr/lib/${triplet})
   string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${JORN_SYSROOT}/${folder}")
+endforeach()
+
+# Where a library is a script for the linker, as ncurses is, that names others there by their files.
+foreach(folder IN ITEMS lib lib/${triplet})
+  string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -L${JORN_SYSROOT}/${folder}")
 endforeach()
 
 # Libraries and headers are the device's; programs, like pkg-config, are this machine's.

@@ -47,7 +47,7 @@ public:
         uint32_t records = 0;
         while (!left_.empty()) {
             const auto id = static_cast<uint16_t>(number(2));
-            const uint64_t size = number(2);
+            const auto size = static_cast<size_t>(number(2));
             demand(size > 4 && size - 4 <= left_.size());
             const std::string_view behind = left_.substr(size - 4);
             while (left_.size() > behind.size())
@@ -85,7 +85,7 @@ private:
         bytes(is_options ? 2 : 0);
         for (uint64_t i = 0; i < count; ++i) {
             const uint64_t element = number(2);
-            fields.push_back({element, number(2)});
+            fields.push_back({element, static_cast<size_t>(number(2))});
             bytes((element & 0x8000) != 0 ? 4 : 0);
         }
     }

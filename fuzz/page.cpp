@@ -56,7 +56,7 @@ flow_record flow_named(size_t number, const std::string &name) {
     made.protocol = "TCP";
     made.application = made.host = made.gate = made.why.text = made.why.name = name;
     made.verdict = DENIED;
-    made.down = {1, number << 40};
+    made.down = {1, uint64_t{number} << 40};
     return made;
 }
 

@@ -25,7 +25,7 @@ namespace avcore {
 struct row_watch {
     uint32_t place = 0;   // among them, from 1; 0: none
     bool is_told = false; // there is nothing to look at while the row
-    size_t says = 0;      // says this, a digest
+    uint64_t says = 0;    // says this, a digest
 };
 
 struct flow_row {

@@ -34,7 +34,7 @@ constexpr char PROGRAMS[] = "/programs";
 bool is_bpffs(const std::string &path) {
     struct statfs about = {};
     if (statfs(path.c_str(), &about) == 0)
-        return about.f_type == BPF_FS_MAGIC;
+        return static_cast<uint32_t>(about.f_type) == BPF_FS_MAGIC;
     if (errno != ENOENT && errno != ENOTDIR)
         fail(path + " can't be looked at", errno);
     return false;

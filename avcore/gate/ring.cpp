@@ -11,8 +11,13 @@ namespace {
 constexpr uint32_t RING_HEAD = 8; // of a record: its length and flags, the kernel's own word
 
 uint32_t head_of(const uint8_t *head) {
-    auto *word = reinterpret_cast<uint32_t *>(const_cast<uint8_t *>(head));
-    return std::atomic_ref(*word).load();
+    void *at = const_cast<uint8_t *>(head);
+    return std::atomic_ref(*static_cast<uint32_t *>(at)).load();
+}
+
+// A 32-bit kernel counts the bytes of the ring in 32 bits, and begins anew after 4 GiB.
+bool is_before(uint64_t at, uint64_t end) {
+    return static_cast<int32_t>(static_cast<uint32_t>(end) - static_cast<uint32_t>(at)) > 0;
 }
 
 } // namespace
@@ -25,7 +30,7 @@ ring::ring(int fd)
 
 ring::place ring::find() const {
     place found = {.at = read_word(*reader_.get()) + taken_};
-    while (found.at < read_word(*writer_.get())) {
+    while (is_before(found.at, read_word(*writer_.get()))) {
         const uint8_t *head = record_at(found.at);
         const uint32_t word = head_of(head);
         if (word & BPF_RINGBUF_BUSY_BIT)

@@ -38,7 +38,7 @@ template <typename Head, size_t Room>
 class ethtool_command {
 public:
     explicit ethtool_command(uint32_t number) { head().cmd = number; }
-    Head &head() { return *reinterpret_cast<Head *>(bytes_.data()); }
+    Head &head() { return *static_cast<Head *>(static_cast<void *>(bytes_.data())); }
 
 private:
     alignas(8) std::array<std::byte, sizeof(Head) + Room> bytes_ = {};

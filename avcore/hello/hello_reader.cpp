@@ -30,8 +30,8 @@ std::optional<byte_view> take_bytes(byte_view &rest) {
     const std::optional<uint64_t> size = take_varint(rest);
     if (!size || *size > rest.size())
         return std::nullopt;
-    const byte_view bytes = rest.first(*size);
-    rest = rest.from(*size);
+    const byte_view bytes = rest.first(static_cast<size_t>(*size));
+    rest = rest.from(bytes.size());
     return bytes;
 }
 

@@ -132,14 +132,15 @@ std::optional<quic_packet> take_packet(byte_view &datagram) {
         const std::optional<uint64_t> token_size = take_varint(rest);
         if (!token_size || *token_size > rest.size())
             return std::nullopt;
-        rest = rest.from(*token_size);
+        rest = rest.from(static_cast<size_t>(*token_size));
     }
     const std::optional<uint64_t> size = take_varint(rest);
     if (!size || *size > rest.size())
         return std::nullopt;
     packet.number_at = datagram.size() - rest.size();
-    packet.bytes = datagram.first(packet.number_at + *size);
-    datagram = rest.from(*size);
+    const auto payload = static_cast<size_t>(*size);
+    packet.bytes = datagram.first(packet.number_at + payload);
+    datagram = rest.from(payload);
     return packet;
 }
 

@@ -1,6 +1,7 @@
 #include "avcore/watch/flow_places.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 #include <random>
 #include <string>
@@ -17,16 +18,22 @@ key_words words_of(const gate_flow &key) {
     return words;
 }
 
+// Both halves of the products, folded into one word; 32-bit machines have no type for the whole.
+uint64_t folded_product(uint64_t a, uint64_t b) {
+    const uint64_t a_low = static_cast<uint32_t>(a);
+    const uint64_t b_low = static_cast<uint32_t>(b);
+    return std::rotl((a >> 32) * b_low, 32) ^ (a >> 32) * (b >> 32) ^
+           std::rotl(a_low * (b >> 32), 32) ^ a_low * b_low;
+}
+
 } // namespace
 
 // Clients choose the keys; without the seed they can't choose which of them meet.
 size_t flow_places::key_hash::operator()(const gate_flow &key) const {
     uint64_t hash = seed;
-    for (const uint64_t word : words_of(key)) {
-        const auto product = static_cast<unsigned __int128>(word ^ hash) * (seed | 1);
-        hash = static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64) ^ seed;
-    }
-    return hash;
+    for (const uint64_t word : words_of(key))
+        hash = folded_product(word ^ hash, seed | 1) ^ seed;
+    return static_cast<size_t>(hash ^ hash >> 32);
 }
 
 bool flow_places::same_key::operator()(uint32_t place, const gate_flow &key) const {

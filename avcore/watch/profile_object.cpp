@@ -26,8 +26,10 @@ client_rules::fitting fitting_of(const profile_question &asked, const client_rul
                                  const config &settings) {
     if (asked.rule && *asked.rule == 0)
         return {settings.client, 0};
-    if (asked.rule && *asked.rule <= settings.rules.size())
-        return {settings.rules[*asked.rule - 1].profile, *asked.rule};
+    if (asked.rule && *asked.rule <= settings.rules.size()) {
+        const auto rule = static_cast<size_t>(*asked.rule);
+        return {settings.rules[rule - 1].profile, rule};
+    }
     return rules.fitting_of(asked.client);
 }
 

@@ -25,10 +25,10 @@ public:
         value_ ^= value_ >> 29;
         return *this;
     }
-    size_t value() const { return value_; }
+    uint64_t value() const { return value_; }
 
 private:
-    size_t value_ = 0;
+    uint64_t value_ = 0;
 };
 
 void append_octets(std::string &text, std::span<const uint8_t> octets) {

@@ -25,7 +25,7 @@ int64_t ends_us(const flow_sight &seen);
 
 // By what it is seen that a row says something else than before.
 struct row_digest {
-    size_t all = 0;       // but counts
+    uint64_t all = 0;     // but counts
     size_t name = 0;      // 0: it has none
     uint32_t verdict = 0; // 0 while it is outdated
 };

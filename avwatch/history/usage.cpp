@@ -8,6 +8,7 @@
 #include <charconv>
 #include <ctime>
 #include <new>
+#include <utility>
 
 namespace avwatch {
 namespace {
@@ -34,26 +35,32 @@ struct reaches {
           hours_s(round_up(PERIODS[DAYS], reach_of(file, PERIODS[HOURS]))) {}
 };
 
+// The local midnight before it; false: the C library doesn't count so far.
+bool day_of(int64_t time_s, tm &local) {
+    if (!std::in_range<time_t>(time_s))
+        return false;
+    const auto time = static_cast<time_t>(time_s);
+    if (localtime_r(&time, &local) == nullptr)
+        return false;
+    local.tm_hour = local.tm_min = local.tm_sec = 0;
+    local.tm_isdst = -1;
+    return true;
+}
+
 int64_t next_local_midnight(int64_t time_s, bool utc) {
-    const time_t time = time_s;
     tm local = {};
     if (utc)
         return begin_of(PERIODS[DAYS], time_s) + DAY_S;
-    if (localtime_r(&time, &local) == nullptr)
+    if (!day_of(time_s, local))
         return time_s + DAY_S;
-    local.tm_hour = local.tm_min = local.tm_sec = 0;
     ++local.tm_mday;
-    local.tm_isdst = -1;
     return std::max<int64_t>(mktime(&local), time_s + 1);
 }
 
 int64_t local_midnight(int64_t time_s, bool utc) {
-    const time_t time = time_s;
     tm local = {};
-    if (utc || localtime_r(&time, &local) == nullptr)
+    if (utc || !day_of(time_s, local))
         return begin_of(PERIODS[DAYS], time_s);
-    local.tm_hour = local.tm_min = local.tm_sec = 0;
-    local.tm_isdst = -1;
     return mktime(&local);
 }
 

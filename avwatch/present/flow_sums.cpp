@@ -47,7 +47,7 @@ struct flow_sums::kept_sum : flow_sum {
     void tick(const traffic_rates &fresh, uint64_t ticks) {
         weight = weight * WEIGHT_LEFT + static_cast<double>(up_since + down_since);
         up_since = down_since = 0;
-        latest[ticks % RATE_SECONDS] = fresh;
+        latest[static_cast<size_t>(ticks % RATE_SECONDS)] = fresh;
         now = {};
         for (const traffic_rates &each : latest) {
             now.up += each.up / RATE_SECONDS;

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string_view>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace avwatch {
@@ -371,7 +372,8 @@ bool http_server::has_place_for(const sockaddr *from) const {
         connections_, [site](const auto &each) { return each.second.site == site; });
     const auto elsewhere = std::ranges::count_if(
         connections_, [](const auto &each) { return !each.second.is_from_loopback; });
-    return same < ADDRESS_MAX && (is_here || elsewhere < CONNECTIONS_MAX - LOOPBACK_KEPT);
+    return std::cmp_less(same, ADDRESS_MAX) &&
+           (is_here || std::cmp_less(elsewhere, CONNECTIONS_MAX - LOOPBACK_KEPT));
 }
 
 // Those who have read all: what was sent before goes on by itself. What they are told takes time to

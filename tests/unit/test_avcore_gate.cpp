@@ -4,6 +4,7 @@
 #include "avcore/gate/gate.h"
 #include "avcore/gate/pins.h"
 #include "avcore/gate/places.h"
+#include "avcore/gate/ring.h"
 #include "avcore/gate/traffic_control.h"
 #include "shared/unique_fd.h"
 #include "support/foreign_program.h"
@@ -28,6 +29,7 @@
 #include <sched.h>
 #include <stdexcept>
 #include <string>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <thread>
@@ -920,6 +922,33 @@ TEST(AvcoreStations, AreOfTheAccessPointWithTheirRadioAndAddress) {
     EXPECT_EQ(access_point_of(10, list), 0u);
     list[1] = {10, 0, NL80211_IFTYPE_AP_VLAN, other};
     EXPECT_EQ(access_point_of(10, list), 8u);
+}
+
+TEST(AvcoreRing, GoesOnWhereA32BitKernelCountsAnew) {
+    constexpr uint64_t TURN = uint64_t{1} << 32;
+    const off_t page = sysconf(_SC_PAGESIZE);
+    const unique_fd memory(memfd_create("ring", MFD_CLOEXEC));
+    ASSERT_EQ(ftruncate(memory.get(), 2 * page + 2 * GATE_RING_BYTES), 0);
+    const auto write = [&memory](off_t at, auto value) {
+        ASSERT_EQ(pwrite(memory.get(), &value, sizeof value, at), ssize_t{sizeof value});
+    };
+    write(0, TURN - 16); // its reader has all
+    write(page, TURN - 16);
+    const off_t last = 2 * page + GATE_RING_BYTES - 16;
+    write(last, uint32_t{8});
+    write(last + 8, uint64_t{41});
+    write(2 * page, uint32_t{8});
+    write(2 * page + 8, uint64_t{42});
+    ring copies(memory.get());
+    const auto next = [&copies] {
+        const std::span<const uint8_t> record = copies.next();
+        return record.empty() ? 0 : int{record[0]};
+    };
+    EXPECT_EQ(next(), 0);
+    write(page, uint64_t{16});
+    EXPECT_EQ(next(), 41);
+    EXPECT_EQ(next(), 42);
+    EXPECT_EQ(next(), 0);
 }
 
 TEST_F(AvcoreGate, FollowsTheInterfacesOfStations) {

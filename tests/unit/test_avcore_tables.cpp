@@ -474,7 +474,7 @@ TEST(AvcoreSource, TimeStampsStayInBoundsWhereAgesCanBeAdded) {
     while (read == frame_source::result::nothing)
         read = source.next(frame);
     ASSERT_EQ(read, frame_source::result::frame) << source.error();
-    EXPECT_GT(frame.time_us, 0);
+    EXPECT_GE(frame.time_us, 0); // libpcap keeps the lower half of the seconds on 32 bits
     EXPECT_LT(frame.time_us, INT64_MAX / 2);
     unlink(path.c_str());
 }

@@ -43,7 +43,7 @@ int getaddrinfo(const char * /*name*/, const char *service, const addrinfo * /*w
 void freeaddrinfo(addrinfo *found) {
     while (found != nullptr) {
         addrinfo *next = found->ai_next;
-        delete reinterpret_cast<sockaddr_in *>(found->ai_addr);
+        delete static_cast<sockaddr_in *>(static_cast<void *>(found->ai_addr));
         delete std::exchange(found, next);
     }
 }
@@ -85,7 +85,7 @@ struct ipfix_reader {
         fields.clear();
         for (uint64_t i = 0; i < count; ++i) {
             const auto element = static_cast<uint32_t>(number(2));
-            const size_t size = number(2);
+            const auto size = static_cast<size_t>(number(2));
             const bool is_own = (element & 0x8000) != 0;
             fields.push_back({is_own ? (element & 0x7FFF) | 1u << 16 : element, size});
             EXPECT_EQ(is_own ? number(4) : 99'999, 99'999u);
@@ -104,7 +104,7 @@ struct ipfix_reader {
         while (!left.empty()) {
             const auto id = static_cast<uint16_t>(number(2));
             std::string_view behind = left;
-            const size_t size = number(2);
+            const auto size = static_cast<size_t>(number(2));
             behind.remove_prefix(size - 2);
             while (left.size() > behind.size())
                 id <= 3 ? read_template(id == 3) : read_data(id);

@@ -230,10 +230,8 @@ TEST_F(AvwatchPage, RowsComeInWindows) {
     EXPECT_EQ(last["rows"][0]["id"], present::id_of("f0"));
     EXPECT_EQ(rows({{"table", "flows"}, {"order", "bytes"}, {"reversed", "1"}})["rows"][0]["id"],
               present::id_of("f0"));
-    EXPECT_EQ(rows({{"table", "flows"},
-                    {"first", "18446744073709551615"},
-                    {"rows", "18446744073709551615"}})["rows"],
-              json::array());
+    const std::string most = std::to_string(SIZE_MAX);
+    EXPECT_EQ(rows({{"table", "flows"}, {"first", most}, {"rows", most}})["rows"], json::array());
     EXPECT_EQ(rows({{"table", "flows"}, {"rows", "10000"}})["rows"].size(), 200U);
     EXPECT_EQ(rows({{"table", "flows"}, {"part", "SCRIPT"}})["total"], count / 2);
     EXPECT_EQ(rows({{"table", "flows"}, {"application", ""}})["total"], count / 2);

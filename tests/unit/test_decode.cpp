@@ -67,7 +67,7 @@ TEST(Decode, CountsByKind) {
         testing::internal::GetCapturedStderr();
         std::vector<unsigned> counted;
         for (unsigned id = 0; id < std::size(jorn_state.stats.count); ++id)
-            counted.insert(counted.end(), jorn_state.stats.count[id], id);
+            counted.insert(counted.end(), static_cast<size_t>(jorn_state.stats.count[id]), id);
         EXPECT_EQ(counted, row.counted) << row.what;
         // Who looks for the packet alone finds what was decoded.
         const bool ipv4 = std::count(counted.begin(), counted.end(), STATS_IPV4) != 0;
