@@ -150,6 +150,35 @@ unpack_packages() { # folder, package ...
     mv "$folder.part" "$folder"
 }
 
+# An apt-get for 32-bit ARM with lists and archives of its own: the machine's wouldn't know ARM packages
+# without being told so for good.
+arm_apt_get() { # folder of these, what it is to do
+    apt-get -q -o APT::Architecture=armhf -o APT::Architectures=armhf \
+        -o Dir::State::Lists="$1/lists" -o Dir::State::status="$1/status" \
+        -o Dir::Cache="$1" -o APT::Sandbox::User="$(id -un)" "${@:2}"
+}
+
+# What apt-get would install for 32-bit ARM where nothing is: packages with all that they need.
+arm_packages() { # folder of apt-get's, package ...
+    mkdir -p "$1/lists/partial" "$1/archives/partial"
+    touch "$1/status"
+    arm_apt_get "$1" update >/dev/null || note 'Some lists could not be fetched; the rest may do.' >&2
+    arm_apt_get "$1" --simulate --no-install-recommends install "${@:2}" | awk '$1 == "Inst" { print $2 }'
+}
+
+# Unpacks packages for 32-bit ARM, unless the folder is there.
+unpack_arm_packages() { # folder, folder of apt-get's, package ...
+    local folder=$1 own=$2 package
+    [[ ! -d $folder ]] || return 0
+    rm -rf "$folder.part"
+    mkdir -p "$folder.part"
+    (cd "$folder.part" && arm_apt_get "$own" download "${@:3}") || return
+    for package in "$folder.part"/*.deb; do
+        dpkg -x "$package" "$folder.part" && rm "$package" || return
+    done
+    mv "$folder.part" "$folder"
+}
+
 # Of pmacct, nfdump, tshark and postgresql what isn't installed, unpacked into folders of their own. In
 # scripts/private `with_collectors` stands before a command that is to find them, in a place that other
 # users than root get at as well.
