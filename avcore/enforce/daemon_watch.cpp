@@ -37,6 +37,8 @@ void daemon_watch::look(bool link_down, int64_t now_ms) {
     if (connects_before > 0 && connects_ != connects_before)
         may_be_new_ = true;
     const bool has_ended = connections_before > 0 && connections_ == 0;
+    if (has_ended)
+        leave_time();
     if (has_ended || link_down || feeder_.silent(now_ms, UNDECIDED_MS))
         decides(false, now_ms);
     else if (connections_ > connections_before)

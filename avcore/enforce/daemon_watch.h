@@ -32,6 +32,13 @@ public:
     // A verdict came. True when it may be the first one of another daemon, with other policies.
     bool answered(int64_t now_ms);
 
+    // Whoever comes next, of this program or of the daemon, has all of the time that a beat holds.
+    // A closed gate keeps its verdicts without, and would let pass what has none.
+    void leave_time() {
+        if (somebody_decides_ && !settings_.rules.fail_closed)
+            gate_.beat();
+    }
+
     bool somebody_decides() const { return somebody_decides_; } // as far as has shown
     int64_t next_tick_ms() const { return next_beat_ms_; }
 

@@ -30,8 +30,10 @@ enforcement::enforcement(const std::string &pins, const std::vector<std::string>
       enforcer_(gate_, holding_, settings_, say_) {}
 
 enforcement::~enforcement() {
-    if (watch_)
-        gate_.leave();
+    if (!watch_)
+        return;
+    watch_->leave_time();
+    gate_.leave();
 }
 
 void enforcement::begin(const channel_server &channel, feeder &feeder) {

@@ -174,6 +174,24 @@ class Layout:
         subprocess.run([jorn_path("avcore"), "teardown"], check=True)
         self.lines.wait(lambda line: "the gate at wlan0 was taken away" in line)
 
+    def test_who_comes_next_has_as_long_as_a_beat(self):
+        def the_last_beat_is_after(leave):
+            self.until(lambda: self.status()["beat_age_ms"] > 600)  # the next one isn't due
+            left = time.monotonic()
+            leave()
+            age_ms = self.status()["beat_age_ms"]
+            self.assertLess(age_ms, (time.monotonic() - left) * 1000)
+
+        def kill_daemon():
+            self.jorn.kill()
+            self.lines.wait(lambda line: "the daemon is gone" in line)
+
+        self.start()
+        the_last_beat_is_after(kill_daemon)
+        self.jorn = self.start_daemon()
+        self.lines.wait(lambda line: "the daemon is back" in line)
+        the_last_beat_is_after(lambda: self.stop_avcore(self.avcore))
+
     def kill_and_restart(self, who, fail):
         allowed, denied = ({version: self.talk(SERVERS[version], port, 0.002)
                             for version in FAMILIES} for port in (ALLOWED, DENIED))
