@@ -13,6 +13,11 @@ int set_up_gate(const options &options, const config &settings) {
         attached.set_rules(settings.enforce.rules);
     for (const std::string &name : options.gate_interfaces)
         std::cout << "attached to " << name << '\n';
+    if (options.gate_nowhere_else)
+        for (const std::string &name : attached.leave_others()) {
+            remove_shaping(name);
+            std::cout << "detached from " << name << '\n';
+        }
     const interface_news news = attached.follow_interfaces();
     for (const auto *lines : {&news.changes, &news.failures})
         for (const std::string &line : *lines)

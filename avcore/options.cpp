@@ -189,6 +189,7 @@ void complete(options &chosen, const config &settings) {
         throw no_input(chosen.config + " names no interface under [inline], and none of " +
                        (runs ? "-r, -i and " : "") + "--inline is given");
     chosen.gate_interfaces = settings.inline_interfaces;
+    chosen.gate_nowhere_else = true;
 }
 
 } // namespace avcore

@@ -28,6 +28,7 @@ struct options {
     std::string file;          // one of these three is set, or the configuration says the last
     std::string in_interface;
     std::vector<std::string> gate_interfaces; // also of set_up_gate
+    bool gate_nowhere_else = false;           // they are the configuration's, which has them all
     std::optional<attach_way> attach;         // the gate there
     std::string pins = GATE_PINS;
     std::string config; // may be empty

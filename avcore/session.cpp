@@ -90,6 +90,8 @@ session::session(const options &options, config settings)
         bus_ = std::make_unique<message_bus>(
             *settings_.bus, message_bus::surroundings{bus_socket_path(),
                                                       [this] { return bus_name_.get(); }, sayer()});
+    if (options_.gate_nowhere_else)
+        inline_->leave_others();
     if (inline_)
         inline_->begin(channel_, feeder_);
     fill_loop();

@@ -2,6 +2,7 @@
 
 #include "avcore/base/monotonic_clock.h"
 #include "avcore/enforce/gate_report.h"
+#include "avcore/enforce/shaper.h"
 
 #include <algorithm>
 #include <net/if.h>
@@ -34,6 +35,13 @@ enforcement::~enforcement() {
         return;
     watch_->leave_time();
     gate_.leave();
+}
+
+void enforcement::leave_others() {
+    for (const std::string &name : gate_.leave_others()) {
+        remove_shaping(name);
+        say_(name + " isn't named any more: the gate is detached there");
+    }
 }
 
 void enforcement::begin(const channel_server &channel, feeder &feeder) {

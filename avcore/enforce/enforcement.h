@@ -33,6 +33,8 @@ public:
     enforcement(const enforcement &) = delete;
     enforcement &operator=(const enforcement &) = delete;
 
+    // Takes the gate away where it stands and wasn't named, and says so. Throws std::runtime_error.
+    void leave_others();
     // Once daemons can come: verdicts are asked for and carried out from here on. Both outlive it.
     void begin(const channel_server &channel, feeder &feeder);
 

@@ -132,6 +132,10 @@ std::vector<std::string> gate::interfaces() const {
     return parts_->places.names();
 }
 
+std::vector<std::string> gate::leave_others() {
+    return parts_->places.leave_others();
+}
+
 std::vector<std::string> gate::taken_away() {
     return parts_->places.taken_away();
 }

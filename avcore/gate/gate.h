@@ -50,7 +50,10 @@ public:
     interface_news follow_interfaces();
     bool misses_interfaces() const; // an attempt failed: it is to be made again, in a second
     std::vector<std::string> interfaces() const; // where it is attached in this run
-    std::vector<std::string> taken_away();       // from which of them, since the last call
+    // Detaches it everywhere else, where earlier runs attached it. Returns where it stood. Throws
+    // std::runtime_error.
+    std::vector<std::string> leave_others();
+    std::vector<std::string> taken_away(); // from which of them, since the last call
     // What rules know the interface of a copy by: the access point's, where it is one for single
     // stations. Empty where the interface is gone.
     const std::string &interface_of(uint32_t if_index);

@@ -35,6 +35,9 @@ int gate::interfaces_fd() const {
 std::vector<std::string> gate::interfaces() const {
     return {};
 }
+std::vector<std::string> gate::leave_others() {
+    return {};
+}
 std::vector<std::string> gate::taken_away() {
     return {};
 }

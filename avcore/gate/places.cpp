@@ -1,5 +1,6 @@
 #include "avcore/gate/places.h"
 
+#include "avcore/gate/maps.h"
 #include "avcore/gate/pins.h"
 
 #include <algorithm>
@@ -160,6 +161,21 @@ void gate_places::leave(unsigned index, const station_place &place) {
     } catch (const std::runtime_error &error) {
         news_.failures.emplace_back(error.what());
     }
+}
+
+std::vector<std::string> gate_places::leave_others() {
+    std::vector<std::string> left;
+    if (misses_some_)
+        return left;
+    const unique_fd lock = lock_beside(pins_);
+    for (const auto &[index, name] : all_interfaces()) {
+        if (is_named(index) || stations_.contains(index))
+            continue;
+        const std::optional<tc_program> there = gate_at(pins_, index, tc_side::ingress);
+        if (there && pinned_program(pins_, there->id).valid() && take_gate_from(pins_, index))
+            left.push_back(name);
+    }
+    return left;
 }
 
 // Where an interface itself is gone, or was made anew, `follow` says so.

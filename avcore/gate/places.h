@@ -31,6 +31,9 @@ public:
     interface_news follow();
     bool misses_some() const { return misses_some_; } // and wants to be called again, unasked
 
+    // Takes it away where it stands by these pins, but for `names`. Returns where it stood. Nowhere
+    // while the radios don't say which interfaces are for stations. Throws std::runtime_error.
+    std::vector<std::string> leave_others();
     // Where it was named to stand and somebody took it away since the last call: a teardown, or tc.
     std::vector<std::string> taken_away();
     std::vector<std::string> names() const; // of all

@@ -120,6 +120,13 @@ class Routed(InlineTest):
         self.stop_avcore(self.avcore)
         self.assertEqual(self.news.recv(256), b"STOPPING=1")
 
+        for named in (["eth0", "wlan0"], ["wlan0"]):
+            self.configure(HOLD, f"interfaces = {json.dumps(named)}")
+            self.start_avcore()
+            self.assertEqual(sorted(self.status()["interfaces"]), named)
+            self.stop_avcore(self.avcore)
+        self.assertEqual(programs_at("eth0"), [])
+
     def test_with_few_rights(self):
         self.start(HOLD)
         first = programs_at("wlan0")
