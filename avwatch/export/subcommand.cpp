@@ -44,7 +44,10 @@ std::string what_is_wrong_with_seconds(const std::string &value) {
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), seconds);
     const bool is_good = error == std::errc() && end == value.data() + value.size() &&
                          seconds > 0 && seconds <= TIMEOUT_S_MAX;
-    return is_good ? "" : "seconds, from 1 to " + std::to_string(TIMEOUT_S_MAX);
+    std::string wrong;
+    if (!is_good)
+        wrong.append("seconds, from 1 to ").append(std::to_string(TIMEOUT_S_MAX));
+    return wrong;
 }
 
 std::string mac_text(const exported_record::mac_address &mac) {
