@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr uint8_t FIN = 1, SYN = 2, RST = 4, ACK = 16;
+constexpr uint8_t SYN = 2, RST = 4, ACK = 16;
 constexpr __int128 A_SECOND = 1'000'000'000;
 
 template <typename map_type>
