@@ -16,7 +16,7 @@ TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3
 # shellcheck disable=SC2034
 BROWSER_PACKAGES=(chromium chromium-driver python3-selenium)
 # shellcheck disable=SC2034
-PACKAGE_PACKAGES=(debhelper dpkg-dev lintian shellcheck)
+PACKAGE_PACKAGES=(build-essential debhelper dpkg-dev lintian shellcheck)
 # shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl iperf3
     strongswan-charon strongswan-swanctl)
