@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace avwatch {
 
@@ -70,6 +71,20 @@ public:
     // The next message, or nothing until there is more to read. Throws no_watch: the connection
     // has ended, what greets is no watch socket or one of another version, or a line is too long.
     std::optional<message> take();
+    // What is there, MESSAGES_AT_ONCE at most: `told` gets each message, and `greeted` the
+    // greeting, once and before them. Returns whether there may be more. Throws as take() does.
+    template <typename Greeted, typename Told>
+    bool take_some(const Greeted &greeted, const Told &told) {
+        for (int i = 0; i < MESSAGES_AT_ONCE; ++i) {
+            const std::optional<message> next = take();
+            if (greeting_ && !std::exchange(is_greeting_told_, true))
+                greeted(*greeting_);
+            if (!next)
+                return false;
+            told(*next);
+        }
+        return true;
+    }
     // The next one, which may take that long, or forever. Throws no_watch, too, when it takes
     // longer.
     message wait(std::optional<std::chrono::milliseconds> patience = {});
@@ -96,6 +111,7 @@ private:
     size_t searched_ = 0; // and without a line's end up to there
     uint32_t last_id_ = 0;
     std::optional<greeting_record> greeting_;
+    bool is_greeting_told_ = false; // by take_some
     uint64_t passed_over_ = 0;
 };
 

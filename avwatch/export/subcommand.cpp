@@ -32,7 +32,6 @@ namespace avwatch {
 namespace {
 
 constexpr int64_t TICK_MS = 1'000;
-constexpr int64_t ENDS_LATE_MS = 40'000; // as avcore tells of them, while nobody listened
 
 struct export_request {
     std::string active_s = "10", inactive_s = "10";
@@ -97,15 +96,11 @@ public:
     void listen(int64_t now_ms) {
         flows_.set_clock(avcore::wall_ahead_us());
         try {
-            has_more_ = true;
-            for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
-                const std::optional<message> told = avcore_->take();
-                if (!is_greeted_ && avcore_->greeting())
-                    greet(now_ms);
-                has_more_ = told.has_value();
-                if (told)
-                    std::visit([&](const auto &what) { take(what, now_ms); }, told->what);
-            }
+            has_more_ = avcore_->take_some(
+                [&](const greeting_record &greeting) { greet(greeting, now_ms); },
+                [&](const message &told) {
+                    std::visit([&](const auto &what) { take(what, now_ms); }, told.what);
+                });
         } catch (const no_watch &gone) {
             disconnect(gone.what());
         }
@@ -145,17 +140,14 @@ private:
 
     void connect_again(int64_t now_ms) {
         try {
-            connect(counted_.heard_ms() < 0
-                        ? std::nullopt
-                        : std::optional(now_ms - counted_.heard_ms() + ENDS_LATE_MS));
+            connect(counted_.ends_to_ask_for_ms(now_ms));
         } catch (const std::runtime_error &error) {
             disconnect(error.what());
         }
     }
 
-    void greet(int64_t now_ms) {
-        is_greeted_ = true;
-        const std::string epoch = avcore_->greeting()->epoch();
+    void greet(const greeting_record &greeting, int64_t now_ms) {
+        const std::string epoch = greeting.epoch();
         flows_.connected(epoch, counted_.heard_ms() < 0 ? now_ms : counted_.heard_ms());
         counted_.connected(epoch);
         if (!std::exchange(avcore_trouble_, {}).empty())
@@ -166,7 +158,7 @@ private:
         if (std::exchange(avcore_trouble_, why) != why)
             complain(why);
         avcore_.reset();
-        is_greeted_ = has_more_ = false;
+        has_more_ = false;
         counted_.disconnected();
     }
 
@@ -253,7 +245,6 @@ private:
     interfaces interfaces_;
     due_flows flows_;
     std::string avcore_trouble_;
-    bool is_greeted_ = false;
     bool is_listed_ = false; // once
     bool has_more_ = false;
     int64_t due_ms_ = 0;

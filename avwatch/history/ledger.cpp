@@ -8,6 +8,8 @@ namespace avwatch {
 namespace {
 
 constexpr char UNKNOWN_CLIENT[] = "unknown";
+// Longer than avcore takes to tell of an end; less than ended ones are known again.
+constexpr int64_t ENDS_LATE_MS = 40'000;
 
 std::string client_of(const flow_message &news) {
     std::string_view client = news.client_mac.empty() ? news.client : news.client_mac;
@@ -52,6 +54,12 @@ void ledger::listed(int64_t now_ms) {
 void ledger::heard(int64_t now_ms) {
     if (listed_ms_ >= 0)
         heard_ms_ = now_ms;
+}
+
+std::optional<int64_t> ledger::ends_to_ask_for_ms(int64_t now_ms) const {
+    if (heard_ms_ < 0)
+        return std::nullopt;
+    return heard_ms_ > now_ms ? now_ms : std::min(now_ms - heard_ms_ + ENDS_LATE_MS, now_ms);
 }
 
 std::optional<ledger::growth> ledger::take(const flow_message &news, int64_t now_ms) {

@@ -128,6 +128,9 @@ public:
     // boot. -1: never.
     int64_t heard_ms() const { return heard_ms_; }
     void set_heard(int64_t at_ms) { heard_ms_ = at_ms; }
+    // How far back avcore is to be asked for ends: since it was last heard and somewhat longer, for
+    // they are told late; in another boot all. None: it never was heard.
+    std::optional<int64_t> ends_to_ask_for_ms(int64_t now_ms) const;
     const std::string &epoch() const { return epoch_; }
     void set_epoch(std::string epoch) { epoch_ = std::move(epoch); }
     void written();

@@ -65,20 +65,15 @@ void watcher::ask(int64_t now_ms) {
 
 void watcher::listen(int64_t now_ms) {
     try {
-        has_more_ = true;
-        for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
-            const std::optional<message> told = avcore_->take();
-            if (!is_greeted_ && avcore_->greeting()) {
-                is_greeted_ = true;
-                fed_.connected(*avcore_->greeting());
+        has_more_ = avcore_->take_some(
+            [this](const greeting_record &greeting) {
+                fed_.connected(greeting);
                 trouble_.clear();
-            }
-            has_more_ = told.has_value();
-            if (!has_more_)
-                break;
-            heard_ms_ = now_ms;
-            std::visit(taker{*this, told->id, now_ms}, told->what);
-        }
+            },
+            [&](const message &told) {
+                heard_ms_ = now_ms;
+                std::visit(taker{*this, told.id, now_ms}, told.what);
+            });
     } catch (const no_watch &gone) {
         disconnect(gone.what(), now_ms);
     }
@@ -104,7 +99,7 @@ void watcher::serve(int64_t now_ms) {
 void watcher::disconnect(const std::string &why, int64_t now_ms) {
     trouble_ = why;
     avcore_.reset();
-    is_greeted_ = has_more_ = false;
+    has_more_ = false;
     fed_.disconnected();
     connect_due_ms_ = now_ms + CONNECT_EVERY_MS;
     ask_due_ms_ = NEVER_MS;

@@ -45,7 +45,6 @@ private:
     present &fed_;
     std::optional<watch_client> avcore_;
     std::string trouble_;
-    bool is_greeted_ = false;
     bool has_more_ = false;
     uint32_t follow_asked_ = 0;
     uint32_t clients_asked_ = 0;

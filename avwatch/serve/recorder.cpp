@@ -17,9 +17,6 @@ using avcore::monotonic_ms;
 using avcore::NEVER_MS;
 
 constexpr int64_t CONNECT_EVERY_MS = 2'000;
-// Ends from so long before avcore was last heard are asked for: later they are told. Less than
-// ended ones are known again.
-constexpr int64_t ENDS_LATE_MS = 40'000;
 constexpr int64_t ASK_EVERY_MS = 10'000;
 constexpr int64_t SILENT_MS = 3 * ASK_EVERY_MS; // who doesn't answer tells nothing
 constexpr int64_t CLIENTS_EVERY_MS = 60'000;
@@ -120,18 +117,13 @@ void recorder::listen() {
     if (exports_.has_any())
         exports_.look_at_clocks();
     try {
-        has_more_ = true;
-        for (int i = 0; has_more_ && i < MESSAGES_AT_ONCE; ++i) {
-            const std::optional<message> told = avcore_->take();
-            if (!is_greeted_ && avcore_->greeting())
-                greet(now_ms);
-            has_more_ = told.has_value();
-            if (!has_more_)
-                break;
-            heard_ms_ = now_ms;
-            std::visit(taker{*this, told->id, now_ms}, told->what);
-            ledger_.heard(now_ms);
-        }
+        has_more_ =
+            avcore_->take_some([&](const greeting_record &greeting) { greet(greeting, now_ms); },
+                               [&](const message &told) {
+                                   heard_ms_ = now_ms;
+                                   std::visit(taker{*this, told.id, now_ms}, told.what);
+                                   ledger_.heard(now_ms);
+                               });
     } catch (const no_watch &gone) {
         disconnect(gone.what());
     }
@@ -204,7 +196,7 @@ bool recorder::write(int64_t now_ms) {
 
 std::string recorder::metrics() const {
     health now = health_;
-    now.hears_avcore = is_greeted_ && monotonic_ms() - heard_ms_ < SILENT_MS;
+    now.hears_avcore = is_greeted() && monotonic_ms() - heard_ms_ < SILENT_MS;
     now.open_flows = ledger_.open();
     now.uncounted = ledger_.uncounted();
     now.exports = exports_.counts();
@@ -272,30 +264,22 @@ void recorder::connect(int64_t now_ms) {
         return;
     try {
         avcore_.emplace(watch_socket_);
-        follow_asked_ = avcore_->follow({.flows = true,
-                                         .events = false,
-                                         .brief = !exports_.has_any(),
-                                         .every_ms = exports_.every_ms(),
-                                         .ended_within_ms = asked_ends_ms(monotonic_ms()),
-                                         .filter = {}});
+        follow_asked_ =
+            avcore_->follow({.flows = true,
+                             .events = false,
+                             .brief = !exports_.has_any(),
+                             .every_ms = exports_.every_ms(),
+                             .ended_within_ms = ledger_.ends_to_ask_for_ms(monotonic_ms()),
+                             .filter = {}});
         connect_due_ms_ = NEVER_MS;
     } catch (const std::runtime_error &error) {
         disconnect(error.what());
     }
 }
 
-// How far back: in another boot than that of the last time, all.
-std::optional<int64_t> recorder::asked_ends_ms(int64_t now_ms) const {
-    const int64_t heard_ms = ledger_.heard_ms();
-    if (heard_ms < 0)
-        return std::nullopt;
-    return heard_ms > now_ms ? now_ms : std::min(now_ms - heard_ms + ENDS_LATE_MS, now_ms);
-}
-
-void recorder::greet(int64_t now_ms) {
-    is_greeted_ = true;
-    ledger_.connected(avcore_->greeting()->epoch());
-    exports_.flows().connected(avcore_->greeting()->epoch(), ledger_.heard_ms());
+void recorder::greet(const greeting_record &greeting, int64_t now_ms) {
+    ledger_.connected(greeting.epoch());
+    exports_.flows().connected(greeting.epoch(), ledger_.heard_ms());
     ask_due_ms_ = clients_due_ms_ = now_ms;
     if (!std::exchange(avcore_trouble_, {}).empty())
         complain("avcore is heard again");
@@ -303,8 +287,8 @@ void recorder::greet(int64_t now_ms) {
 
 void recorder::ask() {
     const int64_t now_ms = monotonic_ms();
-    ask_due_ms_ = is_greeted_ ? now_ms + ASK_EVERY_MS : NEVER_MS;
-    if (!is_greeted_)
+    ask_due_ms_ = is_greeted() ? now_ms + ASK_EVERY_MS : NEVER_MS;
+    if (!is_greeted())
         return;
     try {
         avcore_->ask(question::counts);
@@ -322,7 +306,7 @@ void recorder::ask() {
 void recorder::disconnect(const std::string &why) {
     say_once(avcore_trouble_, why);
     avcore_.reset();
-    is_greeted_ = has_more_ = false;
+    has_more_ = false;
     ledger_.disconnected();
     connect_due_ms_ = monotonic_ms() + CONNECT_EVERY_MS;
     ask_due_ms_ = NEVER_MS;

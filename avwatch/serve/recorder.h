@@ -49,8 +49,8 @@ private:
     bool open_history(int64_t now_ms);
     bool is_replaced() const;
     void connect(int64_t now_ms);
-    std::optional<int64_t> asked_ends_ms(int64_t now_ms) const;
-    void greet(int64_t now_ms);
+    bool is_greeted() const { return avcore_ && avcore_->greeting(); }
+    void greet(const greeting_record &greeting, int64_t now_ms);
     void ask();
     void disconnect(const std::string &why);
     bool write(int64_t now_ms); // false: somebody else is at it
@@ -70,7 +70,6 @@ private:
     ino_t file_inode_ = 0;
     bool is_restored_ = false;
     std::optional<watch_client> avcore_;
-    bool is_greeted_ = false;
     bool has_more_ = false; // was read already
     uint32_t follow_asked_ = 0;
     uint32_t clients_asked_ = 0;
