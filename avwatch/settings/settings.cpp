@@ -130,8 +130,11 @@ export_settings read_export(const toml::table &table, const std::string &file,
     if (wanted.names < most_names)
         in.fail(*in.find("names"), "'names' tells more than 'names' in [history], whose file has "
                                    "the applications' numbers");
-    if (in.find("enterprise") != nullptr)
+    if (in.find("enterprise") != nullptr) {
         in.number("enterprise", wanted.enterprise.emplace());
+        if (*wanted.enterprise == 0)
+            in.fail(*in.find("enterprise"), "'enterprise' must be at least 1: 0 is IANA");
+    }
     if (const std::optional<std::string> mac = in.text("access_point")) {
         wanted.access_point = canonical_mac(*mac).value_or("");
         if (wanted.access_point.empty())

@@ -287,7 +287,7 @@ class Export(Served):
                           (table(70_000), "'ipfix' must say"), ('[[export]]\n', "'ipfix' must say"),
                           (table(4739).replace("active_timeout = 1", "active_timeout = 0", 1), "at least 1"),
                           ('names = "none"\n' + table(4739, 'names = "full"'), "tells more"),
-                          (table(4739, 'access_point = "here"'), "MAC address"),
+                          (table(4739, 'access_point = "here"'), "MAC address"), (table(4739, "enterprise = 0"), "at least 1"),
                           ("[export]\nipfix = \"udp://a\"", "[[export]] tables"),
                           ("".join(table(port) for port in range(1, 6)), "may be 4")):
             with self.subTest(text):
