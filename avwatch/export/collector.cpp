@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <iterator>
@@ -52,6 +53,30 @@ void let_be_cut(int socket, int family) {
         setsockopt(socket, IPPROTO_IP, IP_MTU_DISCOVER, &kind, sizeof kind);
     else
         setsockopt(socket, IPPROTO_IPV6, IPV6_MTU_DISCOVER, &kind, sizeof kind);
+}
+
+// None where there is no way.
+unique_fd connect_to(const std::vector<char> &address) {
+    sockaddr_storage to = {};
+    memcpy(&to, address.data(), std::min(address.size(), sizeof to));
+    unique_fd connected(socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!connected.valid() || connect(connected.get(), reinterpret_cast<const sockaddr *>(&to),
+                                      static_cast<socklen_t>(address.size())) != 0)
+        return {};
+    let_be_cut(connected.get(), to.ss_family);
+    return connected;
+}
+
+// The address of this machine's that it sends from.
+std::vector<char> source_of(int socket) {
+    sockaddr_in6 from = {}; // or IPv4's, with the port at the same place
+    socklen_t size = sizeof from;
+    if (getsockname(socket, reinterpret_cast<sockaddr *>(&from), &size) != 0)
+        return {};
+    static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
+    from.sin6_port = 0;
+    const auto *begin = reinterpret_cast<const char *>(&from);
+    return {begin, begin + std::min<size_t>(size, sizeof from)};
 }
 
 } // namespace
@@ -107,6 +132,8 @@ void collector::begin_look_up(int64_t now_ms) {
         eventfd_write(shared->done.get(), 1);
     };
     try {
+        if (!looking_->done.valid())
+            throw std::system_error(errno, std::generic_category());
         std::thread(look).detach();
     } catch (const std::system_error &error) {
         looking_.reset();
@@ -116,29 +143,33 @@ void collector::begin_look_up(int64_t now_ms) {
 }
 
 void collector::end_look_up(int64_t now_ms) {
-    const found_places found = std::move(looking_->found);
+    found_places found = std::move(looking_->found);
     looking_.reset();
-    const bool is_known = !found.addresses.empty();
-    look_up_due_ms_ = now_ms + (is_known ? LOOK_UP_MS : RETRY_MS);
-    if (!is_known && !is_open())
+    std::vector<std::vector<char>> &places = found.addresses;
+    look_up_due_ms_ = now_ms + (places.empty() ? RETRY_MS : LOOK_UP_MS);
+    if (places.empty() && !is_open()) {
         note_trouble(found.trouble, now_ms);
-    // Names with several addresses have them in another order each time.
-    if (!is_known || std::ranges::find(found.addresses, address_) != found.addresses.end() ||
-        std::ranges::any_of(found.addresses, [this](const auto &each) { return open(each); }))
+        return;
+    }
+    if (places.empty())
+        places.push_back(address_);
+    // The present one first: names with several have them in another order each time.
+    const auto present = std::ranges::find(places, address_);
+    if (present != places.end())
+        std::swap(places.front(), *present);
+    if (std::ranges::any_of(places, [this](const auto &each) { return open(each); }))
         return;
     note_trouble(strerror(errno), now_ms);
     look_up_due_ms_ = now_ms + RETRY_MS;
 }
 
-// The present session goes on where it isn't possible.
+// The present session goes on where another one isn't possible, or would be the same.
 bool collector::open(const std::vector<char> &address) {
-    sockaddr_storage to = {};
-    memcpy(&to, address.data(), std::min(address.size(), sizeof to));
-    unique_fd connected(socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!connected.valid() || connect(connected.get(), reinterpret_cast<const sockaddr *>(&to),
-                                      static_cast<socklen_t>(address.size())) != 0)
+    unique_fd connected = connect_to(address);
+    if (!connected.valid())
         return false;
-    let_be_cut(connected.get(), to.ss_family);
+    if (address == address_ && source_of(connected.get()) == source_of(socket_.get()))
+        return true;
     socket_ = std::move(connected);
     address_ = address;
     sequence_ = 0;
@@ -148,23 +179,30 @@ bool collector::open(const std::vector<char> &address) {
     return true;
 }
 
-// An error may be an earlier datagram's, which was refused: this one is then tried once more. What
-// can't be sent counts in the sequence, by which the collector sees what it doesn't get.
+// An error may be an earlier datagram's, which was refused: this one is then tried once more. Where
+// there is no way at present, this machine may have another address by now.
 bool collector::send_one(ipfix_message &message, int64_t now_ms) {
     message.stamp(static_cast<uint32_t>(time(nullptr)), sequence_);
     const auto is_sent = [&] {
         return ::send(socket_.get(), message.bytes.data(), message.bytes.size(), 0) >= 0;
     };
-    const auto has_to_wait = [] { return errno == EAGAIN || errno == ENOBUFS || errno == EINTR; };
-    bool is_done = is_sent();
-    if (!is_done && !has_to_wait()) {
-        ++failed_;
+    const auto is_for_a_moment = [] {
+        return errno == EAGAIN || errno == ENOBUFS || errno == EINTR;
+    };
+    if (!is_sent()) {
+        if (is_for_a_moment())
+            return false;
         note_trouble(strerror(errno), now_ms);
-        is_done = is_sent();
+        if (!is_sent()) {
+            if (!is_for_a_moment()) {
+                send_due_ms_ = now_ms + AGAIN_MS;
+                open(address_);
+            }
+            return false;
+        }
+        ++failed_;
     }
-    if (!is_done && has_to_wait())
-        return false;
-    sent_ += is_done ? 1 : 0;
+    ++sent_;
     sequence_ += message.records;
     return true;
 }

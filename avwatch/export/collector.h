@@ -3,11 +3,13 @@
 // again, for it may move; until it is known the queue keeps what there is room for.
 //
 // A socket is a transport session (RFC 7011, section 10.3): it begins with templates and with
-// sequence number 0, where a collector's address changes, too. One that is still among those that
-// its name has is kept.
+// sequence number 0. Another one is needed where the collector's address changes, or this
+// machine's, by which the socket would go on to send for ever. An address that is still among those
+// that the name has is kept.
 //
 // Nobody answers. That a datagram was refused there is told with a later one: it is counted, and
-// said once, until there was no trouble for a while.
+// said once, until there was no trouble for a while. While there is no way to the collector at all,
+// messages wait, as without an address.
 #pragma once
 
 #include "avwatch/ipfix/messages.h"
@@ -30,6 +32,7 @@ public:
     static constexpr int64_t PACE_MS = 10;
     static constexpr int64_t LOOK_UP_MS = 300'000;
     static constexpr int64_t RETRY_MS = 10'000; // to look up what wasn't found
+    static constexpr int64_t AGAIN_MS = 1'000;  // where there was no way
     static constexpr int64_t CALM_MS = 60'000;  // without trouble it is over
 
     struct place {

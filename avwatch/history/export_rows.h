@@ -17,7 +17,7 @@ struct export_counts {
     uint64_t records = 0; // that were put into messages
     uint64_t messages = 0;
     uint64_t dropped = 0; // ended flows that waited in vain, news of too many flows
-    uint64_t failed = 0;  // messages that weren't sent, or were refused there
+    uint64_t failed = 0;  // messages that were refused there
     uint64_t other = 0;   // records of applications that have no number of their own
 
     bool operator==(const export_counts &) const = default;

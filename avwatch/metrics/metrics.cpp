@@ -121,7 +121,7 @@ void add_exports(std::string &out, const std::vector<export_counts> &exports) {
     } counters[] = {
         {"jorn_export_records_total", "Records of flows for collectors.", &export_counts::records},
         {"jorn_export_messages_total", "Messages that were sent.", &export_counts::messages},
-        {"jorn_export_failed_messages_total", "Messages that weren't sent, or were refused.",
+        {"jorn_export_failed_messages_total", "Messages that were refused.",
          &export_counts::failed},
         {"jorn_export_dropped_total",
          "Records that there was no room for, and news of too many flows.",

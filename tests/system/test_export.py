@@ -12,11 +12,11 @@ class Collector:
 
     is_late = False  # what came before may be missing
 
-    def __init__(self, port=0, is_late=False):
+    def __init__(self, port=0, is_late=False, host="127.0.0.1"):
         self.is_late = is_late
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8_000_000)
-        self.socket.bind(("127.0.0.1", port))
+        self.socket.bind((host, port))
         self.port = self.socket.getsockname()[1]
         self.begin()
         threading.Thread(target=self.listen, daemon=True).start()
@@ -35,7 +35,7 @@ class Collector:
 
     def take(self, message):
         version, length, _, sequence, domain = struct.unpack_from(">HHIII", message)
-        assert (version, length, domain) == (10, len(message), 1) and length <= 1_400
+        assert (version, length, domain) == (10, len(message), 1) and length <= 1_372
         if sequence == 0:
             self.sequence = 0  # a new start
         assert self.sequence in (None, sequence), (self.sequence, sequence)
@@ -258,6 +258,29 @@ class Export(Served):
         complained = self.stop()
         self.assertEqual(sum("refused" in line for line in complained.splitlines()), 1, complained)
         self.assertEqual(good.wrong + late.wrong, [])
+
+    def test_this_machine_moves(self):
+        """It has no address for a while, then another one: nothing is lost, whatever the socket was bound to."""
+        def move_to(*addresses):
+            for address in addresses:
+                ip(None, "address", "add", address, "dev", "lo")
+                ip(None, "route", "replace", "local", "192.0.2.9", "dev", "lo", "src", address, "table", "local")
+
+        move_to("192.0.2.1")
+        collector = Collector(host="192.0.2.9")
+        self.configure(table(collector.port, host="192.0.2.9"))
+        avcore = Avcore(self.socket)
+        self.serve()
+        for number, (leaves, reaches) in enumerate((((), ()), (["192.0.2.1"], ()), ((), ["192.0.2.2"])), 1):
+            for address in leaves:
+                ip(None, "address", "del", address + "/32", "dev", "lo")
+            move_to(*reaches)
+            avcore.tell(ended(3, 100, id=f"{number}"))
+            time.sleep(1.5)
+        self.equal(collector, {"app0": [300, 3, 0]})
+        self.assertEqual([self.export()[f"udp://192.0.2.9:{collector.port}"][each] for each in ("failed", "dropped")], [0, 0])
+        ip(None, "address", "del", "192.0.2.2/32", "dev", "lo")
+        self.assertIn("unreachable", self.stop())
 
     def test_lines(self):
         avcore = Avcore(self.socket, [flow(1, 5_000, 70_000)])  # which is no business of this run's
