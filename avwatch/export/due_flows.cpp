@@ -14,6 +14,7 @@ namespace avwatch {
 namespace {
 
 constexpr size_t PARTS_MAX = 2 * due_flows::WAITING_MAX;
+constexpr int64_t HEARD_EVERY_MS = 10'000; // at least
 constexpr int64_t US_IN_MS = 1'000;
 constexpr int64_t CLOCK_WAS_SET_US = 1'000'000;
 constexpr char BY_ENGINE[] = "dpi";
@@ -78,6 +79,13 @@ void set_side(exported_flow &facts, const std::string &text, exported_record::ad
     facts.is_ipv6 = !parsed->is_ipv4();
 }
 
+uint32_t every_ms_of(const std::vector<due_flows::view> &views) {
+    int64_t every_ms = HEARD_EVERY_MS;
+    for (const due_flows::view &each : views)
+        every_ms = std::min({every_ms, each.active_ms, each.inactive_ms / 2});
+    return static_cast<uint32_t>(every_ms);
+}
+
 uint64_t moved(uint64_t time_us, int64_t by_us) {
     if (by_us >= 0)
         return std::min<uint64_t>(time_us + static_cast<uint64_t>(by_us), INT64_MAX);
@@ -99,12 +107,9 @@ exported_record::mac_address mac_address_in(const std::string &text) {
     return mac;
 }
 
-uint32_t heard_every_ms(uint32_t active_s, uint32_t inactive_s) {
-    return std::min({HEARD_EVERY_MS, active_s * 1'000, inactive_s * 1'000 / 2});
-}
-
 due_flows::due_flows(std::vector<view> views, namer names)
     : views_(std::move(views)),
+      heard_every_ms_(every_ms_of(views_)),
       names_(std::move(names)),
       waiting_(views_.size()),
       left_out_there_(views_.size()) {}
@@ -188,7 +193,7 @@ uint64_t due_flows::wall_us(int64_t at_ms) const {
 // When the last packet passed; a file's frames have times of their own.
 int64_t due_flows::passed_ms(const count_record &told, int64_t now_ms) const {
     const int64_t before_ms = static_cast<int64_t>(wall_us(now_ms) - told.last_us) / US_IN_MS;
-    return before_ms >= 0 && before_ms <= 2 * int64_t{HEARD_EVERY_MS} ? now_ms - before_ms : now_ms;
+    return before_ms >= 0 && before_ms <= 2 * HEARD_EVERY_MS ? now_ms - before_ms : now_ms;
 }
 
 due_flows::open_flow due_flows::begun(const flow_record &told, const ledger::growth &more,
@@ -251,12 +256,16 @@ void due_flows::grow(open_flow &flow, const count_record &told, const ledger::gr
     ended_ += !was_over && flow.end_reason != 0 ? 1 : 0;
     if (!has_any(more.counts))
         return;
-    flow.grown_ms = passed_ms(told, now_ms);
+    const int64_t grown_ms = passed_ms(told, now_ms);
+    const int64_t silent_ms = grown_ms - std::exchange(flow.grown_ms, grown_ms);
     for (size_t place = 0; place < views_.size(); ++place) {
         share &part = flow.shares[place];
-        // After a silence a part begins with what passes then, not where the one before it ended.
-        if (!has_any(part.counts) && now_ms - part.begun_ms > views_[place].inactive_ms)
-            part.begun_ms = flow.grown_ms;
+        // What passes first is no older than what would have been heard of before.
+        if (!has_any(part.counts) && silent_ms >= views_[place].inactive_ms) {
+            part.begun_ms = grown_ms;
+            part.begun_us =
+                std::max(part.begun_us, moved(told.last_us, -US_IN_MS * heard_every_ms_));
+        }
         for (size_t i = 0; i < FLOW_COUNTS; ++i)
             part.counts[i] += more.counts[i];
     }

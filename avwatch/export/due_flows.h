@@ -6,7 +6,7 @@
 // part of a flow is due when it has gone on for the active timeout, when nothing has passed for the
 // inactive one, when the flow gets another name, once the history counts under the one that it has,
 // and when the flow is over. The first part begins with the flow, each other one where the part
-// before it ended.
+// before it ended, and behind a silence with what passes then.
 //
 // What is due when goes by the steady clock. Times of packets are the wall's; where that is set,
 // those that are kept here are set with it.
@@ -64,11 +64,6 @@ flow_counts counts_in(const Record &told) {
             told.down.bytes, told.dropped.denied, told.dropped.limited};
 }
 
-// How often a flow's counts are to be heard at least. That it is silent shows when it has not been
-// heard of, so that is to take half of the timeout.
-inline constexpr uint32_t HEARD_EVERY_MS = 10'000;
-uint32_t heard_every_ms(uint32_t active_s, uint32_t inactive_s);
-
 class due_flows {
 public:
     static constexpr size_t WAITING_MAX = 16'384; // shared out to the views
@@ -87,6 +82,10 @@ public:
         std::function<uint16_t(const std::string &name)> interface;
     };
     due_flows(std::vector<view> views, namer names);
+
+    // How often a flow's counts are to be heard. That it is silent shows when it has not been heard
+    // of, so that is to take half of the timeout.
+    uint32_t heard_every_ms() const { return heard_every_ms_; }
 
     // How far the wall's clock is ahead of the steady one: to be said before all else, and again.
     void set_clock(int64_t ahead_us);
@@ -144,6 +143,7 @@ private:
     void close_part(const open_flow &flow, share &part, int64_t now_ms);
 
     const std::vector<view> views_;
+    const uint32_t heard_every_ms_;
     const namer names_;
     std::string epoch_;
     std::optional<int64_t> ahead_us_;                  // the wall's clock

@@ -14,13 +14,6 @@ constexpr int64_t FINISH_MS = 3'000;
 
 constexpr int64_t TURN_MS = 86'400'000; // of the numbers
 
-uint32_t every_ms_of(const std::vector<export_settings> &settings) {
-    uint32_t every_ms = HEARD_EVERY_MS;
-    for (const export_settings &each : settings)
-        every_ms = std::min(every_ms, heard_every_ms(each.active_s, each.inactive_s));
-    return every_ms;
-}
-
 std::vector<due_flows::view> views_of(const std::vector<export_settings> &settings) {
     std::vector<due_flows::view> views;
     views.reserve(settings.size());
@@ -32,8 +25,7 @@ std::vector<due_flows::view> views_of(const std::vector<export_settings> &settin
 } // namespace
 
 exports::exports(const std::vector<export_settings> &settings)
-    : every_ms_(every_ms_of(settings)),
-      flows_(views_of(settings),
+    : flows_(views_of(settings),
              {[this](size_t place, const application_name &name, uint64_t engine_number) {
                   return ids_.id_of(name, engine_number, exporters_[place].names());
               },

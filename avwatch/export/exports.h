@@ -24,7 +24,7 @@ public:
 
     bool has_any() const { return !exporters_.empty(); }
     // How often a flow's counts are to be heard.
-    uint32_t every_ms() const { return every_ms_; }
+    uint32_t every_ms() const { return flows_.heard_every_ms(); }
 
     due_flows &flows() { return flows_; }
     application_numbers &numbers() { return numbers_; } // to be stored before send()
@@ -40,7 +40,6 @@ public:
     std::vector<export_counts> counts() const;
 
 private:
-    const uint32_t every_ms_;
     application_numbers numbers_;
     application_ids ids_{numbers_};
     interfaces interfaces_;

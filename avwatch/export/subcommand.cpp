@@ -78,10 +78,8 @@ class printed_flows {
 public:
     printed_flows(const invocation &asked, const export_request &wanted, names_kept names)
         : names_(names),
-          active_ms_(std::stoll(wanted.active_s) * 1'000),
-          inactive_ms_(std::stoll(wanted.inactive_s) * 1'000),
           watch_socket_(asked.watch_socket),
-          flows_({{active_ms_, inactive_ms_}},
+          flows_({{std::stoll(wanted.active_s) * 1'000, std::stoll(wanted.inactive_s) * 1'000}},
                  {[this](size_t, const application_name &name, uint64_t engine_number) {
                       return ids_.id_of(name, engine_number, names_);
                   },
@@ -124,16 +122,11 @@ public:
     }
 
 private:
-    uint32_t every_ms() const {
-        return heard_every_ms(static_cast<uint32_t>(active_ms_ / 1'000),
-                              static_cast<uint32_t>(inactive_ms_ / 1'000));
-    }
-
     void connect(std::optional<int64_t> ended_within_ms) {
         avcore_.emplace(watch_socket_);
         avcore_->follow({.flows = true,
                          .events = false,
-                         .every_ms = every_ms(),
+                         .every_ms = flows_.heard_every_ms(),
                          .ended_within_ms = ended_within_ms,
                          .filter = {}});
     }
@@ -236,7 +229,6 @@ private:
     }
 
     const names_kept names_;
-    const int64_t active_ms_, inactive_ms_;
     const std::string watch_socket_;
     std::optional<watch_client> avcore_;
     ledger counted_{names_kept::none};
