@@ -214,6 +214,7 @@ private:
         counted_.pass(now_ms_);
         counted_.written();
         numbers_.written();
+        numbers_.reserve(numbers_.next());
         flows_.give(now_ms_, false, [this](size_t place, const flow_part &part) {
             return give(*ends_[place], part);
         });

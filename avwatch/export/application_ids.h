@@ -24,7 +24,7 @@ public:
     std::string name_of(const application_id &id) const;
     std::string description_of(const application_id &id) const;
     bool is_known(const application_id &id) const;
-    // The same, or where a crash might give it to another application, that of "other".
+    // The same, or where another run might give it to another application, that of "other".
     application_id usable(const application_id &id);
 
 private:

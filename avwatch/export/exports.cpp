@@ -12,8 +12,6 @@ using avcore::monotonic_ms;
 
 constexpr int64_t FINISH_MS = 3'000;
 
-constexpr int64_t TURN_MS = 86'400'000; // of the numbers
-
 std::vector<due_flows::view> views_of(const std::vector<export_settings> &settings) {
     std::vector<due_flows::view> views;
     views.reserve(settings.size());
@@ -32,7 +30,6 @@ exports::exports(const std::vector<export_settings> &settings)
               [this](const std::string &name) { return interfaces_.number_of(name); }}) {
     for (const export_settings &each : settings)
         exporters_.emplace_back(each, ids_, interfaces_, time(nullptr));
-    numbers_due_ms_ = monotonic_ms() + TURN_MS;
     look_at_clocks();
 }
 
@@ -42,10 +39,7 @@ void exports::look_at_clocks() {
 
 void exports::send(int64_t now_ms, bool all) {
     interfaces_.look_again(now_ms);
-    if (now_ms >= numbers_due_ms_) {
-        numbers_.begin_turn();
-        numbers_due_ms_ = now_ms + TURN_MS;
-    }
+    numbers_.pass(now_ms);
     look_at_clocks();
     for (exporter &each : exporters_)
         each.begin(now_ms);

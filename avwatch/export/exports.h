@@ -27,7 +27,7 @@ public:
     uint32_t every_ms() const { return flows_.heard_every_ms(); }
 
     due_flows &flows() { return flows_; }
-    application_numbers &numbers() { return numbers_; } // to be stored before send()
+    application_numbers &numbers() { return numbers_; } // to be written before send()
 
     // Before flows are told: whether the wall's clock was set.
     void look_at_clocks();
@@ -45,7 +45,6 @@ private:
     interfaces interfaces_;
     std::deque<exporter> exporters_; // they stay where they are
     due_flows flows_;
-    int64_t numbers_due_ms_ = 0; // their next turn
 };
 
 } // namespace avwatch

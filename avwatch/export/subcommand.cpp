@@ -84,6 +84,7 @@ public:
                       return ids_.id_of(name, engine_number, names_);
                   },
                   [this](const std::string &name) { return interfaces_.number_of(name); }}) {
+        numbers_.reserve(UINT32_MAX);
         connect(std::nullopt);
     }
 
@@ -110,8 +111,11 @@ public:
             connect_again(now_ms);
         flows_.set_clock(avcore::wall_ahead_us());
         interfaces_.look_again(now_ms);
+        numbers_.pass(now_ms);
         flows_.give(now_ms, all, [this](size_t, const flow_part &part) {
-            print(part);
+            flow_part usable = part;
+            usable.application = ids_.usable(part.application);
+            print(usable);
             return true;
         });
         counted_.pass(now_ms);

@@ -3,6 +3,11 @@
 #include <utility>
 
 namespace avwatch {
+namespace {
+
+constexpr int64_t DAY_MS = 86'400'000;
+
+} // namespace
 
 void application_numbers::restore(application_name name, const row &stored) {
     const auto [at, is_new] = rows_.try_emplace(std::move(name), stored);
@@ -11,6 +16,14 @@ void application_numbers::restore(application_name name, const row &stored) {
     by_number_[stored.number] = &*at;
     turn_ = std::max(turn_, stored.turn);
     set_next(stored.number + 1);
+}
+
+void application_numbers::pass(int64_t now_ms) {
+    if (now_ms < turn_due_ms_)
+        return;
+    if (turn_due_ms_ != 0)
+        begin_turn();
+    turn_due_ms_ = now_ms + DAY_MS;
 }
 
 uint32_t application_numbers::number_of(const application_name &name) {
@@ -32,7 +45,7 @@ bool application_numbers::use(uint32_t number) {
     if (number < FIRST)
         return true;
     const auto found = by_number_.find(number);
-    if (found == by_number_.end() || number >= stored_below_)
+    if (found == by_number_.end() || number >= reserved_below_)
         return false;
     use(*found->second);
     return true;
@@ -51,7 +64,6 @@ const application_name *application_numbers::name_of(uint32_t number) const {
 void application_numbers::written() {
     unwritten_.clear();
     forgotten_.clear();
-    stored_below_ = next_;
 }
 
 void application_numbers::forget_rows() {

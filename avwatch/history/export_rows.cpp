@@ -1,5 +1,6 @@
 #include "avwatch/history/export_rows.h"
 
+#include <algorithm>
 #include <random>
 #include <string_view>
 
@@ -8,10 +9,25 @@ namespace {
 
 constexpr char NEXT_NUMBER[] = "next application number";
 constexpr uint32_t PLACES = UINT32_MAX / 2; // and as many numbers behind the last one
+constexpr uint32_t AT_ONCE = 1'024;
 
 uint32_t place_of_its_own() {
     std::random_device random;
     return std::uniform_int_distribution(application_numbers::FIRST, PLACES)(random);
+}
+
+void write_next(database &file, uint32_t next) {
+    statement row(file, "INSERT OR REPLACE INTO state VALUES (?, ?)");
+    row.bind(0, std::string_view(NEXT_NUMBER)).bind(1, int64_t{next}).run();
+}
+
+// On the disk before any of them is told: a power cut may take what else was written of late.
+void reserve_more(database &file, application_numbers &numbers) {
+    const uint32_t below = numbers.next() + std::min(AT_ONCE, UINT32_MAX - numbers.next());
+    file.run("PRAGMA synchronous = FULL"); // and once more, where it fails
+    write_next(file, below);
+    file.run("PRAGMA synchronous = NORMAL");
+    numbers.reserve(below);
 }
 
 } // namespace
@@ -30,6 +46,8 @@ void read_numbers(database &file, application_numbers &numbers) {
 void write_numbers(database &file, application_numbers &numbers) {
     if (numbers.is_written())
         return;
+    if (numbers.next() > numbers.reserved_below())
+        reserve_more(file, numbers);
     transaction all(file);
     statement gone(file, "DELETE FROM application_numbers WHERE number = ?");
     for (const uint32_t number : numbers.forgotten())
@@ -40,8 +58,8 @@ void write_numbers(database &file, application_numbers &numbers) {
         row.bind(0, int64_t{kept.number}).bind(1, std::string_view(name.text));
         row.bind(2, int64_t{name.is_name}).bind(3, kept.turn).run();
     }
-    statement next(file, "INSERT OR REPLACE INTO state VALUES (?, ?)");
-    next.bind(0, std::string_view(NEXT_NUMBER)).bind(1, int64_t{numbers.next()}).run();
+    write_next(file,
+               numbers.reserved_below()); // another file may have taken the former one's place
     all.commit();
     numbers.written();
 }

@@ -241,12 +241,11 @@ TEST(AvwatchExport, NumbersMeanTheSameForEver) {
             else
                 EXPECT_EQ(meant.try_emplace(number, i).first->second, i);
         }
-        // One that isn't stored means nothing, for the next run may give it to another one.
-        application_ids ids(numbers);
-        const application_id last = {USER_DEFINED_ENGINE, numbers.next() - 1};
-        EXPECT_EQ(ids.usable(last) == last, numbers.next() == next);
+        // One that isn't reserved means nothing, for the next run may give it to another one.
+        const uint32_t last = numbers.next() - 1;
+        EXPECT_FALSE(numbers.use(last));
         write_numbers(file, numbers);
-        EXPECT_EQ(ids.usable(last), last);
+        EXPECT_EQ(numbers.use(last), numbers.next() != next);
         return other;
     };
     constexpr int max = application_numbers::MAX;
@@ -264,6 +263,18 @@ TEST(AvwatchExport, NumbersMeanTheSameForEver) {
     path = folder + "/another.db";          // nor by a file that knows nothing of them
     EXPECT_EQ(run(4 * max, 4 * max + 100), 0);
     EXPECT_EQ(meant.size(), before + room + 100);
+
+    database file(path, database::access::create); // nor after a power cut, which takes the latest
+    application_numbers numbers, again;
+    read_numbers(file, numbers);
+    numbers.number_of({"kept", true});
+    write_numbers(file, numbers);
+    file.run("VACUUM INTO '" + folder + "/left.db'");
+    numbers.number_of({"lost", true});
+    write_numbers(file, numbers);
+    database left(folder + "/left.db", database::access::read_only);
+    read_numbers(left, again);
+    EXPECT_GE(again.next(), numbers.next());
     std::filesystem::remove_all(folder);
 }
 
@@ -271,7 +282,7 @@ TEST(AvwatchExport, ANumberThatIsInUseStays) {
     application_numbers numbers;
     const uint32_t long_lived = numbers.number_of({"vpn", false});
     const uint32_t unused = numbers.number_of({"gone", false});
-    numbers.written();
+    numbers.reserve(numbers.next());
     numbers.begin_turn();
     EXPECT_TRUE(numbers.use(long_lived)); // of a flow that goes on, and is named no more
     for (size_t i = 0; i < application_numbers::MAX; ++i)
