@@ -344,6 +344,10 @@ class InlineTest(SystemTest):
         """To the access point's port. Bridged, all stations are neighbours."""
         add_namespace(netns)
         self._connect(netns, port, wire_ms)
+        self.join(netns, port, *addresses)
+
+    def join(self, netns, port, *addresses):
+        """By an interface that is there."""
         for each in addresses:
             add_addresses(netns, "eth0", each[4] + "/32", each[6] + "/128")
         for address in GATEWAYS[port]:
