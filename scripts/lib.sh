@@ -18,6 +18,10 @@ BROWSER_PACKAGES=(chromium chromium-driver python3-selenium)
 # shellcheck disable=SC2034
 PACKAGE_PACKAGES=(build-essential debhelper dpkg-dev lintian shellcheck)
 # shellcheck disable=SC2034
+EMULATOR_PACKAGES=(qemu-system-x86 busybox-static kmod cpio)
+# shellcheck disable=SC2034
+WIFI_PACKAGES=(iw libnl-route-3-200 libpcsclite1)
+# shellcheck disable=SC2034
 DEMO_PACKAGES=(iproute2 procps iputils-ping dnsmasq-base curl python3 openssl iperf3
     strongswan-charon strongswan-swanctl)
 
@@ -148,6 +152,51 @@ unpack_packages() { # folder, package ...
         dpkg -x "$package" "$folder.part" && rm "$package" || return
     done
     mv "$folder.part" "$folder"
+}
+
+# The newest kernel that was fetched, as scripts/emulated takes it; nothing where there is none.
+newest_kernel() {
+    find "$PWD/build/kernels" -mindepth 1 -maxdepth 1 -name '*-amd64' 2>/dev/null | sort -V | tail -n 1
+}
+
+# Newer kernels are several packages.
+kernel_packages() { # kernel, what stands before apt-cache
+    echo "linux-image-$1"
+    "${@:2}" apt-cache depends "linux-image-$1" |
+        awk '$1 == "Depends:" && $2 ~ /^linux-(binary|modules)-/ { print $2 }'
+}
+
+fetch_kernel() { # kernel, what stands before apt-get and apt-cache
+    local at=$PWD/build/kernels/$1 package
+    heading "Fetching Linux $1"
+    rm -rf "$at" "$at.part"
+    mkdir -p "$at.part"
+    # shellcheck disable=SC2046 # one word a package
+    (cd "$at.part" && "${@:2}" apt-get download $(kernel_packages "$@")) || return
+    for package in "$at.part"/*.deb; do
+        dpkg -x "$package" "$at.part" && rm "$package" || return
+    done
+    [[ -d $at.part/lib ]] || ln -s usr/lib "$at.part/lib"
+    depmod -b "$at.part" "$1" 2>/dev/null || return
+    mv "$at.part" "$at"
+}
+
+# Has a kernel below build/kernels, and be it the one of the machine's own release.
+bring_kernel() {
+    [[ -z $(newest_kernel) ]] || return 0
+    local package
+    package=$(apt-cache depends linux-image-amd64 | sed -n 's/^ *Depends: //p')
+    [[ $package == linux-image-*-amd64 ]] && fetch_kernel "${package#linux-image-}" env
+}
+
+# hostapd and wpa_supplicant, which would run as services if they were installed. `with_wifi` stands
+# before a command that is to run as root of an emulated machine that has them, and simulated radios.
+bring_wifi() { # kernel; sets the array
+    local at=$PWD/build/wifi
+    unpack_packages "$at" hostapd wpasupplicant || return
+    # shellcheck disable=SC2034 # the scripts use the array
+    with_wifi=(scripts/emulated "$1" env JORN_EMULATED=1
+        PATH="$at/usr/sbin:$at/sbin:/usr/sbin:/usr/bin:/sbin:/bin")
 }
 
 # An apt-get for 32-bit ARM with lists and archives of its own: the machine's wouldn't know ARM packages
