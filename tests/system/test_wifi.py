@@ -4,16 +4,14 @@ that is nobody's, without scripts/private: scripts/test-wifi has one."""
 import unittest
 
 from inline_lab import *
+from lab.wifi import *
 
-ACCESS_POINT = ("interface=wlan0\nbridge=br0\nssid=lab\nchannel=1\nhw_mode=g\nwpa=2\n"
-                "wpa_key_mgmt=WPA-PSK\nrsn_pairwise=CCMP\nwpa_passphrase=correct horse\n")
 FOUR_ADDRESSES = "wds_sta=1\nwds_bridge=br0\n"
 VLANS = "dynamic_vlan=1\nvlan_file=/tmp/vlans\naccept_mac_file=/tmp/macs\n"
 FILES = {
     "vlans": "* wlan0.# br0\n",
-    "macs": "02:00:00:00:01:00 7\n",  # the second radio
-    "supplicant": 'network={\n ssid="lab"\n key_mgmt=WPA-PSK\n psk="correct horse"\n'
-                  ' scan_freq=2412\n}\n'}
+    "macs": radio_address(1) + " 7\n",
+    "supplicant": supplicant_settings(1)}
 
 
 class Stations(InlineTest):
@@ -26,11 +24,11 @@ class Stations(InlineTest):
 
     def start_apart(self, how, enforce=""):
         self.how = how
-        for name, text in (FILES | {"hostapd": ACCESS_POINT + how}).items():
+        for name, text in (FILES | {"hostapd": hostapd_settings("wlan0", "br0", 1, how)}).items():
             with open("/tmp/" + name, "w") as file:
                 file.write(text)
-        self.addCleanup(run, "modprobe", "-r", "mac80211_hwsim")
-        run("modprobe", "mac80211_hwsim", "radios=2")
+        self.addCleanup(remove_radios)
+        add_radios(2)
         self.start(enforce)
 
     def _lay_out(self, wire_ms):
@@ -41,11 +39,9 @@ class Stations(InlineTest):
         if port != "wlan0":
             return super()._connect(netns, port, wire_ms)
         self.run_program("AP-ENABLED", "hostapd", "/tmp/hostapd")
-        radio = os.path.basename(os.path.realpath("/sys/class/net/wlan1/phy80211"))
-        run("iw", "phy", radio, "set", "netns", "name", netns)
-        ip(netns, "link", "set", "wlan1", "name", "eth0")
+        give_radio("wlan1", netns, "eth0")
         if self.how == FOUR_ADDRESSES:
-            run(*inside(netns), "iw", "dev", "eth0", "set", "4addr", "on")
+            use_four_addresses(netns, "eth0")
         ip(netns, "link", "set", "eth0", "up")
 
     def associate(self):
