@@ -5,7 +5,7 @@ a configuration; the capture itself is the standard input, for the page the door
 
 Every wait in here is bounded; together they stay below two minutes, but for the page, which waits for
 Ctrl-C."""
-from . import box, fleet, page, roam, traffic, web, wifi_calling
+from . import box, fleet, page, roam, traffic, web, wifi, wifi_calling
 from .stage import *
 
 
@@ -41,6 +41,7 @@ def show_what_next():
     say("""\
   scripts/demo FILE.pcap     the same with a capture of yours (--policy, --config: and your rules)
   scripts/demo roam          a client that walks from one access point to another
+  scripts/demo wifi          the same with simulated radios, in an emulated machine
   scripts/demo fleet         three access points, and one database of who used what at which
   scripts/demo page          a house at work, and who uses what to look at in a browser
   scripts/private bash       a shell in a small machine of its own, to play by hand (README, "By hand")
@@ -58,7 +59,7 @@ def main(what, *arguments):
     elif what == "capture":
         traffic.play_capture(*arguments)
     else:
-        {"live": play_live, "roam": roam.play}[what]()
+        {"live": play_live, "roam": roam.play, "wifi": wifi.play}[what]()
     show_what_next()
 
 

@@ -79,7 +79,7 @@ def voice_call(netns):
     answers = []
     with namespace(netns), socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as call:
         call.connect((VOICE_NAME, VOICE_PORT))
-        call.settimeout(1)
+        call.settimeout(SECONDS)
         for _ in range(25):
             call.send(bytes(160))
             answers.append(call.recv(10).decode())
@@ -99,10 +99,10 @@ def ask_for_all(netns):
     return [ask(netns, *words) for _, ask, *words in REQUESTS]
 
 
-def show_why():
+def show_why(of="avcore"):
     heading("What happened on the wire, and why")
     rows, counts = {}, []  # a dict keeps the order, and a row once
-    for line in log("avcore").splitlines():
+    for line in log(of).splitlines():
         if line.startswith("avcore: denied"):
             _, _, flow, reason, *_ = line.split(": ")
             say("  denied       " + flow, " " * 15 + reason)

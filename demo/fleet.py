@@ -105,7 +105,7 @@ ipfix = "udp://{COLLECTOR}:4739"
 access_point = "{self.mac}"
 active_timeout = {ACTIVE_S}
 """)
-        self._avwatch = Program(f"avwatch{self.number}", *with_own_folders(self.netns, self.folder),
+        self._avwatch = Program(f"avwatch{self.number}", *self.here(),
                                 f"{BIN}/avwatch", "-c", "/run/" + os.path.basename(settings), "serve")
 
     def end(self):

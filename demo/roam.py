@@ -13,6 +13,7 @@ STATION = "02:00:00:00:00:0c"
 class AccessPoint:
     """Its /run and /writable are its own, beside its network. Its air is a bridge here, on which the
     client's interface is or isn't."""
+    settings = ""  # further ones of avcore's
 
     def __init__(self, number, how=("-i", "wlan0")):
         self._how = how
@@ -23,12 +24,18 @@ class AccessPoint:
 
     def lay_out(self):
         add_host(self.netns)
-        add_bridge(self.air)
         add_bridge("lan", self.netns)
-        for port, bridge, interface in (("antenna", self.air, "wlan0"), ("lan", "br0", "eth0")):
-            plug(f"{port}{self.number}", self.netns, interface, bridge, *ON_A_WIRE)
-            ip(self.netns, "link", "set", interface, "master", "lan")
+        self._plug_into_lan("lan", "eth0", "br0")
         add_addresses(self.netns, "lan", self.address + "/24")
+        self.add_air()
+
+    def add_air(self):
+        add_bridge(self.air)
+        self._plug_into_lan("antenna", "wlan0", self.air)
+
+    def _plug_into_lan(self, port, interface, bridge):
+        plug(f"{port}{self.number}", self.netns, interface, bridge, *ON_A_WIRE)
+        ip(self.netns, "link", "set", interface, "master", "lan")
 
     def start(self):
         write(self.folder + "/run/avcore.toml", f"""\
@@ -38,16 +45,19 @@ base_mac = "{self.mac}"
 ca = "{KEYS}/ca.pem"
 certificate = "{KEYS}/AP.{self.mac}.pem"
 key = "{KEYS}/AP.{self.mac}.key"
-""")
-        here = with_own_folders(self.netns, self.folder)
-        self._avcore = Program(f"avcore{self.number}", *here, f"{BIN}/avcore", *CAPTURE, *self._how,
+{self.settings}""")
+        self._avcore = Program(f"avcore{self.number}", *self.here(), f"{BIN}/avcore", *CAPTURE, *self._how,
                                "-c", "/run/avcore.toml")
         wait_for_file(f"AV channel of access point {self.number}", self.folder + "/run/av_core.sock")
-        Program(f"jorn{self.number}", *here, f"{BIN}/jorn", "-i", "av1")
+        Program(f"jorn{self.number}", *self.here(), f"{BIN}/jorn", "-i", "av1")
         wait_for_file(f"daemon of access point {self.number}", self.folder + "/run/jorn.sock")
 
+    def here(self):
+        """What stands before a command at the access point."""
+        return with_own_folders(self.netns, self.folder)
+
     def jornctl(self, *words):
-        return jornctl("--socket", self.folder + "/run/jorn.sock", *words)
+        return output(*self.here(), f"{BIN}/jornctl", *words)
 
     def names(self):
         """Pairs of a name and its address."""
@@ -82,8 +92,9 @@ class Chat(threading.Thread):
             for line in self.rfile:
                 self.wfile.write(line)
 
-    def __init__(self):
+    def __init__(self, netns="client"):
         super().__init__(daemon=True)
+        self._netns = netns
         self.heard, self._goes_on = 0, True
         with namespace("server"):
             server = socketserver.TCPServer((CHAT_SERVER, CHAT_PORT), self.Echo)
@@ -91,7 +102,7 @@ class Chat(threading.Thread):
         self.start()
 
     def run(self):
-        with namespace("client"), socket.create_connection((CHAT_NAME, CHAT_PORT)) as chat:
+        with namespace(self._netns), socket.create_connection((CHAT_NAME, CHAT_PORT)) as chat:
             chat.settimeout(SECONDS)
             while self._goes_on:
                 chat.send(f"{self.heard + 1}\n".encode())
@@ -103,7 +114,8 @@ class Chat(threading.Thread):
         wait_for("echo in the chat", lambda: self.heard > since + 5)
 
     def show(self):
-        say(f"  the client's chat            {self.heard} lines said and heard, one connection")
+        of = f"the {self._netns}'s chat"
+        say(f"  {of:28} {self.heard} lines said and heard, one connection")
 
     def end(self):
         self._goes_on = False
@@ -150,10 +162,18 @@ def start_all(points):
 def walk(chat, leaves, reaches):
     heading(f"It walks to access point {reaches.number}, and the controller says so")
     ip(None, "link", "set", "station", "master", reaches.air)
-    words = ("roam", "--station", STATION, "--to", reaches.mac, "--address", reaches.address)
+    hand_over(STATION, leaves, reaches)
+    show_arrival(chat, reaches)
+
+
+def hand_over(station, leaves, reaches):
+    words = ("roam", "--station", station, "--to", reaches.mac, "--address", reaches.address)
     say("  jornctl " + " ".join(words))
     print(leaves.jornctl(*words), end="", flush=True)
     reaches.wait_for_chat()
+
+
+def show_arrival(chat, reaches):
     chat.keep_talking()
     chat.show()
     reaches.show_names()

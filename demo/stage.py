@@ -13,7 +13,8 @@ from lab.programs import *
 BIN = os.environ.get("JORN_BIN_DIR", "build/demo/bin")  # tests name theirs
 LOGS = "/run/demo"     # a file for each program
 FILES = "/run/demo.d"  # what the scenes write for them
-SECONDS = DEADLINE if "JORN_BIN_DIR" in os.environ else 5  # that are waited for something at most
+IS_SLOW = not {"JORN_BIN_DIR", "JORN_EMULATED"}.isdisjoint(os.environ)
+SECONDS = DEADLINE if IS_SLOW else 5  # that are waited for something at most
 LAST_FRAMES_S = 0.3    # and their verdicts
 ON_A_WIRE = ("gso_max_segs", "1")  # the sender cuts what it sends itself, so frames are as long as on a wire
 
@@ -224,8 +225,8 @@ def attempt(what, ask, *arguments):
 
 
 def curl(shown, *words, netns="client"):
-    return answer("curl", "-sS", "-k", "--noproxy", "*", "--max-time", "4", "-o", "/dev/null", "-w",
-                  shown, *words, netns=netns)
+    return answer("curl", "-sS", "-k", "--noproxy", "*", "--max-time", str(SECONDS - 1), "-o", "/dev/null",
+                  "-w", shown, *words, netns=netns)
 
 
 def fetch(*words):
