@@ -5,63 +5,19 @@ import re
 import tempfile
 
 from records import *
-from test_avwatch import GREETING, LAPTOP, TV, client, flow
-
+from test_avwatch import LAPTOP, TV, client, flow
+from test_history import Avcore
 
 PROFILE = {"rule": 0, "interface": "wlan0", "utp": 3, "if_index": 1, "server_interface": "eth0", "server_utp": 0,
            "server_if_index": 2, "web_utp": [0, 0], "filter": [], "engine": True}
 
 
-class Avcore:
-    """Any number of connections, one after the other; each is told the clients and the flows, and what comes."""
-
-    def __init__(self, path, *flows):
-        self.flows, self.followers = list(flows), []
-        self.listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.listener.bind(path)
-        self.listener.listen()
-        threading.Thread(target=self.accept, daemon=True).start()
-
-    def accept(self):
-        while True:
-            try:
-                connection, _ = self.listener.accept()
-            except OSError:
-                return  # it has gone
-            threading.Thread(target=self.serve, args=[connection], daemon=True).start()
-
-    def serve(self, connection):
-        def say(message):
-            connection.sendall(json.dumps(message).encode() + b"\n")
-        try:
-            say(GREETING)
-            for line in connection.makefile():
-                self.answer(connection, json.loads(line), say)
-        except OSError:
-            pass  # either end has gone
-
-    def answer(self, connection, question, say):
-        answer = {"id": question["id"]}
-        if "follow" in question:
-            for each in self.flows:
-                say({**answer, "flow": each})
-            say({**answer, "listed": True})
-            self.followers.append((connection, answer))
-        else:
-            answers = {"clients": [client(TV, "192.0.2.1"), client(LAPTOP, "192.0.2.2", host_name="laptop")],
-                       "flows": self.flows, "profile": [PROFILE]}
-            for each in answers.get(question["ask"], []):
-                say({**answer, question["ask"].removesuffix("s"): each})
-            say({**answer, "done": True})
-
-    def tell(self, **message):
-        for connection, answer in self.followers:
-            connection.sendall(json.dumps({**answer, **message}).encode() + b"\n")
-
-    def close(self):
-        for ended in (self.listener, *(connection for connection, _ in self.followers)):
-            ended.shutdown(socket.SHUT_RDWR)
-            ended.close()
+def played(path, *flows):
+    """An avcore that tells of a television and a laptop, and of their flows."""
+    avcore = Avcore(path, list(flows))
+    avcore.clients = [client(TV, "192.0.2.1"), client(LAPTOP, "192.0.2.2", host_name="laptop")]
+    avcore.profiles = [PROFILE]
+    return avcore
 
 
 class OnTerminal(unittest.TestCase):
@@ -109,14 +65,14 @@ class Top(OnTerminal):
     def test_from_clients_to_a_reason(self):
         denied = flow(2, application="games.example", verdict="deny", dropped=[3, 0], gate="denies",
                       why={"rule": 1, "by": "web policy", "text": "named by DNS; by the web policy, Games"})
-        avcore = Avcore(self.socket, flow(1), denied, flow(3, client_mac=LAPTOP, client="192.0.2.2"))
+        avcore = played(self.socket, flow(1), denied, flow(3, client_mac=LAPTOP, client="192.0.2.2"))
         self.open()
         screen = self.wait("telly", '"laptop"', "3 flows").splitlines()
         self.assertRegex(screen[0], "^avwatch top: clients by rate .* up 0 B/s  down 0 B/s$")
         self.assertRegex(screen[2], "^ CLIENT +APPS +FLOWS +UP NOW +DOWN NOW +UP +DOWN +DROPPED$")
         for number in range(1, 4):
-            avcore.tell(count={"id": "f1", "up": [99, 9_000], "down": [99, 20_000 + 600_000 * number],
-                               "dropped": [0, 0], "last_us": 1})
+            avcore.tell({"count": {"id": "f1", "up": [99, 9_000], "down": [99, 20_000 + 600_000 * number],
+                                   "dropped": [0, 0], "last_us": 1}}, watching=True)
             time.sleep(1)
         self.wait("kB/s")
         self.keys("n", "Down", "Enter")  # telly, behind "laptop"
@@ -137,20 +93,20 @@ class Top(OnTerminal):
     def test_avcore_goes_and_comes(self):
         self.open(columns=150)
         self.wait("nobody is at the watch socket", "left with 2")
-        avcore = Avcore(self.socket, flow(1))
+        avcore = played(self.socket, flow(1))
         self.run_top()
         self.wait("telly", "1 flow ")
-        avcore.close()
+        avcore.kill()
         self.wait("has ended the connection; tried again", "telly")
         os.unlink(self.socket)
         self.wait("nobody is at the watch socket")
-        avcore = Avcore(self.socket, flow(3, client_mac=LAPTOP, client="192.0.2.2"), flow(4))
+        avcore = played(self.socket, flow(3, client_mac=LAPTOP, client="192.0.2.2"), flow(4))
         self.wait("2 flows", "laptop", "q leave")
 
     def test_any_terminal(self):
         hostile = [flow(number, client_mac=LAPTOP, application=name) for number, name in enumerate(
             ["a\x1b[2J\x1b]0;x\x07b\n", "x\u202etxt.exe", "\u05d0\u05d1 1", "\u6f22\u5b57\U0001f600"])]
-        avcore = Avcore(self.socket, *hostile)
+        avcore = played(self.socket, *hostile)
         self.open("TERM=vt100", columns=100, lines=30)
         self.wait("laptop")
         self.keys("a", "n")
@@ -169,10 +125,10 @@ class Top(OnTerminal):
             self.assertEqual(bool(re.search("\x1b\\[[0-9;]*36m", self.screen("-e"))), is_coloured, variable)
             self.keys("q")
             self.wait("left with 0")
-        avcore.close()
+        avcore.kill()
 
     def test_leaves_the_terminal_as_it_was(self):
-        Avcore(self.socket, flow(1))
+        played(self.socket, flow(1))
         self.open()
         self.wait("telly")
         pid = int(subprocess.check_output(["pgrep", "-f", f"^{jorn_path('avwatch')} .*{self.socket} top"]))
@@ -193,12 +149,12 @@ class WhatElse(OnTerminal, JudgingTest):
         document = {"policies": [{"utp_id": 3, "name": "guests", "rules": rules}]}
         self.assertEqual(jornctl("apply", "-", document=document)[0], 0)
         why = {"rule": 0, "named_by": "dns", "name": "www.games.example", "text": "by rule 1"}
-        avcore = Avcore(self.socket, flow(1), flow(2, application="www.games.example", verdict="deny", why=why))
+        avcore = played(self.socket, flow(1), flow(2, application="www.games.example", verdict="deny", why=why))
         self.open(columns=100, lines=40)
         self.wait("telly")
         self.keys("f", "/", "GAMES", "Enter", "Enter")
         self.wait('without it  limited by rule 2 of policy "guests"', "then        passes: no rule")
-        avcore.close()
+        avcore.kill()
         self.wait("has ended the connection")
         os.unlink(self.socket)
         self.keys("Escape", "Enter")

@@ -287,32 +287,6 @@ TEST_F(AvwatchHistory, MadeUpNamesOfOpenFlowsTakeNoOtherClientsRoom) {
               1);
 }
 
-TEST_F(AvwatchHistory, FlowsOfAnEarlierFileGoOn) {
-    flow_message news;
-    news.id = "0a020001-1bb-6-0";
-    news.client_mac = MAC;
-    news.counts[UP_BYTES] = 100;
-    flows->connected("boot");
-    flows->take(news, mono_ms);
-    write(NOW_S);
-    kept.reset();
-    database(settings.file, database::access::read_write)
-        .run("CREATE TABLE earlier AS SELECT * FROM open_flows; DROP TABLE open_flows;"
-             "CREATE TABLE open_flows (id TEXT PRIMARY KEY, client, has_mac, application, is_name, "
-             "verdict, held, up_packets, up_bytes, down_packets, down_bytes, denied_packets, "
-             "limited_packets) WITHOUT ROWID;"
-             "UPDATE earlier SET id = '0a020001-1bb-6-0'; INSERT INTO open_flows SELECT * FROM "
-             "earlier; DROP TABLE earlier; PRAGMA user_version = 2");
-    open();
-    flows->connected("boot");
-    news.counts[UP_BYTES] = 130;
-    news.ended = true;
-    flows->take(news, mono_ms);
-    write(NOW_S);
-    EXPECT_EQ(number("SELECT sum(up_bytes) FROM hours"), 130);
-    EXPECT_EQ(number("SELECT count(*) FROM open_flows"), 0);
-}
-
 // What avcore doesn't know any more after a restart stays, and an address is the latest one's.
 TEST_F(AvwatchHistory, ClientsKeepWhatTheySaid) {
     const std::string other = "02:00:00:00:00:02";
