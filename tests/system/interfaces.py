@@ -1,5 +1,6 @@
 """What others rely on, as texts that two versions can be compared by: the declarations of C headers and
 JSON schemas. What has changed is said by its name, under which CHANGELOG.md lists it."""
+import functools
 import json
 import operator
 import os
@@ -85,59 +86,40 @@ def of_some(compare, before, now, place):
     return {f"{place}/{i}" for i, schema in enumerate(before) if all(compare(schema, other) for other in now)}
 
 
-def narrower(before, now, place=""):
-    """Where a schema, of what people and programs write, doesn't take all that it took."""
-    found = {f"{place}/{keyword}" for keyword in now.keys() - before.keys() - {*WORDS, *MEMBERS}}
+def broken_parts(before, now, place="", taken=True):
+    """Where a schema doesn't take all that it took, of what people and programs write (`taken`), or has no
+    longer what programs may rely on that read. They pass over what they don't know: members, values and
+    messages."""
+    compare = functools.partial(broken_parts, taken=taken)
+    found = {f"{place}/{keyword}" for keyword in now.keys() - before.keys() - {*WORDS, *MEMBERS} if taken}
     for keyword, was in before.items():
         here, there = now.get(keyword), f"{place}/{keyword}"
         if keyword in MEMBERS:
-            found |= of_all(narrower, was, here or {}, place)
-        elif keyword in WORDS or here is None or here == was:
-            pass
-        elif keyword in BOUNDS:
-            found |= {there} if BOUNDS[keyword](here, was) else set()
-        elif keyword == "required":
-            found |= {f"{place}/{name}" for name in set(here) - set(was)}
-        elif keyword == "type":
-            was, here = ({each} if isinstance(each, str) else {*each} for each in (was, here))
-            found |= {there} if was - here else set()
-        elif keyword == "enum":
-            found |= {f"{place}/{value}" for value in set(was) - set(here)}
-        elif keyword == "items":
-            found |= narrower(was, here, place)
-        elif keyword in ("anyOf", "oneOf"):
-            found |= of_some(narrower, was, here, there)
-        else:
-            found.add(there)
-    return found
-
-
-def lost(before, now, place=""):
-    """Where a schema, of what programs read, has no longer what they may rely on. They pass over what
-    they don't know: members, values and messages."""
-    found = set()
-    for keyword, was in before.items():
-        here, there = now.get(keyword), f"{place}/{keyword}"
-        if keyword in MEMBERS:
-            found |= of_all(lost, was, here or {}, place)
-        elif keyword in WORDS or here == was:
+            found |= of_all(compare, was, here or {}, place)
+        elif keyword in WORDS or here == was or taken and here is None:
             pass
         elif here is None:
             found.add(there)
         elif keyword in ("required", "enum"):
-            found |= {f"{place}/{name}" for name in set(was) - set(here)}
+            more, fewer = (here, was) if taken and keyword == "required" else (was, here)
+            found |= {f"{place}/{name}" for name in set(more) - set(fewer)}
         elif keyword == "items":
-            found |= lost(was, here, place)
-        elif keyword == "oneOf":
-            found |= of_some(lost, was, here, there)
+            found |= compare(was, here, place)
+        elif keyword == "oneOf" or taken and keyword == "anyOf":
+            found |= of_some(compare, was, here, there)
+        elif taken and keyword in BOUNDS:
+            found |= {there} if BOUNDS[keyword](here, was) else set()
+        elif taken and keyword == "type":
+            was, here = ({each} if isinstance(each, str) else {*each} for each in (was, here))
+            found |= {there} if was - here else set()
         else:
             found.add(there)
     return found
 
 
 def broken_schema(path, before, now):
-    compare = narrower if path == TAKEN else lost
-    return {os.path.basename(path) + place for place in compare(json.loads(before), json.loads(now))}
+    return {os.path.basename(path) + place
+            for place in broken_parts(json.loads(before), json.loads(now), taken=path == TAKEN)}
 
 
 def said_broken(changes, since):

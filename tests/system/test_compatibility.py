@@ -33,6 +33,12 @@ def bytes_of(text):
     return bytes.fromhex(re.sub(r"\((\d+)\)", lambda zeros: "00" * int(zeros[1]), text))
 
 
+def recorded(since):
+    """What jornctl sent of the version's document."""
+    lines = (line.partition(" ") for line in copy(since, "sent.txt").read_text().splitlines())
+    return [(int(number), bytes_of(payload)) for number, _, payload in lines]
+
+
 class Compatibility(unittest.TestCase):
     def unsaid(self, since, *broken):
         """What is broken and not said to be, or all of it where the version has the same number."""
@@ -82,9 +88,10 @@ class Interfaces(Compatibility):
             at[place[-1]] = value
             if value is None:
                 del at[place[-1]]
-            self.assertEqual((bool(narrower(was, now)), bool(lost(was, now))), (taken, told), (place, value))
+            broken = tuple(bool(broken_parts(was, now, taken=each)) for each in (True, False))
+            self.assertEqual(broken, (taken, told), (place, value))
             listed = {"anyOf": [was, {"const": 1}]}, {"anyOf": [{"const": 1}, now, {"const": 2}]}
-            self.assertEqual(narrower(*listed), {"/anyOf/0"} if taken else set(), (place, value))
+            self.assertEqual(broken_parts(*listed), {"/anyOf/0"} if taken else set(), (place, value))
         changes = "# C\n\n## 3.0.0\n### Incompatible\n- `a`: b\n\n## 2.0.0\n### New\n- `x`\n\n## 1.0.0\n" \
             "### Incompatible\n- `old`: c\n"
         self.assertEqual(said_broken(changes, "1.0.0"), {"a"})
@@ -136,6 +143,33 @@ class Saved(JudgingTest, Compatibility):
         command(WRITE)
         command(CARRIER_BINDING, carrier_binding("none", enable=0))
 
+    def sent(self, since):
+        """What jornctl sends of the version's document, but for its questions."""
+        found, connections = [], []
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind("/tmp/recorder.sock")
+            listener.listen()
+            process = subprocess.Popen([jorn_path("jornctl"), "apply", "--socket", "/tmp/recorder.sock",
+                                        copy(since, "document.json")])
+            while process.poll() is None:
+                for ready in select.select([*connections, listener], [], [], 0.1)[0]:
+                    if ready is listener:
+                        connections.append(listener.accept()[0])  # some say nothing until others are there
+                    else:
+                        connections.remove(ready)
+                        found += self.pass_on(ready)
+        os.unlink("/tmp/recorder.sock")
+        self.assert_same(since, "document.json", process.wait(), 0)
+        return [(number, payload) for number, payload in found if number not in dict(ASKED)]
+
+    def pass_on(self, client):
+        """The message of a connection, if there is one, once it is answered."""
+        with client:
+            if message := client.recv(131_072):  # in one read, as the daemon has it
+                number, length = struct.unpack("=4xI8xI", message[:20])
+                client.sendall(command(number, message[20:], length=length))
+                yield number, message[20:]
+
     def test_files(self):
         for since in versions():
             self.restart(since, PORTS, *SAVED)
@@ -146,16 +180,17 @@ class Saved(JudgingTest, Compatibility):
     def test_commands(self):
         for since in versions():
             self.restart(since, PORTS)
-            for line in copy(since, "sent.txt").read_text().splitlines():
-                number, _, payload = line.partition(" ")
-                command(int(number), bytes_of(payload))
+            for number, payload in recorded(since):
+                command(number, payload)
             self.assert_answers(since, "sent")
             self.assert_files(since)
 
     def test_documents(self):
         for since in versions():
             self.restart(since, PORTS)
-            self.assert_same(since, "document.json", jornctl("apply", str(copy(since, "document.json")))[0], 0)
+            sent = self.sent(since)
+            if since == version():
+                self.assertEqual(sent, recorded(since))
             self.assert_answers(since, "sent")
             self.assert_files(since)
 
@@ -210,7 +245,7 @@ class Copy(Saved):
         for path in (TAKEN, TOLD):
             shutil.copy(f"{PROJECT}/{path}", here)
         self.restart(version(), PORTS)
-        sent = self.sent(copy(version(), "document.json"))
+        sent = self.sent(version())
         copy(version(), "sent.txt").write_text("".join(f"{number} {hex_of(payload)}".rstrip() + "\n"
                                                        for number, payload in sent))
         answers = {"sent": self.answers()}
@@ -218,31 +253,6 @@ class Copy(Saved):
             shutil.copy(FOLDER / name, here)
         self.start()
         copy(version(), "answers.json").write_text(json.dumps(answers | {"loaded": self.answers()}, indent=1) + "\n")
-
-    def sent(self, document):
-        """What jornctl sends of it, but for its questions."""
-        found, connections = [], []
-        with socket.socket(socket.AF_UNIX) as listener:
-            listener.bind("/tmp/recorder.sock")
-            listener.listen()
-            process = subprocess.Popen([jorn_path("jornctl"), "apply", "--socket", "/tmp/recorder.sock", document])
-            while process.poll() is None:
-                for ready in select.select([*connections, listener], [], [], 0.1)[0]:
-                    if ready is listener:
-                        connections.append(listener.accept()[0])  # some say nothing until others are there
-                    else:
-                        connections.remove(ready)
-                        found += self.pass_on(ready)
-        self.assertEqual(process.wait(), 0)
-        return [(number, payload) for number, payload in found if number not in dict(ASKED)]
-
-    def pass_on(self, client):
-        """The message of a connection, if there is one, once it is answered."""
-        with client:
-            if message := client.recv(131_072):  # in one read, as the daemon has it
-                number, length = struct.unpack("=4xI8xI", message[:20])
-                client.sendall(command(number, message[20:], length=length))
-                yield number, message[20:]
 
 
 class CopyHistory(History):

@@ -332,24 +332,6 @@ class Documents(JudgingTest):
         self.assertEqual((read_file(f"{FOLDER}/{FILES[0]}").count("[policy]"), self.apply(document)),
                          (10, NOTHING))
 
-    def test_two_at_once(self):
-        documents = [example(), example()]
-        documents[1]["policies"][0]["rules"][0]["deny"] = False
-        documents[1]["carriers"] = [{"pname": "carrier-one", "priority": 1}]
-        wanted = []
-        for document in documents:
-            self.apply(document)
-            wanted.append((texts(), shown()))
-        for _ in range(40):
-            threads = [threading.Thread(target=self.apply, args=(document,)) for document in documents]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
-            last = wanted.index((texts(), shown()))
-            self.assertEqual(self.apply(documents[last]), NOTHING)
-
-
 class Verdicts(JudgingTest):
     values = {"tm_support": "1"}
 

@@ -1,4 +1,4 @@
-"""The daemon's listings, and what of a whole configuration a restart brings back."""
+"""The daemon's listings, and what jornctl says of them."""
 from records import *
 
 USERDEF_SHOW, PORT_SHOW, UTP_SHOW, INTF_SHOW, WEB_SHOW, CARRIER_SHOW = 7, 14, 25, 32, 33, 37
@@ -6,16 +6,6 @@ SENT = ("sent 1 policy, 2 UTPs, 1 application, 1 web policy, 1 web UTP, 1 web in
         "1 Wi-Fi calling interface\n")
 EXAMPLE = os.path.join(os.path.dirname(__file__), "../../examples/access-point.json")
 REPLY_MAX = 122_879
-NOUNS = {"applications": (), "utps": (), "priority": ("10",), "url": ("wlan0",),
-         "utp-web": ("10",), "wifi-calling": (), "port-services": ()}
-
-
-def shown():
-    found = {}
-    for noun, argument in NOUNS.items():
-        status, said, complaints = jornctl("show", "--json", noun, *argument)
-        found[noun] = json.loads(said) if status == 0 else complaints
-    return found
 
 
 class Listings(JudgingTest):
@@ -73,31 +63,14 @@ NO:2
             0, len(entries) - 1, "jornctl: warning: port-services: "
             f"{len(entries) - 1} of 1025 shown, for want of room\n"))
 
-    def test_a_whole_configuration(self):
-        self.assertEqual(jornctl("apply", EXAMPLE), (0, SENT, ""))
-        before = shown()
-        self.assertEqual([len(before[noun]) for noun in ("applications", "utps", "wifi-calling")],
-                         [1, 2, 1])
-        self.assertEqual(before["utps"][0]["web_policy"], "guests-web")
-        self.assertEqual(before["utp-web"]["policy"], {**before["url"]["policy"],
-                                                       "name": "guests-web"})
-        self.start()
-        after = shown()
-        for noun in ("applications", "url", "wifi-calling", "port-services"):
-            self.assertEqual(after[noun], before[noun])
-        self.assertEqual(after["priority"], {**before["priority"], "name": ""})
-        self.assertEqual(after["utps"], [{"name": "", "id": 10, "arc_policy": "",
-                                          "web_policy": "None"}])
-        self.assertIn("UTP ID 10 not preset", after["utp-web"])
-
     def test_bindings_that_a_document_does_not_name(self):
         self.assertEqual(jornctl("apply", EXAMPLE)[0], 0)
         other = {"carriers": [{"pname": "c", "priority": 1}],
                  "wificalling_interfaces": [{"ifname": "wlan1", "profile": ["C"]}]}
         complaints = jornctl("apply", "-", document=other)[2]
         self.assertIn("/carriers: interface wlan0 loses its carriers", complaints)
-        self.assertEqual([binding["ifname"] for binding in shown()["wifi-calling"]],
-                         ["wlan0", "wlan1"])
+        shown = json.loads(jornctl("show", "--json", "wifi-calling")[1])
+        self.assertEqual([binding["ifname"] for binding in shown], ["wlan0", "wlan1"])
 
     def test_utps_whose_tables_or_policies_the_document_lacks(self):
         for document, said in (
