@@ -273,9 +273,12 @@ class InlineTest(SystemTest):
             self.until(lambda: self.is_shut(version))
 
     def configure(self, enforce):
-        with open(CONFIG, "w") as file:
-            file.write(f"[client]\nutp_id = 1\nfilter_type = {self.inspections}\n"
-                       f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
+        write_file(CONFIG, f"[client]\nutp_id = 1\nfilter_type = {self.inspections}\n"
+                   f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
+
+    def configure_anew(self, enforce):
+        self.configure(enforce)
+        self.avcore.send_signal(signal.SIGHUP)
 
     def start_avcore(self):
         self.lines = Record("lines of avcore")
@@ -396,12 +399,17 @@ class InlineTest(SystemTest):
         client.connect((address, port))
         return client
 
-    def pair(self, kind, version, port):
-        """Both ends of a flow."""
+    def server_at(self, kind, version, port):
+        """A server's socket."""
         server = self.bind("server", kind, SERVERS[version], port)
         self.addCleanup(server.close)
         if kind == socket.SOCK_STREAM:
-            server.listen()
+            server.listen(100)
+        return server
+
+    def pair(self, kind, version, port):
+        """Both ends of a flow."""
+        server = self.server_at(kind, version, port)
         client = self.connected(kind, SERVERS[version], port)
         if kind == socket.SOCK_STREAM:
             accepted = server.accept()[0]

@@ -3,8 +3,6 @@ import unittest
 
 from inline_lab import *
 
-NO_MEANING = 200  # a type of ICMPv6
-PRIORITY_TAGS = b"\x81\x00\xe0\x00" * 4
 PAGE = bytes(30_000)
 RATE = LIMITS[SLOW] / 8
 BURST = 65536
@@ -36,9 +34,7 @@ class Attempts:
         send = self.raw()
         for version in FAMILIES:
             with self.subTest(version=version):
-                server = self.bind("server", socket.SOCK_STREAM, SERVERS[version], DENIED)
-                self.addCleanup(server.close)
-                server.listen()
+                server = self.server_at(socket.SOCK_STREAM, version, DENIED)
                 client = self.bind("client", socket.SOCK_STREAM, CLIENTS[version], 0)
                 self.addCleanup(client.close)
                 copies = self.status()["counts"]["copies"]
@@ -58,35 +54,11 @@ class Attempts:
                         self.assertLess(time.monotonic(), ends, "all came through")
                         time.sleep(0.05)
 
-    def test_what_no_policy_was_asked_about(self):
-        """Types of ICMPv6 that are nobody's, and VLAN tags that every receiver takes off."""
-        self.start()
-        send, marked = self.raw(), self.connected(socket.SOCK_DGRAM, SERVERS[4], ALLOWED)
-        for what, version, protocol, payload, tags in (
-                ("ICMPv6", 6, 58, bytes((NO_MEANING, 0, 0, 0)), b""),
-                ("priority tags", 4, UDP, udp(40000, DENIED, b"12345678"), PRIORITY_TAGS)):
-
-            def arrive(count):
-                since = time.time()
-                for _ in range(count):
-                    send(of_client(version, protocol, payload), tags)
-                self.arrived(marked)
-                return [packet for packet in self.at_server.up_to(since) if packet.at >= since
-                        and (packet.version, packet.protocol) == (version, protocol)]
-
-            if tags and self.bridged:
-                continue  # the server takes them off behind where arrivals are seen
-            with self.subTest(what):
-                self.assertTrue(arrive(1))
-                self.until(lambda: not arrive(20))
-
     @counts_rates
     def test_limits_hold_from_the_first_verdict_on(self):
         """Of connections too short for a final one."""
         self.start()
-        server = self.bind("server", socket.SOCK_STREAM, SERVERS[4], SLOW)
-        self.addCleanup(server.close)
-        server.listen(100)
+        server = self.server_at(socket.SOCK_STREAM, 4, SLOW)
         ends = []
         for _ in range(64):
             client = self.connected(socket.SOCK_STREAM, SERVERS[4], SLOW)
@@ -138,16 +110,13 @@ class Attempts:
 
         self.until(lambda: passed(0.1) and self.status()["counts"]["limited"])
         self.assertLess(passed(3), 2 * (BURST + RATE * 3))
-        self.configure('fragments = "drop"')
-        self.avcore.send_signal(signal.SIGHUP)
+        self.configure_anew('fragments = "drop"')
         self.until(lambda: self.status()["fragments"] == "drop")
         self.assertEqual(passed(0.2), 0)
 
     def test_more_flows_than_copies(self):
         self.start('excess = "drop"')
-        server = self.bind("server", socket.SOCK_STREAM, SERVERS[4], ALLOWED)
-        self.addCleanup(server.close)
-        server.listen(100)
+        server = self.server_at(socket.SOCK_STREAM, 4, ALLOWED)
         page = [self.connected(socket.SOCK_STREAM, SERVERS[4], ALLOWED) for _ in range(60)]
         for client in page:
             accepted = server.accept()[0]

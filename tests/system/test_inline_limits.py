@@ -125,8 +125,7 @@ class Routed(Limits, InlineTest):
         rates = {"rate_up": LIMITS[SLOW] // 1000, "rate_down": LIMITS[SLOW] // 1000}
         self.start(rules={SLOW: rates, ".": rates})
         for shape in "drop", "htb":
-            self.configure(f'share = "client"\nshape = "{shape}"')
-            self.avcore.send_signal(signal.SIGHUP)
+            self.configure_anew(f'share = "client"\nshape = "{shape}"')
             ports = (SLOW, NTP, ALLOWED)
             self.limits_hold(socket.SOCK_DGRAM, FAMILIES, dict.fromkeys(ports, LIMITS[SLOW]),
                              lambda *_: (SLOW,), shape == "htb", ports)
@@ -137,8 +136,7 @@ class Routed(Limits, InlineTest):
         self.limits_hold(socket.SOCK_DGRAM, (6,), queued=True)
         self.limits_hold(socket.SOCK_STREAM, (4,), queued=True)
         self.assertTrue(queues_at("wlan0"))
-        self.configure('shape = "drop"')
-        self.avcore.send_signal(signal.SIGHUP)
+        self.configure_anew('shape = "drop"')
         self.until(lambda: not queues_at("wlan0"))
         self.limits_hold(socket.SOCK_DGRAM, (4,))
 

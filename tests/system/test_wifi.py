@@ -18,15 +18,13 @@ class Stations(InlineTest):
     bridged = True
 
     def configure(self, enforce):
-        with open(CONFIG, "w") as file:
-            file.write('[[rule]]\ncaptured_on = "wlan0"\nutp_id = 1\n'
-                       f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
+        write_file(CONFIG, '[[rule]]\ncaptured_on = "wlan0"\nutp_id = 1\n'
+                   f"[uplink]\nutp_id = 2\n[enforce]\n{enforce}\n")
 
     def start_apart(self, how, enforce=""):
         self.how = how
         for name, text in (FILES | {"hostapd": hostapd_settings("wlan0", "br0", 1, how)}).items():
-            with open("/tmp/" + name, "w") as file:
-                file.write(text)
+            write_file("/tmp/" + name, text)
         self.addCleanup(remove_radios)
         add_radios(2)
         self.start(enforce)
