@@ -27,30 +27,20 @@ def resolve(name, kind):
     return reply[3] & 15, {socket.inet_ntoa(reply[-4 - 16 * n:][:4]) for n in range(count)}
 
 
-class AvcoreWeb(SystemTest):
+class AvcoreWeb(PipedTest):
+    categories = "blocked.example 9 5\nfree.example 6\n"
+    daemon_options = ("-d",)
+
     def start(self, *options):
-        """avcore reads frames from a pipe and prints its rows when it is asked to."""
-        write_file("/tmp/categories", "blocked.example 9 5\nfree.example 6\n")
-        write_file("/tmp/avcore.toml", '[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
-                   'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n')
-        os.mkfifo("/tmp/pipe")
-        self.addCleanup(os.unlink, "/tmp/pipe")
+        """Rows are printed when they are asked for."""
         self.addCleanup(shutil.rmtree, SAFE_SEARCH, True)
-        self.avcore = self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
-                                      "--categories", "/tmp/categories", *options)
-        self.jorn = self.daemon_behind_avcore("-d")
-        self.pipe = open("/tmp/pipe", "wb", buffering=0)
-        self.addCleanup(self.pipe.close)
-        self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
+        self.start_on_pipe('[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
+                           'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n', *options)
 
     def start_judging(self, *options):
         self.start(*options)
         command(WEB_POLICY, web_policy("u", categories=[5]))
         command(WEB_INTF, web_binding())
-
-    def feed(self, *frames):
-        for frame in frames:
-            self.pipe.write(struct.pack("=IIII", 1_700_000_000, 0, len(frame), len(frame)) + frame)
 
     def report(self):
         """The rows at the end, by the client's port, and the totals."""

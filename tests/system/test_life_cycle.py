@@ -21,17 +21,6 @@ class Start(SystemTest):
                 self.start_fails(1, interface=interface, says=says)
         self.start_fails(1, "-c", "/" + "c" * 63, says="-c is longer than 63 characters")
 
-    def test_questions_about_the_programs(self):
-        self.platform()
-        self.start()
-        for name in ("jorn", "avcore", "jornctl"):
-            for option, says in (("--version", rf"{name} \d+\.\d+\.\d+\n\Z"), ("--help", "(?i)usage")):
-                with self.subTest(name=name, option=option):
-                    asked = subprocess.run([jorn_path(name), option], capture_output=True, text=True,
-                                           timeout=DEADLINE)
-                    self.assertEqual((asked.returncode, asked.stderr), (0, ""))
-                    self.assertRegex(asked.stdout, says)
-
     def test_too_little_memory(self):
         self.platform(mem_support="1")
         self.start_fails(0, says="The memory size is smaller than 100MB")

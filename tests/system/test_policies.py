@@ -6,28 +6,6 @@ class Policies(JudgingTest):
     def ping(self, src=0, dst=0):
         return self.judge([PING], trailer(src_utp_id=src, dst_utp_id=dst))[0]
 
-    def test_a_document_is_applied_and_edited(self):
-        document = {"policies": [{"utp_id": 4, "name": "guests", "uuid": "g", "rules": [
-            {"app_name": "icmp", "deny": True},
-            {"app_name": "example.com", "qos": {"mark": {"kind": "dscp", "type": "Voice"}}}]}],
-            "utps": [{"id": 5, "name": "lobby", "uuid": "G"}]}
-        # First the policy serves UTP 4; the entry of UTP 5 then moves it there.
-        for action, verdict in ((True, 3), (True, 3), (False, 1), (True, 3)):
-            document["policies"][0]["rules"][0]["deny"] = action
-            self.assertEqual(jornctl("apply", "-", document=document)[0], 0)
-            self.assertEqual(self.ping(5).verdict, verdict)
-            self.assertEqual(self.ping(4).verdict, verdict)
-            listing = jornctl("show", "priority", "5")[1]
-            self.assertEqual(listing.count("App Name:"), 2)
-            self.assertEqual(jornctl("show", "priority", "4")[0], 1)
-        document["policies"][0]["rules"][1]["qos"]["mark"]["type"] = "Fast"
-        status = jornctl("apply", "-", document=document)[0]
-        self.assertEqual((status, self.ping(5).verdict), (1, 3))
-        self.assertEqual(jornctl("flush", "arc-policies")[0], 0)
-        self.assertEqual(self.ping(5).verdict, 1)
-        self.jorn.stop()
-        self.assertEqual(jornctl("write")[0], 2)
-
     def test_app_visibility_line(self):
         command(POLICY, policy(1, rule("icmp"), name="logged"))
         command(LOG, struct.pack("=68sI", b"logged", 1))

@@ -68,19 +68,12 @@ def from_server(packet):
 SYN, FIN, RST, ACK = 2, 1, 4, 16
 
 
-class Watch(SystemTest):
-    def start(self, *options, config=CONFIG, document=POLICIES):
-        """avcore reads frames from a pipe, the daemon has the document's policies."""
-        write_file("/tmp/categories", "blocked.example 5\n192.0.2.7 5\n")
-        write_file("/tmp/avcore.toml", config)
-        os.mkfifo("/tmp/pipe")
-        self.addCleanup(os.unlink, "/tmp/pipe")
-        self.avcore = self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
-                                      "--categories", "/tmp/categories", *options)
-        self.jorn = self.daemon_behind_avcore()
-        self.pipe = open("/tmp/pipe", "wb")
-        self.addCleanup(self.pipe.close)
-        self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
+class Watch(PipedTest):
+    categories = "blocked.example 5\n192.0.2.7 5\n"
+
+    def start(self, config=CONFIG, document=POLICIES):
+        """The daemon has the document's policies."""
+        self.start_on_pipe(config)
         self.assertEqual(jornctl("apply", "-", document=document)[0], 0)
         self.passed = [[0, 0], [0, 0], [0, 0]]
 
@@ -90,12 +83,10 @@ class Watch(SystemTest):
         return reader
 
     def feed(self, *frames, at=0):
-        """`at` is in seconds."""
         for frame in frames:
             way = self.passed[frame[6:12] == mac(SERVER_MAC)]
             way[0], way[1] = way[0] + 1, way[1] + len(frame)
-            self.pipe.write(struct.pack("=IIII", 1_700_000_000 + at, 0, len(frame), len(frame)) + frame)
-        self.pipe.flush()
+        super().feed(*frames, at=at)
 
     def end(self):
         self.pipe.close()

@@ -568,6 +568,29 @@ class SystemTest(unittest.TestCase):
         return verdicts.items[since:]
 
 
+class PipedTest(SystemTest):
+    """avcore reads frames from a pipe."""
+    daemon_options = ()
+
+    def start_on_pipe(self, config, *options):
+        """With the daemon behind it."""
+        write_file("/tmp/categories", self.categories)
+        write_file("/tmp/avcore.toml", config)
+        os.mkfifo("/tmp/pipe")
+        self.addCleanup(os.unlink, "/tmp/pipe")
+        self.avcore = self.run_avcore("-r", "/tmp/pipe", "-c", "/tmp/avcore.toml", "--json",
+                                      "--categories", "/tmp/categories", *options)
+        self.jorn = self.daemon_behind_avcore(*self.daemon_options)
+        self.pipe = open("/tmp/pipe", "wb", buffering=0)
+        self.addCleanup(self.pipe.close)
+        self.pipe.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 262_144, 1))
+
+    def feed(self, *frames, at=0):
+        """`at` is in seconds."""
+        self.pipe.write(b"".join(struct.pack("=IIII", 1_700_000_000 + at, 0, len(frame), len(frame)) + frame
+                                 for frame in frames))
+
+
 class JudgingTest(SystemTest):
     """The daemon judges from the start, before a platform with these values."""
     values = {}
