@@ -2,6 +2,7 @@
 
 #include "avcore/enforce/gate_report.h"
 #include "avcore/enforce/shaper.h"
+#include "avcore/feed/capture_interface.h"
 
 #include <iostream>
 
@@ -30,6 +31,7 @@ int set_up_gate(const options &options, const config &settings) {
 int tear_down_gate(const options &options) {
     for (const std::string &name : tear_down_gate(options.pins))
         remove_shaping(name);
+    remove_leftover_pairs();
     return 0;
 }
 

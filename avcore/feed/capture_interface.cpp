@@ -120,6 +120,17 @@ void check_capture_name(const std::string &name) {
     find_own(name);
 }
 
+void remove_leftover_pairs() {
+    struct if_nameindex *const all = if_nameindex();
+    for (const struct if_nameindex *each = all; each != nullptr && each->if_index != 0; ++each) {
+        const std::optional<link_facts> link = look_at_link(static_cast<int>(each->if_index));
+        if (link && link->alias == ALIAS && link->kind == "veth" && !link->far &&
+            count_feeders(link->lower) == 0)
+            remove_link(link->index);
+    }
+    if_freenameindex(all);
+}
+
 capture_interface::pair::~pair() {
     if (index_ > 0)
         remove_link(index_);

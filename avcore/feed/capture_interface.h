@@ -20,6 +20,9 @@ namespace avcore {
 // runs has: before a restart it is that one's.
 void check_capture_name(const std::string &name);
 
+// Those of killed avcores, whatever their names; what can't be taken away stays.
+void remove_leftover_pairs();
+
 class capture_interface {
 public:
     // Throws std::runtime_error.

@@ -332,7 +332,7 @@ class MadeInterface(SystemTest):
                     known.append(b"avcore: jorn captures here" in message)
         self.assertEqual(known, [True] * len(known))
 
-    def test_of_two_that_start_at_once_one_at_most_has_it(self):
+    def test_of_two_that_start_at_once_one_at_most_has_it_and_killed_ones_are_cleared_away(self):
         sockets = ("/tmp/av1", "/tmp/av2")
         self.addCleanup(subprocess.run, ["ip", "link", "del", CAPTURE], capture_output=True)
         for _ in range(10):
@@ -351,6 +351,14 @@ class MadeInterface(SystemTest):
                 with contextlib.suppress(FileNotFoundError):
                     os.unlink(path)
             self.assertIn(1, refused)
+        killed = self.start("veth")
+        wait_for_listener(AV_SOCKET)
+        run(jorn_path("avcore"), "teardown")
+        self.assertIsNotNone(self.link())
+        killed.kill()
+        killed.wait()
+        run(jorn_path("avcore"), "teardown")
+        self.assertIsNone(self.link())
 
     def test_what_is_not_its_own_is_left_alone(self):
         add_capture_pair(CAPTURE, FEED)
