@@ -187,9 +187,12 @@ copies = 1000
         return "" if status == 0 else said + complaints
 
     def connect(self, address, port):
-        """A client's socket."""
-        client = self.bind("client", socket.SOCK_DGRAM, CLIENTS[6 if ":" in address else 4], 0)
+        """A client's socket, of a port that no other has."""
+        version = 6 if ":" in address else 4
+        with namespace("client"):
+            client = socket.socket(FAMILIES[version], socket.SOCK_DGRAM)
         try:
+            client.bind((CLIENTS[version], 0))
             client.connect((address, port))
         except OSError:
             client.close()
