@@ -142,7 +142,7 @@ class Faults(Box):
             text.replace("[enforce]", "[enforce"), text[:dice.randrange(len(text) // 2)] + "= [",
             b"\xff" + dice.randbytes(1000), text.replace("copies", "copy")))
         with self.applying:  # which would change the generation, too
-            before = self.status()
+            before = self.settled_status()
             write_file(CONFIG, broken)
             self.read_again()
             time.sleep(1)
@@ -150,6 +150,14 @@ class Faults(Box):
             write_file(CONFIG, text)
         if any(before[key] != after[key] for key in ("fail", "undecided", "copies", "generation")):
             self.complain("a broken file changed something:", broken, before, after)
+
+    def settled_status(self):
+        """Once avcore has heard of the last policies, too."""
+        before = None
+        while (status := self.status())["generation"] != before:
+            before = status["generation"]
+            time.sleep(0.5)
+        return status
 
     def read_another_file(self):
         self.configure(dice.choice((OPEN, SHUT, HELD)))
