@@ -101,7 +101,7 @@ int collector::descriptor() const {
 }
 
 int64_t collector::due_ms() const {
-    return std::min(look_up_due_ms_, queue_.empty() || !is_open() ? NEVER_MS : send_due_ms_);
+    return std::min(look_up_due_ms_, queue_.empty() || !has_session() ? NEVER_MS : send_due_ms_);
 }
 
 void collector::serve(int64_t now_ms) {
@@ -109,7 +109,7 @@ void collector::serve(int64_t now_ms) {
         end_look_up(now_ms);
     if (now_ms >= look_up_due_ms_)
         begin_look_up(now_ms);
-    if (!is_open() || now_ms < send_due_ms_)
+    if (!has_session() || now_ms < send_due_ms_)
         return;
     send_due_ms_ = now_ms + PACE_MS;
     for (size_t i = 0; i < AT_ONCE && !queue_.empty(); ++i) {
@@ -147,7 +147,7 @@ void collector::end_look_up(int64_t now_ms) {
     looking_.reset();
     std::vector<std::vector<char>> &places = found.addresses;
     look_up_due_ms_ = now_ms + (places.empty() ? RETRY_MS : LOOK_UP_MS);
-    if (places.empty() && !is_open()) {
+    if (places.empty() && !has_session()) {
         note_trouble(found.trouble, now_ms);
         return;
     }
@@ -172,6 +172,7 @@ bool collector::open(const std::vector<char> &address) {
         return true;
     socket_ = std::move(connected);
     address_ = address;
+    is_cut_off_ = false;
     sequence_ = 0;
     if (std::exchange(is_troubled_, false))
         complain("flows for " + where_.target + " are on their way");
@@ -195,6 +196,7 @@ bool collector::send_one(ipfix_message &message, int64_t now_ms) {
         note_trouble(strerror(errno), now_ms);
         if (!is_sent()) {
             if (!is_for_a_moment()) {
+                is_cut_off_ = true;
                 send_due_ms_ = now_ms + AGAIN_MS;
                 open(address_);
             }
@@ -202,6 +204,7 @@ bool collector::send_one(ipfix_message &message, int64_t now_ms) {
         }
         ++failed_;
     }
+    is_cut_off_ = false;
     ++sent_;
     sequence_ += message.records;
     return true;

@@ -49,7 +49,8 @@ public:
     bool has_room(size_t messages) const { return queue_.size() + messages <= QUEUE_MAX; }
     // For which there has to be room.
     void send(std::vector<ipfix_message> messages);
-    bool is_open() const { return socket_.valid(); }
+    // Whether there is a way, as far as is known.
+    bool is_open() const { return has_session() && !is_cut_off_; }
     // Whether what waits may be on its way soon.
     bool is_busy() const { return !queue_.empty() && (is_open() || looking_); }
 
@@ -63,6 +64,7 @@ public:
 private:
     struct look_up; // shared with the thread
 
+    bool has_session() const { return socket_.valid(); }
     void begin_look_up(int64_t now_ms);
     void end_look_up(int64_t now_ms);
     bool open(const std::vector<char> &address);
@@ -75,6 +77,7 @@ private:
     std::shared_ptr<look_up> looking_; // null: not now
     std::vector<char> address_;        // a sockaddr; empty: not known yet
     unique_fd socket_;
+    bool is_cut_off_ = false; // nothing could be sent the last time
     uint32_t sequence_ = 0;
     int64_t send_due_ms_ = 0;
     int64_t look_up_due_ms_ = 0;
