@@ -16,15 +16,19 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <climits>
 #include <csignal>
 #include <cstdio>
-#include <iostream>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <sys/signalfd.h>
+#include <unistd.h>
 #include <utility>
 #include <variant>
 
@@ -32,6 +36,7 @@ namespace avwatch {
 namespace {
 
 constexpr int64_t TICK_MS = 1'000;
+constexpr int LONGEST_STALL_MS = 1'000; // of a reader, once the end was asked for
 
 struct export_request {
     std::string active_s = "10", inactive_s = "10";
@@ -72,12 +77,53 @@ const char *event_text(uint8_t event) {
     return words[event];
 }
 
+// Lines on standard output. A reader that stalls holds up everything but the end.
+class printed_lines {
+public:
+    // `ending` is readable from when on the program is to end.
+    explicit printed_lines(int ending) : ending_(ending) {}
+
+    void add(const std::string &line) {
+        text_.append(line).append(1, '\n');
+        write_out(PIPE_BUF - 1);
+    }
+
+    // All but so many bytes.
+    void write_out(size_t left) {
+        bool ends = false;
+        while (text_.size() > left) {
+            pollfd awaited[] = {{STDOUT_FILENO, POLLOUT, 0}, {ending_, POLLIN, 0}};
+            poll(awaited, ends ? 1 : 2, ends ? LONGEST_STALL_MS : -1);
+            if (awaited[0].revents != 0)
+                write_some();
+            else if (ends)
+                throw refused("standard output isn't read: the last records are left out");
+            ends = ends || awaited[1].revents != 0;
+        }
+    }
+
+private:
+    // As much as a pipe that can be written to takes without a wait.
+    void write_some() {
+        const ssize_t count =
+            write(STDOUT_FILENO, text_.data(), std::min<size_t>(text_.size(), PIPE_BUF));
+        if (count < 0 && errno != EAGAIN)
+            throw refused(std::string("standard output: ") + strerror(errno));
+        text_.erase(0, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    }
+
+    const int ending_;
+    std::string text_;
+};
+
 // Flows as they are told, and a line for each record that is due. An avcore that goes is waited
 // for, but for the first one.
 class printed_flows {
 public:
-    printed_flows(const invocation &asked, const export_request &wanted, names_kept names)
-        : names_(names),
+    printed_flows(const invocation &asked, const export_request &wanted, names_kept names,
+                  int ending)
+        : lines_(ending),
+          names_(names),
           watch_socket_(asked.watch_socket),
           flows_({{std::stoll(wanted.active_s) * 1'000, std::stoll(wanted.inactive_s) * 1'000}},
                  {[this](size_t, const application_name &name, uint64_t engine_number) {
@@ -121,8 +167,7 @@ public:
         counted_.pass(now_ms);
         counted_.written(); // there is nobody who keeps the sums, and the numbers
         numbers_.written();
-        if (!std::cout.flush())
-            throw refused("standard output can't be written");
+        lines_.write_out(0);
     }
 
 private:
@@ -196,7 +241,7 @@ private:
     void print(const flow_part &part) {
         const interfaces::interface &at = interfaces_.at(part.facts.interface);
         for (const exported_record &each : records_of(part, at, {}))
-            std::cout << to_line(object_of(each, part, at)) << '\n';
+            lines_.add(to_line(object_of(each, part, at)));
     }
 
     nlohmann::ordered_json object_of(const exported_record &record, const flow_part &part,
@@ -232,6 +277,7 @@ private:
         return object;
     }
 
+    printed_lines lines_;
     const names_kept names_;
     const std::string watch_socket_;
     std::optional<watch_client> avcore_;
@@ -256,7 +302,8 @@ int print_records(const invocation &asked, const export_request &wanted) {
     sigaddset(&ending, SIGTERM);
     sigprocmask(SIG_BLOCK, &ending, nullptr);
     const unique_fd signals(signalfd(-1, &ending, SFD_CLOEXEC | SFD_NONBLOCK));
-    printed_flows flows(asked, wanted, read_settings(asked.settings_file).history.names);
+    printed_flows flows(asked, wanted, read_settings(asked.settings_file).history.names,
+                        signals.get());
     bool goes_on = true;
     avcore::loop loop;
     loop.add(

@@ -1,5 +1,7 @@
 """Flows for collectors, as one gets them that knows nothing but the templates that it was sent."""
+import fcntl
 import struct
+import termios
 
 from test_history import *
 
@@ -304,6 +306,17 @@ class Export(Served):
         self.assertEqual(json.loads(printing.stdout.read())["bytes"], 50)
         self.assertEqual(printing.wait(DEADLINE), 0)
         self.assertIn("--json", self.avwatch("export", status=1))
+
+    def test_a_reader_that_stalls_holds_up_no_end(self):
+        avcore = Avcore(self.socket)
+        printing = subprocess.Popen(self.words("export", "--json"), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(printing.stdout.close)
+        self.addCleanup(printing.kill)
+        wait_until(lambda: avcore.following)
+        avcore.tell(*(ended(number, 100, id=f"{number}") for number in range(1_000)))
+        wait_until(lambda: struct.unpack("i", fcntl.ioctl(printing.stdout, termios.FIONREAD, bytes(4)))[0] == 65_536)
+        printing.terminate()
+        self.assertEqual(printing.wait(DEADLINE), 1)
 
     def test_what_is_refused(self):
         for text, why in ((table(4739, host="A") + '[[export]]\nipfix = "udp://a"', "two [[export]]"), (table(0), "'ipfix' must say"),
