@@ -47,7 +47,8 @@ unique_fd find_map(const std::string &pins, const char *name) {
     if (errno != ENOENT)
         throw std::runtime_error(pin +
                                  " can't be opened: " + std::generic_category().message(errno));
-    return attached_map(pins, name);
+    // What is attached beside pins of another layout is of that one, whatever its maps' sizes.
+    return has_other_layouts(pins) ? unique_fd() : attached_map(pins, name);
 }
 
 unique_fd pinned_map(const std::string &pins, const char *name) {

@@ -91,6 +91,13 @@ std::string pin_of(const std::string &pins, uint32_t program_id) {
     return program_folder(pins) + "/" + std::to_string(program_id);
 }
 
+bool has_other_layouts(const std::string &pins) {
+    std::error_code error;
+    const std::vector<fs::path> folders = folders_in(pins, error);
+    return std::any_of(folders.begin(), folders.end(),
+                       [](const fs::path &folder) { return folder.filename() != GATE_LAYOUT; });
+}
+
 unique_fd pinned_program(const std::string &pins, uint32_t id) {
     std::error_code error;
     for (const fs::path &folder : folders_in(pins, error)) {

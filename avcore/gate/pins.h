@@ -15,6 +15,8 @@ std::string pin_of(const std::string &pins, const std::string &map);
 std::string program_folder(const std::string &pins); // of this build
 std::string pin_of(const std::string &pins, uint32_t program_id);
 
+bool has_other_layouts(const std::string &pins);
+
 // By its pin, of whichever layout. Not valid where there is none.
 unique_fd pinned_program(const std::string &pins, uint32_t id);
 

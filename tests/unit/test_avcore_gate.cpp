@@ -756,6 +756,9 @@ TEST_F(AvcoreGate, IsSetUpWholeOrNotAtAllAndOutlivesItsPins) {
     EXPECT_EQ(look_at_gate(PINS).census.verdicts[GATE_DENY], 1u);
     const gate again(PINS, {"gw0"});
     EXPECT_EQ(look_at_gate(PINS).census.verdicts[GATE_DENY], 1u);
+    std::filesystem::rename(layout_folder(PINS), std::string(PINS) + "/v1");
+    gate(PINS, {"gw0"});
+    EXPECT_EQ(look_at_gate(PINS).census.verdicts[GATE_DENY], 0u) << "of another layout";
     tear_down_gate(PINS);
     EXPECT_FALSE(std::filesystem::exists(PINS));
     EXPECT_FALSE(look_at_gate(PINS).there);
