@@ -1,5 +1,6 @@
 #include "avcore/gate_tasks.h"
 
+#include "avcore/enforce/enforcement.h"
 #include "avcore/enforce/gate_report.h"
 #include "avcore/enforce/shaper.h"
 #include "avcore/feed/capture_interface.h"
@@ -15,10 +16,8 @@ int set_up_gate(const options &options, const config &settings) {
     for (const std::string &name : options.gate_interfaces)
         std::cout << "attached to " << name << '\n';
     if (options.gate_nowhere_else)
-        for (const std::string &name : attached.leave_others()) {
-            remove_shaping(name);
+        for (const std::string &name : leave_others(attached))
             std::cout << "detached from " << name << '\n';
-        }
     const interface_news news = attached.follow_interfaces();
     for (const auto *lines : {&news.changes, &news.failures})
         for (const std::string &line : *lines)

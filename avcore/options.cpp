@@ -140,16 +140,6 @@ void check(const options &chosen) {
     if (const size_t inputs = count_inputs(chosen);
         inputs > 1 || (inputs == 0 && chosen.config.empty()))
         throw CLI::ValidationError("exactly one of -r, -i and --inline is required");
-    if (!chosen.in_interface.empty() && chosen.in_interface == chosen.out_interface)
-        throw CLI::ValidationError("-i", "can't be the interface of -o: avcore would feed "
-                                         "what it wrote");
-    if (are_peers(chosen.in_interface, chosen.out_interface))
-        throw CLI::ValidationError("-i", "can't be the peer of -o's interface: avcore would "
-                                         "feed what it wrote");
-    for (const std::string &name : chosen.gate_interfaces) {
-        if (name == chosen.out_interface || are_peers(name, chosen.out_interface))
-            throw CLI::ValidationError("--inline", "can't be the interface of -o, nor its peer");
-    }
 }
 
 } // namespace
@@ -190,6 +180,15 @@ void complete(options &chosen, const config &settings) {
                        (runs ? "-r, -i and " : "") + "--inline is given");
     chosen.gate_interfaces = settings.inline_interfaces;
     chosen.gate_nowhere_else = true;
+}
+
+void refuse_own_frames(const options &chosen, const std::string &output) {
+    std::vector<std::string> inputs = chosen.gate_interfaces;
+    if (!chosen.in_interface.empty())
+        inputs.push_back(chosen.in_interface);
+    for (const std::string &input : inputs)
+        if (input == output || are_peers(input, output))
+            throw std::runtime_error(input + " is where avcore's own frames are");
 }
 
 } // namespace avcore

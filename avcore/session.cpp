@@ -30,6 +30,17 @@ frame_sink open_sink(const options &options, capture_settings capture) {
     return frame_sink(capture);
 }
 
+// The gate would stay attached where it can't stand, so that is asked before.
+std::unique_ptr<enforcement> open_gate(const options &options, const enforce_settings &settings,
+                                       const std::string &output,
+                                       const enforcement::say_function &say) {
+    refuse_own_frames(options, output);
+    if (options.gate_interfaces.empty())
+        return nullptr;
+    return std::make_unique<enforcement>(options.pins, options.gate_interfaces, options.attach,
+                                         settings, say);
+}
+
 frame_source open_source(const options &options, enforcement *behind_gate) {
     if (behind_gate != nullptr)
         return frame_source::open_gate(behind_gate->opened());
@@ -53,10 +64,7 @@ session::session(const options &options, config settings)
     : options_(options),
       settings_(std::move(settings)),
       sink_(open_sink(options, settings_.capture)),
-      inline_(options.gate_interfaces.empty()
-                  ? nullptr
-                  : std::make_unique<enforcement>(options.pins, options.gate_interfaces,
-                                                  options.attach, settings_.enforce, sayer())),
+      inline_(open_gate(options, settings_.enforce, sink_.name(), sayer())),
       builder_(settings_, options.in_interface),
       feeder_(sink_.timer_ms()),
       source_(open_source(options, inline_.get())),
@@ -78,7 +86,6 @@ session::session(const options &options, config settings)
                     else
                         work();
                 }}) {
-    refuse_own_frames();
     for (const std::string &remark : sink_.remarks())
         say(remark);
     const size_t max_frame_size =
@@ -91,19 +98,11 @@ session::session(const options &options, config settings)
             *settings_.bus, message_bus::surroundings{bus_socket_path(),
                                                       [this] { return bus_name_.get(); }, sayer()});
     if (options_.gate_nowhere_else)
-        inline_->leave_others();
+        for (const std::string &name : leave_others(inline_->opened()))
+            say(name + " isn't named any more: the gate is detached there");
     if (inline_)
         inline_->begin(channel_, feeder_);
     fill_loop();
-}
-
-// What was written would be fed again, without an end.
-void session::refuse_own_frames() const {
-    std::vector<std::string> inputs = options_.gate_interfaces;
-    inputs.push_back(options_.in_interface);
-    for (const std::string &input : inputs)
-        if (!input.empty() && sink_.leads_to(input))
-            throw std::runtime_error(input + " is where avcore's own frames are");
 }
 
 std::function<void(const std::string &)> session::sayer() {

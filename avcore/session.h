@@ -53,7 +53,6 @@ private:
     void pull_unasked_frames();
     void take_frame(const captured_frame &captured);
     void send_frames();
-    void refuse_own_frames() const;
     void fill_loop();
     bool has_room() const;                       // for a frame, and there may be one
     int64_t frames_due_ms(int64_t now_ms) const; // to be moved, whatever comes

@@ -37,13 +37,6 @@ enforcement::~enforcement() {
     gate_.leave();
 }
 
-void enforcement::leave_others() {
-    for (const std::string &name : gate_.leave_others()) {
-        remove_shaping(name);
-        say_(name + " isn't named any more: the gate is detached there");
-    }
-}
-
 void enforcement::begin(const channel_server &channel, feeder &feeder) {
     if (settings_.rules.hold_undecided)
         gate_.open_way_back();
@@ -158,6 +151,13 @@ void enforcement::say_some(const std::vector<std::string> &lines, line_cap &cap,
     for (const std::string &line : lines)
         if (cap.admits(now_ms))
             say_(line + cap.remark());
+}
+
+std::vector<std::string> leave_others(gate &attached) {
+    std::vector<std::string> left = attached.leave_others();
+    for (const std::string &name : left)
+        remove_shaping(name);
+    return left;
 }
 
 } // namespace avcore

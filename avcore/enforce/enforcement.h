@@ -33,8 +33,6 @@ public:
     enforcement(const enforcement &) = delete;
     enforcement &operator=(const enforcement &) = delete;
 
-    // Takes the gate away where it stands and wasn't named, and says so. Throws std::runtime_error.
-    void leave_others();
     // Once daemons can come: verdicts are asked for and carried out from here on. Both outlive it.
     void begin(const channel_server &channel, feeder &feeder);
 
@@ -105,5 +103,9 @@ private:
     std::string state_; // as JSON
     int64_t follow_due_ms_ = NEVER_MS;
 };
+
+// Takes the gate, and its queues, away where it stands and wasn't named. Returns where. Throws
+// std::runtime_error.
+std::vector<std::string> leave_others(gate &attached);
 
 } // namespace avcore

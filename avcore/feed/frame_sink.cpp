@@ -93,10 +93,6 @@ void frame_sink::open_entry() {
     link_lost();
 }
 
-bool frame_sink::leads_to(const std::string &interface) const {
-    return interface == entry_ || interface == name() || are_peers(interface, entry_);
-}
-
 std::vector<std::string> frame_sink::remarks() const {
     if (made_)
         return made_->remarks();

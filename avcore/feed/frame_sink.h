@@ -29,8 +29,6 @@ public:
 
     // Its name for people: that of the command line.
     const std::string &name() const { return made_ ? made_->name() : entry_; }
-    // Whether what is written is on that interface.
-    bool leads_to(const std::string &interface) const;
     // The longest frame, trailer included, that gets to the daemon.
     size_t max_size() const { return max_size_; }
     // After how many milliseconds the daemon's capture closes a block.
