@@ -5,6 +5,7 @@
 #include "avcore/feed/capture_interface.h"
 #include "avcore/gate/gate.h"
 #include "avcore/web/categories.h"
+#include "avcore/web/safe_search.h"
 
 #include <iostream>
 #include <net/if.h>
@@ -32,10 +33,12 @@ int check_config(const options &options, const config &settings) {
         }
     };
     part([&] {
-        const category_list categories = category_list::read(options.categories);
+        const category_list categories = category_list::read(category_sources(options, settings));
         for (const std::string &remark : categories.remarks())
             std::cerr << complaint(remark);
     });
+    if (!options.safe_search.empty())
+        part([&] { check_safe_search_folder(options.safe_search); });
     part([&] {
         if (settings.bus && settings.bus->secured()) {
             const tls_identity readable(*settings.bus);

@@ -43,7 +43,8 @@ void add_pins(CLI::App &app, options &chosen) {
 }
 
 void add_config(CLI::App &app, options &chosen) {
-    app.add_option("-c", chosen.config, "TOML file: clients, profiles, enforcement")
+    app.add_option("-c", chosen.config,
+                   "TOML file: clients, profiles, enforcement, lists of domains")
         ->type_name("CONFIG");
 }
 
@@ -70,7 +71,7 @@ void add_run_options(CLI::App &app, options &chosen) {
     add_config(app, chosen);
     app.add_flag_callback(
         "--check", [&chosen] { chosen.wanted = task::check_config; },
-        "Only say what is wrong with CONFIG, with the lists of --categories and the interfaces");
+        "Only say what is wrong with CONFIG, with the lists of domains and the interfaces");
     app.add_flag("--json", chosen.json, "One JSON object a flow and line instead of the table");
     app.add_option("--categories", chosen.categories,
                    "Domains and their web categories, or a list of domains (a hosts file, a block "
@@ -173,6 +174,8 @@ void complete(options &chosen, const config &settings) {
         settings.capture.interface.empty())
         throw std::runtime_error("neither --capture nor -o is given, and " + chosen.config +
                                  " has no [capture]");
+    if (chosen.safe_search.empty())
+        chosen.safe_search = settings.safe_search;
     if (count_inputs(chosen) > 0)
         return;
     if (settings.inline_interfaces.empty())
@@ -189,6 +192,10 @@ void refuse_own_frames(const options &chosen, const std::string &output) {
     for (const std::string &input : inputs)
         if (input == output || are_peers(input, output))
             throw std::runtime_error(input + " is where avcore's own frames are");
+}
+
+const std::vector<std::string> &category_sources(const options &chosen, const config &settings) {
+    return chosen.categories.empty() ? settings.categories : chosen.categories;
 }
 
 } // namespace avcore

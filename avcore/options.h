@@ -33,7 +33,7 @@ struct options {
     std::string pins = GATE_PINS;
     std::string config; // may be empty
     bool json = false;
-    std::vector<std::string> categories; // FILE or FILE=CATEGORY
+    std::vector<std::string> categories; // FILE or FILE=CATEGORY; none: the configuration's
     std::string safe_search;             // a folder; empty: none
     bool agent_down = false;
     std::optional<int64_t> agent_delay_ms;
@@ -58,5 +58,8 @@ void complete(options &chosen, const config &settings);
 // Throws std::runtime_error where frames would be taken from `output` or its peer: what is written
 // there would be fed again, without an end.
 void refuse_own_frames(const options &chosen, const std::string &output);
+
+// The configuration may say others when it is read again.
+const std::vector<std::string> &category_sources(const options &chosen, const config &settings);
 
 } // namespace avcore

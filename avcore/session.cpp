@@ -48,13 +48,16 @@ frame_source open_source(const options &options, enforcement *behind_gate) {
                                         : frame_source::open_interface(options.in_interface);
 }
 
-url_agent open_agent(const options &options) {
-    const bool present =
-        !options.categories.empty() || options.agent_down || options.agent_delay_ms.has_value();
-    category_list categories = category_list::read(options.categories);
+bool wants_agent(const options &options, const std::vector<std::string> &sources) {
+    return !sources.empty() || options.agent_down || options.agent_delay_ms.has_value();
+}
+
+url_agent open_agent(const options &options, const std::vector<std::string> &sources) {
+    category_list categories = category_list::read(sources);
     for (const std::string &remark : categories.remarks())
         std::cerr << "avcore: " << remark << '\n';
-    return {{present, options.agent_down, options.agent_delay_ms, options.command_socket},
+    return {{wants_agent(options, sources), options.agent_down, options.agent_delay_ms,
+             options.command_socket},
             std::move(categories)};
 }
 
@@ -70,7 +73,8 @@ session::session(const options &options, config settings)
       source_(open_source(options, inline_.get())),
       channel_(av_socket_path()),
       progress_(!options.file.empty()),
-      agent_(open_agent(options)),
+      category_sources_(category_sources(options, settings_)),
+      agent_(open_agent(options, category_sources_)),
       safe_search_(options.safe_search.empty()
                        ? nullptr
                        : std::make_unique<safe_search>(options.safe_search)),
@@ -288,16 +292,23 @@ void session::hang_up() {
         say("there is no file to read again");
     if (!options_.config.empty())
         read_config_again();
-    // Beside the loop: a million names take longer than the daemon waits for an answer.
-    if (options_.categories.empty())
+    read_categories_again();
+}
+
+// Beside the loop: a million names take longer than the daemon waits for an answer.
+void session::read_categories_again() {
+    const std::vector<std::string> &wanted = category_sources(options_, settings_);
+    if (wanted.empty() && category_sources_.empty())
         return;
     if (fresh_categories_.valid()) {
         say("the categories are still being read; what changed since counts after another SIGHUP");
         return;
     }
     try {
-        fresh_categories_ = std::async(std::launch::async,
-                                       [this] { return category_list::read(options_.categories); });
+        category_sources_ = wanted;
+        fresh_categories_ = std::async(std::launch::async, [sources = category_sources_] {
+            return category_list::read(sources);
+        });
     } catch (const std::system_error &error) {
         say(std::string("no thread to read the categories: ") + error.what());
     }
@@ -311,7 +322,7 @@ void session::take_categories() {
         category_list categories = fresh_categories_.get();
         for (const std::string &remark : categories.remarks())
             say(remark);
-        agent_.replace_categories(std::move(categories));
+        agent_.replace_categories(std::move(categories), wants_agent(options_, category_sources_));
         conversation_.outdate_verdicts();
         say("the categories were read again");
     } catch (const std::exception &error) {
@@ -319,7 +330,8 @@ void session::take_categories() {
     }
 }
 
-// What the bus, the capture, the DPI engine and the gate's places were started with stays.
+// What the bus, the capture, the DPI engine, safe search and the gate's places were started with
+// stays.
 void session::read_config_again() {
     try {
         config fresh = read_config(options_.config);

@@ -48,6 +48,7 @@ private:
     void take_signal();
     void hang_up();
     void read_config_again();
+    void read_categories_again();
     void take_categories();
     void pull_frames();
     void pull_unasked_frames();
@@ -81,6 +82,7 @@ private:
     channel_server channel_;
     progress_bar progress_;
     name_timeline names_;
+    std::vector<std::string> category_sources_; // read last
     url_agent agent_;
     std::future<category_list> fresh_categories_; // being read again
     std::unique_ptr<safe_search> safe_search_;    // null: nobody carries it out

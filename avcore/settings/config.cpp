@@ -56,12 +56,9 @@ void read_web_utp(const toml_reader &in, client_profile &profile) {
 }
 
 void read_filter_type(const toml_reader &in, client_profile &profile) {
-    const toml::node *node = in.find("filter_type");
-    if (node == nullptr)
-        return;
-    const toml::array *names = node->as_array();
+    const toml::array *names = in.array("filter_type", R"(["url", "wificalling"])");
     if (names == nullptr)
-        in.fail(*node, R"('filter_type' must be a list, as in ["url", "wificalling"])");
+        return;
     profile.filter_type = 0;
     for (const toml::node &name : *names) {
         const std::optional<std::string> text = name.value<std::string>();
@@ -252,13 +249,10 @@ std::optional<resolver> parse_resolver(const std::string &text) {
 void read_names(const toml::table &table, const std::string &file, config &settings) {
     const toml_reader in(table, file);
     in.expect_keys({"resolvers"});
-    const toml::node *node = in.find("resolvers");
-    if (node == nullptr)
-        return;
-    const toml::array *entries = node->as_array();
+    const toml::array *entries =
+        in.array("resolvers", R"(["192.0.2.53", "10.1.0.53 02:00:00:00:00:53"])");
     if (entries == nullptr)
-        in.fail(*node, "'resolvers' must be a list of addresses, as in "
-                       R"(["192.0.2.53", "10.1.0.53 02:00:00:00:00:53"])");
+        return;
     std::vector<resolver> &resolvers = settings.resolvers.emplace();
     for (const toml::node &entry : *entries) {
         const auto text = entry.value_exact<std::string>();
@@ -321,18 +315,32 @@ void read_capture(const toml::table &table, const std::string &file, capture_set
 void read_inline(const toml::table &table, const std::string &file, config &settings) {
     const toml_reader in(table, file);
     in.expect_keys({"interfaces"});
-    const toml::node *node = in.find("interfaces");
-    if (node == nullptr)
-        return;
-    const toml::array *names = node->as_array();
+    const toml::array *names = in.array("interfaces", R"(["wlan0", "wlan1"])");
     if (names == nullptr)
-        in.fail(*node, R"('interfaces' must be a list, as in ["wlan0", "wlan1"])");
+        return;
     for (const toml::node &entry : *names) {
         const auto name = entry.value_exact<std::string>();
         if (!name || name->empty() || name->size() >= IFNAMSIZ)
             in.fail(entry, "'interfaces' holds something other than an interface name of 1 to 15 "
                            "characters");
         settings.inline_interfaces.push_back(*name);
+    }
+}
+
+void read_web(const toml::table &table, const std::string &file, config &settings) {
+    const toml_reader in(table, file);
+    in.expect_keys({"categories", "safe_search"});
+    settings.safe_search = in.text("safe_search").value_or("");
+    const toml::array *lists =
+        in.array("categories", R"(["categories.txt", "hosts.txt=Advertising"])");
+    if (lists == nullptr)
+        return;
+    for (const toml::node &entry : *lists) {
+        const auto list = entry.value_exact<std::string>();
+        if (!list || list->empty())
+            in.fail(entry, "'categories' holds something other than \"FILE\" and "
+                           "\"FILE=CATEGORY\"");
+        settings.categories.push_back(*list);
     }
 }
 
@@ -351,7 +359,7 @@ config parse_config(std::string_view text, const std::string &name) {
     };
     wrong.in([&] {
         in.expect_keys({"dpi", "client", "uplink", "rule", "platform", "bus", "enforce", "names",
-                        "capture", "inline"});
+                        "capture", "inline", "web"});
     });
     wrong.in([&] { in.flag("dpi", settings.dpi); });
     if (!settings.dpi)
@@ -373,6 +381,7 @@ config parse_config(std::string_view text, const std::string &name) {
     read_table("capture", [&](const auto &table) { read_capture(table, name, settings.capture); });
     read_table("names", [&](const auto &table) { read_names(table, name, settings); });
     read_table("inline", [&](const auto &table) { read_inline(table, name, settings); });
+    read_table("web", [&](const auto &table) { read_web(table, name, settings); });
     wrong.raise();
     warn_of_url_filtering(root, in, settings);
     return settings;

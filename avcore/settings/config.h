@@ -60,6 +60,8 @@ struct config {
     std::vector<std::string> inline_interfaces; // of clients, at which verdicts are enforced
     enforce_settings enforce;
     std::optional<std::vector<resolver>> resolvers; // none: any beyond the clients
+    std::vector<std::string> categories;            // FILE or FILE=CATEGORY, as on the command line
+    std::string safe_search;                        // a folder; empty: none
     std::vector<std::string> warnings; // of what holds and may not be meant, with file and line
 };
 

@@ -58,6 +58,13 @@ const toml::table *toml_reader::table(std::string_view key) const {
     return node != nullptr ? node->as_table() : nullptr;
 }
 
+const toml::array *toml_reader::array(std::string_view key, std::string_view example) const {
+    const toml::node *node = find(key);
+    if (node != nullptr && !node->is_array())
+        fail(*node, quoted(key) + " must be a list, as in " + std::string(example));
+    return node != nullptr ? node->as_array() : nullptr;
+}
+
 std::optional<std::string> toml_reader::text(std::string_view key) const {
     const toml::node *node = find(key);
     if (node != nullptr && !node->is_string())

@@ -31,6 +31,8 @@ public:
 
     const toml::node *find(std::string_view key) const { return table_.get(key); }
     const toml::table *table(std::string_view key) const;
+    // `example`: for whoever wrote something else.
+    const toml::array *array(std::string_view key, std::string_view example) const;
     std::optional<std::string> text(std::string_view key) const;
     void number(std::string_view key, uint32_t &value, uint32_t most = UINT32_MAX) const;
     uint32_t number_of(const toml::node &node, std::string_view key,

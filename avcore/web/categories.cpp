@@ -30,7 +30,7 @@ category_source parse_source(const std::string &text) {
     const std::string_view wanted = std::string_view(text).substr(equals + 1);
     const std::optional<uint16_t> category = category_number(wanted);
     if (!category)
-        throw config_error("--categories " + printable(text) + ": " + no_category(wanted));
+        throw config_error(printable(text) + ": " + no_category(wanted));
     return {text.substr(0, equals), category};
 }
 

@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace avcore {
@@ -18,9 +20,16 @@ namespace {
 
 constexpr char UTP_PREFIX[] = "utp-";
 
+// Of folders and files: whatever the umask, for a resolver reads them as somebody else.
+constexpr mode_t FOLDER_MODE = 0755;
+constexpr mode_t FILE_MODE = 0644;
+
 unique_fd open_folder(int in, const char *name) {
-    mkdirat(in, name, 0755);
-    return unique_fd(openat(in, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const bool is_new = mkdirat(in, name, FOLDER_MODE) == 0;
+    unique_fd folder(openat(in, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (is_new && folder.valid())
+        fchmod(folder.get(), FOLDER_MODE);
+    return folder;
 }
 
 std::runtime_error failure(const std::string &what) {
@@ -31,9 +40,10 @@ void replace_file(int folder, const std::string &name, const std::string &text) 
     const std::string hidden = "." + name;
     unlinkat(folder, hidden.c_str(), 0); // of a run that was killed, or a stranger's link or FIFO
     const unique_fd file(
-        openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        openat(folder, hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE));
     errno = file.valid() ? ENOSPC : errno; // of a write that was cut
-    if (!file.valid() || ::write(file.get(), text.data(), text.size()) != std::ssize(text) ||
+    if (!file.valid() || fchmod(file.get(), FILE_MODE) != 0 ||
+        ::write(file.get(), text.data(), text.size()) != std::ssize(text) ||
         renameat(folder, hidden.c_str(), folder, name.c_str()) != 0)
         throw failure(name);
 }
@@ -127,6 +137,13 @@ void safe_search::write_side(const std::string &name, const resolver &side) cons
         throw failure("");
     replace_file(folder.get(), "dnsmasq.conf", settings);
     replace_file(folder.get(), "hosts", hosts);
+}
+
+void check_safe_search_folder(const std::string &folder) {
+    const char *step = access(folder.c_str(), F_OK) == 0 ? "." : "..";
+    const auto place = (std::filesystem::absolute(folder) / step).lexically_normal();
+    if (access(place.c_str(), W_OK | X_OK) != 0)
+        throw failure(folder);
 }
 
 } // namespace avcore

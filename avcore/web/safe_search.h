@@ -54,4 +54,7 @@ private:
     uint64_t refused_ = 0;
 };
 
+// Throws std::runtime_error where nothing could be written there, and makes nothing.
+void check_safe_search_folder(const std::string &folder);
+
 } // namespace avcore

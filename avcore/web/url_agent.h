@@ -48,7 +48,11 @@ public:
     // What it would answer now; none: it wouldn't.
     std::optional<urlf_answer> answer_about(std::string_view domain) const;
     void bring_back() { settings_.down = false; }
-    void replace_categories(category_list categories) { categories_ = std::move(categories); }
+    // `present`: as in the settings.
+    void replace_categories(category_list categories, bool present) {
+        categories_ = std::move(categories);
+        settings_.present = present;
+    }
 
     int fd() const { return connection_.get(); } // readable when the daemon is through with it
     int64_t next_tick_ms() const;

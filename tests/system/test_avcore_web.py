@@ -33,9 +33,11 @@ class AvcoreWeb(PipedTest):
 
     def start(self, *options):
         """Rows are printed when they are asked for."""
+        self.addCleanup(os.umask, os.umask(0o077))
         self.addCleanup(shutil.rmtree, SAFE_SEARCH, True)
         self.start_on_pipe('[client]\nfilter_type = ["url", "wificalling"]\n[platform]\n'
-                           'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n', *options)
+                           'base_mac = "02:00:00:00:00:01"\nwebroot_server = "urls.example"\n'
+                           f'[web]\nsafe_search = "{SAFE_SEARCH}"\n', *options)
 
     def start_judging(self, *options):
         self.start(*options)
@@ -108,7 +110,7 @@ class AvcoreWeb(PipedTest):
         self.assertIn("late answers of the URL-filtering agent: 5\n", totals)
 
     def test_a_resolver_follows_safe_search(self):
-        self.start("--safe-search", SAFE_SEARCH)
+        self.start()
         hosts = SAFE_SEARCH + "/wlan0/hosts"
 
         def bind(vip):
@@ -120,6 +122,8 @@ class AvcoreWeb(PipedTest):
 
         bind("192.0.2.80")
         self.assertEqual(os.listdir(SAFE_SEARCH + "/utp-5"), os.listdir(SAFE_SEARCH + "/wlan0"))
+        self.assertEqual([os.stat(path).st_mode & 0o777 for path in (SAFE_SEARCH, os.path.dirname(hosts), hosts)],
+                         [0o755, 0o755, 0o644])  # a resolver is somebody else
         for words in (name_server(f"--address=/#/{SERVER}", "--port=54"),
                       name_server("--server=127.0.0.1#54", f"--hostsdir={SAFE_SEARCH}/wlan0",
                                   settings=f"{SAFE_SEARCH}/wlan0/dnsmasq.conf")):
@@ -137,7 +141,7 @@ class AvcoreWeb(PipedTest):
         wait_until(lambda: resolve("www.google.com", 1) == (3, set()))
 
     def test_what_connects_is_counted(self):
-        self.start("--safe-search", SAFE_SEARCH)
+        self.start()
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
             client.connect(AV_SOCKET)
             for ifname in (b"../x", b"w" * 24):

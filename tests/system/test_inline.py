@@ -276,8 +276,9 @@ class Layout:
         self.inspections = '["url"]'
         block_list = "/tmp/bets"
         write_file(block_list, "# none so far\n")
-        self.start("reset = true", "--categories", EXAMPLES + "/categories.txt", "--categories",
-                   block_list + "=Gambling", "--safe-search", "/tmp/resolvers", wire_ms=10, rules={})
+        lists = [EXAMPLES + "/categories.txt", block_list + "=Gambling"]
+        web = "reset = true\n[web]\ncategories = "
+        self.start(web + json.dumps(lists), "--safe-search", "/tmp/resolvers", wire_ms=10, rules={})
         self.assertEqual(jornctl("apply", "-", document={
             "web_policies": [{"name": "family", "uuid": "f", "filter_type": "CUSTOM", "categories":
                               ["Gambling"], "blacklist": ["*.shut.example"], "google_safe_search": True,
@@ -324,8 +325,7 @@ class Layout:
         os.mkfifo(block_list)
         read_again("isn't a regular file; the categories stay as they were")
         self.until(lambda: self.curl("-4", "free.example")[0] in refused)
-        os.unlink(block_list)
-        write_file(block_list, "||bets.example^\n")
+        self.configure(web + json.dumps(lists[:1]))
         read_again("the categories were read again")
         self.until(lambda: self.curl("-4", "free.example") == (0, "200 " + SERVERS[4]))
 

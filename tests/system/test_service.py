@@ -97,7 +97,11 @@ class Routed(InlineTest):
         status, said = check('interface = "wlan0"', enforce='fail = "shut"\n')
         self.assertEqual((status, re.findall(f"(?m)^avcore: {CONFIG}, line [^']*'(.*?)'", said)),
                          (1, ["fail", "interface"]))
-        self.assertEqual(check("interfaces = []", "--inline", "wlan0", "--categories", "/nowhere")[0], 1)
+        lists = HOLD + '[web]\ncategories = ["/nowhere=Gambling"]\nsafe_search = "/nowhere/dir"\n'
+        self.assertEqual(check("interfaces = []", "--inline", "wlan0", enforce=lists), (
+            1, "avcore: /nowhere: No such file or directory\navcore: /nowhere/dir: No such file or directory\n"))
+        self.assertEqual(check('interfaces = ["wlan0"]', "--categories", f"{EXAMPLES}/categories.txt",
+                               "--safe-search", "/tmp/new", enforce=lists), (0, ""))
         self.assertEqual(self.run_avcore("--check")[0], 2)
         for path, status in ((f"{PROJECT}/debian/etc/avcore.toml", 3), (f"{EXAMPLES}/avcore.toml", 0)):
             self.assertEqual(self.run_avcore("--check", "-c", path, "--capture", "av1",

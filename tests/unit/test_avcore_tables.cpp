@@ -67,7 +67,7 @@ TEST(AvcoreConfig, MistakesNameTheirLineAndKey) {
         {"[names]\nresolvers = [\"192.0.2.53\",\n\"10.1.0.53  02:00:00:00:00:53\"]\n",
          "line 3: 'resolvers' holds"},
         {"[names]\nresolvers = [\"192.0.2.0/24\"]\n", "line 2: 'resolvers' holds"},
-        {"[inline]\ninterfaces = \"wlan0\"\n", "line 2: 'interfaces' must be a list"},
+        {"[web]\ncategories = [\"hosts.txt=Malware\",\n7]\n", "line 3: 'categories' holds"},
         {"[inline]\ninterfaces = [\"wlan0\",\n\"sixteen-letters-\"]\n", "line 3: 'interfaces'"},
         {"[[rule]]\nmac = \"1\"\n[client]\nutp_id = 64\n[[rule]]\nmac = \"2\"\n[enforce]\nfail = "
          "1\n",
