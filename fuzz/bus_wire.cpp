@@ -2,6 +2,7 @@
 // stream holds, none is longer than it may be, and nothing follows a bad length. The first byte
 // says how large the pieces are.
 #include "avcore/bus/wire.h"
+#include "demand.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,11 +11,6 @@
 namespace {
 
 using avcore::wire_reader;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 uint32_t length_at(std::span<const std::byte> stream) {
     uint32_t length = 0;

@@ -11,6 +11,7 @@
 #include "avwatch/export/record_maker.h"
 #include "avwatch/history/ledger.h"
 #include "avwatch/ipfix/messages.h"
+#include "demand.h"
 
 #include <algorithm>
 #include <charconv>
@@ -28,11 +29,6 @@ using namespace avwatch;
 
 constexpr int64_t STEP_MAX_S = 1'000'000;
 constexpr uint16_t APPLICATION_NAME = 96, BEGUN = 152, ENDED = 153, APPLICATION = 95;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 // Knows what it was sent.
 class reader {

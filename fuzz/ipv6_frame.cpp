@@ -5,6 +5,7 @@
 #include "avcore/flows/frame_builder.h"
 #include "avcore/frames/wire_packets.h"
 #include "avcore/settings/config.h"
+#include "demand.h"
 #include "support/fresh_state.h"
 
 #include <algorithm>
@@ -16,11 +17,6 @@
 namespace {
 
 using namespace avcore;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 frame_builder &builder() {
     static const config settings =

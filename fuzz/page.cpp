@@ -14,6 +14,7 @@
 #include "avwatch/history/ledger.h"
 #include "avwatch/history/store.h"
 #include "avwatch/page/tickets.h"
+#include "demand.h"
 #include "shared/json_text.h"
 #include "support/saved_folder.h"
 
@@ -41,11 +42,6 @@ constexpr char HIDDEN[] = "not-for-strangers"; // in names that the present alwa
 constexpr size_t BODY_MAX = 1'300'000; // the texts' 256 kB, and 200 rows whose texts were cut
 constexpr size_t ROWS_MAX = 200;
 constexpr size_t ADDRESSES_MAX = 64; // of a client
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 flow_record flow_named(size_t number, const std::string &name) {
     flow_record made;

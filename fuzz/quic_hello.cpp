@@ -6,6 +6,7 @@
 // half), their number in two bytes, and the bytes.
 #include "avcore/base/host_text.h"
 #include "avcore/hello/hello_reader.h"
+#include "demand.h"
 #include "support/quic_packets.h"
 
 #include <cstdlib>
@@ -22,11 +23,6 @@ enum record_bits : uint8_t {
 };
 constexpr size_t RECORD_HEAD_SIZE = 3;
 constexpr size_t PACKET_MAX_SIZE = 16'000; // longer ones don't fit into the length that they get
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 class one_flow {
 public:

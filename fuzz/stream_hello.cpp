@@ -5,6 +5,7 @@
 // their lengths' bits when those are turned round; the last one holds what is left.
 #include "avcore/base/host_text.h"
 #include "avcore/hello/hello_reader.h"
+#include "demand.h"
 #include "support/frames.h"
 
 #include <algorithm>
@@ -15,11 +16,6 @@ namespace {
 
 using namespace avcore;
 using outcome = hello_reader::outcome;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 struct piece {
     size_t at;

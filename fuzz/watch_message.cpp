@@ -2,6 +2,7 @@
 // record is the same record again when it is written, and nothing shown steers the terminal.
 #include "avwatch/base/shown_text.h"
 #include "avwatch/client/messages.h"
+#include "demand.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,11 +10,6 @@
 namespace {
 
 using namespace avwatch;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 void check_shown(std::string_view text) {
     constexpr std::string_view mark = "\u200E";

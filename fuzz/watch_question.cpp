@@ -2,6 +2,7 @@
 // are, what is written is JSON, and says the same again when it was read.
 #include "avcore/watch/json_text.h"
 #include "avcore/watch/questions.h"
+#include "demand.h"
 #include "shared/json_text.h"
 
 #include <algorithm>
@@ -12,11 +13,6 @@
 namespace {
 
 using namespace avcore;
-
-void demand(bool holds) {
-    if (!holds)
-        abort();
-}
 
 std::string written(std::string_view text, bool flag) {
     std::string line;
