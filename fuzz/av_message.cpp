@@ -1,0 +1,116 @@
+// What a daemon, or whoever plays one, says on the AV channel: a question gets one answer, of the
+// size that its op has, and nothing else gets any; what is said of it is printable.
+//
+// An input is messages. A frame of 10.1.0.2:1000 to 192.0.2.7:443 (TCP) awaits its verdict, and
+// another of IPv6, whose addresses have stand-ins; a name is known of the first one's server.
+#include "avcore/base/messages.h"
+#include "avcore/conversation.h"
+#include "avcore/names/dns_answer.h"
+#include "demand.h"
+#include "pieces.h"
+#include "shared/av_questions.h"
+#include "support/frames.h"
+#include "support/fresh_state.h"
+#include "support/saved_folder.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace {
+
+using namespace avcore;
+
+constexpr size_t SWITCHES_MAX = 256;
+constexpr char CATEGORIES[] = "ads.example 69\nnews.example 1 2 3 4 5\n";
+constexpr char SETTINGS[] = "dpi = false\n[platform]\nfw_version = \"1.2\"\n"
+                            "[[rule]]\nnetwork = \"10.1.0.0/16\"\nutp_id = 7\nweb_utp = [0, 9]\n"
+                            "filter_type = [\"url\"]\ninterface = \"wlan1\"\n";
+
+bool is_printable(std::string_view text) {
+    return std::ranges::none_of(text, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+}
+
+// What the channel's messages are for, fresh for each input.
+struct platform_parts {
+    config settings = parse_config(SETTINGS, "f");
+    frame_builder builder{settings, ""};
+    feeder frames;
+    name_timeline names;
+    url_agent agent{{true, false, {}, ""}, category_list::parse(CATEGORIES, "c")};
+    safe_search resolvers;
+    conversation talk;
+
+    explicit platform_parts(const std::string &folder)
+        : resolvers(folder),
+          talk({settings, builder, frames, names, agent, &resolvers, nullptr, nullptr,
+                [](const std::string &line) { demand(is_printable(line)); }}) {
+        const octets stream = tcp(1000, 443, {});
+        pass(ethernet(0x0800, ipv4(6, stream, {.src = 0x0A010002, .dst = 0xC0000207})));
+        pass(ethernet(0x86DD, be32(6u << 28) + be16(stream.size()) + octets{6, 64} +
+                                  octets(32, 0x20) + stream));
+        names.add(1, {0, {"host.example", {{ip("192.0.2.7"), 60}}}, true});
+    }
+
+    void pass(const octets &frame) {
+        auto built = builder.build({frame, 0, {}, nullptr});
+        demand(built.has_value());
+        frames.add(std::move(built->frame), 0);
+        while (frames.next_to_send(0) != nullptr)
+            frames.sent(0);
+    }
+};
+
+// Of a whole answer that says yes; 0: any.
+size_t body_size(av_op op) {
+    switch (op) {
+    case av_op::dnscache_get_name:
+        return sizeof(av_name_answer);
+    case av_op::urlfilter_get_category:
+        return sizeof(urlf_reply);
+    case av_op::platform_value:
+        return sizeof(av_value_answer);
+    default:
+        return 0;
+    }
+}
+
+void check_answer(const question &asked, const channel_answer &answer) {
+    av_answer_head head;
+    demand(answer.bytes.size() >= sizeof head);
+    memcpy(&head, answer.bytes.data(), sizeof head);
+    demand(head.question.op == asked.head.op && head.question.seq == asked.head.seq);
+    const size_t body = answer.bytes.size() - sizeof head;
+    const size_t wanted = body_size(asked.head.op);
+    demand(head.rc == 0 ? wanted == 0 || body == wanted : body == 0);
+    demand(body <= std::max(sizeof(roam_message), size_t{AV_TOOL_ANSWER_MAX}));
+    demand(answer.descriptor < 0 || asked.head.op == av_op::name_page);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const saved_folder folder;
+    silence_log(1);
+    platform_parts parts(folder.path_of("safe"));
+    for (pieces input(data, size); !input.empty();) {
+        const byte_span message = input.message();
+        const std::vector<std::byte> datagram(message.begin(), message.end()); // of its own size
+        const uint64_t malformed = parts.talk.malformed();
+        const std::optional<channel_message> parsed = parse_message(datagram);
+        const channel_answer answer = parts.talk.take(datagram);
+        demand(parts.talk.malformed() == malformed + (parsed ? 0 : 1));
+        const auto *asked = parsed ? std::get_if<question>(&*parsed) : nullptr;
+        if (asked != nullptr)
+            check_answer(*asked, answer);
+        else
+            demand(answer.bytes.empty());
+    }
+    demand(parts.talk.switches().size() <= SWITCHES_MAX);
+    for (const auto &[name, value] : parts.talk.switches())
+        demand(is_printable(name));
+    demand(parts.frames.counts().answered <= 2);
+    return 0;
+}
