@@ -84,7 +84,7 @@ void log_flows(std::span<const roam_flow> flows, log_origin from) {
     for (const roam_flow &flow : flows) {
         uint8_t ip[8];
         memcpy(ip, flow.ipv4, sizeof ip);
-        JORN_LOG(JORN_LOG_DEBUG, from, 0,
+        JORN_SAY(JORN_LOG_DEBUG, from,
                  "%d: %02X%02X %02X%02X       %u.%u.%u.%u %u.%u.%u.%u   %5u %5u     %4X     %31s\n",
                  ++number, flow.word_a[0], flow.word_a[1], flow.word_b[0], flow.word_b[1], ip[0],
                  ip[1], ip[2], ip[3], ip[4], ip[5], ip[6], ip[7], ntohs(flow.port_a),

@@ -27,8 +27,8 @@ void cut_counts(web_policy_wire &policy, log_origin from) {
     const bool white = cut(policy.num_whitelist, WEB_PATTERNS_MAX);
     const bool black = cut(policy.num_blacklist, WEB_PATTERNS_MAX);
     if (categories || white || black) {
-        JORN_LOG(
-            JORN_LOG_ERROR, from, 0,
+        JORN_SAY(
+            JORN_LOG_ERROR, from,
             "web policy %s: counts beyond %zu categories, %zu white and %zu black patterns are "
             "cut\n",
             printable_text(policy.name).c_str(), WEB_CATEGORIES_MAX, WEB_PATTERNS_MAX,

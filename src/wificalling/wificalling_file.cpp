@@ -83,7 +83,7 @@ auto count_watch(int32_t most, log_origin from) {
             return;
         const auto count = static_cast<Count>(leading_decimal(text));
         if (count < 0 || count > most)
-            JORN_LOG(JORN_LOG_ERROR, from, 0, "a count of %lld is cut to %d\n",
+            JORN_SAY(JORN_LOG_ERROR, from, "a count of %lld is cut to %d\n",
                      static_cast<long long>(count), count < 0 ? 0 : most);
     };
 }

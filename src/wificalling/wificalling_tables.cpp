@@ -21,7 +21,7 @@ constexpr size_t IFNAME_MAX = 16;
 int32_t cut_count(int32_t count, int32_t most, const char *of, log_origin from) {
     const int32_t cut = std::clamp(count, 0, most);
     if (cut != count)
-        JORN_LOG(JORN_LOG_ERROR, from, 0, "%s: a count of %d is cut to %d\n",
+        JORN_SAY(JORN_LOG_ERROR, from, "%s: a count of %d is cut to %d\n",
                  printable_text(of).c_str(), count, cut);
     return cut;
 }

@@ -18,6 +18,11 @@ inline constexpr int JORN_LOG_DEBUG = 7;
 [[gnu::cold, gnu::format(printf, 5, 6)]] void jorn_log(int level, const char *function, int line,
                                                        int error_number, const char *format, ...);
 
+// The same without an error number, which few lines have: what is left fits into the registers of a
+// call, and there are hundreds of them.
+[[gnu::cold, gnu::format(printf, 4, 5)]] void jorn_say(int level, const char *function, int line,
+                                                       const char *format, ...);
+
 inline bool jorn_log_enabled(int level) {
     return level != JORN_LOG_DEBUG || __builtin_expect(jorn_settings.debug, 0) != 0;
 }
@@ -34,20 +39,25 @@ struct log_origin {
         if (jorn_log_enabled(level))                                                               \
             jorn_log(level, (origin).function, __LINE__, error_number, __VA_ARGS__);               \
     } while (0)
+#define JORN_SAY(level, origin, ...)                                                               \
+    do {                                                                                           \
+        if (jorn_log_enabled(level))                                                               \
+            jorn_say(level, (origin).function, __LINE__, __VA_ARGS__);                             \
+    } while (0)
 
 // The calling function's own lines.
-#define JORN_ERROR(...) JORN_LOG(JORN_LOG_ERROR, JORN_HERE, 0, __VA_ARGS__)
+#define JORN_ERROR(...) JORN_SAY(JORN_LOG_ERROR, JORN_HERE, __VA_ARGS__)
 #define JORN_ERRNO(error_number, ...) JORN_LOG(JORN_LOG_ERROR, JORN_HERE, error_number, __VA_ARGS__)
-#define JORN_INFO(...) JORN_LOG(JORN_LOG_INFO, JORN_HERE, 0, __VA_ARGS__)
-#define JORN_DEBUG(...) JORN_LOG(JORN_LOG_DEBUG, JORN_HERE, 0, __VA_ARGS__)
+#define JORN_INFO(...) JORN_SAY(JORN_LOG_INFO, JORN_HERE, __VA_ARGS__)
+#define JORN_DEBUG(...) JORN_SAY(JORN_LOG_DEBUG, JORN_HERE, __VA_ARGS__)
 
 // A part of a function of the interface speaks in its name.
 #define JORN_AS(function) (log_origin{function})
-#define JORN_ERROR_AS(function, ...) JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), 0, __VA_ARGS__)
+#define JORN_ERROR_AS(function, ...) JORN_SAY(JORN_LOG_ERROR, JORN_AS(function), __VA_ARGS__)
 #define JORN_ERRNO_AS(function, error_number, ...)                                                 \
     JORN_LOG(JORN_LOG_ERROR, JORN_AS(function), error_number, __VA_ARGS__)
-#define JORN_INFO_AS(function, ...) JORN_LOG(JORN_LOG_INFO, JORN_AS(function), 0, __VA_ARGS__)
-#define JORN_DEBUG_AS(function, ...) JORN_LOG(JORN_LOG_DEBUG, JORN_AS(function), 0, __VA_ARGS__)
+#define JORN_INFO_AS(function, ...) JORN_SAY(JORN_LOG_INFO, JORN_AS(function), __VA_ARGS__)
+#define JORN_DEBUG_AS(function, ...) JORN_SAY(JORN_LOG_DEBUG, JORN_AS(function), __VA_ARGS__)
 
 // A text that stands in a table, or is handed on, with the line where it stands.
 struct log_text {

@@ -27,7 +27,10 @@ public:
     [[gnu::format(printf, 2, 3)]] void format(const char *format, ...);
 
     // A cell with its value, in one piece of less than 2,048 bytes.
-    void cell(const listing_cell &which, std::string_view value = "");
+    void cell(const listing_cell &which, std::string_view value);
+    void cell(const listing_cell &which, const char *value = "") {
+        cell(which, std::string_view(value));
+    }
     void cell(const listing_cell &which, int64_t value);
 
     std::string_view text() const { return {text_, length_}; }

@@ -18,5 +18,5 @@ void remove_by_shell(const char *path, log_origin from) {
     char command[256];
     snprintf(command, sizeof command, "rm -rf %s", path);
     if (!run_shell(command))
-        JORN_LOG(JORN_LOG_ERROR, from, 0, "%s: can't be removed\n", path);
+        JORN_SAY(JORN_LOG_ERROR, from, "%s: can't be removed\n", path);
 }

@@ -22,6 +22,6 @@ dns_look_up look_up_dns_name(uint32_t address_be, std::span<char> name, log_orig
     name.front() = '\0';
     if (result == 0)
         return dns_look_up::no_name;
-    JORN_LOG(JORN_LOG_ERROR, asking, 0, "psms_get_dn_by_ip return error\n");
+    JORN_SAY(JORN_LOG_ERROR, asking, "psms_get_dn_by_ip return error\n");
     return dns_look_up::failed;
 }

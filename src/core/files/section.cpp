@@ -18,7 +18,7 @@ void read_sections(FILE *file, const char *path, log_origin from,
     if (reader.read_error() != 0)
         JORN_LOG(JORN_LOG_ERROR, from, reader.read_error(), "%s can't be read to its end\n", path);
     else if (!whole)
-        JORN_LOG(JORN_LOG_ERROR, from, 0,
+        JORN_SAY(JORN_LOG_ERROR, from,
                  "%s ends early, after line %u: what isn't whole is left out\n", path,
                  reader.line_number());
 }

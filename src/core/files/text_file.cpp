@@ -43,7 +43,7 @@ bool line_reader::next(std::string_view &line) {
         return false;
     ++line_number_;
     if (cut)
-        JORN_LOG(JORN_LOG_ERROR, from_, 0, "%s: line %u is cut after %zu characters\n", path_,
+        JORN_SAY(JORN_LOG_ERROR, from_, "%s: line %u is cut after %zu characters\n", path_,
                  line_number_, length);
     return true;
 }

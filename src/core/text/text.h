@@ -63,6 +63,7 @@ public:
         }
         text_[length] = '\0';
     }
+    explicit printable_text(const char *name) : printable_text(std::string_view(name)) {}
     const char *c_str() const { return text_; }
 
 private:
