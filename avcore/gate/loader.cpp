@@ -9,6 +9,7 @@
 #include "shared/unique_fd.h"
 
 #include <bpf/bpf.h>
+#include <bpf/btf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
 #include <cstddef>
@@ -35,6 +36,8 @@ constexpr unsigned char OBJECT[] = {
 std::string reason(int error) {
     return std::generic_category().message(error < 0 ? -error : error);
 }
+
+constexpr char KERNEL_TYPES[] = "/sys/kernel/btf/vmlinux";
 
 // The verifier's log says all that led to its refusal, then why. Older kernels cut its end off
 // where it doesn't fit; what isn't written takes no memory.
@@ -152,7 +155,22 @@ object_owner open_object() {
     return object;
 }
 
+// A kernel without types of its own (CONFIG_DEBUG_INFO_BTF) can't know what a global function is
+// given, and refuses it. It walks through a static one anew with each call. Which of them a
+// function is stands in the gate's types, and these are looked at when the gate is loaded.
+void make_functions_static(const bpf_object *object) {
+    static_assert(BTF_FUNC_STATIC == 0);
+    const btf *types = bpf_object__btf(object);
+    for (uint32_t id = 1; id < btf__type_cnt(types); ++id) {
+        const btf_type *type = btf__type_by_id(types, id);
+        if (btf_is_func(type))
+            const_cast<btf_type *>(type)->info &= ~uint32_t{BTF_FUNC_GLOBAL};
+    }
+}
+
 void load(bpf_object *object, beginnings &begun) {
+    if (access(KERNEL_TYPES, F_OK) != 0)
+        make_functions_static(object);
     const auto log = std::make_unique_for_overwrite<char[]>(VERIFIER_LOG_SIZE);
     log[0] = '\0';
     bpf_program *program = nullptr;

@@ -148,7 +148,7 @@ class Arrivals:
                 record, ((_, _, stamp), *_), _, _ = self._socket.recvmsg(200, 64)
             except OSError:  # nothing came, or the interface goes
                 continue
-            seconds, nanoseconds = struct.unpack("=qq", stamp)
+            seconds, nanoseconds = struct.unpack("ll", stamp)
             if packet := parse(record, seconds + nanoseconds / 1e9):
                 self._packets.add(packet)
 
