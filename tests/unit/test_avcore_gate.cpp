@@ -40,18 +40,14 @@ namespace {
 using namespace avcore;
 
 constexpr char PINS[] = "/run/jorn/gate/";
-constexpr char V6[] = "\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0";
 
 bool run(const char *command) {
     return system(command) == 0;
 }
 
-octets ipv6(uint8_t next, const octets &rest, uint8_t first = 0x20) {
-    const octets side = octets_of({V6, 15}) + octets{1};
-    octets source = side;
-    if (first == 0)
-        source = octets(10, 0) + octets{0xFF, 0xFF, 10, 0, 0, 1};
-    return ethernet(0x86DD, octets{0x60, 0, 0, 0} + be16(rest.size()) + octets{next, 64} + source +
+octets ipv6(uint8_t next, const octets &rest) {
+    const octets side = octets{0x20, 1, 0x0D, 0xB8} + octets(11, 0) + octets{1};
+    return ethernet(0x86DD, octets{0x60, 0, 0, 0} + be16(rest.size()) + octets{next, 64} + side +
                                 side + rest);
 }
 
@@ -145,58 +141,31 @@ protected:
     unique_fd fd_;
 };
 
+// What the model of the gate doesn't make.
 TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
     const octets data = udp(1000, 2000, "x");
-    const octets options = {60, 0, 1, 4, 0, 0, 0, 0};
-    const octets last = {17, 0, 1, 4, 0, 0, 0, 0};
-    octets deep;
-    for (int i = 0; i < 9; ++i)
-        deep += options;
     const octets tag = octets{0, 1, 0x81, 0};
-    octets priority;
-    for (int i = 0; i < 7; ++i)
-        priority += octets{0xE0, 0, 0x81, 0};
     const octets long_options = octets{17, 255, 1, 4} + octets(2044, 0);
     const octets plain = octets{0, 2, 8, 0} + ipv4(17, data);
     const std::vector<int> undecided = {GATE_COUNT_UNDECIDED};
     const std::vector<int> always = {GATE_COUNT_ALWAYS};
     const std::vector<int> fragment = {GATE_COUNT_FRAGMENT};
     const std::vector<int> malformed = {GATE_COUNT_MALFORMED};
-    const std::vector<int> reserved = {GATE_COUNT_RESERVED};
     const struct {
         const char *what;
         octets frame;
         std::vector<int> fate;
     } rows[] = {
         {"UDP", ethernet(0x0800, ipv4(17, data)), undecided},
-        {"two tags", ethernet(0x8100, tag + octets{0, 2, 8, 0} + ipv4(17, data)), undecided},
-        {"ARP", ethernet(0x0806, arp()), always},
-        {"LLC", ethernet(38, octets(46, 0x42)), always},
         {"a fourth tag", ethernet(0x8100, tag + tag + tag + plain), {GATE_COUNT_TAGS}},
-        {"priority tags", ethernet(0x8100, priority + tag + plain), undecided},
-        {"too many", ethernet(0x8100, priority + priority + plain), {GATE_COUNT_TAGS}},
-        {"IGMP", ethernet(0x0800, ipv4(2, octets(8, 0))), always},
         {"fragmentation needed", ethernet(0x0800, ipv4(1, octets{3, 4, 0, 0})), always},
-        {"port unreachable", ethernet(0x0800, ipv4(1, octets{3, 3, 0, 0})), always},
-        {"neighbour discovery", ipv6(0, octets{58, 0, 1, 4, 0, 0, 0, 0} + octets{135, 0, 0, 0}),
-         always},
-        {"ICMPv6 echo", ipv6(58, octets{128, 0, 0, 0}), undecided},
         {"ICMPv6 without a meaning", ipv6(58, octets{200, 0, 0, 0}), undecided},
         {"IPv4's later fragment", ethernet(0x0800, ipv4(6, {1, 2, 3}, {.fragment = 1})), fragment},
-        {"IPv6's later fragment", ipv6(44, octets{6, 0, 0, 8, 0, 0, 0, 1} + octets(8, 0)),
-         fragment},
         {"a first fragment without flags",
          ethernet(0x0800, ipv4(6, tcp(1, 2).substr(0, 8), {.fragment = 0x2000})), malformed},
         {"a short TCP header", ethernet(0x0800, ipv4(6, tcp(1, 2).replace(12, 1, 1, 0x40))),
          malformed},
-        {"a length beyond the frame",
-         ethernet(0x0800, ipv4(17, data + octets(4, 0))).substr(0, 14 + 28), malformed},
         {"a header beyond the packet", ipv6(60, octets{17, 9, 1, 4, 0, 0, 0, 0}), malformed},
-        {"240.0.0.1", ethernet(0x0800, ipv4(17, data, {.dst = 0xF0000001})), reserved},
-        {"broadcast", ethernet(0x0800, ipv4(17, data, {.dst = 0xFFFFFFFF})), undecided},
-        {"a mapped address", ipv6(17, data, 0), reserved},
-        {"options, then UDP", ipv6(60, options + last + data), undecided},
-        {"nine headers", ipv6(60, deep + data), {GATE_COUNT_DEEP_HEADERS}},
         {"headers longer than a copy", ipv6(60, long_options + data), {GATE_COUNT_DEEP_HEADERS}},
     };
     gate at(PINS, {"gw0"});
@@ -221,128 +190,46 @@ TEST_F(AvcoreGate, TellsWhatItJudgesFromWhatPassesAndWhatIsBroken) {
     }
 }
 
-TEST_F(AvcoreGate, TakesWhatNobodyHasJudgedAndKnowsItAgain) {
-    using fates = std::vector<int>;
+TEST_F(AvcoreGate, WhatItHasTakenComesBackByAWayThatIsRenewed) {
     gate at(PINS, {"gw0"});
     at.open_way_back();
-    at.set_rules({.fail_closed = true, .hold_undecided = true, .holds_per_second = 4});
-    at.beat();
-    const octets frame = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x"))) + octets(17, 0);
-    const auto come_back = [&](const gate_copy_seen &copy) {
-        const gate_counts before = at.counts();
-        EXPECT_TRUE(at.put_back(copy.head.if_index, {copy.frame.begin(), copy.frame.end()}));
-        for (int i = 0; i < 1000 && at.counts()[GATE_COUNT_BACK] == before[GATE_COUNT_BACK]; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        fates changed;
-        for (int i = 0; i < GATE_COUNT_RESETS; ++i)
-            if (at.counts()[static_cast<size_t>(i)] != before[static_cast<size_t>(i)])
-                changed.push_back(i);
-        return changed;
-    };
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD});
-    gate_copy_seen copy;
-    ASSERT_TRUE(at.take(copy));
-    EXPECT_EQ(octets(copy.frame.begin(), copy.frame.end()), frame);
-    const gate_copy head = copy.head;
-    EXPECT_EQ((std::array{head.held, head.is_ipv6}), (std::array<uint8_t, 2>{1, 0}));
-    EXPECT_EQ((std::array{head.network, head.transport, head.payload, head.end}),
-              (std::array<uint16_t, 4>{14, 34, 42, 43}));
-
-    gate_verdict heard = allowance(at.generation());
-    heard.flags = GATE_NOT_YET_FINAL | GATE_WAS_HELD;
-    ASSERT_TRUE(at.decide(head.flow, heard));
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD}) << "behind the first, which isn't back";
-    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_HELD});
-    ASSERT_TRUE(at.decide(head.flow, denial(GATE_WAS_HELD, at.generation())));
-    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DENIED});
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DENIED}) << "which needs no order";
-    ASSERT_TRUE(at.decide(head.flow, heard));
-    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
-    for (int i = 0; i < 1000 && at.has_taken(head.flow); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "all are back";
-
-    const octets other = ethernet(0x0800, ipv4(17, udp(1001, 2000, "x")));
-    fates its = fate(at, other);
-    EXPECT_EQ(its, fates{GATE_COUNT_HELD});
-    for (int i = 0; i < 100 && its == fates{GATE_COUNT_HELD}; ++i)
-        its = fate(at, other);
-    EXPECT_EQ(its, fates{GATE_COUNT_HOLDS_REFUSED});
-    ASSERT_TRUE(at.decide(head.flow, allowance(at.generation())));
-    at.next_generation();
-    EXPECT_EQ(fate(at, frame), fates{GATE_COUNT_DECIDED}) << "an outdated verdict holds";
-
-    ASSERT_TRUE(run("for i in gw0 c0; do ip link set $i mtu 20000; done"));
     at.set_rules({.fail_closed = true, .hold_undecided = true, .holds_per_second = 500});
+    at.beat();
+    ASSERT_TRUE(run("for i in gw0 c0; do ip link set $i mtu 20000; done"));
     const octets longest =
         ethernet(0x0800, ipv4(17, udp(1002, 2000, std::string(GATE_BACK_MAX - 42, 'x'))));
-    EXPECT_EQ(fate(at, longest + octets{0}), fates{GATE_COUNT_HELD_LONG});
-    EXPECT_EQ(fate(at, longest), fates{GATE_COUNT_HELD});
+    EXPECT_EQ(fate(at, longest + octets{0}), std::vector<int>{GATE_COUNT_HELD_LONG});
+    EXPECT_EQ(fate(at, longest), std::vector<int>{GATE_COUNT_HELD});
+    gate_copy_seen copy = {};
     while (copy.head.length != longest.size())
         ASSERT_TRUE(at.take(copy));
-    EXPECT_EQ(copy.frame.size(), longest.size());
-    ASSERT_TRUE(at.decide(copy.head.flow, allowance(at.generation())));
-    EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED});
+    EXPECT_EQ(octets(copy.frame.begin(), copy.frame.end()), longest);
+    const gate_copy &head = copy.head;
+    EXPECT_EQ((std::array{head.network, head.transport, head.payload, head.end}),
+              (std::array<uint16_t, 4>{14, 34, 42, GATE_BACK_MAX}));
+    const auto put_back = [&] {
+        return at.put_back(head.if_index, {copy.frame.begin(), copy.frame.end()});
+    };
+    const auto decided_behind_it = [&] {
+        const gate_counts before = at.counts();
+        EXPECT_TRUE(put_back());
+        for (int i = 0; i < 1000 && at.counts()[GATE_COUNT_BACK] == before[GATE_COUNT_BACK]; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return at.counts()[GATE_COUNT_DECIDED] - before[GATE_COUNT_DECIDED];
+    };
+    ASSERT_TRUE(at.decide(head.flow, allowance(at.generation())));
+    EXPECT_EQ(decided_behind_it(), 1u);
+    for (int i = 0; i < 1000 && at.has_taken(head.flow); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_FALSE(at.has_taken(head.flow));
 
     EXPECT_FALSE(at.renew_way_back());
     for (const char *away : {"ip link set jorn-back0 down", "ip link del jorn-back0"}) {
         ASSERT_TRUE(run(away));
-        EXPECT_FALSE(at.put_back(copy.head.if_index, {copy.frame.begin(), copy.frame.end()}));
+        EXPECT_FALSE(put_back());
         EXPECT_TRUE(at.renew_way_back());
-        EXPECT_EQ(come_back(copy), fates{GATE_COUNT_DECIDED}) << away;
+        EXPECT_EQ(decided_behind_it(), 1u) << away;
     }
-}
-
-TEST_F(AvcoreGate, ErrorsAndFragmentsGoWithWhatTheyBelongTo) {
-    gate at(PINS, {"gw0"});
-    at.set_rules({.copies_per_second = 1, .drop_excess = true});
-    at.beat();
-    const auto unreachable = [](unsigned port, size_t quoted) {
-        const octets from_server =
-            ipv4(17, udp(port, 1000, "x"), {.src = ipv4_words().dst, .dst = ipv4_words().src});
-        return ethernet(0x0800,
-                        ipv4(1, octets{3, 3, 0, 0, 0, 0, 0, 0} + from_server.substr(0, quoted)));
-    };
-    const octets to_server = ethernet(0x0800, ipv4(17, udp(1000, 2000, "x")));
-    for (const int expected : {GATE_COUNT_UNDECIDED, GATE_COUNT_UNDECIDED, GATE_COUNT_EXCESS}) {
-        EXPECT_EQ(fate(at, to_server), std::vector<int>{expected});
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a tick, or tokens stand still
-    }
-    gate_copy_seen copy;
-    ASSERT_TRUE(at.take(copy));
-    gate_verdict slow = allowance(at.generation());
-    slow.flags = GATE_NOT_YET_FINAL;
-    slow.bucket[GATE_UP] = 1;
-    ASSERT_TRUE(at.set_limit(1, {1, 1}) && at.decide(copy.head.flow, slow));
-    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_DECIDED});
-    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_LIMITED});
-    ASSERT_TRUE(at.decide(copy.head.flow, denial(0, at.generation())));
-    EXPECT_EQ(fate(at, to_server), std::vector<int>{GATE_COUNT_DENIED});
-    EXPECT_EQ(fate(at, unreachable(2000, 24)), std::vector<int>{GATE_COUNT_DENIED});
-    EXPECT_EQ(fate(at, unreachable(2001, 24)), std::vector<int>{GATE_COUNT_ALWAYS});
-    EXPECT_EQ(fate(at, unreachable(2000, 22)), std::vector<int>{GATE_COUNT_ALWAYS});
-    EXPECT_EQ(fate(at, unreachable(2000, 22) + be16(1000)), std::vector<int>{GATE_COUNT_ALWAYS})
-        << "padding shows no port";
-
-    gate_flow fragments = copy.head.flow;
-    fragments.client_port_be = fragments.server_port_be = 0;
-    fragments.proto = 0;
-    fragments.fragments = 1;
-    slow.flags = 0;
-    ASSERT_TRUE(at.decide(fragments, slow));
-    const octets later = ethernet(0x0800, ipv4(6, octets(8, 0), {.fragment = 1}));
-    EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_LIMITED});
-    for (const uint8_t protocol : {uint8_t{0}, uint8_t{255}})
-        EXPECT_EQ(fate(at, ethernet(0x0800, ipv4(protocol, octets(8, 0)))),
-                  std::vector<int>{GATE_COUNT_EXCESS});
-    at.next_generation();
-    EXPECT_EQ(fate(at, later), std::vector<int>{GATE_COUNT_FRAGMENT});
-
-    const octets flood = ethernet(1200, octets(1200, 0x42));
-    for (int i = 0; i < GATE_ALWAYS_BURST / 1000; ++i)
-        send_frame(flood);
-    EXPECT_EQ(fate(at, flood), std::vector<int>{GATE_COUNT_TOO_MUCH});
 }
 
 // Whoever finds a packet that the two read differently has a flow's packets decided by another's.
@@ -377,8 +264,9 @@ TEST_F(AvcoreGate, ReadsFramesAsTheDaemonDoes) {
             frame = ipv6(next, rest).substr(14);
         }
         frame = ethernet(frame[0] >> 4 == 4 ? 0x0800 : 0x86DD, frame);
-        if (random() % 4 == 0)
-            frame.insert(12, octets{0x81, 0, 0, one_of(uint8_t{0}, uint8_t{5})});
+        for (unsigned tags = random() % 8 / 3; tags > 0; --tags)
+            frame.insert(12, one_of(octets{0x81, 0}, octets{0x88, 0xA8}) +
+                                 octets{0, one_of(uint8_t{0}, uint8_t{5})});
         if (random() % 2)
             frame[14 + random() % (frame.size() - 14)] = static_cast<uint8_t>(random());
         at.beat(); // an emulated machine takes its time
@@ -404,27 +292,6 @@ TEST_F(AvcoreGate, ReadsFramesAsTheDaemonDoes) {
         }
     }
     EXPECT_GT(compared, 1000);
-}
-
-TEST_F(AvcoreGate, CopiesSayHowDatagramsWereJoined) {
-    ASSERT_TRUE(run("ip addr add 10.1.0.12/24 dev c0"));
-    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in server = {AF_INET, htons(443), {ip("10.1.0.5")}, {}};
-    gate at(PINS, {"gw0"});
-    at.beat();
-    for (const int size : {0, 1200}) {
-        const octets data(size == 0 ? 1200 : 6000, 'x');
-        setsockopt(sender, IPPROTO_UDP, 103 /* UDP_SEGMENT */, &size, sizeof size);
-        sendto(sender, data.data(), data.size(), 0, reinterpret_cast<const sockaddr *>(&server),
-               sizeof server);
-        pollfd readable = {at.fd(), POLLIN, 0};
-        gate_copy_seen copy;
-        ASSERT_TRUE(poll(&readable, 1, 2000) == 1 && at.take(copy));
-        const bool joined = copy.head.length > 1242; // before Linux 5.11 a veth pair joins none
-        EXPECT_EQ(copy.head.segment_size, joined ? 1200 : 0);
-        EXPECT_EQ(copy.frame.size(), joined ? GATE_JOINED_MAX : 1242u);
-    }
-    close(sender);
 }
 
 // Of a frame of more than a page that is said to have short headers the kernel keeps only
@@ -468,6 +335,27 @@ TEST_F(AvcoreGate, MarksWhatItSeesInPlaceAndWhatItDoesNot) {
             EXPECT_EQ(answer(beyond.get()).substr(0, 60), marked.substr(0, 60));
         }
     }
+}
+
+TEST_F(AvcoreGate, CopiesSayHowDatagramsWereJoined) {
+    ASSERT_TRUE(run("ip addr add 10.1.0.12/24 dev c0"));
+    const int sender = socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in server = {AF_INET, htons(443), {ip("10.1.0.5")}, {}};
+    gate at(PINS, {"gw0"});
+    at.beat();
+    for (const int size : {0, 1200}) {
+        const octets data(size == 0 ? 1200 : 6000, 'x');
+        setsockopt(sender, IPPROTO_UDP, 103 /* UDP_SEGMENT */, &size, sizeof size);
+        sendto(sender, data.data(), data.size(), 0, reinterpret_cast<const sockaddr *>(&server),
+               sizeof server);
+        pollfd readable = {at.fd(), POLLIN, 0};
+        gate_copy_seen copy;
+        ASSERT_TRUE(poll(&readable, 1, 2000) == 1 && at.take(copy));
+        const bool joined = copy.head.length > 1242; // before Linux 5.11 a veth pair joins none
+        EXPECT_EQ(copy.head.segment_size, joined ? 1200 : 0);
+        EXPECT_EQ(copy.frame.size(), joined ? GATE_JOINED_MAX : 1242u);
+    }
+    close(sender);
 }
 
 TEST_F(AvcoreGate, FlowsThatMeetAtAPlaceKeepTheirVerdictsAndCounts) {
@@ -634,31 +522,21 @@ TEST_F(AvcoreGate, NothingIsLostOrCountedTwiceWhereProcessorsBeginAFlowAtOnce) {
 }
 
 TEST_F(AvcoreGate, CountsWhatPassesWithoutABeatUntilItIsLeftInOrder) {
-    constexpr uint8_t ack = 0x10, fin = 0x11;
     gate at(PINS, {"gw0"});
     at.set_rules({.copies_per_second = 1000});
-    const gate_flow key = flow_of_segments();
-    const auto pass = [&](uint8_t flags) {
-        EXPECT_EQ(fate(at, segment(true, flags)), std::vector<int>{GATE_COUNT_NOBODY});
+    const auto packets = [&] {
+        EXPECT_EQ(fate(at, segment(true, 0x11)), std::vector<int>{GATE_COUNT_NOBODY});
+        return at.counter_of(flow_of_segments()).packets[GATE_UP];
     };
-    pass(ack);
-    EXPECT_FALSE(at.flow_of(key));
-    for (const bool asks : {true, false}) {
-        at.ask_although_unattended(asks);
-        pass(ack);
-        pass(fin);
-    }
-    ASSERT_TRUE(at.decide(key, denial(0, at.generation())));
-    pass(ack);
-    const std::optional<gate_flow_state> state = at.flow_of(key);
-    ASSERT_TRUE(state);
-    EXPECT_EQ(state->counts.packets[GATE_UP], 5u);
-    EXPECT_EQ(state->counts.bytes[GATE_UP], 5 * segment(true, ack).size());
-    EXPECT_EQ(state->ended, GATE_FIN_UP);
-    EXPECT_EQ(at.counts()[GATE_COUNT_COPIES], 2u);
+    EXPECT_EQ(packets(), 0u);
+    at.ask_although_unattended(true);
+    EXPECT_EQ(packets(), 1u);
+    at.ask_although_unattended(false);
+    EXPECT_EQ(packets(), 2u);
+    EXPECT_EQ(at.counts()[GATE_COUNT_COPIES], 1u);
+    EXPECT_EQ(at.flow_of(flow_of_segments())->ended, GATE_FIN_UP);
     at.leave();
-    pass(ack);
-    EXPECT_EQ(at.counter_of(key).packets[GATE_UP], 5u);
+    EXPECT_EQ(packets(), 2u);
 }
 
 TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
@@ -701,24 +579,6 @@ TEST_F(AvcoreGate, AWalkFindsAllFlowsAndWhatTheMapDroppedIsCounted) {
     EXPECT_GE(at.census().forgotten_flows, made - GATE_FLOWS);
     EXPECT_EQ(at.census().forgotten_flows, made - found.size());
     EXPECT_EQ(look_at_gate(PINS).census.forgotten_flows, made - found.size());
-}
-
-TEST_F(AvcoreGate, CopiesOfDecidedFlowsAreOfThoseThatShowNames) {
-    const struct {
-        unsigned client_port;
-        unsigned server_port;
-        bool copied;
-    } rows[] = {{68, 67, true}, {67, 68, false}, {1000, 53, true}, {1000, 67, false}};
-    gate at(PINS, {"gw0"});
-    at.beat();
-    for (const auto &row : rows) {
-        const octets frame = ethernet(0x0800, ipv4(17, udp(row.client_port, row.server_port, "x")));
-        fate(at, frame);
-        gate_copy_seen copy;
-        ASSERT_TRUE(at.take(copy) && at.decide(copy.head.flow, allowance(at.generation())));
-        EXPECT_EQ(fate(at, frame), std::vector<int>{GATE_COUNT_DECIDED});
-        EXPECT_EQ(at.take(copy), row.copied) << row.server_port;
-    }
 }
 
 // Segments whose checksum isn't left to the hardware; sockets on a veth pair have no others.

@@ -115,7 +115,8 @@ octets frame_maker::ip_header(const made_packet &is, bool up, size_t size) const
 
 octets frame_maker::make_transport(made_packet &is) {
     const bool up = is.way == GATE_UP;
-    std::array ports = {FIRST_PORT + random_.below(ports_), random_.one_of(443u, 53u, FIRST_PORT)};
+    std::array ports = {FIRST_PORT + random_.below(ports_),
+                        random_.one_of(443u, 53u, 67u, FIRST_PORT)};
     if (protocol_ == IPPROTO_IGMP || protocol_ == IPPROTO_ICMPV6 || protocol_ == IPPROTO_ICMP) {
         const uint8_t echo = is.is_v6 ? 128 : 8;
         const bool always = protocol_ == IPPROTO_IGMP || random_.once_in(2);
@@ -124,7 +125,7 @@ octets frame_maker::make_transport(made_packet &is) {
         return octets{always ? (is.is_v6 ? random_.one_of<uint8_t>(135, 143) : uint8_t{9}) : echo} +
                octets(11, 0);
     }
-    if (protocol_ == IPPROTO_GRE) {
+    if (protocol_ == IPPROTO_GRE || protocol_ == 0 || protocol_ == 255) {
         is.flow = flow(0, 0);
         return octets(12, 0);
     }
@@ -132,6 +133,8 @@ octets frame_maker::make_transport(made_packet &is) {
         client_ = octets(4, 0);
         server_ = octets(4, 0xFF);
         ports = {68, 67};
+        if (random_.once_in(4))
+            std::swap(ports[0], ports[1]); // which isn't any
     }
     if (random_.once_in(8)) {
         is.segment_size = 100;
@@ -244,8 +247,8 @@ made_frame frame_maker::make() {
     const octets net = is.is_v6 ? octets{0x20, 1, 0x0D, 0xB8} + octets(8, 0) : octets();
     client_ = net + be32(0x0A010000 + client);
     server_ = net + be32(0x0A010000 + server);
-    protocol_ =
-        random_.one_of<uint8_t>(6, 6, 6, 17, 17, 17, 47, is.is_v6 ? 58 : 1, is.is_v6 ? 58 : 2);
+    protocol_ = random_.one_of<uint8_t>(6, 6, 6, 17, 17, 17, 47, 255, is.is_v6 ? 58 : 0,
+                                        is.is_v6 ? 58 : 1, is.is_v6 ? 58 : 2);
     if (random_.once_in(9)) {
         const auto type = random_.one_of(0x0806u, 0x888Eu, 0x88CCu, 38u, 0x8864u);
         is.nature = type == 0x8864 ? GATE_COUNT_NOT_IP : GATE_COUNT_ALWAYS;
@@ -401,8 +404,6 @@ void world::decide() {
         verdict.flags = random_.once_in(2) ? GATE_RESET : 0;
     } else {
         verdict.flags = static_cast<uint8_t>(random_.below(32)) & ~GATE_RESET;
-        if (model_.holds.contains(flow))
-            verdict.flags |= GATE_WAS_HELD; // as avcore does
         verdict.dscp = static_cast<uint8_t>(random_.below(64));
         verdict.priority = 256 + random_.below(8);
         for (uint32_t &bucket : verdict.bucket)
@@ -410,6 +411,8 @@ void world::decide() {
         if (!is_full() && random_.once_in(3))
             verdict.queue_at = if_nametoindex(random_.one_of("gw0", "c0"));
     }
+    if (model_.holds.contains(flow))
+        verdict.flags |= GATE_WAS_HELD; // as avcore does
     const auto write = [&] {
         model_.verdicts[flow] = verdict;
         gate_.write("verdicts", flow, verdict);
@@ -520,6 +523,8 @@ void world::expect_copy(const made_frame &made, const packet_fate &fate) {
     head.direction = is.way;
     head.held = fate.is_held;
     head.captured = static_cast<uint16_t>(fate.captured);
+    head.segment_size = static_cast<uint16_t>(is.segment_size);
+    head.is_ipv6 = is.is_v6;
     copies_.push_back({head, made.frame.substr(0, fate.captured)});
     if (asked_.size() < 50)
         asked_.push_back(is);
@@ -553,10 +558,11 @@ void world::compare_copies() {
         const gate_copy &is = taken[i].head;
         const gate_copy &wanted = copies_[i].head;
         ASSERT_EQ(memcmp(&is.flow, &wanted.flow, sizeof is.flow), 0);
-        ASSERT_EQ(
-            (std::array<uint64_t, 5>{is.time_ns, is.length, is.direction, is.held, is.captured}),
-            (std::array<uint64_t, 5>{wanted.time_ns, wanted.length, wanted.direction, wanted.held,
-                                     wanted.captured}));
+        const auto facts = [](const gate_copy &of) {
+            return std::array<uint64_t, 7>{of.time_ns,  of.length,       of.direction, of.held,
+                                           of.captured, of.segment_size, of.is_ipv6};
+        };
+        ASSERT_EQ(facts(is), facts(wanted));
         ASSERT_EQ(taken[i].frame, copies_[i].frame);
     }
     copies_.clear();
@@ -569,15 +575,17 @@ void world::compare_counters() {
     }
 }
 
-constexpr int STEPS = 20000;
+void run(world &all, unsigned long seed) {
+    for (int i = 0; i < 20'000 && !testing::Test::HasFatalFailure(); i++) {
+        all.step();
+        if (testing::Test::HasFatalFailure())
+            std::cerr << "JORN_MODEL_SEED=" << seed << ", step " << i << '\n';
+    }
+}
 
 TEST_F(AvcoreGateModel, PassesWhatIsPromised) {
     world all(seed_, {.ring_bytes = 16384}, 2, 4);
-    for (int i = 0; i < STEPS && !HasFatalFailure(); i++) {
-        all.step();
-        if (HasFatalFailure())
-            std::cerr << "JORN_MODEL_SEED=" << seed_ << ", step " << i << '\n';
-    }
+    run(all, seed_);
     all.compare_counters();
     for (size_t i = 0; i < GATE_COUNTS; i++)
         if (i != GATE_COUNT_HELD_LONG) {
@@ -587,11 +595,7 @@ TEST_F(AvcoreGateModel, PassesWhatIsPromised) {
 
 TEST_F(AvcoreGateModel, JudgesAgainWhatFullMapsForgot) {
     world all(seed_, {.flows = 256, .clients = 64, .holds = 64, .ring_bytes = 16384}, 100, 40);
-    for (int i = 0; i < STEPS && !HasFatalFailure(); i++) {
-        all.step();
-        if (HasFatalFailure())
-            std::cerr << "JORN_MODEL_SEED=" << seed_ << ", step " << i << '\n';
-    }
+    run(all, seed_);
     EXPECT_GT(all.forgotten_denials, 20u);
 }
 

@@ -4,7 +4,6 @@
 #include "avcore/enforce/held_packets.h"
 #include "avcore/enforce/limits.h"
 #include "avcore/flows/flow_table.h"
-#include "avcore/flows/frame_builder.h"
 #include "avcore/flows/trailer_builder.h"
 #include "avcore/frames/ipv6_frame.h"
 #include "avcore/frames/wire_packets.h"
@@ -515,23 +514,6 @@ TEST(AvcoreMessages, TakesOnlyWhatIsExactlyAMessage) {
     const auto parsed = parse_message(unknown);
     const auto &asked = std::get<question>(*parsed);
     EXPECT_EQ(make_answer(asked, -1, asked.body).size(), 12u) << "no body with a failure";
-}
-
-TEST(AvcoreFrames, TagsDontHideWhatTheGateHasLookedAt) {
-    config settings;
-    settings.dpi = false;
-    frame_builder builder(settings, "");
-    const octets frame =
-        ethernet(0x88A8, octets{0, 1, 0x81, 0, 0, 2, 8, 0} + ipv4(17, udp(1000, 2000, "x")));
-    const gate_copy copy = {};
-    captured_frame captured;
-    captured.copy = &copy;
-    for (const size_t size : {frame.size(), size_t{22}, size_t{17}, size_t{13}}) {
-        captured.bytes = std::span(frame).first(size);
-        const auto built = builder.build(captured);
-        ASSERT_TRUE(built);
-        EXPECT_EQ(built->flow.row.server.port, size == frame.size() ? 2000 : 0) << size;
-    }
 }
 
 TEST(AvcoreLog, FiveLinesASecondAndTheNextSaysHowManyHadNone) {
