@@ -148,18 +148,6 @@ TEST(AvcoreDns, NamesLastForTheirTtlAndTheNewerHolds) {
         "six.");
 }
 
-TEST(AvcoreDns, NothingIsKnownBeforeItsFrameIsJudged) {
-    name_timeline timeline;
-    timeline.add(1, {10, read({address("192.0.2.1", ASKED)})});
-    timeline.add(2, {90'000'000, read({address("192.0.2.1", ASKED)}, name("new.example.org"))});
-    const uint32_t one = inet_addr("192.0.2.1");
-    timeline.advance(0);
-    EXPECT_EQ(timeline.find(one), nullptr);
-    timeline.advance(1);
-    ASSERT_NE(timeline.find(one), nullptr) << "60 seconds aren't over";
-    EXPECT_EQ(*timeline.find(one), "www.example.org");
-}
-
 // What the daemon makes of the word: an answer "none" that it got under it.
 class AvcoreNameWord : public testing::Test {
 protected:
