@@ -12,7 +12,7 @@ namespace {
 
 constexpr int GATE_FLOWS_A_TURN = 256;
 constexpr uint32_t PLACES_A_TURN = 64;
-constexpr uint64_t SPARED_PARTS = 100; // of the time, one is for rounds
+constexpr uint64_t SPARED_PARTS = 200; // of the time, one is for rounds
 constexpr uint64_t LONGEST_SPARED_MS = 30'000;
 constexpr int64_t COME_BACK_US = 60'000'000; // readers of the run before
 
