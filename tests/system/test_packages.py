@@ -36,7 +36,8 @@ POLICY = {
         {"app_name": "denied-port", "app_id": 30001, "cat_id": "User Defined", "deny": True},
         {"app_name": "blocked.example", "deny": True}]}]}
 # What a machine changes by itself.
-RESTLESS = re.compile(r"/(proc|sys|dev|packages|test|tmp|root/\.|var/(log|cache|lib/(apt|dpkg|systemd|deb-systemd|ucf))|"
+RESTLESS = re.compile(r"/(proc|sys|dev|packages|test|inventory|tmp|root/\.|"
+                      r"var/(log|cache|tmp/systemd-|lib/(apt|dpkg|systemd|deb-systemd|ucf))|"
                       r"run/(systemd|udev|log|dbus|lock|credentials|user|utmp|netns|initctl|blkid)|"
                       r"etc/(passwd|group|shadow|gshadow|subuid|subgid|machine-id|systemd/system/multi-user))")
 
