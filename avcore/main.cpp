@@ -5,9 +5,11 @@
 #include "avcore/options.h"
 #include "avcore/session.h"
 #include "avcore/settings/config.h"
+#include "shared/out_of_memory.h"
 
 #include <exception>
 #include <iostream>
+#include <new>
 #include <string_view>
 #include <sys/resource.h>
 #include <syslog.h>
@@ -36,6 +38,7 @@ const char *remedy_for(std::string_view failure) {
 } // namespace
 
 int main(int argc, char **argv) {
+    end_where_memory_does("avcore");
     int status = 0;
     std::optional<avcore::options> options = avcore::parse_options(argc, argv, status);
     if (!options)
@@ -70,6 +73,9 @@ int main(int argc, char **argv) {
     } catch (const avcore::no_input &error) {
         std::cerr << avcore::complaint(error.what());
         return NO_INPUT;
+    } catch (const std::bad_alloc &) {
+        std::cerr << "avcore: " << NO_MEMORY << '\n';
+        return 1;
     } catch (const std::exception &error) {
         std::cerr << "avcore: " << error.what() << remedy_for(error.what()) << '\n';
         return 1;

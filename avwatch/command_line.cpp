@@ -10,11 +10,13 @@
 #include "avwatch/views/views.h"
 #include "avwatch/why/subcommand.h"
 #include "shared/command_line.h"
+#include "shared/out_of_memory.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <new>
 
 namespace avwatch {
 namespace {
@@ -65,6 +67,9 @@ int run(int argc, char **argv) {
     } catch (const no_watch &error) {
         complain(error.what());
         return STATUS_NO_WATCH;
+    } catch (const std::bad_alloc &) {
+        complain(NO_MEMORY);
+        return STATUS_REFUSED;
     } catch (const std::exception &error) {
         complain(error.what());
         return STATUS_REFUSED;

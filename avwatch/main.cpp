@@ -1,5 +1,7 @@
 #include "avwatch/command_line.h"
+#include "shared/out_of_memory.h"
 
 int main(int argc, char **argv) {
+    end_where_memory_does("avwatch");
     return avwatch::run(argc, argv);
 }

@@ -15,12 +15,14 @@
 #include "jornctl/documents/port_services.h"
 #include "jornctl/fields/web_fields.h"
 #include "shared/command_line.h"
+#include "shared/out_of_memory.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <new>
 
 namespace jornctl {
 namespace {
@@ -353,6 +355,9 @@ int run(int argc, char **argv) {
     } catch (const no_daemon &error) {
         complain(error.what());
         return STATUS_NO_DAEMON;
+    } catch (const std::bad_alloc &) {
+        complain(NO_MEMORY);
+        return asked.status_refused;
     } catch (const std::exception &error) {
         complain(error.what());
         return asked.status_refused;

@@ -1,8 +1,11 @@
 #include "avcore/source/file_reader.h"
 
+#include "shared/out_of_memory.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
@@ -37,7 +40,13 @@ file_reader::file_reader(const std::string &path)
         throw std::runtime_error("can't read the capture " + path + ": " + strerror(errno));
     if (S_ISREG(status.st_mode))
         file_size_ = status.st_size;
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        try {
+            run();
+        } catch (const std::bad_alloc &) {
+            finish(result::failed, NO_MEMORY);
+        }
+    });
 }
 
 file_reader::~file_reader() {

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <system_error>
@@ -127,7 +128,11 @@ void collector::begin_look_up(int64_t now_ms) {
     look_up_due_ms_ = NEVER_MS;
     looking_ = std::make_shared<look_up>();
     const auto look = [shared = looking_, host = where_.host, port = where_.port] {
-        shared->found = find_places(host, port);
+        try {
+            shared->found = find_places(host, port);
+        } catch (const std::bad_alloc &) {
+            shared->found.trouble = "no memory"; // short enough to take none
+        }
         shared->is_done = true;
         eventfd_write(shared->done.get(), 1);
     };

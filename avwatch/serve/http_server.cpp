@@ -11,6 +11,7 @@
 #include <cstring>
 #include <exception>
 #include <microhttpd.h>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <sys/socket.h>
@@ -119,6 +120,13 @@ const sockaddr *address_of(MHD_Connection *connection) {
     const MHD_ConnectionInfo *from =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
     return from != nullptr ? from->client_addr : nullptr;
+}
+
+void shut(MHD_Connection *connection) {
+    const MHD_ConnectionInfo *info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (info != nullptr)
+        shutdown(info->connect_fd, SHUT_RDWR);
 }
 
 struct response_releaser {
@@ -271,11 +279,16 @@ struct http_server::callbacks {
                      MHD_ConnectionNotificationCode what) {
         auto *server = static_cast<http_server *>(context);
         const sockaddr *from = address_of(connection);
-        if (what == MHD_CONNECTION_NOTIFY_STARTED)
+        if (what != MHD_CONNECTION_NOTIFY_STARTED) {
+            server->connections_.erase(connection);
+            return;
+        }
+        try {
             server->connections_[connection] = {server->now_ms_ + CONNECTION_MS, site_of(from),
                                                 is_loopback_address(from)};
-        else
-            server->connections_.erase(connection);
+        } catch (const std::bad_alloc &) {
+            shut(connection); // nobody would end it in time
+        }
     }
 
     static MHD_Result admit(void *context, const sockaddr *from, socklen_t /*size*/) {
@@ -357,10 +370,7 @@ void http_server::end_overdue(int64_t now_ms) {
     for (auto &[connection, kept] : connections_) {
         if (now_ms < kept.deadline_ms)
             continue;
-        const MHD_ConnectionInfo *info =
-            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-        if (info != nullptr)
-            shutdown(info->connect_fd, SHUT_RDWR);
+        shut(connection);
         kept.deadline_ms = NEVER_MS;
     }
 }
