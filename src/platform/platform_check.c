@@ -1,7 +1,7 @@
 // Whether a platform's libraries keep what src/platform/*.h says, as far as that can be asked
 // without harm. Whoever makes them links this with them and runs it on the device:
 //
-//     cc -std=gnu11 -I src tests/platform_check.c -lpsm -lpsms -lwdlm -lcrashdump
+//     cc -std=gnu11 -I src src/platform/platform_check.c -lpsm -lpsms -lwdlm -lcrashdump
 //
 // Each check is a process of its own: what crashes or hangs has failed, and the rest goes on.
 // The flows, stations, interfaces and peers that are named don't exist, so that no client notices.
