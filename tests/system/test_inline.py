@@ -325,6 +325,7 @@ class Layout:
         os.mkfifo(block_list)
         read_again("isn't a regular file; the categories stay as they were")
         self.until(lambda: self.curl("-4", "free.example")[0] in refused)
+        os.unlink(block_list)
         self.configure(web + json.dumps(lists[:1]))
         read_again("the categories were read again")
         self.until(lambda: self.curl("-4", "free.example") == (0, "200 " + SERVERS[4]))
