@@ -58,8 +58,8 @@ void write_numbers(database &file, application_numbers &numbers) {
         row.bind(0, int64_t{kept.number}).bind(1, std::string_view(name.text));
         row.bind(2, int64_t{name.is_name}).bind(3, kept.turn).run();
     }
-    write_next(file,
-               numbers.reserved_below()); // another file may have taken the former one's place
+    // Once more, for another file may have taken the former one's place.
+    write_next(file, numbers.reserved_below());
     all.commit();
     numbers.written();
 }

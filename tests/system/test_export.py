@@ -1,5 +1,6 @@
 """Flows for collectors, as one gets them that knows nothing but the templates that it was sent."""
 import fcntl
+import random
 import struct
 import termios
 

@@ -2,7 +2,6 @@
 import glob
 import json
 import pathlib
-import random
 import re
 import sqlite3
 import tempfile
