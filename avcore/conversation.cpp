@@ -4,7 +4,6 @@
 #include "avcore/base/printable.h"
 #include "avcore/channel/platform_values.h"
 #include "avcore/channel/tool_answers.h"
-#include "avcore/flows/roam_flows.h"
 #include "avcore/reasons/reasons.h"
 
 #include <algorithm>
@@ -56,6 +55,17 @@ void conversation::outdate_verdicts() {
         with_.at_gate->policies_changed();
     if (with_.watched_by != nullptr)
         with_.watched_by->policies_changed();
+}
+
+// Without a gate each frame is judged.
+void conversation::brought(std::string_view topic, std::span<const std::byte> payload) {
+    if (with_.at_gate != nullptr)
+        named_.add(topic, payload, monotonic_ms());
+}
+
+void conversation::use_names() {
+    for (flow_row *row : named_.take_flows(with_.builder.flows()))
+        with_.at_gate->ask_again(*row);
 }
 
 bool conversation::is_denied(const flow_row &row) const {

@@ -6,6 +6,7 @@
 #include "avcore/enforce/enforcement.h"
 #include "avcore/feed/feeder.h"
 #include "avcore/flows/frame_builder.h"
+#include "avcore/flows/roam_flows.h"
 #include "avcore/names/dns_names.h"
 #include "avcore/settings/config.h"
 #include "avcore/watch/watch.h"
@@ -15,7 +16,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace avcore {
@@ -40,6 +43,11 @@ public:
 
     // Policies changed, or what else a verdict depends on.
     void outdate_verdicts();
+
+    // The bus has brought this to the daemon.
+    void brought(std::string_view topic, std::span<const std::byte> payload);
+    int64_t names_due_ms() const { return named_.due_ms(); }
+    void use_names();
 
     uint64_t malformed() const { return malformed_; }
     // What the daemon switched, printable: "av wlan0" and the like.
@@ -69,6 +77,7 @@ private:
     channel_answer name_page(const question &asked);
 
     partners with_;
+    named_servers named_;
     std::map<std::string, int32_t> switches_;
     bool engine_asked_ = false;
     bool engine_ignored_ = false;

@@ -99,8 +99,11 @@ session::session(const options &options, config settings)
         say("frames longer than " + std::to_string(max_frame_size) + " bytes can't be carried");
     if (settings_.bus)
         bus_ = std::make_unique<message_bus>(
-            *settings_.bus, message_bus::surroundings{bus_socket_path(),
-                                                      [this] { return bus_name_.get(); }, sayer()});
+            *settings_.bus, message_bus::surroundings{
+                                bus_socket_path(), [this] { return bus_name_.get(); }, sayer(),
+                                [this](std::string_view topic, std::span<const std::byte> payload) {
+                                    conversation_.brought(topic, payload);
+                                }});
     if (options_.gate_nowhere_else)
         for (const std::string &name : leave_others(inline_->opened()))
             say(name + " isn't named any more: the gate is detached there");
@@ -126,6 +129,8 @@ void session::fill_loop() {
         loop_.add({.descriptor = [this] { return bus_->fd(); },
                    .due_ms = [this](int64_t) { return bus_->next_tick_ms(); },
                    .serve = [this](int64_t now_ms) { bus_->serve(now_ms); }});
+    loop_.add({.due_ms = [this](int64_t) { return conversation_.names_due_ms(); },
+               .serve = [this](int64_t) { conversation_.use_names(); }});
     loop_.add({.descriptor = [this] { return agent_.fd(); },
                .due_ms = [this](int64_t) { return agent_.next_tick_ms(); },
                .serve = [this](int64_t now_ms) { agent_.serve(now_ms); }});

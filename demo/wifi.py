@@ -204,10 +204,13 @@ def walk_to_other_point(phone, first, second):
     first.wait_for_chat()
     chat.show()
     second.show_names()
-    heading("The controller sends it to access point 2")
-    hand_over(phone.mac, first, second)  # at once: a flow that is decided keeps the name that it has
+    heading("It walks to access point 2, and the controller says so once that has judged its connection")
     phone.walk(*second.radios[0])
+    for _ in range(3):
+        chat.keep_talking()
+    hand_over(phone.mac, first, second)
     show_arrival(chat, second)
+    chat.keep_talking()  # a second after the name came the connection is asked about again
     chat.end()
 
 

@@ -23,8 +23,10 @@ message_bus::message_bus(const bus_settings &settings, surroundings around)
       address_(listening_address(settings)),
       loopback_only_(settings.loopback_only()),
       ground_(around_.say),
-      local_(ground_, around_.socket_path,
-             [this](const local_server::request &asked, int64_t now_ms) { take(asked, now_ms); }),
+      local_(
+          ground_, around_.socket_path,
+          [this](const local_server::request &asked, int64_t now_ms) { take(asked, now_ms); },
+          around_.delivered),
       incoming_(ground_, address_,
                 [this](std::span<const std::byte> body) { deliver(body, now_ms_); }),
       outgoing_(ground_) {

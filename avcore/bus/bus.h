@@ -24,6 +24,7 @@ public:
         // This access point's name, asked when it is needed; empty while it has none.
         std::function<std::string()> name;
         complaints::sayer say;
+        local_server::teller delivered;
     };
 
     // Listens on both sides and says what is to be said about certificates or their want. Throws

@@ -37,9 +37,10 @@ std::vector<std::byte> delivery_of(std::span<const std::byte> body) {
 
 } // namespace
 
-local_server::local_server(bus_ground &ground, const std::string &path, taker take)
+local_server::local_server(bus_ground &ground, const std::string &path, taker take, teller tell)
     : ground_(ground),
       take_(std::move(take)),
+      tell_(std::move(tell)),
       listener_("bus socket", path),
       unclaimed_(ground.counts.local),
       buffer_(DATAGRAM_MAX) {
@@ -154,6 +155,8 @@ bool local_server::send_to(const client &to, const waiting_message &message) {
         0)
         return false; // one that is gone is noticed when it is read
     ++ground_.counts.delivered;
+    const auto body = std::span(message.bytes).subspan(sizeof(bus_message_head));
+    tell_(names_of(body).topic, body.subspan(WIRE_BODY_MIN));
     return true;
 }
 

@@ -11,6 +11,7 @@
 #include <map>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -31,9 +32,11 @@ class local_server {
 public:
     using request = std::variant<bus_peer_named, bus_published>;
     using taker = std::function<void(const request &asked, int64_t now_ms)>;
+    // Gets each message that a client is given to read; its payload lives as long as the call.
+    using teller = std::function<void(std::string_view topic, std::span<const std::byte> payload)>;
 
     // `ground` outlives it. Throws std::runtime_error.
-    local_server(bus_ground &ground, const std::string &path, taker take);
+    local_server(bus_ground &ground, const std::string &path, taker take, teller tell);
 
     void accept(int64_t now_ms);
     void serve(uint32_t id, int64_t now_ms);
@@ -73,6 +76,7 @@ private:
 
     bus_ground &ground_;
     taker take_;
+    teller tell_;
     local_listener listener_;
     accept_pause pause_;
     uint32_t last_id_ = 0;

@@ -65,6 +65,7 @@ public:
     void set(flow_row &row, const av_app_setting &setting, int64_t now_ms) {
         enforcer_.set(row, setting, now_ms);
     }
+    void ask_again(flow_row &row) { enforcer_.ask_again(row); }
     void policies_changed() { enforcer_.policies_changed(); }
     void settings_changed();
 

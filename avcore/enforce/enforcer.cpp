@@ -137,6 +137,15 @@ void enforcer::set(flow_row &row, const av_app_setting &setting, int64_t now_ms)
         tell_denial(row, now_ms);
 }
 
+void enforcer::ask_again(flow_row &row) {
+    const row_enforcement &state = row.enforcement;
+    if (!state.settled)
+        return; // it is asked about
+    const bool limited = !state.denied && state.qos;
+    decide(row, state.denied ? GATE_DENY : GATE_PASS, limited ? &*state.qos : nullptr,
+           row.application, ASK_AGAIN);
+}
+
 void enforcer::settings_changed(const std::vector<std::string> &interfaces) {
     if (settings_.shape != enforce_settings::shaping::htb)
         shaper_.remove_from(interfaces);

@@ -47,6 +47,8 @@ public:
     // The daemon decides about the flow without a frame. Its "allow" leaves marks and limits as
     // they are, and decides nothing where nothing is decided yet.
     void set(flow_row &row, const av_app_setting &setting, int64_t now_ms);
+    // It has another name by now, perhaps: what decided it holds until its next packet was judged.
+    void ask_again(flow_row &row);
     // The policies changed.
     void policies_changed() { gate_.next_generation(); }
     // The settings changed; `interfaces`: where the gate is.

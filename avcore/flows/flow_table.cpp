@@ -129,6 +129,14 @@ std::vector<const flow_row *> flow_table::rows() const {
     return rows;
 }
 
+std::vector<flow_row *> flow_table::rows_where(const std::function<bool(const flow_row &)> &holds) {
+    std::vector<flow_row *> rows;
+    for (flow_row &row : rows_)
+        if (holds(row))
+            rows.push_back(&row);
+    return rows;
+}
+
 const flow_row *flow_table::find(uint32_t id) const {
     const auto found = by_id_.find(id);
     return found != by_id_.end() ? &*found->second : nullptr;

@@ -94,6 +94,7 @@ public:
     // In the order in which the flows appeared.
     std::vector<const flow_row *> rows() const;
     const flow_row *find(uint32_t id) const; // null when it has left
+    std::vector<flow_row *> rows_where(const std::function<bool(const flow_row &)> &holds);
     const flow_sum &summed() const { return summed_; }
     const flow_sum &all() const { return all_; } // those that had to leave, too
 

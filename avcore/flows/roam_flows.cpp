@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace avcore {
 namespace {
 
 constexpr int64_t RECENT_US = 300'000'000;
+constexpr std::string_view ROAM_TOPIC = "RflowRoamInfo";
 
 // What DNS called the server, or else the daemon, whose own names are of the same kind: it has them
 // also from the access point that the station came from.
@@ -68,6 +71,32 @@ std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us
         memcpy(body.data() + sizeof count + i * sizeof record, &record, sizeof record);
     }
     return make_answer(asked, 0, body);
+}
+
+// What the daemon wouldn't take a name from is left out as it comes.
+void named_servers::add(std::string_view topic, std::span<const std::byte> payload,
+                        int64_t now_ms) {
+    roam_message message = {};
+    if (topic != ROAM_TOPIC || payload.size() > sizeof message)
+        return;
+    memcpy(&message, payload.data(), payload.size());
+    for (const roam_flow &flow :
+         std::span(message.flows).first(std::min<size_t>(message.count, ROAM_FLOWS_MAX)))
+        if (flow.server_index < std::size(flow.ipv4) && addresses_be_.size() < MAX)
+            addresses_be_.insert(flow.ipv4[flow.server_index]);
+    if (due_ms_ == NEVER_MS)
+        due_ms_ = now_ms + DELAY_MS;
+}
+
+std::vector<flow_row *> named_servers::take_flows(flow_table &flows) {
+    due_ms_ = NEVER_MS;
+    const std::set<uint32_t> named = std::exchange(addresses_be_, {});
+    return flows.rows_where([&named](const flow_row &row) {
+        const bool worse =
+            row.reason.named_by == name_source::none || row.reason.named_by == name_source::port;
+        return worse && row.ipv4 && row.server.address.is_ipv4() &&
+               named.contains(row.server.ip_be);
+    });
 }
 
 } // namespace avcore

@@ -353,6 +353,17 @@ class Routed(Layout, InlineTest):
                 self.until(lambda: self.is_stopped(flow) == bool(deny))
             flow.stop()
 
+    def test_a_name_from_another_access_point_holds_for_a_flow_that_is_there(self):
+        self.start('[bus]\nlisten = "127.0.0.1:5670"\n[platform]\nbase_mac = "02:00:00:00:00:01"')
+        flows = [self.talk(NAMED[4], SHOP), self.talk(SERVERS[4], SHOP)]
+        self.settle(*flows)
+        message = struct.pack("=64s64sII36x4s24x64s", b"AP.another", b"RflowRoamInfo", 1, 1,
+                              socket.inet_aton(NAMED[4]), b"shop.example")
+        with socket.create_connection(("127.0.0.1", 5670)) as peer:
+            peer.sendall(struct.pack(">I", len(message)) + message)
+            self.until(lambda: self.is_stopped(flows[0], 100))
+        self.assertEqual(self.arrived(flows[1].socket), list(range(flows[1].stop())))
+
     def test_set_up_and_torn_down(self):
         self._lay_out(0)
         run("tc", "qdisc", "add", "dev", "wlan0", "clsact")
