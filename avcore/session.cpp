@@ -66,6 +66,7 @@ url_agent open_agent(const options &options, const std::vector<std::string> &sou
 session::session(const options &options, config settings)
     : options_(options),
       settings_(std::move(settings)),
+      signals_(options.gate_interfaces.empty()),
       sink_(open_sink(options, settings_.capture)),
       inline_(open_gate(options, settings_.enforce, sink_.name(), sayer())),
       builder_(settings_, options.in_interface),

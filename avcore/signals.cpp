@@ -9,7 +9,7 @@
 
 namespace avcore {
 
-signals::signals() {
+signals::signals(bool hangup_ends) {
     // A reader of the report who has left is an error like a full disk.
     signal(SIGPIPE, SIG_IGN);
     sigset_t answered;
@@ -17,7 +17,7 @@ signals::signals() {
     for (const int number : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
         sigaddset(&answered, number);
     struct sigaction hangup = {};
-    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+    if (sigaction(SIGHUP, nullptr, &hangup) == 0 && (hangup.sa_handler != SIG_IGN || !hangup_ends))
         sigaddset(&answered, SIGHUP);
     sigprocmask(SIG_BLOCK, &answered, nullptr);
     fd_ = unique_fd(signalfd(-1, &answered, SFD_CLOEXEC | SFD_NONBLOCK));

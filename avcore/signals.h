@@ -7,13 +7,14 @@ namespace avcore {
 
 class signals {
 public:
-    // They are blocked from here on, in later threads, too. Throws std::runtime_error.
-    signals();
+    // They are blocked from here on, in later threads, too. Throws std::runtime_error. A SIGHUP
+    // that was ignored (nohup) stays so where it would end avcore.
+    explicit signals(bool hangup_ends);
 
     enum class request {
         none,
         stop,   // SIGINT, SIGTERM
-        hangup, // SIGHUP, unless it was ignored (nohup)
+        hangup, // SIGHUP
         print,  // SIGUSR1
         agent,  // SIGUSR2: the URL-filtering agent is back
     };

@@ -162,6 +162,12 @@ class Faults(Box):
     def read_another_file(self):
         self.configure(dice.choice((OPEN, SHUT, HELD)))
         self.read_again()
+        wait_until(lambda: self.rules_in_force() == self.mode, "the file isn't read again")
+
+    def rules_in_force(self):
+        status = self.status()
+        return {("open", "pass"): OPEN, ("closed", "pass"): SHUT, ("closed", "hold"): HELD}[
+            status["fail"], status["undecided"]]
 
     def tear_gate_down(self):
         run(jorn_path("avcore"), "teardown")

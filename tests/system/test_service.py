@@ -108,7 +108,9 @@ class Routed(InlineTest):
                                              *(("-i", "lo") if status == 0 else ()))[0], status)
 
         self.configure(HOLD)
+        signal.signal(signal.SIGHUP, signal.SIG_IGN)  # as nohup leaves it
         self.start_avcore()
+        signal.signal(signal.SIGHUP, signal.SIG_DFL)
         wait_for_listener(AV_SOCKET)
         self.assertEqual((self.status()["interfaces"], self.status()["undecided"]), (["wlan0"], "hold"))
         self.assertEqual(self.run_avcore("--check", "-c", CONFIG), (0, ""))  # av1 is its own
