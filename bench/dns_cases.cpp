@@ -78,10 +78,7 @@ std::vector<uint32_t> make_keys(bool crafted) {
     std::mt19937 random(20250106);
     while (keys.size() < DNS_CACHE_CAPACITY) {
         const auto key = static_cast<uint32_t>(random());
-        uint32_t hash = 5381;
-        for (unsigned byte = 0; byte < 4; ++byte)
-            hash = hash * 33 + static_cast<uint32_t>(static_cast<int8_t>(key >> (8 * byte)));
-        if (!crafted || hash % HASH_TABLE_BUCKETS == 7)
+        if (!crafted || is_in_crafted_chain(key))
             keys.push_back(key);
         if (keys.size() == DNS_CACHE_CAPACITY) {
             std::sort(keys.begin(), keys.end());

@@ -1,5 +1,6 @@
 #include "feeder.h"
 
+#include "avcore/base/monotonic_clock.h"
 #include "avcore/base/send_message.h"
 #include "lab.h"
 #include "platform/host/messages/av_messages.h"
@@ -16,6 +17,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -100,35 +102,68 @@ bool feeder::wait_for_consumer(const octets &frame) {
 }
 
 feed_result feeder::feed(std::span<const octets> frames, uint64_t count) {
+    const auto in_turn = [&](uint64_t number) -> const octets & {
+        return frames[static_cast<size_t>(number % frames.size())];
+    };
+    return feed(in_turn, count, {});
+}
+
+feed_result feeder::feed(const frame_maker &make, uint64_t count, verdict_reader read) {
     feed_result result;
     questions_ = 0;
+    read_ = std::move(read);
     const auto start = std::chrono::steady_clock::now();
     auto last_verdict = start;
     uint64_t sent = 0;
-    uint64_t outstanding = 0;
     while (result.answered + result.lost < count) {
-        if (sent < count && outstanding < WINDOW &&
-            send_frame(frames[static_cast<size_t>(sent % frames.size())])) {
+        const bool had_room = sent < count && has_room();
+        if (had_room && send_frame(make(sent))) {
             ++sent;
-            ++outstanding;
+            note_sent();
         } else {
             rest();
         }
         const unsigned verdicts = receive();
         result.answered += verdicts;
-        outstanding -= std::min<uint64_t>(verdicts, outstanding);
+        note_gone(std::min<uint64_t>(verdicts, outstanding_));
         if (verdicts != 0) {
+            result.longest_wait = std::max(result.longest_wait, seconds_since(last_verdict));
             last_verdict = std::chrono::steady_clock::now();
-        } else if (outstanding >= WINDOW || sent == count) {
-            if (seconds_since(last_verdict) * 1000 >= SILENCE_MS) {
-                result.lost += outstanding;
-                outstanding = 0;
-            }
+        } else if (!had_room && seconds_since(last_verdict) * 1000 >= options_.silence_ms) {
+            result.lost += outstanding_;
+            note_gone(outstanding_);
         }
     }
     result.seconds = seconds_since(start);
     result.questions = questions_;
+    read_ = {};
     return result;
+}
+
+bool feeder::has_room() const {
+    return outstanding_ < options_.window &&
+           (options_.bursts == 0 || bursts_.size() < options_.bursts ||
+            bursts_.back().at_ms == avcore::monotonic_ms());
+}
+
+void feeder::note_sent() {
+    ++outstanding_;
+    if (options_.bursts == 0)
+        return;
+    const int64_t now_ms = avcore::monotonic_ms();
+    if (bursts_.empty() || bursts_.back().at_ms != now_ms)
+        bursts_.push_back({now_ms, 0});
+    ++bursts_.back().frames;
+}
+
+void feeder::note_gone(uint64_t frames) {
+    outstanding_ -= frames;
+    while (!bursts_.empty() && frames >= bursts_.front().frames) {
+        frames -= bursts_.front().frames;
+        bursts_.pop_front();
+    }
+    if (!bursts_.empty())
+        bursts_.front().frames -= frames;
 }
 
 // Nothing can be sent now. Whoever waits for the socket makes every verdict pay for the wake-up,
@@ -197,8 +232,15 @@ bool feeder::handle(int fd, const uint8_t *message, size_t size) {
     if (size < sizeof head)
         return false;
     memcpy(&head, message, sizeof head);
-    if (head.op <= AV_LAST_ONE_WAY_OP)
-        return head.op == av_op::ioctl;
+    if (head.op <= AV_LAST_ONE_WAY_OP) {
+        const bool is_verdict = head.op == av_op::ioctl;
+        if (is_verdict && read_ && size == sizeof head + sizeof(av_ioctl_call) + VERDICT_SIZE) {
+            av_verdict verdict;
+            memcpy(&verdict, message + size - VERDICT_SIZE, sizeof verdict);
+            read_(verdict);
+        }
+        return is_verdict;
+    }
 
     if (head.op == av_op::dnscache_get_name) {
         ++questions_;

@@ -138,7 +138,7 @@ int main(int argc, char *argv[]) {
     const live_options options = read_options(argc, argv);
     lab_enter();
     printf("%llu packets a run, %u outstanding, medians of %u runs, %d CPUs\n\n",
-           static_cast<unsigned long long>(options.packets), feeder::WINDOW, options.runs,
+           static_cast<unsigned long long>(options.packets), feeder_options().window, options.runs,
            lab_choose_cpus().count);
     fflush(stdout); // the children inherit what isn't written yet
     double bare_ns = 0;
