@@ -5,7 +5,7 @@
 //
 //   1 a right head is put before it    2 and the question that they wait for goes out then
 //   12 the page of names that goes with it: none, the one agreed, two that aren't
-//   112 which question
+//   240 which question
 #include "demand.h"
 #include "pieces.h"
 #include "platform/host/av_channel.h"
@@ -219,17 +219,25 @@ void ask_for_value(asked_platform &platform, unsigned which) {
     const bool is_there = said.came && said.rc == 0 && said.body >= sizeof(av_value_answer);
     guarded_text text;
     int enable = -1;
-    switch (which % 4) {
-    case 0:
+    switch (which) {
+    case 4:
         psm_bsp_getMACBase(text.room.data());
         return text.check(18);
-    case 1:
+    case 5:
         demand(psm_webroot_server_pgetName(nullptr, text.room.data(), 20) == (is_there ? 0 : -1));
         return text.check(is_there ? 20 : 0);
-    case 2:
+    case 6:
         demand(psm_sys_get_fw_version(text.room.data(), 30) == 0);
         return text.check(30);
+    case 7:
+        demand(psm_mem_support_tm() <= (is_there ? 1 : 0));
+        return;
+    case 8:
+        demand((psm_jor_mem_support() | 1) == 1);
+        return;
     default:
+        psm_xact *xact = nullptr;
+        demand(psm_beginXact(&xact) == 0 && psm_cancelXact(&xact) == 0);
         demand(psm_wlan_pgetAvcEn(nullptr, "wlan0", &enable) == 0);
         demand(is_there || enable == 0);
     }
@@ -286,7 +294,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const uint8_t how = input.byte();
         const auto message = input.message();
         const unsigned page = how >> 2 & 3;
-        const unsigned which = how >> 4 & 7;
+        const unsigned which = how >> 4;
         platform.stage({message.begin(), message.end()}, (how & 1) != 0, op_of(which),
                        page != 0 ? pages_to_send[page - 1] : -1);
         if ((how & 2) != 0)

@@ -1,8 +1,9 @@
 // What a daemon, or whoever plays one, says on the AV channel: a question gets one answer, of the
-// size that its op has, and nothing else gets any; what is said of it is printable.
+// size that its op has, and nothing else gets any; what is said of it is printable. What is none
+// may have come to the daemon by the bus, which names servers of its flows.
 //
-// An input is messages. A frame of 10.1.0.2:1000 to 192.0.2.7:443 (TCP) awaits its verdict, and
-// another of IPv6, whose addresses have stand-ins; a name is known of the first one's server.
+// An input is messages. Frames await their verdicts: a DNS answer that names 192.0.2.7, one of
+// 10.1.0.2:1000 to that address (TCP), and one of IPv6, whose addresses have stand-ins.
 #include "avcore/base/messages.h"
 #include "avcore/conversation.h"
 #include "avcore/names/dns_answer.h"
@@ -47,6 +48,12 @@ struct platform_parts {
         : resolvers(folder),
           talk({settings, builder, frames, names, agent, &resolvers, nullptr, nullptr,
                 [](const std::string &line) { demand(is_printable(line)); }}) {
+        const std::string named = std::string("\4host\7example\0\0\1\0\1", 18);
+        const std::string answer = std::string("\0\1\x81\x80\0\1\0\1\0\0\0\0", 12) + named +
+                                   std::string("\xC0\x0C\0\1\0\1\0\0\0\x3C\0\4\xC0\0\2\7", 16);
+        pass(ethernet(0x0800,
+                      ipv4(17, udp(53, 1024, answer), {.src = 0xC0000235, .dst = 0x0A010002}),
+                      false));
         const octets stream = tcp(1000, 443, {});
         pass(ethernet(0x0800, ipv4(6, stream, {.src = 0x0A010002, .dst = 0xC0000207})));
         pass(ethernet(0x86DD, be32(6u << 28) + be16(stream.size()) + octets{6, 64} +
@@ -89,6 +96,16 @@ void check_answer(const question &asked, const channel_answer &answer) {
     demand(answer.descriptor < 0 || asked.head.op == av_op::name_page);
 }
 
+void name_servers(const byte_span message, flow_table &flows) {
+    named_servers named;
+    named.add("RflowRoamInfo", message, 0);
+    const bool is_taken = !message.empty() && message.size() <= sizeof(roam_message);
+    demand(named.due_ms() == (is_taken ? named_servers::DELAY_MS : NEVER_MS));
+    for (const flow_row *row : named.take_flows(flows))
+        demand(memmem(message.data(), message.size(), &row->server.ip_be, sizeof(uint32_t)));
+    demand(named.due_ms() == NEVER_MS);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -107,10 +124,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             check_answer(*asked, answer);
         else
             demand(answer.bytes.empty());
+        if (!parsed)
+            name_servers(datagram, parts.builder.flows());
     }
     demand(parts.talk.switches().size() <= SWITCHES_MAX);
     for (const auto &[name, value] : parts.talk.switches())
         demand(is_printable(name));
-    demand(parts.frames.counts().answered <= 2);
+    demand(parts.frames.counts().answered <= 3);
     return 0;
 }

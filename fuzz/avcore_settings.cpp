@@ -7,6 +7,7 @@
 #include "settings_lines.h"
 
 #include <net/if.h>
+#include <utility>
 
 namespace {
 
@@ -21,6 +22,12 @@ void check_trailers(const config &settings) {
     const client_rules rules(settings, "wlan0");
     const endpoint client = {{2, 0, 0, 0, 0, 1}, 0x0200010A, 1000};
     const endpoint server = {{2, 0, 0, 0, 0, 9}, 0x070200C0, 443};
+    frame_facts frame;
+    frame.sender = client;
+    frame.receiver = server;
+    const bool is_sent = rules.sender_is_client(frame);
+    std::swap(frame.sender, frame.receiver);
+    demand(is_sent || rules.sender_is_client(frame));
     const auto [profile, number] = rules.fitting_of(client);
     demand(number <= settings.rules.size());
     const av_pkt_trailer sent = trailer_between(profile, rules.server(server), true);

@@ -77,7 +77,7 @@ std::vector<std::byte> answer_roam_flows(const flow_table &flows, int64_t now_us
 void named_servers::add(std::string_view topic, std::span<const std::byte> payload,
                         int64_t now_ms) {
     roam_message message = {};
-    if (topic != ROAM_TOPIC || payload.size() > sizeof message)
+    if (topic != ROAM_TOPIC || payload.empty() || payload.size() > sizeof message)
         return;
     memcpy(&message, payload.data(), payload.size());
     for (const roam_flow &flow :

@@ -149,11 +149,12 @@ ordered_json address_schema() {
 }
 
 ordered_json word_for(uint32_t number, std::span<const named_number> words) {
-    for (const named_number &each : words) {
-        if (each.number == number)
-            return each.word;
-    }
-    return number;
+    const auto known = std::ranges::find(words, number, &named_number::number);
+    if (known == words.end())
+        return number;
+    const auto read_as =
+        std::ranges::find(words, std::string_view(known->word), &named_number::word);
+    return read_as == known ? ordered_json(known->word) : ordered_json(number);
 }
 
 ordered_json words_schema(std::span<const named_number> words) {

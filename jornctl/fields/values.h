@@ -54,7 +54,7 @@ bool flag_in(const node &from); // true or false; 1 and 0, as the daemon prints 
 ordered_json flag_words(uint32_t from);
 ordered_json flag_schema();
 uint32_t word_in(const node &from, std::span<const named_number> words);
-// The word, or the number that has none.
+// The word, or the number that has none, or none of its own: a device's categories may share one.
 ordered_json word_for(uint32_t number, std::span<const named_number> words);
 ordered_json words_schema(std::span<const named_number> words);
 bool is_word(const node &from, std::span<const named_number> words);
