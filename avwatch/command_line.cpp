@@ -10,13 +10,8 @@
 #include "avwatch/views/views.h"
 #include "avwatch/why/subcommand.h"
 #include "shared/command_line.h"
-#include "shared/out_of_memory.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <cstring>
-#include <iostream>
-#include <new>
 
 namespace avwatch {
 namespace {
@@ -51,29 +46,7 @@ int run(int argc, char **argv) {
                  "Exit status: 0 done, 1 refused, 2 no avcore or not understood.",
                  "avwatch");
     describe(app, asked);
-    try {
-        app.parse(argc, argv);
-        if (!asked.action)
-            throw CLI::RequiredError("What to do");
-        const int status = asked.action();
-        if (!std::cout.flush())
-            throw refused(std::string("standard output: ") + strerror(errno));
-        return status;
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);
-        complain(what_is_wrong(app, error));
-        return STATUS_USAGE;
-    } catch (const no_watch &error) {
-        complain(error.what());
-        return STATUS_NO_WATCH;
-    } catch (const std::bad_alloc &) {
-        complain(NO_MEMORY);
-        return STATUS_REFUSED;
-    } catch (const std::exception &error) {
-        complain(error.what());
-        return STATUS_REFUSED;
-    }
+    return run_chosen(app, argc, argv, asked.action, STATUS_REFUSED, complain);
 }
 
 } // namespace avwatch

@@ -15,14 +15,12 @@
 #include "jornctl/documents/port_services.h"
 #include "jornctl/fields/web_fields.h"
 #include "shared/command_line.h"
-#include "shared/out_of_memory.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <new>
 
 namespace jornctl {
 namespace {
@@ -339,29 +337,7 @@ int run(int argc, char **argv) {
                  "log says.",
                  "jornctl");
     describe(app, asked);
-    try {
-        app.parse(argc, argv);
-        if (!asked.action)
-            throw CLI::RequiredError("What to do");
-        const int status = asked.action();
-        if (!std::cout.flush())
-            throw refused(std::string("standard output: ") + strerror(errno));
-        return status;
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);
-        complain(what_is_wrong(app, error));
-        return STATUS_USAGE;
-    } catch (const no_daemon &error) {
-        complain(error.what());
-        return STATUS_NO_DAEMON;
-    } catch (const std::bad_alloc &) {
-        complain(NO_MEMORY);
-        return asked.status_refused;
-    } catch (const std::exception &error) {
-        complain(error.what());
-        return asked.status_refused;
-    }
+    return run_chosen(app, argc, argv, asked.action, asked.status_refused, complain);
 }
 
 } // namespace jornctl

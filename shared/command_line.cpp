@@ -1,9 +1,15 @@
 #include "shared/command_line.h"
 
+#include "shared/failure.h"
+#include "shared/out_of_memory.h"
 #include "shared/suggestion.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <new>
 #include <utility>
 
 namespace {
@@ -24,8 +30,8 @@ std::vector<std::string> words_known_there(const CLI::App &app) {
     return known;
 }
 
-} // namespace
-
+// On one line and with what may have been meant. It quotes the command line as it is, control
+// characters and all.
 std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
     const std::vector<std::string> unknown = app.remaining(true);
     std::string line = error.what();
@@ -34,6 +40,39 @@ std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
         line = '"' + unknown.front() + "\" isn't expected here" +
                did_you_mean(unknown.front(), words_known_there(app));
     return line + "; --help says more";
+}
+
+int do_chosen(CLI::App &app, int argc, char **argv, const std::function<int()> &action) {
+    app.parse(argc, argv);
+    if (!action)
+        throw CLI::RequiredError("What to do");
+    const int status = action();
+    if (!std::cout.flush())
+        throw refused(std::string("standard output: ") + strerror(errno));
+    return status;
+}
+
+} // namespace
+
+int run_chosen(CLI::App &app, int argc, char **argv, const std::function<int()> &action,
+               const int &status_refused, void (*complain)(std::string line)) {
+    try {
+        return do_chosen(app, argc, argv, action);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0)
+            return app.exit(error);
+        complain(what_is_wrong(app, error));
+        return STATUS_USAGE;
+    } catch (const nobody_there &error) {
+        complain(error.what());
+        return STATUS_NOBODY;
+    } catch (const std::bad_alloc &) {
+        complain(NO_MEMORY);
+        return status_refused;
+    } catch (const std::exception &error) {
+        complain(error.what());
+        return status_refused;
+    }
 }
 
 subcommand::subcommand(CLI::App &app, const char *name, const char *what, const char *footer)

@@ -9,12 +9,13 @@
 namespace CLI {
 class App;
 class Option;
-class ParseError;
 } // namespace CLI
 
-// What is wrong, on one line and with what may have been meant. It quotes the command line as it
-// is, control characters and all.
-std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error);
+// Reads the command line and does what it chose: the callbacks fill `action`, which returns the
+// exit status and may throw; `complain` then gets the line. `status_refused`: of what wasn't done
+// though somebody was there.
+int run_chosen(CLI::App &app, int argc, char **argv, const std::function<int()> &action,
+               const int &status_refused, void (*complain)(std::string line));
 
 struct option_rules {
     const char *type_name = nullptr; // of its value, in the help

@@ -25,8 +25,8 @@ document read_text(const std::string &name, std::string_view text) {
     document read = jornctl::read_document(text);
     if (read.found.has_mistakes()) {
         const std::vector<std::string> mistakes = read.found.mistakes();
-        throw jornctl::refused(name + ": " + mistakes.front() +
-                               (mistakes.size() > 1 ? "; jornctl apply --check says more" : ""));
+        throw refused(name + ": " + mistakes.front() +
+                      (mistakes.size() > 1 ? "; jornctl apply --check says more" : ""));
     }
     return read;
 }
@@ -38,9 +38,9 @@ bool has_saved_files() {
 
 jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
     if (access(jornctl::DEFAULT_SOCKET, F_OK) == 0 && access(jornctl::DEFAULT_SOCKET, W_OK) != 0)
-        throw jornctl::refused(std::string("you may not ask the daemon what is in force: run "
-                                           "avwatch as root, or as a user who may write to ") +
-                               jornctl::DEFAULT_SOCKET);
+        throw refused(std::string("you may not ask the daemon what is in force: run "
+                                  "avwatch as root, or as a user who may write to ") +
+                      jornctl::DEFAULT_SOCKET);
     const jornctl::client daemon(jornctl::DEFAULT_SOCKET, PATIENCE);
     try {
         return jornctl::learn_baseline(&daemon, SAVED_FILES_FOLDER);
@@ -58,8 +58,8 @@ jornctl::baseline learn_tables(std::vector<std::string> &doubts) {
 void load_in_force(loaded_documents &loaded) {
     const jornctl::baseline seen = learn_tables(loaded.doubts);
     if (!seen.are_files_read) // which has been said
-        throw jornctl::refused("what is in force isn't known without the daemon's saved files: run "
-                               "avwatch as root, or mend them");
+        throw refused("what is in force isn't known without the daemon's saved files: run "
+                      "avwatch as root, or mend them");
     for (const std::string &each : seen.doubts())
         loaded.doubts.push_back("unknown: " + each);
     document said = jornctl::document_of(seen.tables);

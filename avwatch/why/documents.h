@@ -33,7 +33,7 @@ struct loaded_documents {
 };
 
 // Of a document that is tried, "-" is standard input; empty: none is. What is in force is found out
-// as `jornctl export` does it, and read only. Throws jornctl::refused.
+// as `jornctl export` does it, and read only. Throws refused.
 loaded_documents load_documents(const std::string &tried_file);
 
 // The same without any daemon, for documents alone.

@@ -64,7 +64,7 @@ struct outcome {
     bool passes() const { return verdict.verdict != AV_VERDICT_DENY; }
 };
 
-// With `gone` taken out of the documents; places are those of the whole. Throws jornctl::refused
+// With `gone` taken out of the documents; places are those of the whole. Throws refused
 // for a document that has mistakes, std::runtime_error where memory is short.
 outcome judge(const configuration &wanted, const part_set &gone, const judged_flow &flow,
               const platform_answers &answers);
