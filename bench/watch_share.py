@@ -24,9 +24,10 @@ SOURCE_PORTS = range(1_024, 61_024)
 class Traffic(threading.Thread):
     """Its datagrams, in turns."""
 
-    def __init__(self, send, frames_a_second=FRAMES_A_SECOND):
+    def __init__(self, send, frames_a_second=FRAMES_A_SECOND, new_a_second=NEW_A_SECOND):
         super().__init__(daemon=True)
-        self.send, self.on, self.frames_a_second = send, True, frames_a_second
+        self.send, self.on = send, True
+        self.frames_a_second, self.new_a_second = frames_a_second, new_a_second
         self.packets = [bytearray(summed(ipv4(UDP, udp(0, ALLOWED, bytes(100)), src=f"10.2.0.{client}",
                                               dst=SERVERS[4]))) for client in range(CLIENTS_OF_ALL)]
         for packet in self.packets:
@@ -40,9 +41,9 @@ class Traffic(threading.Thread):
         self.send(bytes(packet), sender=bytes((2, 0, 0, 0, 1, flow % CLIENTS_OF_ALL)))
 
     def run(self):
-        others = self.frames_a_second - NEW_A_SECOND
+        others = self.frames_a_second - self.new_a_second
         while self.on:
-            for _ in range(int(NEW_A_SECOND * TURN_SECONDS)):
+            for _ in range(int(self.new_a_second * TURN_SECONDS)):
                 self.count(self.newest)
                 self.newest += 1
             for _ in range(int(others * TURN_SECONDS)):

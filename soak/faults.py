@@ -246,7 +246,7 @@ class Faults(Box):
         self.begin()
         self.apply_noted(False)
         self.probes = Probes(self.connect, self.bind, (DENIED, SWITCHED, FREE), EACH, self.passed)
-        self.traffic = Traffic(self.strangers(), arguments.frames)
+        self.traffic = Traffic(self.strangers(), arguments.flows * 2, arguments.flows)
         watchers = [threading.Thread(target=self.guarded, args=(each,), daemon=True)
                     for each in (self.look_on, self.command_on)]
         for each in (self.probes, self.traffic, *watchers):
@@ -403,7 +403,7 @@ if __name__ == "__main__":
     parser = argparse.ArgumentParser()
     parser.add_argument("--minutes", type=float, default=60)
     parser.add_argument("--seed", type=int, default=time.time_ns() % 1_000_000)
-    parser.add_argument("--frames", type=int, default=4_000, help="a second, 2,000 of them of new flows")
+    parser.add_argument("--flows", type=int, default=2_000, help="new ones a second, with two packets each")
     arguments = parser.parse_args()
     print(f"seed {arguments.seed}", flush=True)
     dice = random.Random(arguments.seed)
