@@ -179,7 +179,7 @@ bool feeder::silent(int64_t now_ms, int64_t for_ms) const {
 void feeder::link_lost(int64_t now_ms) {
     started_ = false;
     last_sign_ms_ = now_ms;
-    waiting_since_ms_ = now_ms;
+    waiting_since_ms_ = frames_.empty() ? std::nullopt : std::optional(now_ms);
 }
 
 void feeder::daemon_ended(int64_t now_ms) {

@@ -185,6 +185,7 @@ class Layout:
 
         self.start()
         the_last_beat_is_after(kill_daemon)
+        self.until(lambda: self.status()["beat_age_ms"] > 1100)  # longer than a verdict may take
         self.jorn = self.start_daemon()
         self.lines.wait(lambda line: "the daemon is back" in line)
         the_last_beat_is_after(lambda: self.stop_avcore(self.avcore))
