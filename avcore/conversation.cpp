@@ -139,7 +139,8 @@ channel_answer conversation::answer(const question &asked) {
                      [&](const question_row &each) { return each.op == asked.head.op; });
     return row != std::end(QUESTIONS)
                ? (this->*row->answer)(asked)
-               : channel_answer{answer_tool(with_.builder.engine(), with_.settings, asked)};
+               : channel_answer{
+                     answer_tool(with_.builder.engine(), with_.settings, with_.inputs, asked)};
 }
 
 channel_answer conversation::roam_flows(const question &asked) {

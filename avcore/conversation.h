@@ -28,6 +28,7 @@ public:
     // All of them outlive it.
     struct partners {
         const config &settings;
+        std::vector<std::string> inputs; // the interfaces by which frames come
         frame_builder &builder;
         feeder &frames;
         name_timeline &names;

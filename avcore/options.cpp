@@ -185,11 +185,15 @@ void complete(options &chosen, const config &settings) {
     chosen.gate_nowhere_else = true;
 }
 
-void refuse_own_frames(const options &chosen, const std::string &output) {
+std::vector<std::string> input_interfaces(const options &chosen) {
     std::vector<std::string> inputs = chosen.gate_interfaces;
     if (!chosen.in_interface.empty())
         inputs.push_back(chosen.in_interface);
-    for (const std::string &input : inputs)
+    return inputs;
+}
+
+void refuse_own_frames(const options &chosen, const std::string &output) {
+    for (const std::string &input : input_interfaces(chosen))
         if (input == output || are_peers(input, output))
             throw std::runtime_error(input + " is where avcore's own frames are");
 }

@@ -55,6 +55,9 @@ public:
 // that doesn't say where frames are to go either.
 void complete(options &chosen, const config &settings);
 
+// By which frames come, if not out of a file.
+std::vector<std::string> input_interfaces(const options &chosen);
+
 // Throws std::runtime_error where frames would be taken from `output` or its peer: what is written
 // there would be fed again, without an end.
 void refuse_own_frames(const options &chosen, const std::string &output);

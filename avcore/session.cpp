@@ -80,8 +80,8 @@ session::session(const options &options, config settings)
                        ? nullptr
                        : std::make_unique<safe_search>(options.safe_search)),
       watch_(open_watch()),
-      conversation_({settings_, builder_, feeder_, names_, agent_, safe_search_.get(),
-                     inline_.get(), watch_.get(), sayer()}),
+      conversation_({settings_, input_interfaces(options), builder_, feeder_, names_, agent_,
+                     safe_search_.get(), inline_.get(), watch_.get(), sayer()}),
       bus_name_(settings_.platform_values),
       reports_({builder_.flows(), inline_ ? &inline_->opened() : nullptr, options.json,
                 [this] { return totals_text(); }, progress_, sayer(),

@@ -46,7 +46,15 @@ struct platform_parts {
 
     explicit platform_parts(const std::string &folder)
         : resolvers(folder),
-          talk({settings, builder, frames, names, agent, &resolvers, nullptr, nullptr,
+          talk({settings,
+                {"lan0", "lan1"},
+                builder,
+                frames,
+                names,
+                agent,
+                &resolvers,
+                nullptr,
+                nullptr,
                 [](const std::string &line) { demand(is_printable(line)); }}) {
         const std::string named = std::string("\4host\7example\0\0\1\0\1", 18);
         const std::string answer = std::string("\0\1\x81\x80\0\1\0\1\0\0\0\0", 12) + named +

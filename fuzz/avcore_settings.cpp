@@ -36,10 +36,11 @@ void check_trailers(const config &settings) {
 }
 
 void check(const config &settings) {
-    check_side(settings.client.side);
+    const client_rules rules(settings, "wlan0");
+    check_side(rules.complete(settings.client).side);
     check_side(settings.uplink);
     for (const client_rule &rule : settings.rules) {
-        check_side(rule.profile.side);
+        check_side(rules.complete(rule.profile).side);
         demand(rule.mac || rule.network || !rule.captured_on.empty());
     }
     for (const auto &[key, value] : settings.platform_values)

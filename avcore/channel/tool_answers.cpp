@@ -23,12 +23,18 @@ uint64_t bit_of(uint32_t utp_id) {
 
 // What sides of flows are given, all rules together.
 struct given_profiles {
+    const std::vector<std::string> &inputs;
     av_clients_answer ids = {};
-    std::set<std::string> interfaces;
+    std::set<std::string> interfaces = {};
 
     void add(const side_profile &side) {
         ids.utps |= bit_of(side.utp_id);
-        interfaces.insert(side.if_name);
+        if (!side.if_name.empty())
+            interfaces.insert(side.if_name);
+        else if (inputs.empty())
+            interfaces.insert(UNSEEN_INTERFACE);
+        else
+            interfaces.insert(inputs.begin(), inputs.end());
     }
     void add(const client_profile &client) {
         add(client.side);
@@ -46,8 +52,10 @@ std::vector<std::byte> answer_applications(const dpi_engine *engine, const quest
     return make_text_answer(asked, body);
 }
 
-std::vector<std::byte> answer_clients(const config &settings, const question &asked) {
-    given_profiles given;
+std::vector<std::byte> answer_clients(const config &settings,
+                                      const std::vector<std::string> &inputs,
+                                      const question &asked) {
+    given_profiles given = {.inputs = inputs};
     given.add(settings.client);
     given.add(settings.uplink);
     for (const client_rule &rule : settings.rules)
@@ -61,11 +69,11 @@ std::vector<std::byte> answer_clients(const config &settings, const question &as
 } // namespace
 
 std::vector<std::byte> answer_tool(const dpi_engine *engine, const config &settings,
-                                   const question &asked) {
+                                   const std::vector<std::string> &inputs, const question &asked) {
     if (asked.head.op == AV_ASK_APPLICATIONS)
         return answer_applications(engine, asked);
     if (asked.head.op == AV_ASK_CLIENTS)
-        return answer_clients(settings, asked);
+        return answer_clients(settings, inputs, asked);
     return make_answer(asked, -1);
 }
 

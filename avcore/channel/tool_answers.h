@@ -5,10 +5,15 @@
 #include "avcore/engine/dpi.h"
 #include "avcore/settings/config.h"
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 namespace avcore {
 
-// -1 to a question that no tool asks either. `engine` is null where it is switched off.
+// -1 to a question that no tool asks either. `engine` is null where it is switched off; `inputs`
+// are the interfaces by which frames come.
 std::vector<std::byte> answer_tool(const dpi_engine *engine, const config &settings,
-                                   const question &asked);
+                                   const std::vector<std::string> &inputs, const question &asked);
 
 } // namespace avcore

@@ -36,15 +36,21 @@ client_rules::fitting client_rules::fitting_of(const endpoint &client) const {
         ++number;
         const bool any_client = !rule.mac && !rule.network && fits_capture(rule);
         if (any_client || names(rule, client))
-            return {rule.profile, number};
+            return {complete(rule.profile), number};
     }
-    return {settings_.client, 0};
+    return {complete(settings_.client), 0};
 }
 
-const side_profile &client_rules::server(const endpoint &side) const {
+client_profile client_rules::complete(client_profile profile) const {
+    if (profile.side.if_name.empty())
+        profile.side.if_name = captured_on_.empty() ? UNSEEN_INTERFACE : captured_on_;
+    return profile;
+}
+
+side_profile client_rules::server(const endpoint &side) const {
     for (const client_rule &rule : settings_.rules) {
         if (names(rule, side))
-            return rule.profile.side;
+            return complete(rule.profile).side;
     }
     return settings_.uplink;
 }

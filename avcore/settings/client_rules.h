@@ -24,12 +24,14 @@ public:
 
     // `rule`: counted from 1, as the file has them; 0: none fits, and the profile is everybody's.
     struct fitting {
-        const client_profile &profile;
+        client_profile profile;
         size_t rule;
     };
     fitting fitting_of(const endpoint &client) const;
     // The side opposite the client: another client of a rule of its own, else the uplink.
-    const side_profile &server(const endpoint &side) const;
+    side_profile server(const endpoint &side) const;
+    // As a flow has it: the file may leave open by which interface its client comes.
+    client_profile complete(client_profile profile) const;
 
 private:
     bool names(const client_rule &rule, const endpoint &side) const;

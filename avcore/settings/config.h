@@ -22,7 +22,7 @@ namespace avcore {
 
 // What the trailer says about one side of a flow.
 struct side_profile {
-    std::string if_name;
+    std::string if_name; // empty: the one by which the client's frames come
     uint32_t if_index = 0;
     uint32_t utp_id = 0;
 };
@@ -49,8 +49,11 @@ struct resolver {
     std::optional<mac_address> mac;
 };
 
+// Of a client whose frames come out of a file.
+inline constexpr char UNSEEN_INTERFACE[] = "wlan0";
+
 struct config {
-    client_profile client = {.side = {.if_name = "wlan0", .if_index = 1}};
+    client_profile client = {.side = {.if_name = "", .if_index = 1}};
     side_profile uplink = {.if_name = "eth0", .if_index = 2};
     std::vector<client_rule> rules; // the first that fits wins
     std::map<std::string, std::string, std::less<>> platform_values = {{AV_KEY_DPI_ENGINE, "1"}};

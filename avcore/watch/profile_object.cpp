@@ -25,10 +25,10 @@ void add_filter(json_object &object, uint32_t filter_type, bool has_engine) {
 client_rules::fitting fitting_of(const profile_question &asked, const client_rules &rules,
                                  const config &settings) {
     if (asked.rule && *asked.rule == 0)
-        return {settings.client, 0};
+        return {rules.complete(settings.client), 0};
     if (asked.rule && *asked.rule <= settings.rules.size()) {
         const auto rule = static_cast<size_t>(*asked.rule);
-        return {settings.rules[rule - 1].profile, rule};
+        return {rules.complete(settings.rules[rule - 1].profile), rule};
     }
     return rules.fitting_of(asked.client);
 }
@@ -38,7 +38,7 @@ void add_sides(json_object &object, const profile_question &asked, const profile
     const client_rules::fitting client = fitting_of(asked, rules, sources.settings);
     endpoint server_side;
     server_side.address = asked.server.value_or(ip_address());
-    const side_profile &server = rules.server(server_side);
+    const side_profile server = rules.server(server_side);
     object.add("rule", client.rule);
     object.add("interface", client.profile.side.if_name);
     object.add("utp", client.profile.side.utp_id);

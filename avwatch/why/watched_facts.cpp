@@ -95,16 +95,15 @@ bool is_meant(const flow_record &flow, const why_settings &asked) {
            (asked.name.empty() || is_called(flow, asked.name));
 }
 
-// Which [[rule]] the client has, as its latest flow says: it may name one of several interfaces.
-std::optional<uint64_t> known_rule(const std::vector<flow_record> &flows,
-                                   const ip_address &client) {
+// What tells by which of several interfaces the client comes, and so which [[rule]] it has.
+const flow_record *latest_flow(const std::vector<flow_record> &flows, const ip_address &client) {
     const flow_record *latest = nullptr;
     for (const flow_record &each : flows) {
         if (ip_address::parse(each.client) == client &&
             (latest == nullptr || each.last_us > latest->last_us))
             latest = &each;
     }
-    return latest != nullptr ? latest->why.rule : std::nullopt;
+    return latest;
 }
 
 // The one seen last.
@@ -347,10 +346,14 @@ flow_facts facts_from_avcore(const why_settings &asked, const invocation &around
     else if (clients.with_key(key) == nullptr)
         facts.notes.push_back(unknown_client(facts.client));
     profile_question about = question_about(facts, asked, flow);
-    about.rule = flow ? flow->why.rule : known_rule(flows, facts.client.address);
-    const std::optional<profile_record> said = ask_profile(*avcore, about);
+    const flow_record *seen = flow ? &*flow : latest_flow(flows, facts.client.address);
+    if (seen != nullptr)
+        about.rule = seen->why.rule;
+    std::optional<profile_record> said = ask_profile(*avcore, about);
     if (!said)
         throw refused("avcore doesn't say what it has for this client: name its file with -c");
+    if (seen != nullptr)
+        said->interface = seen->interface;
     take_profile(*said, facts);
     take_client_name(*avcore, about, facts, around.utc);
     if (flow)

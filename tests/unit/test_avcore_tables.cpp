@@ -187,7 +187,10 @@ TEST_F(AvcoreFlows, ClientIsTheSideThatARuleNamesElseTheFirstSender) {
     EXPECT_EQ(down.filter_type, AV_FILTER_URL);
 
     EXPECT_TRUE(flows.count_frame(tcp_frame("192.0.2.7", 443, "172.16.0.9", 1), 1).from_client);
-    EXPECT_EQ(client_rules(settings, "br0").fitting_of(reply.sender).profile.side.utp_id, 9u);
+    const side_profile stranger =
+        client_rules(settings, "br0").fitting_of(reply.sender).profile.side;
+    EXPECT_EQ(stranger.utp_id, 9u);
+    EXPECT_EQ(stranger.if_name, "br0"); // the rule gives none
 }
 
 TEST_F(AvcoreFlows, TheLeastRecentlySeenAreSummedUpAndVerdictsGoOutOfDate) {
