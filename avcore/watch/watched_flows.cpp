@@ -196,8 +196,8 @@ uint32_t watched_flows::observe(uint32_t place, const flow_sight &seen) {
     return place;
 }
 
-// What was over when it was first seen is none of anybody's here, but where a run before has left
-// it and its readers come back, or where a reader asks for it.
+// What was over before anybody looked is none of anybody's here, but where a run before has left it
+// and its readers come back, or where a reader asks for it.
 void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_counter &from) {
     watched_flow &flow = flows_[place];
     flow.seen = seen;
@@ -205,7 +205,7 @@ void watched_flows::begin(uint32_t place, const flow_sight &seen, const gate_cou
     flow.counts = {};
     flow.ending = ending_of(seen, around_.now_us());
     const bool is_past = flow.is_over() && seen.last_us <= around_.told_until_us;
-    flow.is_earlier = flow.is_over() && !is_past;
+    flow.is_earlier = flow.is_over() && !is_past && rounds_begun_ == 1;
     flow.is_asked = is_past && ends_us(seen) >= ends_from_us_;
     if (is_past && !flow.is_asked)
         return;
@@ -422,15 +422,15 @@ uint64_t watched_flows::want_round() {
 void watched_flows::begin_round() {
     wanted_ = false;
     walking_ = true;
-    round_begun_us_ = around_.now_us();
+    const int64_t before_us = std::exchange(round_begun_us_, around_.now_us());
     ++rounds_begun_;
     gate_walked_ = around_.behind == nullptr;
     gate_shown_ = !gate_walked_;
     cursor_ = 0;
     next_place_ = 0;
     rechecks_ = std::exchange(all_changed_, false);
-    if (rounds_begun_ > 1 || !awaits_readers())
-        around_.told_until_us = INT64_MAX;
+    if (rounds_begun_ > 1 || !awaits_readers()) // what came and went since the last round is news
+        around_.told_until_us = std::max(before_us, attended_us_) - LINGER_US;
     ends_from_us_ = INT64_MAX;
     for (const flow_reader *reader : readers_)
         ends_from_us_ = std::min(ends_from_us_, reader->ends_from_us());

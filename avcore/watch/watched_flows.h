@@ -58,7 +58,7 @@ public:
         std::string run;                 // a word that no other run has
         std::function<int64_t()> now_us; // of the flows' times
         // The run before told the ends of flows until then, and no later ones; INT64_MAX: there was
-        // none.
+        // none. Each round moves it on.
         int64_t told_until_us = INT64_MAX;
     };
     explicit watched_flows(surroundings around);

@@ -90,6 +90,17 @@ class WatchInline(InlineTest):
         self.until(lambda: client.send(bytes(100)) and reader.next() and
                    reader.flows[flow["id"]]["verdict"] == "allow")
 
+    def test_what_comes_and_goes_between_two_rounds_is_told(self):
+        self.start("", "--watch-socket", WATCH_SOCKET)
+        reader = self.reader()
+        reader.follow("flows", every_ms=8_000)
+        client, server = self.pair(socket.SOCK_STREAM, 4, ALLOWED)
+        port = client.getsockname()[1]
+        client.close()
+        server.close()
+        closed = self.told(reader, lambda flow: True, protocol="TCP", client_port=port)
+        self.assertEqual((closed["ended"], closed["verdict"]), ("fin", "allow"))
+
     def test_a_scan_leaves_readers_their_flows(self):
         """Of most of its connections avcore sees no copy, and so has no row."""
         self.start("", "--watch-socket", WATCH_SOCKET)
