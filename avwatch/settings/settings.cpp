@@ -97,7 +97,7 @@ void read_target(const toml::table &table, const toml_reader &in, export_setting
                                       : avcore::is_host_text(wanted.host);
     const bool is_port = !wanted.port.empty() && wanted.port.size() <= 5 &&
                          wanted.port.find_first_not_of("0123456789") == std::string::npos &&
-                         std::stoul(wanted.port) - 1 < UINT16_MAX;
+                         std::stoul(wanted.port) <= UINT16_MAX && std::stoul(wanted.port) != 0;
     if (!is_host || !is_port || (!rest.empty() && rest.front() != ':'))
         in.fail(
             text ? *in.find("ipfix") : table,
