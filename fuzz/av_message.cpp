@@ -106,7 +106,7 @@ void check_answer(const question &asked, const channel_answer &answer) {
 
 void name_servers(const byte_span message, flow_table &flows) {
     named_servers named;
-    named.add("RflowRoamInfo", message, 0);
+    named.add(ROAM_TOPIC, message, 0);
     const bool is_taken = !message.empty() && message.size() <= sizeof(roam_message);
     demand(named.due_ms() == (is_taken ? named_servers::DELAY_MS : NEVER_MS));
     for (const flow_row *row : named.take_flows(flows))

@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string sender(reinterpret_cast<const char *>(data) + 1, name_length);
     // Of its own, so that a read behind its end is seen.
     const std::vector<uint8_t> payload(data + 1 + name_length, data + size);
-    const wdlm_message message = {sender.c_str(), "RflowRoamInfo", payload.data(), payload.size()};
+    const wdlm_message message = {sender.c_str(), ROAM_TOPIC, payload.data(), payload.size()};
     jorn_prcs_RflowRoamInfo(nullptr, &message);
     if (jorn_state.dns_cache->count > static_cast<int32_t>(ROAM_FLOWS_MAX))
         abort();

@@ -13,7 +13,6 @@ namespace avcore {
 namespace {
 
 constexpr int64_t RECENT_US = 300'000'000;
-constexpr std::string_view ROAM_TOPIC = "RflowRoamInfo";
 
 // What DNS called the server, or else the daemon, whose own names are of the same kind: it has them
 // also from the access point that the station came from.

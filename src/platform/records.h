@@ -310,7 +310,10 @@ RECORD_HOLDS(offsetof(struct roam_flow, server_name) == 68);
 
 enum { ROAM_FLOWS_MAX = 128 }; // that one answer, and one message of the bus, holds
 
-// roam_message, 16,900 bytes, what goes over the bus: without the flows that it doesn't hold.
+#define ROAM_TOPIC "RflowRoamInfo"
+
+// roam_message, 16,900 bytes, what goes over the bus by that topic: without the flows that it
+// doesn't hold.
 struct roam_message {
     uint32_t count;
     struct roam_flow flows[ROAM_FLOWS_MAX];

@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr char TOPIC[] = "RflowRoamInfo";
 constexpr size_t PEER_NAME_SIZE = 32;
 
 constexpr size_t message_length(uint32_t count) {
@@ -103,7 +102,7 @@ int fail_set_up() {
 
 int publish(const char *peer, const void *message, size_t length) {
     constexpr char FUNCTION[] = "jorn_roam_sync_req";
-    wdlm_label *label = wdlm_create_plabel(0, peer, TOPIC, 0);
+    wdlm_label *label = wdlm_create_plabel(0, peer, ROAM_TOPIC, 0);
     if (label == nullptr) {
         JORN_ERROR_AS(FUNCTION, "wdlm_create_plabel failed");
         return ROAM_ERR_PUBLISH;
@@ -140,13 +139,13 @@ int jorn_init_roam_cfg(int arg) {
         wdlm_cleanup();
         return ROAM_ERR;
     }
-    subscription = wdlm_create_slabel(0, "*", TOPIC, 0);
+    subscription = wdlm_create_slabel(0, "*", ROAM_TOPIC, 0);
     if (subscription == nullptr) {
         JORN_ERROR("wdlm_create_slabel failed");
         return fail_set_up();
     }
     if (wdlm_sub(jorn_settings.bus, subscription, jorn_prcs_RflowRoamInfo, nullptr, 0) != 0) {
-        JORN_ERROR("wdlm_sub %s failed", TOPIC);
+        JORN_ERROR("wdlm_sub %s failed", ROAM_TOPIC);
         return fail_set_up();
     }
     return 0;
@@ -216,7 +215,7 @@ int jorn_roam_sync_req(const void *notify_payload, const void *message, size_t l
 }
 
 void jorn_prcs_RflowRoamInfo(void *, const wdlm_message *message) {
-    JORN_DEBUG("receive %s from %s, let's process\n", TOPIC,
+    JORN_DEBUG("receive %s from %s, let's process\n", ROAM_TOPIC,
                printable_text(message->sender).c_str());
     const auto *bytes = static_cast<const uint8_t *>(message->payload);
     uint32_t count = 0;
