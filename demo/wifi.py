@@ -82,8 +82,7 @@ class Air:
 
     def __init__(self):
         self._heard, self._goes_on = collections.Counter(), True
-        self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
-        self._socket.bind(("hwsim0", 0))
+        self._socket = packet_socket("hwsim0")
         self._socket.settimeout(0.2)
         self._thread = threading.Thread(target=self._listen, daemon=True)
         self._thread.start()

@@ -2,11 +2,13 @@
 import contextlib
 import ctypes
 import os
+import socket
 import subprocess
 
 from .programs import run, wait_until
 
 SLOW_WIRE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "slow_wire.py")
+ETH_P_ALL = 3
 
 
 def inside(netns):
@@ -27,6 +29,16 @@ def namespace(netns):
             yield
         finally:
             assert libc.setns(here.fileno(), 0) == 0
+
+
+def packet_socket(interface, *options):
+    """For all packets there, and for no others: with a protocol from its beginning it would have those
+    of all interfaces, and without the options, until it is bound."""
+    made = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    for option in options:
+        made.setsockopt(*option)
+    made.bind((interface, ETH_P_ALL))
+    return made
 
 
 def ip(netns, *words):

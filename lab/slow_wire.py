@@ -17,16 +17,17 @@ import sys
 import time
 
 SOL_PACKET, VNET_HDR, IGNORE_OUTGOING = 263, 15, 23
+ETH_P_ALL = 3
 RCVBUFFORCE = 33
 SEGMENTS = 10 + 65536 + 14  # frames larger than the MTU stay whole, with what the kernel says of them
 
 
 def end_of_wire(interface):
-    end = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+    end = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)  # until it is bound, of no packets
     end.setsockopt(SOL_PACKET, VNET_HDR, 1)
     end.setsockopt(SOL_PACKET, IGNORE_OUTGOING, 1)
     end.setsockopt(socket.SOL_SOCKET, RCVBUFFORCE, 16 << 20)
-    end.bind((interface, 0))
+    end.bind((interface, ETH_P_ALL))
     end.setblocking(False)
     return end
 

@@ -21,6 +21,7 @@ FAMILIES = {4: socket.AF_INET, 6: socket.AF_INET6}
 TCP, UDP = 6, 17
 RST = 4
 SOL_PACKET, PACKET_STATISTICS, VNET_HDR, IGNORE_OUTGOING = 263, 6, 15, 23
+SO_ATTACH_FILTER, SO_RCVBUFFORCE, SO_TIMESTAMPNS = 26, 33, 35
 SO_RCVPRIORITY = 82  # since Linux 6.14
 CONFIG = "/tmp/inline.toml"
 REPORT = "/tmp/inline.json"
@@ -126,16 +127,13 @@ class Arrivals:
     """What comes in at an interface, from now on."""
 
     def __init__(self, netns=None, interface="eth0"):
-        with namespace(netns) if netns else contextlib.nullcontext():
-            self._socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
-        self._socket.setsockopt(SOL_PACKET, VNET_HDR, 1)
-        self._socket.setsockopt(SOL_PACKET, IGNORE_OUTGOING, 1)
-        self._socket.setsockopt(socket.SOL_SOCKET, 33, 32 << 20)  # SO_RCVBUFFORCE
-        self._socket.setsockopt(socket.SOL_SOCKET, 35, 1)         # SO_TIMESTAMPNS
         steps = ctypes.create_string_buffer(NOT_THE_FLOOD)
-        self._socket.setsockopt(socket.SOL_SOCKET, 26, struct.pack(  # SO_ATTACH_FILTER
-            "HP", len(NOT_THE_FLOOD) // 8, ctypes.addressof(steps)))
-        self._socket.bind((interface, 0))
+        filtered = struct.pack("HP", len(NOT_THE_FLOOD) // 8, ctypes.addressof(steps))
+        with namespace(netns):
+            self._socket = packet_socket(
+                interface, (SOL_PACKET, VNET_HDR, 1), (SOL_PACKET, IGNORE_OUTGOING, 1),
+                *((socket.SOL_SOCKET, *option) for option in (
+                    (SO_RCVBUFFORCE, 32 << 20), (SO_TIMESTAMPNS, 1), (SO_ATTACH_FILTER, filtered))))
         self._socket.settimeout(0.1)
         self._packets = Record("packets")
         self._open = True

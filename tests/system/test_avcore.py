@@ -176,9 +176,7 @@ class Avcore(SystemTest):
         self.daemon_behind_avcore()
         fcntl.fcntl(avcore.stdout, fcntl.F_SETPIPE_SZ, 4096)
         capture = pcap([udp_frame(1, 2 + n) for n in range(100)])
-        with open("/tmp/pipe", "wb", buffering=0) as pipe, socket.socket(
-                socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3)) as fed:
-            fed.bind((CAPTURE, 0))
+        with open("/tmp/pipe", "wb", buffering=0) as pipe, packet_socket(CAPTURE) as fed:
             fed.settimeout(DEADLINE)
 
             def wait_for_frame(port):

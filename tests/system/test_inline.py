@@ -67,9 +67,8 @@ class Layout:
 
     def packets_to_client(self):
         """A socket that takes them as they leave, with their priorities; None if it can't."""
-        taken = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
+        taken = packet_socket("wlan0")
         self.addCleanup(taken.close)
-        taken.bind(("wlan0", 0))
         taken.setblocking(False)
         with contextlib.suppress(OSError):
             taken.setsockopt(socket.SOL_SOCKET, SO_RCVPRIORITY, 1)

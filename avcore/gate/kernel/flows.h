@@ -150,8 +150,8 @@ static __always_inline bool comes_again(const struct packet *packet,
     return (asks && has_ended) || (__s64)(now - record->last_ns) > (__s64)GATE_IDLE_NS;
 }
 
-/* The exact time, by which flows of one tick are told apart. Two processors that do it at once take
- * two snapshots of the same. */
+/* The exact time, by which flows of one tick are told apart. What another processor has at hand, a
+ * tick's packets, counts for the new flow; two that begin it at once take two snapshots. */
 static __always_inline void begin_again(struct gate_flow_record *record) {
     record->before = record->counter;
     record->begun_ns = record->last_ns = monotonic_now();
