@@ -249,9 +249,7 @@ class History(Served):
         avcore.kill()
         with open(f"/proc/{self.server.pid}/status") as status:
             peak_kb = int(re.search(r"VmHWM:\s+(\d+)", status.read())[1])
-        with open(jorn_path("avwatch"), "rb") as program:
-            is_sanitized = b"__asan_init" in program.read()  # whose memory says nothing of ours
-        if not is_sanitized:
+        if not is_sanitized("avwatch"):
             self.assertLess(peak_kb, 64_000)
         self.stop()
 
