@@ -126,6 +126,7 @@ public:
             each->messages.add_templates();
         flows_.set_clock(0);
         flows_.connected("", -1);
+        counted_.listed(now_ms_);
     }
 
     void take_line(std::string_view line) {
@@ -167,6 +168,7 @@ private:
     void begin(const std::string &epoch) {
         counted_.connected(epoch);
         flows_.connected(epoch, now_ms_);
+        counted_.listed(now_ms_);
     }
 
     void crowd() {
