@@ -17,7 +17,7 @@ JUDGED_S = 10         # in which every flow has to be judged again
 QUIET_S = 1, 4        # between two faults
 SAMPLE_S = 1
 CALM_SHARE = 1 / 3    # of the time at the end in which nothing is killed, so that memory shows
-WARM_UP_S = 120       # of that, in which memory may still grow
+WARM_SHARE = 1 / 2    # of that, in which memory may still grow: the last few MB take ten minutes
 GROWTH = 1.05         # of memory behind that, with
 GROWTH_KB = 2_048     # as much more, and
 MORE_DESCRIPTORS = 4  # which may be open just then
@@ -387,7 +387,9 @@ class Faults(Box):
         """What each has now, against what it had when it was warm."""
         for name, samples in self.memory.items():
             now = [each for each in samples if each[1] == samples[-1][1]]
-            warm = [each for each in now if each[0] >= max((self.calm_since or 1e9) + WARM_UP_S, now[0][0])]
+            end = samples[-1][0]
+            warm_at = end - (end - self.calm_since) * (1 - WARM_SHARE) if self.calm_since else end + 1
+            warm = [each for each in now if each[0] >= warm_at]
             print(f"{name}: {now[-1][2] // 1024} MB, {now[-1][3]} descriptors after {now[-1][0] - now[0][0]:.0f} s; "
                   f"{max(each[2] for each in samples) // 1024} MB at most", end="")
             if warm:
