@@ -57,10 +57,15 @@ class Layout:
                            *options, f"http://{NAME}:{PAGES}/film")
 
     def load(self, version, *options):
-        self.in_client("iperf3", "-c", SERVERS[version], "-p", str(SPEED), "-n", "2M", "-b", "100M", *options)
+        """Behind each run the server listens anew, and is away for a moment."""
+        words = "iperf3", "-c", SERVERS[version], "-p", str(SPEED), "-n", "2M", "-b", "100M", *options
+        self.until(lambda: self.run_in_client(*words).returncode == 0)
+
+    def run_in_client(self, *words):
+        return subprocess.run([*inside("client"), *words], capture_output=True, text=True)
 
     def in_client(self, *words):
-        done = subprocess.run([*inside("client"), *words], capture_output=True, text=True)
+        done = self.run_in_client(*words)
         self.assertEqual(done.returncode, 0, (words, done.stdout, done.stderr))
 
     def arrived_by_flow(self):
