@@ -59,7 +59,13 @@ class Layout:
     def load(self, version, *options):
         """Behind each run the server listens anew, and is away for a moment."""
         words = "iperf3", "-c", SERVERS[version], "-p", str(SPEED), "-n", "2M", "-b", "100M", *options
-        self.until(lambda: self.run_in_client(*words).returncode == 0)
+
+        def has_run():
+            done = self.run_in_client(*words)
+            is_refused = "Connection refused" in done.stderr
+            self.assertTrue(is_refused or done.returncode == 0, (words, done.stdout, done.stderr))
+            return not is_refused
+        self.until(has_run)
 
     def run_in_client(self, *words):
         return subprocess.run([*inside("client"), *words], capture_output=True, text=True)
