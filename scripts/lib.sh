@@ -11,7 +11,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libpcap-dev libcli11-dev nlohma
     clang libbpf-dev)
 # shellcheck disable=SC2034 # the scripts choose from these lists
 TEST_PACKAGES=(libgtest-dev libbenchmark-dev libndpi-bin iproute2 procps python3 python3-jsonschema
-    mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev llvm
+    mandoc sqlite3 tmux dnsmasq-base curl iperf3 iputils-ping openssl clang-format clang-tidy shellcheck libclang-rt-dev lld llvm
     llvm-dev libclang-dev)
 # shellcheck disable=SC2034
 BROWSER_PACKAGES=(chromium chromium-driver python3-selenium)

@@ -59,7 +59,8 @@ class Limits:
             started = time.time()
             for half_second in range(6 * lasts):  # the first of these spans begin before all is decided
                 found = dict(measure(started + half_second / 2))
-                if found and all(passing.holds and passing.is_limited for passing in found.values()):
+                if found and all(passing.holds and passing.is_limited and passing.versions == set(versions)
+                                 for passing in found.values()):
                     break
         for before, _ in ways.values():
             before.close()
