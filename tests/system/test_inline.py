@@ -362,7 +362,8 @@ class Routed(Layout, InlineTest):
         with socket.create_connection(("127.0.0.1", 5670)) as peer:
             peer.sendall(struct.pack(">I", len(message)) + message)
             self.until(lambda: self.is_stopped(flows[0], 100))
-        self.assertEqual(self.arrived(flows[1].socket), list(range(flows[1].stop())))
+        sent = flows[1].stop()
+        self.assertEqual(self.arrived(flows[1].socket), list(range(sent)))
 
     def test_set_up_and_torn_down(self):
         self._lay_out(0)
