@@ -18,7 +18,7 @@ volatile unsigned looked_at;
 
 void look_at(std::span<const std::byte> handed) {
     for (const std::byte each : handed)
-        looked_at = looked_at + std::to_integer<unsigned>(each);
+        looked_at = looked_at ^ std::to_integer<unsigned>(each);
 }
 
 void look_at(const char *text) {
