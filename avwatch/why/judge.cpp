@@ -102,30 +102,33 @@ void take_port_services(const std::string &text) {
     jorn_parse_port_service_conf_file(path.c_str(), &jorn_state.port_apps);
 }
 
+// Returns what is behind it.
 template <typename Header>
-void append(std::vector<uint8_t> &frame, const Header &header) {
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&header);
-    frame.insert(frame.end(), bytes, bytes + sizeof header);
+uint8_t *put(uint8_t *at, const Header &header) {
+    memcpy(at, &header, sizeof header);
+    return at + sizeof header;
 }
 
 // Nobody looks at checksums.
 std::vector<uint8_t> frame_of(const judged_flow &flow) {
     const bool is_tcp = flow.ip_proto == IPPROTO_TCP;
-    std::vector<uint8_t> frame;
+    const size_t segment = is_tcp ? sizeof(tcphdr) : sizeof(udphdr);
+    std::vector<uint8_t> frame(sizeof(ether_header) + sizeof(iphdr) + segment +
+                               sizeof flow.trailer);
     ether_header ethernet = {};
     std::copy(flow.client_mac.begin(), flow.client_mac.end(), ethernet.ether_shost);
     ethernet.ether_type = htons(ETHERTYPE_IP);
-    append(frame, ethernet);
+    uint8_t *behind = put(frame.data(), ethernet);
 
     iphdr ip = {};
     ip.version = 4;
     ip.ihl = sizeof ip / 4;
-    ip.tot_len = htons(sizeof ip + (is_tcp ? sizeof(tcphdr) : sizeof(udphdr)));
+    ip.tot_len = htons(static_cast<uint16_t>(sizeof ip + segment));
     ip.ttl = IPDEFTTL;
     ip.protocol = flow.ip_proto;
     ip.saddr = flow.client_be;
     ip.daddr = flow.server_be;
-    append(frame, ip);
+    behind = put(behind, ip);
 
     if (is_tcp) {
         tcphdr tcp = {};
@@ -133,15 +136,15 @@ std::vector<uint8_t> frame_of(const judged_flow &flow) {
         tcp.dest = htons(flow.server_port);
         tcp.doff = sizeof tcp / 4;
         tcp.syn = 1;
-        append(frame, tcp);
+        behind = put(behind, tcp);
     } else {
         udphdr udp = {};
         udp.source = htons(flow.client_port);
         udp.dest = htons(flow.server_port);
         udp.len = htons(sizeof udp);
-        append(frame, udp);
+        behind = put(behind, udp);
     }
-    append(frame, flow.trailer);
+    put(behind, flow.trailer);
     return frame;
 }
 
